@@ -1,0 +1,116 @@
+// Locks over the POSIX objects, annotated for clang's thread-safety analysis, and their guards.
+//
+// We do not use the standard library's: its condition variable may not be cancelled while waiting,
+// and its shared lock may starve writers.
+#pragma once
+
+#include <pthread.h>
+
+// Attributes have no spelling that all compilers share; these are the names clang documents.
+#if defined(__clang__)
+#define VESK_THREAD_ATTRIBUTE(x) __attribute__((x))
+#else
+#define VESK_THREAD_ATTRIBUTE(x)
+#endif
+#define VESK_CAPABILITY(x) VESK_THREAD_ATTRIBUTE(capability(x))
+#define VESK_SCOPED_CAPABILITY VESK_THREAD_ATTRIBUTE(scoped_lockable)
+#define VESK_GUARDED_BY(x) VESK_THREAD_ATTRIBUTE(guarded_by(x))
+#define VESK_ACQUIRE(...) VESK_THREAD_ATTRIBUTE(acquire_capability(__VA_ARGS__))
+#define VESK_ACQUIRE_SHARED(...) VESK_THREAD_ATTRIBUTE(acquire_shared_capability(__VA_ARGS__))
+#define VESK_RELEASE(...) VESK_THREAD_ATTRIBUTE(release_capability(__VA_ARGS__))
+#define VESK_RELEASE_GENERIC(...) VESK_THREAD_ATTRIBUTE(release_generic_capability(__VA_ARGS__))
+#define VESK_REQUIRES(...) VESK_THREAD_ATTRIBUTE(requires_capability(__VA_ARGS__))
+#define VESK_REQUIRES_SHARED(...) VESK_THREAD_ATTRIBUTE(requires_shared_capability(__VA_ARGS__))
+#define VESK_EXCLUDES(...) VESK_THREAD_ATTRIBUTE(locks_excluded(__VA_ARGS__))
+
+namespace vesk {
+
+class VESK_CAPABILITY("mutex") Mutex {
+ public:
+    Mutex() = default;
+    ~Mutex() { pthread_mutex_destroy(&mutex_); }
+    Mutex(const Mutex&) = delete;
+    Mutex& operator=(const Mutex&) = delete;
+
+    void lock() VESK_ACQUIRE() { pthread_mutex_lock(&mutex_); }
+    void unlock() VESK_RELEASE() { pthread_mutex_unlock(&mutex_); }
+
+ private:
+    friend class CondVar;
+    pthread_mutex_t mutex_ = PTHREAD_MUTEX_INITIALIZER;
+};
+
+class VESK_SCOPED_CAPABILITY MutexLock {
+ public:
+    explicit MutexLock(Mutex& mutex) VESK_ACQUIRE(mutex) : mutex_(mutex) { mutex_.lock(); }
+    ~MutexLock() VESK_RELEASE() { mutex_.unlock(); }
+    MutexLock(const MutexLock&) = delete;
+    MutexLock& operator=(const MutexLock&) = delete;
+
+ private:
+    Mutex& mutex_;
+};
+
+/// Readers share, a writer is alone. A waiting writer goes before new readers: with a datapath that
+/// reads without a pause, a command that writes would otherwise never get its turn. Never take it
+/// for reading twice in one thread.
+class VESK_CAPABILITY("shared_mutex") RwLock {
+ public:
+    RwLock() {
+        pthread_rwlockattr_t attributes;
+        pthread_rwlockattr_init(&attributes);
+        pthread_rwlockattr_setkind_np(&attributes, PTHREAD_RWLOCK_PREFER_WRITER_NONRECURSIVE_NP);
+        pthread_rwlock_init(&lock_, &attributes);
+        pthread_rwlockattr_destroy(&attributes);
+    }
+    ~RwLock() { pthread_rwlock_destroy(&lock_); }
+    RwLock(const RwLock&) = delete;
+    RwLock& operator=(const RwLock&) = delete;
+
+    void lockRead() VESK_ACQUIRE_SHARED() { pthread_rwlock_rdlock(&lock_); }
+    void lockWrite() VESK_ACQUIRE() { pthread_rwlock_wrlock(&lock_); }
+    void unlock() VESK_RELEASE_GENERIC() { pthread_rwlock_unlock(&lock_); }
+
+ private:
+    pthread_rwlock_t lock_;
+};
+
+class VESK_SCOPED_CAPABILITY ReadLock {
+ public:
+    explicit ReadLock(RwLock& lock) VESK_ACQUIRE_SHARED(lock) : lock_(lock) { lock_.lockRead(); }
+    ~ReadLock() VESK_RELEASE_GENERIC() { lock_.unlock(); }
+    ReadLock(const ReadLock&) = delete;
+    ReadLock& operator=(const ReadLock&) = delete;
+
+ private:
+    RwLock& lock_;
+};
+
+class VESK_SCOPED_CAPABILITY WriteLock {
+ public:
+    explicit WriteLock(RwLock& lock) VESK_ACQUIRE(lock) : lock_(lock) { lock_.lockWrite(); }
+    ~WriteLock() VESK_RELEASE() { lock_.unlock(); }
+    WriteLock(const WriteLock&) = delete;
+    WriteLock& operator=(const WriteLock&) = delete;
+
+ private:
+    RwLock& lock_;
+};
+
+/// A condition variable whose wait may be cancelled: the mutex is then locked again and released by
+/// the caller's guard while the thread unwinds.
+class CondVar {
+ public:
+    CondVar() = default;
+    ~CondVar() { pthread_cond_destroy(&condition_); }
+    CondVar(const CondVar&) = delete;
+    CondVar& operator=(const CondVar&) = delete;
+
+    void wait(Mutex& mutex) VESK_REQUIRES(mutex) { pthread_cond_wait(&condition_, &mutex.mutex_); }
+    void signal() { pthread_cond_signal(&condition_); }
+
+ private:
+    pthread_cond_t condition_ = PTHREAD_COND_INITIALIZER;
+};
+
+}  // namespace vesk

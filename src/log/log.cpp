@@ -1,0 +1,61 @@
+#include "log/log.h"
+
+#include <algorithm>
+#include <array>
+#include <cstdio>
+#include <string>
+
+namespace vesk {
+
+namespace {
+
+struct NamedLevel {
+    std::string_view name;
+    LogLevel level;
+};
+
+constexpr std::array<NamedLevel, 5> namedLevels{{{"error", LogLevel::error},
+                                                 {"warn", LogLevel::warn},
+                                                 {"info", LogLevel::info},
+                                                 {"debug", LogLevel::debug},
+                                                 {"trace", LogLevel::trace}}};
+
+}  // namespace
+
+namespace detail {
+std::atomic<int> currentLogLevel{static_cast<int>(LogLevel::info)};
+}  // namespace detail
+
+std::string_view logLevelName(LogLevel level) {
+    return namedLevels.at(static_cast<std::size_t>(level) - 1).name;
+}
+
+bool setLogLevelByName(std::string_view name) {
+    const auto* const row = std::find_if(namedLevels.begin(), namedLevels.end(),
+                                         [name](const NamedLevel& it) { return it.name == name; });
+    if (row == namedLevels.end()) {
+        return false;
+    }
+    detail::currentLogLevel.store(static_cast<int>(row->level), std::memory_order_relaxed);
+    return true;
+}
+
+void writeToStandardOutput(std::string_view text) {
+    if (!text.empty() && std::fwrite(text.data(), text.size(), 1, stdout) == 1) {
+        // The reader waits for whole lines. That nobody reads them any more is not our failure.
+        static_cast<void>(std::fflush(stdout));
+    }
+}
+
+void emitLine(std::string_view levelName, std::string_view message) {
+    std::string line;
+    line.reserve(levelName.size() + message.size() + 2);
+    line.append(levelName).append(1, ' ').append(message).append(1, '\n');
+    writeToStandardOutput(line);
+}
+
+void emitLine(std::string_view levelName, const std::ostringstream& message) {
+    emitLine(levelName, message.view());
+}
+
+}  // namespace vesk
