@@ -1,0 +1,83 @@
+// An IP endpoint as a value: host text, port and the socket address ready for bind or sendmsg. The
+// only place, besides the wire formats, that looks inside a sockaddr. Any thread; values are not
+// shared.
+#pragma once
+
+#include <netinet/in.h>
+#include <sys/socket.h>
+
+#include <array>
+#include <cstdint>
+#include <span>
+#include <string>
+#include <string_view>
+
+namespace vesk {
+
+/// A socket address of any family as the kernel wrote it; empty when its length is 0. Trivially
+/// copyable, so that the datapath can pass it about without an allocation.
+struct SocketAddress {
+    sockaddr_storage storage{};
+    socklen_t length = 0;
+
+    SocketAddress() = default;
+    SocketAddress(const sockaddr* address, socklen_t addressLength);
+
+    const sockaddr* get() const { return reinterpret_cast<const sockaddr*>(&storage); }
+    sockaddr* get() { return reinterpret_cast<sockaddr*>(&storage); }
+    std::span<const std::uint8_t> bytes() const;
+};
+
+/// Same length and same bytes.
+bool operator==(const SocketAddress& left, const SocketAddress& right);
+
+class IPAddrInfo {
+ public:
+    IPAddrInfo() = default;
+
+    /// From configuration. An empty host or a port of 0 stays unresolved without an error (in an
+    /// update it means that the old host or port is kept); anything else is looked up.
+    /// Throws std::runtime_error where the resolver fails and std::invalid_argument where it has
+    /// no usable answer. The port is stored as its low 16 bits; the resolver is given all 32.
+    IPAddrInfo(const std::string& host, std::uint32_t port);
+
+    /// From the network. The length must be at most 128. Families other than IPv4 and IPv6 keep
+    /// an empty host and port 0. Throws std::runtime_error where the address cannot be printed.
+    IPAddrInfo(const sockaddr* address, socklen_t length);
+
+    const std::string& host() const { return host_; }
+    /// Host byte order; 0 means none.
+    std::uint16_t port() const { return port_; }
+    /// AF_INET, AF_INET6, or 0 while unresolved.
+    int family() const { return family_; }
+    bool resolved() const { return address_.length != 0; }
+    const SocketAddress& socketAddress() const { return address_; }
+    const sockaddr* addr() const { return address_.get(); }
+    socklen_t addrLen() const { return address_.length; }
+
+ private:
+    std::string host_;
+    std::uint16_t port_ = 0;
+    int family_ = 0;
+    SocketAddress address_;
+};
+
+/// The merge that an update makes: the parts that `newer` lacks come from `older`, and what was put
+/// together is resolved again, which may throw as the constructor does.
+IPAddrInfo mergeAddresses(const IPAddrInfo& newer, const IPAddrInfo& older);
+
+/// "::" for AF_INET6, "0.0.0.0" for any other family.
+std::string_view wildcardAddress(int family);
+/// "::" for a text with a colon in it, "0.0.0.0" for any other.
+std::string_view wildcardAddress(std::string_view address);
+
+/// The family that an address text is taken to be of: AF_INET6 where it holds a colon.
+int familyOfAddressText(std::string_view address);
+
+/// The same address with another port, in host byte order.
+SocketAddress withPort(SocketAddress address, std::uint16_t port);
+
+/// Whether `family` has socket addresses of exactly this length.
+bool isAddressOfFamily(int family, std::size_t length);
+
+}  // namespace vesk
