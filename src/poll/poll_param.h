@@ -1,0 +1,72 @@
+// What the poll loop and its workers share: one queue for each worker, and the loop's own counters.
+#pragma once
+
+#include <atomic>
+#include <cstdint>
+#include <deque>
+#include <functional>
+#include <memory>
+#include <vector>
+
+#include "base/counter.h"
+#include "base/sync.h"
+#include "base/thread_control.h"
+
+namespace vesk {
+
+/// Receives what is ready on one descriptor. `keep` comes in true; left so, the descriptor is
+/// served again in the next pass. A positive result is added to the worker's received total.
+using ReceiveFunction = std::function<int(int fd, bool& keep, std::uint32_t workerParameter)>;
+
+/// One worker with its queue. The poll loop fills the queue, the worker empties it.
+struct PollParam {
+    explicit PollParam(ReceiveFunction receiveFunction) : receive(std::move(receiveFunction)) {}
+
+    CancellableThread thread;
+
+    Mutex mutex;
+    CondVar ready;
+    std::deque<int> queue VESK_GUARDED_BY(mutex);
+
+    // Constant while the worker runs.
+
+    std::uint32_t workerParameter = 0;
+    ReceiveFunction receive;
+    /// Slept after each pass, in microseconds; 0 for no pause.
+    std::uint32_t pause = 0;
+
+    // Written by the worker, read by the report.
+
+    Counter receivedTotal;
+    Counter wakeCount;
+    /// The lengths of the queue at each wake, added up; as wide as it is reported.
+    std::atomic<std::uint32_t> queueDepthSum{0};
+};
+
+using PollParams = std::vector<std::shared_ptr<PollParam>>;
+
+/// Ends the threads in list order, then empties the list.
+void stopThreads(PollParams& threads);
+
+/// The poll loop's parameters, and the counters that it alone writes.
+struct PollThreadParam {
+    PollThreadParam(int channel, const PollParams& readWorkers, const PollParams& writeWorkers)
+        : msgchanfd(channel), readQueues(readWorkers), writeQueues(writeWorkers) {}
+
+    CancellableThread thread;
+
+    /// The loop's end of the message channel.
+    const int msgchanfd;
+    const PollParams& readQueues;
+    unsigned long readStart = 0;
+    const PollParams& writeQueues;
+    unsigned long writeStart = 0;
+
+    Counter RdReadyNr;
+    Counter WrReadyNr;
+    Counter ErrorNr;
+    /// Descriptors armed at present.
+    std::atomic<std::int32_t> ActiveEvtNr{0};
+};
+
+}  // namespace vesk
