@@ -1,0 +1,155 @@
+// One endpoint: its sockets, its flow, its counters and what it remembers of its peer.
+//
+// Members are grouped by who may touch them. Knows nothing of the poll loop: what becomes of the
+// sockets in the end is the deleter's business, which comes from outside.
+#pragma once
+
+#include <sys/uio.h>
+
+#include <array>
+#include <atomic>
+#include <cstdint>
+#include <functional>
+#include <memory>
+#include <span>
+
+#include "base/counter.h"
+#include "base/sync.h"
+#include "flow/flow_desc.h"
+
+namespace vesk {
+
+/// No datagram is larger, headers of every kind included.
+inline constexpr std::size_t maxDatagramSize = 2048;
+
+/// Called once with the read and the write socket when the last holder lets go.
+using EndpointDeleter = std::function<void(int rdsockfd, int wrsockfd)>;
+
+/// What came with a datagram over the lateral stream and goes back with its reply: the length byte,
+/// the peer's address and the lateral HMAC, as they were received. Empty for a datagram that came
+/// straight from a peer. In place, since one is made for each lateral datagram.
+class ReturnPath {
+ public:
+    static constexpr std::size_t capacity = 1 + 28 + 16;
+
+    ReturnPath() = default;
+    /// At most `capacity` bytes.
+    explicit ReturnPath(std::span<const std::uint8_t> bytes);
+
+    std::span<const std::uint8_t> bytes() const { return std::span(bytes_).first(size_); }
+    bool empty() const { return size_ == 0; }
+
+    friend bool operator==(const ReturnPath& left, const ReturnPath& right);
+
+ private:
+    std::array<std::uint8_t, capacity> bytes_{};
+    std::uint8_t size_ = 0;
+};
+
+/// Where replies of a flow go. The three belong to one datagram: they are read and replaced
+/// together, so that no reply goes to half of one sender and half of another.
+struct ReplyRoute {
+    /// The last sender.
+    IPAddrInfo peer;
+    /// The address on which its datagram arrived; port 0, the interface in the scope of IPv6.
+    IPAddrInfo local;
+    ReturnPath returnPath;
+};
+
+struct EndpointCounters {
+    /// Datagrams received. One receiving thread at a time.
+    Counter rxDg;
+    /// Datagrams sent in full.
+    SharedCounter txDg;
+    /// Datagrams received but rejected or truncated.
+    SharedCounter rxDgError;
+    /// Datagrams that could not be sent.
+    SharedCounter txDgDropped;
+    /// The same as the two for sent datagrams, of the return direction.
+    SharedCounter dnTxDg;
+    SharedCounter dnTxDgDropped;
+};
+
+class VeskEndpointDescriptor {
+ public:
+    VeskEndpointDescriptor(std::uint32_t flowLabel, int readSocket, int writeSocket,
+                           const FlowDesc& flowDesc, EndpointDeleter endpointDeleter);
+    /// Runs the deleter; an empty one ends the process.
+    ~VeskEndpointDescriptor();
+    VeskEndpointDescriptor(const VeskEndpointDescriptor&) = delete;
+    VeskEndpointDescriptor& operator=(const VeskEndpointDescriptor&) = delete;
+
+    /// A copy of the route, as one datagram left it.
+    ReplyRoute replyRoute() const VESK_EXCLUDES(routeLock);
+
+    /// Notes that the flow saw traffic. Written only on a change, so that the flag's cache line is
+    /// not passed to and fro for every datagram.
+    void markActive() {
+        if (idle.load(std::memory_order_relaxed)) {
+            idle.store(false, std::memory_order_relaxed);
+        }
+    }
+
+    // Constant after construction (the local address after the socket was bound).
+
+    /// 0 for the downstream and the lateral endpoint.
+    const std::uint32_t label;
+    const int rdsockfd;
+    /// A duplicate of the read socket; the same descriptor for the downstream and lateral endpoint.
+    const int wrsockfd;
+    /// Of the sockets.
+    int family;
+    IPAddrInfo localAddress;
+    IPAddrInfo peerAddress;
+
+    // The thread that receives on the read socket, one at a time.
+
+    std::array<std::uint8_t, maxDatagramSize> receiveBuffer{};
+    iovec scatter{receiveBuffer.data(), maxDatagramSize};
+    /// Held by the worker that is serving the read socket: a descriptor number that a worker kept
+    /// from an endpoint that is gone may lead it here while another worker serves this one.
+    std::atomic<bool> beingServed{false};
+
+    // Any thread.
+
+    EndpointCounters counters;
+    /// Set by the clean-up pass, cleared by traffic.
+    std::atomic<bool> idle{false};
+    /// Whether options, address and registration with the poll loop are done; until then only the
+    /// thread that created the endpoint uses it.
+    std::atomic<bool> prepared{false};
+
+    /// The flow as it was declared. Constant, but for the HMAC contexts: those of `down.inHmac` and
+    /// `up.outHmac` belong to whoever holds `towardsUpstream`, those of `up.inHmac` and
+    /// `down.outHmac` to whoever holds `towardsDownstream`. Uncontended unless datagrams of one
+    /// flow come both directly and over the lateral stream, or replies of a multiplexed flow on
+    /// several sockets.
+    FlowDesc flow;
+    Mutex towardsUpstream;
+    Mutex towardsDownstream;
+
+    /// Guards the addresses that traffic teaches. Readers are many, writers rare.
+    mutable RwLock routeLock;
+    ReplyRoute route VESK_GUARDED_BY(routeLock);
+    /// The address that datagrams are sent upstream from: as configured, then as replies show it.
+    IPAddrInfo upstreamLocal VESK_GUARDED_BY(routeLock);
+
+ private:
+    EndpointDeleter deleter_;
+};
+
+using EndpointPtr = std::shared_ptr<VeskEndpointDescriptor>;
+
+/// A shared reference that commands replace while other threads read it.
+class EndpointSlot {
+ public:
+    EndpointPtr load() const VESK_EXCLUDES(mutex_);
+    /// Returns what was held before, for the caller to release.
+    EndpointPtr exchange(EndpointPtr endpoint) VESK_EXCLUDES(mutex_);
+
+ private:
+    mutable Mutex mutex_;
+    EndpointPtr endpoint_ VESK_GUARDED_BY(mutex_);
+};
+
+}  // namespace vesk

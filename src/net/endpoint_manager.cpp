@@ -1,0 +1,251 @@
+#include "net/endpoint_manager.h"
+
+#include <ios>
+#include <utility>
+
+#include "log/log.h"
+#include "net/endpoint_sockets.h"
+
+namespace vesk {
+
+namespace {
+
+constexpr std::uint16_t prefixOf(std::uint32_t label) {
+    return static_cast<std::uint16_t>(label >> 16);
+}
+
+/// The record of an auxiliary flow, made from that of the prefix's owner.
+FlowDesc makeAuxFlow(const FlowDesc& base, std::uint32_t label) {
+    FlowDesc flow = base;
+    flow.isAuxFlow = 1;
+    flow.label = label;
+    flow.up.label = (base.upAuxFlowLabel & 0xFFFF0000U) | (label & 0xFFFFU);
+    if (base.upAuxFlowAddrInfo.resolved()) {
+        flow.up.addrInfo = base.upAuxFlowAddrInfo;
+    }
+    return flow;
+}
+
+template <typename Key>
+EndpointPtr find(const std::map<Key, EndpointPtr>& table, Key key) {
+    const auto found = table.find(key);
+    return found == table.end() ? nullptr : found->second;
+}
+
+}  // namespace
+
+EndpointPtr EndpointManager::createEndpoint(std::uint32_t label, const EndpointDeleter& deleter) {
+    EndpointPtr endpoint;
+    {
+        const WriteLock lock(lock_);
+        const FlowDesc* const flow = findOrMakeFlowLocked(label);
+        if (flow == nullptr) {
+            return nullptr;
+        }
+        const int family = flow->up.addrInfo.family();
+        SocketPair sockets;
+        const int result = makeEndpointSocketPair(family, sockets);
+        if (result != 0) {
+            logError("createEndpoint: Failed to create endpoint sockets (family ", family,
+                     "): ", result);
+            return nullptr;
+        }
+        endpoint = std::make_shared<VeskEndpointDescriptor>(label, sockets.rdsockfd.get(),
+                                                            sockets.wrsockfd.get(), *flow, deleter);
+        sockets.rdsockfd.release();
+        sockets.wrsockfd.release();
+        const int added = addEndpointLocked(endpoint);
+        if (added == 0) {
+            return endpoint;
+        }
+        logError("createEndpoint: Failed to add new endpoint to collection: ", added);
+        const auto filed = endpointsByLabel_.find(label);
+        if (filed != endpointsByLabel_.end() && filed->second == endpoint) {
+            // It was never registered for reading: left here, the label would never be answered.
+            endpointsByLabel_.erase(filed);
+        }
+    }
+    return nullptr;
+}
+
+const FlowDesc* EndpointManager::findOrMakeFlowLocked(std::uint32_t label) {
+    const auto declared = labels_.find(label);
+    if (declared != labels_.end()) {
+        return &declared->second;
+    }
+    const auto prefix = auxPrefixes_.find(prefixOf(label));
+    if (prefix == auxPrefixes_.end()) {
+        return nullptr;
+    }
+    const auto base = labels_.find(prefix->second.baseLabel);
+    if (base == labels_.end()) {
+        return nullptr;
+    }
+    prefix->second.auxLabels.insert(label);
+    return &labels_.emplace(label, makeAuxFlow(base->second, label)).first->second;
+}
+
+int EndpointManager::addEndpoint(const EndpointPtr& endpoint) {
+    const WriteLock lock(lock_);
+    return addEndpointLocked(endpoint);
+}
+
+int EndpointManager::addEndpointLocked(const EndpointPtr& endpoint) {
+    endpointsByLabel_.emplace(endpoint->label, endpoint);
+    if (!endpointsByFd_.emplace(endpoint->rdsockfd, endpoint).second) {
+        logError("Endpoint exists for rdsockfd");
+        return -1;
+    }
+    if (!endpointsByFd_.emplace(endpoint->wrsockfd, endpoint).second) {
+        endpointsByFd_.erase(endpoint->rdsockfd);
+        logError("Endpoint exists for wrsockfd");
+        return -1;
+    }
+    return 0;
+}
+
+EndpointPtr EndpointManager::findEndpointByFd(int fd) const {
+    const ReadLock lock(lock_);
+    return find(endpointsByFd_, fd);
+}
+
+EndpointPtr EndpointManager::findEndpointByLabel(std::uint32_t label) const {
+    const ReadLock lock(lock_);
+    return findEndpointByLabelLocked(label);
+}
+
+EndpointPtr EndpointManager::findEndpointByLabelLocked(std::uint32_t label) const {
+    return find(endpointsByLabel_, label);
+}
+
+void EndpointManager::deleteEndpoint(std::uint32_t label) {
+    RemovedEndpoints removed;
+    const WriteLock lock(lock_);
+    removeEndpointLocked(label, removed);
+}
+
+void EndpointManager::deleteEndpoint(const VeskEndpointDescriptor& endpoint) {
+    RemovedEndpoints removed;
+    const WriteLock lock(lock_);
+    if (findEndpointByLabelLocked(endpoint.label).get() == &endpoint) {
+        removeEndpointLocked(endpoint.label, removed);
+    }
+}
+
+void EndpointManager::removeEndpointLocked(std::uint32_t label, RemovedEndpoints& removed) {
+    const auto found = endpointsByLabel_.find(label);
+    if (found == endpointsByLabel_.end()) {
+        return;
+    }
+    endpointsByFd_.erase(found->second->rdsockfd);
+    endpointsByFd_.erase(found->second->wrsockfd);
+    removed.push_back(std::move(found->second));
+    endpointsByLabel_.erase(found);
+}
+
+void EndpointManager::removeLabel(std::uint32_t label) {
+    RemovedEndpoints removed;
+    const WriteLock lock(lock_);
+    removeLabelLocked(label, removed);
+}
+
+void EndpointManager::removeLabelLocked(std::uint32_t label, RemovedEndpoints& removed) {
+    removeEndpointLocked(label, removed);
+    const auto record = labels_.find(label);
+    if (record == labels_.end()) {
+        return;
+    }
+    if (record->second.isAuxFlow != 0) {
+        forgetAuxLabelLocked(label);
+    }
+    AuxPrefixEntry owned;
+    const auto prefix = auxPrefixes_.find(record->second.downAuxFlowLabelPrefix);
+    if (prefix != auxPrefixes_.end() && prefix->second.baseLabel == label) {
+        owned = std::move(prefix->second);
+        auxPrefixes_.erase(prefix);
+    }
+    labels_.erase(record);
+    for (const std::uint32_t auxLabel : owned.auxLabels) {
+        removeEndpointLocked(auxLabel, removed);
+        labels_.erase(auxLabel);
+    }
+}
+
+void EndpointManager::forgetAuxLabelLocked(std::uint32_t label) {
+    const auto prefix = auxPrefixes_.find(prefixOf(label));
+    if (prefix != auxPrefixes_.end()) {
+        prefix->second.auxLabels.erase(label);
+    }
+}
+
+void EndpointManager::setLabel(std::uint32_t label, const FlowDesc& scratch,
+                               const std::vector<std::string>& members) {
+    RemovedEndpoints removed;
+    const WriteLock lock(lock_);
+    const auto stored = labels_.find(label);
+    FlowDesc flow = stored == labels_.end() ? FlowDesc(label) : stored->second;
+    // Whatever made the label before, from now on it is a flow that the service declared itself.
+    flow.isAuxFlow = 0;
+    flow.update(scratch, members);
+    removeLabelLocked(label, removed);
+    registerPrefixLocked(labels_.insert_or_assign(label, std::move(flow)).first->second);
+}
+
+void EndpointManager::registerPrefixLocked(const FlowDesc& flow) {
+    if (flow.upAuxFlowLabel == 0 || flow.downAuxFlowLabelPrefix == 0) {
+        return;
+    }
+    if (!auxPrefixes_.try_emplace(flow.downAuxFlowLabelPrefix, AuxPrefixEntry{flow.label, {}})
+             .second) {
+        logWarn("setLabelAttrs: Aux. flow label prefix added more than once; ignoring; label ",
+                flow.label, "; label prefix ", flow.downAuxFlowLabelPrefix);
+    }
+}
+
+void EndpointManager::expireIdle(bool expireMain, bool expireAux) {
+    RemovedEndpoints removed;
+    const WriteLock lock(lock_);
+    for (auto it = endpointsByLabel_.begin(); it != endpointsByLabel_.end();) {
+        // Taking an endpoint out leaves all iterators but its own valid.
+        const auto& [label, endpoint] = *it++;
+        const bool aux = isAuxLocked(label);
+        if (!(aux ? expireAux : expireMain)) {
+            continue;
+        }
+        if (endpoint->idle.exchange(true, std::memory_order_relaxed)) {
+            expireLocked(label, aux, removed);
+        }
+    }
+}
+
+bool EndpointManager::isAuxLocked(std::uint32_t label) const {
+    const auto record = labels_.find(label);
+    return record != labels_.end() && record->second.isAuxFlow != 0;
+}
+
+void EndpointManager::expireLocked(std::uint32_t label, bool aux, RemovedEndpoints& removed) {
+    logDebug("Expiring label 0x", std::hex, label, "/", std::dec, label, " of flow type [",
+             aux ? "aux" : "main", "]: closing upstream endpoint and cleaning up");
+    removeEndpointLocked(label, removed);
+    if (aux) {
+        forgetAuxLabelLocked(label);
+        labels_.erase(label);
+    }
+}
+
+std::vector<EndpointPtr> EndpointManager::endpoints() const {
+    std::vector<EndpointPtr> result;
+    const ReadLock lock(lock_);
+    result.reserve(endpointsByLabel_.size());
+    for (const auto& [label, endpoint] : endpointsByLabel_) {
+        result.push_back(endpoint);
+    }
+    return result;
+}
+
+void EndpointManager::withoutCreation(const std::function<void()>& action) {
+    const WriteLock lock(lock_);
+    action();
+}
+
+}  // namespace vesk

@@ -1,0 +1,81 @@
+#include "net/endpoint_sockets.h"
+
+#include <netinet/in.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstring>
+#include <utility>
+
+#include "log/log.h"
+#include "net/socket_options.h"
+
+namespace vesk {
+
+EndpointPtr makeEndpointSocket(const std::string& address, int port) {
+    const int family = familyOfAddressText(address);
+    logInfo("Making socket with family ", family, " address ", address, " port ", port);
+    UniqueFd fd(socket(family, SOCK_DGRAM, IPPROTO_UDP));
+    if (!fd) {
+        logError("Failed socket syscall for endpoint: ", std::strerror(errno));
+        return nullptr;
+    }
+    // Kept: both requests name the receive buffer, and the second one stays.
+    Vesk_setSocketBuf(fd.get(), SO_RCVBUF, 2 * receiveBufferSize);
+    Vesk_setSocketBuf(fd.get(), SO_RCVBUF, receiveBufferSize);
+    Vesk_requestLocalDestAddr(fd.get(), family);
+
+    const IPAddrInfo local(address, static_cast<std::uint32_t>(port));
+    if (bind(fd.get(), local.addr(), local.addrLen()) != 0) {
+        logError("Failed bind syscall for endpoint socket: ", std::strerror(errno));
+        return nullptr;
+    }
+    logInfo("Endpoint socket bound: ", address, "|", port, " (", fd.get(), ")");
+
+    auto endpoint = std::make_shared<VeskEndpointDescriptor>(0, fd.get(), fd.get(), FlowDesc(),
+                                                             closeEndpointSockets);
+    fd.release();
+    endpoint->localAddress = local;
+    endpoint->family = family;
+    return endpoint;
+}
+
+EndpointPtr makeDownstreamEndpoint(const std::string& address, int port) {
+    logInfo("Making downstream endpoint with address ", address, " port ", port);
+    return makeEndpointSocket(address, port);
+}
+
+EndpointPtr makeLateralStreamEndpoint(const std::string& address, int port) {
+    logInfo("Making lateral stream endpoint with address ", address, " port ", port);
+    return makeEndpointSocket(address, port);
+}
+
+int makeEndpointSocketPair(int family, SocketPair& out) {
+    UniqueFd fd(socket(family, SOCK_DGRAM, IPPROTO_UDP));
+    if (!fd) {
+        const int error = errno;
+        logError("socket: new endpoint socket. Error: ", std::strerror(error));
+        return -error;
+    }
+    setNonBlocking(fd.get());
+    UniqueFd duplicate(dup(fd.get()));
+    if (!duplicate) {
+        const int error = errno;
+        logError("Failed to dup sockfd ", fd.get(), " Error: ", std::strerror(error));
+        return -error;
+    }
+    out = {std::move(fd), std::move(duplicate)};
+    return 0;
+}
+
+void closeEndpointSockets(int rdsockfd, int wrsockfd) {
+    if (rdsockfd != -1) {
+        close(rdsockfd);
+    }
+    if (wrsockfd != -1) {
+        close(wrsockfd);
+    }
+}
+
+}  // namespace vesk
