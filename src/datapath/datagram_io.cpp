@@ -1,0 +1,176 @@
+#include "datapath/datagram_io.h"
+
+#include <netinet/in.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstring>
+
+#include "base/thread_control.h"
+
+namespace vesk {
+
+namespace {
+
+/// Control data for one packet-information message of either family.
+constexpr std::size_t receivedControlLength = CMSG_LEN(sizeof(in6_pktinfo));
+
+static_assert(sizeof(in6_pktinfo) == 20, "the room in IncomingMessage is made for it");
+
+template <typename Value>
+Value readAt(std::span<const std::uint8_t> bytes) {
+    Value value;
+    std::memcpy(&value, bytes.data(), sizeof(value));
+    return value;
+}
+
+SocketAddress ipv4Destination(const in_pktinfo& information) {
+    sockaddr_in address{};
+    address.sin_family = AF_INET;
+    address.sin_addr = information.ipi_addr;
+    return {reinterpret_cast<const sockaddr*>(&address), sizeof(address)};
+}
+
+SocketAddress ipv6Destination(const in6_pktinfo& information) {
+    sockaddr_in6 address{};
+    address.sin6_family = AF_INET6;
+    address.sin6_addr = information.ipi6_addr;
+    address.sin6_scope_id = information.ipi6_ifindex;
+    return {reinterpret_cast<const sockaddr*>(&address), sizeof(address)};
+}
+
+bool usesIpv4TrafficClass(const SocketAddress& destination) {
+    if (destination.storage.ss_family != AF_INET6) {
+        return destination.storage.ss_family == AF_INET;
+    }
+    const auto ipv6 = readAt<sockaddr_in6>(destination.bytes());
+    return IN6_IS_ADDR_V4MAPPED(&ipv6.sin6_addr);
+}
+
+}  // namespace
+
+IncomingMessage::IncomingMessage() {
+    header_.msg_name = &sender_.storage;
+    header_.msg_iovlen = 1;
+    header_.msg_control = control_.data();
+}
+
+void IncomingMessage::prepare(VeskEndpointDescriptor& endpoint) {
+    header_.msg_namelen = sizeof(sender_.storage);
+    header_.msg_iov = &endpoint.scatter;
+    header_.msg_controllen = receivedControlLength;
+    header_.msg_flags = 0;
+}
+
+const SocketAddress& IncomingMessage::sender() {
+    sender_.length = header_.msg_namelen;
+    return sender_;
+}
+
+SocketAddress IncomingMessage::localDestination(int family) const {
+    return findLocalDestination(family, std::span(control_).first(header_.msg_controllen));
+}
+
+ReceiveResult receiveCancellably(IncomingMessage& message, VeskEndpointDescriptor& endpoint) {
+    message.prepare(endpoint);
+    const CancellationScope cancellable;
+    const ssize_t received = recvmsg(endpoint.rdsockfd, message.header(), 0);
+    return {received, errno};
+}
+
+ReceiveResult receiveNow(IncomingMessage& message, VeskEndpointDescriptor& endpoint) {
+    message.prepare(endpoint);
+    errno = EAGAIN;
+    const ssize_t received = recvmsg(endpoint.rdsockfd, message.header(), 0);
+    return {received, errno};
+}
+
+SocketAddress findLocalDestination(int family, std::span<const std::uint8_t> control) {
+    const int level =
+        family == AF_INET6 ? static_cast<int>(IPPROTO_IPV6) : static_cast<int>(IPPROTO_IP);
+    const int type = family == AF_INET6 ? IPV6_PKTINFO : IP_PKTINFO;
+    while (control.size() >= sizeof(cmsghdr)) {
+        const auto header = readAt<cmsghdr>(control);
+        if (header.cmsg_len < sizeof(cmsghdr) || header.cmsg_len > control.size()) {
+            break;
+        }
+        const auto data = control.subspan(CMSG_LEN(0), header.cmsg_len - CMSG_LEN(0));
+        if (header.cmsg_level == level && header.cmsg_type == type) {
+            if (family == AF_INET && data.size() >= sizeof(in_pktinfo)) {
+                return ipv4Destination(readAt<in_pktinfo>(data));
+            }
+            if (family == AF_INET6 && data.size() >= sizeof(in6_pktinfo)) {
+                return ipv6Destination(readAt<in6_pktinfo>(data));
+            }
+        }
+        control = control.subspan(std::min(CMSG_ALIGN(header.cmsg_len), control.size()));
+    }
+    return {};
+}
+
+OutgoingMessage::OutgoingMessage() {
+    header_.msg_name = &destination_.storage;
+    header_.msg_iov = &element_;
+    header_.msg_iovlen = 1;
+}
+
+void OutgoingMessage::setDatagram(std::span<std::uint8_t> datagram) {
+    element_ = {datagram.data(), datagram.size()};
+}
+
+void OutgoingMessage::setDestination(const SocketAddress& destination) {
+    std::memcpy(&destination_.storage, &destination.storage, destination.length);
+    destination_.length = destination.length;
+    header_.msg_namelen = destination.length;
+    header_.msg_control = nullptr;
+    header_.msg_controllen = 0;
+}
+
+void OutgoingMessage::addTrafficClass(std::int32_t dscpV4, std::int32_t dscpV6) {
+    const bool ipv4 = usesIpv4TrafficClass(destination_);
+    const std::int32_t dscp = ipv4 ? dscpV4 : dscpV6;
+    if (dscp == noDscp) {
+        return;
+    }
+    // The mark is the upper six bits of the octet; the lower two are the network's.
+    const int trafficClass = (dscp << 2) & 255;
+    const auto data = ipv4 ? appendControl(IPPROTO_IP, IP_TOS, sizeof(trafficClass))
+                           : appendControl(IPPROTO_IPV6, IPV6_TCLASS, sizeof(trafficClass));
+    std::memcpy(data.data(), &trafficClass, sizeof(trafficClass));
+}
+
+void OutgoingMessage::addSource(const SocketAddress& local) {
+    if (local.length == 0) {
+        return;
+    }
+    if (local.storage.ss_family == AF_INET6) {
+        const auto address = readAt<sockaddr_in6>(local.bytes());
+        in6_pktinfo information{};
+        information.ipi6_addr = address.sin6_addr;
+        information.ipi6_ifindex = address.sin6_scope_id;
+        const auto data = appendControl(IPPROTO_IPV6, IPV6_PKTINFO, sizeof(information));
+        std::memcpy(data.data(), &information, sizeof(information));
+    } else if (local.storage.ss_family == AF_INET) {
+        // Kept: the address stands in ipi_addr, where the kernel does not look for a source
+        // (ip(7)), and not in ipi_spec_dst; on IPv4 the kernel's own choice of source stands.
+        in_pktinfo information{};
+        information.ipi_addr = readAt<sockaddr_in>(local.bytes()).sin_addr;
+        const auto data = appendControl(IPPROTO_IP, IP_PKTINFO, sizeof(information));
+        std::memcpy(data.data(), &information, sizeof(information));
+    }
+}
+
+std::span<std::uint8_t> OutgoingMessage::appendControl(int level, int type,
+                                                       std::size_t dataLength) {
+    const std::size_t offset = header_.msg_controllen;
+    cmsghdr header{};
+    header.cmsg_len = CMSG_LEN(dataLength);
+    header.cmsg_level = level;
+    header.cmsg_type = type;
+    std::memcpy(control_.data() + offset, &header, sizeof(header));
+    header_.msg_control = control_.data();
+    header_.msg_controllen = offset + CMSG_SPACE(dataLength);
+    return std::span(control_).subspan(offset + CMSG_LEN(0), dataLength);
+}
+
+}  // namespace vesk
