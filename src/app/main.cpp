@@ -1,0 +1,11 @@
+// The process's entry.
+#include <cstddef>
+#include <span>
+
+#include "app/forwarder_process.h"
+
+int main(int argumentCount, char** argumentTexts) {
+    const std::span<const char* const> arguments(argumentTexts,
+                                                 static_cast<std::size_t>(argumentCount));
+    return vesk::runForwarder(arguments.empty() ? arguments : arguments.subspan(1));
+}

@@ -1,0 +1,63 @@
+#include "control/crypto_provider.h"
+
+#include <openssl/err.h>
+#include <openssl/evp.h>
+#include <openssl/provider.h>
+#include <openssl/rand.h>
+
+#include <cstdlib>
+
+#include "log/log.h"
+
+namespace vesk {
+
+namespace {
+
+bool isAvailable(const char* provider) {
+    return OSSL_PROVIDER_available(nullptr, provider) == 1;
+}
+
+/// The variables' presence counts, not what they hold.
+bool isFipsRequired() {
+    return std::getenv("__TORLEXA_OPENSSL_FIPS") != nullptr ||
+           std::getenv("__MIRVOX_OPENSSL_FIPS") != nullptr;
+}
+
+bool activateFips() {
+    return EVP_default_properties_enable_fips(nullptr, 1) == 1 &&
+           RAND_set_seed_source_type(nullptr, "JITTER", "provider=qorng") == 1;
+}
+
+void report(int* fipsActive, int value) {
+    if (fipsActive != nullptr) {
+        *fipsActive = value;
+    }
+}
+
+}  // namespace
+
+bool initFipsMode(int* fipsActive) {
+    const bool fipsAvailable = isAvailable("fips");
+    if (fipsAvailable && EVP_default_properties_is_fips_enabled(nullptr) == 1 &&
+        isAvailable("qorng")) {
+        logInfo("Initial OpenSSL FIPS mode is active.");
+        report(fipsActive, 1);
+        return true;
+    }
+    logInfo("Initial OpenSSL FIPS mode is inactive.");
+    if (!isFipsRequired()) {
+        logInfo("OpenSSL FIPS mode activation is not required.");
+        report(fipsActive, 0);
+        return true;
+    }
+    logInfo("OpenSSL FIPS mode activation is required.");
+    if (fipsAvailable && activateFips()) {
+        logInfo("OpenSSL FIPS mode has been activated.");
+        report(fipsActive, 1);
+        return true;
+    }
+    logError("Failed to activate OpenSSL FIPS mode: ", ERR_error_string(ERR_get_error(), nullptr));
+    return false;
+}
+
+}  // namespace vesk

@@ -1,0 +1,12 @@
+// Puts libcrypto into FIPS mode where the controlling service requires it. Called once at start-up,
+// before anything else uses libcrypto.
+#pragma once
+
+namespace vesk {
+
+/// True where the library is in the mode required; tells in `fipsActive`, if given, whether that is
+/// FIPS mode. False, with `fipsActive` untouched, where it is required and cannot be had: the
+/// process must not go on.
+bool initFipsMode(int* fipsActive = nullptr);
+
+}  // namespace vesk

@@ -1,0 +1,146 @@
+#include "control/forwarder_commands.h"
+
+#include <algorithm>
+#include <cstring>
+#include <ios>
+#include <optional>
+#include <stdexcept>
+#include <utility>
+#include <vector>
+
+#include "app/forwarder_context.h"
+#include "base/parse_number.h"
+#include "control/listening_endpoint.h"
+#include "datapath/downstream.h"
+#include "log/log.h"
+#include "net/endpoint_sockets.h"
+
+namespace vesk {
+
+namespace {
+
+constexpr std::string_view startPrefix = "startForwarder: bad command, ";
+
+struct ListenAddress {
+    std::string address;
+    std::uint64_t port;
+};
+
+/// What "start" asks for, or nothing, after logging, where it makes no sense.
+std::optional<ListenAddress> parseStart(TokenQueue& tokens) {
+    const AttributeMap attributes = parseCommandAttrs(tokens);
+    if (const std::string leftover = describeLeftover(tokens); !leftover.empty()) {
+        logError(startPrefix, leftover);
+        return std::nullopt;
+    }
+    const std::string* const address = findNonEmpty(attributes, "addr");
+    if (address == nullptr) {
+        logError(startPrefix, "missing or empty 'addr' attr");
+        return std::nullopt;
+    }
+    const std::string* const portText = findNonEmpty(attributes, "port");
+    if (portText == nullptr) {
+        logError(startPrefix, "missing or empty 'port' attr");
+        return std::nullopt;
+    }
+    const std::optional<std::uint64_t> port = parseUnsigned(*portText);
+    if (!port) {
+        // Kept: two blanks before "Bad", none before the text refused.
+        logError(startPrefix, " Bad port value", *portText);
+        return std::nullopt;
+    }
+    try {
+        const IPAddrInfo usable(*address, static_cast<std::uint32_t>(*port));
+    } catch (const std::invalid_argument&) {
+        logError(startPrefix, " Invalid address and/or port ");
+        return std::nullopt;
+    }
+    return ListenAddress{*address, *port};
+}
+
+bool isListenersEndpoint(const ForwarderContext& context, const EndpointPtr& endpoint) {
+    return std::ranges::any_of(context.downstreamListeners,
+                               [&](const auto& it) { return it.endpoint == endpoint; });
+}
+
+/// Puts the endpoint in place of the one before, which lives on only where a thread serves it.
+void replaceDownstreamEndpoint(EndpointPtr endpoint, ForwarderContext& context) {
+    EndpointPtr old = context.downstreamEndpoint.exchange(std::move(endpoint));
+    if (!isListenersEndpoint(context, old)) {
+        closeListeningEndpoint(std::move(old), context);
+    }
+}
+
+/// 0, or the negative error code of the thread's creation.
+int startDownstreamThread(const EndpointPtr& endpoint,
+                          const std::shared_ptr<ForwarderContext>& context) {
+    DownstreamListener& listener = context->downstreamListeners.emplace_back();
+    listener.endpoint = endpoint;
+    const int error =
+        listener.thread.start([context, endpoint] { downstreamEptRecv(context, endpoint); });
+    if (error != 0) {
+        logError("Failed to create downstream receive thread: ", std::strerror(error));
+        context->downstreamListeners.pop_back();
+        return -error;
+    }
+    logInfo("Created downstream receive thread: ", std::hex, listener.thread.id());
+    return 0;
+}
+
+}  // namespace
+
+bool startForwarder(TokenQueue tokens, const std::shared_ptr<ForwarderContext>& context) {
+    const std::optional<ListenAddress> listen = parseStart(tokens);
+    if (!listen) {
+        return false;
+    }
+    const EndpointPtr endpoint =
+        makeDownstreamEndpoint(listen->address, static_cast<int>(listen->port));
+    replaceDownstreamEndpoint(endpoint, *context);
+    const int result = endpoint ? startDownstreamThread(endpoint, context) : -1;
+    // Kept: said whether or not it started; what failed was said before.
+    logInfo("Vesk started on port ", listen->port, " address ", listen->address);
+    return result == 0;
+}
+
+bool stopForwarder(TokenQueue /*tokens*/, const std::shared_ptr<ForwarderContext>& context) {
+    return stopForwarder(*context);
+}
+
+bool stopForwarder(ForwarderContext& context) {
+    std::vector<EndpointPtr> served;
+    for (DownstreamListener& listener : context.downstreamListeners) {
+        listener.thread.stop();
+        served.push_back(std::move(listener.endpoint));
+    }
+    context.downstreamListeners.clear();
+    if (!served.empty()) {
+        logInfo("Forwarder listener stopped");
+    }
+    EndpointPtr current = context.downstreamEndpoint.exchange(nullptr);
+    if (std::ranges::find(served, current) == served.end()) {
+        served.push_back(current);
+    }
+    current.reset();
+    for (EndpointPtr& endpoint : served) {
+        closeListeningEndpoint(std::move(endpoint), context);
+    }
+    return true;
+}
+
+bool setLogParams(TokenQueue tokens, const std::shared_ptr<ForwarderContext>& /*context*/) {
+    constexpr std::string_view prefix = "setLogParams: bad command, ";
+    const AttributeMap attributes = parseCommandAttrs(tokens);
+    if (const std::string leftover = describeLeftover(tokens); !leftover.empty()) {
+        logError(prefix, leftover);
+        return false;
+    }
+    const std::string* const priority = findNonEmpty(attributes, "priority");
+    if (priority == nullptr) {
+        logError(prefix, "missing or empty 'priority' attr");
+        return false;
+    }
+    return setLogLevelByName(*priority);
+}
+
+}  // namespace vesk

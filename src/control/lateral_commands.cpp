@@ -1,0 +1,209 @@
+#include "control/lateral_commands.h"
+
+#include <openssl/rand.h>
+
+#include <array>
+#include <cstring>
+#include <ios>
+#include <optional>
+#include <stdexcept>
+#include <string_view>
+#include <utility>
+
+#include "app/forwarder_context.h"
+#include "base/parse_number.h"
+#include "control/listening_endpoint.h"
+#include "datapath/lateral.h"
+#include "log/log.h"
+#include "net/endpoint_sockets.h"
+
+namespace vesk {
+
+namespace {
+
+constexpr std::string_view addPeerPrefix = "addLateralPeer: bad command, ";
+constexpr std::string_view startPrefix = "startLateralStream: bad command, ";
+
+/// Satisfies the address type when a peer's address is checked; the port used is the stream's.
+constexpr std::uint32_t placeholderPort = 8445;
+
+constexpr std::size_t lateralKeyLength = 16;
+
+/// The attribute's text, or null after logging that it is missing.
+const std::string* require(const AttributeMap& attributes, std::string_view name,
+                           std::string_view prefix) {
+    const std::string* const value = findNonEmpty(attributes, name);
+    if (value == nullptr) {
+        logError(prefix, "missing or empty '", name, "' attr");
+    }
+    return value;
+}
+
+/// The attribute as a 32-bit number, or nothing after logging what is wrong with it.
+std::optional<std::uint32_t> requireNumber(const AttributeMap& attributes, std::string_view name,
+                                           std::string_view prefix, std::string_view complaint) {
+    const std::string* const text = require(attributes, name, prefix);
+    if (text == nullptr) {
+        return std::nullopt;
+    }
+    const std::optional<std::uint32_t> number = parseUnsigned32(*text);
+    if (!number) {
+        logError(prefix, complaint, *text);
+    }
+    return number;
+}
+
+bool reportLeftover(const TokenQueue& tokens, std::string_view prefix) {
+    const std::string leftover = describeLeftover(tokens);
+    if (!leftover.empty()) {
+        logError(prefix, leftover);
+    }
+    return !leftover.empty();
+}
+
+struct LateralSettings {
+    std::string address;
+    std::uint64_t port;
+    std::uint32_t index;
+    std::uint32_t maxQels;
+};
+
+/// Whether the address can be listened on; logs where it cannot.
+bool isUsableLateralAddress(const std::string& address, std::uint64_t port) {
+    try {
+        const IPAddrInfo usable(address, static_cast<std::uint32_t>(port));
+        return true;
+    } catch (const std::invalid_argument&) {
+    } catch (const std::runtime_error&) {
+        // Unlike the other commands: a stream that cannot start is no reason to end what runs.
+    }
+    logError(startPrefix, "Invalid lateral address and/or port ");
+    return false;
+}
+
+/// What "start_lateral" asks for, or nothing, after logging the first thing wrong with it.
+std::optional<LateralSettings> parseStartLateral(TokenQueue& tokens) {
+    const AttributeMap attributes = parseCommandAttrs(tokens);
+    if (reportLeftover(tokens, startPrefix)) {
+        return std::nullopt;
+    }
+    const std::string* const address = require(attributes, "addr", startPrefix);
+    if (address == nullptr) {
+        return std::nullopt;
+    }
+    const std::string* const portText = require(attributes, "port", startPrefix);
+    if (portText == nullptr) {
+        return std::nullopt;
+    }
+    const std::optional<std::uint64_t> port = parseUnsigned(*portText);
+    if (!port) {
+        // Kept: two blanks before "Bad", none before the text refused.
+        logError(startPrefix, " Bad lateral port value", *portText);
+        return std::nullopt;
+    }
+    if (!isUsableLateralAddress(*address, *port)) {
+        return std::nullopt;
+    }
+    const auto index = requireNumber(attributes, "idx", startPrefix, "Bad lateral index value");
+    if (!index) {
+        return std::nullopt;
+    }
+    const auto maxQels =
+        requireNumber(attributes, "max_qels", startPrefix, "Bad lateral Max Qels value");
+    if (!maxQels) {
+        return std::nullopt;
+    }
+    return LateralSettings{*address, *port, *index, *maxQels};
+}
+
+/// A new random key in both slots; false, with nothing changed, where there is none to be had.
+bool drawLateralKey(LateralStream& lateral) {
+    std::array<std::uint8_t, lateralKeyLength> key{};
+    if (RAND_bytes(key.data(), static_cast<int>(key.size())) != 1) {
+        logError("Failed to generate lateral stream HMAC key");
+        return false;
+    }
+    const MutexLock lock(lateral.signingLock);
+    for (HmacInfo* const slot : {&lateral.signingKey, &lateral.checkingKey}) {
+        slot->setKey(key);
+        slot->setAlgorithm(hmacSha256);
+    }
+    return true;
+}
+
+void publishSettings(const LateralSettings& settings, LateralStream& lateral) {
+    lateral.port.store(settings.port);
+    lateral.index.store(settings.index);
+    lateral.maxQels.store(settings.maxQels);
+    lateral.running.store(true, std::memory_order_release);
+}
+
+/// 0, or the negative error code of the thread's creation.
+int startLateralThread(const EndpointPtr& endpoint, const LateralSettings& settings,
+                       const std::shared_ptr<ForwarderContext>& context) {
+    LateralStream& lateral = context->lateral;
+    // The thread must not see a datagram before it can tell whose label that is.
+    publishSettings(settings, lateral);
+    const int error =
+        lateral.thread.start([context, endpoint] { lateralStreamRecv(context, endpoint); });
+    if (error != 0) {
+        lateral.running.store(false, std::memory_order_release);
+        logError("Failed to create lateral stream receive thread: ", std::strerror(error));
+        return -error;
+    }
+    logInfo("Created lateral stream receive thread: ", std::hex, lateral.thread.id());
+    return 0;
+}
+
+}  // namespace
+
+bool addLateralPeer(TokenQueue tokens, const std::shared_ptr<ForwarderContext>& context) {
+    const AttributeMap attributes = parseCommandAttrs(tokens);
+    if (reportLeftover(tokens, addPeerPrefix)) {
+        return false;
+    }
+    const auto index = requireNumber(attributes, "idx", addPeerPrefix, "Bad lateral index value");
+    if (!index) {
+        return false;
+    }
+    const std::string* const address = require(attributes, "addr", addPeerPrefix);
+    if (address == nullptr) {
+        return false;
+    }
+    try {
+        context->lateral.peers.set(*index, IPAddrInfo(*address, placeholderPort));
+    } catch (const std::invalid_argument&) {
+        logError(addPeerPrefix, "Invalid address");
+        return false;
+    }
+    logInfo("Added lateral stream peer: idx ", *index, " addr ", *address);
+    return true;
+}
+
+bool startLateralStream(TokenQueue tokens, const std::shared_ptr<ForwarderContext>& context) {
+    if (context->lateral.running.load()) {
+        logError(startPrefix, "already started");
+        return false;
+    }
+    if (context->lateral.peers.empty()) {
+        logError(startPrefix, "no peers configured");
+        return false;
+    }
+    const std::optional<LateralSettings> settings = parseStartLateral(tokens);
+    if (!settings || !drawLateralKey(context->lateral)) {
+        return false;
+    }
+    const EndpointPtr endpoint =
+        makeLateralStreamEndpoint(settings->address, static_cast<int>(settings->port));
+    closeListeningEndpoint(context->lateralEndpoint.exchange(endpoint), *context);
+    const int result = endpoint ? startLateralThread(endpoint, *settings, context) : -1;
+    if (result != 0) {
+        logError("Vesk Lateral listener failed to start, err: ", result);
+        return false;
+    }
+    logInfo("Vesk Lateral listener started on port ", settings->port, " address ",
+            settings->address, " index ", settings->index, " maxQels ", settings->maxQels);
+    return true;
+}
+
+}  // namespace vesk

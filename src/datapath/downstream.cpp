@@ -1,0 +1,295 @@
+#include "datapath/downstream.h"
+
+#include <sys/epoll.h>
+#include <sys/socket.h>
+
+#include <cerrno>
+#include <cstring>
+#include <ios>
+#include <optional>
+
+#include "app/forwarder_context.h"
+#include "base/thread_control.h"
+#include "datapath/authentication.h"
+#include "datapath/framing.h"
+#include "datapath/lateral_header.h"
+#include "log/log.h"
+#include "net/endpoint_lifecycle.h"
+#include "net/endpoint_manager.h"
+#include "net/socket_options.h"
+#include "poll/poll_channel.h"
+
+namespace vesk {
+
+namespace {
+
+/// Counts a datagram that reaches no flow. It is the downstream endpoint's affair, whichever way it
+/// came; without one it is the affair of the endpoint it came in by.
+void countRejected(const ReceivedDatagram& datagram, ForwarderContext& context) {
+    if (datagram.returnPath.empty()) {
+        datagram.endpoint.counters.rxDgError.increment();
+        return;
+    }
+    const EndpointPtr downstream = context.downstreamEndpoint.load();
+    (downstream ? *downstream : datagram.endpoint).counters.rxDgError.increment();
+}
+
+// ---- Handing over to another instance ----
+
+/// The index of the instance that owns the label, where that is another one than this.
+std::optional<std::uint32_t> foreignOwner(const LateralStream& lateral, std::uint32_t label) {
+    if (!lateral.running.load(std::memory_order_acquire)) {
+        return std::nullopt;
+    }
+    const std::uint32_t instances = lateral.maxQels.load(std::memory_order_relaxed);
+    if (instances == 0) {
+        return std::nullopt;
+    }
+    const std::uint32_t owner = (label >> 16) % instances;
+    if (owner == lateral.index.load(std::memory_order_relaxed)) {
+        return std::nullopt;
+    }
+    return owner;
+}
+
+std::optional<std::size_t> wrapForOwner(const ReceivedDatagram& datagram, LateralStream& lateral) {
+    const MutexLock lock(lateral.signingLock);
+    return addLateralHeader(datagram.endpoint.receiveBuffer, datagram.length, datagram.sender,
+                            lateral.signingKey);
+}
+
+void sendToOwner(const ReceivedDatagram& datagram, std::size_t length,
+                 const SocketAddress& ownerAddress, VeskEndpointDescriptor& lateralEndpoint) {
+    OutgoingMessage message;
+    message.setDatagram(std::span(datagram.endpoint.receiveBuffer).first(length));
+    message.setDestination(ownerAddress);
+    const ssize_t sent = sendmsg(lateralEndpoint.wrsockfd, message.header(), 0);
+    if (sent == static_cast<ssize_t>(length)) {
+        lateralEndpoint.counters.txDg.increment();
+    } else if (sent != -1 || errno != ECONNREFUSED) {
+        lateralEndpoint.counters.txDgDropped.increment();
+    }
+}
+
+void handOverToOwner(const ReceivedDatagram& datagram, std::uint32_t owner,
+                     ForwarderContext& context) {
+    const auto port = static_cast<std::uint16_t>(context.lateral.port.load());
+    const auto ownerAddress = context.lateral.peers.find(owner, port);
+    const EndpointPtr lateralEndpoint = context.lateralEndpoint.load();
+    // A datagram makes at most one hop: instances that disagree about owners must not play ball.
+    if (!datagram.returnPath.empty() || !ownerAddress || !lateralEndpoint) {
+        countRejected(datagram, context);
+        return;
+    }
+    const std::optional<std::size_t> length = wrapForOwner(datagram, context.lateral);
+    if (!length) {
+        lateralEndpoint->counters.txDgDropped.increment();
+        return;
+    }
+    sendToOwner(datagram, *length, *ownerAddress, *lateralEndpoint);
+}
+
+// ---- The flow's endpoint ----
+
+struct FlowEndpoint {
+    EndpointPtr endpoint;
+    /// Made for this very datagram.
+    bool created = false;
+};
+
+bool bindUpstreamSocket(VeskEndpointDescriptor& endpoint) {
+    const IPAddrInfo& local = endpoint.flow.up.srcAddrInfo;
+    if (!local.resolved()) {
+        return true;
+    }
+    if (bind(endpoint.rdsockfd, local.addr(), local.addrLen()) != 0) {
+        logError("Failed bind syscall for upstream endpoint socket: ", std::strerror(errno));
+        return false;
+    }
+    logInfo("Bound upstream endpoint to ", local.host(), ":", local.port());
+    return true;
+}
+
+bool registerWithPollLoop(const VeskEndpointDescriptor& endpoint, const ForwarderContext& context) {
+    const int result = pollLoop_add_fd(context.pollSocket.get(), endpoint.rdsockfd, EPOLLIN);
+    if (result != 0) {
+        logError("Failed to add upstream endpoint's READ sockfd ", endpoint.rdsockfd,
+                 " to pollLoop, error: ", result);
+        return false;
+    }
+    logInfo("Created", endpoint.flow.isMultiplex ? " multiplexed " : " ",
+            "upstream endpoint:", " label 0x", std::hex, endpoint.label, "/", std::dec,
+            endpoint.label, " sockfds ", endpoint.rdsockfd, " ", endpoint.wrsockfd);
+    return true;
+}
+
+/// Sets up the sockets of a new endpoint; false, after logging, where it is of no use.
+bool prepareEndpoint(VeskEndpointDescriptor& endpoint, const ForwarderContext& context) {
+    if (endpoint.flow.isMultiplex) {
+        setReusePort(endpoint.rdsockfd);
+        setReusePort(endpoint.wrsockfd);
+    }
+    Vesk_setSocketBuf(endpoint.rdsockfd, SO_RCVBUF, receiveBufferSize);
+    Vesk_setSocketBuf(endpoint.wrsockfd, SO_SNDBUF, sendBufferSize);
+    Vesk_requestLocalDestAddr(endpoint.rdsockfd, endpoint.family);
+    if (!bindUpstreamSocket(endpoint) || !registerWithPollLoop(endpoint, context)) {
+        return false;
+    }
+    endpoint.prepared.store(true, std::memory_order_release);
+    return true;
+}
+
+FlowEndpoint createFlowEndpoint(std::uint32_t label, ForwarderContext& context) {
+    EndpointManager& manager = *context.endpointManager;
+    EndpointPtr endpoint = manager.createEndpoint(label, upstreamEndpointDeleter(context));
+    if (!endpoint) {
+        logDebug("Failed to create upstream endpoint with label ", label);
+        return {};
+    }
+    if (!prepareEndpoint(*endpoint, context)) {
+        manager.deleteEndpoint(*endpoint);
+        return {};
+    }
+    return {std::move(endpoint), true};
+}
+
+/// The label's endpoint, ready for use; made, where there is none yet.
+FlowEndpoint findOrCreateFlowEndpoint(std::uint32_t label, ForwarderContext& context) {
+    EndpointPtr endpoint = context.endpointManager->findEndpointByLabel(label);
+    if (endpoint && endpoint->prepared.load(std::memory_order_acquire)) {
+        return {std::move(endpoint)};
+    }
+    const MutexLock lock(context.endpointCreation);
+    endpoint = context.endpointManager->findEndpointByLabel(label);
+    if (endpoint) {
+        return {std::move(endpoint)};
+    }
+    return createFlowEndpoint(label, context);
+}
+
+// ---- The flow ----
+
+bool isKnownRoute(const ReceivedDatagram& datagram, VeskEndpointDescriptor& flow,
+                  bool lateralRuns) {
+    const ReadLock lock(flow.routeLock);
+    return datagram.sender == flow.route.peer.socketAddress() &&
+           datagram.localDestination == flow.route.local.socketAddress() &&
+           (!lateralRuns || datagram.returnPath == flow.route.returnPath);
+}
+
+/// Replies go to the last sender, from the address its datagram arrived on, the way it came.
+void rememberRoute(const ReceivedDatagram& datagram, VeskEndpointDescriptor& flow,
+                   bool lateralRuns) {
+    if (isKnownRoute(datagram, flow, lateralRuns)) {
+        return;
+    }
+    const SocketAddress& local = datagram.localDestination;
+    ReplyRoute route{IPAddrInfo(datagram.sender.get(), datagram.sender.length),
+                     IPAddrInfo(local.get(), local.length), datagram.returnPath};
+    const WriteLock lock(flow.routeLock);
+    if (!lateralRuns) {
+        route.returnPath = flow.route.returnPath;
+    }
+    flow.route = std::move(route);
+}
+
+enum class Verdict { forward, forged, unsignable };
+
+/// Turns the datagram into the one that goes upstream.
+Verdict convertForUpstream(const ReceivedDatagram& datagram, std::size_t headerLength,
+                           VeskEndpointDescriptor& flow, const ForwarderContext& context) {
+    const DatagramBuffer buffer(datagram.endpoint.receiveBuffer);
+    const MutexLock lock(flow.towardsUpstream);
+    if (!checkDatagram(context.framing, buffer, headerLength, datagram.length,
+                       flow.flow.down.inHmac)) {
+        return Verdict::forged;
+    }
+    rememberRoute(datagram, flow, context.lateral.running.load(std::memory_order_acquire));
+    rewriteLabel(context.framing, buffer, flow.flow.up.label);
+    const bool isSigned =
+        signDatagram(context.framing, buffer, headerLength, datagram.length, flow.flow.up.outHmac);
+    return isSigned ? Verdict::forward : Verdict::unsignable;
+}
+
+void sendUpstream(const ReceivedDatagram& datagram, VeskEndpointDescriptor& flow,
+                  ForwarderContext& context) {
+    OutgoingMessage message;
+    message.setDatagram(std::span(datagram.endpoint.receiveBuffer).first(datagram.length));
+    message.setDestination(flow.flow.up.addrInfo.socketAddress());
+    message.addTrafficClass(flow.flow.up.dscpV4, flow.flow.up.dscpV6);
+    {
+        const ReadLock lock(flow.routeLock);
+        message.addSource(flow.upstreamLocal.socketAddress());
+    }
+    const ssize_t sent = sendmsg(flow.wrsockfd, message.header(), 0);
+    const int error = errno;
+    if (sent == static_cast<ssize_t>(datagram.length)) {
+        flow.counters.txDg.increment();
+        flow.markActive();
+    } else if (sent != -1 || error != ECONNREFUSED) {
+        flow.counters.txDgDropped.increment();
+        if (sent != -1 || error != EAGAIN) {
+            reportUpstreamNetworkError(flow, "DOWN_TO_UP_SEND:", error, context);
+        }
+    }
+}
+
+}  // namespace
+
+void downstreamEptRecv(const std::shared_ptr<ForwarderContext>& context,
+                       const EndpointPtr& endpoint) {
+    IncomingMessage message;
+    while (true) {
+        const ReceiveResult result = receiveCancellably(message, *endpoint);
+        if (result.received >= 1) {
+            endpoint->counters.rxDg.increment();
+            downstreamPacketReceived({*endpoint,
+                                      static_cast<std::size_t>(result.received),
+                                      message.sender(),
+                                      message.localDestination(endpoint->family),
+                                      {}},
+                                     *context);
+        } else if (message.truncated()) {
+            endpoint->counters.rxDgError.increment();
+        } else if (result.error != ECONNREFUSED) {
+            logError("Forwarder downstream endpoint got error while receiving: ", "errno = ",
+                     result.error, " (", std::strerror(result.error), ").");
+        }
+    }
+}
+
+void downstreamPacketReceived(const ReceivedDatagram& datagram, ForwarderContext& context) {
+    const auto parsed = parseDatagram(
+        context.framing, ConstDatagramBuffer(datagram.endpoint.receiveBuffer), datagram.length);
+    if (!parsed) {
+        countRejected(datagram, context);
+        return;
+    }
+    if (const auto owner = foreignOwner(context.lateral, parsed->label)) {
+        handOverToOwner(datagram, *owner, context);
+        return;
+    }
+    const FlowEndpoint flow = findOrCreateFlowEndpoint(parsed->label, context);
+    if (!flow.endpoint) {
+        countRejected(datagram, context);
+        return;
+    }
+    switch (convertForUpstream(datagram, parsed->headerLength, *flow.endpoint, context)) {
+        case Verdict::forged:
+            countRejected(datagram, context);
+            // Kept: no level, no time stamp, and nothing between the routine's name and the text.
+            writeToStandardOutput("downstreamPacketReceivedFailed HMAC Check!\n");
+            if (flow.created) {
+                context.endpointManager->deleteEndpoint(*flow.endpoint);
+            }
+            break;
+        case Verdict::unsignable:
+            flow.endpoint->counters.txDgDropped.increment();
+            break;
+        case Verdict::forward:
+            sendUpstream(datagram, *flow.endpoint, context);
+            break;
+    }
+}
+
+}  // namespace vesk

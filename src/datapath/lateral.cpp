@@ -1,0 +1,96 @@
+#include "datapath/lateral.h"
+
+#include <sys/socket.h>
+
+#include <cerrno>
+#include <cstring>
+
+#include "app/forwarder_context.h"
+#include "datapath/datagram_io.h"
+#include "datapath/downstream.h"
+#include "datapath/framing.h"
+#include "datapath/lateral_header.h"
+#include "log/log.h"
+
+namespace vesk {
+
+namespace {
+
+/// Another instance forwarded a datagram of a label that is ours.
+void forwardedReceived(VeskEndpointDescriptor& lateral, std::size_t length,
+                       const LateralHeader& header, IncomingMessage& message,
+                       ForwarderContext& context) {
+    const DatagramBuffer buffer(lateral.receiveBuffer);
+    const ReturnPath returnPath = keepReturnPath(buffer, header);
+    const std::size_t framedLength = stripLateralHeader(buffer, length, header);
+    downstreamPacketReceived({lateral, framedLength, message.sender(),
+                              message.localDestination(lateral.family), returnPath},
+                             context);
+}
+
+/// Sends an unwrapped reply to the peer. Whether it left, or was refused by the peer, which is not
+/// counted.
+bool sendToPeer(std::span<std::uint8_t> datagram, const SocketAddress& peer,
+                ForwarderContext& context, SharedCounter& sentCounter) {
+    const EndpointPtr downstream = context.downstreamEndpoint.load();
+    if (!downstream || peer.length == 0) {
+        return false;
+    }
+    OutgoingMessage message;
+    message.setDatagram(datagram);
+    message.setDestination(peer);
+    if (sendmsg(downstream->wrsockfd, message.header(), MSG_DONTWAIT) > 0) {
+        sentCounter.increment();
+        return true;
+    }
+    return errno == ECONNREFUSED;
+}
+
+/// The owner of a label returned a reply to a datagram that we forwarded.
+void returnedReceived(VeskEndpointDescriptor& lateral, std::size_t length,
+                      const LateralHeader& header, ForwarderContext& context) {
+    const DatagramBuffer buffer(lateral.receiveBuffer);
+    if (!checkLateralHmac(buffer, header, context.lateral.checkingKey)) {
+        lateral.counters.rxDgError.increment();
+        return;
+    }
+    const SocketAddress peer = lateralAddress(buffer, header);
+    const std::size_t framedLength = stripLateralHeader(buffer, length, header);
+    if (!sendToPeer(buffer.first(framedLength), peer, context, lateral.counters.dnTxDg)) {
+        lateral.counters.dnTxDgDropped.increment();
+    }
+}
+
+void lateralReceived(VeskEndpointDescriptor& lateral, std::size_t length, IncomingMessage& message,
+                     ForwarderContext& context) {
+    const auto header = parseLateralHeader(ConstDatagramBuffer(lateral.receiveBuffer), length);
+    if (header && header->type == lateralForward) {
+        forwardedReceived(lateral, length, *header, message, context);
+    } else if (header && header->type == lateralReturn) {
+        returnedReceived(lateral, length, *header, context);
+    } else {
+        lateral.counters.rxDgError.increment();
+    }
+}
+
+}  // namespace
+
+void lateralStreamRecv(const std::shared_ptr<ForwarderContext>& context,
+                       const EndpointPtr& endpoint) {
+    IncomingMessage message;
+    while (true) {
+        const ReceiveResult result = receiveCancellably(message, *endpoint);
+        if (result.received >= 1) {
+            endpoint->counters.rxDg.increment();
+            lateralReceived(*endpoint, static_cast<std::size_t>(result.received), message,
+                            *context);
+        } else if (message.truncated()) {
+            endpoint->counters.rxDgError.increment();
+        } else if (result.error != ECONNREFUSED) {
+            logError("Forwarder lateral stream endpoint got error while ",
+                     "receiving: errno = ", result.error, " (", std::strerror(result.error), ").");
+        }
+    }
+}
+
+}  // namespace vesk

@@ -1,0 +1,245 @@
+#include "datapath/upstream.h"
+
+#include <sys/epoll.h>
+#include <sys/socket.h>
+
+#include <cerrno>
+#include <optional>
+
+#include "app/forwarder_context.h"
+#include "datapath/authentication.h"
+#include "datapath/datagram_io.h"
+#include "datapath/framing.h"
+#include "datapath/lateral_header.h"
+#include "log/log.h"
+#include "net/endpoint_lifecycle.h"
+#include "net/endpoint_manager.h"
+#include "poll/poll_channel.h"
+
+namespace vesk {
+
+namespace {
+
+/// The right to use an endpoint's receive buffer. A worker may come by a descriptor number that it
+/// kept from an endpoint now gone; whoever serves the number's new owner must not be disturbed.
+class ServingClaim {
+ public:
+    explicit ServingClaim(VeskEndpointDescriptor& endpoint)
+        : endpoint_(endpoint),
+          held_(!endpoint.beingServed.exchange(true, std::memory_order_acquire)) {}
+    ~ServingClaim() {
+        if (held_) {
+            endpoint_.beingServed.store(false, std::memory_order_release);
+        }
+    }
+    ServingClaim(const ServingClaim&) = delete;
+    ServingClaim& operator=(const ServingClaim&) = delete;
+
+    bool held() const { return held_; }
+
+ private:
+    VeskEndpointDescriptor& endpoint_;
+    const bool held_;
+};
+
+/// A reply in the receive buffer of the endpoint that it arrived on.
+struct Reply {
+    VeskEndpointDescriptor& endpoint;
+    std::size_t length;
+    std::size_t headerLength;
+    SocketAddress localDestination;
+
+    DatagramBuffer buffer() const { return DatagramBuffer(endpoint.receiveBuffer); }
+};
+
+/// The address that replies arrive on is the one to send requests from.
+void rememberUpstreamLocal(const SocketAddress& local, VeskEndpointDescriptor& flow) {
+    {
+        const ReadLock lock(flow.routeLock);
+        if (local == flow.upstreamLocal.socketAddress()) {
+            return;
+        }
+    }
+    const IPAddrInfo learned(local.get(), local.length);
+    const WriteLock lock(flow.routeLock);
+    flow.upstreamLocal = learned;
+}
+
+enum class Verdict { send, forged, unsignable };
+
+/// Turns the reply into the datagram that goes downstream.
+Verdict convertForDownstream(const Reply& reply, VeskEndpointDescriptor& flow,
+                             const ForwarderContext& context) {
+    const MutexLock lock(flow.towardsDownstream);
+    if (!checkDatagram(context.framing, reply.buffer(), reply.headerLength, reply.length,
+                       flow.flow.up.inHmac)) {
+        return Verdict::forged;
+    }
+    rememberUpstreamLocal(reply.localDestination, flow);
+    rewriteLabel(context.framing, reply.buffer(), flow.flow.down.label);
+    const bool isSigned = signDatagram(context.framing, reply.buffer(), reply.headerLength,
+                                       reply.length, flow.flow.down.outHmac);
+    return isSigned ? Verdict::send : Verdict::unsignable;
+}
+
+/// Aims the message at the flow's last sender; tells whether and how that one is reached laterally.
+ReturnPath addressToLastSender(OutgoingMessage& message, const VeskEndpointDescriptor& flow) {
+    const ReadLock lock(flow.routeLock);
+    message.setDestination(flow.route.peer.socketAddress());
+    message.addTrafficClass(flow.flow.down.dscpV4, flow.flow.down.dscpV6);
+    message.addSource(flow.route.local.socketAddress());
+    return flow.route.returnPath;
+}
+
+void countReturned(ssize_t sent, int error, VeskEndpointDescriptor& flow,
+                   ForwarderContext& context) {
+    if (sent >= 1) {
+        flow.counters.dnTxDg.increment();
+    } else if (error != ECONNREFUSED) {
+        flow.counters.dnTxDgDropped.increment();
+        if (error != EAGAIN) {
+            reportUpstreamNetworkError(flow, "UP_TO_DOWN_SEND:", error, context);
+        }
+    }
+}
+
+void sendDownstream(const Reply& reply, VeskEndpointDescriptor& flow, ForwarderContext& context) {
+    OutgoingMessage message;
+    const ReturnPath returnPath = addressToLastSender(message, flow);
+    const bool laterally =
+        !returnPath.empty() && context.lateral.running.load(std::memory_order_acquire);
+    ssize_t sent = -1;
+    int error = 0;
+    {
+        // Let go before anything is logged: "stop" waits for whoever still sends from it.
+        const EndpointPtr from =
+            laterally ? context.lateralEndpoint.load() : context.downstreamEndpoint.load();
+        if (!from) {
+            flow.counters.dnTxDgDropped.increment();
+            return;
+        }
+        std::size_t length = reply.length;
+        if (laterally) {
+            const auto wrapped = addReturnHeader(reply.buffer(), reply.length, returnPath);
+            if (!wrapped) {
+                from->counters.txDgDropped.increment();
+                return;
+            }
+            length = *wrapped;
+        }
+        message.setDatagram(reply.buffer().first(length));
+        sent = sendmsg(from->wrsockfd, message.header(), MSG_DONTWAIT);
+        error = errno;
+    }
+    countReturned(sent, error, flow, context);
+}
+
+void returnReply(const Reply& reply, VeskEndpointDescriptor& flow, ForwarderContext& context) {
+    switch (convertForDownstream(reply, flow, context)) {
+        case Verdict::forged:
+            flow.counters.rxDgError.increment();
+            break;
+        case Verdict::unsignable:
+            flow.counters.dnTxDgDropped.increment();
+            break;
+        case Verdict::send:
+            sendDownstream(reply, flow, context);
+            break;
+    }
+}
+
+/// The flow that a reply belongs to: on a multiplexed socket any flow's may arrive. None for a
+/// label without an endpoint.
+EndpointPtr flowOfReply(const EndpointPtr& endpoint, std::uint32_t label,
+                        const ForwarderContext& context) {
+    return endpoint->flow.isMultiplex ? context.endpointManager->findEndpointByLabel(label)
+                                      : endpoint;
+}
+
+void replyReceived(const EndpointPtr& endpoint, std::size_t length, const IncomingMessage& message,
+                   ForwarderContext& context) {
+    endpoint->counters.rxDg.increment();
+    endpoint->markActive();
+    const auto parsed =
+        parseDatagram(context.framing, ConstDatagramBuffer(endpoint->receiveBuffer), length);
+    const EndpointPtr flow = parsed ? flowOfReply(endpoint, parsed->label, context) : nullptr;
+    if (!flow) {
+        endpoint->counters.rxDgError.increment();
+        return;
+    }
+    if (parsed->label != 0 && parsed->label != flow->label) {
+        // For information only: what the reply is worth, its HMAC decides.
+        flow->counters.rxDgError.increment();
+    }
+    returnReply(
+        {*endpoint, length, parsed->headerLength, message.localDestination(endpoint->family)},
+        *flow, context);
+}
+
+/// Arms a drained socket again. Whether it must be read once more, since that failed for now.
+bool armAgain(const VeskEndpointDescriptor& endpoint, ForwarderContext& context) {
+    const int result = pollLoop_mod_fd(context.pollSocket.get(), endpoint.rdsockfd, EPOLLIN);
+    return result != 0 &&
+           reportUpstreamNetworkError(endpoint, "Re-add UpEpt recv sockfd to poll set:", -result,
+                                      context) == 0;
+}
+
+/// Whether to read again after a receive call that brought no datagram.
+bool handleReceiveFailure(VeskEndpointDescriptor& endpoint, const IncomingMessage& message,
+                          int error, ForwarderContext& context) {
+    if (message.truncated()) {
+        endpoint.counters.rxDgError.increment();
+        return armAgain(endpoint, context);
+    }
+    switch (error) {
+        case EAGAIN:
+        // An ICMP error that reached the socket says nothing about the next reply.
+        case ECONNREFUSED:
+            return armAgain(endpoint, context);
+        default:
+            endpoint.counters.rxDgError.increment();
+            return reportUpstreamNetworkError(endpoint, "UP_RECEIVE:", error, context) == 0;
+    }
+}
+
+}  // namespace
+
+int upstreamSocketRecv(int socket, bool& keep, std::uint32_t /*workerParameter*/,
+                       ForwarderContext& context) {
+    keep = false;
+    const EndpointPtr endpoint = context.endpointManager->findEndpointByFd(socket);
+    if (!endpoint) {
+        return 0;
+    }
+    if (endpoint->rdsockfd != socket) {
+        logInfo("upstreamSocketRecv", " Woke up from a stale sockfd ", socket, " for upEpt label ",
+                endpoint->label, " rdsockfd ", endpoint->rdsockfd, " wrsockfd ", endpoint->wrsockfd,
+                ", ignored.");
+        return 0;
+    }
+    const ServingClaim claim(*endpoint);
+    if (!claim.held() || !endpoint->prepared.load(std::memory_order_acquire)) {
+        // Somebody else is at it for a moment, and may arm the socket before this worker looks
+        // again: only another pass makes sure that no wake-up is lost.
+        keep = true;
+        return 0;
+    }
+    IncomingMessage message;
+    const ReceiveResult result = receiveNow(message, *endpoint);
+    if (result.received >= 1) {
+        replyReceived(endpoint, static_cast<std::size_t>(result.received), message, context);
+        keep = true;
+    } else {
+        keep = handleReceiveFailure(*endpoint, message, result.error, context);
+    }
+    return keep ? 1 : 0;
+}
+
+int upstreamSocketSend(int /*socket*/, bool& keep, std::uint32_t /*workerParameter*/,
+                       ForwarderContext& /*context*/) {
+    logError("upstreamSocketSend", ":Not Implemented yet");
+    keep = false;
+    return 0;
+}
+
+}  // namespace vesk

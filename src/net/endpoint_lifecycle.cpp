@@ -1,0 +1,77 @@
+#include "net/endpoint_lifecycle.h"
+
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstring>
+#include <ios>
+#include <sstream>
+
+#include "app/forwarder_context.h"
+#include "log/log.h"
+#include "net/endpoint_manager.h"
+#include "net/endpoint_sockets.h"
+#include "poll/poll_channel.h"
+
+namespace vesk {
+
+namespace {
+
+bool isPassing(int error) {
+    switch (error) {
+        case ENOMEM:
+        case EMSGSIZE:
+        case ENOBUFS:
+        case EHOSTUNREACH:
+            return true;
+        default:
+            return false;
+    }
+}
+
+}  // namespace
+
+void endpointSocketDestructor(int rdsockfd, int wrsockfd,
+                              const std::shared_ptr<ForwarderContext>& context) {
+    const int pollSocket = context->pollSocket.get();
+    if (pollLoop_del_fd(pollSocket, wrsockfd) != 0) {
+        logError("endpointSocketDestructor: Failed to del wrsockfd ", wrsockfd,
+                 " error: ", std::strerror(errno));
+        close(wrsockfd);
+    }
+    if (pollLoop_del_fd(pollSocket, rdsockfd) != 0) {
+        // Kept: the number shown is the write descriptor's; both belong to one socket, and the
+        // line before this one shows the same number.
+        logError("endpointSocketDestructor: Failed to del rdsockfd ", wrsockfd,
+                 " error: ", std::strerror(errno));
+        close(rdsockfd);
+    }
+}
+
+EndpointDeleter upstreamEndpointDeleter(ForwarderContext& context) {
+    return [weakContext = context.weak_from_this()](int rdsockfd, int wrsockfd) {
+        if (const std::shared_ptr<ForwarderContext> held = weakContext.lock()) {
+            endpointSocketDestructor(rdsockfd, wrsockfd, held);
+        } else {
+            closeEndpointSockets(rdsockfd, wrsockfd);
+        }
+    };
+}
+
+int reportUpstreamNetworkError(const VeskEndpointDescriptor& endpoint, std::string_view prefix,
+                               int error, ForwarderContext& context) {
+    std::ostringstream message;
+    message << prefix << " network error on upstream endpoint of label 0x" << std::hex
+            << endpoint.label << '/' << std::dec << endpoint.label << ", errno " << error << " ("
+            << std::strerror(error) << ").";
+    if (isPassing(error)) {
+        logWarn(message.view());
+        return 0;
+    }
+    context.endpointManager->deleteEndpoint(endpoint);
+    message << " Endpoint Deleted";
+    logError(message.view());
+    return 1;
+}
+
+}  // namespace vesk

@@ -1,0 +1,16 @@
+// The report of all counters, written by the "stats" command on the main thread. Nothing is reset,
+// and the figures of one report need not agree with each other: traffic goes on meanwhile.
+#pragma once
+
+#include <memory>
+
+#include "control/command_line.h"
+
+namespace vesk {
+
+struct ForwarderContext;
+
+/// The handler of "stats"; words after it are ignored. Always true.
+bool reportStatistics(TokenQueue tokens, const std::shared_ptr<ForwarderContext>& context);
+
+}  // namespace vesk

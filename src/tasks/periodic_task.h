@@ -1,0 +1,35 @@
+// A named function run on a thread of its own, once per period, until the thread is cancelled.
+#pragma once
+
+#include <cstdint>
+#include <functional>
+#include <string>
+
+#include "base/thread_control.h"
+
+namespace vesk {
+
+/// Waits one period, runs the action, and again. The period is in nanoseconds and read afresh for
+/// each wait; with 0 or less there is no wait. An empty action throws std::bad_function_call.
+/// The calling thread may be cancelled while it waits and before each wait.
+void runPeriodicTask(const std::string& name, const std::int64_t& period,
+                     const std::function<void()>& action);
+
+/// A periodic task with its thread. Owned by the main thread.
+class PeriodicTask {
+ public:
+    PeriodicTask(std::string name, std::int64_t period, std::function<void()> action);
+
+    /// 0, or pthread_create's error code.
+    int start();
+    int stop() { return thread_.stop(); }
+    pthread_t threadId() const { return thread_.id(); }
+
+ private:
+    const std::string name_;
+    const std::int64_t period_;
+    const std::function<void()> action_;
+    CancellableThread thread_;
+};
+
+}  // namespace vesk
