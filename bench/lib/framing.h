@@ -1,0 +1,61 @@
+// The two framings as they stand on the wire. The bench programs judge the forwarder, so they state
+// the layout themselves instead of reading it from the forwarder's own sources.
+//
+//   UDPv1   0        32        34      38             H
+//           | HMAC   | H (2)   | label | more header  | payload
+//   UDPv2   0        16        20
+//           | HMAC   | label   | payload
+#pragma once
+
+#include <array>
+#include <cstddef>
+#include <cstdint>
+#include <optional>
+#include <span>
+#include <string_view>
+
+namespace vesk::bench {
+
+inline constexpr std::size_t maxDatagramSize = 2048;
+
+struct FramingLayout {
+    std::string_view name;
+    std::size_t hmacLength;
+    std::size_t headerLengthSize;  // UDPv2 has no such field: its payload always begins at 20
+    std::size_t labelOffset;
+    std::size_t headerSize;
+};
+
+inline constexpr FramingLayout udpV1{"udpv1", 32, 2, 34, 38};
+inline constexpr FramingLayout udpV2{"udpv2", 16, 0, 16, 20};
+
+/// Throws std::invalid_argument for any name but "udpv1" and "udpv2".
+const FramingLayout& framingByName(std::string_view name);
+
+/// Big-endian, as all numbers on the wire.
+std::uint32_t readNumber(std::span<const std::byte> fourBytes);
+void writeNumber(std::span<std::byte> fourBytes, std::uint32_t value);
+
+inline std::uint32_t readLabel(const FramingLayout& layout, std::span<const std::byte> datagram) {
+    return readNumber(datagram.subspan(layout.labelOffset, 4));
+}
+
+inline void writeLabel(const FramingLayout& layout, std::span<std::byte> datagram,
+                       std::uint32_t label) {
+    writeNumber(datagram.subspan(layout.labelOffset, 4), label);
+}
+
+/// Writes the header-length field of a framing that has one; the header is then complete but for
+/// label and HMAC.
+void writeHeaderLength(const FramingLayout& layout, std::span<std::byte> datagram);
+
+/// Where the payload begins, or nothing for a datagram that is not well formed.
+std::optional<std::size_t> findPayload(const FramingLayout& layout,
+                                       std::span<const std::byte> datagram);
+
+/// What the HMAC covers, in the order in which it is hashed.
+std::array<std::span<const std::byte>, 2> authenticatedRanges(const FramingLayout& layout,
+                                                              std::span<const std::byte> datagram,
+                                                              std::size_t payloadOffset);
+
+}  // namespace vesk::bench

@@ -1,0 +1,65 @@
+#include "lib/udp_socket.h"
+
+#include <sys/socket.h>
+
+#include <cerrno>
+#include <system_error>
+
+namespace vesk::bench {
+namespace {
+
+// Room for some thousand datagrams: a full buffer at either end of the path would be charged to the
+// forwarder as loss. The kernel cuts the request down to its own limit.
+constexpr int socketBufferSize = 4 << 20;
+
+void throwOnFailure(int result, const char* what) {
+    if (result < 0) {
+        throw std::system_error(errno, std::generic_category(), what);
+    }
+}
+
+const sockaddr* generic(const sockaddr_in& address) {
+    return reinterpret_cast<const sockaddr*>(&address);
+}
+
+}  // namespace
+
+sockaddr_in loopbackAddress(std::uint16_t port) {
+    sockaddr_in address{};
+    address.sin_family = AF_INET;
+    address.sin_port = htons(port);
+    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    return address;
+}
+
+UdpSocket::UdpSocket(std::uint16_t port) : fd_(::socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0)) {
+    throwOnFailure(fd(), "socket");
+    ::setsockopt(fd(), SOL_SOCKET, SO_RCVBUF, &socketBufferSize, sizeof socketBufferSize);
+    ::setsockopt(fd(), SOL_SOCKET, SO_SNDBUF, &socketBufferSize, sizeof socketBufferSize);
+    const sockaddr_in address = loopbackAddress(port);
+    throwOnFailure(::bind(fd(), generic(address), sizeof address), "bind");
+}
+
+void UdpSocket::connectTo(std::uint16_t port) {
+    const sockaddr_in address = loopbackAddress(port);
+    throwOnFailure(::connect(fd(), generic(address), sizeof address), "connect");
+}
+
+void UdpSocket::wakeReceivers() {
+    // An unconnected socket answers ENOTCONN, and its receivers are woken all the same.
+    ::shutdown(fd(), SHUT_RDWR);
+}
+
+std::uint16_t UdpSocket::port() const {
+    sockaddr_in address{};
+    socklen_t length = sizeof address;
+    throwOnFailure(::getsockname(fd(), reinterpret_cast<sockaddr*>(&address), &length),
+                   "getsockname");
+    return ntohs(address.sin_port);
+}
+
+std::uint16_t freeUdpPort() {
+    return UdpSocket().port();
+}
+
+}  // namespace vesk::bench
