@@ -1,0 +1,45 @@
+// All datagrams of a run, framed and signed before it begins: one request and its reply for every
+// number of the pool. The payload begins with that number, so an arrival tells which request it
+// belongs to, and it reaches the other end unchanged, whatever is done to the header.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <optional>
+#include <span>
+#include <vector>
+
+#include "lib/flow_plan.h"
+#include "lib/framing.h"
+
+namespace vesk::bench {
+
+class DatagramPool {
+ public:
+    /// Number i belongs to flow i modulo the number of flows: sent in order, all flows take turns.
+    DatagramPool(const FramingLayout& layout, const std::vector<FlowPlan>& plans,
+                 std::size_t payloadSize, std::size_t size);
+
+    std::size_t size() const { return size_; }
+    std::size_t datagramSize() const { return layout_.headerSize + payloadSize_; }
+    const FlowPlan& planOf(std::size_t number) const { return plans_[flowOf(number)]; }
+    std::size_t flowOf(std::size_t number) const { return number % plans_.size(); }
+
+    std::span<const std::byte> request(std::size_t number) const;
+    std::span<const std::byte> reply(std::size_t number) const;
+
+    /// The number that a datagram of this pool carries; nothing for one that cannot be of it.
+    std::optional<std::size_t> numberIn(std::span<const std::byte> datagram) const;
+
+ private:
+    void fill(std::vector<std::byte>& images, bool replies, std::uint64_t seed);
+
+    const FramingLayout& layout_;
+    const std::vector<FlowPlan>& plans_;
+    std::size_t payloadSize_;
+    std::size_t size_;
+    std::vector<std::byte> requests_;
+    std::vector<std::byte> replies_;
+};
+
+}  // namespace vesk::bench

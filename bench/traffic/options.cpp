@@ -1,0 +1,118 @@
+#include "traffic/options.h"
+
+#include <CLI/CLI.hpp>
+#include <algorithm>
+#include <cstdlib>
+#include <stdexcept>
+
+namespace vesk::bench {
+namespace {
+
+constexpr std::size_t defaultPeers = 8;
+
+struct Names {
+    std::string framing = "udpv2";
+    std::vector<std::string> algorithms = {"sha256"};
+};
+
+void addTraffic(CLI::App& app, TrafficOptions& options, Names& names) {
+    app.add_option("--framing", names.framing, "udpv1 or udpv2")
+        ->check(CLI::IsMember({"udpv1", "udpv2"}))
+        ->capture_default_str();
+    app.add_option("--algorithm", names.algorithms,
+                   "sha256, sha1 or none; several, separated by commas, are taken in turn by the "
+                   "flows")
+        ->check(CLI::IsMember({"sha256", "sha1", "none"}))
+        ->delimiter(',')
+        ->capture_default_str();
+    app.add_option("--flows", options.flows.flows, "number of flows")
+        ->check(CLI::Range(1, 60000))
+        ->capture_default_str();
+    app.add_option("--peers", options.peers, "sockets the flows are spread over (at most 8)")
+        ->check(CLI::Range(1, 16000));
+    app.add_option("--payload", options.payload, "bytes of payload")
+        ->check(CLI::Range(4, 2010))
+        ->capture_default_str();
+    app.add_option("--label-base", options.flows.labelBase, "label of the first flow")
+        ->check(CLI::Range(1U, 0x1fff0000U))
+        ->capture_default_str();
+    app.add_option("--seed", options.flows.seed, "seed of the keys")->capture_default_str();
+    app.add_flag("--one-way", options.oneWay, "requests only, no replies");
+    app.add_flag("--unchanged", options.flows.unchanged,
+                 "expect datagrams as they were sent, for a forwarder without labels and keys");
+}
+
+void addPace(CLI::App& app, TrafficOptions& options) {
+    app.add_option("--rate", options.rate, "open loop: requests a second")
+        ->check(CLI::Range(1.0, 1e7));
+    app.add_option("--window", options.window, "closed loop: requests outstanding")
+        ->check(CLI::Range(1, 16384))
+        ->capture_default_str();
+    app.add_option("--warm-up", options.warmUp, "seconds of traffic before the measured time")
+        ->check(CLI::Range(0.0, 3600.0))
+        ->capture_default_str();
+    app.add_option("--duration", options.duration, "measured seconds")
+        ->check(CLI::Range(0.01, 864000.0))
+        ->capture_default_str();
+    app.add_option("--requests", options.requests, "end the measured time after that many");
+    app.add_option("--loss-timeout", options.lossTimeout, "seconds to wait for a reply")
+        ->check(CLI::Range(0.01, 5.0))
+        ->capture_default_str();
+    app.add_option("--verify-every", options.verifyEvery,
+                   "verify HMAC and payload of every n-th arrival")
+        ->check(CLI::Range(1, 1000000))
+        ->capture_default_str();
+    app.add_flag("--spin", options.spin,
+                 "keep asking for datagrams instead of sleeping until one arrives");
+}
+
+void addForwarder(CLI::App& app, TrafficOptions& options) {
+    app.add_option("--port", options.port, "port of the forwarder (chosen for a child)");
+    app.add_option("--upstream-port", options.flows.upPort, "port of the echo end (chosen)");
+    app.add_option("--pid", options.pid, "process whose processor time is measured (the child)");
+    app.add_flag("--print-commands", options.printCommands,
+                 "print what to tell a forwarder that is started by other means, and end");
+    app.add_flag("--json", options.json, "print JSON instead of a table");
+    app.add_flag("--allow-loss", options.allowLoss, "lost datagrams do not fail the run");
+    app.add_option("command", options.command, "after \"--\": a forwarder to start and to measure");
+}
+
+void check(const TrafficOptions& options) {
+    if (options.command.empty() && options.port == 0) {
+        throw CLI::ValidationError("either a forwarder's --port or a command to start one");
+    }
+    if (options.command.empty() && options.flows.upPort == 0) {
+        throw CLI::ValidationError("a forwarder that is running already needs --upstream-port");
+    }
+}
+
+}  // namespace
+
+TrafficOptions parseTrafficOptions(int argc, char** argv) {
+    CLI::App app(
+        "Sends framed, signed datagrams through a forwarder on the loopback address, answers them "
+        "at the upstream end, and reports what came back and what it cost.");
+    TrafficOptions options;
+    Names names;
+    addTraffic(app, options, names);
+    addPace(app, options);
+    addForwarder(app, options);
+    try {
+        app.parse(argc, argv);
+        check(options);
+    } catch (const CLI::ParseError& error) {
+        std::exit(app.exit(error));
+    }
+    options.framing = &framingByName(names.framing);
+    options.flows.algorithms.clear();
+    for (const std::string& name : names.algorithms) {
+        options.flows.algorithms.push_back(algorithmByName(name));
+    }
+    if (options.peers == 0) {
+        options.peers = defaultPeers;
+    }
+    options.peers = std::min(options.peers, options.flows.flows);
+    return options;
+}
+
+}  // namespace vesk::bench

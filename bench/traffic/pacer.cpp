@@ -1,0 +1,41 @@
+#include "traffic/pacer.h"
+
+#include <algorithm>
+
+#include "lib/clocks.h"
+
+namespace vesk::bench {
+namespace {
+
+// After a stall the requests that should have been sent meanwhile would go out as one burst, and
+// the forwarder would be blamed for what the burst does to its queues.
+constexpr std::uint64_t longestBacklog = 64;
+
+constexpr std::int64_t longestPause = 10'000'000;
+
+}  // namespace
+
+std::size_t Pacer::due(std::int64_t now, std::size_t outstanding) {
+    if (window_ > 0) {
+        return window_ - std::min(window_, outstanding);
+    }
+    const double elapsed = static_cast<double>(now - start_) / nanosecondsPerSecond;
+    const auto scheduled = static_cast<std::uint64_t>(elapsed * perSecond_) + 1;
+    const std::uint64_t backlog = scheduled - issued_ - skipped_;
+    if (backlog > longestBacklog) {
+        skipped_ += backlog - longestBacklog;
+    }
+    return std::min(backlog, longestBacklog);
+}
+
+std::int64_t Pacer::pause(std::int64_t now) const {
+    if (window_ > 0) {
+        return longestPause;
+    }
+    const double nextAt =
+        static_cast<double>(issued_ + skipped_) / perSecond_ * nanosecondsPerSecond;
+    const std::int64_t wait = start_ + static_cast<std::int64_t>(nextAt) - now;
+    return std::clamp<std::int64_t>(wait, 0, longestPause);
+}
+
+}  // namespace vesk::bench

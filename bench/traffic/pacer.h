@@ -1,0 +1,37 @@
+// Decides how many requests are due: a closed loop keeps a number of them outstanding, an open loop
+// follows the clock whatever comes back.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+
+namespace vesk::bench {
+
+class Pacer {
+ public:
+    static Pacer closedLoop(std::size_t window) { return Pacer(window, 0, 0); }
+    static Pacer openLoop(double perSecond, std::int64_t start) {
+        return Pacer(0, perSecond, start);
+    }
+
+    std::size_t due(std::int64_t now, std::size_t outstanding);
+    void sent(std::size_t count) { issued_ += count; }
+
+    /// Nanoseconds until more may be due without anything having arrived.
+    std::int64_t pause(std::int64_t now) const;
+
+    /// Requests that an open loop left out because it could not keep up.
+    std::uint64_t skipped() const { return skipped_; }
+
+ private:
+    Pacer(std::size_t window, double perSecond, std::int64_t start)
+        : window_(window), perSecond_(perSecond), start_(start) {}
+
+    std::size_t window_;
+    double perSecond_;
+    std::int64_t start_;
+    std::uint64_t issued_ = 0;
+    std::uint64_t skipped_ = 0;
+};
+
+}  // namespace vesk::bench

@@ -1,0 +1,43 @@
+#include "traffic/request_ledger.h"
+
+namespace vesk::bench {
+
+void RequestLedger::sent(std::size_t count, std::int64_t now) {
+    for (std::size_t i = 0; i < count; ++i) {
+        requests_[nextNumber()] = {now, true, measuring_};
+        ++next_;
+    }
+    outstanding_ += count;
+    counts_.sent += measuring_ ? count : 0;
+}
+
+bool RequestLedger::answered(std::size_t number, std::int64_t now) {
+    Request& request = requests_[number];
+    if (!request.open) {
+        return false;
+    }
+    request.open = false;
+    --outstanding_;
+    if (request.measured) {
+        ++counts_.answered;
+        roundTrips_.add(now - request.sentAt);
+    }
+    return true;
+}
+
+void RequestLedger::expire(std::int64_t now) {
+    while (oldest_ < next_) {
+        Request& request = requests_[oldest_ % requests_.size()];
+        if (request.open) {
+            if (now - request.sentAt < lossTimeout_) {
+                return;
+            }
+            request.open = false;
+            --outstanding_;
+            counts_.lost += request.measured ? 1 : 0;
+        }
+        ++oldest_;
+    }
+}
+
+}  // namespace vesk::bench

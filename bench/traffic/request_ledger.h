@@ -1,0 +1,60 @@
+// Keeps account of every request between its sending and its answer or loss. Numbers are handed out
+// in order, round and round the pool, so the oldest open request is always at one end.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <vector>
+
+#include "lib/latency_histogram.h"
+
+namespace vesk::bench {
+
+struct RequestCounts {
+    std::uint64_t sent = 0;
+    std::uint64_t answered = 0;
+    std::uint64_t lost = 0;
+};
+
+class RequestLedger {
+ public:
+    RequestLedger(std::size_t poolSize, std::int64_t lossTimeout)
+        : requests_(poolSize), lossTimeout_(lossTimeout) {}
+
+    /// Requests that are sent while this is on are the ones that count.
+    void measure(bool on) { measuring_ = on; }
+
+    std::size_t nextNumber() const { return next_ % requests_.size(); }
+    /// How many requests may be sent before a number would be used that is still open.
+    std::size_t room() const { return requests_.size() - (next_ - oldest_); }
+    std::size_t outstanding() const { return outstanding_; }
+
+    void sent(std::size_t count, std::int64_t now);
+
+    /// False when no request of that number is open: a second answer, or one after the timeout.
+    bool answered(std::size_t number, std::int64_t now);
+
+    /// Gives up on requests that have waited for too long.
+    void expire(std::int64_t now);
+
+    const RequestCounts& counts() const { return counts_; }
+    const LatencyHistogram& roundTrips() const { return roundTrips_; }
+
+ private:
+    struct Request {
+        std::int64_t sentAt = 0;
+        bool open = false;
+        bool measured = false;
+    };
+
+    std::vector<Request> requests_;
+    std::int64_t lossTimeout_;
+    bool measuring_ = false;
+    std::uint64_t next_ = 0;
+    std::uint64_t oldest_ = 0;
+    std::size_t outstanding_ = 0;
+    RequestCounts counts_;
+    LatencyHistogram roundTrips_;
+};
+
+}  // namespace vesk::bench

@@ -1,0 +1,142 @@
+#include "traffic/traffic_ends.h"
+
+#include <sys/epoll.h>
+
+#include <algorithm>
+#include <array>
+#include <cerrno>
+#include <ctime>
+#include <system_error>
+
+#include "lib/authentication.h"
+#include "lib/clocks.h"
+
+namespace vesk::bench {
+namespace {
+
+constexpr std::uint32_t serviceName = UINT32_MAX;
+
+}  // namespace
+
+TrafficEnds::TrafficEnds(const TrafficOptions& options, std::uint16_t forwarderPort,
+                         UdpSocket& service, const DatagramPool& pool, RequestLedger& ledger)
+    : options_(options),
+      service_(service),
+      pool_(pool),
+      ledger_(ledger),
+      watched_(::epoll_create1(EPOLL_CLOEXEC)) {
+    watch(service_, serviceName);
+    for (std::size_t i = 0; i < options.peers; ++i) {
+        // Connected, so that only what comes from the forwarder's own address is taken.
+        peers_.emplace_back().connectTo(forwarderPort);
+        watch(peers_.back(), static_cast<std::uint32_t>(i));
+    }
+}
+
+std::size_t TrafficEnds::sendRequests(std::size_t count) {
+    count = std::min(count, ledger_.room());
+    std::size_t sent = 0;
+    while (sent < count) {
+        const std::size_t first = ledger_.nextNumber();
+        const std::size_t peer = peerOf(first);
+        std::size_t added = 0;
+        for (std::size_t number = first; sent + added < count && !toSend_.full() &&
+                                         number < pool_.size() && peerOf(number) == peer;
+             ++number, ++added) {
+            toSend_.add(pool_.request(number));
+        }
+        const std::int64_t now = nowNanoseconds();
+        const std::size_t taken = toSend_.send(peers_[peer].fd());
+        ledger_.sent(taken, now);
+        sent += taken;
+        if (taken < added) {
+            break;
+        }
+    }
+    return sent;
+}
+
+void TrafficEnds::serve(std::int64_t patience) {
+    std::array<epoll_event, batchSize> ready;
+    const timespec timeout{patience / nanosecondsPerSecond, patience % nanosecondsPerSecond};
+    const int count = ::epoll_pwait2(watched_.get(), ready.data(), ready.size(), &timeout, nullptr);
+    for (int i = 0; i < count; ++i) {
+        const std::uint32_t name = ready[static_cast<std::size_t>(i)].data.u32;
+        if (name == serviceName) {
+            takeRequests();
+        } else {
+            takeReplies(peers_[name]);
+        }
+    }
+}
+
+std::size_t TrafficEnds::peerOf(std::size_t number) const {
+    // Neighbouring flows share a peer, so that datagrams sent in turn can share a system call.
+    return pool_.flowOf(number) * peers_.size() / options_.flows.flows;
+}
+
+void TrafficEnds::watch(const UdpSocket& socket, std::uint32_t name) {
+    epoll_event event{};
+    event.events = EPOLLIN;
+    event.data.u32 = name;
+    if (::epoll_ctl(watched_.get(), EPOLL_CTL_ADD, socket.fd(), &event) != 0) {
+        throw std::system_error(errno, std::generic_category(), "epoll_ctl");
+    }
+}
+
+void TrafficEnds::takeRequests() {
+    const std::size_t count = received_.receive(service_.fd(), MSG_DONTWAIT);
+    const std::int64_t now = nowNanoseconds();
+    for (std::size_t i = 0; i < count; ++i) {
+        const auto arrival = received_.datagram(i);
+        const auto number = pool_.numberIn(arrival);
+        if (!number || !isRight(arrival, pool_.request(*number), pool_.planOf(*number).upLabel,
+                                pool_.planOf(*number).upOut)) {
+            ++counts_.wrong;
+            continue;
+        }
+        ++counts_.upstream;
+        if (!options_.oneWay) {
+            toSend_.add(pool_.reply(*number), received_.source(i));
+        } else if (!ledger_.answered(*number, now)) {
+            ++counts_.unexpected;
+        }
+    }
+    toSend_.send(service_.fd());
+}
+
+void TrafficEnds::takeReplies(const UdpSocket& peer) {
+    const std::size_t count = received_.receive(peer.fd(), MSG_DONTWAIT);
+    const std::int64_t now = nowNanoseconds();
+    for (std::size_t i = 0; i < count; ++i) {
+        const auto arrival = received_.datagram(i);
+        const auto number = pool_.numberIn(arrival);
+        if (!number || !isRight(arrival, pool_.reply(*number), pool_.planOf(*number).downLabel,
+                                pool_.planOf(*number).downOut)) {
+            ++counts_.wrong;
+            continue;
+        }
+        ++counts_.peers;
+        if (!ledger_.answered(*number, now)) {
+            ++counts_.unexpected;
+        }
+    }
+}
+
+bool TrafficEnds::isRight(std::span<const std::byte> arrival, std::span<const std::byte> original,
+                          std::uint32_t label, const HmacKey& key) {
+    if (readLabel(*options_.framing, arrival) != label) {
+        return false;
+    }
+    if ((counts_.upstream + counts_.peers) % options_.verifyEvery != 0) {
+        return true;
+    }
+    ++counts_.verified;
+    OneCallHmac hmac(key);
+    const std::size_t payloadOffset = options_.framing->headerSize;
+    return findPayload(*options_.framing, arrival) == payloadOffset &&
+           std::ranges::equal(arrival.subspan(payloadOffset), original.subspan(payloadOffset)) &&
+           checkDatagram(hmac, *options_.framing, arrival, payloadOffset);
+}
+
+}  // namespace vesk::bench

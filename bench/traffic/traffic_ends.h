@@ -1,0 +1,59 @@
+// The two ends of the path in one thread: the peers that send requests and take the replies, and
+// the upstream service that takes the requests and replies to them.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <span>
+#include <vector>
+
+#include "base/unique_fd.h"
+#include "lib/datagram_batch.h"
+#include "lib/udp_socket.h"
+#include "traffic/datagram_pool.h"
+#include "traffic/options.h"
+#include "traffic/request_ledger.h"
+
+namespace vesk::bench {
+
+struct ArrivalCounts {
+    std::uint64_t upstream = 0;    // requests that reached the service
+    std::uint64_t peers = 0;       // replies that reached a peer
+    std::uint64_t wrong = 0;       // arrivals that are not what the forwarder had to make of them
+    std::uint64_t unexpected = 0;  // answers that no open request belongs to
+    std::uint64_t verified = 0;    // arrivals whose HMAC and payload were looked at
+};
+
+class TrafficEnds {
+ public:
+    TrafficEnds(const TrafficOptions& options, std::uint16_t forwarderPort, UdpSocket& service,
+                const DatagramPool& pool, RequestLedger& ledger);
+
+    /// Sends that many requests, or fewer where the kernel takes no more. Returns how many.
+    std::size_t sendRequests(std::size_t count);
+
+    /// Waits for arrivals, not longer than told, and deals with those that are there.
+    void serve(std::int64_t patience);
+
+    const ArrivalCounts& counts() const { return counts_; }
+
+ private:
+    std::size_t peerOf(std::size_t number) const;
+    void watch(const UdpSocket& socket, std::uint32_t name);
+    void takeRequests();
+    void takeReplies(const UdpSocket& peer);
+    bool isRight(std::span<const std::byte> arrival, std::span<const std::byte> original,
+                 std::uint32_t label, const HmacKey& key);
+
+    const TrafficOptions& options_;
+    UdpSocket& service_;
+    const DatagramPool& pool_;
+    RequestLedger& ledger_;
+    std::vector<UdpSocket> peers_;
+    UniqueFd watched_;
+    SendBatch toSend_;
+    ReceiveBatch received_;
+    ArrivalCounts counts_;
+};
+
+}  // namespace vesk::bench

@@ -1,0 +1,131 @@
+#include "traffic/traffic_run.h"
+
+#include <algorithm>
+#include <limits>
+#include <stdexcept>
+
+#include "lib/clocks.h"
+#include "lib/datagram_batch.h"
+
+namespace vesk::bench {
+namespace {
+
+constexpr std::size_t smallestPool = 2048;
+constexpr std::size_t openingWindow = 64;
+constexpr std::int64_t probeInterval = 20'000'000;
+constexpr std::int64_t longestStart = 15 * nanosecondsPerSecond;
+constexpr double longestOpening = 30;
+constexpr std::uint64_t unlimited = std::numeric_limits<std::uint64_t>::max();
+
+std::int64_t nanoseconds(double seconds) {
+    return static_cast<std::int64_t>(seconds * nanosecondsPerSecond);
+}
+
+// Large enough that a number is not due again while its last request may still be answered, and a
+// multiple of the flows, so that they keep taking turns.
+std::size_t poolSize(const TrafficOptions& options) {
+    const auto open = static_cast<std::size_t>(options.rate * options.lossTimeout);
+    const std::size_t wanted = std::max({smallestPool, 4 * options.window, open});
+    const std::size_t perFlow = std::max<std::size_t>(2, wanted / options.flows.flows + 1);
+    return perFlow * options.flows.flows;
+}
+
+ArrivalCounts difference(const ArrivalCounts& end, const ArrivalCounts& start) {
+    return {end.upstream - start.upstream, end.peers - start.peers, end.wrong - start.wrong,
+            end.unexpected - start.unexpected, end.verified - start.verified};
+}
+
+}  // namespace
+
+TrafficRun::TrafficRun(const TrafficOptions& options, std::uint16_t forwarderPort,
+                       pid_t measuredPid, UdpSocket& service, const std::vector<FlowPlan>& plans)
+    : options_(options),
+      measuredPid_(measuredPid),
+      pool_(*options.framing, plans, options.payload, poolSize(options)),
+      ledger_(pool_.size(), nanoseconds(options.lossTimeout)),
+      ends_(options, forwarderPort, service, pool_, ledger_) {}
+
+TrafficResult TrafficRun::run() {
+    TrafficResult result;
+    awaitForwarder();
+    const std::int64_t openingStart = nowNanoseconds();
+    openFlows();
+    result.opening = nowNanoseconds() - openingStart;
+
+    Pacer warmUp = makePacer();
+    carry(warmUp, options_.warmUp, unlimited);
+
+    ledger_.measure(true);
+    Pacer pacer = makePacer();
+    const ArrivalCounts before = ends_.counts();
+    const auto cpuBefore = measuredCpu();
+    const std::int64_t start = nowNanoseconds();
+    carry(pacer, options_.duration, options_.requests > 0 ? options_.requests : unlimited);
+    if (cpuBefore) {
+        result.cpu = *measuredCpu() - *cpuBefore;
+    }
+    result.elapsed = nowNanoseconds() - start;
+    result.arrivals = difference(ends_.counts(), before);
+    ledger_.measure(false);
+    drain();
+
+    // What was sent in the measured time may prove wrong or unasked for only now.
+    result.arrivals.wrong = ends_.counts().wrong - before.wrong;
+    result.arrivals.unexpected = ends_.counts().unexpected - before.unexpected;
+    result.arrivals.verified = ends_.counts().verified - before.verified;
+    result.requests = ledger_.counts();
+    result.roundTrips = ledger_.roundTrips();
+    result.skipped = pacer.skipped();
+    return result;
+}
+
+void TrafficRun::awaitForwarder() {
+    const std::int64_t deadline = nowNanoseconds() + longestStart;
+    // One that makes something wrong of every datagram is awake too; the report will tell.
+    while (ends_.counts().upstream + ends_.counts().wrong == 0) {
+        if (nowNanoseconds() > deadline) {
+            throw std::runtime_error("the forwarder passes nothing on");
+        }
+        ends_.sendRequests(1);
+        ends_.serve(probeInterval);
+        ledger_.expire(nowNanoseconds());
+    }
+    drain();
+}
+
+void TrafficRun::openFlows() {
+    Pacer pacer = Pacer::closedLoop(openingWindow);
+    carry(pacer, longestOpening, options_.flows.flows);
+    drain();
+}
+
+void TrafficRun::carry(Pacer& pacer, double seconds, std::uint64_t requests) {
+    const std::int64_t end = nowNanoseconds() + nanoseconds(seconds);
+    for (std::int64_t now = nowNanoseconds(); now < end && requests > 0; now = nowNanoseconds()) {
+        ledger_.expire(now);
+        const std::size_t due =
+            std::min<std::uint64_t>({pacer.due(now, ledger_.outstanding()), batchSize, requests});
+        const std::size_t sent = due > 0 ? ends_.sendRequests(due) : 0;
+        pacer.sent(sent);
+        requests -= sent;
+        ends_.serve(options_.spin ? 0 : std::min(pacer.pause(nowNanoseconds()), end - now));
+    }
+}
+
+void TrafficRun::drain() {
+    while (ledger_.outstanding() > 0) {
+        ends_.serve(nanoseconds(options_.lossTimeout) / 10);
+        ledger_.expire(nowNanoseconds());
+    }
+}
+
+Pacer TrafficRun::makePacer() const {
+    return options_.rate > 0 ? Pacer::openLoop(options_.rate, nowNanoseconds())
+                             : Pacer::closedLoop(options_.window);
+}
+
+std::optional<std::int64_t> TrafficRun::measuredCpu() const {
+    return measuredPid_ > 0 ? std::optional(processCpuNanoseconds(measuredPid_)) : std::nullopt;
+}
+
+}  // namespace vesk::bench

@@ -1,0 +1,50 @@
+// One run against one forwarder, from its first probe to the last reply.
+#pragma once
+
+#include <cstdint>
+#include <optional>
+#include <vector>
+
+#include "lib/flow_plan.h"
+#include "lib/udp_socket.h"
+#include "traffic/options.h"
+#include "traffic/pacer.h"
+#include "traffic/request_ledger.h"
+#include "traffic/traffic_ends.h"
+
+namespace vesk::bench {
+
+struct TrafficResult {
+    RequestCounts requests;
+    ArrivalCounts arrivals;     // of the measured time
+    std::int64_t elapsed = 0;   // all times in nanoseconds
+    std::int64_t opening = 0;   // the first datagram of every flow, one after the other
+    std::uint64_t skipped = 0;  // requests left out of an open loop
+    LatencyHistogram roundTrips;
+    std::optional<std::int64_t> cpu;  // of the measured process, over the measured time
+};
+
+class TrafficRun {
+ public:
+    TrafficRun(const TrafficOptions& options, std::uint16_t forwarderPort, pid_t measuredPid,
+               UdpSocket& service, const std::vector<FlowPlan>& plans);
+
+    /// Throws std::runtime_error when the forwarder does not answer at all.
+    TrafficResult run();
+
+ private:
+    void awaitForwarder();
+    void openFlows();
+    void carry(Pacer& pacer, double seconds, std::uint64_t requests);
+    void drain();
+    Pacer makePacer() const;
+    std::optional<std::int64_t> measuredCpu() const;
+
+    const TrafficOptions& options_;
+    pid_t measuredPid_;
+    DatagramPool pool_;
+    RequestLedger ledger_;
+    TrafficEnds ends_;
+};
+
+}  // namespace vesk::bench
