@@ -1,0 +1,60 @@
+// The floor that the forwarder is compared with: receive, check, relabel, sign, send, one datagram
+// and two system calls at a time, with the forwarder's own HMAC calls. One upstream socket serves
+// all flows, nothing is looked up, and no thread ever wakes another one.
+#include <sys/socket.h>
+
+#include <array>
+
+#include "loops/hmac_engines.h"
+#include "loops/loop_program.h"
+
+namespace vesk::bench {
+namespace {
+
+using BareLoop = Loop<CachedHmac>;
+using Buffer = std::array<std::byte, maxDatagramSize>;
+
+// An empty span for a failed or empty receive.
+std::span<std::byte> receive(const UdpSocket& socket, Buffer& buffer, sockaddr_in& source) {
+    socklen_t length = sizeof source;
+    const ssize_t got = ::recvfrom(socket.fd(), buffer.data(), buffer.size(), 0,
+                                   reinterpret_cast<sockaddr*>(&source), &length);
+    return std::span(buffer).first(got > 0 ? static_cast<std::size_t>(got) : 0);
+}
+
+void send(const UdpSocket& socket, std::span<const std::byte> datagram,
+          const sockaddr_in& destination) {
+    ::sendto(socket.fd(), datagram.data(), datagram.size(), 0,
+             reinterpret_cast<const sockaddr*>(&destination), sizeof destination);
+}
+
+void upward(BareLoop& loop) {
+    Buffer buffer;
+    sockaddr_in source{};
+    while (!loop.stopping.load(std::memory_order_relaxed)) {
+        const auto datagram = receive(loop.downstream, buffer, source);
+        if (auto* flow = loop.pass(&LoopFlow<CachedHmac>::up, datagram)) {
+            flow->peer.store(source);
+            send(loop.upstream, datagram, flow->service);
+        }
+    }
+}
+
+void downward(BareLoop& loop) {
+    Buffer buffer;
+    sockaddr_in source{};
+    while (!loop.stopping.load(std::memory_order_relaxed)) {
+        const auto datagram = receive(loop.upstream, buffer, source);
+        if (auto* flow = loop.pass(&LoopFlow<CachedHmac>::down, datagram)) {
+            send(loop.downstream, datagram, flow->peer.load());
+        }
+    }
+}
+
+}  // namespace
+}  // namespace vesk::bench
+
+int main(int argc, char** argv) {
+    return vesk::bench::loopMain<vesk::bench::CachedHmac>(
+        {argv, static_cast<std::size_t>(argc)}, vesk::bench::upward, vesk::bench::downward);
+}
