@@ -1,0 +1,46 @@
+// What it costs to build the message of one send call, and to make one ready for a receive call.
+#include <benchmark/benchmark.h>
+
+#include <array>
+#include <cstdint>
+
+#include "datapath/datagram_io.h"
+#include "flow/flow_desc.h"
+#include "flow/ip_addr_info.h"
+#include "net/endpoint.h"
+
+namespace vesk::bench {
+namespace {
+
+void buildOutgoing(benchmark::State& state, const char* address, std::int32_t dscp) {
+    const IPAddrInfo peer(address, 4500);
+    const IPAddrInfo local(address, 9000);
+    std::array<std::uint8_t, 532> datagram{};
+    for (auto _ : state) {
+        OutgoingMessage message;
+        message.setDatagram(datagram);
+        message.setDestination(peer.socketAddress());
+        message.addTrafficClass(dscp, dscp);
+        message.addSource(local.socketAddress());
+        benchmark::DoNotOptimize(message.header());
+        benchmark::ClobberMemory();
+    }
+}
+
+void prepareIncoming(benchmark::State& state) {
+    VeskEndpointDescriptor endpoint(0, 100, 100, FlowDesc(), [](int, int) {});
+    for (auto _ : state) {
+        IncomingMessage message;
+        message.prepare(endpoint);
+        benchmark::DoNotOptimize(message.header());
+        benchmark::ClobberMemory();
+    }
+}
+
+BENCHMARK_CAPTURE(buildOutgoing, ipv4, "127.0.0.1", noDscp);
+BENCHMARK_CAPTURE(buildOutgoing, ipv4_marked, "127.0.0.1", 46);
+BENCHMARK_CAPTURE(buildOutgoing, ipv6, "::1", noDscp);
+BENCHMARK(prepareIncoming);
+
+}  // namespace
+}  // namespace vesk::bench
