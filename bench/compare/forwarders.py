@@ -1,0 +1,133 @@
+"""The programs that are compared, each as something that one measurement can be run against."""
+
+import json
+import os
+import shutil
+import socket
+import subprocess
+import tempfile
+import textwrap
+import time
+from contextlib import contextmanager
+from pathlib import Path
+
+from compare.scenarios import Plan, Scenario
+
+# "As one core for the process": the forwarder has a processor to itself, and the generator, which is
+# both ends of the path, has the other.
+FORWARDER_CPU = 0
+GENERATOR_CPU = 1
+
+SECONDS_TO_START_AND_END = 60
+
+
+class MeasurementFailed(Exception):
+    pass
+
+
+def pinned(cpu: int, command: list) -> list:
+    if cpu not in os.sched_getaffinity(0):
+        return command
+    return ["taskset", "-c", str(cpu), *command]
+
+
+def free_port() -> int:
+    with socket.socket(socket.AF_INET, socket.SOCK_DGRAM) as probe:
+        probe.bind(("127.0.0.1", 0))
+        return probe.getsockname()[1]
+
+
+def run_traffic(build: Path, plan: Plan, scenario: Scenario, arguments: list) -> dict:
+    command = [str(build / "bench/vesk-traffic"), "--json", "--allow-loss", "--spin",
+               "--warm-up", str(plan.warm_up), "--duration", str(plan.duration),
+               "--payload", str(scenario.payload), "--flows", str(scenario.flows)]
+    if scenario.rate:
+        command += ["--rate", str(scenario.rate)]
+    done = subprocess.run(pinned(GENERATOR_CPU, command + arguments), capture_output=True,
+                          text=True, check=False,
+                          timeout=plan.warm_up + plan.duration + SECONDS_TO_START_AND_END)
+    if done.returncode != 0:
+        raise MeasurementFailed(done.stderr.strip() or done.stdout.strip())
+    return json.loads(done.stdout)
+
+
+class CommandedForwarder:
+    """The forwarder itself, and the loops that take the same commands."""
+
+    def __init__(self, name: str, program: Path):
+        self.name = name
+        self.program = program
+
+    def measure(self, build: Path, plan: Plan, scenario: Scenario) -> dict:
+        command = pinned(FORWARDER_CPU, [str(self.program), "udpv2"])
+        return run_traffic(build, plan, scenario, ["--", *command])
+
+
+class StreamProxy:
+    """nginx passing datagrams on as they are: no labels, no keys, one session for each peer."""
+
+    name = "nginx"
+    program = Path("/usr/sbin/nginx")
+    module = Path("/usr/lib/nginx/modules/ngx_stream_module.so")
+    packages = ("nginx", "libnginx-mod-stream")
+
+    @classmethod
+    def installed(cls) -> bool:
+        return cls.program.exists() and cls.module.exists()
+
+    def measure(self, build: Path, plan: Plan, scenario: Scenario) -> dict:
+        with self._running() as (port, upstream_port, worker):
+            # It tells flows apart by their peer alone, so each flow needs one of its own.
+            return run_traffic(build, plan, scenario,
+                               ["--unchanged", "--peers", str(scenario.flows), "--port", str(port),
+                                "--upstream-port", str(upstream_port), "--pid", str(worker)])
+
+    @contextmanager
+    def _running(self):
+        port, upstream_port = free_port(), free_port()
+        folder = Path(tempfile.mkdtemp(prefix="vesk-bench-"))
+        configuration = folder / "nginx.conf"
+        configuration.write_text(textwrap.dedent(f"""\
+            load_module {self.module};
+            daemon off;
+            worker_processes 1;
+            pid {folder}/pid;
+            error_log {folder}/error.log warn;
+            events {{ worker_connections 16000; }}
+            stream {{
+                server {{
+                    listen 127.0.0.1:{port} udp rcvbuf=1m;
+                    proxy_pass 127.0.0.1:{upstream_port};
+                    proxy_timeout 60s;
+                }}
+            }}
+            """))
+        master = subprocess.Popen(pinned(FORWARDER_CPU, [str(self.program), "-c",
+                                                         str(configuration)]),
+                                  stdin=subprocess.DEVNULL)
+        try:
+            yield port, upstream_port, self._worker_of(master.pid)
+        finally:
+            master.terminate()
+            master.wait()
+            shutil.rmtree(folder)
+
+    @staticmethod
+    def _worker_of(master: int) -> int:
+        children = Path(f"/proc/{master}/task/{master}/children")
+        deadline = time.monotonic() + 10
+        while time.monotonic() < deadline:
+            workers = children.read_text().split() if children.exists() else []
+            if workers:
+                return int(workers[0])
+            time.sleep(0.02)
+        raise MeasurementFailed("nginx starts no worker")
+
+
+def all_forwarders(build: Path) -> list:
+    forwarders = [CommandedForwarder("vesk", build / "vesk"),
+                  CommandedForwarder("bare-loop", build / "bench/bare-loop"),
+                  CommandedForwarder("batched-loop", build / "bench/batched-loop")]
+    if StreamProxy.installed():
+        forwarders.append(StreamProxy())
+    return forwarders

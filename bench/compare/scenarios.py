@@ -1,0 +1,42 @@
+"""The work that every forwarder is given, and how long it is given it for."""
+
+from dataclasses import dataclass
+from typing import Optional
+
+PAYLOADS = (64, 512, 1200)
+FLOWS = (1, 100, 2000)
+QUIET_RATE = 20_000
+ROUND_TRIP_RATE = 1_000
+
+
+@dataclass(frozen=True)
+class Scenario:
+    payload: int
+    flows: int
+    rate: Optional[int]  # requests a second; None is saturation
+
+    @property
+    def name(self) -> str:
+        pace = f"{self.rate}/s" if self.rate else "saturation"
+        return f"{pace}, {self.payload} bytes, {self.flows} flow{'s' if self.flows > 1 else ''}"
+
+
+@dataclass(frozen=True)
+class Plan:
+    scenarios: tuple
+    rounds: int
+    warm_up: float
+    duration: float
+
+
+def full_plan() -> Plan:
+    saturation = [Scenario(payload, flows, None) for payload in PAYLOADS for flows in FLOWS]
+    paced = [Scenario(512, flows, rate) for rate in (QUIET_RATE, ROUND_TRIP_RATE)
+             for flows in FLOWS]
+    return Plan(tuple(saturation + paced), rounds=5, warm_up=0.5, duration=2.0)
+
+
+def quick_plan() -> Plan:
+    scenarios = [Scenario(512, flows, None) for flows in FLOWS]
+    scenarios += [Scenario(512, 100, QUIET_RATE), Scenario(512, 1, ROUND_TRIP_RATE)]
+    return Plan(tuple(scenarios), rounds=2, warm_up=0.2, duration=0.8)

@@ -1,0 +1,63 @@
+"""From single measurements to medians, spreads and ratios, and to the table that people read."""
+
+import statistics
+from dataclasses import dataclass
+
+# Everything is related to this one, measured in the same round.
+FLOOR = "bare-loop"
+
+FIGURES = ("cpu_us_per_datagram", "reply_rate", "p50_us", "p99_us", "lost")
+
+
+@dataclass(frozen=True)
+class Spread:
+    median: float
+    low: float
+    high: float
+
+    @classmethod
+    def of(cls, values: list) -> "Spread":
+        return cls(statistics.median(values), min(values), max(values))
+
+    def text(self, decimals: int) -> str:
+        return (f"{self.median:.{decimals}f} "
+                f"[{self.low:.{decimals}f}-{self.high:.{decimals}f}]")
+
+
+def summarise(runs: dict) -> dict:
+    """Takes and returns a dict of dicts, scenario by forwarder: a list of results per round in, the
+    spread of each figure and of the ratio to the floor out."""
+    summary = {}
+    for scenario, by_forwarder in runs.items():
+        floor = by_forwarder.get(FLOOR)
+        summary[scenario] = {}
+        for forwarder, rounds in by_forwarder.items():
+            figures = {key: Spread.of([one[key] for one in rounds]) for key in FIGURES}
+            if floor:
+                for key in ("cpu_us_per_datagram", "p50_us", "p99_us"):
+                    figures[f"{key}_ratio"] = Spread.of(
+                        [one[key] / base[key] for one, base in zip(rounds, floor)])
+            summary[scenario][forwarder] = figures
+    return summary
+
+
+def print_table(summary: dict) -> None:
+    header = (f"{'':14}{'CPU us/datagram':>22}{'ratio':>20}{'replies/s':>12}"
+              f"{'p50 us':>10}{'p99 us':>10}{'lost':>7}")
+    for scenario, by_forwarder in summary.items():
+        print(f"\n{scenario.name}\n{header}")
+        for forwarder, figures in by_forwarder.items():
+            ratio = figures.get("cpu_us_per_datagram_ratio")
+            print(f"{forwarder:14}{figures['cpu_us_per_datagram'].text(2):>22}"
+                  f"{ratio.text(2) if ratio else '-':>20}"
+                  f"{figures['reply_rate'].median:>12.0f}{figures['p50_us'].median:>10.1f}"
+                  f"{figures['p99_us'].median:>10.1f}{figures['lost'].median:>7.0f}")
+    print(f"\nMedians over the rounds, [lowest-highest]; ratios are to {FLOOR} in the same round.")
+
+
+def as_json(summary: dict) -> list:
+    return [{"payload": scenario.payload, "flows": scenario.flows, "rate": scenario.rate,
+             "forwarder": forwarder,
+             **{key: vars(spread) for key, spread in figures.items()}}
+            for scenario, by_forwarder in summary.items()
+            for forwarder, figures in by_forwarder.items()]
