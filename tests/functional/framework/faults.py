@@ -1,0 +1,109 @@
+"""Makes system calls of a running forwarder fail, as a tired kernel would."""
+
+from __future__ import annotations
+
+import os
+import re
+import shutil
+import signal
+import subprocess
+from contextlib import contextmanager
+from functools import lru_cache
+from pathlib import Path
+from typing import Iterator, List, Sequence
+
+import pytest
+
+from .timing import SANITIZER, scaled, wait_until
+from .vesk_process import VeskProcess, binary
+
+
+@lru_cache(maxsize=None)
+def _tracing_refusal() -> str:
+    if shutil.which("strace") is None:
+        return "strace is not installed"
+    attempt = subprocess.run(["strace", "-o", "/dev/null", "true"], capture_output=True, check=False)
+    return attempt.stderr.decode(errors="replace").strip() if attempt.returncode else ""
+
+
+def require_tracing() -> None:
+    refusal = _tracing_refusal()
+    if refusal:
+        pytest.skip(f"system calls cannot be made to fail here: {refusal}")
+    if SANITIZER == "tsan":
+        pytest.skip("the thread sanitizer's own system calls would be hit as well")
+
+
+def faulty_start(log: Path, *injections: str) -> List[str]:
+    """Words in front of the executable that make its system calls fail from the start.
+
+    The tracer detaches itself, so the forwarder stays the test's own child.
+    """
+    require_tracing()
+    words = ["strace", "-D", "-f", "-qq", "-o", str(log)]
+    for injection in injections:
+        call = injection.split(":")[0]
+        words += ["-e", f"trace={call}"] if len(injections) == 1 else []
+        words += ["-e", f"inject={injection}"]
+    return words
+
+
+def recording_start(log: Path, calls: str) -> List[str]:
+    """Words in front of the executable that write its system calls down."""
+    require_tracing()
+    return ["strace", "-D", "-f", "-qq", "-s", "4096", "-e", f"trace={calls}", "-o", str(log)]
+
+
+def call_numbers(folder: Path, call: str, pattern: str) -> List[int]:
+    """At which of its calls (from 1) an idle start does what `pattern` describes.
+
+    The loader and the runtime libraries make calls of the same name before the
+    forwarder does; their number differs between builds.
+    """
+    require_tracing()
+    trace = folder / "rehearsal.strace"
+    subprocess.run(["strace", "-f", "-qq", "-e", f"trace={call}", "-o", str(trace), binary()],
+                   cwd=folder, stdin=subprocess.DEVNULL, stdout=subprocess.DEVNULL,
+                   stderr=subprocess.DEVNULL, check=False, timeout=scaled(20),
+                   env={**os.environ, "ASAN_OPTIONS": "detect_leaks=0"})
+    lines = trace.read_text(errors="replace").splitlines()
+    first_thread = lines[0].split()[0]
+    own = [line for line in lines if line.split()[0] == first_thread and f" {call}(" in line]
+    return [number for number, line in enumerate(own, start=1) if re.search(pattern, line)]
+
+
+@contextmanager
+def failing_calls(vesk: VeskProcess, threads: Sequence[int], *injections: str) -> Iterator[Path]:
+    """While this lasts, calls of the given threads fail as `injections` say.
+
+    An injection reads like "sendto:error=ENOBUFS:when=1"; the count begins with the
+    first call after the tracer came. Yields the trace.
+    """
+    require_tracing()
+    trace = vesk.folder / f"faults-{len(list(vesk.folder.glob('faults-*')))}.strace"
+    calls = ",".join(dict.fromkeys(injection.split(":")[0] for injection in injections))
+    words = ["strace", "-qq", "-o", str(trace), "-e", f"trace={calls}"]
+    for injection in injections:
+        words += ["-e", f"inject={injection}"]
+    for thread in threads:
+        words += ["-p", str(thread)]
+    tracer = subprocess.Popen(words, stderr=subprocess.PIPE)
+    try:
+        wait_until(lambda: tracer.poll() is not None
+                   or all(_is_traced(vesk.pid, thread) for thread in threads),
+                   "the tracer came")
+        if tracer.poll() is not None:
+            assert tracer.stderr is not None
+            raise AssertionError(f"strace ended: {tracer.stderr.read().decode(errors='replace')}")
+        yield trace
+    finally:
+        if tracer.poll() is None:
+            tracer.send_signal(signal.SIGINT)
+        tracer.wait(scaled(5))
+        assert tracer.stderr is not None
+        tracer.stderr.close()
+
+
+def _is_traced(process: int, thread: int) -> bool:
+    status = Path(f"/proc/{process}/task/{thread}/status").read_text()
+    return "\nTracerPid:\t0\n" not in status

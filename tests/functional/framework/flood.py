@@ -1,0 +1,77 @@
+"""Traffic at full speed: threads that send prepared datagrams as fast as they can."""
+
+from __future__ import annotations
+
+import threading
+from typing import List, Sequence, Tuple
+
+from .udp import Address, UdpEnd
+
+
+class Flood:
+    """Sends (datagram, destination) pairs round and round until it is stopped."""
+
+    def __init__(self, end: UdpEnd, datagrams: Sequence[Tuple[bytes, Address]]) -> None:
+        self._end = end
+        self._datagrams = list(datagrams)
+        self._stop = threading.Event()
+        self._rounds = 0
+        self._thread = threading.Thread(target=self._run, daemon=True)
+        self._thread.start()
+
+    @property
+    def rounds(self) -> int:
+        return self._rounds
+
+    def _run(self) -> None:
+        send = self._end.socket.sendto
+        while not self._stop.is_set():
+            for datagram, to in self._datagrams:
+                try:
+                    send(datagram, to)
+                except (BlockingIOError, ConnectionRefusedError):
+                    pass
+            self._rounds += 1
+
+    def stop(self) -> None:
+        self._stop.set()
+        self._thread.join()
+
+    def __enter__(self) -> "Flood":
+        return self
+
+    def __exit__(self, *_: object) -> None:
+        self.stop()
+
+
+class Drain:
+    """Reads everything that arrives and counts it; keeps the last few datagrams."""
+
+    def __init__(self, end: UdpEnd) -> None:
+        self._end = end
+        self._end.socket.settimeout(0.02)
+        self._stop = threading.Event()
+        self.count = 0
+        self.samples: List[bytes] = []
+        self._thread = threading.Thread(target=self._run, daemon=True)
+        self._thread.start()
+
+    def _run(self) -> None:
+        while not self._stop.is_set():
+            try:
+                data = self._end.socket.recv(65536)
+            except (TimeoutError, ConnectionRefusedError):
+                continue
+            self.count += 1
+            if self.count % 64 == 1:
+                self.samples.append(data)
+
+    def stop(self) -> None:
+        self._stop.set()
+        self._thread.join()
+
+    def __enter__(self) -> "Drain":
+        return self
+
+    def __exit__(self, *_: object) -> None:
+        self.stop()

@@ -1,0 +1,164 @@
+"""UDP ends of the tests: the peers on one side and the upstream services on the other."""
+
+from __future__ import annotations
+
+import ipaddress
+import socket
+import struct
+import threading
+from dataclasses import dataclass
+from typing import Callable, Optional, Tuple
+
+from .timing import scaled
+
+Address = Tuple[str, int]
+
+_ANCILLARY_ROOM = socket.CMSG_SPACE(4) + socket.CMSG_SPACE(12) + socket.CMSG_SPACE(20)
+
+
+@dataclass(frozen=True)
+class Received:
+    """One datagram with everything the network layer said about it."""
+
+    data: bytes
+    sender: Address
+    dscp: int
+
+
+def family_of(host: str) -> socket.AddressFamily:
+    return socket.AF_INET6 if ipaddress.ip_address(host).version == 6 else socket.AF_INET
+
+
+def free_port(host: str = "127.0.0.1") -> int:
+    """A port that nobody holds right now. Somebody may take it before it is used."""
+    with socket.socket(family_of(host), socket.SOCK_DGRAM) as probe:
+        probe.bind((host, 0))
+        return probe.getsockname()[1]
+
+
+def kernels_choice(destination: str) -> str:
+    """The source address that the kernel chooses for a destination."""
+    with socket.socket(family_of(destination), socket.SOCK_DGRAM) as probe:
+        probe.connect((destination, 9))
+        return probe.getsockname()[0]
+
+
+class UdpEnd:
+    """A bound UDP socket whose every wait has a deadline."""
+
+    def __init__(self, host: str = "127.0.0.1", port: int = 0) -> None:
+        self.family = family_of(host)
+        self.socket = socket.socket(self.family, socket.SOCK_DGRAM)
+        try:
+            if self.family == socket.AF_INET:
+                self.socket.setsockopt(socket.IPPROTO_IP, socket.IP_RECVTOS, 1)
+            else:
+                self.socket.setsockopt(socket.IPPROTO_IPV6, socket.IPV6_RECVTCLASS, 1)
+                self.socket.setsockopt(socket.IPPROTO_IPV6, socket.IPV6_V6ONLY,
+                                       0 if host == "::" else 1)
+            # Bursts of a whole test must fit; a datagram lost here looks like a defect.
+            self.socket.setsockopt(socket.SOL_SOCKET, socket.SO_RCVBUF, 1 << 22)
+            self.socket.bind((host, port))
+        except BaseException:
+            self.socket.close()
+            raise
+        self.host, self.port = self.socket.getsockname()[:2]
+
+    @property
+    def address(self) -> Address:
+        return self.host, self.port
+
+    def send(self, data: bytes, to: Address) -> None:
+        self.socket.sendto(data, to)
+
+    def receive(self, seconds: float = 5.0) -> Received:
+        self.socket.settimeout(scaled(seconds))
+        try:
+            data, ancillary, _, sender = self.socket.recvmsg(65536, _ANCILLARY_ROOM)
+        except TimeoutError:
+            raise AssertionError(
+                f"nothing arrived on {self.host}|{self.port} in {scaled(seconds):g} s") from None
+        return Received(data, sender[:2], _dscp_of(ancillary))
+
+    def waiting(self) -> Optional[Received]:
+        """A datagram that is already here, or none."""
+        self.socket.settimeout(0)
+        try:
+            data, ancillary, _, sender = self.socket.recvmsg(65536, _ANCILLARY_ROOM)
+        except BlockingIOError:
+            return None
+        return Received(data, sender[:2], _dscp_of(ancillary))
+
+    def close(self) -> None:
+        self.socket.close()
+
+    def __enter__(self) -> "UdpEnd":
+        return self
+
+    def __exit__(self, *_: object) -> None:
+        self.close()
+
+
+def _dscp_of(ancillary: list) -> int:
+    for level, kind, data in ancillary:
+        if level == socket.IPPROTO_IP and kind == socket.IP_TOS:
+            return data[0] >> 2
+        if level == socket.IPPROTO_IPV6 and kind == socket.IPV6_TCLASS:
+            return struct.unpack("=i", data[:4])[0] >> 2
+    raise AssertionError("the kernel did not report a traffic class")
+
+
+class UpstreamService:
+    """An upstream service on a thread of its own, answering every datagram it gets.
+
+    `answer` takes the datagram as received and returns the reply, or None to keep
+    silent. What it raises is kept and raised again by `close`, so that a datagram
+    that arrived wrong fails the test instead of vanishing in a thread.
+    """
+
+    def __init__(self, answer: Callable[[bytes], Optional[bytes]],
+                 host: str = "127.0.0.1") -> None:
+        self.end = UdpEnd(host)
+        self.received = 0
+        self.failure: Optional[BaseException] = None
+        self._answer = answer
+        self._stop = threading.Event()
+        self.end.socket.settimeout(0.05)
+        self._thread = threading.Thread(target=self._serve, name="upstream service", daemon=True)
+        self._thread.start()
+
+    @property
+    def address(self) -> Address:
+        return self.end.address
+
+    def _serve(self) -> None:
+        while not self._stop.is_set():
+            try:
+                data, sender = self.end.socket.recvfrom(65536)
+            except TimeoutError:
+                continue
+            self.received += 1
+            try:
+                reply = self._answer(data)
+            except Exception as error:
+                self.failure = self.failure or error
+                continue
+            if reply is not None:
+                self.end.socket.sendto(reply, sender)
+
+    def close(self) -> None:
+        self._stop.set()
+        self._thread.join()
+        self.end.close()
+        if self.failure is not None:
+            raise self.failure
+
+    def __enter__(self) -> "UpstreamService":
+        return self
+
+    def __exit__(self, kind: object, *_: object) -> None:
+        try:
+            self.close()
+        except Exception:
+            if kind is None:
+                raise

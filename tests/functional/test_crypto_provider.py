@@ -1,0 +1,159 @@
+"""FIPS mode: found active, not required, required and switched on, required and refused.
+
+The providers are host configuration. These tests write one in which other modules
+stand in for "fips" and "qorng"; the decisions depend on nothing but their names.
+"""
+
+from __future__ import annotations
+
+import glob
+from pathlib import Path
+from typing import Dict, Sequence
+
+import pytest
+
+from conftest import StartVesk
+from framework.flow import Flow, four_keys
+from framework.udp import UdpEnd
+from framework.vesk_process import VeskProcess
+
+INACTIVE = "info Initial OpenSSL FIPS mode is inactive."
+NOT_REQUIRED = "info OpenSSL FIPS mode activation is not required."
+REQUIRED = "info OpenSSL FIPS mode activation is required."
+SWITCHES = ["__TORLEXA_OPENSSL_FIPS", "__MIRVOX_OPENSSL_FIPS"]
+
+
+def any_provider_module() -> str:
+    found = sorted(glob.glob("/usr/lib/*/ossl-modules/legacy.so")
+                   + glob.glob("/usr/lib*/ossl-modules/legacy.so"))
+    if not found:
+        pytest.skip("libcrypto has no loadable provider module here")
+    return found[0]
+
+
+def configuration(folder: Path, providers: Sequence[str], fips_by_default: bool) -> Dict[str, str]:
+    """An environment in which libcrypto knows exactly these providers besides its own."""
+    lines = ["openssl_conf = init", "[init]", "providers = providers"]
+    if fips_by_default:
+        lines.append("alg_section = algorithms")
+    lines += ["[providers]", "default = provider_default"]
+    lines += [f"{name} = provider_{name}" for name in providers]
+    lines += ["[provider_default]", "activate = 1"]
+    for name in providers:
+        lines += [f"[provider_{name}]", f"module = {any_provider_module()}", "activate = 1"]
+    if fips_by_default:
+        lines += ["[algorithms]", "default_properties = fips=yes"]
+    path = folder / "openssl.cnf"
+    path.write_text("\n".join(lines) + "\n")
+    return {"OPENSSL_CONF": str(path)}
+
+
+def fips_lines(vesk: VeskProcess) -> list:
+    return [line for line in vesk.log_lines() if "FIPS" in line]
+
+
+def test_nothing_configured_and_nothing_asked_for(vesk: VeskProcess) -> None:
+    assert fips_lines(vesk) == [INACTIVE, NOT_REQUIRED]
+
+
+@pytest.mark.parametrize("value", ["", "0", "1"])
+@pytest.mark.parametrize("switch", SWITCHES)
+def test_a_demand_that_cannot_be_met_ends_the_start(start_vesk: StartVesk, switch: str,
+                                                    value: str) -> None:
+    """The variable's presence counts, whatever it holds."""
+    vesk = start_vesk(environment={switch: value})
+    vesk.wait_exit(255)
+    lines = vesk.log_lines()
+    assert lines[1:3] == [INACTIVE, REQUIRED]
+    assert lines[3].startswith("error Failed to activate OpenSSL FIPS mode: error:")
+    assert lines[4:] == ["error Failed to initialize FIPS mode!"]
+
+
+@pytest.mark.parametrize("switch", SWITCHES)
+def test_a_demand_that_can_be_met(start_vesk: StartVesk, tmp_path: Path, switch: str) -> None:
+    environment = configuration(tmp_path, ["fips", "qorng"], fips_by_default=False)
+    vesk = start_vesk(environment={**environment, switch: "1"})
+    vesk.settle()
+    assert fips_lines(vesk) == [INACTIVE, REQUIRED, "info OpenSSL FIPS mode has been activated."]
+
+
+@pytest.mark.parametrize("demanded", [False, True])
+def test_fips_mode_that_the_host_switched_on(start_vesk: StartVesk, tmp_path: Path,
+                                             demanded: bool) -> None:
+    environment = configuration(tmp_path, ["fips", "qorng"], fips_by_default=True)
+    if demanded:
+        environment[SWITCHES[0]] = "1"
+    vesk = start_vesk(environment=environment)
+    vesk.settle()
+    assert fips_lines(vesk) == ["info Initial OpenSSL FIPS mode is active."]
+
+
+def test_without_the_seed_provider_fips_mode_counts_as_inactive(start_vesk: StartVesk,
+                                                                tmp_path: Path) -> None:
+    environment = configuration(tmp_path, ["fips"], fips_by_default=True)
+    vesk = start_vesk(environment=environment)
+    vesk.settle()
+    assert fips_lines(vesk) == [INACTIVE, NOT_REQUIRED]
+
+
+def test_without_the_seed_provider_a_demand_still_leads_to_the_attempt(
+        start_vesk: StartVesk, tmp_path: Path) -> None:
+    environment = configuration(tmp_path, ["fips"], fips_by_default=True)
+    vesk = start_vesk(environment={**environment, SWITCHES[1]: ""})
+    vesk.settle()
+    assert fips_lines(vesk)[:2] == [INACTIVE, REQUIRED]
+
+
+def test_fips_enabled_but_no_provider_counts_as_inactive(start_vesk: StartVesk,
+                                                         tmp_path: Path) -> None:
+    environment = configuration(tmp_path, ["qorng"], fips_by_default=True)
+    vesk = start_vesk(environment={**environment, SWITCHES[0]: ""})
+    vesk.wait_exit(255)
+    assert fips_lines(vesk)[:2] == [INACTIVE, REQUIRED]
+    assert vesk.log_lines()[-1] == "error Failed to initialize FIPS mode!"
+
+
+@pytest.fixture
+def without_digests(start_vesk: StartVesk, tmp_path: Path) -> VeskProcess:
+    """A forwarder whose library refuses every digest: none has the FIPS property."""
+    vesk = start_vesk(environment=configuration(tmp_path, ["fips", "qorng"], fips_by_default=True))
+    vesk.settle()
+    return vesk
+
+
+def test_a_check_that_the_library_refuses_is_a_failure(
+        without_digests: VeskProcess, peer: UdpEnd, upstream: UdpEnd) -> None:
+    vesk = without_digests
+    port = vesk.listen()
+    keyed = Flow(label=5, upstream=upstream.address, down_in=four_keys()["down_in"])
+    keyless = Flow(label=6, upstream=upstream.address)
+    vesk.lines_after(keyed.set_command(), keyless.set_command())
+    peer.send(keyed.request(b"signed"), ("127.0.0.1", port))
+    peer.send(keyed.framing.build(5, b"unsigned"), ("127.0.0.1", port))
+    vesk.wait_for_log("downstreamPacketReceivedFailed HMAC Check!", count=2)
+    peer.send(keyless.request(b"needs no digest"), ("127.0.0.1", port))
+    assert keyless.open_request(upstream.receive().data).payload == b"needs no digest"
+
+
+def test_a_signature_that_the_library_refuses_is_never_left_out(
+        without_digests: VeskProcess, peer: UdpEnd, upstream: UdpEnd) -> None:
+    """Nothing leaves unsigned where a key was ordered: neither upstream nor back."""
+    vesk = without_digests
+    port = vesk.listen()
+    unsendable = Flow(label=5, upstream=upstream.address, up_out=four_keys()["up_out"])
+    unanswerable = Flow(label=6, upstream=upstream.address, down_out=four_keys()["down_out"])
+    keyless = Flow(label=7, upstream=upstream.address)
+    vesk.lines_after(*(flow.set_command() for flow in (unsendable, unanswerable, keyless)))
+
+    peer.send(unsendable.request(b"must not arrive"), ("127.0.0.1", port))
+    peer.send(unanswerable.request(b"first"), ("127.0.0.1", port))
+    first = upstream.receive()
+    assert unanswerable.open_request(first.data).payload == b"first"
+    upstream.send(unanswerable.reply(b"must not come back"), first.sender)
+
+    peer.send(keyless.request(b"second"), ("127.0.0.1", port))
+    second = upstream.receive()
+    upstream.send(keyless.reply(b"third"), second.sender)
+    assert keyless.open_reply(peer.receive().data).payload == b"third"
+    vesk.finish()
+    assert upstream.waiting() is None and peer.waiting() is None

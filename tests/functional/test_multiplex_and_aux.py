@@ -1,0 +1,312 @@
+"""Flows that share an upstream port, and flows that nobody declared one by one."""
+
+from __future__ import annotations
+
+import re
+from typing import Callable, List
+
+import pytest
+
+from framework.bench import Bench
+from framework.flow import Flow, four_keys
+from framework.framing import Key
+from framework.udp import UdpEnd, free_port
+from framework.vesk_process import VeskProcess
+
+PREFIX = 0x0ABC
+UP_AUX_LABEL = 0x7DEF1234
+
+
+# Multiplexed flows ----------------------------------------------------------------------
+
+def multiplexed(bench: Bench, labels: List[int], host: str = "127.0.0.1") -> List[Flow]:
+    """Flows with keys of their own behind one upstream source address."""
+    port = free_port(host)
+    flows = [bench.flow(label, up_in=Key(f"up in {label}".encode()),
+                        down_out=Key(f"down out {label}".encode()),
+                        options={"is_multiplex": "true", "up_src_ip": host, "up_src_port": port})
+             for label in labels]
+    bench.declare(*flows)
+    return flows
+
+
+def test_multiplexed_flows_share_one_upstream_address(bench: Bench) -> None:
+    flows = multiplexed(bench, [5, 6, 7])
+    senders = {bench.ask(flow).sender for flow in flows}
+    assert senders == {(flows[0].options["up_src_ip"], flows[0].options["up_src_port"])}
+    for flow in flows:
+        bench.vesk.wait_for_log(re.compile(
+            rf"info Created multiplexed upstream endpoint: label 0x{flow.label:x}/{flow.label} "
+            r"sockfds \d+ \d+"))
+
+
+def test_the_label_finds_the_flow_of_a_multiplexed_reply(
+        either_bench: Bench, new_end: Callable[..., UdpEnd]) -> None:
+    """Whichever socket the kernel chooses, each peer gets the answers to its questions."""
+    bench = either_bench
+    flows = multiplexed(bench, list(range(5, 13)))
+    peers = {flow.label: new_end() for flow in flows}
+    for flow in flows:
+        peers[flow.label].send(flow.request(b"question"), bench.to)
+        shared = bench.upstream.receive().sender
+    # Senders of different ports land on different sockets.
+    for sender in [bench.upstream] + [new_end() for _ in range(8)]:
+        for flow in flows:
+            payload = f"{sender.port} {flow.label}".encode()
+            sender.send(flow.reply(payload), shared)
+            assert flow.open_reply(peers[flow.label].receive().data).payload == payload
+
+
+@pytest.mark.parametrize("label", [0, 99, 0xFFFFFFFF])
+def test_a_multiplexed_reply_of_no_flow_is_dropped(bench: Bench, label: int) -> None:
+    (flow,) = multiplexed(bench, [5])
+    bench.declare(bench.flow(99, up_in=flow.up_in))
+    sender = bench.ask(flow).sender
+    bench.upstream.send(flow.reply(b"nobody's", label=label), sender)
+    bench.nothing_came_back(flow, sender)
+
+
+def test_a_multiplexed_reply_is_checked_with_its_own_flows_key(bench: Bench) -> None:
+    first, second = multiplexed(bench, [5, 6])
+    sender = bench.ask(first).sender
+    bench.ask(second)
+    bench.upstream.send(first.reply(b"wrong key", label=second.label), sender)
+    bench.nothing_came_back(first, sender)
+
+
+def test_without_multiplexing_an_address_is_not_shared(bench: Bench) -> None:
+    port = free_port()
+    flows = [bench.flow(label, options={"up_src_ip": "127.0.0.1", "up_src_port": port})
+             for label in (5, 6)]
+    bench.declare(*flows)
+    bench.ask(flows[0])
+    bench.send(flows[1].request(b"x"))
+    bench.vesk.wait_for_log(
+        "error Failed bind syscall for upstream endpoint socket: Address already in use")
+
+
+def test_multiplexing_is_switched_off_again(bench: Bench) -> None:
+    (flow,) = multiplexed(bench, [5])
+    bench.exchange(flow)
+    bench.vesk.lines_after("set label 5 is_multiplex false")
+    bench.exchange(flow)
+    bench.vesk.wait_for_log(re.compile(r"info Created upstream endpoint: label 0x5/5 .*"))
+
+
+def test_removing_one_multiplexed_flow_leaves_the_rest(bench: Bench) -> None:
+    first, second = multiplexed(bench, [5, 6])
+    bench.ask(first)
+    bench.ask(second)
+    descriptors = bench.vesk.descriptor_count()
+    bench.vesk.lines_after("del label 5")
+    bench.vesk.wait_for_descriptor_count(descriptors - 2)
+    sender = bench.ask(second).sender
+    bench.answer(second, sender)
+
+
+# Auxiliary flows ------------------------------------------------------------------------
+
+class Owner:
+    """A flow that owns a prefix, and the auxiliary flows that follow from it."""
+
+    def __init__(self, bench: Bench, label: int = 5, **details) -> None:
+        self.bench = bench
+        options = {"up_aux_flow_label": UP_AUX_LABEL, "down_aux_flow_label_prefix": PREFIX}
+        self.flow = bench.flow(label, options=options, **{**four_keys(), **details})
+
+    def declare(self) -> "Owner":
+        self.bench.declare(self.flow)
+        return self
+
+    def auxiliary(self, number: int) -> Flow:
+        """Everything as the owner has it, but for the labels."""
+        owner = self.flow
+        return self.bench.flow((PREFIX << 16) | number,
+                               up_label=(UP_AUX_LABEL & 0xFFFF0000) | number,
+                               down_label=owner.down_label, down_in=owner.down_in,
+                               down_out=owner.down_out, up_in=owner.up_in, up_out=owner.up_out)
+
+
+@pytest.fixture
+def owner(bench: Bench) -> Owner:
+    return Owner(bench).declare()
+
+
+@pytest.mark.parametrize("number", [0, 1, 0x1234, 0xFFFF])
+def test_a_label_with_a_registered_prefix_is_a_flow(owner: Owner, number: int) -> None:
+    flow = owner.auxiliary(number)
+    owner.bench.exchange(flow)
+    owner.bench.vesk.wait_for_log(re.compile(
+        rf"info Created upstream endpoint: label 0x{flow.label:x}/{flow.label} sockfds \d+ \d+"))
+
+
+def test_in_both_framings(either_bench: Bench) -> None:
+    owner = Owner(either_bench).declare()
+    either_bench.exchange(owner.auxiliary(7))
+
+
+def test_the_owner_stays_a_flow_of_its_own(owner: Owner) -> None:
+    owner.bench.exchange(owner.flow)
+    owner.bench.exchange(owner.auxiliary(1))
+    owner.bench.exchange(owner.flow)
+
+
+def test_each_auxiliary_flow_has_its_own_socket(owner: Owner) -> None:
+    flows = [owner.flow] + [owner.auxiliary(number) for number in range(1, 20)]
+    assert len({owner.bench.exchange(flow) for flow in flows}) == len(flows)
+
+
+def test_auxiliary_flows_may_have_another_upstream_service(bench: Bench,
+                                                           new_end: Callable[..., UdpEnd]) -> None:
+    owner = Owner(bench)
+    service = new_end("127.0.0.6")
+    owner.flow.options.update(up_aux_flow_ip=service.host, up_aux_flow_port=service.port)
+    owner.declare()
+    bench.exchange(owner.flow)
+    bench.upstream = service
+    bench.exchange(owner.auxiliary(1))
+
+
+def test_an_unresolved_auxiliary_address_means_the_owners(bench: Bench) -> None:
+    owner = Owner(bench)
+    owner.flow.options.update(up_aux_flow_ip="127.0.0.6")
+    owner.declare()
+    bench.exchange(owner.auxiliary(1))
+
+
+def test_a_declared_label_beats_the_prefix(owner: Owner) -> None:
+    label = (PREFIX << 16) | 1
+    declared = owner.bench.flow(label, up_label=1, down_label=2)
+    owner.bench.declare(declared)
+    owner.bench.exchange(declared)
+
+
+@pytest.mark.parametrize("missing", ["up_aux_flow_label", "down_aux_flow_label_prefix"])
+def test_half_of_the_two_attributes_registers_nothing(bench: Bench, missing: str) -> None:
+    owner = Owner(bench)
+    value = owner.flow.options.pop(missing)
+    owner.declare()
+    bench.send(owner.auxiliary(1).request(b"x"))
+    bench.nothing_went_upstream()
+    # The other half may come later.
+    bench.vesk.lines_after(f"set label 5 {missing} {value}")
+    bench.exchange(owner.auxiliary(1))
+
+
+@pytest.mark.parametrize("prefix", [PREFIX - 1, PREFIX + 1, 0])
+def test_other_prefixes_are_unknown(owner: Owner, prefix: int) -> None:
+    flow = owner.auxiliary(1)
+    flow.label = (prefix << 16) | 1
+    owner.bench.send(flow.request(b"x"))
+    owner.bench.nothing_went_upstream()
+
+
+def test_an_auxiliary_datagram_is_checked_with_the_owners_key(owner: Owner) -> None:
+    descriptors = owner.bench.vesk.descriptor_count()
+    owner.bench.send(owner.bench.framing.build((PREFIX << 16) | 1, b"unsigned"))
+    owner.bench.vesk.wait_for_log("downstreamPacketReceivedFailed HMAC Check!")
+    owner.bench.vesk.wait_for_descriptor_count(descriptors)
+
+
+def test_a_prefix_has_one_owner(owner: Owner) -> None:
+    second = Owner(owner.bench, label=6, up_out=Key(b"of the second"))
+    assert owner.bench.vesk.lines_after(second.flow.set_command()) == [
+        "warn setLabelAttrs: Aux. flow label prefix added more than once; ignoring; "
+        f"label 6; label prefix {PREFIX}"]
+    owner.bench.exchange(second.flow)
+    owner.bench.exchange(owner.auxiliary(1))
+
+
+def test_setting_the_owner_again_is_no_second_registration(owner: Owner) -> None:
+    assert owner.bench.vesk.lines_after(owner.flow.set_command()) == []
+    owner.bench.exchange(owner.auxiliary(1))
+
+
+def test_a_changed_owner_changes_its_auxiliary_flows(owner: Owner) -> None:
+    bench = owner.bench
+    bench.exchange(owner.auxiliary(1))
+    descriptors = bench.vesk.descriptor_count()
+    owner.flow.down_out = Key(b"another key")
+    bench.vesk.lines_after(owner.flow.set_command())
+    bench.vesk.wait_for_descriptor_count(descriptors - 2)
+    bench.exchange(owner.auxiliary(1))
+
+
+def test_del_of_the_owner_removes_its_auxiliary_flows(owner: Owner) -> None:
+    bench = owner.bench
+    bench.nothing_went_upstream()
+    descriptors = bench.vesk.descriptor_count()
+    flows = [owner.auxiliary(number) for number in range(1, 20)]
+    for flow in [owner.flow, *flows]:
+        bench.exchange(flow)
+    bench.vesk.lines_after("del label 5")
+    bench.vesk.wait_for_descriptor_count(descriptors)
+    for flow in flows:
+        bench.send(flow.request(b"x"))
+    bench.nothing_went_upstream()
+    assert bench.vesk.descriptor_count() == descriptors
+
+
+def test_del_of_one_auxiliary_flow_leaves_prefix_and_siblings(owner: Owner) -> None:
+    bench = owner.bench
+    first, second = owner.auxiliary(1), owner.auxiliary(2)
+    bench.exchange(first)
+    before = bench.exchange(second)
+    descriptors = bench.vesk.descriptor_count()
+    bench.vesk.lines_after(f"del label {first.label}")
+    bench.vesk.wait_for_descriptor_count(descriptors - 2)
+    assert bench.exchange(second) == before
+    # The next datagram of the removed label makes it anew.
+    bench.exchange(first)
+    # It is the owner's again: it goes when the owner goes.
+    bench.vesk.lines_after("del label 5")
+    bench.vesk.wait_for_descriptor_count(descriptors - 4)
+
+
+def test_del_of_the_second_claimant_leaves_the_prefix_with_its_owner(owner: Owner) -> None:
+    bench = owner.bench
+    second = Owner(bench, label=6)
+    bench.vesk.lines_after(second.flow.set_command())
+    before = bench.exchange(owner.auxiliary(1))
+    assert bench.vesk.lines_after("del label 6") == []
+    assert bench.exchange(owner.auxiliary(1)) == before
+    bench.exchange(owner.auxiliary(2))
+
+
+def test_a_freed_prefix_can_be_registered_by_another(owner: Owner) -> None:
+    bench = owner.bench
+    bench.vesk.lines_after("del label 5")
+    second = Owner(bench, label=6, up_out=Key(b"of the second")).declare()
+    bench.exchange(second.auxiliary(1))
+
+
+def test_set_of_an_auxiliary_label_declares_a_changed_copy(owner: Owner) -> None:
+    """The record that followed from the owner is the one that "set" merges into."""
+    bench = owner.bench
+    flow = owner.auxiliary(1)
+    bench.exchange(flow)
+    bench.vesk.lines_after(f"set label {flow.label} down_label 4242")
+    flow.down_label = 4242
+    bench.exchange(flow)
+
+
+def test_an_owner_may_be_changed_to_another_prefix(owner: Owner) -> None:
+    bench = owner.bench
+    bench.exchange(owner.auxiliary(1))
+    bench.vesk.lines_after(f"set label 5 down_aux_flow_label_prefix {PREFIX + 1}")
+    bench.send(owner.auxiliary(1).request(b"x"))
+    bench.nothing_went_upstream()
+    moved = owner.auxiliary(1)
+    moved.label = ((PREFIX + 1) << 16) | 1
+    bench.exchange(moved)
+
+
+def test_an_auxiliary_flow_of_a_multiplexed_owner(vesk: VeskProcess, peer: UdpEnd,
+                                                  upstream: UdpEnd) -> None:
+    bench = Bench(vesk, peer, upstream)
+    owner = Owner(bench)
+    owner.flow.options.update(is_multiplex="true", up_src_ip="127.0.0.1",
+                              up_src_port=free_port())
+    owner.declare()
+    shared = {bench.exchange(flow) for flow in (owner.flow, owner.auxiliary(1), owner.auxiliary(2))}
+    assert len(shared) == 1
