@@ -20,7 +20,7 @@ from framework.timing import SANITIZER, count_from_environment, scaled
 from framework.udp import UdpEnd, UpstreamService, free_port
 from framework.vesk_process import VeskProcess
 
-COMMANDS = count_from_environment("VESK_LABEL_COMMANDS", 1000)
+COMMANDS = count_from_environment("VESK_LABEL_COMMANDS", 5000 if not SANITIZER else 1000)
 RESTARTS = count_from_environment("VESK_RESTARTS", 500 if not SANITIZER else 100)
 LONGEST_STALL_SECONDS = 0.1
 
@@ -102,12 +102,13 @@ def test_set_and_del_on_live_labels(vesk: VeskProcess, upstream: UdpEnd) -> None
         pacer = Pacer(steady, ("127.0.0.1", port))
         machine = MachinePacer()
         with UdpEnd() as peer, Drain(peer) as answered, \
-                Flood(peer, [(flow.request(b"x"), ("127.0.0.1", port)) for flow in churned]):
+                Flood(peer, [(flow.request(b"x"), ("127.0.0.1", port)) for flow in churned],
+                      pause_seconds=scaled(0.003)):
             for number in range(COMMANDS // 2):
                 flow = churned[number % len(churned)]
                 vesk.command(f"del label {flow.label}")
                 vesk.command(flow.set_command())
-                if number % 50 == 49:
+                if number % 5 == 4:
                     vesk.settle()
             vesk.settle()
             machine.stop()

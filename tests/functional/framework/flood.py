@@ -9,9 +9,15 @@ from .udp import Address, UdpEnd
 
 
 class Flood:
-    """Sends (datagram, destination) pairs round and round until it is stopped."""
+    """Sends (datagram, destination) pairs round and round until it is stopped.
 
-    def __init__(self, end: UdpEnd, datagrams: Sequence[Tuple[bytes, Address]]) -> None:
+    With a pause after each round it is traffic that can be answered in full; without
+    one it is more than any receiver takes.
+    """
+
+    def __init__(self, end: UdpEnd, datagrams: Sequence[Tuple[bytes, Address]],
+                 pause_seconds: float = 0) -> None:
+        self._pause_seconds = pause_seconds
         self._end = end
         self._datagrams = list(datagrams)
         self._stop = threading.Event()
@@ -32,6 +38,8 @@ class Flood:
                 except (BlockingIOError, ConnectionRefusedError):
                     pass
             self._rounds += 1
+            if self._pause_seconds:
+                self._stop.wait(self._pause_seconds)
 
     def stop(self) -> None:
         self._stop.set()
