@@ -3,8 +3,8 @@
 #include <sys/resource.h>
 
 #include <cerrno>
-#include <cstring>
 
+#include "log/error_text.h"
 #include "log/log.h"
 
 namespace vesk {
@@ -14,7 +14,7 @@ namespace {
 void raiseToHardLimit() {
     rlimit limit{};
     if (getrlimit(RLIMIT_CORE, &limit) != 0) {
-        logError("allowCoreDumps: failed to discover core size limit, ", std::strerror(errno));
+        logError("allowCoreDumps: failed to discover core size limit, ", errorText(errno));
         return;
     }
     logInfo("allowCoreDumps: core size limit is ", limit.rlim_cur, ", max is ", limit.rlim_max);
@@ -23,7 +23,7 @@ void raiseToHardLimit() {
     }
     limit.rlim_cur = limit.rlim_max;
     if (setrlimit(RLIMIT_CORE, &limit) != 0) {
-        logWarn("allowCoreDumps: failed to raise core size limit, ", std::strerror(errno));
+        logWarn("allowCoreDumps: failed to raise core size limit, ", errorText(errno));
         return;
     }
     logInfo("allowCoreDumps: raised core size limit to ", limit.rlim_cur);
@@ -37,7 +37,7 @@ void allowCoreDumps() {
         logInfo("allowCoreDumps: removed core size limit");
         return;
     }
-    logWarn("allowCoreDumps: failed to remove core size limit, ", std::strerror(errno));
+    logWarn("allowCoreDumps: failed to remove core size limit, ", errorText(errno));
     raiseToHardLimit();
 }
 

@@ -3,7 +3,6 @@
 #include <cerrno>
 #include <csignal>
 #include <cstdio>
-#include <cstring>
 #include <ios>
 #include <thread>
 
@@ -14,6 +13,7 @@
 #include "control/crypto_provider.h"
 #include "control/forwarder_commands.h"
 #include "datapath/upstream.h"
+#include "log/error_text.h"
 #include "log/log.h"
 #include "net/endpoint_manager.h"
 #include "poll/poll_channel.h"
@@ -40,7 +40,7 @@ std::shared_ptr<PollParam> startReceiveWorker(const std::shared_ptr<ForwarderCon
     const int error = worker->thread.start([param = worker.get()] { runReceiveWorker(*param); });
     if (error != 0) {
         const int savedErrno = errno;
-        logError("Failed to create Upstream Recv Threads, Error: ", std::strerror(error));
+        logError("Failed to create Upstream Recv Threads, Error: ", errorText(error));
         errno = savedErrno;
         return nullptr;
     }
@@ -77,7 +77,7 @@ int startPollThread(ForwarderContext& context) {
     PollThreadParam& param = *context.pollThread;
     if (param.thread.start([&param] { runPollThread(param); }) != 0) {
         const int error = errno;
-        logError("Failed to create pollLoop thread: ", std::strerror(error));
+        logError("Failed to create pollLoop thread: ", errorText(error));
         return -error;
     }
     logInfo("Created pollLoop thread: ", std::hex, param.thread.id());
@@ -92,7 +92,7 @@ int startCleanUpTask(const Arguments& arguments, ForwarderContext& context) {
         [manager = context.endpointManager, switches] { cleanUpFlows(*manager, switches); });
     if (context.cleanUpTask->start() != 0) {
         const int error = errno;
-        logError("Failed to create periodic task [", name, "] thread: ", std::strerror(error));
+        logError("Failed to create periodic task [", name, "] thread: ", errorText(error));
         return -error;
     }
     logInfo("Created periodic task [", name, "] thread: ", std::hex,

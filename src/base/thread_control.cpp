@@ -1,9 +1,9 @@
 #include "base/thread_control.h"
 
 #include <cerrno>
-#include <cstring>
 #include <utility>
 
+#include "log/error_text.h"
 #include "log/log.h"
 
 namespace vesk {
@@ -62,12 +62,12 @@ int CancellableThread::cancelAndJoin() const {
         return cancelError;
     }
     if (cancelError != 0) {
-        logError("Failed pthread_cancel: error ", std::strerror(cancelError));
+        logError("Failed pthread_cancel: error ", errorText(cancelError));
         return cancelError;
     }
     const int joinError = pthread_join(id_, nullptr);
     if (joinError != 0) {
-        logError("Failed pthread_join: error ", std::strerror(joinError));
+        logError("Failed pthread_join: error ", errorText(joinError));
     }
     return joinError;
 }

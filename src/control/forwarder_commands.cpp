@@ -1,7 +1,6 @@
 #include "control/forwarder_commands.h"
 
 #include <algorithm>
-#include <cstring>
 #include <ios>
 #include <optional>
 #include <stdexcept>
@@ -12,6 +11,7 @@
 #include "base/parse_number.h"
 #include "control/listening_endpoint.h"
 #include "datapath/downstream.h"
+#include "log/error_text.h"
 #include "log/log.h"
 #include "net/endpoint_sockets.h"
 
@@ -79,7 +79,7 @@ int startDownstreamThread(const EndpointPtr& endpoint,
     const int error =
         listener.thread.start([context, endpoint] { downstreamEptRecv(context, endpoint); });
     if (error != 0) {
-        logError("Failed to create downstream receive thread: ", std::strerror(error));
+        logError("Failed to create downstream receive thread: ", errorText(error));
         context->downstreamListeners.pop_back();
         return -error;
     }
@@ -103,6 +103,7 @@ bool startForwarder(TokenQueue tokens, const std::shared_ptr<ForwarderContext>& 
     return result == 0;
 }
 
+// NOLINTNEXTLINE(performance-unnecessary-value-param): the shape of every handler.
 bool stopForwarder(TokenQueue /*tokens*/, const std::shared_ptr<ForwarderContext>& context) {
     return stopForwarder(*context);
 }

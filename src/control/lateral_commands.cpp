@@ -14,6 +14,7 @@
 #include "base/parse_number.h"
 #include "control/listening_endpoint.h"
 #include "datapath/lateral.h"
+#include "log/error_text.h"
 #include "log/log.h"
 #include "net/endpoint_sockets.h"
 
@@ -148,7 +149,7 @@ int startLateralThread(const EndpointPtr& endpoint, const LateralSettings& setti
         lateral.thread.start([context, endpoint] { lateralStreamRecv(context, endpoint); });
     if (error != 0) {
         lateral.running.store(false, std::memory_order_release);
-        logError("Failed to create lateral stream receive thread: ", std::strerror(error));
+        logError("Failed to create lateral stream receive thread: ", errorText(error));
         return -error;
     }
     logInfo("Created lateral stream receive thread: ", std::hex, lateral.thread.id());

@@ -13,6 +13,7 @@
 #include "datapath/authentication.h"
 #include "datapath/framing.h"
 #include "datapath/lateral_header.h"
+#include "log/error_text.h"
 #include "log/log.h"
 #include "net/endpoint_lifecycle.h"
 #include "net/endpoint_manager.h"
@@ -103,7 +104,7 @@ bool bindUpstreamSocket(VeskEndpointDescriptor& endpoint) {
         return true;
     }
     if (bind(endpoint.rdsockfd, local.addr(), local.addrLen()) != 0) {
-        logError("Failed bind syscall for upstream endpoint socket: ", std::strerror(errno));
+        logError("Failed bind syscall for upstream endpoint socket: ", errorText(errno));
         return false;
     }
     logInfo("Bound upstream endpoint to ", local.host(), ":", local.port());
@@ -253,7 +254,7 @@ void downstreamEptRecv(const std::shared_ptr<ForwarderContext>& context,
             endpoint->counters.rxDgError.increment();
         } else if (result.error != ECONNREFUSED) {
             logError("Forwarder downstream endpoint got error while receiving: ", "errno = ",
-                     result.error, " (", std::strerror(result.error), ").");
+                     result.error, " (", errorText(result.error), ").");
         }
     }
 }

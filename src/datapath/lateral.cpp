@@ -3,13 +3,13 @@
 #include <sys/socket.h>
 
 #include <cerrno>
-#include <cstring>
 
 #include "app/forwarder_context.h"
 #include "datapath/datagram_io.h"
 #include "datapath/downstream.h"
 #include "datapath/framing.h"
 #include "datapath/lateral_header.h"
+#include "log/error_text.h"
 #include "log/log.h"
 
 namespace vesk {
@@ -88,7 +88,7 @@ void lateralStreamRecv(const std::shared_ptr<ForwarderContext>& context,
             endpoint->counters.rxDgError.increment();
         } else if (result.error != ECONNREFUSED) {
             logError("Forwarder lateral stream endpoint got error while ",
-                     "receiving: errno = ", result.error, " (", std::strerror(result.error), ").");
+                     "receiving: errno = ", result.error, " (", errorText(result.error), ").");
         }
     }
 }

@@ -5,6 +5,7 @@
 
 #include <cerrno>
 #include <optional>
+#include <utility>
 
 #include "app/forwarder_context.h"
 #include "datapath/authentication.h"
@@ -25,21 +26,34 @@ namespace {
 class ServingClaim {
  public:
     explicit ServingClaim(VeskEndpointDescriptor& endpoint)
-        : endpoint_(endpoint),
-          held_(!endpoint.beingServed.exchange(true, std::memory_order_acquire)) {}
-    ~ServingClaim() {
-        if (held_) {
-            endpoint_.beingServed.store(false, std::memory_order_release);
-        }
-    }
+        : endpoint_(endpoint), held_(claimOrAskForMore(endpoint.serving)) {}
+    ~ServingClaim() { giveBack(); }
     ServingClaim(const ServingClaim&) = delete;
     ServingClaim& operator=(const ServingClaim&) = delete;
 
     bool held() const { return held_; }
 
+    /// Ends the claim. True where another worker came meanwhile: its wake-up is not to be lost, so
+    /// the socket has to be read once more.
+    bool giveBack() {
+        return std::exchange(held_, false) &&
+               endpoint_.serving.exchange(Serving::nobody, std::memory_order_acq_rel) ==
+                   Serving::moreWanted;
+    }
+
  private:
+    /// Whether the claim is ours; where it is another's, that one is told to go on.
+    static bool claimOrAskForMore(std::atomic<Serving>& serving) {
+        Serving state = Serving::nobody;
+        while (!serving.compare_exchange_weak(
+            state, state == Serving::nobody ? Serving::claimed : Serving::moreWanted,
+            std::memory_order_acq_rel, std::memory_order_acquire)) {
+        }
+        return state == Serving::nobody;
+    }
+
     VeskEndpointDescriptor& endpoint_;
-    const bool held_;
+    bool held_;
 };
 
 /// A reply in the receive buffer of the endpoint that it arrived on.
@@ -202,6 +216,18 @@ bool handleReceiveFailure(VeskEndpointDescriptor& endpoint, const IncomingMessag
     }
 }
 
+/// Receives one datagram and sends it on. Whether to read the socket again.
+bool serve(const EndpointPtr& endpoint, ServingClaim& claim, ForwarderContext& context) {
+    IncomingMessage message;
+    const ReceiveResult result = receiveNow(message, *endpoint);
+    if (result.received >= 1) {
+        replyReceived(endpoint, static_cast<std::size_t>(result.received), message, context);
+        return true;
+    }
+    // Given back before the socket is armed: the next worker may be at it before this one is done.
+    return claim.giveBack() || handleReceiveFailure(*endpoint, message, result.error, context);
+}
+
 }  // namespace
 
 int upstreamSocketRecv(int socket, bool& keep, std::uint32_t /*workerParameter*/,
@@ -217,21 +243,16 @@ int upstreamSocketRecv(int socket, bool& keep, std::uint32_t /*workerParameter*/
                 ", ignored.");
         return 0;
     }
-    const ServingClaim claim(*endpoint);
-    if (!claim.held() || !endpoint->prepared.load(std::memory_order_acquire)) {
-        // Somebody else is at it for a moment, and may arm the socket before this worker looks
-        // again: only another pass makes sure that no wake-up is lost.
+    if (!endpoint->prepared.load(std::memory_order_acquire)) {
+        // Its creator has yet to register the socket, or is just done: look again in a moment.
         keep = true;
         return 0;
     }
-    IncomingMessage message;
-    const ReceiveResult result = receiveNow(message, *endpoint);
-    if (result.received >= 1) {
-        replyReceived(endpoint, static_cast<std::size_t>(result.received), message, context);
-        keep = true;
-    } else {
-        keep = handleReceiveFailure(*endpoint, message, result.error, context);
+    ServingClaim claim(*endpoint);
+    if (!claim.held()) {
+        return 0;
     }
+    keep = serve(endpoint, claim, context);
     return keep ? 1 : 0;
 }
 

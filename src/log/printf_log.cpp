@@ -62,6 +62,7 @@ std::string formatTimestamp(const timeval* now) {
 std::string composePrintfMessage(const char* kind, const std::string& timestamp, const char* format,
                                  std::va_list arguments) {
     std::array<char, maxPrintfMessageLength + 1> message{};
+    // NOLINTNEXTLINE(clang-analyzer-valist.Uninitialized): the entry points have started it
     std::vsnprintf(message.data(), message.size(), format, arguments);
     // Kept: readers of the log tell these warnings by the two blanks after the level name.
     const char* const lead = kind[0] == 'W' ? " " : "";

@@ -70,6 +70,10 @@ struct EndpointCounters {
     SharedCounter dnTxDgDropped;
 };
 
+/// Whether a worker is serving an endpoint's read socket, and whether another one was woken for the
+/// same socket meanwhile and left it to the first.
+enum class Serving : std::uint8_t { nobody, claimed, moreWanted };
+
 class VeskEndpointDescriptor {
  public:
     VeskEndpointDescriptor(std::uint32_t flowLabel, int readSocket, int writeSocket,
@@ -106,9 +110,9 @@ class VeskEndpointDescriptor {
 
     std::array<std::uint8_t, maxDatagramSize> receiveBuffer{};
     iovec scatter{receiveBuffer.data(), maxDatagramSize};
-    /// Held by the worker that is serving the read socket: a descriptor number that a worker kept
-    /// from an endpoint that is gone may lead it here while another worker serves this one.
-    std::atomic<bool> beingServed{false};
+    /// Who is at it. A descriptor number that a worker kept from an endpoint that is gone may lead
+    /// it here while another worker serves this one.
+    std::atomic<Serving> serving{Serving::nobody};
 
     // Any thread.
 

@@ -3,11 +3,11 @@
 #include <unistd.h>
 
 #include <cerrno>
-#include <cstring>
 #include <ios>
 #include <sstream>
 
 #include "app/forwarder_context.h"
+#include "log/error_text.h"
 #include "log/log.h"
 #include "net/endpoint_manager.h"
 #include "net/endpoint_sockets.h"
@@ -36,14 +36,14 @@ void endpointSocketDestructor(int rdsockfd, int wrsockfd,
     const int pollSocket = context->pollSocket.get();
     if (pollLoop_del_fd(pollSocket, wrsockfd) != 0) {
         logError("endpointSocketDestructor: Failed to del wrsockfd ", wrsockfd,
-                 " error: ", std::strerror(errno));
+                 " error: ", errorText(errno));
         close(wrsockfd);
     }
     if (pollLoop_del_fd(pollSocket, rdsockfd) != 0) {
         // Kept: the number shown is the write descriptor's; both belong to one socket, and the
         // line before this one shows the same number.
         logError("endpointSocketDestructor: Failed to del rdsockfd ", wrsockfd,
-                 " error: ", std::strerror(errno));
+                 " error: ", errorText(errno));
         close(rdsockfd);
     }
 }
@@ -63,7 +63,7 @@ int reportUpstreamNetworkError(const VeskEndpointDescriptor& endpoint, std::stri
     std::ostringstream message;
     message << prefix << " network error on upstream endpoint of label 0x" << std::hex
             << endpoint.label << '/' << std::dec << endpoint.label << ", errno " << error << " ("
-            << std::strerror(error) << ").";
+            << errorText(error) << ").";
     if (isPassing(error)) {
         logWarn(message.view());
         return 0;

@@ -5,9 +5,9 @@
 #include <unistd.h>
 
 #include <cerrno>
-#include <cstring>
 #include <utility>
 
+#include "log/error_text.h"
 #include "log/log.h"
 #include "net/socket_options.h"
 
@@ -18,7 +18,7 @@ EndpointPtr makeEndpointSocket(const std::string& address, int port) {
     logInfo("Making socket with family ", family, " address ", address, " port ", port);
     UniqueFd fd(socket(family, SOCK_DGRAM, IPPROTO_UDP));
     if (!fd) {
-        logError("Failed socket syscall for endpoint: ", std::strerror(errno));
+        logError("Failed socket syscall for endpoint: ", errorText(errno));
         return nullptr;
     }
     // Kept: both requests name the receive buffer, and the second one stays.
@@ -28,7 +28,7 @@ EndpointPtr makeEndpointSocket(const std::string& address, int port) {
 
     const IPAddrInfo local(address, static_cast<std::uint32_t>(port));
     if (bind(fd.get(), local.addr(), local.addrLen()) != 0) {
-        logError("Failed bind syscall for endpoint socket: ", std::strerror(errno));
+        logError("Failed bind syscall for endpoint socket: ", errorText(errno));
         return nullptr;
     }
     logInfo("Endpoint socket bound: ", address, "|", port, " (", fd.get(), ")");
@@ -55,14 +55,14 @@ int makeEndpointSocketPair(int family, SocketPair& out) {
     UniqueFd fd(socket(family, SOCK_DGRAM, IPPROTO_UDP));
     if (!fd) {
         const int error = errno;
-        logError("socket: new endpoint socket. Error: ", std::strerror(error));
+        logError("socket: new endpoint socket. Error: ", errorText(error));
         return -error;
     }
     setNonBlocking(fd.get());
     UniqueFd duplicate(dup(fd.get()));
     if (!duplicate) {
         const int error = errno;
-        logError("Failed to dup sockfd ", fd.get(), " Error: ", std::strerror(error));
+        logError("Failed to dup sockfd ", fd.get(), " Error: ", errorText(error));
         return -error;
     }
     out = {std::move(fd), std::move(duplicate)};

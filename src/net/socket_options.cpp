@@ -5,9 +5,9 @@
 #include <sys/socket.h>
 
 #include <cerrno>
-#include <cstring>
 #include <string>
 
+#include "log/error_text.h"
 #include "log/log.h"
 #include "log/printf_log.h"
 
@@ -49,7 +49,7 @@ int Vesk_setSocketBuf(int fd, int optname, int size) {
     if (getsockopt(fd, SOL_SOCKET, optname, &granted, &length) != 0) {
         const int error = errno;
         // Kept: no separator between the option's name and the text.
-        logError(name, "Failed getsockopt syscall: ", std::strerror(error));
+        logError(name, "Failed getsockopt syscall: ", errorText(error));
         return -error;
     }
     if (granted == 2 * size) {
@@ -74,7 +74,7 @@ int Vesk_requestLocalDestAddr(int fd, int family) {
 int setReusePort(int fd) {
     const int result = setIntOption(fd, SOL_SOCKET, SO_REUSEPORT, 1);
     if (result != 0) {
-        logError("Failed to set reuse port option on socket: ", std::strerror(-result));
+        logError("Failed to set reuse port option on socket: ", errorText(-result));
     }
     return result;
 }

@@ -9,6 +9,7 @@
 #include <cstring>
 #include <string_view>
 
+#include "log/error_text.h"
 #include "log/log.h"
 #include "net/socket_options.h"
 
@@ -48,7 +49,7 @@ SendResult sendRecord(int pollsock, const PollCtlMsg& message, std::string_view 
     }
     // Kept: nothing between the routine's name and the text.
     logError(routine, "Error writing a control message to poll socket: bytes: ", sent,
-             " Error: ", std::strerror(error));
+             " Error: ", errorText(error));
     errno = error;
     return {Delivery::failed, -error};
 }
@@ -77,7 +78,7 @@ int createPollSocks(UniqueFd& senderEnd, UniqueFd& serverPollSock) {
     std::array<int, 2> pair{-1, -1};
     if (socketpair(AF_UNIX, SOCK_DGRAM, 0, pair.data()) != 0) {
         const int error = errno;
-        logError("Failed to create socketpair for poll socket: ", std::strerror(error));
+        logError("Failed to create socketpair for poll socket: ", errorText(error));
         return -error;
     }
     UniqueFd first(pair[0]);

@@ -10,6 +10,7 @@
 
 #include "base/thread_control.h"
 #include "base/unique_fd.h"
+#include "log/error_text.h"
 #include "log/log.h"
 #include "poll/poll_channel.h"
 
@@ -58,7 +59,6 @@ class EpollSet {
     UniqueFd epoll_;
     /// As many as there are descriptors registered, the channel included.
     std::vector<epoll_event> events_;
-    std::size_t batchSize_ = 0;
     /// The batch itself, out of the way of records that change the size of the array.
     std::vector<epoll_event> batch_;
 };
@@ -69,7 +69,7 @@ int EpollSet::watchChannel() {
     event.data.fd = param_.msgchanfd;
     if (epoll_ctl(epoll_.get(), EPOLL_CTL_ADD, param_.msgchanfd, &event) != 0) {
         const int error = errno;
-        logError("Failed to add msgchanfd to epoll set: ", std::strerror(error));
+        logError("Failed to add msgchanfd to epoll set: ", errorText(error));
         return -error;
     }
     return 0;
@@ -89,7 +89,7 @@ int EpollSet::wait() {
             return 0;
         }
         if (error != EINTR) {
-            logError("Failed epoll_wait: ", std::strerror(error));
+            logError("Failed epoll_wait: ", errorText(error));
             return -error;
         }
     }
@@ -139,7 +139,7 @@ void EpollSet::apply(const PollCtlMsg& message) {
         return;
     }
     logError("epoll_ctl error: msgchanfd ctl_op ", message.op, " fd ", message.fd, " errno ", error,
-             " (", std::strerror(error), ")");
+             " (", errorText(error), ")");
 }
 
 void EpollSet::count(const PollCtlMsg& message) {

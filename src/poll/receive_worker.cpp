@@ -53,6 +53,7 @@ void pauseAfterPass(std::uint32_t microseconds) {
     if (microseconds < microsecondsPerSecond) {
         usleep(microseconds);
     } else {
+        // NOLINTNEXTLINE(concurrency-mt-unsafe): it is nanosleep on Linux, no signal is involved
         sleep(microseconds / microsecondsPerSecond);
     }
 }

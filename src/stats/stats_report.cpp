@@ -100,6 +100,7 @@ std::string describeLateral(const EndpointPtr& endpoint) {
 
 }  // namespace
 
+// NOLINTNEXTLINE(performance-unnecessary-value-param): the shape of every handler.
 bool reportStatistics(TokenQueue /*tokens*/, const std::shared_ptr<ForwarderContext>& context) {
     if (!logEnabled(LogLevel::info)) {
         return true;
