@@ -34,6 +34,7 @@ struct Pipe {
 
 pid_t spawn(const std::vector<std::string>& command, int input, int output) {
     std::vector<char*> words;
+    words.reserve(command.size() + 1);
     for (const std::string& word : command) {
         words.push_back(const_cast<char*>(word.c_str()));  // posix_spawn leaves them alone
     }
@@ -53,7 +54,8 @@ pid_t spawn(const std::vector<std::string>& command, int input, int output) {
 
 }  // namespace
 
-ChildProcess::ChildProcess(const std::vector<std::string>& command) {
+ChildProcess::ChildProcess(const std::vector<std::string>& command, LogListener listener)
+    : listener_(std::move(listener)) {
     // A child that died makes writing to it fail; that is reported by finish(), not by a signal.
     ::signal(SIGPIPE, SIG_IGN);
     Pipe input;
@@ -118,6 +120,9 @@ void ChildProcess::drainLog() {
 }
 
 void ChildProcess::keep(std::string line) {
+    if (listener_) {
+        listener_(line);
+    }
     const std::lock_guard lock(logMutex_);
     ++log_.lines;
     const bool complaint = !line.empty() && !line.starts_with("info ");

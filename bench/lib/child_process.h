@@ -7,6 +7,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <deque>
+#include <functional>
 #include <mutex>
 #include <string>
 #include <string_view>
@@ -19,8 +20,11 @@ namespace vesk::bench {
 
 class ChildProcess {
  public:
-    /// Throws std::system_error when the program cannot be started.
-    explicit ChildProcess(const std::vector<std::string>& command);
+    using LogListener = std::function<void(std::string_view line)>;
+
+    /// The listener is called for every line of the log, on a thread of its own. Throws
+    /// std::system_error when the program cannot be started.
+    explicit ChildProcess(const std::vector<std::string>& command, LogListener listener = {});
     ChildProcess(const ChildProcess&) = delete;
     ChildProcess& operator=(const ChildProcess&) = delete;
     ~ChildProcess();  // kills a child that finish() was not called for
@@ -42,6 +46,7 @@ class ChildProcess {
     void drainLog();
     void keep(std::string line);
 
+    LogListener listener_;
     pid_t pid_ = -1;
     UniqueFd input_;
     UniqueFd output_;

@@ -3,6 +3,7 @@
 #pragma once
 
 #include <array>
+#include <cstddef>
 #include <cstdint>
 
 namespace vesk::bench {
@@ -15,8 +16,8 @@ class LatencyHistogram {
     double percentile(double fraction) const;
 
  private:
-    static constexpr unsigned stepsPerOctave = 64;
-    static constexpr unsigned octaves = 36;  // from 64 ns up to more than an hour
+    static constexpr std::size_t stepsPerOctave = 64;
+    static constexpr std::size_t octaves = 36;  // from 64 ns up to more than an hour
 
     std::uint64_t samples_ = 0;
     std::array<std::uint64_t, stepsPerOctave * octaves> buckets_{};

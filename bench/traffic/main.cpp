@@ -1,7 +1,11 @@
 // vesk-traffic: sends datagrams through a forwarder, answers them upstream and reports.
 #include <exception>
 #include <iostream>
-#include <optional>
+#include <memory>
+#include <string>
+#include <string_view>
+#include <variant>
+#include <vector>
 
 #include "lib/child_process.h"
 #include "traffic/options.h"
@@ -13,19 +17,34 @@ namespace {
 
 enum ExitStatus { good = 0, badTraffic = 1, badForwarder = 2 };
 
-void tell(ChildProcess& forwarder, const std::vector<FlowPlan>& plans, std::uint16_t port) {
+std::vector<std::string> commandsFor(const std::vector<FlowPlan>& plans, std::uint16_t port) {
+    std::vector<std::string> lines;
+    lines.reserve(plans.size() + 1);
     for (const FlowPlan& plan : plans) {
-        forwarder.sendLine(setCommand(plan));
+        lines.push_back(setCommand(plan));
     }
     // Last, so that a forwarder that answers knows all flows.
-    forwarder.sendLine(startCommand(port));
+    lines.push_back(startCommand(port));
+    return lines;
 }
 
-void printCommands(const TrafficOptions& options) {
-    for (const FlowPlan& plan : makeFlowPlans(options.flows)) {
-        std::cout << setCommand(plan) << '\n';
+// One insertion for each line: the log's lines come from another thread.
+void show(const char* mark, std::string_view line) {
+    std::cout << mark + std::string(line) + '\n';
+}
+
+std::unique_ptr<ChildProcess> startForwarder(const TrafficOptions& options,
+                                             const std::vector<std::string>& commands) {
+    const auto showLog = [](std::string_view line) { show("< ", line); };
+    auto forwarder = std::make_unique<ChildProcess>(
+        options.command, options.showSession ? showLog : ChildProcess::LogListener());
+    for (const std::string& line : commands) {
+        if (options.showSession) {
+            show("> ", line);
+        }
+        forwarder->sendLine(line);
     }
-    std::cout << startCommand(options.port) << '\n';
+    return forwarder;
 }
 
 bool endedWell(ChildProcess& forwarder) {
@@ -41,25 +60,25 @@ bool endedWell(ChildProcess& forwarder) {
 
 int run(TrafficOptions options) {
     if (options.printCommands) {
-        printCommands(options);
+        for (const std::string& line : commandsFor(makeFlowPlans(options.flows), options.port)) {
+            std::cout << line << '\n';
+        }
         return good;
     }
     UdpSocket service(options.flows.upPort);
     options.flows.upPort = service.port();
     const std::vector<FlowPlan> plans = makeFlowPlans(options.flows);
 
-    std::optional<ChildProcess> forwarder;
-    std::uint16_t port = options.port;
+    const std::uint16_t port = options.port != 0 ? options.port : freeUdpPort();
+    std::unique_ptr<ChildProcess> forwarder;
     if (!options.command.empty()) {
-        port = port != 0 ? port : freeUdpPort();
-        forwarder.emplace(options.command);
-        tell(*forwarder, plans, port);
+        forwarder = startForwarder(options, commandsFor(plans, port));
     }
     const pid_t measuredPid = forwarder && options.pid == 0 ? forwarder->pid() : options.pid;
     const TrafficResult result = TrafficRun(options, port, measuredPid, service, plans).run();
+    const bool forwarderFailed = forwarder && !endedWell(*forwarder);
     (options.json ? printJson : printTable)(std::cout, options, result);
-
-    if (forwarder && !endedWell(*forwarder)) {
+    if (forwarderFailed) {
         return badForwarder;
     }
     const bool lost = result.requests.lost > 0 && !options.allowLoss;
@@ -71,7 +90,11 @@ int run(TrafficOptions options) {
 
 int main(int argc, char** argv) {
     try {
-        return vesk::bench::run(vesk::bench::parseTrafficOptions(argc, argv));
+        const auto parsed = vesk::bench::parseTrafficOptions(argc, argv);
+        if (const int* status = std::get_if<int>(&parsed)) {
+            return *status;
+        }
+        return vesk::bench::run(std::get<vesk::bench::TrafficOptions>(parsed));
     } catch (const std::exception& error) {
         std::cerr << "vesk-traffic: " << error.what() << '\n';
         return vesk::bench::badForwarder;

@@ -2,7 +2,6 @@
 
 #include <CLI/CLI.hpp>
 #include <algorithm>
-#include <cstdlib>
 #include <stdexcept>
 
 namespace vesk::bench {
@@ -72,6 +71,8 @@ void addForwarder(CLI::App& app, TrafficOptions& options) {
     app.add_option("--pid", options.pid, "process whose processor time is measured (the child)");
     app.add_flag("--print-commands", options.printCommands,
                  "print what to tell a forwarder that is started by other means, and end");
+    app.add_flag("--show-session", options.showSession,
+                 "print the commands that the child is given and all that it logs");
     app.add_flag("--json", options.json, "print JSON instead of a table");
     app.add_flag("--allow-loss", options.allowLoss, "lost datagrams do not fail the run");
     app.add_option("command", options.command, "after \"--\": a forwarder to start and to measure");
@@ -88,7 +89,7 @@ void check(const TrafficOptions& options) {
 
 }  // namespace
 
-TrafficOptions parseTrafficOptions(int argc, char** argv) {
+std::variant<TrafficOptions, int> parseTrafficOptions(int argc, char** argv) {
     CLI::App app(
         "Sends framed, signed datagrams through a forwarder on the loopback address, answers them "
         "at the upstream end, and reports what came back and what it cost.");
@@ -101,7 +102,7 @@ TrafficOptions parseTrafficOptions(int argc, char** argv) {
         app.parse(argc, argv);
         check(options);
     } catch (const CLI::ParseError& error) {
-        std::exit(app.exit(error));
+        return app.exit(error);
     }
     options.framing = &framingByName(names.framing);
     options.flows.algorithms.clear();

@@ -6,6 +6,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <string>
+#include <variant>
 #include <vector>
 
 #include "lib/flow_plan.h"
@@ -34,11 +35,13 @@ struct TrafficOptions {
     std::vector<std::string> command;  // a forwarder to start, which is then the one measured
 
     bool printCommands = false;
+    bool showSession = false;  // print what the child is told and what it logs
     bool json = false;
     bool allowLoss = false;
 };
 
-/// Ends the process after "--help" and for arguments that make no sense.
-TrafficOptions parseTrafficOptions(int argc, char** argv);
+/// An exit status instead of options after "--help" and for arguments that make no sense; what
+/// there is to say about them is then printed.
+std::variant<TrafficOptions, int> parseTrafficOptions(int argc, char** argv);
 
 }  // namespace vesk::bench

@@ -47,12 +47,16 @@ std::vector<Figure> figures(const TrafficResult& result) {
         {"p99_us", "round trip p99", roundTrip(0.99), 1, "us"},
         {"p999_us", "round trip p99.9", roundTrip(0.999), 1, "us"},
     };
-    if (result.cpu) {
-        const auto cpu = static_cast<double>(*result.cpu);
+    if (result.usage) {
+        const auto cpu = static_cast<double>(result.usage->cpuNanoseconds);
         figures.push_back({"cpu_share", "processor share of the forwarder",
                            100 * cpu / static_cast<double>(result.elapsed), 1, "%"});
         figures.push_back({"cpu_us_per_datagram", "processor time per datagram",
                            forwarded > 0 ? microseconds(cpu) / forwarded : 0, 3, "us"});
+        figures.push_back({"waits_per_datagram", "waits of its threads per datagram",
+                           forwarded > 0 ? count(result.usage->waits) / forwarded : 0, 3, ""});
+        figures.push_back({"resident_kib", "memory of the forwarder",
+                           count(result.usage->residentBytes) / 1024, 0, "KiB"});
     }
     return figures;
 }

@@ -35,6 +35,10 @@ ArrivalCounts difference(const ArrivalCounts& end, const ArrivalCounts& start) {
             end.unexpected - start.unexpected, end.verified - start.verified};
 }
 
+ProcessUsage difference(const ProcessUsage& end, const ProcessUsage& start) {
+    return {end.cpuNanoseconds - start.cpuNanoseconds, end.waits - start.waits, end.residentBytes};
+}
+
 }  // namespace
 
 TrafficRun::TrafficRun(const TrafficOptions& options, std::uint16_t forwarderPort,
@@ -58,11 +62,11 @@ TrafficResult TrafficRun::run() {
     ledger_.measure(true);
     Pacer pacer = makePacer();
     const ArrivalCounts before = ends_.counts();
-    const auto cpuBefore = measuredCpu();
+    const auto usageBefore = measuredUsage();
     const std::int64_t start = nowNanoseconds();
     carry(pacer, options_.duration, options_.requests > 0 ? options_.requests : unlimited);
-    if (cpuBefore) {
-        result.cpu = *measuredCpu() - *cpuBefore;
+    if (usageBefore) {
+        result.usage = difference(*measuredUsage(), *usageBefore);
     }
     result.elapsed = nowNanoseconds() - start;
     result.arrivals = difference(ends_.counts(), before);
@@ -124,8 +128,8 @@ Pacer TrafficRun::makePacer() const {
                              : Pacer::closedLoop(options_.window);
 }
 
-std::optional<std::int64_t> TrafficRun::measuredCpu() const {
-    return measuredPid_ > 0 ? std::optional(processCpuNanoseconds(measuredPid_)) : std::nullopt;
+std::optional<ProcessUsage> TrafficRun::measuredUsage() const {
+    return measuredPid_ > 0 ? std::optional(usageOf(measuredPid_)) : std::nullopt;
 }
 
 }  // namespace vesk::bench

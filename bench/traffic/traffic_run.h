@@ -6,6 +6,7 @@
 #include <vector>
 
 #include "lib/flow_plan.h"
+#include "lib/process_usage.h"
 #include "lib/udp_socket.h"
 #include "traffic/options.h"
 #include "traffic/pacer.h"
@@ -21,7 +22,7 @@ struct TrafficResult {
     std::int64_t opening = 0;   // the first datagram of every flow, one after the other
     std::uint64_t skipped = 0;  // requests left out of an open loop
     LatencyHistogram roundTrips;
-    std::optional<std::int64_t> cpu;  // of the measured process, over the measured time
+    std::optional<ProcessUsage> usage;  // of the measured process, over the measured time
 };
 
 class TrafficRun {
@@ -38,7 +39,7 @@ class TrafficRun {
     void carry(Pacer& pacer, double seconds, std::uint64_t requests);
     void drain();
     Pacer makePacer() const;
-    std::optional<std::int64_t> measuredCpu() const;
+    std::optional<ProcessUsage> measuredUsage() const;
 
     const TrafficOptions& options_;
     pid_t measuredPid_;
