@@ -14,105 +14,52 @@ namespace {
 template <typename Member>
 struct NamedMember {
     std::string_view name;
-    Member& (*member)(FlowDesc&);
+    Member* (*member)(FlowDesc&);
 };
 
-constexpr std::array<NamedMember<std::uint32_t>, 4> labelMembers{
-    {{attribute::label, [](FlowDesc& flow) -> auto& {return flow.label;
-}  // namespace
-}  // namespace vesk
-, {attribute::downLabel, [](FlowDesc& flow) -> auto& {return flow.down.label;
-}
-}
-, {attribute::upLabel, [](FlowDesc& flow) -> auto& {return flow.up.label;
-}
-}
-, {attribute::upAuxFlowLabel, [](FlowDesc& flow) -> auto& {return flow.upAuxFlowLabel;
-}
-}
-,
-}
-}
-;
+template <typename Member>
+using MemberTable = std::array<NamedMember<Member>, 4>;
 
-constexpr std::array<NamedMember<IPAddrInfo>, 4> addressMembers{
-    {{attribute::downAddrInfo, [](FlowDesc& flow) -> auto& {return flow.down.addrInfo;
-}
-}
-, {attribute::upAddrInfo, [](FlowDesc& flow) -> auto& {return flow.up.addrInfo;
-}
-}
-, {attribute::upSrcAddrInfo, [](FlowDesc& flow) -> auto& {return flow.up.srcAddrInfo;
-}
-}
-, {attribute::upAuxFlowAddrInfo, [](FlowDesc& flow) -> auto& {return flow.upAuxFlowAddrInfo;
-}
-}
-,
-}
-}
-;
+constexpr MemberTable<std::uint32_t> labelMembers{{
+    {attribute::label, [](FlowDesc& flow) { return &flow.label; }},
+    {attribute::downLabel, [](FlowDesc& flow) { return &flow.down.label; }},
+    {attribute::upLabel, [](FlowDesc& flow) { return &flow.up.label; }},
+    {attribute::upAuxFlowLabel, [](FlowDesc& flow) { return &flow.upAuxFlowLabel; }},
+}};
 
-constexpr std::array<NamedMember<HmacInfo>, 4> keyMembers{
-    {{attribute::downInKey, [](FlowDesc& flow) -> auto& {return flow.down.inHmac;
-}
-}
-, {attribute::downOutKey, [](FlowDesc& flow) -> auto& {return flow.down.outHmac;
-}
-}
-, {attribute::upInKey, [](FlowDesc& flow) -> auto& {return flow.up.inHmac;
-}
-}
-, {attribute::upOutKey, [](FlowDesc& flow) -> auto& {return flow.up.outHmac;
-}
-}
-,
-}
-}
-;
+constexpr MemberTable<IPAddrInfo> addressMembers{{
+    {attribute::downAddrInfo, [](FlowDesc& flow) { return &flow.down.addrInfo; }},
+    {attribute::upAddrInfo, [](FlowDesc& flow) { return &flow.up.addrInfo; }},
+    {attribute::upSrcAddrInfo, [](FlowDesc& flow) { return &flow.up.srcAddrInfo; }},
+    {attribute::upAuxFlowAddrInfo, [](FlowDesc& flow) { return &flow.upAuxFlowAddrInfo; }},
+}};
 
-constexpr std::array<NamedMember<HmacInfo>, 4> algorithmMembers{
-    {{attribute::downInAlgo, [](FlowDesc& flow) -> auto& {return flow.down.inHmac;
-}
-}
-, {attribute::downOutAlgo, [](FlowDesc& flow) -> auto& {return flow.down.outHmac;
-}
-}
-, {attribute::upInAlgo, [](FlowDesc& flow) -> auto& {return flow.up.inHmac;
-}
-}
-, {attribute::upOutAlgo, [](FlowDesc& flow) -> auto& {return flow.up.outHmac;
-}
-}
-,
-}
-}
-;
+constexpr MemberTable<HmacInfo> keyMembers{{
+    {attribute::downInKey, [](FlowDesc& flow) { return &flow.down.inHmac; }},
+    {attribute::downOutKey, [](FlowDesc& flow) { return &flow.down.outHmac; }},
+    {attribute::upInKey, [](FlowDesc& flow) { return &flow.up.inHmac; }},
+    {attribute::upOutKey, [](FlowDesc& flow) { return &flow.up.outHmac; }},
+}};
 
-constexpr std::array<NamedMember<std::int32_t>, 4> dscpMembers{
-    {{attribute::downOutDscpV4, [](FlowDesc& flow) -> auto& {return flow.down.dscpV4;
-}
-}
-, {attribute::downOutDscpV6, [](FlowDesc& flow) -> auto& {return flow.down.dscpV6;
-}
-}
-, {attribute::upOutDscpV4, [](FlowDesc& flow) -> auto& {return flow.up.dscpV4;
-}
-}
-, {attribute::upOutDscpV6, [](FlowDesc& flow) -> auto& {return flow.up.dscpV6;
-}
-}
-,
-}
-}
-;
+constexpr MemberTable<HmacInfo> algorithmMembers{{
+    {attribute::downInAlgo, [](FlowDesc& flow) { return &flow.down.inHmac; }},
+    {attribute::downOutAlgo, [](FlowDesc& flow) { return &flow.down.outHmac; }},
+    {attribute::upInAlgo, [](FlowDesc& flow) { return &flow.up.inHmac; }},
+    {attribute::upOutAlgo, [](FlowDesc& flow) { return &flow.up.outHmac; }},
+}};
 
-template <typename Member, std::size_t N>
-Member* findMember(const std::array<NamedMember<Member>, N>& members, FlowDesc& flow,
-                   std::string_view name) {
+constexpr MemberTable<std::int32_t> dscpMembers{{
+    {attribute::downOutDscpV4, [](FlowDesc& flow) { return &flow.down.dscpV4; }},
+    {attribute::downOutDscpV6, [](FlowDesc& flow) { return &flow.down.dscpV6; }},
+    {attribute::upOutDscpV4, [](FlowDesc& flow) { return &flow.up.dscpV4; }},
+    {attribute::upOutDscpV6, [](FlowDesc& flow) { return &flow.up.dscpV6; }},
+}};
+
+template <typename Member>
+Member* findMember(const MemberTable<Member>& members, FlowDesc& flow, std::string_view name) {
     const auto row = std::find_if(members.begin(), members.end(),
                                   [name](const auto& member) { return member.name == name; });
-    return row == members.end() ? nullptr : &row->member(flow);
+    return row == members.end() ? nullptr : row->member(flow);
 }
 
 template <typename Member>
@@ -124,8 +71,8 @@ Member& orThrow(Member* member, const char* routine, std::string_view name) {
 }
 
 /// The member of the same name in a record that is only read.
-template <typename Member, std::size_t N>
-const Member& source(const std::array<NamedMember<Member>, N>& members, const FlowDesc& flow,
+template <typename Member>
+const Member& source(const MemberTable<Member>& members, const FlowDesc& flow,
                      std::string_view name) {
     // The accessors hand out references for writing; nothing is written through this one.
     return *findMember(members, const_cast<FlowDesc&>(flow), name);

@@ -26,6 +26,24 @@ FlowDesc makeAuxFlow(const FlowDesc& base, std::uint32_t label) {
     return flow;
 }
 
+/// The endpoint of a flow with sockets of its own, not filed yet; empty, after logging, without
+/// them.
+EndpointPtr openEndpoint(const FlowDesc& flow, const EndpointDeleter& deleter) {
+    const int family = flow.up.addrInfo.family();
+    SocketPair sockets;
+    const int result = makeEndpointSocketPair(family, sockets);
+    if (result != 0) {
+        logError("createEndpoint: Failed to create endpoint sockets (family ", family,
+                 "): ", result);
+        return nullptr;
+    }
+    auto endpoint = std::make_shared<VeskEndpointDescriptor>(flow.label, sockets.rdsockfd.get(),
+                                                             sockets.wrsockfd.get(), flow, deleter);
+    sockets.rdsockfd.release();
+    sockets.wrsockfd.release();
+    return endpoint;
+}
+
 template <typename Key>
 EndpointPtr find(const std::map<Key, EndpointPtr>& table, Key key) {
     const auto found = table.find(key);
@@ -35,37 +53,33 @@ EndpointPtr find(const std::map<Key, EndpointPtr>& table, Key key) {
 }  // namespace
 
 EndpointPtr EndpointManager::createEndpoint(std::uint32_t label, const EndpointDeleter& deleter) {
+    // Stands before the lock, so that one that cannot be filed is released after it.
     EndpointPtr endpoint;
-    {
-        const WriteLock lock(lock_);
-        const FlowDesc* const flow = findOrMakeFlowLocked(label);
-        if (flow == nullptr) {
-            return nullptr;
-        }
-        const int family = flow->up.addrInfo.family();
-        SocketPair sockets;
-        const int result = makeEndpointSocketPair(family, sockets);
-        if (result != 0) {
-            logError("createEndpoint: Failed to create endpoint sockets (family ", family,
-                     "): ", result);
-            return nullptr;
-        }
-        endpoint = std::make_shared<VeskEndpointDescriptor>(label, sockets.rdsockfd.get(),
-                                                            sockets.wrsockfd.get(), *flow, deleter);
-        sockets.rdsockfd.release();
-        sockets.wrsockfd.release();
-        const int added = addEndpointLocked(endpoint);
-        if (added == 0) {
-            return endpoint;
-        }
-        logError("createEndpoint: Failed to add new endpoint to collection: ", added);
-        const auto filed = endpointsByLabel_.find(label);
-        if (filed != endpointsByLabel_.end() && filed->second == endpoint) {
-            // It was never registered for reading: left here, the label would never be answered.
-            endpointsByLabel_.erase(filed);
-        }
+    const WriteLock lock(lock_);
+    const FlowDesc* const flow = findOrMakeFlowLocked(label);
+    if (flow == nullptr) {
+        return nullptr;
     }
+    endpoint = openEndpoint(*flow, deleter);
+    if (endpoint && fileNewLocked(endpoint)) {
+        return endpoint;
+    }
+    forgetAuxFlowLocked(label);
     return nullptr;
+}
+
+bool EndpointManager::fileNewLocked(const EndpointPtr& endpoint) {
+    const int added = addEndpointLocked(endpoint);
+    if (added == 0) {
+        return true;
+    }
+    logError("createEndpoint: Failed to add new endpoint to collection: ", added);
+    const auto filed = endpointsByLabel_.find(endpoint->label);
+    if (filed != endpointsByLabel_.end() && filed->second == endpoint) {
+        // It will never be registered for reading: left here, the label would never be answered.
+        endpointsByLabel_.erase(filed);
+    }
+    return false;
 }
 
 const FlowDesc* EndpointManager::findOrMakeFlowLocked(std::uint32_t label) {
@@ -121,15 +135,20 @@ EndpointPtr EndpointManager::findEndpointByLabelLocked(std::uint32_t label) cons
 void EndpointManager::deleteEndpoint(std::uint32_t label) {
     RemovedEndpoints removed;
     const WriteLock lock(lock_);
-    removeEndpointLocked(label, removed);
+    takeOutLocked(label, removed);
 }
 
 void EndpointManager::deleteEndpoint(const VeskEndpointDescriptor& endpoint) {
     RemovedEndpoints removed;
     const WriteLock lock(lock_);
     if (findEndpointByLabelLocked(endpoint.label).get() == &endpoint) {
-        removeEndpointLocked(endpoint.label, removed);
+        takeOutLocked(endpoint.label, removed);
     }
+}
+
+void EndpointManager::takeOutLocked(std::uint32_t label, RemovedEndpoints& removed) {
+    removeEndpointLocked(label, removed);
+    forgetAuxFlowLocked(label);
 }
 
 void EndpointManager::removeEndpointLocked(std::uint32_t label, RemovedEndpoints& removed) {
@@ -168,6 +187,13 @@ void EndpointManager::removeLabelLocked(std::uint32_t label, RemovedEndpoints& r
     for (const std::uint32_t auxLabel : owned.auxLabels) {
         removeEndpointLocked(auxLabel, removed);
         labels_.erase(auxLabel);
+    }
+}
+
+void EndpointManager::forgetAuxFlowLocked(std::uint32_t label) {
+    if (isAuxLocked(label) && !endpointsByLabel_.contains(label)) {
+        forgetAuxLabelLocked(label);
+        labels_.erase(label);
     }
 }
 
@@ -213,7 +239,9 @@ void EndpointManager::expireIdle(bool expireMain, bool expireAux) {
             continue;
         }
         if (endpoint->idle.exchange(true, std::memory_order_relaxed)) {
-            expireLocked(label, aux, removed);
+            logDebug("Expiring label 0x", std::hex, label, "/", std::dec, label, " of flow type [",
+                     aux ? "aux" : "main", "]: closing upstream endpoint and cleaning up");
+            takeOutLocked(label, removed);
         }
     }
 }
@@ -221,16 +249,6 @@ void EndpointManager::expireIdle(bool expireMain, bool expireAux) {
 bool EndpointManager::isAuxLocked(std::uint32_t label) const {
     const auto record = labels_.find(label);
     return record != labels_.end() && record->second.isAuxFlow != 0;
-}
-
-void EndpointManager::expireLocked(std::uint32_t label, bool aux, RemovedEndpoints& removed) {
-    logDebug("Expiring label 0x", std::hex, label, "/", std::dec, label, " of flow type [",
-             aux ? "aux" : "main", "]: closing upstream endpoint and cleaning up");
-    removeEndpointLocked(label, removed);
-    if (aux) {
-        forgetAuxLabelLocked(label);
-        labels_.erase(label);
-    }
 }
 
 std::vector<EndpointPtr> EndpointManager::endpoints() const {

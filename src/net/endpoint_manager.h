@@ -44,7 +44,7 @@ class EndpointManager {
     EndpointPtr findEndpointByFd(int fd) const VESK_EXCLUDES(lock_);
     EndpointPtr findEndpointByLabel(std::uint32_t label) const VESK_EXCLUDES(lock_);
 
-    /// Takes the label's endpoint out of the tables; the label stays declared.
+    /// Takes the label's endpoint out of the tables; a declared label stays declared.
     void deleteEndpoint(std::uint32_t label) VESK_EXCLUDES(lock_);
 
     /// As above, but only while it is this endpoint that is filed: somebody who holds an old one
@@ -73,15 +73,19 @@ class EndpointManager {
     /// Endpoints on their way out, to be released once the lock is given back.
     using RemovedEndpoints = std::vector<EndpointPtr>;
 
+    /// Files an endpoint just made, or logs that it cannot be and leaves no trace of it.
+    bool fileNewLocked(const EndpointPtr& endpoint) VESK_REQUIRES(lock_);
     int addEndpointLocked(const EndpointPtr& endpoint) VESK_REQUIRES(lock_);
     EndpointPtr findEndpointByLabelLocked(std::uint32_t label) const VESK_REQUIRES_SHARED(lock_);
     const FlowDesc* findOrMakeFlowLocked(std::uint32_t label) VESK_REQUIRES(lock_);
     void removeEndpointLocked(std::uint32_t label, RemovedEndpoints& removed) VESK_REQUIRES(lock_);
+    void takeOutLocked(std::uint32_t label, RemovedEndpoints& removed) VESK_REQUIRES(lock_);
     void removeLabelLocked(std::uint32_t label, RemovedEndpoints& removed) VESK_REQUIRES(lock_);
+    /// Drops the record of an auxiliary flow that has lost its endpoint; the next datagram makes it
+    /// anew from its owner's. Kept, records would pile up for every label that anybody makes up.
+    void forgetAuxFlowLocked(std::uint32_t label) VESK_REQUIRES(lock_);
     void forgetAuxLabelLocked(std::uint32_t label) VESK_REQUIRES(lock_);
     bool isAuxLocked(std::uint32_t label) const VESK_REQUIRES_SHARED(lock_);
-    void expireLocked(std::uint32_t label, bool aux, RemovedEndpoints& removed)
-        VESK_REQUIRES(lock_);
     void registerPrefixLocked(const FlowDesc& flow) VESK_REQUIRES(lock_);
 
     std::map<std::uint32_t, EndpointPtr> endpointsByLabel_ VESK_GUARDED_BY(lock_);
