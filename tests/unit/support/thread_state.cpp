@@ -1,0 +1,85 @@
+#include "support/thread_state.h"
+
+#include <gtest/gtest.h>
+#include <pthread.h>
+#include <sched.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <fstream>
+#include <string>
+
+namespace vesk {
+
+namespace {
+
+constexpr std::chrono::seconds patience{30};
+constexpr char sleeping = 'S';
+constexpr char gone = '-';
+constexpr std::size_t impossibleStackSize = std::size_t{1} << 50;
+
+/// The state letter of the kernel's line for the thread; it stands behind the name, which is
+/// bracketed and may hold anything.
+char stateOf(pid_t thread) {
+    std::ifstream file("/proc/self/task/" + std::to_string(thread) + "/stat");
+    std::string line;
+    std::getline(file, line);
+    const std::size_t bracket = line.rfind(')');
+    return bracket == std::string::npos || bracket + 2 >= line.size() ? gone : line[bracket + 2];
+}
+
+void setDefaultStackSize(std::size_t size) {
+    pthread_attr_t attributes;
+    pthread_getattr_default_np(&attributes);
+    pthread_attr_setstacksize(&attributes, size);
+    EXPECT_EQ(pthread_setattr_default_np(&attributes), 0);
+    pthread_attr_destroy(&attributes);
+}
+
+std::size_t defaultStackSize() {
+    pthread_attr_t attributes;
+    pthread_getattr_default_np(&attributes);
+    std::size_t size = 0;
+    pthread_attr_getstacksize(&attributes, &size);
+    pthread_attr_destroy(&attributes);
+    return size;
+}
+
+}  // namespace
+
+bool eventually(const std::function<bool()>& condition) {
+    const auto deadline = std::chrono::steady_clock::now() + patience;
+    while (!condition()) {
+        if (std::chrono::steady_clock::now() > deadline) {
+            return false;
+        }
+        sched_yield();
+    }
+    return true;
+}
+
+void ThreadMark::set() {
+    thread_ = gettid();
+}
+
+bool ThreadMark::eventuallySet() const {
+    return eventually([this] { return thread_ != 0; });
+}
+
+bool ThreadMark::eventuallyEnds() const {
+    return eventuallySet() && eventually([this] { return stateOf(thread_) == gone; });
+}
+
+bool ThreadMark::eventuallyBlocks() const {
+    return eventuallySet() && eventually([this] { return stateOf(thread_) == sleeping; });
+}
+
+ThreadShortage::ThreadShortage() : stackSizeBefore_(defaultStackSize()) {
+    setDefaultStackSize(impossibleStackSize);
+}
+
+ThreadShortage::~ThreadShortage() {
+    setDefaultStackSize(stackSizeBefore_);
+}
+
+}  // namespace vesk
