@@ -4,6 +4,8 @@
 #include <array>
 #include <utility>
 
+#include "log/log.h"
+
 namespace vesk {
 
 namespace {
@@ -85,6 +87,15 @@ AttributeMap parseCommandAttrs(TokenQueue& tokens) {
 const std::string* findNonEmpty(const AttributeMap& attributes, std::string_view name) {
     const auto found = attributes.find(name);
     return found == attributes.end() || found->second.empty() ? nullptr : &found->second;
+}
+
+const std::string* requireNonEmpty(const AttributeMap& attributes, std::string_view name,
+                                   std::string_view complaint) {
+    const std::string* const value = findNonEmpty(attributes, name);
+    if (value == nullptr) {
+        logError(complaint);
+    }
+    return value;
 }
 
 std::string describeLeftover(const TokenQueue& tokens) {

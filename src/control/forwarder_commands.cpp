@@ -19,8 +19,6 @@ namespace vesk {
 
 namespace {
 
-constexpr std::string_view startPrefix = "startForwarder: bad command, ";
-
 struct ListenAddress {
     std::string address;
     std::uint64_t port;
@@ -30,29 +28,29 @@ struct ListenAddress {
 std::optional<ListenAddress> parseStart(TokenQueue& tokens) {
     const AttributeMap attributes = parseCommandAttrs(tokens);
     if (const std::string leftover = describeLeftover(tokens); !leftover.empty()) {
-        logError(startPrefix, leftover);
+        logError("startForwarder: bad command, ", leftover);
         return std::nullopt;
     }
-    const std::string* const address = findNonEmpty(attributes, "addr");
+    const std::string* const address = requireNonEmpty(
+        attributes, "addr", "startForwarder: bad command, missing or empty 'addr' attr");
     if (address == nullptr) {
-        logError(startPrefix, "missing or empty 'addr' attr");
         return std::nullopt;
     }
-    const std::string* const portText = findNonEmpty(attributes, "port");
+    const std::string* const portText = requireNonEmpty(
+        attributes, "port", "startForwarder: bad command, missing or empty 'port' attr");
     if (portText == nullptr) {
-        logError(startPrefix, "missing or empty 'port' attr");
         return std::nullopt;
     }
     const std::optional<std::uint64_t> port = parseUnsigned(*portText);
     if (!port) {
         // Kept: two blanks before "Bad", none before the text refused.
-        logError(startPrefix, " Bad port value", *portText);
+        logError("startForwarder: bad command,  Bad port value", *portText);
         return std::nullopt;
     }
     try {
         const IPAddrInfo usable(*address, static_cast<std::uint32_t>(*port));
     } catch (const std::invalid_argument&) {
-        logError(startPrefix, " Invalid address and/or port ");
+        logError("startForwarder: bad command,  Invalid address and/or port ");
         return std::nullopt;
     }
     return ListenAddress{*address, *port};
@@ -130,18 +128,14 @@ bool stopForwarder(ForwarderContext& context) {
 }
 
 bool setLogParams(TokenQueue tokens, const std::shared_ptr<ForwarderContext>& /*context*/) {
-    constexpr std::string_view prefix = "setLogParams: bad command, ";
     const AttributeMap attributes = parseCommandAttrs(tokens);
     if (const std::string leftover = describeLeftover(tokens); !leftover.empty()) {
-        logError(prefix, leftover);
+        logError("setLogParams: bad command, ", leftover);
         return false;
     }
-    const std::string* const priority = findNonEmpty(attributes, "priority");
-    if (priority == nullptr) {
-        logError(prefix, "missing or empty 'priority' attr");
-        return false;
-    }
-    return setLogLevelByName(*priority);
+    const std::string* const priority = requireNonEmpty(
+        attributes, "priority", "setLogParams: bad command, missing or empty 'priority' attr");
+    return priority != nullptr && setLogLevelByName(*priority);
 }
 
 }  // namespace vesk

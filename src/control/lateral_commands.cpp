@@ -22,44 +22,23 @@ namespace vesk {
 
 namespace {
 
-constexpr std::string_view addPeerPrefix = "addLateralPeer: bad command, ";
-constexpr std::string_view startPrefix = "startLateralStream: bad command, ";
-
 /// Satisfies the address type when a peer's address is checked; the port used is the stream's.
 constexpr std::uint32_t placeholderPort = 8445;
 
 constexpr std::size_t lateralKeyLength = 16;
 
-/// The attribute's text, or null after logging that it is missing.
-const std::string* require(const AttributeMap& attributes, std::string_view name,
-                           std::string_view prefix) {
-    const std::string* const value = findNonEmpty(attributes, name);
-    if (value == nullptr) {
-        logError(prefix, "missing or empty '", name, "' attr");
-    }
-    return value;
-}
-
 /// The attribute as a 32-bit number, or nothing after logging what is wrong with it.
 std::optional<std::uint32_t> requireNumber(const AttributeMap& attributes, std::string_view name,
-                                           std::string_view prefix, std::string_view complaint) {
-    const std::string* const text = require(attributes, name, prefix);
+                                           std::string_view missing, std::string_view bad) {
+    const std::string* const text = requireNonEmpty(attributes, name, missing);
     if (text == nullptr) {
         return std::nullopt;
     }
     const std::optional<std::uint32_t> number = parseUnsigned32(*text);
     if (!number) {
-        logError(prefix, complaint, *text);
+        logError(bad, *text);
     }
     return number;
-}
-
-bool reportLeftover(const TokenQueue& tokens, std::string_view prefix) {
-    const std::string leftover = describeLeftover(tokens);
-    if (!leftover.empty()) {
-        logError(prefix, leftover);
-    }
-    return !leftover.empty();
 }
 
 struct LateralSettings {
@@ -78,39 +57,45 @@ bool isUsableLateralAddress(const std::string& address, std::uint64_t port) {
     } catch (const std::runtime_error&) {
         // Unlike the other commands: a stream that cannot start is no reason to end what runs.
     }
-    logError(startPrefix, "Invalid lateral address and/or port ");
+    logError("startLateralStream: bad command, Invalid lateral address and/or port ");
     return false;
 }
 
 /// What "start_lateral" asks for, or nothing, after logging the first thing wrong with it.
 std::optional<LateralSettings> parseStartLateral(TokenQueue& tokens) {
     const AttributeMap attributes = parseCommandAttrs(tokens);
-    if (reportLeftover(tokens, startPrefix)) {
+    if (const std::string leftover = describeLeftover(tokens); !leftover.empty()) {
+        logError("startLateralStream: bad command, ", leftover);
         return std::nullopt;
     }
-    const std::string* const address = require(attributes, "addr", startPrefix);
+    const std::string* const address = requireNonEmpty(
+        attributes, "addr", "startLateralStream: bad command, missing or empty 'addr' attr");
     if (address == nullptr) {
         return std::nullopt;
     }
-    const std::string* const portText = require(attributes, "port", startPrefix);
+    const std::string* const portText = requireNonEmpty(
+        attributes, "port", "startLateralStream: bad command, missing or empty 'port' attr");
     if (portText == nullptr) {
         return std::nullopt;
     }
     const std::optional<std::uint64_t> port = parseUnsigned(*portText);
     if (!port) {
         // Kept: two blanks before "Bad", none before the text refused.
-        logError(startPrefix, " Bad lateral port value", *portText);
+        logError("startLateralStream: bad command,  Bad lateral port value", *portText);
         return std::nullopt;
     }
     if (!isUsableLateralAddress(*address, *port)) {
         return std::nullopt;
     }
-    const auto index = requireNumber(attributes, "idx", startPrefix, "Bad lateral index value");
+    const auto index = requireNumber(attributes, "idx",
+                                     "startLateralStream: bad command, missing or empty 'idx' attr",
+                                     "startLateralStream: bad command, Bad lateral index value");
     if (!index) {
         return std::nullopt;
     }
-    const auto maxQels =
-        requireNumber(attributes, "max_qels", startPrefix, "Bad lateral Max Qels value");
+    const auto maxQels = requireNumber(
+        attributes, "max_qels", "startLateralStream: bad command, missing or empty 'max_qels' attr",
+        "startLateralStream: bad command, Bad lateral Max Qels value");
     if (!maxQels) {
         return std::nullopt;
     }
@@ -160,21 +145,25 @@ int startLateralThread(const EndpointPtr& endpoint, const LateralSettings& setti
 
 bool addLateralPeer(TokenQueue tokens, const std::shared_ptr<ForwarderContext>& context) {
     const AttributeMap attributes = parseCommandAttrs(tokens);
-    if (reportLeftover(tokens, addPeerPrefix)) {
+    if (const std::string leftover = describeLeftover(tokens); !leftover.empty()) {
+        logError("addLateralPeer: bad command, ", leftover);
         return false;
     }
-    const auto index = requireNumber(attributes, "idx", addPeerPrefix, "Bad lateral index value");
+    const auto index =
+        requireNumber(attributes, "idx", "addLateralPeer: bad command, missing or empty 'idx' attr",
+                      "addLateralPeer: bad command, Bad lateral index value");
     if (!index) {
         return false;
     }
-    const std::string* const address = require(attributes, "addr", addPeerPrefix);
+    const std::string* const address = requireNonEmpty(
+        attributes, "addr", "addLateralPeer: bad command, missing or empty 'addr' attr");
     if (address == nullptr) {
         return false;
     }
     try {
         context->lateral.peers.set(*index, IPAddrInfo(*address, placeholderPort));
     } catch (const std::invalid_argument&) {
-        logError(addPeerPrefix, "Invalid address");
+        logError("addLateralPeer: bad command, Invalid address");
         return false;
     }
     logInfo("Added lateral stream peer: idx ", *index, " addr ", *address);
@@ -183,11 +172,11 @@ bool addLateralPeer(TokenQueue tokens, const std::shared_ptr<ForwarderContext>& 
 
 bool startLateralStream(TokenQueue tokens, const std::shared_ptr<ForwarderContext>& context) {
     if (context->lateral.running.load()) {
-        logError(startPrefix, "already started");
+        logError("startLateralStream: bad command, already started");
         return false;
     }
     if (context->lateral.peers.empty()) {
-        logError(startPrefix, "no peers configured");
+        logError("startLateralStream: bad command, no peers configured");
         return false;
     }
     const std::optional<LateralSettings> settings = parseStartLateral(tokens);

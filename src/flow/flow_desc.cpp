@@ -63,9 +63,9 @@ Member* findMember(const MemberTable<Member>& members, FlowDesc& flow, std::stri
 }
 
 template <typename Member>
-Member& orThrow(Member* member, const char* routine, std::string_view name) {
+Member& orThrow(Member* member, const char* complaint, std::string_view name) {
     if (member == nullptr) {
-        throw std::invalid_argument(std::string(routine) + ": Unknown name: " + std::string(name));
+        throw std::invalid_argument(complaint + std::string(name));
     }
     return *member;
 }
@@ -110,21 +110,22 @@ void FlowDesc::update(const FlowDesc& from, const std::vector<std::string>& name
 }
 
 std::uint32_t& refLabelByName(FlowDesc& flow, std::string_view name) {
-    return orThrow(findMember(labelMembers, flow, name), "refLabelByName", name);
+    return orThrow(findMember(labelMembers, flow, name), "refLabelByName: Unknown name: ", name);
 }
 
 IPAddrInfo& refAddrInfoByName(FlowDesc& flow, std::string_view name) {
-    return orThrow(findMember(addressMembers, flow, name), "refAddrInfoByName", name);
+    return orThrow(findMember(addressMembers, flow, name),
+                   "refAddrInfoByName: Unknown name: ", name);
 }
 
 HmacInfo& refHmacInfoByName(FlowDesc& flow, std::string_view name) {
     HmacInfo* const byKey = findMember(keyMembers, flow, name);
     return orThrow(byKey != nullptr ? byKey : findMember(algorithmMembers, flow, name),
-                   "refHmacInfoByName", name);
+                   "refHmacInfoByName: Unknown name: ", name);
 }
 
 std::int32_t& refDscpByName(FlowDesc& flow, std::string_view name) {
-    return orThrow(findMember(dscpMembers, flow, name), "refDscpByName", name);
+    return orThrow(findMember(dscpMembers, flow, name), "refDscpByName: Unknown name: ", name);
 }
 
 }  // namespace vesk

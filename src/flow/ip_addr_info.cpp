@@ -35,12 +35,12 @@ struct PrintedAddress {
     std::uint16_t port;
 };
 
-PrintedAddress print(int family, const void* address, in_port_t port, const char* familyName) {
+PrintedAddress print(int family, const void* address, in_port_t port, const char* perrorText,
+                     const char* thrownText) {
     std::array<char, INET6_ADDRSTRLEN> text{};
     if (inet_ntop(family, address, text.data(), text.size()) == nullptr) {
-        const std::string name(familyName);
-        std::perror(("IPAddrInfo: construct from " + name + " sockaddr: inet_ntop").c_str());
-        throw std::runtime_error("IPAddrInfo::IPAddrInfo: bad " + name + " socket address");
+        std::perror(perrorText);
+        throw std::runtime_error(thrownText);
     }
     return {text.data(), ntohs(port)};
 }
@@ -90,10 +90,14 @@ IPAddrInfo::IPAddrInfo(const sockaddr* address, socklen_t length) : address_(add
     PrintedAddress printed{};
     if (address->sa_family == AF_INET) {
         const auto ipv4 = readAs<sockaddr_in>(address);
-        printed = print(AF_INET, &ipv4.sin_addr, ipv4.sin_port, "IPv4");
+        printed = print(AF_INET, &ipv4.sin_addr, ipv4.sin_port,
+                        "IPAddrInfo: construct from IPv4 sockaddr: inet_ntop",
+                        "IPAddrInfo::IPAddrInfo: bad IPv4 socket address");
     } else if (address->sa_family == AF_INET6) {
         const auto ipv6 = readAs<sockaddr_in6>(address);
-        printed = print(AF_INET6, &ipv6.sin6_addr, ipv6.sin6_port, "IPv6");
+        printed = print(AF_INET6, &ipv6.sin6_addr, ipv6.sin6_port,
+                        "IPAddrInfo: construct from IPv6 sockaddr: inet_ntop",
+                        "IPAddrInfo::IPAddrInfo: bad IPv6 socket address");
     } else {
         return;
     }

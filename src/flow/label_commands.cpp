@@ -14,10 +14,10 @@ namespace vesk {
 namespace {
 
 /// The attributes of a label command, or nothing, after logging, where a value is missing.
-std::optional<AttributeMap> parseLabelCommand(TokenQueue& tokens, std::string_view routine) {
+std::optional<AttributeMap> parseLabelCommand(TokenQueue& tokens, std::string_view prefix) {
     AttributeMap attributes = parseCommandAttrs(tokens);
     if (const std::string leftover = describeLeftover(tokens); !leftover.empty()) {
-        logError(routine, ": bad command, ", leftover);
+        logError(prefix, leftover);
         return std::nullopt;
     }
     return attributes;
@@ -26,7 +26,8 @@ std::optional<AttributeMap> parseLabelCommand(TokenQueue& tokens, std::string_vi
 }  // namespace
 
 bool setLabelAttrs(TokenQueue tokens, const std::shared_ptr<ForwarderContext>& context) {
-    const std::optional<AttributeMap> attributes = parseLabelCommand(tokens, "setLabelAttrs");
+    const std::optional<AttributeMap> attributes =
+        parseLabelCommand(tokens, "setLabelAttrs: bad command, ");
     if (!attributes) {
         return false;
     }
@@ -44,7 +45,8 @@ bool setLabelAttrs(TokenQueue tokens, const std::shared_ptr<ForwarderContext>& c
 }
 
 bool deleteLabel(TokenQueue tokens, const std::shared_ptr<ForwarderContext>& context) {
-    const std::optional<AttributeMap> attributes = parseLabelCommand(tokens, "deleteLabel");
+    const std::optional<AttributeMap> attributes =
+        parseLabelCommand(tokens, "deleteLabel: bad command, ");
     if (!attributes) {
         return false;
     }

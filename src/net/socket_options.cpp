@@ -19,14 +19,23 @@ int setIntOption(int fd, int level, int option, int value) {
     return setsockopt(fd, level, option, &value, sizeof(value)) == 0 ? 0 : -errno;
 }
 
-int requestPacketInformation(int fd, int level, int option, const char* optionName) {
-    const int result = setIntOption(fd, level, option, 1);
+constexpr const char* requestRoutine = "Vesk_requestLocalDestAddr";
+
+int requestIpv4PacketInformation(int fd) {
+    const int result = setIntOption(fd, IPPROTO_IP, IP_PKTINFO, 1);
     if (result != 0) {
-        Warning("%s: %s failed on socket %d, errno=%d\n", "Vesk_requestLocalDestAddr", optionName,
-                fd, -result);
-        return result;
+        Warning("%s: IP_PKTINFO failed on socket %d, errno=%d\n", requestRoutine, fd, -result);
     }
-    return -EINVAL;
+    return result;
+}
+
+int requestIpv6PacketInformation(int fd) {
+    const int result = setIntOption(fd, IPPROTO_IPV6, IPV6_RECVPKTINFO, 1);
+    if (result != 0) {
+        Warning("%s: IPV6_RECVPKTINFO failed on socket %d, errno=%d\n", requestRoutine, fd,
+                -result);
+    }
+    return result;
 }
 
 }  // namespace
@@ -60,15 +69,19 @@ int Vesk_setSocketBuf(int fd, int optname, int size) {
 }
 
 int Vesk_requestLocalDestAddr(int fd, int family) {
+    int result = 0;
     switch (family) {
         case AF_INET:
-            return requestPacketInformation(fd, IPPROTO_IP, IP_PKTINFO, "IP_PKTINFO");
+            result = requestIpv4PacketInformation(fd);
+            break;
         case AF_INET6:
-            return requestPacketInformation(fd, IPPROTO_IPV6, IPV6_RECVPKTINFO, "IPV6_RECVPKTINFO");
+            result = requestIpv6PacketInformation(fd);
+            break;
         default:
-            Warning("%s: unknown socket family %d\n", "Vesk_requestLocalDestAddr", family);
+            Warning("%s: unknown socket family %d\n", requestRoutine, family);
             return -EAFNOSUPPORT;
     }
+    return result == 0 ? -EINVAL : result;
 }
 
 int setReusePort(int fd) {

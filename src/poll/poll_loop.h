@@ -28,7 +28,8 @@ void distributeReadyFds(const std::vector<int>& fds, const PollParams& queues,
                         unsigned long& start);
 
 /// Does nothing: an error or hang-up shows in `ErrorNr` and, when the socket is read, in the result
-/// of that. Kept: nothing is logged, and the descriptors stay as they are.
+/// of that. Kept: "Epoll got error while monitoring these sockets:" is never logged, and the
+/// descriptors stay as they are.
 void reportPollErrors(const std::vector<int>& fds);
 
 }  // namespace vesk
