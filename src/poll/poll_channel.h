@@ -1,7 +1,8 @@
 // The message channel: how every thread but one asks the poll thread to change the epoll set.
 //
 // A pair of local datagram sockets; each record is one datagram, so that records stay whole and the
-// kernel puts those of different threads in order. About ten fit in; then a sender waits.
+// kernel puts those of different threads in order. A few hundred fit into the send buffer; then a
+// sender waits.
 #pragma once
 
 #include <array>

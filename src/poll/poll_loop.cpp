@@ -217,6 +217,7 @@ void runPollThread(PollThreadParam& param) {
     };
     pollLoop(param, dealTo(param.readQueues, param.readStart),
              dealTo(param.writeQueues, param.writeStart), reportPollErrors);
+    retirePollChannel(param.msgchanfd);
 }
 
 void distributeReadyFds(const std::vector<int>& fds, const PollParams& queues,

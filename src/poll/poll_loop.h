@@ -19,7 +19,8 @@ using ReadyCallback = std::function<void(const std::vector<int>& fds)>;
 int pollLoop(PollThreadParam& param, const ReadyCallback& onRead, const ReadyCallback& onWrite,
              const ReadyCallback& onError);
 
-/// The poll thread's entry: pollLoop with the callbacks below.
+/// The poll thread's entry: pollLoop with the callbacks below. Should the loop end by itself,
+/// nobody is left waiting for it.
 void runPollThread(PollThreadParam& param);
 
 /// Deals one batch out to the queues in turn, beginning at `start`, and moves `start` on by the
