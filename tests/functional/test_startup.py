@@ -12,7 +12,7 @@ from typing import List
 import pytest
 
 from conftest import StartVesk
-from framework.faults import call_numbers, faulty_start
+from framework.faults import CORE_LIMIT_UNTOUCHED, call_numbers, faulty_start
 from framework.timing import SANITIZER
 from framework.vesk_process import VeskProcess
 
@@ -143,7 +143,7 @@ def test_the_core_limit_is_lifted(vesk: VeskProcess) -> None:
 
 
 def test_a_fixed_core_limit_is_reported_and_does_no_harm(start_vesk: StartVesk) -> None:
-    lines = lines_of_a_run(start_vesk(prefix=limited("4096:4096")))
+    lines = lines_of_a_run(start_vesk(prefix=limited("4096:4096"), environment=CORE_LIMIT_UNTOUCHED))
     assert lines[:3] == [
         "warn allowCoreDumps: failed to remove core size limit, Operation not permitted",
         "info allowCoreDumps: core size limit is 4096, max is 4096",
@@ -151,7 +151,7 @@ def test_a_fixed_core_limit_is_reported_and_does_no_harm(start_vesk: StartVesk) 
 
 
 def test_the_core_limit_is_raised_as_far_as_allowed(start_vesk: StartVesk) -> None:
-    vesk = start_vesk(prefix=limited("0:4096"))
+    vesk = start_vesk(prefix=limited("0:4096"), environment=CORE_LIMIT_UNTOUCHED)
     vesk.settle()
     assert resource.prlimit(vesk.pid, resource.RLIMIT_CORE) == (4096, 4096)
     assert vesk.log_lines()[:3] == [
@@ -168,7 +168,7 @@ def test_an_unlimited_core_limit_prints_as_the_largest_number(
     (first,) = call_numbers(tmp_path, "prlimit64", CORE_LIMIT_SET)[:1]
     prefix = ["prlimit", "--core=0:unlimited", *faulty_start(
         tmp_path / "trace", f"prlimit64:error=EPERM:when={first}")]
-    vesk = start_vesk(prefix=prefix)
+    vesk = start_vesk(prefix=prefix, environment=CORE_LIMIT_UNTOUCHED)
     vesk.settle()
     assert vesk.log_lines()[:3] == [
         "warn allowCoreDumps: failed to remove core size limit, Operation not permitted",
@@ -178,7 +178,7 @@ def test_an_unlimited_core_limit_prints_as_the_largest_number(
 
 def test_a_core_limit_that_cannot_be_read(start_vesk: StartVesk, tmp_path: Path) -> None:
     (first,) = call_numbers(tmp_path, "prlimit64", CORE_LIMIT_SET)[:1]
-    lines = lines_of_a_run(start_vesk(prefix=faulty_start(
+    lines = lines_of_a_run(start_vesk(environment=CORE_LIMIT_UNTOUCHED, prefix=faulty_start(
         tmp_path / "trace", f"prlimit64:error=EFAULT:when={first}..{first + 1}")))
     assert lines[:3] == [
         "warn allowCoreDumps: failed to remove core size limit, Bad address",
@@ -190,7 +190,7 @@ def test_a_core_limit_that_cannot_be_raised(start_vesk: StartVesk, tmp_path: Pat
     (first,) = call_numbers(tmp_path, "prlimit64", CORE_LIMIT_SET)[:1]
     prefix = ["prlimit", "--core=0:4096", *faulty_start(
         tmp_path / "trace", f"prlimit64:error=EPERM:when={first}..{first + 2}+2")]
-    lines = lines_of_a_run(start_vesk(prefix=prefix))
+    lines = lines_of_a_run(start_vesk(prefix=prefix, environment=CORE_LIMIT_UNTOUCHED))
     assert lines[:4] == [
         "warn allowCoreDumps: failed to remove core size limit, Operation not permitted",
         "info allowCoreDumps: core size limit is 0, max is 4096",

@@ -18,6 +18,12 @@ from .timing import SANITIZER, scaled, wait_until
 from .vesk_process import VeskProcess, binary
 
 
+# The address sanitizer's runtime sets the core limit itself unless told not to. Its leak
+# check stops threads with the same system call that a tracer uses.
+CORE_LIMIT_UNTOUCHED = {"ASAN_OPTIONS": "disable_coredump=0:detect_leaks=0",
+                        "TSAN_OPTIONS": "disable_coredump=0"}
+
+
 @lru_cache(maxsize=None)
 def _tracing_refusal() -> str:
     if shutil.which("strace") is None:
@@ -65,7 +71,7 @@ def call_numbers(folder: Path, call: str, pattern: str) -> List[int]:
     subprocess.run(["strace", "-f", "-qq", "-e", f"trace={call}", "-o", str(trace), binary()],
                    cwd=folder, stdin=subprocess.DEVNULL, stdout=subprocess.DEVNULL,
                    stderr=subprocess.DEVNULL, check=False, timeout=scaled(20),
-                   env={**os.environ, "ASAN_OPTIONS": "detect_leaks=0"})
+                   env={**os.environ, **CORE_LIMIT_UNTOUCHED})
     lines = trace.read_text(errors="replace").splitlines()
     first_thread = lines[0].split()[0]
     own = [line for line in lines if line.split()[0] == first_thread and f" {call}(" in line]

@@ -53,9 +53,10 @@ class Flood:
 
 
 class Drain:
-    """Reads everything that arrives and counts it; keeps the last few datagrams."""
+    """Reads everything that arrives and counts it; keeps some datagrams to look at."""
 
-    def __init__(self, end: UdpEnd) -> None:
+    def __init__(self, end: UdpEnd, keep_every: int = 64) -> None:
+        self._keep_every = keep_every
         self._end = end
         self._end.socket.settimeout(0.02)
         self._stop = threading.Event()
@@ -71,7 +72,7 @@ class Drain:
             except (TimeoutError, ConnectionRefusedError):
                 continue
             self.count += 1
-            if self.count % 64 == 1:
+            if self.count % self._keep_every == 1:
                 self.samples.append(data)
 
     def stop(self) -> None:

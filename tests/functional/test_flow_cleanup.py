@@ -1,0 +1,262 @@
+"""The periodic task and the expiry of idle flows."""
+
+from __future__ import annotations
+
+import os
+import re
+import time
+from pathlib import Path
+from typing import List
+
+import pytest
+
+from conftest import StartVesk
+from framework.bench import Bench
+from framework.faults import call_numbers, failing_calls, faulty_start
+from framework.flow import Flow, four_keys
+from framework.statistics import report
+from framework.timing import wait_until
+from framework.udp import UdpEnd
+
+TASK = "info Task [FlowCleanUpTask]"
+NOW = f"{TASK} now executing"
+PREFIX = 0x0ABC
+
+
+def expiring(label: int, kind: str = "main") -> str:
+    return (f"debug Expiring label 0x{label:x}/{label} of flow type [{kind}]: "
+            "closing upstream endpoint and cleaning up")
+
+
+# The task -------------------------------------------------------------------------------
+
+@pytest.mark.parametrize("arguments, switches, seconds", [
+    ([], "1/1", 600),
+    (["udpv1", "0x3c"], "1/1", 60),
+    (["udpv2", "60", "true", "false", "extra"], "1/0", 60),
+    (["udpv2", "60", "false", "true"], "0/1", 60),
+    (["udpv2", "60", "false", "false"], "0/0", 60),
+    (["udpv2", "60", "false"], "0/1", 60),
+    (["udpv2", "9223372036"], "1/1", 9223372036),
+])
+def test_the_task_is_announced(start_vesk: StartVesk, arguments: List[str], switches: str,
+                               seconds: int) -> None:
+    vesk = start_vesk(*arguments)
+    created = vesk.wait_for_log(re.compile(
+        r"info Created periodic task \[FlowCleanUpTask\] thread: [0-9a-f]+; "
+        rf"main/aux flow cleanup switches \[{switches}\]"))
+    vesk.wait_for_log(f"{TASK} will execute in [{seconds}s]")
+    lines = vesk.log_lines()
+    (poll,) = [line for line in lines if line.startswith("info Created pollLoop thread: ")]
+    assert lines.index(poll) < lines.index(created)
+    assert NOW not in lines
+
+
+def test_the_task_runs_once_a_period(start_vesk: StartVesk) -> None:
+    vesk = start_vesk("udpv2", "1")
+    vesk.wait_for_log(f"{TASK} will execute in [1s]")
+    began = time.monotonic()
+    vesk.wait_for_log(f"{TASK} will execute in [1s]", count=3)
+    assert time.monotonic() - began > 1.5
+    task_lines = [line for line in vesk.log_lines() if line.startswith(TASK)]
+    assert task_lines[:4] == [f"{TASK} will execute in [1s]", NOW] * 2
+
+
+def test_a_task_that_cannot_be_started(start_vesk: StartVesk, tmp_path: Path) -> None:
+    """The threads that run already are taken down; the status is the poll thread's, 0 here,
+    since stopping it replaces what the failure set."""
+    number = call_numbers(tmp_path, "clone3", "CLONE_THREAD")[(os.cpu_count() or 1) + 1]
+    vesk = start_vesk(prefix=faulty_start(tmp_path / "trace", f"clone3:error=EAGAIN:when={number}"))
+    vesk.close_input()
+    vesk.wait_exit(0)
+    assert vesk.log_lines()[-1] == ("error Failed to create periodic task [FlowCleanUpTask] "
+                                    "thread: Resource temporarily unavailable")
+
+
+def test_end_of_input_does_not_wait_for_the_period(start_vesk: StartVesk) -> None:
+    vesk = start_vesk("udpv2", "3600")
+    vesk.wait_for_log(f"{TASK} will execute in [3600s]")
+    vesk.close_input()
+    vesk.wait_exit(0, seconds=2)
+
+
+# Expiry ---------------------------------------------------------------------------------
+
+class Cleaned(Bench):
+    """A bench whose forwarder cleans up every second, with the debug lines shown."""
+
+    def next_pass(self) -> None:
+        """Waits for the next clean-up."""
+        self.vesk.wait_for_log(NOW, self.vesk.mark())
+
+    def expired(self, label: int, kind: str = "main", since: int = 0) -> bool:
+        return expiring(label, kind) in self.vesk.log_lines(since)
+
+
+def cleaned(start_vesk: StartVesk, peer: UdpEnd, upstream: UdpEnd, *switches: str) -> Cleaned:
+    bench = Cleaned(start_vesk("udpv2", "1", *switches).ready(), peer, upstream)
+    bench.vesk.lines_after("log priority debug")
+    return bench
+
+
+@pytest.fixture
+def cleaning(start_vesk: StartVesk, peer: UdpEnd, upstream: UdpEnd) -> Cleaned:
+    return cleaned(start_vesk, peer, upstream)
+
+
+def aux_owner(bench: Bench) -> Flow:
+    return bench.flow(5, options={"up_aux_flow_label": 0x7DEF0000,
+                                  "down_aux_flow_label_prefix": PREFIX})
+
+
+def aux_flow(bench: Bench, owner: Flow, number: int) -> Flow:
+    return bench.flow((PREFIX << 16) | number, up_label=0x7DEF0000 | number,
+                      down_label=owner.down_label)
+
+
+def test_an_idle_endpoint_goes_in_the_second_pass(cleaning: Cleaned) -> None:
+    """Marked by the first, expired by the next: between one and two periods."""
+    bench = cleaning
+    descriptors = bench.vesk.descriptor_count()
+    flow = bench.flow(0x1F)
+    bench.declare(flow)
+    bench.next_pass()
+    since = bench.vesk.mark()
+    before = bench.exchange(flow)
+    bench.vesk.wait_for_log(expiring(0x1F), since)
+    lines = bench.vesk.log_lines(since)
+    passes = lines[:lines.index(expiring(0x1F))].count(NOW)
+    assert passes == 2
+    bench.vesk.wait_for_descriptor_count(descriptors)
+    bench.vesk.lines_after("log priority info")
+    assert report(bench.vesk).upstream == {}
+    # The flow is still declared: the next datagram opens a new endpoint.
+    assert bench.exchange(flow) != before
+
+
+def test_the_expiry_is_shown_at_debug_level_only(start_vesk: StartVesk, peer: UdpEnd,
+                                                 upstream: UdpEnd) -> None:
+    bench = Cleaned(start_vesk("udpv2", "1").ready(), peer, upstream)
+    descriptors = bench.vesk.descriptor_count()
+    bench.exchange(bench.control)
+    bench.vesk.wait_for_descriptor_count(descriptors)
+    assert not [line for line in bench.vesk.log_lines() if "Expiring" in line]
+
+
+def test_traffic_of_one_direction_keeps_a_flow_alive(cleaning: Cleaned) -> None:
+    bench = cleaning
+    asking, answering, rejected, silent = flows = [
+        bench.flow(label, **four_keys()) for label in (1, 2, 3, 4)]
+    bench.declare(*flows)
+    senders = {flow.label: bench.exchange(flow) for flow in flows}
+    bench.next_pass()
+    since = bench.vesk.mark()
+    for _ in range(3):
+        bench.ask(asking)
+        bench.answer(answering, senders[2])
+        # Whatever arrives on the upstream socket counts, even what is not passed on.
+        bench.upstream.send(b"nonsense", senders[3])
+        bench.next_pass()
+    assert bench.expired(silent.label, since=since)
+    for flow in (asking, answering, rejected):
+        assert not bench.expired(flow.label, since=since)
+        assert bench.exchange(flow) == senders[flow.label]
+
+
+def test_what_is_refused_or_cannot_be_sent_keeps_nothing_alive(cleaning: Cleaned) -> None:
+    bench = cleaning
+    unsigned, unsendable = bench.flow(1, **four_keys()), bench.flow(2)
+    bench.declare(unsigned, unsendable)
+    bench.exchange(unsigned)
+    bench.exchange(unsendable)
+    wait_until(lambda: len(bench.vesk.threads_in("recvmsg")) == 1, "the listener is idle")
+    thread = bench.vesk.threads_in("recvmsg")[0]
+    bench.next_pass()
+    since = bench.vesk.mark()
+    with failing_calls(bench.vesk, [thread], "sendmsg:error=EAGAIN"):
+        for _ in range(2):
+            bench.send(bench.framing.build(1, b"unsigned"))
+            bench.send(unsendable.request(b"lost"))
+            bench.next_pass()
+            if bench.expired(1, since=since) and bench.expired(2, since=since):
+                break
+        bench.vesk.wait_for_log(expiring(1), since)
+        bench.vesk.wait_for_log(expiring(2), since)
+
+
+def test_an_auxiliary_flow_expires_and_comes_again(cleaning: Cleaned) -> None:
+    bench = cleaning
+    descriptors = bench.vesk.descriptor_count()
+    owner = aux_owner(bench)
+    bench.declare(owner)
+    flow = aux_flow(bench, owner, 1)
+    bench.exchange(owner)
+    bench.exchange(flow)
+    bench.vesk.wait_for_log(expiring(flow.label, "aux"))
+    bench.vesk.wait_for_log(expiring(owner.label, "main"))
+    bench.vesk.wait_for_descriptor_count(descriptors)
+    # Its record went with it: a changed owner is what the next datagram follows from.
+    owner.down_label = flow.down_label = 4242
+    bench.vesk.lines_after("set label 5 down_label 4242")
+    bench.exchange(flow)
+
+
+@pytest.mark.parametrize("switches, kinds", [
+    (("true", "true"), {"main", "aux"}), (("true", "false"), {"main"}),
+    (("false", "true"), {"aux"}), (("false", "false"), set())])
+def test_the_two_switches(start_vesk: StartVesk, peer: UdpEnd, upstream: UdpEnd, switches,
+                          kinds) -> None:
+    bench = cleaned(start_vesk, peer, upstream, *switches)
+    owner = aux_owner(bench)
+    bench.declare(owner)
+    bench.exchange(owner)
+    bench.exchange(aux_flow(bench, owner, 1))
+    for _ in range(3):
+        bench.next_pass()
+    bench.vesk.settle()
+    assert bench.expired(owner.label, "main") == ("main" in kinds)
+    assert bench.expired((PREFIX << 16) | 1, "aux") == ("aux" in kinds)
+    bench.vesk.lines_after("log priority info")
+    assert len(report(bench.vesk).upstream) == 2 - len(kinds)
+
+
+def test_declared_labels_under_a_prefix_are_main_flows(start_vesk: StartVesk, peer: UdpEnd,
+                                                       upstream: UdpEnd) -> None:
+    bench = cleaned(start_vesk, peer, upstream, "false", "true")
+    declared = bench.flow((PREFIX << 16) | 7)
+    bench.declare(aux_owner(bench), declared)
+    before = bench.exchange(declared)
+    for _ in range(3):
+        bench.next_pass()
+    assert bench.exchange(declared) == before
+
+
+def test_hundreds_of_flows_expire_at_once(cleaning: Cleaned) -> None:
+    """More than the poll thread's channel has room for, while one flow goes on."""
+    bench = cleaning
+    descriptors = bench.vesk.descriptor_count()
+    flows = [bench.flow(label) for label in range(1, 401)]
+    bench.declare(*flows)
+    bench.next_pass()
+    for flow in flows:
+        bench.ask(flow)
+    for _ in range(2):
+        bench.exchange(bench.control)
+        bench.next_pass()
+    bench.exchange(bench.control)
+    bench.vesk.wait_for_descriptor_count(descriptors + 2)
+    lines = bench.vesk.log_lines()
+    assert all(lines.count(expiring(flow.label)) == 1 for flow in flows)
+
+
+def test_end_of_input_while_hundreds_expire(start_vesk: StartVesk, peer: UdpEnd,
+                                            upstream: UdpEnd) -> None:
+    bench = cleaned(start_vesk, peer, upstream)
+    flows = [bench.flow(label) for label in range(1, 401)]
+    bench.declare(*flows)
+    bench.next_pass()
+    for flow in flows:
+        bench.ask(flow)
+    bench.vesk.wait_for_log(re.compile(r"debug Expiring label .*"))
+    bench.vesk.close_input()
+    bench.vesk.wait_exit(0, seconds=2)
