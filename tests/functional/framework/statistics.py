@@ -12,6 +12,7 @@ from .vesk_process import VeskProcess
 
 Counters = Dict[str, int]
 
+_OF_THE_DATAPATH = ("downstreamPacketReceived", "info Created", "info Bound", "debug ")
 _WORKER = r"WakeNr:\d+,ReadyFdNr:\d+,DgNr:\d+ "
 _BOTH_WAYS = r"RxDg:\d+,TxDg:\d+,RxDgError:\d+,TxDgDropped:\d+"
 
@@ -65,8 +66,9 @@ def parse_report(text: str) -> Report:
 
 
 def report_text(vesk: VeskProcess) -> str:
-    """The report as it was written."""
-    return "".join(f"{line}\n" for line in vesk.lines_after("stats"))
+    """The report as it was written, without what the datapath said in between."""
+    return "".join(f"{line}\n" for line in vesk.lines_after("stats")
+                   if not line.startswith(_OF_THE_DATAPATH))
 
 
 def report(vesk: VeskProcess) -> Report:
