@@ -43,11 +43,14 @@ def run_traffic(build: Path, plan: Plan, scenario: Scenario, arguments: list) ->
                "--payload", str(scenario.payload), "--flows", str(scenario.flows)]
     if scenario.rate:
         command += ["--rate", str(scenario.rate)]
-    done = subprocess.run(pinned(GENERATOR_CPU, command + arguments), capture_output=True,
-                          text=True, check=False,
-                          timeout=plan.warm_up + plan.duration + SECONDS_TO_START_AND_END)
+    limit = plan.warm_up + plan.duration + SECONDS_TO_START_AND_END
+    try:
+        done = subprocess.run(pinned(GENERATOR_CPU, command + arguments), capture_output=True,
+                              text=True, check=False, timeout=limit)
+    except subprocess.TimeoutExpired as late:
+        raise MeasurementFailed(f"not done after {limit:.0f} seconds") from late
     if done.returncode != 0:
-        raise MeasurementFailed(done.stderr.strip() or done.stdout.strip())
+        raise MeasurementFailed(f"{done.stderr}{done.stdout}".strip())
     return json.loads(done.stdout)
 
 
