@@ -25,6 +25,7 @@ sys.dont_write_bytecode = True
 
 from framework.flow import Flow, four_keys  # noqa: E402
 from framework.framing import UDPV2  # noqa: E402
+from framework.lateral import LOOPBACK, shared_free_port  # noqa: E402
 from framework.udp import Address, UdpEnd, UpstreamService, free_port  # noqa: E402
 from framework.vesk_process import VeskProcess  # noqa: E402
 
@@ -60,13 +61,13 @@ class ControllingService:
 
     def __init__(self, vesk: VeskProcess, name: str) -> None:
         self.vesk = vesk
-        self._name = name
+        self.name = name
         self._shown = 0
         vesk.ready()
         self.show_log()
 
     def type(self, line: str) -> None:
-        print(f"  {self._name} < {shortened(line)}")
+        print(f"  {self.name} < {shortened(line)}")
         self.vesk.command(line)
         self.vesk.settle()
         self.show_log()
@@ -75,15 +76,19 @@ class ControllingService:
         lines = self.vesk.log_lines()
         for line in lines[self._shown:]:
             if TELLING.fullmatch(line) and "'fence-" not in line:
-                print(f"  {self._name} > {line}")
+                print(f"  {self.name} > {line}")
         self._shown = len(lines)
+
+    def skip_log(self) -> None:
+        """What is in the log by now was shown by other means."""
+        self._shown = self.vesk.mark()
 
     def end(self) -> None:
         self.show_log()
-        print(f"  {self._name} < (end of input)")
+        print(f"  {self.name} < (end of input)")
         took = self.vesk.finish()
         self.show_log()
-        print(f"  {self._name}   exit status 0 after {took * 1000:.0f} ms")
+        print(f"  {self.name}   exit status 0 after {took * 1000:.0f} ms")
 
 
 def shortened(line: str) -> str:
@@ -180,13 +185,67 @@ def show_forwarding(stack: ExitStack) -> bool:
     return print_table(results)
 
 
+def print_report(service: ControllingService) -> None:
+    """Types "stats" and prints all it says."""
+    print(f"  {service.name} < stats")
+    for line in service.vesk.lines_after("stats"):
+        if line:
+            print(f"  {service.name} > {line}")
+    service.skip_log()
+
+
+def show_lateral(stack: ExitStack) -> bool:
+    # The upper 16 bits of a label name its owner: an even number the first instance,
+    # an odd one the second, as there are two.
+    flows = [Flow(label=0x00020001, **four_keys("sha256")),
+             Flow(label=0x00030001, **four_keys("sha256"))]
+    upstream = stack.enter_context(UpstreamService(echo_service(flows)))
+    for flow in flows:
+        flow.upstream = upstream.address
+    hosts = {0: LOOPBACK[0], 1: LOOPBACK[1]}
+
+    print("peer  <-->  instance A  <-->  upstream echo service    (all on 127.0.0.0/8)\n"
+          "               |  ^\n"
+          "               v  |            a datagram that reaches the wrong instance is handed\n"
+          "peer  <-->  instance B         to the owner of its label, and its reply handed back")
+    title("1. Two instances start, each with one flow of its own, and are joined:")
+    lateral_port = shared_free_port(list(hosts.values()))
+    services, listeners = [], []
+    for index, name in enumerate("AB"):
+        service = start(stack, name)
+        listeners.append(listen(service))
+        service.type(flows[index].set_command())
+        service.type(f"add_lateral_peer idx {1 - index} addr {hosts[1 - index]}")
+        service.type(f"start_lateral addr {hosts[index]} port {lateral_port} idx {index} "
+                     f"max_qels {len(hosts)}")
+        services.append(service)
+
+    title(f"2. Peers send {DATAGRAMS} datagrams on each flow through each instance:")
+    results = [exchange(flow, f"label 0x{flow.label:08x} of {owner}, through {through}", to)
+               for through, to in zip("AB", listeners) for owner, flow in zip("AB", flows)]
+    for service in services:
+        service.show_log()
+
+    title("3. Both report their counters:")
+    for service in services:
+        print_report(service)
+
+    title("4. The controlling service closes both channels:")
+    for service in services:
+        service.end()
+
+    title("Result")
+    return print_table(results)
+
+
 def main() -> int:
     parser = argparse.ArgumentParser(description="Shows the forwarder at work.")
     parser.add_argument("--binary", required=True, help="the forwarder's executable")
+    parser.add_argument("--lateral", action="store_true", help="show two joined instances")
     arguments = parser.parse_args()
     os.environ["VESK_BINARY"] = os.path.abspath(arguments.binary)
     with ExitStack() as stack:
-        flawless = show_forwarding(stack)
+        flawless = show_lateral(stack) if arguments.lateral else show_forwarding(stack)
     print("\nEvery datagram was answered, rightly signed and rightly labelled." if flawless
           else "\nSomething was lost or wrong; see the table.")
     return 0 if flawless else 1
