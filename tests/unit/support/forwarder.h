@@ -1,0 +1,48 @@
+// A forwarder without its threads: the context, the tables, and a message channel that the test
+// reads in place of the poll loop.
+#pragma once
+
+#include <gtest/gtest.h>
+
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "app/forwarder_context.h"
+#include "net/endpoint_manager.h"
+#include "poll/poll_channel.h"
+#include "support/descriptors.h"
+
+namespace vesk {
+
+class ForwarderTest : public DescriptorCountingTest {
+ protected:
+    explicit ForwarderTest(int framingVersion = 2) : framingVersion_(framingVersion) {}
+
+    void SetUp() override;
+    void TearDown() override;
+
+    EndpointManager& manager() { return *context->endpointManager; }
+
+    /// Carries out "set" with the words of `text`; the test fails where it is refused.
+    void declare(const std::string& text);
+
+    /// Makes the label's endpoint as a datagram would, but without its sockets' set-up.
+    EndpointPtr createEndpoint(std::uint32_t label);
+
+    /// What was asked of the poll loop since the last time. Deletions are carried out.
+    std::vector<PollCtlMsg> takePollRequests();
+
+    /// Fills the channel so that no request gets through any more, and a sender fails at once.
+    void blockPollChannel();
+
+    std::shared_ptr<ForwarderContext> context;
+
+ private:
+    const int framingVersion_;
+};
+
+bool operator==(const PollCtlMsg& left, const PollCtlMsg& right);
+std::ostream& operator<<(std::ostream& out, const PollCtlMsg& message);
+
+}  // namespace vesk
