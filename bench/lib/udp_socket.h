@@ -29,7 +29,8 @@ class UdpSocket {
     UniqueFd fd_;
 };
 
-/// A port that was free a moment ago.
+/// A port that was free a moment ago, out of a range that the kernel chooses none from by itself:
+/// it stays free until the program that it is meant for binds it.
 std::uint16_t freeUdpPort();
 
 }  // namespace vesk::bench
