@@ -21,7 +21,8 @@ def unknown(word: str) -> List[str]:
 
 # Commands -------------------------------------------------------------------------------
 
-@pytest.mark.parametrize("word", ["Start", "START", "sto", "stopp", "quit", "set_", "\u00e4", "'set'"])
+@pytest.mark.parametrize("word", ["Start", "START", "sto", "stopp", "quit", "set_", "\u00e4",
+                                  "'set'"])
 def test_a_word_that_is_no_command(vesk: VeskProcess, word: str) -> None:
     assert vesk.lines_after(f"{word} label 5 whatever") == unknown(word)
 
@@ -60,7 +61,8 @@ def test_blanks_tabs_and_carriage_returns_separate_words(vesk: VeskProcess, line
     assert vesk.lines_after(line) == MISSING_PORT
 
 
-@pytest.mark.parametrize("character", ["\v", "\f", "\x00", "\x1f", "\x7f", "\u00a0", '"', "\\", ",", ";"])
+@pytest.mark.parametrize("character", ["\v", "\f", "\x00", "\x1f", "\x7f", "\u00a0", '"', "\\",
+                                       ",", ";"])
 def test_every_other_character_is_part_of_a_word(vesk: VeskProcess, character: str) -> None:
     word = f"stop{character}now"
     assert vesk.lines_after(word) == unknown(word)
@@ -152,7 +154,8 @@ def test_a_name_without_a_value_is_dropped(vesk: VeskProcess) -> None:
 
 def test_the_end_of_input_is_announced(vesk: VeskProcess) -> None:
     vesk.finish()
-    assert vesk.log_lines()[-2:] == [END_OF_INPUT, ""] and vesk.output().endswith(b"exiting...\n\n")
+    assert vesk.log_lines()[-2:] == [END_OF_INPUT, ""]
+    assert vesk.output().endswith(b"exiting...\n\n")
 
 
 def test_a_last_line_without_a_newline_is_carried_out(vesk: VeskProcess) -> None:

@@ -402,7 +402,8 @@ def test_without_a_mark_none_is_set(vesk: VeskProcess, new_end: Callable[..., Ud
         vesk.lines_after("stop", "del label 6", f"del label {0xFEED}")
 
 
-MARKS = {"up_out_dscp_v4": 10, "up_out_dscp_v6": 20, "down_out_dscp_v4": 30, "down_out_dscp_v6": 40}
+MARKS = {"up_out_dscp_v4": 10, "up_out_dscp_v6": 20,
+         "down_out_dscp_v4": 30, "down_out_dscp_v6": 40}
 
 
 @pytest.mark.parametrize("host, upwards, downwards", [("127.0.0.1", 10, 30), ("::1", 20, 40)])

@@ -47,4 +47,5 @@ def test_a_datagram_goes_upstream_and_its_reply_comes_back(
 
 def created_line(label: int) -> "re.Pattern[str]":
     """Whole lines are matched: a text must be equal, a pattern must match it all."""
-    return re.compile(rf"info Created upstream endpoint: label 0x{label:x}/{label} sockfds \d+ \d+")
+    return re.compile(
+        rf"info Created upstream endpoint: label 0x{label:x}/{label} sockfds \d+ \d+")

@@ -3,39 +3,24 @@
 from __future__ import annotations
 
 import re
-from typing import Callable, List
+from typing import Callable
 
 import pytest
 
 from framework.bench import Bench
-from framework.faults import failing_calls, faulty_start
+from framework.faults import (failing_calls, failing_listener, failing_poll_thread,
+                              failing_workers, faulty_start)
 from framework.flow import Flow, four_keys
 from framework.timing import wait_until
 from framework.udp import UdpEnd
-from framework.vesk_process import VeskProcess
 
 FORMS = "label 0x5/5"
-
-
-def thread_in(vesk: VeskProcess, system_call: str) -> int:
-    """The one thread that waits in this call: downstream in recvmsg, poll in epoll_wait."""
-    wait_until(lambda: len(vesk.threads_in(system_call)) == 1,
-               f"exactly one thread waits in {system_call}")
-    return vesk.threads_in(system_call)[0]
-
-
-def worker_threads(vesk: VeskProcess) -> List[int]:
-    """Idle workers wait on a futex; so does nobody else."""
-    count = len([line for line in vesk.log_lines() if "created upstream recvThread" in line])
-    wait_until(lambda: len(vesk.threads_in("futex")) >= count, "all workers are idle")
-    return vesk.threads_in("futex")
 
 
 # Receiving downstream -------------------------------------------------------------------
 
 def test_an_error_while_receiving_is_reported(bench: Bench) -> None:
-    with failing_calls(bench.vesk, [thread_in(bench.vesk, "recvmsg")],
-                       "recvmsg:error=ENOBUFS:when=1"):
+    with failing_listener(bench.vesk, "recvmsg:error=ENOBUFS:when=1"):
         bench.send(b"lost")
         bench.vesk.wait_for_log("error Forwarder downstream endpoint got error while receiving: "
                                 "errno = 105 (No buffer space available).")
@@ -44,8 +29,7 @@ def test_an_error_while_receiving_is_reported(bench: Bench) -> None:
 
 def test_a_refused_connection_while_receiving_is_not(bench: Bench) -> None:
     since = bench.vesk.mark()
-    with failing_calls(bench.vesk, [thread_in(bench.vesk, "recvmsg")],
-                       "recvmsg:error=ECONNREFUSED:when=1..3"):
+    with failing_listener(bench.vesk, "recvmsg:error=ECONNREFUSED:when=1..3"):
         bench.nothing_went_upstream()
     assert not [line for line in bench.vesk.remarks(since) if "Created" not in line]
 
@@ -78,8 +62,8 @@ def test_no_descriptor_for_the_second_number_of_the_socket(bench: Bench) -> None
     bench.vesk.limit_descriptors(spare=1)
     since = bench.vesk.mark()
     bench.send(flow.request(b"x"))
-    bench.vesk.wait_for_log(re.compile(r"error Failed to dup sockfd \d+ Error: Too many open files"),
-                            since)
+    bench.vesk.wait_for_log(re.compile(
+        r"error Failed to dup sockfd \d+ Error: Too many open files"), since)
     bench.vesk.wait_for_log(
         "error createEndpoint: Failed to create endpoint sockets (family 2): -24", since)
     bench.vesk.wait_for_descriptor_count(descriptors)
@@ -91,13 +75,13 @@ def test_options_that_cannot_be_set_do_not_stop_a_flow(bench: Bench) -> None:
     flow = bench.flow(options={"is_multiplex": "true"}, **four_keys())
     bench.declare(flow)
     since = bench.vesk.mark()
-    with failing_calls(bench.vesk, [thread_in(bench.vesk, "recvmsg")],
-                       "setsockopt:error=ENOPROTOOPT"):
+    with failing_listener(bench.vesk, "setsockopt:error=ENOPROTOOPT"):
         bench.exchange(flow)
     lines = [line for line in bench.vesk.remarks(since) if "Created" not in line]
     assert lines[:4] == ["error Failed to set reuse port option on socket: Protocol not available",
                          "error Failed to set reuse port option on socket: Protocol not available",
-                         "set SO_RCVBUF failed with error 92", "set SO_SNDBUF failed with error 92"]
+                         "set SO_RCVBUF failed with error 92",
+                         "set SO_SNDBUF failed with error 92"]
     assert re.fullmatch(r"warn  \[.{23}\] Vesk_requestLocalDestAddr: "
                         r"IP_PKTINFO failed on socket \d+, errno=92", lines[4])
     assert len(lines) == 5
@@ -106,7 +90,7 @@ def test_options_that_cannot_be_set_do_not_stop_a_flow(bench: Bench) -> None:
 def test_what_is_asked_of_an_upstream_socket(bench: Bench) -> None:
     flow = bench.flow(options={"is_multiplex": "true"})
     bench.declare(flow)
-    with failing_calls(bench.vesk, [thread_in(bench.vesk, "recvmsg")], "setsockopt:delay_enter=1",
+    with failing_listener(bench.vesk, "setsockopt:delay_enter=1",
                        "fcntl:delay_enter=1", "dup:delay_enter=1") as trace:
         bench.exchange(flow)
     text = trace.read_text()
@@ -127,10 +111,10 @@ def test_a_socket_that_cannot_be_watched_is_given_back(bench: Bench) -> None:
     bench.declare(flow)
     descriptors = bench.vesk.descriptor_count()
     since = bench.vesk.mark()
-    with failing_calls(bench.vesk, [thread_in(bench.vesk, "recvmsg")], "sendto:error=ENOBUFS:when=1"):
+    with failing_listener(bench.vesk, "sendto:error=ENOBUFS:when=1"):
         bench.send(flow.request(b"lost"))
-        bench.vesk.wait_for_log("error pollLoop_add_fdError writing a control message to poll socket: "
-                                "bytes: -1 Error: No buffer space available", since)
+        bench.vesk.wait_for_log("error pollLoop_add_fdError writing a control message to poll "
+                                "socket: bytes: -1 Error: No buffer space available", since)
         bench.vesk.wait_for_log(re.compile(
             r"error Failed to add upstream endpoint's READ sockfd \d+ to pollLoop, error: -105"),
             since)
@@ -163,7 +147,8 @@ def test_a_socket_that_cannot_be_taken_back_is_closed_anyway(bench: Bench) -> No
 
 
 @pytest.mark.parametrize("call, which", [("socket", "rdsockfd"), ("dup", "wrsockfd")])
-def test_a_descriptor_that_is_filed_already_is_refused(bench: Bench, call: str, which: str) -> None:
+def test_a_descriptor_that_is_filed_already_is_refused(bench: Bench, call: str,
+                                                       which: str) -> None:
     """As after a number was reused behind the forwarder's back."""
     first, second = bench.flow(5), bench.flow(6)
     bench.declare(first, second)
@@ -171,11 +156,11 @@ def test_a_descriptor_that_is_filed_already_is_refused(bench: Bench, call: str, 
     filed = bench.vesk.wait_for_log(
         re.compile(r"info Created upstream endpoint: label 0x5/5 .*")).split()[-2]
     since = bench.vesk.mark()
-    with failing_calls(bench.vesk, [thread_in(bench.vesk, "recvmsg")], f"{call}:retval={filed}:when=1"):
+    with failing_listener(bench.vesk, f"{call}:retval={filed}:when=1"):
         bench.send(second.request(b"x"))
         bench.vesk.wait_for_log(f"error Endpoint exists for {which}", since)
-        bench.vesk.wait_for_log("error createEndpoint: Failed to add new endpoint to collection: -1",
-                                since)
+        bench.vesk.wait_for_log(
+            "error createEndpoint: Failed to add new endpoint to collection: -1", since)
     bench.vesk.finish()
 
 
@@ -192,7 +177,7 @@ def test_send_errors_that_pass(bench: Bench, name: str, number: int, text: str) 
     flow = bench.flow(**four_keys())
     bench.declare(flow)
     before = bench.exchange(flow)
-    with failing_calls(bench.vesk, [thread_in(bench.vesk, "recvmsg")], f"sendmsg:error={name}:when=1"):
+    with failing_listener(bench.vesk, f"sendmsg:error={name}:when=1"):
         bench.send(flow.request(b"lost"))
         bench.vesk.wait_for_log(f"warn DOWN_TO_UP_SEND: network error on upstream endpoint of "
                                 f"{FORMS}, errno {number} ({text}).")
@@ -200,13 +185,14 @@ def test_send_errors_that_pass(bench: Bench, name: str, number: int, text: str) 
 
 
 @pytest.mark.parametrize("name, number, text", LOST)
-def test_send_errors_that_end_the_endpoint(bench: Bench, name: str, number: int, text: str) -> None:
+def test_send_errors_that_end_the_endpoint(bench: Bench, name: str, number: int,
+                                           text: str) -> None:
     """The flow stays declared: its next datagram opens a new endpoint."""
     flow = bench.flow(**four_keys())
     bench.declare(flow)
     descriptors = bench.vesk.descriptor_count()
     before = bench.exchange(flow)
-    with failing_calls(bench.vesk, [thread_in(bench.vesk, "recvmsg")], f"sendmsg:error={name}:when=1"):
+    with failing_listener(bench.vesk, f"sendmsg:error={name}:when=1"):
         bench.send(flow.request(b"lost"))
         bench.vesk.wait_for_log(f"error DOWN_TO_UP_SEND: network error on upstream endpoint of "
                                 f"{FORMS}, errno {number} ({text}). Endpoint Deleted")
@@ -231,7 +217,7 @@ def test_send_errors_that_are_not_worth_a_word(bench: Bench, name: str) -> None:
     bench.declare(flow)
     before = bench.exchange(flow)
     since = bench.vesk.mark()
-    with failing_calls(bench.vesk, [thread_in(bench.vesk, "recvmsg")], f"sendmsg:error={name}:when=1"):
+    with failing_listener(bench.vesk, f"sendmsg:error={name}:when=1"):
         bench.send(flow.request(b"lost"))
         assert bench.exchange(flow) == before
     assert bench.vesk.remarks(since) == []
@@ -241,7 +227,7 @@ def test_a_short_send_counts_as_an_error(bench: Bench) -> None:
     flow = bench.flow(**four_keys())
     bench.declare(flow)
     bench.exchange(flow)
-    with failing_calls(bench.vesk, [thread_in(bench.vesk, "recvmsg")], "sendmsg:retval=3:when=1"):
+    with failing_listener(bench.vesk, "sendmsg:retval=3:when=1"):
         bench.send(flow.request(b"lost"))
         bench.vesk.wait_for_log(re.compile(
             r"(warn|error) DOWN_TO_UP_SEND: network error on upstream endpoint of label 0x5/5, "
@@ -256,7 +242,7 @@ def test_receive_errors_that_pass(bench: Bench, name: str, number: int, text: st
     flow = bench.flow(**four_keys())
     bench.declare(flow)
     sender = bench.exchange(flow)
-    with failing_calls(bench.vesk, worker_threads(bench.vesk), f"recvmsg:error={name}:when=1"):
+    with failing_workers(bench.vesk, f"recvmsg:error={name}:when=1"):
         bench.answer(flow, sender, b"in spite of it")
         bench.vesk.wait_for_log(f"warn UP_RECEIVE: network error on upstream endpoint of "
                                 f"{FORMS}, errno {number} ({text}).")
@@ -270,7 +256,7 @@ def test_receive_errors_that_end_the_endpoint(bench: Bench, name: str, number: i
     bench.declare(flow)
     descriptors = bench.vesk.descriptor_count()
     sender = bench.exchange(flow)
-    with failing_calls(bench.vesk, worker_threads(bench.vesk), f"recvmsg:error={name}:when=1"):
+    with failing_workers(bench.vesk, f"recvmsg:error={name}:when=1"):
         bench.upstream.send(flow.reply(b"lost"), sender)
         bench.vesk.wait_for_log(f"error UP_RECEIVE: network error on upstream endpoint of "
                                 f"{FORMS}, errno {number} ({text}). Endpoint Deleted")
@@ -283,10 +269,10 @@ def test_a_socket_that_cannot_be_armed_again_is_reported(bench: Bench) -> None:
     bench.declare(flow)
     sender = bench.exchange(flow)
     since = bench.vesk.mark()
-    with failing_calls(bench.vesk, worker_threads(bench.vesk), "sendto:error=EIO:when=1"):
+    with failing_workers(bench.vesk, "sendto:error=EIO:when=1"):
         bench.answer(flow, sender)
-        bench.vesk.wait_for_log("error pollLoop_mod_fdError writing a control message to poll socket: "
-                                "bytes: -1 Error: Input/output error", since)
+        bench.vesk.wait_for_log("error pollLoop_mod_fdError writing a control message to poll "
+                                "socket: bytes: -1 Error: Input/output error", since)
         bench.vesk.wait_for_log("error Re-add UpEpt recv sockfd to poll set: network error on "
                                 f"upstream endpoint of {FORMS}, errno 5 (Input/output error). "
                                 "Endpoint Deleted", since)
@@ -300,7 +286,7 @@ def test_reply_errors_that_pass(bench: Bench, name: str, number: int, text: str)
     flow = bench.flow(**four_keys())
     bench.declare(flow)
     sender = bench.exchange(flow)
-    with failing_calls(bench.vesk, worker_threads(bench.vesk), f"sendmsg:error={name}:when=1"):
+    with failing_workers(bench.vesk, f"sendmsg:error={name}:when=1"):
         bench.upstream.send(flow.reply(b"lost"), sender)
         bench.vesk.wait_for_log(f"warn UP_TO_DOWN_SEND: network error on upstream endpoint of "
                                 f"{FORMS}, errno {number} ({text}).")
@@ -313,7 +299,7 @@ def test_reply_errors_that_end_the_endpoint(bench: Bench, name: str, number: int
     flow = bench.flow(**four_keys())
     bench.declare(flow)
     sender = bench.exchange(flow)
-    with failing_calls(bench.vesk, worker_threads(bench.vesk), f"sendmsg:error={name}:when=1"):
+    with failing_workers(bench.vesk, f"sendmsg:error={name}:when=1"):
         bench.upstream.send(flow.reply(b"lost"), sender)
         bench.vesk.wait_for_log(f"error UP_TO_DOWN_SEND: network error on upstream endpoint of "
                                 f"{FORMS}, errno {number} ({text}). Endpoint Deleted")
@@ -326,7 +312,7 @@ def test_reply_errors_that_are_not_worth_a_word(bench: Bench, name: str) -> None
     bench.declare(flow)
     sender = bench.exchange(flow)
     since = bench.vesk.mark()
-    with failing_calls(bench.vesk, worker_threads(bench.vesk), f"sendmsg:error={name}:when=1") as trace:
+    with failing_workers(bench.vesk, f"sendmsg:error={name}:when=1") as trace:
         bench.upstream.send(flow.reply(b"lost"), sender)
         wait_until(lambda: name in trace.read_text(), "the reply was refused")
     assert bench.exchange(flow) == sender
@@ -335,12 +321,16 @@ def test_reply_errors_that_are_not_worth_a_word(bench: Bench, name: str) -> None
 
 # The poll thread ------------------------------------------------------------------------
 
+# The library may wait by either call.
+WAITS_INTERRUPTED = ["epoll_wait:error=EINTR:when=1..3", "epoll_pwait:error=EINTR:when=1..3"]
+WAIT_FAILED = ["epoll_wait:error=EBADF:when=1", "epoll_pwait:error=EBADF:when=1"]
+
+
 def test_a_watch_that_the_kernel_refuses(bench: Bench) -> None:
     flow = bench.flow()
     bench.declare(flow)
     bench.nothing_went_upstream()
-    with failing_calls(bench.vesk, [thread_in(bench.vesk, "epoll_wait")],
-                       "epoll_ctl:error=ENOSPC:when=1"):
+    with failing_poll_thread(bench.vesk, "epoll_ctl:error=ENOSPC:when=1"):
         bench.ask(flow)
         descriptor = bench.vesk.wait_for_log(
             re.compile(r"info Created upstream endpoint: label 0x5/5 .*")).split()[-2]
@@ -356,8 +346,7 @@ def test_a_watch_that_the_kernel_refuses(bench: Bench) -> None:
 def test_a_short_record_on_the_channel(bench: Bench, length: int) -> None:
     flow, other = bench.flow(5), bench.flow(6)
     bench.declare(flow, other)
-    with failing_calls(bench.vesk, [thread_in(bench.vesk, "epoll_wait")],
-                       f"recvfrom:retval={length}:when=1"):
+    with failing_poll_thread(bench.vesk, f"recvfrom:retval={length}:when=1"):
         bench.ask(flow)
         bench.vesk.wait_for_log("error recv: msgchanfd: short read on a datagram socket!")
     lines = bench.vesk.log_lines()
@@ -370,8 +359,7 @@ def test_a_record_that_cannot_be_read(bench: Bench) -> None:
     """The channel stays readable, so the record is read the next time."""
     flow = bench.flow(5)
     bench.declare(flow)
-    with failing_calls(bench.vesk, [thread_in(bench.vesk, "epoll_wait")],
-                       "recvfrom:error=ENOMEM:when=1"):
+    with failing_poll_thread(bench.vesk, "recvfrom:error=ENOMEM:when=1"):
         bench.ask(flow)
         bench.vesk.wait_for_log("error recv: msgchanfd")
     bench.exchange(flow)
@@ -381,8 +369,7 @@ def test_an_interrupted_wait_is_resumed(bench: Bench) -> None:
     flow = bench.flow(5)
     bench.declare(flow)
     since = bench.vesk.mark()
-    with failing_calls(bench.vesk, [thread_in(bench.vesk, "epoll_wait")],
-                       "epoll_wait:error=EINTR:when=1..3", "epoll_pwait:error=EINTR:when=1..3"):
+    with failing_poll_thread(bench.vesk, *WAITS_INTERRUPTED):
         bench.exchange(flow)
     assert not [line for line in bench.vesk.remarks(since) if "Created" not in line]
 
@@ -390,8 +377,7 @@ def test_an_interrupted_wait_is_resumed(bench: Bench) -> None:
 def test_a_wait_that_fails_ends_the_poll_thread(bench: Bench) -> None:
     """Flows then go one way only; the process still ends well."""
     threads = len(bench.vesk.threads())
-    with failing_calls(bench.vesk, [thread_in(bench.vesk, "epoll_wait")],
-                       "epoll_wait:error=EBADF:when=1", "epoll_pwait:error=EBADF:when=1"):
+    with failing_poll_thread(bench.vesk, *WAIT_FAILED):
         # Something for it to wake up for.
         bench.nothing_went_upstream()
         bench.vesk.wait_for_log("error Failed epoll_wait: Bad file descriptor")
@@ -413,8 +399,7 @@ def test_hundreds_of_deletions_with_nobody_to_read_them(
     bench.declare(*flows)
     for flow in flows:
         bench.ask(flow)
-    with failing_calls(bench.vesk, [thread_in(bench.vesk, "epoll_wait")],
-                       "epoll_wait:error=EBADF:when=1", "epoll_pwait:error=EBADF:when=1"):
+    with failing_poll_thread(bench.vesk, *WAIT_FAILED):
         bench.vesk.command("del label 1")
         bench.vesk.wait_for_log("error Failed epoll_wait: Bad file descriptor")
     bench.vesk.close_input()

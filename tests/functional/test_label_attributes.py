@@ -79,7 +79,8 @@ def test_good_labels(vesk: VeskProcess, name: str, value: str) -> None:
     assert accepts(vesk, name, value)
 
 
-@pytest.mark.parametrize("value", ["10abc", "x", "0x", "08", "1.5", "1,000", "99999999999999999999"])
+@pytest.mark.parametrize("value", ["10abc", "x", "0x", "08", "1.5", "1,000",
+                                   "99999999999999999999"])
 @pytest.mark.parametrize("name", LABELS + ["down_aux_flow_label_prefix"])
 def test_labels_that_are_no_numbers(vesk: VeskProcess, name: str, value: str) -> None:
     if name == "label":
@@ -115,7 +116,8 @@ def test_labels_beyond_32_bits(vesk: VeskProcess, name: str, value: str) -> None
 
 def test_refused_values_of_the_label_itself(vesk: VeskProcess) -> None:
     assert refused_label(vesk, "0") == "reserved labelVal '0'"
-    assert refused_label(vesk, "4294967296") == "illegal labelVal '4294967296' exceeds '4294967295'"
+    assert refused_label(vesk, "4294967296") == (
+        "illegal labelVal '4294967296' exceeds '4294967295'")
     assert refused_label(vesk, "-1") == "illegal labelVal '-1' exceeds '4294967295'"
 
 
@@ -183,7 +185,8 @@ def test_bad_keys(vesk: VeskProcess, name: str, value: str, reason: str) -> None
     assert refusal(vesk, name, value) == f"Vesk_validateHmacKeyString: bad key, {reason}"
 
 
-@pytest.mark.parametrize("key", [b"\x00", b"\xff", bytes(range(16)), b"\xab" * 127, bytes(range(128))],
+@pytest.mark.parametrize("key", [b"\x00", b"\xff", bytes(range(16)), b"\xab" * 127,
+                                 bytes(range(128))],
                          ids=["zero", "one byte", "16 bytes", "127 bytes", "128 bytes"])
 @pytest.mark.parametrize("upper_case", [False, True], ids=["lower", "upper"])
 def test_keys_are_read_high_digit_first(vesk: VeskProcess, peer: UdpEnd, upstream: UdpEnd,

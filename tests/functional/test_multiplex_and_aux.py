@@ -308,5 +308,6 @@ def test_an_auxiliary_flow_of_a_multiplexed_owner(vesk: VeskProcess, peer: UdpEn
     owner.flow.options.update(is_multiplex="true", up_src_ip="127.0.0.1",
                               up_src_port=free_port())
     owner.declare()
-    shared = {bench.exchange(flow) for flow in (owner.flow, owner.auxiliary(1), owner.auxiliary(2))}
+    flows = [owner.flow, owner.auxiliary(1), owner.auxiliary(2)]
+    shared = {bench.exchange(flow) for flow in flows}
     assert len(shared) == 1

@@ -13,7 +13,7 @@ import pytest
 
 from conftest import StartVesk
 from framework.faults import CORE_LIMIT_UNTOUCHED, call_numbers, faulty_start
-from framework.timing import SANITIZER
+from framework.timing import SANITIZER, wait_until
 from framework.vesk_process import VeskProcess
 
 END_OF_INPUT = "info cltMessageLoop: Got EOF, exiting..."
@@ -39,7 +39,8 @@ def lines_of_a_run(vesk: VeskProcess, status: int = 0) -> List[str]:
     (["udpv2", "60", "true", "false", "extra", "0"], 2),
     (["udpv2", "9223372036"], 2),
 ])
-def test_good_arguments_are_taken(start_vesk: StartVesk, arguments: List[str], version: int) -> None:
+def test_good_arguments_are_taken(start_vesk: StartVesk, arguments: List[str],
+                                  version: int) -> None:
     lines = lines_of_a_run(start_vesk(*arguments))
     assert f"info Starting forwarder with UDPv{version}" in lines
     assert not [line for line in lines if line.startswith("error")]
@@ -97,7 +98,8 @@ def test_start_up_reports_its_steps_in_order(start_vesk: StartVesk) -> None:
 def test_thread_identifiers_are_those_of_the_threads(start_vesk: StartVesk) -> None:
     """Decimal for the workers, hexadecimal for the poll thread: both name live stacks."""
     vesk = start_vesk()
-    worker = int(vesk.wait_for_log(re.compile(r"info created upstream recvThread \d+")).split()[-1])
+    worker = int(vesk.wait_for_log(
+        re.compile(r"info created upstream recvThread \d+")).split()[-1])
     poll = int(vesk.wait_for_log(
         re.compile(r"info Created pollLoop thread: [0-9a-f]+")).split()[-1], 16)
     for identity in (worker, poll):
@@ -143,7 +145,8 @@ def test_the_core_limit_is_lifted(vesk: VeskProcess) -> None:
 
 
 def test_a_fixed_core_limit_is_reported_and_does_no_harm(start_vesk: StartVesk) -> None:
-    lines = lines_of_a_run(start_vesk(prefix=limited("4096:4096"), environment=CORE_LIMIT_UNTOUCHED))
+    lines = lines_of_a_run(start_vesk(prefix=limited("4096:4096"),
+                                      environment=CORE_LIMIT_UNTOUCHED))
     assert lines[:3] == [
         "warn allowCoreDumps: failed to remove core size limit, Operation not permitted",
         "info allowCoreDumps: core size limit is 4096, max is 4096",
@@ -224,7 +227,8 @@ def thread_starts(folder: Path) -> List[int]:
 
 def test_no_worker_can_be_started(start_vesk: StartVesk, tmp_path: Path) -> None:
     first = thread_starts(tmp_path)[0]
-    vesk = start_vesk(prefix=faulty_start(tmp_path / "trace", f"clone3:error=EAGAIN:when={first}"))
+    vesk = start_vesk(prefix=faulty_start(tmp_path / "trace",
+                                          f"clone3:error=EAGAIN:when={first}"))
     lines = lines_of_a_run(vesk, status=256 - 11)
     assert lines[-2:] == ["error Failed to create Upstream Recv Threads, Error: "
                           "Resource temporarily unavailable",
@@ -234,7 +238,8 @@ def test_no_worker_can_be_started(start_vesk: StartVesk, tmp_path: Path) -> None
 @pytest.mark.skipif((os.cpu_count() or 1) < 2, reason="one processor means one worker")
 def test_the_second_worker_cannot_be_started(start_vesk: StartVesk, tmp_path: Path) -> None:
     second = thread_starts(tmp_path)[1]
-    vesk = start_vesk(prefix=faulty_start(tmp_path / "trace", f"clone3:error=EAGAIN:when={second}"))
+    vesk = start_vesk(prefix=faulty_start(tmp_path / "trace",
+                                          f"clone3:error=EAGAIN:when={second}"))
     lines = lines_of_a_run(vesk, status=256 - 11)
     assert re.fullmatch(r"info created upstream recvThread \d+", lines[-3])
     assert lines[-2:] == ["error Failed to create Upstream Recv Threads, Error: "
@@ -244,7 +249,8 @@ def test_the_second_worker_cannot_be_started(start_vesk: StartVesk, tmp_path: Pa
 
 def test_the_poll_thread_cannot_be_started(start_vesk: StartVesk, tmp_path: Path) -> None:
     number = thread_starts(tmp_path)[os.cpu_count() or 1]
-    vesk = start_vesk(prefix=faulty_start(tmp_path / "trace", f"clone3:error=EAGAIN:when={number}"))
+    vesk = start_vesk(prefix=faulty_start(tmp_path / "trace",
+                                          f"clone3:error=EAGAIN:when={number}"))
     lines = lines_of_a_run(vesk, status=256 - 11)
     assert lines[-1] == "error Failed to create pollLoop thread: Resource temporarily unavailable"
 
@@ -255,6 +261,8 @@ def test_the_poll_thread_cannot_be_started(start_vesk: StartVesk, tmp_path: Path
 def test_a_thread_that_cannot_be_cancelled_is_reported(start_vesk: StartVesk,
                                                        tmp_path: Path) -> None:
     """The result of stopping the poll thread becomes the exit status."""
-    vesk = start_vesk(prefix=faulty_start(tmp_path / "trace", "tgkill:error=EPERM"))
+    vesk = start_vesk(prefix=faulty_start(tmp_path / "trace", "tgkill:error=EPERM:when=1"))
+    vesk.settle()
+    wait_until(lambda: len(vesk.threads_in("epoll_wait")) == 1, "the poll thread waits")
     lines = lines_of_a_run(vesk, status=1)
     assert "error Failed pthread_cancel: error Operation not permitted" in lines

@@ -9,7 +9,7 @@ import pytest
 
 from conftest import StartVesk
 from framework.bench import Bench
-from framework.faults import failing_calls
+from framework.faults import failing_listener, failing_workers
 from framework.flow import four_keys
 from framework.framing import UDPV1, Key
 from framework.statistics import Counters, Report, report, report_text, wait_for_report
@@ -64,7 +64,8 @@ def test_the_report_of_two_flows(bench: Bench) -> None:
         bench.exchange(flow)
         bench.exchange(flow)
     seen = wait_for_report(bench.vesk, lambda now: now.poll["ActiveEvtNr"] == 2
-                           and now.totals["RxDg"] == 4 and now.upstream_sum("DnTxDg") == 4)
+                           and now.upstream_sum("TxDg") == 4 and now.totals["RxDg"] == 4
+                           and now.upstream_sum("DnTxDg") == 4)
     text = report_text(bench.vesk)
     workers = "".join(f"WakeNr:{worker['WakeNr']},ReadyFdNr:{worker['ReadyFdNr']},"
                       f"DgNr:{worker['DgNr']} " for worker in seen.receivers)
@@ -193,16 +194,6 @@ def test_an_empty_datagram_is_not_counted(bench: Bench) -> None:
 
 # Upstream -------------------------------------------------------------------------------
 
-def thread_in(vesk: VeskProcess, system_call: str) -> int:
-    wait_until(lambda: len(vesk.threads_in(system_call)) == 1, f"one thread waits in {system_call}")
-    return vesk.threads_in(system_call)[0]
-
-
-def workers_of(vesk: VeskProcess) -> list:
-    wait_until(lambda: len(vesk.threads_in("futex")) >= WORKERS, "all workers are idle")
-    return vesk.threads_in("futex")
-
-
 # What is left of a datagram that could not be sent upstream.
 @pytest.mark.parametrize("error, counted", [
     ("EAGAIN", {"TxDgDropped": 1}), ("ENOBUFS", {"TxDgDropped": 1}), ("ECONNREFUSED", {})])
@@ -211,8 +202,7 @@ def test_sending_upstream_fails(bench: Bench, error: str, counted: Dict[str, int
     bench.declare(flow)
     bench.ask(flow)
     before = wait_for_report(bench.vesk, lambda now: now.upstream[5]["TxDg"] == 1).upstream[5]
-    with failing_calls(bench.vesk, [thread_in(bench.vesk, "recvmsg")],
-                       f"sendmsg:error={error}:when=1"):
+    with failing_listener(bench.vesk, f"sendmsg:error={error}:when=1"):
         bench.send(flow.request(b"lost"))
         bench.nothing_went_upstream()
     assert change(before, report(bench.vesk).upstream[5]) == counted
@@ -291,13 +281,14 @@ def test_sending_back_fails(bench: Bench, error: str, counted: Dict[str, int]) -
     flow = bench.flow()
     bench.declare(flow)
     sender = bench.ask(flow).sender
-    with failing_calls(bench.vesk, workers_of(bench.vesk), f"sendmsg:error={error}:when=1") as trace:
+    with failing_workers(bench.vesk, f"sendmsg:error={error}:when=1") as trace:
 
         def send_and_be_refused() -> None:
             bench.upstream.send(flow.reply(b"lost"), sender)
             wait_until(lambda: error in trace.read_text(), "the reply was refused")
 
-        assert upstream_change(bench, 5, lambda now: now == counted, send_and_be_refused) == counted
+        assert upstream_change(bench, 5, lambda now: now == counted,
+                               send_and_be_refused) == counted
 
 
 @pytest.mark.parametrize("error, counted", [
@@ -309,7 +300,7 @@ def test_receiving_from_upstream_fails(bench: Bench, error: str,
     flow = bench.flow()
     bench.declare(flow)
     sender = bench.ask(flow).sender
-    with failing_calls(bench.vesk, workers_of(bench.vesk), f"recvmsg:error={error}:when=1") as trace:
+    with failing_workers(bench.vesk, f"recvmsg:error={error}:when=1") as trace:
 
         def send_and_fail() -> None:
             bench.upstream.send(flow.reply(b"x"), sender)
@@ -361,7 +352,7 @@ def test_sockets_are_armed_again_after_each_reply(bench: Bench) -> None:
 
 
 def test_work_is_handed_round_the_workers(bench: Bench) -> None:
-    """Each ready socket is a wake-up of the next worker in turn."""
+    """Each ready socket goes to the next worker in turn."""
     flow = bench.flow()
     bench.declare(flow)
     sender = bench.ask(flow).sender
@@ -372,7 +363,9 @@ def test_work_is_handed_round_the_workers(bench: Bench) -> None:
                                and now.poll["ActiveEvtNr"] == 1)
     assert seen.poll["RdReadyNr"] == rounds
     for worker in seen.receivers:
-        assert worker["DgNr"] == 2 and worker["ReadyFdNr"] == 2 and worker["WakeNr"] >= 2
+        assert worker["DgNr"] == 2
+        # A worker that has not yet gone back to wait takes a socket without a wake-up.
+        assert 1 <= worker["ReadyFdNr"] <= 2 and worker["WakeNr"] >= worker["ReadyFdNr"]
 
 
 def test_the_totals_add_up(bench: Bench) -> None:

@@ -45,7 +45,8 @@ def test_end_of_input_under_full_load(start_vesk: StartVesk, arguments: List[str
             payload = b"p" * 64
             with Drain(upstream) as arrived, Drain(peer) as returned, \
                     Flood(peer, [(flow.request(payload), bench.to) for flow in flows]), \
-                    Flood(upstream, [(flow.reply(payload), senders[flow.label]) for flow in flows]):
+                    Flood(upstream, [(flow.reply(payload), senders[flow.label])
+                                     for flow in flows]):
                 wait_until(lambda: arrived.count > 500 and returned.count > 500,
                            "traffic flows both ways", seconds=10)
                 vesk.close_input()

@@ -7,7 +7,7 @@ from __future__ import annotations
 
 import time
 from contextlib import ExitStack
-from typing import List
+from typing import List, Tuple
 
 import pytest
 
@@ -24,7 +24,8 @@ SECONDS = count_from_environment("VESK_LATERAL_SECONDS", 3)
 FLOWS = 8
 
 
-def joined_pair(start_vesk: StartVesk, *arguments: str) -> "tuple[List[VeskProcess], List[Address]]":
+def joined_pair(start_vesk: StartVesk,
+                *arguments: str) -> Tuple[List[VeskProcess], List[Address]]:
     port = shared_free_port([LOOPBACK[0], LOOPBACK[1]])
     hosts = {0: LOOPBACK[0], 1: LOOPBACK[1]}
     instances = [start_vesk(*arguments).ready() for _ in hosts]
@@ -53,8 +54,8 @@ def test_one_label_on_both_ways(start_vesk: StartVesk) -> None:
         peers = [ends.enter_context(UdpEnd()) for _ in listeners]
         drains = [ends.enter_context(Drain(peer)) for peer in peers]
         for peer, listener in zip(peers, listeners):
-            ends.enter_context(Flood(peer, [(flow.request(b"p" * 200), listener) for flow in flows],
-                                     pause_seconds=scaled(0.001)))
+            datagrams = [(flow.request(b"p" * 200), listener) for flow in flows]
+            ends.enter_context(Flood(peer, datagrams, pause_seconds=scaled(0.001)))
         ended = time.monotonic() + SECONDS
         wait_until(lambda: time.monotonic() > ended, "the time is over", SECONDS + 10)
         assert all(drain.count > 100 for drain in drains), [drain.count for drain in drains]

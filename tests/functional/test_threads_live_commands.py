@@ -92,7 +92,11 @@ def test_set_and_del_on_live_labels(vesk: VeskProcess, upstream: UdpEnd) -> None
     """Flows that are left alone are answered all the while, rightly signed and soon."""
     by_up_label: Dict[int, Flow] = {}
     framing = Flow(label=1).framing
-    with UpstreamService(lambda data: by_up_label[framing.parse(data).label].echo(data)) as service:
+
+    def echo(data: bytes) -> bytes:
+        return by_up_label[framing.parse(data).label].echo(data)
+
+    with UpstreamService(echo) as service:
         steady = [Flow(label, service.address, **four_keys()) for label in range(1, 5)]
         churned = [Flow(label, service.address, **four_keys("sha1")) for label in range(101, 121)]
         by_up_label.update({flow.up_label: flow for flow in steady + churned})
@@ -174,7 +178,8 @@ def test_stop_and_start_under_traffic(start_vesk: StartVesk) -> None:
         lines = vesk.remarks(since)
         assert not [line for line in lines if line.startswith("error")]
         assert lines.count("info Forwarder listener stopped") == RESTARTS
-        bound = [line for line in lines if line.startswith(f"info Endpoint socket bound: 127.0.0.1|{port} ")]
+        bound = [line for line in lines
+                 if line.startswith(f"info Endpoint socket bound: 127.0.0.1|{port} ")]
         assert len(bound) == RESTARTS
         by_label = {flow.down_label: flow for flow in flows}
         for sample in returned.samples:

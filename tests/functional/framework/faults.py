@@ -10,7 +10,7 @@ import subprocess
 from contextlib import contextmanager
 from functools import lru_cache
 from pathlib import Path
-from typing import Iterator, List, Sequence
+from typing import ContextManager, Iterator, List, Sequence
 
 import pytest
 
@@ -28,7 +28,8 @@ CORE_LIMIT_UNTOUCHED = {"ASAN_OPTIONS": "disable_coredump=0:detect_leaks=0",
 def _tracing_refusal() -> str:
     if shutil.which("strace") is None:
         return "strace is not installed"
-    attempt = subprocess.run(["strace", "-o", "/dev/null", "true"], capture_output=True, check=False)
+    attempt = subprocess.run(["strace", "-o", "/dev/null", "true"], capture_output=True,
+                             check=False)
     return attempt.stderr.decode(errors="replace").strip() if attempt.returncode else ""
 
 
@@ -109,6 +110,28 @@ def failing_calls(vesk: VeskProcess, threads: Sequence[int], *injections: str) -
         tracer.wait(scaled(5))
         assert tracer.stderr is not None
         tracer.stderr.close()
+
+
+def failing_listener(vesk: VeskProcess, *injections: str) -> ContextManager[Path]:
+    """The same for the downstream receive thread, the only one that waits for datagrams."""
+    return failing_calls(vesk, [_thread_in(vesk, "recvmsg")], *injections)
+
+
+def failing_poll_thread(vesk: VeskProcess, *injections: str) -> ContextManager[Path]:
+    return failing_calls(vesk, [_thread_in(vesk, "epoll_wait")], *injections)
+
+
+def failing_workers(vesk: VeskProcess, *injections: str) -> ContextManager[Path]:
+    """The same for the upstream receive workers; an idle one waits for its queue."""
+    count = len([line for line in vesk.log_lines() if "created upstream recvThread" in line])
+    wait_until(lambda: len(vesk.threads_in("futex")) >= count, "all workers are idle")
+    return failing_calls(vesk, vesk.threads_in("futex"), *injections)
+
+
+def _thread_in(vesk: VeskProcess, system_call: str) -> int:
+    wait_until(lambda: len(vesk.threads_in(system_call)) == 1,
+               f"exactly one thread waits in {system_call}")
+    return vesk.threads_in(system_call)[0]
 
 
 def _is_traced(process: int, thread: int) -> bool:

@@ -52,7 +52,8 @@ class Flow:
 
     def reply(self, payload: bytes, extra: bytes = b"", label: Optional[int] = None) -> bytes:
         """What the upstream service answers: it names the flow by the forwarder's label."""
-        return self.framing.build(self.label if label is None else label, payload, self.up_in, extra)
+        return self.framing.build(self.label if label is None else label, payload, self.up_in,
+                                  extra)
 
     def open_reply(self, datagram: bytes) -> Datagram:
         """What the peer got: rightly signed, under the downstream label."""

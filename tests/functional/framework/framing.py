@@ -122,7 +122,8 @@ def socket_address_bytes(host: str, port: int) -> bytes:
     """A socket address in the layout of this host, as the lateral header carries it."""
     address = ipaddress.ip_address(host)
     if address.version == 4:
-        return struct.pack("=H", socket.AF_INET) + struct.pack("!H", port) + address.packed + bytes(8)
+        return (struct.pack("=H", socket.AF_INET) + struct.pack("!H", port) + address.packed
+                + bytes(8))
     return (struct.pack("=H", socket.AF_INET6) + struct.pack("!HI", port, 0)
             + address.packed + struct.pack("=I", 0))
 

@@ -152,7 +152,8 @@ class VeskProcess:
         deadline = time.monotonic() + scaled(10)
         descriptor = self._process.stdin.fileno()
         while data:
-            _, writable, _ = select.select([], [descriptor], [], max(0.0, deadline - time.monotonic()))
+            remaining = max(0.0, deadline - time.monotonic())
+            _, writable, _ = select.select([], [descriptor], [], remaining)
             if not writable:
                 raise AssertionError(f"the forwarder stopped reading commands\n{self.describe()}")
             data = data[os.write(descriptor, data):]
@@ -287,7 +288,8 @@ class VeskProcess:
         except subprocess.TimeoutExpired:
             description = self.describe()
             self.abandon()
-            raise AssertionError(f"still running after {scaled(seconds):g} s\n{description}") from None
+            raise AssertionError(
+                f"still running after {scaled(seconds):g} s\n{description}") from None
         took = time.monotonic() - began
         self._release()
         said = self.errors().decode("utf-8", "replace")
