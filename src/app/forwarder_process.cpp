@@ -33,10 +33,12 @@ const unsigned receiveThreadCount = std::thread::hardware_concurrency();
 
 /// A worker's record, its thread running; null, after logging, where there is none to be had.
 std::shared_ptr<PollParam> startReceiveWorker(const std::shared_ptr<ForwarderContext>& context) {
-    auto worker =
-        std::make_shared<PollParam>([context](int fd, bool& keep, std::uint32_t parameter) {
-            return upstreamSocketRecv(fd, keep, parameter, *context);
-        });
+    const auto receiver = std::make_shared<UpstreamReceiver>(context);
+    auto worker = std::make_shared<PollParam>(
+        [receiver](int fd, bool& keep, std::uint32_t /*workerParameter*/) {
+            return upstreamSocketRecv(fd, keep, *receiver);
+        },
+        [receiver](std::vector<int>& serving) { receiver->endPass(serving); });
     const int error = worker->thread.start([param = worker.get()] { runReceiveWorker(*param); });
     if (error != 0) {
         const int savedErrno = errno;

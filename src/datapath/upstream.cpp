@@ -3,6 +3,8 @@
 #include <sys/epoll.h>
 #include <sys/socket.h>
 
+#include <algorithm>
+#include <array>
 #include <cerrno>
 #include <optional>
 #include <utility>
@@ -190,50 +192,81 @@ void replyReceived(const EndpointPtr& endpoint, std::size_t length, const Incomi
         *flow, context);
 }
 
-/// Arms a drained socket again. Whether it must be read once more, since that failed for now.
-bool armAgain(const VeskEndpointDescriptor& endpoint, ForwarderContext& context) {
-    const int result = pollLoop_mod_fd(context.pollSocket.get(), endpoint.rdsockfd, EPOLLIN);
-    return result != 0 &&
-           reportUpstreamNetworkError(endpoint, "Re-add UpEpt recv sockfd to poll set:", -result,
-                                      context) == 0;
+/// Whether the socket is done with for now, after a receive call that brought no datagram.
+bool isDrained(const IncomingMessage& message, int error) {
+    // An ICMP error that reached the socket says nothing about the next reply.
+    return message.truncated() || error == EAGAIN || error == ECONNREFUSED;
 }
 
-/// Whether to read again after a receive call that brought no datagram.
-bool handleReceiveFailure(VeskEndpointDescriptor& endpoint, const IncomingMessage& message,
-                          int error, ForwarderContext& context) {
-    if (message.truncated()) {
-        endpoint.counters.rxDgError.increment();
-        return armAgain(endpoint, context);
-    }
-    switch (error) {
-        case EAGAIN:
-        // An ICMP error that reached the socket says nothing about the next reply.
-        case ECONNREFUSED:
-            return armAgain(endpoint, context);
-        default:
-            endpoint.counters.rxDgError.increment();
-            return reportUpstreamNetworkError(endpoint, "UP_RECEIVE:", error, context) == 0;
-    }
-}
-
-/// Receives one datagram and sends it on. Whether to read the socket again.
-bool serve(const EndpointPtr& endpoint, ServingClaim& claim, ForwarderContext& context) {
-    IncomingMessage message;
-    const ReceiveResult result = receiveNow(message, *endpoint);
-    if (result.received >= 1) {
-        replyReceived(endpoint, static_cast<std::size_t>(result.received), message, context);
-        return true;
-    }
-    // Given back before the socket is armed: the next worker may be at it before this one is done.
-    return claim.giveBack() || handleReceiveFailure(*endpoint, message, result.error, context);
+/// Whether to read again after a receive call that failed.
+bool handleReceiveFailure(VeskEndpointDescriptor& endpoint, int error, ForwarderContext& context) {
+    endpoint.counters.rxDgError.increment();
+    return reportUpstreamNetworkError(endpoint, "UP_RECEIVE:", error, context) == 0;
 }
 
 }  // namespace
 
-int upstreamSocketRecv(int socket, bool& keep, std::uint32_t /*workerParameter*/,
-                       ForwarderContext& context) {
+UpstreamReceiver::UpstreamReceiver(std::shared_ptr<ForwarderContext> context)
+    : context_(std::move(context)) {
+    drained_.reserve(maxPollRecords);
+}
+
+bool UpstreamReceiver::serve(const EndpointPtr& endpoint) {
+    ServingClaim claim(*endpoint);
+    if (!claim.held()) {
+        return false;
+    }
+    IncomingMessage message;
+    const ReceiveResult result = receiveNow(message, *endpoint);
+    if (result.received >= 1) {
+        replyReceived(endpoint, static_cast<std::size_t>(result.received), message, *context_);
+        return true;
+    }
+    // Given back before the socket is armed: the next worker may be at it before this one is done.
+    if (claim.giveBack()) {
+        return true;
+    }
+    if (!isDrained(message, result.error)) {
+        return handleReceiveFailure(*endpoint, result.error, *context_);
+    }
+    if (message.truncated()) {
+        endpoint->counters.rxDgError.increment();
+    }
+    drained_.push_back(endpoint);
+    if (drained_.size() == maxPollRecords) {
+        armDrained();
+    }
+    return false;
+}
+
+void UpstreamReceiver::endPass(std::vector<int>& serving) {
+    armDrained();
+    serving.insert(serving.end(), unarmed_.begin(), unarmed_.end());
+    unarmed_.clear();
+}
+
+void UpstreamReceiver::armDrained() {
+    if (drained_.empty()) {
+        return;
+    }
+    std::array<int, maxPollRecords> fds;
+    std::ranges::transform(drained_, fds.begin(),
+                           [](const EndpointPtr& endpoint) { return endpoint->rdsockfd; });
+    const int result = pollLoop_mod_fds(context_->pollSocket.get(),
+                                        std::span(fds).first(drained_.size()), EPOLLIN);
+    for (const EndpointPtr& endpoint : drained_) {
+        if (result != 0 &&
+            reportUpstreamNetworkError(*endpoint, "Re-add UpEpt recv sockfd to poll set:", -result,
+                                       *context_) == 0) {
+            unarmed_.push_back(endpoint->rdsockfd);
+        }
+    }
+    drained_.clear();
+}
+
+int upstreamSocketRecv(int socket, bool& keep, UpstreamReceiver& receiver) {
     keep = false;
-    const EndpointPtr endpoint = context.endpointManager->findEndpointByFd(socket);
+    const EndpointPtr endpoint = receiver.context().endpointManager->findEndpointByFd(socket);
     if (!endpoint) {
         return 0;
     }
@@ -248,16 +281,11 @@ int upstreamSocketRecv(int socket, bool& keep, std::uint32_t /*workerParameter*/
         keep = true;
         return 0;
     }
-    ServingClaim claim(*endpoint);
-    if (!claim.held()) {
-        return 0;
-    }
-    keep = serve(endpoint, claim, context);
+    keep = receiver.serve(endpoint);
     return keep ? 1 : 0;
 }
 
-int upstreamSocketSend(int /*socket*/, bool& keep, std::uint32_t /*workerParameter*/,
-                       ForwarderContext& /*context*/) {
+int upstreamSocketSend(int /*socket*/, bool& keep) {
     logError("upstreamSocketSend", ":Not Implemented yet");
     keep = false;
     return 0;

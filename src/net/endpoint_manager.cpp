@@ -44,12 +44,6 @@ EndpointPtr openEndpoint(const FlowDesc& flow, const EndpointDeleter& deleter) {
     return endpoint;
 }
 
-template <typename Key>
-EndpointPtr find(const std::map<Key, EndpointPtr>& table, Key key) {
-    const auto found = table.find(key);
-    return found == table.end() ? nullptr : found->second;
-}
-
 }  // namespace
 
 EndpointPtr EndpointManager::createEndpoint(std::uint32_t label, const EndpointDeleter& deleter) {
@@ -74,10 +68,9 @@ bool EndpointManager::fileNewLocked(const EndpointPtr& endpoint) {
         return true;
     }
     logError("createEndpoint: Failed to add new endpoint to collection: ", added);
-    const auto filed = endpointsByLabel_.find(endpoint->label);
-    if (filed != endpointsByLabel_.end() && filed->second == endpoint) {
+    if (endpointsByLabel_.find(endpoint->label) == endpoint) {
         // It will never be registered for reading: left here, the label would never be answered.
-        endpointsByLabel_.erase(filed);
+        endpointsByLabel_.take(endpoint->label);
     }
     return false;
 }
@@ -105,12 +98,12 @@ int EndpointManager::addEndpoint(const EndpointPtr& endpoint) {
 }
 
 int EndpointManager::addEndpointLocked(const EndpointPtr& endpoint) {
-    endpointsByLabel_.emplace(endpoint->label, endpoint);
-    if (!endpointsByFd_.emplace(endpoint->rdsockfd, endpoint).second) {
+    endpointsByLabel_.insert(endpoint);
+    if (!endpointsByFd_.insert(endpoint->rdsockfd, endpoint)) {
         logError("Endpoint exists for rdsockfd");
         return -1;
     }
-    if (!endpointsByFd_.emplace(endpoint->wrsockfd, endpoint).second) {
+    if (!endpointsByFd_.insert(endpoint->wrsockfd, endpoint)) {
         endpointsByFd_.erase(endpoint->rdsockfd);
         logError("Endpoint exists for wrsockfd");
         return -1;
@@ -120,16 +113,12 @@ int EndpointManager::addEndpointLocked(const EndpointPtr& endpoint) {
 
 EndpointPtr EndpointManager::findEndpointByFd(int fd) const {
     const ReadLock lock(lock_);
-    return find(endpointsByFd_, fd);
+    return endpointsByFd_.find(fd);
 }
 
 EndpointPtr EndpointManager::findEndpointByLabel(std::uint32_t label) const {
     const ReadLock lock(lock_);
-    return findEndpointByLabelLocked(label);
-}
-
-EndpointPtr EndpointManager::findEndpointByLabelLocked(std::uint32_t label) const {
-    return find(endpointsByLabel_, label);
+    return endpointsByLabel_.find(label);
 }
 
 void EndpointManager::deleteEndpoint(std::uint32_t label) {
@@ -141,7 +130,7 @@ void EndpointManager::deleteEndpoint(std::uint32_t label) {
 void EndpointManager::deleteEndpoint(const VeskEndpointDescriptor& endpoint) {
     RemovedEndpoints removed;
     const WriteLock lock(lock_);
-    if (findEndpointByLabelLocked(endpoint.label).get() == &endpoint) {
+    if (endpointsByLabel_.find(endpoint.label).get() == &endpoint) {
         takeOutLocked(endpoint.label, removed);
     }
 }
@@ -152,14 +141,17 @@ void EndpointManager::takeOutLocked(std::uint32_t label, RemovedEndpoints& remov
 }
 
 void EndpointManager::removeEndpointLocked(std::uint32_t label, RemovedEndpoints& removed) {
-    const auto found = endpointsByLabel_.find(label);
-    if (found == endpointsByLabel_.end()) {
+    EndpointPtr endpoint = endpointsByLabel_.take(label);
+    if (!endpoint) {
         return;
     }
-    endpointsByFd_.erase(found->second->rdsockfd);
-    endpointsByFd_.erase(found->second->wrsockfd);
-    removed.push_back(std::move(found->second));
-    endpointsByLabel_.erase(found);
+    unfileLocked(*endpoint);
+    removed.push_back(std::move(endpoint));
+}
+
+void EndpointManager::unfileLocked(const VeskEndpointDescriptor& endpoint) {
+    endpointsByFd_.erase(endpoint.rdsockfd);
+    endpointsByFd_.erase(endpoint.wrsockfd);
 }
 
 void EndpointManager::removeLabel(std::uint32_t label) {
@@ -184,8 +176,20 @@ void EndpointManager::removeLabelLocked(std::uint32_t label, RemovedEndpoints& r
         auxPrefixes_.erase(prefix);
     }
     labels_.erase(record);
+    removeAuxFlowsLocked(owned, removed);
+}
+
+void EndpointManager::removeAuxFlowsLocked(const AuxPrefixEntry& owned, RemovedEndpoints& removed) {
+    if (owned.auxLabels.empty()) {
+        return;
+    }
+    for (EndpointPtr& endpoint : endpointsByLabel_.takeIf([&owned](const auto& candidate) {
+             return owned.auxLabels.contains(candidate.label);
+         })) {
+        unfileLocked(*endpoint);
+        removed.push_back(std::move(endpoint));
+    }
     for (const std::uint32_t auxLabel : owned.auxLabels) {
-        removeEndpointLocked(auxLabel, removed);
         labels_.erase(auxLabel);
     }
 }
@@ -231,18 +235,17 @@ void EndpointManager::registerPrefixLocked(const FlowDesc& flow) {
 void EndpointManager::expireIdle(bool expireMain, bool expireAux) {
     RemovedEndpoints removed;
     const WriteLock lock(lock_);
-    for (auto it = endpointsByLabel_.begin(); it != endpointsByLabel_.end();) {
-        // Taking an endpoint out leaves all iterators but its own valid.
-        const auto& [label, endpoint] = *it++;
-        const bool aux = isAuxLocked(label);
-        if (!(aux ? expireAux : expireMain)) {
-            continue;
-        }
-        if (endpoint->idle.exchange(true, std::memory_order_relaxed)) {
-            logDebug("Expiring label 0x", std::hex, label, "/", std::dec, label, " of flow type [",
-                     aux ? "aux" : "main", "]: closing upstream endpoint and cleaning up");
-            takeOutLocked(label, removed);
-        }
+    removed = endpointsByLabel_.takeIf([&](VeskEndpointDescriptor& endpoint) VESK_REQUIRES(lock_) {
+        return (isAuxLocked(endpoint.label) ? expireAux : expireMain) &&
+               endpoint.idle.exchange(true, std::memory_order_relaxed);
+    });
+    for (const EndpointPtr& endpoint : removed) {
+        const std::uint32_t label = endpoint->label;
+        logDebug("Expiring label 0x", std::hex, label, "/", std::dec, label, " of flow type [",
+                 isAuxLocked(label) ? "aux" : "main",
+                 "]: closing upstream endpoint and cleaning up");
+        unfileLocked(*endpoint);
+        forgetAuxFlowLocked(label);
     }
 }
 
@@ -252,13 +255,8 @@ bool EndpointManager::isAuxLocked(std::uint32_t label) const {
 }
 
 std::vector<EndpointPtr> EndpointManager::endpoints() const {
-    std::vector<EndpointPtr> result;
     const ReadLock lock(lock_);
-    result.reserve(endpointsByLabel_.size());
-    for (const auto& [label, endpoint] : endpointsByLabel_) {
-        result.push_back(endpoint);
-    }
-    return result;
+    return endpointsByLabel_.rows();
 }
 
 void EndpointManager::withoutCreation(const std::function<void()>& action) {

@@ -15,6 +15,7 @@
 
 #include "base/sync.h"
 #include "net/endpoint.h"
+#include "net/endpoint_tables.h"
 
 namespace vesk {
 
@@ -76,9 +77,11 @@ class EndpointManager {
     /// Files an endpoint just made, or logs that it cannot be and leaves no trace of it.
     bool fileNewLocked(const EndpointPtr& endpoint) VESK_REQUIRES(lock_);
     int addEndpointLocked(const EndpointPtr& endpoint) VESK_REQUIRES(lock_);
-    EndpointPtr findEndpointByLabelLocked(std::uint32_t label) const VESK_REQUIRES_SHARED(lock_);
     const FlowDesc* findOrMakeFlowLocked(std::uint32_t label) VESK_REQUIRES(lock_);
     void removeEndpointLocked(std::uint32_t label, RemovedEndpoints& removed) VESK_REQUIRES(lock_);
+    void unfileLocked(const VeskEndpointDescriptor& endpoint) VESK_REQUIRES(lock_);
+    void removeAuxFlowsLocked(const AuxPrefixEntry& owned, RemovedEndpoints& removed)
+        VESK_REQUIRES(lock_);
     void takeOutLocked(std::uint32_t label, RemovedEndpoints& removed) VESK_REQUIRES(lock_);
     void removeLabelLocked(std::uint32_t label, RemovedEndpoints& removed) VESK_REQUIRES(lock_);
     /// Drops the record of an auxiliary flow that has lost its endpoint; the next datagram makes it
@@ -88,9 +91,9 @@ class EndpointManager {
     bool isAuxLocked(std::uint32_t label) const VESK_REQUIRES_SHARED(lock_);
     void registerPrefixLocked(const FlowDesc& flow) VESK_REQUIRES(lock_);
 
-    std::map<std::uint32_t, EndpointPtr> endpointsByLabel_ VESK_GUARDED_BY(lock_);
+    LabelTable endpointsByLabel_ VESK_GUARDED_BY(lock_);
     /// Each endpoint stands here under its read and under its write descriptor.
-    std::map<int, EndpointPtr> endpointsByFd_ VESK_GUARDED_BY(lock_);
+    DescriptorTable endpointsByFd_ VESK_GUARDED_BY(lock_);
     mutable RwLock lock_;
     std::map<std::uint32_t, FlowDesc> labels_ VESK_GUARDED_BY(lock_);
     std::map<std::uint16_t, AuxPrefixEntry> auxPrefixes_ VESK_GUARDED_BY(lock_);

@@ -5,6 +5,7 @@
 #include <sys/types.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
 #include <string_view>
@@ -37,10 +38,10 @@ struct SendResult {
     int error = 0;
 };
 
-SendResult sendRecord(int pollsock, const PollCtlMsg& message, std::string_view routine) {
-    const PollRecord record = encodePollCtlMsg(message);
-    const ssize_t sent = send(pollsock, record.data(), record.size(), 0);
-    if (sent == static_cast<ssize_t>(record.size())) {
+SendResult sendDatagram(int pollsock, std::span<const std::uint8_t> datagram,
+                        std::string_view routine) {
+    const ssize_t sent = send(pollsock, datagram.data(), datagram.size(), 0);
+    if (sent == static_cast<ssize_t>(datagram.size())) {
         return {Delivery::sent};
     }
     const int error = errno;
@@ -52,6 +53,10 @@ SendResult sendRecord(int pollsock, const PollCtlMsg& message, std::string_view 
              " Error: ", errorText(error));
     errno = error;
     return {Delivery::failed, -error};
+}
+
+SendResult sendRecord(int pollsock, const PollCtlMsg& message, std::string_view routine) {
+    return sendDatagram(pollsock, encodePollCtlMsg(message), routine);
 }
 
 }  // namespace
@@ -72,6 +77,20 @@ std::optional<PollCtlMsg> decodePollCtlMsg(std::span<const std::uint8_t> record)
     return PollCtlMsg{take<std::uint32_t>(record, poll_record::opOffset),
                       take<std::uint32_t>(record, poll_record::eventsOffset),
                       static_cast<int>(static_cast<std::uint32_t>(data))};
+}
+
+bool forEachRecord(std::span<const std::uint8_t> datagram,
+                   const std::function<void(const PollCtlMsg&)>& apply) {
+    bool whole = !datagram.empty();
+    while (!datagram.empty() && whole) {
+        const std::optional<PollCtlMsg> message = decodePollCtlMsg(datagram);
+        whole = message.has_value();
+        if (whole) {
+            apply(*message);
+            datagram = datagram.subspan(pollRecordSize);
+        }
+    }
+    return whole;
 }
 
 int createPollSocks(UniqueFd& senderEnd, UniqueFd& serverPollSock) {
@@ -104,9 +123,19 @@ int pollLoop_add_fd(int pollsock, int fd, int events) {
 }
 
 int pollLoop_mod_fd(int pollsock, int fd, int events) {
-    return sendRecord(pollsock, {EPOLL_CTL_MOD, static_cast<std::uint32_t>(events), fd},
-                      "pollLoop_mod_fd")
-        .error;
+    return pollLoop_mod_fds(pollsock, std::span(&fd, 1), events);
+}
+
+int pollLoop_mod_fds(int pollsock, std::span<const int> fds, int events) {
+    PollDatagram datagram;
+    std::size_t length = 0;
+    for (const int fd : fds) {
+        const PollRecord record =
+            encodePollCtlMsg({EPOLL_CTL_MOD, static_cast<std::uint32_t>(events), fd});
+        std::ranges::copy(record, datagram.begin() + static_cast<std::ptrdiff_t>(length));
+        length += record.size();
+    }
+    return sendDatagram(pollsock, std::span(datagram).first(length), "pollLoop_mod_fd").error;
 }
 
 int pollLoop_del_fd(int pollsock, int fd) {
@@ -123,14 +152,15 @@ void retirePollChannel(int serverPollSock) {
     // From here on a send fails with EPIPE instead of waiting. A sender that waits already looks
     // again when a record leaves the queue, which the loop below sees to.
     shutdown(serverPollSock, SHUT_RD);
-    PollRecord record{};
+    PollDatagram datagram;
     ssize_t received = 0;
-    while ((received = recv(serverPollSock, record.data(), record.size(), MSG_DONTWAIT)) > 0) {
-        const auto message =
-            decodePollCtlMsg(std::span(record).first(static_cast<std::size_t>(received)));
-        if (message && message->op == EPOLL_CTL_DEL) {
-            close(message->fd);
-        }
+    while ((received = recv(serverPollSock, datagram.data(), datagram.size(), MSG_DONTWAIT)) > 0) {
+        forEachRecord(std::span(datagram).first(static_cast<std::size_t>(received)),
+                      [](const PollCtlMsg& message) {
+                          if (message.op == EPOLL_CTL_DEL) {
+                              close(message.fd);
+                          }
+                      });
     }
 }
 

@@ -1,13 +1,15 @@
 // The message channel: how every thread but one asks the poll thread to change the epoll set.
 //
-// A pair of local datagram sockets; each record is one datagram, so that records stay whole and the
-// kernel puts those of different threads in order. A few hundred fit into the send buffer; then a
-// sender waits.
+// A pair of local datagram sockets, so that records stay whole and the kernel puts those of
+// different threads in order. One datagram carries one record or, where a worker arms several
+// sockets at once, a row of them. A few hundred datagrams fit into the send buffer; then a sender
+// waits.
 #pragma once
 
 #include <array>
 #include <cstddef>
 #include <cstdint>
+#include <functional>
 #include <optional>
 #include <span>
 
@@ -41,6 +43,16 @@ PollRecord encodePollCtlMsg(const PollCtlMsg& message);
 /// None for anything shorter than a record.
 std::optional<PollCtlMsg> decodePollCtlMsg(std::span<const std::uint8_t> record);
 
+/// The most records that one datagram carries.
+inline constexpr std::size_t maxPollRecords = 32;
+/// Room for any datagram of the channel.
+using PollDatagram = std::array<std::uint8_t, maxPollRecords * pollRecordSize>;
+
+/// Calls `apply` for each record of a datagram, in order. False where something shorter than a
+/// record is left over, or nothing was there at all.
+bool forEachRecord(std::span<const std::uint8_t> datagram,
+                   const std::function<void(const PollCtlMsg&)>& apply);
+
 /// Makes the channel: an end that senders share and one, non-blocking, that the poll loop reads. 0,
 /// or a negative errno after logging it.
 int createPollSocks(UniqueFd& senderEnd, UniqueFd& serverPollSock);
@@ -52,6 +64,8 @@ int createPollSocks(UniqueFd& senderEnd, UniqueFd& serverPollSock);
 /// and arming then do nothing, and deleting closes the descriptor here. All three return 0.
 int pollLoop_add_fd(int pollsock, int fd, int events);
 int pollLoop_mod_fd(int pollsock, int fd, int events);
+/// As pollLoop_mod_fd for each of them, with one system call; at most `maxPollRecords`.
+int pollLoop_mod_fds(int pollsock, std::span<const int> fds, int events);
 int pollLoop_del_fd(int pollsock, int fd);
 
 /// To be called when the poll thread has ended: lets go every sender that waits for room, now and

@@ -9,7 +9,6 @@
 #include <cstring>
 
 #include "base/thread_control.h"
-#include "base/unique_fd.h"
 #include "log/error_text.h"
 #include "log/log.h"
 #include "poll/poll_channel.h"
@@ -36,7 +35,7 @@ struct ReadyLists {
 class EpollSet {
  public:
     explicit EpollSet(PollThreadParam& param)
-        : param_(param), epoll_(epoll_create(1)), events_(1) {}
+        : param_(param), epoll_(param.epollSet.get()), events_(1) {}
 
     /// Registers the message channel; level-triggered, so that no record is overlooked. 0 or
     /// -errno.
@@ -49,14 +48,14 @@ class EpollSet {
     void sortBatch(ReadyLists& ready);
 
  private:
-    void takeRecord();
+    void takeRecords();
     void apply(const PollCtlMsg& message);
     void count(const PollCtlMsg& message);
     void sort(const epoll_event& event, ReadyLists& ready);
     void addActive(std::int32_t change);
 
     PollThreadParam& param_;
-    UniqueFd epoll_;
+    const int epoll_;
     /// As many as there are descriptors registered, the channel included.
     std::vector<epoll_event> events_;
     /// The batch itself, out of the way of records that change the size of the array.
@@ -67,7 +66,7 @@ int EpollSet::watchChannel() {
     epoll_event event{};
     event.events = EPOLLIN;
     event.data.fd = param_.msgchanfd;
-    if (epoll_ctl(epoll_.get(), EPOLL_CTL_ADD, param_.msgchanfd, &event) != 0) {
+    if (epoll_ctl(epoll_, EPOLL_CTL_ADD, param_.msgchanfd, &event) != 0) {
         const int error = errno;
         logError("Failed to add msgchanfd to epoll set: ", errorText(error));
         return -error;
@@ -81,7 +80,7 @@ int EpollSet::wait() {
         int error = 0;
         {
             const CancellationScope cancellable;
-            count = epoll_wait(epoll_.get(), events_.data(), static_cast<int>(events_.size()), -1);
+            count = epoll_wait(epoll_, events_.data(), static_cast<int>(events_.size()), -1);
             error = errno;
         }
         if (count >= 0) {
@@ -99,27 +98,24 @@ void EpollSet::sortBatch(ReadyLists& ready) {
     ready.clear();
     for (const epoll_event& event : batch_) {
         if (event.data.fd == param_.msgchanfd) {
-            takeRecord();
+            takeRecords();
         } else {
             sort(event, ready);
         }
     }
 }
 
-void EpollSet::takeRecord() {
-    PollRecord record{};
-    const ssize_t received = recv(param_.msgchanfd, record.data(), record.size(), 0);
+void EpollSet::takeRecords() {
+    PollDatagram datagram;
+    const ssize_t received = recv(param_.msgchanfd, datagram.data(), datagram.size(), 0);
     if (received < 0) {
         logError("recv: msgchanfd");
         return;
     }
-    const auto message =
-        decodePollCtlMsg(std::span(record).first(static_cast<std::size_t>(received)));
-    if (!message) {
+    if (!forEachRecord(std::span(datagram).first(static_cast<std::size_t>(received)),
+                       [this](const PollCtlMsg& message) { apply(message); })) {
         logError("recv: msgchanfd: short read on a datagram socket!\n");
-        return;
     }
-    apply(*message);
 }
 
 void EpollSet::apply(const PollCtlMsg& message) {
@@ -129,7 +125,7 @@ void EpollSet::apply(const PollCtlMsg& message) {
         event.events |= oneShot;
     }
     event.data.u64 = static_cast<std::uint32_t>(message.fd);
-    if (epoll_ctl(epoll_.get(), static_cast<int>(message.op), message.fd, &event) == 0) {
+    if (epoll_ctl(epoll_, static_cast<int>(message.op), message.fd, &event) == 0) {
         count(message);
         return;
     }

@@ -1,6 +1,8 @@
 // What the poll loop and its workers share: one queue for each worker, and the loop's own counters.
 #pragma once
 
+#include <sys/epoll.h>
+
 #include <atomic>
 #include <cstdint>
 #include <deque>
@@ -11,6 +13,7 @@
 #include "base/counter.h"
 #include "base/sync.h"
 #include "base/thread_control.h"
+#include "base/unique_fd.h"
 
 namespace vesk {
 
@@ -18,9 +21,14 @@ namespace vesk {
 /// served again in the next pass. A positive result is added to the worker's received total.
 using ReceiveFunction = std::function<int(int fd, bool& keep, std::uint32_t workerParameter)>;
 
+/// Does what the receive function put off during a pass; adds to `serving` what has to be served
+/// again.
+using PassEndFunction = std::function<void(std::vector<int>& serving)>;
+
 /// One worker with its queue. The poll loop fills the queue, the worker empties it.
 struct PollParam {
-    explicit PollParam(ReceiveFunction receiveFunction) : receive(std::move(receiveFunction)) {}
+    explicit PollParam(ReceiveFunction receiveFunction, PassEndFunction passEndFunction = {})
+        : receive(std::move(receiveFunction)), passEnd(std::move(passEndFunction)) {}
 
     CancellableThread thread;
 
@@ -31,7 +39,9 @@ struct PollParam {
     // Constant while the worker runs.
 
     std::uint32_t workerParameter = 0;
-    ReceiveFunction receive;
+    const ReceiveFunction receive;
+    /// May be empty.
+    const PassEndFunction passEnd;
     /// Slept after each pass, in microseconds; 0 for no pause.
     std::uint32_t pause = 0;
 
@@ -51,10 +61,16 @@ void stopThreads(PollParams& threads);
 /// The poll loop's parameters, and the counters that it alone writes.
 struct PollThreadParam {
     PollThreadParam(int channel, const PollParams& readWorkers, const PollParams& writeWorkers)
-        : msgchanfd(channel), readQueues(readWorkers), writeQueues(writeWorkers) {}
+        : epollSet(epoll_create(1)),
+          msgchanfd(channel),
+          readQueues(readWorkers),
+          writeQueues(writeWorkers) {}
 
     CancellableThread thread;
 
+    /// Made here, before any command is read: while a listening endpoint is being closed, no other
+    /// thread may make descriptors (see closeEndpointSockets).
+    const UniqueFd epollSet;
     /// The loop's end of the message channel.
     const int msgchanfd;
     const PollParams& readQueues;

@@ -66,6 +66,9 @@ void runReceiveWorker(PollParam& param) {
         endThreadIfCancelled();
         collectDescriptors(param, serving);
         std::erase_if(serving, [&param](int fd) { return !serve(param, fd); });
+        if (param.passEnd) {
+            param.passEnd(serving);
+        }
         pauseAfterPass(param.pause);
     }
 }
