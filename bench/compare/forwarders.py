@@ -2,6 +2,7 @@
 
 import json
 import os
+import random
 import shutil
 import socket
 import subprocess
@@ -32,9 +33,15 @@ def pinned(cpu: int, command: list) -> list:
 
 
 def free_port() -> int:
-    with socket.socket(socket.AF_INET, socket.SOCK_DGRAM) as probe:
-        probe.bind(("127.0.0.1", 0))
-        return probe.getsockname()[1]
+    """Out of a range that the kernel chooses none from by itself, so that it stays free."""
+    while True:
+        with socket.socket(socket.AF_INET, socket.SOCK_DGRAM) as probe:
+            try:
+                port = random.randint(10240, 32767)
+                probe.bind(("127.0.0.1", port))
+                return port
+            except OSError:
+                continue
 
 
 def run_traffic(build: Path, plan: Plan, scenario: Scenario, arguments: list) -> dict:

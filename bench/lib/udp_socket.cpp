@@ -3,6 +3,7 @@
 #include <sys/socket.h>
 
 #include <cerrno>
+#include <random>
 #include <system_error>
 
 namespace vesk::bench {
@@ -11,6 +12,10 @@ namespace {
 // Room for some thousand datagrams: a full buffer at either end of the path would be charged to the
 // forwarder as loss. The kernel cuts the request down to its own limit.
 constexpr int socketBufferSize = 4 << 20;
+
+// Below the usual ip_local_port_range.
+constexpr std::uint16_t firstFixedPort = 10240;
+constexpr std::uint16_t lastFixedPort = 32767;
 
 void throwOnFailure(int result, const char* what) {
     if (result < 0) {
@@ -59,7 +64,17 @@ std::uint16_t UdpSocket::port() const {
 }
 
 std::uint16_t freeUdpPort() {
-    return UdpSocket().port();
+    std::random_device random;
+    std::uniform_int_distribution<std::uint16_t> ports(firstFixedPort, lastFixedPort);
+    while (true) {
+        try {
+            return UdpSocket(ports(random)).port();
+        } catch (const std::system_error& error) {
+            if (error.code() != std::errc::address_in_use) {
+                throw;
+            }
+        }
+    }
 }
 
 }  // namespace vesk::bench

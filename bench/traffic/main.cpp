@@ -47,11 +47,15 @@ std::unique_ptr<ChildProcess> startForwarder(const TrafficOptions& options,
     return forwarder;
 }
 
-bool endedWell(ChildProcess& forwarder) {
-    const int status = forwarder.finish();
+void passOnComplaints(const ChildProcess& forwarder) {
     for (const std::string& line : forwarder.log().complaints) {
         std::cerr << "forwarder: " << line << '\n';
     }
+}
+
+bool endedWell(ChildProcess& forwarder) {
+    const int status = forwarder.finish();
+    passOnComplaints(forwarder);
     if (status != 0) {
         std::cerr << "forwarder ended with status " << status << '\n';
     }
@@ -75,7 +79,15 @@ int run(TrafficOptions options) {
         forwarder = startForwarder(options, commandsFor(plans, port));
     }
     const pid_t measuredPid = forwarder && options.pid == 0 ? forwarder->pid() : options.pid;
-    const TrafficResult result = TrafficRun(options, port, measuredPid, service, plans).run();
+    TrafficResult result;
+    try {
+        result = TrafficRun(options, port, measuredPid, service, plans).run();
+    } catch (...) {
+        if (forwarder) {
+            passOnComplaints(*forwarder);
+        }
+        throw;
+    }
     const bool forwarderFailed = forwarder && !endedWell(*forwarder);
     (options.json ? printJson : printTable)(std::cout, options, result);
     if (forwarderFailed) {

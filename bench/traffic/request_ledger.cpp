@@ -4,7 +4,7 @@ namespace vesk::bench {
 
 void RequestLedger::sent(std::size_t count, std::int64_t now) {
     for (std::size_t i = 0; i < count; ++i) {
-        requests_[nextNumber()] = {now, true, measuring_};
+        requests_[nextNumber()] = {now, State::open, measuring_};
         ++next_;
     }
     outstanding_ += count;
@@ -13,10 +13,13 @@ void RequestLedger::sent(std::size_t count, std::int64_t now) {
 
 bool RequestLedger::answered(std::size_t number, std::int64_t now) {
     Request& request = requests_[number];
-    if (!request.open) {
-        return false;
+    if (request.state != State::open) {
+        const bool late = request.state == State::lost;
+        request.state = State::answered;
+        counts_.late += late && request.measured ? 1 : 0;
+        return late;
     }
-    request.open = false;
+    request.state = State::answered;
     --outstanding_;
     if (request.measured) {
         ++counts_.answered;
@@ -28,11 +31,11 @@ bool RequestLedger::answered(std::size_t number, std::int64_t now) {
 void RequestLedger::expire(std::int64_t now) {
     while (oldest_ < next_) {
         Request& request = requests_[oldest_ % requests_.size()];
-        if (request.open) {
+        if (request.state == State::open) {
             if (now - request.sentAt < lossTimeout_) {
                 return;
             }
-            request.open = false;
+            request.state = State::lost;
             --outstanding_;
             counts_.lost += request.measured ? 1 : 0;
         }

@@ -14,6 +14,7 @@ struct RequestCounts {
     std::uint64_t sent = 0;
     std::uint64_t answered = 0;
     std::uint64_t lost = 0;
+    std::uint64_t late = 0;  // answered after they were given up as lost, which they stay
 };
 
 class RequestLedger {
@@ -31,7 +32,7 @@ class RequestLedger {
 
     void sent(std::size_t count, std::int64_t now);
 
-    /// False when no request of that number is open: a second answer, or one after the timeout.
+    /// False for an answer that nothing asked for: a second one to the same request.
     bool answered(std::size_t number, std::int64_t now);
 
     /// Gives up on requests that have waited for too long.
@@ -41,9 +42,11 @@ class RequestLedger {
     const LatencyHistogram& roundTrips() const { return roundTrips_; }
 
  private:
+    enum class State { answered, open, lost };
+
     struct Request {
         std::int64_t sentAt = 0;
-        bool open = false;
+        State state = State::answered;
         bool measured = false;
     };
 

@@ -20,7 +20,7 @@ struct ArrivalCounts {
     std::uint64_t upstream = 0;    // requests that reached the service
     std::uint64_t peers = 0;       // replies that reached a peer
     std::uint64_t wrong = 0;       // arrivals that are not what the forwarder had to make of them
-    std::uint64_t unexpected = 0;  // answers that no open request belongs to
+    std::uint64_t unexpected = 0;  // second answers to a request
     std::uint64_t verified = 0;    // arrivals whose HMAC and payload were looked at
 };
 
