@@ -1,0 +1,181 @@
+// The whole way of a peer's datagrams towards upstream, over real sockets. The input says how the
+// forwarder is set up and then datagram by datagram what is sent: either bytes as they stand, or a
+// payload to be framed for a label, with a right tag or a wrong one.
+#include <unistd.h>
+
+#include <array>
+#include <optional>
+#include <set>
+
+#include "net/endpoint_manager.h"
+#include "support/byte_reader.h"
+#include "support/loopback_forwarder.h"
+#include "support/require.h"
+
+namespace vesk::fuzz {
+namespace {
+
+/// The bits of the byte in front of each datagram; the lowest three choose the label.
+enum Choice : unsigned {
+    asItIs = 0x08,
+    wellSigned = 0x10,
+    overLateralStream = 0x20,
+    flowExpiresFirst = 0x40,
+    paddedToTheLimit = 0x80
+};
+
+Bytes frame(int version, std::uint32_t label, View payload) {
+    Bytes datagram(version == 1 ? 38 : 20, 0);
+    if (version == 1) {
+        datagram.at(33) = 38;
+    }
+    return joined(relabelled(version, datagram, label), payload);
+}
+
+Bytes nextDatagram(ByteReader& input, unsigned choice, int version) {
+    const std::size_t length = input.byte();
+    Bytes payload = toBytes(input.take(length));
+    if ((choice & paddedToTheLimit) != 0) {
+        payload.resize(maxDatagramSize - length % 64, 0x5A);
+    }
+    if ((choice & asItIs) != 0) {
+        return payload;
+    }
+    const std::uint32_t label = someLabels().at(choice % 8);
+    const Bytes framed = frame(version, label, payload);
+    const auto flow = LoopbackForwarder::flowOf(label);
+    const bool signable = readFramed(version, framed) && framed.size() <= maxDatagramSize;
+    return (choice & wellSigned) != 0 && flow && signable ? signedWith(version, framed, *flow->in)
+                                                          : framed;
+}
+
+ReturnPath someReturnPath() {
+    Bytes bytes(33, 0x77);
+    bytes.front() = 32;
+    return ReturnPath(bytes);
+}
+
+/// One forwarder, and what must be true of it after each datagram.
+class Run {
+ public:
+    Run(int version, bool joined)
+        : version_(version), joined_(joined), forwarder_(version, joined) {}
+
+    void step(View datagram, unsigned choice) {
+        if ((choice & flowExpiresFirst) != 0) {
+            expireAll();
+        }
+        const bool laterally = (choice & overLateralStream) != 0;
+        forwarder_.carry(datagram, laterally ? someReturnPath() : ReturnPath());
+        if (!datagram.empty()) {
+            follow(datagram.first(std::min(datagram.size(), maxDatagramSize)), laterally);
+        }
+        require(forwarder_.applyPollRequests() == created_, "new sockets are watched");
+        created_ = 0;
+        require(forwarder_.downstream()->counters.rxDgError.value() == rejected_,
+                "each rejected datagram is counted once");
+        require(forwarder_.context().endpointManager->endpoints().size() == flows_.size(),
+                "only flows that had a good datagram stay");
+        require(surroundings().upstreamV4.receive().empty() &&
+                    surroundings().upstreamV6.receive().empty() &&
+                    surroundings().otherInstance.receive().empty(),
+                "nothing is sent but what has to be");
+    }
+
+ private:
+    void expireAll() {
+        EndpointManager& manager = *forwarder_.context().endpointManager;
+        for (const EndpointPtr& endpoint : manager.endpoints()) {
+            manager.deleteEndpoint(*endpoint);
+        }
+        forwarder_.applyPollRequests();
+        flows_.clear();
+    }
+
+    void follow(View datagram, bool laterally) {
+        const auto framed = readFramed(version_, datagram);
+        if (!framed) {
+            ++rejected_;
+            return;
+        }
+        const std::uint32_t owner = (framed->label >> 16) % instanceCount;
+        if (joined_ && owner != thisInstance) {
+            followToOwner(datagram, owner, laterally);
+        } else {
+            followUpstream(datagram, framed->label);
+        }
+    }
+
+    void followToOwner(View datagram, std::uint32_t owner, bool laterally) {
+        const VeskEndpointDescriptor& lateral = *forwarder_.lateral();
+        if (laterally || owner != otherInstance) {
+            ++rejected_;
+        } else if (datagram.size() + 34 > maxDatagramSize) {
+            require(lateral.counters.txDgDropped.value() == ++laterallyDropped_,
+                    "too long: dropped");
+        } else {
+            const SocketAddress& sender = surroundings().peer.address;
+            const Bytes header = joined(std::array<std::uint8_t, 2>{1, 32}, sender.bytes());
+            const Bytes tag = tagOver(View(header).subspan(1), someKeys().at(2), 16);
+            require(surroundings().otherInstance.receive() == joined(joined(header, tag), datagram),
+                    "the owner gets the datagram with its sender");
+        }
+    }
+
+    void followUpstream(View datagram, std::uint32_t label) {
+        const auto flow = LoopbackForwarder::flowOf(label);
+        if (!flow) {
+            ++rejected_;
+            return;
+        }
+        const bool isNew = !flows_.contains(label);
+        created_ += isNew ? 1 : 0;
+        if (!same(datagram, signedWith(version_, datagram, *flow->in))) {
+            ++rejected_;
+            return;
+        }
+        flows_.insert(label);
+        const Bytes expected =
+            signedWith(version_, relabelled(version_, datagram, flow->upLabel), *flow->out);
+        require(flow->upstream->receive() == expected,
+                "upstream gets the datagram as it has to be");
+        const EndpointPtr endpoint =
+            forwarder_.context().endpointManager->findEndpointByLabel(label);
+        require(
+            endpoint && endpoint->replyRoute().peer.socketAddress() == surroundings().peer.address,
+            "the sender is remembered");
+    }
+
+    const int version_;
+    const bool joined_;
+    LoopbackForwarder forwarder_;
+    std::uint64_t rejected_ = 0;
+    std::uint64_t laterallyDropped_ = 0;
+    int created_ = 0;
+    std::set<std::uint32_t> flows_;
+};
+
+int lowestFreeDescriptor() {
+    return UniqueFd(dup(STDERR_FILENO)).get();
+}
+
+}  // namespace
+}  // namespace vesk::fuzz
+
+extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
+    using namespace vesk::fuzz;
+    surroundings();
+    const int free = lowestFreeDescriptor();
+    ByteReader input(View(data, size));
+    const unsigned setUp = input.byte();
+    const int version = (setUp & 1U) != 0 ? 1 : 2;
+    {
+        Run run(version, (setUp & 2U) != 0);
+        while (!input.empty()) {
+            const unsigned choice = input.byte();
+            run.step(nextDatagram(input, choice, version), choice);
+        }
+    }
+    require(lowestFreeDescriptor() == free, "every descriptor is given back");
+    return 0;
+}

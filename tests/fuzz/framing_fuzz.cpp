@@ -1,0 +1,83 @@
+// Parsing, checking, relabelling and signing of framed datagrams; the input is the datagram.
+#include <algorithm>
+#include <array>
+
+#include "datapath/authentication.h"
+#include "datapath/framing.h"
+#include "support/reference.h"
+#include "support/require.h"
+
+namespace vesk::fuzz {
+namespace {
+
+constexpr int version = VESK_FRAMING_VERSION;
+constexpr const FramingDescriptor& framing = framingOfVersion(version);
+
+/// A receive buffer with a datagram in front, and bytes of an older, longer one behind it.
+struct Received {
+    explicit Received(View datagram) : length(std::min(datagram.size(), maxDatagramSize)) {
+        buffer.fill(0xA5);
+        std::copy_n(datagram.begin(), length, buffer.begin());
+    }
+    View datagram() const { return View(buffer).first(length); }
+
+    std::array<std::uint8_t, maxDatagramSize> buffer;
+    std::size_t length;
+};
+
+HmacInfo recordOf(const Key& key) {
+    HmacInfo record;
+    record.setKey(key.bytes);
+    record.setAlgorithm(key.algorithm == hmacSha256.name ? hmacSha256 : hmacSha1);
+    return record;
+}
+
+void checkAndSign(Received received, const ParsedDatagram& parsed, const Key& key) {
+    HmacInfo record = recordOf(key);
+    const auto passes = [&] {
+        return checkDatagram(framing, received.buffer, parsed.headerLength, received.length,
+                             record);
+    };
+    const Bytes before = toBytes(received.datagram());
+    const Bytes signedDatagram = signedWith(version, before, key);
+    require(passes() == (before == signedDatagram),
+            "a datagram passes if its tag is the right one");
+    require(signDatagram(framing, received.buffer, parsed.headerLength, received.length, record),
+            "a datagram can be signed");
+    require(same(received.datagram(), signedDatagram), "signing writes the tag and nothing else");
+    require(passes(), "a datagram just signed passes");
+
+    std::uint8_t& somewhere = received.buffer.at((before.front() + before.size()) % before.size());
+    somewhere ^= 1U;
+    const bool covered = &somewhere - received.buffer.data() < framing.hmacLength;
+    require(passes() == (key.bytes.empty() && !covered),
+            "a changed bit shows where there is a key");
+}
+
+void relabel(Received received, std::uint32_t label) {
+    const Bytes expected = relabelled(version, received.datagram(), label);
+    rewriteLabel(framing, received.buffer, label);
+    require(same(received.datagram(), expected), "a new label changes the label alone");
+}
+
+}  // namespace
+}  // namespace vesk::fuzz
+
+extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
+    using namespace vesk;
+    using namespace vesk::fuzz;
+    const Received received(View(data, size));
+    const auto parsed = parseDatagram(framing, received.buffer, received.length);
+    const auto expected = readFramed(version, received.datagram());
+    require(parsed.has_value() == expected.has_value(), "just the right datagrams are accepted");
+    if (parsed) {
+        require(parsed->label == expected->label, "the label is read");
+        require(parsed->headerLength == expected->headerLength, "the payload is found");
+        for (const Key& key : someKeys()) {
+            checkAndSign(received, *parsed, key);
+        }
+        relabel(received, ~parsed->label);
+        relabel(received, static_cast<std::uint32_t>(size) << 16 | received.buffer.front());
+    }
+    return 0;
+}

@@ -1,0 +1,227 @@
+#!/usr/bin/env python3
+"""Writes the seed corpora of the fuzz targets: small inputs that lead past the first checks.
+
+Run it after a change of a target's input or of a wire format; files of other names stay, so that
+an input that once found something can be kept beside the seeds.
+"""
+
+import hashlib
+import hmac
+import socket
+import struct
+from pathlib import Path
+
+CORPUS = Path(__file__).parent / "corpus"
+
+NO_KEY = ("sha1", b"")
+SHA1 = ("sha1", bytes(range(1, 21)))
+SHA256 = ("sha256", bytes(range(101, 201)))
+KEYS = {"no_key": NO_KEY, "sha1": SHA1, "sha256": SHA256}
+
+
+def write(target, name, content):
+    folder = CORPUS / target
+    folder.mkdir(parents=True, exist_ok=True)
+    (folder / name).write_bytes(content)
+
+
+def tag(key, covered, length):
+    algorithm, secret = key
+    if not secret:
+        return bytes(length)
+    digest = hmac.new(secret, covered, getattr(hashlib, algorithm)).digest()
+    return digest[:length].ljust(length, b"\0")
+
+
+def framed_v1(label, payload, key, further=b"", header_length=None):
+    header_length = 38 + len(further) if header_length is None else header_length
+    header = struct.pack(">HI", header_length, label) + further
+    return tag(key, payload + header, 32) + header + payload
+
+
+def framed_v2(label, payload, key):
+    return tag(key, struct.pack(">I", label) + payload, 16) + struct.pack(">I", label) + payload
+
+
+def framing():
+    for name, key in KEYS.items():
+        write("framing_v1", f"signed_{name}", framed_v1(0x10002, b"payload", key))
+        write("framing_v1", f"further_header_{name}", framed_v1(7, b"p", key, further=b"extra"))
+        write("framing_v2", f"signed_{name}", framed_v2(0x10002, b"payload", key))
+        write("framing_v2", f"empty_payload_{name}", framed_v2(7, b"", key))
+    write("framing_v1", "one_byte_short", framed_v1(7, b"", SHA1)[:-1])
+    write("framing_v1", "no_payload", framed_v1(7, b"", SHA1))
+    write("framing_v1", "header_length_37", framed_v1(7, b"pp", SHA1, header_length=37))
+    write("framing_v1", "header_length_past_end", framed_v1(7, b"pp", SHA1, header_length=65535))
+    write("framing_v1", "largest", framed_v1(7, bytes(2010), SHA256))
+    write("framing_v1", "too_large", framed_v1(7, bytes(2011), SHA256))
+    write("framing_v2", "one_byte_short", framed_v2(7, b"", SHA1)[:-1])
+    write("framing_v2", "zeros_like_unsigned_v1", framed_v2(7, bytes(40), NO_KEY))
+    write("framing_v2", "largest", framed_v2(7, bytes(2028), SHA256))
+    for target in ("framing_v1", "framing_v2"):
+        write(target, "one_byte", b"\0")
+
+
+def ipv4_address(port=4500):
+    return struct.pack("=H", socket.AF_INET) + struct.pack(">H4s8x", port, b"\x7f\0\0\1")
+
+
+def ipv6_address(port=4500):
+    return (struct.pack("=H", socket.AF_INET6) + struct.pack(">HI", port, 0)
+            + bytes(15) + b"\1" + struct.pack("=I", 0))
+
+
+def lateral(kind, address, key=SHA256, inner=b"inner datagram"):
+    covered = bytes([len(address) + 16]) + address
+    return bytes([kind]) + covered + tag(key, covered, 16) + inner
+
+
+def lateral_header():
+    target = "lateral_header"
+    inner = framed_v2(0x20001, b"payload", SHA256)
+    write(target, "forwarded_ipv4", lateral(1, ipv4_address(), inner=inner))
+    write(target, "forwarded_ipv6", lateral(1, ipv6_address(), inner=inner))
+    write(target, "returned_ipv4", lateral(2, ipv4_address(), inner=inner))
+    write(target, "returned_ipv6", lateral(2, ipv6_address(), inner=inner))
+    write(target, "header_alone", lateral(1, ipv4_address(), inner=b""))
+    write(target, "one_byte_short", lateral(1, ipv4_address(), inner=b"")[:-1])
+    write(target, "forged", lateral(2, ipv4_address(), key=SHA1))
+    write(target, "unknown_type", lateral(3, ipv4_address()))
+    write(target, "length_31", b"\1\x1f" + bytes(60))
+    write(target, "length_44_cut", b"\1\x2c" + bytes(40))
+    write(target, "length_45", b"\1\x2d" + bytes(60))
+    write(target, "odd_address_length", b"\2\x21" + bytes(60))
+    write(target, "no_family", b"\2\x20" + bytes(60))
+    write(target, "no_room_for_a_header", lateral(1, ipv6_address(), inner=bytes(2000)))
+    write(target, "just_room_for_a_header", bytes(2048 - 34))
+
+
+def control_message(level, kind, data, length=None):
+    length = 16 + len(data) if length is None else length
+    return struct.pack("=QII", length, level, kind) + data + bytes(-len(data) % 8)
+
+
+def control_messages():
+    target = "control_messages"
+    ipv4 = struct.pack("=I4s4s", 1, b"\x7f\0\0\1", b"\x7f\0\0\1")
+    ipv6 = bytes(15) + b"\1" + struct.pack("=I", 1)
+    v4 = control_message(socket.IPPROTO_IP, 8, ipv4)
+    v6 = control_message(socket.IPPROTO_IPV6, 50, ipv6)
+    tos = control_message(socket.IPPROTO_IP, 1, struct.pack("=I", 184))
+    write(target, "ipv4", v4)
+    write(target, "ipv6", v6)
+    write(target, "both_behind_another", tos + v4 + v6)
+    write(target, "ipv4_cut", v4[:27])
+    write(target, "ipv6_data_too_short", control_message(socket.IPPROTO_IPV6, 50, ipv6[:19]))
+    write(target, "short_one_then_whole_one",
+          control_message(socket.IPPROTO_IP, 8, ipv4[:8]) + v4)
+    write(target, "length_0", control_message(0, 8, ipv4, length=0))
+    write(target, "length_15", control_message(0, 8, ipv4, length=15) + v4)
+    write(target, "length_past_end", control_message(0, 8, ipv4, length=2**64 - 1))
+    write(target, "length_wraps_when_rounded_up", control_message(0, 8, ipv4, length=2**64 - 7))
+    write(target, "header_cut", v4[:15])
+
+
+LINES = {
+    "start": b"start addr 0.0.0.0 port 4500\n",
+    "carriage_return_and_tabs": b" \tstart\taddr 0.0.0.0  port 4500\r",
+    "value_missing": b"log priority",
+    "first_value_wins": b"set label a label b",
+    "last_half_wins": b"set up_ip 10.0.0.1 up_port 4500 up_port 4600",
+    "port_alone": b"up_port 4500",
+    "whole_address_wins": b"up_addrinfo 1.2.3.4|5 up_ip 9.9.9.9",
+    "all_halves": b"down_ip 1 down_port 2 up_ip 3 up_port 4 up_src_ip 5 up_src_port 6 "
+                  b"up_aux_flow_ip 7 up_aux_flow_port 8",
+    "nul_and_high_bytes": b"set label \0\xff\x0b\x0c x",
+    "blanks": b" \t\r\n  ",
+}
+
+KEY_TEXT = SHA256[1].hex().encode()
+
+COMMANDS = {
+    "whole_flow": b"set label 0x10001 is_multiplex true up_label 17 down_label 18 up_ip 127.0.0.1 "
+                  b"up_port 4500 up_in_key 00ff up_in_algo sha256 up_out_key aabb up_out_algo sha1 "
+                  b"down_in_key " + KEY_TEXT + b" down_in_algo sha256 down_out_key 01 "
+                  b"down_out_algo sha1 up_out_dscp_v4 46 up_out_dscp_v6 0 down_out_dscp_v4 -1 "
+                  b"down_out_dscp_v6 63\ndel label 65537\n",
+    "aux_flow": b"set label 5 up_aux_flow_label 0x770000 down_aux_flow_label_prefix 9 "
+                b"up_aux_flow_addrinfo 127.0.0.1|9 up_addrinfo ::1|9\n"
+                b"set label 6 up_aux_flow_label 1 down_aux_flow_label_prefix 9\n"
+                b"set label 589829 up_addrinfo ::1|9\ndel label 5\n",
+    "merge_port": b"set label 5 up_addrinfo 127.0.0.1|4500\nset label 5 up_port 9000\n"
+                  b"set label 5 up_ip ::1\n",
+    "merge_with_a_name": b"set label 5 up_ip nowhere.invalid\nset label 5 up_port 9\n",
+    "name_for_address": b"set label 5 up_addrinfo nowhere.invalid|53",
+    "label_missing": b"set up_label 1",
+    "label_0": b"set label 0\ndel label 0",
+    "label_too_large": b"set label 4294967296",
+    "label_negative": b"set label -1\nset label -18446744073709551615",
+    "label_octal_and_signs": b"set label 010\nset label +0x1F\nset label 08\nset label 0x",
+    "label_out_of_range": b"set label 99999999999999999999",
+    "prefix_too_large": b"set label 5 down_aux_flow_label_prefix 65536",
+    "marks_out_of_range": b"set label 5 up_out_dscp_v4 64 up_out_dscp_v6 -2 "
+                          b"down_out_dscp_v4 -99999999999999999999",
+    "mark_no_number": b"set label 5 up_out_dscp_v4 4x",
+    "mark_greatest": b"set label 5 up_out_dscp_v4 9223372036854775807",
+    "port_too_large": b"set label 5 up_addrinfo 127.0.0.1|70000",
+    "port_greatest": b"set label 5 up_addrinfo 127.0.0.1|18446744073709551615",
+    "port_two_bars": b"set label 5 up_addrinfo ::1|4500|1",
+    "key_256_digits": b"set label 5 up_in_key " + b"aB" * 128,
+    "key_258_digits": b"set label 5 up_in_key " + b"aB" * 129,
+    "key_odd": b"set label 5 up_in_key 00z",
+    "key_illegal": b"set label 5 up_in_key 0g",
+    "algorithm_capitals": b"set label 5 up_in_algo SHA1",
+    "multiplex_other": b"set label 5 is_multiplex yes",
+    "unknown_name": b"set label 5 bogus 1\ndel label 5 bogus 1",
+    "ipv6_with_interface": b"set label 5 up_addrinfo fe80::1%lo|4500",
+    "short_ipv4": b"set label 5 up_addrinfo 127.1|4500",
+}
+
+
+def commands():
+    for name, line in LINES.items():
+        write("command_line", name, line)
+    for name, lines in COMMANDS.items():
+        write("set_command", name, lines)
+
+
+AS_IT_IS, SIGNED, LATERALLY, EXPIRED, PADDED = 0x08, 0x10, 0x20, 0x40, 0x80
+
+
+def datagram(choice, payload=b""):
+    return bytes([choice, len(payload)]) + payload
+
+
+def downstream():
+    target = "downstream"
+    each_label = b"".join(datagram(SIGNED | label, b"payload") for label in range(8))
+    unsigned = b"".join(datagram(label, b"payload") for label in range(8))
+    names = {0: "udpv2", 1: "udpv1", 2: "udpv2_joined", 3: "udpv1_joined"}
+    for set_up, name in names.items():
+        begin = bytes([set_up])
+        write(target, f"{name}_each_label", begin + each_label)
+        write(target, f"{name}_unsigned", begin + unsigned + each_label)
+        write(target, f"{name}_again_after_expiry",
+              begin + datagram(SIGNED | 1, b"a") + datagram(SIGNED | 1, b"b")
+              + datagram(EXPIRED | SIGNED | 1, b"c"))
+        write(target, f"{name}_over_the_lateral_stream",
+              begin + b"".join(datagram(LATERALLY | SIGNED | label, b"x") for label in range(8)))
+        write(target, f"{name}_long",
+              begin + b"".join(datagram(PADDED | SIGNED | 1, bytes(n)) for n in (0, 20, 38, 63))
+              + b"".join(datagram(PADDED | 6, bytes(n)) for n in (0, 33, 34, 54, 63)))
+        write(target, f"{name}_empty_and_short",
+              begin + datagram(AS_IT_IS) + datagram(AS_IT_IS, b"\0")
+              + datagram(AS_IT_IS, bytes(19)) + datagram(AS_IT_IS, bytes(20))
+              + datagram(AS_IT_IS, bytes(37)))
+    write(target, "udpv2_well_signed_bytes",
+          b"\0" + datagram(AS_IT_IS, framed_v2(0x10002, b"hello", SHA1)))
+    write(target, "udpv1_further_header",
+          b"\1" + datagram(AS_IT_IS, framed_v1(0x10002, b"hello", SHA1, further=b"extra")))
+
+
+if __name__ == "__main__":
+    framing()
+    lateral_header()
+    control_messages()
+    commands()
+    downstream()

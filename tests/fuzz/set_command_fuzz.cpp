@@ -1,0 +1,108 @@
+// "set" and "del" with all their attributes, against the real tables. The input is lines of
+// commands; a line that begins with neither word is a "set" all the same.
+#include <cerrno>
+#include <memory>
+#include <optional>
+#include <stdexcept>
+#include <string>
+#include <string_view>
+
+#include "app/forwarder_context.h"
+#include "control/command_line.h"
+#include "flow/label_commands.h"
+#include "net/endpoint_manager.h"
+#include "net/endpoint_sockets.h"
+#include "support/require.h"
+#include "support/set_reference.h"
+
+namespace vesk::fuzz {
+namespace {
+
+using Context = std::shared_ptr<ForwarderContext>;
+
+/// Whether the command was accepted; nothing where the resolver failed, which leaves the handler as
+/// an exception.
+std::optional<bool> carryOut(bool isDel, const TokenQueue& words, const Context& context) {
+    // As in a process that has seen no failure yet: a leftover range error would be taken for one
+    // of this command's.
+    errno = 0;
+    try {
+        return isDel ? deleteLabel(words, context) : setLabelAttrs(words, context);
+    } catch (const std::runtime_error&) {
+        return std::nullopt;
+    }
+}
+
+/// A label that was set has a record that says what the command said.
+void checkRecord(std::uint32_t label, const Attributes& attributes, EndpointManager& manager) {
+    const EndpointPtr endpoint = manager.createEndpoint(label, closeEndpointSockets);
+    if (!endpoint) {
+        return;  // Without an upstream address there is no socket to be had.
+    }
+    const FlowDesc& flow = endpoint->flow;
+    require(flow.label == label && flow.isAuxFlow == 0, "a label that was set is a main flow");
+    if (const auto it = attributes.find("is_multiplex"); it != attributes.end()) {
+        require(flow.isMultiplex == (it->second == "true"), "the multiplex flag is stored");
+    }
+    if (const auto it = attributes.find("up_in_key"); it != attributes.end()) {
+        require(flow.up.inHmac.keyLen == it->second.size() / 2, "the key is stored");
+    }
+    if (const auto it = attributes.find("down_out_algo"); it != attributes.end()) {
+        require(flow.down.outHmac.algoName == it->second, "the algorithm is stored");
+    }
+    manager.deleteEndpoint(*endpoint);
+}
+
+void checkOutcome(bool isDel, const Attributes& attributes, std::optional<bool> accepted,
+                  const Context& context) {
+    switch (verdictOnSet(attributes)) {
+        case Verdict::accepted:
+            // An update may put a new port to an old host text that was never looked up.
+            require(accepted != false && (accepted || !isDel), "a right command is accepted");
+            break;
+        case Verdict::refused:
+            require(accepted == false, "a wrong command is refused");
+            break;
+        case Verdict::undetermined:
+            break;
+    }
+    if (!accepted.value_or(false)) {
+        return;
+    }
+    const std::uint32_t label = labelOf(attributes);
+    if (isDel) {
+        // A prefix of another flow's may still make it an auxiliary flow, but no longer a main one.
+        const EndpointPtr left = context->endpointManager->findEndpointByLabel(label);
+        require(left == nullptr, "a label that was deleted has no endpoint");
+    } else {
+        checkRecord(label, attributes, *context->endpointManager);
+    }
+}
+
+void runLine(std::string_view line, const Context& context) {
+    TokenQueue words = splitCommandLine(line);
+    const bool isDel = !words.empty() && words.front() == "del";
+    if (isDel || (!words.empty() && words.front() == "set")) {
+        words.pop_front();
+    }
+    TokenQueue copy = words;
+    const Attributes attributes = parseCommandAttrs(copy);
+    checkOutcome(isDel, attributes, carryOut(isDel, words, context), context);
+}
+
+}  // namespace
+}  // namespace vesk::fuzz
+
+extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
+    using namespace vesk;
+    using namespace vesk::fuzz;
+    const auto context = std::make_shared<ForwarderContext>(2);
+    const std::string input(data, data + size);
+    for (std::size_t begin = 0; begin < input.size();) {
+        const std::size_t end = std::min(input.find('\n', begin), input.size());
+        runLine(std::string_view(input).substr(begin, end - begin), context);
+        begin = end + 1;
+    }
+    require(context->endpointManager->endpoints().empty(), "no endpoint is left over");
+    return 0;
+}

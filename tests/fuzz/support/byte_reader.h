@@ -1,0 +1,31 @@
+// An input taken apart from its front. What is asked for beyond its end reads as zeros or as
+// nothing, so that every input has a meaning.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <span>
+#include <vector>
+
+namespace vesk::fuzz {
+
+using Bytes = std::vector<std::uint8_t>;
+using View = std::span<const std::uint8_t>;
+
+class ByteReader {
+ public:
+    explicit ByteReader(View bytes) : bytes_(bytes) {}
+
+    bool empty() const { return bytes_.empty(); }
+    std::uint8_t byte();
+    /// Big-endian.
+    std::uint16_t number16();
+    /// At most as many as are left.
+    View take(std::size_t count);
+    View rest() { return take(bytes_.size()); }
+
+ private:
+    View bytes_;
+};
+
+}  // namespace vesk::fuzz

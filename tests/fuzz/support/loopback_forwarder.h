@@ -1,0 +1,81 @@
+// A forwarder without its threads, between a peer and upstream services that are real sockets on
+// the loopback interface, with a handful of flows declared.
+#pragma once
+
+#include <memory>
+#include <vector>
+
+#include "app/forwarder_context.h"
+#include "base/unique_fd.h"
+#include "datapath/downstream.h"
+#include "support/reference.h"
+
+namespace vesk::fuzz {
+
+/// One end of the traffic, there for the life of the process.
+struct LoopbackSocket {
+    explicit LoopbackSocket(int family);
+
+    /// The next datagram that arrived; nothing where there is none.
+    Bytes receive() const;
+
+    UniqueFd fd;
+    SocketAddress address;
+};
+
+/// The ends around every forwarder.
+struct Surroundings {
+    LoopbackSocket peer{AF_INET};
+    LoopbackSocket upstreamV4{AF_INET};
+    LoopbackSocket upstreamV6{AF_INET6};
+    LoopbackSocket otherInstance{AF_INET};
+};
+
+const Surroundings& surroundings();
+
+/// A flow as a datagram sees it.
+struct KnownFlow {
+    const Key* in;
+    const Key* out;
+    std::uint32_t upLabel;
+    const LoopbackSocket* upstream;
+};
+
+// Of four instances this is number 1, number 2 is there too, and number 3 is not. Their labels are
+// those whose upper half is 1, 2 and 3 modulo 4.
+inline constexpr std::uint32_t instanceCount = 4;
+inline constexpr std::uint32_t thisInstance = 1;
+inline constexpr std::uint32_t otherInstance = 2;
+
+/// Labels for datagrams: flows with and without keys, an auxiliary one, one that cannot be reached,
+/// unknown ones and those of other instances.
+const std::vector<std::uint32_t>& someLabels();
+
+class LoopbackForwarder {
+ public:
+    LoopbackForwarder(int version, bool joined);
+    LoopbackForwarder(const LoopbackForwarder&) = delete;
+    LoopbackForwarder& operator=(const LoopbackForwarder&) = delete;
+
+    /// Nothing where datagrams of the label have nowhere to go.
+    static std::optional<KnownFlow> flowOf(std::uint32_t label);
+
+    /// Sends the datagram from the peer and hands it on as the receive threads do: as the peer's
+    /// own, or as forwarded by another instance, with what is to go back with the reply.
+    void carry(View datagram, const ReturnPath& returnPath);
+
+    /// Does the poll loop's work. How many descriptors it was asked to watch.
+    int applyPollRequests() const;
+
+    ForwarderContext& context() { return *context_; }
+    EndpointPtr downstream() const { return context_->downstreamEndpoint.load(); }
+    EndpointPtr lateral() const { return context_->lateralEndpoint.load(); }
+
+ private:
+    void declareFlows() const;
+    void join();
+
+    std::shared_ptr<ForwarderContext> context_;
+};
+
+}  // namespace vesk::fuzz
