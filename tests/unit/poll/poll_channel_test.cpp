@@ -1,0 +1,324 @@
+#include "poll/poll_channel.h"
+
+#include <fcntl.h>
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <sys/epoll.h>
+#include <sys/socket.h>
+#include <sys/un.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstring>
+#include <list>
+#include <numeric>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "support/bytes.h"
+#include "support/descriptors.h"
+#include "support/printed.h"
+#include "support/thread_state.h"
+
+namespace vesk {
+namespace {
+
+TEST(PollRecordTest, HasItsFieldsWhereThePollLoopLooksForThem) {
+    const PollRecord record = encodePollCtlMsg({3, 0x04030201, 0x0d0c0b0a});
+    PollRecord expected{};
+    const std::uint32_t op = 3;
+    std::memcpy(expected.data(), &op, sizeof(op));
+    epoll_event event{};
+    event.events = 0x04030201;
+    event.data.u64 = 0x0d0c0b0a;
+    static_assert(sizeof(event) == 12);
+    std::memcpy(expected.data() + 4, &event, sizeof(event));
+    EXPECT_EQ(record, expected);
+    EXPECT_EQ(record.size(), 16U);
+}
+
+TEST(PollRecordTest, LeavesTheHighHalfOfTheDataZero) {
+    const PollRecord record = encodePollCtlMsg({2, 0, -1});
+    std::uint64_t data = 0;
+    std::memcpy(&data, record.data() + 8, sizeof(data));
+    EXPECT_EQ(data, 0x00000000ffffffffU);
+}
+
+TEST(PollRecordTest, IsReadAsItWasWritten) {
+    const auto message = decodePollCtlMsg(encodePollCtlMsg({EPOLL_CTL_MOD, EPOLLOUT, 77}));
+    ASSERT_TRUE(message.has_value());
+    EXPECT_EQ(message->op, 3U);
+    EXPECT_EQ(message->events, 4U);
+    EXPECT_EQ(message->fd, 77);
+}
+
+TEST(PollRecordTest, IsNoRecordWhereBytesAreMissing) {
+    const PollRecord record{};
+    EXPECT_FALSE(decodePollCtlMsg(std::span(record).first(15)));
+    EXPECT_FALSE(decodePollCtlMsg(std::span(record).first(0)));
+    EXPECT_TRUE(decodePollCtlMsg(record));
+}
+
+struct Taken {
+    bool whole = false;
+    std::vector<int> fds;
+};
+
+Taken takeAll(const Bytes& datagram) {
+    Taken taken;
+    taken.whole = forEachRecord(
+        datagram, [&taken](const PollCtlMsg& message) { taken.fds.push_back(message.fd); });
+    return taken;
+}
+
+Bytes rowOf(const std::vector<int>& fds) {
+    Bytes datagram;
+    for (const int fd : fds) {
+        const PollRecord record = encodePollCtlMsg({EPOLL_CTL_MOD, EPOLLIN, fd});
+        datagram.insert(datagram.end(), record.begin(), record.end());
+    }
+    return datagram;
+}
+
+TEST(PollDatagramTest, IsTakenApartInOrder) {
+    const Taken taken = takeAll(rowOf({7, 5, 6}));
+    EXPECT_TRUE(taken.whole);
+    EXPECT_THAT(taken.fds, testing::ElementsAre(7, 5, 6));
+}
+
+TEST(PollDatagramTest, IsNotWholeWhereBytesAreMissing) {
+    EXPECT_FALSE(takeAll({}).whole);
+    Bytes datagram = rowOf({7, 5});
+    datagram.pop_back();
+    const Taken taken = takeAll(datagram);
+    EXPECT_FALSE(taken.whole);
+    EXPECT_THAT(taken.fds, testing::ElementsAre(7));
+}
+
+class PollChannelTest : public DescriptorCountingTest {
+ protected:
+    void SetUp() override {
+        DescriptorCountingTest::SetUp();
+        ASSERT_EQ(createPollSocks(sender, server), 0);
+    }
+
+    void TearDown() override {
+        sender.reset();
+        server.reset();
+        DescriptorCountingTest::TearDown();
+    }
+
+    /// The next datagram in the channel, however long it is.
+    Bytes receive() {
+        Bytes bytes(1024);
+        const ssize_t count = recv(server.get(), bytes.data(), bytes.size(), MSG_DONTWAIT);
+        bytes.resize(count < 0 ? 0 : static_cast<std::size_t>(count));
+        return bytes;
+    }
+
+    /// Sends until no record goes in any more.
+    void fill() {
+        const PollRecord record = encodePollCtlMsg({EPOLL_CTL_MOD, EPOLLIN, -1});
+        while (send(sender.get(), record.data(), record.size(), MSG_DONTWAIT) != -1) {
+        }
+        ASSERT_EQ(errno, EAGAIN);
+    }
+
+    UniqueFd sender;
+    UniqueFd server;
+};
+
+Bytes recordOf(const PollCtlMsg& message) {
+    return toBytes(encodePollCtlMsg(message));
+}
+
+TEST_F(PollChannelTest, ConnectsTwoLocalDatagramSockets) {
+    for (const UniqueFd* end : {&sender, &server}) {
+        int value = 0;
+        socklen_t length = sizeof(value);
+        ASSERT_EQ(getsockopt(end->get(), SOL_SOCKET, SO_DOMAIN, &value, &length), 0);
+        EXPECT_EQ(value, AF_UNIX);
+        ASSERT_EQ(getsockopt(end->get(), SOL_SOCKET, SO_TYPE, &value, &length), 0);
+        EXPECT_EQ(value, SOCK_DGRAM);
+    }
+}
+
+TEST_F(PollChannelTest, NeverBlocksThePollLoopsEnd) {
+    EXPECT_NE(fcntl(server.get(), F_GETFL) & O_NONBLOCK, 0);
+    EXPECT_EQ(fcntl(sender.get(), F_GETFL) & O_NONBLOCK, 0);
+}
+
+TEST_F(PollChannelTest, SendsAnAddition) {
+    const AtLogLevel level("debug");
+    EXPECT_EQ(printedBy([this] { EXPECT_EQ(pollLoop_add_fd(sender.get(), 7, EPOLLIN), 0); }),
+              "debug Successfully sent fd 7 (add, EPOLLIN) to poll loop\n");
+    EXPECT_EQ(receive(), recordOf({EPOLL_CTL_ADD, EPOLLIN, 7}));
+}
+
+TEST_F(PollChannelTest, CallsEveryOtherEventMaskByTheNameForWriting) {
+    const AtLogLevel level("debug");
+    EXPECT_EQ(printedBy([this] { EXPECT_EQ(pollLoop_add_fd(sender.get(), 7, EPOLLOUT), 0); }),
+              "debug Successfully sent fd 7 (add, EPOLLOUT) to poll loop\n");
+    EXPECT_EQ(receive(), recordOf({EPOLL_CTL_ADD, EPOLLOUT, 7}));
+    EXPECT_EQ(printedBy([this] { pollLoop_add_fd(sender.get(), 7, EPOLLIN | EPOLLOUT); }),
+              "debug Successfully sent fd 7 (add, EPOLLOUT) to poll loop\n");
+}
+
+TEST_F(PollChannelTest, SendsARearmingWithoutAWord) {
+    const AtLogLevel level("trace");
+    EXPECT_EQ(printedBy([this] { EXPECT_EQ(pollLoop_mod_fd(sender.get(), 7, EPOLLIN), 0); }), "");
+    EXPECT_EQ(receive(), recordOf({EPOLL_CTL_MOD, EPOLLIN, 7}));
+}
+
+TEST_F(PollChannelTest, SendsManyRearmingsInOneDatagram) {
+    std::vector<int> fds(maxPollRecords);
+    std::iota(fds.begin(), fds.end(), 100);
+    EXPECT_EQ(printedBy([&] { EXPECT_EQ(pollLoop_mod_fds(sender.get(), fds, EPOLLIN), 0); }), "");
+    EXPECT_EQ(receive(), rowOf(fds));
+    EXPECT_EQ(receive(), Bytes());
+}
+
+TEST_F(PollChannelTest, SendsADeletion) {
+    const AtLogLevel level("debug");
+    EXPECT_EQ(printedBy([this] { EXPECT_EQ(pollLoop_del_fd(sender.get(), 7), 0); }),
+              "debug Successfully sent fd 7 (del) to poll loop\n");
+    EXPECT_EQ(receive(), recordOf({EPOLL_CTL_DEL, 0, 7}));
+}
+
+TEST_F(PollChannelTest, IsSilentAtTheDefaultLevel) {
+    EXPECT_EQ(printedBy([this] {
+                  pollLoop_add_fd(sender.get(), 7, EPOLLIN);
+                  pollLoop_del_fd(sender.get(), 7);
+              }),
+              "");
+}
+
+TEST_F(PollChannelTest, KeepsRecordsWholeAndInOrder) {
+    for (int fd = 10; fd < 15; ++fd) {
+        pollLoop_mod_fd(sender.get(), fd, EPOLLIN);
+    }
+    for (int fd = 10; fd < 15; ++fd) {
+        EXPECT_EQ(receive(), recordOf({EPOLL_CTL_MOD, EPOLLIN, fd}));
+    }
+}
+
+const std::string failureText =
+    "Error writing a control message to poll socket: bytes: -1 Error: Bad file descriptor\n";
+
+TEST_F(PollChannelTest, ReportsARecordThatCannotBeSent) {
+    EXPECT_EQ(printedBy([] { EXPECT_EQ(pollLoop_add_fd(-1, 7, EPOLLIN), -EBADF); }),
+              "error pollLoop_add_fd" + failureText);
+    EXPECT_EQ(printedBy([] { EXPECT_EQ(pollLoop_mod_fd(-1, 7, EPOLLIN), -EBADF); }),
+              "error pollLoop_mod_fd" + failureText);
+    EXPECT_EQ(printedBy([] { EXPECT_EQ(pollLoop_del_fd(-1, 7), -EBADF); }),
+              "error pollLoop_del_fd" + failureText);
+    const std::vector<int> fds{7, 8};
+    EXPECT_EQ(printedBy([&] { EXPECT_EQ(pollLoop_mod_fds(-1, fds, EPOLLIN), -EBADF); }),
+              "error pollLoop_mod_fd" + failureText);
+}
+
+TEST_F(PollChannelTest, LeavesTheErrorInErrnoForItsCallers) {
+    printedBy([] {
+        errno = 0;
+        pollLoop_del_fd(-1, 7);
+        EXPECT_EQ(errno, EBADF);
+    });
+}
+
+TEST_F(PollChannelTest, DoesNotCloseADescriptorWhoseDeletionCouldNotBeSent) {
+    const UniqueFd fd(dup(sender.get()));
+    printedBy([&fd] { pollLoop_del_fd(-1, fd.get()); });
+    EXPECT_TRUE(isOpen(fd.get()));
+}
+
+TEST_F(PollChannelTest, ReportsThatTheOtherEndIsGone) {
+    server.reset();
+    EXPECT_EQ(printedBy([this] { EXPECT_LT(pollLoop_mod_fd(sender.get(), 7, EPOLLIN), 0); }),
+              "error pollLoop_mod_fdError writing a control message to poll socket: bytes: -1 "
+              "Error: Connection refused\n");
+}
+
+TEST_F(PollChannelTest, ReportsThatNoDescriptorsAreLeft) {
+    UniqueFd first;
+    UniqueFd second;
+    int result = 0;
+    const std::string printed = printedBy([&] {
+        const DescriptorShortage shortage(1);
+        result = createPollSocks(first, second);
+    });
+    EXPECT_EQ(result, -EMFILE);
+    EXPECT_EQ(printed, "error Failed to create socketpair for poll socket: Too many open files\n");
+    EXPECT_FALSE(first);
+    EXPECT_FALSE(second);
+}
+
+TEST_F(PollChannelTest, MakesSendersWaitForRoom) {
+    fill();
+    ThreadMark mark;
+    std::thread waiting([&] {
+        mark.set();
+        EXPECT_EQ(pollLoop_mod_fd(sender.get(), 7, EPOLLIN), 0);
+    });
+    ASSERT_TRUE(mark.eventuallyBlocks());
+    while (!receive().empty()) {
+    }
+    waiting.join();
+}
+
+TEST_F(PollChannelTest, RetiringClosesWhatWasToBeDeletedAndNothingElse) {
+    const int deleted = dup(sender.get());
+    const UniqueFd armed(dup(sender.get()));
+    const UniqueFd added(dup(sender.get()));
+    pollLoop_add_fd(sender.get(), added.get(), EPOLLIN);
+    pollLoop_mod_fd(sender.get(), armed.get(), EPOLLIN);
+    ASSERT_EQ(send(sender.get(), "short", 5, 0), 5);
+    pollLoop_del_fd(sender.get(), deleted);
+    EXPECT_EQ(printedBy([this] { retirePollChannel(server.get()); }), "");
+    EXPECT_FALSE(isOpen(deleted));
+    EXPECT_TRUE(isOpen(armed.get()));
+    EXPECT_TRUE(isOpen(added.get()));
+}
+
+TEST_F(PollChannelTest, SendersDoNotFailAfterTheLoopHasEnded) {
+    const AtLogLevel level("trace");
+    retirePollChannel(server.get());
+    const int deleted = dup(sender.get());
+    EXPECT_EQ(printedBy([&] {
+                  EXPECT_EQ(pollLoop_add_fd(sender.get(), 7, EPOLLIN), 0);
+                  EXPECT_EQ(pollLoop_mod_fd(sender.get(), 7, EPOLLIN), 0);
+                  EXPECT_EQ(pollLoop_del_fd(sender.get(), deleted), 0);
+              }),
+              "");
+    EXPECT_FALSE(isOpen(deleted));
+}
+
+TEST_F(PollChannelTest, RetiringLetsEverySenderGoThatWaits) {
+    // More senders than the smallest queue holds records.
+    constexpr std::size_t senderCount = 24;
+    fill();
+    std::list<ThreadMark> marks(senderCount);
+    std::vector<std::thread> waiting;
+    for (ThreadMark& mark : marks) {
+        waiting.emplace_back([this, &mark] {
+            const int fd = dup(sender.get());
+            mark.set();
+            EXPECT_EQ(pollLoop_del_fd(sender.get(), fd), 0);
+        });
+    }
+    for (const ThreadMark& mark : marks) {
+        EXPECT_TRUE(mark.eventuallyBlocks());
+    }
+    EXPECT_EQ(printedBy([&] {
+                  retirePollChannel(server.get());
+                  for (std::thread& thread : waiting) {
+                      thread.join();
+                  }
+              }),
+              "");
+    // What slipped in between the shutdown and the end of the draining.
+    retirePollChannel(server.get());
+}
+
+}  // namespace
+}  // namespace vesk

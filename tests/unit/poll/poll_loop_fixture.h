@@ -1,0 +1,97 @@
+// The poll loop on a thread of its own, over a real epoll set, with all that it reports collected.
+#pragma once
+
+#include <gtest/gtest.h>
+
+#include <condition_variable>
+#include <iosfwd>
+#include <list>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <vector>
+
+#include "poll/poll_loop.h"
+#include "support/descriptors.h"
+
+namespace vesk {
+
+/// One call of one of the loop's three callbacks.
+struct Batch {
+    /// "read", "write" or "error".
+    std::string kind;
+    std::vector<int> fds;
+
+    bool operator==(const Batch&) const = default;
+};
+
+std::ostream& operator<<(std::ostream& out, const Batch& batch);
+
+/// A local stream socket, and its other end to make it ready or to see it closed.
+class WatchedSocket {
+ public:
+    WatchedSocket();
+
+    int fd() const { return watched_.get(); }
+    /// Gives the descriptor to the loop, which closes it when it is deleted.
+    int giveAway() { return watched_.release(); }
+    void makeReady();
+    void drain();
+    /// Waits until the watched end is closed.
+    bool awaitClosed();
+    void hangUp() { other_.reset(); }
+
+ private:
+    UniqueFd watched_;
+    UniqueFd other_;
+};
+
+class PollLoopTest : public DescriptorCountingTest {
+ protected:
+    void SetUp() override;
+    void TearDown() override;
+
+    /// Starts the loop with callbacks that collect batches.
+    void startLoop();
+    /// The next batch reported; an empty one where none comes.
+    Batch nextBatch();
+    /// Returns when the loop has carried out every request sent so far.
+    void awaitRequests();
+    /// Fails the test if the loop has anything to report that is not asked for.
+    void expectNoFurtherBatch();
+
+    /// While it lives, the loop stands in a callback and comes to no wait.
+    class Standstill {
+     public:
+        explicit Standstill(PollLoopTest& test);
+        ~Standstill();
+        Standstill(const Standstill&) = delete;
+        Standstill& operator=(const Standstill&) = delete;
+
+     private:
+        PollLoopTest& test_;
+        WatchedSocket gate_;
+    };
+
+    void add(int fd, int events);
+    void arm(int fd, int events);
+    void remove(int fd);
+
+    std::int32_t activeCount() const { return param->ActiveEvtNr.load(); }
+
+    UniqueFd sender;
+    UniqueFd server;
+    PollParams readQueues;
+    PollParams writeQueues;
+    std::unique_ptr<PollThreadParam> param;
+
+ private:
+    void report(const std::string& kind, const std::vector<int>& fds);
+
+    std::mutex mutex_;
+    std::condition_variable changed_;
+    std::list<Batch> batches_;
+    bool standing_ = false;
+};
+
+}  // namespace vesk

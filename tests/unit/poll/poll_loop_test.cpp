@@ -1,0 +1,358 @@
+#include "poll/poll_loop.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <pthread.h>
+#include <sys/epoll.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <array>
+#include <cerrno>
+#include <csignal>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "poll/poll_channel.h"
+#include "poll/poll_loop_fixture.h"
+#include "support/bytes.h"
+#include "support/printed.h"
+
+namespace vesk {
+namespace {
+
+TEST_F(PollLoopTest, ReportsASocketThatIsReadyWhenItIsAdded) {
+    startLoop();
+    WatchedSocket socket;
+    socket.makeReady();
+    add(socket.fd(), EPOLLIN);
+    EXPECT_EQ(nextBatch(), (Batch{"read", {socket.fd()}}));
+    param->thread.stop();
+    EXPECT_EQ(param->RdReadyNr.value(), 1U);
+    EXPECT_EQ(param->WrReadyNr.value(), 0U);
+    EXPECT_EQ(param->ErrorNr.value(), 0U);
+    EXPECT_EQ(activeCount(), 0);
+}
+
+TEST_F(PollLoopTest, ReportsASocketThatBecomesReadyLater) {
+    startLoop();
+    WatchedSocket socket;
+    add(socket.fd(), EPOLLIN);
+    awaitRequests();
+    EXPECT_EQ(activeCount(), 1);
+    socket.makeReady();
+    EXPECT_EQ(nextBatch(), (Batch{"read", {socket.fd()}}));
+}
+
+TEST_F(PollLoopTest, IsSilentAboutASocketUntilItIsArmedAgain) {
+    startLoop();
+    WatchedSocket socket;
+    socket.makeReady();
+    add(socket.fd(), EPOLLIN);
+    nextBatch();
+    socket.makeReady();
+    expectNoFurtherBatch();
+    arm(socket.fd(), EPOLLIN);
+    EXPECT_EQ(nextBatch(), (Batch{"read", {socket.fd()}}));
+    EXPECT_EQ(param->RdReadyNr.value(), 3U);
+}
+
+TEST_F(PollLoopTest, CountsArmedSockets) {
+    startLoop();
+    WatchedSocket first;
+    WatchedSocket second;
+    add(first.fd(), EPOLLIN);
+    add(second.fd(), EPOLLIN);
+    awaitRequests();
+    EXPECT_EQ(activeCount(), 2);
+    first.makeReady();
+    nextBatch();
+    EXPECT_EQ(activeCount(), 1);
+    first.drain();
+    arm(first.fd(), EPOLLIN);
+    awaitRequests();
+    EXPECT_EQ(activeCount(), 2);
+    arm(first.fd(), EPOLLIN);
+    awaitRequests();
+    EXPECT_EQ(activeCount(), 3);
+    remove(second.giveAway());
+    awaitRequests();
+    EXPECT_EQ(activeCount(), 2);
+}
+
+TEST_F(PollLoopTest, ClosesADeletedSocket) {
+    startLoop();
+    WatchedSocket socket;
+    add(socket.fd(), EPOLLIN);
+    remove(socket.giveAway());
+    EXPECT_TRUE(socket.awaitClosed());
+    awaitRequests();
+    EXPECT_EQ(activeCount(), 0);
+}
+
+TEST_F(PollLoopTest, ClosesASocketThatWasNeverAddedWithoutAWord) {
+    EXPECT_EQ(printedBy([this] {
+                  startLoop();
+                  WatchedSocket socket;
+                  remove(socket.giveAway());
+                  EXPECT_TRUE(socket.awaitClosed());
+                  awaitRequests();
+              }),
+              "");
+    EXPECT_EQ(activeCount(), 0);
+}
+
+TEST_F(PollLoopTest, TakesADuplicateOfAWatchedSocketForOneThatWasNeverAdded) {
+    startLoop();
+    WatchedSocket socket;
+    add(socket.fd(), EPOLLIN);
+    const int duplicate = dup(socket.fd());
+    EXPECT_EQ(printedBy([&] {
+                  remove(duplicate);
+                  awaitRequests();
+              }),
+              "");
+    EXPECT_FALSE(isOpen(duplicate));
+    EXPECT_EQ(activeCount(), 1);
+    socket.makeReady();
+    EXPECT_EQ(nextBatch(), (Batch{"read", {socket.fd()}}));
+}
+
+TEST_F(PollLoopTest, ReportsWhatCannotBeCarriedOutAndChangesNothing) {
+    startLoop();
+    WatchedSocket socket;
+    add(socket.fd(), EPOLLIN);
+    awaitRequests();
+    const std::string fd = std::to_string(socket.fd());
+    EXPECT_EQ(printedBy([&] {
+                  add(socket.fd(), EPOLLIN);
+                  awaitRequests();
+              }),
+              "error epoll_ctl error: msgchanfd ctl_op 1 fd " + fd + " errno 17 (File exists)\n");
+    const UniqueFd other(dup(socket.fd()));
+    const std::string otherFd = std::to_string(other.get());
+    EXPECT_EQ(printedBy([&] {
+                  arm(other.get(), EPOLLIN);
+                  awaitRequests();
+              }),
+              "error epoll_ctl error: msgchanfd ctl_op 3 fd " + otherFd +
+                  " errno 2 (No such file or directory)\n");
+    EXPECT_TRUE(isOpen(other.get()));
+    EXPECT_EQ(activeCount(), 1);
+}
+
+TEST_F(PollLoopTest, ReportsTheDeletionOfADescriptorThatIsNotOpen) {
+    startLoop();
+    EXPECT_EQ(printedBy([this] {
+                  remove(1000);
+                  awaitRequests();
+              }),
+              "error epoll_ctl error: msgchanfd ctl_op 2 fd 1000 errno 9 (Bad file descriptor)\n");
+    EXPECT_EQ(activeCount(), 0);
+}
+
+TEST_F(PollLoopTest, ReportsAnUnknownOperation) {
+    startLoop();
+    WatchedSocket socket;
+    const std::string fd = std::to_string(socket.fd());
+    const PollRecord record = encodePollCtlMsg({9, EPOLLIN, socket.fd()});
+    EXPECT_EQ(
+        printedBy([&] {
+            EXPECT_EQ(send(sender.get(), record.data(), record.size(), 0), 16);
+            awaitRequests();
+        }),
+        "error epoll_ctl error: msgchanfd ctl_op 9 fd " + fd + " errno 22 (Invalid argument)\n");
+}
+
+TEST_F(PollLoopTest, ReportsAShortRecordAndIgnoresIt) {
+    startLoop();
+    for (const std::size_t length : {12U, 15U, 1U, 0U}) {
+        const std::array<char, 16> bytes{1};
+        EXPECT_EQ(printedBy([&] {
+                      EXPECT_EQ(send(sender.get(), bytes.data(), length, 0),
+                                static_cast<ssize_t>(length));
+                      awaitRequests();
+                  }),
+                  "error recv: msgchanfd: short read on a datagram socket!\n\n")
+            << length;
+    }
+    EXPECT_EQ(activeCount(), 0);
+    expectNoFurtherBatch();
+}
+
+TEST_F(PollLoopTest, CarriesOutEveryRecordOfADatagram) {
+    startLoop();
+    std::array<WatchedSocket, 3> sockets;
+    std::vector<int> fds;
+    for (WatchedSocket& socket : sockets) {
+        add(socket.fd(), EPOLLIN);
+        fds.push_back(socket.fd());
+    }
+    awaitRequests();
+    EXPECT_EQ(pollLoop_mod_fds(sender.get(), fds, EPOLLIN), 0);
+    awaitRequests();
+    EXPECT_EQ(activeCount(), 6);
+}
+
+TEST_F(PollLoopTest, CarriesOutTheWholeRecordsBeforeAShortOne) {
+    startLoop();
+    WatchedSocket socket;
+    socket.makeReady();
+    Bytes bytes = toBytes(encodePollCtlMsg({EPOLL_CTL_ADD, EPOLLIN, socket.fd()}));
+    bytes.resize(20);
+    EXPECT_EQ(printedBy([&] {
+                  EXPECT_EQ(send(sender.get(), bytes.data(), bytes.size(), 0), 20);
+                  EXPECT_EQ(nextBatch(), (Batch{"read", {socket.fd()}}));
+              }),
+              "error recv: msgchanfd: short read on a datagram socket!\n\n");
+}
+
+TEST_F(PollLoopTest, ReportsReadinessForWriting) {
+    startLoop();
+    WatchedSocket socket;
+    add(socket.fd(), EPOLLOUT);
+    EXPECT_EQ(nextBatch(), (Batch{"write", {socket.fd()}}));
+    EXPECT_EQ(param->WrReadyNr.value(), 1U);
+    EXPECT_EQ(param->RdReadyNr.value(), 0U);
+    EXPECT_EQ(activeCount(), 0);
+}
+
+TEST_F(PollLoopTest, ReportsOneSocketUnderEverythingThatHappenedToIt) {
+    startLoop();
+    WatchedSocket socket;
+    socket.makeReady();
+    socket.hangUp();
+    add(socket.fd(), EPOLLIN | EPOLLOUT);
+    EXPECT_EQ(nextBatch(), (Batch{"read", {socket.fd()}}));
+    EXPECT_EQ(nextBatch(), (Batch{"write", {socket.fd()}}));
+    EXPECT_EQ(nextBatch(), (Batch{"error", {socket.fd()}}));
+    EXPECT_EQ(param->RdReadyNr.value(), 1U);
+    EXPECT_EQ(param->WrReadyNr.value(), 1U);
+    EXPECT_EQ(param->ErrorNr.value(), 1U);
+    // Both ways take one from a single registration.
+    EXPECT_EQ(activeCount(), -1);
+}
+
+TEST_F(PollLoopTest, CountsAHangUpAndPrintsNothing) {
+    Pipe pipe;
+    EXPECT_EQ(printedBy([&] {
+                  startLoop();
+                  // Nothing to read is waited for, so only the hang-up itself shows.
+                  add(pipe.read.get(), EPOLLOUT);
+                  awaitRequests();
+                  pipe.write.reset();
+                  EXPECT_EQ(nextBatch(), (Batch{"error", {pipe.read.get()}}));
+              }),
+              "");
+    EXPECT_EQ(param->ErrorNr.value(), 1U);
+    EXPECT_EQ(activeCount(), 1);
+    EXPECT_TRUE(isOpen(pipe.read.get()));
+}
+
+TEST_F(PollLoopTest, TakesAsManyEventsAtOnceAsThereAreSockets) {
+    startLoop();
+    std::array<WatchedSocket, 5> sockets;
+    for (WatchedSocket& socket : sockets) {
+        add(socket.fd(), EPOLLIN);
+    }
+    awaitRequests();
+    std::vector<int> expected;
+    {
+        const Standstill standstill(*this);
+        for (WatchedSocket& socket : sockets) {
+            socket.makeReady();
+            expected.push_back(socket.fd());
+        }
+    }
+    EXPECT_EQ(nextBatch(), (Batch{"read", expected}));
+}
+
+TEST_F(PollLoopTest, SortsOneBatchByWhatHappened) {
+    startLoop();
+    WatchedSocket readable;
+    WatchedSocket writable;
+    Pipe hungUp;
+    add(readable.fd(), EPOLLIN);
+    add(hungUp.read.get(), EPOLLOUT);
+    awaitRequests();
+    {
+        const Standstill standstill(*this);
+        hungUp.write.reset();
+        add(writable.fd(), EPOLLOUT);
+        readable.makeReady();
+    }
+    EXPECT_EQ(nextBatch(), (Batch{"read", {readable.fd()}}));
+    EXPECT_EQ(nextBatch(), (Batch{"error", {hungUp.read.get()}}));
+    EXPECT_EQ(nextBatch(), (Batch{"write", {writable.fd()}}));
+}
+
+TEST_F(PollLoopTest, ServesManySocketsComingAndGoing) {
+    startLoop();
+    for (int round = 0; round < 20; ++round) {
+        std::array<WatchedSocket, 8> sockets;
+        std::vector<int> reported;
+        for (WatchedSocket& socket : sockets) {
+            add(socket.fd(), EPOLLIN);
+            socket.makeReady();
+        }
+        while (reported.size() < sockets.size()) {
+            const Batch batch = nextBatch();
+            ASSERT_EQ(batch.kind, "read");
+            reported.insert(reported.end(), batch.fds.begin(), batch.fds.end());
+        }
+        for (WatchedSocket& socket : sockets) {
+            remove(socket.giveAway());
+            EXPECT_TRUE(socket.awaitClosed());
+        }
+    }
+    awaitRequests();
+    EXPECT_EQ(param->RdReadyNr.value(), 160U);
+    // Each socket was armed once, fired once, and went.
+    EXPECT_EQ(activeCount(), -160);
+}
+
+TEST_F(PollLoopTest, GoesOnAfterASignal) {
+    struct sigaction action {};
+    action.sa_handler = [](int) {};
+    struct sigaction before {};
+    ASSERT_EQ(sigaction(SIGUSR1, &action, &before), 0);
+    startLoop();
+    awaitRequests();
+    EXPECT_EQ(printedBy([this] {
+                  for (int i = 0; i < 10; ++i) {
+                      pthread_kill(param->thread.id(), SIGUSR1);
+                      expectNoFurtherBatch();
+                  }
+              }),
+              "");
+    param->thread.stop();
+    sigaction(SIGUSR1, &before, nullptr);
+}
+
+TEST_F(PollLoopTest, EndsWhereItCannotWatchTheChannel) {
+    PollThreadParam broken(-1, readQueues, writeQueues);
+    const auto never = [](const std::vector<int>&) { ADD_FAILURE(); };
+    EXPECT_EQ(printedBy([&] { EXPECT_EQ(pollLoop(broken, never, never, never), -EBADF); }),
+              "error Failed to add msgchanfd to epoll set: Bad file descriptor\n");
+}
+
+TEST_F(PollLoopTest, EndsWhereThereIsNoEpollSet) {
+    std::unique_ptr<PollThreadParam> broken;
+    {
+        const DescriptorShortage shortage(0);
+        broken = std::make_unique<PollThreadParam>(server.get(), readQueues, writeQueues);
+    }
+    const auto never = [](const std::vector<int>&) { ADD_FAILURE(); };
+    EXPECT_EQ(printedBy([&] { EXPECT_EQ(pollLoop(*broken, never, never, never), -EBADF); }),
+              "error Failed to add msgchanfd to epoll set: Bad file descriptor\n");
+}
+
+TEST_F(PollLoopTest, EndsOnlyWhenItIsCancelled) {
+    startLoop();
+    awaitRequests();
+    EXPECT_EQ(printedBy([this] { EXPECT_EQ(param->thread.stop(), 0); }), "");
+}
+
+}  // namespace
+}  // namespace vesk

@@ -1,0 +1,85 @@
+#include "poll/poll_param.h"
+
+#include <gtest/gtest.h>
+
+#include <memory>
+#include <string>
+
+#include "poll/receive_worker.h"
+#include "support/printed.h"
+#include "support/thread_state.h"
+
+namespace vesk {
+namespace {
+
+TEST(PollParamTest, StartsWithNothingCounted) {
+    PollParam worker([](int, bool&, std::uint32_t) { return 0; });
+    EXPECT_EQ(worker.workerParameter, 0U);
+    EXPECT_EQ(worker.pause, 0U);
+    EXPECT_EQ(worker.receivedTotal.value(), 0U);
+    EXPECT_EQ(worker.wakeCount.value(), 0U);
+    EXPECT_EQ(worker.queueDepthSum.load(), 0U);
+    EXPECT_FALSE(worker.thread.started());
+}
+
+TEST(PollThreadParamTest, StartsWithNothingCounted) {
+    const PollParams workers;
+    const PollThreadParam param(7, workers, workers);
+    EXPECT_EQ(param.msgchanfd, 7);
+    EXPECT_EQ(param.readStart, 0U);
+    EXPECT_EQ(param.writeStart, 0U);
+    EXPECT_EQ(param.RdReadyNr.value(), 0U);
+    EXPECT_EQ(param.WrReadyNr.value(), 0U);
+    EXPECT_EQ(param.ErrorNr.value(), 0U);
+    EXPECT_EQ(param.ActiveEvtNr.load(), 0);
+}
+
+TEST(StopThreadsTest, EndsEveryThreadAndReleasesEveryRecord) {
+    PollParams threads;
+    std::vector<std::weak_ptr<PollParam>> watched;
+    for (int i = 0; i < 3; ++i) {
+        auto worker = std::make_shared<PollParam>([](int, bool&, std::uint32_t) { return 0; });
+        ASSERT_EQ(worker->thread.start([param = worker.get()] { runReceiveWorker(*param); }), 0);
+        watched.push_back(worker);
+        threads.push_back(std::move(worker));
+    }
+    EXPECT_EQ(printedBy([&threads] { stopThreads(threads); }), "");
+    EXPECT_TRUE(threads.empty());
+    for (const auto& worker : watched) {
+        EXPECT_TRUE(worker.expired());
+    }
+}
+
+TEST(StopThreadsTest, EndsThemInTheOrderOfTheList) {
+    std::string order;
+    PollParams threads;
+    std::vector<ThreadMark> marks(3);
+    struct Witness {
+        std::string& text;
+        char name;
+        ~Witness() { text += name; }
+    };
+    for (std::size_t i = 0; i < marks.size(); ++i) {
+        auto worker = std::make_shared<PollParam>([](int, bool&, std::uint32_t) { return 0; });
+        ASSERT_EQ(worker->thread.start([&order, &mark = marks[i], param = worker.get(), i] {
+            const Witness witness{order, static_cast<char>('a' + i)};
+            mark.set();
+            runReceiveWorker(*param);
+        }),
+                  0);
+        ASSERT_TRUE(marks[i].eventuallyBlocks());
+        threads.push_back(std::move(worker));
+    }
+    stopThreads(threads);
+    EXPECT_EQ(order, "abc");
+}
+
+TEST(StopThreadsTest, TakesThreadsThatNeverStarted) {
+    PollParams threads{std::make_shared<PollParam>([](int, bool&, std::uint32_t) { return 0; })};
+    EXPECT_EQ(printedBy([&threads] { stopThreads(threads); }), "");
+    EXPECT_TRUE(threads.empty());
+    stopThreads(threads);
+}
+
+}  // namespace
+}  // namespace vesk
