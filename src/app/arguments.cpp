@@ -24,12 +24,13 @@ std::optional<int> parseVersion(std::string_view text) {
     return std::nullopt;
 }
 
-/// Whole seconds, as nanoseconds; they have to fit.
+/// Whole seconds, as nanoseconds; they have to fit. A sign would let huge negative numbers wrap
+/// into small ones.
 std::optional<std::int64_t> parseInterval(const std::string& text) {
     constexpr std::uint64_t longest =
         std::numeric_limits<std::int64_t>::max() / nanosecondsPerSecond;
     const std::optional<std::uint64_t> seconds = parseUnsigned(text);
-    if (!seconds || *seconds == 0 || *seconds > longest) {
+    if (!seconds || *seconds == 0 || *seconds > longest || text.find('-') != std::string::npos) {
         logError("Bad duration argument [", text, "]");
         return std::nullopt;
     }
@@ -44,9 +45,9 @@ std::optional<bool> parseSwitch(std::size_t position, std::string_view text) {
     return std::nullopt;
 }
 
-/// Stores what was parsed; false where there is nothing.
+/// Takes over what was parsed, if anything was; whether it was.
 template <typename Value>
-bool store(const std::optional<Value>& parsed, Value& target) {
+bool takeOver(const std::optional<Value>& parsed, Value& target) {
     target = parsed.value_or(target);
     return parsed.has_value();
 }
@@ -54,13 +55,13 @@ bool store(const std::optional<Value>& parsed, Value& target) {
 bool parseArgument(std::size_t position, const char* text, Arguments& arguments) {
     switch (position) {
         case 1:
-            return store(parseVersion(text), arguments.framingVersion);
+            return takeOver(parseVersion(text), arguments.framingVersion);
         case 2:
-            return store(parseInterval(text), arguments.cleanUpIntervalNanoseconds);
+            return takeOver(parseInterval(text), arguments.cleanUpIntervalNanoseconds);
         case 3:
-            return store(parseSwitch(position, text), arguments.cleanUp.main);
+            return takeOver(parseSwitch(position, text), arguments.cleanUp.main);
         case 4:
-            return store(parseSwitch(position, text), arguments.cleanUp.aux);
+            return takeOver(parseSwitch(position, text), arguments.cleanUp.aux);
         default:
             return true;
     }

@@ -4,19 +4,13 @@
 // A record of names with little code of its own. Only source files include it, never a header.
 #pragma once
 
-#include <atomic>
-#include <cstdint>
 #include <list>
 #include <memory>
-#include <optional>
-#include <string>
-#include <unordered_map>
 
+#include "app/lateral_stream.h"
 #include "base/sync.h"
 #include "base/thread_control.h"
 #include "base/unique_fd.h"
-#include "flow/hmac_info.h"
-#include "flow/ip_addr_info.h"
 #include "net/endpoint.h"
 #include "poll/poll_param.h"
 
@@ -30,41 +24,6 @@ struct FramingDescriptor;
 struct DownstreamListener {
     /// Held here as well as by the thread, so that it is the main thread that releases it last.
     EndpointPtr endpoint;
-    CancellableThread thread;
-};
-
-/// The instances that share the label space, by index.
-class LateralPeers {
- public:
-    /// Adds the peer or replaces its address.
-    void set(std::uint32_t index, const IPAddrInfo& address) VESK_EXCLUDES(lock_);
-    /// The peer's address with this port; none for an unknown index.
-    std::optional<SocketAddress> find(std::uint32_t index, std::uint16_t port) const
-        VESK_EXCLUDES(lock_);
-    bool empty() const VESK_EXCLUDES(lock_);
-
- private:
-    mutable RwLock lock_;
-    std::unordered_map<std::uint32_t, IPAddrInfo> peers_ VESK_GUARDED_BY(lock_);
-};
-
-/// The lateral stream's settings. Written by "start_lateral" before `running` is set, read by the
-/// receive threads after they saw it set.
-struct LateralStream {
-    std::atomic<bool> running{false};
-    /// Peers listen on the same port; only their addresses differ.
-    std::atomic<std::uint64_t> port{0};
-    std::atomic<std::uint32_t> index{0};
-    /// The number of instances that share the label space; 0: every label is this instance's.
-    std::atomic<std::uint32_t> maxQels{0};
-    LateralPeers peers;
-
-    /// The same key twice: each use has a context of its own.
-    Mutex signingLock;
-    HmacInfo signingKey VESK_GUARDED_BY(signingLock);
-    /// Used by the lateral receive thread alone, and before it starts by "start_lateral".
-    HmacInfo checkingKey;
-
     CancellableThread thread;
 };
 

@@ -1,9 +1,13 @@
 #include "app/forwarder_process.h"
 
+#include <fcntl.h>
+#include <unistd.h>
+
 #include <cerrno>
 #include <csignal>
 #include <cstdio>
 #include <ios>
+#include <optional>
 #include <thread>
 
 #include "app/core_dumps.h"
@@ -29,51 +33,63 @@ constexpr int failureStatus = -1;
 
 const unsigned receiveThreadCount = std::thread::hardware_concurrency();
 
-// ---- Start-up. Each step returns 0, or the exit status that ends the process. ----
+// ---- Start-up. A step that fails gives the exit status, which may be 0. ----
 
-/// A worker's record, its thread running; null, after logging, where there is none to be had.
-std::shared_ptr<PollParam> startReceiveWorker(const std::shared_ptr<ForwarderContext>& context) {
+using Failure = std::optional<int>;
+
+/// Keeps the numbers of closed standard descriptors from going to sockets, which would then be read
+/// for commands or written full of log lines. Reading and writing them fails as before.
+void occupyStandardDescriptors() {
+    for (const int fd : {STDIN_FILENO, STDOUT_FILENO, STDERR_FILENO}) {
+        if (fcntl(fd, F_GETFD) == -1) {
+            // It gets the lowest free number, which is this one, and keeps it while the process
+            // lives.
+            static_cast<void>(open("/dev/null", fd == STDIN_FILENO ? O_WRONLY : O_RDONLY));
+        }
+    }
+}
+
+std::shared_ptr<PollParam> makeReceiveWorker(const std::shared_ptr<ForwarderContext>& context) {
     const auto receiver = std::make_shared<UpstreamReceiver>(context);
-    auto worker = std::make_shared<PollParam>(
+    return std::make_shared<PollParam>(
         [receiver](int fd, bool& keep, std::uint32_t /*workerParameter*/) {
             return upstreamSocketRecv(fd, keep, *receiver);
         },
         [receiver](std::vector<int>& serving) { receiver->endPass(serving); });
-    const int error = worker->thread.start([param = worker.get()] { runReceiveWorker(*param); });
-    if (error != 0) {
-        const int savedErrno = errno;
-        logError("Failed to create Upstream Recv Threads, Error: ", errorText(error));
-        errno = savedErrno;
-        return nullptr;
-    }
-    return worker;
 }
 
-int startReceiveWorkers(const std::shared_ptr<ForwarderContext>& context) {
+/// Gives up the workers after `error` kept one from starting. Kept: errno, and not that error,
+/// decides; with errno clear the process goes on without workers.
+Failure giveUpReceiveWorkers(int error, int errnoThen, PollParams& workers) {
+    logError("Failed to create Upstream Recv Threads, Error: ", errorText(error));
+    stopThreads(workers);
+    if (errnoThen == 0) {
+        return std::nullopt;
+    }
+    logError("Failed to create upstream threads");
+    return -errnoThen;
+}
+
+Failure startReceiveWorkers(const std::shared_ptr<ForwarderContext>& context) {
     unsigned count = receiveThreadCount;
     if (count < 1) {
         logError("Number of Receive threads cannot be zero. Using 1 thread instead!");
         count = 1;
     }
     for (unsigned i = 0; i < count; ++i) {
-        std::shared_ptr<PollParam> worker = startReceiveWorker(context);
-        if (!worker) {
-            const int error = errno;
-            stopThreads(context->receiveWorkers);
-            // Kept: errno decides, not the result of the thread's creation. With errno clear the
-            // process goes on without workers.
-            if (error != 0) {
-                logError("Failed to create upstream threads");
-            }
-            return -error;
+        const std::shared_ptr<PollParam> worker = makeReceiveWorker(context);
+        const int error =
+            worker->thread.start([param = worker.get()] { runReceiveWorker(*param); });
+        if (error != 0) {
+            return giveUpReceiveWorkers(error, errno, context->receiveWorkers);
         }
         logInfo("created upstream recvThread ", worker->thread.id());
-        context->receiveWorkers.push_back(std::move(worker));
+        context->receiveWorkers.push_back(worker);
     }
-    return 0;
+    return std::nullopt;
 }
 
-int startPollThread(ForwarderContext& context) {
+Failure startPollThread(ForwarderContext& context) {
     context.pollThread = std::make_shared<PollThreadParam>(
         context.serverPollSock.get(), context.receiveWorkers, context.sendWorkers);
     PollThreadParam& param = *context.pollThread;
@@ -83,10 +99,10 @@ int startPollThread(ForwarderContext& context) {
         return -error;
     }
     logInfo("Created pollLoop thread: ", std::hex, param.thread.id());
-    return 0;
+    return std::nullopt;
 }
 
-int startCleanUpTask(const Arguments& arguments, ForwarderContext& context) {
+Failure startCleanUpTask(const Arguments& arguments, ForwarderContext& context) {
     constexpr const char* name = "FlowCleanUpTask";
     const CleanUpSwitches switches = arguments.cleanUp;
     context.cleanUpTask = std::make_shared<PeriodicTask>(
@@ -100,18 +116,18 @@ int startCleanUpTask(const Arguments& arguments, ForwarderContext& context) {
     logInfo("Created periodic task [", name, "] thread: ", std::hex,
             context.cleanUpTask->threadId(), std::dec, "; main/aux flow cleanup switches [",
             int{switches.main}, "/", int{switches.aux}, "]");
-    return 0;
+    return std::nullopt;
 }
 
-int startThreads(const Arguments& arguments, const std::shared_ptr<ForwarderContext>& context) {
-    int status = startReceiveWorkers(context);
-    if (status == 0) {
-        status = startPollThread(*context);
+Failure startThreads(const Arguments& arguments, const std::shared_ptr<ForwarderContext>& context) {
+    Failure failure = startReceiveWorkers(context);
+    if (!failure) {
+        failure = startPollThread(*context);
     }
-    if (status == 0) {
-        status = startCleanUpTask(arguments, *context);
+    if (!failure) {
+        failure = startCleanUpTask(arguments, *context);
     }
-    return status;
+    return failure;
 }
 
 // ---- Shut-down, in this order. ----
@@ -156,22 +172,23 @@ int shutDown(ForwarderContext& context, int status) {
 
 /// From the first thread to the last; the context goes with the caller's share.
 int serve(const Arguments& arguments, const std::shared_ptr<ForwarderContext>& context) {
-    int status = createPollSocks(context->pollSocket, context->serverPollSock);
-    if (status != 0) {
+    const int created = createPollSocks(context->pollSocket, context->serverPollSock);
+    if (created != 0) {
         logError("Failed to create poll socks");
-        return status;
+        return created;
     }
-    status = startThreads(arguments, context);
-    if (status == 0) {
-        status = cltMessageLoop(
-            [&context](std::string_view line) { dispatchCommand(line, context); }, stdin);
+    if (const Failure failure = startThreads(arguments, context)) {
+        return shutDown(*context, *failure);
     }
+    const int status = cltMessageLoop(
+        [&context](std::string_view line) { dispatchCommand(line, context); }, stdin);
     return shutDown(*context, status);
 }
 
 }  // namespace
 
 int runForwarder(std::span<const char* const> texts) {
+    occupyStandardDescriptors();
     // A log reader that went away must not end the process: traffic is worth more than its log.
     std::signal(SIGPIPE, SIG_IGN);
     allowCoreDumps();

@@ -50,7 +50,9 @@ int CancellableThread::stop() {
     const int result = cancelAndJoin();
     started_ = false;
     id_ = {};
-    body_ = nullptr;
+    if (result == 0 || result == ESRCH) {
+        body_ = nullptr;
+    }
     return result;
 }
 

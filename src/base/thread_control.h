@@ -38,7 +38,7 @@ class CancellableThread {
     int start(std::function<void()> body);
 
     /// Cancels and joins. 0, or an error code of the two calls; any but ESRCH (the thread had ended
-    /// by itself) is logged. Afterwards nothing runs, and the body and all it holds are gone.
+    /// by itself) is logged. Once joined, the body and all it holds are gone.
     int stop();
 
     bool started() const { return started_; }

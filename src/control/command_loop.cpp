@@ -19,10 +19,12 @@ class LineBuffer {
     LineBuffer(const LineBuffer&) = delete;
     LineBuffer& operator=(const LineBuffer&) = delete;
 
-    /// False at end of input and after a read error.
+    /// False at end of input and after a read error. What an error cuts off is no line: half a
+    /// command may mean something else.
     bool read(std::FILE* input) {
         length_ = getline(&text_, &capacity_, input);
-        return length_ >= 0;
+        return length_ >= 0 &&
+               (line().size() < static_cast<std::size_t>(length_) || std::ferror(input) == 0);
     }
 
     std::string_view line() const {

@@ -5,7 +5,6 @@
 #include <optional>
 #include <stdexcept>
 #include <utility>
-#include <vector>
 
 #include "app/forwarder_context.h"
 #include "base/parse_number.h"
@@ -48,7 +47,7 @@ std::optional<ListenAddress> parseStart(TokenQueue& tokens) {
         return std::nullopt;
     }
     try {
-        const IPAddrInfo usable(*address, static_cast<std::uint32_t>(*port));
+        const IPAddrInfo resolved(*address, static_cast<std::uint32_t>(*port));
     } catch (const std::invalid_argument&) {
         logError("startForwarder: bad command,  Invalid address and/or port ");
         return std::nullopt;
@@ -56,16 +55,14 @@ std::optional<ListenAddress> parseStart(TokenQueue& tokens) {
     return ListenAddress{*address, *port};
 }
 
-bool isListenersEndpoint(const ForwarderContext& context, const EndpointPtr& endpoint) {
-    return std::ranges::any_of(context.downstreamListeners,
-                               [&](const auto& it) { return it.endpoint == endpoint; });
-}
-
-/// Puts the endpoint in place of the one before, which lives on only where a thread serves it.
-void replaceDownstreamEndpoint(EndpointPtr endpoint, ForwarderContext& context) {
-    EndpointPtr old = context.downstreamEndpoint.exchange(std::move(endpoint));
-    if (!isListenersEndpoint(context, old)) {
-        closeListeningEndpoint(std::move(old), context);
+/// Releases the context's endpoint; one that a receive thread serves lives on with that thread.
+void releaseDownstreamEndpoint(ForwarderContext& context) {
+    EndpointPtr endpoint = context.downstreamEndpoint.exchange(nullptr);
+    const bool served = std::ranges::any_of(context.downstreamListeners, [&](const auto& listener) {
+        return listener.endpoint == endpoint;
+    });
+    if (!served) {
+        closeListeningEndpoint(std::move(endpoint), context);
     }
 }
 
@@ -92,9 +89,11 @@ bool startForwarder(TokenQueue tokens, const std::shared_ptr<ForwarderContext>& 
     if (!listen) {
         return false;
     }
+    // First, since one that an earlier attempt left without a thread may hold the same port.
+    releaseDownstreamEndpoint(*context);
     const EndpointPtr endpoint =
         makeDownstreamEndpoint(listen->address, static_cast<int>(listen->port));
-    replaceDownstreamEndpoint(endpoint, *context);
+    context->downstreamEndpoint.exchange(endpoint);
     const int result = endpoint ? startDownstreamThread(endpoint, context) : -1;
     // Kept: said whether or not it started; what failed was said before.
     logInfo("Vesk started on port ", listen->port, " address ", listen->address);
@@ -107,23 +106,18 @@ bool stopForwarder(TokenQueue /*tokens*/, const std::shared_ptr<ForwarderContext
 }
 
 bool stopForwarder(ForwarderContext& context) {
-    std::vector<EndpointPtr> served;
+    const bool listening = !context.downstreamListeners.empty();
     for (DownstreamListener& listener : context.downstreamListeners) {
         listener.thread.stop();
-        served.push_back(std::move(listener.endpoint));
     }
-    context.downstreamListeners.clear();
-    if (!served.empty()) {
+    if (listening) {
         logInfo("Forwarder listener stopped");
     }
-    EndpointPtr current = context.downstreamEndpoint.exchange(nullptr);
-    if (std::ranges::find(served, current) == served.end()) {
-        served.push_back(current);
+    releaseDownstreamEndpoint(context);
+    for (DownstreamListener& listener : context.downstreamListeners) {
+        closeListeningEndpoint(std::move(listener.endpoint), context);
     }
-    current.reset();
-    for (EndpointPtr& endpoint : served) {
-        closeListeningEndpoint(std::move(endpoint), context);
-    }
+    context.downstreamListeners.clear();
     return true;
 }
 

@@ -48,16 +48,20 @@ struct LateralSettings {
     std::uint32_t maxQels;
 };
 
-/// Whether the address can be listened on; logs where it cannot.
+void reportUnusableAddress() {
+    logError("startLateralStream: bad command, Invalid lateral address and/or port ");
+}
+
+/// Whether the address can be listened on; logs where it cannot. Unlike the other commands it takes
+/// a resolver failure for a bad address: a stream that cannot start is no reason to end what runs.
 bool isUsableLateralAddress(const std::string& address, std::uint64_t port) {
     try {
-        const IPAddrInfo usable(address, static_cast<std::uint32_t>(port));
+        const IPAddrInfo resolved(address, static_cast<std::uint32_t>(port));
         return true;
     } catch (const std::invalid_argument&) {
     } catch (const std::runtime_error&) {
-        // Unlike the other commands: a stream that cannot start is no reason to end what runs.
     }
-    logError("startLateralStream: bad command, Invalid lateral address and/or port ");
+    reportUnusableAddress();
     return false;
 }
 
@@ -117,26 +121,42 @@ bool drawLateralKey(LateralStream& lateral) {
     return true;
 }
 
-void publishSettings(const LateralSettings& settings, LateralStream& lateral) {
+void storeSettings(const LateralSettings& settings, LateralStream& lateral) {
     lateral.port.store(settings.port);
     lateral.index.store(settings.index);
     lateral.maxQels.store(settings.maxQels);
-    lateral.running.store(true, std::memory_order_release);
+}
+
+/// Opens the endpoint in place of one that an earlier attempt left without a thread, and that may
+/// hold the same port. Nothing, after logging, where the address cannot be resolved any more.
+std::optional<EndpointPtr> openLateralEndpoint(const LateralSettings& settings,
+                                               ForwarderContext& context) {
+    closeListeningEndpoint(context.lateralEndpoint.exchange(nullptr), context);
+    try {
+        EndpointPtr endpoint =
+            makeLateralStreamEndpoint(settings.address, static_cast<int>(settings.port));
+        context.lateralEndpoint.exchange(endpoint);
+        return endpoint;
+    } catch (const std::runtime_error&) {
+        reportUnusableAddress();
+        return std::nullopt;
+    }
 }
 
 /// 0, or the negative error code of the thread's creation.
-int startLateralThread(const EndpointPtr& endpoint, const LateralSettings& settings,
+int startLateralThread(const EndpointPtr& endpoint,
                        const std::shared_ptr<ForwarderContext>& context) {
     LateralStream& lateral = context->lateral;
-    // The thread must not see a datagram before it can tell whose label that is.
-    publishSettings(settings, lateral);
-    const int error =
-        lateral.thread.start([context, endpoint] { lateralStreamRecv(context, endpoint); });
+    const int error = lateral.thread.start([context, endpoint] {
+        // Its first datagram may be here before the main thread goes on.
+        context->lateral.running.store(true, std::memory_order_release);
+        lateralStreamRecv(context, endpoint);
+    });
     if (error != 0) {
-        lateral.running.store(false, std::memory_order_release);
         logError("Failed to create lateral stream receive thread: ", errorText(error));
         return -error;
     }
+    lateral.running.store(true, std::memory_order_release);
     logInfo("Created lateral stream receive thread: ", std::hex, lateral.thread.id());
     return 0;
 }
@@ -183,10 +203,12 @@ bool startLateralStream(TokenQueue tokens, const std::shared_ptr<ForwarderContex
     if (!settings || !drawLateralKey(context->lateral)) {
         return false;
     }
-    const EndpointPtr endpoint =
-        makeLateralStreamEndpoint(settings->address, static_cast<int>(settings->port));
-    closeListeningEndpoint(context->lateralEndpoint.exchange(endpoint), *context);
-    const int result = endpoint ? startLateralThread(endpoint, *settings, context) : -1;
+    const std::optional<EndpointPtr> endpoint = openLateralEndpoint(*settings, *context);
+    if (!endpoint) {
+        return false;
+    }
+    storeSettings(*settings, context->lateral);
+    const int result = *endpoint ? startLateralThread(*endpoint, context) : -1;
     if (result != 0) {
         logError("Vesk Lateral listener failed to start, err: ", result);
         return false;

@@ -8,6 +8,9 @@
 namespace vesk {
 
 void closeListeningEndpoint(EndpointPtr endpoint, ForwarderContext& context) {
+    if (!endpoint) {
+        return;
+    }
     while (endpoint.use_count() > 1) {
         // Held for the length of one send that does not wait.
         sched_yield();

@@ -116,12 +116,8 @@ bool registerWithPollLoop(const VeskEndpointDescriptor& endpoint, const Forwarde
     if (result != 0) {
         logError("Failed to add upstream endpoint's READ sockfd ", endpoint.rdsockfd,
                  " to pollLoop, error: ", result);
-        return false;
     }
-    logInfo("Created", endpoint.flow.isMultiplex ? " multiplexed " : " ",
-            "upstream endpoint:", " label 0x", std::hex, endpoint.label, "/", std::dec,
-            endpoint.label, " sockfds ", endpoint.rdsockfd, " ", endpoint.wrsockfd);
-    return true;
+    return result == 0;
 }
 
 /// Sets up the sockets of a new endpoint; false, after logging, where it is of no use.
@@ -136,13 +132,20 @@ bool prepareEndpoint(VeskEndpointDescriptor& endpoint, const ForwarderContext& c
     if (!bindUpstreamSocket(endpoint) || !registerWithPollLoop(endpoint, context)) {
         return false;
     }
+    // Before the log, which may take its time: a worker may be waiting for it.
     endpoint.prepared.store(true, std::memory_order_release);
+    logInfo("Created", endpoint.flow.isMultiplex ? " multiplexed " : " ",
+            "upstream endpoint:", " label 0x", std::hex, endpoint.label, "/", std::dec,
+            endpoint.label, " sockfds ", endpoint.rdsockfd, " ", endpoint.wrsockfd);
     return true;
 }
 
 FlowEndpoint createFlowEndpoint(std::uint32_t label, ForwarderContext& context) {
     EndpointManager& manager = *context.endpointManager;
-    EndpointPtr endpoint = manager.createEndpoint(label, upstreamEndpointDeleter(context));
+    // Asked first, since creation keeps all others from the tables, and anybody can make up labels.
+    EndpointPtr endpoint = manager.knowsLabel(label)
+                               ? manager.createEndpoint(label, upstreamEndpointDeleter(context))
+                               : nullptr;
     if (!endpoint) {
         logDebug("Failed to create upstream endpoint with label ", label);
         return {};
@@ -173,8 +176,7 @@ FlowEndpoint findOrCreateFlowEndpoint(std::uint32_t label, ForwarderContext& con
 bool isKnownRoute(const ReceivedDatagram& datagram, VeskEndpointDescriptor& flow,
                   bool lateralRuns) {
     const ReadLock lock(flow.routeLock);
-    return datagram.sender == flow.route.peer.socketAddress() &&
-           datagram.localDestination == flow.route.local.socketAddress() &&
+    return datagram.sender == flow.route.peer && datagram.localDestination == flow.route.local &&
            (!lateralRuns || datagram.returnPath == flow.route.returnPath);
 }
 
@@ -184,14 +186,12 @@ void rememberRoute(const ReceivedDatagram& datagram, VeskEndpointDescriptor& flo
     if (isKnownRoute(datagram, flow, lateralRuns)) {
         return;
     }
-    const SocketAddress& local = datagram.localDestination;
-    ReplyRoute route{IPAddrInfo(datagram.sender.get(), datagram.sender.length),
-                     IPAddrInfo(local.get(), local.length), datagram.returnPath};
     const WriteLock lock(flow.routeLock);
-    if (!lateralRuns) {
-        route.returnPath = flow.route.returnPath;
+    flow.route.peer = datagram.sender;
+    flow.route.local = datagram.localDestination;
+    if (lateralRuns) {
+        flow.route.returnPath = datagram.returnPath;
     }
-    flow.route = std::move(route);
 }
 
 enum class Verdict { forward, forged, unsignable };
@@ -220,7 +220,7 @@ void sendUpstream(const ReceivedDatagram& datagram, VeskEndpointDescriptor& flow
     message.addTrafficClass(flow.flow.up.dscpV4, flow.flow.up.dscpV6);
     {
         const ReadLock lock(flow.routeLock);
-        message.addSource(flow.upstreamLocal.socketAddress());
+        message.addSource(flow.upstreamLocal);
     }
     const ssize_t sent = sendmsg(flow.wrsockfd, message.header(), 0);
     const int error = errno;

@@ -28,22 +28,24 @@ void forwardedReceived(VeskEndpointDescriptor& lateral, std::size_t length,
                              context);
 }
 
-/// Sends an unwrapped reply to the peer. Whether it left, or was refused by the peer, which is not
+/// Sends an unwrapped reply to the peer and counts what came of it; that the peer refused it is not
 /// counted.
-bool sendToPeer(std::span<std::uint8_t> datagram, const SocketAddress& peer,
-                ForwarderContext& context, SharedCounter& sentCounter) {
+void sendToPeer(std::span<std::uint8_t> datagram, const SocketAddress& peer,
+                EndpointCounters& counters, ForwarderContext& context) {
     const EndpointPtr downstream = context.downstreamEndpoint.load();
     if (!downstream || peer.length == 0) {
-        return false;
+        counters.dnTxDgDropped.increment();
+        return;
     }
     OutgoingMessage message;
     message.setDatagram(datagram);
     message.setDestination(peer);
-    if (sendmsg(downstream->wrsockfd, message.header(), MSG_DONTWAIT) > 0) {
-        sentCounter.increment();
-        return true;
+    const ssize_t sent = sendmsg(downstream->wrsockfd, message.header(), MSG_DONTWAIT);
+    if (sent > 0) {
+        counters.dnTxDg.increment();
+    } else if (sent == 0 || errno != ECONNREFUSED) {
+        counters.dnTxDgDropped.increment();
     }
-    return errno == ECONNREFUSED;
 }
 
 /// The owner of a label returned a reply to a datagram that we forwarded.
@@ -56,9 +58,7 @@ void returnedReceived(VeskEndpointDescriptor& lateral, std::size_t length,
     }
     const SocketAddress peer = lateralAddress(buffer, header);
     const std::size_t framedLength = stripLateralHeader(buffer, length, header);
-    if (!sendToPeer(buffer.first(framedLength), peer, context, lateral.counters.dnTxDg)) {
-        lateral.counters.dnTxDgDropped.increment();
-    }
+    sendToPeer(buffer.first(framedLength), peer, lateral.counters, context);
 }
 
 void lateralReceived(VeskEndpointDescriptor& lateral, std::size_t length, IncomingMessage& message,
@@ -87,8 +87,8 @@ void lateralStreamRecv(const std::shared_ptr<ForwarderContext>& context,
         } else if (message.truncated()) {
             endpoint->counters.rxDgError.increment();
         } else if (result.error != ECONNREFUSED) {
-            logError("Forwarder lateral stream endpoint got error while ",
-                     "receiving: errno = ", result.error, " (", errorText(result.error), ").");
+            logError("Forwarder lateral stream endpoint got error while receiving: errno = ",
+                     result.error, " (", errorText(result.error), ").");
         }
     }
 }

@@ -72,13 +72,12 @@ struct Reply {
 void rememberUpstreamLocal(const SocketAddress& local, VeskEndpointDescriptor& flow) {
     {
         const ReadLock lock(flow.routeLock);
-        if (local == flow.upstreamLocal.socketAddress()) {
+        if (local == flow.upstreamLocal) {
             return;
         }
     }
-    const IPAddrInfo learned(local.get(), local.length);
     const WriteLock lock(flow.routeLock);
-    flow.upstreamLocal = learned;
+    flow.upstreamLocal = local;
 }
 
 enum class Verdict { send, forged, unsignable };
@@ -99,11 +98,11 @@ Verdict convertForDownstream(const Reply& reply, VeskEndpointDescriptor& flow,
 }
 
 /// Aims the message at the flow's last sender; tells whether and how that one is reached laterally.
-ReturnPath addressToLastSender(OutgoingMessage& message, const VeskEndpointDescriptor& flow) {
+ReturnPath addressToLastSender(OutgoingMessage& message, VeskEndpointDescriptor& flow) {
     const ReadLock lock(flow.routeLock);
-    message.setDestination(flow.route.peer.socketAddress());
+    message.setDestination(flow.route.peer);
     message.addTrafficClass(flow.flow.down.dscpV4, flow.flow.down.dscpV6);
-    message.addSource(flow.route.local.socketAddress());
+    message.addSource(flow.route.local);
     return flow.route.returnPath;
 }
 
@@ -216,20 +215,19 @@ bool UpstreamReceiver::serve(const EndpointPtr& endpoint) {
     if (!claim.held()) {
         return false;
     }
-    IncomingMessage message;
-    const ReceiveResult result = receiveNow(message, *endpoint);
+    const ReceiveResult result = receiveNow(incoming_, *endpoint);
     if (result.received >= 1) {
-        replyReceived(endpoint, static_cast<std::size_t>(result.received), message, *context_);
+        replyReceived(endpoint, static_cast<std::size_t>(result.received), incoming_, *context_);
         return true;
     }
     // Given back before the socket is armed: the next worker may be at it before this one is done.
     if (claim.giveBack()) {
         return true;
     }
-    if (!isDrained(message, result.error)) {
+    if (!isDrained(incoming_, result.error)) {
         return handleReceiveFailure(*endpoint, result.error, *context_);
     }
-    if (message.truncated()) {
+    if (incoming_.truncated()) {
         endpoint->counters.rxDgError.increment();
     }
     drained_.push_back(endpoint);
@@ -246,22 +244,31 @@ void UpstreamReceiver::endPass(std::vector<int>& serving) {
 }
 
 void UpstreamReceiver::armDrained() {
-    if (drained_.empty()) {
+    if (drained_.size() > 1 && armTogether()) {
+        drained_.clear();
         return;
     }
+    // One by one also where a row of them failed: that is to cost no more flows than it strikes.
+    for (const EndpointPtr& endpoint : drained_) {
+        arm(*endpoint);
+    }
+    drained_.clear();
+}
+
+bool UpstreamReceiver::armTogether() const {
     std::array<int, maxPollRecords> fds;
     std::ranges::transform(drained_, fds.begin(),
                            [](const EndpointPtr& endpoint) { return endpoint->rdsockfd; });
-    const int result = pollLoop_mod_fds(context_->pollSocket.get(),
-                                        std::span(fds).first(drained_.size()), EPOLLIN);
-    for (const EndpointPtr& endpoint : drained_) {
-        if (result != 0 &&
-            reportUpstreamNetworkError(*endpoint, "Re-add UpEpt recv sockfd to poll set:", -result,
-                                       *context_) == 0) {
-            unarmed_.push_back(endpoint->rdsockfd);
-        }
+    return pollLoop_mod_fds(context_->pollSocket.get(), std::span(fds).first(drained_.size()),
+                            EPOLLIN) == 0;
+}
+
+void UpstreamReceiver::arm(const VeskEndpointDescriptor& endpoint) {
+    const int result = pollLoop_mod_fd(context_->pollSocket.get(), endpoint.rdsockfd, EPOLLIN);
+    if (result != 0 && reportUpstreamNetworkError(endpoint, "Re-add UpEpt recv sockfd to poll set:",
+                                                  -result, *context_) == 0) {
+        unarmed_.push_back(endpoint.rdsockfd);
     }
-    drained_.clear();
 }
 
 int upstreamSocketRecv(int socket, bool& keep, UpstreamReceiver& receiver) {
@@ -271,7 +278,7 @@ int upstreamSocketRecv(int socket, bool& keep, UpstreamReceiver& receiver) {
         return 0;
     }
     if (endpoint->rdsockfd != socket) {
-        logInfo("upstreamSocketRecv", " Woke up from a stale sockfd ", socket, " for upEpt label ",
+        logInfo("upstreamSocketRecv Woke up from a stale sockfd ", socket, " for upEpt label ",
                 endpoint->label, " rdsockfd ", endpoint->rdsockfd, " wrsockfd ", endpoint->wrsockfd,
                 ", ignored.");
         return 0;

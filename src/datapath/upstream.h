@@ -5,6 +5,7 @@
 #include <memory>
 #include <vector>
 
+#include "datapath/datagram_io.h"
 #include "net/endpoint.h"
 
 namespace vesk {
@@ -31,8 +32,11 @@ class UpstreamReceiver {
 
  private:
     void armDrained();
+    bool armTogether() const;
+    void arm(const VeskEndpointDescriptor& endpoint);
 
     const std::shared_ptr<ForwarderContext> context_;
+    IncomingMessage incoming_;
     /// Never more than one datagram of the message channel carries.
     std::vector<EndpointPtr> drained_;
     std::vector<int> unarmed_;

@@ -97,7 +97,7 @@ void updateMember(FlowDesc& to, const FlowDesc& from, std::string_view name) {
     } else if (name == attribute::isMultiplex) {
         to.isMultiplex = from.isMultiplex;
     } else {
-        logInfo("update", ": Unhandled FlowDesc update for member: ", name);
+        logInfo("update: Unhandled FlowDesc update for member: ", name);
     }
 }
 

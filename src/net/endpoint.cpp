@@ -22,17 +22,12 @@ VeskEndpointDescriptor::VeskEndpointDescriptor(std::uint32_t flowLabel, int read
       wrsockfd(writeSocket),
       family(flowDesc.up.addrInfo.family()),
       flow(flowDesc),
-      route{flowDesc.down.addrInfo, flowDesc.down.srcAddrInfo, {}},
-      upstreamLocal(flowDesc.up.srcAddrInfo),
+      route{flowDesc.down.addrInfo.socketAddress(), flowDesc.down.srcAddrInfo.socketAddress(), {}},
+      upstreamLocal(flowDesc.up.srcAddrInfo.socketAddress()),
       deleter_(std::move(endpointDeleter)) {}
 
 VeskEndpointDescriptor::~VeskEndpointDescriptor() {
     deleter_(rdsockfd, wrsockfd);
-}
-
-ReplyRoute VeskEndpointDescriptor::replyRoute() const {
-    const ReadLock lock(routeLock);
-    return route;
 }
 
 EndpointPtr EndpointSlot::load() const {

@@ -50,22 +50,25 @@ class ReturnPath {
 /// together, so that no reply goes to half of one sender and half of another.
 struct ReplyRoute {
     /// The last sender.
-    IPAddrInfo peer;
+    SocketAddress peer;
     /// The address on which its datagram arrived; port 0, the interface in the scope of IPv6.
-    IPAddrInfo local;
+    SocketAddress local;
     ReturnPath returnPath;
 };
 
+/// What different threads write for every datagram is kept this far apart.
+inline constexpr std::size_t cacheLineSize = 64;
+
 struct EndpointCounters {
-    /// Datagrams received. One receiving thread at a time.
-    Counter rxDg;
     /// Datagrams sent in full.
-    SharedCounter txDg;
-    /// Datagrams received but rejected or truncated.
-    SharedCounter rxDgError;
+    alignas(cacheLineSize) SharedCounter txDg;
     /// Datagrams that could not be sent.
     SharedCounter txDgDropped;
-    /// The same as the two for sent datagrams, of the return direction.
+    /// Datagrams received. One receiving thread at a time.
+    alignas(cacheLineSize) Counter rxDg;
+    /// Datagrams received but rejected or truncated.
+    SharedCounter rxDgError;
+    /// As for sent datagrams, of the return direction.
     SharedCounter dnTxDg;
     SharedCounter dnTxDgDropped;
 };
@@ -82,9 +85,6 @@ class VeskEndpointDescriptor {
     ~VeskEndpointDescriptor();
     VeskEndpointDescriptor(const VeskEndpointDescriptor&) = delete;
     VeskEndpointDescriptor& operator=(const VeskEndpointDescriptor&) = delete;
-
-    /// A copy of the route, as one datagram left it.
-    ReplyRoute replyRoute() const VESK_EXCLUDES(routeLock);
 
     /// Notes that the flow saw traffic. Written only on a change, so that the flag's cache line is
     /// not passed to and fro for every datagram.
@@ -106,6 +106,14 @@ class VeskEndpointDescriptor {
     IPAddrInfo localAddress;
     IPAddrInfo peerAddress;
 
+    // Any thread; written rarely.
+
+    /// Set by the clean-up pass, cleared by traffic.
+    std::atomic<bool> idle{false};
+    /// Whether options, address and registration with the poll loop are done; until then only the
+    /// thread that created the endpoint uses it.
+    std::atomic<bool> prepared{false};
+
     // The thread that receives on the read socket, one at a time.
 
     std::array<std::uint8_t, maxDatagramSize> receiveBuffer{};
@@ -117,11 +125,6 @@ class VeskEndpointDescriptor {
     // Any thread.
 
     EndpointCounters counters;
-    /// Set by the clean-up pass, cleared by traffic.
-    std::atomic<bool> idle{false};
-    /// Whether options, address and registration with the poll loop are done; until then only the
-    /// thread that created the endpoint uses it.
-    std::atomic<bool> prepared{false};
 
     /// The flow as it was declared. Constant, but for the HMAC contexts: those of `down.inHmac` and
     /// `up.outHmac` belong to whoever holds `towardsUpstream`, those of `up.inHmac` and
@@ -129,19 +132,21 @@ class VeskEndpointDescriptor {
     /// flow come both directly and over the lateral stream, or replies of a multiplexed flow on
     /// several sockets.
     FlowDesc flow;
-    Mutex towardsUpstream;
-    Mutex towardsDownstream;
+    alignas(cacheLineSize) Mutex towardsUpstream;
+    alignas(cacheLineSize) Mutex towardsDownstream;
 
     /// Guards the addresses that traffic teaches. Readers are many, writers rare.
-    mutable RwLock routeLock;
+    alignas(cacheLineSize) RwLock routeLock;
     ReplyRoute route VESK_GUARDED_BY(routeLock);
     /// The address that datagrams are sent upstream from: as configured, then as replies show it.
-    IPAddrInfo upstreamLocal VESK_GUARDED_BY(routeLock);
+    SocketAddress upstreamLocal VESK_GUARDED_BY(routeLock);
 
  private:
     EndpointDeleter deleter_;
 };
 
+/// Made from a std::unique_ptr: the reference count, which changes for every datagram, then does
+/// not share a cache line with what is only read.
 using EndpointPtr = std::shared_ptr<VeskEndpointDescriptor>;
 
 /// A shared reference that commands replace while other threads read it.

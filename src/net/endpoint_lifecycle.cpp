@@ -4,7 +4,6 @@
 
 #include <cerrno>
 #include <ios>
-#include <sstream>
 
 #include "app/forwarder_context.h"
 #include "log/error_text.h"
@@ -60,18 +59,15 @@ EndpointDeleter upstreamEndpointDeleter(ForwarderContext& context) {
 
 int reportUpstreamNetworkError(const VeskEndpointDescriptor& endpoint, std::string_view prefix,
                                int error, ForwarderContext& context) {
-    std::ostringstream message;
-    message << prefix << " network error on upstream endpoint of label 0x" << std::hex
-            << endpoint.label << '/' << std::dec << endpoint.label << ", errno " << error << " ("
-            << errorText(error) << ").";
-    if (isPassing(error)) {
-        logWarn(message.view());
-        return 0;
+    const bool passing = isPassing(error);
+    if (!passing) {
+        context.endpointManager->deleteEndpoint(endpoint);
     }
-    context.endpointManager->deleteEndpoint(endpoint);
-    message << " Endpoint Deleted";
-    logError(message.view());
-    return 1;
+    logMessage(passing ? LogLevel::warn : LogLevel::error, prefix,
+               " network error on upstream endpoint of label 0x", std::hex, endpoint.label, '/',
+               std::dec, endpoint.label, ", errno ", error, " (", errorText(error), ").",
+               passing ? "" : " Endpoint Deleted");
+    return passing ? 0 : 1;
 }
 
 }  // namespace vesk

@@ -1,6 +1,5 @@
 #include "net/endpoint_manager.h"
 
-#include <ios>
 #include <utility>
 
 #include "log/log.h"
@@ -37,7 +36,7 @@ EndpointPtr openEndpoint(const FlowDesc& flow, const EndpointDeleter& deleter) {
                  "): ", result);
         return nullptr;
     }
-    auto endpoint = std::make_shared<VeskEndpointDescriptor>(flow.label, sockets.rdsockfd.get(),
+    auto endpoint = std::make_unique<VeskEndpointDescriptor>(flow.label, sockets.rdsockfd.get(),
                                                              sockets.wrsockfd.get(), flow, deleter);
     sockets.rdsockfd.release();
     sockets.wrsockfd.release();
@@ -73,6 +72,11 @@ bool EndpointManager::fileNewLocked(const EndpointPtr& endpoint) {
         endpointsByLabel_.take(endpoint->label);
     }
     return false;
+}
+
+bool EndpointManager::knowsLabel(std::uint32_t label) const {
+    const ReadLock lock(lock_);
+    return labels_.contains(label) || auxPrefixes_.contains(prefixOf(label));
 }
 
 const FlowDesc* EndpointManager::findOrMakeFlowLocked(std::uint32_t label) {
@@ -232,21 +236,19 @@ void EndpointManager::registerPrefixLocked(const FlowDesc& flow) {
     }
 }
 
-void EndpointManager::expireIdle(bool expireMain, bool expireAux) {
-    RemovedEndpoints removed;
+std::vector<EndpointPtr> EndpointManager::expireIdle(bool expireMain, bool expireAux) {
+    RemovedEndpoints expired;
     const WriteLock lock(lock_);
-    removed = endpointsByLabel_.takeIf([&](VeskEndpointDescriptor& endpoint) VESK_REQUIRES(lock_) {
-        return (isAuxLocked(endpoint.label) ? expireAux : expireMain) &&
-               endpoint.idle.exchange(true, std::memory_order_relaxed);
-    });
-    for (const EndpointPtr& endpoint : removed) {
-        const std::uint32_t label = endpoint->label;
-        logDebug("Expiring label 0x", std::hex, label, "/", std::dec, label, " of flow type [",
-                 isAuxLocked(label) ? "aux" : "main",
-                 "]: closing upstream endpoint and cleaning up");
+    const auto markOrChoose = [&](VeskEndpointDescriptor& endpoint) VESK_REQUIRES(lock_) {
+        const bool mayExpire = isAuxLocked(endpoint.label) ? expireAux : expireMain;
+        return mayExpire && endpoint.idle.exchange(true, std::memory_order_relaxed);
+    };
+    expired = endpointsByLabel_.takeIf(markOrChoose);
+    for (const EndpointPtr& endpoint : expired) {
         unfileLocked(*endpoint);
-        forgetAuxFlowLocked(label);
+        forgetAuxFlowLocked(endpoint->label);
     }
+    return expired;
 }
 
 bool EndpointManager::isAuxLocked(std::uint32_t label) const {

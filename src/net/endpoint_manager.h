@@ -38,6 +38,9 @@ class EndpointManager {
     EndpointPtr createEndpoint(std::uint32_t label, const EndpointDeleter& deleter)
         VESK_EXCLUDES(lock_);
 
+    /// Whether the label is declared, or covered by a registered prefix.
+    bool knowsLabel(std::uint32_t label) const VESK_EXCLUDES(lock_);
+
     /// Files an endpoint under its label and both descriptors. 0, or -1 where a descriptor is filed
     /// already; a label that has an endpoint keeps it.
     int addEndpoint(const EndpointPtr& endpoint) VESK_EXCLUDES(lock_);
@@ -61,8 +64,9 @@ class EndpointManager {
     void removeLabel(std::uint32_t label) VESK_EXCLUDES(lock_);
 
     /// The clean-up pass: takes out the endpoints of the chosen kinds that are still marked idle,
-    /// with the record of an auxiliary flow, and marks the others.
-    void expireIdle(bool expireMain, bool expireAux) VESK_EXCLUDES(lock_);
+    /// with the record of an auxiliary flow, and marks the others. Returns those taken out, in
+    /// ascending order of labels, for the caller to report and release.
+    std::vector<EndpointPtr> expireIdle(bool expireMain, bool expireAux) VESK_EXCLUDES(lock_);
 
     /// Every endpoint, in ascending order of labels.
     std::vector<EndpointPtr> endpoints() const VESK_EXCLUDES(lock_);

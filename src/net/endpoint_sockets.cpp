@@ -33,7 +33,7 @@ EndpointPtr makeEndpointSocket(const std::string& address, int port) {
     }
     logInfo("Endpoint socket bound: ", address, "|", port, " (", fd.get(), ")");
 
-    auto endpoint = std::make_shared<VeskEndpointDescriptor>(0, fd.get(), fd.get(), FlowDesc(),
+    auto endpoint = std::make_unique<VeskEndpointDescriptor>(0, fd.get(), fd.get(), FlowDesc(),
                                                              closeEndpointSockets);
     fd.release();
     endpoint->localAddress = local;

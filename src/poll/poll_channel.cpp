@@ -6,6 +6,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <cassert>
 #include <cerrno>
 #include <cstring>
 #include <string_view>
@@ -127,6 +128,7 @@ int pollLoop_mod_fd(int pollsock, int fd, int events) {
 }
 
 int pollLoop_mod_fds(int pollsock, std::span<const int> fds, int events) {
+    assert(fds.size() <= maxPollRecords);
     PollDatagram datagram;
     std::size_t length = 0;
     for (const int fd : fds) {

@@ -58,7 +58,8 @@ bool forEachRecord(std::span<const std::uint8_t> datagram,
 int createPollSocks(UniqueFd& senderEnd, UniqueFd& serverPollSock);
 
 /// Ask the poll loop to watch a descriptor, to arm it again, or to take it out of the set and close
-/// it. Any thread; may wait for the poll loop, so hold no lock. 0, or -errno after logging it.
+/// it. Any thread; may wait for the poll loop, so hold no lock that the
+/// poll thread or the workers need. 0, or -errno after logging it.
 ///
 /// Once the loop has ended for good (see retirePollChannel) there is no set left to change: adding
 /// and arming then do nothing, and deleting closes the descriptor here. All three return 0.

@@ -38,6 +38,7 @@ struct PollParam {
 
     // Constant while the worker runs.
 
+    /// Handed through to every receive call. Kept: the receive function of today has no use for it.
     std::uint32_t workerParameter = 0;
     const ReceiveFunction receive;
     /// May be empty.

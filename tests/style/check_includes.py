@@ -22,7 +22,7 @@ FLOORS = [
     ["datapath/wire_layout", "datapath/framing", "datapath/authentication",
      "datapath/lateral_header", "datapath/datagram_io"],
     ["tasks/"],
-    ["app/forwarder_context"],
+    ["app/lateral_stream", "app/forwarder_context"],
     ["net/endpoint_lifecycle"],
     ["datapath/"],
     ["flow/label_commands"],
