@@ -34,7 +34,7 @@ def _bars(axes, summary: dict, measured: list, forwarders: list) -> None:
     for place, forwarder in enumerate(forwarders):
         offset = (place - (len(forwarders) - 1) / 2) * width
         spreads = [(x + offset, summary[scenario][forwarder]["cpu_us_per_datagram"])
-                   for x, (scenario, _) in enumerate(measured)]
+                   for x, (scenario, _) in enumerate(measured) if forwarder in summary[scenario]]
         axes.bar([x for x, _ in spreads], [spread.median for _, spread in spreads], width,
                  yerr=[[spread.median - spread.low for _, spread in spreads],
                        [spread.high - spread.median for _, spread in spreads]],

@@ -58,7 +58,10 @@ def run_traffic(build: Path, plan: Plan, scenario: Scenario, arguments: list) ->
         raise MeasurementFailed(f"not done after {limit:.0f} seconds") from late
     if done.returncode != 0:
         raise MeasurementFailed(f"{done.stderr}{done.stdout}".strip())
-    return json.loads(done.stdout)
+    result = json.loads(done.stdout)
+    if result["answered"] == 0:
+        raise MeasurementFailed("nothing was answered in the measured time")
+    return result
 
 
 class CommandedForwarder:

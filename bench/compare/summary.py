@@ -25,18 +25,20 @@ class Spread:
 
 
 def summarise(runs: dict) -> dict:
-    """Takes and returns a dict of dicts, scenario by forwarder: a list of results per round in, the
-    spread of each figure and of the ratio to the floor out."""
+    """Takes and returns a dict of dicts, scenario by forwarder: a list of results per round in, None
+    for a turn that failed, the spread of each figure and of the ratio to the floor out."""
     summary = {}
     for scenario, by_forwarder in runs.items():
         floor = by_forwarder.get(FLOOR)
         summary[scenario] = {}
         for forwarder, rounds in by_forwarder.items():
-            figures = {key: Spread.of([one[key] for one in rounds]) for key in FIGURES}
-            if floor:
-                for key in ("cpu_us_per_datagram", "p50_us", "p99_us"):
-                    figures[f"{key}_ratio"] = Spread.of(
-                        [one[key] / base[key] for one, base in zip(rounds, floor)])
+            measured = [one for one in rounds if one]
+            if not measured:
+                continue
+            figures = {key: Spread.of([one[key] for one in measured]) for key in FIGURES}
+            pairs = [(one, base) for one, base in zip(rounds, floor or []) if one and base]
+            for key in ("cpu_us_per_datagram", "p50_us", "p99_us") if pairs else ():
+                figures[f"{key}_ratio"] = Spread.of([one[key] / base[key] for one, base in pairs])
             summary[scenario][forwarder] = figures
     return summary
 
