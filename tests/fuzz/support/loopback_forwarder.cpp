@@ -1,5 +1,6 @@
 #include "support/loopback_forwarder.h"
 
+#include <poll.h>
 #include <sys/epoll.h>
 #include <sys/socket.h>
 #include <unistd.h>
@@ -84,10 +85,16 @@ LoopbackSocket::LoopbackSocket(int family)
     : fd(loopbackSocket(family)), address(addressOf(fd.get())) {}
 
 Bytes LoopbackSocket::receive() const {
-    Bytes datagram(4096);
-    const ssize_t received = recv(fd.get(), datagram.data(), datagram.size(), MSG_DONTWAIT);
-    datagram.resize(received > 0 ? static_cast<std::size_t>(received) : 0);
-    return datagram;
+    std::array<std::uint8_t, 4096> buffer;
+    const ssize_t received = recv(fd.get(), buffer.data(), buffer.size(), MSG_DONTWAIT);
+    return toBytes(View(buffer).first(received > 0 ? static_cast<std::size_t>(received) : 0));
+}
+
+bool Surroundings::quiet() const {
+    std::array<pollfd, 3> sockets{{{upstreamV4.fd.get(), POLLIN, 0},
+                                   {upstreamV6.fd.get(), POLLIN, 0},
+                                   {otherInstance.fd.get(), POLLIN, 0}}};
+    return poll(sockets.data(), sockets.size(), 0) == 0;
 }
 
 const Surroundings& surroundings() {

@@ -29,6 +29,9 @@ struct Surroundings {
     LoopbackSocket upstreamV4{AF_INET};
     LoopbackSocket upstreamV6{AF_INET6};
     LoopbackSocket otherInstance{AF_INET};
+
+    /// Whether nothing waits to be received by those that the forwarder sends to.
+    bool quiet() const;
 };
 
 const Surroundings& surroundings();

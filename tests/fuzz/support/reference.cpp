@@ -1,10 +1,12 @@
 #include "support/reference.h"
 
 #include <openssl/evp.h>
+#include <openssl/params.h>
 
 #include <algorithm>
-#include <cstring>
+#include <memory>
 #include <numeric>
+#include <string>
 
 #include "support/require.h"
 
@@ -24,6 +26,20 @@ std::size_t tagLength(int version) {
 
 std::size_t labelOffset(int version) {
     return version == 1 ? 34 : 16;
+}
+
+using MacContext = std::unique_ptr<EVP_MAC_CTX, decltype(&EVP_MAC_CTX_free)>;
+
+/// A new context each time: nothing of one datagram may reach the next.
+MacContext keyedContext(const Key& key) {
+    static EVP_MAC* const hmac = EVP_MAC_fetch(nullptr, "HMAC", nullptr);
+    MacContext context(EVP_MAC_CTX_new(hmac), &EVP_MAC_CTX_free);
+    std::string digest = key.algorithm;
+    const std::array<OSSL_PARAM, 2> parameters{
+        OSSL_PARAM_construct_utf8_string("digest", digest.data(), 0), OSSL_PARAM_construct_end()};
+    require(EVP_MAC_init(context.get(), key.bytes.data(), key.bytes.size(), parameters.data()) == 1,
+            "libcrypto takes the key");
+    return context;
 }
 
 }  // namespace
@@ -78,11 +94,11 @@ Bytes signedWith(int version, View datagram, const Key& key) {
 Bytes tagOver(View bytes, const Key& key, std::size_t length) {
     Bytes tag(EVP_MAX_MD_SIZE, 0);
     if (!key.bytes.empty()) {
+        MacContext context = keyedContext(key);
         std::size_t digestLength = 0;
-        const auto* const digest = EVP_Q_mac(nullptr, "HMAC", nullptr, key.algorithm, nullptr,
-                                             key.bytes.data(), key.bytes.size(), bytes.data(),
-                                             bytes.size(), tag.data(), tag.size(), &digestLength);
-        require(digest != nullptr, "libcrypto makes an HMAC");
+        require(EVP_MAC_update(context.get(), bytes.data(), bytes.size()) == 1 &&
+                    EVP_MAC_final(context.get(), tag.data(), &digestLength, tag.size()) == 1,
+                "libcrypto makes an HMAC");
     }
     tag.resize(length);
     return tag;

@@ -1,5 +1,5 @@
 // The wire formats once more, written for the fuzz targets without a look at how the forwarder does
-// it: over byte vectors, with plain numbers for offsets and libcrypto's one-call HMAC.
+// it: over byte vectors, with plain numbers for offsets and libcrypto's newer HMAC interface.
 #pragma once
 
 #include <array>
