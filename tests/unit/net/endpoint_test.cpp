@@ -1,0 +1,171 @@
+#include "net/endpoint.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <memory>
+#include <thread>
+#include <utility>
+#include <vector>
+
+#include "support/bytes.h"
+#include "support/child_process.h"
+
+namespace vesk {
+namespace {
+
+void ignoreSockets(int, int) {}
+
+FlowDesc upstreamFlow() {
+    FlowDesc flow(5);
+    flow.up.addrInfo = IPAddrInfo("::1", 4500);
+    flow.up.srcAddrInfo = IPAddrInfo("::1", 4501);
+    flow.down.addrInfo = IPAddrInfo("127.0.0.1", 4502);
+    flow.down.inHmac.setKey(Bytes{1, 2});
+    flow.isMultiplex = true;
+    return flow;
+}
+
+TEST(EndpointTest, StartsWithWhatItIsGiven) {
+    const VeskEndpointDescriptor endpoint(5, 7, 8, upstreamFlow(), ignoreSockets);
+    EXPECT_EQ(endpoint.label, 5U);
+    EXPECT_EQ(endpoint.rdsockfd, 7);
+    EXPECT_EQ(endpoint.wrsockfd, 8);
+    EXPECT_EQ(endpoint.family, AF_INET6);
+    EXPECT_TRUE(endpoint.flow.isMultiplex);
+    EXPECT_EQ(endpoint.flow.down.inHmac.keyLen, 2U);
+    EXPECT_EQ(endpoint.localAddress.host(), "");
+    EXPECT_EQ(endpoint.localAddress.port(), 0);
+    EXPECT_EQ(endpoint.peerAddress.host(), "");
+    EXPECT_FALSE(endpoint.idle);
+    EXPECT_FALSE(endpoint.prepared);
+}
+
+TEST(EndpointTest, StartsWithNothingCounted) {
+    const VeskEndpointDescriptor endpoint(0, 7, 7, FlowDesc(), ignoreSockets);
+    const EndpointCounters& counters = endpoint.counters;
+    EXPECT_EQ(counters.rxDg.value(), 0U);
+    EXPECT_EQ(counters.txDg.value(), 0U);
+    EXPECT_EQ(counters.rxDgError.value(), 0U);
+    EXPECT_EQ(counters.txDgDropped.value(), 0U);
+    EXPECT_EQ(counters.dnTxDg.value(), 0U);
+    EXPECT_EQ(counters.dnTxDgDropped.value(), 0U);
+}
+
+TEST(EndpointTest, ReceivesIntoABufferOf2048Bytes) {
+    VeskEndpointDescriptor endpoint(0, 7, 7, FlowDesc(), ignoreSockets);
+    EXPECT_EQ(endpoint.receiveBuffer.size(), 2048U);
+    EXPECT_EQ(endpoint.scatter.iov_base, endpoint.receiveBuffer.data());
+    EXPECT_EQ(endpoint.scatter.iov_len, 2048U);
+}
+
+TEST(EndpointTest, TakesTheFirstRouteFromItsFlow) {
+    VeskEndpointDescriptor endpoint(5, 7, 8, upstreamFlow(), ignoreSockets);
+    const ReadLock lock(endpoint.routeLock);
+    EXPECT_EQ(endpoint.route.peer, IPAddrInfo("127.0.0.1", 4502).socketAddress());
+    EXPECT_EQ(endpoint.route.local.length, 0U);
+    EXPECT_TRUE(endpoint.route.returnPath.empty());
+    EXPECT_EQ(endpoint.upstreamLocal, IPAddrInfo("::1", 4501).socketAddress());
+}
+
+TEST(EndpointTest, HandsItsSocketsToTheDeleterOnce) {
+    std::vector<std::pair<int, int>> deleted;
+    {
+        const VeskEndpointDescriptor endpoint(
+            5, 7, 8, FlowDesc(),
+            [&deleted](int rdsockfd, int wrsockfd) { deleted.emplace_back(rdsockfd, wrsockfd); });
+        EXPECT_TRUE(deleted.empty());
+    }
+    EXPECT_THAT(deleted, testing::ElementsAre(std::pair(7, 8)));
+}
+
+TEST(EndpointTest, LivesUntilItsLastHolderLetsGo) {
+    int deletions = 0;
+    EndpointPtr first = std::make_unique<VeskEndpointDescriptor>(
+        5, 7, 8, FlowDesc(), [&deletions](int, int) { ++deletions; });
+    EndpointPtr second = first;
+    first.reset();
+    EXPECT_EQ(deletions, 0);
+    second.reset();
+    EXPECT_EQ(deletions, 1);
+}
+
+TEST(EndpointTest, EndsTheProcessWithoutADeleter) {
+    const ChildResult child = runInChild([] {
+        // What the runtime says of it on standard error is no concern of ours.
+        std::freopen("/dev/null", "w", stderr);
+        { const VeskEndpointDescriptor endpoint(5, 7, 8, FlowDesc(), {}); }
+        return 0;
+    });
+    EXPECT_NE(child.waitStatus, 0);
+}
+
+TEST(EndpointTest, IsMarkedActiveByTraffic) {
+    VeskEndpointDescriptor endpoint(5, 7, 8, FlowDesc(), ignoreSockets);
+    endpoint.markActive();
+    EXPECT_FALSE(endpoint.idle);
+    endpoint.idle = true;
+    endpoint.markActive();
+    EXPECT_FALSE(endpoint.idle);
+}
+
+TEST(ReturnPathTest, IsEmptyByDefault) {
+    EXPECT_TRUE(ReturnPath().empty());
+    EXPECT_TRUE(ReturnPath().bytes().empty());
+    EXPECT_TRUE(ReturnPath(Bytes()).empty());
+}
+
+TEST(ReturnPathTest, KeepsUpTo45Bytes) {
+    Bytes bytes(ReturnPath::capacity, 7);
+    EXPECT_EQ(bytes.size(), 45U);
+    bytes.back() = 9;
+    const ReturnPath path(bytes);
+    EXPECT_FALSE(path.empty());
+    EXPECT_EQ(toBytes(path.bytes()), bytes);
+}
+
+TEST(ReturnPathTest, IsComparedByItsBytes) {
+    EXPECT_EQ(ReturnPath(Bytes{1, 2}), ReturnPath(Bytes{1, 2}));
+    EXPECT_FALSE(ReturnPath(Bytes{1, 2}) == ReturnPath(Bytes{1, 3}));
+    EXPECT_FALSE(ReturnPath(Bytes{1, 2}) == ReturnPath(Bytes{1}));
+    EXPECT_FALSE(ReturnPath(Bytes{0}) == ReturnPath());
+    EXPECT_EQ(ReturnPath(), ReturnPath());
+}
+
+EndpointPtr anyEndpoint() {
+    return std::make_unique<VeskEndpointDescriptor>(5, 7, 8, FlowDesc(), ignoreSockets);
+}
+
+TEST(EndpointSlotTest, GivesBackWhatItHeldBefore) {
+    EndpointSlot slot;
+    EXPECT_EQ(slot.load(), nullptr);
+    const EndpointPtr first = anyEndpoint();
+    const EndpointPtr second = anyEndpoint();
+    EXPECT_EQ(slot.exchange(first), nullptr);
+    EXPECT_EQ(slot.load(), first);
+    EXPECT_EQ(slot.exchange(second), first);
+    EXPECT_EQ(slot.load(), second);
+    EXPECT_EQ(slot.exchange(nullptr), second);
+    EXPECT_EQ(slot.load(), nullptr);
+}
+
+TEST(EndpointSlotTest, MayBeReplacedWhileOthersReadIt) {
+    EndpointSlot slot;
+    std::atomic<bool> done{false};
+    std::thread reader([&] {
+        while (!done) {
+            const EndpointPtr endpoint = slot.load();
+            EXPECT_TRUE(!endpoint || endpoint->label == 5);
+        }
+    });
+    for (int i = 0; i < 1000; ++i) {
+        slot.exchange(anyEndpoint());
+        slot.exchange(nullptr);
+    }
+    done = true;
+    reader.join();
+}
+
+}  // namespace
+}  // namespace vesk

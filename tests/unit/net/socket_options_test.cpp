@@ -1,0 +1,139 @@
+#include "net/socket_options.h"
+
+#include <fcntl.h>
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <netinet/in.h>
+#include <sys/socket.h>
+
+#include <cerrno>
+#include <string>
+
+#include "support/descriptors.h"
+#include "support/printed.h"
+
+namespace vesk {
+namespace {
+
+using testing::MatchesRegex;
+
+const std::string timestampPattern = "\\[[-0-9T:.]+\\]";
+
+int option(int fd, int level, int name) {
+    int value = -1;
+    socklen_t length = sizeof(value);
+    EXPECT_EQ(getsockopt(fd, level, name, &value, &length), 0);
+    return value;
+}
+
+class SocketOptionsTest : public DescriptorCountingTest {
+ protected:
+    void SetUp() override {
+        DescriptorCountingTest::SetUp();
+        ipv4.reset(socket(AF_INET, SOCK_DGRAM, 0));
+        ipv6.reset(socket(AF_INET6, SOCK_DGRAM, 0));
+    }
+    void TearDown() override {
+        ipv4.reset();
+        ipv6.reset();
+        DescriptorCountingTest::TearDown();
+    }
+
+    UniqueFd ipv4;
+    UniqueFd ipv6;
+};
+
+TEST_F(SocketOptionsTest, BufferThatIsGrantedTwiceGoesWithoutAWord) {
+    for (const int name : {SO_RCVBUF, SO_SNDBUF}) {
+        EXPECT_EQ(printedBy([&] { EXPECT_EQ(Vesk_setSocketBuf(ipv4.get(), name, 8192), 0); }), "");
+        EXPECT_EQ(option(ipv4.get(), SOL_SOCKET, name), 16384);
+    }
+}
+
+TEST_F(SocketOptionsTest, BufferOfAnotherSizeIsRemarkedUpon) {
+    // The kernel has a least size of its own.
+    const std::string receive = printedBy([this] { Vesk_setSocketBuf(ipv4.get(), SO_RCVBUF, 1); });
+    const int granted = option(ipv4.get(), SOL_SOCKET, SO_RCVBUF);
+    ASSERT_NE(granted, 2);
+    EXPECT_EQ(receive, "warn SO_RCVBUF sized to " + std::to_string(granted) + " wanted 1\n");
+    const std::string send = printedBy([this] { Vesk_setSocketBuf(ipv4.get(), SO_SNDBUF, 1); });
+    EXPECT_EQ(send, "warn SO_SNDBUF sized to " +
+                        std::to_string(option(ipv4.get(), SOL_SOCKET, SO_SNDBUF)) + " wanted 1\n");
+}
+
+TEST_F(SocketOptionsTest, BufferMayBeNoOtherOption) {
+    const int before = option(ipv4.get(), SOL_SOCKET, SO_BROADCAST);
+    EXPECT_EQ(printedBy([this] { EXPECT_EQ(Vesk_setSocketBuf(ipv4.get(), 9, 1), -1); }),
+              "error Vesk_setSocketBuf: bad SO_xxxBUF value 9\n");
+    EXPECT_EQ(option(ipv4.get(), SOL_SOCKET, SO_BROADCAST), before);
+    EXPECT_EQ(printedBy([this] { EXPECT_EQ(Vesk_setSocketBuf(ipv4.get(), SO_BROADCAST, 1), -1); }),
+              "error Vesk_setSocketBuf: bad SO_xxxBUF value 6\n");
+}
+
+TEST_F(SocketOptionsTest, BufferOptionIsCheckedBeforeTheSocket) {
+    EXPECT_EQ(printedBy([] { EXPECT_EQ(Vesk_setSocketBuf(-1, 0, 1), -1); }),
+              "error Vesk_setSocketBuf: bad SO_xxxBUF value 0\n");
+}
+
+TEST_F(SocketOptionsTest, BufferThatCannotBeSetIsReportedWhateverTheLevel) {
+    const AtLogLevel level("error");
+    EXPECT_EQ(printedBy([] { EXPECT_EQ(Vesk_setSocketBuf(-1, SO_RCVBUF, 1), -EBADF); }),
+              "set SO_RCVBUF failed with error 9\n");
+    EXPECT_EQ(printedBy([] { EXPECT_EQ(Vesk_setSocketBuf(-1, SO_SNDBUF, 1), -EBADF); }),
+              "set SO_SNDBUF failed with error 9\n");
+}
+
+TEST_F(SocketOptionsTest, DestinationAddressIsAskedForWithAResultThatIsNoFailure) {
+    EXPECT_EQ(printedBy([this] { EXPECT_EQ(Vesk_requestLocalDestAddr(ipv4.get(), AF_INET), -22); }),
+              "");
+    EXPECT_EQ(option(ipv4.get(), IPPROTO_IP, IP_PKTINFO), 1);
+    EXPECT_EQ(
+        printedBy([this] { EXPECT_EQ(Vesk_requestLocalDestAddr(ipv6.get(), AF_INET6), -22); }), "");
+    EXPECT_EQ(option(ipv6.get(), IPPROTO_IPV6, IPV6_RECVPKTINFO), 1);
+}
+
+TEST_F(SocketOptionsTest, DestinationAddressThatCannotBeAskedForIsWarnedOf) {
+    EXPECT_THAT(
+        printedBy([] { EXPECT_EQ(Vesk_requestLocalDestAddr(-1, AF_INET), -EBADF); }),
+        MatchesRegex("warn  " + timestampPattern +
+                     " Vesk_requestLocalDestAddr: IP_PKTINFO failed on socket -1, errno=9\n\n"));
+    EXPECT_THAT(printedBy([] { EXPECT_EQ(Vesk_requestLocalDestAddr(-1, AF_INET6), -EBADF); }),
+                MatchesRegex("warn  " + timestampPattern +
+                             " Vesk_requestLocalDestAddr: IPV6_RECVPKTINFO failed on socket -1, "
+                             "errno=9\n\n"));
+}
+
+TEST_F(SocketOptionsTest, DestinationAddressOfAnUnknownFamilyIsWarnedOf) {
+    EXPECT_THAT(
+        printedBy([this] { EXPECT_EQ(Vesk_requestLocalDestAddr(ipv4.get(), AF_UNIX), -97); }),
+        MatchesRegex("warn  " + timestampPattern +
+                     " Vesk_requestLocalDestAddr: unknown socket family 1\n\n"));
+    EXPECT_EQ(option(ipv4.get(), IPPROTO_IP, IP_PKTINFO), 0);
+    printedBy([this] { EXPECT_EQ(Vesk_requestLocalDestAddr(ipv4.get(), 0), -97); });
+}
+
+TEST_F(SocketOptionsTest, PortIsShared) {
+    EXPECT_EQ(printedBy([this] { EXPECT_EQ(setReusePort(ipv4.get()), 0); }), "");
+    EXPECT_EQ(option(ipv4.get(), SOL_SOCKET, SO_REUSEPORT), 1);
+}
+
+TEST_F(SocketOptionsTest, PortThatCannotBeSharedIsReported) {
+    EXPECT_EQ(printedBy([] { EXPECT_EQ(setReusePort(-1), -EBADF); }),
+              "error Failed to set reuse port option on socket: Bad file descriptor\n");
+}
+
+TEST_F(SocketOptionsTest, SocketIsMadeNonBlockingOnceAndForAll) {
+    const int before = fcntl(ipv4.get(), F_GETFL);
+    EXPECT_EQ(before & O_NONBLOCK, 0);
+    for (int i = 0; i < 2; ++i) {
+        EXPECT_EQ(setNonBlocking(ipv4.get()), 0);
+        EXPECT_EQ(fcntl(ipv4.get(), F_GETFL), before | O_NONBLOCK);
+    }
+}
+
+TEST_F(SocketOptionsTest, WhatIsNoSocketCannotBeMadeNonBlocking) {
+    EXPECT_EQ(printedBy([] { EXPECT_EQ(setNonBlocking(-1), -EBADF); }), "");
+}
+
+}  // namespace
+}  // namespace vesk
