@@ -87,8 +87,11 @@ def test_without_multiplexing_an_address_is_not_shared(bench: Bench) -> None:
 
 def test_multiplexing_is_switched_off_again(bench: Bench) -> None:
     (flow,) = multiplexed(bench, [5])
+    descriptors = bench.vesk.descriptor_count()
     bench.exchange(flow)
     bench.vesk.lines_after("set label 5 is_multiplex false")
+    # The poll thread closes the old socket, and frees its address, a moment later.
+    bench.vesk.wait_for_descriptor_count(descriptors)
     bench.exchange(flow)
     bench.vesk.wait_for_log(re.compile(r"info Created upstream endpoint: label 0x5/5 .*"))
 

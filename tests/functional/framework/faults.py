@@ -4,6 +4,7 @@ from __future__ import annotations
 
 import os
 import re
+import select
 import shutil
 import signal
 import subprocess
@@ -89,20 +90,14 @@ def failing_calls(vesk: VeskProcess, threads: Sequence[int], *injections: str) -
     require_tracing()
     trace = vesk.folder / f"faults-{len(list(vesk.folder.glob('faults-*')))}.strace"
     calls = ",".join(dict.fromkeys(injection.split(":")[0] for injection in injections))
-    words = ["strace", "-qq", "-o", str(trace), "-e", f"trace={calls}"]
+    words = ["strace", "-o", str(trace), "-e", f"trace={calls}"]
     for injection in injections:
         words += ["-e", f"inject={injection}"]
     for thread in threads:
         words += ["-p", str(thread)]
     tracer = subprocess.Popen(words, stderr=subprocess.PIPE)
     try:
-        wait_until(lambda: tracer.poll() is not None
-                   or all(_is_traced(vesk.pid, thread) for thread in threads),
-                   "the tracer came")
-        # A fault that ends its thread ends the tracer too, perhaps before we look.
-        if tracer.poll():
-            assert tracer.stderr is not None
-            raise AssertionError(f"strace ended: {tracer.stderr.read().decode(errors='replace')}")
+        _wait_for_tracer(tracer, len(threads))
         yield trace
     finally:
         if tracer.poll() is None:
@@ -134,9 +129,13 @@ def _thread_in(vesk: VeskProcess, system_call: str) -> int:
     return vesk.threads_in(system_call)[0]
 
 
-def _is_traced(process: int, thread: int) -> bool:
-    try:
-        status = Path(f"/proc/{process}/task/{thread}/status").read_text()
-    except OSError:
-        return False
-    return "\nTracerPid:\t0\n" not in status
+def _wait_for_tracer(tracer: "subprocess.Popen[bytes]", threads: int) -> None:
+    """The tracer says so when it has stopped a thread; from then on no call escapes it."""
+    assert tracer.stderr is not None
+    said = b""
+    while said.count(b" attached") < threads:
+        readable, _, _ = select.select([tracer.stderr], [], [], scaled(5))
+        piece = os.read(tracer.stderr.fileno(), 4096) if readable else b""
+        if not piece:
+            raise AssertionError(f"the tracer did not come: {said.decode(errors='replace')}")
+        said += piece

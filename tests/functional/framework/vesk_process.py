@@ -159,8 +159,9 @@ class VeskProcess:
             data = data[os.write(descriptor, data):]
 
     def ready(self) -> "VeskProcess":
-        """Waits until the start-up is through, that of the poll thread included."""
+        """Waits until the start-up is through, that of every thread included."""
         self.settle()
+        self.wait_for_log(re.compile(r"info Task \[FlowCleanUpTask\] will execute in \[\d+s\]"))
         wait_until(lambda: "anon_inode:[eventpoll]" in self.descriptors().values(),
                    "the poll thread watches its channel")
         return self
