@@ -47,6 +47,7 @@ std::vector<Figure> figures(const TrafficResult& result) {
         {"p90_us", "round trip p90", roundTrip(0.9), 1, "us"},
         {"p99_us", "round trip p99", roundTrip(0.99), 1, "us"},
         {"p999_us", "round trip p99.9", roundTrip(0.999), 1, "us"},
+        {"longest_us", "round trip longest", roundTrip(1), 1, "us"},
     };
     if (result.usage) {
         const auto cpu = static_cast<double>(result.usage->cpuNanoseconds);
