@@ -1,0 +1,178 @@
+// A model of how upstream read sockets are armed: who may do what next, and what that makes of the
+// whole. Kept in step with poll/poll_loop.cpp, poll/receive_worker.cpp, datapath/upstream.cpp,
+// net/endpoint_lifecycle.cpp and the creation of endpoints in datapath/downstream.cpp by whoever
+// changes them.
+//
+// What is in it: the poll thread with the epoll set and the message channel; two workers with their
+// queues and private lists; one thread that creates endpoints and one that takes them out of the
+// tables; the deleter; datagrams arriving; calls that fail; descriptor numbers, of which the kernel
+// always gives out the lowest that is free. Each step is what happens under one lock or in one
+// system call.
+//
+// Three liberties, each of which allows more than can happen: a ready socket may go to either
+// worker's queue, a worker may collect its queue between any two sockets, and a deleter runs beside
+// the thread that let go of the endpoint.
+//
+// Not in it: events of nothing but an error. Upstream sockets are never connected, so the kernel
+// reports no error of an earlier datagram on them.
+#pragma once
+
+#include <array>
+#include <cstddef>
+#include <cstdint>
+#include <string_view>
+#include <vector>
+
+namespace vesk::model {
+
+/// What the forwarder does so that no wake-up is lost. Each can be taken away, to see that the
+/// search would notice.
+struct Rules {
+    bool claimsSocket = true;
+    /// Reads once more where another worker came by meanwhile.
+    bool heedsOtherWorker = true;
+    bool givesBackBeforeArming = true;
+    bool holdsEndpointWhileArming = true;
+    bool armsAfterRefusedReceive = true;
+    bool pollThreadCloses = true;
+    /// What a worker does with an endpoint whose creator is not done with it.
+    enum class Unprepared : std::uint8_t { lookAgain, forget, serve };
+    Unprepared unprepared = Unprepared::lookAgain;
+};
+
+/// How much happens.
+struct Bounds {
+    std::uint8_t endpoints = 2;
+    /// Flows at one time; endpoints beyond that take the place of earlier ones.
+    std::uint8_t labels = 1;
+    std::uint8_t arrivals = 2;
+    std::uint8_t removals = 1;
+    std::uint8_t failures = 0;
+    /// Records that the channel holds before a sender has to wait.
+    std::uint8_t channel = 3;
+};
+
+// Everything is made of bytes, with no gaps, since states are compared and hashed as bytes.
+
+inline constexpr std::size_t maxEndpoints = 3;
+inline constexpr std::size_t maxNumbers = 2 * maxEndpoints;
+inline constexpr std::uint8_t noOne = 0xFF;
+
+template <typename Item, std::size_t Capacity>
+struct Fifo {
+    std::uint8_t size = 0;
+    std::array<Item, Capacity> items{};
+
+    bool empty() const { return size == 0; }
+    void push(Item item) { items.at(size++) = item; }
+    Item pop();
+    bool contains(Item item) const;
+};
+
+enum class Op : std::uint8_t { none, add, rearm, remove };
+
+struct Record {
+    Op op = Op::none;
+    std::uint8_t number = 0;
+    /// Whose descriptor was meant; the real record does not say.
+    std::uint8_t endpoint = 0;
+};
+
+enum class Watch : std::uint8_t { none, armed, fired };
+enum class Serving : std::uint8_t { nobody, claimed, moreWanted };
+enum class Deletion : std::uint8_t { notYet, writeSocket, readSocket, done };
+
+struct Endpoint {
+    bool created = false;
+    /// In the tables, where datagrams and ready sockets find it.
+    bool filed = false;
+    bool prepared = false;
+    Serving serving = Serving::nobody;
+    /// Datagrams in the socket's buffer.
+    std::uint8_t data = 0;
+    /// Of the read descriptor in the epoll set.
+    Watch watch = Watch::none;
+    Deletion deletion = Deletion::notYet;
+    std::uint8_t readNumber = 0;
+    std::uint8_t writeNumber = 0;
+};
+
+enum class WorkerStep : std::uint8_t {
+    idle,
+    lookUp,
+    checkPrepared,
+    claim,
+    receive,
+    process,
+    giveBack,
+    arm,
+    release
+};
+
+/// What a receive call brought when it was no datagram.
+enum class Outcome : std::uint8_t { drained, refused, passingFailure, lastingFailure };
+
+struct Worker {
+    WorkerStep step = WorkerStep::idle;
+    std::uint8_t number = 0;
+    std::uint8_t endpoint = noOne;
+    /// The endpoint it found, held or not.
+    std::uint8_t meant = noOne;
+    Outcome outcome = Outcome::drained;
+    bool keep = false;
+    Fifo<std::uint8_t, 6> queue;
+    Fifo<std::uint8_t, 6> serving;
+};
+
+enum class CreatorStep : std::uint8_t { idle, registerSocket, markPrepared, forward, release };
+
+/// What must never happen, found while a step is taken.
+enum class Fault : std::uint8_t {
+    none,
+    sharedBuffer,
+    closedWhileWatched,
+    usedAfterClose,
+    refusedByEpoll
+};
+
+struct State {
+    std::array<Endpoint, maxEndpoints> endpoints{};
+    /// The endpoint that a descriptor number belongs to at present.
+    std::array<std::uint8_t, maxNumbers> owner{};
+    Fifo<Record, 4> channel;
+    /// The poll thread, between two waits: a record to be taken and numbers to be dealt out.
+    bool recordReady = false;
+    Fifo<std::uint8_t, maxEndpoints> batch;
+    std::array<Worker, 2> workers{};
+    CreatorStep creator = CreatorStep::idle;
+    std::uint8_t creatorHolds = noOne;
+    std::uint8_t removerHolds = noOne;
+    std::uint8_t endpointsMade = 0;
+    std::uint8_t arrivals = 0;
+    std::uint8_t removals = 0;
+    std::uint8_t failures = 0;
+    /// A deleter closed what it could not ask for, and records of it may still be on their way.
+    bool closedUnasked = false;
+    Fault fault = Fault::none;
+
+    State() { owner.fill(noOne); }
+};
+
+struct Transition {
+    std::string_view name;
+    /// Not of the forwarder's doing: a datagram, a command. Nobody may wait for one.
+    bool fromOutside;
+    State next;
+};
+
+/// Every step that some thread could take next.
+std::vector<Transition> stepsFrom(const State& state, const Rules& rules, const Bounds& bounds);
+
+/// Whether something is on its way that will read the endpoint's socket or have it watched.
+bool isCovered(const State& state, std::uint8_t endpoint);
+
+/// Whether all is as it should be where no thread has anything left to do: live flows armed and
+/// read, sockets of the others closed.
+bool isAtRest(const State& state);
+
+}  // namespace vesk::model

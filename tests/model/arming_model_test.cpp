@@ -1,0 +1,113 @@
+#include "arming_model.h"
+
+#include <gtest/gtest.h>
+
+#include <iostream>
+
+#include "arming_search.h"
+
+namespace vesk::model {
+
+std::ostream& operator<<(std::ostream& out, const Verdict& verdict) {
+    return out << (verdict.complaint.empty() ? "nothing found" : verdict.complaint) << " in "
+               << verdict.states << " states\n"
+               << verdict.trace;
+}
+
+namespace {
+
+class ArmingModel : public testing::Test {
+ protected:
+    void expectNothingWrong(const Bounds& bounds) {
+        const Verdict verdict = search(rules, bounds);
+        EXPECT_TRUE(verdict.complaint.empty()) << verdict;
+        RecordProperty("states", static_cast<int>(verdict.states));
+        std::cout << verdict.states << " states\n";
+    }
+
+    /// The search has to notice that a rule was taken away.
+    void expectComplaint(const char* complaint, const Bounds& bounds = {}) {
+        const Verdict verdict = search(rules, bounds);
+        EXPECT_EQ(verdict.complaint, complaint) << verdict;
+    }
+
+    static constexpr const char* lost = "a live flow that nobody will ever read again";
+
+    Rules rules;
+};
+
+TEST_F(ArmingModel, OneFlowIsReadWheneverSomethingArrives) {
+    expectNothingWrong({.endpoints = 1, .arrivals = 4, .removals = 1});
+}
+
+TEST_F(ArmingModel, AFlowWithTheNumbersOfAnEarlierOneIsRead) {
+    expectNothingWrong({.endpoints = 2, .arrivals = 3, .removals = 2});
+}
+
+TEST_F(ArmingModel, TwoFlowsAndOneThatTakesThePlaceOfTheFirstAreRead) {
+    expectNothingWrong({.endpoints = 3, .labels = 2, .arrivals = 2, .removals = 1});
+}
+
+TEST_F(ArmingModel, AFailureLosesNoWakeUp) {
+    expectNothingWrong({.endpoints = 1, .arrivals = 3, .removals = 1, .failures = 3});
+    expectNothingWrong({.endpoints = 2, .arrivals = 2, .removals = 1, .failures = 1});
+}
+
+TEST_F(ArmingModel, ASenderThatWaitsForRoomHoldsNobodyUpForGood) {
+    expectNothingWrong({.endpoints = 2, .arrivals = 2, .removals = 2, .channel = 1});
+}
+
+// Either of these is enough by itself: whoever gives back first and arms then is woken by what came
+// meanwhile; whoever heeds the other worker reads it. Without both, see below.
+
+TEST_F(ArmingModel, ArmingBeforeGivingBackIsSafeWhileTheOtherWorkerIsHeeded) {
+    rules.givesBackBeforeArming = false;
+    expectNothingWrong({.endpoints = 2, .arrivals = 2, .removals = 2});
+}
+
+TEST_F(ArmingModel, NotHeedingTheOtherWorkerIsSafeWhileArmingComesLast) {
+    rules.heedsOtherWorker = false;
+    expectNothingWrong({.endpoints = 2, .arrivals = 2, .removals = 2});
+    expectNothingWrong({.endpoints = 2, .arrivals = 2, .removals = 1, .failures = 1});
+}
+
+// What each rule is there for.
+
+TEST_F(ArmingModel, WithoutAClaimTwoWorkersShareABuffer) {
+    rules.claimsSocket = false;
+    expectComplaint("two workers in one receive buffer");
+}
+
+TEST_F(ArmingModel, ArmingBeforeGivingBackLosesTheWakeUpOfOneThatIsNotHeeded) {
+    rules.givesBackBeforeArming = false;
+    rules.heedsOtherWorker = false;
+    expectComplaint(lost, {.endpoints = 1});
+}
+
+TEST_F(ArmingModel, ArmingWithoutHoldingTheEndpointReachesAnother) {
+    rules.holdsEndpointWhileArming = false;
+    expectComplaint("a descriptor used after it was closed");
+}
+
+TEST_F(ArmingModel, ARefusedReceiveThatIsNotArmedAgainEndsTheFlow) {
+    rules.armsAfterRefusedReceive = false;
+    expectComplaint(lost, {.endpoints = 1, .failures = 1});
+}
+
+TEST_F(ArmingModel, ClosingInTheDeleterClosesWhatIsWatched) {
+    rules.pollThreadCloses = false;
+    expectComplaint("a descriptor closed while in the epoll set");
+}
+
+TEST_F(ArmingModel, AnUnpreparedEndpointThatIsForgottenIsNeverRead) {
+    rules.unprepared = Rules::Unprepared::forget;
+    expectComplaint(lost, {.endpoints = 1});
+}
+
+TEST_F(ArmingModel, AnUnpreparedEndpointThatIsServedIsArmedBeforeItIsAdded) {
+    rules.unprepared = Rules::Unprepared::serve;
+    expectComplaint("a record that the epoll set refuses");
+}
+
+}  // namespace
+}  // namespace vesk::model
