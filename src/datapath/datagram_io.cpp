@@ -39,11 +39,12 @@ SocketAddress ipv6Destination(const in6_pktinfo& information) {
     return {reinterpret_cast<const sockaddr*>(&address), sizeof(address)};
 }
 
-bool usesIpv4TrafficClass(const SocketAddress& destination) {
-    if (destination.storage.ss_family != AF_INET6) {
-        return destination.storage.ss_family == AF_INET;
+bool usesIpv4TrafficClass(const sockaddr_storage& destination) {
+    if (destination.ss_family != AF_INET6) {
+        return destination.ss_family == AF_INET;
     }
-    const auto ipv6 = readAt<sockaddr_in6>(destination.bytes());
+    sockaddr_in6 ipv6;
+    std::memcpy(&ipv6, &destination, sizeof(ipv6));
     return IN6_IS_ADDR_V4MAPPED(&ipv6.sin6_addr);
 }
 
@@ -109,7 +110,8 @@ SocketAddress findLocalDestination(int family, std::span<const std::uint8_t> con
 }
 
 OutgoingMessage::OutgoingMessage() {
-    header_.msg_name = &destination_.storage;
+    destination_.ss_family = AF_UNSPEC;
+    header_.msg_name = &destination_;
     header_.msg_iov = &element_;
     header_.msg_iovlen = 1;
 }
@@ -119,8 +121,7 @@ void OutgoingMessage::setDatagram(std::span<std::uint8_t> datagram) {
 }
 
 void OutgoingMessage::setDestination(const SocketAddress& destination) {
-    std::memcpy(&destination_.storage, &destination.storage, destination.length);
-    destination_.length = destination.length;
+    std::memcpy(&destination_, &destination.storage, destination.length);
     header_.msg_namelen = destination.length;
     header_.msg_control = nullptr;
     header_.msg_controllen = 0;

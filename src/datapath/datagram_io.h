@@ -58,7 +58,7 @@ ReceiveResult receiveNow(IncomingMessage& message, VeskEndpointDescriptor& endpo
 /// An IPv6 address carries the interface index in its scope.
 SocketAddress findLocalDestination(int family, std::span<const std::uint8_t> control);
 
-/// One send call, with the address and control data that it carries. Kept and used again.
+/// One send call, with the address and control data that it carries.
 class OutgoingMessage {
  public:
     OutgoingMessage();
@@ -85,8 +85,10 @@ class OutgoingMessage {
 
     msghdr header_{};
     iovec element_{};
-    SocketAddress destination_;
-    alignas(cmsghdr) std::array<std::uint8_t, 80> control_{};
+    // Made for every datagram, so these are left as they come; the header says how much of them
+    // counts.
+    sockaddr_storage destination_;
+    alignas(cmsghdr) std::array<std::uint8_t, 80> control_;
 };
 
 }  // namespace vesk

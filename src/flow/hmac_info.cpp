@@ -16,10 +16,10 @@ void HmacContextDeleter::operator()(HMAC_CTX* context) const {
     HMAC_CTX_free(context);
 }
 
-HmacInfo::HmacInfo() : algoName(hmacSha1.name), digest(hmacSha1.digest) {}
+HmacInfo::HmacInfo() : digest(hmacSha1.digest), algoName(hmacSha1.name) {}
 
 HmacInfo::HmacInfo(const HmacInfo& other)
-    : keyLen(other.keyLen), key(other.key), algoName(other.algoName), digest(other.digest) {}
+    : keyLen(other.keyLen), digest(other.digest), key(other.key), algoName(other.algoName) {}
 
 HmacInfo& HmacInfo::operator=(const HmacInfo& other) {
     if (this != &other) {

@@ -53,14 +53,16 @@ struct HmacInfo {
 
     bool hasKey() const { return keyLen != 0; }
 
+    // What every datagram needs stands first and together; the key is read when a context is made.
+
     /// Number of key bytes; 0 means no key, and the flow is unauthenticated.
     std::uint64_t keyLen = 0;
-    std::array<std::uint8_t, maxHmacKeyLength> key{};
-    std::string algoName;
-    DigestSelector digest;
     /// Made on first use and keyed with what the record held then; a change of key or algorithm
     /// drops it.
     std::unique_ptr<HMAC_CTX, HmacContextDeleter> context;
+    DigestSelector digest;
+    std::array<std::uint8_t, maxHmacKeyLength> key{};
+    std::string algoName;
 };
 
 /// For diagnostics only: it shows the key.
