@@ -1,0 +1,198 @@
+"""Everything changes at once: flows are declared and deleted, expire, come directly and over the
+lateral stream, are answered on several sockets, and the listener comes and goes.
+
+What arrives has to be rightly signed and at the right place all the same.
+VESK_CHURN_SECONDS says for how long.
+"""
+
+from __future__ import annotations
+
+import re
+import struct
+import threading
+import time
+from contextlib import ExitStack
+from typing import Dict, List, Sequence, Set
+
+import pytest
+
+from conftest import StartVesk
+from framework.flood import Flood
+from framework.flow import Flow, four_keys
+from framework.framing import UDPV2
+from framework.lateral import LOOPBACK, join, owned_label, shared_free_port
+from framework.timing import SANITIZER, count_from_environment, scaled, wait_until
+from framework.udp import Address, UdpEnd, UpstreamService, free_port
+from framework.vesk_process import VeskProcess
+
+from figures import record
+
+SECONDS = count_from_environment("VESK_CHURN_SECONDS", 10)
+COMMANDS_A_SECOND = 1000
+TICKS_A_SECOND = 10
+EXPIRY_SECONDS = "1"
+DIRECT, LATERAL = 1, 2
+
+
+class Peer:
+    """Sends requests that name their sender, and checks every reply as it arrives."""
+
+    def __init__(self, identity: int, flows: Dict[int, Flow], shared: Set[int]) -> None:
+        self.identity = identity
+        self._flows = flows
+        self._shared = shared
+        self.service = UpstreamService(self._check)
+
+    @property
+    def end(self) -> UdpEnd:
+        return self.service.end
+
+    def request(self, flow: Flow) -> bytes:
+        return flow.request(payload_of(self.identity, flow))
+
+    def _check(self, data: bytes) -> None:
+        flow = self._flows[UDPV2.parse(data).label]
+        identity, label = struct.unpack_from("!BI", flow.open_reply(data).payload)
+        assert label == flow.label, f"a reply of flow {label:#x} came as one of {flow.label:#x}"
+        # On labels that both peers use replies follow whoever spoke last.
+        assert identity == self.identity or label in self._shared, \
+            f"a reply to peer {identity} on flow {label:#x} came to peer {self.identity}"
+
+
+def payload_of(identity: int, flow: Flow) -> bytes:
+    return struct.pack("!BI", identity, flow.label) + b"p" * 100
+
+
+class Churn:
+    """Two joined instances. The first owns all flows and takes all commands."""
+
+    def __init__(self, start_vesk: StartVesk, keep: ExitStack) -> None:
+        self.instances = [start_vesk("udpv2", EXPIRY_SECONDS).ready() for _ in range(2)]
+        self.owner = self.instances[0]
+        port = shared_free_port([LOOPBACK[0], LOOPBACK[1]])
+        for index, vesk in enumerate(self.instances):
+            join(vesk, index, {0: LOOPBACK[0], 1: LOOPBACK[1]}, port, 2)
+        self.listeners: List[Address] = [("127.0.0.1", vesk.listen()) for vesk in self.instances]
+        self.descriptors = self.owner.descriptor_count()
+        by_up_label: Dict[int, Flow] = {}
+        self.service = keep.enter_context(UpstreamService(
+            lambda data: by_up_label[UDPV2.parse(data).label].echo(data)))
+        self._make_flows()
+        by_up_label.update({flow.up_label: flow for flow in self.flows})
+        by_down_label = {flow.down_label: flow for flow in self.flows}
+        shared = {flow.label for flow in self.shared}
+        self.peers = {identity: Peer(identity, by_down_label, shared)
+                      for identity in (DIRECT, LATERAL)}
+        for peer in self.peers.values():
+            keep.enter_context(peer.service)
+        self.owner.lines_after(*(flow.set_command() for flow in self.flows))
+        self.commands = 0
+
+    def _flows(self, first: int, count: int, **options: object) -> List[Flow]:
+        return [Flow(owned_label(0, number), self.service.address, **four_keys(),
+                     options=dict(options)) for number in range(first, first + count)]
+
+    def _make_flows(self) -> None:
+        self.reply_port: Address = ("127.0.0.1", free_port())
+        self.direct, self.lateral = self._flows(100, 40), self._flows(200, 40)
+        self.shared, self.expiring = self._flows(300, 40), self._flows(400, 100)
+        self.multiplexed = self._flows(500, 8, is_multiplex="true", up_src_ip="127.0.0.1",
+                                       up_src_port=self.reply_port[1])
+        self.flows = [*self.direct, *self.lateral, *self.shared, *self.expiring, *self.multiplexed]
+        self.changing = [*self.direct, *self.lateral, *self.shared, *self.multiplexed[4:]]
+
+    def _flood(self, floods: ExitStack, identity: int, flows: Sequence[Flow],
+               pause_seconds: float) -> None:
+        peer = self.peers[identity]
+        to = self.listeners[0 if identity == DIRECT else 1]
+        floods.enter_context(Flood(peer.end, [(peer.request(flow), to) for flow in flows],
+                                   pause_seconds=pause_seconds))
+
+    def flood_everything(self, floods: ExitStack) -> None:
+        pause = scaled(0.05)
+        for identity, own in ((DIRECT, self.direct), (LATERAL, self.lateral)):
+            self._flood(floods, identity, [*own, *self.shared], pause)
+        self._flood(floods, DIRECT, self.multiplexed, pause)
+        # Longer than two passes of the clean-up: every one of them finds the sockets gone.
+        self._flood(floods, DIRECT, self.expiring, 2.5)
+        # Which of the sockets gets a reply the kernel decides, by its sender.
+        for _ in range(4):
+            end = floods.enter_context(UdpEnd())
+            replies = [(flow.reply(payload_of(DIRECT, flow)), self.reply_port)
+                       for flow in self.multiplexed]
+            floods.enter_context(Flood(end, replies, pause_seconds=pause))
+
+    def change(self, count: int) -> None:
+        """Half of the commands delete, the other half declare again."""
+        for _ in range(count // 2):
+            flow = self.changing[self.commands // 2 % len(self.changing)]
+            self.owner.command(f"del label {flow.label}")
+            self.owner.command(flow.set_command())
+            self.commands += 2
+
+    def restart_listener(self) -> None:
+        host, port = self.listeners[0]
+        self.owner.command("stop")
+        self.owner.command(f"start addr {host} port {port}")
+
+    def received(self) -> List[int]:
+        return [self.service.received, *(peer.service.received for peer in self.peers.values())]
+
+    def still_alive(self, before: List[int]) -> None:
+        wait_until(lambda: all(now > then for now, then in zip(self.received(), before)),
+                   "datagrams arrive at the service and at both peers again", 10)
+        failures = [end.failure for end in
+                    (self.service, *(peer.service for peer in self.peers.values()))]
+        for failure in failures:
+            if failure is not None:
+                raise failure
+
+
+def keep_changing(churn: Churn, seconds: float) -> float:
+    """Commands at their pace for so long; returns how long it took."""
+    pace = threading.Event()
+    began = time.monotonic()
+    ticks = 0
+    while time.monotonic() - began < seconds:
+        before = churn.received()
+        for _ in range(TICKS_A_SECOND):
+            churn.change(COMMANDS_A_SECOND // TICKS_A_SECOND)
+            if ticks % 3 == 0:
+                churn.restart_listener()
+            churn.owner.settle()
+            ticks += 1
+            pace.wait(max(0.0, began + ticks / TICKS_A_SECOND - time.monotonic()))
+        churn.still_alive(before)
+    return time.monotonic() - began
+
+
+# A reply on another socket of the group may come between the making of a flow's socket and the
+# first request on it: there is no peer yet to send it to, and the socket goes. The next request
+# opens another.
+TOO_EARLY = re.compile(r"error UP_TO_DOWN_SEND: network error on upstream endpoint of label .*, "
+                       r"errno 89 \(Destination address required\)\. Endpoint Deleted")
+
+
+def complaints(vesk: VeskProcess) -> List[str]:
+    return [line for line in vesk.remarks()
+            if line.startswith(("error", "warn")) and not TOO_EARLY.fullmatch(line)]
+
+
+@pytest.mark.limit_seconds(90 + 2 * SECONDS)
+def test_everything_changes_at_once(start_vesk: StartVesk) -> None:
+    with ExitStack() as keep:
+        churn = Churn(start_vesk, keep)
+        with ExitStack() as floods:
+            churn.flood_everything(floods)
+            took = keep_changing(churn, SECONDS)
+        churn.owner.lines_after(*(f"del label {flow.label}" for flow in churn.flows))
+        churn.owner.wait_for_descriptor_count(churn.descriptors)
+        for vesk in churn.instances:
+            assert complaints(vesk) == []
+            vesk.finish()
+        service, direct, lateral = churn.received()
+        expired = sum(line == "info Task [FlowCleanUpTask] now executing"
+                      for line in churn.owner.log_lines())
+        record(f"churn {SANITIZER or 'release'}: {took:.0f} s, {churn.commands / took:.0f} set/del "
+               f"a second, {expired} clean-up passes, {service} requests and {direct} direct and "
+               f"{lateral} lateral replies, every one rightly signed and at the right peer")
