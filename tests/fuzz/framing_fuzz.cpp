@@ -47,11 +47,14 @@ void checkAndSign(Received received, const ParsedDatagram& parsed, const Key& ke
     require(same(received.datagram(), signedDatagram), "signing writes the tag and nothing else");
     require(passes(), "a datagram just signed passes");
 
-    std::uint8_t& somewhere = received.buffer.at((before.front() + before.size()) % before.size());
-    somewhere ^= 1U;
-    const bool covered = &somewhere - received.buffer.data() < framing.hmacLength;
-    require(passes() == (key.bytes.empty() && !covered),
-            "a changed bit shows where there is a key");
+    const std::size_t last = before.size() - 1;
+    for (const std::size_t place : {std::size_t{0}, std::size_t{framing.hmacLength - 1U},
+                                    std::size_t{framing.hmacLength}, last, before.front() % last}) {
+        received.buffer.at(place) ^= 1U;
+        require(passes() == (key.bytes.empty() && place >= framing.hmacLength),
+                "a changed bit shows where there is a key");
+        received.buffer.at(place) ^= 1U;
+    }
 }
 
 void relabel(Received received, std::uint32_t label) {

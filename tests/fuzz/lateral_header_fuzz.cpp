@@ -91,6 +91,11 @@ void forward(View payload, const SocketAddress& sender) {
     require(header && header->type == 1, "a header that was added can be read");
     require(checkLateralHmac(buffer.bytes, *header, record), "a header that was added passes");
     require(lateralAddress(buffer.bytes, *header) == sender, "the sender's address comes back");
+    for (const std::size_t place : {std::size_t{2}, header->size() - 17, header->size() - 1}) {
+        buffer.bytes.at(place) ^= 1U;
+        require(!checkLateralHmac(buffer.bytes, *header, record), "a changed bit shows");
+        buffer.bytes.at(place) ^= 1U;
+    }
     buffer.length = stripLateralHeader(buffer.bytes, buffer.length, *header);
     require(same(buffer.datagram(), before), "a header added and taken off leaves no trace");
 }

@@ -158,6 +158,8 @@ COMMANDS = {
     "label_negative": b"set label -1\nset label -18446744073709551615",
     "label_octal_and_signs": b"set label 010\nset label +0x1F\nset label 08\nset label 0x",
     "label_out_of_range": b"set label 99999999999999999999",
+    "other_labels_0": b"set label 5 up_label 0\nset label 5 up_aux_flow_label 0\n"
+                      b"set label 5 down_aux_flow_label_prefix 0",
     "prefix_too_large": b"set label 5 down_aux_flow_label_prefix 65536",
     "marks_out_of_range": b"set label 5 up_out_dscp_v4 64 up_out_dscp_v6 -2 "
                           b"down_out_dscp_v4 -99999999999999999999",
@@ -192,6 +194,10 @@ def datagram(choice, payload=b""):
     return bytes([choice, len(payload)]) + payload
 
 
+def wrong_tag_end(framed, length):
+    return framed[:length - 1] + bytes([framed[length - 1] ^ 1]) + framed[length:]
+
+
 def downstream():
     target = "downstream"
     each_label = b"".join(datagram(SIGNED | label, b"payload") for label in range(8))
@@ -215,6 +221,12 @@ def downstream():
               + datagram(AS_IT_IS, bytes(37)))
     write(target, "udpv2_well_signed_bytes",
           b"\0" + datagram(AS_IT_IS, framed_v2(0x10002, b"hello", SHA1)))
+    write(target, "udpv1_signed_without_payload",
+          b"\1" + datagram(AS_IT_IS, framed_v1(0x10002, b"", SHA1)))
+    write(target, "udpv2_last_byte_of_tag_wrong",
+          b"\0" + datagram(AS_IT_IS, wrong_tag_end(framed_v2(0x10002, b"hello", SHA1), 16)))
+    write(target, "udpv1_last_byte_of_tag_wrong",
+          b"\1" + datagram(AS_IT_IS, wrong_tag_end(framed_v1(0x10002, b"hello", SHA1), 32)))
     write(target, "udpv1_further_header",
           b"\1" + datagram(AS_IT_IS, framed_v1(0x10002, b"hello", SHA1, further=b"extra")))
 
