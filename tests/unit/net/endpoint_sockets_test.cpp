@@ -23,13 +23,6 @@ using testing::EndsWith;
 using testing::HasSubstr;
 using testing::StartsWith;
 
-int option(int fd, int level, int name) {
-    int value = -1;
-    socklen_t length = sizeof(value);
-    EXPECT_EQ(getsockopt(fd, level, name, &value, &length), 0);
-    return value;
-}
-
 class EndpointSocketsTest : public DescriptorCountingTest {
  protected:
     void TearDown() override {
@@ -70,8 +63,8 @@ TEST_F(EndpointSocketsTest, TakesAnAddressWithAColonForIpv6) {
     const std::string printed = make("::1", port);
     ASSERT_NE(endpoint, nullptr);
     EXPECT_EQ(endpoint->family, AF_INET6);
-    EXPECT_EQ(option(endpoint->rdsockfd, SOL_SOCKET, SO_DOMAIN), AF_INET6);
-    EXPECT_EQ(option(endpoint->rdsockfd, IPPROTO_IPV6, IPV6_RECVPKTINFO), 1);
+    EXPECT_EQ(socketOption(endpoint->rdsockfd, SOL_SOCKET, SO_DOMAIN), AF_INET6);
+    EXPECT_EQ(socketOption(endpoint->rdsockfd, IPPROTO_IPV6, IPV6_RECVPKTINFO), 1);
     EXPECT_THAT(printed,
                 AllOf(StartsWith("info Making socket with family 10 address ::1 port "),
                       HasSubstr("info Endpoint socket bound: ::1|" + std::to_string(port) + " (")));
@@ -81,13 +74,13 @@ TEST_F(EndpointSocketsTest, SetsTheReceiveBufferAndNoOther) {
     make("127.0.0.1", freePort());
     ASSERT_NE(endpoint, nullptr);
     const UniqueFd plain(socket(AF_INET, SOCK_DGRAM, 0));
-    EXPECT_EQ(option(endpoint->rdsockfd, SOL_SOCKET, SO_SNDBUF),
-              option(plain.get(), SOL_SOCKET, SO_SNDBUF));
+    EXPECT_EQ(socketOption(endpoint->rdsockfd, SOL_SOCKET, SO_SNDBUF),
+              socketOption(plain.get(), SOL_SOCKET, SO_SNDBUF));
     // What the kernel makes of the same request here; a host may allow less than twice of it.
     const int request = 524288;
     ASSERT_EQ(setsockopt(plain.get(), SOL_SOCKET, SO_RCVBUF, &request, sizeof(request)), 0);
-    EXPECT_EQ(option(endpoint->rdsockfd, SOL_SOCKET, SO_RCVBUF),
-              option(plain.get(), SOL_SOCKET, SO_RCVBUF));
+    EXPECT_EQ(socketOption(endpoint->rdsockfd, SOL_SOCKET, SO_RCVBUF),
+              socketOption(plain.get(), SOL_SOCKET, SO_RCVBUF));
 }
 
 TEST_F(EndpointSocketsTest, AsksForBothReceiveBufferSizes) {
@@ -96,7 +89,7 @@ TEST_F(EndpointSocketsTest, AsksForBothReceiveBufferSizes) {
     std::string expected;
     for (const int request : {1048576, 524288}) {
         ASSERT_EQ(setsockopt(plain.get(), SOL_SOCKET, SO_RCVBUF, &request, sizeof(request)), 0);
-        const int granted = option(plain.get(), SOL_SOCKET, SO_RCVBUF);
+        const int granted = socketOption(plain.get(), SOL_SOCKET, SO_RCVBUF);
         if (granted != 2 * request) {
             expected += "warn SO_RCVBUF sized to " + std::to_string(granted) + " wanted " +
                         std::to_string(request) + "\n";
@@ -114,10 +107,10 @@ TEST_F(EndpointSocketsTest, LeavesTheSocketBlockingAndItsPortUnshared) {
     make("127.0.0.1", freePort());
     ASSERT_NE(endpoint, nullptr);
     EXPECT_EQ(fcntl(endpoint->rdsockfd, F_GETFL) & O_NONBLOCK, 0);
-    EXPECT_EQ(option(endpoint->rdsockfd, SOL_SOCKET, SO_REUSEPORT), 0);
-    EXPECT_EQ(option(endpoint->rdsockfd, IPPROTO_IP, IP_PKTINFO), 1);
-    EXPECT_EQ(option(endpoint->rdsockfd, SOL_SOCKET, SO_TYPE), SOCK_DGRAM);
-    EXPECT_EQ(option(endpoint->rdsockfd, SOL_SOCKET, SO_PROTOCOL), IPPROTO_UDP);
+    EXPECT_EQ(socketOption(endpoint->rdsockfd, SOL_SOCKET, SO_REUSEPORT), 0);
+    EXPECT_EQ(socketOption(endpoint->rdsockfd, IPPROTO_IP, IP_PKTINFO), 1);
+    EXPECT_EQ(socketOption(endpoint->rdsockfd, SOL_SOCKET, SO_TYPE), SOCK_DGRAM);
+    EXPECT_EQ(socketOption(endpoint->rdsockfd, SOL_SOCKET, SO_PROTOCOL), IPPROTO_UDP);
 }
 
 TEST_F(EndpointSocketsTest, ClosesItsSocketInTheEnd) {
@@ -188,10 +181,10 @@ TEST_F(SocketPairTest, IsOneSocketUnderTwoDescriptors) {
     EXPECT_NE(pair.rdsockfd.get(), pair.wrsockfd.get());
     EXPECT_NE(fcntl(pair.rdsockfd.get(), F_GETFL) & O_NONBLOCK, 0);
     EXPECT_NE(fcntl(pair.wrsockfd.get(), F_GETFL) & O_NONBLOCK, 0);
-    EXPECT_EQ(option(pair.rdsockfd.get(), SOL_SOCKET, SO_DOMAIN), AF_INET6);
+    EXPECT_EQ(socketOption(pair.rdsockfd.get(), SOL_SOCKET, SO_DOMAIN), AF_INET6);
     const int on = 1;
     ASSERT_EQ(setsockopt(pair.rdsockfd.get(), SOL_SOCKET, SO_BROADCAST, &on, sizeof(on)), 0);
-    EXPECT_EQ(option(pair.wrsockfd.get(), SOL_SOCKET, SO_BROADCAST), 1);
+    EXPECT_EQ(socketOption(pair.wrsockfd.get(), SOL_SOCKET, SO_BROADCAST), 1);
 }
 
 TEST_F(SocketPairTest, ReportsAFamilyThatThereIsNot) {

@@ -19,13 +19,6 @@ using testing::MatchesRegex;
 
 const std::string timestampPattern = "\\[[-0-9T:.]+\\]";
 
-int option(int fd, int level, int name) {
-    int value = -1;
-    socklen_t length = sizeof(value);
-    EXPECT_EQ(getsockopt(fd, level, name, &value, &length), 0);
-    return value;
-}
-
 class SocketOptionsTest : public DescriptorCountingTest {
  protected:
     void SetUp() override {
@@ -46,26 +39,27 @@ class SocketOptionsTest : public DescriptorCountingTest {
 TEST_F(SocketOptionsTest, BufferThatIsGrantedTwiceGoesWithoutAWord) {
     for (const int name : {SO_RCVBUF, SO_SNDBUF}) {
         EXPECT_EQ(printedBy([&] { EXPECT_EQ(Vesk_setSocketBuf(ipv4.get(), name, 8192), 0); }), "");
-        EXPECT_EQ(option(ipv4.get(), SOL_SOCKET, name), 16384);
+        EXPECT_EQ(socketOption(ipv4.get(), SOL_SOCKET, name), 16384);
     }
 }
 
 TEST_F(SocketOptionsTest, BufferOfAnotherSizeIsRemarkedUpon) {
     // The kernel has a least size of its own.
     const std::string receive = printedBy([this] { Vesk_setSocketBuf(ipv4.get(), SO_RCVBUF, 1); });
-    const int granted = option(ipv4.get(), SOL_SOCKET, SO_RCVBUF);
+    const int granted = socketOption(ipv4.get(), SOL_SOCKET, SO_RCVBUF);
     ASSERT_NE(granted, 2);
     EXPECT_EQ(receive, "warn SO_RCVBUF sized to " + std::to_string(granted) + " wanted 1\n");
     const std::string send = printedBy([this] { Vesk_setSocketBuf(ipv4.get(), SO_SNDBUF, 1); });
     EXPECT_EQ(send, "warn SO_SNDBUF sized to " +
-                        std::to_string(option(ipv4.get(), SOL_SOCKET, SO_SNDBUF)) + " wanted 1\n");
+                        std::to_string(socketOption(ipv4.get(), SOL_SOCKET, SO_SNDBUF)) +
+                        " wanted 1\n");
 }
 
 TEST_F(SocketOptionsTest, BufferMayBeNoOtherOption) {
-    const int before = option(ipv4.get(), SOL_SOCKET, SO_BROADCAST);
+    const int before = socketOption(ipv4.get(), SOL_SOCKET, SO_BROADCAST);
     EXPECT_EQ(printedBy([this] { EXPECT_EQ(Vesk_setSocketBuf(ipv4.get(), 9, 1), -1); }),
               "error Vesk_setSocketBuf: bad SO_xxxBUF value 9\n");
-    EXPECT_EQ(option(ipv4.get(), SOL_SOCKET, SO_BROADCAST), before);
+    EXPECT_EQ(socketOption(ipv4.get(), SOL_SOCKET, SO_BROADCAST), before);
     EXPECT_EQ(printedBy([this] { EXPECT_EQ(Vesk_setSocketBuf(ipv4.get(), SO_BROADCAST, 1), -1); }),
               "error Vesk_setSocketBuf: bad SO_xxxBUF value 6\n");
 }
@@ -86,10 +80,10 @@ TEST_F(SocketOptionsTest, BufferThatCannotBeSetIsReportedWhateverTheLevel) {
 TEST_F(SocketOptionsTest, DestinationAddressIsAskedForWithAResultThatIsNoFailure) {
     EXPECT_EQ(printedBy([this] { EXPECT_EQ(Vesk_requestLocalDestAddr(ipv4.get(), AF_INET), -22); }),
               "");
-    EXPECT_EQ(option(ipv4.get(), IPPROTO_IP, IP_PKTINFO), 1);
+    EXPECT_EQ(socketOption(ipv4.get(), IPPROTO_IP, IP_PKTINFO), 1);
     EXPECT_EQ(
         printedBy([this] { EXPECT_EQ(Vesk_requestLocalDestAddr(ipv6.get(), AF_INET6), -22); }), "");
-    EXPECT_EQ(option(ipv6.get(), IPPROTO_IPV6, IPV6_RECVPKTINFO), 1);
+    EXPECT_EQ(socketOption(ipv6.get(), IPPROTO_IPV6, IPV6_RECVPKTINFO), 1);
 }
 
 TEST_F(SocketOptionsTest, DestinationAddressThatCannotBeAskedForIsWarnedOf) {
@@ -108,13 +102,13 @@ TEST_F(SocketOptionsTest, DestinationAddressOfAnUnknownFamilyIsWarnedOf) {
         printedBy([this] { EXPECT_EQ(Vesk_requestLocalDestAddr(ipv4.get(), AF_UNIX), -97); }),
         MatchesRegex("warn  " + timestampPattern +
                      " Vesk_requestLocalDestAddr: unknown socket family 1\n\n"));
-    EXPECT_EQ(option(ipv4.get(), IPPROTO_IP, IP_PKTINFO), 0);
+    EXPECT_EQ(socketOption(ipv4.get(), IPPROTO_IP, IP_PKTINFO), 0);
     printedBy([this] { EXPECT_EQ(Vesk_requestLocalDestAddr(ipv4.get(), 0), -97); });
 }
 
 TEST_F(SocketOptionsTest, PortIsShared) {
     EXPECT_EQ(printedBy([this] { EXPECT_EQ(setReusePort(ipv4.get()), 0); }), "");
-    EXPECT_EQ(option(ipv4.get(), SOL_SOCKET, SO_REUSEPORT), 1);
+    EXPECT_EQ(socketOption(ipv4.get(), SOL_SOCKET, SO_REUSEPORT), 1);
 }
 
 TEST_F(SocketOptionsTest, PortThatCannotBeSharedIsReported) {

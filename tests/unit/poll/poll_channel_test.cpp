@@ -135,12 +135,8 @@ Bytes recordOf(const PollCtlMsg& message) {
 
 TEST_F(PollChannelTest, ConnectsTwoLocalDatagramSockets) {
     for (const UniqueFd* end : {&sender, &server}) {
-        int value = 0;
-        socklen_t length = sizeof(value);
-        ASSERT_EQ(getsockopt(end->get(), SOL_SOCKET, SO_DOMAIN, &value, &length), 0);
-        EXPECT_EQ(value, AF_UNIX);
-        ASSERT_EQ(getsockopt(end->get(), SOL_SOCKET, SO_TYPE, &value, &length), 0);
-        EXPECT_EQ(value, SOCK_DGRAM);
+        EXPECT_EQ(socketOption(end->get(), SOL_SOCKET, SO_DOMAIN), AF_UNIX);
+        EXPECT_EQ(socketOption(end->get(), SOL_SOCKET, SO_TYPE), SOCK_DGRAM);
     }
 }
 

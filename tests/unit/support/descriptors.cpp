@@ -13,6 +13,13 @@ bool isOpen(int fd) {
     return fcntl(fd, F_GETFD) != -1;
 }
 
+int socketOption(int fd, int level, int name) {
+    int value = -1;
+    socklen_t length = sizeof(value);
+    EXPECT_EQ(getsockopt(fd, level, name, &value, &length), 0);
+    return value;
+}
+
 std::size_t countOpenDescriptors() {
     // The directory's own descriptor is in every count, and so in none of the differences.
     return static_cast<std::size_t>(

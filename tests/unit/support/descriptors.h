@@ -13,6 +13,8 @@
 namespace vesk {
 
 bool isOpen(int fd);
+/// A socket option that is a number.
+int socketOption(int fd, int level, int name);
 std::size_t countOpenDescriptors();
 
 /// A pipe; what is written into `write` comes out of `read`.
