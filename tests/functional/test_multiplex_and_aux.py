@@ -211,6 +211,18 @@ def test_an_auxiliary_datagram_is_checked_with_the_owners_key(owner: Owner) -> N
     owner.bench.vesk.wait_for_descriptor_count(descriptors)
 
 
+def test_a_refused_auxiliary_label_leaves_nothing_with_its_owner(owner: Owner) -> None:
+    """Declared later by itself, the label does not go when the owner goes."""
+    bench = owner.bench
+    label = (PREFIX << 16) | 1
+    bench.send(bench.framing.build(label, b"unsigned"))
+    bench.vesk.wait_for_log("downstreamPacketReceivedFailed HMAC Check!")
+    declared = bench.flow(label, up_label=1, down_label=2)
+    bench.declare(declared)
+    bench.vesk.lines_after("del label 5")
+    bench.exchange(declared)
+
+
 def test_a_prefix_has_one_owner(owner: Owner) -> None:
     second = Owner(owner.bench, label=6, up_out=Key(b"of the second"))
     assert owner.bench.vesk.lines_after(second.flow.set_command()) == [

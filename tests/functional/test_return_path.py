@@ -84,10 +84,12 @@ def test_larger_replies_are_cut_and_handled_as_such(either_bench: Bench) -> None
 
 @pytest.mark.parametrize("missing", [1, 4, 10, 19])
 def test_short_replies_are_dropped(either_bench: Bench, missing: int) -> None:
-    """Shorter than the smallest header by so many bytes."""
+    """Shorter than the smallest header by so many bytes, which are still in the buffer
+    from the reply before."""
     flow = either_bench.flow()
     either_bench.declare(flow)
     sender = either_bench.ask(flow).sender
+    either_bench.answer(flow, sender, b"x")
     either_bench.upstream.send(flow.reply(b"x")[:flow.framing.header_size - missing], sender)
     either_bench.nothing_came_back(flow, sender)
 
@@ -291,6 +293,26 @@ def test_the_packet_information_of_an_ipv4_reply(start_vesk: StartVesk, peer: Ud
     source = ("{cmsg_len=28, cmsg_level=SOL_IP, cmsg_type=IP_PKTINFO, cmsg_data={ipi_ifindex=0, "
               'ipi_spec_dst=inet_addr("0.0.0.0"), ipi_addr=inet_addr("127.0.0.2")}}')
     assert f"msg_control=[{mark}, {source}], msg_controllen=56," in reply, reply
+
+
+def test_requests_leave_from_the_address_that_replies_arrive_on(
+        start_vesk: StartVesk, peer: UdpEnd, upstream: UdpEnd, tmp_path: Path) -> None:
+    """Before the first reply a request carries no control data; after it, the address."""
+    trace = tmp_path / "messages"
+    vesk = start_vesk(prefix=recording_start(trace, "sendmsg")).ready()
+    bench = Bench(vesk, peer, upstream)
+    flow = bench.flow()
+    bench.declare(flow)
+    sender = bench.ask(flow, b"one").sender
+    bench.answer(flow, sender)
+    bench.ask(flow, b"two")
+    vesk.finish()
+    first, second = [line for line in trace.read_text().splitlines()
+                     if "MSG_DONTWAIT" not in line and "sendmsg(" in line]
+    assert "msg_controllen=0" in first, first
+    assert ("msg_control=[{cmsg_len=28, cmsg_level=SOL_IP, cmsg_type=IP_PKTINFO, "
+            'cmsg_data={ipi_ifindex=0, ipi_spec_dst=inet_addr("0.0.0.0"), '
+            f'ipi_addr=inet_addr("{sender[0]}")}}}}], msg_controllen=32,') in second, second
 
 
 @pytest.mark.parametrize("listen", ["0.0.0.0", "127.0.0.5"])
