@@ -13,6 +13,7 @@ import re
 import subprocess
 import termios
 import threading
+import time
 from contextlib import ExitStack
 from typing import Iterator, List
 
@@ -38,7 +39,7 @@ LINES_UNDER_LOAD = re.compile(
     r"|warn SO_(RCV|SND)BUF sized to \d+ wanted \d+"
     r"|error Unrecognised command 'after'"
     r"|info cltMessageLoop: Got EOF, exiting\.\.\.|info Forwarder listener stopped"
-    r"|info (Making|Endpoint socket bound|Created downstream|Vesk started on) ?.*|")
+    r"|info (Making|Endpoint socket bound:|Created (downstream|periodic)|Vesk started on) .*|")
 
 
 class OwnLog:
@@ -82,9 +83,13 @@ class OwnLog:
         return waiting[0]
 
     def wait_until_full(self) -> None:
-        """A line that does not fit any more has blocked its writer."""
-        room = fcntl.fcntl(self.reading, fcntl.F_GETPIPE_SZ)
-        wait_until(lambda: self.unread_bytes() > room - 4096, "nobody takes more of the log", 20)
+        """Under this load only a pipe that takes no more stands still for so long."""
+        wait_until(lambda: self._stands_still(scaled(0.1)), "nobody takes more of the log", 20)
+
+    def _stands_still(self, seconds: float) -> bool:
+        before = self.unread_bytes()
+        time.sleep(seconds)
+        return self.unread_bytes() == before > 0
 
     def read_all(self) -> threading.Thread:
         """Reads on from now, to the end of the log."""
@@ -138,9 +143,8 @@ def test_a_log_that_is_not_read_for_a_while(own_log: OwnLog) -> None:
     lines = own_log.log.split(b"\n")
     refused = lines.count(b"downstreamPacketReceivedFailed HMAC Check!")
     opened = sum(line.startswith(b"info Created upstream endpoint") for line in lines)
-    # Each refused datagram opened a socket for itself and closed it again; the first line of
-    # all may have been taken before.
-    assert 0 <= opened - refused <= 1 and refused > 100
+    # Each refused datagram opened a socket for itself, and the good flow has one.
+    assert opened == refused + 1 and refused > 100
 
 
 def test_the_end_of_input_with_a_full_log(own_log: OwnLog) -> None:
@@ -217,7 +221,7 @@ def test_lines_of_a_mebibyte_do_not_hold_up_the_flows(bench: Bench) -> None:
     words = [bytes([byte]) * MEBIBYTE for byte in (0, 0xff, ord("x"))]
     words += [bytes(choose.choices([0, 0xff, 9, 13, 32, 11, 65], k=MEBIBYTE)),
               b"set label 5 down_in_key " + b"ab" * (MEBIBYTE // 2),
-              b"del label " + b"9" * MEBIBYTE, b"stop " * (MEBIBYTE // 8) + b"\xff"]
+              b"del label " + b"9" * MEBIBYTE, b"stop " * (MEBIBYTE // 5) + b"\xff"]
     for number, line in enumerate(words[:-1]):
         bench.vesk.write_input(line + b"\n")
         bench.answer(flow, sender, f"answer {number}".encode())
