@@ -9,51 +9,12 @@
 
 #include "net/endpoint_manager.h"
 #include "support/byte_reader.h"
+#include "support/datagram_choice.h"
 #include "support/loopback_forwarder.h"
 #include "support/require.h"
 
 namespace vesk::fuzz {
 namespace {
-
-/// The bits of the byte in front of each datagram; the lowest three choose the label.
-enum Choice : unsigned {
-    asItIs = 0x08,
-    wellSigned = 0x10,
-    overLateralStream = 0x20,
-    flowExpiresFirst = 0x40,
-    paddedToTheLimit = 0x80
-};
-
-Bytes frame(int version, std::uint32_t label, View payload) {
-    Bytes datagram(version == 1 ? 38 : 20, 0);
-    if (version == 1) {
-        datagram.at(33) = 38;
-    }
-    return joined(relabelled(version, datagram, label), payload);
-}
-
-Bytes nextDatagram(ByteReader& input, unsigned choice, int version) {
-    const std::size_t length = input.byte();
-    Bytes payload = toBytes(input.take(length));
-    if ((choice & paddedToTheLimit) != 0) {
-        payload.resize(maxDatagramSize - length % 64, 0x5A);
-    }
-    if ((choice & asItIs) != 0) {
-        return payload;
-    }
-    const std::uint32_t label = someLabels().at(choice % 8);
-    const Bytes framed = frame(version, label, payload);
-    const auto flow = LoopbackForwarder::flowOf(label);
-    const bool signable = readFramed(version, framed) && framed.size() <= maxDatagramSize;
-    return (choice & wellSigned) != 0 && flow && signable ? signedWith(version, framed, *flow->in)
-                                                          : framed;
-}
-
-ReturnPath someReturnPath() {
-    Bytes bytes(33, 0x77);
-    bytes.front() = 32;
-    return ReturnPath(bytes);
-}
 
 /// One forwarder, and what must be true of it after each datagram.
 class Run {
@@ -70,7 +31,7 @@ class Run {
         if (!datagram.empty()) {
             follow(datagram.first(std::min(datagram.size(), maxDatagramSize)), laterally);
         }
-        require(forwarder_.applyPollRequests() == created_, "new sockets are watched");
+        require(forwarder_.applyPollRequests().watched == created_, "new sockets are watched");
         created_ = 0;
         require(forwarder_.downstream()->counters.rxDgError.value() == rejected_,
                 "each rejected datagram is counted once");
@@ -127,20 +88,20 @@ class Run {
         }
         const bool isNew = !flows_.contains(label);
         created_ += isNew ? 1 : 0;
-        if (!same(datagram, signedWith(version_, datagram, *flow->in))) {
+        if (!same(datagram, signedWith(version_, datagram, *flow->down))) {
             ++rejected_;
             return;
         }
         flows_.insert(label);
         const Bytes expected =
-            signedWith(version_, relabelled(version_, datagram, flow->upLabel), *flow->out);
+            signedWith(version_, relabelled(version_, datagram, flow->upLabel), *flow->up);
         require(flow->upstream->receive() == expected,
                 "upstream gets the datagram as it has to be");
         const EndpointPtr endpoint =
             forwarder_.context().endpointManager->findEndpointByLabel(label);
-        require(
-            endpoint && endpoint->replyRoute().peer.socketAddress() == surroundings().peer.address,
-            "the sender is remembered");
+        require(endpoint != nullptr, "a flow that had a good datagram stays");
+        const ReadLock lock(endpoint->routeLock);
+        require(endpoint->route.peer == surroundings().peer.address, "the sender is remembered");
     }
 
     const int version_;
@@ -170,7 +131,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
         Run run(version, (setUp & 2U) != 0);
         while (!input.empty()) {
             const unsigned choice = input.byte();
-            run.step(nextDatagram(input, choice, version), choice);
+            run.step(nextDatagram(input, choice, version, Towards::upstream), choice);
         }
     }
     require(lowestFreeDescriptor() == free, "every descriptor is given back");

@@ -231,9 +231,27 @@ def downstream():
           b"\1" + datagram(AS_IT_IS, framed_v1(0x10002, b"hello", SHA1, further=b"extra")))
 
 
+def upstream():
+    target = "upstream"
+    flows = ["no_key", "sha1", "sha256_multiplexed", "one_key", "aux"]
+    labels = [0, 1, 2, 3, 5]
+    ways = {0: "udpv2", 1: "udpv1", 6: "udpv2_lateral", 7: "udpv1_lateral", 4: "udpv2_not_joined"}
+    for number, (flow, label) in enumerate(zip(flows, labels)):
+        for way, name in ways.items():
+            begin = bytes([number << 3 | way])
+            write(target, f"{name}_{flow}",
+                  begin + datagram(SIGNED | label, b"reply") + datagram(label, b"unsigned")
+                  + datagram(SIGNED | 1, b"other label") + datagram(AS_IT_IS)
+                  + datagram(AS_IT_IS, bytes(25)) + datagram(AS_IT_IS, b"\0" * 19)
+                  + datagram(PADDED | SIGNED | label, bytes(63))
+                  + datagram(PADDED | AS_IT_IS, bytes(20)))
+    write(target, "udpv2_label_0", b"\0" + datagram(AS_IT_IS, framed_v2(0, b"hello", NO_KEY)))
+
+
 if __name__ == "__main__":
     framing()
     lateral_header()
     control_messages()
     commands()
     downstream()
+    upstream()

@@ -91,7 +91,8 @@ Bytes LoopbackSocket::receive() const {
 }
 
 bool Surroundings::quiet() const {
-    std::array<pollfd, 3> sockets{{{upstreamV4.fd.get(), POLLIN, 0},
+    std::array<pollfd, 4> sockets{{{peer.fd.get(), POLLIN, 0},
+                                   {upstreamV4.fd.get(), POLLIN, 0},
                                    {upstreamV6.fd.get(), POLLIN, 0},
                                    {otherInstance.fd.get(), POLLIN, 0}}};
     return poll(sockets.data(), sockets.size(), 0) == 0;
@@ -109,7 +110,7 @@ const std::vector<std::uint32_t>& someLabels() {
 }
 
 LoopbackForwarder::LoopbackForwarder(int version, bool joined)
-    : context_(std::make_shared<ForwarderContext>(version)) {
+    : context_(std::make_shared<ForwarderContext>(version)), receiver_(context_) {
     require(createPollSocks(context_->pollSocket, context_->serverPollSock) == 0, "a poll channel");
     context_->downstreamEndpoint.exchange(listeningEndpoint());
     context_->lateralEndpoint.exchange(listeningEndpoint());
@@ -149,8 +150,10 @@ void LoopbackForwarder::declareFlows() const {
         if (const auto flow = flowOf(label)) {
             const bool ipv6 = flow->upstream == &surroundings().upstreamV6;
             words += " up_label " + std::to_string(flow->upLabel) + " up_addrinfo " +
-                     (ipv6 ? "::1|" : "127.0.0.1|") + portOf(*flow->upstream) +
-                     keyWords("down_in", *flow->in) + keyWords("up_out", *flow->out);
+                     (ipv6 ? "::1|" : "127.0.0.1|") + portOf(*flow->upstream) + " down_label " +
+                     std::to_string(downLabel) + keyWords("down_in", *flow->down) +
+                     keyWords("up_out", *flow->up) + keyWords("up_in", *flow->up) +
+                     keyWords("down_out", *flow->down);
         }
         const auto extra = extras.find(label);
         words += extra == extras.end() ? "" : extra->second;
@@ -191,18 +194,41 @@ void LoopbackForwarder::carry(View datagram, const ReturnPath& returnPath) {
                              *context_);
 }
 
-int LoopbackForwarder::applyPollRequests() const {
-    int watched = 0;
+void LoopbackForwarder::carryReply(View datagram, const VeskEndpointDescriptor& flow) {
+    const SocketAddress bound = addressOf(flow.rdsockfd);
+    const SocketAddress to =
+        withPort(loopback(flow.family), IPAddrInfo(bound.get(), bound.length).port());
+    const Surroundings& around = surroundings();
+    const LoopbackSocket& from = flow.family == AF_INET6 ? around.upstreamV6 : around.upstreamV4;
+    const ssize_t sent =
+        sendto(from.fd.get(), datagram.data(), datagram.size(), 0, to.get(), to.length);
+    require(sent == static_cast<ssize_t>(datagram.size()), "upstream can send");
+    bool keep = true;
+    for (int calls = 0; keep; ++calls) {
+        require(calls < 2, "one datagram is received in one call, and then the socket is drained");
+        const int result = upstreamSocketRecv(flow.rdsockfd, keep, receiver_);
+        require((result == 1) == keep, "the result says the same as the flag");
+    }
+    std::vector<int> servedAgain;
+    receiver_.endPass(servedAgain);
+    require(servedAgain.empty(), "a drained socket can be armed");
+}
+
+PollRequests LoopbackForwarder::applyPollRequests() const {
+    PollRequests requests;
     PollRecord record{};
     while (recv(context_->serverPollSock.get(), record.data(), record.size(), MSG_DONTWAIT) > 0) {
+        // One socket at a time is served here, so no datagram carries more than one record.
         const auto request = decodePollCtlMsg(record).value();
         if (request.op == EPOLL_CTL_ADD) {
-            ++watched;
-        } else if (request.op == EPOLL_CTL_DEL) {
+            ++requests.watched;
+        } else if (request.op == EPOLL_CTL_MOD) {
+            ++requests.armed;
+        } else {
             require(close(request.fd) == 0, "what is to be closed is open");
         }
     }
-    return watched;
+    return requests;
 }
 
 }  // namespace vesk::fuzz

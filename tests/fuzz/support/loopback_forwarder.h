@@ -8,6 +8,7 @@
 #include "app/forwarder_context.h"
 #include "base/unique_fd.h"
 #include "datapath/downstream.h"
+#include "datapath/upstream.h"
 #include "support/reference.h"
 
 namespace vesk::fuzz {
@@ -30,18 +31,28 @@ struct Surroundings {
     LoopbackSocket upstreamV6{AF_INET6};
     LoopbackSocket otherInstance{AF_INET};
 
-    /// Whether nothing waits to be received by those that the forwarder sends to.
+    /// Whether nothing waits to be received by anybody that the forwarder sends to.
     bool quiet() const;
 };
 
 const Surroundings& surroundings();
 
-/// A flow as a datagram sees it.
+/// A flow as a datagram sees it. Replies are checked and signed with the same two keys the other
+/// way round.
 struct KnownFlow {
-    const Key* in;
-    const Key* out;
+    const Key* down;
+    const Key* up;
     std::uint32_t upLabel;
     const LoopbackSocket* upstream;
+};
+
+/// Written into replies of every flow.
+inline constexpr std::uint32_t downLabel = 0x3456789A;
+
+/// What the poll loop was asked for.
+struct PollRequests {
+    int watched = 0;
+    int armed = 0;
 };
 
 // Of four instances this is number 1, number 2 is there too, and number 3 is not. Their labels are
@@ -67,8 +78,12 @@ class LoopbackForwarder {
     /// own, or as forwarded by another instance, with what is to go back with the reply.
     void carry(View datagram, const ReturnPath& returnPath);
 
-    /// Does the poll loop's work. How many descriptors it was asked to watch.
-    int applyPollRequests() const;
+    /// Sends the datagram from upstream to the flow's own socket and serves that one as a worker
+    /// does, until it is drained.
+    void carryReply(View datagram, const VeskEndpointDescriptor& flow);
+
+    /// Does the poll loop's work.
+    PollRequests applyPollRequests() const;
 
     ForwarderContext& context() { return *context_; }
     EndpointPtr downstream() const { return context_->downstreamEndpoint.load(); }
@@ -79,6 +94,7 @@ class LoopbackForwarder {
     void join();
 
     std::shared_ptr<ForwarderContext> context_;
+    UpstreamReceiver receiver_;
 };
 
 }  // namespace vesk::fuzz
