@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <functional>
+#include <utility>
 
 namespace vesk::model {
 
@@ -25,20 +26,12 @@ bool socketIsOpen(const State& state, std::uint8_t index) {
     return std::ranges::find(state.owner, index) != state.owner.end();
 }
 
-bool isHeld(const State& state, std::uint8_t index) {
+bool isHeld(const State& state, std::uint8_t index, const Rules& rules) {
+    const auto holds = [index, &rules](const Worker& it) {
+        return it.endpoint == index || (rules.holdsDrained && it.drained.contains(index));
+    };
     return state.endpoints.at(index).filed || state.creatorHolds == index ||
-           state.removerHolds == index ||
-           std::ranges::any_of(state.workers,
-                               [index](const Worker& it) { return it.endpoint == index; });
-}
-
-/// The last release runs the deleter.
-void letGo(State& state, std::uint8_t& holder) {
-    const std::uint8_t index = holder;
-    holder = noOne;
-    if (!isHeld(state, index)) {
-        state.endpoints.at(index).deletion = Deletion::writeSocket;
-    }
+           state.removerHolds == index || std::ranges::any_of(state.workers, holds);
 }
 
 void closeNumber(State& state, std::uint8_t number) {
@@ -88,6 +81,18 @@ class Stepper {
                 ++next.failures;
                 change(next);
             });
+        }
+    }
+
+    /// The last release runs the deleter.
+    void letGo(State& next, std::uint8_t& holder) const {
+        disposeIfFree(next, std::exchange(holder, noOne));
+    }
+
+    void disposeIfFree(State& next, std::uint8_t index) const {
+        Deletion& deletion = next.endpoints.at(index).deletion;
+        if (deletion == Deletion::notYet && !isHeld(next, index, rules_)) {
+            deletion = Deletion::writeSocket;
         }
     }
 
@@ -193,7 +198,7 @@ class Stepper {
                 forward(held);
                 break;
             case CreatorStep::release:
-                add("its creator lets go", [](State& next) {
+                add("its creator lets go", [this](State& next) {
                     next.creator = CreatorStep::idle;
                     letGo(next, next.creatorHolds);
                 });
@@ -258,7 +263,7 @@ class Stepper {
 
     void remover() {
         if (from_.removerHolds != noOne) {
-            add("its remover lets go", [](State& next) { letGo(next, next.removerHolds); });
+            add("its remover lets go", [this](State& next) { letGo(next, next.removerHolds); });
             return;
         }
         for (std::uint8_t i = 0; i < maxEndpoints; ++i) {
@@ -339,11 +344,18 @@ class Stepper {
             case WorkerStep::giveBack:
                 add("worker gives the claim back", [&](State& next) { giveBack(next, who); });
                 break;
-            case WorkerStep::arm:
-                arm(who);
+            case WorkerStep::armClaimed:
+                armClaimed(who);
                 break;
             case WorkerStep::release:
                 add("worker lets go", [&](State& next) { release(next, who); });
+                break;
+            case WorkerStep::armDrained:
+                armDrained(who);
+                break;
+            case WorkerStep::releaseDrained:
+                add("worker lets a drained socket go",
+                    [&](State& next) { releaseDrained(next, who); });
                 break;
         }
     }
@@ -364,6 +376,10 @@ class Stepper {
                 worker.step = WorkerStep::lookUp;
             });
         }
+        if (!from_.workers.at(who).drained.empty() && rules_.armsAfterEachPass) {
+            add("worker ends its pass",
+                [who](State& next) { next.workers.at(who).step = WorkerStep::armDrained; });
+        }
     }
 
     /// Done with the socket, but for the endpoint it holds.
@@ -380,7 +396,6 @@ class Stepper {
         const bool found = index != noOne && next.endpoints.at(index).filed;
         if (found && next.endpoints.at(index).readNumber == worker.number) {
             worker.endpoint = index;
-            worker.meant = index;
             worker.step = WorkerStep::checkPrepared;
         } else {
             worker.number = 0;
@@ -443,7 +458,7 @@ class Stepper {
     void broughtNothing(State& next, std::size_t who, Outcome outcome) const {
         Worker& worker = next.workers.at(who);
         worker.outcome = outcome;
-        worker.step = rules_.givesBackBeforeArming ? WorkerStep::giveBack : WorkerStep::arm;
+        worker.step = rules_.givesBackBeforeArming ? WorkerStep::giveBack : WorkerStep::armClaimed;
     }
 
     void process(std::size_t who) {
@@ -477,36 +492,57 @@ class Stepper {
         } else if (worker.outcome == Outcome::refused && !rules_.armsAfterRefusedReceive) {
             finish(worker, false);
         } else {
-            worker.step = WorkerStep::arm;
-            if (!rules_.holdsEndpointWhileArming) {
-                letGo(next, worker.endpoint);
-            }
+            worker.drained.push(worker.endpoint);
+            finish(worker, false);
         }
     }
 
-    void arm(std::size_t who) {
+    /// The order that the forwarder does not follow.
+    void armClaimed(std::size_t who) {
         if (channelHasRoom()) {
-            add("worker asks for the socket to be armed", [&](State& next) { rearm(next, who); });
+            add("worker asks for the claimed socket to be armed", [who](State& next) {
+                Worker& worker = next.workers.at(who);
+                next.channel.push({Op::rearm, worker.number, worker.endpoint});
+                worker.step = WorkerStep::giveBack;
+            });
         }
-        mayFail("worker cannot ask for now",
-                [&](State& next) { finish(next.workers.at(who), true); });
+    }
+
+    void armDrained(std::size_t who) {
+        const Worker& worker = from_.workers.at(who);
+        const std::uint8_t index = worker.drained.items.at(worker.armed);
+        const std::uint8_t number = from_.endpoints.at(index).readNumber;
+        const auto goOn = [who](State& next) {
+            Worker& it = next.workers.at(who);
+            if (++it.armed == it.drained.size) {
+                it.step = WorkerStep::releaseDrained;
+            }
+        };
+        if (channelHasRoom()) {
+            add("worker asks for a drained socket to be armed", [&](State& next) {
+                next.channel.push({Op::rearm, number, index});
+                goOn(next);
+            });
+        }
+        mayFail("worker cannot ask for now", [&](State& next) {
+            next.workers.at(who).serving.push(number);
+            goOn(next);
+        });
         mayFail("worker cannot ask and removes the endpoint", [&](State& next) {
-            next.endpoints.at(next.workers.at(who).endpoint).filed = false;
-            finish(next.workers.at(who), false);
+            next.endpoints.at(index).filed = false;
+            goOn(next);
         });
     }
 
-    void rearm(State& next, std::size_t who) const {
+    void releaseDrained(State& next, std::size_t who) const {
         Worker& worker = next.workers.at(who);
-        next.channel.push({Op::rearm, worker.number, worker.meant});
-        if (rules_.givesBackBeforeArming) {
-            finish(worker, false);
-        } else {
-            worker.step = WorkerStep::giveBack;
+        disposeIfFree(next, worker.drained.pop());
+        if (--worker.armed == 0) {
+            worker.step = WorkerStep::idle;
         }
     }
 
-    static void release(State& next, std::size_t who) {
+    void release(State& next, std::size_t who) const {
         Worker& worker = next.workers.at(who);
         if (worker.endpoint != noOne) {
             letGo(next, worker.endpoint);
@@ -516,7 +552,6 @@ class Stepper {
         }
         worker.keep = false;
         worker.number = 0;
-        worker.meant = noOne;
         worker.step = WorkerStep::idle;
     }
 
@@ -530,11 +565,13 @@ class Stepper {
 bool isAtIt(const Worker& worker, std::uint8_t endpoint, std::uint8_t number) {
     const bool onItsList = worker.queue.contains(number) || worker.serving.contains(number);
     const bool aboutToLook = worker.step == WorkerStep::lookUp && worker.number == number;
-    const bool found =
-        worker.endpoint == endpoint || (worker.step == WorkerStep::arm && worker.meant == endpoint);
-    const bool inHand = found && worker.step != WorkerStep::idle &&
-                        (worker.step != WorkerStep::release || worker.keep);
-    return onItsList || aboutToLook || inHand;
+    const bool inHand =
+        worker.endpoint == endpoint && (worker.step != WorkerStep::release || worker.keep);
+    const auto& drained = worker.drained.items;
+    const bool toBeArmed =
+        std::find(drained.begin() + worker.armed, drained.begin() + worker.drained.size,
+                  endpoint) != drained.begin() + worker.drained.size;
+    return onItsList || aboutToLook || inHand || toBeArmed;
 }
 
 }  // namespace
@@ -560,7 +597,8 @@ bool isCovered(const State& state, std::uint8_t index) {
 
 bool isAtRest(const State& state) {
     const auto idle = [](const Worker& it) {
-        return it.step == WorkerStep::idle && it.queue.empty() && it.serving.empty();
+        return it.step == WorkerStep::idle && it.queue.empty() && it.serving.empty() &&
+               it.drained.empty();
     };
     if (!std::ranges::all_of(state.workers, idle) || state.creator != CreatorStep::idle ||
         state.removerHolds != noOne || !state.channel.empty()) {

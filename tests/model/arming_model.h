@@ -9,9 +9,10 @@
 // always gives out the lowest that is free. Each step is what happens under one lock or in one
 // system call.
 //
-// Three liberties, each of which allows more than can happen: a ready socket may go to either
-// worker's queue, a worker may collect its queue between any two sockets, and a deleter runs beside
-// the thread that let go of the endpoint.
+// Some liberties, each of which allows more than can happen: a ready socket may go to either
+// worker's queue; a worker may collect its queue, and end its pass, between any two sockets; it
+// asks for drained sockets one by one, where a single datagram may ask for a row of them; a deleter
+// runs beside the thread that let go of the endpoint.
 //
 // Not in it: events of nothing but an error. Upstream sockets are never connected, so the kernel
 // reports no error of an earlier datagram on them.
@@ -32,7 +33,10 @@ struct Rules {
     /// Reads once more where another worker came by meanwhile.
     bool heedsOtherWorker = true;
     bool givesBackBeforeArming = true;
-    bool holdsEndpointWhileArming = true;
+    /// Keeps a drained endpoint until the poll thread was asked to arm its socket.
+    bool holdsDrained = true;
+    /// Sees to the sockets put off at the end of a pass, not only when many have gathered.
+    bool armsAfterEachPass = true;
     bool armsAfterRefusedReceive = true;
     bool pollThreadCloses = true;
     /// What a worker does with an endpoint whose creator is not done with it.
@@ -105,8 +109,10 @@ enum class WorkerStep : std::uint8_t {
     receive,
     process,
     giveBack,
-    arm,
-    release
+    armClaimed,
+    release,
+    armDrained,
+    releaseDrained
 };
 
 /// What a receive call brought when it was no datagram.
@@ -116,12 +122,13 @@ struct Worker {
     WorkerStep step = WorkerStep::idle;
     std::uint8_t number = 0;
     std::uint8_t endpoint = noOne;
-    /// The endpoint it found, held or not.
-    std::uint8_t meant = noOne;
     Outcome outcome = Outcome::drained;
     bool keep = false;
     Fifo<std::uint8_t, 6> queue;
     Fifo<std::uint8_t, 6> serving;
+    /// Endpoints to be armed when the pass is over, and how many of them are.
+    Fifo<std::uint8_t, 6> drained;
+    std::uint8_t armed = 0;
 };
 
 enum class CreatorStep : std::uint8_t { idle, registerSocket, markPrepared, forward, release };

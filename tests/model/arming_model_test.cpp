@@ -84,9 +84,14 @@ TEST_F(ArmingModel, ArmingBeforeGivingBackLosesTheWakeUpOfOneThatIsNotHeeded) {
     expectComplaint(lost, {.endpoints = 1});
 }
 
-TEST_F(ArmingModel, ArmingWithoutHoldingTheEndpointReachesAnother) {
-    rules.holdsEndpointWhileArming = false;
+TEST_F(ArmingModel, ADrainedEndpointThatIsNotHeldIsGoneWhenItIsToBeArmed) {
+    rules.holdsDrained = false;
     expectComplaint("a descriptor used after it was closed");
+}
+
+TEST_F(ArmingModel, DrainedSocketsThatNoPassArmsAreNeverArmed) {
+    rules.armsAfterEachPass = false;
+    expectComplaint("nobody has anything to do, but not all is done", {.endpoints = 1});
 }
 
 TEST_F(ArmingModel, ARefusedReceiveThatIsNotArmedAgainEndsTheFlow) {
