@@ -245,6 +245,9 @@ def upstream():
                   + datagram(AS_IT_IS, bytes(25)) + datagram(AS_IT_IS, b"\0" * 19)
                   + datagram(PADDED | SIGNED | label, bytes(63))
                   + datagram(PADDED | AS_IT_IS, bytes(20)))
+    for name, pad in (("just_room", 54), ("no_room", 53)):
+        write(target, f"udpv2_lateral_{name}_for_a_header",
+              bytes([1 << 3 | 6]) + datagram(PADDED | SIGNED | 1, bytes(pad)))
     write(target, "udpv2_label_0", b"\0" + datagram(AS_IT_IS, framed_v2(0, b"hello", NO_KEY)))
 
 
