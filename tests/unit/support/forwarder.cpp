@@ -1,6 +1,5 @@
 #include "support/forwarder.h"
 
-#include <fcntl.h>
 #include <sys/epoll.h>
 #include <sys/socket.h>
 #include <unistd.h>
@@ -11,7 +10,6 @@
 #include "control/command_line.h"
 #include "flow/label_commands.h"
 #include "net/endpoint_lifecycle.h"
-#include "net/socket_options.h"
 
 namespace vesk {
 
@@ -38,22 +36,20 @@ EndpointPtr ForwarderTest::createEndpoint(std::uint32_t label) {
 
 std::vector<PollCtlMsg> ForwarderTest::takePollRequests() {
     std::vector<PollCtlMsg> requests;
-    PollRecord record{};
-    while (recv(context->serverPollSock.get(), record.data(), record.size(), MSG_DONTWAIT) ==
-           static_cast<ssize_t>(record.size())) {
-        requests.push_back(decodePollCtlMsg(record).value());
-        if (requests.back().op == EPOLL_CTL_DEL) {
-            close(requests.back().fd);
+    const auto take = [&requests](const PollCtlMsg& message) {
+        requests.push_back(message);
+        if (message.op == EPOLL_CTL_DEL) {
+            close(message.fd);
         }
+    };
+    PollDatagram datagram{};
+    ssize_t length = 0;
+    while ((length = recv(context->serverPollSock.get(), datagram.data(), datagram.size(),
+                          MSG_DONTWAIT)) > 0) {
+        EXPECT_TRUE(
+            forEachRecord(std::span(datagram).first(static_cast<std::size_t>(length)), take));
     }
     return requests;
-}
-
-void ForwarderTest::blockPollChannel() {
-    setNonBlocking(context->pollSocket.get());
-    const PollRecord record = encodePollCtlMsg({EPOLL_CTL_MOD, EPOLLIN, -1});
-    while (send(context->pollSocket.get(), record.data(), record.size(), 0) != -1) {
-    }
 }
 
 bool operator==(const PollCtlMsg& left, const PollCtlMsg& right) {

@@ -33,9 +33,6 @@ class ForwarderTest : public DescriptorCountingTest {
     /// What was asked of the poll loop since the last time. Deletions are carried out.
     std::vector<PollCtlMsg> takePollRequests();
 
-    /// Fills the channel so that no request gets through any more, and a sender fails at once.
-    void blockPollChannel();
-
     std::shared_ptr<ForwarderContext> context;
 
  private:

@@ -1,0 +1,117 @@
+#include "datapath/datapath_fixture.h"
+
+#include <poll.h>
+#include <sys/socket.h>
+
+#include <algorithm>
+#include <ostream>
+
+#include "datapath/wire_layout.h"
+#include "support/printed.h"
+
+namespace vesk {
+
+Counts countsOf(const VeskEndpointDescriptor& endpoint) {
+    const EndpointCounters& counters = endpoint.counters;
+    return {counters.rxDg.value(),        counters.txDg.value(),   counters.rxDgError.value(),
+            counters.txDgDropped.value(), counters.dnTxDg.value(), counters.dnTxDgDropped.value()};
+}
+
+std::ostream& operator<<(std::ostream& out, const Counts& counts) {
+    return out << "{rxDg " << counts.rxDg << ", txDg " << counts.txDg << ", rxDgError "
+               << counts.rxDgError << ", txDgDropped " << counts.txDgDropped << ", dnTxDg "
+               << counts.dnTxDg << ", dnTxDgDropped " << counts.dnTxDgDropped << "}";
+}
+
+EndpointPtr listeningEndpoint(const UdpSocket& socket) {
+    auto endpoint = std::make_unique<VeskEndpointDescriptor>(0, socket.fd(), socket.fd(),
+                                                             FlowDesc(), [](int, int) {});
+    endpoint->family = socket.address().storage.ss_family;
+    return endpoint;
+}
+
+void DatapathTest::SetUp() {
+    ForwarderTest::SetUp();
+    downstream = listeningEndpoint(downstreamSocket);
+    lateral = listeningEndpoint(lateralSocket);
+    context->downstreamEndpoint.exchange(downstream);
+    localDestination = withPort(peer.address(), 0);
+}
+
+void DatapathTest::TearDown() {
+    context->downstreamEndpoint.exchange(nullptr);
+    context->lateralEndpoint.exchange(nullptr);
+    ForwarderTest::TearDown();
+}
+
+void DatapathTest::declareFlow(std::uint32_t label, const std::string& furtherWords) {
+    declare("label " + std::to_string(label) + " up_ip 127.0.0.1 up_port " +
+            std::to_string(upstream.port()) + " up_label 0x1111 down_label 0x2222 " + furtherWords);
+}
+
+std::string DatapathTest::keyWords(const std::string& name, const TestKey& key) {
+    return " " + name + "_key " + toHex(key.bytes) + " " + name + "_algo " + key.digest;
+}
+
+Bytes DatapathTest::framed(std::uint32_t label, const Bytes& payload, const TestKey& key) const {
+    return context->framing.version == 1 ? framedV1(label, payload, key, {7, 8})
+                                         : framedV2(label, payload, key);
+}
+
+void DatapathTest::hand(VeskEndpointDescriptor& endpoint, const Bytes& datagram,
+                        const SocketAddress& sender, const ReturnPath& returnPath) {
+    std::ranges::copy(datagram, endpoint.receiveBuffer.begin());
+    downstreamPacketReceived({endpoint, datagram.size(), sender, localDestination, returnPath},
+                             *context);
+}
+
+std::string DatapathTest::arriveFrom(const UdpSocket& from, const Bytes& datagram) {
+    return printedBy([&] { hand(*downstream, datagram, from.address(), {}); });
+}
+
+std::string DatapathTest::arriveLaterally(const Bytes& datagram, const ReturnPath& returnPath) {
+    return printedBy([&] { hand(*lateral, datagram, peer.address(), returnPath); });
+}
+
+EndpointPtr DatapathTest::openFlow(std::uint32_t label) {
+    const EndpointPtr before = manager().findEndpointByLabel(label);
+    EXPECT_EQ(before, nullptr);
+    arrive(framed(label, toBytes("opening")));
+    EXPECT_TRUE(upstream.receive().has_value());
+    EndpointPtr endpoint = manager().findEndpointByLabel(label);
+    EXPECT_NE(endpoint, nullptr);
+    takePollRequests();
+    return endpoint;
+}
+
+ReplyRoute DatapathTest::routeOf(VeskEndpointDescriptor& endpoint) {
+    const ReadLock lock(endpoint.routeLock);
+    return endpoint.route;
+}
+
+void DatapathTest::provokeRefusal(int fd) {
+    SocketAddress nobody;
+    {
+        const UdpSocket gone;
+        nobody = gone.address();
+    }
+    ASSERT_EQ(connect(fd, nobody.get(), nobody.length), 0);
+    ASSERT_EQ(::send(fd, "x", 1, 0), 1);
+    // The refusal is there when the socket says that something is wrong with it.
+    pollfd watched{fd, 0, 0};
+    ASSERT_EQ(::poll(&watched, 1, 30000), 1);
+    ASSERT_NE(watched.revents & POLLERR, 0);
+}
+
+void DatapathTest::startLateral(std::uint32_t index, std::uint32_t instances) {
+    context->lateralEndpoint.exchange(lateral);
+    for (HmacInfo* slot : {&context->lateral.signingKey, &context->lateral.checkingKey}) {
+        slot->setKey(lateralKey.bytes);
+        slot->setAlgorithm(hmacSha256);
+    }
+    context->lateral.index = index;
+    context->lateral.maxQels = instances;
+    context->lateral.running = true;
+}
+
+}  // namespace vesk

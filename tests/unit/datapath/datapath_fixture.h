@@ -1,0 +1,82 @@
+// A forwarder whose receive threads are the test itself, between a peer and an upstream service on
+// loopback.
+#pragma once
+
+#include <gtest/gtest.h>
+
+#include <cstdint>
+#include <iosfwd>
+#include <string>
+
+#include "datapath/downstream.h"
+#include "support/forwarder.h"
+#include "support/framed.h"
+#include "support/udp_socket.h"
+
+namespace vesk {
+
+/// An endpoint's counters at one moment.
+struct Counts {
+    std::uint64_t rxDg = 0;
+    std::uint64_t txDg = 0;
+    std::uint64_t rxDgError = 0;
+    std::uint64_t txDgDropped = 0;
+    std::uint64_t dnTxDg = 0;
+    std::uint64_t dnTxDgDropped = 0;
+
+    bool operator==(const Counts&) const = default;
+};
+
+Counts countsOf(const VeskEndpointDescriptor& endpoint);
+std::ostream& operator<<(std::ostream& out, const Counts& counts);
+
+/// An endpoint without a flow around a socket that stays the test's.
+EndpointPtr listeningEndpoint(const UdpSocket& socket);
+
+class DatapathTest : public ForwarderTest {
+ protected:
+    explicit DatapathTest(int framingVersion = 2) : ForwarderTest(framingVersion) {}
+
+    void SetUp() override;
+    void TearDown() override;
+
+    /// Declares a flow to the upstream service, with the labels 0x1111 upwards and 0x2222
+    /// downwards.
+    void declareFlow(std::uint32_t label, const std::string& furtherWords = "");
+    /// The words that give a flow this key: name is "down_in", for instance.
+    static std::string keyWords(const std::string& name, const TestKey& key);
+    /// A datagram of the forwarder's framing version.
+    Bytes framed(std::uint32_t label, const Bytes& payload, const TestKey& key = {}) const;
+
+    /// Hands a datagram over as the downstream receive thread does; what is printed is returned.
+    std::string arrive(const Bytes& datagram) { return arriveFrom(peer, datagram); }
+    std::string arriveFrom(const UdpSocket& from, const Bytes& datagram);
+    /// As the lateral receive thread does, with what came in front of the datagram.
+    std::string arriveLaterally(const Bytes& datagram, const ReturnPath& returnPath);
+
+    /// The flow's endpoint, made by a datagram and registered with the poll loop.
+    EndpointPtr openFlow(std::uint32_t label);
+    ReplyRoute routeOf(VeskEndpointDescriptor& endpoint);
+
+    /// Makes the next send from this socket fail with ECONNREFUSED.
+    static void provokeRefusal(int fd);
+    /// Switches the lateral stream on, as instance `index` of `instances`.
+    void startLateral(std::uint32_t index, std::uint32_t instances);
+
+    UdpSocket peer;
+    UdpSocket upstream;
+    UdpSocket downstreamSocket;
+    UdpSocket lateralSocket;
+    EndpointPtr downstream;
+    EndpointPtr lateral;
+    /// What this instance signs lateral headers with.
+    const TestKey lateralKey{"sha256", Bytes(16, 0x42)};
+    /// Where datagrams of peers arrive; as the kernel tells it.
+    SocketAddress localDestination;
+
+ private:
+    void hand(VeskEndpointDescriptor& endpoint, const Bytes& datagram, const SocketAddress& sender,
+              const ReturnPath& returnPath);
+};
+
+}  // namespace vesk

@@ -1,0 +1,187 @@
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <thread>
+
+#include "datapath/datapath_fixture.h"
+#include "datapath/downstream.h"
+#include "support/printed.h"
+
+namespace vesk {
+namespace {
+
+using testing::IsEmpty;
+
+const Bytes payload = toBytes("payload");
+/// A label that belongs to instance 1 of 2.
+constexpr std::uint32_t foreignLabel = 0x10005;
+constexpr std::uint32_t ownLabel = 0x20005;
+
+/// Instance 0 of two; the other one listens on `neighbour`.
+class LateralDispatchTest : public DatapathTest {
+ protected:
+    void SetUp() override {
+        DatapathTest::SetUp();
+        startLateral(0, 2);
+        context->lateral.peers.set(1, IPAddrInfo("127.0.0.1", 8445));
+        context->lateral.port = neighbour.port();
+        declareFlow(ownLabel);
+    }
+
+    Bytes forwardHeader(const SocketAddress& sender) const {
+        Bytes covered{static_cast<std::uint8_t>(sender.length + 16)};
+        const Bytes address = toBytes(sender.bytes());
+        covered.insert(covered.end(), address.begin(), address.end());
+        const Bytes tag = hmacOf(lateralKey, covered, 16);
+        Bytes header{1};
+        header.insert(header.end(), covered.begin(), covered.end());
+        header.insert(header.end(), tag.begin(), tag.end());
+        return header;
+    }
+
+    UdpSocket neighbour;
+};
+
+const ReturnPath somePath(Bytes(33, 9));
+
+TEST_F(LateralDispatchTest, HandsADatagramToItsOwner) {
+    const Bytes datagram = framed(foreignLabel, payload);
+    EXPECT_EQ(arrive(datagram), "");
+    Bytes expected = forwardHeader(peer.address());
+    expected.insert(expected.end(), datagram.begin(), datagram.end());
+    EXPECT_EQ(neighbour.receive(), expected);
+    EXPECT_EQ(neighbour.sender(), lateralSocket.address());
+    EXPECT_EQ(countsOf(*lateral), (Counts{.txDg = 1}));
+    EXPECT_EQ(countsOf(*downstream), Counts());
+    EXPECT_THAT(manager().endpoints(), IsEmpty());
+}
+
+TEST_F(LateralDispatchTest, HandsOverADeclaredLabelToo) {
+    declareFlow(foreignLabel);
+    arrive(framed(foreignLabel, payload));
+    EXPECT_TRUE(neighbour.receive().has_value());
+    EXPECT_THAT(manager().endpoints(), IsEmpty());
+}
+
+TEST_F(LateralDispatchTest, ServesItsOwnLabels) {
+    arrive(framed(ownLabel, payload));
+    EXPECT_EQ(upstream.receive(), framed(0x1111, payload));
+    EXPECT_TRUE(neighbour.empty());
+}
+
+TEST_F(LateralDispatchTest, ServesEveryLabelWhereThereIsNoNumberOfInstances) {
+    startLateral(0, 0);
+    declareFlow(foreignLabel);
+    arrive(framed(foreignLabel, payload));
+    EXPECT_TRUE(upstream.receive().has_value());
+    EXPECT_TRUE(neighbour.empty());
+}
+
+TEST_F(LateralDispatchTest, ServesEveryLabelWhileTheStreamDoesNotRun) {
+    context->lateral.running = false;
+    declareFlow(foreignLabel);
+    arrive(framed(foreignLabel, payload));
+    EXPECT_TRUE(upstream.receive().has_value());
+    EXPECT_TRUE(neighbour.empty());
+}
+
+TEST_F(LateralDispatchTest, CountsALabelOfAnUnknownOwner) {
+    startLateral(0, 3);
+    arrive(framed(0x20005, payload));
+    EXPECT_EQ(countsOf(*downstream), (Counts{.rxDgError = 1}));
+    EXPECT_TRUE(neighbour.empty());
+    EXPECT_TRUE(upstream.empty());
+}
+
+TEST_F(LateralDispatchTest, CountsALabelThatCannotBeHandedOn) {
+    context->lateralEndpoint.exchange(nullptr);
+    arrive(framed(foreignLabel, payload));
+    EXPECT_EQ(countsOf(*downstream), (Counts{.rxDgError = 1}));
+}
+
+TEST_F(LateralDispatchTest, LetsADatagramMakeOneHop) {
+    arriveLaterally(framed(foreignLabel, payload), somePath);
+    EXPECT_EQ(countsOf(*downstream), (Counts{.rxDgError = 1}));
+    EXPECT_EQ(countsOf(*lateral), Counts());
+    EXPECT_TRUE(neighbour.empty());
+}
+
+TEST_F(LateralDispatchTest, CountsWhereTheDatagramCameInWithoutADownstreamEndpoint) {
+    context->downstreamEndpoint.exchange(nullptr);
+    arriveLaterally(framed(foreignLabel, payload), somePath);
+    EXPECT_EQ(countsOf(*lateral), (Counts{.rxDgError = 1}));
+}
+
+TEST_F(LateralDispatchTest, CountsADatagramThatIsTooLongForItsHeader) {
+    // Header and datagram together: 2049 bytes, then 2048.
+    arrive(framed(foreignLabel, Bytes(2048 - 34 - 20 + 1, 1)));
+    EXPECT_EQ(countsOf(*lateral), (Counts{.txDgDropped = 1}));
+    EXPECT_TRUE(neighbour.empty());
+    arrive(framed(foreignLabel, Bytes(2048 - 34 - 20, 1)));
+    EXPECT_EQ(neighbour.receive()->size(), 2048U);
+    EXPECT_EQ(countsOf(*lateral), (Counts{.txDg = 1, .txDgDropped = 1}));
+    EXPECT_EQ(countsOf(*downstream), Counts());
+}
+
+TEST_F(LateralDispatchTest, CountsADatagramThatCouldNotBeSent) {
+    // The kernel sends nothing to port 0.
+    context->lateral.port = 0;
+    arrive(framed(foreignLabel, payload));
+    EXPECT_EQ(countsOf(*lateral), (Counts{.txDgDropped = 1}));
+}
+
+TEST_F(LateralDispatchTest, CountsNoRefusal) {
+    provokeRefusal(lateralSocket.fd());
+    arrive(framed(foreignLabel, payload));
+    EXPECT_EQ(countsOf(*lateral), Counts());
+}
+
+TEST_F(LateralDispatchTest, RemembersTheWayBackOfALateralDatagram) {
+    EXPECT_NE(arriveLaterally(framed(ownLabel, payload), somePath), "");
+    EXPECT_EQ(upstream.receive(), framed(0x1111, payload));
+    const EndpointPtr flow = manager().findEndpointByLabel(ownLabel);
+    EXPECT_EQ(routeOf(*flow).returnPath, somePath);
+    // The same sender directly: all that differs is the way.
+    arrive(framed(ownLabel, payload));
+    EXPECT_TRUE(routeOf(*flow).returnPath.empty());
+}
+
+TEST_F(LateralDispatchTest, LeavesTheWayBackAloneWhileTheStreamDoesNotRun) {
+    arriveLaterally(framed(ownLabel, payload), somePath);
+    const EndpointPtr flow = manager().findEndpointByLabel(ownLabel);
+    context->lateral.running = false;
+    const UdpSocket other;
+    arriveFrom(other, framed(ownLabel, payload));
+    EXPECT_EQ(routeOf(*flow).returnPath, somePath);
+    EXPECT_EQ(routeOf(*flow).peer, other.address());
+}
+
+TEST_F(LateralDispatchTest, TellsTheSameDatagramFromBothSidesApart) {
+    declareFlow(ownLabel, keyWords("down_in", {"sha256", {1}}) + keyWords("up_out", {"sha1", {2}}));
+    const Bytes datagram = framed(ownLabel, payload, {"sha256", {1}});
+    const Bytes expected = framed(0x1111, payload, {"sha1", {2}});
+    // As many as wait in a socket's buffer.
+    constexpr int each = 80;
+    printedBy([&] {
+        const SocketAddress sender = peer.address();
+        const auto deliver = [&](VeskEndpointDescriptor& endpoint, const ReturnPath& path) {
+            for (int i = 0; i < each; ++i) {
+                std::ranges::copy(datagram, endpoint.receiveBuffer.begin());
+                downstreamPacketReceived(
+                    {endpoint, datagram.size(), sender, localDestination, path}, *context);
+            }
+        };
+        std::thread laterally([&] { deliver(*lateral, somePath); });
+        deliver(*downstream, {});
+        laterally.join();
+    });
+    // Of two threads that miss the same endpoint one makes it, and every datagram is signed well.
+    EXPECT_EQ(manager().endpoints().size(), 1U);
+    EXPECT_EQ(countsOf(*manager().findEndpointByLabel(ownLabel)), (Counts{.txDg = 2 * each}));
+    for (int i = 0; i < 2 * each; ++i) {
+        ASSERT_EQ(upstream.receive(), expected);
+    }
+}
+
+}  // namespace
+}  // namespace vesk

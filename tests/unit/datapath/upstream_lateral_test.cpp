@@ -1,0 +1,94 @@
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <algorithm>
+
+#include "datapath/datapath_fixture.h"
+#include "datapath/upstream.h"
+#include "support/printed.h"
+
+namespace vesk {
+namespace {
+
+const Bytes payload = toBytes("reply");
+constexpr std::uint32_t label = 5;
+
+/// A flow whose last datagram came over the lateral stream, from the instance at `peer`.
+class LateralReplyTest : public DatapathTest {
+ protected:
+    void SetUp() override {
+        DatapathTest::SetUp();
+        startLateral(0, 1);
+        declareFlow(label);
+        arriveLaterally(framed(label, toBytes("request")), ReturnPath(kept));
+        ASSERT_TRUE(upstream.receive().has_value());
+        flow = manager().findEndpointByLabel(label);
+        ASSERT_NE(flow, nullptr);
+    }
+    void TearDown() override {
+        flow.reset();
+        DatapathTest::TearDown();
+    }
+
+    /// Serves one reply of the upstream service.
+    void answer(const Bytes& datagram) {
+        upstream.send(datagram, withPort(IPAddrInfo("127.0.0.1", 1).socketAddress(),
+                                         portOf(boundAddress(flow->rdsockfd))));
+        UpstreamReceiver receiver(context);
+        bool keep = false;
+        EXPECT_EQ(upstreamSocketRecv(flow->rdsockfd, keep, receiver), 1);
+    }
+
+    const Bytes kept = Bytes(33, 9);
+    EndpointPtr flow;
+};
+
+TEST_F(LateralReplyTest, GoesBackTheWayTheRequestCame) {
+    answer(framed(label, payload));
+    Bytes expected{2};
+    expected.insert(expected.end(), kept.begin(), kept.end());
+    const Bytes datagram = framed(0x2222, payload);
+    expected.insert(expected.end(), datagram.begin(), datagram.end());
+    EXPECT_EQ(peer.receive(), expected);
+    EXPECT_EQ(peer.sender(), lateralSocket.address());
+    EXPECT_EQ(countsOf(*flow), (Counts{.rxDg = 1, .txDg = 1, .dnTxDg = 1}));
+    EXPECT_EQ(countsOf(*lateral), Counts());
+}
+
+TEST_F(LateralReplyTest, IsDroppedWhereItsHeaderDoesNotFit) {
+    answer(framed(label, Bytes(2048 - 34 - 20 + 1, 1)));
+    EXPECT_TRUE(peer.empty());
+    EXPECT_EQ(countsOf(*lateral), (Counts{.txDgDropped = 1}));
+    EXPECT_EQ(countsOf(*flow), (Counts{.rxDg = 1, .txDg = 1}));
+    answer(framed(label, Bytes(2048 - 34 - 20, 1)));
+    EXPECT_EQ(peer.receive()->size(), 2048U);
+}
+
+TEST_F(LateralReplyTest, GoesDirectlyAfterADirectRequest) {
+    arrive(framed(label, toBytes("request")));
+    answer(framed(label, payload));
+    EXPECT_EQ(peer.receive(), framed(0x2222, payload));
+    EXPECT_EQ(peer.sender(), downstreamSocket.address());
+}
+
+TEST_F(LateralReplyTest, GoesDirectlyWhileTheStreamDoesNotRun) {
+    context->lateral.running = false;
+    answer(framed(label, payload));
+    EXPECT_EQ(peer.receive(), framed(0x2222, payload));
+    EXPECT_EQ(peer.sender(), downstreamSocket.address());
+}
+
+TEST_F(LateralReplyTest, NeedsNoDownstreamEndpoint) {
+    context->downstreamEndpoint.exchange(nullptr);
+    answer(framed(label, payload));
+    EXPECT_TRUE(peer.receive().has_value());
+}
+
+TEST_F(LateralReplyTest, IsDroppedWithoutALateralEndpoint) {
+    context->lateralEndpoint.exchange(nullptr);
+    answer(framed(label, payload));
+    EXPECT_EQ(countsOf(*flow), (Counts{.rxDg = 1, .txDg = 1, .dnTxDgDropped = 1}));
+}
+
+}  // namespace
+}  // namespace vesk
