@@ -1,0 +1,216 @@
+"""Each system call that opens, watches or gives back a socket, refused once.
+
+The message is the stated one, nothing leaks, and the next good datagram is relayed.
+"""
+
+from __future__ import annotations
+
+import re
+from pathlib import Path
+from typing import List
+
+import pytest
+
+from conftest import StartVesk
+from framework.bench import Bench
+from framework.faults import (failing_calls, failing_listener, failing_poll_thread, faulty_start)
+from framework.lateral import LOOPBACK, join, shared_free_port
+from framework.udp import UdpEnd, free_port
+from framework.vesk_process import VeskProcess
+
+TIME_STAMP = r"\[[-0-9T:.]{23}\]"
+CREATED = re.compile(r"info Created (multiplexed )?upstream endpoint: label 0x5/5 .*")
+
+
+# Opening a flow's socket ----------------------------------------------------------------
+
+NO_SOCKET = "error createEndpoint: Failed to create endpoint sockets (family 2): -{}"
+NOT_RELAYED = [
+    ("socket:error=ENFILE", ["error socket: new endpoint socket. Error: Too many open files in "
+                             "system", NO_SOCKET.format(23)]),
+    ("socket:error=ENOBUFS", ["error socket: new endpoint socket. Error: No buffer space available",
+                              NO_SOCKET.format(105)]),
+    ("dup:error=EMFILE", [r"error Failed to dup sockfd \d+ Error: Too many open files",
+                          NO_SOCKET.format(24)]),
+    ("bind:error=EADDRNOTAVAIL", ["error Failed bind syscall for upstream endpoint socket: "
+                                  "Cannot assign requested address"]),
+]
+
+
+@pytest.mark.parametrize("injection, complaints", NOT_RELAYED)
+def test_a_call_that_a_flow_cannot_do_without(bench: Bench, injection: str,
+                                              complaints: List[str]) -> None:
+    """The datagram is lost, and nothing else: the next one opens the socket."""
+    flow = bench.flow(options={"up_src_ip": "127.0.0.1", "up_src_port": free_port()})
+    bench.declare(flow)
+    bench.nothing_went_upstream()
+    descriptors = bench.vesk.descriptor_count()
+    since = bench.vesk.mark()
+    with failing_listener(bench.vesk, f"{injection}:when=1"):
+        bench.send(flow.request(b"lost"))
+        bench.nothing_went_upstream()
+    said = bench.vesk.remarks(since)
+    assert len(said) == len(complaints), said
+    for line, complaint in zip(said, complaints):
+        assert line == complaint or re.fullmatch(complaint, line), line
+    bench.vesk.wait_for_descriptor_count(descriptors)
+    bench.exchange(flow)
+
+
+def option_failed(name: str) -> List[str]:
+    return [rf"set {name} failed with error 12"]
+
+
+RELAYED = [
+    ("setsockopt", 1, ["error Failed to set reuse port option on socket: Cannot allocate memory"]),
+    ("setsockopt", 2, ["error Failed to set reuse port option on socket: Cannot allocate memory"]),
+    ("setsockopt", 3, option_failed("SO_RCVBUF")),
+    ("setsockopt", 4, option_failed("SO_SNDBUF")),
+    ("setsockopt", 5, [rf"warn  {TIME_STAMP} Vesk_requestLocalDestAddr: IP_PKTINFO failed on "
+                       r"socket \d+, errno=12"]),
+    ("getsockopt", 1, ["error SO_RCVBUFFailed getsockopt syscall: Cannot allocate memory"]),
+    ("getsockopt", 2, ["error SO_SNDBUFFailed getsockopt syscall: Cannot allocate memory"]),
+]
+
+
+@pytest.mark.parametrize("call, number, complaints", RELAYED)
+def test_a_call_that_a_flow_can_do_without(bench: Bench, call: str, number: int,
+                                           complaints: List[str]) -> None:
+    """The very datagram that met the failure is relayed, and so is what follows."""
+    flow = bench.flow(options={"is_multiplex": "true"})
+    bench.declare(flow)
+    bench.nothing_went_upstream()
+    since = bench.vesk.mark()
+    with failing_listener(bench.vesk, f"{call}:error=ENOMEM:when={number}"):
+        sender = bench.exchange(flow)
+    said = [line for line in bench.vesk.remarks(since) if not CREATED.fullmatch(line)]
+    assert len(said) == len(complaints), said
+    assert all(re.fullmatch(complaint, line) for line, complaint in zip(said, complaints)), said
+    for _ in range(3):
+        assert bench.exchange(flow) == sender
+    # No thread got stuck in a call that should not have waited.
+    bench.vesk.close_input()
+    bench.vesk.wait_exit(0, seconds=2)
+
+
+# Opening the listeners ------------------------------------------------------------------
+
+@pytest.mark.parametrize("injection, complaint", [
+    ("socket:error=ENFILE",
+     "error Failed socket syscall for endpoint: Too many open files in system"),
+    ("bind:error=EACCES", "error Failed bind syscall for endpoint socket: Permission denied"),
+])
+def test_a_listener_that_cannot_be_opened(vesk: VeskProcess, peer: UdpEnd, upstream: UdpEnd,
+                                          injection: str, complaint: str) -> None:
+    descriptors = vesk.descriptor_count()
+    port = free_port()
+    with failing_calls(vesk, [vesk.pid], f"{injection}:when=1"):
+        lines = vesk.lines_after(f"start addr 127.0.0.1 port {port}")
+    assert complaint in lines
+    assert lines[-1] == f"info Vesk started on port {port} address 127.0.0.1"
+    assert vesk.descriptor_count() == descriptors
+    bench = Bench(vesk, peer, upstream)
+    bench.exchange(bench.control)
+
+
+@pytest.mark.parametrize("injection, complaint", [
+    ("socket:error=ENFILE",
+     "error Failed socket syscall for endpoint: Too many open files in system"),
+    ("bind:error=EACCES", "error Failed bind syscall for endpoint socket: Permission denied"),
+])
+def test_a_lateral_listener_that_cannot_be_opened(vesk: VeskProcess, injection: str,
+                                                  complaint: str) -> None:
+    """The command may be given again."""
+    port = shared_free_port([LOOPBACK[0]])
+    vesk.lines_after(f"add_lateral_peer idx 1 addr {LOOPBACK[1]}")
+    descriptors = vesk.descriptor_count()
+    with failing_calls(vesk, [vesk.pid], f"{injection}:when=1"):
+        lines = vesk.lines_after(
+            f"start_lateral addr {LOOPBACK[0]} port {port} idx 0 max_qels 2")
+    assert lines[-2:] == [complaint, "error Vesk Lateral listener failed to start, err: -1"]
+    assert vesk.descriptor_count() == descriptors
+    join(vesk, 0, {0: LOOPBACK[0], 1: LOOPBACK[1]}, port, 2)
+
+
+# Watching sockets -----------------------------------------------------------------------
+
+def descriptor_of(bench: Bench) -> str:
+    return bench.vesk.wait_for_log(CREATED).split()[-2]
+
+
+def test_a_socket_that_the_kernel_does_not_arm_again(bench: Bench) -> None:
+    """Said, and no more: the flow's replies stay away until its socket is opened anew."""
+    flow, other = bench.flow(5), bench.flow(6)
+    bench.declare(flow, other)
+    sender = bench.exchange(flow)
+    with failing_poll_thread(bench.vesk, "epoll_ctl:error=ENOMEM:when=1"):
+        bench.answer(flow, sender)
+        bench.vesk.wait_for_log(f"error epoll_ctl error: msgchanfd ctl_op 3 fd "
+                                f"{descriptor_of(bench)} errno 12 (Cannot allocate memory)")
+    bench.exchange(other)
+    bench.declare(flow)
+    bench.exchange(flow)
+
+
+def test_a_socket_that_the_kernel_does_not_let_go(bench: Bench) -> None:
+    """Said, and the descriptor stays open: it may still be in the set."""
+    flow = bench.flow(5)
+    bench.declare(flow)
+    descriptors = bench.vesk.descriptor_count()
+    bench.exchange(flow)
+    with failing_poll_thread(bench.vesk, "epoll_ctl:error=ENOMEM:when=2"):
+        bench.vesk.lines_after("del label 5")
+        bench.vesk.wait_for_log(f"error epoll_ctl error: msgchanfd ctl_op 2 fd "
+                                f"{descriptor_of(bench)} errno 12 (Cannot allocate memory)")
+    bench.vesk.wait_for_descriptor_count(descriptors + 1)
+    bench.declare(flow)
+    bench.exchange(flow)
+
+
+def test_no_set_to_watch_with(start_vesk: StartVesk, tmp_path: Path) -> None:
+    vesk = start_vesk(prefix=faulty_start(
+        tmp_path / "trace", "epoll_create:error=EMFILE", "epoll_create1:error=EMFILE"))
+    vesk.wait_for_log("error Failed to add msgchanfd to epoll set: Bad file descriptor")
+    vesk.settle()
+    vesk.finish()
+
+
+# No descriptors left --------------------------------------------------------------------
+
+LIMIT = 64
+
+
+@pytest.fixture
+def scarce(start_vesk: StartVesk, peer: UdpEnd, upstream: UdpEnd) -> Bench:
+    """A forwarder that may hold 64 descriptors."""
+    vesk = start_vesk(prefix=["prlimit", f"--nofile={LIMIT}:{LIMIT}"]).ready()
+    return Bench(vesk, peer, upstream)
+
+
+def test_more_flows_than_descriptors(scarce: Bench) -> None:
+    """Those that have a socket go on; the others are told about, and served after a "del"."""
+    flows = [scarce.flow(label) for label in range(1, LIMIT)]
+    scarce.declare(*flows)
+    scarce.exchange(scarce.control)
+    before = scarce.vesk.descriptor_count()
+    since = scarce.vesk.mark()
+    for flow in flows:
+        scarce.send(flow.request(b"x"))
+    served = (LIMIT - before) // 2
+    arrived = {scarce.framing.parse(scarce.upstream.receive().data).label
+               for _ in range(served)}
+    assert arrived == {flow.up_label for flow in flows[:served]}
+    scarce.nothing_went_upstream()
+    refused = len(flows) - served
+    said = [line for line in scarce.vesk.remarks(since) if line.startswith("error")]
+    assert len(said) == 2 * refused
+    assert said[1::2] == ["error createEndpoint: Failed to create endpoint sockets (family 2): "
+                          "-24"] * refused
+    assert all(re.fullmatch(r"error (socket: new endpoint socket\.|Failed to dup sockfd \d+) "
+                            r"Error: Too many open files", line) for line in said[::2])
+    assert scarce.vesk.descriptor_count() == before + 2 * served
+    for flow in flows[:served]:
+        scarce.exchange(flow)
+    scarce.vesk.lines_after("del label 1")
+    scarce.vesk.wait_for_descriptor_count(before + 2 * served - 2)
+    scarce.exchange(flows[-1])
