@@ -43,7 +43,7 @@ def crash(bench: Bench) -> None:
 
 
 def test_a_new_one_takes_the_place_of_one_that_crashed(start_vesk: StartVesk, new_end) -> None:
-    """By a resolver failure with everything busy: the port is free as soon as the old one is gone."""
+    """By a resolver failure with everything busy: the port is free as soon as it is gone."""
     bench = bench_of(start_vesk().ready(), new_end)
     flows = [bench.flow(label, **four_keys()) for label in range(1, 51)]
     bench.declare(*flows)

@@ -91,7 +91,8 @@ class KindMaker:
         return bytes(request)
 
     def _idle_flow_forged(self) -> bytes:
-        return self._framing.build(self._random.choice(self._around.idle_flows).label, b"unsigned")
+        flow = self._random.choice(self._around.idle_flows)
+        return self._framing.build(flow.label, b"unsigned")
 
     def _lying_header_length(self) -> bytes:
         """Where the framing has no such field: what looks like the other framing."""
@@ -129,7 +130,8 @@ class KindMaker:
             "noise": lambda: self._bytes(self._random.randrange(1, 1500)),
         }
 
-    def _handed(self, framed: bytes, kind: int = FORWARDED, length_byte: int | None = None) -> bytes:
+    def _handed(self, framed: bytes, kind: int = FORWARDED,
+                length_byte: int | None = None) -> bytes:
         address = self._random.choice([socket_address_bytes("192.0.2.1", 7),
                                        socket_address_bytes("2001:db8::1", 7),
                                        self._bytes(16), bytes(28)])
@@ -153,7 +155,8 @@ class KindMaker:
             "one short of a lateral header": lambda: bytes([1, 32]) + bytes(SMALLEST_LATERAL - 3),
             "a lateral header alone":
                 lambda: build_lateral(FORWARDED, bytes(16), bytes(16), b""),
-            "a lateral header cut short": lambda: bytes([2, 44]) + self._bytes(SMALLEST_LATERAL - 2),
+            "a lateral header cut short":
+                lambda: bytes([2, 44]) + self._bytes(SMALLEST_LATERAL - 2),
             "a lying lateral length": lambda: self._handed(
                 good_request(b"x"), length_byte=self._random.choice(lies)),
             "handed over, a wrong tag": lambda: self._handed(self._wrong_tag(100)),

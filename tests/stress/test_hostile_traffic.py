@@ -221,7 +221,7 @@ def test_hostile_datagrams_do_no_harm(start_vesk: StartVesk, framing: Framing) -
                    f"memory is back at {memory} KiB")
         record(f"hostile {framing.name}: {sent} hostile datagrams of {bench.kinds} kinds beside "
                f"{good_sent} good ones at {rate:.0f}/s, {lost} good ones lost, "
-               f"{drops + lateral_drops} dropped by the kernel, descriptors {descriptors} as before,"
-               f" sockets {endpoints} as before, memory {memory} KiB "
+               f"{drops + lateral_drops} dropped by the kernel, "
+               f"descriptors {descriptors} as before, sockets {endpoints} as before, memory {memory} KiB "
                f"{resident_kib(vesk.pid) - memory:+d} KiB, every datagram accounted for")
         vesk.finish()
