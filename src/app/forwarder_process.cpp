@@ -200,6 +200,7 @@ int runForwarder(std::span<const char* const> texts) {
         logError("Failed to initialize FIPS mode!");
         return failureStatus;
     }
+    loadDigests();
     logInfo("Starting forwarder with UDPv", arguments->framingVersion);
     return serve(*arguments, std::make_shared<ForwarderContext>(arguments->framingVersion));
 }

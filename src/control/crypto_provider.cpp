@@ -5,8 +5,11 @@
 #include <openssl/provider.h>
 #include <openssl/rand.h>
 
+#include <array>
 #include <cstdlib>
 
+#include "datapath/authentication.h"
+#include "flow/hmac_info.h"
 #include "log/log.h"
 
 namespace vesk {
@@ -37,6 +40,18 @@ void report(int* fipsActive, int value) {
 }
 
 }  // namespace
+
+void loadDigests() {
+    constexpr std::array<std::uint8_t, 1> key{1};
+    for (const HmacAlgorithm* const algorithm : {&hmacSha1, &hmacSha256}) {
+        HmacInfo throwaway;
+        throwaway.setKey(key);
+        throwaway.setAlgorithm(*algorithm);
+        std::array<std::uint8_t, 16> tag{};
+        // A library that refuses a digest refuses the datagrams that need it, each for itself.
+        static_cast<void>(computeTag(throwaway, {}, tag));
+    }
+}
 
 bool initFipsMode(int* fipsActive) {
     const bool fipsAvailable = isAvailable("fips");

@@ -9,4 +9,8 @@ namespace vesk {
 /// process must not go on.
 bool initFipsMode(int* fipsActive = nullptr);
 
+/// Makes libcrypto set up its digests now, while memory is plenty and no other thread runs. Its
+/// first use of a digest builds tables that stay unusable if it is cut short.
+void loadDigests();
+
 }  // namespace vesk

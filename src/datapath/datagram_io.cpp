@@ -82,7 +82,7 @@ ReceiveResult receiveCancellably(IncomingMessage& message, VeskEndpointDescripto
 ReceiveResult receiveNow(IncomingMessage& message, VeskEndpointDescriptor& endpoint) {
     message.prepare(endpoint);
     errno = EAGAIN;
-    const ssize_t received = recvmsg(endpoint.rdsockfd, message.header(), 0);
+    const ssize_t received = recvmsg(endpoint.rdsockfd, message.header(), MSG_DONTWAIT);
     return {received, errno};
 }
 

@@ -50,8 +50,8 @@ struct ReceiveResult {
 /// meanwhile.
 ReceiveResult receiveCancellably(IncomingMessage& message, VeskEndpointDescriptor& endpoint);
 
-/// Receives from a non-blocking endpoint. An empty datagram is reported like a drained socket
-/// (EAGAIN): it is no reason to give a flow up.
+/// Receives without waiting, should the socket have stayed a blocking one too. An empty datagram is
+/// reported like a drained socket (EAGAIN): it is no reason to give a flow up.
 ReceiveResult receiveNow(IncomingMessage& message, VeskEndpointDescriptor& endpoint);
 
 /// Walks control data for the packet information of the family. Empty where there is none.

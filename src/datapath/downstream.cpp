@@ -173,19 +173,26 @@ FlowEndpoint findOrCreateFlowEndpoint(std::uint32_t label, ForwarderContext& con
 
 // ---- The flow ----
 
-bool isKnownRoute(const ReceivedDatagram& datagram, VeskEndpointDescriptor& flow,
-                  bool lateralRuns) {
-    const ReadLock lock(flow.routeLock);
+bool isKnownRoute(const ReceivedDatagram& datagram, const VeskEndpointDescriptor& flow,
+                  bool lateralRuns) VESK_REQUIRES_SHARED(flow.routeLock) {
     return datagram.sender == flow.route.peer && datagram.localDestination == flow.route.local &&
            (!lateralRuns || datagram.returnPath == flow.route.returnPath);
+}
+
+/// Aims the message at the flow's upstream service. Whether the datagram came by the route that is
+/// known.
+bool addressToUpstream(OutgoingMessage& message, const ReceivedDatagram& datagram,
+                       VeskEndpointDescriptor& flow, bool lateralRuns) {
+    message.setDestination(flow.flow.up.addrInfo.socketAddress());
+    message.addTrafficClass(flow.flow.up.dscpV4, flow.flow.up.dscpV6);
+    const ReadLock lock(flow.routeLock);
+    message.addSource(flow.upstreamLocal);
+    return isKnownRoute(datagram, flow, lateralRuns);
 }
 
 /// Replies go to the last sender, from the address its datagram arrived on, the way it came.
 void rememberRoute(const ReceivedDatagram& datagram, VeskEndpointDescriptor& flow,
                    bool lateralRuns) {
-    if (isKnownRoute(datagram, flow, lateralRuns)) {
-        return;
-    }
     const WriteLock lock(flow.routeLock);
     flow.route.peer = datagram.sender;
     flow.route.local = datagram.localDestination;
@@ -196,33 +203,30 @@ void rememberRoute(const ReceivedDatagram& datagram, VeskEndpointDescriptor& flo
 
 enum class Verdict { forward, forged, unsignable };
 
-/// Turns the datagram into the one that goes upstream.
+/// Turns the datagram into the one that goes upstream, and addresses the message that carries it.
 Verdict convertForUpstream(const ReceivedDatagram& datagram, std::size_t headerLength,
-                           VeskEndpointDescriptor& flow, const ForwarderContext& context) {
+                           OutgoingMessage& message, VeskEndpointDescriptor& flow,
+                           const ForwarderContext& context) {
     const DatagramBuffer buffer(datagram.endpoint.receiveBuffer);
     const MutexLock lock(flow.towardsUpstream);
     if (!checkDatagram(context.framing, buffer, headerLength, datagram.length,
                        flow.flow.down.inHmac)) {
         return Verdict::forged;
     }
-    rememberRoute(datagram, flow, context.lateral.running.load(std::memory_order_acquire));
+    const bool lateralRuns = context.lateral.running.load(std::memory_order_acquire);
+    if (!addressToUpstream(message, datagram, flow, lateralRuns)) {
+        rememberRoute(datagram, flow, lateralRuns);
+    }
     rewriteLabel(context.framing, buffer, flow.flow.up.label);
     const bool isSigned =
         signDatagram(context.framing, buffer, headerLength, datagram.length, flow.flow.up.outHmac);
     return isSigned ? Verdict::forward : Verdict::unsignable;
 }
 
-void sendUpstream(const ReceivedDatagram& datagram, VeskEndpointDescriptor& flow,
-                  ForwarderContext& context) {
-    OutgoingMessage message;
+void sendUpstream(const ReceivedDatagram& datagram, OutgoingMessage& message,
+                  VeskEndpointDescriptor& flow, ForwarderContext& context) {
     message.setDatagram(std::span(datagram.endpoint.receiveBuffer).first(datagram.length));
-    message.setDestination(flow.flow.up.addrInfo.socketAddress());
-    message.addTrafficClass(flow.flow.up.dscpV4, flow.flow.up.dscpV6);
-    {
-        const ReadLock lock(flow.routeLock);
-        message.addSource(flow.upstreamLocal);
-    }
-    const ssize_t sent = sendmsg(flow.wrsockfd, message.header(), 0);
+    const ssize_t sent = sendmsg(flow.wrsockfd, message.header(), MSG_DONTWAIT);
     const int error = errno;
     if (sent == static_cast<ssize_t>(datagram.length)) {
         flow.counters.txDg.increment();
@@ -275,7 +279,8 @@ void downstreamPacketReceived(const ReceivedDatagram& datagram, ForwarderContext
         countRejected(datagram, context);
         return;
     }
-    switch (convertForUpstream(datagram, parsed->headerLength, *flow.endpoint, context)) {
+    OutgoingMessage message;
+    switch (convertForUpstream(datagram, parsed->headerLength, message, *flow.endpoint, context)) {
         case Verdict::forged:
             countRejected(datagram, context);
             // Kept: no level, no time stamp, and nothing between the routine's name and the text.
@@ -288,7 +293,7 @@ void downstreamPacketReceived(const ReceivedDatagram& datagram, ForwarderContext
             flow.endpoint->counters.txDgDropped.increment();
             break;
         case Verdict::forward:
-            sendUpstream(datagram, *flow.endpoint, context);
+            sendUpstream(datagram, message, *flow.endpoint, context);
             break;
     }
 }

@@ -68,42 +68,41 @@ struct Reply {
     DatagramBuffer buffer() const { return DatagramBuffer(endpoint.receiveBuffer); }
 };
 
-/// The address that replies arrive on is the one to send requests from.
-void rememberUpstreamLocal(const SocketAddress& local, VeskEndpointDescriptor& flow) {
-    {
-        const ReadLock lock(flow.routeLock);
-        if (local == flow.upstreamLocal) {
-            return;
-        }
-    }
+/// Aims the message at the flow's last sender and tells, in `returnPath`, whether and how that one
+/// is reached laterally. Whether requests are sent from the address that replies arrive on already.
+bool addressToLastSender(OutgoingMessage& message, ReturnPath& returnPath,
+                         const SocketAddress& localDestination, VeskEndpointDescriptor& flow) {
+    const ReadLock lock(flow.routeLock);
+    message.setDestination(flow.route.peer);
+    message.addTrafficClass(flow.flow.down.dscpV4, flow.flow.down.dscpV6);
+    message.addSource(flow.route.local);
+    returnPath = flow.route.returnPath;
+    return localDestination == flow.upstreamLocal;
+}
+
+void rememberUpstreamLocal(const SocketAddress& localDestination, VeskEndpointDescriptor& flow) {
     const WriteLock lock(flow.routeLock);
-    flow.upstreamLocal = local;
+    flow.upstreamLocal = localDestination;
 }
 
 enum class Verdict { send, forged, unsignable };
 
-/// Turns the reply into the datagram that goes downstream.
-Verdict convertForDownstream(const Reply& reply, VeskEndpointDescriptor& flow,
-                             const ForwarderContext& context) {
+/// Turns the reply into the datagram that goes downstream, and addresses the message that carries
+/// it.
+Verdict convertForDownstream(const Reply& reply, OutgoingMessage& message, ReturnPath& returnPath,
+                             VeskEndpointDescriptor& flow, const ForwarderContext& context) {
     const MutexLock lock(flow.towardsDownstream);
     if (!checkDatagram(context.framing, reply.buffer(), reply.headerLength, reply.length,
                        flow.flow.up.inHmac)) {
         return Verdict::forged;
     }
-    rememberUpstreamLocal(reply.localDestination, flow);
+    if (!addressToLastSender(message, returnPath, reply.localDestination, flow)) {
+        rememberUpstreamLocal(reply.localDestination, flow);
+    }
     rewriteLabel(context.framing, reply.buffer(), flow.flow.down.label);
     const bool isSigned = signDatagram(context.framing, reply.buffer(), reply.headerLength,
                                        reply.length, flow.flow.down.outHmac);
     return isSigned ? Verdict::send : Verdict::unsignable;
-}
-
-/// Aims the message at the flow's last sender; tells whether and how that one is reached laterally.
-ReturnPath addressToLastSender(OutgoingMessage& message, VeskEndpointDescriptor& flow) {
-    const ReadLock lock(flow.routeLock);
-    message.setDestination(flow.route.peer);
-    message.addTrafficClass(flow.flow.down.dscpV4, flow.flow.down.dscpV6);
-    message.addSource(flow.route.local);
-    return flow.route.returnPath;
 }
 
 void countReturned(ssize_t sent, int error, VeskEndpointDescriptor& flow,
@@ -118,9 +117,8 @@ void countReturned(ssize_t sent, int error, VeskEndpointDescriptor& flow,
     }
 }
 
-void sendDownstream(const Reply& reply, VeskEndpointDescriptor& flow, ForwarderContext& context) {
-    OutgoingMessage message;
-    const ReturnPath returnPath = addressToLastSender(message, flow);
+void sendDownstream(const Reply& reply, OutgoingMessage& message, const ReturnPath& returnPath,
+                    VeskEndpointDescriptor& flow, ForwarderContext& context) {
     const bool laterally =
         !returnPath.empty() && context.lateral.running.load(std::memory_order_acquire);
     ssize_t sent = -1;
@@ -150,7 +148,9 @@ void sendDownstream(const Reply& reply, VeskEndpointDescriptor& flow, ForwarderC
 }
 
 void returnReply(const Reply& reply, VeskEndpointDescriptor& flow, ForwarderContext& context) {
-    switch (convertForDownstream(reply, flow, context)) {
+    OutgoingMessage message;
+    ReturnPath returnPath;
+    switch (convertForDownstream(reply, message, returnPath, flow, context)) {
         case Verdict::forged:
             flow.counters.rxDgError.increment();
             break;
@@ -158,7 +158,7 @@ void returnReply(const Reply& reply, VeskEndpointDescriptor& flow, ForwarderCont
             flow.counters.dnTxDgDropped.increment();
             break;
         case Verdict::send:
-            sendDownstream(reply, flow, context);
+            sendDownstream(reply, message, returnPath, flow, context);
             break;
     }
 }

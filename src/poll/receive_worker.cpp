@@ -1,5 +1,6 @@
 #include "poll/receive_worker.h"
 
+#include <sched.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -13,64 +14,105 @@ namespace {
 
 constexpr std::uint32_t microsecondsPerSecond = 1000000;
 
-void waitForDescriptors(PollParam& param) VESK_REQUIRES(param.mutex) {
-    while (param.queue.empty()) {
+/// So many receive calls since it last waited, and a worker counts as busy.
+constexpr unsigned busyCalls = 16;
+
+class ReceiveWorker {
+ public:
+    explicit ReceiveWorker(PollParam& param) : param_(param) {}
+
+    [[noreturn]] void run();
+
+ private:
+    void lingerIfBusy() const;
+    void collectDescriptors();
+    void waitForDescriptors() VESK_REQUIRES(param_.mutex);
+    void makePass();
+    bool serve(int fd);
+    void pauseAfterPass() const;
+
+    PollParam& param_;
+    /// Still to be served, and known to nobody else.
+    std::vector<int> serving_;
+    unsigned callsSinceWait_ = 0;
+};
+
+void ReceiveWorker::run() {
+    while (true) {
+        endThreadIfCancelled();
+        lingerIfBusy();
+        collectDescriptors();
+        makePass();
+        pauseAfterPass();
+    }
+}
+
+/// Under load a worker with nothing left to do lets the other threads go first, once, before it
+/// waits: mostly more is there by then, and neither waiting nor being woken has to be paid for.
+void ReceiveWorker::lingerIfBusy() const {
+    if (serving_.empty() && callsSinceWait_ >= busyCalls) {
+        sched_yield();
+    }
+}
+
+void ReceiveWorker::collectDescriptors() {
+    const MutexLock lock(param_.mutex);
+    if (serving_.empty()) {
+        waitForDescriptors();
+    }
+    serving_.insert(serving_.end(), param_.queue.begin(), param_.queue.end());
+    param_.queue.clear();
+}
+
+void ReceiveWorker::waitForDescriptors() {
+    while (param_.queue.empty()) {
+        callsSinceWait_ = 0;
         {
             const CancellationScope cancellable;
-            param.ready.wait(param.mutex);
+            param_.ready.wait(param_.mutex);
         }
-        param.wakeCount.increment();
-        param.queueDepthSum.store(param.queueDepthSum.load(std::memory_order_relaxed) +
-                                      static_cast<std::uint32_t>(param.queue.size()),
-                                  std::memory_order_relaxed);
+        param_.wakeCount.increment();
+        param_.queueDepthSum.store(param_.queueDepthSum.load(std::memory_order_relaxed) +
+                                       static_cast<std::uint32_t>(param_.queue.size()),
+                                   std::memory_order_relaxed);
     }
 }
 
-void collectDescriptors(PollParam& param, std::vector<int>& serving) {
-    const MutexLock lock(param.mutex);
-    if (serving.empty()) {
-        waitForDescriptors(param);
+void ReceiveWorker::makePass() {
+    std::erase_if(serving_, [this](int fd) { return !serve(fd); });
+    if (param_.passEnd) {
+        param_.passEnd(serving_);
     }
-    serving.insert(serving.end(), param.queue.begin(), param.queue.end());
-    param.queue.clear();
 }
 
-/// One receive call for each descriptor; true where it wants another.
-bool serve(PollParam& param, int fd) {
+/// One receive call; true where the descriptor wants another.
+bool ReceiveWorker::serve(int fd) {
+    ++callsSinceWait_;
     bool keep = true;
-    const int received = param.receive(fd, keep, param.workerParameter);
+    const int received = param_.receive(fd, keep, param_.workerParameter);
     if (received > 0) {
-        param.receivedTotal.add(static_cast<std::uint64_t>(received));
+        param_.receivedTotal.add(static_cast<std::uint64_t>(received));
     }
     return keep;
 }
 
-void pauseAfterPass(std::uint32_t microseconds) {
-    if (microseconds == 0) {
+void ReceiveWorker::pauseAfterPass() const {
+    if (param_.pause == 0) {
         return;
     }
     const CancellationScope cancellable;
-    if (microseconds < microsecondsPerSecond) {
-        usleep(microseconds);
+    if (param_.pause < microsecondsPerSecond) {
+        usleep(param_.pause);
     } else {
         // NOLINTNEXTLINE(concurrency-mt-unsafe): it is nanosleep on Linux, no signal is involved
-        sleep(microseconds / microsecondsPerSecond);
+        sleep(param_.pause / microsecondsPerSecond);
     }
 }
 
 }  // namespace
 
 void runReceiveWorker(PollParam& param) {
-    std::vector<int> serving;
-    while (true) {
-        endThreadIfCancelled();
-        collectDescriptors(param, serving);
-        std::erase_if(serving, [&param](int fd) { return !serve(param, fd); });
-        if (param.passEnd) {
-            param.passEnd(serving);
-        }
-        pauseAfterPass(param.pause);
-    }
+    ReceiveWorker(param).run();
 }
 
 }  // namespace vesk
