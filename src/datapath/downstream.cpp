@@ -226,7 +226,7 @@ Verdict convertForUpstream(const ReceivedDatagram& datagram, std::size_t headerL
 void sendUpstream(const ReceivedDatagram& datagram, OutgoingMessage& message,
                   VeskEndpointDescriptor& flow, ForwarderContext& context) {
     message.setDatagram(std::span(datagram.endpoint.receiveBuffer).first(datagram.length));
-    const ssize_t sent = sendmsg(flow.wrsockfd, message.header(), MSG_DONTWAIT);
+    const ssize_t sent = sendmsg(flow.wrsockfd, message.header(), 0);
     const int error = errno;
     if (sent == static_cast<ssize_t>(datagram.length)) {
         flow.counters.txDg.increment();
