@@ -120,7 +120,7 @@ class Churn:
             end = floods.enter_context(UdpEnd())
             replies = [(flow.reply(payload_of(DIRECT, flow)), self.reply_port)
                        for flow in self.multiplexed]
-            floods.enter_context(Flood(end, replies, pause_seconds=pause))
+            floods.enter_context(Flood(end, replies, pause_seconds=pause / 5))
 
     def change(self, count: int) -> None:
         """Half of the commands delete, the other half declare again."""
