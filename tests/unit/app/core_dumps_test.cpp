@@ -1,0 +1,76 @@
+// Each test runs in a process of its own: a limit that is lowered for good cannot be raised again.
+
+#include "app/core_dumps.h"
+
+#include <gtest/gtest.h>
+#include <sys/resource.h>
+#include <unistd.h>
+
+#include <string>
+
+#include "support/child_process.h"
+
+namespace vesk {
+namespace {
+
+constexpr uid_t nobody = 65534;
+
+/// Lowers the limits, gives the right to raise them up, and tries.
+ChildResult tryWith(rlim_t soft, rlim_t hard) {
+    return runInChild([=] {
+        const rlimit limit{soft, hard};
+        if (setrlimit(RLIMIT_CORE, &limit) != 0 || (getuid() == 0 && setuid(nobody) != 0)) {
+            return 1;
+        }
+        allowCoreDumps();
+        rlimit after{};
+        getrlimit(RLIMIT_CORE, &after);
+        return after.rlim_cur == hard && after.rlim_max == hard ? 0 : 2;
+    });
+}
+
+bool hardLimitIs(rlim_t expected) {
+    rlimit limit{};
+    getrlimit(RLIMIT_CORE, &limit);
+    return limit.rlim_max == expected;
+}
+
+TEST(CoreDumpsTest, RemovesTheLimit) {
+    if (!hardLimitIs(RLIM_INFINITY)) {
+        GTEST_SKIP() << "this session limits core files for good";
+    }
+    const ChildResult child = runInChild([] {
+        const rlimit low{0, RLIM_INFINITY};
+        setrlimit(RLIMIT_CORE, &low);
+        allowCoreDumps();
+        rlimit after{};
+        getrlimit(RLIMIT_CORE, &after);
+        return after.rlim_cur == RLIM_INFINITY ? 0 : 2;
+    });
+    EXPECT_EQ(child.exitCode, 0);
+    EXPECT_EQ(child.printed, "info allowCoreDumps: removed core size limit\n");
+}
+
+const std::string failure =
+    "warn allowCoreDumps: failed to remove core size limit, Operation not permitted\n";
+
+TEST(CoreDumpsTest, RaisesTheLimitAsFarAsItMay) {
+    const ChildResult child = tryWith(0, 0);
+    ASSERT_NE(child.exitCode, 1);
+    EXPECT_EQ(child.exitCode, 0);
+    EXPECT_EQ(child.printed, failure + "info allowCoreDumps: core size limit is 0, max is 0\n");
+}
+
+TEST(CoreDumpsTest, SaysHowFarTheLimitWasRaised) {
+    if (hardLimitIs(0)) {
+        GTEST_SKIP() << "this session allows no core files at all";
+    }
+    const ChildResult child = tryWith(0, 4096);
+    EXPECT_EQ(child.exitCode, 0);
+    EXPECT_EQ(child.printed, failure +
+                                 "info allowCoreDumps: core size limit is 0, max is 4096\n"
+                                 "info allowCoreDumps: raised core size limit to 4096\n");
+}
+
+}  // namespace
+}  // namespace vesk

@@ -1,0 +1,31 @@
+#include "control/control_fixture.h"
+
+#include "control/forwarder_commands.h"
+#include "control/listening_endpoint.h"
+#include "support/printed.h"
+
+namespace vesk {
+
+void ControlTest::TearDown() {
+    printedBy([this] { stopForwarder(*context); });
+    context->lateral.thread.stop();
+    closeListeningEndpoint(context->lateralEndpoint.exchange(nullptr), *context);
+    ForwarderTest::TearDown();
+}
+
+ControlTest::Outcome ControlTest::run(Handler handler, const std::string& words) {
+    Outcome outcome;
+    errno = 0;
+    outcome.printed =
+        printedBy([&] { outcome.succeeded = handler(splitCommandLine(words), context); });
+    return outcome;
+}
+
+void ControlTest::expectRefused(Handler handler, const std::string& words,
+                                const std::string& line) {
+    const Outcome outcome = run(handler, words);
+    EXPECT_FALSE(outcome.succeeded) << words;
+    EXPECT_EQ(outcome.printed, line) << words;
+}
+
+}  // namespace vesk

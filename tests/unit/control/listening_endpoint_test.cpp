@@ -1,0 +1,73 @@
+#include "control/listening_endpoint.h"
+
+#include <gtest/gtest.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <thread>
+
+#include "net/endpoint_sockets.h"
+#include "support/forwarder.h"
+#include "support/thread_state.h"
+
+namespace vesk {
+namespace {
+
+class ListeningEndpointTest : public ForwarderTest {
+ protected:
+    static EndpointPtr endpointWith(EndpointDeleter deleter) {
+        return std::make_unique<VeskEndpointDescriptor>(0, 7, 7, FlowDesc(), std::move(deleter));
+    }
+};
+
+TEST_F(ListeningEndpointTest, TakesNoEndpoint) {
+    closeListeningEndpoint(nullptr, *context);
+}
+
+TEST_F(ListeningEndpointTest, ClosesTheSocketBeforeItReturns) {
+    const int fd = dup(context->pollSocket.get());
+    closeListeningEndpoint(
+        std::make_unique<VeskEndpointDescriptor>(0, fd, fd, FlowDesc(), closeEndpointSockets),
+        *context);
+    EXPECT_FALSE(isOpen(fd));
+}
+
+TEST_F(ListeningEndpointTest, WaitsForWhoeverStillSends) {
+    std::atomic<bool> closed{false};
+    EndpointPtr endpoint = endpointWith([&closed](int, int) { closed = true; });
+    EndpointPtr sender = endpoint;
+    std::atomic<bool> returned{false};
+    std::thread closing([&] {
+        closeListeningEndpoint(std::move(endpoint), *context);
+        returned = true;
+    });
+    // The other share has come to be the thread's own.
+    EXPECT_TRUE(eventually([&] { return sender.use_count() == 2; }));
+    EXPECT_FALSE(closed);
+    EXPECT_FALSE(returned);
+    sender.reset();
+    closing.join();
+    EXPECT_TRUE(closed);
+}
+
+TEST_F(ListeningEndpointTest, LetsNobodyMakeSocketsMeanwhile) {
+    declare("label 5 up_ip 127.0.0.1 up_port 4500");
+    std::atomic<bool> made{false};
+    ThreadMark mark;
+    std::thread making;
+    closeListeningEndpoint(endpointWith([&](int, int) {
+                               making = std::thread([&] {
+                                   mark.set();
+                                   EXPECT_NE(createEndpoint(5), nullptr);
+                                   made = true;
+                               });
+                               EXPECT_TRUE(mark.eventuallyBlocks());
+                               EXPECT_FALSE(made);
+                           }),
+                           *context);
+    making.join();
+    EXPECT_TRUE(made);
+}
+
+}  // namespace
+}  // namespace vesk

@@ -1,0 +1,121 @@
+#include "stats/stats_report.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <memory>
+#include <string>
+
+#include "support/forwarder.h"
+#include "support/printed.h"
+
+namespace vesk {
+namespace {
+
+EndpointPtr countingEndpoint(std::uint32_t label, std::uint64_t first) {
+    auto endpoint = std::make_unique<VeskEndpointDescriptor>(
+        label, static_cast<int>(first), static_cast<int>(first) + 1, FlowDesc(), [](int, int) {});
+    const auto count = [](SharedCounter& counter, std::uint64_t times) {
+        for (std::uint64_t i = 0; i < times; ++i) {
+            counter.increment();
+        }
+    };
+    EndpointCounters& counters = endpoint->counters;
+    counters.rxDg.add(first);
+    count(counters.txDg, first + 1);
+    count(counters.rxDgError, first + 2);
+    count(counters.txDgDropped, first + 3);
+    count(counters.dnTxDg, first + 4);
+    count(counters.dnTxDgDropped, first + 5);
+    return endpoint;
+}
+
+std::shared_ptr<PollParam> countingWorker(std::uint64_t first) {
+    auto worker = std::make_shared<PollParam>([](int, bool&, std::uint32_t) { return 0; });
+    worker->wakeCount.add(first);
+    worker->queueDepthSum = static_cast<std::uint32_t>(first + 1);
+    worker->receivedTotal.add(first + 2);
+    return worker;
+}
+
+class StatsReportTest : public ForwarderTest {
+ protected:
+    void TearDown() override {
+        context->downstreamEndpoint.exchange(nullptr);
+        context->lateralEndpoint.exchange(nullptr);
+        context->pollThread.reset();
+        ForwarderTest::TearDown();
+    }
+
+    std::string report(const TokenQueue& words = {}) {
+        return printedBy([&] { EXPECT_TRUE(reportStatistics(words, context)); });
+    }
+
+    void watchWithPollLoop() {
+        context->pollThread = std::make_shared<PollThreadParam>(
+            context->serverPollSock.get(), context->receiveWorkers, context->sendWorkers);
+    }
+};
+
+TEST_F(StatsReportTest, ShowsHeadingsOfWhatThereIsNot) {
+    EXPECT_EQ(report(),
+              "info \nPoll stats:\n\n"
+              "info Upstream Stats:\n\n"
+              "info RcvThrStats: \n\n"
+              "info SndThrStats \n\n"
+              "info EptNr:0,RxDg:0,TxDg:0\n\n"
+              "info Downstream Stats:\n\n"
+              "info Lateral Stats:\n\n");
+}
+
+TEST_F(StatsReportTest, ShowsEveryCounterInItsPlace) {
+    watchWithPollLoop();
+    context->pollThread->ActiveEvtNr = 3;
+    context->pollThread->RdReadyNr.add(4);
+    context->pollThread->WrReadyNr.add(5);
+    context->pollThread->ErrorNr.add(6);
+    ASSERT_EQ(manager().addEndpoint(countingEndpoint(4000000000, 200)), 0);
+    ASSERT_EQ(manager().addEndpoint(countingEndpoint(16, 100)), 0);
+    context->receiveWorkers = {countingWorker(10), countingWorker(20)};
+    context->sendWorkers = {countingWorker(30), countingWorker(40)};
+    context->downstreamEndpoint.exchange(countingEndpoint(0, 50));
+    context->lateralEndpoint.exchange(countingEndpoint(0, 60));
+    EXPECT_EQ(
+        report(),
+        "info \nPoll stats:\nActiveEvtNr:3 RdReadyNr:4 WrReadyNr:5 ErrorNr:6\n\n"
+        "info Upstream Stats:\n"
+        "Label:16,RxDg:100,TxDg:101,RxDgError102,TxDgDropped103,DnTxDg:104,DnTxDgDropped:105\n"
+        "Label:4000000000,RxDg:200,TxDg:201,RxDgError202,TxDgDropped203,DnTxDg:204,"
+        "DnTxDgDropped:205\n\n"
+        "info RcvThrStats: WakeNr:10,ReadyFdNr:11,DgNr:12 WakeNr:20,ReadyFdNr:21,DgNr:22 \n\n"
+        "info SndThrStats WakeNr:30,ReadyFdNr:31,DgNr:32 WakeNr:40,ReadyFdNr:41,DgNr:42 \n\n"
+        "info EptNr:2,RxDg:34,TxDg:74\n\n"
+        "info Downstream Stats:\nRxDg:50,TxDg:51,RxDgError:52,TxDgDropped:53\n\n"
+        "info Lateral Stats:\nRxDg:60,TxDg:61,RxDgError:62,TxDgDropped:63,DnTxDg:64,"
+        "DnTxDgDropped:65\n\n");
+}
+
+TEST_F(StatsReportTest, ResetsNothing) {
+    context->downstreamEndpoint.exchange(countingEndpoint(0, 50));
+    const std::string first = report();
+    EXPECT_EQ(report(), first);
+}
+
+TEST_F(StatsReportTest, ShowsActiveEventsUnsigned) {
+    watchWithPollLoop();
+    context->pollThread->ActiveEvtNr = -1;
+    EXPECT_THAT(report(),
+                testing::StartsWith("info \nPoll stats:\nActiveEvtNr:4294967295 RdReadyNr:0 "));
+}
+
+TEST_F(StatsReportTest, IgnoresFurtherWords) {
+    EXPECT_EQ(report({"now", "please"}), report());
+}
+
+TEST_F(StatsReportTest, IsSilentBelowItsLevel) {
+    const AtLogLevel level("warn");
+    EXPECT_EQ(report(), "");
+}
+
+}  // namespace
+}  // namespace vesk
