@@ -70,6 +70,8 @@ RELAYED = [
                        r"socket \d+, errno=12"]),
     ("getsockopt", 1, ["error SO_RCVBUFFailed getsockopt syscall: Cannot allocate memory"]),
     ("getsockopt", 2, ["error SO_SNDBUFFailed getsockopt syscall: Cannot allocate memory"]),
+    ("fcntl", 1, []),
+    ("fcntl", 2, []),
 ]
 
 
