@@ -1,8 +1,7 @@
-"""What a process holds, and what the kernel threw away for want of room."""
+"""How much memory a process holds, and what the kernel threw away for want of room."""
 
 from __future__ import annotations
 
-import os
 import re
 from pathlib import Path
 from typing import List
@@ -13,10 +12,6 @@ def resident_kib(process: int) -> int:
     match = re.search(r"^VmRSS:\s+(\d+) kB$", status, re.MULTILINE)
     assert match, status
     return int(match[1])
-
-
-def descriptor_count(process: int) -> int:
-    return len(os.listdir(f"/proc/{process}/fd"))
 
 
 def drops_on_port(port: int) -> int:
