@@ -37,7 +37,7 @@ bool hardLimitIs(rlim_t expected) {
 
 TEST(CoreDumpsTest, RemovesTheLimit) {
     if (!hardLimitIs(RLIM_INFINITY)) {
-        GTEST_SKIP() << "this session limits core files for good";
+        GTEST_SKIP() << "core files are limited for good here";
     }
     const ChildResult child = runInChild([] {
         const rlimit low{0, RLIM_INFINITY};
@@ -63,7 +63,7 @@ TEST(CoreDumpsTest, RaisesTheLimitAsFarAsItMay) {
 
 TEST(CoreDumpsTest, SaysHowFarTheLimitWasRaised) {
     if (hardLimitIs(0)) {
-        GTEST_SKIP() << "this session allows no core files at all";
+        GTEST_SKIP() << "no core files are allowed at all here";
     }
     const ChildResult child = tryWith(0, 4096);
     EXPECT_EQ(child.exitCode, 0);

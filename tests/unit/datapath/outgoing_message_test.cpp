@@ -1,0 +1,156 @@
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <netinet/in.h>
+#include <sys/socket.h>
+
+#include <algorithm>
+#include <cstring>
+
+#include "datapath/control_data.h"
+#include "datapath/datagram_io.h"
+#include "support/framed.h"
+#include "support/udp_socket.h"
+
+namespace vesk {
+namespace {
+
+/// What an outgoing message hands to the kernel besides the datagram. The padding, which means
+/// nothing, is made zero.
+Bytes controlOf(const OutgoingMessage& message) {
+    const msghdr& header = *message.header();
+    const auto* const first = static_cast<const std::uint8_t*>(header.msg_control);
+    Bytes bytes(first, first + header.msg_controllen);
+    for (std::size_t at = 0; at + sizeof(cmsghdr) <= bytes.size();) {
+        std::size_t length = 0;
+        std::memcpy(&length, bytes.data() + at, sizeof(length));
+        const std::size_t end = at + length;
+        at += CMSG_ALIGN(length);
+        for (std::size_t i = end; i < std::min(at, bytes.size()); ++i) {
+            bytes[i] = 0;
+        }
+    }
+    return bytes;
+}
+
+Bytes trafficClass(int level, int type, int value) {
+    Bytes data(sizeof(value));
+    std::memcpy(data.data(), &value, sizeof(value));
+    return control(level, type, data);
+}
+
+class OutgoingMessageTest : public testing::Test {
+ protected:
+    Bytes classFor(const char* host, std::int32_t dscpV4, std::int32_t dscpV6) {
+        message.setDestination(IPAddrInfo(host, 4500).socketAddress());
+        message.addTrafficClass(dscpV4, dscpV6);
+        return controlOf(message);
+    }
+
+    OutgoingMessage message;
+};
+
+TEST_F(OutgoingMessageTest, CarriesDatagramAndDestination) {
+    Bytes datagram = toBytes("datagram");
+    const SocketAddress destination = IPAddrInfo("::1", 4500).socketAddress();
+    message.setDatagram(datagram);
+    message.setDestination(destination);
+    const msghdr& header = *message.header();
+    ASSERT_EQ(header.msg_iovlen, 1U);
+    EXPECT_EQ(header.msg_iov->iov_base, datagram.data());
+    EXPECT_EQ(header.msg_iov->iov_len, datagram.size());
+    EXPECT_EQ(SocketAddress(static_cast<sockaddr*>(header.msg_name), header.msg_namelen),
+              destination);
+}
+
+TEST_F(OutgoingMessageTest, CarriesNoControlDataOfItsOwn) {
+    message.setDestination(IPAddrInfo("::1", 4500).socketAddress());
+    message.addTrafficClass(noDscp, noDscp);
+    message.addSource(SocketAddress());
+    EXPECT_EQ(message.header()->msg_control, nullptr);
+    EXPECT_EQ(message.header()->msg_controllen, 0U);
+}
+
+TEST_F(OutgoingMessageTest, MarksIpv4) {
+    EXPECT_EQ(classFor("127.0.0.1", 46, 10), trafficClass(IPPROTO_IP, IP_TOS, 184));
+    EXPECT_EQ(classFor("127.0.0.1", 0, 10), trafficClass(IPPROTO_IP, IP_TOS, 0));
+    EXPECT_EQ(classFor("127.0.0.1", 63, 10), trafficClass(IPPROTO_IP, IP_TOS, 252));
+    EXPECT_EQ(classFor("127.0.0.1", 46, 10).size(), 24U);
+}
+
+TEST_F(OutgoingMessageTest, MarksIpv6) {
+    EXPECT_EQ(classFor("::1", 10, 46), trafficClass(IPPROTO_IPV6, IPV6_TCLASS, 184));
+}
+
+TEST_F(OutgoingMessageTest, MarksMappedIpv4LikeIpv4) {
+    EXPECT_EQ(classFor("::ffff:127.0.0.1", 46, 10), trafficClass(IPPROTO_IP, IP_TOS, 184));
+    // Neither of these is of the mapped form.
+    EXPECT_EQ(classFor("::127.0.0.1", 46, 10), trafficClass(IPPROTO_IPV6, IPV6_TCLASS, 40));
+    EXPECT_EQ(classFor("1::ffff:127.0.0.1", 46, 10), trafficClass(IPPROTO_IPV6, IPV6_TCLASS, 40));
+}
+
+TEST_F(OutgoingMessageTest, LeavesAFamilyWithoutAMarkUnmarked) {
+    EXPECT_THAT(classFor("127.0.0.1", noDscp, 10), testing::IsEmpty());
+    EXPECT_THAT(classFor("::1", 10, noDscp), testing::IsEmpty());
+    EXPECT_THAT(classFor("::ffff:127.0.0.1", noDscp, 10), testing::IsEmpty());
+}
+
+TEST_F(OutgoingMessageTest, NamesAnIpv4SourceInTheAddressField) {
+    message.setDestination(IPAddrInfo("127.0.0.1", 4500).socketAddress());
+    message.addSource(IPAddrInfo("192.0.2.1", 9).socketAddress());
+    EXPECT_EQ(controlOf(message),
+              control(IPPROTO_IP, IP_PKTINFO, fromHex("00000000 00000000 c0000201")));
+    EXPECT_EQ(controlOf(message).size(), 32U);
+}
+
+TEST_F(OutgoingMessageTest, NamesAnIpv6SourceWithItsInterface) {
+    message.setDestination(IPAddrInfo("::1", 4500).socketAddress());
+    message.addSource(ipv6Destination());
+    EXPECT_EQ(controlOf(message), control(IPPROTO_IPV6, IPV6_PKTINFO, ipv6Information));
+    EXPECT_EQ(controlOf(message).size(), 40U);
+}
+
+TEST_F(OutgoingMessageTest, NamesNoSourceOfAnotherFamily) {
+    sockaddr_storage other{};
+    other.ss_family = AF_UNIX;
+    message.setDestination(IPAddrInfo("::1", 4500).socketAddress());
+    message.addSource({reinterpret_cast<const sockaddr*>(&other), 16});
+    EXPECT_EQ(message.header()->msg_control, nullptr);
+}
+
+TEST_F(OutgoingMessageTest, PutsTheSourceBehindTheMark) {
+    EXPECT_EQ(classFor("127.0.0.1", 46, noDscp), trafficClass(IPPROTO_IP, IP_TOS, 184));
+    message.addSource(ipv4Destination());
+    EXPECT_EQ(controlOf(message),
+              trafficClass(IPPROTO_IP, IP_TOS, 184) +
+                  control(IPPROTO_IP, IP_PKTINFO, fromHex("00000000 00000000 c0000201")));
+    EXPECT_EQ(controlOf(message).size(), 56U);
+    classFor("::1", noDscp, 46);
+    message.addSource(ipv6Destination());
+    EXPECT_EQ(controlOf(message).size(), 64U);
+}
+
+TEST_F(OutgoingMessageTest, StartsAfreshWithANewDestination) {
+    classFor("127.0.0.1", 46, noDscp);
+    message.addSource(ipv4Destination());
+    message.setDestination(IPAddrInfo("::1", 4500).socketAddress());
+    EXPECT_THAT(controlOf(message), testing::IsEmpty());
+    EXPECT_EQ(message.header()->msg_control, nullptr);
+}
+
+TEST_F(OutgoingMessageTest, IsTakenByTheKernelWithEverythingOnIt) {
+    for (const int family : {AF_INET, AF_INET6}) {
+        UdpSocket from(family);
+        UdpSocket to(family);
+        Bytes datagram = toBytes("marked");
+        message.setDatagram(datagram);
+        message.setDestination(to.address());
+        message.addTrafficClass(46, 46);
+        message.addSource(withPort(from.address(), 0));
+        EXPECT_EQ(sendmsg(from.fd(), message.header(), 0), 6);
+        EXPECT_EQ(to.receive(), datagram);
+        EXPECT_EQ(to.sender(), from.address());
+    }
+}
+
+}  // namespace
+}  // namespace vesk

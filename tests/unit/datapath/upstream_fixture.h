@@ -1,0 +1,82 @@
+// One flow that a peer has opened, with the test in place of the receive worker.
+#pragma once
+
+#include <gtest/gtest.h>
+
+#include <cstdint>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "datapath/datapath_fixture.h"
+#include "datapath/upstream.h"
+#include "support/printed.h"
+
+namespace vesk {
+
+class UpstreamTest : public DatapathTest {
+ protected:
+    explicit UpstreamTest(int framingVersion = 2) : DatapathTest(framingVersion) {}
+
+    void SetUp() override {
+        DatapathTest::SetUp();
+        receiver = std::make_unique<UpstreamReceiver>(context);
+        open(keyWords("up_in", inKey) + keyWords("down_out", outKey));
+    }
+    void TearDown() override {
+        receiver.reset();
+        flow.reset();
+        DatapathTest::TearDown();
+    }
+
+    /// Opens the flow afresh with these attributes besides its addresses and labels.
+    void open(const std::string& words) {
+        flow.reset();
+        printedBy([this] { manager().removeLabel(label); });
+        declareFlow(label, words);
+        flow = openFlow(label);
+        ASSERT_NE(flow, nullptr);
+    }
+
+    void reply(const Bytes& datagram) { upstream.send(datagram, flowAddress(*flow)); }
+    static SocketAddress flowAddress(const VeskEndpointDescriptor& endpoint) {
+        return withPort(IPAddrInfo("127.0.0.1", 1).socketAddress(),
+                        portOf(boundAddress(endpoint.rdsockfd)));
+    }
+
+    struct Served {
+        int result = -1;
+        bool keep = false;
+        std::string printed;
+    };
+    Served serve(int socket) {
+        Served served;
+        served.keep = true;
+        served.printed =
+            printedBy([&] { served.result = upstreamSocketRecv(socket, served.keep, *receiver); });
+        return served;
+    }
+    /// Serves the flow's socket once; it must say what is expected and print nothing.
+    void serveFlow(bool expectedKeep) {
+        const Served served = serve(flow->rdsockfd);
+        EXPECT_EQ(served.keep, expectedKeep);
+        EXPECT_EQ(served.result, expectedKeep ? 1 : 0);
+        EXPECT_EQ(served.printed, "");
+    }
+    /// What the end of a pass adds to the sockets to be served.
+    std::vector<int> endPass() {
+        std::vector<int> serving;
+        receiver->endPass(serving);
+        return serving;
+    }
+
+    static constexpr std::uint32_t label = 0x5a;
+    const TestKey inKey{"sha256", {1, 2, 3}};
+    const TestKey outKey{"sha1", {4, 5}};
+    const Bytes payload = toBytes("reply");
+
+    std::unique_ptr<UpstreamReceiver> receiver;
+    EndpointPtr flow;
+};
+
+}  // namespace vesk

@@ -1,0 +1,112 @@
+// Requests that make no sense to the poll loop, and several in one datagram.
+
+#include <gtest/gtest.h>
+#include <sys/epoll.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <array>
+#include <string>
+#include <vector>
+
+#include "poll/poll_channel.h"
+#include "poll/poll_loop_fixture.h"
+#include "support/bytes.h"
+#include "support/printed.h"
+
+namespace vesk {
+namespace {
+
+class PollRequestsTest : public PollLoopTest {};
+
+TEST_F(PollRequestsTest, ReportsWhatCannotBeCarriedOutAndChangesNothing) {
+    startLoop();
+    WatchedSocket socket;
+    add(socket.fd(), EPOLLIN);
+    awaitRequests();
+    const std::string fd = std::to_string(socket.fd());
+    EXPECT_EQ(printedBy([&] {
+                  add(socket.fd(), EPOLLIN);
+                  awaitRequests();
+              }),
+              "error epoll_ctl error: msgchanfd ctl_op 1 fd " + fd + " errno 17 (File exists)\n");
+    const UniqueFd other(dup(socket.fd()));
+    const std::string otherFd = std::to_string(other.get());
+    EXPECT_EQ(printedBy([&] {
+                  arm(other.get(), EPOLLIN);
+                  awaitRequests();
+              }),
+              "error epoll_ctl error: msgchanfd ctl_op 3 fd " + otherFd +
+                  " errno 2 (No such file or directory)\n");
+    EXPECT_TRUE(isOpen(other.get()));
+    EXPECT_EQ(activeCount(), 1);
+}
+
+TEST_F(PollRequestsTest, ReportsTheDeletionOfADescriptorThatIsNotOpen) {
+    startLoop();
+    EXPECT_EQ(printedBy([this] {
+                  remove(1000);
+                  awaitRequests();
+              }),
+              "error epoll_ctl error: msgchanfd ctl_op 2 fd 1000 errno 9 (Bad file descriptor)\n");
+    EXPECT_EQ(activeCount(), 0);
+}
+
+TEST_F(PollRequestsTest, ReportsAnUnknownOperation) {
+    startLoop();
+    WatchedSocket socket;
+    const std::string fd = std::to_string(socket.fd());
+    const PollRecord record = encodePollCtlMsg({9, EPOLLIN, socket.fd()});
+    EXPECT_EQ(
+        printedBy([&] {
+            EXPECT_EQ(send(sender.get(), record.data(), record.size(), 0), 16);
+            awaitRequests();
+        }),
+        "error epoll_ctl error: msgchanfd ctl_op 9 fd " + fd + " errno 22 (Invalid argument)\n");
+}
+
+TEST_F(PollRequestsTest, ReportsAShortRecordAndIgnoresIt) {
+    startLoop();
+    for (const std::size_t length : {12U, 15U, 1U, 0U}) {
+        const std::array<char, 16> bytes{1};
+        EXPECT_EQ(printedBy([&] {
+                      EXPECT_EQ(send(sender.get(), bytes.data(), length, 0),
+                                static_cast<ssize_t>(length));
+                      awaitRequests();
+                  }),
+                  "error recv: msgchanfd: short read on a datagram socket!\n\n")
+            << length;
+    }
+    EXPECT_EQ(activeCount(), 0);
+    expectNoFurtherBatch();
+}
+
+TEST_F(PollRequestsTest, CarriesOutEveryRecordOfADatagram) {
+    startLoop();
+    std::array<WatchedSocket, 3> sockets;
+    std::vector<int> fds;
+    for (WatchedSocket& socket : sockets) {
+        add(socket.fd(), EPOLLIN);
+        fds.push_back(socket.fd());
+    }
+    awaitRequests();
+    EXPECT_EQ(pollLoop_mod_fds(sender.get(), fds, EPOLLIN), 0);
+    awaitRequests();
+    EXPECT_EQ(activeCount(), 6);
+}
+
+TEST_F(PollRequestsTest, CarriesOutTheWholeRecordsBeforeAShortOne) {
+    startLoop();
+    WatchedSocket socket;
+    socket.makeReady();
+    Bytes bytes = toBytes(encodePollCtlMsg({EPOLL_CTL_ADD, EPOLLIN, socket.fd()}));
+    bytes.resize(20);
+    EXPECT_EQ(printedBy([&] {
+                  EXPECT_EQ(send(sender.get(), bytes.data(), bytes.size(), 0), 20);
+                  EXPECT_EQ(nextBatch(), (Batch{"read", {socket.fd()}}));
+              }),
+              "error recv: msgchanfd: short read on a datagram socket!\n\n");
+}
+
+}  // namespace
+}  // namespace vesk
