@@ -283,11 +283,12 @@ void downstreamPacketReceived(const ReceivedDatagram& datagram, ForwarderContext
     switch (convertForUpstream(datagram, parsed->headerLength, message, *flow.endpoint, context)) {
         case Verdict::forged:
             countRejected(datagram, context);
-            // Kept: no level, no time stamp, and nothing between the routine's name and the text.
-            writeToStandardOutput("downstreamPacketReceivedFailed HMAC Check!\n");
+            // Gone by the time that it is said, so that whoever reads it finds the label as it was.
             if (flow.created) {
                 context.endpointManager->deleteEndpoint(*flow.endpoint);
             }
+            // Kept: no level, no time stamp, and nothing between the routine's name and the text.
+            writeToStandardOutput("downstreamPacketReceivedFailed HMAC Check!\n");
             break;
         case Verdict::unsignable:
             flow.endpoint->counters.txDgDropped.increment();
