@@ -172,7 +172,8 @@ TEST(SocketAddressTest, DiffersInBytesAndInLength) {
 }
 
 TEST(SocketAddressTest, GivesTheBytesAsTheKernelHasThem) {
-    const auto bytes = ipv4("1.2.3.4", 0x0506).bytes();
+    const SocketAddress address = ipv4("1.2.3.4", 0x0506);
+    const auto bytes = address.bytes();
     ASSERT_EQ(bytes.size(), 16U);
     EXPECT_THAT(std::vector(bytes.begin() + 2, bytes.begin() + 8),
                 testing::ElementsAre(5, 6, 1, 2, 3, 4));

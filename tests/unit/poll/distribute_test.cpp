@@ -124,7 +124,7 @@ class PollThreadTest : public PollLoopTest {
 TEST_F(PollThreadTest, DealsReadableSocketsOutToTheReadQueues) {
     readQueues = {idleWorker(), idleWorker()};
     startThread();
-    std::array<WatchedSocket, 3> sockets;
+    std::deque<WatchedSocket>& sockets = newSockets(3);
     for (WatchedSocket& socket : sockets) {
         // One by one, so that each is a batch of its own.
         const std::uint64_t expected = param->RdReadyNr.value() + 1;
@@ -141,7 +141,7 @@ TEST_F(PollThreadTest, DealsWritableSocketsOutToTheWriteQueues) {
     readQueues = {idleWorker()};
     writeQueues = {idleWorker()};
     startThread();
-    WatchedSocket socket;
+    WatchedSocket& socket = newSocket();
     add(socket.fd(), EPOLLOUT);
     EXPECT_TRUE(eventually([this] { return !queueOf(*writeQueues[0]).empty(); }));
     EXPECT_THAT(queueOf(*writeQueues[0]), ElementsAre(socket.fd()));
@@ -150,7 +150,7 @@ TEST_F(PollThreadTest, DealsWritableSocketsOutToTheWriteQueues) {
 
 TEST_F(PollThreadTest, DoesWithoutQueues) {
     startThread();
-    WatchedSocket socket;
+    WatchedSocket& socket = newSocket();
     socket.makeReady();
     add(socket.fd(), EPOLLIN | EPOLLOUT);
     EXPECT_TRUE(eventually([this] { return param->WrReadyNr.value() == 1; }));

@@ -50,6 +50,11 @@ void PollLoopTest::SetUp() {
 }
 
 void PollLoopTest::TearDown() {
+    param->thread.stop();
+    sockets_.clear();
+    rows_.clear();
+    pipes_.clear();
+    duplicates_.clear();
     param.reset();
     sender.reset();
     server.reset();

@@ -2,8 +2,10 @@
 #pragma once
 
 #include <gtest/gtest.h>
+#include <unistd.h>
 
 #include <condition_variable>
+#include <deque>
 #include <iosfwd>
 #include <list>
 #include <memory>
@@ -60,6 +62,14 @@ class PollLoopTest : public DescriptorCountingTest {
     /// Fails the test if the loop has anything to report that is not asked for.
     void expectNoFurtherBatch();
 
+    // What the loop watches lives until the loop has ended.
+
+    WatchedSocket& newSocket() { return sockets_.emplace_back(); }
+    std::deque<WatchedSocket>& newSockets(std::size_t count) { return rows_.emplace_back(count); }
+    Pipe& newPipe() { return pipes_.emplace_back(); }
+    /// A second descriptor of the same socket.
+    int duplicate(int fd) { return duplicates_.emplace_back(dup(fd)).get(); }
+
     /// While it lives, the loop stands in a callback and comes to no wait.
     class Standstill {
      public:
@@ -87,6 +97,11 @@ class PollLoopTest : public DescriptorCountingTest {
 
  private:
     void report(const std::string& kind, const std::vector<int>& fds);
+
+    std::list<WatchedSocket> sockets_;
+    std::list<std::deque<WatchedSocket>> rows_;
+    std::list<Pipe> pipes_;
+    std::list<UniqueFd> duplicates_;
 
     std::mutex mutex_;
     std::condition_variable changed_;

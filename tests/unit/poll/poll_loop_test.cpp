@@ -10,6 +10,7 @@
 #include <array>
 #include <cerrno>
 #include <csignal>
+#include <deque>
 #include <memory>
 #include <string>
 #include <vector>
@@ -24,7 +25,7 @@ namespace {
 
 TEST_F(PollLoopTest, ReportsASocketThatIsReadyWhenItIsAdded) {
     startLoop();
-    WatchedSocket socket;
+    WatchedSocket& socket = newSocket();
     socket.makeReady();
     add(socket.fd(), EPOLLIN);
     EXPECT_EQ(nextBatch(), (Batch{"read", {socket.fd()}}));
@@ -37,7 +38,7 @@ TEST_F(PollLoopTest, ReportsASocketThatIsReadyWhenItIsAdded) {
 
 TEST_F(PollLoopTest, ReportsASocketThatBecomesReadyLater) {
     startLoop();
-    WatchedSocket socket;
+    WatchedSocket& socket = newSocket();
     add(socket.fd(), EPOLLIN);
     awaitRequests();
     EXPECT_EQ(activeCount(), 1);
@@ -47,7 +48,7 @@ TEST_F(PollLoopTest, ReportsASocketThatBecomesReadyLater) {
 
 TEST_F(PollLoopTest, IsSilentAboutASocketUntilItIsArmedAgain) {
     startLoop();
-    WatchedSocket socket;
+    WatchedSocket& socket = newSocket();
     socket.makeReady();
     add(socket.fd(), EPOLLIN);
     nextBatch();
@@ -60,8 +61,8 @@ TEST_F(PollLoopTest, IsSilentAboutASocketUntilItIsArmedAgain) {
 
 TEST_F(PollLoopTest, CountsArmedSockets) {
     startLoop();
-    WatchedSocket first;
-    WatchedSocket second;
+    WatchedSocket& first = newSocket();
+    WatchedSocket& second = newSocket();
     add(first.fd(), EPOLLIN);
     add(second.fd(), EPOLLIN);
     awaitRequests();
@@ -83,7 +84,7 @@ TEST_F(PollLoopTest, CountsArmedSockets) {
 
 TEST_F(PollLoopTest, ClosesADeletedSocket) {
     startLoop();
-    WatchedSocket socket;
+    WatchedSocket& socket = newSocket();
     add(socket.fd(), EPOLLIN);
     remove(socket.giveAway());
     EXPECT_TRUE(socket.awaitClosed());
@@ -94,7 +95,7 @@ TEST_F(PollLoopTest, ClosesADeletedSocket) {
 TEST_F(PollLoopTest, ClosesASocketThatWasNeverAddedWithoutAWord) {
     EXPECT_EQ(printedBy([this] {
                   startLoop();
-                  WatchedSocket socket;
+                  WatchedSocket& socket = newSocket();
                   remove(socket.giveAway());
                   EXPECT_TRUE(socket.awaitClosed());
                   awaitRequests();
@@ -105,7 +106,7 @@ TEST_F(PollLoopTest, ClosesASocketThatWasNeverAddedWithoutAWord) {
 
 TEST_F(PollLoopTest, TakesADuplicateOfAWatchedSocketForOneThatWasNeverAdded) {
     startLoop();
-    WatchedSocket socket;
+    WatchedSocket& socket = newSocket();
     add(socket.fd(), EPOLLIN);
     const int duplicate = dup(socket.fd());
     EXPECT_EQ(printedBy([&] {
@@ -121,7 +122,7 @@ TEST_F(PollLoopTest, TakesADuplicateOfAWatchedSocketForOneThatWasNeverAdded) {
 
 TEST_F(PollLoopTest, ReportsReadinessForWriting) {
     startLoop();
-    WatchedSocket socket;
+    WatchedSocket& socket = newSocket();
     add(socket.fd(), EPOLLOUT);
     EXPECT_EQ(nextBatch(), (Batch{"write", {socket.fd()}}));
     EXPECT_EQ(param->WrReadyNr.value(), 1U);
@@ -131,7 +132,7 @@ TEST_F(PollLoopTest, ReportsReadinessForWriting) {
 
 TEST_F(PollLoopTest, ReportsOneSocketUnderEverythingThatHappenedToIt) {
     startLoop();
-    WatchedSocket socket;
+    WatchedSocket& socket = newSocket();
     socket.makeReady();
     socket.hangUp();
     add(socket.fd(), EPOLLIN | EPOLLOUT);
@@ -146,7 +147,7 @@ TEST_F(PollLoopTest, ReportsOneSocketUnderEverythingThatHappenedToIt) {
 }
 
 TEST_F(PollLoopTest, CountsAHangUpAndPrintsNothing) {
-    Pipe pipe;
+    Pipe& pipe = newPipe();
     EXPECT_EQ(printedBy([&] {
                   startLoop();
                   // Nothing to read is waited for, so only the hang-up itself shows.
@@ -163,7 +164,7 @@ TEST_F(PollLoopTest, CountsAHangUpAndPrintsNothing) {
 
 TEST_F(PollLoopTest, TakesAsManyEventsAtOnceAsThereAreSockets) {
     startLoop();
-    std::array<WatchedSocket, 5> sockets;
+    std::deque<WatchedSocket>& sockets = newSockets(5);
     for (WatchedSocket& socket : sockets) {
         add(socket.fd(), EPOLLIN);
     }
@@ -181,9 +182,9 @@ TEST_F(PollLoopTest, TakesAsManyEventsAtOnceAsThereAreSockets) {
 
 TEST_F(PollLoopTest, SortsOneBatchByWhatHappened) {
     startLoop();
-    WatchedSocket readable;
-    WatchedSocket writable;
-    Pipe hungUp;
+    WatchedSocket& readable = newSocket();
+    WatchedSocket& writable = newSocket();
+    Pipe& hungUp = newPipe();
     add(readable.fd(), EPOLLIN);
     add(hungUp.read.get(), EPOLLOUT);
     awaitRequests();
@@ -201,7 +202,7 @@ TEST_F(PollLoopTest, SortsOneBatchByWhatHappened) {
 TEST_F(PollLoopTest, ServesManySocketsComingAndGoing) {
     startLoop();
     for (int round = 0; round < 20; ++round) {
-        std::array<WatchedSocket, 8> sockets;
+        std::deque<WatchedSocket>& sockets = newSockets(8);
         std::vector<int> reported;
         for (WatchedSocket& socket : sockets) {
             add(socket.fd(), EPOLLIN);

@@ -51,22 +51,28 @@ TEST(StopThreadsTest, EndsEveryThreadAndReleasesEveryRecord) {
 }
 
 TEST(StopThreadsTest, EndsThemInTheOrderOfTheList) {
+    Mutex orderLock;
     std::string order;
     PollParams threads;
     std::vector<ThreadMark> marks(3);
     struct Witness {
+        Mutex& lock;
         std::string& text;
         char name;
-        ~Witness() { text += name; }
+        ~Witness() {
+            const MutexLock held(lock);
+            text += name;
+        }
     };
     for (std::size_t i = 0; i < marks.size(); ++i) {
         auto worker = std::make_shared<PollParam>([](int, bool&, std::uint32_t) { return 0; });
-        ASSERT_EQ(worker->thread.start([&order, &mark = marks[i], param = worker.get(), i] {
-            const Witness witness{order, static_cast<char>('a' + i)};
-            mark.set();
-            runReceiveWorker(*param);
-        }),
-                  0);
+        ASSERT_EQ(
+            worker->thread.start([&orderLock, &order, &mark = marks[i], param = worker.get(), i] {
+                const Witness witness{orderLock, order, static_cast<char>('a' + i)};
+                mark.set();
+                runReceiveWorker(*param);
+            }),
+            0);
         ASSERT_TRUE(marks[i].eventuallyBlocks());
         threads.push_back(std::move(worker));
     }

@@ -6,6 +6,7 @@
 #include <unistd.h>
 
 #include <array>
+#include <deque>
 #include <string>
 #include <vector>
 
@@ -21,7 +22,7 @@ class PollRequestsTest : public PollLoopTest {};
 
 TEST_F(PollRequestsTest, ReportsWhatCannotBeCarriedOutAndChangesNothing) {
     startLoop();
-    WatchedSocket socket;
+    WatchedSocket& socket = newSocket();
     add(socket.fd(), EPOLLIN);
     awaitRequests();
     const std::string fd = std::to_string(socket.fd());
@@ -30,15 +31,15 @@ TEST_F(PollRequestsTest, ReportsWhatCannotBeCarriedOutAndChangesNothing) {
                   awaitRequests();
               }),
               "error epoll_ctl error: msgchanfd ctl_op 1 fd " + fd + " errno 17 (File exists)\n");
-    const UniqueFd other(dup(socket.fd()));
-    const std::string otherFd = std::to_string(other.get());
+    const int other = duplicate(socket.fd());
+    const std::string otherFd = std::to_string(other);
     EXPECT_EQ(printedBy([&] {
-                  arm(other.get(), EPOLLIN);
+                  arm(other, EPOLLIN);
                   awaitRequests();
               }),
               "error epoll_ctl error: msgchanfd ctl_op 3 fd " + otherFd +
                   " errno 2 (No such file or directory)\n");
-    EXPECT_TRUE(isOpen(other.get()));
+    EXPECT_TRUE(isOpen(other));
     EXPECT_EQ(activeCount(), 1);
 }
 
@@ -54,7 +55,7 @@ TEST_F(PollRequestsTest, ReportsTheDeletionOfADescriptorThatIsNotOpen) {
 
 TEST_F(PollRequestsTest, ReportsAnUnknownOperation) {
     startLoop();
-    WatchedSocket socket;
+    WatchedSocket& socket = newSocket();
     const std::string fd = std::to_string(socket.fd());
     const PollRecord record = encodePollCtlMsg({9, EPOLLIN, socket.fd()});
     EXPECT_EQ(
@@ -83,7 +84,7 @@ TEST_F(PollRequestsTest, ReportsAShortRecordAndIgnoresIt) {
 
 TEST_F(PollRequestsTest, CarriesOutEveryRecordOfADatagram) {
     startLoop();
-    std::array<WatchedSocket, 3> sockets;
+    std::deque<WatchedSocket>& sockets = newSockets(3);
     std::vector<int> fds;
     for (WatchedSocket& socket : sockets) {
         add(socket.fd(), EPOLLIN);
@@ -97,7 +98,7 @@ TEST_F(PollRequestsTest, CarriesOutEveryRecordOfADatagram) {
 
 TEST_F(PollRequestsTest, CarriesOutTheWholeRecordsBeforeAShortOne) {
     startLoop();
-    WatchedSocket socket;
+    WatchedSocket& socket = newSocket();
     socket.makeReady();
     Bytes bytes = toBytes(encodePollCtlMsg({EPOLL_CTL_ADD, EPOLLIN, socket.fd()}));
     bytes.resize(20);
