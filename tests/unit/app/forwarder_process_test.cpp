@@ -103,11 +103,7 @@ TEST(ForwarderProcessTest, EndsWhileItListens) {
 }
 
 TEST(ForwarderProcessTest, ReportsThatThereAreNoDescriptors) {
-    const ChildResult child = runWith({}, "", [] {
-        const rlimit none{3, 3};
-        // The child's own end of the pipe stands above that and stays.
-        setrlimit(RLIMIT_NOFILE, &none);
-    });
+    const ChildResult child = runWith({}, "", [] { static const DescriptorShortage shortage(0); });
     EXPECT_EQ(child.exitCode, 256 - EMFILE);
     EXPECT_THAT(child.printed,
                 EndsWith("error Failed to create socketpair for poll socket: Too many open files\n"

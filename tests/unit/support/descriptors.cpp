@@ -5,7 +5,10 @@
 #include <unistd.h>
 
 #include <filesystem>
+#include <ios>
 #include <iterator>
+#include <sstream>
+#include <string>
 
 namespace vesk {
 
@@ -50,6 +53,11 @@ void DescriptorCountingTest::TearDown() {
 }
 
 DescriptorShortage::DescriptorShortage(int spare) {
+    // A sanitizer that meets a type for the first time opens a pipe to look at the object; what
+    // messages are composed with has to be known to it before.
+    std::ostringstream message;
+    message << std::hex << 1U << std::dec << 1 << "text" << std::string("text") << 'x';
+    EXPECT_FALSE(message.view().empty());
     EXPECT_EQ(getrlimit(RLIMIT_NOFILE, &before_), 0);
     const UniqueFd lowestFree(open("/dev/null", O_RDONLY));
     rlimit tight = before_;
