@@ -175,8 +175,8 @@ TEST(SocketAddressTest, GivesTheBytesAsTheKernelHasThem) {
     const SocketAddress address = ipv4("1.2.3.4", 0x0506);
     const auto bytes = address.bytes();
     ASSERT_EQ(bytes.size(), 16U);
-    EXPECT_THAT(std::vector(bytes.begin() + 2, bytes.begin() + 8),
-                testing::ElementsAre(5, 6, 1, 2, 3, 4));
+    const std::vector<std::uint8_t> portAndAddress(bytes.begin() + 2, bytes.begin() + 8);
+    EXPECT_THAT(portAndAddress, testing::ElementsAre(5, 6, 1, 2, 3, 4));
 }
 
 TEST(MergeAddressesTest, TakesAWholeNewAddress) {
