@@ -11,6 +11,7 @@ from framework.bench import Bench
 from framework.faults import (failing_calls, failing_listener, failing_poll_thread,
                               failing_workers, faulty_start)
 from framework.flow import Flow, four_keys
+from framework.statistics import wait_for_report
 from framework.timing import wait_until
 from framework.udp import UdpEnd
 
@@ -130,6 +131,8 @@ def test_a_socket_that_cannot_be_taken_back_is_closed_anyway(bench: Bench) -> No
     bench.exchange(flow)
     writing = bench.vesk.wait_for_log(
         re.compile(r"info Created upstream endpoint: label 0x5/5 .*")).split()[-1]
+    # Until its socket is armed again a worker holds the endpoint, and would be the one to let it go.
+    wait_for_report(bench.vesk, lambda current: current.poll["ActiveEvtNr"] == 1)
     since = bench.vesk.mark()
     with failing_calls(bench.vesk, [bench.vesk.pid], "sendto:error=ENOBUFS:when=1..2"):
         bench.vesk.lines_after("del label 5")
