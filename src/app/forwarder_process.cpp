@@ -145,6 +145,7 @@ int stopPollThread(ForwarderContext& context, int status) {
     }
     const int result = context.pollThread->thread.stop();
     // The workers and the clean-up task still run, and may be waiting for room on the channel.
+    context.pollThread->ended.store(true, std::memory_order_release);
     retirePollChannel(context.serverPollSock.get());
     return result;
 }

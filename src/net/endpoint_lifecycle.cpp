@@ -28,17 +28,31 @@ bool isPassing(int error) {
     }
 }
 
+/// Hands the descriptor to the poll loop to be closed; closes it here where that has ended. False,
+/// with errno, where neither was possible.
+bool deleteFromPollLoop(int fd, const ForwarderContext& context) {
+    const int result = pollLoop_del_fd(context.pollSocket.get(), fd);
+    if (result != -EPIPE) {
+        return result == 0;
+    }
+    // The channel said so already; this orders our close after all that the poll thread did.
+    if (context.pollThread) {
+        static_cast<void>(context.pollThread->ended.load(std::memory_order_acquire));
+    }
+    close(fd);
+    return true;
+}
+
 }  // namespace
 
 void endpointSocketDestructor(int rdsockfd, int wrsockfd,
                               const std::shared_ptr<ForwarderContext>& context) {
-    const int pollSocket = context->pollSocket.get();
-    if (pollLoop_del_fd(pollSocket, wrsockfd) != 0) {
+    if (!deleteFromPollLoop(wrsockfd, *context)) {
         logError("endpointSocketDestructor: Failed to del wrsockfd ", wrsockfd,
                  " error: ", errorText(errno));
         close(wrsockfd);
     }
-    if (pollLoop_del_fd(pollSocket, rdsockfd) != 0) {
+    if (!deleteFromPollLoop(rdsockfd, *context)) {
         // Kept: the number shown is the write descriptor's; both belong to one socket, and the
         // line before this one shows the same number.
         logError("endpointSocketDestructor: Failed to del rdsockfd ", wrsockfd,

@@ -144,10 +144,8 @@ int pollLoop_del_fd(int pollsock, int fd) {
     const SendResult result = sendRecord(pollsock, {EPOLL_CTL_DEL, 0, fd}, "pollLoop_del_fd");
     if (result.delivery == Delivery::sent) {
         logDebug("Successfully sent fd ", fd, " (del) to poll loop");
-    } else if (result.delivery == Delivery::loopEnded) {
-        close(fd);
     }
-    return result.error;
+    return result.delivery == Delivery::loopEnded ? -EPIPE : result.error;
 }
 
 void retirePollChannel(int serverPollSock) {

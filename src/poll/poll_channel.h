@@ -62,7 +62,8 @@ int createPollSocks(UniqueFd& senderEnd, UniqueFd& serverPollSock);
 /// poll thread or the workers need. 0, or -errno after logging it.
 ///
 /// Once the loop has ended for good (see retirePollChannel) there is no set left to change: adding
-/// and arming then do nothing, and deleting closes the descriptor here. All three return 0.
+/// and arming then do nothing and return 0. Deleting returns -EPIPE without logging it: there is
+/// nobody left to close the descriptor but the caller.
 int pollLoop_add_fd(int pollsock, int fd, int events);
 int pollLoop_mod_fd(int pollsock, int fd, int events);
 /// As pollLoop_mod_fd for each of them, with one system call; at most `maxPollRecords`.

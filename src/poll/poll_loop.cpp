@@ -213,6 +213,7 @@ void runPollThread(PollThreadParam& param) {
     };
     pollLoop(param, dealTo(param.readQueues, param.readStart),
              dealTo(param.writeQueues, param.writeStart), reportPollErrors);
+    param.ended.store(true, std::memory_order_release);
     retirePollChannel(param.msgchanfd);
 }
 

@@ -30,8 +30,6 @@ struct PollParam {
     explicit PollParam(ReceiveFunction receiveFunction, PassEndFunction passEndFunction = {})
         : receive(std::move(receiveFunction)), passEnd(std::move(passEndFunction)) {}
 
-    CancellableThread thread;
-
     Mutex mutex;
     CondVar ready;
     std::deque<int> queue VESK_GUARDED_BY(mutex);
@@ -52,6 +50,9 @@ struct PollParam {
     Counter wakeCount;
     /// The lengths of the queue at each wake, added up; as wide as it is reported.
     std::atomic<std::uint32_t> queueDepthSum{0};
+
+    /// Last, so that it is stopped before anything it uses goes.
+    CancellableThread thread;
 };
 
 using PollParams = std::vector<std::shared_ptr<PollParam>>;
@@ -66,8 +67,6 @@ struct PollThreadParam {
           msgchanfd(channel),
           readQueues(readWorkers),
           writeQueues(writeWorkers) {}
-
-    CancellableThread thread;
 
     /// Made here, before any command is read: while a listening endpoint is being closed, no other
     /// thread may make descriptors (see closeEndpointSockets).
@@ -84,6 +83,12 @@ struct PollThreadParam {
     Counter ErrorNr;
     /// Descriptors armed at present.
     std::atomic<std::int32_t> ActiveEvtNr{0};
+
+    /// Set when the loop touches no descriptor any more, before the channel is retired.
+    std::atomic<bool> ended{false};
+
+    /// Last, so that it is stopped before anything it uses goes.
+    CancellableThread thread;
 };
 
 }  // namespace vesk

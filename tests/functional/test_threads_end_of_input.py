@@ -5,6 +5,7 @@ VESK_REPEAT_ENDINGS says how often each ending is repeated.
 
 from __future__ import annotations
 
+import re
 from contextlib import ExitStack
 from typing import List
 
@@ -93,6 +94,24 @@ def test_end_of_input_right_after_a_start_command(start_vesk: StartVesk) -> None
         vesk.command(f"start addr 127.0.0.1 port {port}")
         vesk.close_input()
         vesk.wait_exit(0, seconds=PROMPT_SECONDS)
+
+
+@pytest.mark.limit_seconds(60 + 10 * REPETITIONS)
+def test_end_of_input_while_flows_expire(start_vesk: StartVesk) -> None:
+    """The pass that closes hundreds of them runs into the end of the process."""
+    for _ in range(REPETITIONS):
+        with ExitStack() as ends:
+            peer, upstream = (ends.enter_context(UdpEnd()) for _ in range(2))
+            vesk = start_vesk("udpv2", "1")
+            bench = Bench(vesk, peer, upstream)
+            flows = [bench.flow(label) for label in range(1, 601)]
+            bench.declare(*flows)
+            vesk.command("log priority debug")
+            for flow in flows:
+                bench.ask(flow)
+            vesk.wait_for_log(re.compile(r"debug Expiring label .*"))
+            vesk.close_input()
+            vesk.wait_exit(0, seconds=PROMPT_SECONDS)
 
 
 @pytest.mark.limit_seconds(60 + 10 * REPETITIONS)
