@@ -49,6 +49,7 @@ def test_a_call_that_a_flow_cannot_do_without(bench: Bench, injection: str,
     with failing_listener(bench.vesk, f"{injection}:when=1"):
         bench.send(flow.request(b"lost"))
         bench.nothing_went_upstream()
+    bench.vesk.settle()
     said = bench.vesk.remarks(since)
     assert len(said) == len(complaints), said
     for line, complaint in zip(said, complaints):
@@ -204,6 +205,7 @@ def test_more_flows_than_descriptors(scarce: Bench) -> None:
     assert arrived == {flow.up_label for flow in flows[:served]}
     scarce.nothing_went_upstream()
     refused = len(flows) - served
+    scarce.vesk.settle()
     said = [line for line in scarce.vesk.remarks(since) if line.startswith("error")]
     assert len(said) == 2 * refused
     assert said[1::2] == ["error createEndpoint: Failed to create endpoint sockets (family 2): "

@@ -3,10 +3,12 @@
 from __future__ import annotations
 
 import ipaddress
+import random
 import socket
 import struct
 import threading
 from dataclasses import dataclass
+from pathlib import Path
 from typing import Callable, Optional, Tuple
 
 from .timing import scaled
@@ -25,15 +27,26 @@ class Received:
     dscp: int
 
 
+# Below it are the ports of well-known services.
+FIRST_FREE_PORT = 10_000
+
+
 def family_of(host: str) -> socket.AddressFamily:
     return socket.AF_INET6 if ipaddress.ip_address(host).version == 6 else socket.AF_INET
 
 
 def free_port(host: str = "127.0.0.1") -> int:
-    """A port that nobody holds right now. Somebody may take it before it is used."""
-    with socket.socket(family_of(host), socket.SOCK_DGRAM) as probe:
-        probe.bind((host, 0))
-        return probe.getsockname()[1]
+    """A port that nobody holds right now. Somebody may take it before it is used, but no socket
+    that lets the kernel choose: it lies below what the kernel gives out."""
+    ports = Path("/proc/sys/net/ipv4/ip_local_port_range").read_text(encoding="ascii")
+    while True:
+        port = random.randrange(FIRST_FREE_PORT, int(ports.split()[0]))
+        with socket.socket(family_of(host), socket.SOCK_DGRAM) as probe:
+            try:
+                probe.bind((host, port))
+            except OSError:
+                continue
+            return port
 
 
 def kernels_choice(destination: str) -> str:

@@ -3,6 +3,7 @@
 #include <arpa/inet.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <netdb.h>
 
 #include <algorithm>
 #include <cstring>
@@ -75,6 +76,9 @@ TEST(IPAddrInfoTest, ResolvesAnIpv6Address) {
 }
 
 TEST(IPAddrInfoTest, LooksNamesUp) {
+    if (gethostbyname("localhost") == nullptr) {
+        GTEST_SKIP() << "this host has no name for itself";
+    }
     const IPAddrInfo info("localhost", 9000);
     EXPECT_EQ(info.host(), "localhost");
     EXPECT_TRUE(info.resolved());
