@@ -10,6 +10,7 @@ import pytest
 from conftest import StartVesk
 from framework.bench import Bench
 from framework.flow import Flow, four_keys
+from framework.timing import wait_until
 from framework.udp import UdpEnd
 
 from network import PEERS, Namespace, Network, ipv4, refusal
@@ -74,7 +75,16 @@ def test_the_way_to_the_service(host: Host, away: List[str], back: List[str],
         no_harm_to_others(host)
     bench.vesk.wait_for_log(complaint.format("DOWN_TO_UP_SEND:"), since, count=3)
     host.namespace.ip(*back)
+    wait_until_it_carries(lambda: bench.send(flow.request(b"question")), host.far)
     far_bench(flow)
+
+
+def wait_until_it_carries(send: Callable[[], object], end: UdpEnd) -> None:
+    """A link that has just come up may lose what is sent over it at once."""
+    def arrives() -> bool:
+        send()
+        return end.waiting() is not None
+    wait_until(arrives, "datagrams arrive again")
 
 
 def exchange_with(service: UdpEnd, bench: Bench) -> Callable[[Flow], None]:
@@ -111,4 +121,6 @@ def test_the_way_to_the_peer(host: Host, away: List[str], back: List[str],
     bench.vesk.wait_for_log(complaint.format("UP_TO_DOWN_SEND:"), since)
     no_harm_to_others(host)
     host.namespace.ip(*back)
+    wait_until_it_carries(lambda: host.far.send(flow.request(b"question"), listener),
+                          bench.upstream)
     ask()
