@@ -161,5 +161,14 @@ TEST_F(CryptoProviderTest, DecidesTheSameAtEveryLevel) {
     EXPECT_EQ(child.printed, "");
 }
 
+TEST(LoadDigestsTest, HasNothingToSay) {
+    const ChildResult child = runInChild([] {
+        loadDigests();
+        return 0;
+    });
+    EXPECT_EQ(child.exitCode, 0);
+    EXPECT_EQ(child.printed, "");
+}
+
 }  // namespace
 }  // namespace vesk

@@ -1,8 +1,5 @@
 #include "datapath/datapath_fixture.h"
 
-#include <poll.h>
-#include <sys/socket.h>
-
 #include <algorithm>
 #include <ostream>
 
@@ -87,20 +84,6 @@ EndpointPtr DatapathTest::openFlow(std::uint32_t label) {
 ReplyRoute DatapathTest::routeOf(VeskEndpointDescriptor& endpoint) {
     const ReadLock lock(endpoint.routeLock);
     return endpoint.route;
-}
-
-void DatapathTest::provokeRefusal(int fd) {
-    SocketAddress nobody;
-    {
-        const UdpSocket gone;
-        nobody = gone.address();
-    }
-    ASSERT_EQ(connect(fd, nobody.get(), nobody.length), 0);
-    ASSERT_EQ(::send(fd, "x", 1, 0), 1);
-    // The refusal is there when the socket says that something is wrong with it.
-    pollfd watched{fd, 0, 0};
-    ASSERT_EQ(::poll(&watched, 1, 30000), 1);
-    ASSERT_NE(watched.revents & POLLERR, 0);
 }
 
 void DatapathTest::startLateral(std::uint32_t index, std::uint32_t instances) {

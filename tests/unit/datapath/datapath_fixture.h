@@ -58,8 +58,6 @@ class DatapathTest : public ForwarderTest {
     EndpointPtr openFlow(std::uint32_t label);
     ReplyRoute routeOf(VeskEndpointDescriptor& endpoint);
 
-    /// Makes the next send from this socket fail with ECONNREFUSED.
-    static void provokeRefusal(int fd);
     /// Switches the lateral stream on, as instance `index` of `instances`.
     void startLateral(std::uint32_t index, std::uint32_t instances);
 

@@ -2,7 +2,6 @@
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
-#include <poll.h>
 
 #include <string>
 
@@ -85,12 +84,6 @@ TEST_F(ReceiveThreadTest, DownstreamReportsAnEmptyDatagramAndGoesOn) {
                 MatchesRegex("error Forwarder downstream endpoint got error while receiving: errno "
                              "= [0-9]+ \\([A-Za-z ]+\\)\\.\ninfo Created .*\n"));
     EXPECT_EQ(countsOf(*downstream), (Counts{.rxDg = 1}));
-}
-
-/// Whether the socket has an error to report yet.
-bool hasPendingError(int fd) {
-    pollfd watched{fd, 0, 0};
-    return poll(&watched, 1, 0) == 1 && (watched.revents & POLLERR) != 0;
 }
 
 TEST_F(ReceiveThreadTest, DownstreamIgnoresARefusal) {

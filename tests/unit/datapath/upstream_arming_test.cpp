@@ -5,6 +5,7 @@
 #include <sys/epoll.h>
 
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "datapath/upstream_fixture.h"
@@ -105,6 +106,37 @@ TEST_F(UpstreamArmingTest, GivesAFlowUpThatCannotBeArmed) {
     EXPECT_EQ(manager().findEndpointByLabel(label), nullptr);
     EXPECT_TRUE(isOpen(flow->rdsockfd));
     printedBy([this] { flow.reset(); });
+}
+
+TEST_F(UpstreamArmingTest, AnswersEveryReplyWhereTwoWorkersAreAtOneSocket) {
+    constexpr int count = 60;
+    for (int i = 0; i < count; ++i) {
+        reply(framed(label, payload, inKey));
+    }
+    const auto work = [this] {
+        UpstreamReceiver mine(context);
+        bool keep = true;
+        while (keep) {
+            upstreamSocketRecv(flow->rdsockfd, keep, mine);
+        }
+        std::vector<int> serving;
+        mine.endPass(serving);
+        EXPECT_THAT(serving, IsEmpty());
+    };
+    EXPECT_EQ(printedBy([&work] {
+                  std::thread other(work);
+                  work();
+                  other.join();
+              }),
+              "");
+    for (int i = 0; i < count; ++i) {
+        ASSERT_EQ(peer.receive(), framed(0x2222, payload, outKey));
+    }
+    EXPECT_EQ(countsOf(*flow), (Counts{.rxDg = count, .txDg = 1, .dnTxDg = count}));
+    EXPECT_EQ(flow->serving.load(), Serving::nobody);
+    // Whoever found it drained last has it watched again.
+    EXPECT_THAT(takePollRequests(),
+                testing::Each(PollCtlMsg{EPOLL_CTL_MOD, EPOLLIN, flow->rdsockfd}));
 }
 
 /// More flows than this one, all of them drained.

@@ -79,10 +79,15 @@ TEST_F(EndpointLifecycleTest, DeleterDoesNotKeepTheContextAlive) {
 
 TEST_F(EndpointLifecycleTest, DeleterClosesAtOnceWhenThePollLoopHasEnded) {
     const int readSocket = endpoint->rdsockfd;
+    const int writeSocket = endpoint->wrsockfd;
+    context->pollThread = std::make_shared<PollThreadParam>(
+        context->serverPollSock.get(), context->receiveWorkers, context->sendWorkers);
+    context->pollThread->ended = true;
     retirePollChannel(context->serverPollSock.get());
     manager().deleteEndpoint(0xab12);
     EXPECT_EQ(printedBy([this] { endpoint.reset(); }), "");
     EXPECT_FALSE(isOpen(readSocket));
+    EXPECT_FALSE(isOpen(writeSocket));
 }
 
 struct NetworkError {

@@ -1,5 +1,6 @@
 #include "poll/poll_loop.h"
 
+#include <fcntl.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <pthread.h>
@@ -7,7 +8,7 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
-#include <array>
+#include <atomic>
 #include <cerrno>
 #include <csignal>
 #include <deque>
@@ -19,6 +20,8 @@
 #include "poll/poll_loop_fixture.h"
 #include "support/bytes.h"
 #include "support/printed.h"
+#include "support/thread_state.h"
+#include "support/udp_socket.h"
 
 namespace vesk {
 namespace {
@@ -258,6 +261,58 @@ TEST_F(PollLoopTest, EndsWhereThereIsNoEpollSet) {
     const auto never = [](const std::vector<int>&) { ADD_FAILURE(); };
     EXPECT_EQ(printedBy([&] { EXPECT_EQ(pollLoop(*broken, never, never, never), -EBADF); }),
               "error Failed to add msgchanfd to epoll set: Bad file descriptor\n");
+}
+
+TEST_F(PollLoopTest, EndsWhereItCannotWaitAnyMore) {
+    std::atomic<int> result{0};
+    const UniqueFd noEpollSet(open("/dev/null", O_RDONLY));
+    EXPECT_EQ(printedBy([&] {
+                  ASSERT_EQ(param->thread.start([&] {
+                      result = pollLoop(*param,
+                                        [&](const std::vector<int>&) {
+                                            // Something else under the set's number, before the
+                                            // next wait.
+                                            dup2(noEpollSet.get(), param->epollSet.get());
+                                        },
+                                        {}, {});
+                  }),
+                            0);
+                  WatchedSocket& socket = newSocket();
+                  socket.makeReady();
+                  add(socket.fd(), EPOLLIN);
+                  EXPECT_TRUE(eventually([&result] { return result != 0; }));
+              }),
+              "error Failed epoll_wait: Invalid argument\n");
+    EXPECT_EQ(result, -EINVAL);
+}
+
+TEST_F(PollLoopTest, ReportsAChannelThatCannotBeReadAndGoesOn) {
+    // A socket that fails once.
+    const UdpSocket refused;
+    provokeRefusal(refused.fd());
+    PollThreadParam failing(refused.fd(), readQueues, writeQueues);
+    EXPECT_EQ(printedBy([&] {
+                  ASSERT_EQ(failing.thread.start([&failing] { pollLoop(failing, {}, {}, {}); }), 0);
+                  EXPECT_TRUE(eventually([&refused] { return !hasPendingError(refused.fd()); }));
+                  EXPECT_EQ(failing.thread.stop(), 0);
+              }),
+              "error recv: msgchanfd\n");
+}
+
+TEST_F(PollLoopTest, LetsNobodyWaitForItWhenItEndsByItself) {
+    const int deleted = duplicate(sender.get());
+    remove(deleted);
+    // Where no set is, the loop cannot even begin.
+    std::unique_ptr<PollThreadParam> broken;
+    {
+        const DescriptorShortage shortage(0);
+        broken = std::make_unique<PollThreadParam>(server.get(), readQueues, writeQueues);
+    }
+    EXPECT_FALSE(broken->ended);
+    printedBy([&broken] { runPollThread(*broken); });
+    EXPECT_TRUE(broken->ended);
+    EXPECT_FALSE(isOpen(deleted));
+    EXPECT_EQ(pollLoop_mod_fd(sender.get(), 7, EPOLLIN), 0);
 }
 
 TEST_F(PollLoopTest, EndsOnlyWhenItIsCancelled) {

@@ -8,6 +8,7 @@
 #include <functional>
 #include <list>
 #include <mutex>
+#include <numeric>
 #include <utility>
 #include <vector>
 
@@ -221,6 +222,18 @@ TEST_F(ReceiveWorkerTest, CountsNoWakeWhereItFindsDescriptorsWithoutWaiting) {
     ASSERT_TRUE(eventuallyServed({5, 6}));
     EXPECT_EQ(worker.wakeCount.value(), 0U);
     EXPECT_EQ(worker.queueDepthSum.load(), 0U);
+}
+
+TEST_F(ReceiveWorkerTest, WaitsAgainAfterMuchWork) {
+    std::vector<int> many(40);
+    std::iota(many.begin(), many.end(), 0);
+    startWorker();
+    hand(many);
+    ASSERT_TRUE(eventuallyServed(many));
+    EXPECT_TRUE(mark.eventuallyBlocks());
+    many.push_back(99);
+    hand({99});
+    EXPECT_TRUE(eventuallyServed(many));
 }
 
 TEST_F(ReceiveWorkerTest, HoldsNoLockWhileItReceives) {

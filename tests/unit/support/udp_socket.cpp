@@ -67,6 +67,24 @@ std::uint16_t portOf(const SocketAddress& address) {
     return IPAddrInfo(address.get(), address.length).port();
 }
 
+void provokeRefusal(int fd) {
+    SocketAddress nobody;
+    {
+        const UdpSocket gone;
+        nobody = gone.address();
+    }
+    ASSERT_EQ(connect(fd, nobody.get(), nobody.length), 0);
+    ASSERT_EQ(send(fd, "x", 1, 0), 1);
+    pollfd watched{fd, 0, 0};
+    ASSERT_EQ(poll(&watched, 1, patienceMilliseconds), 1);
+    ASSERT_NE(watched.revents & POLLERR, 0);
+}
+
+bool hasPendingError(int fd) {
+    pollfd watched{fd, 0, 0};
+    return poll(&watched, 1, 0) == 1 && (watched.revents & POLLERR) != 0;
+}
+
 std::uint16_t freePort(int family) {
     return UdpSocket(family).port();
 }

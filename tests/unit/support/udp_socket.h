@@ -38,6 +38,11 @@ class UdpSocket {
 SocketAddress boundAddress(int fd);
 std::uint16_t portOf(const SocketAddress& address);
 
+/// Makes the next use of a UDP socket fail with ECONNREFUSED, once.
+void provokeRefusal(int fd);
+/// Whether the socket has an error to report yet.
+bool hasPendingError(int fd);
+
 /// A port that nobody has at the moment.
 std::uint16_t freePort(int family = AF_INET);
 
