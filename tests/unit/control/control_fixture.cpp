@@ -13,14 +13,6 @@ void ControlTest::TearDown() {
     ForwarderTest::TearDown();
 }
 
-ControlTest::Outcome ControlTest::run(Handler handler, const std::string& words) {
-    Outcome outcome;
-    errno = 0;
-    outcome.printed =
-        printedBy([&] { outcome.succeeded = handler(splitCommandLine(words), context); });
-    return outcome;
-}
-
 void ControlTest::expectRefused(Handler handler, const std::string& words,
                                 const std::string& line) {
     const Outcome outcome = run(handler, words);

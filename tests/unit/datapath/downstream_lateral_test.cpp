@@ -28,17 +28,6 @@ class LateralDispatchTest : public DatapathTest {
         declareFlow(ownLabel);
     }
 
-    Bytes forwardHeader(const SocketAddress& sender) const {
-        Bytes covered{static_cast<std::uint8_t>(sender.length + 16)};
-        const Bytes address = toBytes(sender.bytes());
-        covered.insert(covered.end(), address.begin(), address.end());
-        const Bytes tag = hmacOf(lateralKey, covered, 16);
-        Bytes header{1};
-        header.insert(header.end(), covered.begin(), covered.end());
-        header.insert(header.end(), tag.begin(), tag.end());
-        return header;
-    }
-
     UdpSocket neighbour;
 };
 
@@ -47,9 +36,8 @@ const ReturnPath somePath(Bytes(33, 9));
 TEST_F(LateralDispatchTest, HandsADatagramToItsOwner) {
     const Bytes datagram = framed(foreignLabel, payload);
     EXPECT_EQ(arrive(datagram), "");
-    Bytes expected = forwardHeader(peer.address());
-    expected.insert(expected.end(), datagram.begin(), datagram.end());
-    EXPECT_EQ(neighbour.receive(), expected);
+    EXPECT_EQ(neighbour.receive(),
+              join({lateralHeader(1, peer.address().bytes(), lateralKey), datagram}));
     EXPECT_EQ(neighbour.sender(), lateralSocket.address());
     EXPECT_EQ(countsOf(*lateral), (Counts{.txDg = 1}));
     EXPECT_EQ(countsOf(*downstream), Counts());

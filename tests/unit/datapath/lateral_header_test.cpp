@@ -42,19 +42,8 @@ SocketAddress ipv6Sender() {
     return IPAddrInfo("2001:db8::7", 4500).socketAddress();
 }
 
-Bytes join(std::initializer_list<Bytes> parts) {
-    Bytes whole;
-    for (const Bytes& part : parts) {
-        whole.insert(whole.end(), part.begin(), part.end());
-    }
-    return whole;
-}
-
-/// What another instance would put in front of a datagram of this sender.
 Bytes headerFor(std::uint8_t type, const SocketAddress& sender, const TestKey& key) {
-    const Bytes covered =
-        join({{static_cast<std::uint8_t>(sender.length + 16)}, toBytes(sender.bytes())});
-    return join({{type}, covered, hmacOf(key, covered, 16)});
+    return lateralHeader(type, sender.bytes(), key);
 }
 
 TEST_F(LateralHeaderTest, ParsesTypeAndLength) {

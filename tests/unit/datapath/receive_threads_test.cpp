@@ -120,15 +120,7 @@ class LateralThreadTest : public ReceiveThreadTest {
     /// A header as the instance with this key would make it, with a datagram behind it.
     static Bytes wrapped(std::uint8_t type, const SocketAddress& address, const TestKey& key,
                          const Bytes& datagram) {
-        Bytes covered{static_cast<std::uint8_t>(address.length + 16)};
-        const Bytes bytes = toBytes(address.bytes());
-        covered.insert(covered.end(), bytes.begin(), bytes.end());
-        const Bytes tag = hmacOf(key, covered, 16);
-        Bytes whole{type};
-        for (const Bytes& part : {covered, tag, datagram}) {
-            whole.insert(whole.end(), part.begin(), part.end());
-        }
-        return whole;
+        return join({lateralHeader(type, address.bytes(), key), datagram});
     }
 
     void sendToInstance(const Bytes& datagram) {

@@ -45,11 +45,7 @@ class LateralReplyTest : public DatapathTest {
 
 TEST_F(LateralReplyTest, GoesBackTheWayTheRequestCame) {
     answer(framed(label, payload));
-    Bytes expected{2};
-    expected.insert(expected.end(), kept.begin(), kept.end());
-    const Bytes datagram = framed(0x2222, payload);
-    expected.insert(expected.end(), datagram.begin(), datagram.end());
-    EXPECT_EQ(peer.receive(), expected);
+    EXPECT_EQ(peer.receive(), join({{2}, kept, framed(0x2222, payload)}));
     EXPECT_EQ(peer.sender(), lateralSocket.address());
     EXPECT_EQ(countsOf(*flow), (Counts{.rxDg = 1, .txDg = 1, .dnTxDg = 1}));
     EXPECT_EQ(countsOf(*lateral), Counts());

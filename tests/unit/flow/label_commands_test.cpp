@@ -17,19 +17,6 @@ using testing::UnorderedElementsAre;
 
 class LabelCommandsTest : public ForwarderTest {
  protected:
-    struct Outcome {
-        bool succeeded = false;
-        std::string printed;
-    };
-    using Handler = bool (*)(TokenQueue, const std::shared_ptr<ForwarderContext>&);
-
-    Outcome run(Handler handler, const std::string& words) {
-        Outcome outcome;
-        errno = 0;
-        outcome.printed =
-            printedBy([&] { outcome.succeeded = handler(splitCommandLine(words), context); });
-        return outcome;
-    }
     Outcome set(const std::string& words) { return run(setLabelAttrs, words); }
     Outcome del(const std::string& words) { return run(deleteLabel, words); }
 

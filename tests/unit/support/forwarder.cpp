@@ -4,12 +4,13 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <ostream>
 #include <span>
 
-#include "control/command_line.h"
 #include "flow/label_commands.h"
 #include "net/endpoint_lifecycle.h"
+#include "support/printed.h"
 
 namespace vesk {
 
@@ -24,6 +25,15 @@ void ForwarderTest::TearDown() {
     // From here on endpoints close their sockets themselves.
     context.reset();
     DescriptorCountingTest::TearDown();
+}
+
+ForwarderTest::Outcome ForwarderTest::run(Handler handler, const std::string& words) {
+    Outcome outcome;
+    // Numbers are read as they come only while no old range error stands.
+    errno = 0;
+    outcome.printed =
+        printedBy([&] { outcome.succeeded = handler(splitCommandLine(words), context); });
+    return outcome;
 }
 
 void ForwarderTest::declare(const std::string& text) {

@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "app/forwarder_context.h"
+#include "control/command_line.h"
 #include "net/endpoint_manager.h"
 #include "poll/poll_channel.h"
 #include "support/descriptors.h"
@@ -23,6 +24,14 @@ class ForwarderTest : public DescriptorCountingTest {
     void TearDown() override;
 
     EndpointManager& manager() { return *context->endpointManager; }
+
+    /// What came of a command.
+    struct Outcome {
+        bool succeeded = false;
+        std::string printed;
+    };
+    using Handler = bool (*)(TokenQueue, const std::shared_ptr<ForwarderContext>&);
+    Outcome run(Handler handler, const std::string& words);
 
     /// Carries out "set" with the words of `text`; the test fails where it is refused.
     void declare(const std::string& text);

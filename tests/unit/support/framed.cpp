@@ -15,11 +15,6 @@ void appendBigEndian(Bytes& bytes, std::uint32_t value, int width) {
     }
 }
 
-Bytes joined(Bytes left, const Bytes& right) {
-    left.insert(left.end(), right.begin(), right.end());
-    return left;
-}
-
 }  // namespace
 
 Bytes toBytes(std::string_view text) {
@@ -53,8 +48,8 @@ Bytes hmacOf(const TestKey& key, const Bytes& data, std::size_t length) {
 Bytes framedV2(std::uint32_t label, const Bytes& payload, const TestKey& key) {
     Bytes covered;
     appendBigEndian(covered, label, 4);
-    covered = joined(std::move(covered), payload);
-    return joined(hmacOf(key, covered, 16), covered);
+    covered = join({covered, payload});
+    return join({hmacOf(key, covered, 16), covered});
 }
 
 Bytes framedV1(std::uint32_t label, const Bytes& payload, const TestKey& key,
@@ -62,8 +57,22 @@ Bytes framedV1(std::uint32_t label, const Bytes& payload, const TestKey& key,
     Bytes header;
     appendBigEndian(header, static_cast<std::uint32_t>(38 + furtherHeader.size()), 2);
     appendBigEndian(header, label, 4);
-    header = joined(std::move(header), furtherHeader);
-    return joined(joined(hmacOf(key, joined(payload, header), 32), header), payload);
+    header = join({header, furtherHeader});
+    return join({hmacOf(key, join({payload, header}), 32), header, payload});
+}
+
+Bytes lateralHeader(std::uint8_t type, std::span<const std::uint8_t> address, const TestKey& key) {
+    const Bytes covered =
+        join({{static_cast<std::uint8_t>(address.size() + 16)}, toBytes(address)});
+    return join({{type}, covered, hmacOf(key, covered, 16)});
+}
+
+Bytes join(std::initializer_list<Bytes> parts) {
+    Bytes whole;
+    for (const Bytes& part : parts) {
+        whole.insert(whole.end(), part.begin(), part.end());
+    }
+    return whole;
 }
 
 }  // namespace vesk

@@ -4,8 +4,10 @@
 
 #include <cstddef>
 #include <cstdint>
-#include <optional>
+#include <initializer_list>
+#include <span>
 #include <string>
+#include <string_view>
 
 #include "support/bytes.h"
 
@@ -29,5 +31,10 @@ Bytes framedV2(std::uint32_t label, const Bytes& payload, const TestKey& key = {
 /// A datagram with a 32-byte HMAC, a header length, a label and further header bytes.
 Bytes framedV1(std::uint32_t label, const Bytes& payload, const TestKey& key = {},
                const Bytes& furtherHeader = {});
+
+/// What an instance with this key puts in front of a datagram: type, length, address and HMAC.
+Bytes lateralHeader(std::uint8_t type, std::span<const std::uint8_t> address, const TestKey& key);
+
+Bytes join(std::initializer_list<Bytes> parts);
 
 }  // namespace vesk
