@@ -1,10 +1,11 @@
 // Locks over the POSIX objects, annotated for clang's thread-safety analysis, and their guards.
 //
-// We do not use the standard library's: its condition variable may not be cancelled while waiting,
-// and its shared lock may starve writers.
+// We do not use the standard library's: its semaphore may not be cancelled while waiting, and its
+// shared lock may starve writers.
 #pragma once
 
 #include <pthread.h>
+#include <semaphore.h>
 
 // Attributes have no spelling that all compilers share; these are the names clang documents.
 #if defined(__clang__)
@@ -97,20 +98,26 @@ class VESK_SCOPED_CAPABILITY WriteLock {
     RwLock& lock_;
 };
 
-/// A condition variable whose wait may be cancelled: the mutex is then locked again and released by
-/// the caller's guard while the thread unwinds.
-class CondVar {
+/// Lets one thread sleep until another posts. Unlike a condition variable it has no part in the
+/// lock that guards what is waited for: posted without that lock held, it wakes a thread that can
+/// go to work at once.
+class WakeUp {
  public:
-    CondVar() = default;
-    ~CondVar() { pthread_cond_destroy(&condition_); }
-    CondVar(const CondVar&) = delete;
-    CondVar& operator=(const CondVar&) = delete;
+    WakeUp() { sem_init(&posts_, 0, 0); }
+    ~WakeUp() { sem_destroy(&posts_); }
+    WakeUp(const WakeUp&) = delete;
+    WakeUp& operator=(const WakeUp&) = delete;
 
-    void wait(Mutex& mutex) VESK_REQUIRES(mutex) { pthread_cond_wait(&condition_, &mutex.mutex_); }
-    void signal() { pthread_cond_signal(&condition_); }
+    /// Until the next post, or one that nobody waited for. May be cancelled.
+    void wait() {
+        while (sem_wait(&posts_) != 0) {
+            // A signal interrupted it.
+        }
+    }
+    void post() { sem_post(&posts_); }
 
  private:
-    pthread_cond_t condition_ = PTHREAD_COND_INITIALIZER;
+    sem_t posts_;
 };
 
 }  // namespace vesk

@@ -7,6 +7,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
+#include <utility>
 
 #include "base/thread_control.h"
 #include "log/error_text.h"
@@ -221,12 +222,19 @@ void distributeReadyFds(const std::vector<int>& fds, const PollParams& queues,
                         unsigned long& start) {
     const std::size_t served = std::min(fds.size(), queues.size());
     for (std::size_t first = 0; first < served; ++first) {
-        const std::shared_ptr<PollParam>& worker = queues[(start + first) % queues.size()];
-        const MutexLock lock(worker->mutex);
-        for (std::size_t i = first; i < fds.size(); i += queues.size()) {
-            worker->queue.push_back(fds[i]);
+        PollParam& worker = *queues[(start + first) % queues.size()];
+        bool waits = false;
+        {
+            const MutexLock lock(worker.mutex);
+            for (std::size_t i = first; i < fds.size(); i += queues.size()) {
+                worker.queue.push_back(fds[i]);
+            }
+            waits = std::exchange(worker.waiting, false);
         }
-        worker->ready.signal();
+        // Without the lock, or the first thing that the worker does is wait for it.
+        if (waits) {
+            worker.wakeUp.post();
+        }
     }
     start += fds.size();
 }

@@ -31,8 +31,11 @@ struct PollParam {
         : receive(std::move(receiveFunction)), passEnd(std::move(passEndFunction)) {}
 
     Mutex mutex;
-    CondVar ready;
     std::deque<int> queue VESK_GUARDED_BY(mutex);
+    /// Whether the worker has found nothing to do and waits, or is about to.
+    bool waiting VESK_GUARDED_BY(mutex) = false;
+    /// Posted once by whoever finds `waiting` set, and clears it.
+    WakeUp wakeUp;
 
     // Constant while the worker runs.
 

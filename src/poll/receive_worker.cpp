@@ -26,7 +26,7 @@ class ReceiveWorker {
  private:
     void lingerIfBusy() const;
     void collectDescriptors();
-    void waitForDescriptors() VESK_REQUIRES(param_.mutex);
+    bool takeQueue(bool woken);
     void makePass();
     bool serve(int fd);
     void pauseAfterPass() const;
@@ -56,26 +56,28 @@ void ReceiveWorker::lingerIfBusy() const {
 }
 
 void ReceiveWorker::collectDescriptors() {
-    const MutexLock lock(param_.mutex);
-    if (serving_.empty()) {
-        waitForDescriptors();
+    bool woken = false;
+    while (!takeQueue(woken)) {
+        callsSinceWait_ = 0;
+        const CancellationScope cancellable;
+        param_.wakeUp.wait();
+        woken = true;
     }
-    serving_.insert(serving_.end(), param_.queue.begin(), param_.queue.end());
-    param_.queue.clear();
 }
 
-void ReceiveWorker::waitForDescriptors() {
-    while (param_.queue.empty()) {
-        callsSinceWait_ = 0;
-        {
-            const CancellationScope cancellable;
-            param_.ready.wait(param_.mutex);
-        }
+/// Takes over what was handed out; false where there is nothing to do, and a wake-up will come.
+bool ReceiveWorker::takeQueue(bool woken) {
+    const MutexLock lock(param_.mutex);
+    if (woken) {
         param_.wakeCount.increment();
         param_.queueDepthSum.store(param_.queueDepthSum.load(std::memory_order_relaxed) +
                                        static_cast<std::uint32_t>(param_.queue.size()),
                                    std::memory_order_relaxed);
     }
+    serving_.insert(serving_.end(), param_.queue.begin(), param_.queue.end());
+    param_.queue.clear();
+    param_.waiting = serving_.empty();
+    return !param_.waiting;
 }
 
 void ReceiveWorker::makePass() {

@@ -85,44 +85,36 @@ TEST(RwLockTest, LetsAWaitingWriterGoBeforeNewReaders) {
     EXPECT_EQ(order, "wr");
 }
 
-TEST(CondVarTest, WakesAWaitingThread) {
-    Mutex mutex;
-    CondVar ready;
-    bool told = false;
+TEST(WakeUpTest, WakesAWaitingThread) {
+    WakeUp wakeUp;
     ThreadMark waiting;
     std::thread waiter([&] {
         waiting.set();
-        const MutexLock lock(mutex);
-        while (!told) {
-            ready.wait(mutex);
-        }
+        wakeUp.wait();
     });
     ASSERT_TRUE(waiting.eventuallyBlocks());
-    {
-        const MutexLock lock(mutex);
-        told = true;
-        ready.signal();
-    }
+    wakeUp.post();
     waiter.join();
 }
 
-TEST(CondVarTest, LeavesTheMutexFreeWhenItsWaitIsCancelled) {
-    Mutex mutex;
-    CondVar ready;
+TEST(WakeUpTest, KeepsAPostThatNobodyWaitedFor) {
+    WakeUp wakeUp;
+    wakeUp.post();
+    wakeUp.wait();
+}
+
+TEST(WakeUpTest, MayBeCancelledWhileWaiting) {
+    WakeUp wakeUp;
     ThreadMark waiting;
     CancellableThread waiter;
     ASSERT_EQ(waiter.start([&] {
         waiting.set();
-        const MutexLock lock(mutex);
-        while (true) {
-            const CancellationScope cancellable;
-            ready.wait(mutex);
-        }
+        const CancellationScope cancellable;
+        wakeUp.wait();
     }),
               0);
     ASSERT_TRUE(waiting.eventuallyBlocks());
     EXPECT_EQ(waiter.stop(), 0);
-    const MutexLock lock(mutex);
 }
 
 }  // namespace

@@ -2,6 +2,7 @@
 #include <gtest/gtest.h>
 #include <sys/epoll.h>
 
+#include <atomic>
 #include <deque>
 #include <memory>
 #include <vector>
@@ -88,24 +89,33 @@ TEST_F(DistributeTest, AppendsBehindWhatIsQueuedAlready) {
     EXPECT_THAT(queueOf(*queues[0]), ElementsAre(1, 2, 3));
 }
 
-TEST_F(DistributeTest, WakesAWorkerThatWaits) {
+TEST_F(DistributeTest, WakesAWorkerOnceAndOnlyWhileItWaits) {
     makeQueues(1);
     PollParam& worker = *queues[0];
     ThreadMark mark;
+    std::atomic<int> wakeUps{0};
     ASSERT_EQ(worker.thread.start([&] {
         mark.set();
-        const MutexLock lock(worker.mutex);
-        while (worker.queue.empty()) {
-            const CancellationScope cancellable;
-            worker.ready.wait(worker.mutex);
+        while (true) {
+            {
+                const CancellationScope cancellable;
+                worker.wakeUp.wait();
+            }
+            ++wakeUps;
         }
-        worker.queue.clear();
     }),
               0);
-    ASSERT_TRUE(mark.eventuallyBlocks());
     distributeReadyFds({11}, queues, start);
-    EXPECT_TRUE(mark.eventuallyEnds());
-    EXPECT_THAT(queueOf(worker), IsEmpty());
+    {
+        const MutexLock lock(worker.mutex);
+        worker.waiting = true;
+    }
+    distributeReadyFds({12}, queues, start);
+    distributeReadyFds({13}, queues, start);
+    EXPECT_TRUE(eventually([&] { return wakeUps == 1; }));
+    EXPECT_TRUE(mark.eventuallyBlocks());
+    EXPECT_EQ(wakeUps, 1);
+    EXPECT_THAT(queueOf(worker), ElementsAre(11, 12, 13));
     worker.thread.stop();
 }
 

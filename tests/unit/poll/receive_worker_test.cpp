@@ -7,11 +7,13 @@
 #include <chrono>
 #include <functional>
 #include <list>
+#include <memory>
 #include <mutex>
 #include <numeric>
 #include <utility>
 #include <vector>
 
+#include "poll/poll_loop.h"
 #include "support/printed.h"
 #include "support/thread_state.h"
 
@@ -41,9 +43,8 @@ class ReceiveWorkerTest : public testing::Test {
     }
 
     void hand(const std::vector<int>& fds) {
-        const MutexLock lock(worker.mutex);
-        worker.queue.insert(worker.queue.end(), fds.begin(), fds.end());
-        worker.ready.signal();
+        unsigned long start = 0;
+        distributeReadyFds(fds, {{std::shared_ptr<PollParam>(), &worker}}, start);
     }
 
     std::vector<int> served() {
@@ -209,7 +210,7 @@ TEST_F(ReceiveWorkerTest, CountsAWakeAndTheDepthOfTheQueue) {
 
 TEST_F(ReceiveWorkerTest, CountsAWakeForNothingAndWaitsOn) {
     startWaitingWorker();
-    hand({});
+    worker.wakeUp.post();
     EXPECT_TRUE(eventually([this] { return worker.wakeCount.value() == 1; }));
     EXPECT_EQ(worker.queueDepthSum.load(), 0U);
     EXPECT_TRUE(mark.eventuallyBlocks());
@@ -251,7 +252,7 @@ TEST_F(ReceiveWorkerTest, CanBeEndedWhileItWaits) {
     startWaitingWorker();
     EXPECT_EQ(printedBy([this] { EXPECT_EQ(worker.thread.stop(), 0); }), "");
     // The wait gave the lock back.
-    hand({});
+    worker.wakeUp.post();
 }
 
 TEST_F(ReceiveWorkerTest, CanBeEndedWhileItNeverWaits) {
