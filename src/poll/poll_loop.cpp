@@ -1,5 +1,6 @@
 #include "poll/poll_loop.h"
 
+#include <sched.h>
 #include <sys/epoll.h>
 #include <sys/socket.h>
 #include <unistd.h>
@@ -48,8 +49,13 @@ class EpollSet {
     /// Applies the records and sorts the descriptors of the batch.
     void sortBatch(ReadyLists& ready);
 
+    /// Lets other threads go first and applies the record that one of them sent meanwhile, if any.
+    void lingerForRecord();
+
  private:
     void takeRecords();
+    ssize_t receiveRecords();
+    void applyRecords(ssize_t received);
     void apply(const PollCtlMsg& message);
     void count(const PollCtlMsg& message);
     void sort(const epoll_event& event, ReadyLists& ready);
@@ -61,6 +67,7 @@ class EpollSet {
     std::vector<epoll_event> events_;
     /// The batch itself, out of the way of records that change the size of the array.
     std::vector<epoll_event> batch_;
+    PollDatagram datagram_{};
 };
 
 int EpollSet::watchChannel() {
@@ -106,14 +113,29 @@ void EpollSet::sortBatch(ReadyLists& ready) {
     }
 }
 
+void EpollSet::lingerForRecord() {
+    sched_yield();
+    const ssize_t received = receiveRecords();
+    if (received >= 0) {
+        applyRecords(received);
+    }
+}
+
 void EpollSet::takeRecords() {
-    PollDatagram datagram;
-    const ssize_t received = recv(param_.msgchanfd, datagram.data(), datagram.size(), 0);
+    const ssize_t received = receiveRecords();
     if (received < 0) {
         logError("recv: msgchanfd");
         return;
     }
-    if (!forEachRecord(std::span(datagram).first(static_cast<std::size_t>(received)),
+    applyRecords(received);
+}
+
+ssize_t EpollSet::receiveRecords() {
+    return recv(param_.msgchanfd, datagram_.data(), datagram_.size(), 0);
+}
+
+void EpollSet::applyRecords(ssize_t received) {
+    if (!forEachRecord(std::span(datagram_).first(static_cast<std::size_t>(received)),
                        [this](const PollCtlMsg& message) { apply(message); })) {
         logError("recv: msgchanfd: short read on a datagram socket!\n");
     }
@@ -189,6 +211,10 @@ void callUnlessEmpty(const ReadyCallback& callback, const std::vector<int>& fds)
 
 }  // namespace
 
+// Lingering: a worker with a single socket is mostly done with it, and has asked for it to be armed
+// again, by the time that this thread has its turn again; it then need not fall asleep, be woken
+// and ask what woke it. With more sockets ready that costs more than it gains: requests pile up
+// while the processor is given away for a whole turn.
 int pollLoop(PollThreadParam& param, const ReadyCallback& onRead, const ReadyCallback& onWrite,
              const ReadyCallback& onError) {
     EpollSet set(param);
@@ -201,6 +227,9 @@ int pollLoop(PollThreadParam& param, const ReadyCallback& onRead, const ReadyCal
             callUnlessEmpty(onRead, ready.read);
             callUnlessEmpty(onWrite, ready.write);
             callUnlessEmpty(onError, ready.error);
+            if (ready.read.size() == 1) {
+                set.lingerForRecord();
+            }
         }
     }
     return result;
