@@ -1,0 +1,76 @@
+# The Debian packages vesk, vesk-controller and vesk-tools, one for each component: build the target
+# "package", or run packaging/build-packages, which also makes them the same bytes every time.
+
+set(CPACK_GENERATOR DEB)
+set(CPACK_COMPONENTS_ALL forwarder controller tools)
+set(CPACK_DEB_COMPONENT_INSTALL ON)
+set(CPACK_STRIP_FILES ON)
+set(CPACK_INSTALL_DEFAULT_DIRECTORY_PERMISSIONS
+    OWNER_READ OWNER_WRITE OWNER_EXECUTE GROUP_READ GROUP_EXECUTE WORLD_READ WORLD_EXECUTE)
+
+set(CPACK_PACKAGING_INSTALL_PREFIX /usr)
+set(CPACK_DEBIAN_FILE_NAME DEB-DEFAULT)
+set(CPACK_DEBIAN_COMPRESSION_TYPE xz)
+set(CPACK_DEBIAN_PACKAGE_MAINTAINER "Vesk developers <vesk@example.org>")
+set(CPACK_DEBIAN_PACKAGE_RELEASE 1)
+set(CPACK_DEBIAN_PACKAGE_PRIORITY optional)
+set(CPACK_DEBIAN_PACKAGE_SECTION net)
+set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS ON)
+set(CPACK_DEBIAN_PACKAGE_CONTROL_STRICT_PERMISSION ON)
+# Core files are all that is left of a forwarder that crashed; the symbols make them readable.
+set(CPACK_DEBIAN_DEBUGINFO_PACKAGE ON)
+
+set(version "${PROJECT_VERSION}-${CPACK_DEBIAN_PACKAGE_RELEASE}")
+set(debian ${CMAKE_CURRENT_SOURCE_DIR}/debian)
+
+set(CPACK_DEBIAN_FORWARDER_PACKAGE_NAME vesk)
+set(CPACK_DEBIAN_FORWARDER_PACKAGE_SUGGESTS "vesk-controller, vesk-tools")
+set(CPACK_DEBIAN_FORWARDER_PACKAGE_CONTROL_EXTRA ${debian}/vesk/conffiles ${debian}/vesk/postinst)
+set(CPACK_DEBIAN_FORWARDER_DESCRIPTION "forwarder of authenticated UDP datagrams
+Vesk forwards UDP datagrams between remote peers and upstream services. Each
+datagram carries an HMAC and a flow label; for each declared label Vesk checks
+the HMAC, rewrites the label, signs again with another key and sends the
+datagram on. Replies take the same way back.
+
+This is the forwarder alone. It is run by a controlling service, which writes
+commands to its input and reads its log: the one in vesk-controller, or your
+own, for which vesk-control(7) is written.")
+
+set(CPACK_DEBIAN_CONTROLLER_PACKAGE_NAME vesk-controller)
+set(CPACK_DEBIAN_CONTROLLER_PACKAGE_SOURCE vesk)
+set(CPACK_DEBIAN_CONTROLLER_PACKAGE_DEPENDS "vesk (= ${version}), adduser")
+set(CPACK_DEBIAN_CONTROLLER_PACKAGE_SUGGESTS "prometheus, grafana")
+set(CPACK_DEBIAN_CONTROLLER_PACKAGE_SECTION admin)
+set(CPACK_DEBIAN_CONTROLLER_PACKAGE_CONTROL_EXTRA
+    ${debian}/vesk-controller/conffiles ${debian}/vesk-controller/postinst
+    ${debian}/vesk-controller/prerm ${debian}/vesk-controller/postrm)
+set(CPACK_DEBIAN_CONTROLLER_DESCRIPTION "controlling service for the Vesk forwarder
+Reads the flows from a TOML file, runs the forwarder with them, starts it again
+if it ends, applies changes of the file without touching other flows, and
+serves the counters to Prometheus.
+
+With a template unit for systemd, an example and a dashboard for Grafana.")
+
+set(CPACK_DEBIAN_TOOLS_PACKAGE_NAME vesk-tools)
+set(CPACK_DEBIAN_TOOLS_PACKAGE_SOURCE vesk)
+set(CPACK_DEBIAN_TOOLS_PACKAGE_SUGGESTS "vesk, tshark | wireshark")
+set(CPACK_DEBIAN_TOOLS_DESCRIPTION "traffic generator and dissector for the Vesk forwarder
+vesk-traffic plays both ends of a forwarder: peers that send signed datagrams
+and an upstream service that answers them. It verifies what arrives and
+measures rates, round trips and processor time.
+
+The dissector shows the framing of Vesk's datagrams in Wireshark and tshark,
+and says of each HMAC whether it is right.")
+
+# Each package has its own changelog and licence, as Debian wants it.
+add_custom_command(OUTPUT changelog.Debian.gz
+    COMMAND gzip --best --no-name --stdout ${debian}/changelog > changelog.Debian.gz
+    DEPENDS ${debian}/changelog VERBATIM)
+add_custom_target(vesk_changelog ALL DEPENDS changelog.Debian.gz)
+foreach(component IN LISTS CPACK_COMPONENTS_ALL)
+    string(TOUPPER ${component} upper)
+    install(FILES ${debian}/copyright ${CMAKE_CURRENT_BINARY_DIR}/changelog.Debian.gz
+        DESTINATION share/doc/${CPACK_DEBIAN_${upper}_PACKAGE_NAME} COMPONENT ${component})
+endforeach()
+
+include(CPack)
