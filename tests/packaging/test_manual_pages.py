@@ -1,0 +1,147 @@
+"""The manual pages: well formed, complete, and their examples true."""
+
+from __future__ import annotations
+
+import os
+import re
+import subprocess
+from pathlib import Path
+from typing import List
+
+import pytest
+
+from framework.bench import Bench
+from framework.udp import UdpEnd, free_port
+from framework.vesk_process import VeskProcess
+
+_ROOT = Path(__file__).resolve().parents[2]
+_PAGES = {path.name: path for path in map(Path, os.environ["VESK_PAGES"].split(":"))}
+
+# scdoc begins every block with a paragraph, also where mandoc has just begun one: no page without it.
+_HARMLESS = re.compile(r"WARNING: skipping paragraph macro: PP (empty|after SH)")
+
+_OPTION = re.compile(r"(?<![\w-])--[a-z][a-z-]*")
+
+
+def rendered(page: str) -> str:
+    """A page as it is read, as one line: where lines break is the reader's affair."""
+    said = subprocess.run(["mandoc", "-Tascii", str(_PAGES[page])], check=True, text=True,
+                          stdout=subprocess.PIPE).stdout
+    return re.sub(r"\s+", " ", re.sub(r".\b", "", said))
+
+
+def source(page: str) -> str:
+    return (_ROOT / "man" / f"{page}.scd").read_text()
+
+
+def literal_blocks(page: str) -> List[str]:
+    return re.findall(r"(?ms)^```\n(.*?)^```$", source(page))
+
+
+@pytest.mark.parametrize("page", sorted(_PAGES))
+def test_page_is_well_formed(page: str) -> None:
+    said = subprocess.run(["mandoc", "-Tlint", "-W", "warning", str(_PAGES[page])], text=True,
+                          stdout=subprocess.PIPE, check=False).stdout
+    assert [line for line in said.splitlines() if not _HARMLESS.search(line)] == []
+
+
+def test_every_source_is_a_page() -> None:
+    assert sorted(_PAGES) == sorted(path.stem for path in (_ROOT / "man").glob("*.scd"))
+
+
+@pytest.mark.parametrize("page", sorted(_PAGES))
+def test_references_lead_to_pages(page: str) -> None:
+    """To our own ones; those of others depend on what is installed."""
+    named = re.findall(r"\*(vesk[\w.-]*)\*\((\d)\)", source(page))
+    assert named
+    assert {f"{name}.{section}" for name, section in named} <= set(_PAGES)
+
+
+@pytest.mark.parametrize("page, program", [("vesk-traffic.1", "VESK_TRAFFIC"),
+                                           ("vesk-controller.8", "VESK_CONTROLLER")])
+def test_page_names_exactly_the_options_that_the_program_has(page: str, program: str) -> None:
+    said = subprocess.run([os.environ[program], "--help"], check=True, text=True,
+                          stdout=subprocess.PIPE, timeout=30).stdout
+    options = set(_OPTION.findall(said))
+    assert options
+    entries = {option for line in source(page).splitlines() if line.startswith("*-")
+               for option in _OPTION.findall(line)}
+    assert entries == options
+
+
+def test_page_names_every_key_of_the_file() -> None:
+    text = rendered("vesk-controller.toml.5")
+    keys = set()
+    for row in re.findall(r"(?m)^\|(?: `[\w.]+`)? +\| (`\w+`[^|]*)\|", controller_document()):
+        keys |= set(re.findall(r"`(\w+)`", row))
+    assert {"label", "upstream", "drain_seconds", "framing"} <= keys
+    assert [key for key in sorted(keys) if not re.search(rf"\b{key}\b", text)] == []
+
+
+def controller_document() -> str:
+    return (_ROOT / "docs/controller.md").read_text().split("| Table | Key |")[1]
+
+
+def test_example_of_the_file_is_accepted(tmp_path: Path) -> None:
+    (example,) = literal_blocks("vesk-controller.toml.5")
+    (tmp_path / "vesk.toml").write_text(example)
+    key = tmp_path / "alice.key"
+    key.touch(0o600)
+    key.write_text("00112233445566778899aabbccddeeff\n")
+    subprocess.run([os.environ["VESK_CONTROLLER"], "--check", str(tmp_path / "vesk.toml")],
+                   check=True, timeout=30)
+
+
+def test_answer_to_a_command_is_as_shown(tmp_path: Path) -> None:
+    commands, answer, *_ = literal_blocks("vesk-control.7")
+    assert log_of(commands, tmp_path) == answer.splitlines()
+
+
+def test_session_is_as_shown(tmp_path: Path) -> None:
+    *_, commands, answer = literal_blocks("vesk-control.7")
+    # The port of the page may be taken on this host.
+    port = f"port {free_port('0.0.0.0')}"
+    said = [line.replace(port, "port 4500").replace(port.replace("port ", "0.0.0.0|"),
+                                                    "0.0.0.0|4500")
+            for line in log_of(commands.replace("port 4500", port), tmp_path)]
+    assert [_masked(line) for line in said] == [_masked(line) for line in answer.splitlines()]
+
+
+def _masked(line: str) -> str:
+    """Without the numbers of threads and descriptors."""
+    return re.sub(r"thread: [0-9a-f]+|\(\d+\)", "...", line)
+
+
+def log_of(commands: str, folder: Path) -> List[str]:
+    """What a forwarder logs after these commands, the answer to the fence at their end included."""
+    vesk = VeskProcess(folder).ready()
+    since = vesk.mark()
+    vesk.write_input(commands.encode())
+    fence = f"error Unrecognised command '{commands.split()[-1]}'"
+    vesk.wait_for_log(fence, since)
+    lines = vesk.remarks(since)
+    vesk.finish()
+    return lines[:lines.index(fence) + 1]
+
+
+def test_report_is_laid_out_as_shown(tmp_path: Path) -> None:
+    (shown,) = [block for block in literal_blocks("vesk-control.7") if "Poll stats" in block]
+    vesk = VeskProcess(tmp_path).ready()
+    with UdpEnd() as peer, UdpEnd() as upstream:
+        bench = Bench(vesk, peer, upstream)
+        bench.exchange(bench.control)
+        report = [re.sub(r"\d+", "n", line) for line in vesk.lines_after("stats")]
+    vesk.finish()
+    workers = re.compile(r"(WakeNr:n,ReadyFdNr:n,DgNr:n )+")
+    one_worker = [workers.sub("WakeNr:n,ReadyFdNr:n,DgNr:n ", line) for line in report]
+    # There is no lateral stream, so its last line, the figures, is missing.
+    assert [line for line in one_worker if line] == [line for line in shown.splitlines()[:-1]
+                                                     if line]
+
+
+def test_first_example_of_the_generator_works() -> None:
+    command = literal_blocks("vesk-traffic.1")[0].split()
+    assert command[0] == "vesk-traffic"
+    command[0] = os.environ["VESK_TRAFFIC"]
+    command[command.index("--") + 1] = os.environ["VESK_BINARY"]
+    subprocess.run(command, check=True, timeout=60, stdout=subprocess.DEVNULL)

@@ -1,0 +1,140 @@
+"""What the packages are made of."""
+
+from __future__ import annotations
+
+import hashlib
+import re
+import subprocess
+from pathlib import Path
+from typing import Dict
+
+import pytest
+
+from conftest import Packages
+from debian import build_packages, contents, field, run
+
+_FILE = "-rw-r--r--"
+_PROGRAM = "-rwxr-xr-x"
+
+_MULTIARCH = run("dpkg-architecture", "--query", "DEB_HOST_MULTIARCH").strip()
+
+# Every file that is installed, with its mode. A file that is missing or too many is a mistake.
+_FILES: Dict[str, Dict[str, str]] = {
+    "vesk": {
+        "/etc/sysctl.d/20-vesk.conf": _FILE,
+        "/usr/bin/vesk": _PROGRAM,
+        "/usr/share/doc/vesk/changelog.Debian.gz": _FILE,
+        "/usr/share/doc/vesk/control.md": _FILE,
+        "/usr/share/doc/vesk/copyright": _FILE,
+        "/usr/share/doc/vesk/performance.md": _FILE,
+        "/usr/share/doc/vesk/wire-format.md": _FILE,
+        "/usr/share/man/man7/vesk-control.7.gz": _FILE,
+        "/usr/share/man/man8/vesk.8.gz": _FILE,
+    },
+    "vesk-controller": {
+        "/etc/vesk/example.toml": _FILE,
+        "/usr/bin/vesk-controller": _PROGRAM,
+        "/usr/lib/systemd/system/vesk-controller@.service": _FILE,
+        "/usr/share/doc/vesk-controller/changelog.Debian.gz": _FILE,
+        "/usr/share/doc/vesk-controller/copyright": _FILE,
+        "/usr/share/doc/vesk/controller.md": _FILE,
+        "/usr/share/doc/vesk/metrics.md": _FILE,
+        "/usr/share/doc/vesk/operating.md": _FILE,
+        "/usr/share/man/man5/vesk-controller.toml.5.gz": _FILE,
+        "/usr/share/man/man8/vesk-controller.8.gz": _FILE,
+        "/usr/share/vesk/grafana/vesk.json": _FILE,
+    },
+    "vesk-tools": {
+        "/usr/bin/vesk-traffic": _PROGRAM,
+        "/usr/share/doc/vesk-tools/changelog.Debian.gz": _FILE,
+        "/usr/share/doc/vesk-tools/copyright": _FILE,
+        "/usr/share/doc/vesk/capture.md": _FILE,
+        "/usr/share/man/man1/vesk-traffic.1.gz": _FILE,
+    } | {f"/usr/lib/{_MULTIARCH}/wireshark/plugins/vesk/{path.name}": _FILE
+         for path in (Path(__file__).parents[2] / "dissector").glob("*.lua")},
+}
+
+_CONFIGURATION = {
+    "vesk": ["/etc/sysctl.d/20-vesk.conf"],
+    "vesk-controller": ["/etc/vesk/example.toml"],
+    "vesk-tools": [],
+}
+
+_NAMES = sorted(_FILES)
+
+
+def test_there_is_a_package_for_each_component(packages: Packages) -> None:
+    assert sorted(packages) == _NAMES
+
+
+@pytest.mark.parametrize("name", _NAMES)
+def test_package_installs_its_files_and_no_others(packages: Packages, name: str) -> None:
+    entries = contents(packages[name])
+    files = {path: entry.mode for path, entry in entries.items() if not entry.mode.startswith("d")}
+    assert files == _FILES[name]
+    folders = {entry.mode for entry in entries.values() if entry.mode.startswith("d")}
+    assert folders == {"drwxr-xr-x"}
+    assert {entry.owner for entry in entries.values()} == {"root/root"}
+
+
+@pytest.mark.parametrize("name", _NAMES)
+def test_what_an_operator_edits_survives_an_upgrade(packages: Packages, name: str,
+                                                    tmp_path: Path) -> None:
+    run("dpkg-deb", "--control", packages[name], tmp_path)
+    listed = tmp_path / "conffiles"
+    assert (listed.read_text().split() if listed.exists() else []) == _CONFIGURATION[name]
+
+
+@pytest.mark.parametrize("name", _NAMES)
+def test_package_describes_itself(packages: Packages, name: str) -> None:
+    package = packages[name]
+    assert field(package, "Maintainer") == "Vesk developers <vesk@example.org>"
+    assert field(package, "Priority") == "optional"
+    assert field(package, "Section") in ("net", "admin")
+    assert len(field(package, "Description").splitlines()) > 3
+    assert "libc6 (>=" in field(package, "Depends"), "shared libraries are found by themselves"
+    changelog = Path(__file__).parents[2] / "packaging/debian/changelog"
+    newest = re.match(r"vesk \((\S+)\)", changelog.read_text())
+    assert newest is not None and field(package, "Version") == newest[1]
+
+
+def test_controller_comes_with_its_own_forwarder(packages: Packages) -> None:
+    version = field(packages["vesk"], "Version")
+    assert f"vesk (= {version})" in field(packages["vesk-controller"], "Depends").split(", ")
+
+
+@pytest.mark.parametrize("name", _NAMES)
+def test_programs_are_stripped(packages: Packages, name: str, tmp_path: Path) -> None:
+    run("dpkg-deb", "--extract", packages[name], tmp_path)
+    programs = [path for path in tmp_path.rglob("*") if path.parent.name == "bin"]
+    assert programs
+    for program in programs:
+        sections = run("readelf", "--wide", "--section-headers", program)
+        assert ".text" in sections and ".symtab" not in sections and ".debug" not in sections
+
+
+def test_symbols_are_kept_beside_the_packages(packages: Packages) -> None:
+    folder = packages["vesk"].parent
+    assert sorted(path.name.split("_")[0] for path in folder.glob("*.ddeb")) == [
+        f"{name}-dbgsym" for name in _NAMES]
+
+
+def test_lintian_has_nothing_to_say(packages: Packages) -> None:
+    result = subprocess.run(
+        ["lintian", "--allow-root", "--no-cfg", "--fail-on", "error,warning",
+         "--suppress-tags", _SUPPRESSED, *map(str, packages.values())],
+        text=True, timeout=300, stdout=subprocess.PIPE, stderr=subprocess.STDOUT, check=False)
+    assert result.returncode == 0, result.stdout
+
+
+# initial-upload-closes-no-bugs: these packages are not for Debian's archive.
+_SUPPRESSED = "initial-upload-closes-no-bugs"
+
+
+def test_same_tree_makes_the_same_bytes(packages: Packages, tmp_path: Path) -> None:
+    again = build_packages(tmp_path)
+    assert _digests(again) == _digests(packages)
+
+
+def _digests(packages: Packages) -> Dict[str, str]:
+    return {name: hashlib.sha256(path.read_bytes()).hexdigest() for name, path in packages.items()}

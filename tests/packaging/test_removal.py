@@ -1,0 +1,50 @@
+"""Installing again, removing and purging: what an operator wrote stays, all else goes."""
+
+from __future__ import annotations
+
+from conftest import Packages
+from debian import Root
+
+_EXAMPLE = "etc/vesk/example.toml"
+_KEY = "etc/vesk/example.key"
+
+
+def test_upgrade_keeps_what_was_edited(installed: Root, packages: Packages) -> None:
+    (installed / _EXAMPLE).write_text("# edited\n")
+    key = (installed / _KEY).read_bytes()
+    installed.install(*packages.values())
+    assert (installed / _EXAMPLE).read_text() == "# edited\n"
+    assert (installed / _KEY).read_bytes() == key
+
+
+def test_upgrade_does_not_bring_back_what_was_removed(installed: Root, packages: Packages) -> None:
+    (installed / _EXAMPLE).unlink()
+    (installed / _KEY).unlink()
+    installed.install(*packages.values())
+    assert not (installed / _EXAMPLE).exists()
+    assert not (installed / _KEY).exists()
+
+
+def test_removal_leaves_configuration_and_keys(installed: Root, packages: Packages) -> None:
+    installed.remove(*packages)
+    assert installed.files() == ["etc/sysctl.d/20-vesk.conf", _KEY, _EXAMPLE]
+
+
+def test_purge_leaves_nothing(installed: Root, packages: Packages) -> None:
+    core = installed / "var/lib/vesk/example/core"
+    core.parent.mkdir(parents=True)
+    core.touch()
+    link = installed / "etc/systemd/system/multi-user.target.wants/vesk-controller@example.service"
+    link.parent.mkdir(parents=True)
+    link.symlink_to("/usr/lib/systemd/system/vesk-controller@.service")
+    installed.purge(*packages)
+    assert installed.files() == []
+    assert not (installed / "etc/vesk").exists()
+    assert installed.states() == {}
+
+
+def test_purge_leaves_what_was_written_by_hand(installed: Root, packages: Packages) -> None:
+    for name in ("edge.toml", "edge.key"):
+        (installed / "etc/vesk" / name).write_text("ours\n")
+    installed.purge(*packages)
+    assert installed.files() == ["etc/vesk/edge.key", "etc/vesk/edge.toml"]
