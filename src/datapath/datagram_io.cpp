@@ -39,13 +39,11 @@ SocketAddress ipv6Destination(const in6_pktinfo& information) {
     return {reinterpret_cast<const sockaddr*>(&address), sizeof(address)};
 }
 
-bool usesIpv4TrafficClass(const sockaddr_storage& destination) {
-    if (destination.ss_family != AF_INET6) {
-        return destination.ss_family == AF_INET;
+bool usesIpv4TrafficClass(const SocketAddress& destination) {
+    if (destination.family() != AF_INET6) {
+        return destination.family() == AF_INET;
     }
-    sockaddr_in6 ipv6;
-    std::memcpy(&ipv6, &destination, sizeof(ipv6));
-    return IN6_IS_ADDR_V4MAPPED(&ipv6.sin6_addr);
+    return IN6_IS_ADDR_V4MAPPED(&destination.storage.sin6_addr);
 }
 
 }  // namespace
@@ -110,8 +108,7 @@ SocketAddress findLocalDestination(int family, std::span<const std::uint8_t> con
 }
 
 OutgoingMessage::OutgoingMessage() {
-    destination_.ss_family = AF_UNSPEC;
-    header_.msg_name = &destination_;
+    header_.msg_name = &destination_.storage;
     header_.msg_iov = &element_;
     header_.msg_iovlen = 1;
 }
@@ -121,7 +118,7 @@ void OutgoingMessage::setDatagram(std::span<std::uint8_t> datagram) {
 }
 
 void OutgoingMessage::setDestination(const SocketAddress& destination) {
-    std::memcpy(&destination_, &destination.storage, destination.length);
+    destination_ = destination;
     header_.msg_namelen = destination.length;
     header_.msg_control = nullptr;
     header_.msg_controllen = 0;
@@ -144,14 +141,14 @@ void OutgoingMessage::addSource(const SocketAddress& local) {
     if (local.length == 0) {
         return;
     }
-    if (local.storage.ss_family == AF_INET6) {
+    if (local.family() == AF_INET6) {
         const auto address = readAt<sockaddr_in6>(local.bytes());
         in6_pktinfo information{};
         information.ipi6_addr = address.sin6_addr;
         information.ipi6_ifindex = address.sin6_scope_id;
         const auto data = appendControl(IPPROTO_IPV6, IPV6_PKTINFO, sizeof(information));
         std::memcpy(data.data(), &information, sizeof(information));
-    } else if (local.storage.ss_family == AF_INET) {
+    } else if (local.family() == AF_INET) {
         // Kept: the address stands in ipi_addr, where the kernel does not look for a source
         // (ip(7)), and not in ipi_spec_dst; on IPv4 the kernel's own choice of source stands.
         in_pktinfo information{};

@@ -85,9 +85,8 @@ class OutgoingMessage {
 
     msghdr header_{};
     iovec element_{};
-    // Made for every datagram, so these are left as they come; the header says how much of them
-    // counts.
-    sockaddr_storage destination_;
+    SocketAddress destination_;
+    // Made for every datagram, so left as it comes; the header says how much of it counts.
     alignas(cmsghdr) std::array<std::uint8_t, 80> control_;
 };
 

@@ -94,7 +94,7 @@ SocketAddress lateralAddress(ConstDatagramBuffer buffer, const LateralHeader& he
         buffer.subspan(lateralLayout.addressOffset, header.length - lateralLayout.hmacLength);
     SocketAddress address;
     std::memcpy(&address.storage, bytes.data(), bytes.size());
-    if (isAddressOfFamily(address.storage.ss_family, bytes.size())) {
+    if (isAddressOfFamily(address.family(), bytes.size())) {
         address.length = static_cast<socklen_t>(bytes.size());
     }
     return address;

@@ -11,7 +11,6 @@
 #include <iosfwd>
 #include <memory>
 #include <span>
-#include <string>
 #include <string_view>
 
 // libcrypto's name for the type; hmac.h is left to the one file that calls it.
@@ -62,7 +61,8 @@ struct HmacInfo {
     std::unique_ptr<HMAC_CTX, HmacContextDeleter> context;
     DigestSelector digest;
     std::array<std::uint8_t, maxHmacKeyLength> key{};
-    std::string algoName;
+    /// A constant: the name of one of the algorithms above.
+    std::string_view algoName;
 };
 
 /// For diagnostics only: it shows the key.

@@ -77,7 +77,7 @@ IPAddrInfo::IPAddrInfo(const std::string& host, std::uint32_t port)
     for (const addrinfo* it = results.get(); it != nullptr; it = it->ai_next) {
         if (it->ai_addrlen <= sizeof(sockaddr_storage)) {
             family_ = it->ai_family;
-            address_ = SocketAddress(it->ai_addr, it->ai_addrlen);
+            store(it->ai_addr, it->ai_addrlen);
             break;
         }
     }
@@ -86,7 +86,8 @@ IPAddrInfo::IPAddrInfo(const std::string& host, std::uint32_t port)
     }
 }
 
-IPAddrInfo::IPAddrInfo(const sockaddr* address, socklen_t length) : address_(address, length) {
+IPAddrInfo::IPAddrInfo(const sockaddr* address, socklen_t length) {
+    store(address, length);
     PrintedAddress printed{};
     if (address->sa_family == AF_INET) {
         const auto ipv4 = readAs<sockaddr_in>(address);
@@ -104,6 +105,21 @@ IPAddrInfo::IPAddrInfo(const sockaddr* address, socklen_t length) : address_(add
     family_ = address->sa_family;
     host_ = std::move(printed.host);
     port_ = printed.port;
+}
+
+void IPAddrInfo::store(const sockaddr* address, socklen_t length) {
+    if (length <= SocketAddress::capacity) {
+        address_ = SocketAddress(address, length);
+        return;
+    }
+    const auto other = std::make_shared<OtherAddress>();
+    std::memcpy(&other->storage, address, length);
+    other->length = length;
+    other_ = other;
+}
+
+const sockaddr* IPAddrInfo::addr() const {
+    return other_ ? reinterpret_cast<const sockaddr*>(&other_->storage) : address_.get();
 }
 
 IPAddrInfo mergeAddresses(const IPAddrInfo& newer, const IPAddrInfo& older) {
@@ -128,9 +144,8 @@ int familyOfAddressText(std::string_view address) {
 
 SocketAddress withPort(SocketAddress address, std::uint16_t port) {
     const in_port_t networkPort = htons(port);
-    const std::size_t offset = address.storage.ss_family == AF_INET6
-                                   ? offsetof(sockaddr_in6, sin6_port)
-                                   : offsetof(sockaddr_in, sin_port);
+    const std::size_t offset = address.family() == AF_INET6 ? offsetof(sockaddr_in6, sin6_port)
+                                                            : offsetof(sockaddr_in, sin_port);
     std::memcpy(reinterpret_cast<std::uint8_t*>(&address.storage) + offset, &networkPort,
                 sizeof(networkPort));
     return address;

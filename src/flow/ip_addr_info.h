@@ -8,21 +8,28 @@
 
 #include <array>
 #include <cstdint>
+#include <memory>
 #include <span>
 #include <string>
 #include <string_view>
 
 namespace vesk {
 
-/// A socket address of any family as the kernel wrote it; empty when its length is 0. Trivially
-/// copyable, so that the datapath can pass it about without an allocation.
+/// A socket address as the kernel wrote it; empty when its length is 0. Trivially copyable, so that
+/// the datapath can pass it about without an allocation, and no larger than the families that it
+/// serves: every flow keeps a dozen.
 struct SocketAddress {
-    sockaddr_storage storage{};
+    /// The larger of the two; an IPv4 address begins with its family too.
+    sockaddr_in6 storage{};
     socklen_t length = 0;
 
     SocketAddress() = default;
+    /// At most `capacity` bytes.
     SocketAddress(const sockaddr* address, socklen_t addressLength);
 
+    static constexpr socklen_t capacity = sizeof(storage);
+
+    int family() const { return storage.sin6_family; }
     const sockaddr* get() const { return reinterpret_cast<const sockaddr*>(&storage); }
     sockaddr* get() { return reinterpret_cast<sockaddr*>(&storage); }
     std::span<const std::uint8_t> bytes() const;
@@ -50,16 +57,28 @@ class IPAddrInfo {
     std::uint16_t port() const { return port_; }
     /// AF_INET, AF_INET6, or 0 while unresolved.
     int family() const { return family_; }
-    bool resolved() const { return address_.length != 0; }
+    bool resolved() const { return addrLen() != 0; }
+    /// Empty for an address of a family other than IPv4 and IPv6.
     const SocketAddress& socketAddress() const { return address_; }
-    const sockaddr* addr() const { return address_.get(); }
-    socklen_t addrLen() const { return address_.length; }
+    const sockaddr* addr() const;
+    socklen_t addrLen() const { return other_ ? other_->length : address_.length; }
 
  private:
+    /// An address that SocketAddress has no room for. Aside, since nothing that Vesk does brings
+    /// one.
+    struct OtherAddress {
+        sockaddr_storage storage{};
+        socklen_t length = 0;
+    };
+
+    void store(const sockaddr* address, socklen_t length);
+
     std::string host_;
     std::uint16_t port_ = 0;
     int family_ = 0;
     SocketAddress address_;
+    /// Never changed once made, so that copies may share it.
+    std::shared_ptr<const OtherAddress> other_;
 };
 
 /// The merge that an update makes: the parts that `newer` lacks come from `older`, and what was put

@@ -113,7 +113,7 @@ void returnWhatIsTooLong(const Buffer& received) {
 SocketAddress senderFrom(View bytes, sa_family_t family, socklen_t length) {
     SocketAddress address;
     std::memcpy(&address.storage, bytes.data(), std::min<std::size_t>(bytes.size(), length));
-    address.storage.ss_family = family;
+    address.storage.sin6_family = family;
     address.length = length;
     return address;
 }

@@ -23,7 +23,7 @@ std::ostream& operator<<(std::ostream& out, const Counts& counts) {
 EndpointPtr listeningEndpoint(const UdpSocket& socket) {
     auto endpoint = std::make_unique<VeskEndpointDescriptor>(0, socket.fd(), socket.fd(),
                                                              FlowDesc(), [](int, int) {});
-    endpoint->family = socket.address().storage.ss_family;
+    endpoint->family = socket.address().storage.sin6_family;
     return endpoint;
 }
 

@@ -212,9 +212,9 @@ TEST_F(LateralHeaderTest, GivesNoAddressWhoseLengthIsNotItsFamilys) {
     SocketAddress between = ipv6Sender();
     between.length = 20;
     SocketAddress otherFamily = ipv4Sender();
-    otherFamily.storage.ss_family = AF_UNIX;
+    otherFamily.storage.sin6_family = AF_UNIX;
     SocketAddress noFamily = ipv4Sender();
-    noFamily.storage.ss_family = 0;
+    noFamily.storage.sin6_family = 0;
     for (const SocketAddress& address :
          {ipv4TooLong, ipv6TooShort, between, otherFamily, noFamily}) {
         put(headerFor(2, address, key));

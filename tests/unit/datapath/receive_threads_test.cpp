@@ -185,7 +185,7 @@ TEST_F(LateralThreadTest, SendsNothingToAnAddressThatIsNone) {
     SocketAddress longIpv4 = peer.address();
     longIpv4.length = 28;
     SocketAddress otherFamily = peer.address();
-    otherFamily.storage.ss_family = AF_UNIX;
+    otherFamily.storage.sin6_family = AF_UNIX;
     std::uint64_t count = 0;
     for (const SocketAddress& address : {longIpv4, otherFamily}) {
         sendToInstance(wrapped(2, address, lateralKey, framed(0x2222, payload)));

@@ -142,6 +142,7 @@ TEST(IPAddrInfoTest, KeepsTheBytesOfAnyOtherFamily) {
     EXPECT_EQ(info.port(), 0);
     EXPECT_EQ(info.family(), 0);
     EXPECT_EQ(info.addrLen(), 128U);
+    EXPECT_EQ(std::memcmp(info.addr(), &other, sizeof(other)), 0);
     EXPECT_TRUE(info.resolved());
 }
 
