@@ -7,6 +7,8 @@
 #include <cstring>
 
 #include "base/thread_control.h"
+#include "log/error_text.h"
+#include "log/log.h"
 
 namespace vesk {
 
@@ -37,6 +39,13 @@ SocketAddress ipv6Destination(const in6_pktinfo& information) {
     address.sin6_addr = information.ipi6_addr;
     address.sin6_scope_id = information.ipi6_ifindex;
     return {reinterpret_cast<const sockaddr*>(&address), sizeof(address)};
+}
+
+ReceiveResult receiveCancellably(IncomingMessage& message, VeskEndpointDescriptor& endpoint) {
+    message.prepare(endpoint);
+    const CancellationScope cancellable;
+    const ssize_t received = recvmsg(endpoint.rdsockfd, message.header(), 0);
+    return {received, errno};
 }
 
 bool usesIpv4TrafficClass(const SocketAddress& destination) {
@@ -70,11 +79,20 @@ SocketAddress IncomingMessage::localDestination(int family) const {
     return findLocalDestination(family, std::span(control_).first(header_.msg_controllen));
 }
 
-ReceiveResult receiveCancellably(IncomingMessage& message, VeskEndpointDescriptor& endpoint) {
-    message.prepare(endpoint);
-    const CancellationScope cancellable;
-    const ssize_t received = recvmsg(endpoint.rdsockfd, message.header(), 0);
-    return {received, errno};
+std::size_t awaitDatagram(IncomingMessage& message, VeskEndpointDescriptor& endpoint,
+                          std::string_view name) {
+    const ReceiveResult result = receiveCancellably(message, endpoint);
+    if (result.received >= 1) {
+        endpoint.counters.rxDg.increment();
+        return static_cast<std::size_t>(result.received);
+    }
+    if (message.truncated()) {
+        endpoint.counters.rxDgError.increment();
+    } else if (result.error != ECONNREFUSED) {
+        logError("Forwarder ", name, " endpoint got error while receiving: errno = ", result.error,
+                 " (", errorText(result.error), ").");
+    }
+    return 0;
 }
 
 ReceiveResult receiveNow(IncomingMessage& message, VeskEndpointDescriptor& endpoint) {

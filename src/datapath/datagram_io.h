@@ -9,6 +9,7 @@
 #include <cstdint>
 #include <optional>
 #include <span>
+#include <string_view>
 
 #include "flow/flow_desc.h"
 #include "net/endpoint.h"
@@ -46,9 +47,11 @@ struct ReceiveResult {
     int error;
 };
 
-/// Waits for the next datagram of a blocking endpoint. The calling thread may be cancelled
-/// meanwhile.
-ReceiveResult receiveCancellably(IncomingMessage& message, VeskEndpointDescriptor& endpoint);
+/// Waits for the next datagram of a blocking endpoint, known as `name` in the log, and counts it.
+/// Its length; 0 where something else came of the wait, which is counted or logged. The calling
+/// thread may be cancelled meanwhile.
+std::size_t awaitDatagram(IncomingMessage& message, VeskEndpointDescriptor& endpoint,
+                          std::string_view name);
 
 /// Receives without waiting, should the socket have stayed a blocking one too. An empty datagram is
 /// reported like a drained socket (EAGAIN): it is no reason to give a flow up.

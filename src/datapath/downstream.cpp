@@ -245,20 +245,14 @@ void downstreamEptRecv(const std::shared_ptr<ForwarderContext>& context,
                        const EndpointPtr& endpoint) {
     IncomingMessage message;
     while (true) {
-        const ReceiveResult result = receiveCancellably(message, *endpoint);
-        if (result.received >= 1) {
-            endpoint->counters.rxDg.increment();
+        const std::size_t length = awaitDatagram(message, *endpoint, "downstream");
+        if (length != 0) {
             downstreamPacketReceived({*endpoint,
-                                      static_cast<std::size_t>(result.received),
+                                      length,
                                       message.sender(),
                                       message.localDestination(endpoint->family),
                                       {}},
                                      *context);
-        } else if (message.truncated()) {
-            endpoint->counters.rxDgError.increment();
-        } else if (result.error != ECONNREFUSED) {
-            logError("Forwarder downstream endpoint got error while receiving: ", "errno = ",
-                     result.error, " (", errorText(result.error), ").");
         }
     }
 }

@@ -9,8 +9,6 @@
 #include "datapath/downstream.h"
 #include "datapath/framing.h"
 #include "datapath/lateral_header.h"
-#include "log/error_text.h"
-#include "log/log.h"
 
 namespace vesk {
 
@@ -79,16 +77,9 @@ void lateralStreamRecv(const std::shared_ptr<ForwarderContext>& context,
                        const EndpointPtr& endpoint) {
     IncomingMessage message;
     while (true) {
-        const ReceiveResult result = receiveCancellably(message, *endpoint);
-        if (result.received >= 1) {
-            endpoint->counters.rxDg.increment();
-            lateralReceived(*endpoint, static_cast<std::size_t>(result.received), message,
-                            *context);
-        } else if (message.truncated()) {
-            endpoint->counters.rxDgError.increment();
-        } else if (result.error != ECONNREFUSED) {
-            logError("Forwarder lateral stream endpoint got error while receiving: errno = ",
-                     result.error, " (", errorText(result.error), ").");
+        const std::size_t length = awaitDatagram(message, *endpoint, "lateral stream");
+        if (length != 0) {
+            lateralReceived(*endpoint, length, message, *context);
         }
     }
 }

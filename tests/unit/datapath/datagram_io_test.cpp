@@ -175,9 +175,9 @@ TEST_P(ReceiveTest, WaitsUntilItIsCancelled) {
     CancellableThread thread;
     ASSERT_EQ(thread.start([&] {
         IncomingMessage incoming;
-        EXPECT_EQ(receiveCancellably(incoming, *waiting).received, 5);
+        EXPECT_EQ(awaitDatagram(incoming, *waiting, "test"), 5U);
         mark.set();
-        receiveCancellably(incoming, *waiting);
+        awaitDatagram(incoming, *waiting, "test");
         ADD_FAILURE() << "came back";
     }),
               0);
