@@ -1,0 +1,114 @@
+"""In the steady state no datagram costs an allocation, but for libcrypto's own."""
+
+from __future__ import annotations
+
+import os
+import struct
+from pathlib import Path
+from typing import Callable, Dict, List, NamedTuple
+
+import pytest
+
+from conftest import StartVesk
+from framework.bench import Bench
+from framework.flow import Flow, four_keys
+from framework.lateral import LOOPBACK, join, owned_label, shared_free_port
+from framework.udp import UdpEnd
+from framework.vesk_process import VeskProcess
+
+COUNTER = os.environ.get("VESK_ALLOCATION_COUNTER", "")
+
+pytestmark = pytest.mark.skipif(not COUNTER, reason="a sanitizer has the allocator for itself")
+
+WARM_UP = 300
+MEASURED = 1000
+
+
+class Allocations(NamedTuple):
+    libcrypto: int
+    others: int
+
+
+class CountedVesk:
+    """A forwarder whose allocations are counted in a file."""
+
+    def __init__(self, start_vesk: StartVesk, folder: Path) -> None:
+        self._counts = folder / "counts"
+        self._counts.write_bytes(bytes(16))
+        environment: Dict[str, str] = {"LD_PRELOAD": COUNTER,
+                                       "VESK_ALLOCATION_COUNTS": str(self._counts)}
+        self.vesk: VeskProcess = start_vesk(environment=environment).ready()
+
+    def allocations(self) -> Allocations:
+        return Allocations(*struct.unpack("QQ", self._counts.read_bytes()))
+
+
+@pytest.fixture
+def counted(start_vesk: StartVesk, tmp_path: Path) -> CountedVesk:
+    return CountedVesk(start_vesk, tmp_path)
+
+
+def in_the_steady_state(counted: CountedVesk, exchange: Callable[[int], None]) -> Allocations:
+    """What so many exchanges allocate, after others had grown all that grows."""
+    for number in range(WARM_UP):
+        exchange(number)
+    before = counted.allocations()
+    for number in range(MEASURED):
+        exchange(number)
+    after = counted.allocations()
+    return Allocations(*(late - early for late, early in zip(after, before)))
+
+
+def test_opening_a_flow_is_seen_to_allocate(counted: CountedVesk, peer: UdpEnd,
+                                            upstream: UdpEnd) -> None:
+    bench = Bench(counted.vesk, peer, upstream)
+    flow = bench.flow(**four_keys("sha256"))
+    bench.declare(flow)
+    before = counted.allocations()
+    bench.exchange(flow)
+    assert counted.allocations().others > before.others
+    assert counted.allocations().libcrypto > before.libcrypto
+
+
+@pytest.mark.parametrize("flows", [1, 40])
+def test_forwarding_allocates_nothing(counted: CountedVesk, peer: UdpEnd, upstream: UdpEnd,
+                                      flows: int) -> None:
+    bench = Bench(counted.vesk, peer, upstream)
+    all_flows: List[Flow] = [bench.flow(label, **four_keys("sha256"))
+                             for label in range(1, flows + 1)]
+    bench.declare(*all_flows)
+
+    spent = in_the_steady_state(counted, lambda number: bench.exchange(all_flows[number % flows]))
+
+    assert spent.others == 0
+    assert spent.libcrypto > 0, "the counter is not at work"
+
+
+def test_a_refused_datagram_allocates_nothing(counted: CountedVesk, peer: UdpEnd,
+                                              upstream: UdpEnd) -> None:
+    bench = Bench(counted.vesk, peer, upstream)
+    unknown = bench.flow(77, **four_keys("sha256"))
+
+    def refuse(_: int) -> None:
+        bench.send(unknown.request(b"nobody declared this label"))
+        bench.send(b"short")
+        bench.nothing_went_upstream()
+
+    assert in_the_steady_state(counted, refuse) == Allocations(0, 0)
+
+
+def test_handing_over_to_another_instance_allocates_nothing(
+        counted: CountedVesk, start_vesk: StartVesk, peer: UdpEnd, upstream: UdpEnd) -> None:
+    bench = Bench(counted.vesk, peer, upstream)
+    owner = start_vesk().ready()
+    hosts = {index: LOOPBACK[index] for index in (0, 1)}
+    port = shared_free_port(list(hosts.values()))
+    join(counted.vesk, 0, hosts, port, instances=2)
+    join(owner, 1, hosts, port, instances=2)
+    flow = bench.flow(owned_label(1), **four_keys("sha256"))
+    owner.lines_after(flow.set_command())
+
+    spent = in_the_steady_state(counted, lambda _: bench.exchange(flow))
+
+    assert spent.others == 0
+    assert spent.libcrypto > 0
