@@ -5,6 +5,7 @@ from typing import Optional
 
 PAYLOADS = (64, 512, 1200)
 FLOWS = (1, 100, 2000)
+MANY_FLOWS = 8_000
 QUIET_RATE = 20_000
 ROUND_TRIP_RATE = 1_000
 
@@ -31,6 +32,7 @@ class Plan:
 
 def full_plan() -> Plan:
     saturation = [Scenario(payload, flows, None) for payload in PAYLOADS for flows in FLOWS]
+    saturation.append(Scenario(512, MANY_FLOWS, None))
     paced = [Scenario(512, flows, rate) for rate in (QUIET_RATE, ROUND_TRIP_RATE)
              for flows in FLOWS]
     return Plan(tuple(saturation + paced), rounds=5, warm_up=0.5, duration=2.0)
