@@ -1,59 +1,94 @@
 """Shows the forwarder at work, for somebody who has never seen it.
 
 The forwarder is a child process. It reads commands, one a line, and answers none of
-them; what happened can be read in its log. This script plays everybody around it: the
-controlling service that types the commands, the peers, and the upstream service. It
-checks the HMAC and the label of every datagram with a framing of its own.
+them; what happened can be read in its log. This script plays the controlling service,
+which types the commands. The peers and the upstream service are the traffic generator:
+it sends, echoes, and checks label, HMAC and payload of every datagram at both ends.
 """
 
 from __future__ import annotations
 
 import argparse
+import json
 import os
 import re
-import statistics
+import subprocess
 import sys
 import tempfile
-import time
 from contextlib import ExitStack
-from dataclasses import dataclass, field
+from dataclasses import dataclass
 from pathlib import Path
-from typing import Callable, List, Sequence
+from typing import Dict, List, Sequence
 
 sys.path.insert(0, str(Path(__file__).resolve().parent.parent / "tests" / "functional"))
 sys.dont_write_bytecode = True
 
-from framework.flow import Flow, four_keys  # noqa: E402
-from framework.framing import UDPV2  # noqa: E402
 from framework.lateral import LOOPBACK, shared_free_port  # noqa: E402
-from framework.udp import Address, UdpEnd, UpstreamService, free_port  # noqa: E402
+from framework.udp import Address, free_port  # noqa: E402
 from framework.vesk_process import VeskProcess  # noqa: E402
 
 DATAGRAMS = 1000
-ANSWER_SECONDS = 1.0
+ANSWER_SECONDS = 1
+LONGEST_RUN_SECONDS = 60
 
 # Lines that tell the story; the rest of the log is about the machinery.
 TELLING = re.compile(r"(info (Starting|Endpoint socket bound|Vesk|Created upstream|Added"
                      r"|cltMessageLoop|Forwarder listener)|warn |error ).*")
 
 
-@dataclass
+@dataclass(frozen=True)
 class Result:
-    """How one flow fared."""
+    """How one flow fared, as the traffic generator reports it."""
 
     name: str
-    sent: int = 0
-    answered: int = 0
-    bad: int = 0
-    round_trips: List[float] = field(default_factory=list)
+    report: Dict[str, float]
+    status: int
+
+    def count(self, *names: str) -> int:
+        return int(sum(self.report.get(name, 0) for name in names))
+
+    @property
+    def bad(self) -> int:
+        return self.count("wrong", "unexpected")
 
     @property
     def flawless(self) -> bool:
-        return self.sent == self.answered and self.bad == 0
+        # Every datagram is verified twice: upstream as a request, at the peer as its reply.
+        return (self.status == 0 and self.bad == 0 and self.count("verified") >= 2 * DATAGRAMS
+                and self.count("sent") == self.count("answered") == DATAGRAMS)
 
     def row(self) -> str:
-        median = statistics.median(self.round_trips) * 1e6 if self.round_trips else float("nan")
-        return f"  {self.name:<34}{self.sent:>7}{self.answered:>10}{self.bad:>6}{median:>12.0f} us"
+        median = self.report.get("p50_us", float("nan"))
+        return (f"  {self.name:<34}{self.count('sent'):>7}{self.count('answered'):>10}"
+                f"{self.bad:>6}{median:>12.0f} us")
+
+
+@dataclass(frozen=True)
+class Flow:
+    """One label with its keys, which the traffic generator draws from a seed."""
+
+    traffic: str
+    label: int
+    algorithm: str
+    seed: int
+    upstream_port: int
+
+    def set_command(self) -> str:
+        printed = self._run(1, "--print-commands").stdout
+        return next(line for line in printed.splitlines() if line.startswith("set "))
+
+    def exchange(self, name: str, to: Address) -> Result:
+        """Sends datagrams one after the other; each is checked at both ends."""
+        run = self._run(to[1], "--requests", DATAGRAMS, "--window", 1, "--warm-up", 0,
+                        "--verify-every", 1, "--loss-timeout", ANSWER_SECONDS,
+                        "--duration", LONGEST_RUN_SECONDS, "--json")
+        return Result(name, json.loads(run.stdout) if run.stdout else {}, run.returncode)
+
+    def _run(self, port: int, *arguments: object) -> "subprocess.CompletedProcess[str]":
+        words = [self.traffic, "--label-base", self.label, "--algorithm", self.algorithm,
+                 "--seed", self.seed, "--port", port, "--upstream-port", self.upstream_port]
+        return subprocess.run([str(word) for word in (*words, *arguments)], check=False,
+                              stdout=subprocess.PIPE, text=True)
 
 
 class ControllingService:
@@ -100,51 +135,11 @@ def title(text: str) -> None:
     print(f"\n{text}")
 
 
-def exchange(flow: Flow, name: str, to: Address) -> Result:
-    """Sends datagrams one after the other and checks the reply to each."""
-    result = Result(name)
-    with UdpEnd() as peer:
-        peer.socket.settimeout(ANSWER_SECONDS)
-        for number in range(DATAGRAMS):
-            payload = f"datagram {number} of {name}".encode()
-            began = time.perf_counter()
-            peer.send(flow.request(payload), to)
-            result.sent += 1
-            try:
-                reply, sender = peer.socket.recvfrom(65536)
-            except TimeoutError:
-                continue
-            result.round_trips.append(time.perf_counter() - began)
-            if is_good(flow, reply, payload) and sender[:2] == to:
-                result.answered += 1
-            else:
-                result.bad += 1
-    return result
-
-
-def is_good(flow: Flow, reply: bytes, payload: bytes) -> bool:
-    try:
-        return flow.open_reply(reply).payload == payload
-    except (AssertionError, ValueError):
-        return False
-
-
-def echo_service(flows: Sequence[Flow]) -> Callable[[bytes], bytes]:
-    """An upstream service that checks what it gets and sends the payload back, signed."""
-    by_label = {flow.up_label: flow for flow in flows}
-    return lambda datagram: by_label[UDPV2.parse(datagram).label].echo(datagram)
-
-
 def print_table(results: Sequence[Result]) -> bool:
     print(f"  {'flow':<34}{'sent':>7}{'answered':>10}{'bad':>6}{'median round trip':>18}")
     for result in results:
         print(result.row())
     return all(result.flawless for result in results)
-
-
-def two_flows() -> List[Flow]:
-    return [Flow(label=1001, up_label=2001, down_label=3001, **four_keys("sha256")),
-            Flow(label=1002, up_label=2002, down_label=3002)]
 
 
 def start(stack: ExitStack, name: str) -> ControllingService:
@@ -160,11 +155,10 @@ def listen(service: ControllingService) -> Address:
     return "127.0.0.1", port
 
 
-def show_forwarding(stack: ExitStack) -> bool:
-    flows = two_flows()
-    upstream = stack.enter_context(UpstreamService(echo_service(flows)))
-    for flow in flows:
-        flow.upstream = upstream.address
+def show_forwarding(stack: ExitStack, traffic: str) -> bool:
+    upstream_port = free_port()
+    flows = [Flow(traffic, 1001, "sha256", 1, upstream_port),
+             Flow(traffic, 1002, "none", 2, upstream_port)]
 
     print("peer  <-->  forwarder  <-->  upstream echo service      (all on 127.0.0.1)")
     title("1. The forwarder starts; the controlling service types (<) and reads the log (>):")
@@ -173,9 +167,9 @@ def show_forwarding(stack: ExitStack) -> bool:
     for flow in flows:
         service.type(flow.set_command())
 
-    title(f"2. A peer sends {DATAGRAMS} datagrams on each flow and checks every reply:")
-    results = [exchange(flows[0], "label 1001, SHA-256 both ways", to),
-               exchange(flows[1], "label 1002, no keys", to)]
+    title(f"2. A peer sends {DATAGRAMS} datagrams on each flow; both ends check every one:")
+    results = [flows[0].exchange("label 1001, SHA-256 both ways", to),
+               flows[1].exchange("label 1002, no keys", to)]
     service.show_log()
 
     title("3. The controlling service closes the channel:")
@@ -194,14 +188,12 @@ def print_report(service: ControllingService) -> None:
     service.skip_log()
 
 
-def show_lateral(stack: ExitStack) -> bool:
+def show_lateral(stack: ExitStack, traffic: str) -> bool:
     # The upper 16 bits of a label name its owner: an even number the first instance,
     # an odd one the second, as there are two.
-    flows = [Flow(label=0x00020001, **four_keys("sha256")),
-             Flow(label=0x00030001, **four_keys("sha256"))]
-    upstream = stack.enter_context(UpstreamService(echo_service(flows)))
-    for flow in flows:
-        flow.upstream = upstream.address
+    upstream_port = free_port()
+    flows = [Flow(traffic, 0x00020001, "sha256", 1, upstream_port),
+             Flow(traffic, 0x00030001, "sha256", 2, upstream_port)]
     hosts = {0: LOOPBACK[0], 1: LOOPBACK[1]}
 
     print("peer  <-->  instance A  <-->  upstream echo service    (all on 127.0.0.0/8)\n"
@@ -221,7 +213,7 @@ def show_lateral(stack: ExitStack) -> bool:
         services.append(service)
 
     title(f"2. Peers send {DATAGRAMS} datagrams on each flow through each instance:")
-    results = [exchange(flow, f"label 0x{flow.label:08x} of {owner}, through {through}", to)
+    results = [flow.exchange(f"label 0x{flow.label:08x} of {owner}, through {through}", to)
                for through, to in zip("AB", listeners) for owner, flow in zip("AB", flows)]
     for service in services:
         service.show_log()
@@ -241,11 +233,13 @@ def show_lateral(stack: ExitStack) -> bool:
 def main() -> int:
     parser = argparse.ArgumentParser(description="Shows the forwarder at work.")
     parser.add_argument("--binary", required=True, help="the forwarder's executable")
+    parser.add_argument("--traffic", required=True, help="the traffic generator's executable")
     parser.add_argument("--lateral", action="store_true", help="show two joined instances")
     arguments = parser.parse_args()
     os.environ["VESK_BINARY"] = os.path.abspath(arguments.binary)
     with ExitStack() as stack:
-        flawless = show_lateral(stack) if arguments.lateral else show_forwarding(stack)
+        show = show_lateral if arguments.lateral else show_forwarding
+        flawless = show(stack, os.path.abspath(arguments.traffic))
     print("\nEvery datagram was answered, rightly signed and rightly labelled." if flawless
           else "\nSomething was lost or wrong; see the table.")
     return 0 if flawless else 1
