@@ -1,0 +1,205 @@
+#include "metrics/exposition.h"
+
+#include <array>
+#include <cstdio>
+#include <span>
+#include <string>
+#include <utility>
+
+namespace vesk::controller {
+
+namespace {
+
+using prometheus::ClientMetric;
+using prometheus::MetricFamily;
+using prometheus::MetricType;
+using Labels = std::vector<ClientMetric::Label>;
+using Families = std::vector<MetricFamily>;
+
+struct SocketMetric {
+    std::uint64_t DatagramCounters::*value;
+    const char* name;
+    const char* help;
+};
+
+constexpr std::array<SocketMetric, 4> downstreamMetrics{{
+    {&DatagramCounters::received, "vesk_downstream_received_datagrams_total",
+     "Datagrams received from peers."},
+    {&DatagramCounters::receiveErrors, "vesk_downstream_receive_errors_total",
+     "Datagrams from peers that were refused: framing, label, socket or HMAC."},
+    {&DatagramCounters::sent, "vesk_downstream_sent_datagrams_total",
+     "Always 0: replies are counted upstream, with their flow."},
+    {&DatagramCounters::dropped, "vesk_downstream_dropped_datagrams_total",
+     "Always 0: replies are counted upstream, with their flow."},
+}};
+
+constexpr std::array<SocketMetric, 6> lateralMetrics{{
+    {&DatagramCounters::received, "vesk_lateral_received_datagrams_total",
+     "Datagrams received from other instances."},
+    {&DatagramCounters::receiveErrors, "vesk_lateral_receive_errors_total",
+     "Datagrams from other instances that were refused."},
+    {&DatagramCounters::sent, "vesk_lateral_sent_datagrams_total",
+     "Datagrams handed to the instance that owns their label."},
+    {&DatagramCounters::dropped, "vesk_lateral_dropped_datagrams_total",
+     "Datagrams and replies that could not be handed to another instance."},
+    {&DatagramCounters::repliesSent, "vesk_lateral_sent_replies_total",
+     "Replies returned by other instances and sent to their peer."},
+    {&DatagramCounters::repliesDropped, "vesk_lateral_dropped_replies_total",
+     "Replies returned by other instances that could not be sent to their peer."},
+}};
+
+constexpr std::array<SocketMetric, 6> upstreamMetrics{{
+    {&DatagramCounters::received, "vesk_upstream_received_datagrams_total",
+     "Replies received from upstream services, all flows."},
+    {&DatagramCounters::receiveErrors, "vesk_upstream_receive_errors_total",
+     "Replies refused or under another flow's label, and failed receive calls, all flows."},
+    {&DatagramCounters::sent, "vesk_upstream_sent_datagrams_total",
+     "Datagrams sent to upstream services, all flows."},
+    {&DatagramCounters::dropped, "vesk_upstream_dropped_datagrams_total",
+     "Datagrams that could not be signed or sent upstream, all flows."},
+    {&DatagramCounters::repliesSent, "vesk_upstream_sent_replies_total",
+     "Replies sent to peers or returned to another instance, all flows."},
+    {&DatagramCounters::repliesDropped, "vesk_upstream_dropped_replies_total",
+     "Replies that could not be signed or sent, all flows."},
+}};
+
+constexpr std::array<SocketMetric, 6> flowMetrics{{
+    {&DatagramCounters::received, "vesk_flow_received_datagrams_total",
+     "Replies received from the flow's upstream service."},
+    {&DatagramCounters::receiveErrors, "vesk_flow_receive_errors_total",
+     "Replies refused or under another flow's label, and failed receive calls, of the flow."},
+    {&DatagramCounters::sent, "vesk_flow_sent_datagrams_total",
+     "Datagrams sent to the flow's upstream service."},
+    {&DatagramCounters::dropped, "vesk_flow_dropped_datagrams_total",
+     "Datagrams of the flow that could not be signed or sent upstream."},
+    {&DatagramCounters::repliesSent, "vesk_flow_sent_replies_total",
+     "Replies of the flow sent to the peer or returned to another instance."},
+    {&DatagramCounters::repliesDropped, "vesk_flow_dropped_replies_total",
+     "Replies of the flow that could not be signed or sent."},
+}};
+
+struct WorkerMetric {
+    std::uint64_t WorkerTotals::*value;
+    const char* name;
+    const char* help;
+};
+
+constexpr std::array<WorkerMetric, 3> workerMetrics{{
+    {&WorkerTotals::wakeUps, "vesk_worker_wakeups_total",
+     "Times the worker woke to receive replies."},
+    {&WorkerTotals::queuedSockets, "vesk_worker_queued_sockets_total",
+     "Sockets found in the worker's queue when it woke, added up."},
+    {&WorkerTotals::received, "vesk_worker_received_datagrams_total",
+     "Receive calls of the worker after which it asked for another: replies received."},
+}};
+
+ClientMetric counter(std::uint64_t value, Labels labels = {}) {
+    ClientMetric metric;
+    metric.label = std::move(labels);
+    metric.counter.value = static_cast<double>(value);
+    return metric;
+}
+
+void addCounter(Families& families, const char* name, const char* help, std::uint64_t value) {
+    families.push_back({name, help, MetricType::Counter, {counter(value)}});
+}
+
+void addGauge(Families& families, const char* name, const char* help, double value,
+              Labels labels = {}) {
+    ClientMetric metric;
+    metric.label = std::move(labels);
+    metric.gauge.value = value;
+    families.push_back({name, help, MetricType::Gauge, {std::move(metric)}});
+}
+
+void addSocket(Families& families, std::span<const SocketMetric> metrics,
+               const DatagramCounters& counters) {
+    for (const SocketMetric& metric : metrics) {
+        addCounter(families, metric.name, metric.help, counters.*metric.value);
+    }
+}
+
+std::string hexadecimal(std::uint32_t label) {
+    std::array<char, sizeof "0xffffffff"> text{};
+    std::snprintf(text.data(), text.size(), "0x%x", label);
+    return text.data();
+}
+
+void addFlows(Families& families, const Totals& totals) {
+    if (totals.flows.empty()) {
+        return;
+    }
+    for (const SocketMetric& metric : flowMetrics) {
+        MetricFamily family{metric.name, metric.help, MetricType::Counter, {}};
+        family.metric.reserve(totals.flows.size());
+        for (const auto& [label, flow] : totals.flows) {
+            family.metric.push_back(counter(flow.counters.*metric.value,
+                                            {{"flow", flow.name}, {"label", hexadecimal(label)}}));
+        }
+        families.push_back(std::move(family));
+    }
+}
+
+void addWorkers(Families& families, const Totals& totals) {
+    if (totals.workers.empty()) {
+        return;
+    }
+    for (const WorkerMetric& metric : workerMetrics) {
+        MetricFamily family{metric.name, metric.help, MetricType::Counter, {}};
+        for (std::size_t i = 0; i < totals.workers.size(); ++i) {
+            family.metric.push_back(
+                counter(totals.workers[i].*metric.value, {{"worker", std::to_string(i)}}));
+        }
+        families.push_back(std::move(family));
+    }
+}
+
+void addController(Families& families, const ControllerState& state) {
+    addGauge(families, "vesk_build_info", "Always 1; the version is in its label.", 1,
+             {{"version", VESK_VERSION}});
+    addGauge(families, "vesk_up", "1 while the forwarder runs, else 0.", state.childUp ? 1 : 0);
+    addCounter(families, "vesk_restarts_total",
+               "Times the forwarder ended unasked and was started again.", state.restarts);
+    addGauge(families, "vesk_flows_declared", "Flows in the configuration.",
+             static_cast<double>(state.flowsDeclared));
+    addGauge(families, "vesk_flows_active",
+             "Flows of the configuration that the running forwarder has accepted.",
+             state.childUp ? static_cast<double>(state.flowsActive) : 0);
+    if (state.lastReport) {
+        const std::chrono::duration<double> sinceEpoch = state.lastReport->time_since_epoch();
+        addGauge(families, "vesk_last_report_timestamp_seconds",
+                 "When the forwarder's counters were last read, in seconds since 1970.",
+                 sinceEpoch.count());
+    }
+}
+
+void addPoll(Families& families, const Totals& totals, bool childUp) {
+    addGauge(families, "vesk_flow_sockets", "Flows that have a socket, auxiliary ones included.",
+             childUp ? static_cast<double>(totals.flowSockets) : 0);
+    addGauge(families, "vesk_poll_armed_sockets",
+             "Sockets that wait for replies; a hint that may be off by a few.",
+             childUp ? totals.armedSockets : 0);
+    addCounter(families, "vesk_poll_read_events_total", "Sockets reported as readable.",
+               totals.readEvents);
+    addCounter(families, "vesk_poll_write_events_total", "Always 0: nothing waits to send.",
+               totals.writeEvents);
+    addCounter(families, "vesk_poll_error_events_total", "Errors and hang-ups reported on sockets.",
+               totals.errorEvents);
+}
+
+}  // namespace
+
+std::vector<prometheus::MetricFamily> describeMetrics(const Totals& totals,
+                                                      const ControllerState& state) {
+    Families families;
+    addController(families, state);
+    addSocket(families, downstreamMetrics, totals.downstream);
+    addSocket(families, upstreamMetrics, totals.upstream);
+    addSocket(families, lateralMetrics, totals.lateral);
+    addFlows(families, totals);
+    addWorkers(families, totals);
+    addPoll(families, totals, state.childUp);
+    return families;
+}
+
+}  // namespace vesk::controller

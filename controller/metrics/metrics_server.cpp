@@ -1,0 +1,175 @@
+#include "metrics/metrics_server.h"
+
+#include <civetweb.h>
+#include <prometheus/text_serializer.h>
+
+#include <array>
+#include <chrono>
+#include <csignal>
+#include <future>
+#include <stdexcept>
+#include <string_view>
+
+namespace vesk::controller {
+
+namespace {
+
+// Threads inherit the signals that are blocked where they are made.
+class SignalsBlocked {
+ public:
+    SignalsBlocked() {
+        sigset_t all;
+        sigfillset(&all);
+        pthread_sigmask(SIG_SETMASK, &all, &before_);
+    }
+    ~SignalsBlocked() { pthread_sigmask(SIG_SETMASK, &before_, nullptr); }
+    SignalsBlocked(const SignalsBlocked&) = delete;
+    SignalsBlocked& operator=(const SignalsBlocked&) = delete;
+
+ private:
+    sigset_t before_{};
+};
+
+void addHeader(mg_connection* connection, const char* name, const std::string& value) {
+    mg_response_header_add(connection, name, value.data(), static_cast<int>(value.size()));
+}
+
+// Answers the request; what comes of the sending is the client's affair.
+int respond(mg_connection* connection, int status, const char* type, const std::string& body) {
+    const std::string_view method = mg_get_request_info(connection)->request_method;
+    if (method != "GET" && method != "HEAD") {
+        mg_response_header_start(connection, 405);
+        addHeader(connection, "Allow", "GET, HEAD");
+        addHeader(connection, "Content-Length", "0");
+        mg_response_header_send(connection);
+        return 405;
+    }
+    mg_response_header_start(connection, status);
+    addHeader(connection, "Content-Type", type);
+    addHeader(connection, "Content-Length", std::to_string(body.size()));
+    addHeader(connection, "Cache-Control", "no-store");
+    mg_response_header_send(connection);
+    if (method == "GET") {
+        mg_write(connection, body.data(), body.size());
+    }
+    return status;
+}
+
+int serveMetrics(mg_connection* connection, void* server) {
+    return respond(connection, 200, "text/plain; version=0.0.4; charset=utf-8",
+                   static_cast<const MetricsServer*>(server)->page());
+}
+
+int serveHealth(mg_connection* connection, void* server) {
+    const bool healthy = static_cast<const MetricsServer*>(server)->healthy();
+    return respond(connection, healthy ? 200 : 503, "text/plain; charset=utf-8",
+                   healthy ? "ok\n" : "the forwarder is not running\n");
+}
+
+int listeningPort(const mg_context* context) {
+    mg_server_port listening{};
+    mg_get_server_ports(context, 1, &listening);
+    return listening.port;
+}
+
+std::string placeOf(const std::string& address, std::uint16_t port) {
+    const bool isIpv6 = address.find(':') != std::string::npos;
+    return (isIpv6 ? "[" + address + "]" : address) + ":" + std::to_string(port);
+}
+
+// Null where it cannot listen; `problem` says why then.
+mg_context* startServing(const std::string& place, std::string& problem) {
+    constexpr unsigned ipv6Feature = 8;
+    if (place.front() == '[' && mg_check_feature(ipv6Feature) == 0) {
+        problem = "the HTTP library of this host serves IPv4 only";
+        return nullptr;
+    }
+    // A client that connects and says nothing holds a thread no longer than a scrape may wait.
+    std::array<const char*, 7> options{"listening_ports",    place.c_str(), "num_threads", "2",
+                                       "request_timeout_ms", "5000",        nullptr};
+    const mg_callbacks callbacks{};
+    mg_init_data start{&callbacks, nullptr, options.data()};
+    std::array<char, 256> text{};
+    unsigned code = 0;
+    mg_error_data error{&code, text.data(), text.size()};
+    const SignalsBlocked blocked;
+    mg_context* const context = mg_start2(&start, &error);
+    problem = text.data();
+    return context;
+}
+
+}  // namespace
+
+// The thread that accepts clients finds out that it has to end when one connects, or after two
+// seconds without any. Two seconds are a long outage of all flows where a service is restarted, so
+// one connects.
+void MetricsServer::StopServing::operator()(mg_context* context) const {
+    const int port = listeningPort(context);
+    const SignalsBlocked blocked;
+    const std::future<void> stopped = std::async(std::launch::async, mg_stop, context);
+    do {
+        std::array<char, 256> problem{};
+        mg_close_connection(
+            mg_connect_client(address.c_str(), port, 0, problem.data(), problem.size()));
+    } while (stopped.wait_for(std::chrono::milliseconds(10)) != std::future_status::ready);
+}
+
+MetricsServer::MetricsServer(const std::string& address, std::uint16_t port, bool perFlow)
+    : totals_(perFlow) {
+    const std::string place = placeOf(address, port);
+    std::string problem;
+    context_ = Context(startServing(place, problem), StopServing{address});
+    if (!context_) {
+        throw std::runtime_error("cannot serve metrics on " + place + ": " + problem);
+    }
+    // The pattern ends where the path has to end; without it whatever lies below is served, too.
+    mg_set_request_handler(context_.get(), "/metrics$", serveMetrics, this);
+    mg_set_request_handler(context_.get(), "/healthz$", serveHealth, this);
+}
+
+std::uint16_t MetricsServer::port() const {
+    return static_cast<std::uint16_t>(listeningPort(context_.get()));
+}
+
+void MetricsServer::update(const Report& report,
+                           const std::map<std::uint32_t, std::string>& flowNames) {
+    const MutexLock lock(mutex_);
+    totals_.add(report, flowNames);
+    state_.lastReport = std::chrono::system_clock::now();
+}
+
+void MetricsServer::childUp(bool up) {
+    const MutexLock lock(mutex_);
+    if (up && !state_.childUp) {
+        totals_.childStarted();
+    }
+    state_.childUp = up;
+}
+
+void MetricsServer::countRestart() {
+    const MutexLock lock(mutex_);
+    ++state_.restarts;
+}
+
+void MetricsServer::setFlows(std::size_t declared, std::size_t active) {
+    const MutexLock lock(mutex_);
+    state_.flowsDeclared = declared;
+    state_.flowsActive = active;
+}
+
+std::string MetricsServer::page() const {
+    // Writing the text takes its time with many flows: whoever controls the child must not wait.
+    return prometheus::TextSerializer().Serialize(metrics());
+}
+
+std::vector<prometheus::MetricFamily> MetricsServer::metrics() const {
+    const MutexLock lock(mutex_);
+    return describeMetrics(totals_.totals(), state_);
+}
+
+bool MetricsServer::healthy() const {
+    const MutexLock lock(mutex_);
+    return state_.childUp;
+}
+
+}  // namespace vesk::controller

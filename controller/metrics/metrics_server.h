@@ -1,0 +1,77 @@
+// Serves the metrics page and the health page over HTTP. The controller makes one, tells it what
+// happens to its child, and gives it each report.
+//
+//     /metrics   everything that docs/metrics.md lists, in Prometheus' text format
+//     /healthz   200 "ok" while the child is up, 503 otherwise
+//
+// Two threads of its own answer requests, with all signals blocked: signals are for the thread that
+// controls. Every function may be called from any thread.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <map>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "base/sync.h"
+#include "metrics/exposition.h"
+#include "metrics/report.h"
+#include "metrics/report_totals.h"
+
+struct mg_context;
+
+namespace vesk::controller {
+
+class MetricsServer {
+ public:
+    /// Where it listens unless told otherwise: nobody but this host needs to see the figures.
+    static constexpr const char* defaultAddress = "127.0.0.1";
+    static constexpr std::uint16_t defaultPort = 9477;
+
+    /// Listens and serves from here to its destruction. The address is numeric, IPv4 or IPv6; port
+    /// 0 lets the kernel choose. `perFlow`: show each flow's counters, too; six series for each.
+    /// Throws std::runtime_error where it cannot listen.
+    explicit MetricsServer(const std::string& address = defaultAddress,
+                           std::uint16_t port = defaultPort, bool perFlow = false);
+
+    /// Where it listens: the kernel's choice, if that was asked for.
+    std::uint16_t port() const;
+
+    /// Takes in a report of the child. `flowNames`: the declared flows' names by label.
+    void update(const Report& report, const std::map<std::uint32_t, std::string>& flowNames);
+
+    /// The child runs, or has ended. That it is up again means that it is another one, whose
+    /// counters begin at 0: hand over the last reports of the one before first.
+    void childUp(bool up);
+
+    /// A child that ended unasked is replaced by a new one.
+    void countRestart();
+
+    /// `declared`: flows in the configuration. `active`: those of them that the running child has
+    /// accepted; fewer, where it refused some.
+    void setFlows(std::size_t declared, std::size_t active);
+
+    /// The text of the metrics page as it is now.
+    std::string page() const;
+    /// Whether the health page says so, too.
+    bool healthy() const;
+
+ private:
+    struct StopServing {
+        std::string address;
+        void operator()(mg_context* context) const;
+    };
+    using Context = std::unique_ptr<mg_context, StopServing>;
+
+    std::vector<prometheus::MetricFamily> metrics() const;
+
+    mutable Mutex mutex_;
+    ReportTotals totals_ VESK_GUARDED_BY(mutex_);
+    ControllerState state_ VESK_GUARDED_BY(mutex_);
+    // Last, so that its threads have ended before what they read goes.
+    Context context_;
+};
+
+}  // namespace vesk::controller
