@@ -1,0 +1,193 @@
+#include "metrics/metrics_server.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <chrono>
+#include <csignal>
+#include <filesystem>
+#include <fstream>
+#include <optional>
+#include <stdexcept>
+#include <thread>
+#include <vector>
+
+#include "http_request.h"
+#include "reports.h"
+
+namespace vesk::controller {
+namespace {
+
+using testing::EndsWith;
+using testing::HasSubstr;
+using testing::Not;
+using testing::StartsWith;
+
+Report parsed(std::string_view text) {
+    ReportParser parser;
+    ordinaryLines(parser, text);
+    return parser.takeReport().value();
+}
+
+class MetricsServerTest : public testing::Test {
+ protected:
+    MetricsServer server_{"127.0.0.1", 0, true};
+
+    std::string get(const std::string& path) const { return ask("GET", path, server_.port()); }
+};
+
+TEST_F(MetricsServerTest, ServesThePageAsItIs) {
+    server_.childUp(true);
+    server_.setFlows(3, 2);
+    server_.countRestart();
+    server_.update(parsed(fullReport), {{16, "alice"}});
+    const std::string answer = get("/metrics");
+    EXPECT_THAT(answer, StartsWith("HTTP/1.1 200 "));
+    EXPECT_THAT(answer, HasSubstr("Content-Type: text/plain; version=0.0.4; charset=utf-8\r\n"));
+    EXPECT_THAT(answer, EndsWith("\r\n\r\n" + server_.page()));
+    for (const char* line : {"vesk_up 1", "vesk_flows_declared 3", "vesk_flows_active 2",
+                             "vesk_restarts_total 1", "vesk_downstream_received_datagrams_total 50",
+                             "vesk_upstream_received_datagrams_total 300",
+                             "vesk_flow_sent_datagrams_total{flow=\"alice\",label=\"0x10\"} 101"}) {
+        EXPECT_THAT(answer, HasSubstr("\n" + std::string(line) + "\n"));
+    }
+}
+
+TEST_F(MetricsServerTest, TellsWhetherTheChildIsUp) {
+    EXPECT_THAT(get("/healthz"), StartsWith("HTTP/1.1 503 "));
+    server_.childUp(true);
+    EXPECT_THAT(get("/healthz"), StartsWith("HTTP/1.1 200 "));
+    EXPECT_THAT(get("/healthz"), EndsWith("\r\n\r\nok\n"));
+    server_.childUp(false);
+    EXPECT_THAT(get("/healthz"), StartsWith("HTTP/1.1 503 "));
+}
+
+TEST_F(MetricsServerTest, ServesNothingElse) {
+    for (const char* path : {"/", "/metrics/more", "/metricsmore", "/healthz/", "/etc/passwd",
+                             "/../../../../etc/passwd"}) {
+        EXPECT_THAT(get(path),
+                    testing::AnyOf(StartsWith("HTTP/1.1 404 "), StartsWith("HTTP/1.1 400 ")))
+            << path;
+    }
+}
+
+TEST_F(MetricsServerTest, AnswersHeadWithoutABodyAndRefusesOtherMethods) {
+    EXPECT_THAT(ask("HEAD", "/metrics", server_.port()), StartsWith("HTTP/1.1 200 "));
+    EXPECT_THAT(ask("HEAD", "/metrics", server_.port()), EndsWith("\r\n\r\n"));
+    EXPECT_THAT(ask("POST", "/metrics", server_.port()), StartsWith("HTTP/1.1 405 "));
+    EXPECT_THAT(ask("POST", "/metrics", server_.port()), HasSubstr("Allow: GET, HEAD\r\n"));
+}
+
+TEST_F(MetricsServerTest, CountsOnOverANewChild) {
+    server_.childUp(true);
+    server_.update(parsed(fullReport), {});
+    server_.childUp(true);
+    server_.update(parsed(fullReport), {});
+    EXPECT_THAT(server_.page(), HasSubstr("\nvesk_downstream_received_datagrams_total 50\n"));
+    server_.childUp(false);
+    // What the old child had still written is its own.
+    server_.update(parsed(fullReport), {});
+    EXPECT_THAT(server_.page(), HasSubstr("\nvesk_downstream_received_datagrams_total 50\n"));
+    server_.childUp(true);
+    server_.update(parsed(fullReport), {});
+    EXPECT_THAT(server_.page(), HasSubstr("\nvesk_downstream_received_datagrams_total 100\n"));
+}
+
+TEST_F(MetricsServerTest, LosesNothingWhileItIsRead) {
+    constexpr int reports = 200;
+    std::atomic<bool> done{false};
+    std::vector<std::thread> readers;
+    for (int i = 0; i < 2; ++i) {
+        readers.emplace_back([&] {
+            do {
+                EXPECT_THAT(get("/metrics"), StartsWith("HTTP/1.1 200 "));
+            } while (!done);
+        });
+    }
+    Report report;
+    report.downstream.emplace();
+    server_.childUp(true);
+    for (int i = 0; i < reports; ++i) {
+        ++report.downstream->received;
+        server_.update(report, {});
+    }
+    done = true;
+    for (std::thread& reader : readers) {
+        reader.join();
+    }
+    EXPECT_THAT(server_.page(), HasSubstr("\nvesk_downstream_received_datagrams_total 200\n"));
+}
+
+// Signals that the controller waits for must not end in a thread that knows nothing of them.
+TEST_F(MetricsServerTest, ItsThreadsTakeNoSignals) {
+    std::size_t others = 0;
+    for (const auto& thread : std::filesystem::directory_iterator("/proc/self/task")) {
+        if (thread.path().filename() == std::to_string(getpid())) {
+            continue;
+        }
+        std::ifstream status(thread.path() / "status");
+        for (std::string line; std::getline(status, line);) {
+            if (line.starts_with("SigBlk:")) {
+                const auto blocked =
+                    std::stoull(line.substr(line.find_first_of('\t')), nullptr, 16);
+                for (const int signal : {SIGHUP, SIGINT, SIGTERM, SIGCHLD}) {
+                    EXPECT_TRUE(blocked >> (signal - 1) & 1) << signal;
+                }
+                ++others;
+            }
+        }
+    }
+    EXPECT_GE(others, 2U);
+}
+
+// The library may have been built without it; then that is what it says.
+TEST(MetricsServerAddressTest, ServesOnIpv6OrSaysThatItCannot) {
+    try {
+        const MetricsServer server("::1", 0);
+        EXPECT_THAT(ask("GET", "/metrics", server.port(), "::1"), HasSubstr("\nvesk_up 0\n"));
+    } catch (const std::runtime_error& error) {
+        EXPECT_STREQ(
+            error.what(),
+            "cannot serve metrics on [::1]:0: the HTTP library of this host serves IPv4 only");
+    }
+}
+
+TEST(MetricsServerAddressTest, KeepsFlowsTogetherUnlessAsked) {
+    MetricsServer server("127.0.0.1", 0);
+    server.update(parsed(fullReport), {{16, "alice"}});
+    EXPECT_THAT(server.page(), Not(HasSubstr("vesk_flow_sent")));
+    EXPECT_THAT(server.page(), HasSubstr("\nvesk_upstream_sent_datagrams_total 302\n"));
+}
+
+TEST(MetricsServerAddressTest, SaysWhyItCannotListen) {
+    const MetricsServer first("127.0.0.1", 0);
+    try {
+        const MetricsServer second("127.0.0.1", first.port());
+        FAIL() << "two servers on one port";
+    } catch (const std::runtime_error& error) {
+        EXPECT_THAT(
+            error.what(),
+            StartsWith("cannot serve metrics on 127.0.0.1:" + std::to_string(first.port()) + ": "));
+        EXPECT_THAT(error.what(), Not(EndsWith(": ")));
+    }
+    EXPECT_THROW(MetricsServer("192.0.2.1", 0), std::runtime_error);
+    EXPECT_THROW(MetricsServer("no address", 0), std::runtime_error);
+}
+
+// Its place is free at once for the next one.
+TEST(MetricsServerAddressTest, StopsServingWithItsEnd) {
+    std::optional<MetricsServer> server;
+    server.emplace("127.0.0.1", 0);
+    const std::uint16_t port = server->port();
+    ASSERT_THAT(ask("GET", "/healthz", port), StartsWith("HTTP/1.1 503 "));
+    const auto began = std::chrono::steady_clock::now();
+    server.reset();
+    EXPECT_LT(std::chrono::steady_clock::now() - began, std::chrono::seconds(1));
+    EXPECT_EQ(connectTo("127.0.0.1", port).get(), -1);
+    EXPECT_NO_THROW(server.emplace("127.0.0.1", port));
+}
+
+}  // namespace
+}  // namespace vesk::controller

@@ -1,0 +1,77 @@
+"""Drives metrics-probe: the controller's metrics without the controller."""
+
+from __future__ import annotations
+
+import queue
+import subprocess
+import threading
+from typing import List
+
+from framework.timing import scaled
+from framework.vesk_process import VeskProcess
+
+
+class Probe:
+    """A metrics server that is told line by line what a child would write."""
+
+    def __init__(self, program: str, *arguments: str) -> None:
+        self._process = subprocess.Popen([program, *arguments], stdin=subprocess.PIPE,
+                                         stdout=subprocess.PIPE, text=True, bufsize=1)
+        self._answers: "queue.Queue[str]" = queue.Queue()
+        self._reader = threading.Thread(target=self._read, daemon=True)
+        self._reader.start()
+        # How much of the child's output has been passed on, in bytes.
+        self.followed = 0
+        self.port = int(self._answer())
+
+    def _read(self) -> None:
+        assert self._process.stdout is not None
+        for line in self._process.stdout:
+            self._answers.put(line.rstrip("\n"))
+
+    def _answer(self) -> str:
+        try:
+            return self._answers.get(timeout=scaled(10))
+        except queue.Empty:
+            raise AssertionError("the probe is silent") from None
+
+    def tell(self, text: str) -> None:
+        assert self._process.stdin is not None
+        self._process.stdin.write(text)
+        self._process.stdin.flush()
+
+    def act(self, line: str) -> List[str]:
+        """Has the probe do what the line says; returns what it had said before about the child's."""
+        self.tell(f"@{line}\n")
+        said = []
+        while (answer := self._answer()) != "done":
+            said.append(answer)
+        return said
+
+    def follow(self, vesk: VeskProcess) -> List[str]:
+        """Passes on what the child has written since the last call, reports whole."""
+        output = vesk.output()
+        end = output.rfind(b"\n") + 1
+        self.tell(output[self.followed:end].decode("utf-8", "surrogateescape"))
+        self.followed = end
+        return self.act("settle")
+
+    def follow_anew(self, vesk: VeskProcess) -> None:
+        """From here on the child is another one."""
+        self.act("down")
+        self.act("restart")
+        self.followed = 0
+        self.act("up")
+        self.follow(vesk)
+
+    def finish(self) -> None:
+        assert self._process.stdin is not None and self._process.stdout is not None
+        self._process.stdin.close()
+        try:
+            status = self._process.wait(scaled(10))
+        except subprocess.TimeoutExpired:
+            self._process.kill()
+            status = self._process.wait()
+        self._reader.join(scaled(5))
+        self._process.stdout.close()
+        assert status == 0, f"the probe ended with status {status}"

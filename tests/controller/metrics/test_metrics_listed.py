@@ -1,0 +1,148 @@
+"""The page, its documentation, the alerts and the dashboard speak of the same metrics."""
+
+from __future__ import annotations
+
+import json
+import re
+import subprocess
+from pathlib import Path
+from typing import Callable, Dict, Iterator, List, Set
+
+import pytest
+
+from page import metrics_text, names
+from probe import Probe
+from prometheus_process import PrometheusProcess
+
+_ROOT = Path(__file__).resolve().parents[3]
+_DOCUMENT = (_ROOT / "docs/metrics.md").read_text(encoding="utf-8")
+_DASHBOARD = json.loads((_ROOT / "packaging/grafana/vesk.json").read_text(encoding="utf-8"))
+_NAME = re.compile(r"\bvesk_[a-z0-9_]+")
+
+# Every section with figures in it, so that no metric is missing for want of an occasion.
+_REPORT = """\
+info \n\
+Poll stats:
+ActiveEvtNr:1 RdReadyNr:{n} WrReadyNr:0 ErrorNr:{n}
+
+info Upstream Stats:
+Label:65537,RxDg:{n},TxDg:{n},RxDgError{n},TxDgDropped{n},DnTxDg:{n},DnTxDgDropped:{n}
+
+info RcvThrStats: WakeNr:{n},ReadyFdNr:{n},DgNr:{n} WakeNr:{n},ReadyFdNr:{n},DgNr:{n} \n\
+
+info SndThrStats \n\
+
+info EptNr:1,RxDg:{n},TxDg:0
+
+info Downstream Stats:
+RxDg:{n},TxDg:{n},RxDgError:{n},TxDgDropped:{n}
+
+info Lateral Stats:
+RxDg:{n},TxDg:{n},RxDgError:{n},TxDgDropped:{n},DnTxDg:{n},DnTxDgDropped:{n}
+
+"""
+
+
+def report(number: int) -> str:
+    return _REPORT.replace("{n}", str(number))
+
+
+@pytest.fixture
+def probe(start_probe: Callable[..., Probe]) -> Probe:
+    started = start_probe("per-flow", "65537=alice")
+    started.act("up")
+    started.act("flows 1 1")
+    started.tell(report(1))
+    assert started.act("settle") == ["report"]
+    return started
+
+
+def alert_rules() -> str:
+    """The rules that the documentation gives as an example."""
+    blocks: List[str] = re.findall(r"```yaml\n(groups:.*?)```", _DOCUMENT, re.DOTALL)
+    assert len(blocks) == 1
+    return blocks[0]
+
+
+def alert_expressions() -> List[str]:
+    rules = re.findall(r"expr: (?:>-\n)?((?:.*\n)+?)\s+(?:for|annotations):", alert_rules())
+    assert len(rules) == alert_rules().count("alert:")
+    return [" ".join(rule.split()) for rule in rules]
+
+
+def dashboard_expressions() -> Iterator[str]:
+    for panel in _DASHBOARD["panels"]:
+        for target in panel.get("targets", []):
+            yield target["expr"]
+
+
+def documented() -> Set[str]:
+    """The metrics that have a row in one of the tables."""
+    rows: List[str] = re.findall(r"^\| `(vesk_[a-z_]+)` \| (?:counter|gauge) \|", _DOCUMENT,
+                                 re.MULTILINE)
+    assert len(rows) == len(set(rows)), "a metric is documented twice"
+    return set(rows)
+
+
+def test_what_is_documented_is_what_is_exported(probe: Probe) -> None:
+    assert names(probe.port) == documented()
+
+
+def test_the_documented_types_are_the_exported_ones(probe: Probe) -> None:
+    exported = dict(re.findall(r"^# TYPE (\S+) (\S+)$", metrics_text(probe.port), re.MULTILINE))
+    told: Dict[str, str] = dict(re.findall(r"^\| `(vesk_[a-z_]+)` \| (\w+) \|", _DOCUMENT,
+                                           re.MULTILINE))
+    assert exported == told
+
+
+def test_no_text_names_a_metric_that_does_not_exist(probe: Probe) -> None:
+    exported = names(probe.port)
+    assert set(_NAME.findall(_DOCUMENT)) <= exported
+    variables = json.dumps(_DASHBOARD["templating"])
+    used = {name for text in [*dashboard_expressions(), variables] for name in _NAME.findall(text)}
+    assert used and used <= exported
+
+
+def test_promtool_has_no_complaint_about_the_page(probe: Probe) -> None:
+    result = subprocess.run(["promtool", "check", "metrics"], input=metrics_text(probe.port),
+                            capture_output=True, text=True, timeout=60, check=False)
+    assert (result.returncode, result.stdout, result.stderr) == (0, "", "")
+
+
+def test_promtool_accepts_the_alerts(tmp_path: Path) -> None:
+    rules = tmp_path / "rules.yml"
+    rules.write_text(alert_rules(), encoding="utf-8")
+    result = subprocess.run(["promtool", "check", "rules", str(rules)], capture_output=True,
+                            text=True, timeout=60, check=False)
+    assert result.returncode == 0, result.stdout + result.stderr
+
+
+def test_prometheus_answers_what_the_dashboard_and_the_alerts_ask(
+        probe: Probe, start_prometheus: Callable[[int], PrometheusProcess]) -> None:
+    prometheus = start_prometheus(probe.port)
+    prometheus.wait_for({"vesk_upstream_sent_datagrams_total": 1})
+    probe.tell(report(100))
+    probe.act("settle")
+    prometheus.wait_for({"vesk_upstream_sent_datagrams_total": 100})
+    for expression in dashboard_expressions():
+        asked = expression.replace("$__rate_interval", "1m").replace("$instance", ".*")
+        assert "$" not in asked
+        prometheus.wait_for_series(asked)
+    fired = [bool(prometheus.query(expression)) for expression in alert_expressions()]
+    # The child is up, its flow is active and its report new; but it refuses and drops a lot.
+    assert fired == [False, False, False, False, True, True]
+
+
+def test_the_dashboard_can_be_imported() -> None:
+    panels = _DASHBOARD["panels"]
+    assert len({panel["id"] for panel in panels}) == len(panels)
+    variables = {variable["name"] for variable in _DASHBOARD["templating"]["list"]}
+    text = json.dumps(panels)
+    assert set(re.findall(r"\$\{?([a-z]+)", text)) <= variables
+    taken = set()
+    for panel in panels:
+        place = panel["gridPos"]
+        cells = {(x, y) for x in range(place["x"], place["x"] + place["w"])
+                 for y in range(place["y"], place["y"] + place["h"])}
+        assert place["x"] + place["w"] <= 24 and not cells & taken, panel["title"]
+        taken |= cells
