@@ -4,7 +4,6 @@
 set(CPACK_GENERATOR DEB)
 set(CPACK_COMPONENTS_ALL forwarder controller tools)
 set(CPACK_DEB_COMPONENT_INSTALL ON)
-set(CPACK_STRIP_FILES ON)
 set(CPACK_INSTALL_DEFAULT_DIRECTORY_PERMISSIONS
     OWNER_READ OWNER_WRITE OWNER_EXECUTE GROUP_READ GROUP_EXECUTE WORLD_READ WORLD_EXECUTE)
 
@@ -17,8 +16,11 @@ set(CPACK_DEBIAN_PACKAGE_PRIORITY optional)
 set(CPACK_DEBIAN_PACKAGE_SECTION net)
 set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS ON)
 set(CPACK_DEBIAN_PACKAGE_CONTROL_STRICT_PERMISSION ON)
-# Core files are all that is left of a forwarder that crashed; the symbols make them readable.
+# Core files are all that is left of a forwarder that crashed; the symbols make them readable. This also
+# strips the programs; CPACK_STRIP_FILES would do so before the symbols are taken.
 set(CPACK_DEBIAN_DEBUGINFO_PACKAGE ON)
+# The packages say for themselves what they are; this would stand before it.
+set(CPACK_PACKAGE_DESCRIPTION_SUMMARY "")
 
 set(version "${PROJECT_VERSION}-${CPACK_DEBIAN_PACKAGE_RELEASE}")
 set(debian ${CMAKE_CURRENT_SOURCE_DIR}/debian)
