@@ -42,6 +42,10 @@ class Controller:
     def reload(self) -> None:
         self._process.send_signal(signal.SIGHUP)
 
+    def close(self) -> None:
+        """After the last question to it; it has ended."""
+        self._manager.close()
+
     def finish(self) -> int:
         """Stops it as the unit does; its exit status. May be called again."""
         if self._process.poll() is None:

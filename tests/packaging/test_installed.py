@@ -2,6 +2,7 @@
 
 from __future__ import annotations
 
+import contextlib
 import re
 import subprocess
 import urllib.request
@@ -64,9 +65,10 @@ def running(installed: Root, service: UdpEnd, ports: Dict[str, int],
         assert found == 1, f"{written} is {found} times in the example"
     file.write_text(text)
     controller = Controller(installed / "usr/bin/vesk-controller", file, tmp_path)
-    controller.wait_for("READY=1")
-    yield controller
-    assert controller.finish() == 0, controller.said()
+    with contextlib.closing(controller):
+        controller.wait_for("READY=1")
+        yield controller
+        assert controller.finish() == 0, controller.said()
 
 
 def test_example_carries_traffic(installed: Root, running: Controller, service: UdpEnd,

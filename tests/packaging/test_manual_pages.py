@@ -27,7 +27,7 @@ def rendered(page: str) -> str:
     """A page as it is read, as one line: where lines break is the reader's affair."""
     said = subprocess.run(["mandoc", "-Tascii", str(_PAGES[page])], check=True, text=True,
                           stdout=subprocess.PIPE).stdout
-    return re.sub(r"\s+", " ", re.sub(r".\b", "", said))
+    return re.sub(r"\s+", " ", re.sub(".\x08", "", said))
 
 
 def source(page: str) -> str:
@@ -72,14 +72,15 @@ def test_page_names_exactly_the_options_that_the_program_has(page: str, program:
 def test_page_names_every_key_of_the_file() -> None:
     text = rendered("vesk-controller.toml.5")
     keys = set()
-    for row in re.findall(r"(?m)^\|(?: `[\w.]+`)? +\| (`\w+`[^|]*)\|", controller_document()):
+    for row in re.findall(r"(?m)^\|(?: `[\w.]+`)? +\| (`\w+`[^|]*)\|", table_of_keys()):
         keys |= set(re.findall(r"`(\w+)`", row))
     assert {"label", "upstream", "drain_seconds", "framing"} <= keys
     assert [key for key in sorted(keys) if not re.search(rf"\b{key}\b", text)] == []
 
 
-def controller_document() -> str:
-    return (_ROOT / "docs/controller.md").read_text().split("| Table | Key |")[1]
+def table_of_keys() -> str:
+    document = (_ROOT / "docs/controller.md").read_text()
+    return document.split("| Table | Key |")[1].split("\n\n")[0]
 
 
 def test_example_of_the_file_is_accepted(tmp_path: Path) -> None:
@@ -119,9 +120,10 @@ def log_of(commands: str, folder: Path) -> List[str]:
     vesk.write_input(commands.encode())
     fence = f"error Unrecognised command '{commands.split()[-1]}'"
     vesk.wait_for_log(fence, since)
-    lines = vesk.remarks(since)
+    lines = vesk.log_lines(since)
     vesk.finish()
-    return lines[:lines.index(fence) + 1]
+    return [line for line in lines[:lines.index(fence) + 1]
+            if line and " sized to " not in line and not line.startswith("info Task [")]
 
 
 def test_report_is_laid_out_as_shown(tmp_path: Path) -> None:

@@ -23,6 +23,8 @@ def instance(installed: Root) -> Path:
     """An instance of the unit where the commands below expect units."""
     path = (installed / _UNIT).with_name("vesk-controller@example.service")
     path.symlink_to("vesk-controller@.service")
+    # The system's own program that it names has to be there, too.
+    (installed / "usr/bin/kill").symlink_to("vesk")
     return path
 
 
