@@ -30,40 +30,40 @@ class SignalsBlocked {
     sigset_t before_{};
 };
 
-void addHeader(mg_connection* connection, const char* name, const std::string& value) {
-    mg_response_header_add(connection, name, value.data(), static_cast<int>(value.size()));
-}
-
-// Answers the request; what comes of the sending is the client's affair.
-int respond(mg_connection* connection, int status, const char* type, const std::string& body) {
-    const std::string_view method = mg_get_request_info(connection)->request_method;
-    if (method != "GET" && method != "HEAD") {
-        mg_response_header_start(connection, 405);
-        addHeader(connection, "Allow", "GET, HEAD");
-        addHeader(connection, "Content-Length", "0");
-        mg_response_header_send(connection);
-        return 405;
+// Answers the request; what comes of the sending is the client's affair. The headers are put
+// together here, since the library makes the date for its own in a buffer that its threads share.
+int respond(mg_connection* connection, int status, const std::string& headers,
+            const std::string& body) {
+    std::string answer = "HTTP/1.1 " + std::to_string(status) + " " +
+                         mg_get_response_code_text(connection, status) + "\r\n" + headers +
+                         "Content-Length: " + std::to_string(body.size()) +
+                         "\r\nConnection: close\r\n\r\n";
+    if (mg_get_request_info(connection)->request_method != std::string_view("HEAD")) {
+        answer += body;
     }
-    mg_response_header_start(connection, status);
-    addHeader(connection, "Content-Type", type);
-    addHeader(connection, "Content-Length", std::to_string(body.size()));
-    addHeader(connection, "Cache-Control", "no-store");
-    mg_response_header_send(connection);
-    if (method == "GET") {
-        mg_write(connection, body.data(), body.size());
-    }
+    mg_write(connection, answer.data(), answer.size());
     return status;
 }
 
+int respondWithText(mg_connection* connection, int status, const std::string& type,
+                    const std::string& text) {
+    const std::string_view method = mg_get_request_info(connection)->request_method;
+    if (method != "GET" && method != "HEAD") {
+        return respond(connection, 405, "Allow: GET, HEAD\r\n", "");
+    }
+    return respond(connection, status, "Content-Type: " + type + "\r\nCache-Control: no-store\r\n",
+                   text);
+}
+
 int serveMetrics(mg_connection* connection, void* server) {
-    return respond(connection, 200, "text/plain; version=0.0.4; charset=utf-8",
-                   static_cast<const MetricsServer*>(server)->page());
+    return respondWithText(connection, 200, "text/plain; version=0.0.4; charset=utf-8",
+                           static_cast<const MetricsServer*>(server)->page());
 }
 
 int serveHealth(mg_connection* connection, void* server) {
     const bool healthy = static_cast<const MetricsServer*>(server)->healthy();
-    return respond(connection, healthy ? 200 : 503, "text/plain; charset=utf-8",
-                   healthy ? "ok\n" : "the forwarder is not running\n");
+    return respondWithText(connection, healthy ? 200 : 503, "text/plain; charset=utf-8",
+                           healthy ? "ok\n" : "the forwarder is not running\n");
 }
 
 int listeningPort(const mg_context* context) {
