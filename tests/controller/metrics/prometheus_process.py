@@ -18,8 +18,6 @@ _CONFIGURATION = """\
 global:
   scrape_interval: 200ms
   scrape_timeout: 200ms
-  evaluation_interval: 200ms
-rule_files: [{rules}]
 scrape_configs:
   - job_name: vesk
     static_configs:
@@ -30,13 +28,12 @@ scrape_configs:
 class PrometheusProcess:
     """Answers queries; everything it waits for has a deadline."""
 
-    def __init__(self, folder: Path, exporter: int, rules: str = "") -> None:
+    def __init__(self, folder: Path, exporter: int) -> None:
         folder.mkdir()
         self._log = (folder / "log").open("w+", encoding="utf-8")
         configuration = folder / "prometheus.yml"
-        configuration.write_text(_CONFIGURATION.format(port=exporter, rules=rules),
-                                 encoding="utf-8")
-        self._address = f"127.0.0.1:{_free_tcp_port()}"
+        configuration.write_text(_CONFIGURATION.format(port=exporter), encoding="utf-8")
+        self._address = f"127.0.0.1:{free_tcp_port()}"
         self._process = subprocess.Popen(
             ["prometheus", f"--config.file={configuration}",
              f"--storage.tsdb.path={folder / 'data'}", f"--web.listen-address={self._address}",
@@ -114,7 +111,8 @@ class PrometheusProcess:
         self._log.close()
 
 
-def _free_tcp_port() -> int:
+def free_tcp_port() -> int:
+    """A port that nobody holds right now."""
     with socket.socket() as probe:
         probe.bind(("127.0.0.1", 0))
         return probe.getsockname()[1]
