@@ -1,0 +1,164 @@
+#include "child/child_process.h"
+
+#include <fcntl.h>
+#include <signal.h>
+#include <spawn.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <array>
+#include <cerrno>
+#include <cstring>
+#include <system_error>
+#include <utility>
+
+namespace vesk::controller {
+
+namespace {
+
+/// What the kernel lets everybody have; a larger pipe keeps the forwarder's threads from waiting
+/// for this process.
+constexpr int pipeSize = 1 << 20;
+
+struct Pipe {
+    Pipe() {
+        std::array<int, 2> ends{};
+        if (pipe2(ends.data(), O_CLOEXEC) != 0) {
+            throw std::system_error(errno, std::generic_category(), "pipe2");
+        }
+        reader.reset(ends[0]);
+        writer.reset(ends[1]);
+        static_cast<void>(fcntl(ends[0], F_SETPIPE_SZ, pipeSize));
+    }
+    UniqueFd reader;
+    UniqueFd writer;
+};
+
+/// Standard input and output from the pipes, every other descriptor closed.
+class Redirections {
+ public:
+    Redirections(int input, int output) {
+        check(posix_spawn_file_actions_init(&actions_));
+        check(posix_spawn_file_actions_adddup2(&actions_, input, STDIN_FILENO));
+        check(posix_spawn_file_actions_adddup2(&actions_, output, STDOUT_FILENO));
+        check(posix_spawn_file_actions_addclosefrom_np(&actions_, STDERR_FILENO + 1));
+    }
+    ~Redirections() { posix_spawn_file_actions_destroy(&actions_); }
+    Redirections(const Redirections&) = delete;
+    Redirections& operator=(const Redirections&) = delete;
+
+    const posix_spawn_file_actions_t* get() const { return &actions_; }
+
+ private:
+    static void check(int error) {
+        if (error != 0) {
+            throw std::system_error(error, std::generic_category(), "posix_spawn_file_actions");
+        }
+    }
+    posix_spawn_file_actions_t actions_{};
+};
+
+/// The child starts with the signals as a process has them from the beginning.
+class PlainSignals {
+ public:
+    PlainSignals() {
+        sigset_t none;
+        sigset_t all;
+        sigemptyset(&none);
+        sigfillset(&all);
+        posix_spawnattr_init(&attributes_);
+        posix_spawnattr_setsigmask(&attributes_, &none);
+        posix_spawnattr_setsigdefault(&attributes_, &all);
+        posix_spawnattr_setpgroup(&attributes_, 0);
+        posix_spawnattr_setflags(&attributes_,
+                                 static_cast<short>(POSIX_SPAWN_SETSIGMASK | POSIX_SPAWN_SETSIGDEF |
+                                                    POSIX_SPAWN_SETPGROUP));
+    }
+    ~PlainSignals() { posix_spawnattr_destroy(&attributes_); }
+    PlainSignals(const PlainSignals&) = delete;
+    PlainSignals& operator=(const PlainSignals&) = delete;
+
+    const posix_spawnattr_t* get() const { return &attributes_; }
+
+ private:
+    posix_spawnattr_t attributes_{};
+};
+
+pid_t spawn(std::string program, std::vector<std::string> arguments, int input, int output) {
+    std::vector<char*> words{program.data()};
+    for (std::string& argument : arguments) {
+        words.push_back(argument.data());
+    }
+    words.push_back(nullptr);
+    const Redirections redirections(input, output);
+    const PlainSignals signals;
+    pid_t pid = -1;
+    const int error = posix_spawnp(&pid, program.c_str(), redirections.get(), signals.get(),
+                                   words.data(), environ);
+    if (error != 0) {
+        throw std::system_error(error, std::generic_category(), program);
+    }
+    return pid;
+}
+
+void makeNonBlocking(int fd) {
+    if (fcntl(fd, F_SETFL, O_NONBLOCK) == -1) {
+        throw std::system_error(errno, std::generic_category(), "fcntl");
+    }
+}
+
+}  // namespace
+
+ChildProcess::ChildProcess(const std::string& program, const std::vector<std::string>& arguments) {
+    Pipe input;
+    Pipe output;
+    makeNonBlocking(input.writer.get());
+    makeNonBlocking(output.reader.get());
+    pid_ = spawn(program, arguments, input.reader.get(), output.writer.get());
+    input_ = std::move(input.writer);
+    output_ = std::move(output.reader);
+}
+
+ChildProcess::ChildProcess(ChildProcess&& other) noexcept
+    : input_(std::move(other.input_)),
+      output_(std::move(other.output_)),
+      pid_(std::exchange(other.pid_, -1)) {}
+
+ChildProcess::~ChildProcess() {
+    if (pid_ > 0) {
+        signal(SIGKILL);
+        while (waitpid(pid_, nullptr, 0) == -1 && errno == EINTR) {
+        }
+    }
+}
+
+void ChildProcess::signal(int number) const {
+    if (pid_ > 0) {
+        kill(pid_, number);
+    }
+}
+
+std::optional<int> ChildProcess::reap() {
+    int status = 0;
+    if (pid_ <= 0 || waitpid(pid_, &status, WNOHANG) != pid_) {
+        return std::nullopt;
+    }
+    pid_ = -1;
+    return status;
+}
+
+std::string describeEnd(int waitStatus) {
+    if (WIFSIGNALED(waitStatus)) {
+        const int number = WTERMSIG(waitStatus);
+        const char* const name = sigdescr_np(number);
+        return "was ended by signal " + std::to_string(number) + " (" +
+               (name != nullptr ? name : "unknown") + ")";
+    }
+    return "ended with status " + std::to_string(WEXITSTATUS(waitStatus));
+}
+
+bool endedWell(int waitStatus) {
+    return WIFEXITED(waitStatus) && WEXITSTATUS(waitStatus) == 0;
+}
+
+}  // namespace vesk::controller

@@ -1,0 +1,88 @@
+#include "child/fence_ledger.h"
+
+#include <algorithm>
+#include <array>
+#include <map>
+#include <string_view>
+#include <utility>
+
+namespace vesk::controller {
+
+namespace {
+
+using Beginnings = std::vector<std::string_view>;
+
+const Beginnings flowBeginnings{"setLabelAttrs: ", "deleteLabel: ",
+                                "label ",          "Vesk_setFlowDescLabelAttrs: ",
+                                "Vesk_validate",   "validateLabelLikeString: "};
+
+/// How the lines begin with which the main thread complains about a command. Other threads log
+/// between them, so a line counts only if it is one of these.
+const std::map<std::string_view, Beginnings> complaints{
+    {"set", flowBeginnings},
+    {"del", flowBeginnings},
+    {"log", {"setLogParams: "}},
+    {"start",
+     {"startForwarder: ", "Failed socket syscall for endpoint: ",
+      "Failed bind syscall for endpoint socket: ", "Failed to create downstream receive thread: "}},
+    {"add_lateral_peer", {"addLateralPeer: "}},
+    {"start_lateral",
+     {"startLateralStream: ", "Failed socket syscall for endpoint: ",
+      "Failed bind syscall for endpoint socket: ", "Failed to generate lateral stream HMAC key",
+      "Failed to create lateral stream receive thread: ", "Vesk Lateral listener failed to start"}},
+};
+
+bool complainsAbout(const Command& command, std::string_view text) {
+    const auto row = complaints.find(command.word);
+    return row != complaints.end() &&
+           std::ranges::any_of(row->second, [&](auto it) { return text.starts_with(it); });
+}
+
+}  // namespace
+
+std::string FenceLedger::wordOf(std::uint64_t number) {
+    return "fence-" + std::to_string(number);
+}
+
+std::string FenceLedger::expect(Command command) {
+    pending_.push_back({std::move(command), {}, {}});
+    return wordOf(++sent_);
+}
+
+FenceReading FenceLedger::read(const LogLine& line) {
+    // The complaint ends in a newline of its own and is written in one piece with it.
+    if (std::exchange(emptyLineFollows_, false) && line.level == LogLevel::none &&
+        line.text.empty()) {
+        return {true, std::nullopt};
+    }
+    if (pending_.empty()) {
+        return {};
+    }
+    const std::string word = wordOf(answered_ + 1);
+    if (line.level == LogLevel::debug && line.text == "Got message: " + word) {
+        return {true, std::nullopt};
+    }
+    if (line.level == LogLevel::error && line.text == "Unrecognised command '" + word + "'") {
+        ++answered_;
+        emptyLineFollows_ = true;
+        Outcome outcome = std::move(pending_.front());
+        pending_.pop_front();
+        return {true, std::move(outcome)};
+    }
+    noteComplaint(line);
+    return {};
+}
+
+void FenceLedger::noteComplaint(const LogLine& line) {
+    Outcome& current = pending_.front();
+    if (!complainsAbout(current.command, line.text)) {
+        return;
+    }
+    if (line.level == LogLevel::error) {
+        current.errors.push_back(line.text);
+    } else if (line.level == LogLevel::warn) {
+        current.warnings.push_back(line.text);
+    }
+}
+
+}  // namespace vesk::controller

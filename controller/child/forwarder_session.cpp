@@ -1,0 +1,77 @@
+#include "child/forwarder_session.h"
+
+#include <unistd.h>
+
+#include <array>
+#include <cerrno>
+
+namespace vesk::controller {
+
+namespace {
+
+/// Read and written at once; between the pieces everything else gets its turn.
+constexpr std::size_t pieceSize = std::size_t{1} << 16U;
+
+}  // namespace
+
+ForwarderSession::ForwarderSession(const std::string& program,
+                                   const std::vector<std::string>& arguments)
+    : process_(program, arguments) {}
+
+void ForwarderSession::send(const Command& command) {
+    if (finishing_) {
+        return;
+    }
+    pending_.add(toLine(command));
+    pending_.add(ledger_.expect(command));
+}
+
+void ForwarderSession::finishInput() {
+    finishing_ = true;
+    dropUnsent();
+    closeWhenWritten();
+}
+
+void ForwarderSession::closeWhenWritten() {
+    if (finishing_ && pending_.empty()) {
+        process_.closeInput();
+    }
+}
+
+void ForwarderSession::write() {
+    while (wantsToWrite()) {
+        const std::string_view piece = pending_.front(pieceSize);
+        const ssize_t written = ::write(process_.input(), piece.data(), piece.size());
+        if (written >= 0) {
+            pending_.drop(static_cast<std::size_t>(written));
+        } else if (errno == EAGAIN) {
+            return;
+        } else if (errno != EINTR) {
+            // The child has gone; its end is noticed by itself.
+            pending_.clear();
+        }
+    }
+    closeWhenWritten();
+}
+
+std::vector<OutputEvent> ForwarderSession::read() {
+    std::array<char, pieceSize> piece;
+    const ssize_t got = ::read(process_.output(), piece.data(), piece.size());
+    if (got < 0 && (errno == EAGAIN || errno == EINTR)) {
+        return {};
+    }
+    std::vector<OutputEvent> events;
+    if (got <= 0) {
+        outputEnded_ = true;
+        if (const std::string rest = lines_.takeRest(); !rest.empty()) {
+            events.push_back(interpreter_.take(rest));
+        }
+        return events;
+    }
+    for (const std::string& line : lines_.feed({piece.data(), static_cast<std::size_t>(got)})) {
+        events.push_back(interpreter_.take(line));
+    }
+    return events;
+}
+
+}  // namespace vesk::controller

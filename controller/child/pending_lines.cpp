@@ -1,0 +1,42 @@
+#include "child/pending_lines.h"
+
+namespace vesk::controller {
+
+namespace {
+
+/// Written bytes are taken out in large pieces, so that a long backlog costs no more than its
+/// length.
+constexpr std::size_t compactionSize = std::size_t{1} << 16U;
+
+}  // namespace
+
+void PendingLines::add(std::string_view line) {
+    bytes_.append(line).append(1, '\n');
+}
+
+void PendingLines::drop(std::size_t count) {
+    sent_ += count;
+    if (empty()) {
+        clear();
+    } else if (sent_ >= compactionSize && sent_ >= bytes_.size() / 2) {
+        // The last byte written stays: it tells whether a line was begun.
+        bytes_.erase(0, sent_ - 1);
+        sent_ = 1;
+    }
+}
+
+void PendingLines::keepLineBegun() {
+    const bool begun = sent_ > 0 && bytes_[sent_ - 1] != '\n';
+    if (!begun) {
+        clear();
+        return;
+    }
+    bytes_.erase(bytes_.find('\n', sent_) + 1);
+}
+
+void PendingLines::clear() {
+    bytes_.clear();
+    sent_ = 0;
+}
+
+}  // namespace vesk::controller

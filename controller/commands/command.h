@@ -1,0 +1,28 @@
+// One command to the forwarder, before it is text. Made by commands/command_lines and
+// commands/configuration_changes, sent by child/forwarder_session.
+#pragma once
+
+#include <cstdint>
+#include <string>
+#include <string_view>
+#include <utility>
+#include <vector>
+
+namespace vesk::controller {
+
+struct Command {
+    std::string word;
+    std::vector<std::pair<std::string, std::string>> attributes;  ///< in the order of the line
+    std::string subject;      ///< what it is about, in the words of the configuration file
+    std::uint32_t label = 0;  ///< of the flow that it is about, or 0
+};
+
+/// The line as the forwarder reads it, without the newline. Holds keys: it is for the forwarder
+/// only.
+std::string toLine(const Command& command);
+
+/// The same text with the value of each key attribute replaced by "<key of N bytes>". Takes any
+/// text with commands in it, such as the lines in which the forwarder repeats what it was told.
+std::string maskKeys(std::string_view text);
+
+}  // namespace vesk::controller

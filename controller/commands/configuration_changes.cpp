@@ -1,0 +1,147 @@
+#include "commands/configuration_changes.h"
+
+#include <algorithm>
+#include <iterator>
+#include <utility>
+
+#include "commands/command_lines.h"
+
+namespace vesk::controller {
+
+namespace {
+
+void append(std::vector<Command>& commands, std::vector<Command> more) {
+    std::ranges::move(more, std::back_inserter(commands));
+}
+
+bool names(const Command& command, const std::string& attribute) {
+    return std::ranges::any_of(command.attributes,
+                               [&](const auto& it) { return it.first == attribute; });
+}
+
+/// Whether `before` has an attribute that `after` has not: the forwarder would keep it.
+bool losesAttribute(const Command& before, const Command& after) {
+    return std::ranges::any_of(before.attributes,
+                               [&](const auto& it) { return !names(after, it.first); });
+}
+
+std::uint16_t prefixOf(const Flow& flow) {
+    return flow.auxiliary ? flow.auxiliary->prefix : std::uint16_t{0};
+}
+
+/// The commands for flows, kept apart: a prefix has to be free before its new owner claims it.
+struct FlowCommands {
+    std::vector<Command> removals;
+    std::vector<Command> others;
+};
+
+void changeFlow(const Flow& before, const Flow& after, bool refused, FlowCommands& commands) {
+    Command set = setCommand(after);
+    const Command old = setCommand(before);
+    if (!refused && set.attributes == old.attributes) {
+        return;
+    }
+    if (prefixOf(before) != 0 && prefixOf(before) != prefixOf(after)) {
+        commands.removals.push_back(delCommand(before));
+    } else if (refused || losesAttribute(old, set)) {
+        commands.others.push_back(delCommand(after));
+    }
+    commands.others.push_back(std::move(set));
+}
+
+FlowCommands flowCommands(const Configuration& running, const Configuration& wanted,
+                          const Refusals& refusals) {
+    FlowCommands commands;
+    for (const auto& [label, flow] : running.flows) {
+        if (!wanted.flows.contains(label)) {
+            commands.removals.push_back(delCommand(flow));
+        }
+    }
+    for (const auto& [label, flow] : wanted.flows) {
+        const auto before = running.flows.find(label);
+        if (before == running.flows.end()) {
+            commands.others.push_back(setCommand(flow));
+        } else {
+            changeFlow(before->second, flow, refusals.flows.contains(label), commands);
+        }
+    }
+    return commands;
+}
+
+/// Takes from `running` what the forwarder keeps until it is started again.
+void keepArguments(const Configuration& running, ConfigurationChanges& changes) {
+    const ForwarderSettings& old = running.forwarder;
+    ForwarderSettings& now = changes.after.forwarder;
+    const auto keep = [&](auto ForwarderSettings::*field, const char* name) {
+        if (old.*field != now.*field) {
+            changes.waiting.emplace_back(name);
+            now.*field = old.*field;
+        }
+    };
+    keep(&ForwarderSettings::program, "forwarder.program");
+    keep(&ForwarderSettings::framing, "forwarder.framing");
+    keep(&ForwarderSettings::cleanupInterval, "forwarder.cleanup_interval");
+    keep(&ForwarderSettings::expireMainFlows, "forwarder.expire_main_flows");
+    keep(&ForwarderSettings::expireAuxiliaryFlows, "forwarder.expire_auxiliary_flows");
+}
+
+bool samePlace(const Lateral& one, const Lateral& other) {
+    return one.listen == other.listen && one.index == other.index &&
+           one.instances == other.instances;
+}
+
+/// Peers that are new or have moved. One that is gone stays with the forwarder: it counts as
+/// waiting, and so `after` keeps it.
+void changePeers(const Lateral& running, const Lateral& wanted, ConfigurationChanges& changes) {
+    Lateral& after = changes.after.lateral.emplace(running);
+    for (const auto& [index, address] : wanted.peers) {
+        const auto before = running.peers.find(index);
+        if (before == running.peers.end() || before->second != address) {
+            changes.commands.push_back(lateralPeerCommand(index, address));
+            after.peers[index] = address;
+        }
+    }
+    if (after.peers.size() != wanted.peers.size()) {
+        changes.waiting.emplace_back("lateral.peers");
+    }
+}
+
+void changeLateral(const Configuration& running, const Configuration& wanted, bool refused,
+                   ConfigurationChanges& changes) {
+    const bool started = running.lateral && !refused;
+    if (!started) {
+        if (wanted.lateral) {
+            append(changes.commands, lateralCommands(*wanted.lateral));
+        }
+        return;
+    }
+    if (wanted.lateral && samePlace(*running.lateral, *wanted.lateral)) {
+        changePeers(*running.lateral, *wanted.lateral, changes);
+        return;
+    }
+    changes.waiting.emplace_back("lateral");
+    changes.after.lateral = running.lateral;
+}
+
+}  // namespace
+
+ConfigurationChanges changesBetween(const Configuration& running, const Configuration& wanted,
+                                    const Refusals& refusals) {
+    ConfigurationChanges changes;
+    changes.after = wanted;
+    keepArguments(running, changes);
+    if (running.forwarder.logLevel != wanted.forwarder.logLevel) {
+        changes.commands.push_back(logCommand(wanted.forwarder.logLevel));
+    }
+    FlowCommands flows = flowCommands(running, wanted, refusals);
+    append(changes.commands, std::move(flows.removals));
+    append(changes.commands, std::move(flows.others));
+    changeLateral(running, wanted, refusals.lateral, changes);
+    if (refusals.downstream || running.downstream != wanted.downstream) {
+        changes.commands.push_back(stopCommand());
+        changes.commands.push_back(startCommand(wanted.downstream));
+    }
+    return changes;
+}
+
+}  // namespace vesk::controller

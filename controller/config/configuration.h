@@ -1,0 +1,95 @@
+// What the configuration file says, as values: defaults filled in, every value checked. Made by
+// config/configuration_reader, turned into command lines by commands/.
+#pragma once
+
+#include <chrono>
+#include <cstdint>
+#include <map>
+#include <optional>
+#include <string>
+#include <vector>
+
+namespace vesk::controller {
+
+/// A numeric address and a port from 1 to 65535.
+struct HostPort {
+    std::string host;
+    std::uint16_t port = 0;
+    bool operator==(const HostPort&) const = default;
+};
+
+/// How one leg of a flow is signed. The digits are lower-case hex and never shown to anybody.
+struct Signature {
+    std::string keyDigits;
+    std::string algorithm;
+};
+
+/// One of a flow's four legs; label and DSCP occur on the two that leave the forwarder.
+struct Leg {
+    std::optional<Signature> signature;
+    std::optional<std::uint32_t> label;
+    std::optional<int> dscp;
+};
+
+struct AuxiliaryFlows {
+    std::uint16_t prefix = 0;
+    std::uint32_t upstreamLabel = 0;
+    std::optional<HostPort> upstream;
+};
+
+struct Flow {
+    std::string name;
+    std::uint32_t label = 0;
+    HostPort upstream;
+    std::optional<HostPort> source;
+    std::optional<HostPort> peer;
+    bool multiplex = false;
+    Leg fromPeer;
+    Leg toUpstream;
+    Leg fromUpstream;
+    Leg toPeer;
+    std::optional<AuxiliaryFlows> auxiliary;
+};
+
+/// What the forwarder is started with, and its log level.
+struct ForwarderSettings {
+    std::optional<std::string> program;
+    std::string framing = "udpv2";
+    std::chrono::seconds cleanupInterval{600};
+    bool expireMainFlows = true;
+    bool expireAuxiliaryFlows = true;
+    std::string logLevel = "info";
+};
+
+struct Lateral {
+    HostPort listen;
+    std::uint32_t index = 0;
+    std::uint32_t instances = 0;
+    std::map<std::uint32_t, std::string> peers;  ///< address of each index
+};
+
+struct SupervisionSettings {
+    std::chrono::milliseconds restartPause{100};
+    std::chrono::milliseconds restartPauseMax{30000};
+    std::chrono::seconds drain{10};
+    std::chrono::seconds stats{10};
+};
+
+struct MetricsSettings {
+    bool enabled = true;
+    std::string address = "127.0.0.1";
+    std::uint16_t port = 9477;
+    bool perFlow = false;
+    bool operator==(const MetricsSettings&) const = default;
+};
+
+struct Configuration {
+    ForwarderSettings forwarder;
+    HostPort downstream;
+    std::optional<Lateral> lateral;
+    SupervisionSettings supervision;
+    MetricsSettings metrics;
+    std::map<std::uint32_t, Flow> flows;  ///< by label, which is all that the forwarder knows
+};
+
+}  // namespace vesk::controller

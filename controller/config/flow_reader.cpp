@@ -1,0 +1,181 @@
+#include "config/flow_reader.h"
+
+#include <array>
+#include <limits>
+
+#include "config/key_reader.h"
+#include "config/numeric_address.h"
+
+namespace vesk::controller {
+
+namespace {
+
+constexpr std::int64_t greatestLabel = std::numeric_limits<std::uint32_t>::max();
+constexpr std::int64_t greatestPrefix = std::numeric_limits<std::uint16_t>::max();
+constexpr std::int64_t greatestDscp = 63;
+constexpr std::array<std::string_view, 2> algorithms{"sha256", "sha1"};
+
+enum class Direction { arriving, leaving };
+
+std::optional<std::uint32_t> readLabel(TableReader& table, std::string_view key) {
+    const std::optional<std::int64_t> label = table.integer(key, 1, greatestLabel);
+    return label ? std::optional(static_cast<std::uint32_t>(*label)) : std::nullopt;
+}
+
+std::optional<HostPort> readHostPort(TableReader& table, std::string_view key) {
+    const std::optional<std::string> text = table.text(key);
+    if (!text) {
+        return std::nullopt;
+    }
+    std::optional<HostPort> address = parseHostPort(*text);
+    if (!address) {
+        table.complain(key, R"(has to be a numeric address and a port, "127.0.0.1:5000" or )"
+                            R"("[::1]:5000")");
+    }
+    return address;
+}
+
+std::string readKeyOf(TableReader& leg, KeySources& keys) {
+    if (leg.has("key") && leg.has("key_file")) {
+        leg.complain("key_file", "stands beside key: give one of the two");
+    }
+    if (const std::optional<std::string> digits = leg.text("key")) {
+        keys.firstInlineKey = keys.firstInlineKey.value_or(leg.lineOf("key"));
+        const KeyReading key = readKey(*digits);
+        if (!key.problem.empty()) {
+            leg.complain("key", "will not do: " + key.problem);
+        }
+        return key.digits;
+    }
+    if (const std::optional<std::string> file = leg.text("key_file")) {
+        const KeyReading key = readKeyFile(keys.folder / *file, keys.allowReadable);
+        if (!key.problem.empty()) {
+            leg.complain("key_file", "will not do: " + key.problem);
+        }
+        return key.digits;
+    }
+    return "";
+}
+
+std::optional<Signature> readSignature(TableReader& leg, KeySources& keys) {
+    std::string digits = readKeyOf(leg, keys);
+    const std::optional<std::string> algorithm = leg.choice("algorithm", algorithms);
+    if (algorithm && !leg.has("key") && !leg.has("key_file")) {
+        leg.complain("algorithm", "needs a key or key_file beside it");
+    }
+    if (digits.empty()) {
+        return std::nullopt;
+    }
+    return Signature{std::move(digits), algorithm.value_or(std::string(algorithms.front()))};
+}
+
+Leg readLeg(TableReader& flow, std::string_view key, Direction direction, KeySources& keys) {
+    Leg leg;
+    std::optional<TableReader> table = flow.table(key);
+    if (!table) {
+        return leg;
+    }
+    leg.signature = readSignature(*table, keys);
+    if (direction == Direction::leaving) {
+        leg.label = readLabel(*table, "label");
+        if (const auto dscp = table->integer("dscp", 0, greatestDscp)) {
+            leg.dscp = static_cast<int>(*dscp);
+        }
+    }
+    table->refuseUnknown();
+    return leg;
+}
+
+std::optional<AuxiliaryFlows> readAuxiliary(TableReader& flow) {
+    std::optional<TableReader> table = flow.table("auxiliary");
+    if (!table) {
+        return std::nullopt;
+    }
+    table->require("prefix");
+    table->require("upstream_label");
+    AuxiliaryFlows auxiliary;
+    auxiliary.prefix =
+        static_cast<std::uint16_t>(table->integer("prefix", 1, greatestPrefix).value_or(0));
+    auxiliary.upstreamLabel = readLabel(*table, "upstream_label").value_or(0);
+    auxiliary.upstream = readHostPort(*table, "upstream");
+    table->refuseUnknown();
+    return auxiliary;
+}
+
+/// A socket bound to the one family cannot send to the other.
+void checkSource(TableReader& table, const Flow& flow) {
+    if (flow.source && !flow.upstream.host.empty() &&
+        isIPv6(flow.source->host) != isIPv6(flow.upstream.host)) {
+        table.complain("source", "and upstream have to be of the same address family");
+    }
+}
+
+Flow readFlow(TableReader& table, std::string name, KeySources& keys) {
+    Flow flow;
+    flow.name = std::move(name);
+    table.require("label");
+    table.require("upstream");
+    flow.label = readLabel(table, "label").value_or(0);
+    flow.upstream = readHostPort(table, "upstream").value_or(HostPort{});
+    flow.source = readHostPort(table, "source");
+    flow.peer = readHostPort(table, "peer");
+    flow.multiplex = table.boolean("multiplex").value_or(false);
+    flow.fromPeer = readLeg(table, "from_peer", Direction::arriving, keys);
+    flow.toUpstream = readLeg(table, "to_upstream", Direction::leaving, keys);
+    flow.fromUpstream = readLeg(table, "from_upstream", Direction::arriving, keys);
+    flow.toPeer = readLeg(table, "to_peer", Direction::leaving, keys);
+    flow.auxiliary = readAuxiliary(table);
+    checkSource(table, flow);
+    table.refuseUnknown();
+    return flow;
+}
+
+/// Names are shown in log lines and metrics.
+bool isPlainName(std::string_view name) {
+    for (const char c : name) {
+        if (static_cast<unsigned char>(c) < 0x20 || c == 0x7f) {
+            return false;
+        }
+    }
+    return !name.empty();
+}
+
+/// Who has a number already, by number; 0 stands for one that could not be read.
+using Owners = std::map<std::uint32_t, std::string>;
+
+void claim(Owners& owners, std::uint32_t number, const Flow& flow, TableReader& table,
+           std::string_view key) {
+    if (number == 0) {
+        return;
+    }
+    const auto [owner, added] = owners.emplace(number, flow.name);
+    if (!added) {
+        table.complain(key, "is that of flow " + owner->second + " too");
+    }
+}
+
+}  // namespace
+
+std::map<std::uint32_t, Flow> readFlows(TableReader& flows, KeySources& keys) {
+    std::map<std::uint32_t, Flow> result;
+    Owners labels;
+    Owners prefixes;
+    for (const auto& [key, node] : flows.raw()) {
+        std::optional<TableReader> table = flows.table(key.str());
+        if (!isPlainName(key.str())) {
+            flows.complain(key.str(), "is no name: it is empty or has control characters");
+        }
+        if (!table) {
+            continue;
+        }
+        Flow flow = readFlow(*table, std::string(key.str()), keys);
+        claim(labels, flow.label, flow, *table, "label");
+        if (flow.auxiliary) {
+            claim(prefixes, flow.auxiliary->prefix, flow, *table, "auxiliary");
+        }
+        result.try_emplace(flow.label, std::move(flow));
+    }
+    return result;
+}
+
+}  // namespace vesk::controller

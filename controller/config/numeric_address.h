@@ -1,0 +1,20 @@
+// Addresses as the configuration file writes them. Host names are not taken: the forwarder ends on
+// one that it cannot resolve. Any thread.
+#pragma once
+
+#include <optional>
+#include <string>
+#include <string_view>
+
+#include "config/configuration.h"
+
+namespace vesk::controller {
+
+bool isIPv4(const std::string& host);
+bool isIPv6(const std::string& host);
+bool isNumericHost(const std::string& host);
+
+/// "127.0.0.1:5000" or "[::1]:5000"; none where the text is anything else.
+std::optional<HostPort> parseHostPort(std::string_view text);
+
+}  // namespace vesk::controller

@@ -1,0 +1,49 @@
+#include "config/protected_file.h"
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <array>
+#include <cerrno>
+
+#include "base/unique_fd.h"
+#include "log/error_text.h"
+
+namespace vesk::controller {
+
+namespace {
+
+FileText refuse(std::string problem) {
+    return {"", false, std::move(problem)};
+}
+
+}  // namespace
+
+FileText readProtectedFile(const std::filesystem::path& path, std::size_t limit) {
+    // Without O_NONBLOCK the open of a named pipe would wait for its writer.
+    const UniqueFd file(open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NOCTTY | O_NONBLOCK));
+    struct stat status {};
+    if (!file || fstat(file.get(), &status) != 0) {
+        return refuse("cannot be read: " + errorText(errno));
+    }
+    if (!S_ISREG(status.st_mode)) {
+        return refuse("is not a regular file");
+    }
+    FileText result;
+    result.readableByOthers = (status.st_mode & (S_IRGRP | S_IROTH)) != 0;
+    std::array<char, 16384> piece{};
+    while (result.text.size() <= limit) {
+        const ssize_t got = read(file.get(), piece.data(), piece.size());
+        if (got == 0) {
+            return result;
+        }
+        if (got < 0 && errno != EINTR) {
+            return refuse("cannot be read: " + errorText(errno));
+        }
+        result.text.append(piece.data(), got < 0 ? 0 : static_cast<std::size_t>(got));
+    }
+    return refuse("is larger than " + std::to_string(limit) + " bytes");
+}
+
+}  // namespace vesk::controller

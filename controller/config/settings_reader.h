@@ -1,0 +1,21 @@
+// The tables of the configuration file other than the flows. Each reader takes the file's root and
+// returns defaults where its table is missing. Called by config/configuration_reader.
+#pragma once
+
+#include <filesystem>
+#include <optional>
+
+#include "config/configuration.h"
+#include "config/table_reader.h"
+
+namespace vesk::controller {
+
+/// A program with a slash in it is looked for from `folder` on, one without by PATH.
+ForwarderSettings readForwarder(TableReader& root, const std::filesystem::path& folder);
+
+HostPort readDownstream(TableReader& root);
+std::optional<Lateral> readLateral(TableReader& root);
+SupervisionSettings readSupervision(TableReader& root);
+MetricsSettings readMetrics(TableReader& root);
+
+}  // namespace vesk::controller

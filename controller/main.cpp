@@ -1,0 +1,94 @@
+// vesk-controller: runs the forwarder with the flows of a configuration file.
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <csignal>
+#include <exception>
+#include <iostream>
+#include <utility>
+#include <variant>
+
+#include "commands/command_lines.h"
+#include "config/configuration_reader.h"
+#include "options.h"
+#include "service/limits.h"
+#include "service/log_output.h"
+#include "service/supervisor.h"
+
+namespace vesk::controller {
+
+namespace {
+
+/// Keeps the numbers of closed standard descriptors from going to pipes and sockets.
+void occupyStandardDescriptors() {
+    for (const int fd : {STDIN_FILENO, STDOUT_FILENO, STDERR_FILENO}) {
+        if (fcntl(fd, F_GETFD) == -1) {
+            // It gets the lowest free number, which is this one.
+            static_cast<void>(open("/dev/null", O_RDWR));
+        }
+    }
+}
+
+void printCommands(const Configuration& configuration) {
+    std::cout << "# vesk";
+    for (const std::string& argument : programArguments(configuration.forwarder)) {
+        std::cout << " " << argument;
+    }
+    std::cout << "\n";
+    for (const Command& command : allCommands(configuration)) {
+        std::cout << maskKeys(toLine(command)) << "\n";
+    }
+    std::cout.flush();
+}
+
+int run(const Options& options, LogOutput& log) {
+    const ReadingRules rules{options.allowReadableKeys};
+    ConfigurationReading reading = readConfiguration(options.file, rules);
+    for (const Problem& problem : reading.problems) {
+        log.write(LogLevel::error, describe(problem, options.file.string()));
+    }
+    if (!reading.configuration) {
+        return exit_status::unusableFile;
+    }
+    raiseDescriptorLimit();
+    for (const std::string& warning : limitWarnings(*reading.configuration)) {
+        log.say(LogLevel::warn, warning);
+    }
+    if (options.check) {
+        printCommands(*reading.configuration);
+        return exit_status::success;
+    }
+    Supervisor supervisor(options, std::move(*reading.configuration), log);
+    return supervisor.run();
+}
+
+int runGuarded(int argumentCount, char** arguments) {
+    std::variant<Options, int> options = parseOptions(argumentCount, arguments);
+    if (const int* const status = std::get_if<int>(&options)) {
+        return *status;
+    }
+    LogOutput log(STDERR_FILENO, logFormOf(STDERR_FILENO));
+    int status = exit_status::forwarderFailed;
+    try {
+        status = run(std::get<Options>(options), log);
+    } catch (const std::exception& error) {
+        log.say(LogLevel::error, error.what());
+    }
+    log.finish();
+    return status;
+}
+
+}  // namespace
+
+}  // namespace vesk::controller
+
+int main(int argumentCount, char** arguments) {
+    vesk::controller::occupyStandardDescriptors();
+    // The forwarder's end is noticed otherwise, and a log that nobody reads is no reason to end.
+    std::signal(SIGPIPE, SIG_IGN);
+    try {
+        return vesk::controller::runGuarded(argumentCount, arguments);
+    } catch (...) {
+        return vesk::controller::exit_status::forwarderFailed;
+    }
+}

@@ -1,0 +1,28 @@
+// The command line of vesk-controller. Called by main.
+#pragma once
+
+#include <filesystem>
+#include <optional>
+#include <string>
+#include <variant>
+
+namespace vesk::controller {
+
+namespace exit_status {
+inline constexpr int success = 0;
+inline constexpr int unusableFile = 1;
+inline constexpr int badUsage = 2;
+inline constexpr int forwarderFailed = 3;
+}  // namespace exit_status
+
+struct Options {
+    std::filesystem::path file;
+    bool check = false;
+    bool allowReadableKeys = false;
+    std::optional<std::string> program;
+};
+
+/// The options, or the exit status where the process is to end: it was misused, or asked for help.
+std::variant<Options, int> parseOptions(int argumentCount, char** arguments);
+
+}  // namespace vesk::controller

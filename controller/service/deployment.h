@@ -1,0 +1,47 @@
+// What the running forwarder has been told and has accepted. Called by service/supervisor, which
+// sends what comes of it and reports the outcomes back.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <map>
+#include <string>
+#include <vector>
+
+#include "child/fence_ledger.h"
+#include "commands/command.h"
+#include "commands/configuration_changes.h"
+#include "config/configuration.h"
+
+namespace vesk::controller {
+
+class Deployment {
+ public:
+    /// What a new forwarder has to be told.
+    std::vector<Command> begin(const Configuration& wanted);
+
+    /// What the running one has to be told; what was refused before is tried again.
+    ConfigurationChanges change(const Configuration& wanted);
+
+    /// Notes what came of a command.
+    void note(const Outcome& outcome);
+
+    /// The level at which the forwarder logs.
+    const std::string& logLevel() const { return running_.forwarder.logLevel; }
+
+    std::size_t declaredFlows() const { return running_.flows.size(); }
+    std::size_t acceptedFlows() const { return declaredFlows() - refusals_.flows.size(); }
+    const Refusals& refusals() const { return refusals_; }
+
+    /// By label.
+    const std::map<std::uint32_t, std::string>& flowNames() const { return names_; }
+
+ private:
+    void take(Configuration running);
+
+    Configuration running_;
+    Refusals refusals_;
+    std::map<std::uint32_t, std::string> names_;
+};
+
+}  // namespace vesk::controller

@@ -1,0 +1,78 @@
+#include "service/limits.h"
+
+#include <sys/resource.h>
+
+#include <fstream>
+#include <utility>
+
+namespace vesk::controller {
+
+namespace {
+
+constexpr std::uint64_t descriptorsOfFlow = 2;
+/// The forwarder's own eight, and room for what libraries open now and then.
+constexpr std::uint64_t descriptorsBesides = 100;
+
+// What the forwarder asks for: the greatest for its listeners, the other for its upstream sockets.
+constexpr std::uint64_t receiveBuffer = 1048576;
+constexpr std::uint64_t sendBuffer = 262144;
+
+std::optional<std::uint64_t> readNumber(const char* path) {
+    std::ifstream file(path);
+    std::uint64_t number = 0;
+    return file >> number ? std::optional(number) : std::nullopt;
+}
+
+void warnOfBuffer(const char* name, std::optional<std::uint64_t> limit, std::uint64_t wanted,
+                  std::vector<std::string>& warnings) {
+    if (limit && *limit < wanted) {
+        warnings.push_back("net.core." + std::string(name) + " is " + std::to_string(*limit) +
+                           " and keeps socket buffers below " + std::to_string(wanted) +
+                           " bytes: sysctl -w net.core." + name + "=" + std::to_string(wanted));
+    }
+}
+
+}  // namespace
+
+std::vector<std::string> descriptorWarnings(const Configuration& configuration,
+                                            std::uint64_t hardLimit) {
+    const std::uint64_t flows = configuration.flows.size();
+    const std::uint64_t needed = flows * descriptorsOfFlow + descriptorsBesides;
+    if (hardLimit >= needed) {
+        return {};
+    }
+    return {"the hard limit of descriptors is " + std::to_string(hardLimit) + ", and " +
+            std::to_string(flows) + " flows need " + std::to_string(needed) +
+            ": datagrams of flows beyond it will be dropped; set LimitNOFILE= of the service or "
+            "ulimit -Hn to at least that"};
+}
+
+std::vector<std::string> bufferWarnings(const BufferLimits& limits) {
+    std::vector<std::string> warnings;
+    warnOfBuffer("rmem_max", limits.receive, receiveBuffer, warnings);
+    warnOfBuffer("wmem_max", limits.send, sendBuffer, warnings);
+    return warnings;
+}
+
+std::vector<std::string> limitWarnings(const Configuration& configuration) {
+    std::vector<std::string> warnings = bufferWarnings(
+        {readNumber("/proc/sys/net/core/rmem_max"), readNumber("/proc/sys/net/core/wmem_max")});
+    rlimit limit{};
+    if (getrlimit(RLIMIT_NOFILE, &limit) == 0) {
+        for (std::string& warning : descriptorWarnings(configuration, limit.rlim_max)) {
+            warnings.push_back(std::move(warning));
+        }
+    }
+    return warnings;
+}
+
+void raiseDescriptorLimit() {
+    rlimit limit{};
+    if (getrlimit(RLIMIT_NOFILE, &limit) == 0 && limit.rlim_cur < limit.rlim_max) {
+        limit.rlim_cur = limit.rlim_max;
+        // Where it fails the old limit stays, and the forwarder says which datagrams that costs.
+        static_cast<void>(setrlimit(RLIMIT_NOFILE, &limit));
+    }
+}
+
+}  // namespace vesk::controller

@@ -1,0 +1,92 @@
+#include "service/log_output.h"
+
+#include <poll.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <array>
+#include <cerrno>
+#include <climits>
+#include <cstdlib>
+
+namespace vesk::controller {
+
+namespace {
+
+constexpr std::size_t maxBacklog = std::size_t{8} << 20U;
+constexpr int lastChanceMilliseconds = 1000;
+
+/// Of syslog's priorities those for each level, in the order of LogLevel.
+constexpr std::array<std::string_view, 6> journalPrefixes{"", "<3>", "<4>", "<6>", "<7>", "<7>"};
+
+}  // namespace
+
+LogForm logFormOf(int fd) {
+    const char* const stream = std::getenv("JOURNAL_STREAM");
+    struct stat status {};
+    if (stream == nullptr || fstat(fd, &status) != 0) {
+        return LogForm::words;
+    }
+    const std::string own = std::to_string(status.st_dev) + ":" + std::to_string(status.st_ino);
+    return own == stream ? LogForm::journal : LogForm::words;
+}
+
+std::string formatLine(LogForm form, LogLevel level, std::string_view text) {
+    std::string line;
+    if (form == LogForm::journal) {
+        line = journalPrefixes.at(static_cast<std::size_t>(level));
+    } else if (level != LogLevel::none) {
+        line.append(nameOf(level)).append(1, ' ');
+    }
+    return line.append(text);
+}
+
+void LogOutput::write(LogLevel level, std::string_view text) {
+    if (lines_.size() > maxBacklog) {
+        ++lost_;
+        return;
+    }
+    if (lost_ > 0) {
+        const std::string count = std::to_string(lost_);
+        lost_ = 0;
+        say(LogLevel::warn, count + " lines were lost: this log was not read");
+    }
+    lines_.add(formatLine(form_, level, text));
+}
+
+void LogOutput::say(LogLevel level, std::string_view text) {
+    write(level, "controller: " + std::string(text));
+}
+
+bool LogOutput::writable(int milliseconds) const {
+    pollfd watched{fd_, POLLOUT, 0};
+    return poll(&watched, 1, milliseconds) == 1;
+}
+
+/// The descriptor is shared with others, so it stays blocking. Where poll(2) says that there is
+/// room, a pipe takes as much as it writes in one piece, and a socket at least as much.
+bool LogOutput::writePiece() {
+    const std::string_view piece = lines_.front(PIPE_BUF);
+    const ssize_t written = ::write(fd_, piece.data(), piece.size());
+    if (written >= 0) {
+        lines_.drop(static_cast<std::size_t>(written));
+        return true;
+    }
+    if (errno != EINTR && errno != EAGAIN) {
+        // Nobody reads any more. The forwarder's work is worth more than its log.
+        lines_.clear();
+    }
+    return false;
+}
+
+void LogOutput::flush() {
+    while (pending() && writable(0) && writePiece()) {
+    }
+}
+
+void LogOutput::finish() {
+    while (pending() && writable(lastChanceMilliseconds) && writePiece()) {
+    }
+}
+
+}  // namespace vesk::controller

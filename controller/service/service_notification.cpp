@@ -1,0 +1,71 @@
+#include "service/service_notification.h"
+
+#include <sys/socket.h>
+#include <sys/un.h>
+
+#include <algorithm>
+#include <cstddef>
+#include <cstdlib>
+#include <ctime>
+#include <utility>
+
+namespace vesk::controller {
+
+namespace {
+
+std::string monotonicMicroseconds() {
+    timespec now{};
+    clock_gettime(CLOCK_MONOTONIC, &now);
+    return std::to_string(now.tv_sec * 1000000 + now.tv_nsec / 1000);
+}
+
+}  // namespace
+
+ServiceNotification::ServiceNotification(std::optional<std::string> address)
+    : address_(std::move(address)) {
+    constexpr std::size_t room = sizeof(sockaddr_un::sun_path);
+    if (address_ && !address_->empty() && address_->size() < room) {
+        socket_.reset(socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0));
+    }
+}
+
+ServiceNotification ServiceNotification::fromEnvironment() {
+    const char* const address = std::getenv("NOTIFY_SOCKET");
+    return ServiceNotification(address != nullptr ? std::optional<std::string>(address)
+                                                  : std::nullopt);
+}
+
+void ServiceNotification::ready(std::string_view status) const {
+    send("READY=1\nSTATUS=" + std::string(status));
+}
+
+void ServiceNotification::reloading() const {
+    send("RELOADING=1\nMONOTONIC_USEC=" + monotonicMicroseconds());
+}
+
+void ServiceNotification::stopping(std::string_view status) const {
+    send("STOPPING=1\nSTATUS=" + std::string(status));
+}
+
+void ServiceNotification::status(std::string_view status) const {
+    send("STATUS=" + std::string(status));
+}
+
+void ServiceNotification::send(std::string_view message) const {
+    if (!socket_) {
+        return;
+    }
+    sockaddr_un target{};
+    target.sun_family = AF_UNIX;
+    std::ranges::copy(*address_, target.sun_path);
+    if (target.sun_path[0] == '@') {
+        target.sun_path[0] = '\0';
+    }
+    const auto length = static_cast<socklen_t>(offsetof(sockaddr_un, sun_path) + address_->size());
+    // A service manager that does not listen is no reason to stop forwarding.
+    static_cast<void>(sendto(socket_.get(), message.data(), message.size(),
+                             MSG_NOSIGNAL | MSG_DONTWAIT,
+                             reinterpret_cast<const sockaddr*>(&target), length));
+}
+
+}  // namespace vesk::controller

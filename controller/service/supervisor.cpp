@@ -1,0 +1,204 @@
+#include "service/supervisor.h"
+
+#include <poll.h>
+
+#include <algorithm>
+#include <array>
+#include <cerrno>
+#include <csignal>
+#include <initializer_list>
+#include <stdexcept>
+#include <system_error>
+#include <utility>
+
+#include "commands/command_lines.h"
+#include "service/program_path.h"
+
+namespace vesk::controller {
+
+namespace {
+
+bool due(std::optional<std::chrono::steady_clock::time_point>& deadline) {
+    if (!deadline || *deadline > std::chrono::steady_clock::now()) {
+        return false;
+    }
+    deadline.reset();
+    return true;
+}
+
+}  // namespace
+
+Supervisor::Supervisor(const Options& options, Configuration configuration, LogOutput& log)
+    : options_(options),
+      wanted_(std::move(configuration)),
+      log_(log),
+      signals_({SIGHUP, SIGTERM, SIGINT, SIGCHLD}),
+      servedMetrics_(wanted_.metrics),
+      restartPause_(wanted_.supervision.restartPause, wanted_.supervision.restartPauseMax) {}
+
+int Supervisor::run() {
+    serveMetrics();
+    if (!startForwarder()) {
+        return exit_status::forwarderFailed;
+    }
+    while (phase_ != Phase::ended) {
+        waitAndHandle();
+    }
+    return exitStatus_;
+}
+
+void Supervisor::serveMetrics() {
+    if (!servedMetrics_.enabled) {
+        return;
+    }
+    try {
+        metrics_ = std::make_unique<MetricsServer>(servedMetrics_.address, servedMetrics_.port,
+                                                   servedMetrics_.perFlow);
+    } catch (const std::runtime_error& error) {
+        log_.say(LogLevel::error, std::string("goes on without metrics: ") + error.what());
+    }
+}
+
+// ---- The turn of the loop. ----
+
+int Supervisor::pollTimeout() const {
+    Deadline nearest;
+    for (const Deadline& deadline : {startAgainAt_, reportAt_, stepAt_}) {
+        if (deadline && (!nearest || *deadline < *nearest)) {
+            nearest = deadline;
+        }
+    }
+    if (!nearest) {
+        return -1;
+    }
+    const auto left = std::chrono::ceil<std::chrono::milliseconds>(*nearest - Clock::now()).count();
+    constexpr std::int64_t longest = 60000;
+    return static_cast<int>(std::clamp<std::int64_t>(left, 0, longest));
+}
+
+void Supervisor::waitAndHandle() {
+    // poll(2) passes over what is -1.
+    const bool reading = session_ && !session_->outputEnded();
+    std::array<pollfd, 4> watched{{
+        {signals_.descriptor(), POLLIN, 0},
+        {reading ? session_->output() : -1, POLLIN, 0},
+        {session_ && session_->wantsToWrite() ? session_->input() : -1, POLLOUT, 0},
+        {log_.pending() ? log_.descriptor() : -1, POLLOUT, 0},
+    }};
+    if (poll(watched.data(), watched.size(), pollTimeout()) < 0 && errno != EINTR) {
+        throw std::system_error(errno, std::generic_category(), "poll");
+    }
+    if (watched[1].revents != 0) {
+        for (const OutputEvent& event : session_->read()) {
+            handle(event);
+        }
+    }
+    if (watched[0].revents != 0) {
+        handleSignals();
+    }
+    if (round_ != Round::none && session_ && session_->unanswered() == 0) {
+        finishRound();
+    }
+    if (endStatus_ && session_->outputEnded()) {
+        forwarderEnded();
+    }
+    handleTime();
+    if (session_) {
+        session_->write();
+    }
+    log_.flush();
+}
+
+void Supervisor::handleSignals() {
+    while (const std::optional<int> number = signals_.next()) {
+        handleSignal(*number);
+    }
+}
+
+void Supervisor::handleSignal(int number) {
+    if (number == SIGHUP) {
+        reload();
+    } else if (number == SIGCHLD) {
+        if (session_ && !endStatus_) {
+            endStatus_ = session_->reap();
+        }
+    } else {
+        terminate();
+    }
+}
+
+void Supervisor::handleTime() {
+    if (due(startAgainAt_)) {
+        startAgain();
+    }
+    if (due(reportAt_)) {
+        askForReport();
+    }
+    if (due(stepAt_)) {
+        nextStepOfEnd();
+    }
+}
+
+// ---- The forwarder's life. ----
+
+bool Supervisor::startForwarder() {
+    const std::string program =
+        programPath(options_.program, wanted_.forwarder.program, ownFolder());
+    try {
+        session_.emplace(program, programArguments(wanted_.forwarder));
+    } catch (const std::system_error& error) {
+        log_.say(LogLevel::error, std::string("cannot run ") + error.what());
+        return false;
+    }
+    log_.say(LogLevel::info, "started " + program + ", process " + std::to_string(session_->pid()));
+    round_ = Round::replay;
+    reportAsked_ = false;
+    sendAll(deployment_.begin(wanted_));
+    if (metrics_) {
+        metrics_->childUp(true);
+    }
+    return true;
+}
+
+void Supervisor::startAgain() {
+    if (!startForwarder()) {
+        pauseAfter(Clock::duration::zero());
+        return;
+    }
+    if (metrics_) {
+        metrics_->countRestart();
+    }
+}
+
+void Supervisor::pauseAfter(Clock::duration lived) {
+    const std::chrono::milliseconds pause = restartPause_.after(lived);
+    startAgainAt_ = Clock::now() + pause;
+    log_.say(LogLevel::warn,
+             "starts the forwarder again in " + std::to_string(pause.count()) + " ms");
+    notification_.status("The forwarder ended and is about to be started again");
+}
+
+void Supervisor::forwarderEnded() {
+    const int status = *std::exchange(endStatus_, std::nullopt);
+    const Command* const current = session_->current();
+    const Clock::duration lived = session_->age();
+    const bool good = endedWell(status) && phase_ != Phase::running && phase_ != Phase::draining;
+    std::string text = "the forwarder " + describeEnd(status);
+    if (phase_ == Phase::running && current != nullptr) {
+        text += ", at work on " + current->subject;
+    }
+    log_.say(good ? LogLevel::info : LogLevel::error, text);
+    session_.reset();
+    reportAt_.reset();
+    if (metrics_) {
+        metrics_->childUp(false);
+    }
+    if (phase_ == Phase::running) {
+        pauseAfter(lived);
+        return;
+    }
+    exitStatus_ = good ? exit_status::success : exit_status::forwarderFailed;
+    phase_ = Phase::ended;
+}
+
+}  // namespace vesk::controller

@@ -1,0 +1,232 @@
+// The supervisor's talk with the forwarder: what it says, what it is told, and how it is brought to
+// its end. The loop and the forwarder's life are in supervisor.cpp.
+#include <csignal>
+#include <string>
+#include <utility>
+
+#include "commands/command_lines.h"
+#include "config/configuration_reader.h"
+#include "service/limits.h"
+#include "service/supervisor.h"
+
+namespace vesk::controller {
+
+namespace {
+
+constexpr std::chrono::seconds restOfTraffic{1};
+constexpr std::chrono::milliseconds drainingReports{200};
+constexpr std::chrono::seconds endPatience{5};
+constexpr std::chrono::seconds signalPatience{2};
+
+std::string join(const std::vector<std::string>& texts) {
+    std::string result;
+    for (const std::string& text : texts) {
+        result.append(result.empty() ? "" : "; ").append(text);
+    }
+    return result;
+}
+
+}  // namespace
+
+// ---- What the forwarder says. ----
+
+void Supervisor::handle(const OutputEvent& event) {
+    if (const auto* const line = std::get_if<LogLine>(&event)) {
+        republish(*line);
+    } else if (const auto* const outcome = std::get_if<Outcome>(&event)) {
+        handleOutcome(*outcome);
+    } else if (const auto* const report = std::get_if<Report>(&event)) {
+        handleReport(*report);
+    }
+}
+
+/// For its reports the forwarder is set to info level for a moment, whatever level was asked for.
+void Supervisor::republish(const LogLine& line) {
+    if (line.level <= levelNamed(wanted_.forwarder.logLevel)) {
+        log_.write(line.level, line.text);
+    }
+}
+
+void Supervisor::handleOutcome(const Outcome& outcome) {
+    const std::string& subject = outcome.command.subject;
+    if (!outcome.errors.empty()) {
+        log_.say(LogLevel::error, subject + " was refused: " + join(outcome.errors));
+    }
+    if (!outcome.warnings.empty()) {
+        log_.say(LogLevel::warn, subject + ": " + join(outcome.warnings));
+    }
+    deployment_.note(outcome);
+    if (outcome.command.word == "stats") {
+        reportAsked_ = false;
+    }
+}
+
+void Supervisor::handleReport(const Report& report) {
+    if (metrics_) {
+        metrics_->update(report, deployment_.flowNames());
+    }
+    if (phase_ == Phase::draining && standstill_->observe(trafficCounters(report), Clock::now())) {
+        closeInput();
+    }
+}
+
+void Supervisor::finishRound() {
+    const bool replayed = round_ == Round::replay;
+    round_ = Round::none;
+    publishFlows();
+    log_.say(LogLevel::info, (replayed ? "the forwarder is set up: " : "reloaded: ") + summary());
+    notification_.ready(summary());
+    if (!reportAt_ && phase_ == Phase::running) {
+        reportAt_ = Clock::now();
+    }
+}
+
+std::string Supervisor::summary() const {
+    std::string text = std::to_string(deployment_.acceptedFlows()) + " flows";
+    if (const std::size_t refused = deployment_.refusals().flows.size(); refused > 0) {
+        text += ", " + std::to_string(refused) + " refused";
+    }
+    if (deployment_.refusals().downstream) {
+        text += ", not listening";
+    }
+    if (deployment_.refusals().lateral) {
+        text += ", without lateral stream";
+    }
+    return text;
+}
+
+void Supervisor::publishFlows() {
+    if (metrics_) {
+        metrics_->setFlows(deployment_.declaredFlows(), deployment_.acceptedFlows());
+    }
+}
+
+/// Below info level the forwarder reports nothing, so it is asked at info level.
+void Supervisor::askForReport() {
+    reportAt_ = Clock::now() + (phase_ == Phase::running
+                                    ? std::chrono::milliseconds(wanted_.supervision.stats)
+                                    : drainingReports);
+    if (!session_ || reportAsked_) {
+        return;
+    }
+    reportAsked_ = true;
+    const std::string& level = deployment_.logLevel();
+    const bool quiet = levelNamed(level) < LogLevel::info;
+    if (quiet) {
+        session_->send(logCommand("info"));
+    }
+    session_->send(statsCommand());
+    if (quiet) {
+        session_->send(logCommand(level));
+    }
+}
+
+// ---- What it is told. ----
+
+void Supervisor::sendAll(const std::vector<Command>& commands) {
+    for (const Command& command : commands) {
+        session_->send(command);
+    }
+}
+
+void Supervisor::reload() {
+    if (phase_ != Phase::running) {
+        return;
+    }
+    notification_.reloading();
+    ConfigurationReading reading =
+        readConfiguration(options_.file, ReadingRules{options_.allowReadableKeys});
+    if (!reading.configuration) {
+        refuseReload(reading.problems);
+        return;
+    }
+    wanted_ = std::move(*reading.configuration);
+    restartPause_ =
+        RestartPause(wanted_.supervision.restartPause, wanted_.supervision.restartPauseMax);
+    for (const std::string& warning : limitWarnings(wanted_)) {
+        log_.say(LogLevel::warn, warning);
+    }
+    if (wanted_.metrics != servedMetrics_) {
+        log_.say(LogLevel::warn, "metrics: takes effect when the controller is started again");
+    }
+    if (session_) {
+        applyReload();
+    } else {
+        notification_.ready("The forwarder is about to be started again");
+    }
+}
+
+void Supervisor::refuseReload(const Problems& problems) {
+    const std::string file = options_.file.string();
+    for (const Problem& problem : problems) {
+        log_.say(LogLevel::error, describe(problem, file));
+    }
+    log_.say(LogLevel::error, file + " is not usable: everything stays as it was");
+    notification_.ready("The last reload failed; " + summary());
+}
+
+void Supervisor::applyReload() {
+    const ConfigurationChanges changes = deployment_.change(wanted_);
+    for (const std::string& name : changes.waiting) {
+        log_.say(LogLevel::warn, name + ": takes effect when the forwarder is started again");
+    }
+    log_.say(LogLevel::info,
+             "reload: " + std::to_string(changes.commands.size()) + " commands to send");
+    round_ = Round::reload;
+    reportAt_.reset();
+    sendAll(changes.commands);
+}
+
+// ---- Its end. ----
+
+void Supervisor::terminate() {
+    if (phase_ == Phase::draining) {
+        // Asked twice: somebody is in a hurry.
+        closeInput();
+    }
+    if (phase_ != Phase::running) {
+        return;
+    }
+    startAgainAt_.reset();
+    notification_.stopping("Draining");
+    if (!session_) {
+        phase_ = Phase::ended;
+        return;
+    }
+    if (wanted_.supervision.drain == std::chrono::seconds::zero()) {
+        closeInput();
+        return;
+    }
+    log_.say(LogLevel::info,
+             "draining: ends when the traffic has stood still for a second, or in " +
+                 std::to_string(wanted_.supervision.drain.count()) + " s");
+    phase_ = Phase::draining;
+    standstill_.emplace(restOfTraffic);
+    stepAt_ = Clock::now() + wanted_.supervision.drain;
+    askForReport();
+}
+
+void Supervisor::nextStepOfEnd() {
+    if (phase_ == Phase::draining) {
+        log_.say(LogLevel::warn, "there is still traffic, and the time to drain is over");
+        closeInput();
+    } else if (phase_ == Phase::closing) {
+        log_.say(LogLevel::error, "the forwarder does not end: terminating it");
+        phase_ = Phase::terminating;
+        stepAt_ = Clock::now() + signalPatience;
+        session_->signal(SIGTERM);
+    } else if (phase_ == Phase::terminating) {
+        log_.say(LogLevel::error, "the forwarder still does not end: killing it");
+        phase_ = Phase::killing;
+        session_->signal(SIGKILL);
+    }
+}
+
+void Supervisor::closeInput() {
+    phase_ = Phase::closing;
+    reportAt_.reset();
+    stepAt_ = Clock::now() + endPatience;
+    session_->finishInput();
+}
+
+}  // namespace vesk::controller
