@@ -1,0 +1,51 @@
+"""The controller's file, written from the flows that the tests know."""
+
+from __future__ import annotations
+
+from pathlib import Path
+from typing import Dict, Optional, Set
+
+from framework.flow import Flow
+from framework.framing import Key
+from framework.udp import Address, free_port
+
+
+class ConfigurationFile:
+    """A file in a folder of its own, and all the keys that were ever in it."""
+
+    def __init__(self, folder: Path) -> None:
+        self.folder = folder
+        self.path = folder / "vesk.toml"
+        self.listen: Address = ("127.0.0.1", free_port())
+        self.flows: Dict[str, Flow] = {}
+        self.tables: Dict[str, str] = {"metrics": "enabled = false"}
+        self.secrets: Set[str] = set()
+
+    def write(self, mode: int = 0o600) -> Path:
+        tables = {"downstream": f'address = "{self.listen[0]}"\nport = {self.listen[1]}',
+                  **self.tables}
+        text = "".join(f"[{name}]\n{lines}\n\n" for name, lines in tables.items())
+        text += "\n".join(self._table(name, flow) for name, flow in self.flows.items())
+        self.write_text(text, mode)
+        return self.path
+
+    def write_text(self, text: str, mode: int = 0o600) -> None:
+        self.path.write_text(text, encoding="utf-8")
+        self.path.chmod(mode)
+
+    def _table(self, name: str, flow: Flow) -> str:
+        assert flow.upstream is not None
+        lines = [f"[flows.{name}]", f"label = {flow.label:#x}",
+                 f'upstream = "{flow.upstream[0]}:{flow.upstream[1]}"',
+                 f"from_peer = {{ {self._signature(flow.down_in)} }}",
+                 f"to_upstream = {{ {self._signature(flow.up_out)} label = {flow.up_label} }}",
+                 f"from_upstream = {{ {self._signature(flow.up_in)} }}",
+                 f"to_peer = {{ {self._signature(flow.down_out)} label = {flow.down_label} }}"]
+        # A comma may not end an inline table.
+        return "\n".join(line.replace(", }", " }") for line in lines) + "\n"
+
+    def _signature(self, key: Optional[Key]) -> str:
+        if key is None:
+            return ""
+        self.secrets.add(key.secret.hex())
+        return f'key = "{key.secret.hex()}", algorithm = "{key.algorithm}",'

@@ -1,0 +1,79 @@
+"""Questions and answers on one flow, one after the other, on a thread of their own."""
+
+from __future__ import annotations
+
+import threading
+import time
+from typing import Optional
+
+from framework.flow import Flow
+from framework.timing import scaled, wait_until
+from framework.udp import Address, UdpEnd
+
+
+def ask(end: UdpEnd, flow: Flow, to: Address, payload: bytes, seconds: float) -> bool:
+    """Whether a question is answered, rightly and in time."""
+    deadline = time.monotonic() + seconds
+    end.send(flow.request(payload), to)
+    while (left := deadline - time.monotonic()) > 0:
+        end.socket.settimeout(left)
+        try:
+            answer = end.socket.recv(65536)
+        except TimeoutError:
+            return False
+        if flow.open_reply(answer).payload == payload:
+            return True
+    return False
+
+
+def ask_until_answered(end: UdpEnd, flow: Flow, to: Address, seconds: float = 10.0) -> None:
+    deadline = time.monotonic() + scaled(seconds)
+    number = 0
+    while not ask(end, flow, to, f"question {number}".encode(), 0.05):
+        assert time.monotonic() < deadline, f"nobody answers label {flow.label:#x}"
+        number += 1
+
+
+class Conversation:
+    """Goes on until it is stopped. An answer that does not come in a second is a loss; one that is
+    wrong ends it, and `stop` raises what was wrong."""
+
+    def __init__(self, flow: Flow, to: Address) -> None:
+        self.answered = 0
+        self.lost = 0
+        self._flow = flow
+        self._to = to
+        self._stop = threading.Event()
+        self._failure: Optional[BaseException] = None
+        self._thread = threading.Thread(target=self._run, daemon=True)
+        self._thread.start()
+
+    def _run(self) -> None:
+        try:
+            with UdpEnd() as end:
+                while not self._stop.is_set():
+                    payload = f"question {self.answered + self.lost}".encode()
+                    if ask(end, self._flow, self._to, payload, scaled(1)):
+                        self.answered += 1
+                    else:
+                        self.lost += 1
+        except BaseException as failure:  # pylint: disable=broad-except
+            self._failure = failure
+
+    def wait_for_answers(self, count: int) -> None:
+        """Waits for so many more."""
+        goal = self.answered + count
+        wait_until(lambda: self.answered >= goal or self._failure is not None,
+                   f"{count} more answers came", 20)
+
+    def stop(self) -> None:
+        self._stop.set()
+        self._thread.join()
+        if self._failure is not None:
+            raise self._failure
+
+    def __enter__(self) -> "Conversation":
+        return self
+
+    def __exit__(self, *_: object) -> None:
+        self.stop()

@@ -1,0 +1,132 @@
+"""SIGTERM and SIGINT: traffic comes to rest, the forwarder ends, and the controller says how."""
+
+from __future__ import annotations
+
+import re
+import signal
+import socket
+import time
+from typing import Callable, List
+
+import pytest
+
+from configuration_file import ConfigurationFile
+from conftest import StartController
+from controller_process import is_alive
+from conversation import Conversation, ask_until_answered
+from framework.flow import Flow, four_keys
+from framework.timing import scaled
+from framework.udp import UdpEnd, UpstreamService
+from programs import script
+
+Answer = Callable[[Flow], UpstreamService]
+
+
+@pytest.fixture
+def alice(configuration: ConfigurationFile, answer: Answer) -> Flow:
+    flow = Flow(label=1, **four_keys())
+    answer(flow)
+    configuration.flows["alice"] = flow
+    return flow
+
+
+@pytest.mark.parametrize("number", [signal.SIGTERM, signal.SIGINT])
+@pytest.mark.parametrize("level", ["info", "warn"])
+def test_it_goes_on_forwarding_until_the_traffic_rests(
+        configuration: ConfigurationFile, start_controller: StartController, alice: Flow,
+        number: int, level: str) -> None:
+    configuration.tables["controller"] = "drain_seconds = 60"
+    configuration.tables["forwarder"] = f'log_level = "{level}"'
+    configuration.write()
+    controller = start_controller().ready()
+    forwarder = controller.forwarder()
+    with Conversation(alice, configuration.listen) as conversation:
+        conversation.wait_for_answers(10)
+        controller.signal(number)
+        controller.wait_for(re.compile("info controller: draining: .*"))
+        conversation.wait_for_answers(50)
+    assert conversation.lost == 0
+    rest = time.monotonic()
+    assert controller.wait_exit(30) == 0
+    # Its counters changed with the last of the traffic, and have to stand still for a second.
+    assert time.monotonic() - rest > 0.9
+    controller.wait_for("info controller: the forwarder ended with status 0")
+    assert not is_alive(forwarder)
+
+
+def test_draining_has_an_end(configuration: ConfigurationFile, start_controller: StartController,
+                             alice: Flow) -> None:
+    configuration.tables["controller"] = "drain_seconds = 2"
+    configuration.write()
+    controller = start_controller().ready()
+    with Conversation(alice, configuration.listen) as conversation:
+        conversation.wait_for_answers(10)
+        began = time.monotonic()
+        assert controller.finish() == 0
+        took = time.monotonic() - began
+    assert 2 <= took < scaled(6)
+    controller.wait_for("warn controller: there is still traffic, and the time to drain is over")
+
+
+def test_whoever_asks_twice_does_not_wait(configuration: ConfigurationFile,
+                                          start_controller: StartController, alice: Flow) -> None:
+    configuration.tables["controller"] = "drain_seconds = 1000"
+    configuration.write()
+    controller = start_controller().ready()
+    with Conversation(alice, configuration.listen) as conversation:
+        conversation.wait_for_answers(10)
+        controller.signal(signal.SIGTERM)
+        controller.wait_for(re.compile("info controller: draining: .*"))
+        controller.signal(signal.SIGTERM)
+        assert controller.wait_exit() == 0
+
+
+def test_a_forwarder_that_does_not_end_is_killed(configuration: ConfigurationFile,
+                                                 start_controller: StartController) -> None:
+    configuration.tables["controller"] = "drain_seconds = 0"
+    configuration.write()
+    stubborn = ("trap '' TERM\n"
+                "while read line; do echo \"error Unrecognised command '$line'\"; echo; done\n"
+                "while :; do sleep 0.1; done")
+    controller = start_controller("--program", script(configuration.folder, stubborn)).ready()
+    controller.signal(signal.SIGTERM)
+    assert controller.wait_exit(20) == 3
+    controller.wait_for("error controller: the forwarder does not end: terminating it")
+    controller.wait_for("error controller: the forwarder was ended by signal 9 (Killed)")
+
+
+def test_the_service_manager_is_told(configuration: ConfigurationFile,
+                                     start_controller: StartController, alice: Flow) -> None:
+    configuration.write()
+    with socket.socket(socket.AF_UNIX, socket.SOCK_DGRAM) as manager:
+        manager.bind(str(configuration.folder / "notify"))
+        manager.settimeout(scaled(15))
+
+        def told() -> List[str]:
+            return manager.recv(1000).decode("utf-8").splitlines()
+
+        controller = start_controller(
+            environment={"NOTIFY_SOCKET": str(configuration.folder / "notify")})
+        assert told() == ["READY=1", "STATUS=1 flows"]
+        controller.wait_for("info controller: the forwarder is set up: 1 flows")
+        controller.signal(signal.SIGHUP)
+        reloading = told()
+        assert reloading[0] == "RELOADING=1"
+        assert re.fullmatch(r"MONOTONIC_USEC=\d+", reloading[1])
+        assert told() == ["READY=1", "STATUS=1 flows"]
+        controller.signal(signal.SIGTERM)
+        assert told() == ["STOPPING=1", "STATUS=Draining"]
+    assert controller.wait_exit() == 0
+
+
+def test_the_journal_gets_its_priorities(configuration: ConfigurationFile,
+                                         start_controller: StartController, peer: UdpEnd,
+                                         alice: Flow) -> None:
+    configuration.write()
+    # The shell knows what its standard error is, which the controller then inherits.
+    controller = start_controller(prefix=[
+        "sh", "-c", 'JOURNAL_STREAM=$(stat -L -c %d:%i /proc/self/fd/2) exec "$@"', "sh"])
+    controller.wait_for("<6>controller: the forwarder is set up: 1 flows")
+    ask_until_answered(peer, alice, configuration.listen)
+    controller.wait_for(re.compile("<6>Created upstream endpoint: .*"))
+    assert controller.finish() == 0

@@ -1,0 +1,88 @@
+"""The file: what is accepted, what is refused, and what --check makes of it."""
+
+from __future__ import annotations
+
+import subprocess
+
+import pytest
+
+from configuration_file import ConfigurationFile
+from controller_process import binary, run_once
+from framework.flow import Flow, four_keys
+
+
+@pytest.fixture(autouse=True)
+def one_flow(configuration: ConfigurationFile) -> None:
+    configuration.flows["alice"] = Flow(label=1, upstream=("127.0.0.1", 5000), **four_keys())
+
+
+@pytest.mark.parametrize("mode", [0o640, 0o604, 0o644])
+def test_a_file_with_keys_that_others_may_read_is_refused(configuration: ConfigurationFile,
+                                                          mode: int) -> None:
+    configuration.write(mode)
+    refused = run_once(configuration)
+    assert refused.returncode == 1
+    assert "others may read the file" in refused.stderr
+    assert run_once(configuration, "--check", "--allow-readable-keys").returncode == 0
+
+
+def test_check_prints_the_commands_without_their_keys(configuration: ConfigurationFile) -> None:
+    configuration.write()
+    checked = run_once(configuration, "--check")
+    assert checked.returncode == 0
+    host, port = configuration.listen
+    flow = configuration.flows["alice"]
+    lengths = {name: len(getattr(flow, name).secret)
+               for name in ("down_in", "up_out", "up_in", "down_out")}
+    assert checked.stdout.splitlines() == [
+        "# vesk udpv2 600 true true",
+        "log priority info",
+        "set label 1 up_ip 127.0.0.1 up_port 5000 "
+        f"down_in_key <key of {lengths['down_in']} bytes> down_in_algo sha256 "
+        f"up_label {flow.up_label} "
+        f"up_out_key <key of {lengths['up_out']} bytes> up_out_algo sha256 "
+        f"up_in_key <key of {lengths['up_in']} bytes> up_in_algo sha256 "
+        f"down_label {flow.down_label} "
+        f"down_out_key <key of {lengths['down_out']} bytes> down_out_algo sha256",
+        f"start addr {host} port {port}"]
+
+
+@pytest.mark.parametrize("arguments", [("--check",), ()])
+def test_every_mistake_is_reported_at_once(configuration: ConfigurationFile,
+                                           arguments: tuple) -> None:
+    configuration.write_text('[downstream]\naddress = "here"\nport = 1\n\n'
+                             "[flows.alice]\nlabel = 0\nto_peer = { key = \"1234f\" }\n")
+    refused = run_once(configuration, *arguments)
+    assert refused.returncode == 1
+    assert refused.stdout == ""
+    place = f"error {configuration.path}"
+    assert refused.stderr.splitlines() == [
+        f"{place}:2: downstream.address has to be a numeric address",
+        f"{place}:5: flows.alice.upstream is missing",
+        f"{place}:6: flows.alice.label has to be a whole number from 1 to 4294967295",
+        f"{place}:7: flows.alice.to_peer.key will not do: the key has an odd number of hex digits"]
+
+
+def test_a_file_that_is_not_there(configuration: ConfigurationFile) -> None:
+    refused = run_once(configuration, "--check")
+    assert refused.returncode == 1
+    assert refused.stderr == (f"error {configuration.path}: cannot be read: "
+                              "No such file or directory\n")
+
+
+@pytest.mark.parametrize("arguments", [[], ["--nonsense", "file"], ["one", "two"]])
+def test_bad_usage(arguments: list) -> None:
+    result = subprocess.run([binary(), *arguments], capture_output=True, check=False, timeout=20)
+    assert result.returncode == 2
+
+
+def test_a_low_limit_of_descriptors_is_said(configuration: ConfigurationFile) -> None:
+    configuration.flows = {f"flow{label}": Flow(label=label, upstream=("127.0.0.1", 5000))
+                           for label in range(1, 101)}
+    configuration.write()
+    limited = subprocess.run(
+        ["prlimit", "--nofile=200:250", binary(), "--check", str(configuration.path)],
+        capture_output=True, text=True, check=False, timeout=20)
+    assert limited.returncode == 0
+    assert ("warn controller: the hard limit of descriptors is 250, and 100 flows need 300"
+            in limited.stderr)

@@ -1,0 +1,67 @@
+"""Thousands of flows, and a log that nobody reads."""
+
+from __future__ import annotations
+
+import time
+from typing import Callable
+
+from configuration_file import ConfigurationFile
+from conftest import StartController
+from conversation import Conversation, ask_until_answered
+from framework.flow import Flow, four_keys
+from framework.timing import scaled
+from framework.udp import UdpEnd, UpstreamService
+
+Answer = Callable[[Flow], UpstreamService]
+
+FLOWS = 2000
+
+
+def test_two_thousand_flows_start_fast(configuration: ConfigurationFile,
+                                       start_controller: StartController, peer: UdpEnd,
+                                       answer: Answer) -> None:
+    last = Flow(label=FLOWS, **four_keys())
+    answer(last)
+    for label in range(1, FLOWS):
+        configuration.flows[f"flow{label}"] = Flow(label=label, upstream=("127.0.0.1", 5000),
+                                                   **four_keys())
+    configuration.flows["last"] = last
+    configuration.write()
+    began = time.monotonic()
+    controller = start_controller()
+    controller.wait_for(f"info controller: the forwarder is set up: {FLOWS} flows")
+    took = time.monotonic() - began
+    ask_until_answered(peer, last, configuration.listen)
+    assert took < scaled(3), f"{took:.2f} s"
+
+    # A reload that changes one of them sends one command.
+    last.down_label += 1
+    configuration.write()
+    controller.reload()
+    controller.wait_for("info controller: reload: 1 commands to send")
+    ask_until_answered(peer, last, configuration.listen)
+    assert controller.finish() == 0
+
+
+def test_a_log_that_nobody_reads_stops_nothing(configuration: ConfigurationFile,
+                                               start_controller: StartController, peer: UdpEnd,
+                                               answer: Answer) -> None:
+    flow = Flow(label=1, **four_keys())
+    answer(flow)
+    configuration.flows["alice"] = flow
+    configuration.write()
+    controller = start_controller(read=False)
+    ask_until_answered(peer, flow, configuration.listen)
+    # Each of them is a line of its own, and together they are more than all pipes hold.
+    wrong = flow.request(b"right")[:-1] + b"!"
+    with Conversation(flow, configuration.listen) as conversation:
+        for _ in range(500):
+            for _ in range(100):
+                peer.send(wrong, configuration.listen)
+            conversation.wait_for_answers(1)
+    assert conversation.lost == 0
+    controller.start_reading()
+    assert controller.finish() == 0
+    heard = controller.lines.count("downstreamPacketReceivedFailed HMAC Check!")
+    # What a receive buffer did not hold was never seen; the rest fills every pipe in between.
+    assert heard * len("downstreamPacketReceivedFailed HMAC Check!\n") > 1 << 20

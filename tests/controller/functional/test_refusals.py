@@ -1,0 +1,51 @@
+"""What the forwarder does not take is said in the words of the file."""
+
+from __future__ import annotations
+
+from typing import Callable
+
+from configuration_file import ConfigurationFile
+from conftest import StartController
+from conversation import ask_until_answered
+from framework.flow import Flow, four_keys
+from framework.udp import UdpEnd, UpstreamService
+from programs import spoiling_program
+
+Answer = Callable[[Flow], UpstreamService]
+
+
+def test_a_refused_flow_is_named(configuration: ConfigurationFile,
+                                 start_controller: StartController, peer: UdpEnd,
+                                 answer: Answer) -> None:
+    flows = {name: Flow(label=number, **four_keys())
+             for number, name in enumerate(("alice", "bob", "carol"), start=1)}
+    for flow in flows.values():
+        answer(flow)
+    configuration.flows = flows
+    configuration.write()
+    program = spoiling_program(configuration.folder, "s/label 2 up_ip/label 2 is_multiplex no up_ip/")
+    controller = start_controller("--program", program).ready()
+    controller.wait_for(
+        "error controller: flow bob was refused: Vesk_validateIsMultiplexString: ' Bad isMultiplex "
+        "value: no; setLabelAttrs: bad command for label 0")
+    controller.wait_for("info controller: the forwarder is set up: 2 flows, 1 refused")
+    for name in ("alice", "carol"):
+        ask_until_answered(peer, flows[name], configuration.listen)
+    # It is tried again with each reload.
+    assert controller.reload() == "info controller: reloaded: 2 flows, 1 refused"
+
+
+def test_a_port_in_use_is_said_and_tried_again(
+        configuration: ConfigurationFile, start_controller: StartController, peer: UdpEnd,
+        answer: Answer) -> None:
+    flow = Flow(label=1, **four_keys())
+    answer(flow)
+    configuration.flows["alice"] = flow
+    configuration.write()
+    with UdpEnd(*configuration.listen):
+        controller = start_controller().ready()
+        controller.wait_for("error controller: the downstream address was refused: Failed bind "
+                            "syscall for endpoint socket: Address already in use")
+        controller.wait_for("info controller: the forwarder is set up: 1 flows, not listening")
+    assert controller.reload() == "info controller: reloaded: 1 flows", controller.lines
+    ask_until_answered(peer, flow, configuration.listen)

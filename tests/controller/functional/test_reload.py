@@ -1,0 +1,165 @@
+"""SIGHUP: what changed is changed, and nothing else."""
+
+from __future__ import annotations
+
+import re
+from typing import Callable
+
+import pytest
+
+from configuration_file import ConfigurationFile
+from conftest import StartController
+from conversation import Conversation, ask, ask_until_answered
+from framework.flow import Flow, four_keys
+from framework.framing import Key
+from framework.udp import UdpEnd, UpstreamService, free_port
+
+Answer = Callable[[Flow], UpstreamService]
+
+
+@pytest.fixture
+def alice(configuration: ConfigurationFile, answer: Answer) -> Flow:
+    flow = Flow(label=1, **four_keys())
+    answer(flow)
+    configuration.flows["alice"] = flow
+    return flow
+
+
+@pytest.fixture
+def bob(configuration: ConfigurationFile, answer: Answer) -> Flow:
+    flow = Flow(label=2, **four_keys())
+    answer(flow)
+    configuration.flows["bob"] = flow
+    return flow
+
+
+def test_one_flow_changes_and_another_loses_nothing(
+        configuration: ConfigurationFile, start_controller: StartController, peer: UdpEnd,
+        alice: Flow, bob: Flow) -> None:
+    configuration.write()
+    controller = start_controller().ready()
+    ask_until_answered(peer, bob, configuration.listen)
+    with Conversation(alice, configuration.listen) as conversation:
+        conversation.wait_for_answers(50)
+        bob.down_in = Key(b"another key of bob", "sha1")
+        configuration.write()
+        controller.reload()
+        conversation.wait_for_answers(50)
+        ask_until_answered(peer, bob, configuration.listen)
+        conversation.wait_for_answers(50)
+    assert conversation.lost == 0
+    controller.wait_for("info controller: reload: 1 commands to send")
+
+
+def test_flows_come_and_go(configuration: ConfigurationFile, start_controller: StartController,
+                           peer: UdpEnd, alice: Flow, bob: Flow) -> None:
+    del configuration.flows["bob"]
+    configuration.write()
+    controller = start_controller().ready()
+    ask_until_answered(peer, alice, configuration.listen)
+
+    configuration.flows = {"bob": bob}
+    configuration.write()
+    assert controller.reload() == "info controller: reloaded: 1 flows"
+    ask_until_answered(peer, bob, configuration.listen)
+    # Its datagrams are handled before those of the question that follows.
+    peer.send(alice.request(b"to nobody"), configuration.listen)
+    assert ask(peer, bob, configuration.listen, b"control", 5)
+
+
+def test_a_key_that_is_taken_away_is_not_asked_for_any_more(
+        configuration: ConfigurationFile, start_controller: StartController, peer: UdpEnd,
+        alice: Flow) -> None:
+    configuration.write()
+    controller = start_controller().ready()
+    ask_until_answered(peer, alice, configuration.listen)
+    alice.down_in = None
+    configuration.write()
+    controller.reload()
+    ask_until_answered(peer, alice, configuration.listen)
+
+
+def test_a_key_file_is_read_again(configuration: ConfigurationFile,
+                                  start_controller: StartController, peer: UdpEnd,
+                                  answer: Answer) -> None:
+    flow = Flow(label=1, up_label=1, down_label=1, down_in=Key(b"the first key"))
+    service = answer(flow)
+    key_file = configuration.folder / "flow.key"
+
+    def write_key(secret: bytes) -> None:
+        configuration.secrets.add(secret.hex())
+        key_file.write_text(secret.hex(), encoding="ascii")
+        key_file.chmod(0o600)
+
+    configuration.tables["flows.alice"] = (
+        f'label = 1\nupstream = "127.0.0.1:{service.address[1]}"\n'
+        'from_peer = { key_file = "flow.key" }\nto_upstream = { label = 1 }\n'
+        "to_peer = { label = 1 }")
+    configuration.write()
+    write_key(b"the first key")
+    controller = start_controller().ready()
+    ask_until_answered(peer, flow, configuration.listen)
+    write_key(b"the second key")
+    flow.down_in = Key(b"the second key")
+    controller.reload()
+    ask_until_answered(peer, flow, configuration.listen)
+
+
+def test_a_file_that_is_not_usable_changes_nothing(
+        configuration: ConfigurationFile, start_controller: StartController, alice: Flow) -> None:
+    configuration.write()
+    controller = start_controller().ready()
+    with Conversation(alice, configuration.listen) as conversation:
+        conversation.wait_for_answers(10)
+        configuration.write_text("[downstream\n")
+        assert controller.reload().startswith(
+            f"error controller: {configuration.path} is not usable")
+        controller.wait_for(re.compile(rf"error controller: {configuration.path}:1: .*"))
+        conversation.wait_for_answers(10)
+    assert conversation.lost == 0
+    assert controller.finish() == 0
+
+
+def test_the_downstream_address_moves(configuration: ConfigurationFile,
+                                      start_controller: StartController, peer: UdpEnd,
+                                      alice: Flow) -> None:
+    configuration.write()
+    controller = start_controller().ready()
+    ask_until_answered(peer, alice, configuration.listen)
+    configuration.listen = ("127.0.0.1", free_port())
+    configuration.write()
+    controller.reload()
+    ask_until_answered(peer, alice, configuration.listen)
+
+
+def test_what_has_to_wait_for_a_new_forwarder_is_said(
+        configuration: ConfigurationFile, start_controller: StartController, alice: Flow) -> None:
+    configuration.write()
+    controller = start_controller().ready()
+    configuration.tables["forwarder"] = 'framing = "udpv1"'
+    configuration.write()
+    controller.reload()
+    controller.wait_for("warn controller: forwarder.framing: takes effect when the forwarder is "
+                        "started again")
+    configuration.tables["forwarder"] = 'framing = "udpv2"'
+    configuration.write()
+    since = controller.mark()
+    controller.reload()
+    assert not [line for line in controller.lines[since:] if "takes effect" in line]
+
+
+def test_the_log_level_changes(configuration: ConfigurationFile,
+                               start_controller: StartController, peer: UdpEnd,
+                               alice: Flow) -> None:
+    configuration.tables["forwarder"] = 'log_level = "warn"'
+    configuration.write()
+    controller = start_controller().ready()
+    ask_until_answered(peer, alice, configuration.listen)
+    configuration.tables["forwarder"] = 'log_level = "debug"'
+    alice.down_in = Key(b"a key to be masked")
+    configuration.write()
+    controller.reload()
+    ask_until_answered(peer, alice, configuration.listen)
+    shown = controller.wait_for(re.compile("debug Got message: set label 1 .*"))
+    assert "down_in_key <key of 18 bytes> down_in_algo sha256" in shown
+    assert not [line for line in controller.lines if "Got message: fence" in line]

@@ -1,0 +1,106 @@
+#include "child/child_process.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <poll.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <array>
+#include <csignal>
+#include <system_error>
+
+namespace vesk::controller {
+namespace {
+
+using testing::HasSubstr;
+
+/// All that the child writes until it closes its output.
+std::string outputOf(const ChildProcess& child) {
+    std::string text;
+    std::array<char, 4096> piece{};
+    while (true) {
+        pollfd watched{child.output(), POLLIN, 0};
+        EXPECT_EQ(poll(&watched, 1, 10000), 1) << "silent for too long";
+        const ssize_t got = read(child.output(), piece.data(), piece.size());
+        if (got <= 0) {
+            return text;
+        }
+        text.append(piece.data(), static_cast<std::size_t>(got));
+    }
+}
+
+int endOf(ChildProcess& child) {
+    siginfo_t information{};
+    EXPECT_EQ(waitid(P_PID, static_cast<id_t>(child.pid()), &information, WEXITED | WNOWAIT), 0);
+    const std::optional<int> status = child.reap();
+    EXPECT_TRUE(status);
+    return status.value_or(-1);
+}
+
+ChildProcess shell(const std::string& script) {
+    return ChildProcess("sh", {"-c", script});
+}
+
+TEST(ChildProcess, HasTwoPipesAndNothingElse) {
+    ChildProcess child = shell("cat; ls /proc/self/fd");
+    ASSERT_EQ(write(child.input(), "hello\n", 6), 6);
+    child.closeInput();
+    // ls itself opens the folder that it reads.
+    EXPECT_EQ(outputOf(child), "hello\n0\n1\n2\n3\n");
+    EXPECT_TRUE(endedWell(endOf(child)));
+    EXPECT_EQ(child.reap(), std::nullopt);
+}
+
+TEST(ChildProcess, StartsWithPlainSignalsInAGroupOfItsOwn) {
+    sigset_t blocked;
+    sigset_t before;
+    sigemptyset(&blocked);
+    sigaddset(&blocked, SIGTERM);
+    pthread_sigmask(SIG_BLOCK, &blocked, &before);
+    signal(SIGPIPE, SIG_IGN);
+    ChildProcess child = shell("grep -E '^Sig(Blk|Ign)' /proc/self/status; cat");
+    EXPECT_EQ(getpgid(child.pid()), child.pid());
+    child.closeInput();
+    // The two that the thread library keeps for itself are its own affair.
+    EXPECT_THAT(outputOf(child), testing::MatchesRegex("SigBlk:\t0000000000000000\n"
+                                                       "SigIgn:\t0000000(18|00)0000000\n"));
+    endOf(child);
+    pthread_sigmask(SIG_SETMASK, &before, nullptr);
+}
+
+TEST(ChildProcess, TellsHowItEnded) {
+    ChildProcess failing = shell("exit 3");
+    const int failed = endOf(failing);
+    EXPECT_FALSE(endedWell(failed));
+    EXPECT_EQ(describeEnd(failed), "ended with status 3");
+
+    ChildProcess killed = shell("cat");
+    EXPECT_EQ(killed.reap(), std::nullopt);
+    killed.signal(SIGKILL);
+    const int status = endOf(killed);
+    EXPECT_FALSE(endedWell(status));
+    EXPECT_EQ(describeEnd(status), "was ended by signal 9 (Killed)");
+}
+
+TEST(ChildProcess, GoesWithItsOwner) {
+    pid_t pid = -1;
+    {
+        const ChildProcess child = shell("cat");
+        pid = child.pid();
+    }
+    EXPECT_EQ(kill(pid, 0), -1);
+}
+
+TEST(ChildProcess, SaysWhichProgramIsMissing) {
+    try {
+        const ChildProcess child("/nowhere/vesk", {});
+        FAIL() << "there is no such program";
+    } catch (const std::system_error& error) {
+        EXPECT_THAT(error.what(), HasSubstr("/nowhere/vesk"));
+        EXPECT_EQ(error.code().value(), ENOENT);
+    }
+}
+
+}  // namespace
+}  // namespace vesk::controller

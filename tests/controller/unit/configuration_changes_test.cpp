@@ -1,0 +1,152 @@
+#include "commands/configuration_changes.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include "configuration_text.h"
+
+namespace vesk::controller {
+namespace {
+
+using testing::ElementsAre;
+using testing::IsEmpty;
+
+std::vector<std::string> linesOf(const std::vector<Command>& commands) {
+    std::vector<std::string> lines;
+    for (const Command& command : commands) {
+        lines.push_back(toLine(command));
+    }
+    return lines;
+}
+
+ConfigurationChanges changes(const std::string& before, const std::string& after,
+                             const Refusals& refusals = {}) {
+    return changesBetween(listeningWith(before), listeningWith(after), refusals);
+}
+
+std::vector<std::string> linesBetween(const std::string& before, const std::string& after,
+                                      const Refusals& refusals = {}) {
+    return linesOf(changes(before, after, refusals).commands);
+}
+
+/// A flow to port LABEL, with more keys.
+std::string flow(const std::string& name, int label, const std::string& more = "") {
+    return "[flows." + name + "]\nlabel = " + std::to_string(label) +
+           "\nupstream = \"127.0.0.1:" + std::to_string(label) + "\"\n" + more + "\n";
+}
+
+std::string prefix(int number) {
+    return "auxiliary = { prefix = " + std::to_string(number) + ", upstream_label = 1 }";
+}
+
+const std::string aux = " down_aux_flow_label_prefix ";
+
+TEST(ConfigurationChanges, AreNoneWhereNothingChanged) {
+    const std::string text = flow("a", 1, "to_peer = { key = \"0a\", label = 9 }");
+    EXPECT_THAT(linesBetween(text, text), IsEmpty());
+    // The forwarder knows no names, and digits are the same in either case.
+    EXPECT_THAT(linesBetween(text, flow("b", 1, "to_peer = { key = \"0A\", label = 9 }")),
+                IsEmpty());
+}
+
+TEST(ConfigurationChanges, TouchOnlyTheFlowsThatChanged) {
+    EXPECT_THAT(linesBetween(flow("a", 1) + flow("b", 2) + flow("c", 3),
+                             flow("a", 1) + flow("b", 2, "to_peer = { label = 9 }") + flow("d", 4)),
+                ElementsAre("del label 3", "set label 2 up_ip 127.0.0.1 up_port 2 down_label 9",
+                            "set label 4 up_ip 127.0.0.1 up_port 4"));
+}
+
+TEST(ConfigurationChanges, DeleteAFlowThatLosesAnAttribute) {
+    EXPECT_THAT(linesBetween(flow("a", 1, "to_peer = { key = \"0a\", label = 9 }"),
+                             flow("a", 1, "to_peer = { label = 9 }")),
+                ElementsAre("del label 1", "set label 1 up_ip 127.0.0.1 up_port 1 down_label 9"));
+}
+
+TEST(ConfigurationChanges, FreePrefixesBeforeTheyAreClaimed) {
+    EXPECT_THAT(
+        linesBetween(flow("a", 1, prefix(5)) + flow("b", 2, prefix(6)) + flow("c", 3),
+                     flow("a", 1, prefix(6)) + flow("b", 2) + flow("c", 3, prefix(5))),
+        ElementsAre("del label 1", "del label 2",
+                    "set label 1 up_ip 127.0.0.1 up_port 1" + aux + "6 up_aux_flow_label 1",
+                    "set label 2 up_ip 127.0.0.1 up_port 2",
+                    "set label 3 up_ip 127.0.0.1 up_port 3" + aux + "5 up_aux_flow_label 1"));
+}
+
+TEST(ConfigurationChanges, TryAgainWhatWasRefused) {
+    const Refusals refusals{{2}, true, false};
+    EXPECT_THAT(linesBetween(flow("a", 1) + flow("b", 2), flow("a", 1) + flow("b", 2), refusals),
+                ElementsAre("del label 2", "set label 2 up_ip 127.0.0.1 up_port 2", "stop",
+                            "start addr 127.0.0.1 port 4500"));
+}
+
+TEST(ConfigurationChanges, MoveTheDownstreamAddressAndTheLogLevel) {
+    Configuration wanted = configurationOf(listening);
+    wanted.downstream.port = 4501;
+    wanted.forwarder.logLevel = "debug";
+    const ConfigurationChanges result = changesBetween(configurationOf(listening), wanted, {});
+    EXPECT_THAT(linesOf(result.commands),
+                ElementsAre("log priority debug", "stop", "start addr 127.0.0.1 port 4501"));
+    EXPECT_THAT(result.waiting, IsEmpty());
+    EXPECT_EQ(result.after.downstream.port, 4501);
+}
+
+TEST(ConfigurationChanges, KeepTheArgumentsOfTheProgramThatRuns) {
+    const ConfigurationChanges result =
+        changes("",
+                "[forwarder]\nframing = \"udpv1\"\ncleanup_interval = 1\nprogram = \"x\"\n"
+                "expire_main_flows = false\nexpire_auxiliary_flows = false");
+    EXPECT_THAT(result.commands, IsEmpty());
+    EXPECT_THAT(result.waiting,
+                ElementsAre("forwarder.program", "forwarder.framing", "forwarder.cleanup_interval",
+                            "forwarder.expire_main_flows", "forwarder.expire_auxiliary_flows"));
+    EXPECT_EQ(result.after.forwarder.framing, "udpv2");
+    EXPECT_EQ(result.after.forwarder.cleanupInterval, std::chrono::seconds(600));
+}
+
+std::string lateral(int port, const std::string& peers) {
+    return "[lateral]\naddress = \"127.0.0.1\"\nport = " + std::to_string(port) +
+           "\nindex = 0\ninstances = 9\npeers = [" + peers + "]\n";
+}
+
+const std::string peer1 = "{ index = 1, address = \"127.0.0.2\" }";
+const std::string peer2 = "{ index = 2, address = \"127.0.0.3\" }";
+const std::string started = "start_lateral addr 127.0.0.1 port 1 idx 0 max_qels 9";
+
+TEST(ConfigurationChanges, StartALateralStreamThatIsNew) {
+    EXPECT_THAT(linesBetween("", lateral(1, peer1)),
+                ElementsAre("add_lateral_peer idx 1 addr 127.0.0.2", started));
+}
+
+TEST(ConfigurationChanges, AddLateralPeersWhileTheStreamRuns) {
+    const ConfigurationChanges result = changes(lateral(1, peer1), lateral(1, peer1 + "," + peer2));
+    EXPECT_THAT(linesOf(result.commands), ElementsAre("add_lateral_peer idx 2 addr 127.0.0.3"));
+    EXPECT_THAT(result.waiting, IsEmpty());
+    EXPECT_EQ(result.after.lateral->peers.size(), 2U);
+}
+
+TEST(ConfigurationChanges, WaitWhereALateralPeerGoes) {
+    const ConfigurationChanges result = changes(lateral(1, peer1 + "," + peer2), lateral(1, peer2));
+    EXPECT_THAT(result.commands, IsEmpty());
+    EXPECT_THAT(result.waiting, ElementsAre("lateral.peers"));
+    EXPECT_EQ(result.after.lateral->peers.size(), 2U);
+}
+
+TEST(ConfigurationChanges, WaitWhereTheLateralStreamMovesOrGoes) {
+    for (const std::string& after : {lateral(2, peer1), std::string()}) {
+        const ConfigurationChanges result = changes(lateral(1, peer1), after);
+        EXPECT_THAT(result.commands, IsEmpty());
+        EXPECT_THAT(result.waiting, ElementsAre("lateral"));
+        EXPECT_EQ(result.after.lateral->listen.port, 1);
+    }
+}
+
+TEST(ConfigurationChanges, StartALateralStreamThatWasRefused) {
+    const ConfigurationChanges result =
+        changes(lateral(2, peer1), lateral(1, peer1), Refusals{{}, false, true});
+    EXPECT_THAT(linesOf(result.commands),
+                ElementsAre("add_lateral_peer idx 1 addr 127.0.0.2", started));
+    EXPECT_THAT(result.waiting, IsEmpty());
+}
+
+}  // namespace
+}  // namespace vesk::controller

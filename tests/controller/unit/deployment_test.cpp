@@ -1,0 +1,71 @@
+#include "service/deployment.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include "configuration_text.h"
+
+namespace vesk::controller {
+namespace {
+
+using testing::ElementsAre;
+using testing::IsEmpty;
+using testing::Pair;
+
+const std::string flowA = "[flows.a]\nlabel = 1\nupstream = \"127.0.0.1:1\"\n";
+const std::string flowB = "[flows.b]\nlabel = 2\nupstream = \"127.0.0.1:2\"\n";
+
+Outcome outcomeOf(const Command& command, bool refused) {
+    return {command, refused ? std::vector<std::string>{"no"} : std::vector<std::string>{}, {}};
+}
+
+/// Tells a new forwarder everything; it refuses all commands with these words.
+Deployment deployed(const Configuration& configuration, const std::set<std::string>& refused) {
+    Deployment deployment;
+    for (const Command& command : deployment.begin(configuration)) {
+        deployment.note(outcomeOf(command, refused.contains(command.word)));
+    }
+    return deployment;
+}
+
+TEST(Deployment, KnowsTheFlowsByName) {
+    const Deployment deployment = deployed(listeningWith(flowA + flowB), {});
+    EXPECT_EQ(deployment.declaredFlows(), 2U);
+    EXPECT_EQ(deployment.acceptedFlows(), 2U);
+    EXPECT_THAT(deployment.flowNames(), ElementsAre(Pair(1U, "a"), Pair(2U, "b")));
+}
+
+TEST(Deployment, TriesRefusedCommandsAgainUntilTheyAreTaken) {
+    const Configuration configuration = listeningWith(flowA);
+    Deployment deployment = deployed(configuration, {"set", "start"});
+    EXPECT_EQ(deployment.acceptedFlows(), 0U);
+    EXPECT_TRUE(deployment.refusals().downstream);
+
+    const ConfigurationChanges again = deployment.change(configuration);
+    EXPECT_EQ(again.commands.size(), 4U);
+    for (const Command& command : again.commands) {
+        deployment.note(outcomeOf(command, false));
+    }
+    EXPECT_EQ(deployment.acceptedFlows(), 1U);
+    EXPECT_THAT(deployment.change(configuration).commands, IsEmpty());
+}
+
+TEST(Deployment, ForgetsARefusedFlowThatIsTakenOut) {
+    Deployment deployment = deployed(listeningWith(flowA + flowB), {"set"});
+    for (const Command& command : deployment.change(listeningWith(flowB)).commands) {
+        deployment.note(outcomeOf(command, false));
+    }
+    EXPECT_EQ(deployment.declaredFlows(), 1U);
+    EXPECT_EQ(deployment.acceptedFlows(), 1U);
+}
+
+TEST(Deployment, ForgetsRefusalsWithTheForwarder) {
+    const Configuration configuration = listeningWith(flowA);
+    Deployment deployment = deployed(configuration, {"set", "start", "start_lateral"});
+    deployment.begin(configuration);
+    EXPECT_EQ(deployment.acceptedFlows(), 1U);
+    EXPECT_FALSE(deployment.refusals().downstream);
+}
+
+}  // namespace
+}  // namespace vesk::controller

@@ -1,0 +1,72 @@
+#include "config/key_reader.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+
+#include "temporary_folder.h"
+
+namespace vesk::controller {
+namespace {
+
+using testing::HasSubstr;
+using testing::Not;
+
+TEST(KeyReader, TakesHexDigitsInLowerCase) {
+    EXPECT_EQ(readKey("00AAbbFF").digits, "00aabbff");
+    EXPECT_EQ(readKey("00AAbbFF").problem, "");
+    EXPECT_EQ(readKey("ab").digits, "ab");
+    EXPECT_EQ(readKey(std::string(256, 'e')).digits, std::string(256, 'e'));
+}
+
+TEST(KeyReader, SaysWhatIsWrongAndShowsNoDigit) {
+    const std::pair<std::string, std::string> cases[] = {
+        {"", "empty"},
+        {"abc", "odd number"},
+        {"7e7e7g", "no hex digit"},
+        {"7e 7e", "no hex digit"},
+        {std::string(258, '7'), "longer than 128 bytes"},
+    };
+    for (const auto& [text, reason] : cases) {
+        const KeyReading key = readKey(text);
+        EXPECT_EQ(key.digits, "");
+        EXPECT_THAT(key.problem, HasSubstr(reason));
+        EXPECT_THAT(key.problem, Not(HasSubstr("7e")));
+    }
+}
+
+TEST(KeyReader, LeavesTheWhiteSpaceOfAFileOut) {
+    const TemporaryFolder folder;
+    EXPECT_EQ(readKeyFile(folder.write("key", "0011 2233\n\t44AA\r\n"), false).digits,
+              "0011223344aa");
+}
+
+TEST(KeyReader, RefusesFilesThatOthersMayRead) {
+    const TemporaryFolder folder;
+    for (const mode_t mode : {0640U, 0604U, 0644U}) {
+        const auto file = folder.write("key", "0011", mode);
+        EXPECT_THAT(readKeyFile(file, false).problem, HasSubstr("may be read by others"));
+        EXPECT_EQ(readKeyFile(file, true).digits, "0011");
+    }
+    EXPECT_EQ(readKeyFile(folder.write("key", "0011", 0400), false).digits, "0011");
+}
+
+TEST(KeyReader, NamesTheFileThatWillNotDo) {
+    const TemporaryFolder folder;
+    EXPECT_THAT(readKeyFile(folder.path() / "missing", false).problem,
+                HasSubstr("missing cannot be read: No such file"));
+    EXPECT_THAT(readKeyFile(folder.path(), false).problem, HasSubstr("not a regular file"));
+    EXPECT_THAT(readKeyFile(folder.write("key", "77x7"), false).problem, HasSubstr("key: the key"));
+    EXPECT_THAT(readKeyFile(folder.write("key", std::string(5000, '7')), false).problem,
+                HasSubstr("larger than 4096 bytes"));
+}
+
+TEST(KeyReader, DoesNotWaitForThePipesWriter) {
+    const TemporaryFolder folder;
+    const auto pipe = folder.path() / "pipe";
+    ASSERT_EQ(mkfifo(pipe.c_str(), 0600), 0);
+    EXPECT_THAT(readKeyFile(pipe, false).problem, HasSubstr("not a regular file"));
+}
+
+}  // namespace
+}  // namespace vesk::controller

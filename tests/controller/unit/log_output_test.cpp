@@ -1,0 +1,126 @@
+#include "service/log_output.h"
+
+#include <fcntl.h>
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <array>
+#include <csignal>
+#include <cstdlib>
+
+#include "base/unique_fd.h"
+
+namespace vesk::controller {
+namespace {
+
+using testing::EndsWith;
+using testing::HasSubstr;
+using testing::StartsWith;
+
+class LogOutputTest : public testing::Test {
+ protected:
+    LogOutputTest() {
+        std::array<int, 2> ends{};
+        EXPECT_EQ(pipe2(ends.data(), O_CLOEXEC), 0);
+        reader.reset(ends[0]);
+        writer.reset(ends[1]);
+        fcntl(reader.get(), F_SETFL, O_NONBLOCK);
+    }
+
+    /// What is in the pipe.
+    std::string arrived() const {
+        std::string text;
+        std::array<char, 65536> piece{};
+        for (ssize_t got = 0; (got = read(reader.get(), piece.data(), piece.size())) > 0;) {
+            text.append(piece.data(), static_cast<std::size_t>(got));
+        }
+        return text;
+    }
+
+    UniqueFd reader;
+    UniqueFd writer;
+};
+
+TEST(FormatLine, HasTheFormOfItsReader) {
+    EXPECT_EQ(formatLine(LogForm::words, LogLevel::warn, "text"), "warn text");
+    EXPECT_EQ(formatLine(LogForm::words, LogLevel::none, "text"), "text");
+    EXPECT_EQ(formatLine(LogForm::journal, LogLevel::error, "text"), "<3>text");
+    EXPECT_EQ(formatLine(LogForm::journal, LogLevel::warn, "text"), "<4>text");
+    EXPECT_EQ(formatLine(LogForm::journal, LogLevel::info, "text"), "<6>text");
+    EXPECT_EQ(formatLine(LogForm::journal, LogLevel::trace, "text"), "<7>text");
+    EXPECT_EQ(formatLine(LogForm::journal, LogLevel::none, "text"), "text");
+}
+
+TEST_F(LogOutputTest, TakesTheJournalsFormOnlyForTheJournalsStream) {
+    struct stat status {};
+    ASSERT_EQ(fstat(writer.get(), &status), 0);
+    const std::string stream = std::to_string(status.st_dev) + ":" + std::to_string(status.st_ino);
+    unsetenv("JOURNAL_STREAM");
+    EXPECT_EQ(logFormOf(writer.get()), LogForm::words);
+    setenv("JOURNAL_STREAM", "1:1", 1);
+    EXPECT_EQ(logFormOf(writer.get()), LogForm::words);
+    setenv("JOURNAL_STREAM", stream.c_str(), 1);
+    EXPECT_EQ(logFormOf(writer.get()), LogForm::journal);
+    unsetenv("JOURNAL_STREAM");
+}
+
+TEST_F(LogOutputTest, WritesWhatThereIsRoomFor) {
+    LogOutput log(writer.get(), LogForm::words);
+    log.write(LogLevel::info, "theirs");
+    log.say(LogLevel::error, "ours");
+    EXPECT_TRUE(log.pending());
+    log.flush();
+    EXPECT_FALSE(log.pending());
+    EXPECT_EQ(arrived(), "info theirs\nerror controller: ours\n");
+}
+
+TEST_F(LogOutputTest, NeverWaitsForAReader) {
+    LogOutput log(writer.get(), LogForm::words);
+    const std::string text(1000, 'x');
+    for (int i = 0; i < 1000; ++i) {
+        log.write(LogLevel::info, text);
+        log.flush();
+    }
+    EXPECT_TRUE(log.pending());
+    std::size_t bytes = 0;
+    while (log.pending()) {
+        bytes += arrived().size();
+        log.flush();
+    }
+    bytes += arrived().size();
+    EXPECT_EQ(bytes, 1000U * 1006U);
+}
+
+TEST_F(LogOutputTest, CountsWhatItCannotKeep) {
+    LogOutput log(writer.get(), LogForm::words);
+    const std::string text(100000, 'x');
+    for (int i = 0; i < 200; ++i) {
+        log.write(LogLevel::info, text);
+    }
+    std::string seen;
+    while (log.pending()) {
+        log.flush();
+        seen += arrived();
+    }
+    log.write(LogLevel::info, "later");
+    log.flush();
+    seen = arrived();
+    EXPECT_THAT(seen, StartsWith("warn controller: "));
+    EXPECT_THAT(seen, HasSubstr(" lines were lost"));
+    EXPECT_THAT(seen, EndsWith("info later\n"));
+}
+
+TEST_F(LogOutputTest, GoesOnWithoutAReader) {
+    signal(SIGPIPE, SIG_IGN);
+    reader.reset();
+    LogOutput log(writer.get(), LogForm::words);
+    log.write(LogLevel::info, "unheard");
+    log.flush();
+    EXPECT_FALSE(log.pending());
+    log.finish();
+}
+
+}  // namespace
+}  // namespace vesk::controller

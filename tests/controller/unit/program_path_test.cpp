@@ -1,0 +1,29 @@
+#include "service/program_path.h"
+
+#include <gtest/gtest.h>
+
+#include "temporary_folder.h"
+
+namespace vesk::controller {
+namespace {
+
+TEST(ProgramPath, PrefersWhatItWasTold) {
+    const TemporaryFolder folder;
+    folder.write("vesk", "", 0700);
+    EXPECT_EQ(programPath("one", "two", folder.path()), "one");
+    EXPECT_EQ(programPath(std::nullopt, "two", folder.path()), "two");
+}
+
+TEST(ProgramPath, LooksBesideItselfAndThenByPath) {
+    const TemporaryFolder folder;
+    EXPECT_EQ(programPath(std::nullopt, std::nullopt, folder.path()), "vesk");
+    const auto program = folder.write("vesk", "", 0700);
+    EXPECT_EQ(programPath(std::nullopt, std::nullopt, folder.path()), program.string());
+}
+
+TEST(ProgramPath, KnowsItsOwnFolder) {
+    EXPECT_TRUE(std::filesystem::is_directory(ownFolder()));
+}
+
+}  // namespace
+}  // namespace vesk::controller

@@ -1,0 +1,115 @@
+#include "config/settings_reader.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include "configuration_text.h"
+
+namespace vesk::controller {
+namespace {
+
+using testing::HasSubstr;
+
+TEST(SettingsReader, ReadsTheForwardersTable) {
+    const ForwarderSettings settings = listeningWith(R"([forwarder]
+        program = "bin/vesk"
+        framing = "udpv1"
+        cleanup_interval = 5
+        expire_main_flows = false
+        expire_auxiliary_flows = false
+        log_level = "trace")")
+                                           .forwarder;
+    EXPECT_EQ(settings.program, "bin/vesk");
+    EXPECT_EQ(settings.framing, "udpv1");
+    EXPECT_EQ(settings.cleanupInterval, std::chrono::seconds(5));
+    EXPECT_FALSE(settings.expireMainFlows);
+    EXPECT_FALSE(settings.expireAuxiliaryFlows);
+    EXPECT_EQ(settings.logLevel, "trace");
+}
+
+TEST(SettingsReader, ReadsTheLateralTable) {
+    const Lateral lateral = listeningWith(R"([lateral]
+        address = "::"
+        port = 8445
+        index = 1
+        instances = 3
+        peers = [ { index = 0, address = "192.0.2.1" }, { index = 2, address = "::2" } ])")
+                                .lateral.value();
+    EXPECT_EQ(lateral.listen, (HostPort{"::", 8445}));
+    EXPECT_EQ(lateral.index, 1U);
+    EXPECT_EQ(lateral.instances, 3U);
+    EXPECT_THAT(lateral.peers,
+                testing::ElementsAre(testing::Pair(0U, "192.0.2.1"), testing::Pair(2U, "::2")));
+}
+
+TEST(SettingsReader, ReadsTheControllersAndTheMetricsTables) {
+    const Configuration configuration = listeningWith(R"([controller]
+        restart_pause_ms = 1
+        restart_pause_max_ms = 2
+        drain_seconds = 0
+        stats_seconds = 3
+        [metrics]
+        enabled = false
+        address = "::1"
+        port = 1
+        per_flow = true)");
+    EXPECT_EQ(configuration.supervision.restartPause, std::chrono::milliseconds(1));
+    EXPECT_EQ(configuration.supervision.restartPauseMax, std::chrono::milliseconds(2));
+    EXPECT_EQ(configuration.supervision.drain, std::chrono::seconds(0));
+    EXPECT_EQ(configuration.supervision.stats, std::chrono::seconds(3));
+    EXPECT_EQ(configuration.metrics, (MetricsSettings{false, "::1", 1, true}));
+}
+
+struct BadSetting {
+    const char* text;
+    const char* complaint;
+};
+
+class BadSettingTest : public testing::TestWithParam<BadSetting> {};
+
+TEST_P(BadSettingTest, IsRefusedWithItsPlace) {
+    EXPECT_THAT(problemsBesides(GetParam().text), HasSubstr(GetParam().complaint));
+}
+
+const char* const lateralWith = "[lateral]\naddress = \"::\"\nport = 1\nindex = 0\ninstances = 2\n";
+
+TEST(SettingsReader, RefusesPeersThatCannotBe) {
+    const auto complaints = [](const char* peers) {
+        return problemsBesides(lateralWith + std::string("peers = ") + peers);
+    };
+    EXPECT_THAT(complaints("[]"), HasSubstr("6: lateral.peers is empty"));
+    EXPECT_THAT(complaints("[1]"), HasSubstr("6: lateral.peers has to hold tables"));
+    EXPECT_THAT(complaints("1"), HasSubstr("6: lateral.peers has to be an array"));
+    EXPECT_THAT(complaints("[{ index = 0, address = \"::\" }]"), HasSubstr("this instance itself"));
+    EXPECT_THAT(complaints("[{ index = 2, address = \"::\" }]"), HasSubstr("below the number of"));
+    EXPECT_THAT(complaints("[{ index = 1, address = \"h\" }]"), HasSubstr("numeric address"));
+    EXPECT_THAT(complaints("[{ index = 1 }]"), HasSubstr("lateral.peers.address is missing"));
+    EXPECT_THAT(complaints("[{ address = \"::\" }]"), HasSubstr("lateral.peers.index is missing"));
+    EXPECT_THAT(complaints("[{ index = 1, address = \"::1\" }, { index = 1, address = \"::2\" }]"),
+                HasSubstr("occurs twice"));
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    SettingsReader, BadSettingTest,
+    testing::Values(
+        BadSetting{"[forwarder]\nframing = \"udpv3\"", "forwarder.framing has to be one of"},
+        BadSetting{"[forwarder]\nlog_level = \"loud\"", "forwarder.log_level has to be one of"},
+        BadSetting{"[forwarder]\ncleanup_interval = 0", "has to be a whole number from 1 to"},
+        BadSetting{"[forwarder]\ncleanup_interval = 9223372037", "to 9223372036"},
+        BadSetting{"[forwarder]\nexpire_main_flows = 1", "has to be true or false"},
+        BadSetting{"[forwarder]\nprogram = \"\"", "forwarder.program has to be a path"},
+        BadSetting{"[forwarder]\ncolour = 1", "2: forwarder.colour is not known"},
+        BadSetting{"[controller]\nrestart_pause_ms = 0", "restart_pause_ms has to be a whole"},
+        BadSetting{"[controller]\nrestart_pause_ms = 40000", "restart_pause_max_ms is below"},
+        BadSetting{"[controller]\nstats_seconds = 0", "stats_seconds has to be a whole number"},
+        BadSetting{"[controller]\ndrain_seconds = -1", "drain_seconds has to be a whole number"},
+        BadSetting{"[controller]\ncolour = 1", "2: controller.colour is not known"},
+        BadSetting{"[metrics]\naddress = \"localhost\"", "metrics.address has to be a numeric"},
+        BadSetting{"[metrics]\nport = 65536", "metrics.port has to be a whole number"},
+        BadSetting{"[metrics]\ncolour = 1", "2: metrics.colour is not known"},
+        BadSetting{"[lateral]\naddress = \"::\"", "lateral.port is missing"},
+        BadSetting{"[lateral]\ncolour = 1", "2: lateral.colour is not known"},
+        BadSetting{"[lateral]\nindex = 2\ninstances = 2", "lateral.index has to be below"}));
+
+}  // namespace
+}  // namespace vesk::controller
