@@ -1,0 +1,158 @@
+"""The first walk in README.md, typed as it stands there and compared with the outputs it shows."""
+
+from __future__ import annotations
+
+import os
+import re
+import select
+import shutil
+import signal
+import socket
+import subprocess
+import time
+import urllib.error
+import urllib.request
+from contextlib import ExitStack
+from dataclasses import dataclass
+from pathlib import Path
+from typing import Callable, Dict, Iterator, List
+
+import pytest
+
+ROOT = Path(__file__).resolve().parent.parent.parent
+BUILD = Path(os.environ["VESK_BUILD"]).resolve()
+
+BLOCK = re.compile(r"^```sh\n(.*?)^```\n(?:\n```\n(.*?)^```\n)?", re.MULTILINE | re.DOTALL)
+DEADLINE_SECONDS = 60
+TRAFFIC_SECONDS = {"written": "--duration 60", "enough": "--duration 10"}
+METRICS_PORT = "9477"
+SENT = re.compile(r"^vesk_upstream_sent_datagrams_total [1-9]", re.MULTILINE)
+
+
+@dataclass(frozen=True)
+class Block:
+    """What to type, and what then appears; nothing where README.md shows nothing."""
+
+    commands: str
+    output: str
+
+
+def blocks() -> List[Block]:
+    text = (ROOT / "README.md").read_text(encoding="utf-8")
+    section = text.split("\n## First five minutes\n")[1].split("\n## ")[0]
+    return [Block(*found) for found in BLOCK.findall(section)]
+
+
+def free_ports(written: List[str]) -> Dict[str, str]:
+    """Other ports for those that README.md names, which somebody may hold."""
+    with ExitStack() as stack:
+        found = {}
+        for name in written:
+            end = stack.enter_context(socket.socket(socket.AF_INET, socket.SOCK_DGRAM))
+            end.bind(("127.0.0.1", 0))
+            found[name] = str(end.getsockname()[1])
+    return found
+
+
+def adapted(text: str, ports: Dict[str, str]) -> str:
+    """The same for this build, on other ports and with less patience."""
+    text = re.sub(rf"\b({'|'.join(ports)})\b", lambda found: ports[found[0]], text)
+    text = text.replace("[controller]\n", f"[metrics]\nport = {ports[METRICS_PORT]}\n\n[controller]\n")
+    text = text.replace("build/release/", f"{BUILD}/").replace("dissector/", f"{ROOT}/dissector/")
+    return text.replace(TRAFFIC_SECONDS["written"], TRAFFIC_SECONDS["enough"])
+
+
+class Shell:
+    """A shell that is typed into."""
+
+    def __init__(self, folder: Path) -> None:
+        environment = {**os.environ, "HOME": str(folder), "WIRESHARK_CONFIG_DIR": str(folder)}
+        self._process = subprocess.Popen(["bash"], cwd=folder, env=environment, stdin=subprocess.PIPE,
+                                         stdout=subprocess.PIPE, start_new_session=True)
+
+    def type(self, commands: str) -> str:
+        """Returns what appears until all is done, and insists on success."""
+        assert self._process.stdin is not None and self._process.stdout is not None
+        self._process.stdin.write(f"{commands}\necho \"end of block, status $?\"\n".encode())
+        self._process.stdin.flush()
+        said, deadline = b"", time.monotonic() + DEADLINE_SECONDS
+        while not (end := re.search(rb"end of block, status (\d+)\n", said)):
+            readable, _, _ = select.select([self._process.stdout], [], [],
+                                           max(0.0, deadline - time.monotonic()))
+            assert readable, f"{commands}\nis not through; so far: {said!r}"
+            piece = os.read(self._process.stdout.fileno(), 1 << 16)
+            assert piece, f"the shell ended: {said!r}"
+            said += piece
+        assert end[1] == b"0", f"{commands}\nfailed: {said!r}"
+        return said[:end.start()].decode()
+
+    def end(self) -> None:
+        """With all that still runs in it."""
+        try:
+            os.killpg(self._process.pid, signal.SIGKILL)
+        except ProcessLookupError:
+            pass
+        self._process.wait()
+        for stream in (self._process.stdin, self._process.stdout):
+            if stream is not None:
+                stream.close()
+
+
+@pytest.fixture
+def shell(tmp_path: Path) -> Iterator[Shell]:
+    started = Shell(tmp_path)
+    yield started
+    started.end()
+
+
+def require(program: str) -> None:
+    if shutil.which(program) is None:
+        pytest.skip(f"{program} is not installed")
+
+
+def require_capturing() -> None:
+    require("tshark")
+    done = subprocess.run(["dumpcap", "-q", "-i", "lo", "-a", "duration:1", "-w", "/dev/null"],
+                          capture_output=True, text=True, check=False, timeout=DEADLINE_SECONDS)
+    if done.returncode != 0:
+        pytest.skip(f"capturing is not allowed here: {done.stderr.strip()}")
+
+
+# A newcomer's hands are slow enough for figures and reports to be there; these have to wait for them.
+
+def has_figures(port: str) -> bool:
+    try:
+        with urllib.request.urlopen(f"http://127.0.0.1:{port}/metrics", timeout=5) as page:
+            return SENT.search(page.read().decode()) is not None
+    except (urllib.error.URLError, ConnectionError):
+        return False
+
+
+def wait_until(condition: Callable[[], bool], description: str) -> None:
+    deadline = time.monotonic() + DEADLINE_SECONDS
+    while not condition():
+        assert time.monotonic() < deadline, f"gave up waiting until {description}"
+        time.sleep(0.05)
+
+
+def comparable(output: str) -> List[str]:
+    """Counts differ from run to run, and a capture may begin in the middle of an exchange."""
+    return sorted(re.sub(r"\b[1-9]\d+\s*$", "N", line) for line in output.splitlines())
+
+
+def test_every_command_does_what_is_shown(shell: Shell, tmp_path: Path) -> None:
+    require_capturing()
+    require("curl")
+    ports = free_ports(["4500", "5000", METRICS_PORT])
+    # The first one builds, which has been done.
+    build, *walk = blocks()
+    assert "cmake --build" in build.commands and len(walk) >= 5
+    for block in walk:
+        if "curl" in block.commands:
+            wait_until(lambda: has_figures(ports[METRICS_PORT]), "the metrics show traffic")
+        if block.commands.startswith("head "):
+            report = tmp_path / block.commands.split()[3]
+            wait_until(lambda: report.stat().st_size > 0, "the traffic generator has reported")
+        output = shell.type(adapted(block.commands, ports))
+        assert comparable(output) == comparable(block.output), block.commands
+    assert any(block.output for block in walk)
