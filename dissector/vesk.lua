@@ -3,7 +3,8 @@
 -- finds the datagrams; the others beside it are its parts, and do nothing when Wireshark loads them by
 -- themselves.
 
-local directory = __DIR__ and __DIR__ ~= "" and __DIR__ or "."
+-- Not __DIR__, which is empty in the folder of the system's plugins.
+local directory = debug.getinfo(1, "S").source:match("^@(.*)[/\\]") or "."
 local function part(name) return dofile(directory .. "/" .. name .. ".lua") end
 local framing, key_file, digest = part("vesk_framing"), part("vesk_keys"), part("vesk_hmac")
 

@@ -2,15 +2,16 @@
 
 from __future__ import annotations
 
+import shutil
 from typing import List
 
 import pytest
 
-from capture import Packet, fragments, write_records
+from capture import Packet, fragments, write, write_records
 from framework.bench import Bench
 from framework.flow import Flow, four_keys
 from framework.framing import UDPV1, UDPV2, Framing, Key
-from tshark import INFO, Tshark, key_line, key_lines
+from tshark import DISSECTOR, INFO, Tshark, key_line, key_lines
 
 LABEL = 0x10001
 KEY = Key(bytes(range(16)), "sha256")
@@ -202,6 +203,24 @@ def test_datagrams_longer_than_the_forwarder_reads(tshark: Tshark) -> None:
     packets = from_peer(UDPV2.build(LABEL, bytes(2028), KEY), UDPV2.build(LABEL, bytes(2029), KEY))
     assert [bool(text) for text in tshark.column(packets, "vesk.expert.too_long", PORT)] == [
         False, True]
+
+
+def test_as_a_personal_plugin(tshark: Tshark) -> None:
+    """Wireshark loads every file of the folder, the dissector's parts too."""
+    shutil.copytree(DISSECTOR, tshark.folder / ".local/lib/wireshark/plugins/vesk")
+    capture = write(tshark.folder / "one.pcap", from_peer(UDPV2.build(LABEL, b"payload", KEY)))
+    done = tshark.run("-n", "-r", str(capture), "-o", f"vesk.{PORT}", "-T", "fields", "-e", STATUS)
+    assert (done.stdout, done.stderr) == ("no key\n", "")
+
+
+@pytest.mark.parametrize("script", ["dissector/vesk.lua", "vesk.lua"])
+def test_loaded_by_a_relative_path(tshark: Tshark, monkeypatch: pytest.MonkeyPatch,
+                                   script: str) -> None:
+    monkeypatch.chdir(DISSECTOR if "/" not in script else DISSECTOR.parent)
+    capture = write(tshark.folder / "one.pcap", from_peer(UDPV2.build(LABEL, b"payload", KEY)))
+    done = tshark.run("-n", "-r", str(capture), "-X", f"lua_script:{script}", "-o", f"vesk.{PORT}",
+                      "-T", "fields", "-e", STATUS)
+    assert (done.stdout, done.stderr) == ("no key\n", "")
 
 
 def test_display_filters(tshark: Tshark) -> None:
