@@ -4,6 +4,7 @@ from __future__ import annotations
 
 import contextlib
 import re
+import shutil
 import subprocess
 import urllib.request
 from pathlib import Path
@@ -104,6 +105,17 @@ def test_key_is_in_no_output(installed: Root, running: Controller) -> None:
     running.finish()
     assert running.said(), "it logs"
     assert _key(installed).hex() not in running.said().lower()
+
+
+@pytest.mark.skipif(shutil.which("tshark") is None, reason="tshark is not installed")
+def test_dissector_is_loaded_from_its_folder(installed: Root, tmp_path: Path) -> None:
+    """Below the personal plugins, since this host's own folder is not ours to fill."""
+    (folder,) = installed.path.glob("usr/lib/*/wireshark/plugins")
+    plugins = tmp_path / "home/.local/lib/wireshark/plugins"
+    plugins.parent.mkdir(parents=True)
+    plugins.symlink_to(folder)
+    said = run("env", f"HOME={tmp_path / 'home'}", "tshark", "-G", "protocols")
+    assert "\tvesk\n" in said and "Error during loading" not in said
 
 
 def test_missing_file_is_reported_with_the_status_that_the_unit_knows(installed: Root) -> None:

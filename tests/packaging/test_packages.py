@@ -50,8 +50,7 @@ _FILES: Dict[str, Dict[str, str]] = {
         "/usr/share/doc/vesk-tools/copyright": _FILE,
         "/usr/share/doc/vesk/capture.md": _FILE,
         "/usr/share/man/man1/vesk-traffic.1.gz": _FILE,
-        f"/usr/lib/{_MULTIARCH}/wireshark/plugins/vesk.lua": _FILE,
-    } | {f"/usr/share/vesk/wireshark/{path.name}": _FILE
+    } | {f"/usr/lib/{_MULTIARCH}/wireshark/plugins/vesk/{path.name}": _FILE
          for path in (Path(__file__).parents[2] / "dissector").glob("*.lua")},
 }
 
