@@ -22,6 +22,7 @@ constexpr std::array<std::string_view, 6> journalPrefixes{"", "<3>", "<4>", "<6>
 }  // namespace
 
 LogForm logFormOf(int fd) {
+    // NOLINTNEXTLINE(concurrency-mt-unsafe): nobody changes the environment.
     const char* const stream = std::getenv("JOURNAL_STREAM");
     struct stat status {};
     if (stream == nullptr || fstat(fd, &status) != 0) {

@@ -30,6 +30,7 @@ ServiceNotification::ServiceNotification(std::optional<std::string> address)
 }
 
 ServiceNotification ServiceNotification::fromEnvironment() {
+    // NOLINTNEXTLINE(concurrency-mt-unsafe): nobody changes the environment.
     const char* const address = std::getenv("NOTIFY_SOCKET");
     return ServiceNotification(address != nullptr ? std::optional<std::string>(address)
                                                   : std::nullopt);

@@ -54,6 +54,8 @@ void Supervisor::serveMetrics() {
     try {
         metrics_ = std::make_unique<MetricsServer>(servedMetrics_.address, servedMetrics_.port,
                                                    servedMetrics_.perFlow);
+        log_.say(LogLevel::info, "serves metrics on " + servedMetrics_.address + ", port " +
+                                     std::to_string(metrics_->port()));
     } catch (const std::runtime_error& error) {
         log_.say(LogLevel::error, std::string("goes on without metrics: ") + error.what());
     }

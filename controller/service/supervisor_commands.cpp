@@ -26,6 +26,10 @@ std::string join(const std::vector<std::string>& texts) {
     return result;
 }
 
+std::string countOf(std::size_t count, const std::string& thing) {
+    return std::to_string(count) + " " + thing + (count == 1 ? "" : "s");
+}
+
 }  // namespace
 
 // ---- What the forwarder says. ----
@@ -82,7 +86,7 @@ void Supervisor::finishRound() {
 }
 
 std::string Supervisor::summary() const {
-    std::string text = std::to_string(deployment_.acceptedFlows()) + " flows";
+    std::string text = countOf(deployment_.acceptedFlows(), "flow");
     if (const std::size_t refused = deployment_.refusals().flows.size(); refused > 0) {
         text += ", " + std::to_string(refused) + " refused";
     }
@@ -170,8 +174,7 @@ void Supervisor::applyReload() {
     for (const std::string& name : changes.waiting) {
         log_.say(LogLevel::warn, name + ": takes effect when the forwarder is started again");
     }
-    log_.say(LogLevel::info,
-             "reload: " + std::to_string(changes.commands.size()) + " commands to send");
+    log_.say(LogLevel::info, "reload: " + countOf(changes.commands.size(), "command") + " to send");
     round_ = Round::reload;
     reportAt_.reset();
     sendAll(changes.commands);

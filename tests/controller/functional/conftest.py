@@ -44,9 +44,9 @@ def start_controller(configuration: ConfigurationFile) -> Iterator[StartControll
     """Starts controllers; none of them outlives the test, or says a key of its file."""
     started: List[ControllerProcess] = []
 
-    def start(*arguments: str, **details: object) -> ControllerProcess:
-        started.append(ControllerProcess(configuration, *arguments,
-                                         **details))  # type: ignore[arg-type]
+    def start(*arguments: str, file: ConfigurationFile = configuration,
+              **details: object) -> ControllerProcess:
+        started.append(ControllerProcess(file, *arguments, **details))  # type: ignore[arg-type]
         return started[-1]
 
     yield start

@@ -29,7 +29,8 @@ def command(configuration: ConfigurationFile, *arguments: str) -> List[str]:
     return [binary(), *program, *arguments, str(configuration.path)]
 
 
-def run_once(configuration: ConfigurationFile, *arguments: str) -> "subprocess.CompletedProcess[str]":
+def run_once(configuration: ConfigurationFile,
+             *arguments: str) -> "subprocess.CompletedProcess[str]":
     """A controller that ends by itself."""
     result = subprocess.run(command(configuration, *arguments), cwd=configuration.folder,
                             capture_output=True, text=True, timeout=scaled(20), check=False)

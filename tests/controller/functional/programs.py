@@ -16,4 +16,5 @@ def script(folder: Path, text: str) -> str:
 
 def spoiling_program(folder: Path, edit: str) -> str:
     """The forwarder, with its commands edited by sed on their way."""
-    return script(folder, f"sed -u '{edit}' | '{os.path.abspath(os.environ['VESK_BINARY'])}' \"$@\"")
+    forwarder = os.path.abspath(os.environ["VESK_BINARY"])
+    return script(folder, f"sed -u '{edit}' | '{forwarder}' \"$@\"")

@@ -107,13 +107,13 @@ def test_the_service_manager_is_told(configuration: ConfigurationFile,
 
         controller = start_controller(
             environment={"NOTIFY_SOCKET": str(configuration.folder / "notify")})
-        assert told() == ["READY=1", "STATUS=1 flows"]
-        controller.wait_for("info controller: the forwarder is set up: 1 flows")
+        assert told() == ["READY=1", "STATUS=1 flow"]
+        controller.wait_for("info controller: the forwarder is set up: 1 flow")
         controller.signal(signal.SIGHUP)
         reloading = told()
         assert reloading[0] == "RELOADING=1"
         assert re.fullmatch(r"MONOTONIC_USEC=\d+", reloading[1])
-        assert told() == ["READY=1", "STATUS=1 flows"]
+        assert told() == ["READY=1", "STATUS=1 flow"]
         controller.signal(signal.SIGTERM)
         assert told() == ["STOPPING=1", "STATUS=Draining"]
     assert controller.wait_exit() == 0
@@ -126,7 +126,7 @@ def test_the_journal_gets_its_priorities(configuration: ConfigurationFile,
     # The shell knows what its standard error is, which the controller then inherits.
     controller = start_controller(prefix=[
         "sh", "-c", 'JOURNAL_STREAM=$(stat -L -c %d:%i /proc/self/fd/2) exec "$@"', "sh"])
-    controller.wait_for("<6>controller: the forwarder is set up: 1 flows")
+    controller.wait_for("<6>controller: the forwarder is set up: 1 flow")
     ask_until_answered(peer, alice, configuration.listen)
     controller.wait_for(re.compile("<6>Created upstream endpoint: .*"))
     assert controller.finish() == 0

@@ -38,7 +38,7 @@ def test_two_thousand_flows_start_fast(configuration: ConfigurationFile,
     last.down_label += 1
     configuration.write()
     controller.reload()
-    controller.wait_for("info controller: reload: 1 commands to send")
+    controller.wait_for("info controller: reload: 1 command to send")
     ask_until_answered(peer, last, configuration.listen)
     assert controller.finish() == 0
 

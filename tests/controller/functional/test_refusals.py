@@ -23,7 +23,8 @@ def test_a_refused_flow_is_named(configuration: ConfigurationFile,
         answer(flow)
     configuration.flows = flows
     configuration.write()
-    program = spoiling_program(configuration.folder, "s/label 2 up_ip/label 2 is_multiplex no up_ip/")
+    program = spoiling_program(configuration.folder,
+                               "s/label 2 up_ip/label 2 is_multiplex no up_ip/")
     controller = start_controller("--program", program).ready()
     controller.wait_for(
         "error controller: flow bob was refused: Vesk_validateIsMultiplexString: ' Bad isMultiplex "
@@ -46,6 +47,6 @@ def test_a_port_in_use_is_said_and_tried_again(
         controller = start_controller().ready()
         controller.wait_for("error controller: the downstream address was refused: Failed bind "
                             "syscall for endpoint socket: Address already in use")
-        controller.wait_for("info controller: the forwarder is set up: 1 flows, not listening")
-    assert controller.reload() == "info controller: reloaded: 1 flows", controller.lines
+        controller.wait_for("info controller: the forwarder is set up: 1 flow, not listening")
+    assert controller.reload() == "info controller: reloaded: 1 flow"
     ask_until_answered(peer, flow, configuration.listen)

@@ -48,7 +48,7 @@ def test_one_flow_changes_and_another_loses_nothing(
         ask_until_answered(peer, bob, configuration.listen)
         conversation.wait_for_answers(50)
     assert conversation.lost == 0
-    controller.wait_for("info controller: reload: 1 commands to send")
+    controller.wait_for("info controller: reload: 1 command to send")
 
 
 def test_flows_come_and_go(configuration: ConfigurationFile, start_controller: StartController,
@@ -60,7 +60,7 @@ def test_flows_come_and_go(configuration: ConfigurationFile, start_controller: S
 
     configuration.flows = {"bob": bob}
     configuration.write()
-    assert controller.reload() == "info controller: reloaded: 1 flows"
+    assert controller.reload() == "info controller: reloaded: 1 flow"
     ask_until_answered(peer, bob, configuration.listen)
     # Its datagrams are handled before those of the question that follows.
     peer.send(alice.request(b"to nobody"), configuration.listen)

@@ -95,5 +95,5 @@ def test_a_reload_during_the_pause_is_what_the_next_forwarder_gets(
     os.kill(controller.forwarder(), signal.SIGKILL)
     controller.wait_for("warn controller: starts the forwarder again in 1000 ms")
     controller.signal(signal.SIGHUP)
-    controller.wait_for("info controller: the forwarder is set up: 1 flows")
+    controller.wait_for("info controller: the forwarder is set up: 1 flow")
     ask_until_answered(peer, flow, configuration.listen)
