@@ -201,18 +201,26 @@ void rememberRoute(const ReceivedDatagram& datagram, VeskEndpointDescriptor& flo
     }
 }
 
-enum class Verdict { forward, forged, unsignable };
+enum class Verdict { forward, forged, unsignable, flowGivenUp };
 
 /// Turns the datagram into the one that goes upstream, and addresses the message that carries it.
 Verdict convertForUpstream(const ReceivedDatagram& datagram, std::size_t headerLength,
-                           OutgoingMessage& message, VeskEndpointDescriptor& flow,
+                           OutgoingMessage& message, const FlowEndpoint& found,
                            const ForwarderContext& context) {
+    VeskEndpointDescriptor& flow = *found.endpoint;
     const DatagramBuffer buffer(datagram.endpoint.receiveBuffer);
     const MutexLock lock(flow.towardsUpstream);
+    if (flow.trial == Trial::failed) {
+        return Verdict::flowGivenUp;
+    }
     if (!checkDatagram(context.framing, buffer, headerLength, datagram.length,
                        flow.flow.down.inHmac)) {
+        if (found.created && flow.trial == Trial::pending) {
+            flow.trial = Trial::failed;
+        }
         return Verdict::forged;
     }
+    flow.trial = Trial::passed;
     const bool lateralRuns = context.lateral.running.load(std::memory_order_acquire);
     if (!addressToUpstream(message, datagram, flow, lateralRuns)) {
         rememberRoute(datagram, flow, lateralRuns);
@@ -221,6 +229,11 @@ Verdict convertForUpstream(const ReceivedDatagram& datagram, std::size_t headerL
     const bool isSigned =
         signDatagram(context.framing, buffer, headerLength, datagram.length, flow.flow.up.outHmac);
     return isSigned ? Verdict::forward : Verdict::unsignable;
+}
+
+bool isGivenUp(VeskEndpointDescriptor& flow) {
+    const MutexLock lock(flow.towardsUpstream);
+    return flow.trial == Trial::failed;
 }
 
 void sendUpstream(const ReceivedDatagram& datagram, OutgoingMessage& message,
@@ -237,6 +250,48 @@ void sendUpstream(const ReceivedDatagram& datagram, OutgoingMessage& message,
             reportUpstreamNetworkError(flow, "DOWN_TO_UP_SEND:", error, context);
         }
     }
+}
+
+/// Counts and reports a forged datagram. An endpoint that was made for it goes, unless another
+/// datagram has passed its check there meanwhile.
+void refuseForged(const ReceivedDatagram& datagram, const FlowEndpoint& flow,
+                  ForwarderContext& context) {
+    countRejected(datagram, context);
+    // Gone by the time that it is said, so that whoever reads it finds the label as it was.
+    if (flow.created && isGivenUp(*flow.endpoint)) {
+        context.endpointManager->deleteEndpoint(*flow.endpoint);
+    }
+    // Kept: no level, no time stamp, and nothing between the routine's name and the text.
+    writeToStandardOutput("downstreamPacketReceivedFailed HMAC Check!\n");
+}
+
+/// Hands the datagram to its label's flow. False where that flow's endpoint was given up while it
+/// was looked up: a datagram that went out by it would have no way back, and its count would be
+/// lost.
+bool passToFlow(const ReceivedDatagram& datagram, const ParsedDatagram& parsed,
+                ForwarderContext& context) {
+    const FlowEndpoint flow = findOrCreateFlowEndpoint(parsed.label, context);
+    if (!flow.endpoint) {
+        countRejected(datagram, context);
+        return true;
+    }
+    OutgoingMessage message;
+    switch (convertForUpstream(datagram, parsed.headerLength, message, flow, context)) {
+        case Verdict::flowGivenUp:
+            // Whoever gave it up may not have come to that yet.
+            context.endpointManager->deleteEndpoint(*flow.endpoint);
+            return false;
+        case Verdict::forged:
+            refuseForged(datagram, flow, context);
+            break;
+        case Verdict::unsignable:
+            flow.endpoint->counters.txDgDropped.increment();
+            break;
+        case Verdict::forward:
+            sendUpstream(datagram, message, *flow.endpoint, context);
+            break;
+    }
+    return true;
 }
 
 }  // namespace
@@ -268,28 +323,8 @@ void downstreamPacketReceived(const ReceivedDatagram& datagram, ForwarderContext
         handOverToOwner(datagram, *owner, context);
         return;
     }
-    const FlowEndpoint flow = findOrCreateFlowEndpoint(parsed->label, context);
-    if (!flow.endpoint) {
-        countRejected(datagram, context);
-        return;
-    }
-    OutgoingMessage message;
-    switch (convertForUpstream(datagram, parsed->headerLength, message, *flow.endpoint, context)) {
-        case Verdict::forged:
-            countRejected(datagram, context);
-            // Gone by the time that it is said, so that whoever reads it finds the label as it was.
-            if (flow.created) {
-                context.endpointManager->deleteEndpoint(*flow.endpoint);
-            }
-            // Kept: no level, no time stamp, and nothing between the routine's name and the text.
-            writeToStandardOutput("downstreamPacketReceivedFailed HMAC Check!\n");
-            break;
-        case Verdict::unsignable:
-            flow.endpoint->counters.txDgDropped.increment();
-            break;
-        case Verdict::forward:
-            sendUpstream(datagram, message, *flow.endpoint, context);
-            break;
+    while (!passToFlow(datagram, *parsed, context)) {
+        // Its endpoint was just given up by the other receive thread; the next one is ours.
     }
 }
 

@@ -77,6 +77,10 @@ struct EndpointCounters {
 /// same socket meanwhile and left it to the first.
 enum class Serving : std::uint8_t { nobody, claimed, moreWanted };
 
+/// Whether the datagrams that an endpoint was made for were worth it. One that failed is given up:
+/// the first was forged, before any other had passed.
+enum class Trial : std::uint8_t { pending, passed, failed };
+
 class VeskEndpointDescriptor {
  public:
     VeskEndpointDescriptor(std::uint32_t flowLabel, int readSocket, int writeSocket,
@@ -133,6 +137,7 @@ class VeskEndpointDescriptor {
     /// several sockets.
     FlowDesc flow;
     alignas(cacheLineSize) Mutex towardsUpstream;
+    Trial trial VESK_GUARDED_BY(towardsUpstream) = Trial::pending;
     alignas(cacheLineSize) Mutex towardsDownstream;
 
     /// Guards the addresses that traffic teaches. Readers are many, writers rare.

@@ -196,6 +196,26 @@ TEST_F(DownstreamTest, KeepsTheEndpointThatWasThereBeforeAForgedDatagram) {
     EXPECT_EQ(routeOf(*flow).peer, peer.address());
 }
 
+TEST_F(DownstreamTest, NeverSendsByAnEndpointThatIsGivenUp) {
+    // As the other receive thread leaves it between a forged first datagram and its deletion.
+    declareFlow(5, keyWords("down_in", inKey));
+    arrive(framed(5, payload, inKey));
+    const EndpointPtr givenUp = manager().findEndpointByLabel(5);
+    ASSERT_NE(givenUp, nullptr);
+    upstream.receive();
+    {
+        const MutexLock lock(givenUp->towardsUpstream);
+        givenUp->trial = Trial::failed;
+    }
+    arrive(framed(5, payload, inKey));
+    const EndpointPtr flow = manager().findEndpointByLabel(5);
+    ASSERT_NE(flow, nullptr);
+    EXPECT_NE(flow, givenUp);
+    EXPECT_EQ(countsOf(*flow), (Counts{.txDg = 1}));
+    EXPECT_EQ(countsOf(*givenUp), (Counts{.txDg = 1}));
+    EXPECT_FALSE(upstream.empty());
+}
+
 TEST_F(DownstreamTest, SaysThatADatagramIsForgedAtEveryLevel) {
     declareFlow(5);
     openFlow(5);
