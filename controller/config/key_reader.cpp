@@ -46,7 +46,8 @@ KeyReading readKey(const std::string& text) {
 KeyReading readKeyFile(const std::filesystem::path& path, bool allowReadable) {
     const FileText file = readProtectedFile(path, maxKeyFile);
     if (!file.problem.empty()) {
-        return {"", path.string() + " " + file.problem};
+        // A path that leads nowhere may be a key that was taken for one.
+        return {"", (file.found ? path.string() : "the file that it names") + " " + file.problem};
     }
     if (file.readableByOthers && !allowReadable) {
         return {"", path.string() + " may be read by others: chmod go-r it, or give " +

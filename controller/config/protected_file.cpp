@@ -6,6 +6,7 @@
 
 #include <array>
 #include <cerrno>
+#include <utility>
 
 #include "base/unique_fd.h"
 #include "log/error_text.h"
@@ -14,8 +15,8 @@ namespace vesk::controller {
 
 namespace {
 
-FileText refuse(std::string problem) {
-    return {"", false, std::move(problem)};
+FileText refuse(std::string problem, bool found = true) {
+    return {"", false, std::move(problem), found};
 }
 
 }  // namespace
@@ -23,14 +24,18 @@ FileText refuse(std::string problem) {
 FileText readProtectedFile(const std::filesystem::path& path, std::size_t limit) {
     // Without O_NONBLOCK the open of a named pipe would wait for its writer.
     const UniqueFd file(open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NOCTTY | O_NONBLOCK));
+    if (!file) {
+        return refuse("cannot be read: " + errorText(errno), false);
+    }
     struct stat status {};
-    if (!file || fstat(file.get(), &status) != 0) {
+    if (fstat(file.get(), &status) != 0) {
         return refuse("cannot be read: " + errorText(errno));
     }
     if (!S_ISREG(status.st_mode)) {
         return refuse("is not a regular file");
     }
     FileText result;
+    result.found = true;
     result.readableByOthers = (status.st_mode & (S_IRGRP | S_IROTH)) != 0;
     std::array<char, 16384> piece{};
     while (result.text.size() <= limit) {

@@ -12,6 +12,7 @@ struct FileText {
     std::string text;
     bool readableByOthers = false;  ///< by its group or by everybody
     std::string problem;            ///< why it could not be read; empty where it could
+    bool found = false;             ///< whether there was something to open
 };
 
 /// The whole of a regular file of at most `limit` bytes. Permissions and content are those of one

@@ -28,7 +28,7 @@ TEST(FlowReader, ReadsEveryKey) {
         to_upstream   = { key = "0c", label = 0x20001, dscp = 46 }
         from_upstream = { key = "0d", algorithm = "sha1" }
         to_peer       = { key = "0e", algorithm = "sha256", label = 0x30001, dscp = 0 }
-        auxiliary     = { prefix = 7, upstream_label = 0x50000, upstream = "127.0.0.1:8000" })")
+        auxiliary     = { prefix = 7, upstream_label = 0x50000, upstream = "[::2]:8000" })")
                           .flows.at(0x10001);
     EXPECT_EQ(flow.name, "alice");
     EXPECT_EQ(flow.label, 0x10001U);
@@ -44,7 +44,7 @@ TEST(FlowReader, ReadsEveryKey) {
     EXPECT_EQ(flow.toPeer.dscp, 0);
     EXPECT_EQ(flow.auxiliary->prefix, 7);
     EXPECT_EQ(flow.auxiliary->upstreamLabel, 0x50000U);
-    EXPECT_EQ(flow.auxiliary->upstream, (HostPort{"127.0.0.1", 8000}));
+    EXPECT_EQ(flow.auxiliary->upstream, (HostPort{"::2", 8000}));
 }
 
 TEST(FlowReader, NeedsNeitherKeysNorLabels) {
@@ -89,7 +89,8 @@ INSTANTIATE_TEST_SUITE_P(
                 "algorithm has to be one of \"sha256\", \"sha1\""},
         BadFlow{"from_peer = { algorithm = \"sha1\" }", "algorithm needs a key or key_file"},
         BadFlow{"from_peer = { key = \"00\", key_file = \"k\" }", "key_file stands beside key"},
-        BadFlow{"from_peer = { key_file = \"/nowhere/k\" }", "/nowhere/k cannot be read"},
+        BadFlow{"from_peer = { key_file = \"/nowhere/k\" }",
+                "flows.a.from_peer.key_file will not do: the file that it names cannot be read"},
         BadFlow{"auxiliary = { prefix = 1 }", "flows.a.auxiliary.upstream_label is missing"},
         BadFlow{"auxiliary = { upstream_label = 1 }", "flows.a.auxiliary.prefix is missing"},
         BadFlow{"auxiliary = { prefix = 65536, upstream_label = 1 }", "prefix has to be a whole"},

@@ -53,12 +53,24 @@ TEST(KeyReader, RefusesFilesThatOthersMayRead) {
 
 TEST(KeyReader, NamesTheFileThatWillNotDo) {
     const TemporaryFolder folder;
-    EXPECT_THAT(readKeyFile(folder.path() / "missing", false).problem,
-                HasSubstr("missing cannot be read: No such file"));
-    EXPECT_THAT(readKeyFile(folder.path(), false).problem, HasSubstr("not a regular file"));
+    EXPECT_THAT(readKeyFile(folder.path(), false).problem,
+                HasSubstr(folder.path().string() + " is not a regular file"));
     EXPECT_THAT(readKeyFile(folder.write("key", "77x7"), false).problem, HasSubstr("key: the key"));
     EXPECT_THAT(readKeyFile(folder.write("key", std::string(5000, '7')), false).problem,
                 HasSubstr("larger than 4096 bytes"));
+}
+
+TEST(KeyReader, ShowsNoKeyThatStandsWhereAFileShould) {
+    const TemporaryFolder folder;
+    const std::string key = "7e7e7e7e7e7e7e7e";
+    EXPECT_EQ(readKeyFile(folder.path() / key, false).problem,
+              "the file that it names cannot be read: No such file or directory");
+    // One too long for a name, and one that seems to be in a folder.
+    for (const std::string& text : {std::string(256, '7'), "7777/" + key}) {
+        const std::string problem = readKeyFile(folder.path() / text, false).problem;
+        EXPECT_THAT(problem, HasSubstr("cannot be read"));
+        EXPECT_THAT(problem, Not(HasSubstr("777")));
+    }
 }
 
 TEST(KeyReader, DoesNotWaitForThePipesWriter) {
