@@ -102,11 +102,21 @@ std::optional<AuxiliaryFlows> readAuxiliary(TableReader& flow) {
     return auxiliary;
 }
 
+bool sameFamily(const HostPort& one, const HostPort& other) {
+    return isIPv6(one.host) == isIPv6(other.host);
+}
+
 /// A socket bound to the one family cannot send to the other.
 void checkSource(TableReader& table, const Flow& flow) {
-    if (flow.source && !flow.upstream.host.empty() &&
-        isIPv6(flow.source->host) != isIPv6(flow.upstream.host)) {
+    if (!flow.source) {
+        return;
+    }
+    if (!flow.upstream.host.empty() && !sameFamily(*flow.source, flow.upstream)) {
         table.complain("source", "and upstream have to be of the same address family");
+    }
+    if (flow.auxiliary && flow.auxiliary->upstream &&
+        !sameFamily(*flow.source, *flow.auxiliary->upstream)) {
+        table.complain("source", "and auxiliary.upstream have to be of the same address family");
     }
 }
 

@@ -38,7 +38,7 @@ TEST(CommandLines, SayEverythingAboutAFlow) {
         to_upstream   = { key = "0c", label = 20, dscp = 46 }
         from_upstream = { key = "0d", algorithm = "sha1" }
         to_peer       = { key = "0e", label = 30, dscp = 0 }
-        auxiliary     = { prefix = 7, upstream_label = 50, upstream = "127.0.0.1:8000" })");
+        auxiliary     = { prefix = 7, upstream_label = 50, upstream = "[::2]:8000" })");
     const Command command = setCommand(configuration.flows.at(10));
     EXPECT_EQ(toLine(command),
               "set label 10 up_ip ::1 up_port 5000 up_src_ip ::1 up_src_port 6000 "
@@ -48,7 +48,7 @@ TEST(CommandLines, SayEverythingAboutAFlow) {
               "up_in_key 0d up_in_algo sha1 "
               "down_label 30 down_out_key 0e down_out_algo sha256 down_out_dscp_v4 0 "
               "down_out_dscp_v6 0 "
-              "down_aux_flow_label_prefix 7 up_aux_flow_label 50 up_aux_flow_ip 127.0.0.1 "
+              "down_aux_flow_label_prefix 7 up_aux_flow_label 50 up_aux_flow_ip ::2 "
               "up_aux_flow_port 8000");
     EXPECT_EQ(command.subject, "flow alice");
     EXPECT_EQ(command.label, 10U);

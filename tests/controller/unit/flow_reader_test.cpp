@@ -73,6 +73,9 @@ INSTANTIATE_TEST_SUITE_P(
     testing::Values(
         BadFlow{"source = \"host:1\"", "4: flows.a.source has to be a numeric address and a port"},
         BadFlow{"source = \"[::1]:1\"", "4: flows.a.source and upstream have to be of the same"},
+        BadFlow{"source = \"127.0.0.1:1\"\n"
+                "auxiliary = { prefix = 1, upstream_label = 1, upstream = \"[::1]:1\" }",
+                "4: flows.a.source and auxiliary.upstream have to be of the same"},
         BadFlow{"peer = 5", "4: flows.a.peer has to be a text in quotes"},
         BadFlow{"multiplex = \"yes\"", "4: flows.a.multiplex has to be true or false"},
         BadFlow{"to_peer = 1", "4: flows.a.to_peer has to be a table"},
