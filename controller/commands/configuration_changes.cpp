@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <iterator>
+#include <set>
 #include <utility>
 
 #include "commands/command_lines.h"
@@ -49,9 +50,32 @@ void changeFlow(const Flow& before, const Flow& after, bool refused, FlowCommand
     commands.others.push_back(std::move(set));
 }
 
+/// The prefixes under which a datagram may have opened an auxiliary flow by the time that a new
+/// flow is declared.
+std::set<std::uint32_t> openPrefixes(const Configuration& running, const Configuration& wanted) {
+    std::set<std::uint32_t> prefixes;
+    for (const Configuration* const configuration : {&running, &wanted}) {
+        for (const auto& [label, flow] : configuration->flows) {
+            prefixes.insert(prefixOf(flow));
+        }
+    }
+    prefixes.erase(0);
+    return prefixes;
+}
+
+/// An auxiliary flow that is declared would keep what it has of its owner, keys for instance.
+void addFlow(const Flow& flow, const std::set<std::uint32_t>& openPrefixes,
+             FlowCommands& commands) {
+    if (openPrefixes.contains(flow.label >> 16U)) {
+        commands.others.push_back(delCommand(flow));
+    }
+    commands.others.push_back(setCommand(flow));
+}
+
 FlowCommands flowCommands(const Configuration& running, const Configuration& wanted,
                           const Refusals& refusals) {
     FlowCommands commands;
+    const std::set<std::uint32_t> prefixes = openPrefixes(running, wanted);
     for (const auto& [label, flow] : running.flows) {
         if (!wanted.flows.contains(label)) {
             commands.removals.push_back(delCommand(flow));
@@ -60,7 +84,7 @@ FlowCommands flowCommands(const Configuration& running, const Configuration& wan
     for (const auto& [label, flow] : wanted.flows) {
         const auto before = running.flows.find(label);
         if (before == running.flows.end()) {
-            commands.others.push_back(setCommand(flow));
+            addFlow(flow, prefixes, commands);
         } else {
             changeFlow(before->second, flow, refusals.flows.contains(label), commands);
         }

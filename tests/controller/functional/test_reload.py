@@ -79,6 +79,29 @@ def test_a_key_that_is_taken_away_is_not_asked_for_any_more(
     ask_until_answered(peer, alice, configuration.listen)
 
 
+def test_a_label_that_was_an_auxiliary_flows_takes_nothing_over(
+        configuration: ConfigurationFile, start_controller: StartController, peer: UdpEnd,
+        answer: Answer) -> None:
+    key = Key(b"the owner's key")
+    configuration.secrets.add(key.secret.hex())
+    auxiliary = Flow(label=0x50001, up_label=0x70001, down_label=9, down_in=key)
+    service = answer(auxiliary)
+    configuration.tables["flows.owner"] = (
+        f'label = 1\nupstream = "127.0.0.1:{service.address[1]}"\n'
+        f'from_peer = {{ key = "{key.secret.hex()}" }}\nto_peer = {{ label = 9 }}\n'
+        "auxiliary = { prefix = 5, upstream_label = 0x70000 }")
+    configuration.write()
+    controller = start_controller().ready()
+    ask_until_answered(peer, auxiliary, configuration.listen)
+
+    declared = Flow(label=auxiliary.label)
+    answer(declared)
+    configuration.flows["declared"] = declared
+    configuration.write()
+    controller.reload()
+    ask_until_answered(peer, declared, configuration.listen)
+
+
 def test_a_key_file_is_read_again(configuration: ConfigurationFile,
                                   start_controller: StartController, peer: UdpEnd,
                                   answer: Answer) -> None:

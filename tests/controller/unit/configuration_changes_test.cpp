@@ -72,6 +72,19 @@ TEST(ConfigurationChanges, FreePrefixesBeforeTheyAreClaimed) {
                     "set label 3 up_ip 127.0.0.1 up_port 3" + aux + "5 up_aux_flow_label 1"));
 }
 
+TEST(ConfigurationChanges, TakeNothingOverFromAnAuxiliaryFlow) {
+    const std::string owner = flow("owner", 1, prefix(5));
+    const std::string newFlow = "[flows.new]\nlabel = 0x50001\nupstream = \"127.0.0.1:7\"\n";
+    const std::string newSet = "set label 327681 up_ip 127.0.0.1 up_port 7";
+    EXPECT_THAT(linesBetween(owner, owner + newFlow), ElementsAre("del label 327681", newSet));
+    EXPECT_THAT(linesBetween("", owner + newFlow),
+                ElementsAre("set label 1 up_ip 127.0.0.1 up_port 1" + aux + "5 up_aux_flow_label 1",
+                            "del label 327681", newSet));
+    EXPECT_THAT(linesBetween(owner + newFlow, newFlow), ElementsAre("del label 1"));
+    EXPECT_THAT(linesBetween(flow("a", 1, prefix(6)), flow("a", 1, prefix(6)) + newFlow),
+                ElementsAre(newSet));
+}
+
 TEST(ConfigurationChanges, TryAgainWhatWasRefused) {
     const Refusals refusals{{2}, true, false};
     EXPECT_THAT(linesBetween(flow("a", 1) + flow("b", 2), flow("a", 1) + flow("b", 2), refusals),
