@@ -29,6 +29,15 @@ void occupyStandardDescriptors() {
     }
 }
 
+/// A reload that is asked for while the file is read for the first time would end the process: it
+/// waits for the supervisor.
+void holdBackReloads() {
+    sigset_t reload;
+    sigemptyset(&reload);
+    sigaddset(&reload, SIGHUP);
+    pthread_sigmask(SIG_BLOCK, &reload, nullptr);
+}
+
 void printCommands(const Configuration& configuration) {
     std::cout << "# vesk";
     for (const std::string& argument : programArguments(configuration.forwarder)) {
@@ -83,6 +92,7 @@ int runGuarded(int argumentCount, char** arguments) {
 }  // namespace vesk::controller
 
 int main(int argumentCount, char** arguments) {
+    vesk::controller::holdBackReloads();
     vesk::controller::occupyStandardDescriptors();
     // The forwarder's end is noticed otherwise, and a log that nobody reads is no reason to end.
     std::signal(SIGPIPE, SIG_IGN);

@@ -3,6 +3,8 @@
 from __future__ import annotations
 
 import re
+import signal
+from pathlib import Path
 from typing import Callable
 
 import pytest
@@ -12,6 +14,7 @@ from conftest import StartController
 from conversation import Conversation, ask, ask_until_answered
 from framework.flow import Flow, four_keys
 from framework.framing import Key
+from framework.timing import wait_until
 from framework.udp import UdpEnd, UpstreamService, free_port
 
 Answer = Callable[[Flow], UpstreamService]
@@ -49,6 +52,26 @@ def test_one_flow_changes_and_another_loses_nothing(
         conversation.wait_for_answers(50)
     assert conversation.lost == 0
     controller.wait_for("info controller: reload: 1 command to send")
+
+
+def test_a_reload_while_the_file_is_read_for_the_first_time_comes_after_it(
+        configuration: ConfigurationFile, start_controller: StartController) -> None:
+    # Many flows, so that the reading takes a while.
+    configuration.flows = {f"flow{label}": Flow(label=label, upstream=("127.0.0.1", 5000))
+                           for label in range(1, 10001)}
+    configuration.write()
+    controller = start_controller()
+    status = Path(f"/proc/{controller.pid}/status")
+    wait_until(lambda: ignores(status.read_text(encoding="ascii"), signal.SIGPIPE),
+               "it is about to read")
+    controller.signal(signal.SIGHUP)
+    controller.wait_for(re.compile(r"info controller: reload: \d+ commands to send"), 0, 60)
+    controller.wait_for("info controller: reloaded: 10000 flows", 0, 60)
+
+
+def ignores(status: str, number: int) -> bool:
+    line = next(line for line in status.splitlines() if line.startswith("SigIgn:"))
+    return bool(int(line.split()[1], 16) >> (number - 1) & 1)
 
 
 def test_flows_come_and_go(configuration: ConfigurationFile, start_controller: StartController,
