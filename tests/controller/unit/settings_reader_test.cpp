@@ -50,14 +50,14 @@ TEST(SettingsReader, ReadsTheControllersAndTheMetricsTables) {
         stats_seconds = 3
         [metrics]
         enabled = false
-        address = "::1"
+        address = "127.0.0.2"
         port = 1
         per_flow = true)");
     EXPECT_EQ(configuration.supervision.restartPause, std::chrono::milliseconds(1));
     EXPECT_EQ(configuration.supervision.restartPauseMax, std::chrono::milliseconds(2));
     EXPECT_EQ(configuration.supervision.drain, std::chrono::seconds(0));
     EXPECT_EQ(configuration.supervision.stats, std::chrono::seconds(3));
-    EXPECT_EQ(configuration.metrics, (MetricsSettings{false, "::1", 1, true}));
+    EXPECT_EQ(configuration.metrics, (MetricsSettings{false, "127.0.0.2", 1, true}));
 }
 
 struct BadSetting {
@@ -105,6 +105,8 @@ INSTANTIATE_TEST_SUITE_P(
         BadSetting{"[controller]\ndrain_seconds = -1", "drain_seconds has to be a whole number"},
         BadSetting{"[controller]\ncolour = 1", "2: controller.colour is not known"},
         BadSetting{"[metrics]\naddress = \"localhost\"", "metrics.address has to be a numeric"},
+        BadSetting{"[metrics]\naddress = \"::1\"", "metrics.address has to be a numeric IPv4"},
+        BadSetting{"[metrics]\naddress = 1", "metrics.address has to be a text in quotes"},
         BadSetting{"[metrics]\nport = 65536", "metrics.port has to be a whole number"},
         BadSetting{"[metrics]\ncolour = 1", "2: metrics.colour is not known"},
         BadSetting{"[lateral]\naddress = \"::\"", "lateral.port is missing"},
