@@ -1,6 +1,7 @@
 // Bytes in, whole lines out. Called by child/forwarder_session with what the child's pipe gives.
 #pragma once
 
+#include <cstddef>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -9,6 +10,10 @@ namespace vesk::controller {
 
 class LineSplitter {
  public:
+    /// Longer than any line of the forwarder. What goes beyond it is left out: a child that never
+    /// ends its line does not get all the memory.
+    static constexpr std::size_t longestLine = std::size_t{1} << 20U;
+
     /// The lines that are complete now, without their newlines.
     std::vector<std::string> feed(std::string_view bytes);
 
@@ -16,6 +21,8 @@ class LineSplitter {
     std::string takeRest();
 
  private:
+    void append(std::string_view piece);
+
     std::string rest_;
 };
 

@@ -25,5 +25,14 @@ TEST(LineSplitter, GivesTheRestAtTheEnd) {
     EXPECT_EQ(splitter.takeRest(), "");
 }
 
+TEST(LineSplitter, LeavesOutWhatMakesALineTooLong) {
+    LineSplitter splitter;
+    const std::string half(LineSplitter::longestLine / 2, 'x');
+    for (int i = 0; i < 5; ++i) {
+        EXPECT_THAT(splitter.feed(half), IsEmpty());
+    }
+    EXPECT_THAT(splitter.feed("end\nnext\n"), ElementsAre(half + half, "next"));
+}
+
 }  // namespace
 }  // namespace vesk::controller
