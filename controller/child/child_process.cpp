@@ -134,15 +134,22 @@ ChildProcess::~ChildProcess() {
 
 void ChildProcess::signal(int number) const {
     if (pid_ > 0) {
-        kill(pid_, number);
+        kill(-pid_, number);
     }
 }
 
 std::optional<int> ChildProcess::reap() {
-    int status = 0;
-    if (pid_ <= 0 || waitpid(pid_, &status, WNOHANG) != pid_) {
+    siginfo_t end{};
+    if (pid_ <= 0 ||
+        waitid(P_PID, static_cast<id_t>(pid_), &end, WEXITED | WNOHANG | WNOWAIT) != 0 ||
+        end.si_pid != pid_) {
         return std::nullopt;
     }
+    // Who is left of the group would keep the output open. The group's number is nobody else's as
+    // long as the child has not been waited for.
+    signal(SIGKILL);
+    int status = 0;
+    waitpid(pid_, &status, 0);
     pid_ = -1;
     return status;
 }

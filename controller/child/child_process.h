@@ -12,7 +12,8 @@
 namespace vesk::controller {
 
 /// Owns the child: its pipes, which nobody else inherits, and its end. Move-only. A child that has
-/// not ended when its owner does is killed.
+/// not ended when its owner does is killed. Where the program is a script that runs another, that
+/// one is signalled along with it, and does not outlive it.
 class ChildProcess {
  public:
     /// Runs a program with both pipes non-blocking on this side, no signal blocked or ignored, no
@@ -33,7 +34,7 @@ class ChildProcess {
     void closeInput() { input_.reset(); }
     void signal(int number) const;
 
-    /// The status of waitpid(2) if it has ended, once.
+    /// The status of waitpid(2) if it has ended, once. Kills what it has left behind.
     std::optional<int> reap();
 
  private:

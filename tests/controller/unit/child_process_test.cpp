@@ -92,6 +92,24 @@ TEST(ChildProcess, GoesWithItsOwner) {
     EXPECT_EQ(kill(pid, 0), -1);
 }
 
+TEST(ChildProcess, LeavesNobodyBehindWhoHoldsItsOutput) {
+    ChildProcess child = shell("sleep 60 & exit 3");
+    EXPECT_EQ(describeEnd(endOf(child)), "ended with status 3");
+    EXPECT_EQ(outputOf(child), "");
+}
+
+TEST(ChildProcess, PassesSignalsToWhatItRuns) {
+    ChildProcess child = shell("trap 'wait; exit 0' TERM; (trap 'echo told; exit' TERM; echo up; "
+                               "while :; do sleep 0.01; done) & wait");
+    std::array<char, 3> up{};
+    pollfd watched{child.output(), POLLIN, 0};
+    ASSERT_EQ(poll(&watched, 1, 10000), 1);
+    ASSERT_EQ(read(child.output(), up.data(), up.size()), 3);
+    child.signal(SIGTERM);
+    EXPECT_EQ(outputOf(child), "told\n");
+    EXPECT_TRUE(endedWell(endOf(child)));
+}
+
 TEST(ChildProcess, SaysWhichProgramIsMissing) {
     try {
         const ChildProcess child("/nowhere/vesk", {});
