@@ -6,6 +6,7 @@
 
 #include <array>
 #include <cerrno>
+#include <chrono>
 #include <climits>
 #include <cstdlib>
 
@@ -14,10 +15,15 @@ namespace vesk::controller {
 namespace {
 
 constexpr std::size_t maxBacklog = std::size_t{8} << 20U;
-constexpr int lastChanceMilliseconds = 1000;
+constexpr std::chrono::seconds lastChance{2};
 
 /// Of syslog's priorities those for each level, in the order of LogLevel.
 constexpr std::array<std::string_view, 6> journalPrefixes{"", "<3>", "<4>", "<6>", "<7>", "<7>"};
+
+int millisecondsUntil(std::chrono::steady_clock::time_point time) {
+    const auto left = time - std::chrono::steady_clock::now();
+    return static_cast<int>(std::chrono::ceil<std::chrono::milliseconds>(left).count());
+}
 
 }  // namespace
 
@@ -86,7 +92,10 @@ void LogOutput::flush() {
 }
 
 void LogOutput::finish() {
-    while (pending() && writable(lastChanceMilliseconds) && writePiece()) {
+    const auto until = std::chrono::steady_clock::now() + lastChance;
+    int left = millisecondsUntil(until);
+    while (pending() && left > 0 && writable(left) && writePiece()) {
+        left = millisecondsUntil(until);
     }
 }
 

@@ -37,7 +37,7 @@ class LogOutput {
     /// Writes as much as the descriptor takes without waiting.
     void flush();
 
-    /// Gives the reader a last, short chance.
+    /// Gives the reader a last chance: two seconds, however slowly it reads.
     void finish();
 
  private:

@@ -7,8 +7,12 @@
 #include <unistd.h>
 
 #include <array>
+#include <atomic>
+#include <cerrno>
+#include <chrono>
 #include <csignal>
 #include <cstdlib>
+#include <thread>
 
 #include "base/unique_fd.h"
 
@@ -110,6 +114,31 @@ TEST_F(LogOutputTest, CountsWhatItCannotKeep) {
     EXPECT_THAT(seen, StartsWith("warn controller: "));
     EXPECT_THAT(seen, HasSubstr(" lines were lost"));
     EXPECT_THAT(seen, EndsWith("info later\n"));
+}
+
+TEST_F(LogOutputTest, EndsInTimeHoweverSlowlyItIsRead) {
+    LogOutput log(writer.get(), LogForm::words);
+    const std::string text(1000, 'x');
+    for (int i = 0; i < 4000; ++i) {
+        log.write(LogLevel::info, text);
+    }
+    // Takes a minute and a half for all of it.
+    std::atomic<bool> over = false;
+    std::thread slow([&] {
+        std::array<char, 4096> piece{};
+        while (!over) {
+            if (read(reader.get(), piece.data(), piece.size()) < 0 && errno != EAGAIN) {
+                return;
+            }
+            std::this_thread::sleep_for(std::chrono::milliseconds(90));
+        }
+    });
+    const auto began = std::chrono::steady_clock::now();
+    log.finish();
+    EXPECT_LT(std::chrono::steady_clock::now() - began, std::chrono::seconds(20));
+    EXPECT_TRUE(log.pending());
+    over = true;
+    slow.join();
 }
 
 TEST_F(LogOutputTest, GoesOnWithoutAReader) {
