@@ -68,6 +68,7 @@ class Supervisor {
     void reload();
     void refuseReload(const Problems& problems);
     void applyReload();
+    void tellReloaded(std::string_view status);
 
     // Its end.
     void terminate();
@@ -92,6 +93,7 @@ class Supervisor {
     Deployment deployment_;
     std::optional<ForwarderSession> session_;
     std::optional<int> endStatus_;  // of a forwarder whose output may still hold something
+    bool ready_ = false;            // a forwarder has been set up, and the service manager knows
     bool reportAsked_ = false;
     std::optional<Standstill> standstill_;
     Deadline startAgainAt_;

@@ -79,6 +79,7 @@ void Supervisor::finishRound() {
     round_ = Round::none;
     publishFlows();
     log_.say(LogLevel::info, (replayed ? "the forwarder is set up: " : "reloaded: ") + summary());
+    ready_ = true;
     notification_.ready(summary());
     if (!reportAt_ && phase_ == Phase::running) {
         reportAt_ = Clock::now();
@@ -137,7 +138,9 @@ void Supervisor::reload() {
     if (phase_ != Phase::running) {
         return;
     }
-    notification_.reloading();
+    if (ready_) {
+        notification_.reloading();
+    }
     ConfigurationReading reading =
         readConfiguration(options_.file, ReadingRules{options_.allowReadableKeys});
     if (!reading.configuration) {
@@ -156,7 +159,16 @@ void Supervisor::reload() {
     if (session_) {
         applyReload();
     } else {
-        notification_.ready("The forwarder is about to be started again");
+        tellReloaded("The forwarder is about to be started again");
+    }
+}
+
+/// What starts up is not ready because of a reload: it is when its first forwarder is set up.
+void Supervisor::tellReloaded(std::string_view status) {
+    if (ready_) {
+        notification_.ready(status);
+    } else {
+        notification_.status(status);
     }
 }
 
@@ -166,7 +178,7 @@ void Supervisor::refuseReload(const Problems& problems) {
         log_.say(LogLevel::error, describe(problem, file));
     }
     log_.say(LogLevel::error, file + " is not usable: everything stays as it was");
-    notification_.ready("The last reload failed; " + summary());
+    tellReloaded("The last reload failed; " + summary());
 }
 
 void Supervisor::applyReload() {

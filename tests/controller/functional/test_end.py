@@ -119,6 +119,27 @@ def test_the_service_manager_is_told(configuration: ConfigurationFile,
     assert controller.wait_exit() == 0
 
 
+def test_a_reload_makes_nobody_ready_who_is_not(configuration: ConfigurationFile,
+                                                start_controller: StartController) -> None:
+    configuration.write()
+    silent = script(configuration.folder, "exec cat >/dev/null")
+    with socket.socket(socket.AF_UNIX, socket.SOCK_DGRAM) as manager:
+        manager.bind(str(configuration.folder / "notify"))
+        manager.settimeout(scaled(15))
+        controller = start_controller(
+            "--program", silent,
+            environment={"NOTIFY_SOCKET": str(configuration.folder / "notify")})
+        controller.wait_for(re.compile("info controller: started .*"))
+        configuration.write_text("[downstream\n")
+        controller.signal(signal.SIGHUP)
+        assert manager.recv(1000).startswith(b"STATUS=The last reload failed")
+        configuration.write()
+        controller.signal(signal.SIGHUP)
+        controller.wait_for("info controller: reload: 0 commands to send")
+        controller.signal(signal.SIGTERM)
+        assert manager.recv(1000).startswith(b"STOPPING=1")
+
+
 def test_the_journal_gets_its_priorities(configuration: ConfigurationFile,
                                          start_controller: StartController, peer: UdpEnd,
                                          alice: Flow) -> None:
