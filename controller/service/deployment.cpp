@@ -36,6 +36,7 @@ void Deployment::take(Configuration running) {
     running_ = std::move(running);
     std::erase_if(refusals_.flows,
                   [&](std::uint32_t label) { return !running_.flows.contains(label); });
+    refusals_.lateral = refusals_.lateral && running_.lateral.has_value();
     names_.clear();
     for (const auto& [label, flow] : running_.flows) {
         names_.emplace(label, flow.name);

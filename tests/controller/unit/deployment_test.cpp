@@ -59,6 +59,18 @@ TEST(Deployment, ForgetsARefusedFlowThatIsTakenOut) {
     EXPECT_EQ(deployment.acceptedFlows(), 1U);
 }
 
+TEST(Deployment, ForgetsARefusedLateralStreamThatIsTakenOut) {
+    const std::string lateral =
+        "[lateral]\naddress = \"127.0.0.1\"\nport = 1\nindex = 0\ninstances = 2\n"
+        "peers = [{ index = 1, address = \"127.0.0.2\" }]\n";
+    Deployment deployment = deployed(listeningWith(lateral), {"start_lateral"});
+    EXPECT_TRUE(deployment.refusals().lateral);
+    EXPECT_THAT(deployment.change(listeningWith("")).commands, IsEmpty());
+    EXPECT_FALSE(deployment.refusals().lateral);
+    // The forwarder has its peers and no stream.
+    EXPECT_EQ(deployment.change(listeningWith(lateral)).commands.size(), 2U);
+}
+
 TEST(Deployment, ForgetsRefusalsWithTheForwarder) {
     const Configuration configuration = listeningWith(flowA);
     Deployment deployment = deployed(configuration, {"set", "start", "start_lateral"});
