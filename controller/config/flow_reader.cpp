@@ -150,17 +150,18 @@ bool isPlainName(std::string_view name) {
     return !name.empty();
 }
 
-/// Who has a number already, by number; 0 stands for one that could not be read.
+/// The place of the flow that has a number already, by number; 0 stands for one that could not be
+/// read.
 using Owners = std::map<std::uint32_t, std::string>;
 
-void claim(Owners& owners, std::uint32_t number, const Flow& flow, TableReader& table,
+void claim(Owners& owners, std::uint32_t number, const std::string& place, TableReader& table,
            std::string_view key) {
     if (number == 0) {
         return;
     }
-    const auto [owner, added] = owners.emplace(number, flow.name);
+    const auto [owner, added] = owners.emplace(number, place);
     if (!added) {
-        table.complain(key, "is that of flow " + owner->second + " too");
+        table.complain(key, "is that of " + owner->second + " too");
     }
 }
 
@@ -179,9 +180,10 @@ std::map<std::uint32_t, Flow> readFlows(TableReader& flows, KeySources& keys) {
             continue;
         }
         Flow flow = readFlow(*table, std::string(key.str()), keys);
-        claim(labels, flow.label, flow, *table, "label");
+        const std::string place = flows.placeOf(key.str());
+        claim(labels, flow.label, place, *table, "label");
         if (flow.auxiliary) {
-            claim(prefixes, flow.auxiliary->prefix, flow, *table, "auxiliary");
+            claim(prefixes, flow.auxiliary->prefix, place, *table, "auxiliary");
         }
         result.try_emplace(flow.label, std::move(flow));
     }

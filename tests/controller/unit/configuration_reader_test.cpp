@@ -45,7 +45,9 @@ TEST(ConfigurationReader, ReportsAllMistakesInTheOrderOfTheirLines) {
 }
 
 TEST(ConfigurationReader, KeepsControlCharactersOfNamesOutOfItsLines) {
-    EXPECT_THAT(problemsBesides("[flows.\"a\\nb\"]\nlabel = 1"), Not(HasSubstr("a\nb")));
+    EXPECT_THAT(problemsBesides("[flows.\"a\\nb\"]\nlabel = 1\n[flows.c]\nlabel = 1"),
+                testing::AllOf(HasSubstr("flows.c.label is that of flows.a?b too"),
+                               Not(HasSubstr("a\nb"))));
 }
 
 TEST(ConfigurationReader, SaysWhereTheFileIsNotToml) {

@@ -98,10 +98,10 @@ INSTANTIATE_TEST_SUITE_P(
         BadFlow{"auxiliary = { upstream_label = 1 }", "flows.a.auxiliary.prefix is missing"},
         BadFlow{"auxiliary = { prefix = 65536, upstream_label = 1 }", "prefix has to be a whole"},
         BadFlow{"[flows.b]\nlabel = 1\nupstream = \"127.0.0.1:1\"",
-                "5: flows.b.label is that of flow a too"},
+                "5: flows.b.label is that of flows.a too"},
         BadFlow{"auxiliary = { prefix = 9, upstream_label = 1 }\n[flows.b]\nlabel = 2\n"
                 "upstream = \"127.0.0.1:1\"\nauxiliary = { prefix = 9, upstream_label = 1 }",
-                "8: flows.b.auxiliary is that of flow a too"},
+                "8: flows.b.auxiliary is that of flows.a too"},
         BadFlow{"[flows.\"\"]\nlabel = 2\nupstream = \"127.0.0.1:1\"", "is no name"},
         BadFlow{"[flows.\"x\\u0007\"]\nlabel = 2", "x? is no name"}));
 
