@@ -2,8 +2,15 @@
 
 add_library(vesk_compile_options INTERFACE)
 
+# For test programs, which run once and are compiled often: they are left unoptimised, the libraries
+# that they test are not. Set the variable of the same name for a folder of them.
+define_property(TARGET PROPERTY VESK_QUICK_BUILD INITIALIZE_FROM_VARIABLE VESK_QUICK_BUILD
+    BRIEF_DOCS "Whether the target is compiled without optimisation")
+set(vesk_quick $<BOOL:$<TARGET_PROPERTY:VESK_QUICK_BUILD>>)
+
 target_compile_options(vesk_compile_options INTERFACE
     -Wall -Wextra -Wpedantic -Wshadow -Wconversion
+    $<${vesk_quick}:-O0>
     $<$<BOOL:${VESK_WARNINGS_AS_ERRORS}>:-Werror>
     $<$<CXX_COMPILER_ID:Clang>:-Wthread-safety>)
 
@@ -16,7 +23,7 @@ if(VESK_HARDENING)
     endif()
     set(CMAKE_POSITION_INDEPENDENT_CODE ON)
     target_compile_options(vesk_compile_options INTERFACE
-        -U_FORTIFY_SOURCE -D_FORTIFY_SOURCE=${vesk_fortify_level}
+        -U_FORTIFY_SOURCE $<$<NOT:${vesk_quick}>:-D_FORTIFY_SOURCE=${vesk_fortify_level}>
         -fstack-protector-strong -fstack-clash-protection -fcf-protection
         -D_GLIBCXX_ASSERTIONS)
     target_link_options(vesk_compile_options INTERFACE -pie -Wl,-z,relro -Wl,-z,now)
