@@ -140,6 +140,29 @@ def comparable(output: str) -> List[str]:
     return sorted(re.sub(r"\b[1-9]\d+\s*$", "N", line) for line in output.splitlines())
 
 
+# A package that asks gets no answer, and apt-get takes what is typed ahead.
+STAND_INS = {
+    "scripts/setup": "exit 0",
+    "apt-get": 'cat >/dev/null; [ "$DEBIAN_FRONTEND" = noninteractive ]',
+    "cmake": 'echo "cmake $*"',
+}
+
+
+def test_first_block_can_be_pasted_whole(tmp_path: Path) -> None:
+    for name, text in STAND_INS.items():
+        program = tmp_path / name
+        program.parent.mkdir(exist_ok=True)
+        program.write_text(f"#!/bin/sh\n{text}\n", encoding="utf-8")
+        program.chmod(0o755)
+    environment = {**os.environ, "PATH": f"{tmp_path}:{os.environ['PATH']}"}
+    environment.pop("DEBIAN_FRONTEND", None)
+    done = subprocess.run(["bash"], input=blocks()[0].commands, cwd=tmp_path, env=environment, text=True,
+                          stdout=subprocess.PIPE, timeout=DEADLINE_SECONDS, check=False)
+    assert done.returncode == 0
+    assert done.stdout.splitlines() == ["cmake --preset release -DBUILD_TESTING=OFF",
+                                        "cmake --build --preset release"]
+
+
 def test_every_command_does_what_is_shown(shell: Shell, tmp_path: Path) -> None:
     require_capturing()
     require("curl")
