@@ -79,10 +79,10 @@ void Supervisor::finishRound() {
     round_ = Round::none;
     publishFlows();
     log_.say(LogLevel::info, (replayed ? "the forwarder is set up: " : "reloaded: ") + summary());
-    ready_ = true;
-    notification_.ready(summary());
-    if (!reportAt_ && phase_ == Phase::running) {
-        reportAt_ = Clock::now();
+    if (phase_ == Phase::running) {
+        ready_ = true;
+        notification_.ready(summary());
+        reportAt_ = reportAt_.value_or(Clock::now());
     }
 }
 

@@ -11,7 +11,7 @@ from typing import Callable, List
 import pytest
 
 from configuration_file import ConfigurationFile
-from conftest import StartController
+from controller_fixtures import StartController
 from controller_process import is_alive
 from conversation import Conversation, ask_until_answered
 from framework.flow import Flow, four_keys
@@ -138,6 +138,30 @@ def test_a_reload_makes_nobody_ready_who_is_not(configuration: ConfigurationFile
         controller.wait_for("info controller: reload: 0 commands to send")
         controller.signal(signal.SIGTERM)
         assert manager.recv(1000).startswith(b"STOPPING=1")
+
+
+def test_nobody_becomes_ready_who_is_stopping(configuration: ConfigurationFile,
+                                              start_controller: StartController) -> None:
+    configuration.tables["controller"] = "drain_seconds = 3"
+    configuration.write()
+    # It answers when there is a file that says so, which is after the signal.
+    hesitant = ("while [ ! -e go ]; do sleep 0.01; done\n"
+                "while read line; do echo \"error Unrecognised command '$line'\"; echo; done")
+    with socket.socket(socket.AF_UNIX, socket.SOCK_DGRAM) as manager:
+        manager.bind(str(configuration.folder / "notify"))
+        manager.settimeout(scaled(15))
+        controller = start_controller(
+            "--program", script(configuration.folder, hesitant),
+            environment={"NOTIFY_SOCKET": str(configuration.folder / "notify")})
+        controller.wait_for(re.compile("info controller: started .*"))
+        controller.signal(signal.SIGTERM)
+        assert manager.recv(1000).startswith(b"STOPPING=1")
+        (configuration.folder / "go").touch()
+        controller.wait_for("info controller: the forwarder is set up: 0 flows")
+        assert controller.wait_exit() == 0
+        manager.setblocking(False)
+        with pytest.raises(BlockingIOError):
+            manager.recv(1000)
 
 
 def test_the_journal_gets_its_priorities(configuration: ConfigurationFile,
