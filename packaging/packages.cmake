@@ -1,6 +1,15 @@
 # The Debian packages vesk, vesk-controller and vesk-tools, one for each component: build the target
 # "package", or run packaging/build-packages, which also makes them the same bytes every time.
 
+# Without the first, CPack goes on and makes packages that depend on no library.
+find_program(DPKG_SHLIBDEPS dpkg-shlibdeps)
+find_program(FILE_TYPE_PROGRAM file)
+mark_as_advanced(DPKG_SHLIBDEPS FILE_TYPE_PROGRAM)
+if(NOT DPKG_SHLIBDEPS OR NOT FILE_TYPE_PROGRAM)
+    message(STATUS "dpkg-dev or file is not installed: no Debian packages")
+    return()
+endif()
+
 set(CPACK_GENERATOR DEB)
 set(CPACK_COMPONENTS_ALL forwarder controller tools)
 set(CPACK_DEB_COMPONENT_INSTALL ON)
