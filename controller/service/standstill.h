@@ -23,6 +23,9 @@ class Standstill {
     /// Takes the counters as they were at a time; true once they have stood still for long enough.
     bool observe(std::vector<std::uint64_t> counters, Clock::time_point now);
 
+    /// Whether there were any counters to see.
+    bool observed() const { return counters_.has_value(); }
+
  private:
     Clock::duration rest_;
     std::optional<std::vector<std::uint64_t>> counters_;

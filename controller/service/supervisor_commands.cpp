@@ -223,7 +223,9 @@ void Supervisor::terminate() {
 
 void Supervisor::nextStepOfEnd() {
     if (phase_ == Phase::draining) {
-        log_.say(LogLevel::warn, "there is still traffic, and the time to drain is over");
+        log_.say(LogLevel::warn, std::string(standstill_->observed() ? "there is still traffic"
+                                                                     : "nothing is reported") +
+                                     ", and the time to drain is over");
         closeInput();
     } else if (phase_ == Phase::closing) {
         log_.say(LogLevel::error, "the forwarder does not end: terminating it");

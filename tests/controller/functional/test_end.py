@@ -68,6 +68,17 @@ def test_draining_has_an_end(configuration: ConfigurationFile, start_controller:
     controller.wait_for("warn controller: there is still traffic, and the time to drain is over")
 
 
+def test_no_traffic_is_made_up_where_nothing_is_reported(
+        configuration: ConfigurationFile, start_controller: StartController) -> None:
+    configuration.tables["controller"] = "drain_seconds = 1"
+    configuration.write()
+    silent = script(configuration.folder, "exec cat >/dev/null")
+    controller = start_controller("--program", silent)
+    controller.wait_for(re.compile("info controller: started .*"))
+    assert controller.finish() == 0
+    controller.wait_for("warn controller: nothing is reported, and the time to drain is over")
+
+
 def test_whoever_asks_twice_does_not_wait(configuration: ConfigurationFile,
                                           start_controller: StartController, alice: Flow) -> None:
     configuration.tables["controller"] = "drain_seconds = 1000"

@@ -46,5 +46,12 @@ TEST(TrafficCounters, DoNotShowHowTheForwarderIsDoing) {
     EXPECT_EQ(trafficCounters(report), before);
 }
 
+TEST(Standstill, KnowsWhetherItSawAnything) {
+    Standstill standstill(milliseconds(1000));
+    EXPECT_FALSE(standstill.observed());
+    standstill.observe({1}, Standstill::Clock::time_point());
+    EXPECT_TRUE(standstill.observed());
+}
+
 }  // namespace
 }  // namespace vesk::controller
