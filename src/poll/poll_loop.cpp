@@ -27,6 +27,11 @@ struct ReadyLists {
     std::vector<int> write;
     std::vector<int> error;
 
+    ReadyLists() {
+        for (std::vector<int>* list : {&read, &write, &error}) {
+            list->reserve(usualReadyCount);
+        }
+    }
     void clear() {
         read.clear();
         write.clear();
@@ -37,7 +42,9 @@ struct ReadyLists {
 class EpollSet {
  public:
     explicit EpollSet(PollThreadParam& param)
-        : param_(param), epoll_(param.epollSet.get()), events_(1) {}
+        : param_(param), epoll_(param.epollSet.get()), events_(1) {
+        batch_.reserve(usualReadyCount);
+    }
 
     /// Registers the message channel; level-triggered, so that no record is overlooked. 0 or
     /// -errno.

@@ -4,6 +4,7 @@
 #include <sys/epoll.h>
 
 #include <atomic>
+#include <cstddef>
 #include <cstdint>
 #include <deque>
 #include <functional>
@@ -16,6 +17,9 @@
 #include "base/unique_fd.h"
 
 namespace vesk {
+
+/// Room that lists of ready descriptors begin with: under an ordinary load none has to grow.
+inline constexpr std::size_t usualReadyCount = 128;
 
 /// Receives what is ready on one descriptor. `keep` comes in true; left so, the descriptor is
 /// served again in the next pass. A positive result is added to the worker's received total.

@@ -19,7 +19,7 @@ constexpr unsigned busyCalls = 16;
 
 class ReceiveWorker {
  public:
-    explicit ReceiveWorker(PollParam& param) : param_(param) {}
+    explicit ReceiveWorker(PollParam& param) : param_(param) { serving_.reserve(usualReadyCount); }
 
     [[noreturn]] void run();
 
