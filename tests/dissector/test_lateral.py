@@ -7,7 +7,7 @@ from typing import Callable, List, Optional
 import pytest
 
 from capture import Packet
-from conftest import StartVesk
+from framework.fixtures import StartVesk
 from framework.flow import Flow, four_keys
 from framework.framing import (FORWARDED, RETURNED, UDPV1, UDPV2, Framing, Key, build_lateral,
                                parse_lateral, socket_address_bytes)

@@ -12,7 +12,7 @@ from typing import Callable, Iterator
 
 import pytest
 
-from conftest import StartVesk
+from framework.fixtures import StartVesk
 from framework.bench import Bench
 from framework.flow import four_keys
 from framework.framing import UDPV1, UDPV2, Framing

@@ -9,7 +9,7 @@ from typing import Callable, Dict, List, NamedTuple
 
 import pytest
 
-from conftest import StartVesk
+from framework.fixtures import StartVesk
 from framework.bench import Bench
 from framework.flow import Flow, four_keys
 from framework.lateral import LOOPBACK, join, owned_label, shared_free_port

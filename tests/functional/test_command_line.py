@@ -7,7 +7,7 @@ from typing import List
 
 import pytest
 
-from conftest import StartVesk
+from framework.fixtures import StartVesk
 from framework.udp import free_port
 from framework.vesk_process import VeskProcess
 

@@ -22,7 +22,7 @@ from __future__ import annotations
 import random
 from typing import Callable, List, Tuple
 
-from conftest import StartVesk
+from framework.fixtures import StartVesk
 from framework.flow import Flow, four_keys
 from framework.framing import FORWARDED, RETURNED, UDPV2, build_lateral, socket_address_bytes
 from framework.lateral import LOOPBACK, join, owned_label, shared_free_port

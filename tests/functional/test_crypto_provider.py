@@ -12,7 +12,7 @@ from typing import Dict, Sequence
 
 import pytest
 
-from conftest import StartVesk
+from framework.fixtures import StartVesk
 from framework.flow import Flow, four_keys
 from framework.udp import UdpEnd
 from framework.vesk_process import VeskProcess

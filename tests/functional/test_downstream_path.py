@@ -7,7 +7,7 @@ from typing import Callable, Dict, Optional
 
 import pytest
 
-from conftest import StartVesk
+from framework.fixtures import StartVesk
 from framework.bench import Bench
 from framework.flow import four_keys
 from framework.framing import UDPV1, Key

@@ -14,7 +14,7 @@ from framework.vesk_process import VeskProcess
 
 
 # `vesk` is a running forwarder with default arguments; `peer` and `upstream` are bound
-# UDP sockets. conftest.py has them and more, such as `start_vesk` for other arguments.
+# UDP sockets. framework/fixtures.py has them and more, such as `start_vesk` for other arguments.
 def test_a_datagram_goes_upstream_and_its_reply_comes_back(
         vesk: VeskProcess, peer: UdpEnd, upstream: UdpEnd) -> None:
     # Ports come from the kernel, so that tests can run side by side.

@@ -11,7 +11,7 @@ from typing import List
 
 import pytest
 
-from conftest import StartVesk
+from framework.fixtures import StartVesk
 from framework.bench import Bench
 from framework.faults import (failing_calls, failing_listener, failing_poll_thread, faulty_start)
 from framework.lateral import LOOPBACK, join, shared_free_port

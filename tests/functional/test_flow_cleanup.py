@@ -10,7 +10,7 @@ from typing import Callable, List
 
 import pytest
 
-from conftest import StartVesk
+from framework.fixtures import StartVesk
 from framework.bench import Bench
 from framework.faults import call_numbers, failing_listener, faulty_start
 from framework.flow import Flow, four_keys

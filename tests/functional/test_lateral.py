@@ -11,7 +11,7 @@ from typing import Callable, Dict, List, Optional
 
 import pytest
 
-from conftest import StartVesk
+from framework.fixtures import StartVesk
 from framework.faults import failing_calls
 from framework.flow import Flow, four_keys
 from framework.framing import (FORWARDED, RETURNED, UDPV1, UDPV2, Framing, LateralDatagram,

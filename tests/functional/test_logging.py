@@ -10,7 +10,7 @@ from pathlib import Path
 
 import pytest
 
-from conftest import StartVesk
+from framework.fixtures import StartVesk
 from framework.faults import failing_calls, recording_start
 from framework.flow import Flow, four_keys
 from framework.timing import scaled

@@ -7,7 +7,7 @@ from typing import Callable, Optional
 
 import pytest
 
-from conftest import StartVesk
+from framework.fixtures import StartVesk
 from framework.bench import Bench
 from framework.faults import recording_start
 from framework.flow import four_keys

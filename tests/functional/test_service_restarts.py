@@ -4,7 +4,7 @@ from __future__ import annotations
 
 import re
 
-from conftest import StartVesk
+from framework.fixtures import StartVesk
 from framework.flood import Drain, Flood
 from framework.bench import Bench
 from framework.flow import four_keys

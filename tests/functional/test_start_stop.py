@@ -8,7 +8,7 @@ from typing import Callable, List
 
 import pytest
 
-from conftest import StartVesk
+from framework.fixtures import StartVesk
 from framework.faults import failing_calls
 from framework.flow import Flow
 from framework.udp import UdpEnd, free_port

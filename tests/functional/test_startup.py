@@ -11,7 +11,7 @@ from typing import List
 
 import pytest
 
-from conftest import StartVesk
+from framework.fixtures import StartVesk
 from framework.faults import CORE_LIMIT_UNTOUCHED, call_numbers, faulty_start
 from framework.timing import SANITIZER, wait_until
 from framework.vesk_process import VeskProcess

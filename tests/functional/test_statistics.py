@@ -7,7 +7,7 @@ from typing import Callable, Dict
 
 import pytest
 
-from conftest import StartVesk
+from framework.fixtures import StartVesk
 from framework.bench import Bench
 from framework.faults import failing_listener, failing_workers
 from framework.flow import four_keys

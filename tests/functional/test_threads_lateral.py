@@ -11,7 +11,7 @@ from typing import List, Tuple
 
 import pytest
 
-from conftest import StartVesk
+from framework.fixtures import StartVesk
 from framework.flood import Drain, Flood
 from framework.flow import Flow, four_keys
 from framework.framing import UDPV2

@@ -11,7 +11,7 @@ from typing import Dict, List
 
 import pytest
 
-from conftest import StartVesk
+from framework.fixtures import StartVesk
 from framework.bench import Bench
 from framework.flood import Drain, Flood
 from framework.flow import Flow, four_keys

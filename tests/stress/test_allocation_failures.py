@@ -16,7 +16,7 @@ from typing import Callable, Iterator, List, Optional
 
 import pytest
 
-from conftest import StartVesk
+from framework.fixtures import StartVesk
 from framework.bench import Bench
 from framework.flow import four_keys
 from framework.timing import SANITIZER, wait_until

@@ -11,7 +11,7 @@ from typing import Callable, Dict, List, Tuple
 
 import pytest
 
-from conftest import StartVesk
+from framework.fixtures import StartVesk
 from framework.flow import Flow, four_keys
 from framework.framing import UDPV1, UDPV2, Framing, build_lateral, parse_lateral
 from framework.lateral import LOOPBACK, join, owned_label, shared_free_port

@@ -7,7 +7,7 @@ from typing import Callable, Iterator, List, Tuple
 
 import pytest
 
-from conftest import StartVesk
+from framework.fixtures import StartVesk
 from framework.bench import Bench
 from framework.flow import Flow, four_keys
 from framework.timing import wait_until

@@ -16,7 +16,7 @@ from typing import Dict, List, Sequence, Set
 
 import pytest
 
-from conftest import StartVesk
+from framework.fixtures import StartVesk
 from framework.flood import Flood
 from framework.flow import Flow, four_keys
 from framework.framing import UDPV2

@@ -9,7 +9,7 @@ from typing import Callable, List
 import pytest
 
 from configuration_file import ConfigurationFile
-from conftest import StartController
+from controller_fixtures import StartController
 from conversation import ask_until_answered
 from framework.flow import Flow, four_keys
 from framework.lateral import LOOPBACK, owned_label, shared_free_port

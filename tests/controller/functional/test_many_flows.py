@@ -6,7 +6,7 @@ import time
 from typing import Callable
 
 from configuration_file import ConfigurationFile
-from conftest import StartController
+from controller_fixtures import StartController
 from conversation import Conversation, ask_until_answered
 from framework.flow import Flow, four_keys
 from framework.timing import scaled

@@ -5,7 +5,7 @@ from __future__ import annotations
 from typing import Callable
 
 from configuration_file import ConfigurationFile
-from conftest import StartController
+from controller_fixtures import StartController
 from conversation import ask_until_answered
 from framework.flow import Flow, four_keys
 from framework.udp import UdpEnd, UpstreamService

@@ -10,7 +10,7 @@ from typing import Callable
 import pytest
 
 from configuration_file import ConfigurationFile
-from conftest import StartController
+from controller_fixtures import StartController
 from conversation import Conversation, ask, ask_until_answered
 from framework.flow import Flow, four_keys
 from framework.framing import Key

@@ -9,7 +9,7 @@ from pathlib import Path
 from typing import Callable
 
 from configuration_file import ConfigurationFile
-from conftest import StartController
+from controller_fixtures import StartController
 from conversation import ask_until_answered
 from framework.flow import Flow, four_keys
 from framework.framing import UDPV1, Key

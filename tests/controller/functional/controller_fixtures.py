@@ -1,0 +1,53 @@
+"""Fixtures of all tests that run a controller."""
+
+from __future__ import annotations
+
+from pathlib import Path
+from typing import Callable, Iterator, List
+
+import pytest
+
+from configuration_file import ConfigurationFile
+from controller_process import ControllerProcess
+from framework.flow import Flow
+from framework.udp import UpstreamService
+
+StartController = Callable[..., ControllerProcess]
+
+
+@pytest.fixture
+def configuration(tmp_path: Path) -> ConfigurationFile:
+    """A file that listens on 127.0.0.1 and has no flows yet."""
+    return ConfigurationFile(tmp_path)
+
+
+@pytest.fixture
+def start_controller(configuration: ConfigurationFile) -> Iterator[StartController]:
+    """Starts controllers; none of them outlives the test, or says a key of its file."""
+    started: List[ControllerProcess] = []
+
+    def start(*arguments: str, file: ConfigurationFile = configuration,
+              **details: object) -> ControllerProcess:
+        started.append(ControllerProcess(file, *arguments, **details))  # type: ignore[arg-type]
+        return started[-1]
+
+    yield start
+    for controller in started:
+        controller.abandon()
+    for controller in started:
+        controller.check_secrecy()
+
+
+@pytest.fixture
+def answer() -> Iterator[Callable[[Flow], UpstreamService]]:
+    """Starts a flow's upstream service, which checks each datagram and sends its payload back."""
+    services: List[UpstreamService] = []
+
+    def start(flow: Flow) -> UpstreamService:
+        services.append(UpstreamService(flow.echo))
+        flow.upstream = services[-1].address
+        return services[-1]
+
+    yield start
+    for service in services:
+        service.close()

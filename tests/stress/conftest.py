@@ -1,0 +1,3 @@
+"""What the tests of this folder are given."""
+
+pytest_plugins = ["framework.fixtures"]
