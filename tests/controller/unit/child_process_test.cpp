@@ -99,8 +99,9 @@ TEST(ChildProcess, LeavesNobodyBehindWhoHoldsItsOutput) {
 }
 
 TEST(ChildProcess, PassesSignalsToWhatItRuns) {
-    ChildProcess child = shell("trap 'wait; exit 0' TERM; (trap 'echo told; exit' TERM; echo up; "
-                               "while :; do sleep 0.01; done) & wait");
+    ChildProcess child = shell(
+        "trap 'wait; exit 0' TERM; (trap 'echo told; exit' TERM; echo up; "
+        "while :; do sleep 0.01; done) & wait");
     std::array<char, 3> up{};
     pollfd watched{child.output(), POLLIN, 0};
     ASSERT_EQ(poll(&watched, 1, 10000), 1);
