@@ -78,6 +78,7 @@ def test_options_that_cannot_be_set_do_not_stop_a_flow(bench: Bench) -> None:
     since = bench.vesk.mark()
     with failing_listener(bench.vesk, "setsockopt:error=ENOPROTOOPT"):
         bench.exchange(flow)
+    bench.vesk.settle()
     lines = [line for line in bench.vesk.remarks(since) if "Created" not in line]
     assert lines[:4] == ["error Failed to set reuse port option on socket: Protocol not available",
                          "error Failed to set reuse port option on socket: Protocol not available",

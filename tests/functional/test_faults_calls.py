@@ -86,6 +86,7 @@ def test_a_call_that_a_flow_can_do_without(bench: Bench, call: str, number: int,
     since = bench.vesk.mark()
     with failing_listener(bench.vesk, f"{call}:error=ENOMEM:when={number}"):
         sender = bench.exchange(flow)
+    bench.vesk.settle()
     said = [line for line in bench.vesk.remarks(since) if not CREATED.fullmatch(line)]
     assert len(said) == len(complaints), said
     assert all(re.fullmatch(complaint, line) for line, complaint in zip(said, complaints)), said

@@ -86,6 +86,8 @@ def test_both_ways_are_first_to_miss_an_endpoint(start_vesk: StartVesk) -> None:
         for _ in range(2 * len(flows)):
             data = upstream.receive().data
             by_up_label[UDPV2.parse(data).label].open_request(data)
+        # What has been written has been read as well, once the answer to a later command is there.
+        instances[0].settle()
         created = [line for line in instances[0].remarks(since) if "Created upstream" in line]
         assert len(created) == len(flows)
 
