@@ -58,7 +58,7 @@ class IPAddrInfo {
     /// AF_INET, AF_INET6, or 0 while unresolved.
     int family() const { return family_; }
     bool resolved() const { return addrLen() != 0; }
-    /// Empty for an address of a family other than IPv4 and IPv6.
+    /// Empty for an address longer than those of IPv4 and IPv6.
     const SocketAddress& socketAddress() const { return address_; }
     const sockaddr* addr() const;
     socklen_t addrLen() const { return other_ ? other_->length : address_.length; }
