@@ -201,7 +201,8 @@ void rememberRoute(const ReceivedDatagram& datagram, VeskEndpointDescriptor& flo
     }
 }
 
-enum class Verdict { forward, forged, unsignable, flowGivenUp };
+/// `forgedFirst`: the endpoint was made for it, and nothing else has passed there; it is given up.
+enum class Verdict { forward, forged, forgedFirst, unsignable, flowGivenUp };
 
 /// Turns the datagram into the one that goes upstream, and addresses the message that carries it.
 Verdict convertForUpstream(const ReceivedDatagram& datagram, std::size_t headerLength,
@@ -215,10 +216,11 @@ Verdict convertForUpstream(const ReceivedDatagram& datagram, std::size_t headerL
     }
     if (!checkDatagram(context.framing, buffer, headerLength, datagram.length,
                        flow.flow.down.inHmac)) {
-        if (found.created && flow.trial == Trial::pending) {
-            flow.trial = Trial::failed;
+        if (!found.created || flow.trial == Trial::passed) {
+            return Verdict::forged;
         }
-        return Verdict::forged;
+        flow.trial = Trial::failed;
+        return Verdict::forgedFirst;
     }
     flow.trial = Trial::passed;
     const bool lateralRuns = context.lateral.running.load(std::memory_order_acquire);
@@ -229,11 +231,6 @@ Verdict convertForUpstream(const ReceivedDatagram& datagram, std::size_t headerL
     const bool isSigned =
         signDatagram(context.framing, buffer, headerLength, datagram.length, flow.flow.up.outHmac);
     return isSigned ? Verdict::forward : Verdict::unsignable;
-}
-
-bool isGivenUp(VeskEndpointDescriptor& flow) {
-    const MutexLock lock(flow.towardsUpstream);
-    return flow.trial == Trial::failed;
 }
 
 void sendUpstream(const ReceivedDatagram& datagram, OutgoingMessage& message,
@@ -252,15 +249,8 @@ void sendUpstream(const ReceivedDatagram& datagram, OutgoingMessage& message,
     }
 }
 
-/// Counts and reports a forged datagram. An endpoint that was made for it goes, unless another
-/// datagram has passed its check there meanwhile.
-void refuseForged(const ReceivedDatagram& datagram, const FlowEndpoint& flow,
-                  ForwarderContext& context) {
+void refuseForged(const ReceivedDatagram& datagram, ForwarderContext& context) {
     countRejected(datagram, context);
-    // Gone by the time that it is said, so that whoever reads it finds the label as it was.
-    if (flow.created && isGivenUp(*flow.endpoint)) {
-        context.endpointManager->deleteEndpoint(*flow.endpoint);
-    }
     // Kept: no level, no time stamp, and nothing between the routine's name and the text.
     writeToStandardOutput("downstreamPacketReceivedFailed HMAC Check!\n");
 }
@@ -281,8 +271,12 @@ bool passToFlow(const ReceivedDatagram& datagram, const ParsedDatagram& parsed,
             // Whoever gave it up may not have come to that yet.
             context.endpointManager->deleteEndpoint(*flow.endpoint);
             return false;
+        case Verdict::forgedFirst:
+            // Gone by the time that it is said, so that whoever reads it finds the label as it was.
+            context.endpointManager->deleteEndpoint(*flow.endpoint);
+            [[fallthrough]];
         case Verdict::forged:
-            refuseForged(datagram, flow, context);
+            refuseForged(datagram, context);
             break;
         case Verdict::unsignable:
             flow.endpoint->counters.txDgDropped.increment();
