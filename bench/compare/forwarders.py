@@ -9,10 +9,11 @@ import subprocess
 import tempfile
 import textwrap
 import time
-from contextlib import contextmanager
+from contextlib import contextmanager, nullcontext
 from pathlib import Path
 
-from compare.scenarios import Plan, Scenario
+from compare.busy_process import BusyProcess
+from compare.scenarios import Condition, Plan, Scenario
 
 # "As one core for the process": the forwarder has a processor to itself, and the generator, which is
 # both ends of the path, has the other.
@@ -26,8 +27,9 @@ class MeasurementFailed(Exception):
     pass
 
 
-def pinned(cpu: int, command: list) -> list:
-    if cpu not in os.sched_getaffinity(0):
+def placed(condition: Condition, cpu: int, command: list) -> list:
+    """The command, pinned to that processor if the condition has it so."""
+    if condition == Condition.SHARED or cpu not in os.sched_getaffinity(0):
         return command
     return ["taskset", "-c", str(cpu), *command]
 
@@ -44,16 +46,27 @@ def free_port() -> int:
                 continue
 
 
+def company(condition: Condition, seconds: float):
+    """What computes beside the forwarder: a BusyProcess for a context, or None in it."""
+    if condition != Condition.BESIDE:
+        return nullcontext()
+    return BusyProcess(FORWARDER_CPU, seconds)
+
+
 def run_traffic(build: Path, plan: Plan, scenario: Scenario, arguments: list) -> dict:
     command = [str(build / "bench/vesk-traffic"), "--json", "--allow-loss", "--spin",
                "--warm-up", str(plan.warm_up), "--duration", str(plan.duration),
                "--payload", str(scenario.payload), "--flows", str(scenario.flows)]
     if scenario.rate:
         command += ["--rate", str(scenario.rate)]
+    command = placed(scenario.condition, GENERATOR_CPU, command + arguments)
     limit = plan.warm_up + plan.duration + SECONDS_TO_START_AND_END
     try:
-        done = subprocess.run(pinned(GENERATOR_CPU, command + arguments), capture_output=True,
-                              text=True, check=False, timeout=limit)
+        with company(scenario.condition, limit) as busy:
+            done = subprocess.run(command, capture_output=True, text=True, check=False,
+                                  timeout=limit)
+            if busy and not busy.running():
+                raise MeasurementFailed("the busy process ended before the measurement did")
     except subprocess.TimeoutExpired as late:
         raise MeasurementFailed(f"not done after {limit:.0f} seconds") from late
     if done.returncode != 0:
@@ -72,7 +85,7 @@ class CommandedForwarder:
         self.program = program
 
     def measure(self, build: Path, plan: Plan, scenario: Scenario) -> dict:
-        command = pinned(FORWARDER_CPU, [str(self.program), "udpv2"])
+        command = placed(scenario.condition, FORWARDER_CPU, [str(self.program), "udpv2"])
         return run_traffic(build, plan, scenario, ["--", *command])
 
 
@@ -89,14 +102,14 @@ class StreamProxy:
         return cls.program.exists() and cls.module.exists()
 
     def measure(self, build: Path, plan: Plan, scenario: Scenario) -> dict:
-        with self._running() as (port, upstream_port, worker):
+        with self._running(scenario.condition) as (port, upstream_port, worker):
             # It tells flows apart by their peer alone, so each flow needs one of its own.
             return run_traffic(build, plan, scenario,
                                ["--unchanged", "--peers", str(scenario.flows), "--port", str(port),
                                 "--upstream-port", str(upstream_port), "--pid", str(worker)])
 
     @contextmanager
-    def _running(self):
+    def _running(self, condition: Condition):
         port, upstream_port = free_port(), free_port()
         folder = Path(tempfile.mkdtemp(prefix="vesk-bench-"))
         configuration = folder / "nginx.conf"
@@ -115,8 +128,8 @@ class StreamProxy:
                 }}
             }}
             """))
-        master = subprocess.Popen(pinned(FORWARDER_CPU, [str(self.program), "-c",
-                                                         str(configuration)]),
+        command = [str(self.program), "-c", str(configuration)]
+        master = subprocess.Popen(placed(condition, FORWARDER_CPU, command),
                                   stdin=subprocess.DEVNULL)
         try:
             yield port, upstream_port, self._worker_of(master.pid)

@@ -1,6 +1,7 @@
 """The work that every forwarder is given, and how long it is given it for."""
 
 from dataclasses import dataclass
+from enum import Enum
 from typing import Optional
 
 PAYLOADS = (64, 512, 1200)
@@ -10,16 +11,30 @@ QUIET_RATE = 20_000
 ROUND_TRIP_RATE = 1_000
 
 
+class Condition(Enum):
+    """What else the processors are used for while a forwarder is measured."""
+
+    QUIET = "quiet"  # nothing; the forwarder has one processor and the generator another
+    BESIDE = "beside"  # the same, and a process that only computes shares the forwarder's
+    SHARED = "shared"  # forwarder and generator run wherever the kernel puts them
+
+
 @dataclass(frozen=True)
 class Scenario:
     payload: int
     flows: int
     rate: Optional[int]  # requests a second; None is saturation
+    condition: Condition = Condition.QUIET
 
     @property
     def name(self) -> str:
+        """The work alone: it is the same in all conditions."""
         pace = f"{self.rate}/s" if self.rate else "saturation"
         return f"{pace}, {self.payload} bytes, {self.flows} flow{'s' if self.flows > 1 else ''}"
+
+    @property
+    def title(self) -> str:
+        return f"{self.name} ({self.condition.value})"
 
 
 @dataclass(frozen=True)

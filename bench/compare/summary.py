@@ -6,7 +6,8 @@ from dataclasses import dataclass
 # Everything is related to this one, measured in the same round.
 FLOOR = "bare-loop"
 
-FIGURES = ("cpu_us_per_datagram", "reply_rate", "p50_us", "p99_us", "lost")
+RELATED = ("cpu_us_per_datagram", "reply_rate", "p50_us", "p90_us", "p99_us")
+FIGURES = (*RELATED, "lost")
 
 
 @dataclass(frozen=True)
@@ -37,7 +38,7 @@ def summarise(runs: dict) -> dict:
                 continue
             figures = {key: Spread.of([one[key] for one in measured]) for key in FIGURES}
             pairs = [(one, base) for one, base in zip(rounds, floor or []) if one and base]
-            for key in ("cpu_us_per_datagram", "p50_us", "p99_us") if pairs else ():
+            for key in RELATED if pairs else ():
                 figures[f"{key}_ratio"] = Spread.of([one[key] / base[key] for one, base in pairs])
             summary[scenario][forwarder] = figures
     return summary
@@ -59,7 +60,7 @@ def print_table(summary: dict) -> None:
 
 def as_json(summary: dict) -> list:
     return [{"payload": scenario.payload, "flows": scenario.flows, "rate": scenario.rate,
-             "forwarder": forwarder,
+             "condition": scenario.condition.value, "forwarder": forwarder,
              **{key: vars(spread) for key, spread in figures.items()}}
             for scenario, by_forwarder in summary.items()
             for forwarder, figures in by_forwarder.items()]

@@ -42,15 +42,6 @@ HmacKey makeKey(Algorithm algorithm, std::mt19937_64& random) {
     return key;
 }
 
-std::string toHex(const std::vector<std::byte>& bytes) {
-    std::string text;
-    for (const std::byte byte : bytes) {
-        text += hexDigits[std::to_integer<std::size_t>(byte >> 4)];
-        text += hexDigits[std::to_integer<std::size_t>(byte & std::byte{0xf})];
-    }
-    return text;
-}
-
 std::vector<std::byte> fromHex(std::string_view text) {
     std::vector<std::byte> bytes;
     for (std::size_t i = 0; i + 1 < text.size(); i += 2) {
@@ -91,6 +82,15 @@ std::optional<std::map<std::string, std::string>> attributesOf(std::string_view 
 
 }  // namespace
 
+std::string toHex(const std::vector<std::byte>& bytes) {
+    std::string text;
+    for (const std::byte byte : bytes) {
+        text += hexDigits[std::to_integer<std::size_t>(byte >> 4)];
+        text += hexDigits[std::to_integer<std::size_t>(byte & std::byte{0xf})];
+    }
+    return text;
+}
+
 std::vector<FlowPlan> makeFlowPlans(const FlowPlanOptions& options) {
     std::mt19937_64 random(options.seed);
     std::vector<FlowPlan> plans;
@@ -108,6 +108,8 @@ std::vector<FlowPlan> makeFlowPlans(const FlowPlanOptions& options) {
             plan.downOut = plan.upIn;
         }
         plan.upPort = options.upPort;
+        plan.source = options.source;
+        plan.sourcePort = static_cast<std::uint16_t>(firstSourcePort + i % mostSources);
         plans.push_back(std::move(plan));
     }
     return plans;
@@ -120,6 +122,9 @@ std::string setCommand(const FlowPlan& plan) {
         line << ' ' << use.name << ' ' << plan.*use.member;
     }
     line << " up_ip 127.0.0.1 up_port " << plan.upPort;
+    if (!plan.source.empty()) {
+        line << " up_src_ip " << plan.source << " up_src_port " << plan.sourcePort;
+    }
     for (const KeyUse& use : keyUses) {
         const HmacKey& key = plan.*use.member;
         if (!key.bytes.empty()) {
@@ -130,8 +135,8 @@ std::string setCommand(const FlowPlan& plan) {
     return line.str();
 }
 
-std::string startCommand(std::uint16_t port) {
-    return "start addr 127.0.0.1 port " + std::to_string(port);
+std::string startCommand(const std::string& address, std::uint16_t port) {
+    return "start addr " + address + " port " + std::to_string(port);
 }
 
 std::optional<FlowPlan> parseSetCommand(std::string_view line) {

@@ -22,7 +22,14 @@ struct FlowPlan {
     HmacKey upIn;
     HmacKey upOut;
     std::uint16_t upPort = 0;
+    std::string source;  // where the forwarder sends from; empty leaves it to the forwarder
+    std::uint16_t sourcePort = 0;
 };
+
+/// Each flow with a source has a port of its own, up from the first one; below those that the
+/// kernel gives out by itself.
+inline constexpr std::uint16_t firstSourcePort = 10000;
+inline constexpr std::size_t mostSources = 32768 - firstSourcePort;
 
 struct FlowPlanOptions {
     std::size_t flows = 1;
@@ -30,13 +37,17 @@ struct FlowPlanOptions {
     std::vector<Algorithm> algorithms = {Algorithm::sha256};  // taken in turn by the flows
     std::uint64_t seed = 1;
     std::uint16_t upPort = 0;
+    std::string source;      // of all flows; empty for none
     bool unchanged = false;  // for a forwarder that passes datagrams on as they are
 };
 
 std::vector<FlowPlan> makeFlowPlans(const FlowPlanOptions& options);
 
+/// Lower-case hex digits.
+std::string toHex(const std::vector<std::byte>& bytes);
+
 std::string setCommand(const FlowPlan& plan);
-std::string startCommand(std::uint16_t port);
+std::string startCommand(const std::string& address, std::uint16_t port);
 
 /// Reading the two commands back, for the loops that stand in for the forwarder. They know exactly
 /// the attributes that the functions above write; anything else is a std::logic_error.

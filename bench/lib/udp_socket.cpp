@@ -1,9 +1,11 @@
 #include "lib/udp_socket.h"
 
+#include <arpa/inet.h>
 #include <sys/socket.h>
 
 #include <cerrno>
 #include <random>
+#include <stdexcept>
 #include <system_error>
 
 namespace vesk::bench {
@@ -37,6 +39,18 @@ sockaddr_in loopbackAddress(std::uint16_t port) {
     return address;
 }
 
+sockaddr_in ipv4Address(const std::string& host, std::uint16_t port) {
+    sockaddr_in address = loopbackAddress(port);
+    if (::inet_pton(AF_INET, host.c_str(), &address.sin_addr) != 1) {
+        throw std::invalid_argument("not an IPv4 address: " + host);
+    }
+    return address;
+}
+
+bool sameAddress(const sockaddr_in& left, const sockaddr_in& right) {
+    return left.sin_addr.s_addr == right.sin_addr.s_addr && left.sin_port == right.sin_port;
+}
+
 UdpSocket::UdpSocket(std::uint16_t port) : fd_(::socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0)) {
     throwOnFailure(fd(), "socket");
     ::setsockopt(fd(), SOL_SOCKET, SO_RCVBUF, &socketBufferSize, sizeof socketBufferSize);
@@ -45,8 +59,7 @@ UdpSocket::UdpSocket(std::uint16_t port) : fd_(::socket(AF_INET, SOCK_DGRAM | SO
     throwOnFailure(::bind(fd(), generic(address), sizeof address), "bind");
 }
 
-void UdpSocket::connectTo(std::uint16_t port) {
-    const sockaddr_in address = loopbackAddress(port);
+void UdpSocket::connectTo(const sockaddr_in& address) {
     throwOnFailure(::connect(fd(), generic(address), sizeof address), "connect");
 }
 

@@ -4,6 +4,7 @@
 #include <netinet/in.h>
 
 #include <cstdint>
+#include <string>
 
 #include "base/unique_fd.h"
 
@@ -11,13 +12,18 @@ namespace vesk::bench {
 
 sockaddr_in loopbackAddress(std::uint16_t port);
 
+/// Of a numeric host; any other is a std::invalid_argument.
+sockaddr_in ipv4Address(const std::string& host, std::uint16_t port);
+
+bool sameAddress(const sockaddr_in& left, const sockaddr_in& right);
+
 /// A UDP socket bound to a loopback port. Failures of the calls behind it are std::system_error.
 class UdpSocket {
  public:
     /// Port 0 lets the kernel choose.
     explicit UdpSocket(std::uint16_t port = 0);
 
-    void connectTo(std::uint16_t port);
+    void connectTo(const sockaddr_in& address);
 
     /// Makes every receive on this socket return at once, now and later, also one that is blocked.
     void wakeReceivers();

@@ -8,20 +8,21 @@
 #include "flow/flow_desc.h"
 #include "flow/ip_addr_info.h"
 #include "net/endpoint.h"
+#include "net/local_address.h"
 
 namespace vesk::bench {
 namespace {
 
 void buildOutgoing(benchmark::State& state, const char* address, std::int32_t dscp) {
     const IPAddrInfo peer(address, 4500);
-    const IPAddrInfo local(address, 9000);
+    const LocalAddress local{IPAddrInfo(address, 9000).socketAddress(), true};
     std::array<std::uint8_t, 532> datagram{};
     for (auto _ : state) {
         OutgoingMessage message;
         message.setDatagram(datagram);
         message.setDestination(peer.socketAddress());
         message.addTrafficClass(dscp, dscp);
-        message.addSource(local.socketAddress());
+        message.addSource(local);
         benchmark::DoNotOptimize(message.header());
         benchmark::ClobberMemory();
     }

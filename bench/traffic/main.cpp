@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "lib/child_process.h"
+#include "traffic/controller_file.h"
 #include "traffic/options.h"
 #include "traffic/report.h"
 #include "traffic/traffic_run.h"
@@ -17,14 +18,15 @@ namespace {
 
 enum ExitStatus { good = 0, badTraffic = 1, badForwarder = 2 };
 
-std::vector<std::string> commandsFor(const std::vector<FlowPlan>& plans, std::uint16_t port) {
+std::vector<std::string> commandsFor(const std::vector<FlowPlan>& plans, const std::string& address,
+                                     std::uint16_t port) {
     std::vector<std::string> lines;
     lines.reserve(plans.size() + 1);
     for (const FlowPlan& plan : plans) {
         lines.push_back(setCommand(plan));
     }
     // Last, so that a forwarder that answers knows all flows.
-    lines.push_back(startCommand(port));
+    lines.push_back(startCommand(address, port));
     return lines;
 }
 
@@ -62,11 +64,20 @@ bool endedWell(ChildProcess& forwarder) {
     return status == 0;
 }
 
+void printFlows(const TrafficOptions& options) {
+    const std::vector<FlowPlan> plans = makeFlowPlans(options.flows);
+    if (options.printToml) {
+        printControllerFile(std::cout, *options.framing, plans, options.address, options.port);
+        return;
+    }
+    for (const std::string& line : commandsFor(plans, options.address, options.port)) {
+        std::cout << line << '\n';
+    }
+}
+
 int run(TrafficOptions options) {
-    if (options.printCommands) {
-        for (const std::string& line : commandsFor(makeFlowPlans(options.flows), options.port)) {
-            std::cout << line << '\n';
-        }
+    if (options.printCommands || options.printToml) {
+        printFlows(options);
         return good;
     }
     UdpSocket service(options.flows.upPort);
@@ -76,7 +87,7 @@ int run(TrafficOptions options) {
     const std::uint16_t port = options.port != 0 ? options.port : freeUdpPort();
     std::unique_ptr<ChildProcess> forwarder;
     if (!options.command.empty()) {
-        forwarder = startForwarder(options, commandsFor(plans, port));
+        forwarder = startForwarder(options, commandsFor(plans, options.address, port));
     }
     const pid_t measuredPid = forwarder && options.pid == 0 ? forwarder->pid() : options.pid;
     TrafficResult result;
@@ -94,7 +105,10 @@ int run(TrafficOptions options) {
         return badForwarder;
     }
     const bool lost = result.requests.lost > 0 && !options.allowLoss;
-    return lost || result.arrivals.wrong > 0 || result.arrivals.unexpected > 0 ? badTraffic : good;
+    const ArrivalCounts& arrivals = result.arrivals;
+    return lost || arrivals.wrong > 0 || arrivals.unexpected > 0 || arrivals.wrongSource > 0
+               ? badTraffic
+               : good;
 }
 
 }  // namespace

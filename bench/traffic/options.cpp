@@ -66,11 +66,19 @@ void addPace(CLI::App& app, TrafficOptions& options) {
 }
 
 void addForwarder(CLI::App& app, TrafficOptions& options) {
+    app.add_option("--check-source", options.flows.source,
+                   "have the forwarder listen on this address and bind each flow to it, and count "
+                   "what comes from another one")
+        ->check(CLI::ValidIPV4);
     app.add_option("--port", options.port, "port of the forwarder (chosen for a child)");
     app.add_option("--upstream-port", options.flows.upPort, "port of the echo end (chosen)");
     app.add_option("--pid", options.pid, "process whose processor time is measured (the child)");
-    app.add_flag("--print-commands", options.printCommands,
-                 "print what to tell a forwarder that is started by other means, and end");
+    CLI::Option* const commands =
+        app.add_flag("--print-commands", options.printCommands,
+                     "print what to tell a forwarder that is started by other means, and end");
+    app.add_flag("--print-toml", options.printToml,
+                 "print a file of vesk-controller for the flows, keys included, and end")
+        ->excludes(commands);
     app.add_flag("--show-session", options.showSession,
                  "print the commands that the child is given and all that it logs");
     app.add_flag("--json", options.json, "print JSON instead of a table");
@@ -85,6 +93,9 @@ void check(const TrafficOptions& options) {
     if (options.command.empty() && options.flows.upPort == 0) {
         throw CLI::ValidationError("a forwarder that is running already needs --upstream-port");
     }
+    if (!options.flows.source.empty() && options.flows.flows > mostSources) {
+        throw CLI::ValidationError("--check-source has no ports for that many flows");
+    }
 }
 
 }  // namespace
@@ -98,11 +109,16 @@ std::variant<TrafficOptions, int> parseTrafficOptions(int argc, char** argv) {
     addTraffic(app, options, names);
     addPace(app, options);
     addForwarder(app, options);
+    app.set_version_flag("--version", "vesk-traffic " VESK_VERSION, "print the version and end");
     try {
         app.parse(argc, argv);
         check(options);
     } catch (const CLI::ParseError& error) {
         return app.exit(error);
+    }
+    options.checkSource = !options.flows.source.empty();
+    if (options.checkSource) {
+        options.address = options.flows.source;
     }
     options.framing = &framingByName(names.framing);
     options.flows.algorithms.clear();

@@ -30,11 +30,14 @@ struct TrafficOptions {
     std::uint64_t verifyEvery = 64;  // every n-th arrival is verified whole
     bool spin = false;
 
-    std::uint16_t port = 0;  // of the forwarder; 0 lets the kernel choose, for a child only
-    pid_t pid = 0;           // whose processor time is measured
+    std::string address = "127.0.0.1";  // of the forwarder
+    bool checkSource = false;  // whether arrivals come from where the forwarder is addressed
+    std::uint16_t port = 0;    // of the forwarder; 0 lets the kernel choose, for a child only
+    pid_t pid = 0;             // whose processor time is measured
     std::vector<std::string> command;  // a forwarder to start, which is then the one measured
 
     bool printCommands = false;
+    bool printToml = false;
     bool showSession = false;  // print what the child is told and what it logs
     bool json = false;
     bool allowLoss = false;

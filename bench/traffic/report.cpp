@@ -36,6 +36,7 @@ std::vector<Figure> figures(const TrafficResult& result) {
         {"late", "answered after all", count(result.requests.late), 0, ""},
         {"wrong", "wrong", count(result.arrivals.wrong), 0, ""},
         {"unexpected", "unexpected", count(result.arrivals.unexpected), 0, ""},
+        {"wrong_source", "from a wrong address", count(result.arrivals.wrongSource), 0, ""},
         {"verified", "arrivals verified whole", count(result.arrivals.verified), 0, ""},
         {"skipped", "requests behind schedule", count(result.skipped), 0, ""},
         {"seconds", "measured time", seconds, 3, "s"},

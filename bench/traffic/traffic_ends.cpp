@@ -22,13 +22,17 @@ TrafficEnds::TrafficEnds(const TrafficOptions& options, std::uint16_t forwarderP
                          UdpSocket& service, const DatagramPool& pool, RequestLedger& ledger)
     : options_(options),
       service_(service),
+      forwarder_(ipv4Address(options.address, forwarderPort)),
       pool_(pool),
       ledger_(ledger),
       watched_(::epoll_create1(EPOLL_CLOEXEC)) {
     watch(service_, serviceName);
     for (std::size_t i = 0; i < options.peers; ++i) {
-        // Connected, so that only what comes from the forwarder's own address is taken.
-        peers_.emplace_back().connectTo(forwarderPort);
+        UdpSocket& peer = peers_.emplace_back();
+        if (!options.checkSource) {
+            // Connected, so that only what comes from the forwarder's own address is taken.
+            peer.connectTo(forwarder_);
+        }
         watch(peers_.back(), static_cast<std::uint32_t>(i));
     }
 }
@@ -43,7 +47,11 @@ std::size_t TrafficEnds::sendRequests(std::size_t count) {
         for (std::size_t number = first; sent + added < count && !toSend_.full() &&
                                          number < pool_.size() && peerOf(number) == peer;
              ++number, ++added) {
-            toSend_.add(pool_.request(number));
+            if (options_.checkSource) {
+                toSend_.add(pool_.request(number), forwarder_);
+            } else {
+                toSend_.add(pool_.request(number));
+            }
         }
         const std::int64_t now = nowNanoseconds();
         const std::size_t taken = toSend_.send(peers_[peer].fd());
@@ -75,6 +83,18 @@ std::size_t TrafficEnds::peerOf(std::size_t number) const {
     return pool_.flowOf(number) * peers_.size() / options_.flows.flows;
 }
 
+sockaddr_in TrafficEnds::sourceOf(const FlowPlan& plan) const {
+    sockaddr_in source = forwarder_;
+    source.sin_port = htons(plan.sourcePort);
+    return source;
+}
+
+void TrafficEnds::countSource(const sockaddr_in& source, const sockaddr_in& expected) {
+    if (options_.checkSource && !sameAddress(source, expected)) {
+        ++counts_.wrongSource;
+    }
+}
+
 void TrafficEnds::watch(const UdpSocket& socket, std::uint32_t name) {
     epoll_event event{};
     event.events = EPOLLIN;
@@ -96,6 +116,7 @@ void TrafficEnds::takeRequests() {
             continue;
         }
         ++counts_.upstream;
+        countSource(received_.source(i), sourceOf(pool_.planOf(*number)));
         if (!options_.oneWay) {
             toSend_.add(pool_.reply(*number), received_.source(i));
         } else if (!ledger_.answered(*number, now)) {
@@ -117,6 +138,7 @@ void TrafficEnds::takeReplies(const UdpSocket& peer) {
             continue;
         }
         ++counts_.peers;
+        countSource(received_.source(i), forwarder_);
         if (!ledger_.answered(*number, now)) {
             ++counts_.unexpected;
         }

@@ -17,11 +17,12 @@
 namespace vesk::bench {
 
 struct ArrivalCounts {
-    std::uint64_t upstream = 0;    // requests that reached the service
-    std::uint64_t peers = 0;       // replies that reached a peer
-    std::uint64_t wrong = 0;       // arrivals that are not what the forwarder had to make of them
-    std::uint64_t unexpected = 0;  // second answers to a request
-    std::uint64_t verified = 0;    // arrivals whose HMAC and payload were looked at
+    std::uint64_t upstream = 0;     // requests that reached the service
+    std::uint64_t peers = 0;        // replies that reached a peer
+    std::uint64_t wrong = 0;        // arrivals that are not what the forwarder had to make of them
+    std::uint64_t unexpected = 0;   // second answers to a request
+    std::uint64_t wrongSource = 0;  // arrivals from another address than was to be checked
+    std::uint64_t verified = 0;     // arrivals whose HMAC and payload were looked at
 };
 
 class TrafficEnds {
@@ -39,6 +40,9 @@ class TrafficEnds {
 
  private:
     std::size_t peerOf(std::size_t number) const;
+    /// Where requests of a flow have to come from while sources are checked.
+    sockaddr_in sourceOf(const FlowPlan& plan) const;
+    void countSource(const sockaddr_in& source, const sockaddr_in& expected);
     void watch(const UdpSocket& socket, std::uint32_t name);
     void takeRequests();
     void takeReplies(const UdpSocket& peer);
@@ -47,6 +51,7 @@ class TrafficEnds {
 
     const TrafficOptions& options_;
     UdpSocket& service_;
+    const sockaddr_in forwarder_;
     const DatagramPool& pool_;
     RequestLedger& ledger_;
     std::vector<UdpSocket> peers_;

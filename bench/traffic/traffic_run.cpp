@@ -31,8 +31,12 @@ std::size_t poolSize(const TrafficOptions& options) {
 }
 
 ArrivalCounts difference(const ArrivalCounts& end, const ArrivalCounts& start) {
-    return {end.upstream - start.upstream, end.peers - start.peers, end.wrong - start.wrong,
-            end.unexpected - start.unexpected, end.verified - start.verified};
+    return {end.upstream - start.upstream,
+            end.peers - start.peers,
+            end.wrong - start.wrong,
+            end.unexpected - start.unexpected,
+            end.wrongSource - start.wrongSource,
+            end.verified - start.verified};
 }
 
 ProcessUsage difference(const ProcessUsage& end, const ProcessUsage& start) {
@@ -76,6 +80,7 @@ TrafficResult TrafficRun::run() {
     // What was sent in the measured time may prove wrong or unasked for only now.
     result.arrivals.wrong = ends_.counts().wrong - before.wrong;
     result.arrivals.unexpected = ends_.counts().unexpected - before.unexpected;
+    result.arrivals.wrongSource = ends_.counts().wrongSource - before.wrongSource;
     result.arrivals.verified = ends_.counts().verified - before.verified;
     result.requests = ledger_.counts();
     result.roundTrips = ledger_.roundTrips();

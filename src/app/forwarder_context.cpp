@@ -2,12 +2,12 @@
 
 #include "datapath/wire_layout.h"
 #include "net/endpoint_manager.h"
-#include "tasks/periodic_task.h"
 
 namespace vesk {
 
-ForwarderContext::ForwarderContext(int framingVersion)
+ForwarderContext::ForwarderContext(int framingVersion, Ipv4Source source)
     : framing(framingOfVersion(framingVersion)),
+      ipv4Source(source),
       endpointManager(std::make_shared<EndpointManager>()) {}
 
 ForwarderContext::~ForwarderContext() = default;

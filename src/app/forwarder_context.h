@@ -4,6 +4,7 @@
 // A record of names with little code of its own. Only source files include it, never a header.
 #pragma once
 
+#include <atomic>
 #include <list>
 #include <memory>
 
@@ -11,7 +12,8 @@
 #include "base/sync.h"
 #include "base/thread_control.h"
 #include "base/unique_fd.h"
-#include "net/endpoint.h"
+#include "net/endpoint_slot.h"
+#include "net/local_address.h"
 #include "poll/poll_param.h"
 
 namespace vesk {
@@ -22,13 +24,13 @@ struct FramingDescriptor;
 
 /// A downstream receive thread with the endpoint it serves.
 struct DownstreamListener {
-    /// Held here as well as by the thread, so that it is the main thread that releases it last.
-    EndpointPtr endpoint;
+    /// The thread has a lease; it is the main thread that releases the endpoint last.
+    LentEndpoint endpoint;
     CancellableThread thread;
 };
 
 struct ForwarderContext : std::enable_shared_from_this<ForwarderContext> {
-    explicit ForwarderContext(int framingVersion);
+    explicit ForwarderContext(int framingVersion, Ipv4Source source = Ipv4Source::kernel);
     ~ForwarderContext();
     ForwarderContext(const ForwarderContext&) = delete;
     ForwarderContext& operator=(const ForwarderContext&) = delete;
@@ -36,6 +38,8 @@ struct ForwarderContext : std::enable_shared_from_this<ForwarderContext> {
     // Constant from start-up to shut-down.
 
     const FramingDescriptor& framing;
+    /// Which source address IPv4 replies and upstream requests get.
+    const Ipv4Source ipv4Source;
     const std::shared_ptr<EndpointManager> endpointManager;
     /// The senders' end of the message channel, and the poll loop's.
     UniqueFd pollSocket;
@@ -46,16 +50,24 @@ struct ForwarderContext : std::enable_shared_from_this<ForwarderContext> {
     PollParams sendWorkers;
     std::shared_ptr<PeriodicTask> cleanUpTask;
 
+    // Set by the main thread, read by others.
+
+    /// Set before the first thread is stopped.
+    std::atomic<bool> shuttingDown{false};
+
     // Replaced by commands while other threads read them.
 
     EndpointSlot downstreamEndpoint;
     EndpointSlot lateralEndpoint;
     LateralStream lateral;
 
-    // The main thread's own. More than one listener only where "start" was sent twice without
-    // "stop": each goes on with the endpoint it began with.
+    // Used by the main thread only. There is more than one listener if "start" was sent twice
+    // without "stop": each keeps the endpoint that it was started with. The entry of a thread that
+    // could not be stopped stays until the process ends.
 
     std::list<DownstreamListener> downstreamListeners;
+    /// Whether a worker could not be stopped; its record is no longer listed.
+    bool workerLeftRunning = false;
 
     /// Held from looking for a label's endpoint to its being ready for use, so that of two threads
     /// that miss the same one, one makes it and the other uses it ready made.

@@ -3,14 +3,20 @@
 #include <fcntl.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <csignal>
 #include <cstdio>
 #include <ios>
+#include <memory>
 #include <optional>
 #include <thread>
+#include <utility>
+#include <vector>
 
+#include "app/arguments.h"
 #include "app/core_dumps.h"
+#include "app/environment.h"
 #include "app/forwarder_context.h"
 #include "control/command_dispatch.h"
 #include "control/command_loop.h"
@@ -19,10 +25,13 @@
 #include "datapath/upstream.h"
 #include "log/error_text.h"
 #include "log/log.h"
+#include "log/printf_log.h"
 #include "net/endpoint_manager.h"
+#include "net/endpoint_release.h"
 #include "poll/poll_channel.h"
 #include "poll/poll_loop.h"
 #include "poll/receive_worker.h"
+#include "tasks/flow_cleanup.h"
 #include "tasks/periodic_task.h"
 
 namespace vesk {
@@ -32,6 +41,14 @@ namespace {
 constexpr int failureStatus = -1;
 
 const unsigned receiveThreadCount = std::thread::hardware_concurrency();
+
+void stopWorkers(ForwarderContext& context) {
+    for (PollParams* const workers : {&context.receiveWorkers, &context.sendWorkers}) {
+        if (!stopThreads(*workers)) {
+            context.workerLeftRunning = true;
+        }
+    }
+}
 
 // ---- Start-up. A step that fails gives the exit status, which may be 0. ----
 
@@ -55,14 +72,14 @@ std::shared_ptr<PollParam> makeReceiveWorker(const std::shared_ptr<ForwarderCont
         [receiver](int fd, bool& keep, std::uint32_t /*workerParameter*/) {
             return upstreamSocketRecv(fd, keep, *receiver);
         },
-        [receiver](std::vector<int>& serving) { receiver->endPass(serving); });
+        [receiver](const LogDelay& lines) { return receiver->endPass(lines); });
 }
 
 /// Gives up the workers after `error` kept one from starting. Kept: errno, and not that error,
 /// decides; with errno clear the process goes on without workers.
-Failure giveUpReceiveWorkers(int error, int errnoThen, PollParams& workers) {
+Failure giveUpReceiveWorkers(int error, int errnoThen, ForwarderContext& context) {
     logError("Failed to create Upstream Recv Threads, Error: ", errorText(error));
-    stopThreads(workers);
+    stopWorkers(context);
     if (errnoThen == 0) {
         return std::nullopt;
     }
@@ -78,10 +95,9 @@ Failure startReceiveWorkers(const std::shared_ptr<ForwarderContext>& context) {
     }
     for (unsigned i = 0; i < count; ++i) {
         const std::shared_ptr<PollParam> worker = makeReceiveWorker(context);
-        const int error =
-            worker->thread.start([param = worker.get()] { runReceiveWorker(*param); });
+        const int error = worker->thread.start([worker] { runReceiveWorker(*worker); });
         if (error != 0) {
-            return giveUpReceiveWorkers(error, errno, context->receiveWorkers);
+            return giveUpReceiveWorkers(error, errno, *context);
         }
         logInfo("created upstream recvThread ", worker->thread.id());
         context->receiveWorkers.push_back(worker);
@@ -93,7 +109,7 @@ Failure startPollThread(ForwarderContext& context) {
     context.pollThread = std::make_shared<PollThreadParam>(
         context.serverPollSock.get(), context.receiveWorkers, context.sendWorkers);
     PollThreadParam& param = *context.pollThread;
-    if (param.thread.start([&param] { runPollThread(param); }) != 0) {
+    if (param.thread.start([owned = context.pollThread] { runPollThread(*owned); }) != 0) {
         const int error = errno;
         logError("Failed to create pollLoop thread: ", errorText(error));
         return -error;
@@ -107,7 +123,14 @@ Failure startCleanUpTask(const Arguments& arguments, ForwarderContext& context) 
     const CleanUpSwitches switches = arguments.cleanUp;
     context.cleanUpTask = std::make_shared<PeriodicTask>(
         name, arguments.cleanUpIntervalNanoseconds,
-        [manager = context.endpointManager, switches] { cleanUpFlows(*manager, switches); });
+        [weakContext = context.weak_from_this(), switches] {
+            if (const std::shared_ptr<ForwarderContext> held = weakContext.lock()) {
+                cleanUpFlows(*held->endpointManager, switches,
+                             [&held](std::vector<EndpointPtr> expired) {
+                                 releaseEndpoints(std::move(expired), held);
+                             });
+            }
+        });
     if (context.cleanUpTask->start() != 0) {
         const int error = errno;
         logError("Failed to create periodic task [", name, "] thread: ", errorText(error));
@@ -138,21 +161,17 @@ void stopReceiving(ForwarderContext& context) {
     context.lateral.thread.stop();
 }
 
-/// The exit status that the end of the poll thread makes of `status`.
+/// The exit status that stopping the poll thread makes of `status`.
 int stopPollThread(ForwarderContext& context, int status) {
     if (!context.pollThread || !context.pollThread->thread.started()) {
         return status;
     }
     const int result = context.pollThread->thread.stop();
-    // The workers and the clean-up task still run, and may be waiting for room on the channel.
+    // The workers and the clean-up task still run, and may be waiting for room on the channel. A
+    // poll thread that could not be stopped reads this flag after its next event and ends its loop.
     context.pollThread->ended.store(true, std::memory_order_release);
     retirePollChannel(context.serverPollSock.get());
     return result;
-}
-
-void stopWorkers(ForwarderContext& context) {
-    stopThreads(context.receiveWorkers);
-    stopThreads(context.sendWorkers);
 }
 
 void stopCleanUpTask(ForwarderContext& context) {
@@ -161,11 +180,33 @@ void stopCleanUpTask(ForwarderContext& context) {
     }
 }
 
+bool anyThreadLeftRunning(const ForwarderContext& context) {
+    return std::ranges::any_of(context.downstreamListeners,
+                               [](const auto& it) { return it.thread.leftRunning(); }) ||
+           context.lateral.thread.leftRunning() ||
+           (context.pollThread && context.pollThread->thread.leftRunning()) ||
+           context.workerLeftRunning || (context.cleanUpTask && context.cleanUpTask->leftRunning());
+}
+
+/// Ends the process while threads that could not be stopped still run. A return from main would
+/// close and destroy what they use: the descriptors, the context, and what libraries tear down at
+/// exit, such as libcrypto's digests.
+[[noreturn]] void exitWithThreadsRunning(int status) {
+    static_cast<void>(std::fflush(stdout));
+    _exit(status);
+}
+
 int shutDown(ForwarderContext& context, int status) {
+    context.shuttingDown.store(true, std::memory_order_release);
     stopReceiving(context);
     status = stopPollThread(context, status);
     stopWorkers(context);
     stopCleanUpTask(context);
+    if (anyThreadLeftRunning(context)) {
+        exitWithThreadsRunning(status);
+    }
+    // It holds the workers, and they hold the context.
+    context.pollThread.reset();
     context.pollSocket.reset();
     context.serverPollSock.reset();
     return status;
@@ -192,6 +233,7 @@ int runForwarder(std::span<const char* const> texts) {
     occupyStandardDescriptors();
     // A log reader that went away must not end the process: traffic is worth more than its log.
     std::signal(SIGPIPE, SIG_IGN);
+    loadTimeZone();
     allowCoreDumps();
     const std::optional<Arguments> arguments = parseArguments(texts);
     if (!arguments) {
@@ -203,7 +245,8 @@ int runForwarder(std::span<const char* const> texts) {
     }
     loadDigests();
     logInfo("Starting forwarder with UDPv", arguments->framingVersion);
-    return serve(*arguments, std::make_shared<ForwarderContext>(arguments->framingVersion));
+    return serve(*arguments, std::make_shared<ForwarderContext>(arguments->framingVersion,
+                                                                ipv4SourceFromEnvironment()));
 }
 
 }  // namespace vesk

@@ -2,14 +2,9 @@
 // shut-down.
 #pragma once
 
-#include <memory>
 #include <span>
 
-#include "app/arguments.h"
-
 namespace vesk {
-
-struct ForwarderContext;
 
 /// Runs the forwarder until its input ends. `texts` are the arguments after the program's name.
 /// Returns the process's exit status.

@@ -11,6 +11,7 @@
 #include "base/thread_control.h"
 #include "flow/hmac_info.h"
 #include "flow/ip_addr_info.h"
+#include "net/endpoint_slot.h"
 
 namespace vesk {
 
@@ -29,15 +30,20 @@ class LateralPeers {
     std::unordered_map<std::uint32_t, IPAddrInfo> peers_ VESK_GUARDED_BY(lock_);
 };
 
-/// The lateral stream's settings. Written by "start_lateral" before `running` is set, read by the
-/// receive threads after they saw it set.
+/// The lateral stream's settings.
 struct LateralStream {
+    /// Whether the lateral thread was started. Set once, by "start_lateral" and with release order,
+    /// and read with acquire order: a thread that reads it as true also sees the settings below.
     std::atomic<bool> running{false};
+
+    // Written by "start_lateral" before it sets `running`, and read only where that is set.
+
     /// Peers listen on the same port; only their addresses differ.
-    std::atomic<std::uint64_t> port{0};
-    std::atomic<std::uint32_t> index{0};
+    std::uint64_t port = 0;
+    std::uint32_t index = 0;
     /// The number of instances that share the label space; 0: every label is this instance's.
-    std::atomic<std::uint32_t> maxQels{0};
+    std::uint32_t maxQels = 0;
+
     LateralPeers peers;
 
     /// The same key twice: each use has a context of its own.
@@ -46,6 +52,8 @@ struct LateralStream {
     /// Used by the lateral receive thread alone, and before it starts by "start_lateral".
     HmacInfo checkingKey;
 
+    /// The listening endpoint and its thread. Used by the main thread only.
+    LentEndpoint endpoint;
     CancellableThread thread;
 };
 

@@ -7,6 +7,10 @@
 #include <pthread.h>
 #include <semaphore.h>
 
+#include <cerrno>
+#include <chrono>
+#include <ctime>
+
 // Attributes have no spelling that all compilers share; these are the names clang documents.
 #if defined(__clang__)
 #define VESK_THREAD_ATTRIBUTE(x) __attribute__((x))
@@ -37,7 +41,6 @@ class VESK_CAPABILITY("mutex") Mutex {
     void unlock() VESK_RELEASE() { pthread_mutex_unlock(&mutex_); }
 
  private:
-    friend class CondVar;
     pthread_mutex_t mutex_ = PTHREAD_MUTEX_INITIALIZER;
 };
 
@@ -111,6 +114,18 @@ class WakeUp {
     /// Until the next post, or one that nobody waited for. May be cancelled.
     void wait() {
         while (sem_wait(&posts_) != 0) {
+            // A signal interrupted it.
+        }
+    }
+    /// As above, but no longer than this. May be cancelled.
+    void waitFor(std::chrono::nanoseconds longest) {
+        constexpr long nanosecondsPerSecond = 1000000000;
+        timespec until{};
+        clock_gettime(CLOCK_MONOTONIC, &until);
+        const auto nanoseconds = until.tv_nsec + longest.count();
+        until.tv_sec += nanoseconds / nanosecondsPerSecond;
+        until.tv_nsec = nanoseconds % nanosecondsPerSecond;
+        while (sem_clockwait(&posts_, CLOCK_MONOTONIC, &until) != 0 && errno == EINTR) {
             // A signal interrupted it.
         }
     }

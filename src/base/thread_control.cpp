@@ -1,6 +1,7 @@
 #include "base/thread_control.h"
 
 #include <cerrno>
+#include <memory>
 #include <utility>
 
 #include "log/error_text.h"
@@ -10,9 +11,14 @@ namespace vesk {
 
 namespace {
 
-extern "C" void* runThreadBody(void* body) {
+using ThreadBody = std::function<void()>;
+/// The running thread's share of its body, on its way through pthread_create.
+using Share = std::shared_ptr<ThreadBody>;
+
+extern "C" void* runThreadBody(void* argument) {
     pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, nullptr);
-    (*static_cast<std::function<void()>*>(body))();
+    const Share body = *std::unique_ptr<Share>(static_cast<Share*>(argument));
+    (*body)();
     return nullptr;
 }
 
@@ -28,31 +34,33 @@ CancellableThread::~CancellableThread() {
 }
 
 int CancellableThread::start(std::function<void()> body) {
-    body_ = std::move(body);
+    body_ = std::make_shared<ThreadBody>(std::move(body));
+    auto share = std::make_unique<Share>(body_);
     // pthread_create may write the id even when it fails.
     pthread_t created{};
-    const int error = pthread_create(&created, nullptr, runThreadBody, &body_);
+    const int error = pthread_create(&created, nullptr, runThreadBody, share.get());
     if (error != 0) {
         const int savedErrno = errno;
-        body_ = nullptr;
+        share.reset();
+        body_.reset();
         errno = savedErrno;
         return error;
     }
+    // The thread takes it over.
+    static_cast<void>(share.release());
     id_ = created;
-    started_ = true;
+    state_ = State::started;
     return 0;
 }
 
 int CancellableThread::stop() {
-    if (!started_) {
+    if (!started()) {
         return ESRCH;
     }
     const int result = cancelAndJoin();
-    started_ = false;
+    state_ = result == 0 || result == ESRCH ? State::ended : State::leftRunning;
     id_ = {};
-    if (result == 0 || result == ESRCH) {
-        body_ = nullptr;
-    }
+    body_.reset();
     return result;
 }
 

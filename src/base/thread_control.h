@@ -7,6 +7,7 @@
 #include <pthread.h>
 
 #include <functional>
+#include <memory>
 
 namespace vesk {
 
@@ -23,34 +24,44 @@ class CancellationScope {
 /// Ends the calling thread here if somebody has asked for it: for a pass that may never block.
 void endThreadIfCancelled();
 
-/// A thread with its body. It neither moves nor is copied: the running thread refers to the body
-/// in place. Used by the thread that owns it, usually main.
+/// The handle of a thread. Used by the thread that owns it, usually main. The running thread shares
+/// its body: where it cannot be stopped it goes on with the body, and with all that the body
+/// captured by value, after the handle is gone. Otherwise it is the handle's owner that destroys
+/// the body, after the join.
 class CancellableThread {
  public:
     CancellableThread() = default;
-    /// Stops the thread if it still runs.
+    /// Stops the thread if it was started and not stopped.
     ~CancellableThread();
     CancellableThread(const CancellableThread&) = delete;
     CancellableThread& operator=(const CancellableThread&) = delete;
 
     /// Starts the body with default attributes. 0, or pthread_create's error code (errno is left
-    /// as that call left it), and then nothing runs. Call it only while nothing runs.
+    /// as that call left it), and then nothing runs. Call it only before the first start, or after
+    /// a stop that did not leave the thread running.
     int start(std::function<void()> body);
 
     /// Cancels and joins. 0, or an error code of the two calls; any but ESRCH (the thread had ended
-    /// by itself) is logged. Once joined, the body and all it holds are gone.
+    /// by itself) is logged, and the thread is then left running. Once joined, the body and all it
+    /// held are gone.
     int stop();
 
-    bool started() const { return started_; }
-    /// 0 while nothing was started.
+    /// Whether there is a thread to stop.
+    bool started() const { return state_ == State::started; }
+    /// Whether a stop has failed: the thread may run until the process ends.
+    bool leftRunning() const { return state_ == State::leftRunning; }
+    /// 0 while nothing was started, and after a stop.
     pthread_t id() const { return id_; }
 
  private:
+    enum class State { ended, started, leftRunning };
+
     int cancelAndJoin() const;
 
     pthread_t id_{};
-    bool started_ = false;
-    std::function<void()> body_;
+    State state_ = State::ended;
+    /// Released by every stop, so that the body may hold the owner of this handle.
+    std::shared_ptr<std::function<void()>> body_;
 };
 
 }  // namespace vesk

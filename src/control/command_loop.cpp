@@ -1,9 +1,9 @@
 #include "control/command_loop.h"
 
+#include <openssl/crypto.h>
 #include <sys/types.h>
 
 #include <cstdlib>
-#include <memory>
 
 #include "log/log.h"
 
@@ -32,6 +32,9 @@ class LineBuffer {
         return whole.ends_with('\n') ? whole.substr(0, whole.size() - 1) : whole;
     }
 
+    /// Overwrites the line: commands contain keys.
+    void wipe() { OPENSSL_cleanse(text_, static_cast<std::size_t>(length_)); }
+
  private:
     char* text_ = nullptr;
     std::size_t capacity_ = 0;
@@ -44,6 +47,7 @@ int cltMessageLoop(const LineDispatcher& dispatch, std::FILE* input) {
     LineBuffer buffer;
     while (buffer.read(input)) {
         dispatch(buffer.line());
+        buffer.wipe();
     }
     if (std::feof(input) != 0) {
         // Kept: the text ends in a newline of its own, so an empty line follows.

@@ -1,6 +1,5 @@
 #include "control/forwarder_commands.h"
 
-#include <algorithm>
 #include <ios>
 #include <optional>
 #include <stdexcept>
@@ -22,6 +21,11 @@ struct ListenAddress {
     std::string address;
     std::uint64_t port;
 };
+
+void reportUnusableAddress() {
+    // Kept: two blanks after the comma and one at the end.
+    logError("startForwarder: bad command,  Invalid address and/or port ");
+}
 
 /// What "start" asks for, or nothing, after logging, where it makes no sense.
 std::optional<ListenAddress> parseStart(TokenQueue& tokens) {
@@ -49,33 +53,52 @@ std::optional<ListenAddress> parseStart(TokenQueue& tokens) {
     try {
         const IPAddrInfo resolved(*address, static_cast<std::uint32_t>(*port));
     } catch (const std::invalid_argument&) {
-        logError("startForwarder: bad command,  Invalid address and/or port ");
+        reportUnusableAddress();
         return std::nullopt;
     }
     return ListenAddress{*address, *port};
 }
 
-/// Releases the context's endpoint; one that a receive thread serves lives on with that thread.
-void releaseDownstreamEndpoint(ForwarderContext& context) {
-    EndpointPtr endpoint = context.downstreamEndpoint.exchange(nullptr);
-    const bool served = std::ranges::any_of(context.downstreamListeners, [&](const auto& listener) {
-        return listener.endpoint == endpoint;
-    });
-    if (!served) {
-        closeListeningEndpoint(std::move(endpoint), context);
+/// Closes each endpoint that no thread serves, and lends it no longer. The endpoint of a thread
+/// that could not be stopped stays open until the process ends.
+void closeUnservedEndpoints(ForwarderContext& context) {
+    auto& listeners = context.downstreamListeners;
+    for (auto listener = listeners.begin(); listener != listeners.end();) {
+        if (listener->thread.started() || listener->thread.leftRunning()) {
+            ++listener;
+            continue;
+        }
+        if (context.downstreamEndpoint.load() == listener->endpoint.lease()) {
+            context.downstreamEndpoint.withdraw();
+        }
+        closeListeningEndpoint(std::move(listener->endpoint), context);
+        listener = listeners.erase(listener);
     }
 }
 
-/// 0, or the negative error code of the thread's creation.
-int startDownstreamThread(const EndpointPtr& endpoint,
-                          const std::shared_ptr<ForwarderContext>& context) {
+/// First closes an endpoint that an earlier attempt left without a thread, since it may hold the
+/// same port. None, after logging and with the slot left unchanged, if the second look-up has no
+/// address.
+std::optional<EndpointPtr> openDownstreamEndpoint(const ListenAddress& listen,
+                                                  ForwarderContext& context) {
+    closeUnservedEndpoints(context);
+    try {
+        return makeDownstreamEndpoint(listen.address, static_cast<int>(listen.port));
+    } catch (const std::invalid_argument&) {
+        reportUnusableAddress();
+        return std::nullopt;
+    }
+}
+
+/// 0, or the negative error code of the thread's creation. The endpoint is kept in either case.
+int startDownstreamThread(EndpointPtr endpoint, const std::shared_ptr<ForwarderContext>& context) {
     DownstreamListener& listener = context->downstreamListeners.emplace_back();
-    listener.endpoint = endpoint;
-    const int error =
-        listener.thread.start([context, endpoint] { downstreamEptRecv(context, endpoint); });
+    listener.endpoint = LentEndpoint(std::move(endpoint));
+    context->downstreamEndpoint.publish(listener.endpoint);
+    const int error = listener.thread.start(
+        [context, lease = listener.endpoint.lease()] { downstreamEptRecv(context, lease); });
     if (error != 0) {
         logError("Failed to create downstream receive thread: ", errorText(error));
-        context->downstreamListeners.pop_back();
         return -error;
     }
     logInfo("Created downstream receive thread: ", std::hex, listener.thread.id());
@@ -89,12 +112,14 @@ bool startForwarder(TokenQueue tokens, const std::shared_ptr<ForwarderContext>& 
     if (!listen) {
         return false;
     }
-    // First, since one that an earlier attempt left without a thread may hold the same port.
-    releaseDownstreamEndpoint(*context);
-    const EndpointPtr endpoint =
-        makeDownstreamEndpoint(listen->address, static_cast<int>(listen->port));
-    context->downstreamEndpoint.exchange(endpoint);
-    const int result = endpoint ? startDownstreamThread(endpoint, context) : -1;
+    std::optional<EndpointPtr> endpoint = openDownstreamEndpoint(*listen, *context);
+    if (!endpoint) {
+        return false;
+    }
+    if (!*endpoint) {
+        context->downstreamEndpoint.withdraw();
+    }
+    const int result = *endpoint ? startDownstreamThread(std::move(*endpoint), context) : -1;
     // Kept: said whether or not it started; what failed was said before.
     logInfo("Vesk started on port ", listen->port, " address ", listen->address);
     return result == 0;
@@ -106,18 +131,16 @@ bool stopForwarder(TokenQueue /*tokens*/, const std::shared_ptr<ForwarderContext
 }
 
 bool stopForwarder(ForwarderContext& context) {
-    const bool listening = !context.downstreamListeners.empty();
+    bool listening = false;
     for (DownstreamListener& listener : context.downstreamListeners) {
+        listening = listening || listener.thread.started();
         listener.thread.stop();
     }
     if (listening) {
         logInfo("Forwarder listener stopped");
     }
-    releaseDownstreamEndpoint(context);
-    for (DownstreamListener& listener : context.downstreamListeners) {
-        closeListeningEndpoint(std::move(listener.endpoint), context);
-    }
-    context.downstreamListeners.clear();
+    context.downstreamEndpoint.withdraw();
+    closeUnservedEndpoints(context);
     return true;
 }
 

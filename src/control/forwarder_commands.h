@@ -14,7 +14,8 @@ struct ForwarderContext;
 /// as std::runtime_error.
 bool startForwarder(TokenQueue tokens, const std::shared_ptr<ForwarderContext>& context);
 
-/// Ends the downstream receive thread and closes its socket before it returns. Always true.
+/// Ends the downstream receive thread and closes its socket before it returns. A thread that cannot
+/// be stopped keeps its socket. Always true.
 bool stopForwarder(TokenQueue tokens, const std::shared_ptr<ForwarderContext>& context);
 bool stopForwarder(ForwarderContext& context);
 

@@ -2,18 +2,19 @@
 
 #include <openssl/rand.h>
 
-#include <array>
-#include <cstring>
 #include <ios>
+#include <memory>
 #include <optional>
 #include <stdexcept>
 #include <string_view>
-#include <utility>
 
 #include "app/forwarder_context.h"
 #include "base/parse_number.h"
+#include "base/sync.h"
+#include "base/thread_control.h"
 #include "control/listening_endpoint.h"
 #include "datapath/lateral.h"
+#include "flow/secret_bytes.h"
 #include "log/error_text.h"
 #include "log/log.h"
 #include "net/endpoint_sockets.h"
@@ -108,7 +109,7 @@ std::optional<LateralSettings> parseStartLateral(TokenQueue& tokens) {
 
 /// A new random key in both slots; false, with nothing changed, where there is none to be had.
 bool drawLateralKey(LateralStream& lateral) {
-    std::array<std::uint8_t, lateralKeyLength> key{};
+    SecretBytes<lateralKeyLength> key{};
     if (RAND_bytes(key.data(), static_cast<int>(key.size())) != 1) {
         logError("Failed to generate lateral stream HMAC key");
         return false;
@@ -122,41 +123,52 @@ bool drawLateralKey(LateralStream& lateral) {
 }
 
 void storeSettings(const LateralSettings& settings, LateralStream& lateral) {
-    lateral.port.store(settings.port);
-    lateral.index.store(settings.index);
-    lateral.maxQels.store(settings.maxQels);
+    lateral.port = settings.port;
+    lateral.index = settings.index;
+    lateral.maxQels = settings.maxQels;
 }
 
-/// Opens the endpoint in place of one that an earlier attempt left without a thread, and that may
-/// hold the same port. Nothing, after logging, where the address cannot be resolved any more.
+/// First closes an endpoint that an earlier attempt left without a thread, since it may hold the
+/// same port. None, after logging, if the address can no longer be resolved.
 std::optional<EndpointPtr> openLateralEndpoint(const LateralSettings& settings,
                                                ForwarderContext& context) {
-    closeListeningEndpoint(context.lateralEndpoint.exchange(nullptr), context);
+    context.lateralEndpoint.withdraw();
+    closeListeningEndpoint(std::move(context.lateral.endpoint), context);
     try {
-        EndpointPtr endpoint =
-            makeLateralStreamEndpoint(settings.address, static_cast<int>(settings.port));
-        context.lateralEndpoint.exchange(endpoint);
-        return endpoint;
+        return makeLateralStreamEndpoint(settings.address, static_cast<int>(settings.port));
+    } catch (const std::invalid_argument&) {
     } catch (const std::runtime_error&) {
-        reportUnusableAddress();
-        return std::nullopt;
     }
+    reportUnusableAddress();
+    return std::nullopt;
 }
 
-/// 0, or the negative error code of the thread's creation.
-int startLateralThread(const EndpointPtr& endpoint,
-                       const std::shared_ptr<ForwarderContext>& context) {
+/// The lateral thread: handles no datagram before the settings are published.
+void receiveOnceStarted(WakeUp& started, const std::shared_ptr<ForwarderContext>& context,
+                        const EndpointPtr& endpoint) {
+    {
+        const CancellationScope cancellable;
+        started.wait();
+    }
+    lateralStreamRecv(context, endpoint);
+}
+
+/// Publishes the settings after the thread was created. 0, or the negative error code of the
+/// thread's creation. The endpoint is kept in either case.
+int startLateralThread(EndpointPtr endpoint, const std::shared_ptr<ForwarderContext>& context) {
     LateralStream& lateral = context->lateral;
-    const int error = lateral.thread.start([context, endpoint] {
-        // Its first datagram may be here before the main thread goes on.
-        context->lateral.running.store(true, std::memory_order_release);
-        lateralStreamRecv(context, endpoint);
+    lateral.endpoint = LentEndpoint(std::move(endpoint));
+    context->lateralEndpoint.publish(lateral.endpoint);
+    const auto started = std::make_shared<WakeUp>();
+    const int error = lateral.thread.start([context, started, lease = lateral.endpoint.lease()] {
+        receiveOnceStarted(*started, context, lease);
     });
     if (error != 0) {
         logError("Failed to create lateral stream receive thread: ", errorText(error));
         return -error;
     }
     lateral.running.store(true, std::memory_order_release);
+    started->post();
     logInfo("Created lateral stream receive thread: ", std::hex, lateral.thread.id());
     return 0;
 }
@@ -191,7 +203,7 @@ bool addLateralPeer(TokenQueue tokens, const std::shared_ptr<ForwarderContext>& 
 }
 
 bool startLateralStream(TokenQueue tokens, const std::shared_ptr<ForwarderContext>& context) {
-    if (context->lateral.running.load()) {
+    if (context->lateral.running.load(std::memory_order_acquire)) {
         logError("startLateralStream: bad command, already started");
         return false;
     }
@@ -203,12 +215,12 @@ bool startLateralStream(TokenQueue tokens, const std::shared_ptr<ForwarderContex
     if (!settings || !drawLateralKey(context->lateral)) {
         return false;
     }
-    const std::optional<EndpointPtr> endpoint = openLateralEndpoint(*settings, *context);
+    std::optional<EndpointPtr> endpoint = openLateralEndpoint(*settings, *context);
     if (!endpoint) {
         return false;
     }
     storeSettings(*settings, context->lateral);
-    const int result = *endpoint ? startLateralThread(*endpoint, context) : -1;
+    const int result = *endpoint ? startLateralThread(*std::move(endpoint), context) : -1;
     if (result != 0) {
         logError("Vesk Lateral listener failed to start, err: ", result);
         return false;

@@ -1,22 +1,17 @@
 #include "control/listening_endpoint.h"
 
-#include <sched.h>
-
 #include "app/forwarder_context.h"
 #include "net/endpoint_manager.h"
 
 namespace vesk {
 
-void closeListeningEndpoint(EndpointPtr endpoint, ForwarderContext& context) {
-    if (!endpoint) {
-        return;
+void closeListeningEndpoint(LentEndpoint endpoint, ForwarderContext& context) {
+    EndpointPtr unused = endpoint.takeBack();
+    if (unused) {
+        // The deleter closes one descriptor under two names; no thread may get the number in
+        // between.
+        context.endpointManager->withoutCreation([&unused] { unused.reset(); });
     }
-    while (endpoint.use_count() > 1) {
-        // Held for the length of one send that does not wait.
-        sched_yield();
-    }
-    // The deleter closes one descriptor under two names; nobody may be given the number in between.
-    context.endpointManager->withoutCreation([&endpoint] { endpoint.reset(); });
 }
 
 }  // namespace vesk

@@ -7,6 +7,7 @@
 #include <algorithm>
 #include <array>
 
+#include "flow/secret_bytes.h"
 #include "log/log.h"
 
 namespace vesk {
@@ -68,7 +69,7 @@ bool computeTag(HmacInfo& info, std::span<const Region> regions, std::span<std::
             return false;
         }
     }
-    std::array<std::uint8_t, EVP_MAX_MD_SIZE> digest;
+    SecretBytes<EVP_MAX_MD_SIZE> digest;
     unsigned int digestLength = 0;
     if (HMAC_Final(info.context.get(), digest.data(), &digestLength) != 1) {
         return false;
@@ -81,7 +82,7 @@ bool checkTag(HmacInfo& info, std::span<const Region> regions, std::span<const s
     if (!info.hasKey()) {
         return isAllZero(tag);
     }
-    std::array<std::uint8_t, maxTagLength> expected;
+    SecretBytes<maxTagLength> expected;
     const auto computed = std::span(expected).first(tag.size());
     return computeTag(info, regions, computed) &&
            CRYPTO_memcmp(computed.data(), tag.data(), tag.size()) == 0;

@@ -7,6 +7,7 @@
 #include <cstring>
 
 #include "base/thread_control.h"
+#include "flow/flow_desc.h"
 #include "log/error_text.h"
 #include "log/log.h"
 
@@ -26,19 +27,22 @@ Value readAt(std::span<const std::uint8_t> bytes) {
     return value;
 }
 
-SocketAddress ipv4Destination(const in_pktinfo& information) {
+LocalAddress ipv4Destination(const in_pktinfo& information) {
     sockaddr_in address{};
     address.sin_family = AF_INET;
     address.sin_addr = information.ipi_addr;
-    return {reinterpret_cast<const sockaddr*>(&address), sizeof(address)};
+    // For a broadcast or multicast destination the kernel names one of the host's own addresses in
+    // ipi_spec_dst, for any other the destination itself.
+    const bool validSource = information.ipi_spec_dst.s_addr == information.ipi_addr.s_addr;
+    return {{reinterpret_cast<const sockaddr*>(&address), sizeof(address)}, validSource};
 }
 
-SocketAddress ipv6Destination(const in6_pktinfo& information) {
+LocalAddress ipv6Destination(const in6_pktinfo& information) {
     sockaddr_in6 address{};
     address.sin6_family = AF_INET6;
     address.sin6_addr = information.ipi6_addr;
     address.sin6_scope_id = information.ipi6_ifindex;
-    return {reinterpret_cast<const sockaddr*>(&address), sizeof(address)};
+    return {{reinterpret_cast<const sockaddr*>(&address), sizeof(address)}, false};
 }
 
 ReceiveResult receiveCancellably(IncomingMessage& message, VeskEndpointDescriptor& endpoint) {
@@ -75,7 +79,7 @@ const SocketAddress& IncomingMessage::sender() {
     return sender_;
 }
 
-SocketAddress IncomingMessage::localDestination(int family) const {
+LocalAddress IncomingMessage::localDestination(int family) const {
     return findLocalDestination(family, std::span(control_).first(header_.msg_controllen));
 }
 
@@ -102,7 +106,7 @@ ReceiveResult receiveNow(IncomingMessage& message, VeskEndpointDescriptor& endpo
     return {received, errno};
 }
 
-SocketAddress findLocalDestination(int family, std::span<const std::uint8_t> control) {
+LocalAddress findLocalDestination(int family, std::span<const std::uint8_t> control) {
     const int level =
         family == AF_INET6 ? static_cast<int>(IPPROTO_IPV6) : static_cast<int>(IPPROTO_IP);
     const int type = family == AF_INET6 ? IPV6_PKTINFO : IP_PKTINFO;
@@ -125,7 +129,7 @@ SocketAddress findLocalDestination(int family, std::span<const std::uint8_t> con
     return {};
 }
 
-OutgoingMessage::OutgoingMessage() {
+OutgoingMessage::OutgoingMessage(Ipv4Source ipv4Source) : ipv4Source_(ipv4Source) {
     header_.msg_name = &destination_.storage;
     header_.msg_iov = &element_;
     header_.msg_iovlen = 1;
@@ -155,25 +159,36 @@ void OutgoingMessage::addTrafficClass(std::int32_t dscpV4, std::int32_t dscpV6) 
     std::memcpy(data.data(), &trafficClass, sizeof(trafficClass));
 }
 
-void OutgoingMessage::addSource(const SocketAddress& local) {
-    if (local.length == 0) {
+void OutgoingMessage::addSource(const LocalAddress& local) {
+    if (local.address.length == 0) {
         return;
     }
-    if (local.family() == AF_INET6) {
-        const auto address = readAt<sockaddr_in6>(local.bytes());
-        in6_pktinfo information{};
-        information.ipi6_addr = address.sin6_addr;
-        information.ipi6_ifindex = address.sin6_scope_id;
-        const auto data = appendControl(IPPROTO_IPV6, IPV6_PKTINFO, sizeof(information));
-        std::memcpy(data.data(), &information, sizeof(information));
-    } else if (local.family() == AF_INET) {
-        // Kept: the address stands in ipi_addr, where the kernel does not look for a source
-        // (ip(7)), and not in ipi_spec_dst; on IPv4 the kernel's own choice of source stands.
-        in_pktinfo information{};
-        information.ipi_addr = readAt<sockaddr_in>(local.bytes()).sin_addr;
-        const auto data = appendControl(IPPROTO_IP, IP_PKTINFO, sizeof(information));
-        std::memcpy(data.data(), &information, sizeof(information));
+    if (local.address.family() == AF_INET6) {
+        addIpv6Source(local.address);
+    } else if (local.address.family() == AF_INET) {
+        addIpv4Source(local);
     }
+}
+
+void OutgoingMessage::addIpv6Source(const SocketAddress& local) {
+    const auto address = readAt<sockaddr_in6>(local.bytes());
+    in6_pktinfo information{};
+    information.ipi6_addr = address.sin6_addr;
+    information.ipi6_ifindex = address.sin6_scope_id;
+    const auto data = appendControl(IPPROTO_IPV6, IPV6_PKTINFO, sizeof(information));
+    std::memcpy(data.data(), &information, sizeof(information));
+}
+
+void OutgoingMessage::addIpv4Source(const LocalAddress& local) {
+    in_pktinfo information{};
+    // Kept: without `arrival` the address stands in ipi_addr alone, where the kernel does not look
+    // for a source (ip(7)), so that the kernel chooses one even on a bound socket.
+    information.ipi_addr = readAt<sockaddr_in>(local.address.bytes()).sin_addr;
+    if (ipv4Source_ == Ipv4Source::arrival && local.validIpv4Source) {
+        information.ipi_spec_dst = information.ipi_addr;
+    }
+    const auto data = appendControl(IPPROTO_IP, IP_PKTINFO, sizeof(information));
+    std::memcpy(data.data(), &information, sizeof(information));
 }
 
 std::span<std::uint8_t> OutgoingMessage::appendControl(int level, int type,

@@ -7,12 +7,11 @@
 
 #include <array>
 #include <cstdint>
-#include <optional>
 #include <span>
 #include <string_view>
 
-#include "flow/flow_desc.h"
 #include "net/endpoint.h"
+#include "net/local_address.h"
 
 namespace vesk {
 
@@ -31,7 +30,7 @@ class IncomingMessage {
     /// What the kernel wrote, after a successful call.
     const SocketAddress& sender();
     /// Where the datagram was sent to, port 0; empty where the kernel did not say.
-    SocketAddress localDestination(int family) const;
+    LocalAddress localDestination(int family) const;
     bool truncated() const { return (header_.msg_flags & MSG_TRUNC) != 0; }
 
  private:
@@ -59,12 +58,12 @@ ReceiveResult receiveNow(IncomingMessage& message, VeskEndpointDescriptor& endpo
 
 /// Walks control data for the packet information of the family. Empty where there is none.
 /// An IPv6 address carries the interface index in its scope.
-SocketAddress findLocalDestination(int family, std::span<const std::uint8_t> control);
+LocalAddress findLocalDestination(int family, std::span<const std::uint8_t> control);
 
 /// One send call, with the address and control data that it carries.
 class OutgoingMessage {
  public:
-    OutgoingMessage();
+    explicit OutgoingMessage(Ipv4Source ipv4Source = Ipv4Source::kernel);
     OutgoingMessage(const OutgoingMessage&) = delete;
     OutgoingMessage& operator=(const OutgoingMessage&) = delete;
 
@@ -74,18 +73,24 @@ class OutgoingMessage {
     /// Where to, copied, with no control data.
     void setDestination(const SocketAddress& destination);
 
+    bool hasDestination() const { return header_.msg_namelen != 0; }
+
     /// The traffic class for the destination set: the IPv4 value for IPv4 and for IPv4-mapped IPv6
     /// destinations, else the IPv6 one; no mark where the value is `noDscp`.
     void addTrafficClass(std::int32_t dscpV4, std::int32_t dscpV6);
 
-    /// The address to send from; nothing for an empty one.
-    void addSource(const SocketAddress& local);
+    /// The address to send from; nothing for an empty one. On IPv4 the kernel follows it only
+    /// where the message was made for `Ipv4Source::arrival` and the address may be a source.
+    void addSource(const LocalAddress& local);
 
     const msghdr* header() const { return &header_; }
 
  private:
+    void addIpv4Source(const LocalAddress& local);
+    void addIpv6Source(const SocketAddress& local);
     std::span<std::uint8_t> appendControl(int level, int type, std::size_t dataLength);
 
+    const Ipv4Source ipv4Source_;
     msghdr header_{};
     iovec element_{};
     SocketAddress destination_;

@@ -4,20 +4,18 @@
 #include <sys/socket.h>
 
 #include <cerrno>
-#include <cstring>
 #include <ios>
 #include <optional>
 
 #include "app/forwarder_context.h"
-#include "base/thread_control.h"
 #include "datapath/authentication.h"
 #include "datapath/framing.h"
 #include "datapath/lateral_header.h"
-#include "log/error_text.h"
 #include "log/log.h"
 #include "net/endpoint_lifecycle.h"
 #include "net/endpoint_manager.h"
 #include "net/socket_options.h"
+#include "net/upstream_binding.h"
 #include "poll/poll_channel.h"
 
 namespace vesk {
@@ -42,12 +40,12 @@ std::optional<std::uint32_t> foreignOwner(const LateralStream& lateral, std::uin
     if (!lateral.running.load(std::memory_order_acquire)) {
         return std::nullopt;
     }
-    const std::uint32_t instances = lateral.maxQels.load(std::memory_order_relaxed);
+    const std::uint32_t instances = lateral.maxQels;
     if (instances == 0) {
         return std::nullopt;
     }
     const std::uint32_t owner = (label >> 16) % instances;
-    if (owner == lateral.index.load(std::memory_order_relaxed)) {
+    if (owner == lateral.index) {
         return std::nullopt;
     }
     return owner;
@@ -74,7 +72,7 @@ void sendToOwner(const ReceivedDatagram& datagram, std::size_t length,
 
 void handOverToOwner(const ReceivedDatagram& datagram, std::uint32_t owner,
                      ForwarderContext& context) {
-    const auto port = static_cast<std::uint16_t>(context.lateral.port.load());
+    const auto port = static_cast<std::uint16_t>(context.lateral.port);
     const auto ownerAddress = context.lateral.peers.find(owner, port);
     const EndpointPtr lateralEndpoint = context.lateralEndpoint.load();
     // A datagram makes at most one hop: instances that disagree about owners must not play ball.
@@ -98,19 +96,6 @@ struct FlowEndpoint {
     bool created = false;
 };
 
-bool bindUpstreamSocket(VeskEndpointDescriptor& endpoint) {
-    const IPAddrInfo& local = endpoint.flow.up.srcAddrInfo;
-    if (!local.resolved()) {
-        return true;
-    }
-    if (bind(endpoint.rdsockfd, local.addr(), local.addrLen()) != 0) {
-        logError("Failed bind syscall for upstream endpoint socket: ", errorText(errno));
-        return false;
-    }
-    logInfo("Bound upstream endpoint to ", local.host(), ":", local.port());
-    return true;
-}
-
 bool registerWithPollLoop(const VeskEndpointDescriptor& endpoint, const ForwarderContext& context) {
     const int result = pollLoop_add_fd(context.pollSocket.get(), endpoint.rdsockfd, EPOLLIN);
     if (result != 0) {
@@ -129,10 +114,10 @@ bool prepareEndpoint(VeskEndpointDescriptor& endpoint, const ForwarderContext& c
     Vesk_setSocketBuf(endpoint.rdsockfd, SO_RCVBUF, receiveBufferSize);
     Vesk_setSocketBuf(endpoint.wrsockfd, SO_SNDBUF, sendBufferSize);
     Vesk_requestLocalDestAddr(endpoint.rdsockfd, endpoint.family);
-    if (!bindUpstreamSocket(endpoint) || !registerWithPollLoop(endpoint, context)) {
+    if (!bindUpstreamSocket(endpoint, *context.endpointManager) ||
+        !registerWithPollLoop(endpoint, context)) {
         return false;
     }
-    // Before the log, which may take its time: a worker may be waiting for it.
     endpoint.prepared.store(true, std::memory_order_release);
     logInfo("Created", endpoint.flow.isMultiplex ? " multiplexed " : " ",
             "upstream endpoint:", " label 0x", std::hex, endpoint.label, "/", std::dec,
@@ -151,7 +136,7 @@ FlowEndpoint createFlowEndpoint(std::uint32_t label, ForwarderContext& context) 
         return {};
     }
     if (!prepareEndpoint(*endpoint, context)) {
-        manager.deleteEndpoint(*endpoint);
+        manager.undoCreation(*endpoint);
         return {};
     }
     return {std::move(endpoint), true};
@@ -163,6 +148,9 @@ FlowEndpoint findOrCreateFlowEndpoint(std::uint32_t label, ForwarderContext& con
     if (endpoint && endpoint->prepared.load(std::memory_order_acquire)) {
         return {std::move(endpoint)};
     }
+    // Written when the endpoint is ready for use and the lock is given back: a worker and the other
+    // receive thread may be waiting for both.
+    const LogDelay delay;
     const MutexLock lock(context.endpointCreation);
     endpoint = context.endpointManager->findEndpointByLabel(label);
     if (endpoint) {
@@ -265,15 +253,15 @@ bool passToFlow(const ReceivedDatagram& datagram, const ParsedDatagram& parsed,
         countRejected(datagram, context);
         return true;
     }
-    OutgoingMessage message;
+    OutgoingMessage message(context.ipv4Source);
     switch (convertForUpstream(datagram, parsed.headerLength, message, flow, context)) {
         case Verdict::flowGivenUp:
             // Whoever gave it up may not have come to that yet.
-            context.endpointManager->deleteEndpoint(*flow.endpoint);
+            context.endpointManager->undoCreation(*flow.endpoint);
             return false;
         case Verdict::forgedFirst:
             // Gone by the time that it is said, so that whoever reads it finds the label as it was.
-            context.endpointManager->deleteEndpoint(*flow.endpoint);
+            context.endpointManager->undoCreation(*flow.endpoint);
             [[fallthrough]];
         case Verdict::forged:
             refuseForged(datagram, context);

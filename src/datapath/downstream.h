@@ -16,7 +16,7 @@ struct ReceivedDatagram {
     VeskEndpointDescriptor& endpoint;
     std::size_t length;
     const SocketAddress& sender;
-    SocketAddress localDestination;
+    LocalAddress localDestination;
     /// Empty for a datagram straight from a peer.
     ReturnPath returnPath;
 };

@@ -2,44 +2,46 @@
 // sender, or to the instance that forwarded that sender's datagram.
 #pragma once
 
+#include <chrono>
 #include <memory>
-#include <vector>
+#include <optional>
 
+#include "datapath/arming_queue.h"
 #include "datapath/datagram_io.h"
+#include "log/log.h"
 #include "net/endpoint.h"
+#include "net/kept_endpoints.h"
 
 namespace vesk {
 
 struct ForwarderContext;
 
 /// What one receive worker keeps between its calls. Used by that worker alone.
-///
-/// Sockets found drained are armed together: asking the poll thread is what a reply costs most.
-/// Meanwhile they are held, so that none is closed, and its number used again, before the poll
-/// thread was asked.
 class UpstreamReceiver {
  public:
     explicit UpstreamReceiver(std::shared_ptr<ForwarderContext> context);
 
-    ForwarderContext& context() { return *context_; }
+    /// Handles at most one datagram on the socket. Whether to serve it again.
+    bool serve(int socket);
 
-    /// Handles at most one datagram of a prepared endpoint. Whether to serve it again.
-    bool serve(const EndpointPtr& endpoint);
-
-    /// Arms what was drained; to be called after each pass. Adds to `serving` what could not be
-    /// armed: it must be read once more, or it never would be.
-    void endPass(std::vector<int>& serving);
+    /// To be called after each pass: arms what was drained, and lets go of what is not to be held
+    /// while the worker waits; of everything if `lines` have to be written. How long until the next
+    /// call at the latest; none for as long as nothing is to be done.
+    std::optional<std::chrono::milliseconds> endPass(const LogDelay& lines);
 
  private:
-    void armDrained();
-    bool armTogether() const;
-    void arm(const VeskEndpointDescriptor& endpoint);
+    bool serveUnprepared(EndpointPtr endpoint);
+    bool serveEndpoint(const EndpointPtr& endpoint);
+    void replyReceived(const EndpointPtr& endpoint, std::size_t length);
+    void letGo();
+    VeskEndpointDescriptor* flowOfReply(VeskEndpointDescriptor& endpoint, std::uint32_t label);
 
     const std::shared_ptr<ForwarderContext> context_;
     IncomingMessage incoming_;
-    /// Never more than one datagram of the message channel carries.
-    std::vector<EndpointPtr> drained_;
-    std::vector<int> unarmed_;
+    ArmingQueue arming_;
+    KeptEndpoints endpoints_;
+    KeptSlot downstream_;
+    KeptSlot lateral_;
 };
 
 /// Handles at most one datagram on an upstream read socket. Called by the receive workers. Both

@@ -1,7 +1,6 @@
 // The bytes of every datagram: offsets once, beside a drawing. All integers are big-endian.
 #pragma once
 
-#include <cstddef>
 #include <cstdint>
 
 #include "net/endpoint.h"

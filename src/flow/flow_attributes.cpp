@@ -1,12 +1,12 @@
 #include "flow/flow_attributes.h"
 
-#include <array>
 #include <limits>
 #include <optional>
 #include <span>
 #include <stdexcept>
 
 #include "base/parse_number.h"
+#include "flow/secret_bytes.h"
 #include "log/log.h"
 
 namespace vesk {
@@ -122,7 +122,7 @@ bool Vesk_validateHmacKeyString(std::string_view name, const std::string& value,
     if (value.find_first_not_of(hexDigits) != std::string::npos) {
         return refuseKey("illegal character");
     }
-    std::array<std::uint8_t, maxHmacKeyLength> bytes{};
+    SecretBytes<maxHmacKeyLength> bytes{};
     const std::size_t length = value.size() / 2;
     for (std::size_t i = 0; i < length; ++i) {
         bytes.at(i) =

@@ -6,12 +6,14 @@
 
 #include <openssl/types.h>
 
-#include <array>
+#include <cstddef>
 #include <cstdint>
 #include <iosfwd>
 #include <memory>
 #include <span>
 #include <string_view>
+
+#include "flow/secret_bytes.h"
 
 // libcrypto's name for the type; hmac.h is left to the one file that calls it.
 using HMAC_CTX = struct hmac_ctx_st;
@@ -42,7 +44,9 @@ struct HmacInfo {
     HmacInfo(const HmacInfo& other);
     HmacInfo& operator=(const HmacInfo& other);
 
-    /// At most 128 bytes; those beyond the new key keep their old contents.
+    /// At most 128 bytes. Kept: those beyond the new key keep their old contents; they are wiped
+    /// with the record. The tables take keys over with `copyKeyFrom`, which leaves nothing of the
+    /// old one.
     void setKey(std::span<const std::uint8_t> newKey);
     void setAlgorithm(const HmacAlgorithm& algorithm);
 
@@ -60,7 +64,7 @@ struct HmacInfo {
     /// drops it.
     std::unique_ptr<HMAC_CTX, HmacContextDeleter> context;
     DigestSelector digest;
-    std::array<std::uint8_t, maxHmacKeyLength> key{};
+    SecretBytes<maxHmacKeyLength> key{};
     /// A constant: the name of one of the algorithms above.
     std::string_view algoName;
 };

@@ -3,7 +3,7 @@
 #include <arpa/inet.h>
 #include <netdb.h>
 
-#include <algorithm>
+#include <array>
 #include <cerrno>
 #include <cstdio>
 #include <cstring>

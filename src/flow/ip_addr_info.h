@@ -6,7 +6,7 @@
 #include <netinet/in.h>
 #include <sys/socket.h>
 
-#include <array>
+#include <cstddef>
 #include <cstdint>
 #include <memory>
 #include <span>

@@ -1,6 +1,8 @@
 #include "flow/label_commands.h"
 
-#include <optional>
+#include <openssl/crypto.h>
+
+#include <stdexcept>
 #include <string_view>
 #include <vector>
 
@@ -8,46 +10,72 @@
 #include "flow/flow_attributes.h"
 #include "log/log.h"
 #include "net/endpoint_manager.h"
+#include "net/endpoint_release.h"
 
 namespace vesk {
 
 namespace {
 
-/// The attributes of a label command, or nothing, after logging, where a value is missing.
-std::optional<AttributeMap> parseLabelCommand(TokenQueue& tokens, std::string_view prefix) {
-    AttributeMap attributes = parseCommandAttrs(tokens);
-    if (const std::string leftover = describeLeftover(tokens); !leftover.empty()) {
-        logError(prefix, leftover);
-        return std::nullopt;
+/// The attributes of a label command, wiped when it is done: some of them are keys.
+class LabelAttributes {
+ public:
+    explicit LabelAttributes(TokenQueue& tokens) : attributes_(parseCommandAttrs(tokens)) {}
+    ~LabelAttributes() {
+        for (auto& [name, value] : attributes_) {
+            OPENSSL_cleanse(value.data(), value.size());
+        }
     }
-    return attributes;
+    LabelAttributes(const LabelAttributes&) = delete;
+    LabelAttributes& operator=(const LabelAttributes&) = delete;
+
+    const AttributeMap& operator*() const { return attributes_; }
+
+ private:
+    AttributeMap attributes_;
+};
+
+/// Whether the parser left nothing over; logs what it did.
+bool isWhole(const TokenQueue& tokens, std::string_view prefix) {
+    const std::string leftover = describeLeftover(tokens);
+    if (!leftover.empty()) {
+        logError(prefix, leftover);
+    }
+    return leftover.empty();
+}
+
+bool refuseSet(std::uint32_t label) {
+    logError("setLabelAttrs: bad command for label ", label);
+    return false;
 }
 
 }  // namespace
 
 bool setLabelAttrs(TokenQueue tokens, const std::shared_ptr<ForwarderContext>& context) {
-    const std::optional<AttributeMap> attributes =
-        parseLabelCommand(tokens, "setLabelAttrs: bad command, ");
-    if (!attributes) {
+    const LabelAttributes attributes(tokens);
+    if (!isWhole(tokens, "setLabelAttrs: bad command, ")) {
         return false;
     }
     FlowDesc scratch;
     if (!Vesk_setFlowDescLabelAttrs(*attributes, scratch) || scratch.label == 0) {
-        logError("setLabelAttrs: bad command for label ", scratch.label);
-        return false;
+        return refuseSet(scratch.label);
     }
     std::vector<std::string> members;
     for (const auto& [name, value] : *attributes) {
         members.push_back(name);
     }
-    context->endpointManager->setLabel(scratch.label, scratch, members);
+    try {
+        releaseEndpoints(context->endpointManager->setLabel(scratch.label, scratch, members),
+                         context);
+    } catch (const std::invalid_argument&) {
+        // Half an address was looked up with the half that is stored, and the answer was empty.
+        return refuseSet(scratch.label);
+    }
     return true;
 }
 
 bool deleteLabel(TokenQueue tokens, const std::shared_ptr<ForwarderContext>& context) {
-    const std::optional<AttributeMap> attributes =
-        parseLabelCommand(tokens, "deleteLabel: bad command, ");
-    if (!attributes) {
+    const LabelAttributes attributes(tokens);
+    if (!isWhole(tokens, "deleteLabel: bad command, ")) {
         return false;
     }
     FlowDesc scratch;
@@ -56,7 +84,7 @@ bool deleteLabel(TokenQueue tokens, const std::shared_ptr<ForwarderContext>& con
         logError("label ", scratch.label);
         return false;
     }
-    context->endpointManager->removeLabel(scratch.label);
+    releaseEndpoints(context->endpointManager->removeLabel(scratch.label), context);
     return true;
 }
 

@@ -3,7 +3,7 @@
 #include <algorithm>
 #include <array>
 #include <cstdio>
-#include <string>
+#include <utility>
 
 namespace vesk {
 
@@ -19,6 +19,17 @@ constexpr std::array<NamedLevel, 5> namedLevels{{{"error", LogLevel::error},
                                                  {"info", LogLevel::info},
                                                  {"debug", LogLevel::debug},
                                                  {"trace", LogLevel::trace}}};
+
+/// The calling thread's innermost delay. A delay spans calls that know nothing of it, so it cannot
+/// be an argument; no other thread sees it.
+thread_local LogDelay* innermostDelay = nullptr;
+
+void writeNow(std::string_view text) {
+    if (!text.empty() && std::fwrite(text.data(), text.size(), 1, stdout) == 1) {
+        // The reader waits for whole lines. That it has gone is not our failure.
+        static_cast<void>(std::fflush(stdout));
+    }
+}
 
 }  // namespace
 
@@ -41,9 +52,19 @@ bool setLogLevelByName(std::string_view name) {
 }
 
 void writeToStandardOutput(std::string_view text) {
-    if (!text.empty() && std::fwrite(text.data(), text.size(), 1, stdout) == 1) {
-        // The reader waits for whole lines. That nobody reads them any more is not our failure.
-        static_cast<void>(std::fflush(stdout));
+    if (innermostDelay != nullptr) {
+        innermostDelay->lines_.emplace_back(text);
+    } else {
+        writeNow(text);
+    }
+}
+
+LogDelay::LogDelay() : outer_(std::exchange(innermostDelay, this)) {}
+
+LogDelay::~LogDelay() {
+    innermostDelay = outer_;
+    for (const std::string& line : lines_) {
+        writeToStandardOutput(line);
     }
 }
 

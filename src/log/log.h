@@ -6,7 +6,9 @@
 
 #include <atomic>
 #include <sstream>
+#include <string>
 #include <string_view>
+#include <vector>
 
 namespace vesk {
 
@@ -39,6 +41,27 @@ void emitLine(std::string_view levelName, const std::ostringstream& message);
 
 /// Writes `text` to standard output as it is, in one piece, and flushes it.
 void writeToStandardOutput(std::string_view text);
+
+/// While it lives, what the calling thread logs is held back; it is written, line by line and in
+/// order, when it goes. For a thread that holds something that others wait for, a lock or sockets
+/// to be armed: whoever reads the log may keep a writer waiting for as long as it likes. Of two in
+/// one thread the outer one decides.
+class LogDelay {
+ public:
+    LogDelay();
+    ~LogDelay();
+    LogDelay(const LogDelay&) = delete;
+    LogDelay& operator=(const LogDelay&) = delete;
+
+    /// Whether anything is held back.
+    bool holdsLines() const { return !lines_.empty(); }
+
+ private:
+    friend void writeToStandardOutput(std::string_view text);
+
+    LogDelay* const outer_;
+    std::vector<std::string> lines_;
+};
 
 /// Composes a message from its parts, as a stream would print them, and writes it, if its level
 /// is enabled; otherwise composes nothing.

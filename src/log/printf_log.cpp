@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <array>
 #include <cstdio>
+#include <ctime>
 #include <string_view>
 
 #include "log/log.h"
@@ -45,6 +46,11 @@ bool isSuppressedWarning(const char* format) {
     const std::string_view text(format);
     return std::any_of(suppressedPrefixes.begin(), suppressedPrefixes.end(),
                        [text](std::string_view prefix) { return text.starts_with(prefix); });
+}
+
+void loadTimeZone() {
+    const timeval anyTime{};
+    static_cast<void>(formatTimestamp(&anyTime));
 }
 
 std::string formatTimestamp(const timeval* now) {

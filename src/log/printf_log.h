@@ -3,8 +3,9 @@
 #pragma once
 
 #include <sys/time.h>
+
 #include <cstdarg>
-#include <ctime>
+#include <cstddef>
 #include <string>
 
 namespace vesk {
@@ -25,6 +26,10 @@ inline constexpr std::size_t maxPrintfMessageLength = 399;
 
 /// Whether "Warning" swallows messages of this format.
 bool isSuppressedWarning(const char* format);
+
+/// Converts one time. The C library reads the time zone's file when the first time is converted;
+/// called at start-up, before there are threads, so that none of them makes a descriptor for it.
+void loadTimeZone();
 
 /// The bracketed UTC time stamp, milliseconds truncated; empty for no time.
 std::string formatTimestamp(const timeval* now);

@@ -22,23 +22,18 @@ VeskEndpointDescriptor::VeskEndpointDescriptor(std::uint32_t flowLabel, int read
       wrsockfd(writeSocket),
       family(flowDesc.up.addrInfo.family()),
       flow(flowDesc),
-      route{flowDesc.down.addrInfo.socketAddress(), flowDesc.down.srcAddrInfo.socketAddress(), {}},
-      upstreamLocal(flowDesc.up.srcAddrInfo.socketAddress()),
+      route{flowDesc.down.addrInfo.socketAddress(),
+            configuredLocalAddress(flowDesc.down.srcAddrInfo.socketAddress()),
+            {}},
+      upstreamLocal(configuredLocalAddress(flowDesc.up.srcAddrInfo.socketAddress())),
       deleter_(std::move(endpointDeleter)) {}
 
 VeskEndpointDescriptor::~VeskEndpointDescriptor() {
     deleter_(rdsockfd, wrsockfd);
 }
 
-EndpointPtr EndpointSlot::load() const {
-    const MutexLock lock(mutex_);
-    return endpoint_;
-}
-
-EndpointPtr EndpointSlot::exchange(EndpointPtr endpoint) {
-    const MutexLock lock(mutex_);
-    std::swap(endpoint_, endpoint);
-    return endpoint;
+void VeskEndpointDescriptor::detachSockets() {
+    deleter_ = [](int, int) {};
 }
 
 }  // namespace vesk

@@ -16,6 +16,7 @@
 #include "base/counter.h"
 #include "base/sync.h"
 #include "flow/flow_desc.h"
+#include "net/local_address.h"
 
 namespace vesk {
 
@@ -51,13 +52,18 @@ class ReturnPath {
 struct ReplyRoute {
     /// The last sender.
     SocketAddress peer;
-    /// The address on which its datagram arrived; port 0, the interface in the scope of IPv6.
-    SocketAddress local;
+    /// The address on which its datagram arrived.
+    LocalAddress local;
     ReturnPath returnPath;
 };
 
 /// What different threads write for every datagram is kept this far apart.
 inline constexpr std::size_t cacheLineSize = 64;
+
+/// Room for one datagram, in cache lines of its own.
+struct alignas(cacheLineSize) ReceiveBuffer : std::array<std::uint8_t, maxDatagramSize> {};
+static_assert(alignof(ReceiveBuffer) == cacheLineSize && sizeof(ReceiveBuffer) == maxDatagramSize,
+              "nothing that another thread writes shares a cache line with a datagram");
 
 struct EndpointCounters {
     /// Datagrams sent in full.
@@ -98,6 +104,13 @@ class VeskEndpointDescriptor {
         }
     }
 
+    /// Leaves the sockets to the caller: the deleter will not be run. Only for the one who holds
+    /// the last reference.
+    void detachSockets();
+
+    /// Whether the flow has its sockets bound to an address of its own.
+    bool isBound() const { return flow.up.srcAddrInfo.resolved(); }
+
     // Constant after construction (the local address after the socket was bound).
 
     /// 0 for the downstream and the lateral endpoint.
@@ -108,23 +121,28 @@ class VeskEndpointDescriptor {
     /// Of the sockets.
     int family;
     IPAddrInfo localAddress;
-    IPAddrInfo peerAddress;
 
     // Any thread; written rarely.
 
     /// Set by the clean-up pass, cleared by traffic.
     std::atomic<bool> idle{false};
+    /// The port that the read socket was bound to as the flow says; 0 before, or where the kernel
+    /// chose one.
+    std::atomic<std::uint16_t> boundPort{0};
     /// Whether options, address and registration with the poll loop are done; until then only the
-    /// thread that created the endpoint uses it.
+    /// thread that created the endpoint uses it, and that thread holds `endpointCreation`.
     std::atomic<bool> prepared{false};
 
     // The thread that receives on the read socket, one at a time.
 
-    std::array<std::uint8_t, maxDatagramSize> receiveBuffer{};
+    ReceiveBuffer receiveBuffer{};
     iovec scatter{receiveBuffer.data(), maxDatagramSize};
     /// Who is at it. A descriptor number that a worker kept from an endpoint that is gone may lead
     /// it here while another worker serves this one.
     std::atomic<Serving> serving{Serving::nobody};
+    /// How often a worker asked for the read socket to be armed again. Two workers may find one
+    /// socket drained; the one that comes second sees that it was armed since.
+    std::atomic<std::uint32_t> armings{0};
 
     // Any thread.
 
@@ -144,7 +162,7 @@ class VeskEndpointDescriptor {
     alignas(cacheLineSize) RwLock routeLock;
     ReplyRoute route VESK_GUARDED_BY(routeLock);
     /// The address that datagrams are sent upstream from: as configured, then as replies show it.
-    SocketAddress upstreamLocal VESK_GUARDED_BY(routeLock);
+    LocalAddress upstreamLocal VESK_GUARDED_BY(routeLock);
 
  private:
     EndpointDeleter deleter_;
@@ -153,17 +171,5 @@ class VeskEndpointDescriptor {
 /// Made from a std::unique_ptr: the reference count, which changes for every datagram, then does
 /// not share a cache line with what is only read.
 using EndpointPtr = std::shared_ptr<VeskEndpointDescriptor>;
-
-/// A shared reference that commands replace while other threads read it.
-class EndpointSlot {
- public:
-    EndpointPtr load() const VESK_EXCLUDES(mutex_);
-    /// Returns what was held before, for the caller to release.
-    EndpointPtr exchange(EndpointPtr endpoint) VESK_EXCLUDES(mutex_);
-
- private:
-    mutable Mutex mutex_;
-    EndpointPtr endpoint_ VESK_GUARDED_BY(mutex_);
-};
 
 }  // namespace vesk

@@ -16,18 +16,6 @@ namespace vesk {
 
 namespace {
 
-bool isPassing(int error) {
-    switch (error) {
-        case ENOMEM:
-        case EMSGSIZE:
-        case ENOBUFS:
-        case EHOSTUNREACH:
-            return true;
-        default:
-            return false;
-    }
-}
-
 /// Hands the descriptor to the poll loop to be closed; closes it here where that has ended. False,
 /// with errno, where neither was possible.
 bool deleteFromPollLoop(int fd, const ForwarderContext& context) {
@@ -35,7 +23,8 @@ bool deleteFromPollLoop(int fd, const ForwarderContext& context) {
     if (result != -EPIPE) {
         return result == 0;
     }
-    // The channel said so already; this orders our close after all that the poll thread did.
+    // The channel said so already; this orders our close after all that the poll thread did, unless
+    // that thread could not be stopped: then it may log one request for a closed number.
     if (context.pollThread) {
         static_cast<void>(context.pollThread->ended.load(std::memory_order_acquire));
     }
@@ -71,9 +60,21 @@ EndpointDeleter upstreamEndpointDeleter(ForwarderContext& context) {
     };
 }
 
+bool isPassingError(int error) {
+    switch (error) {
+        case ENOMEM:
+        case EMSGSIZE:
+        case ENOBUFS:
+        case EHOSTUNREACH:
+            return true;
+        default:
+            return false;
+    }
+}
+
 int reportUpstreamNetworkError(const VeskEndpointDescriptor& endpoint, std::string_view prefix,
                                int error, ForwarderContext& context) {
-    const bool passing = isPassing(error);
+    const bool passing = isPassingError(error);
     if (!passing) {
         context.endpointManager->deleteEndpoint(endpoint);
     }

@@ -20,6 +20,9 @@ void endpointSocketDestructor(int rdsockfd, int wrsockfd,
 /// endpoints; once the context is gone so is the poll loop, and the sockets are closed at once.
 EndpointDeleter upstreamEndpointDeleter(ForwarderContext& context);
 
+/// Whether an error of a flow's socket is expected to pass by itself: the endpoint stays.
+bool isPassingError(int error);
+
 /// Logs a failure on the endpoint's sockets, with `prefix` for what was tried. 0 where it is a
 /// passing one and the endpoint stays; 1 where the endpoint was deleted.
 int reportUpstreamNetworkError(const VeskEndpointDescriptor& endpoint, std::string_view prefix,

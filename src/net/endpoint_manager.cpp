@@ -1,5 +1,6 @@
 #include "net/endpoint_manager.h"
 
+#include <algorithm>
 #include <utility>
 
 #include "log/log.h"
@@ -43,10 +44,26 @@ EndpointPtr openEndpoint(const FlowDesc& flow, const EndpointDeleter& deleter) {
     return endpoint;
 }
 
+/// Whether what happened at `when` is no longer recent: for this long a socket that was let go may
+/// hold its port.
+bool isPast(std::chrono::steady_clock::time_point when, std::chrono::steady_clock::time_point now) {
+    constexpr std::chrono::milliseconds recent{50};
+    return now - when > recent;
+}
+
 }  // namespace
 
+struct EndpointManager::Removed {
+    std::vector<EndpointPtr> endpoints;
+    /// Thousands of records, with their keys, take milliseconds to destroy.
+    std::vector<decltype(labels_)::node_type> records;
+    AuxPrefixEntry owned;
+};
+
 EndpointPtr EndpointManager::createEndpoint(std::uint32_t label, const EndpointDeleter& deleter) {
-    // Stands before the lock, so that one that cannot be filed is released after it.
+    // Stand before the lock: lines are written, and one that cannot be filed is released, after it.
+    const LogDelay delay;
+    Removed removed;
     EndpointPtr endpoint;
     const WriteLock lock(lock_);
     const FlowDesc* const flow = findOrMakeFlowLocked(label);
@@ -57,7 +74,7 @@ EndpointPtr EndpointManager::createEndpoint(std::uint32_t label, const EndpointD
     if (endpoint && fileNewLocked(endpoint)) {
         return endpoint;
     }
-    forgetAuxFlowLocked(label);
+    undoAuxRecordLocked(label, removed);
     return nullptr;
 }
 
@@ -97,6 +114,7 @@ const FlowDesc* EndpointManager::findOrMakeFlowLocked(std::uint32_t label) {
 }
 
 int EndpointManager::addEndpoint(const EndpointPtr& endpoint) {
+    const LogDelay delay;
     const WriteLock lock(lock_);
     return addEndpointLocked(endpoint);
 }
@@ -126,45 +144,76 @@ EndpointPtr EndpointManager::findEndpointByLabel(std::uint32_t label) const {
 }
 
 void EndpointManager::deleteEndpoint(std::uint32_t label) {
-    RemovedEndpoints removed;
+    Removed removed;
     const WriteLock lock(lock_);
-    takeOutLocked(label, removed);
+    removeEndpointLocked(label, removed);
+    keepAuxRecordLocked(label);
 }
 
 void EndpointManager::deleteEndpoint(const VeskEndpointDescriptor& endpoint) {
-    RemovedEndpoints removed;
+    Removed removed;
     const WriteLock lock(lock_);
-    if (endpointsByLabel_.find(endpoint.label).get() == &endpoint) {
-        takeOutLocked(endpoint.label, removed);
+    if (isFiledLocked(endpoint)) {
+        removeEndpointLocked(endpoint.label, removed);
+        keepAuxRecordLocked(endpoint.label);
     }
 }
 
-void EndpointManager::takeOutLocked(std::uint32_t label, RemovedEndpoints& removed) {
-    removeEndpointLocked(label, removed);
-    forgetAuxFlowLocked(label);
+void EndpointManager::undoCreation(const VeskEndpointDescriptor& endpoint) {
+    Removed removed;
+    const WriteLock lock(lock_);
+    if (isFiledLocked(endpoint)) {
+        removeEndpointLocked(endpoint.label, removed);
+        undoAuxRecordLocked(endpoint.label, removed);
+    }
 }
 
-void EndpointManager::removeEndpointLocked(std::uint32_t label, RemovedEndpoints& removed) {
+bool EndpointManager::isFiledLocked(const VeskEndpointDescriptor& endpoint) const {
+    return endpointsByLabel_.find(endpoint.label).get() == &endpoint;
+}
+
+void EndpointManager::removeEndpointLocked(std::uint32_t label, Removed& removed) {
     EndpointPtr endpoint = endpointsByLabel_.take(label);
     if (!endpoint) {
         return;
     }
     unfileLocked(*endpoint);
-    removed.push_back(std::move(endpoint));
+    removed.endpoints.push_back(std::move(endpoint));
 }
 
 void EndpointManager::unfileLocked(const VeskEndpointDescriptor& endpoint) {
     endpointsByFd_.erase(endpoint.rdsockfd);
     endpointsByFd_.erase(endpoint.wrsockfd);
+    removals_.fetch_add(1, std::memory_order_release);
+    if (const std::uint16_t port = endpoint.boundPort.load(std::memory_order_relaxed); port != 0) {
+        noteLeftPortLocked(port);
+    }
 }
 
-void EndpointManager::removeLabel(std::uint32_t label) {
-    RemovedEndpoints removed;
+void EndpointManager::noteLeftPortLocked(std::uint16_t port) {
+    const auto now = std::chrono::steady_clock::now();
+    while (!leftPorts_.empty() && isPast(leftPorts_.front().when, now)) {
+        leftPorts_.pop_front();
+    }
+    leftPorts_.push_back({port, now});
+}
+
+bool EndpointManager::portLeftRecently(std::uint16_t port) const {
+    const auto now = std::chrono::steady_clock::now();
+    const ReadLock lock(lock_);
+    return std::ranges::any_of(leftPorts_, [&](const LeftPort& left) {
+        return left.port == port && !isPast(left.when, now);
+    });
+}
+
+std::vector<EndpointPtr> EndpointManager::removeLabel(std::uint32_t label) {
+    Removed removed;
     const WriteLock lock(lock_);
     removeLabelLocked(label, removed);
+    return std::move(removed.endpoints);
 }
 
-void EndpointManager::removeLabelLocked(std::uint32_t label, RemovedEndpoints& removed) {
+void EndpointManager::removeLabelLocked(std::uint32_t label, Removed& removed) {
     removeEndpointLocked(label, removed);
     const auto record = labels_.find(label);
     if (record == labels_.end()) {
@@ -173,17 +222,17 @@ void EndpointManager::removeLabelLocked(std::uint32_t label, RemovedEndpoints& r
     if (record->second.isAuxFlow != 0) {
         forgetAuxLabelLocked(label);
     }
-    AuxPrefixEntry owned;
     const auto prefix = auxPrefixes_.find(record->second.downAuxFlowLabelPrefix);
     if (prefix != auxPrefixes_.end() && prefix->second.baseLabel == label) {
-        owned = std::move(prefix->second);
+        removed.owned = std::move(prefix->second);
         auxPrefixes_.erase(prefix);
     }
-    labels_.erase(record);
-    removeAuxFlowsLocked(owned, removed);
+    removed.records.push_back(labels_.extract(record));
+    removeAuxFlowsLocked(removed);
 }
 
-void EndpointManager::removeAuxFlowsLocked(const AuxPrefixEntry& owned, RemovedEndpoints& removed) {
+void EndpointManager::removeAuxFlowsLocked(Removed& removed) {
+    const AuxPrefixEntry& owned = removed.owned;
     if (owned.auxLabels.empty()) {
         return;
     }
@@ -191,17 +240,32 @@ void EndpointManager::removeAuxFlowsLocked(const AuxPrefixEntry& owned, RemovedE
              return owned.auxLabels.contains(candidate.label);
          })) {
         unfileLocked(*endpoint);
-        removed.push_back(std::move(endpoint));
+        removed.endpoints.push_back(std::move(endpoint));
     }
     for (const std::uint32_t auxLabel : owned.auxLabels) {
-        labels_.erase(auxLabel);
+        removed.records.push_back(labels_.extract(auxLabel));
     }
 }
 
-void EndpointManager::forgetAuxFlowLocked(std::uint32_t label) {
-    if (isAuxLocked(label) && !endpointsByLabel_.contains(label)) {
+void EndpointManager::keepAuxRecordLocked(std::uint32_t label) {
+    const auto prefix = auxPrefixes_.find(prefixOf(label));
+    if (isAuxLocked(label) && prefix != auxPrefixes_.end()) {
+        prefix->second.lastingLabels.insert(label);
+    }
+}
+
+void EndpointManager::undoAuxRecordLocked(std::uint32_t label, Removed& removed) {
+    const auto prefix = auxPrefixes_.find(prefixOf(label));
+    const bool lasts = prefix != auxPrefixes_.end() && prefix->second.lastingLabels.contains(label);
+    if (!lasts && !endpointsByLabel_.contains(label)) {
+        removeAuxRecordLocked(label, removed);
+    }
+}
+
+void EndpointManager::removeAuxRecordLocked(std::uint32_t label, Removed& removed) {
+    if (isAuxLocked(label)) {
         forgetAuxLabelLocked(label);
-        labels_.erase(label);
+        removed.records.push_back(labels_.extract(label));
     }
 }
 
@@ -209,12 +273,14 @@ void EndpointManager::forgetAuxLabelLocked(std::uint32_t label) {
     const auto prefix = auxPrefixes_.find(prefixOf(label));
     if (prefix != auxPrefixes_.end()) {
         prefix->second.auxLabels.erase(label);
+        prefix->second.lastingLabels.erase(label);
     }
 }
 
-void EndpointManager::setLabel(std::uint32_t label, const FlowDesc& scratch,
-                               const std::vector<std::string>& members) {
-    RemovedEndpoints removed;
+std::vector<EndpointPtr> EndpointManager::setLabel(std::uint32_t label, const FlowDesc& scratch,
+                                                   const std::vector<std::string>& members) {
+    const LogDelay delay;
+    Removed removed;
     const WriteLock lock(lock_);
     const auto stored = labels_.find(label);
     FlowDesc flow = stored == labels_.end() ? FlowDesc(label) : stored->second;
@@ -223,32 +289,54 @@ void EndpointManager::setLabel(std::uint32_t label, const FlowDesc& scratch,
     flow.update(scratch, members);
     removeLabelLocked(label, removed);
     registerPrefixLocked(labels_.insert_or_assign(label, std::move(flow)).first->second);
+    return std::move(removed.endpoints);
 }
 
 void EndpointManager::registerPrefixLocked(const FlowDesc& flow) {
     if (flow.upAuxFlowLabel == 0 || flow.downAuxFlowLabelPrefix == 0) {
         return;
     }
-    if (!auxPrefixes_.try_emplace(flow.downAuxFlowLabelPrefix, AuxPrefixEntry{flow.label, {}})
+    if (!auxPrefixes_.try_emplace(flow.downAuxFlowLabelPrefix, AuxPrefixEntry{flow.label, {}, {}})
              .second) {
         logWarn("setLabelAttrs: Aux. flow label prefix added more than once; ignoring; label ",
                 flow.label, "; label prefix ", flow.downAuxFlowLabelPrefix);
     }
 }
 
-std::vector<EndpointPtr> EndpointManager::expireIdle(bool expireMain, bool expireAux) {
-    RemovedEndpoints expired;
+std::vector<EndpointPtr> EndpointManager::expireIdle(bool expireMain, bool expireAux,
+                                                     const ExpiryReport& report) {
+    Removed removed;
+    std::vector<EndpointPtr> expired;
     const WriteLock lock(lock_);
-    const auto markOrChoose = [&](VeskEndpointDescriptor& endpoint) VESK_REQUIRES(lock_) {
-        const bool mayExpire = isAuxLocked(endpoint.label) ? expireAux : expireMain;
-        return mayExpire && endpoint.idle.exchange(true, std::memory_order_relaxed);
-    };
-    expired = endpointsByLabel_.takeIf(markOrChoose);
-    for (const EndpointPtr& endpoint : expired) {
-        unfileLocked(*endpoint);
-        forgetAuxFlowLocked(endpoint->label);
+    expired = markOrChooseLocked(expireMain, expireAux);
+    for (const bool bound : {false, true}) {
+        for (const EndpointPtr& endpoint : expired) {
+            if (endpoint->isBound() == bound) {
+                report(*endpoint);
+                unfileLocked(*endpoint);
+                removeAuxRecordLocked(endpoint->label, removed);
+            }
+        }
     }
+    // All at once, since taking one out moves all that come after it.
+    auto next = expired.begin();
+    endpointsByLabel_.takeIf([&](const VeskEndpointDescriptor& candidate) {
+        const bool isNext = next != expired.end() && next->get() == &candidate;
+        next += isNext ? 1 : 0;
+        return isNext;
+    });
     return expired;
+}
+
+std::vector<EndpointPtr> EndpointManager::markOrChooseLocked(bool expireMain, bool expireAux) {
+    std::vector<EndpointPtr> chosen;
+    for (const EndpointPtr& endpoint : endpointsByLabel_.rows()) {
+        const bool mayExpire = isAuxLocked(endpoint->label) ? expireAux : expireMain;
+        if (mayExpire && endpoint->idle.exchange(true, std::memory_order_relaxed)) {
+            chosen.push_back(endpoint);
+        }
+    }
+    return chosen;
 }
 
 bool EndpointManager::isAuxLocked(std::uint32_t label) const {

@@ -31,33 +31,52 @@ Value take(std::span<const std::uint8_t> record, std::size_t offset) {
     return value;
 }
 
-/// What became of a record: a wait for a loop that has ended is not a failure to report.
-enum class Delivery { sent, loopEnded, failed };
-
-struct SendResult {
-    Delivery delivery;
-    int error = 0;
-};
-
-SendResult sendDatagram(int pollsock, std::span<const std::uint8_t> datagram,
-                        std::string_view routine) {
-    const ssize_t sent = send(pollsock, datagram.data(), datagram.size(), 0);
-    if (sent == static_cast<ssize_t>(datagram.size())) {
-        return {Delivery::sent};
+/// How many records the datagram carries as a row; none for a datagram that is no row.
+std::optional<std::size_t> recordsInRow(std::span<const std::uint8_t> datagram) {
+    if (datagram.size() < pollRecordSize ||
+        take<std::uint32_t>(datagram, poll_record::opOffset) != pollRowOp) {
+        return std::nullopt;
     }
-    const int error = errno;
-    if (sent == -1 && error == EPIPE) {
-        return {Delivery::loopEnded};
+    const auto count = take<std::uint64_t>(datagram, poll_record::dataOffset);
+    if (count == 0 || count > maxPollRecords || datagram.size() != (1 + count) * pollRecordSize) {
+        return std::nullopt;
     }
-    // Kept: nothing between the routine's name and the text.
-    logError(routine, "Error writing a control message to poll socket: bytes: ", sent,
-             " Error: ", errorText(error));
-    errno = error;
-    return {Delivery::failed, -error};
+    return count;
 }
 
-SendResult sendRecord(int pollsock, const PollCtlMsg& message, std::string_view routine) {
-    return sendDatagram(pollsock, encodePollCtlMsg(message), routine);
+/// 0 or -errno. A local datagram goes out whole or not at all.
+int sendRecord(int pollsock, const PollCtlMsg& message) {
+    const PollRecord record = encodePollCtlMsg(message);
+    return send(pollsock, record.data(), record.size(), 0) == -1 ? -errno : 0;
+}
+
+/// As above; logs a failure, unless it is that the loop has ended.
+int sendToLiveLoop(int pollsock, const PollCtlMsg& message, std::string_view routine) {
+    const int result = sendRecord(pollsock, message);
+    if (result != 0 && result != -EPIPE) {
+        logFailedPollRequest(routine, -result);
+    }
+    return result;
+}
+
+/// Sends one record for each descriptor, alike but for the descriptor. 0 or -errno.
+int sendRow(int pollsock, PollCtlMsg message, std::span<const int> fds) {
+    assert(!fds.empty() && fds.size() <= maxPollRecords);
+    PollDatagram datagram;
+    PollRecord header{};
+    put(header, poll_record::opOffset, pollRowOp);
+    put(header, poll_record::dataOffset, std::uint64_t{fds.size()});
+    auto* end = std::ranges::copy(header, datagram.begin()).out;
+    for (const int fd : fds) {
+        message.fd = fd;
+        end = std::ranges::copy(encodePollCtlMsg(message), end).out;
+    }
+    const auto length = static_cast<std::size_t>(end - datagram.begin());
+    return send(pollsock, datagram.data(), length, 0) == -1 ? -errno : 0;
+}
+
+void logDeletionSent(int fd) {
+    logDebug("Successfully sent fd ", fd, " (del) to poll loop");
 }
 
 }  // namespace
@@ -82,16 +101,20 @@ std::optional<PollCtlMsg> decodePollCtlMsg(std::span<const std::uint8_t> record)
 
 bool forEachRecord(std::span<const std::uint8_t> datagram,
                    const std::function<void(const PollCtlMsg&)>& apply) {
-    bool whole = !datagram.empty();
-    while (!datagram.empty() && whole) {
-        const std::optional<PollCtlMsg> message = decodePollCtlMsg(datagram);
-        whole = message.has_value();
-        if (whole) {
-            apply(*message);
-            datagram = datagram.subspan(pollRecordSize);
-        }
+    const std::optional<std::size_t> rowLength = recordsInRow(datagram);
+    if (rowLength) {
+        datagram = datagram.subspan(pollRecordSize);
     }
-    return whole;
+    const std::size_t count = rowLength.value_or(1);
+    for (std::size_t i = 0; i < count; ++i) {
+        const auto message = decodePollCtlMsg(datagram);
+        if (!message) {
+            return false;
+        }
+        apply(*message);
+        datagram = datagram.subspan(pollRecordSize);
+    }
+    return true;
 }
 
 int createPollSocks(UniqueFd& senderEnd, UniqueFd& serverPollSock) {
@@ -113,39 +136,48 @@ int createPollSocks(UniqueFd& senderEnd, UniqueFd& serverPollSock) {
     return 0;
 }
 
+void logFailedPollRequest(std::string_view routine, int error) {
+    // Kept: nothing between the routine's name and the text.
+    logError(routine,
+             "Error writing a control message to poll socket: bytes: -1 Error: ", errorText(error));
+    errno = error;
+}
+
 int pollLoop_add_fd(int pollsock, int fd, int events) {
-    const SendResult result = sendRecord(
-        pollsock, {EPOLL_CTL_ADD, static_cast<std::uint32_t>(events), fd}, "pollLoop_add_fd");
-    if (result.delivery == Delivery::sent) {
+    const int result =
+        sendRecord(pollsock, {EPOLL_CTL_ADD, static_cast<std::uint32_t>(events), fd});
+    if (result == 0) {
         logDebug("Successfully sent fd ", fd, " (add, ", events == EPOLLIN ? "EPOLLIN" : "EPOLLOUT",
                  ") to poll loop");
+    } else {
+        logFailedPollRequest("pollLoop_add_fd", -result);
     }
-    return result.error;
+    return result;
 }
 
 int pollLoop_mod_fd(int pollsock, int fd, int events) {
-    return pollLoop_mod_fds(pollsock, std::span(&fd, 1), events);
-}
-
-int pollLoop_mod_fds(int pollsock, std::span<const int> fds, int events) {
-    assert(fds.size() <= maxPollRecords);
-    PollDatagram datagram;
-    std::size_t length = 0;
-    for (const int fd : fds) {
-        const PollRecord record =
-            encodePollCtlMsg({EPOLL_CTL_MOD, static_cast<std::uint32_t>(events), fd});
-        std::ranges::copy(record, datagram.begin() + static_cast<std::ptrdiff_t>(length));
-        length += record.size();
-    }
-    return sendDatagram(pollsock, std::span(datagram).first(length), "pollLoop_mod_fd").error;
+    return sendToLiveLoop(pollsock, {EPOLL_CTL_MOD, static_cast<std::uint32_t>(events), fd},
+                          "pollLoop_mod_fd");
 }
 
 int pollLoop_del_fd(int pollsock, int fd) {
-    const SendResult result = sendRecord(pollsock, {EPOLL_CTL_DEL, 0, fd}, "pollLoop_del_fd");
-    if (result.delivery == Delivery::sent) {
-        logDebug("Successfully sent fd ", fd, " (del) to poll loop");
+    const int result = sendToLiveLoop(pollsock, {EPOLL_CTL_DEL, 0, fd}, "pollLoop_del_fd");
+    if (result == 0) {
+        logDeletionSent(fd);
     }
-    return result.delivery == Delivery::loopEnded ? -EPIPE : result.error;
+    return result;
+}
+
+int pollLoop_mod_fds(int pollsock, std::span<const int> fds, int events) {
+    return sendRow(pollsock, {EPOLL_CTL_MOD, static_cast<std::uint32_t>(events)}, fds);
+}
+
+int pollLoop_del_fds(int pollsock, std::span<const int> fds) {
+    const int result = sendRow(pollsock, {EPOLL_CTL_DEL, 0}, fds);
+    if (result == 0) {
+        std::ranges::for_each(fds, logDeletionSent);
+    }
+    return result;
 }
 
 void retirePollChannel(int serverPollSock) {

@@ -1,18 +1,17 @@
 #include "poll/poll_loop.h"
 
-#include <sched.h>
 #include <sys/epoll.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
-#include <cstring>
 #include <utility>
 
 #include "base/thread_control.h"
 #include "log/error_text.h"
 #include "log/log.h"
+#include "poll/linger.h"
 #include "poll/poll_channel.h"
 
 namespace vesk {
@@ -56,8 +55,8 @@ class EpollSet {
     /// Applies the records and sorts the descriptors of the batch.
     void sortBatch(ReadyLists& ready);
 
-    /// Lets other threads go first and applies the record that one of them sent meanwhile, if any.
-    void lingerForRecord();
+    /// Applies the records that a worker sent meanwhile, if there are any.
+    void takeEarlyRecords();
 
  private:
     void takeRecords();
@@ -82,7 +81,7 @@ int EpollSet::watchChannel() {
     event.events = EPOLLIN;
     event.data.fd = param_.msgchanfd;
     if (epoll_ctl(epoll_, EPOLL_CTL_ADD, param_.msgchanfd, &event) != 0) {
-        const int error = errno;
+        const int error = param_.epollSet ? errno : param_.epollSetError;
         logError("Failed to add msgchanfd to epoll set: ", errorText(error));
         return -error;
     }
@@ -120,8 +119,7 @@ void EpollSet::sortBatch(ReadyLists& ready) {
     }
 }
 
-void EpollSet::lingerForRecord() {
-    sched_yield();
+void EpollSet::takeEarlyRecords() {
     const ssize_t received = receiveRecords();
     if (received >= 0) {
         applyRecords(received);
@@ -143,7 +141,12 @@ ssize_t EpollSet::receiveRecords() {
 
 void EpollSet::applyRecords(ssize_t received) {
     if (!forEachRecord(std::span(datagram_).first(static_cast<std::size_t>(received)),
-                       [this](const PollCtlMsg& message) { apply(message); })) {
+                       [this](const PollCtlMsg& message) {
+                           apply(message);
+                           if (message.op == EPOLL_CTL_DEL) {
+                               param_.deletions.increment();
+                           }
+                       })) {
         logError("recv: msgchanfd: short read on a datagram socket!\n");
     }
 }
@@ -218,24 +221,28 @@ void callUnlessEmpty(const ReadyCallback& callback, const std::vector<int>& fds)
 
 }  // namespace
 
-// Lingering: a worker with a single socket is mostly done with it, and has asked for it to be armed
-// again, by the time that this thread has its turn again; it then need not fall asleep, be woken
-// and ask what woke it. With more sockets ready that costs more than it gains: requests pile up
-// while the processor is given away for a whole turn.
+// After a single socket: its worker is mostly done with it, and has asked for it to be armed again,
+// by the time that this thread has its turn again; it then need not wait, be woken and ask what
+// woke it. With more sockets ready a yield costs more than it gains: requests pile up meanwhile.
 int pollLoop(PollThreadParam& param, const ReadyCallback& onRead, const ReadyCallback& onWrite,
              const ReadyCallback& onError) {
     EpollSet set(param);
     int result = set.watchChannel();
     ReadyLists ready;
+    Lingerer lingerer;
     while (result == 0) {
         result = set.wait();
+        if (result == 0 && param.ended.load(std::memory_order_acquire)) {
+            // The channel is retired: it would be readable for ever, with nothing in it.
+            return 0;
+        }
         if (result == 0) {
             set.sortBatch(ready);
             callUnlessEmpty(onRead, ready.read);
             callUnlessEmpty(onWrite, ready.write);
             callUnlessEmpty(onError, ready.error);
-            if (ready.read.size() == 1) {
-                set.lingerForRecord();
+            if (ready.read.size() == 1 && lingerer.linger()) {
+                set.takeEarlyRecords();
             }
         }
     }

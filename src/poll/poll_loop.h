@@ -15,7 +15,8 @@ namespace vesk {
 
 using ReadyCallback = std::function<void(const std::vector<int>& fds)>;
 
-/// Runs until cancelled (while it waits) or until it cannot wait any more; then -errno.
+/// Runs until cancelled (while it waits), or until it can no longer wait; then -errno. Returns 0
+/// after an event where `ended` is set: main has retired the channel.
 int pollLoop(PollThreadParam& param, const ReadyCallback& onRead, const ReadyCallback& onWrite,
              const ReadyCallback& onError);
 

@@ -4,17 +4,22 @@
 #include <sys/epoll.h>
 
 #include <atomic>
+#include <cerrno>
+#include <chrono>
 #include <cstddef>
 #include <cstdint>
 #include <deque>
 #include <functional>
 #include <memory>
+#include <optional>
+#include <utility>
 #include <vector>
 
 #include "base/counter.h"
 #include "base/sync.h"
 #include "base/thread_control.h"
 #include "base/unique_fd.h"
+#include "log/log.h"
 
 namespace vesk {
 
@@ -25,9 +30,11 @@ inline constexpr std::size_t usualReadyCount = 128;
 /// served again in the next pass. A positive result is added to the worker's received total.
 using ReceiveFunction = std::function<int(int fd, bool& keep, std::uint32_t workerParameter)>;
 
-/// Does what the receive function put off during a pass; adds to `serving` what has to be served
-/// again.
-using PassEndFunction = std::function<void(std::vector<int>& serving)>;
+/// Does what the receive function put off during a pass. `lines` are written next, if there are
+/// any, which may take as long as the log's reader likes. The result is how long the worker may
+/// wait for descriptors before this is called again; none for as long as it takes.
+using PassEndFunction =
+    std::function<std::optional<std::chrono::milliseconds>(const LogDelay& lines)>;
 
 /// One worker with its queue. The poll loop fills the queue, the worker empties it.
 struct PollParam {
@@ -64,25 +71,29 @@ struct PollParam {
 
 using PollParams = std::vector<std::shared_ptr<PollParam>>;
 
-/// Ends the threads in list order, then empties the list.
-void stopThreads(PollParams& threads);
+/// Ends the threads in list order, then empties the list. False where one was left running.
+bool stopThreads(PollParams& threads);
 
 /// The poll loop's parameters, and the counters that it alone writes.
 struct PollThreadParam {
-    PollThreadParam(int channel, const PollParams& readWorkers, const PollParams& writeWorkers)
+    PollThreadParam(int channel, PollParams readWorkers, PollParams writeWorkers)
         : epollSet(epoll_create(1)),
+          epollSetError(epollSet ? 0 : errno),
           msgchanfd(channel),
-          readQueues(readWorkers),
-          writeQueues(writeWorkers) {}
+          readQueues(std::move(readWorkers)),
+          writeQueues(std::move(writeWorkers)) {}
 
     /// Made here, before any command is read: while a listening endpoint is being closed, no other
     /// thread may make descriptors (see closeEndpointSockets).
     const UniqueFd epollSet;
+    /// Why there is no set; 0 where there is one. Reported by the loop.
+    const int epollSetError;
     /// The loop's end of the message channel.
     const int msgchanfd;
-    const PollParams& readQueues;
+    /// Lists of its own, constant once the thread runs: main empties the context's lists.
+    PollParams readQueues;
     unsigned long readStart = 0;
-    const PollParams& writeQueues;
+    PollParams writeQueues;
     unsigned long writeStart = 0;
 
     Counter RdReadyNr;
@@ -91,7 +102,12 @@ struct PollThreadParam {
     /// Descriptors armed at present.
     std::atomic<std::int32_t> ActiveEvtNr{0};
 
-    /// Set when the loop touches no descriptor any more, before the channel is retired.
+    /// Deletions dealt with, whatever came of them. Not reported: it tells whoever releases many
+    /// endpoints how far the loop is.
+    Counter deletions;
+
+    /// Set before the channel is retired: by the thread, when the loop no longer touches any
+    /// descriptor, or by main, also where it could not stop the thread.
     std::atomic<bool> ended{false};
 
     /// Last, so that it is stopped before anything it uses goes.

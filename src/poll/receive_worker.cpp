@@ -1,21 +1,20 @@
 #include "poll/receive_worker.h"
 
-#include <sched.h>
 #include <unistd.h>
 
-#include <algorithm>
+#include <chrono>
+#include <optional>
 #include <vector>
 
 #include "base/thread_control.h"
+#include "log/log.h"
+#include "poll/linger.h"
 
 namespace vesk {
 
 namespace {
 
 constexpr std::uint32_t microsecondsPerSecond = 1000000;
-
-/// So many receive calls since it last waited, and a worker counts as busy.
-constexpr unsigned busyCalls = 16;
 
 class ReceiveWorker {
  public:
@@ -24,9 +23,9 @@ class ReceiveWorker {
     [[noreturn]] void run();
 
  private:
-    void lingerIfBusy() const;
     void collectDescriptors();
     bool takeQueue(bool woken);
+    void wait();
     void makePass();
     bool serve(int fd);
     void pauseAfterPass() const;
@@ -34,34 +33,40 @@ class ReceiveWorker {
     PollParam& param_;
     /// Still to be served, and known to nobody else.
     std::vector<int> serving_;
-    unsigned callsSinceWait_ = 0;
+    /// How long the end of the last pass allows to wait.
+    std::optional<std::chrono::milliseconds> longestWait_;
+    Lingerer lingerer_;
 };
 
 void ReceiveWorker::run() {
     while (true) {
         endThreadIfCancelled();
-        lingerIfBusy();
+        if (serving_.empty()) {
+            // Mostly more is there by the next turn.
+            lingerer_.linger();
+        }
         collectDescriptors();
         makePass();
         pauseAfterPass();
     }
 }
 
-/// Under load a worker with nothing left to do lets the other threads go first, once, before it
-/// waits: mostly more is there by then, and neither waiting nor being woken has to be paid for.
-void ReceiveWorker::lingerIfBusy() const {
-    if (serving_.empty() && callsSinceWait_ >= busyCalls) {
-        sched_yield();
+/// Returns with descriptors to serve, or without where the end of a pass is due.
+void ReceiveWorker::collectDescriptors() {
+    if (takeQueue(false)) {
+        return;
     }
+    do {
+        wait();
+    } while (!takeQueue(true) && !longestWait_);
 }
 
-void ReceiveWorker::collectDescriptors() {
-    bool woken = false;
-    while (!takeQueue(woken)) {
-        callsSinceWait_ = 0;
-        const CancellationScope cancellable;
+void ReceiveWorker::wait() {
+    const CancellationScope cancellable;
+    if (longestWait_) {
+        param_.wakeUp.waitFor(*longestWait_);
+    } else {
         param_.wakeUp.wait();
-        woken = true;
     }
 }
 
@@ -81,15 +86,16 @@ bool ReceiveWorker::takeQueue(bool woken) {
 }
 
 void ReceiveWorker::makePass() {
+    // Written when no socket served in this pass waits to be armed: the log's reader may take long.
+    const LogDelay delay;
     std::erase_if(serving_, [this](int fd) { return !serve(fd); });
     if (param_.passEnd) {
-        param_.passEnd(serving_);
+        longestWait_ = param_.passEnd(delay);
     }
 }
 
 /// One receive call; true where the descriptor wants another.
 bool ReceiveWorker::serve(int fd) {
-    ++callsSinceWait_;
     bool keep = true;
     const int received = param_.receive(fd, keep, param_.workerParameter);
     if (received > 0) {

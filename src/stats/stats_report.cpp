@@ -2,6 +2,8 @@
 
 #include <numeric>
 #include <sstream>
+#include <string>
+#include <vector>
 
 #include "app/forwarder_context.h"
 #include "log/log.h"
@@ -98,6 +100,18 @@ std::string describeLateral(const EndpointPtr& endpoint) {
     return text.str();
 }
 
+/// The report's sections in order. Releases the endpoints before it returns.
+std::vector<std::string> describeAll(const ForwarderContext& context) {
+    const std::vector<EndpointPtr> endpoints = context.endpointManager->endpoints();
+    return {describePoll(context.pollThread.get()),
+            describeUpstream(endpoints),
+            describeWorkers("RcvThrStats: ", context.receiveWorkers),
+            describeWorkers("SndThrStats ", context.sendWorkers),
+            describeTotals(endpoints.size(), context),
+            describeDownstream(context.downstreamEndpoint.load()),
+            describeLateral(context.lateralEndpoint.load())};
+}
+
 }  // namespace
 
 // NOLINTNEXTLINE(performance-unnecessary-value-param): the shape of every handler.
@@ -105,14 +119,11 @@ bool reportStatistics(TokenQueue /*tokens*/, const std::shared_ptr<ForwarderCont
     if (!logEnabled(LogLevel::info)) {
         return true;
     }
-    const std::vector<EndpointPtr> endpoints = context->endpointManager->endpoints();
-    logInfo(describePoll(context->pollThread.get()));
-    logInfo(describeUpstream(endpoints));
-    logInfo(describeWorkers("RcvThrStats: ", context->receiveWorkers));
-    logInfo(describeWorkers("SndThrStats ", context->sendWorkers));
-    logInfo(describeTotals(endpoints.size(), *context));
-    logInfo(describeDownstream(context->downstreamEndpoint.load()));
-    logInfo(describeLateral(context->lateralEndpoint.load()));
+    // Writing may block on the log's reader. No endpoint is held, so sockets of flows that end in
+    // the meantime are closed.
+    for (const std::string& section : describeAll(*context)) {
+        logInfo(section);
+    }
     return true;
 }
 

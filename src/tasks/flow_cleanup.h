@@ -1,7 +1,10 @@
 // The expiry of idle flows, run by the periodic task "FlowCleanUpTask" on its thread.
 #pragma once
 
-#include <memory>
+#include <functional>
+#include <vector>
+
+#include "net/endpoint.h"
 
 namespace vesk {
 
@@ -13,8 +16,12 @@ struct CleanUpSwitches {
     bool aux = true;
 };
 
-/// One pass: endpoints without traffic since the pass before are removed, all others marked. With
-/// both switches off it does nothing.
-void cleanUpFlows(EndpointManager& manager, CleanUpSwitches switches);
+/// Releases the endpoints that a pass took out of the tables.
+using EndpointRelease = std::function<void(std::vector<EndpointPtr> expired)>;
+
+/// One pass: endpoints without traffic since the pass before are logged, removed and handed to
+/// `release`, all others marked. With both switches off it does nothing.
+void cleanUpFlows(EndpointManager& manager, CleanUpSwitches switches,
+                  const EndpointRelease& release);
 
 }  // namespace vesk

@@ -41,7 +41,10 @@ PeriodicTask::PeriodicTask(std::string name, std::int64_t period, std::function<
     : name_(std::move(name)), period_(period), action_(std::move(action)) {}
 
 int PeriodicTask::start() {
-    return thread_.start([this] { runPeriodicTask(name_, period_, action_); });
+    // Copies, since a thread that cannot be stopped outlives this object.
+    return thread_.start([name = name_, period = period_, action = action_] {
+        runPeriodicTask(name, period, action);
+    });
 }
 
 }  // namespace vesk

@@ -23,6 +23,8 @@ class PeriodicTask {
     /// 0, or pthread_create's error code.
     int start();
     int stop() { return thread_.stop(); }
+    /// Whether a stop has failed.
+    bool leftRunning() const { return thread_.leftRunning(); }
     pthread_t threadId() const { return thread_.id(); }
 
  private:

@@ -11,7 +11,8 @@ from pathlib import Path
 import pytest
 
 from framework.fixtures import StartVesk
-from framework.faults import failing_calls, recording_start
+from framework.bench import Bench
+from framework.faults import failing_calls, failing_listener, recording_start
 from framework.flow import Flow, four_keys
 from framework.timing import scaled
 from framework.udp import UdpEnd, UpstreamService
@@ -120,6 +121,20 @@ def test_the_same_warning_for_ipv6(vesk: VeskProcess) -> None:
     vesk.wait_for_log(re.compile(
         r"warn  \[[-0-9T:.]{23}\] Vesk_requestLocalDestAddr: "
         r"IPV6_RECVPKTINFO failed on socket \d+, errno=12"), since)
+
+
+def test_the_first_warning_opens_no_file(bench: Bench) -> None:
+    """On no thread: whoever closes a listening socket relies on who makes descriptors."""
+    bench.declare(bench.flow())
+    bench.nothing_went_upstream()
+    since = bench.vesk.mark()
+    # Two requests for buffer sizes come first.
+    with failing_listener(bench.vesk, "setsockopt:error=ENOMEM:when=3", "open:delay_enter=1",
+                          "openat:delay_enter=1") as trace:
+        bench.ask(bench.flow())
+        bench.vesk.wait_for_log(re.compile(r"warn  .* IP_PKTINFO failed on socket .*"), since)
+    assert "setsockopt(" in trace.read_text()
+    assert "open" not in trace.read_text()
 
 
 def test_warnings_of_the_socket_routines_obey_the_level(vesk: VeskProcess) -> None:

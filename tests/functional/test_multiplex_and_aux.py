@@ -305,6 +305,21 @@ def test_set_of_an_auxiliary_label_declares_a_changed_copy(owner: Owner) -> None
     bench.exchange(flow)
 
 
+def test_the_record_of_an_auxiliary_flow_outlives_a_network_error(bench: Bench) -> None:
+    """A broadcast address may not be sent to. What follows from the owner stays to be changed."""
+    owner = Owner(bench)
+    owner.flow.options.update(up_aux_flow_ip="127.255.255.255",
+                              up_aux_flow_port=bench.upstream.port)
+    owner.declare()
+    flow = owner.auxiliary(1)
+    bench.send(flow.request(b"lost"))
+    bench.vesk.wait_for_log(re.compile(r"error DOWN_TO_UP_SEND: network error on upstream endpoint "
+                                       r"of label .*\. Endpoint Deleted"))
+    host, port = bench.upstream.address
+    bench.vesk.lines_after(f"set label {flow.label} up_ip {host} up_port {port}")
+    bench.exchange(flow)
+
+
 def test_an_owner_may_be_changed_to_another_prefix(owner: Owner) -> None:
     bench = owner.bench
     bench.exchange(owner.auxiliary(1))

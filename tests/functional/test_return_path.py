@@ -271,14 +271,20 @@ def test_the_address_asked_last_is_the_one_that_answers(vesk: VeskProcess, peer:
         assert bench.answer(flow, bench.ask(flow).sender).sender == (asked, port)
 
 
-def test_the_packet_information_of_an_ipv4_reply(start_vesk: StartVesk, peer: UdpEnd,
-                                                 upstream: UdpEnd, tmp_path: Path) -> None:
+@pytest.mark.parametrize("setting, named", [
+    (None, "0.0.0.0"), ("", "0.0.0.0"), ("kernel", "0.0.0.0"), ("Arrival", "0.0.0.0"),
+    ("arrival ", "0.0.0.0"), ("arrival", "127.0.0.2")])
+def test_the_packet_information_of_an_ipv4_reply(
+        start_vesk: StartVesk, peer: UdpEnd, upstream: UdpEnd, tmp_path: Path,
+        setting: Optional[str], named: str) -> None:
     """The address that was asked stands in the field that the kernel only reports with.
 
-    The kernel then chooses the source, even where the listener is bound to one address.
+    The kernel then chooses the source, even where the listener is bound to one address. On
+    request it stands in the field for the source as well.
     """
     trace = tmp_path / "messages"
-    vesk = start_vesk(prefix=recording_start(trace, "sendmsg"))
+    vesk = start_vesk(prefix=recording_start(trace, "sendmsg"),
+                      environment={} if setting is None else {"VESK_IPV4_SOURCE": setting})
     vesk.settle()
     bench = Bench(vesk, peer, upstream, listen="0.0.0.0")
     bench.to = ("127.0.0.2", bench.to[1])
@@ -286,12 +292,14 @@ def test_the_packet_information_of_an_ipv4_reply(start_vesk: StartVesk, peer: Ud
     bench.declare(flow)
     sender = bench.ask(flow).sender
     upstream.send(flow.reply(b"answer"), sender)
-    flow.open_reply(peer.receive().data)
+    answer = peer.receive()
+    flow.open_reply(answer.data)
+    assert answer.sender[0] == (named if named != "0.0.0.0" else kernels_choice(peer.host))
     vesk.finish()
     (reply,) = [line for line in trace.read_text().splitlines() if "MSG_DONTWAIT" in line]
     mark = "{cmsg_len=20, cmsg_level=SOL_IP, cmsg_type=IP_TOS, cmsg_data=[0xb8, 0, 0, 0]}"
     source = ("{cmsg_len=28, cmsg_level=SOL_IP, cmsg_type=IP_PKTINFO, cmsg_data={ipi_ifindex=0, "
-              'ipi_spec_dst=inet_addr("0.0.0.0"), ipi_addr=inet_addr("127.0.0.2")}}')
+              f'ipi_spec_dst=inet_addr("{named}"), ipi_addr=inet_addr("127.0.0.2")}}}}')
     assert f"msg_control=[{mark}, {source}], msg_controllen=56," in reply, reply
 
 

@@ -18,25 +18,26 @@ Value at(View bytes, std::size_t offset) {
     return value;
 }
 
-SocketAddress ipv4Address(View message) {
+LocalAddress ipv4Address(View message) {
     sockaddr_in address{};
     address.sin_family = AF_INET;
     // Interface, the address to answer from, the address of the datagram.
     std::memcpy(&address.sin_addr, message.data() + 24, 4);
-    return {reinterpret_cast<const sockaddr*>(&address), sizeof(address)};
+    return {{reinterpret_cast<const sockaddr*>(&address), sizeof(address)},
+            std::memcmp(message.data() + 20, message.data() + 24, 4) == 0};
 }
 
-SocketAddress ipv6Address(View message) {
+LocalAddress ipv6Address(View message) {
     sockaddr_in6 address{};
     address.sin6_family = AF_INET6;
     std::memcpy(&address.sin6_addr, message.data() + 16, 16);
     address.sin6_scope_id = at<std::uint32_t>(message, 32);
-    return {reinterpret_cast<const sockaddr*>(&address), sizeof(address)};
+    return {{reinterpret_cast<const sockaddr*>(&address), sizeof(address)}, false};
 }
 
 /// The same by index over the whole: a message is its length (8 bytes), level, type (4 each) and
 /// data, and the next one begins at a multiple of 8.
-SocketAddress expectedDestination(int family, View control) {
+LocalAddress expectedDestination(int family, View control) {
     const bool ipv6 = family == AF_INET6;
     for (std::size_t offset = 0; offset + 16 <= control.size();) {
         const auto length = at<std::uint64_t>(control, offset);
@@ -66,6 +67,6 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
         require(findLocalDestination(family, control) == expectedDestination(family, control),
                 "the address a datagram was sent to is found");
     }
-    require(findLocalDestination(AF_UNSPEC, control).length == 0, "no family, no address");
+    require(findLocalDestination(AF_UNSPEC, control).address.length == 0, "no family, no address");
     return 0;
 }

@@ -28,7 +28,8 @@ bool socketIsOpen(const State& state, std::uint8_t index) {
 
 bool isHeld(const State& state, std::uint8_t index, const Rules& rules) {
     const auto holds = [index, &rules](const Worker& it) {
-        return it.endpoint == index || (rules.holdsDrained && it.drained.contains(index));
+        return it.endpoint == index || it.refused.contains(index) ||
+               (rules.holdsDrained && it.drained.contains(index));
     };
     return state.endpoints.at(index).filed || state.creatorHolds == index ||
            state.removerHolds == index || std::ranges::any_of(state.workers, holds);
@@ -330,7 +331,7 @@ class Stepper {
                 add("worker looks the socket up", [who](State& next) { lookUp(next, who); });
                 break;
             case WorkerStep::checkPrepared:
-                add("worker checks the endpoint", [&](State& next) { checkPrepared(next, who); });
+                checkPrepared(who);
                 break;
             case WorkerStep::claim:
                 add("worker claims the socket", [&](State& next) { claim(next, who); });
@@ -376,6 +377,9 @@ class Stepper {
                 worker.step = WorkerStep::lookUp;
             });
         }
+        if (!from_.workers.at(who).refused.empty()) {
+            retryRefused(who);
+        }
         if (!from_.workers.at(who).drained.empty() && rules_.armsAfterEachPass) {
             add("worker ends its pass",
                 [who](State& next) { next.workers.at(who).step = WorkerStep::armDrained; });
@@ -403,14 +407,22 @@ class Stepper {
         }
     }
 
-    void checkPrepared(State& next, std::size_t who) const {
-        Worker& worker = next.workers.at(who);
-        if (next.endpoints.at(worker.endpoint).prepared ||
-            rules_.unprepared == Rules::Unprepared::serve) {
-            worker.step = WorkerStep::claim;
-        } else {
-            finish(worker, rules_.unprepared == Rules::Unprepared::lookAgain);
+    void checkPrepared(std::size_t who) {
+        const std::uint8_t index = from_.workers.at(who).endpoint;
+        const bool prepared = from_.endpoints.at(index).prepared;
+        if (prepared || rules_.unprepared == Rules::Unprepared::serve) {
+            add("worker may use the endpoint",
+                [who](State& next) { next.workers.at(who).step = WorkerStep::claim; });
+        } else if (rules_.unprepared == Rules::Unprepared::forget || !isBeingPrepared(index)) {
+            add("worker gives an unprepared endpoint up",
+                [who](State& next) { finish(next.workers.at(who), false); });
         }
+        // Otherwise it waits.
+    }
+
+    bool isBeingPrepared(std::uint8_t index) const {
+        return from_.creatorHolds == index && (from_.creator == CreatorStep::registerSocket ||
+                                               from_.creator == CreatorStep::markPrepared);
     }
 
     void claim(State& next, std::size_t who) const {
@@ -425,6 +437,7 @@ class Stepper {
             serving = Serving::moreWanted;
             finish(worker, false);
         }
+        worker.armings = next.endpoints.at(worker.endpoint).armings;
         if (worker.step == WorkerStep::receive && isInBuffer(next.workers.at(1 - who), worker)) {
             next.fault = Fault::sharedBuffer;
         }
@@ -480,19 +493,20 @@ class Stepper {
         Endpoint& endpoint = next.endpoints.at(worker.endpoint);
         const bool wanted = endpoint.serving == Serving::moreWanted && rules_.heedsOtherWorker;
         endpoint.serving = Serving::nobody;
-        if (wanted) {
-            finish(worker, true);
-        } else if (!rules_.givesBackBeforeArming) {
-            finish(worker, false);
+        if (!rules_.givesBackBeforeArming) {
+            finish(worker, wanted);
         } else if (worker.outcome == Outcome::passingFailure) {
             finish(worker, true);
         } else if (worker.outcome == Outcome::lastingFailure) {
             endpoint.filed = false;
             finish(worker, false);
+        } else if (wanted) {
+            finish(worker, true);
         } else if (worker.outcome == Outcome::refused && !rules_.armsAfterRefusedReceive) {
             finish(worker, false);
         } else {
             worker.drained.push(worker.endpoint);
+            worker.drainedArmings.push(worker.armings);
             finish(worker, false);
         }
     }
@@ -518,24 +532,50 @@ class Stepper {
                 it.step = WorkerStep::releaseDrained;
             }
         };
+        const std::uint8_t armings = worker.drainedArmings.items.at(worker.armed);
+        if (rules_.armsOnce && from_.endpoints.at(index).armings != armings) {
+            add("worker finds a drained socket armed since", goOn);
+            return;
+        }
         if (channelHasRoom()) {
             add("worker asks for a drained socket to be armed", [&](State& next) {
+                ++next.endpoints.at(index).armings;
                 next.channel.push({Op::rearm, number, index});
                 goOn(next);
             });
         }
         mayFail("worker cannot ask for now", [&](State& next) {
-            next.workers.at(who).serving.push(number);
+            ++next.endpoints.at(index).armings;
+            if (rules_.triesAgain) {
+                next.workers.at(who).refused.push(index);
+            }
             goOn(next);
         });
         mayFail("worker cannot ask and removes the endpoint", [&](State& next) {
+            ++next.endpoints.at(index).armings;
             next.endpoints.at(index).filed = false;
             goOn(next);
         });
     }
 
+    void retryRefused(std::size_t who) {
+        const std::uint8_t index = from_.workers.at(who).refused.items.front();
+        const auto letRefusedGo = [this, who](State& next) {
+            disposeIfFree(next, next.workers.at(who).refused.pop());
+        };
+        if (!from_.endpoints.at(index).filed) {
+            add("worker forgets a refused socket that was removed", letRefusedGo);
+        } else if (channelHasRoom()) {
+            add("worker asks again for a refused socket to be armed", [&](State& next) {
+                next.channel.push({Op::rearm, next.endpoints.at(index).readNumber, index});
+                letRefusedGo(next);
+            });
+        }
+    }
+
     void releaseDrained(State& next, std::size_t who) const {
         Worker& worker = next.workers.at(who);
+        worker.drainedArmings.pop();
         disposeIfFree(next, worker.drained.pop());
         if (--worker.armed == 0) {
             worker.step = WorkerStep::idle;
@@ -571,7 +611,7 @@ bool isAtIt(const Worker& worker, std::uint8_t endpoint, std::uint8_t number) {
     const bool toBeArmed =
         std::find(drained.begin() + worker.armed, drained.begin() + worker.drained.size,
                   endpoint) != drained.begin() + worker.drained.size;
-    return onItsList || aboutToLook || inHand || toBeArmed;
+    return onItsList || aboutToLook || inHand || toBeArmed || worker.refused.contains(endpoint);
 }
 
 }  // namespace
@@ -598,7 +638,7 @@ bool isCovered(const State& state, std::uint8_t index) {
 bool isAtRest(const State& state) {
     const auto idle = [](const Worker& it) {
         return it.step == WorkerStep::idle && it.queue.empty() && it.serving.empty() &&
-               it.drained.empty();
+               it.drained.empty() && it.refused.empty();
     };
     if (!std::ranges::all_of(state.workers, idle) || state.creator != CreatorStep::idle ||
         state.removerHolds != noOne || !state.channel.empty()) {

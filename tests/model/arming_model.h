@@ -40,8 +40,12 @@ struct Rules {
     bool armsAfterRefusedReceive = true;
     bool pollThreadCloses = true;
     /// What a worker does with an endpoint whose creator is not done with it.
-    enum class Unprepared : std::uint8_t { lookAgain, forget, serve };
-    Unprepared unprepared = Unprepared::lookAgain;
+    enum class Unprepared : std::uint8_t { waitForCreator, forget, serve };
+    Unprepared unprepared = Unprepared::waitForCreator;
+    /// A socket that another worker armed since it was found drained is not armed again.
+    bool armsOnce = true;
+    /// A socket that could not be armed is tried again.
+    bool triesAgain = true;
 };
 
 /// How much happens.
@@ -91,6 +95,8 @@ struct Endpoint {
     /// In the tables, where datagrams and ready sockets find it.
     bool filed = false;
     bool prepared = false;
+    /// How often a worker has asked for it to be armed.
+    std::uint8_t armings = 0;
     Serving serving = Serving::nobody;
     /// Datagrams in the socket's buffer.
     std::uint8_t data = 0;
@@ -126,9 +132,14 @@ struct Worker {
     bool keep = false;
     Fifo<std::uint8_t, 6> queue;
     Fifo<std::uint8_t, 6> serving;
-    /// Endpoints to be armed when the pass is over, and how many of them are.
+    /// What the endpoint's count was before the receive call.
+    std::uint8_t armings = 0;
+    /// Endpoints to be armed when the pass is over, each with that count, and how many of them are.
     Fifo<std::uint8_t, 6> drained;
+    Fifo<std::uint8_t, 6> drainedArmings;
     std::uint8_t armed = 0;
+    /// Endpoints that could not be armed, to be tried again.
+    Fifo<std::uint8_t, 6> refused;
 };
 
 enum class CreatorStep : std::uint8_t { idle, registerSocket, markPrepared, forward, release };

@@ -57,8 +57,9 @@ TEST_F(ArmingModel, ASenderThatWaitsForRoomHoldsNobodyUpForGood) {
     expectNothingWrong({.endpoints = 2, .arrivals = 2, .removals = 2, .channel = 1});
 }
 
-// Either of these is enough by itself: whoever gives back first and arms then is woken by what came
-// meanwhile; whoever heeds the other worker reads it. Without both, see below.
+// Where a socket may be armed twice, either of these is enough by itself: whoever gives back first
+// and arms then is woken by what came meanwhile; whoever heeds the other worker reads it. Without
+// both, see below.
 
 TEST_F(ArmingModel, ArmingBeforeGivingBackIsSafeWhileTheOtherWorkerIsHeeded) {
     rules.givesBackBeforeArming = false;
@@ -67,6 +68,7 @@ TEST_F(ArmingModel, ArmingBeforeGivingBackIsSafeWhileTheOtherWorkerIsHeeded) {
 
 TEST_F(ArmingModel, NotHeedingTheOtherWorkerIsSafeWhileArmingComesLast) {
     rules.heedsOtherWorker = false;
+    rules.armsOnce = false;
     expectNothingWrong({.endpoints = 2, .arrivals = 2, .removals = 2});
     expectNothingWrong({.endpoints = 2, .arrivals = 2, .removals = 1, .failures = 1});
 }
@@ -82,6 +84,11 @@ TEST_F(ArmingModel, ArmingBeforeGivingBackLosesTheWakeUpOfOneThatIsNotHeeded) {
     rules.givesBackBeforeArming = false;
     rules.heedsOtherWorker = false;
     expectComplaint(lost, {.endpoints = 1});
+}
+
+TEST_F(ArmingModel, ArmingOnceLosesAWakeUpIfTheOtherWorkerIsIgnored) {
+    rules.heedsOtherWorker = false;
+    expectComplaint(lost, {.endpoints = 2, .arrivals = 2, .removals = 1, .failures = 1});
 }
 
 TEST_F(ArmingModel, ADrainedEndpointThatIsNotHeldIsGoneWhenItIsToBeArmed) {
@@ -112,6 +119,16 @@ TEST_F(ArmingModel, AnUnpreparedEndpointThatIsForgottenIsNeverRead) {
 TEST_F(ArmingModel, AnUnpreparedEndpointThatIsServedIsArmedBeforeItIsAdded) {
     rules.unprepared = Rules::Unprepared::serve;
     expectComplaint("a record that the epoll set refuses");
+}
+
+TEST_F(ArmingModel, ARefusedSocketThatIsNotTriedAgainEndsTheFlow) {
+    rules.triesAgain = false;
+    expectComplaint(lost, {.endpoints = 1, .failures = 1});
+}
+
+TEST_F(ArmingModel, ArmingTwiceIsSafeToo) {
+    rules.armsOnce = false;
+    expectNothingWrong({.endpoints = 2, .arrivals = 2, .removals = 2});
 }
 
 }  // namespace

@@ -136,8 +136,16 @@ def exchanging(bench: Bench) -> None:
         if arrived.data.endswith(b"control"):
             bench.upstream.send(bench.control.reply(b"control"), arrived.sender)
             wait_for(bench, bench.peer, b"control")
+            # Another worker may still be at the flow's answer, or about to end the process.
+            wait_until(lambda: not bench.vesk.running() or workers_wait(bench.vesk),
+                       "the workers wait again, or the process has ended")
             return
         bench.upstream.send(flow.reply(b"answer"), arrived.sender)
+
+
+def workers_wait(vesk: VeskProcess) -> bool:
+    workers = sum("created upstream recvThread" in line for line in vesk.log_lines())
+    return len(vesk.threads_in("futex")) >= workers
 
 
 def next_of(bench: Bench) -> Optional[Received]:

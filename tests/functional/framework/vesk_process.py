@@ -56,7 +56,7 @@ class VeskProcess:
         self.finished = False
         self._process = subprocess.Popen(
             [*prefix, binary(), *arguments], cwd=folder, bufsize=0,
-            env=_environment(environment or {}, traced=bool(prefix) and "strace" in prefix[0]),
+            env=_environment(environment or {}, traced="strace" in prefix),
             stdin=standard_input, stdout=standard_output, stderr=subprocess.PIPE)
         self._readers = [threading.Thread(target=self._read_errors, daemon=True)]
         if self._process.stdout is not None:
@@ -280,9 +280,12 @@ class VeskProcess:
         if self._process.stdin is not None and not self._process.stdin.closed:
             self._process.stdin.close()
 
-    def wait_exit(self, status: int = 0, seconds: float = 5.0,
+    def wait_exit(self, status: Union[int, Sequence[int]] = 0, seconds: float = 5.0,
                   errors: Expected = "", core_allowed: bool = False) -> float:
-        """Waits for the end, checks how it came, and returns how long it took."""
+        """Waits for the end, checks how it came, and returns how long it took.
+
+        The status is one, or one of several.
+        """
         began = time.monotonic()
         try:
             actual = self._process.wait(scaled(seconds))
@@ -295,7 +298,7 @@ class VeskProcess:
         self._release()
         said = self.errors().decode("utf-8", "replace")
         problems = []
-        if actual != status:
+        if actual not in ([status] if isinstance(status, int) else status):
             problems.append(f"exit status {actual} instead of {status}")
         if not _matches(errors, said):
             problems.append(f"unexpected words on standard error:\n{said[-8000:]}")

@@ -112,8 +112,8 @@ const std::vector<std::uint32_t>& someLabels() {
 LoopbackForwarder::LoopbackForwarder(int version, bool joined)
     : context_(std::make_shared<ForwarderContext>(version)), receiver_(context_) {
     require(createPollSocks(context_->pollSocket, context_->serverPollSock) == 0, "a poll channel");
-    context_->downstreamEndpoint.exchange(listeningEndpoint());
-    context_->lateralEndpoint.exchange(listeningEndpoint());
+    context_->downstreamEndpoint.publish(LentEndpoint(listeningEndpoint()));
+    context_->lateralEndpoint.publish(LentEndpoint(listeningEndpoint()));
     declareFlows();
     if (joined) {
         join();
@@ -170,9 +170,9 @@ void LoopbackForwarder::join() {
     }
     const SocketAddress& other = surroundings().otherInstance.address;
     const IPAddrInfo peer(other.get(), other.length);
-    lateral.port.store(peer.port());
-    lateral.index.store(thisInstance);
-    lateral.maxQels.store(instanceCount);
+    lateral.port = peer.port();
+    lateral.index = thisInstance;
+    lateral.maxQels = instanceCount;
     lateral.peers.set(vesk::fuzz::otherInstance, peer);
     lateral.running.store(true);
 }
@@ -209,9 +209,7 @@ void LoopbackForwarder::carryReply(View datagram, const VeskEndpointDescriptor& 
         const int result = upstreamSocketRecv(flow.rdsockfd, keep, receiver_);
         require((result == 1) == keep, "the result says the same as the flag");
     }
-    std::vector<int> servedAgain;
-    receiver_.endPass(servedAgain);
-    require(servedAgain.empty(), "a drained socket can be armed");
+    require(!receiver_.endPass(LogDelay()).has_value(), "a drained socket can be armed");
 }
 
 PollRequests LoopbackForwarder::applyPollRequests() const {

@@ -15,6 +15,11 @@ TEST(ForwarderContextTest, IsMadeForOneFramingVersion) {
     EXPECT_EQ(ForwarderContext(2).framing.version, 2U);
 }
 
+TEST(ForwarderContextTest, LeavesTheSourceToTheKernelUnlessItIsTold) {
+    EXPECT_EQ(ForwarderContext(2).ipv4Source, Ipv4Source::kernel);
+    EXPECT_EQ(ForwarderContext(2, Ipv4Source::arrival).ipv4Source, Ipv4Source::arrival);
+}
+
 TEST(ForwarderContextTest, HoldsNothingButItsTables) {
     const auto context = std::make_shared<ForwarderContext>(2);
     ASSERT_NE(context->endpointManager, nullptr);

@@ -6,8 +6,12 @@
 #include <atomic>
 #include <cerrno>
 #include <memory>
+#include <optional>
+#include <string>
 #include <thread>
+#include <utility>
 
+#include "support/child_process.h"
 #include "support/descriptors.h"
 #include "support/printed.h"
 #include "support/thread_state.h"
@@ -54,6 +58,7 @@ TEST_F(CancellableThreadTest, EndsAThreadThatWaitsInsideAScope) {
     ASSERT_TRUE(mark.eventuallyBlocks());
     EXPECT_EQ(printedBy([this] { EXPECT_EQ(thread.stop(), 0); }), "");
     EXPECT_FALSE(thread.started());
+    EXPECT_FALSE(thread.leftRunning());
     EXPECT_EQ(thread.id(), pthread_t{});
 }
 
@@ -182,6 +187,73 @@ TEST_F(CancellableThreadTest, RunsNothingWhereNoThreadIsToBeHad) {
     EXPECT_EQ(thread.id(), pthread_t{});
     EXPECT_EQ(held.use_count(), 1);
     EXPECT_EQ(thread.stop(), ESRCH);
+}
+
+const std::string notCancelled =
+    "error Failed pthread_cancel: error Resource temporarily unavailable\n";
+
+/// A thread that waits in what it owns, and cannot be cancelled. Made in a child.
+struct ThreadLeftRunning {
+    struct Used {
+        Pipe pipe;
+        ThreadMark mark;
+    };
+
+    ThreadLeftRunning() {
+        auto used = std::make_shared<Used>();
+        watched = used;
+        const Used& seen = *used;
+        thread.emplace();
+        EXPECT_EQ(thread->start([used = std::move(used)] {
+            used->mark.set();
+            const CancellationScope cancellable;
+            char byte = 0;
+            while (read(used->pipe.read.get(), &byte, 1) == 1) {
+            }
+        }),
+                  0);
+        EXPECT_TRUE(seen.mark.eventuallyBlocks());
+        forbidCancelling();
+    }
+
+    std::optional<CancellableThread> thread;
+    std::weak_ptr<Used> watched;
+};
+
+TEST(ThreadLeftRunningTest, IsReported) {
+    const ChildResult child = runInChild([] {
+        ThreadLeftRunning left;
+        EXPECT_EQ(left.thread->stop(), EAGAIN);
+        EXPECT_TRUE(left.thread->leftRunning());
+        EXPECT_FALSE(left.thread->started());
+        EXPECT_EQ(left.thread->id(), pthread_t{});
+        return testing::Test::HasFailure() ? 1 : 0;
+    });
+    EXPECT_EQ(child.exitCode, 0);
+    EXPECT_EQ(child.printed, notCancelled);
+}
+
+TEST(ThreadLeftRunningTest, IsNotStoppedASecondTime) {
+    const ChildResult child = runInChild([] {
+        ThreadLeftRunning left;
+        left.thread->stop();
+        EXPECT_EQ(left.thread->stop(), ESRCH);
+        EXPECT_TRUE(left.thread->leftRunning());
+        return testing::Test::HasFailure() ? 1 : 0;
+    });
+    EXPECT_EQ(child.exitCode, 0);
+    EXPECT_EQ(child.printed, notCancelled);
+}
+
+TEST(ThreadLeftRunningTest, KeepsWhatItsBodyOwnsAfterItsHandleIsGone) {
+    const ChildResult child = runInChild([] {
+        ThreadLeftRunning left;
+        left.thread.reset();
+        EXPECT_FALSE(left.watched.expired());
+        return testing::Test::HasFailure() ? 1 : 0;
+    });
+    EXPECT_EQ(child.exitCode, 0);
+    EXPECT_EQ(child.printed, notCancelled);
 }
 
 TEST(CancellationScopeTest, SwitchesCancellationOffAgain) {

@@ -1,5 +1,7 @@
 #include "control/control_fixture.h"
 
+#include <utility>
+
 #include "control/forwarder_commands.h"
 #include "control/listening_endpoint.h"
 #include "support/printed.h"
@@ -9,7 +11,8 @@ namespace vesk {
 void ControlTest::TearDown() {
     printedBy([this] { stopForwarder(*context); });
     context->lateral.thread.stop();
-    closeListeningEndpoint(context->lateralEndpoint.exchange(nullptr), *context);
+    context->lateralEndpoint.withdraw();
+    closeListeningEndpoint(std::move(context->lateral.endpoint), *context);
     ForwarderTest::TearDown();
 }
 

@@ -13,6 +13,7 @@
 
 #include "control/control_fixture.h"
 #include "log/log.h"
+#include "support/child_process.h"
 #include "support/framed.h"
 #include "support/printed.h"
 #include "support/thread_state.h"
@@ -163,6 +164,24 @@ TEST_F(ForwarderCommandsTest, StopWithNothingRunningSaysNothing) {
     stop();
     EXPECT_EQ(stop(), "");
     EXPECT_TRUE(run(stopForwarder, "now please").succeeded);
+}
+
+TEST_F(ForwarderCommandsTest, StopKeepsTheEndpointOfAThreadThatCannotBeCancelled) {
+    const ChildResult child = runInChild([this] {
+        const std::uint16_t port = freePort();
+        startOn(port);
+        EXPECT_TRUE(othersEventuallyBlock());
+        forbidCancelling();
+        EXPECT_EQ(stop(), "error Failed pthread_cancel: error " + unavailable +
+                              "\ninfo Forwarder listener stopped\n");
+        EXPECT_EQ(context->downstreamEndpoint.load(), nullptr);
+        EXPECT_TRUE(isTaken(port));
+        EXPECT_EQ(stop(), "");
+        EXPECT_TRUE(startOn(freePort()).succeeded);
+        EXPECT_EQ(context->downstreamListeners.size(), 2U);
+        return HasFailure() ? 1 : 0;
+    });
+    EXPECT_EQ(child.exitCode, 0) << child.printed;
 }
 
 TEST_F(ForwarderCommandsTest, StopAndStartOnTheSamePortManyTimes) {

@@ -8,10 +8,12 @@
 #include <openssl/evp.h>
 #include <openssl/rand.h>
 
+#include <atomic>
 #include <ios>
 #include <sstream>
 #include <stdexcept>
 #include <string>
+#include <thread>
 
 #include "control/control_fixture.h"
 #include "support/framed.h"
@@ -209,6 +211,38 @@ TEST_F(LateralStartTest, ReportsThatNoKeyCanBeDrawn) {
     RAND_set_rand_method(nullptr);
     EXPECT_EQ(context->lateralEndpoint.load(), nullptr);
     EXPECT_FALSE(context->lateral.checkingKey.hasKey());
+}
+
+TEST_F(LateralStartTest, HandlesNoDatagramBeforeItsSettingsArePublished) {
+    LateralStream& lateral = context->lateral;
+    // Made here: no thread may make descriptors while a listening endpoint is being closed.
+    UdpSocket socket;
+    for (int round = 0; round < 50; ++round) {
+        const std::uint16_t port = freePort();
+        const SocketAddress address = IPAddrInfo("127.0.0.1", port).socketAddress();
+        std::atomic<bool> handled{false};
+        bool wasRunning = false;
+        std::thread sender([&] {
+            while (!handled) {
+                socket.send(Bytes(1), address);
+                const EndpointPtr endpoint = context->lateralEndpoint.load();
+                if (endpoint && endpoint->counters.rxDg.value() != 0) {
+                    wasRunning = lateral.running;
+                    handled = true;
+                }
+            }
+        });
+        const bool started = startOn(port).succeeded;
+        if (!started) {
+            handled = true;
+        }
+        sender.join();
+        ASSERT_TRUE(started);
+        EXPECT_TRUE(wasRunning) << round;
+        lateral.thread.stop();
+        lateral.running = false;
+        context->lateralEndpoint.withdraw();
+    }
 }
 
 TEST_F(LateralStartTest, TakesPeersAfterTheStart) {

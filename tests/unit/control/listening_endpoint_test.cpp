@@ -15,41 +15,39 @@ namespace {
 
 class ListeningEndpointTest : public ForwarderTest {
  protected:
-    static EndpointPtr endpointWith(EndpointDeleter deleter) {
-        return std::make_unique<VeskEndpointDescriptor>(0, 7, 7, FlowDesc(), std::move(deleter));
+    static LentEndpoint endpointWith(EndpointDeleter deleter) {
+        return LentEndpoint(
+            std::make_unique<VeskEndpointDescriptor>(0, 7, 7, FlowDesc(), std::move(deleter)));
     }
 };
 
 TEST_F(ListeningEndpointTest, TakesNoEndpoint) {
-    closeListeningEndpoint(nullptr, *context);
+    closeListeningEndpoint(LentEndpoint(), *context);
 }
 
 TEST_F(ListeningEndpointTest, ClosesTheSocketBeforeItReturns) {
     const int fd = dup(context->pollSocket.get());
-    closeListeningEndpoint(
-        std::make_unique<VeskEndpointDescriptor>(0, fd, fd, FlowDesc(), closeEndpointSockets),
-        *context);
+    closeListeningEndpoint(LentEndpoint(std::make_unique<VeskEndpointDescriptor>(
+                               0, fd, fd, FlowDesc(), closeEndpointSockets)),
+                           *context);
     EXPECT_FALSE(isOpen(fd));
 }
 
-TEST_F(ListeningEndpointTest, WaitsForWhoeverStillSends) {
+TEST_F(ListeningEndpointTest, SleepsUntilTheLastSenderIsDone) {
     std::thread::id closedBy;
-    EndpointPtr endpoint =
+    LentEndpoint endpoint =
         endpointWith([&closedBy](int, int) { closedBy = std::this_thread::get_id(); });
-    EndpointPtr sender = endpoint;
-    std::atomic<bool> begun{false};
+    EndpointPtr sender = endpoint.lease();
+    ThreadMark mark;
     std::atomic<bool> returned{false};
     std::thread closing([&] {
-        begun = true;
+        mark.set();
         closeListeningEndpoint(std::move(endpoint), *context);
         returned = true;
     });
     const std::thread::id closingThread = closing.get_id();
-    EXPECT_TRUE(eventually([&begun] { return begun.load(); }));
-    for (int turns = 0; turns < 1000; ++turns) {
-        std::this_thread::yield();
-        ASSERT_FALSE(returned);
-    }
+    EXPECT_TRUE(mark.eventuallyBlocks());
+    EXPECT_FALSE(returned);
     sender.reset();
     closing.join();
     // Not by the sender: whoever closes knows when it is done.

@@ -8,6 +8,7 @@
 #include <cstring>
 
 #include "flow/ip_addr_info.h"
+#include "net/local_address.h"
 #include "support/bytes.h"
 
 namespace vesk {
@@ -29,19 +30,25 @@ inline Bytes operator+(Bytes left, const Bytes& right) {
     return left;
 }
 
-/// Interface 3, first address 9.9.9.9, destination 192.0.2.1.
-inline const Bytes ipv4Information = fromHex("03000000 09090909 c0000201");
+/// Interface 3, destination 192.0.2.1, which is the host's own.
+inline const Bytes ipv4Information = fromHex("03000000 c0000201 c0000201");
+/// Interface 3, destination 192.0.2.255, a broadcast address; the host's own is 192.0.2.1.
+inline const Bytes ipv4BroadcastInformation = fromHex("03000000 c0000201 c00002ff");
 /// Destination 2001:db8::1, interface 3.
 inline const Bytes ipv6Information = fromHex("20010db8 00000000 00000000 00000001 03000000");
 
-inline SocketAddress ipv4Destination() {
-    return withPort(IPAddrInfo("192.0.2.1", 1).socketAddress(), 0);
+inline LocalAddress ipv4Destination() {
+    return {withPort(IPAddrInfo("192.0.2.1", 1).socketAddress(), 0), true};
 }
 
-inline SocketAddress ipv6Destination() {
+inline LocalAddress ipv4BroadcastDestination() {
+    return {withPort(IPAddrInfo("192.0.2.255", 1).socketAddress(), 0), false};
+}
+
+inline LocalAddress ipv6Destination() {
     SocketAddress address = withPort(IPAddrInfo("2001:db8::1", 1).socketAddress(), 0);
     reinterpret_cast<sockaddr_in6*>(address.get())->sin6_scope_id = 3;
-    return address;
+    return {address, false};
 }
 
 }  // namespace vesk

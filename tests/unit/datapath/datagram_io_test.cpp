@@ -29,6 +29,12 @@ TEST(LocalDestinationTest, IsFoundForEitherFamily) {
               ipv6Destination());
 }
 
+TEST(LocalDestinationTest, IsNoSourceWhereTheHostsAddressIsAnother) {
+    EXPECT_EQ(
+        findLocalDestination(AF_INET, control(IPPROTO_IP, IP_PKTINFO, ipv4BroadcastInformation)),
+        ipv4BroadcastDestination());
+}
+
 TEST(LocalDestinationTest, IsFoundBehindOtherMessages) {
     // Data lengths that need padding, so that the walk has to round up.
     for (const std::size_t length : {0U, 1U, 4U, 8U, 9U}) {
@@ -45,38 +51,40 @@ TEST(LocalDestinationTest, IsTakenFromTheFamilysOwnMessageOnly) {
                        control(IPPROTO_IPV6, IPV6_PKTINFO, ipv6Information);
     EXPECT_EQ(findLocalDestination(AF_INET6, both), ipv6Destination());
     EXPECT_EQ(findLocalDestination(AF_INET, both), ipv4Destination());
-    EXPECT_EQ(
-        findLocalDestination(AF_INET6, control(IPPROTO_IP, IP_PKTINFO, ipv4Information)).length,
-        0U);
-    EXPECT_EQ(findLocalDestination(AF_UNIX, both).length, 0U);
-    EXPECT_EQ(findLocalDestination(0, both).length, 0U);
-    // The right type at the wrong level, and the other way round.
-    EXPECT_EQ(
-        findLocalDestination(AF_INET, control(IPPROTO_IPV6, IP_PKTINFO, ipv4Information)).length,
-        0U);
-    EXPECT_EQ(findLocalDestination(AF_INET, control(IPPROTO_IP, IP_TOS, ipv4Information)).length,
+    EXPECT_EQ(findLocalDestination(AF_INET6, control(IPPROTO_IP, IP_PKTINFO, ipv4Information))
+                  .address.length,
               0U);
+    EXPECT_EQ(findLocalDestination(AF_UNIX, both).address.length, 0U);
+    EXPECT_EQ(findLocalDestination(0, both).address.length, 0U);
+    // The right type at the wrong level, and the other way round.
+    EXPECT_EQ(findLocalDestination(AF_INET, control(IPPROTO_IPV6, IP_PKTINFO, ipv4Information))
+                  .address.length,
+              0U);
+    EXPECT_EQ(
+        findLocalDestination(AF_INET, control(IPPROTO_IP, IP_TOS, ipv4Information)).address.length,
+        0U);
 }
 
 TEST(LocalDestinationTest, IsEmptyWithoutControlData) {
-    EXPECT_EQ(findLocalDestination(AF_INET, {}).length, 0U);
-    EXPECT_EQ(findLocalDestination(AF_INET6, {}).length, 0U);
+    EXPECT_EQ(findLocalDestination(AF_INET, {}).address.length, 0U);
+    EXPECT_EQ(findLocalDestination(AF_INET6, {}).address.length, 0U);
 }
 
 TEST(LocalDestinationTest, IsEmptyWhereTheMessageIsCut) {
     const Bytes whole = control(IPPROTO_IP, IP_PKTINFO, ipv4Information);
     for (std::size_t length = 0; length < CMSG_LEN(ipv4Information.size()); ++length) {
-        EXPECT_EQ(findLocalDestination(AF_INET, std::span(whole).first(length)).length, 0U)
+        EXPECT_EQ(findLocalDestination(AF_INET, std::span(whole).first(length)).address.length, 0U)
             << length;
     }
 }
 
 TEST(LocalDestinationTest, IsEmptyWhereTheInformationIsTooShort) {
-    EXPECT_EQ(findLocalDestination(AF_INET, control(IPPROTO_IP, IP_PKTINFO, Bytes(11, 1))).length,
-              0U);
     EXPECT_EQ(
-        findLocalDestination(AF_INET6, control(IPPROTO_IPV6, IPV6_PKTINFO, Bytes(19, 1))).length,
+        findLocalDestination(AF_INET, control(IPPROTO_IP, IP_PKTINFO, Bytes(11, 1))).address.length,
         0U);
+    EXPECT_EQ(findLocalDestination(AF_INET6, control(IPPROTO_IPV6, IPV6_PKTINFO, Bytes(19, 1)))
+                  .address.length,
+              0U);
 }
 
 TEST(LocalDestinationTest, StopsAtAHeaderThatLies) {
@@ -85,7 +93,7 @@ TEST(LocalDestinationTest, StopsAtAHeaderThatLies) {
                                       ~std::size_t{0}, ~std::size_t{0} - 7}) {
         Bytes liar = control(SOL_SOCKET, SO_TIMESTAMP, Bytes(8));
         std::memcpy(liar.data(), &claimed, sizeof(claimed));
-        EXPECT_EQ(findLocalDestination(AF_INET, liar + good).length, 0U) << claimed;
+        EXPECT_EQ(findLocalDestination(AF_INET, liar + good).address.length, 0U) << claimed;
     }
 }
 
@@ -122,16 +130,18 @@ TEST_P(ReceiveTest, TellsSenderDestinationAndLength) {
               toBytes("datagram"));
     EXPECT_EQ(message.sender(), peer.address());
     EXPECT_FALSE(message.truncated());
-    const SocketAddress local = message.localDestination(GetParam());
-    const IPAddrInfo printed(local.get(), local.length);
+    const LocalAddress local = message.localDestination(GetParam());
+    const IPAddrInfo printed(local.address.get(), local.address.length);
     EXPECT_EQ(printed.host(), GetParam() == AF_INET ? "127.0.0.1" : "::1");
     EXPECT_EQ(printed.port(), 0);
+    EXPECT_EQ(local.validIpv4Source, GetParam() == AF_INET);
 }
 
 TEST_P(ReceiveTest, TellsNoDestinationOfTheOtherFamily) {
     peer.send(toBytes("datagram"), socket.address());
     receiveNow(message, *endpoint);
-    EXPECT_EQ(message.localDestination(GetParam() == AF_INET ? AF_INET6 : AF_INET).length, 0U);
+    EXPECT_EQ(message.localDestination(GetParam() == AF_INET ? AF_INET6 : AF_INET).address.length,
+              0U);
 }
 
 TEST_P(ReceiveTest, TellsNoDestinationThatWasNotAskedFor) {
@@ -141,7 +151,7 @@ TEST_P(ReceiveTest, TellsNoDestinationThatWasNotAskedFor) {
     receiveNow(message, *endpoint);
     peer.send(toBytes("second"), plain.address());
     receiveNow(message, unasked);
-    EXPECT_EQ(message.localDestination(GetParam()).length, 0U);
+    EXPECT_EQ(message.localDestination(GetParam()).address.length, 0U);
 }
 
 TEST_P(ReceiveTest, CutsADatagramThatIsTooLong) {

@@ -31,13 +31,13 @@ void DatapathTest::SetUp() {
     ForwarderTest::SetUp();
     downstream = listeningEndpoint(downstreamSocket);
     lateral = listeningEndpoint(lateralSocket);
-    context->downstreamEndpoint.exchange(downstream);
-    localDestination = withPort(peer.address(), 0);
+    context->downstreamEndpoint.publish(LentEndpoint(downstream));
+    localDestination = {withPort(peer.address(), 0), true};
 }
 
 void DatapathTest::TearDown() {
-    context->downstreamEndpoint.exchange(nullptr);
-    context->lateralEndpoint.exchange(nullptr);
+    context->downstreamEndpoint.withdraw();
+    context->lateralEndpoint.withdraw();
     ForwarderTest::TearDown();
 }
 
@@ -87,7 +87,7 @@ ReplyRoute DatapathTest::routeOf(VeskEndpointDescriptor& endpoint) {
 }
 
 void DatapathTest::startLateral(std::uint32_t index, std::uint32_t instances) {
-    context->lateralEndpoint.exchange(lateral);
+    context->lateralEndpoint.publish(LentEndpoint(lateral));
     for (HmacInfo* slot : {&context->lateral.signingKey, &context->lateral.checkingKey}) {
         slot->setKey(lateralKey.bytes);
         slot->setAlgorithm(hmacSha256);

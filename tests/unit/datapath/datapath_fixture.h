@@ -35,7 +35,8 @@ EndpointPtr listeningEndpoint(const UdpSocket& socket);
 
 class DatapathTest : public ForwarderTest {
  protected:
-    explicit DatapathTest(int framingVersion = 2) : ForwarderTest(framingVersion) {}
+    explicit DatapathTest(int framingVersion = 2, Ipv4Source ipv4Source = Ipv4Source::kernel)
+        : ForwarderTest(framingVersion, ipv4Source) {}
 
     void SetUp() override;
     void TearDown() override;
@@ -70,7 +71,7 @@ class DatapathTest : public ForwarderTest {
     /// What this instance signs lateral headers with.
     const TestKey lateralKey{"sha256", Bytes(16, 0x42)};
     /// Where datagrams of peers arrive; as the kernel tells it.
-    SocketAddress localDestination;
+    LocalAddress localDestination;
 
  private:
     void hand(VeskEndpointDescriptor& endpoint, const Bytes& datagram, const SocketAddress& sender,

@@ -82,7 +82,7 @@ TEST_F(LateralDispatchTest, CountsALabelOfAnUnknownOwner) {
 }
 
 TEST_F(LateralDispatchTest, CountsALabelThatCannotBeHandedOn) {
-    context->lateralEndpoint.exchange(nullptr);
+    context->lateralEndpoint.withdraw();
     arrive(framed(foreignLabel, payload));
     EXPECT_EQ(countsOf(*downstream), (Counts{.rxDgError = 1}));
 }
@@ -95,7 +95,7 @@ TEST_F(LateralDispatchTest, LetsADatagramMakeOneHop) {
 }
 
 TEST_F(LateralDispatchTest, CountsWhereTheDatagramCameInWithoutADownstreamEndpoint) {
-    context->downstreamEndpoint.exchange(nullptr);
+    context->downstreamEndpoint.withdraw();
     arriveLaterally(framed(foreignLabel, payload), somePath);
     EXPECT_EQ(countsOf(*lateral), (Counts{.rxDgError = 1}));
 }

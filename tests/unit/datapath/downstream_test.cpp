@@ -255,7 +255,7 @@ TEST_F(DownstreamTest, RemembersTheLastSenderAndWhereItsDatagramArrived) {
     EXPECT_EQ(routeOf(*flow).peer, peer.address());
     EXPECT_EQ(routeOf(*flow).local, localDestination);
     const UdpSocket newer;
-    localDestination = withPort(IPAddrInfo("127.0.0.2", 1).socketAddress(), 0);
+    localDestination = {withPort(IPAddrInfo("127.0.0.2", 1).socketAddress(), 0), true};
     arriveFrom(newer, framed(5, payload));
     EXPECT_EQ(routeOf(*flow).peer, newer.address());
     EXPECT_EQ(routeOf(*flow).local, localDestination);

@@ -5,6 +5,7 @@
 
 #include <algorithm>
 #include <cstring>
+#include <utility>
 
 #include "datapath/control_data.h"
 #include "datapath/datagram_io.h"
@@ -65,7 +66,7 @@ TEST_F(OutgoingMessageTest, CarriesDatagramAndDestination) {
 TEST_F(OutgoingMessageTest, CarriesNoControlDataOfItsOwn) {
     message.setDestination(IPAddrInfo("::1", 4500).socketAddress());
     message.addTrafficClass(noDscp, noDscp);
-    message.addSource(SocketAddress());
+    message.addSource(LocalAddress());
     EXPECT_EQ(message.header()->msg_control, nullptr);
     EXPECT_EQ(message.header()->msg_controllen, 0U);
 }
@@ -96,10 +97,51 @@ TEST_F(OutgoingMessageTest, LeavesAFamilyWithoutAMarkUnmarked) {
 
 TEST_F(OutgoingMessageTest, NamesAnIpv4SourceInTheAddressField) {
     message.setDestination(IPAddrInfo("127.0.0.1", 4500).socketAddress());
-    message.addSource(IPAddrInfo("192.0.2.1", 9).socketAddress());
+    message.addSource({IPAddrInfo("192.0.2.1", 9).socketAddress(), true});
     EXPECT_EQ(controlOf(message),
               control(IPPROTO_IP, IP_PKTINFO, fromHex("00000000 00000000 c0000201")));
     EXPECT_EQ(controlOf(message).size(), 32U);
+}
+
+TEST(ArrivalSourceTest, NamesAnIpv4SourceInBothFields) {
+    OutgoingMessage message(Ipv4Source::arrival);
+    message.setDestination(IPAddrInfo("127.0.0.1", 4500).socketAddress());
+    message.addTrafficClass(46, noDscp);
+    message.addSource(ipv4Destination());
+    EXPECT_EQ(controlOf(message),
+              trafficClass(IPPROTO_IP, IP_TOS, 184) +
+                  control(IPPROTO_IP, IP_PKTINFO, fromHex("00000000 c0000201 c0000201")));
+}
+
+TEST(ArrivalSourceTest, LeavesWhatIsNoSourceInTheAddressField) {
+    OutgoingMessage message(Ipv4Source::arrival);
+    message.setDestination(IPAddrInfo("127.0.0.1", 4500).socketAddress());
+    message.addSource(ipv4BroadcastDestination());
+    EXPECT_EQ(controlOf(message),
+              control(IPPROTO_IP, IP_PKTINFO, fromHex("00000000 00000000 c00002ff")));
+}
+
+TEST(ArrivalSourceTest, LeavesIpv6AsItIs) {
+    OutgoingMessage message(Ipv4Source::arrival);
+    message.setDestination(IPAddrInfo("::1", 4500).socketAddress());
+    message.addSource(ipv6Destination());
+    EXPECT_EQ(controlOf(message), control(IPPROTO_IPV6, IPV6_PKTINFO, ipv6Information));
+}
+
+TEST(ArrivalSourceTest, IsFollowedByTheKernel) {
+    for (const auto& [mode, source] : {std::pair(Ipv4Source::kernel, "127.0.0.1"),
+                                       std::pair(Ipv4Source::arrival, "127.0.0.9")}) {
+        UdpSocket from(AF_INET);
+        UdpSocket to(AF_INET);
+        Bytes datagram = toBytes("from");
+        OutgoingMessage message(mode);
+        message.setDatagram(datagram);
+        message.setDestination(to.address());
+        message.addSource({IPAddrInfo("127.0.0.9", 1).socketAddress(), true});
+        EXPECT_EQ(sendmsg(from.fd(), message.header(), 0), 4);
+        EXPECT_EQ(to.receive(), datagram);
+        EXPECT_EQ(to.sender(), IPAddrInfo(source, from.port()).socketAddress());
+    }
 }
 
 TEST_F(OutgoingMessageTest, NamesAnIpv6SourceWithItsInterface) {
@@ -113,7 +155,7 @@ TEST_F(OutgoingMessageTest, NamesNoSourceOfAnotherFamily) {
     sockaddr_storage other{};
     other.ss_family = AF_UNIX;
     message.setDestination(IPAddrInfo("::1", 4500).socketAddress());
-    message.addSource({reinterpret_cast<const sockaddr*>(&other), 16});
+    message.addSource({{reinterpret_cast<const sockaddr*>(&other), 16}, true});
     EXPECT_EQ(message.header()->msg_control, nullptr);
 }
 
@@ -145,7 +187,7 @@ TEST_F(OutgoingMessageTest, IsTakenByTheKernelWithEverythingOnIt) {
         message.setDatagram(datagram);
         message.setDestination(to.address());
         message.addTrafficClass(46, 46);
-        message.addSource(withPort(from.address(), 0));
+        message.addSource({withPort(from.address(), 0), true});
         EXPECT_EQ(sendmsg(from.fd(), message.header(), 0), 6);
         EXPECT_EQ(to.receive(), datagram);
         EXPECT_EQ(to.sender(), from.address());

@@ -59,7 +59,8 @@ TEST_F(ReceiveThreadTest, DownstreamForwardsAndRemembersWhereFrom) {
     const EndpointPtr flow = manager().findEndpointByLabel(5);
     ASSERT_NE(flow, nullptr);
     EXPECT_EQ(routeOf(*flow).peer, peer.address());
-    EXPECT_EQ(routeOf(*flow).local, withPort(IPAddrInfo("127.0.0.1", 1).socketAddress(), 0));
+    EXPECT_EQ(routeOf(*flow).local.address,
+              withPort(IPAddrInfo("127.0.0.1", 1).socketAddress(), 0));
 }
 
 TEST_F(ReceiveThreadTest, DownstreamTakesADatagramThatIsTooLongAsItWasCut) {
@@ -146,7 +147,8 @@ TEST_F(LateralThreadTest, ForwardsWhatAnotherInstanceHandsOver) {
     EXPECT_EQ(routeOf(*flow).peer, neighbour.address());
     EXPECT_EQ(toBytes(routeOf(*flow).returnPath.bytes()),
               Bytes(datagram.begin() + 1, datagram.begin() + 34));
-    EXPECT_EQ(routeOf(*flow).local, withPort(IPAddrInfo("127.0.0.1", 1).socketAddress(), 0));
+    EXPECT_EQ(routeOf(*flow).local.address,
+              withPort(IPAddrInfo("127.0.0.1", 1).socketAddress(), 0));
 }
 
 TEST_F(LateralThreadTest, SendsAReturnedReplyToThePeer) {
@@ -202,7 +204,7 @@ TEST_F(LateralThreadTest, DropsAReplyThatCannotBeSent) {
 }
 
 TEST_F(LateralThreadTest, DropsAReplyAfterStop) {
-    context->downstreamEndpoint.exchange(nullptr);
+    context->downstreamEndpoint.withdraw();
     sendToInstance(wrapped(2, peer.address(), lateralKey, framed(0x2222, payload)));
     expectCounts(*lateral, {.rxDg = 1, .dnTxDgDropped = 1});
 }

@@ -5,8 +5,8 @@
 
 #include <cstdint>
 #include <memory>
+#include <optional>
 #include <string>
-#include <vector>
 
 #include "datapath/datapath_fixture.h"
 #include "datapath/upstream.h"
@@ -16,7 +16,8 @@ namespace vesk {
 
 class UpstreamTest : public DatapathTest {
  protected:
-    explicit UpstreamTest(int framingVersion = 2) : DatapathTest(framingVersion) {}
+    explicit UpstreamTest(int framingVersion = 2, Ipv4Source ipv4Source = Ipv4Source::kernel)
+        : DatapathTest(framingVersion, ipv4Source) {}
 
     void SetUp() override {
         DatapathTest::SetUp();
@@ -63,11 +64,10 @@ class UpstreamTest : public DatapathTest {
         EXPECT_EQ(served.result, expectedKeep ? 1 : 0);
         EXPECT_EQ(served.printed, "");
     }
-    /// What the end of a pass adds to the sockets to be served.
-    std::vector<int> endPass() {
-        std::vector<int> serving;
-        receiver->endPass(serving);
-        return serving;
+    /// Ends the worker's pass; nothing may have to be tried again.
+    void endPass() { endPassOf(*receiver); }
+    static void endPassOf(UpstreamReceiver& worker) {
+        EXPECT_EQ(worker.endPass(LogDelay()), std::nullopt);
     }
 
     static constexpr std::uint32_t label = 0x5a;

@@ -75,13 +75,13 @@ TEST_F(LateralReplyTest, GoesDirectlyWhileTheStreamDoesNotRun) {
 }
 
 TEST_F(LateralReplyTest, NeedsNoDownstreamEndpoint) {
-    context->downstreamEndpoint.exchange(nullptr);
+    context->downstreamEndpoint.withdraw();
     answer(framed(label, payload));
     EXPECT_TRUE(peer.receive().has_value());
 }
 
 TEST_F(LateralReplyTest, IsDroppedWithoutALateralEndpoint) {
-    context->lateralEndpoint.exchange(nullptr);
+    context->lateralEndpoint.withdraw();
     answer(framed(label, payload));
     EXPECT_EQ(countsOf(*flow), (Counts{.rxDg = 1, .txDg = 1, .dnTxDgDropped = 1}));
 }

@@ -177,5 +177,42 @@ TEST(LogTest, NeverMixesLinesOfSeveralThreads) {
     EXPECT_EQ(count, lineCount * static_cast<int>(texts.size()));
 }
 
+TEST(LogDelayTest, WritesTheLinesOfItsThreadInOrderWhenItGoes) {
+    EXPECT_EQ(printedBy([] {
+                  {
+                      const LogDelay delay;
+                      EXPECT_FALSE(delay.holdsLines());
+                      logError("first");
+                      writeToStandardOutput("as it is\n");
+                      EXPECT_TRUE(delay.holdsLines());
+                      std::thread([] { logError("other thread"); }).join();
+                  }
+                  logError("last");
+              }),
+              "error other thread\nerror first\nas it is\nerror last\n");
+}
+
+TEST(LogDelayTest, LeavesTheDecisionToTheOuterOfTwo) {
+    EXPECT_EQ(printedBy([] {
+                  const LogDelay outer;
+                  {
+                      const LogDelay inner;
+                      logError("inner");
+                  }
+                  EXPECT_TRUE(outer.holdsLines());
+                  logError("outer");
+              }),
+              "error inner\nerror outer\n");
+}
+
+TEST(LogDelayTest, HoldsNothingOfALevelThatIsOff) {
+    EXPECT_EQ(printedBy([] {
+                  const LogDelay delay;
+                  logDebug("off");
+                  EXPECT_FALSE(delay.holdsLines());
+              }),
+              "");
+}
+
 }  // namespace
 }  // namespace vesk

@@ -139,6 +139,17 @@ INSTANTIATE_TEST_SUITE_P(Errors, FatalErrorTest,
                                          NetworkError{EDESTADDRREQ, "Destination address required"},
                                          NetworkError{0, "Success"}));
 
+TEST_F(EndpointLifecycleTest, FailureKeepsTheRecordOfAnAuxiliaryFlow) {
+    declare(
+        "label 5 up_ip 127.0.0.1 up_port 4500 up_aux_flow_label 0xab0000 "
+        "down_aux_flow_label_prefix 0x12");
+    const EndpointPtr auxiliary = createEndpoint(0x120034);
+    printedBy([&] { reportUpstreamNetworkError(*auxiliary, "UP_RECEIVE:", EINVAL, *context); });
+    EXPECT_EQ(manager().findEndpointByLabel(0x120034), nullptr);
+    printedBy([this] { declare("label 0x120034 down_label 4"); });
+    EXPECT_EQ(createEndpoint(0x120034)->flow.up.label, 0xab0034U);
+}
+
 TEST_F(EndpointLifecycleTest, FailureOfAnOldEndpointLeavesItsSuccessor) {
     manager().deleteEndpoint(*endpoint);
     const EndpointPtr successor = createEndpoint(0xab12);

@@ -24,11 +24,17 @@ class ExpiryTest : public EndpointManagerTest {
 
     std::vector<std::uint32_t> expire(bool expireMain, bool expireAux) {
         std::vector<std::uint32_t> expired;
-        for (const EndpointPtr& endpoint : manager->expireIdle(expireMain, expireAux)) {
+        reported.clear();
+        const ExpiryReport report = [this](const VeskEndpointDescriptor& endpoint) {
+            reported.push_back(endpoint.label);
+        };
+        for (const EndpointPtr& endpoint : manager->expireIdle(expireMain, expireAux, report)) {
             expired.push_back(endpoint->label);
         }
         return expired;
     }
+
+    std::vector<std::uint32_t> reported;
 };
 
 TEST_F(ExpiryTest, MarksInOnePassAndTakesOutInTheNext) {
@@ -37,6 +43,33 @@ TEST_F(ExpiryTest, MarksInOnePassAndTakesOutInTheNext) {
     EXPECT_THAT(expire(true, true), ElementsAre(5, 7, 0x120001));
     EXPECT_THAT(labels(), IsEmpty());
     EXPECT_THAT(expire(true, true), IsEmpty());
+}
+
+TEST_F(ExpiryTest, ReportsWhatExpires) {
+    expire(true, true);
+    EXPECT_THAT(reported, IsEmpty());
+    expire(true, true);
+    EXPECT_THAT(reported, ElementsAre(5, 7, 0x120001));
+}
+
+TEST_F(ExpiryTest, ReportsBoundFlowsLast) {
+    FlowDesc bound;
+    bound.up.srcAddrInfo = IPAddrInfo("127.0.0.1", 4501);
+    declare(6, bound, {"up_src_addrinfo"});
+    create(6);
+    expire(true, true);
+    EXPECT_THAT(expire(true, true), ElementsAre(5, 6, 7, 0x120001));
+    EXPECT_THAT(reported, ElementsAre(5, 7, 0x120001, 6));
+}
+
+TEST_F(ExpiryTest, ReportsAnEndpointBeforeItLeavesTheTables) {
+    expire(true, true);
+    std::vector<std::uint64_t> removalsThen;
+    manager->expireIdle(true, true, [&](const VeskEndpointDescriptor&) {
+        removalsThen.push_back(manager->removals());
+    });
+    EXPECT_THAT(removalsThen, ElementsAre(0, 1, 2));
+    EXPECT_EQ(manager->removals(), 3U);
 }
 
 TEST_F(ExpiryTest, KeepsWhatSawTraffic) {

@@ -65,6 +65,89 @@ TEST_F(LabelTablesTest, MakesALabelOfItsOwnOfAnAuxiliaryOneThatIsDeclared) {
     EXPECT_TRUE(manager->knowsLabel(0x120034));
 }
 
+/// What becomes of an auxiliary flow's record shows when the label is declared: it is merged into.
+class AuxiliaryRecordTest : public EndpointManagerTest {
+ protected:
+    void SetUp() override {
+        EndpointManagerTest::SetUp();
+        declareOwner(5, 0x12, 0xab000000);
+        endpoint = create(label);
+        ASSERT_NE(endpoint, nullptr);
+    }
+    void TearDown() override {
+        endpoint.reset();
+        EndpointManagerTest::TearDown();
+    }
+
+    /// The upstream label after a "set" that does not name it.
+    std::uint32_t upLabelWhenDeclared() {
+        printedBy([this] { declare(label); });
+        return create(label)->flow.up.label;
+    }
+
+    static constexpr std::uint32_t label = 0x120034;
+    static constexpr std::uint32_t upLabel = 0xab000034;
+    EndpointPtr endpoint;
+};
+
+TEST_F(AuxiliaryRecordTest, StaysWhenTheEndpointIsDeleted) {
+    manager->deleteEndpoint(*endpoint);
+    EXPECT_EQ(upLabelWhenDeclared(), upLabel);
+}
+
+TEST_F(AuxiliaryRecordTest, StaysWhenTheLabelsEndpointIsDeleted) {
+    manager->deleteEndpoint(label);
+    EXPECT_EQ(upLabelWhenDeclared(), upLabel);
+}
+
+TEST_F(AuxiliaryRecordTest, GoesWithTheCreationThatMadeIt) {
+    manager->undoCreation(*endpoint);
+    EXPECT_EQ(manager->findEndpointByLabel(label), nullptr);
+    EXPECT_EQ(upLabelWhenDeclared(), 0U);
+}
+
+TEST_F(AuxiliaryRecordTest, StaysWhereALaterCreationIsUndone) {
+    manager->deleteEndpoint(*endpoint);
+    endpoint = create(label);
+    manager->undoCreation(*endpoint);
+    EXPECT_EQ(manager->findEndpointByLabel(label), nullptr);
+    EXPECT_EQ(upLabelWhenDeclared(), upLabel);
+}
+
+TEST_F(AuxiliaryRecordTest, StaysWhereALaterCreationFails) {
+    manager->deleteEndpoint(*endpoint);
+    printedBy([this] {
+        const DescriptorShortage shortage(0);
+        EXPECT_EQ(create(label), nullptr);
+    });
+    EXPECT_EQ(upLabelWhenDeclared(), upLabel);
+}
+
+TEST_F(AuxiliaryRecordTest, GoesWhereTheFirstCreationFails) {
+    printedBy([this] {
+        const DescriptorShortage shortage(0);
+        EXPECT_EQ(create(label + 1), nullptr);
+        declare(label + 1);
+    });
+    EXPECT_EQ(create(label + 1)->flow.up.label, 0U);
+}
+
+TEST_F(AuxiliaryRecordTest, StaysWhereTheCreationOfAnOldEndpointIsUndone) {
+    manager->deleteEndpoint(*endpoint);
+    const EndpointPtr successor = create(label);
+    manager->undoCreation(*endpoint);
+    EXPECT_EQ(manager->findEndpointByLabel(label), successor);
+}
+
+TEST_F(AuxiliaryRecordTest, OfALaterOwnerIsUndoneAgain) {
+    manager->deleteEndpoint(*endpoint);
+    manager->removeLabel(5);
+    declareOwner(6, 0x12, 0xac000000);
+    endpoint = create(label);
+    manager->undoCreation(*endpoint);
+    EXPECT_EQ(upLabelWhenDeclared(), 0U);
+}
+
 TEST_F(LabelTablesTest, RemovesALabelWithItsEndpoint) {
     declare(5);
     const EndpointPtr endpoint = create(5);

@@ -1,6 +1,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <functional>
 #include <string>
 #include <utility>
 #include <vector>
@@ -193,6 +194,34 @@ TEST_F(EndpointManagerTest, DeletesAnEndpointButNotItsSuccessor) {
     manager->deleteEndpoint(*old);
     EXPECT_EQ(manager->findEndpointByLabel(5), successor);
     EXPECT_EQ(manager->findEndpointByFd(successor->rdsockfd), successor);
+}
+
+TEST_F(EndpointManagerTest, CountsRemovals) {
+    std::uint64_t before = manager->removals();
+    const auto removes = [&](const std::function<void(EndpointPtr)>& remove) {
+        declare(5);
+        const EndpointPtr endpoint = create(5);
+        before = manager->removals();
+        remove(endpoint);
+        return manager->removals() > before;
+    };
+    EXPECT_TRUE(removes([this](const EndpointPtr&) { manager->deleteEndpoint(5); }));
+    EXPECT_TRUE(removes([this](const EndpointPtr& it) { manager->deleteEndpoint(*it); }));
+    EXPECT_TRUE(removes([this](const EndpointPtr& it) { manager->undoCreation(*it); }));
+    EXPECT_TRUE(removes([this](const EndpointPtr&) { manager->removeLabel(5); }));
+    EXPECT_TRUE(removes([this](const EndpointPtr&) { declare(5); }));
+    EXPECT_FALSE(removes([this](const EndpointPtr&) {
+        manager->expireIdle(true, true, [](const VeskEndpointDescriptor&) {});
+    }));
+    EXPECT_TRUE(removes([this](const EndpointPtr& it) {
+        it->idle = true;
+        manager->expireIdle(true, true, [](const VeskEndpointDescriptor&) {});
+    }));
+    EXPECT_FALSE(removes([this](const EndpointPtr& it) {
+        declare(6);
+        create(6);
+        manager->findEndpointByFd(it->rdsockfd);
+    }));
 }
 
 TEST_F(EndpointManagerTest, ListsEndpointsInTheOrderOfTheirLabels) {

@@ -127,6 +127,8 @@ TEST(ReportPollErrorsTest, SaysNothing) {
 class PollThreadTest : public PollLoopTest {
  protected:
     void startThread() {
+        param->readQueues = readQueues;
+        param->writeQueues = writeQueues;
         ASSERT_EQ(param->thread.start([this] { runPollThread(*param); }), 0);
     }
 };

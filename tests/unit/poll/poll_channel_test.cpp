@@ -72,13 +72,31 @@ Taken takeAll(const Bytes& datagram) {
     return taken;
 }
 
-Bytes rowOf(const std::vector<int>& fds) {
-    Bytes datagram;
+Bytes recordOf(const PollCtlMsg& message) {
+    return toBytes(encodePollCtlMsg(message));
+}
+
+/// A row's header: its op, nothing, and the number of records in eight bytes.
+Bytes rowHeader(std::uint64_t count) {
+    Bytes header{'R', 'o', 'w', 's', 0, 0, 0, 0};
+    header.resize(16);
+    std::memcpy(header.data() + 8, &count, sizeof(count));
+    return header;
+}
+
+Bytes rowOf(const std::vector<int>& fds, const PollCtlMsg& model = {EPOLL_CTL_MOD, EPOLLIN}) {
+    Bytes datagram = rowHeader(fds.size());
     for (const int fd : fds) {
-        const PollRecord record = encodePollCtlMsg({EPOLL_CTL_MOD, EPOLLIN, fd});
+        const Bytes record = recordOf({model.op, model.events, fd});
         datagram.insert(datagram.end(), record.begin(), record.end());
     }
     return datagram;
+}
+
+std::vector<int> descriptorsFrom(int first, std::size_t count) {
+    std::vector<int> fds(count);
+    std::iota(fds.begin(), fds.end(), first);
+    return fds;
 }
 
 TEST(PollDatagramTest, IsTakenApartInOrder) {
@@ -87,13 +105,44 @@ TEST(PollDatagramTest, IsTakenApartInOrder) {
     EXPECT_THAT(taken.fds, testing::ElementsAre(7, 5, 6));
 }
 
-TEST(PollDatagramTest, IsNotWholeWhereBytesAreMissing) {
-    EXPECT_FALSE(takeAll({}).whole);
-    Bytes datagram = rowOf({7, 5});
-    datagram.pop_back();
-    const Taken taken = takeAll(datagram);
-    EXPECT_FALSE(taken.whole);
-    EXPECT_THAT(taken.fds, testing::ElementsAre(7));
+TEST(PollDatagramTest, IsARecordWithoutTheHeaderOfARow) {
+    for (const std::size_t length : {16U, 17U, 20U, 32U, 64U}) {
+        Bytes datagram = recordOf({EPOLL_CTL_MOD, EPOLLIN, 7});
+        const Bytes other = recordOf({EPOLL_CTL_MOD, EPOLLIN, 8});
+        while (datagram.size() < length) {
+            datagram.insert(datagram.end(), other.begin(), other.end());
+        }
+        datagram.resize(length);
+        const Taken taken = takeAll(datagram);
+        EXPECT_TRUE(taken.whole) << length;
+        EXPECT_THAT(taken.fds, testing::ElementsAre(7)) << length;
+    }
+}
+
+TEST(PollDatagramTest, IsNoRowWhereLengthAndNumberOfRecordsDiffer) {
+    Bytes oneMissing = rowOf({7, 5});
+    oneMissing.resize(32);
+    Bytes byteMissing = rowOf({7, 5});
+    byteMissing.pop_back();
+    Bytes byteMore = rowOf({7, 5});
+    byteMore.push_back(0);
+    for (const Bytes& datagram :
+         {oneMissing, byteMissing, byteMore, rowHeader(0), rowHeader(1),
+          rowHeader(0xffffffffffffffff), rowOf(descriptorsFrom(100, maxPollRecords + 1))}) {
+        const Taken taken = takeAll(datagram);
+        EXPECT_TRUE(taken.whole);
+        EXPECT_EQ(taken.fds.size(), 1U) << datagram.size();
+    }
+}
+
+TEST(PollDatagramTest, IsNothingWhereItIsShorterThanARecord) {
+    for (const std::size_t length : {0U, 1U, 12U, 15U}) {
+        Bytes datagram = recordOf({EPOLL_CTL_MOD, EPOLLIN, 7});
+        datagram.resize(length);
+        const Taken taken = takeAll(datagram);
+        EXPECT_FALSE(taken.whole) << length;
+        EXPECT_THAT(taken.fds, testing::IsEmpty()) << length;
+    }
 }
 
 class PollChannelTest : public DescriptorCountingTest {
@@ -128,10 +177,6 @@ class PollChannelTest : public DescriptorCountingTest {
     UniqueFd sender;
     UniqueFd server;
 };
-
-Bytes recordOf(const PollCtlMsg& message) {
-    return toBytes(encodePollCtlMsg(message));
-}
 
 TEST_F(PollChannelTest, ConnectsTwoLocalDatagramSockets) {
     for (const UniqueFd* end : {&sender, &server}) {
@@ -168,11 +213,36 @@ TEST_F(PollChannelTest, SendsARearmingWithoutAWord) {
 }
 
 TEST_F(PollChannelTest, SendsManyRearmingsInOneDatagram) {
-    std::vector<int> fds(maxPollRecords);
-    std::iota(fds.begin(), fds.end(), 100);
+    const AtLogLevel level("trace");
+    const std::vector<int> fds = descriptorsFrom(100, maxPollRecords);
     EXPECT_EQ(printedBy([&] { EXPECT_EQ(pollLoop_mod_fds(sender.get(), fds, EPOLLIN), 0); }), "");
     EXPECT_EQ(receive(), rowOf(fds));
     EXPECT_EQ(receive(), Bytes());
+}
+
+TEST_F(PollChannelTest, SendsManyDeletionsInOneDatagram) {
+    const AtLogLevel level("debug");
+    const std::vector<int> fds{7, 9};
+    EXPECT_EQ(printedBy([&] { EXPECT_EQ(pollLoop_del_fds(sender.get(), fds), 0); }),
+              "debug Successfully sent fd 7 (del) to poll loop\n"
+              "debug Successfully sent fd 9 (del) to poll loop\n");
+    EXPECT_EQ(receive(), rowOf(fds, {EPOLL_CTL_DEL, 0}));
+    EXPECT_EQ(receive(), Bytes());
+}
+
+TEST_F(PollChannelTest, LeavesTheReportOfARowThatCannotBeSentToItsCaller) {
+    const AtLogLevel level("trace");
+    const std::vector<int> fds{7, 8};
+    const auto failsWith = [&fds](int pollsock, int result) {
+        EXPECT_EQ(printedBy([&] {
+                      EXPECT_EQ(pollLoop_mod_fds(pollsock, fds, EPOLLIN), result);
+                      EXPECT_EQ(pollLoop_del_fds(pollsock, fds), result);
+                  }),
+                  "");
+    };
+    failsWith(-1, -EBADF);
+    retirePollChannel(server.get());
+    failsWith(sender.get(), -EPIPE);
 }
 
 TEST_F(PollChannelTest, SendsADeletion) {
@@ -209,9 +279,6 @@ TEST_F(PollChannelTest, ReportsARecordThatCannotBeSent) {
               "error pollLoop_mod_fd" + failureText);
     EXPECT_EQ(printedBy([] { EXPECT_EQ(pollLoop_del_fd(-1, 7), -EBADF); }),
               "error pollLoop_del_fd" + failureText);
-    const std::vector<int> fds{7, 8};
-    EXPECT_EQ(printedBy([&] { EXPECT_EQ(pollLoop_mod_fds(-1, fds, EPOLLIN), -EBADF); }),
-              "error pollLoop_mod_fd" + failureText);
 }
 
 TEST_F(PollChannelTest, LeavesTheErrorInErrnoForItsCallers) {
@@ -276,13 +343,30 @@ TEST_F(PollChannelTest, RetiringClosesWhatWasToBeDeletedAndNothingElse) {
     EXPECT_TRUE(isOpen(added.get()));
 }
 
-TEST_F(PollChannelTest, SendersSayNothingAfterTheLoopHasEnded) {
+TEST_F(PollChannelTest, RetiringClosesWhatARowWasToDelete) {
+    const std::vector<int> deleted{dup(sender.get()), dup(sender.get()), dup(sender.get())};
+    ASSERT_EQ(pollLoop_del_fds(sender.get(), deleted), 0);
+    retirePollChannel(server.get());
+    for (const int fd : deleted) {
+        EXPECT_FALSE(isOpen(fd));
+    }
+}
+
+TEST_F(PollChannelTest, ReportsAnAddAfterTheLoopHasEnded) {
+    const AtLogLevel level("trace");
+    retirePollChannel(server.get());
+    EXPECT_EQ(
+        printedBy([&] { EXPECT_EQ(pollLoop_add_fd(sender.get(), 7, EPOLLIN), -EPIPE); }),
+        "error pollLoop_add_fdError writing a control message to poll socket: bytes: -1 Error: "
+        "Broken pipe\n");
+}
+
+TEST_F(PollChannelTest, LeavesTheReportOfOtherRequestsToTheCallerAfterTheLoopHasEnded) {
     const AtLogLevel level("trace");
     retirePollChannel(server.get());
     const UniqueFd deleted(dup(sender.get()));
     EXPECT_EQ(printedBy([&] {
-                  EXPECT_EQ(pollLoop_add_fd(sender.get(), 7, EPOLLIN), 0);
-                  EXPECT_EQ(pollLoop_mod_fd(sender.get(), 7, EPOLLIN), 0);
+                  EXPECT_EQ(pollLoop_mod_fd(sender.get(), 7, EPOLLIN), -EPIPE);
                   EXPECT_EQ(pollLoop_del_fd(sender.get(), deleted.get()), -EPIPE);
               }),
               "");

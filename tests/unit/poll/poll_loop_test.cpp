@@ -245,6 +245,22 @@ TEST_F(PollLoopTest, GoesOnAfterASignal) {
     sigaction(SIGUSR1, &before, nullptr);
 }
 
+TEST_F(PollLoopTest, EndsWhenTheChannelIsRetiredUnderIt) {
+    ThreadMark mark;
+    EXPECT_EQ(printedBy([&] {
+                  ASSERT_EQ(param->thread.start([&] {
+                      mark.set();
+                      EXPECT_EQ(pollLoop(*param, {}, {}, {}), 0);
+                  }),
+                            0);
+                  ASSERT_TRUE(mark.eventuallyBlocks());
+                  param->ended = true;
+                  retirePollChannel(server.get());
+                  EXPECT_TRUE(mark.eventuallyEnds());
+              }),
+              "");
+}
+
 TEST_F(PollLoopTest, EndsWhereItCannotWatchTheChannel) {
     PollThreadParam broken(-1, readQueues, writeQueues);
     const auto never = [](const std::vector<int>&) { ADD_FAILURE(); };
@@ -258,9 +274,10 @@ TEST_F(PollLoopTest, EndsWhereThereIsNoEpollSet) {
         const DescriptorShortage shortage(0);
         broken = std::make_unique<PollThreadParam>(server.get(), readQueues, writeQueues);
     }
+    errno = 0;
     const auto never = [](const std::vector<int>&) { ADD_FAILURE(); };
-    EXPECT_EQ(printedBy([&] { EXPECT_EQ(pollLoop(*broken, never, never, never), -EBADF); }),
-              "error Failed to add msgchanfd to epoll set: Bad file descriptor\n");
+    EXPECT_EQ(printedBy([&] { EXPECT_EQ(pollLoop(*broken, never, never, never), -EMFILE); }),
+              "error Failed to add msgchanfd to epoll set: Too many open files\n");
 }
 
 TEST_F(PollLoopTest, EndsWhereItCannotWaitAnyMore) {
@@ -312,7 +329,7 @@ TEST_F(PollLoopTest, LetsNobodyWaitForItWhenItEndsByItself) {
     printedBy([&broken] { runPollThread(*broken); });
     EXPECT_TRUE(broken->ended);
     EXPECT_FALSE(isOpen(deleted));
-    EXPECT_EQ(pollLoop_mod_fd(sender.get(), 7, EPOLLIN), 0);
+    EXPECT_EQ(pollLoop_mod_fd(sender.get(), 7, EPOLLIN), -EPIPE);
 }
 
 TEST_F(PollLoopTest, EndsOnlyWhenItIsCancelled) {

@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "poll/receive_worker.h"
+#include "support/child_process.h"
 #include "support/printed.h"
 #include "support/thread_state.h"
 
@@ -45,7 +46,7 @@ TEST(StopThreadsTest, EndsEveryThreadAndReleasesEveryRecord) {
         watched.push_back(worker);
         threads.push_back(std::move(worker));
     }
-    EXPECT_EQ(printedBy([&threads] { stopThreads(threads); }), "");
+    EXPECT_EQ(printedBy([&threads] { EXPECT_TRUE(stopThreads(threads)); }), "");
     EXPECT_TRUE(threads.empty());
     for (const auto& worker : watched) {
         EXPECT_TRUE(worker.expired());
@@ -82,9 +83,33 @@ TEST(StopThreadsTest, EndsThemInTheOrderOfTheList) {
     EXPECT_EQ(places[2], 3);
 }
 
+TEST(StopThreadsTest, TellsWhereOneWasLeftRunning) {
+    const ChildResult child = runInChild([] {
+        PollParams threads;
+        for (int i = 0; i < 2; ++i) {
+            auto worker = std::make_shared<PollParam>([](int, bool&, std::uint32_t) { return 0; });
+            ThreadMark mark;
+            EXPECT_EQ(worker->thread.start([worker, &mark] {
+                mark.set();
+                runReceiveWorker(*worker);
+            }),
+                      0);
+            EXPECT_TRUE(mark.eventuallyBlocks());
+            threads.push_back(std::move(worker));
+        }
+        const std::weak_ptr<PollParam> watched = threads.front();
+        forbidCancelling();
+        EXPECT_FALSE(stopThreads(threads));
+        EXPECT_TRUE(threads.empty());
+        EXPECT_FALSE(watched.expired());
+        return testing::Test::HasFailure() ? 1 : 0;
+    });
+    EXPECT_EQ(child.exitCode, 0);
+}
+
 TEST(StopThreadsTest, TakesThreadsThatNeverStarted) {
     PollParams threads{std::make_shared<PollParam>([](int, bool&, std::uint32_t) { return 0; })};
-    EXPECT_EQ(printedBy([&threads] { stopThreads(threads); }), "");
+    EXPECT_EQ(printedBy([&threads] { EXPECT_TRUE(stopThreads(threads)); }), "");
     EXPECT_TRUE(threads.empty());
     stopThreads(threads);
 }

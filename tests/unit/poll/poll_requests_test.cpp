@@ -96,17 +96,41 @@ TEST_F(PollRequestsTest, CarriesOutEveryRecordOfADatagram) {
     EXPECT_EQ(activeCount(), 6);
 }
 
-TEST_F(PollRequestsTest, CarriesOutTheWholeRecordsBeforeAShortOne) {
+TEST_F(PollRequestsTest, ClosesEveryDescriptorThatARowDeletes) {
     startLoop();
-    WatchedSocket& socket = newSocket();
-    socket.makeReady();
-    Bytes bytes = toBytes(encodePollCtlMsg({EPOLL_CTL_ADD, EPOLLIN, socket.fd()}));
-    bytes.resize(20);
-    EXPECT_EQ(printedBy([&] {
-                  EXPECT_EQ(send(sender.get(), bytes.data(), bytes.size(), 0), 20);
-                  EXPECT_EQ(nextBatch(), (Batch{"read", {socket.fd()}}));
-              }),
-              "error recv: msgchanfd: short read on a datagram socket!\n\n");
+    std::deque<WatchedSocket>& sockets = newSockets(3);
+    std::vector<int> fds;
+    for (WatchedSocket& socket : sockets) {
+        add(socket.fd(), EPOLLIN);
+        fds.push_back(socket.giveAway());
+    }
+    EXPECT_EQ(pollLoop_del_fds(sender.get(), fds), 0);
+    for (WatchedSocket& socket : sockets) {
+        EXPECT_TRUE(socket.awaitClosed());
+    }
+    awaitRequests();
+    EXPECT_EQ(activeCount(), 0);
+}
+
+TEST_F(PollRequestsTest, CarriesOutTheFirstRecordOfALongerDatagramAndIgnoresTheRest) {
+    startLoop();
+    for (const std::size_t length : {20U, 32U}) {
+        std::deque<WatchedSocket>& sockets = newSockets(2);
+        Bytes bytes;
+        for (WatchedSocket& socket : sockets) {
+            socket.makeReady();
+            const Bytes record = toBytes(encodePollCtlMsg({EPOLL_CTL_ADD, EPOLLIN, socket.fd()}));
+            bytes.insert(bytes.end(), record.begin(), record.end());
+        }
+        EXPECT_EQ(printedBy([&] {
+                      EXPECT_EQ(send(sender.get(), bytes.data(), length, 0),
+                                static_cast<ssize_t>(length));
+                      EXPECT_EQ(nextBatch(), (Batch{"read", {sockets.front().fd()}}));
+                      expectNoFurtherBatch();
+                  }),
+                  "")
+            << length;
+    }
 }
 
 }  // namespace

@@ -2,6 +2,7 @@
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <unistd.h>
 
 #include <atomic>
 #include <chrono>
@@ -10,9 +11,11 @@
 #include <memory>
 #include <mutex>
 #include <numeric>
+#include <optional>
 #include <utility>
 #include <vector>
 
+#include "log/log.h"
 #include "poll/poll_loop.h"
 #include "support/printed.h"
 #include "support/thread_state.h"
@@ -62,7 +65,7 @@ class ReceiveWorkerTest : public testing::Test {
         return 1;
     };
     /// What is done between two passes.
-    std::function<void(std::vector<int>& serving)> passEnd = [](std::vector<int>&) {};
+    PassEndFunction passEnd = [](const LogDelay&) { return std::nullopt; };
     std::vector<std::uint32_t> parameters;
     PollParam worker{[this](int fd, bool& keep, std::uint32_t parameter) {
                          EXPECT_TRUE(keep);
@@ -72,7 +75,7 @@ class ReceiveWorkerTest : public testing::Test {
                          parameters.push_back(parameter);
                          return result;
                      },
-                     [this](std::vector<int>& serving) { passEnd(serving); }};
+                     [this](const LogDelay& lines) { return passEnd(lines); }};
     ThreadMark mark;
 
  private:
@@ -141,25 +144,61 @@ TEST_F(ReceiveWorkerTest, CollectsNewDescriptorsWhileItHasOthers) {
     EXPECT_TRUE(eventuallyServed({5, 5, 6}));
 }
 
-TEST_F(ReceiveWorkerTest, EndsEveryPassWithWhatIsStillToBeServed) {
-    std::vector<std::vector<int>> left;
+TEST_F(ReceiveWorkerTest, EndsEveryPassBeforeItServesOnOrWaits) {
+    std::vector<std::size_t> servedBefore;
     std::atomic<int> passes{0};
-    receive = [](int fd, bool& keep) {
-        keep = fd == 6;
+    receive = [this](int fd, bool& keep) {
+        keep = fd == 6 && served().size() < 3;
         return 1;
     };
-    passEnd = [&](std::vector<int>& serving) {
-        if (++passes <= 2) {
-            left.push_back(serving);
-        }
-        serving = passes == 1 ? std::vector<int>{6, 9} : std::vector<int>{};
+    passEnd = [&](const LogDelay& lines) {
+        EXPECT_FALSE(lines.holdsLines());
+        servedBefore.push_back(served().size());
+        ++passes;
+        return std::nullopt;
     };
     startWorker();
     hand({5, 6});
-    EXPECT_TRUE(eventuallyServed({5, 6, 6, 9}));
+    EXPECT_TRUE(eventuallyServed({5, 6, 6, 6}));
     EXPECT_TRUE(mark.eventuallyBlocks());
     worker.thread.stop();
-    EXPECT_THAT(left, ElementsAre(std::vector<int>{6}, std::vector<int>{6}));
+    EXPECT_THAT(servedBefore, ElementsAre(2, 3, 4));
+}
+
+TEST_F(ReceiveWorkerTest, WritesItsLinesAfterTheEndOfThePass) {
+    receive = [](int fd, bool& keep) {
+        logError("served ", fd);
+        keep = false;
+        return 1;
+    };
+    passEnd = [&](const LogDelay& lines) {
+        EXPECT_TRUE(lines.holdsLines());
+        // Past the log, which is held back.
+        EXPECT_EQ(write(STDOUT_FILENO, "end of the pass\n", 16), 16);
+        return std::nullopt;
+    };
+    EXPECT_EQ(printedBy([&] {
+                  hand({5, 6});
+                  startWorker();
+                  EXPECT_TRUE(eventuallyServed({5, 6}));
+                  EXPECT_TRUE(mark.eventuallyBlocks());
+              }),
+              "end of the pass\nerror served 5\nerror served 6\n");
+}
+
+TEST_F(ReceiveWorkerTest, EndsAPassAgainWhenTheTimeThatItWasGivenIsOver) {
+    std::atomic<int> passes{0};
+    passEnd = [&](const LogDelay&) -> std::optional<std::chrono::milliseconds> {
+        return ++passes < 4 ? std::optional(std::chrono::milliseconds(1)) : std::nullopt;
+    };
+    startWorker();
+    hand({5});
+    EXPECT_TRUE(eventually([&] { return passes == 4; }));
+    EXPECT_TRUE(mark.eventuallyBlocks());
+    EXPECT_EQ(passes, 4);
+    EXPECT_THAT(served(), ElementsAre(5));
+    hand({6});
+    EXPECT_TRUE(eventuallyServed({5, 6}));
 }
 
 TEST(PlainReceiveWorkerTest, DoesWithoutAnythingBetweenPasses) {

@@ -1,13 +1,20 @@
 #include "stats/stats_report.h"
 
+#include <fcntl.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <unistd.h>
 
+#include <array>
+#include <atomic>
+#include <cstdio>
 #include <memory>
 #include <string>
+#include <thread>
 
 #include "support/forwarder.h"
 #include "support/printed.h"
+#include "support/thread_state.h"
 
 namespace vesk {
 namespace {
@@ -38,11 +45,47 @@ std::shared_ptr<PollParam> countingWorker(std::uint64_t first) {
     return worker;
 }
 
+/// While it lives standard output is a pipe that is full; what is written to it waits until
+/// `readOn`.
+class StalledOutput {
+ public:
+    StalledOutput() : before_(dup(STDOUT_FILENO)) {
+        fcntl(pipe_.write.get(), F_SETFL, O_NONBLOCK);
+        const std::array<char, 4096> piece{};
+        while (write(pipe_.write.get(), piece.data(), piece.size()) > 0) {
+        }
+        fcntl(pipe_.write.get(), F_SETFL, 0);
+        dup2(pipe_.write.get(), STDOUT_FILENO);
+    }
+    ~StalledOutput() {
+        dup2(before_.get(), STDOUT_FILENO);
+        pipe_.write.reset();
+        if (reader_.joinable()) {
+            reader_.join();
+        }
+    }
+    StalledOutput(const StalledOutput&) = delete;
+    StalledOutput& operator=(const StalledOutput&) = delete;
+
+    void readOn() {
+        reader_ = std::thread([this] {
+            std::array<char, 4096> piece{};
+            while (read(pipe_.read.get(), piece.data(), piece.size()) > 0) {
+            }
+        });
+    }
+
+ private:
+    Pipe pipe_;
+    const UniqueFd before_;
+    std::thread reader_;
+};
+
 class StatsReportTest : public ForwarderTest {
  protected:
     void TearDown() override {
-        context->downstreamEndpoint.exchange(nullptr);
-        context->lateralEndpoint.exchange(nullptr);
+        context->downstreamEndpoint.withdraw();
+        context->lateralEndpoint.withdraw();
         context->pollThread.reset();
         ForwarderTest::TearDown();
     }
@@ -78,8 +121,8 @@ TEST_F(StatsReportTest, ShowsEveryCounterInItsPlace) {
     ASSERT_EQ(manager().addEndpoint(countingEndpoint(16, 100)), 0);
     context->receiveWorkers = {countingWorker(10), countingWorker(20)};
     context->sendWorkers = {countingWorker(30), countingWorker(40)};
-    context->downstreamEndpoint.exchange(countingEndpoint(0, 50));
-    context->lateralEndpoint.exchange(countingEndpoint(0, 60));
+    context->downstreamEndpoint.publish(LentEndpoint(countingEndpoint(0, 50)));
+    context->lateralEndpoint.publish(LentEndpoint(countingEndpoint(0, 60)));
     EXPECT_EQ(
         report(),
         "info \nPoll stats:\nActiveEvtNr:3 RdReadyNr:4 WrReadyNr:5 ErrorNr:6\n\n"
@@ -96,7 +139,7 @@ TEST_F(StatsReportTest, ShowsEveryCounterInItsPlace) {
 }
 
 TEST_F(StatsReportTest, ResetsNothing) {
-    context->downstreamEndpoint.exchange(countingEndpoint(0, 50));
+    context->downstreamEndpoint.publish(LentEndpoint(countingEndpoint(0, 50)));
     const std::string first = report();
     EXPECT_EQ(report(), first);
 }
@@ -115,6 +158,41 @@ TEST_F(StatsReportTest, IgnoresFurtherWords) {
 TEST_F(StatsReportTest, IsSilentBelowItsLevel) {
     const AtLogLevel level("warn");
     EXPECT_EQ(report(), "");
+}
+
+TEST_F(StatsReportTest, HoldsNoEndpointWhileItIsWritten) {
+    std::atomic<int> closed{0};
+    const auto countClosed = [&closed](int, int) { ++closed; };
+    constexpr int upstreamEndpoints = 3;
+    for (int i = 1; i <= upstreamEndpoints; ++i) {
+        ASSERT_EQ(manager().addEndpoint(std::make_shared<VeskEndpointDescriptor>(
+                      i, 2 * i, 2 * i + 1, FlowDesc(), countClosed)),
+                  0);
+    }
+    context->downstreamEndpoint.publish(
+        LentEndpoint(std::make_shared<VeskEndpointDescriptor>(0, 1, 1, FlowDesc(), countClosed)));
+
+    bool blocked = false;
+    bool allClosed = false;
+    {
+        // No expectation in here: a failure is printed.
+        ThreadMark writing;
+        StalledOutput output;
+        std::thread reporter([&] {
+            writing.set();
+            reportStatistics({}, context);
+        });
+        blocked = writing.eventuallyBlocks();
+        for (std::uint32_t label = 1; label <= upstreamEndpoints; ++label) {
+            manager().deleteEndpoint(label);
+        }
+        context->downstreamEndpoint.withdraw();
+        allClosed = eventually([&] { return closed == upstreamEndpoints + 1; });
+        output.readOn();
+        reporter.join();
+    }
+    EXPECT_TRUE(blocked);
+    EXPECT_TRUE(allClosed) << closed;
 }
 
 }  // namespace

@@ -16,7 +16,7 @@ namespace vesk {
 
 void ForwarderTest::SetUp() {
     DescriptorCountingTest::SetUp();
-    context = std::make_shared<ForwarderContext>(framingVersion_);
+    context = std::make_shared<ForwarderContext>(framingVersion_, ipv4Source_);
     ASSERT_EQ(createPollSocks(context->pollSocket, context->serverPollSock), 0);
 }
 

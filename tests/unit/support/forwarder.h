@@ -18,7 +18,8 @@ namespace vesk {
 
 class ForwarderTest : public DescriptorCountingTest {
  protected:
-    explicit ForwarderTest(int framingVersion = 2) : framingVersion_(framingVersion) {}
+    explicit ForwarderTest(int framingVersion = 2, Ipv4Source ipv4Source = Ipv4Source::kernel)
+        : framingVersion_(framingVersion), ipv4Source_(ipv4Source) {}
 
     void SetUp() override;
     void TearDown() override;
@@ -46,6 +47,7 @@ class ForwarderTest : public DescriptorCountingTest {
 
  private:
     const int framingVersion_;
+    const Ipv4Source ipv4Source_;
 };
 
 bool operator==(const PollCtlMsg& left, const PollCtlMsg& right);

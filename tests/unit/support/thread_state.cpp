@@ -3,9 +3,12 @@
 #include <gtest/gtest.h>
 #include <pthread.h>
 #include <sched.h>
+#include <sys/resource.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <chrono>
+#include <filesystem>
 #include <fstream>
 #include <string>
 
@@ -72,6 +75,24 @@ bool ThreadMark::eventuallyEnds() const {
 
 bool ThreadMark::eventuallyBlocks() const {
     return eventuallySet() && eventually([this] { return stateOf(thread_) == sleeping; });
+}
+
+bool othersEventuallyBlock() {
+    const auto isBlocked = [](const std::filesystem::directory_entry& task) {
+        const pid_t thread = std::stoi(task.path().filename());
+        return thread == gettid() || stateOf(thread) == sleeping;
+    };
+    return eventually([&isBlocked] {
+        return std::ranges::all_of(std::filesystem::directory_iterator("/proc/self/task"),
+                                   std::filesystem::directory_iterator(), isBlocked);
+    });
+}
+
+void forbidCancelling() {
+    rlimit limit{};
+    EXPECT_EQ(getrlimit(RLIMIT_SIGPENDING, &limit), 0);
+    limit.rlim_cur = 0;
+    EXPECT_EQ(setrlimit(RLIMIT_SIGPENDING, &limit), 0);
 }
 
 ThreadShortage::ThreadShortage() : stackSizeBefore_(defaultStackSize()) {

@@ -28,6 +28,13 @@ class ThreadMark {
     std::atomic<pid_t> thread_{0};
 };
 
+/// Whether all other threads of this process come to sleep in the kernel.
+bool othersEventuallyBlock();
+
+/// From here on pthread_cancel fails with EAGAIN in this process for a thread that waits where it
+/// may be cancelled, since the signal for that thread cannot be queued. Call it in a child.
+void forbidCancelling();
+
 /// While it lives no thread can be started: the default stack is larger than any address space.
 class ThreadShortage {
  public:

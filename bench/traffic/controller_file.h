@@ -1,0 +1,20 @@
+// The flows of the traffic generator as a configuration file of vesk-controller. Called by main for
+// --print-toml.
+#pragma once
+
+#include <cstdint>
+#include <ostream>
+#include <string>
+#include <vector>
+
+#include "lib/flow_plan.h"
+#include "lib/framing.h"
+
+namespace vesk::bench {
+
+/// Writes the whole file, keys included; flows are called flow1 and on.
+void printControllerFile(std::ostream& out, const FramingLayout& framing,
+                         const std::vector<FlowPlan>& plans, const std::string& address,
+                         std::uint16_t port);
+
+}  // namespace vesk::bench

@@ -1,0 +1,53 @@
+#include "net/upstream_binding.h"
+
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <chrono>
+
+#include "log/error_text.h"
+#include "log/log.h"
+#include "net/endpoint_manager.h"
+
+namespace vesk {
+
+namespace {
+
+/// A worker may hold the old endpoint for the length of a pass, and the poll thread closes its
+/// sockets after that. Where other processes compute, each may have to wait for its time slice.
+/// Meanwhile the receive thread handles no other datagram.
+constexpr std::chrono::milliseconds patience{15};
+constexpr useconds_t retryMicroseconds = 100;
+
+/// 0 or an error number.
+int bindRetrying(int socket, const IPAddrInfo& local, const EndpointManager& manager) {
+    const auto began = std::chrono::steady_clock::now();
+    while (bind(socket, local.addr(), local.addrLen()) != 0) {
+        const int error = errno;
+        if (error != EADDRINUSE || !manager.portLeftRecently(local.port()) ||
+            std::chrono::steady_clock::now() - began > patience) {
+            return error;
+        }
+        usleep(retryMicroseconds);
+    }
+    return 0;
+}
+
+}  // namespace
+
+bool bindUpstreamSocket(VeskEndpointDescriptor& endpoint, const EndpointManager& manager) {
+    const IPAddrInfo& local = endpoint.flow.up.srcAddrInfo;
+    if (!local.resolved()) {
+        return true;
+    }
+    if (const int error = bindRetrying(endpoint.rdsockfd, local, manager); error != 0) {
+        logError("Failed bind syscall for upstream endpoint socket: ", errorText(error));
+        return false;
+    }
+    endpoint.boundPort.store(local.port(), std::memory_order_relaxed);
+    logInfo("Bound upstream endpoint to ", local.host(), ":", local.port());
+    return true;
+}
+
+}  // namespace vesk

@@ -1,0 +1,47 @@
+#include "poll/linger.h"
+
+#include <sched.h>
+
+#include <ctime>
+
+namespace vesk {
+
+namespace {
+
+using std::chrono::nanoseconds;
+
+nanoseconds readClock(clockid_t clock) {
+    timespec time{};
+    clock_gettime(clock, &time);
+    return std::chrono::seconds(time.tv_sec) + nanoseconds(time.tv_nsec);
+}
+
+}  // namespace
+
+bool SaturationGauge::windowIsOver(nanoseconds clock) const {
+    return clock - start_.clock >= window;
+}
+
+void SaturationGauge::endWindow(const SpentTime& now) {
+    const nanoseconds length = now.clock - start_.clock;
+    // Nine tenths: a clock tick, an interrupt or a kernel thread takes its part of any window. A
+    // twentieth: at saturation the poll thread, which does least, has twice that.
+    saturated_ = 10 * (now.process - start_.process) >= 9 * length &&
+                 20 * (now.thread - start_.thread) >= length;
+    start_ = now;
+}
+
+bool Lingerer::linger() {
+    const nanoseconds now = readClock(CLOCK_MONOTONIC);
+    if (gauge_.windowIsOver(now)) {
+        gauge_.endWindow(
+            {now, readClock(CLOCK_PROCESS_CPUTIME_ID), readClock(CLOCK_THREAD_CPUTIME_ID)});
+    }
+    if (!gauge_.saturated()) {
+        return false;
+    }
+    sched_yield();
+    return true;
+}
+
+}  // namespace vesk

@@ -1,0 +1,68 @@
+#include "base/undumped_pages.h"
+
+#include <gtest/gtest.h>
+#include <sys/resource.h>
+
+#include <cstdint>
+#include <cstring>
+#include <fstream>
+#include <limits>
+#include <new>
+#include <sstream>
+#include <string>
+
+namespace vesk {
+namespace {
+
+/// The kernel's two-letter flags of the mapping that holds the address; empty where none does.
+std::string flagsOf(const void* place) {
+    const auto address = reinterpret_cast<std::uintptr_t>(place);
+    std::ifstream file("/proc/self/smaps");
+    bool holdsAddress = false;
+    for (std::string line; std::getline(file, line);) {
+        std::istringstream text(line);
+        std::uintptr_t first = 0;
+        std::uintptr_t end = 0;
+        char dash = 0;
+        if (text >> std::hex >> first >> dash >> end && dash == '-') {
+            holdsAddress = first <= address && address < end;
+        } else if (holdsAddress && line.starts_with("VmFlags:")) {
+            return line;
+        }
+    }
+    return {};
+}
+
+TEST(UndumpedPagesTest, AreLeftOutOfACoreFile) {
+    UndumpedPages pages;
+    constexpr std::size_t size = 10000;
+    auto* const memory = static_cast<char*>(pages.allocate(size));
+    std::memset(memory, 1, size);
+    EXPECT_NE(flagsOf(memory).find(" dd"), std::string::npos);
+    EXPECT_NE(flagsOf(memory + size - 1).find(" dd"), std::string::npos);
+    pages.deallocate(memory, size);
+}
+
+TEST(UndumpedPagesTest, GoBackToTheSystem) {
+    UndumpedPages pages;
+    void* const memory = pages.allocate(1);
+    EXPECT_NE(flagsOf(memory), "");
+    pages.deallocate(memory, 1);
+    EXPECT_EQ(flagsOf(memory), "");
+}
+
+TEST(UndumpedPagesTest, ReportThatThereAreNone) {
+    UndumpedPages pages;
+    EXPECT_THROW(static_cast<void>(pages.allocate(std::numeric_limits<std::ptrdiff_t>::max())),
+                 std::bad_alloc);
+}
+
+TEST(UndumpedPagesTest, MayBeFreedByAnotherResourceOfTheirKind) {
+    const UndumpedPages pages;
+    const UndumpedPages others;
+    EXPECT_TRUE(pages.is_equal(others));
+    EXPECT_FALSE(pages.is_equal(*std::pmr::new_delete_resource()));
+}
+
+}  // namespace
+}  // namespace vesk

@@ -1,0 +1,165 @@
+#include "net/kept_endpoints.h"
+
+#include <gtest/gtest.h>
+
+#include <memory>
+
+#include "support/forwarder.h"
+
+namespace vesk {
+namespace {
+
+class KeptEndpointsTest : public ForwarderTest {
+ protected:
+    void SetUp() override {
+        ForwarderTest::SetUp();
+        kept = std::make_unique<KeptEndpoints>(manager());
+    }
+    void TearDown() override {
+        kept.reset();
+        ForwarderTest::TearDown();
+    }
+
+    EndpointPtr newEndpoint(std::uint32_t label) {
+        declare("label " + std::to_string(label) + " up_ip 127.0.0.1 up_port 5000");
+        EndpointPtr endpoint = createEndpoint(label);
+        EXPECT_NE(endpoint, nullptr);
+        return endpoint;
+    }
+    /// Whether nobody but the manager and the test holds it.
+    static bool isLetGo(const EndpointPtr& endpoint) { return endpoint.use_count() == 4; }
+
+    std::unique_ptr<KeptEndpoints> kept;
+};
+
+TEST_F(KeptEndpointsTest, FindsByDescriptorAndByLabel) {
+    const EndpointPtr endpoint = newEndpoint(5);
+    EXPECT_EQ(kept->findByFd(endpoint->rdsockfd), endpoint);
+    EXPECT_EQ(kept->findByFd(endpoint->rdsockfd), endpoint);
+    EXPECT_EQ(kept->findByLabel(5), endpoint);
+    EXPECT_EQ(kept->findByFd(endpoint->wrsockfd), endpoint);
+}
+
+TEST_F(KeptEndpointsTest, FindsWhatWasMissingBefore) {
+    EXPECT_EQ(kept->findByLabel(5), nullptr);
+    constexpr int unusedNumber = 5000;
+    EXPECT_EQ(kept->findByFd(unusedNumber), nullptr);
+    EXPECT_EQ(kept->findByFd(-1), nullptr);
+    const EndpointPtr endpoint = newEndpoint(5);
+    EXPECT_EQ(kept->findByLabel(5), endpoint);
+}
+
+TEST_F(KeptEndpointsTest, TellsLabelsApartThatShareAPlace) {
+    const EndpointPtr first = newEndpoint(5);
+    const EndpointPtr second = newEndpoint(5 + 64);
+    EXPECT_EQ(kept->findByLabel(5), first);
+    EXPECT_EQ(kept->findByLabel(5 + 64), second);
+    EXPECT_EQ(kept->findByLabel(5), first);
+}
+
+TEST_F(KeptEndpointsTest, LetsGoOfOneDescriptor) {
+    const EndpointPtr first = newEndpoint(5);
+    const EndpointPtr second = newEndpoint(6);
+    const EndpointPtr third = newEndpoint(7);
+    for (const EndpointPtr& endpoint : {first, second, third}) {
+        kept->findByFd(endpoint->rdsockfd);
+    }
+    kept->letGoOfFd(first->rdsockfd);
+    kept->letGoOfFd(first->rdsockfd);
+    EXPECT_TRUE(isLetGo(first));
+    EXPECT_FALSE(isLetGo(second));
+    kept->letGoOfFd(third->rdsockfd);
+    EXPECT_TRUE(isLetGo(third));
+    kept->letGo();
+    EXPECT_TRUE(isLetGo(second));
+    EXPECT_EQ(kept->findByFd(first->rdsockfd), first);
+}
+
+TEST_F(KeptEndpointsTest, LetsGoOfLabels) {
+    const EndpointPtr endpoint = newEndpoint(5);
+    kept->findByLabel(5);
+    EXPECT_FALSE(isLetGo(endpoint));
+    kept->letGoOfLabels();
+    EXPECT_TRUE(isLetGo(endpoint));
+}
+
+TEST_F(KeptEndpointsTest, LetsGoOfEverythingWhenAnEndpointIsRemoved) {
+    const EndpointPtr endpoint = newEndpoint(5);
+    const EndpointPtr other = newEndpoint(6);
+    kept->noticeRemovals();
+    kept->findByFd(endpoint->rdsockfd);
+    kept->findByLabel(5);
+    EXPECT_FALSE(kept->noticeRemovals());
+    EXPECT_FALSE(isLetGo(endpoint));
+    manager().deleteEndpoint(6);
+    EXPECT_TRUE(kept->noticeRemovals());
+    EXPECT_TRUE(isLetGo(endpoint));
+    EXPECT_FALSE(kept->noticeRemovals());
+}
+
+TEST_F(KeptEndpointsTest, FindsTheSuccessorOfARemovedEndpoint) {
+    const EndpointPtr first = newEndpoint(5);
+    EXPECT_EQ(kept->findByLabel(5), first);
+    manager().deleteEndpoint(5);
+    const EndpointPtr second = createEndpoint(5);
+    kept->noticeRemovals();
+    EXPECT_EQ(kept->findByLabel(5), second);
+}
+
+TEST_F(KeptEndpointsTest, DoesNotFindADescriptorThatLedToAnotherEndpointOnce) {
+    EndpointPtr first = newEndpoint(5);
+    const int fd = first->rdsockfd;
+    kept->findByFd(fd);
+    manager().deleteEndpoint(5);
+    first.reset();
+    kept->noticeRemovals();
+    takePollRequests();
+    const EndpointPtr second = createEndpoint(5);
+    ASSERT_EQ(second->rdsockfd, fd);
+    EXPECT_EQ(kept->findByFd(fd), nullptr);
+    EXPECT_EQ(kept->findByFd(fd), second);
+}
+
+TEST_F(KeptEndpointsTest, FindsTheSameEndpointAgainAfterAnotherWasRemoved) {
+    const EndpointPtr endpoint = newEndpoint(5);
+    const EndpointPtr other = newEndpoint(6);
+    kept->findByFd(endpoint->rdsockfd);
+    manager().deleteEndpoint(6);
+    kept->noticeRemovals();
+    EXPECT_EQ(kept->findByFd(endpoint->rdsockfd), endpoint);
+}
+
+TEST_F(KeptEndpointsTest, FindsAnotherEndpointWhereTheDescriptorWasLetGoOf) {
+    EndpointPtr first = newEndpoint(5);
+    const int fd = first->rdsockfd;
+    kept->findByFd(fd);
+    kept->letGoOfFd(fd);
+    manager().deleteEndpoint(5);
+    first.reset();
+    kept->noticeRemovals();
+    takePollRequests();
+    const EndpointPtr second = createEndpoint(5);
+    EXPECT_EQ(kept->findByFd(fd), second);
+}
+
+TEST_F(KeptEndpointsTest, KeepsALeaseUntilTheSlotChanges) {
+    EndpointSlot slot;
+    KeptSlot lease(slot);
+    EXPECT_EQ(lease.get(), nullptr);
+    const LentEndpoint first(newEndpoint(5));
+    const LentEndpoint second(newEndpoint(6));
+    slot.publish(first);
+    EXPECT_EQ(lease.get(), first.lease());
+    EXPECT_EQ(lease.get(), first.lease());
+    slot.publish(second);
+    EXPECT_EQ(lease.get(), second.lease());
+    slot.withdraw();
+    EXPECT_EQ(lease.get(), nullptr);
+    slot.publish(first);
+    EXPECT_EQ(lease.get(), first.lease());
+    lease.letGo();
+    EXPECT_EQ(lease.get(), first.lease());
+}
+
+}  // namespace
+}  // namespace vesk
