@@ -10,6 +10,8 @@
 
 #include "commands/command_lines.h"
 #include "config/configuration_reader.h"
+#include "config/configuration_warnings.h"
+#include "config/new_key.h"
 #include "options.h"
 #include "service/limits.h"
 #include "service/log_output.h"
@@ -45,9 +47,26 @@ void printCommands(const Configuration& configuration) {
     }
     std::cout << "\n";
     for (const Command& command : allCommands(configuration)) {
+        if (command.label != 0) {
+            std::cout << "# " << describe(command) << "\n";
+        }
         std::cout << maskKeys(toLine(command)) << "\n";
     }
     std::cout.flush();
+}
+
+int makeKey(const std::filesystem::path& file) {
+    std::string problem;
+    if (!file.empty()) {
+        problem = writeNewKey(file);
+    } else if (!(std::cout << newKeyLine() << std::flush)) {
+        problem = "the key cannot be written to standard output";
+    }
+    if (problem.empty()) {
+        return exit_status::success;
+    }
+    std::cerr << "vesk-controller: " << problem << "\n";
+    return exit_status::unusableFile;
 }
 
 int run(const Options& options, LogOutput& log) {
@@ -64,6 +83,9 @@ int run(const Options& options, LogOutput& log) {
         log.say(LogLevel::warn, warning);
     }
     if (options.check) {
+        for (const std::string& warning : configurationWarnings(*reading.configuration)) {
+            log.say(LogLevel::warn, warning);
+        }
         printCommands(*reading.configuration);
         return exit_status::success;
     }
@@ -75,6 +97,9 @@ int runGuarded(int argumentCount, char** arguments) {
     std::variant<Options, int> options = parseOptions(argumentCount, arguments);
     if (const int* const status = std::get_if<int>(&options)) {
         return *status;
+    }
+    if (std::get<Options>(options).newKey) {
+        return makeKey(std::get<Options>(options).newKeyFile);
     }
     LogOutput log(STDERR_FILENO, logFormOf(STDERR_FILENO));
     int status = exit_status::forwarderFailed;

@@ -1,6 +1,10 @@
 #include "options.h"
 
 #include <CLI/CLI.hpp>
+#include <iostream>
+#include <sstream>
+
+#include "config/key_mask.h"
 
 namespace vesk::controller {
 
@@ -12,19 +16,38 @@ std::variant<Options, int> parseOptions(int argumentCount, char** arguments) {
         "vesk-controller");
     Options options;
     std::string file;
-    app.add_option("FILE", file, "configuration file, in TOML")->required();
+    // Not marked as required: a wrong option is to be named first.
+    app.add_option("FILE", file, "configuration file, in TOML");
     app.add_flag("--check", options.check,
                  "validate the file, print the commands that would be sent, and end");
     app.add_flag("--allow-readable-keys", options.allowReadableKeys,
                  "accept files with keys in them that others may read");
     app.add_option("--program", options.program, "the forwarder to run");
+    std::string newKeyFile;
+    const CLI::Option* const newKey =
+        app.add_option("--new-key", newKeyFile,
+                       "print a new random key, or write it to a new file of mode 600, and end")
+            ->expected(0, 1)
+            ->option_text("[FILE]");
     app.set_version_flag("--version", "vesk-controller " VESK_VERSION);
     try {
         app.parse(argumentCount, arguments);
+        options.newKey = newKey->count() > 0;
+        if (options.newKey && !file.empty()) {
+            throw CLI::ValidationError("--new-key takes no configuration file");
+        }
+        if (!options.newKey && file.empty()) {
+            throw CLI::RequiredError("FILE");
+        }
     } catch (const CLI::ParseError& error) {
-        return app.exit(error) == 0 ? exit_status::success : exit_status::badUsage;
+        // It repeats arguments, and one of them may be a key in a file's place.
+        std::ostringstream complaint;
+        const int status = app.exit(error, std::cout, complaint);
+        std::cerr << maskKeyDigits(complaint.str());
+        return status == 0 ? exit_status::success : exit_status::badUsage;
     }
     options.file = file;
+    options.newKeyFile = newKeyFile;
     return options;
 }
 

@@ -13,6 +13,7 @@ inline constexpr int success = 0;
 inline constexpr int unusableFile = 1;
 inline constexpr int badUsage = 2;
 inline constexpr int forwarderFailed = 3;
+inline constexpr int metricsFailed = 4;
 }  // namespace exit_status
 
 struct Options {
@@ -20,6 +21,9 @@ struct Options {
     bool check = false;
     bool allowReadableKeys = false;
     std::optional<std::string> program;
+
+    bool newKey = false;               ///< print or write a key and end; there is no `file`
+    std::filesystem::path newKeyFile;  ///< empty: print it
 };
 
 /// The options, or the exit status where the process is to end: it was misused, or asked for help.

@@ -60,7 +60,8 @@ Reads the flows from a TOML file, runs the forwarder with them, starts it again
 if it ends, applies changes of the file without touching other flows, and
 serves the counters to Prometheus.
 
-With a template unit for systemd, an example and a dashboard for Grafana.")
+With a template unit for systemd, an example, a dashboard for Grafana and alert
+rules for Prometheus.")
 
 set(CPACK_DEBIAN_TOOLS_PACKAGE_NAME vesk-tools)
 set(CPACK_DEBIAN_TOOLS_PACKAGE_SOURCE vesk)

@@ -6,9 +6,11 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <array>
 #include <cerrno>
 #include <cstring>
+#include <string_view>
 #include <system_error>
 #include <utility>
 
@@ -84,19 +86,44 @@ class PlainSignals {
     posix_spawnattr_t attributes_{};
 };
 
-pid_t spawn(std::string program, std::vector<std::string> arguments, int input, int output) {
-    std::vector<char*> words{program.data()};
-    for (std::string& argument : arguments) {
-        words.push_back(argument.data());
+/// "NAME=" of a variable; empty for an entry without that sign.
+std::string_view beginningOf(std::string_view variable) {
+    return variable.substr(0, variable.find('=') + 1);
+}
+
+/// This process's environment, with `variables` in place of what has the same name there.
+std::vector<std::string> environmentWith(const std::vector<std::string>& variables) {
+    std::vector<std::string> environment = variables;
+    for (char** entry = environ; *entry != nullptr; ++entry) {
+        const std::string_view name = beginningOf(*entry);
+        if (std::ranges::find(variables, name, beginningOf) == variables.end()) {
+            environment.emplace_back(*entry);
+        }
     }
-    words.push_back(nullptr);
+    return environment;
+}
+
+/// As execve(2) takes them: pointers into `texts`, and a null pointer behind them.
+std::vector<char*> pointersInto(std::vector<std::string>& texts) {
+    std::vector<char*> pointers;
+    pointers.reserve(texts.size() + 1);
+    for (std::string& text : texts) {
+        pointers.push_back(text.data());
+    }
+    pointers.push_back(nullptr);
+    return pointers;
+}
+
+/// `words` are the program and its arguments.
+pid_t spawn(std::vector<std::string> words, std::vector<std::string> environment, int input,
+            int output) {
     const Redirections redirections(input, output);
     const PlainSignals signals;
     pid_t pid = -1;
-    const int error = posix_spawnp(&pid, program.c_str(), redirections.get(), signals.get(),
-                                   words.data(), environ);
+    const int error = posix_spawnp(&pid, words.front().c_str(), redirections.get(), signals.get(),
+                                   pointersInto(words).data(), pointersInto(environment).data());
     if (error != 0) {
-        throw std::system_error(error, std::generic_category(), program);
+        throw std::system_error(error, std::generic_category(), words.front());
     }
     return pid;
 }
@@ -109,12 +136,16 @@ void makeNonBlocking(int fd) {
 
 }  // namespace
 
-ChildProcess::ChildProcess(const std::string& program, const std::vector<std::string>& arguments) {
+ChildProcess::ChildProcess(const std::string& program, const std::vector<std::string>& arguments,
+                           const std::vector<std::string>& variables) {
     Pipe input;
     Pipe output;
     makeNonBlocking(input.writer.get());
     makeNonBlocking(output.reader.get());
-    pid_ = spawn(program, arguments, input.reader.get(), output.writer.get());
+    std::vector<std::string> words{program};
+    words.insert(words.end(), arguments.begin(), arguments.end());
+    pid_ = spawn(std::move(words), environmentWith(variables), input.reader.get(),
+                 output.writer.get());
     input_ = std::move(input.writer);
     output_ = std::move(output.reader);
 }

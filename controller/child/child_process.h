@@ -18,8 +18,10 @@ class ChildProcess {
  public:
     /// Runs a program with both pipes non-blocking on this side, no signal blocked or ignored, no
     /// other descriptor than the standard ones, and in a process group of its own, so that what a
-    /// terminal sends to this process does not reach it. Throws std::system_error.
-    ChildProcess(const std::string& program, const std::vector<std::string>& arguments);
+    /// terminal sends to this process does not reach it. `variables`, each NAME=value, are added
+    /// to the environment and replace what is there by the same name. Throws std::system_error.
+    ChildProcess(const std::string& program, const std::vector<std::string>& arguments,
+                 const std::vector<std::string>& variables = {});
     ~ChildProcess();
 
     ChildProcess(const ChildProcess&) = delete;

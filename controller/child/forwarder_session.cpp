@@ -15,15 +15,33 @@ constexpr std::size_t pieceSize = std::size_t{1} << 16U;
 }  // namespace
 
 ForwarderSession::ForwarderSession(const std::string& program,
-                                   const std::vector<std::string>& arguments)
-    : process_(program, arguments) {}
+                                   const std::vector<std::string>& arguments,
+                                   const std::vector<std::string>& variables)
+    : process_(program, arguments, variables) {}
 
 void ForwarderSession::send(const Command& command) {
     if (finishing_) {
         return;
     }
     pending_.add(toLine(command));
+    expect(command);
+}
+
+void ForwarderSession::sendFence() {
+    if (!finishing_) {
+        expect({"", {}, "a fence"});
+    }
+}
+
+void ForwarderSession::expect(const Command& command) {
+    if (ledger_.pending() == 0) {
+        watch_.note(Clock::now());
+    }
     pending_.add(ledger_.expect(command));
+}
+
+AnswerWatch::Verdict ForwarderSession::judge(Clock::duration patience) {
+    return watch_.judge(Clock::now(), ledger_.pending() > 0, patience);
 }
 
 void ForwarderSession::finishInput() {
@@ -70,6 +88,9 @@ std::vector<OutputEvent> ForwarderSession::read() {
     }
     for (const std::string& line : lines_.feed({piece.data(), static_cast<std::size_t>(got)})) {
         events.push_back(interpreter_.take(line));
+    }
+    if (!events.empty()) {
+        watch_.note(Clock::now());
     }
     return events;
 }

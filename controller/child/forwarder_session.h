@@ -8,6 +8,7 @@
 #include <string>
 #include <vector>
 
+#include "child/answer_watch.h"
 #include "child/child_process.h"
 #include "child/fence_ledger.h"
 #include "child/line_splitter.h"
@@ -20,14 +21,19 @@ class ForwarderSession {
  public:
     using Clock = std::chrono::steady_clock;
 
-    /// Starts the program. Throws std::system_error where it cannot be.
-    ForwarderSession(const std::string& program, const std::vector<std::string>& arguments);
+    /// Starts the program, with `variables` as ChildProcess takes them. Throws std::system_error
+    /// where it cannot be.
+    ForwarderSession(const std::string& program, const std::vector<std::string>& arguments,
+                     const std::vector<std::string>& variables = {});
 
     ForwarderSession(const ForwarderSession&) = delete;
     ForwarderSession& operator=(const ForwarderSession&) = delete;
 
     /// Queues a command; its outcome comes as an event.
     void send(const Command& command);
+
+    /// Has the forwarder show that it lives, by a fence without a command before it.
+    void sendFence();
 
     /// Forgets what has not been written yet.
     void dropUnsent() { pending_.keepLineBegun(); }
@@ -59,9 +65,14 @@ class ForwarderSession {
     std::size_t unanswered() const { return ledger_.pending(); }
     const Command* current() const { return ledger_.current(); }
 
+    /// Since when it has been silent, and what that means now.
+    const AnswerWatch& watch() const { return watch_; }
+    AnswerWatch::Verdict judge(Clock::duration patience);
+
     Clock::duration age() const { return Clock::now() - startedAt_; }
 
  private:
+    void expect(const Command& command);
     void closeWhenWritten();
 
     ChildProcess process_;
@@ -70,6 +81,7 @@ class ForwarderSession {
     LineSplitter lines_;
     FenceLedger ledger_;
     OutputInterpreter interpreter_{ledger_};
+    AnswerWatch watch_{startedAt_};
     bool finishing_ = false;
     bool outputEnded_ = false;
 };

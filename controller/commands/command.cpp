@@ -2,6 +2,9 @@
 
 #include <algorithm>
 #include <array>
+#include <set>
+
+#include "config/label_text.h"
 
 namespace vesk::controller {
 
@@ -9,6 +12,9 @@ namespace {
 
 constexpr std::array<std::string_view, 4> keyNames{"down_in_key", "down_out_key", "up_in_key",
                                                    "up_out_key"};
+/// As many subjects as a log line shows well.
+constexpr std::size_t handful = 5;
+
 constexpr std::string_view blanks = " \t\r";
 
 bool isKeyName(std::string_view word) {
@@ -27,6 +33,27 @@ std::string toLine(const Command& command) {
         line.append(" ").append(name).append(" ").append(value);
     }
     return line;
+}
+
+std::string describe(const Command& command) {
+    return command.label == 0
+               ? command.subject
+               : command.subject + " (label " + labelInBothForms(command.label) + ")";
+}
+
+std::string listSubjects(const std::vector<Command>& commands) {
+    std::string list;
+    // Names of flows may be the same where keys in them are masked.
+    std::set<std::pair<std::string_view, std::uint32_t>> subjects;
+    for (const Command& command : commands) {
+        if (subjects.emplace(command.subject, command.label).second && subjects.size() <= handful) {
+            list.append(list.empty() ? "" : ", ").append(command.subject);
+        }
+    }
+    if (subjects.size() > handful) {
+        list += " and " + std::to_string(subjects.size() - handful) + " more";
+    }
+    return list;
 }
 
 std::string maskKeys(std::string_view text) {

@@ -21,7 +21,14 @@ struct Command {
 /// only.
 std::string toLine(const Command& command);
 
-/// The same text with the value of each key attribute replaced by "<key of N bytes>". Takes any
+/// What the command is about, with the label of a flow: "flow alice (label 0x10001/65537)".
+std::string describe(const Command& command);
+
+/// What the commands are about, each subject once: "flow a, flow b, the log level", the first few
+/// of them, and how many more there are.
+std::string listSubjects(const std::vector<Command>& commands);
+
+/// A command's text with the value of each key attribute replaced by "<key of N bytes>". Takes any
 /// text with commands in it, such as the lines in which the forwarder repeats what it was told.
 std::string maskKeys(std::string_view text);
 

@@ -2,6 +2,8 @@
 
 #include <utility>
 
+#include "config/label_text.h"
+
 namespace vesk::controller {
 
 namespace {
@@ -10,7 +12,7 @@ namespace {
 void addLeg(Command& command, const Leg& leg, const std::string& prefix, const std::string& label) {
     auto& attributes = command.attributes;
     if (leg.label) {
-        attributes.emplace_back(label, std::to_string(*leg.label));
+        attributes.emplace_back(label, labelText(*leg.label));
     }
     if (leg.signature) {
         attributes.emplace_back(prefix + "_key", leg.signature->keyDigits);
@@ -32,12 +34,12 @@ void addAddress(Command& command, const std::optional<HostPort>& address,
 
 void addAuxiliary(Command& command, const AuxiliaryFlows& auxiliary) {
     command.attributes.emplace_back("down_aux_flow_label_prefix", std::to_string(auxiliary.prefix));
-    command.attributes.emplace_back("up_aux_flow_label", std::to_string(auxiliary.upstreamLabel));
+    command.attributes.emplace_back("up_aux_flow_label", labelText(auxiliary.upstreamLabel));
     addAddress(command, auxiliary.upstream, "up_aux_flow");
 }
 
 Command flowCommand(const char* word, const Flow& flow) {
-    return {word, {{"label", std::to_string(flow.label)}}, "flow " + flow.name, flow.label};
+    return {word, {{"label", labelText(flow.label)}}, "flow " + flow.name, flow.label};
 }
 
 std::string trueOrFalse(bool value) {
@@ -49,6 +51,10 @@ std::string trueOrFalse(bool value) {
 std::vector<std::string> programArguments(const ForwarderSettings& settings) {
     return {settings.framing, std::to_string(settings.cleanupInterval.count()),
             trueOrFalse(settings.expireMainFlows), trueOrFalse(settings.expireAuxiliaryFlows)};
+}
+
+std::vector<std::string> programEnvironment(const ForwarderSettings& settings) {
+    return {"VESK_IPV4_SOURCE=" + settings.ipv4Source};
 }
 
 Command logCommand(const std::string& level) {
@@ -63,6 +69,10 @@ Command startCommand(const HostPort& listen) {
 
 Command stopCommand() {
     return {"stop", {}, "the downstream address"};
+}
+
+std::vector<Command> listenCommands(const HostPort& listen) {
+    return {stopCommand(), startCommand(listen)};
 }
 
 Command statsCommand() {

@@ -1,5 +1,5 @@
-// What a configuration amounts to: the forwarder's arguments and the commands that follow. Called
-// by service/supervisor for each new child, and by main for --check.
+// What a configuration amounts to: the forwarder's arguments and environment, and the commands that
+// follow. Called by service/supervisor for each new child, and by main for --check.
 #pragma once
 
 #include <string>
@@ -12,9 +12,16 @@ namespace vesk::controller {
 
 std::vector<std::string> programArguments(const ForwarderSettings& settings);
 
+/// Variables to set for the forwarder, each as NAME=value.
+std::vector<std::string> programEnvironment(const ForwarderSettings& settings);
+
 Command logCommand(const std::string& level);
 Command startCommand(const HostPort& listen);
 Command stopCommand();
+
+/// Leaves the address that the forwarder listens on, if any, and listens on this one.
+std::vector<Command> listenCommands(const HostPort& listen);
+
 Command statsCommand();
 
 /// All attributes of the flow that are not the forwarder's defaults.

@@ -107,6 +107,7 @@ void keepArguments(const Configuration& running, ConfigurationChanges& changes) 
     keep(&ForwarderSettings::cleanupInterval, "forwarder.cleanup_interval");
     keep(&ForwarderSettings::expireMainFlows, "forwarder.expire_main_flows");
     keep(&ForwarderSettings::expireAuxiliaryFlows, "forwarder.expire_auxiliary_flows");
+    keep(&ForwarderSettings::ipv4Source, "forwarder.ipv4_source");
 }
 
 bool samePlace(const Lateral& one, const Lateral& other) {
@@ -162,8 +163,7 @@ ConfigurationChanges changesBetween(const Configuration& running, const Configur
     append(changes.commands, std::move(flows.others));
     changeLateral(running, wanted, refusals.lateral, changes);
     if (refusals.downstream || running.downstream != wanted.downstream) {
-        changes.commands.push_back(stopCommand());
-        changes.commands.push_back(startCommand(wanted.downstream));
+        append(changes.commands, listenCommands(wanted.downstream));
     }
     return changes;
 }

@@ -18,6 +18,12 @@ struct HostPort {
     bool operator==(const HostPort&) const = default;
 };
 
+/// The lines of the file, from 1, that say where to listen.
+struct ListenLines {
+    std::uint32_t address = 0;
+    std::uint32_t port = 0;
+};
+
 /// How one leg of a flow is signed. The digits are lower-case hex and never shown to anybody.
 struct Signature {
     std::string keyDigits;
@@ -38,7 +44,7 @@ struct AuxiliaryFlows {
 };
 
 struct Flow {
-    std::string name;
+    std::string name;  ///< as it is shown: a key in its place is masked
     std::uint32_t label = 0;
     HostPort upstream;
     std::optional<HostPort> source;
@@ -58,6 +64,7 @@ struct ForwarderSettings {
     std::chrono::seconds cleanupInterval{600};
     bool expireMainFlows = true;
     bool expireAuxiliaryFlows = true;
+    std::string ipv4Source = "arrival";
     std::string logLevel = "info";
 };
 
@@ -73,6 +80,8 @@ struct SupervisionSettings {
     std::chrono::milliseconds restartPauseMax{30000};
     std::chrono::seconds drain{10};
     std::chrono::seconds stats{10};
+    bool logLimit = true;
+    std::chrono::seconds answer{10};
 };
 
 struct MetricsSettings {
@@ -80,12 +89,14 @@ struct MetricsSettings {
     std::string address = "127.0.0.1";
     std::uint16_t port = 9477;
     bool perFlow = false;
+    bool required = false;  ///< ends where they cannot be served at the start
     bool operator==(const MetricsSettings&) const = default;
 };
 
 struct Configuration {
     ForwarderSettings forwarder;
     HostPort downstream;
+    ListenLines downstreamLines;
     std::optional<Lateral> lateral;
     SupervisionSettings supervision;
     MetricsSettings metrics;

@@ -8,6 +8,7 @@
 #include "config/flow_reader.h"
 #include "config/protected_file.h"
 #include "config/settings_reader.h"
+#include "config/syntax_error.h"
 #include "config/table_reader.h"
 
 namespace vesk::controller {
@@ -16,25 +17,10 @@ namespace {
 
 constexpr std::size_t maxFile = std::size_t{256} << 20U;
 
-/// What the parser quotes is cut out of the file and may be a piece of a key.
-std::string withoutQuotations(std::string_view description) {
-    std::string result;
-    bool quoted = false;
-    for (const char c : description) {
-        if (c == '\'') {
-            result += quoted ? "...'" : "'";
-            quoted = !quoted;
-        } else if (!quoted) {
-            result += c;
-        }
-    }
-    return result;
-}
-
 Configuration readRoot(TableReader& root, KeySources& keys) {
     Configuration configuration;
     configuration.forwarder = readForwarder(root, keys.folder);
-    configuration.downstream = readDownstream(root);
+    configuration.downstream = readDownstream(root, configuration.downstreamLines);
     configuration.lateral = readLateral(root);
     configuration.supervision = readSupervision(root);
     configuration.metrics = readMetrics(root);
@@ -69,8 +55,7 @@ ConfigurationReading parseConfiguration(std::string_view text, const std::filesy
             result.configuration = std::move(configuration);
         }
     } catch (const toml::parse_error& error) {
-        result.problems.push_back(
-            {error.source().begin.line, withoutQuotations(error.description())});
+        result.problems.push_back(describeSyntaxError(text, error));
     }
     return result;
 }

@@ -3,6 +3,7 @@
 #include <array>
 #include <limits>
 
+#include "config/key_mask.h"
 #include "config/key_reader.h"
 #include "config/numeric_address.h"
 
@@ -36,21 +37,23 @@ std::optional<HostPort> readHostPort(TableReader& table, std::string_view key) {
 }
 
 std::string readKeyOf(TableReader& leg, KeySources& keys) {
+    // Asked for in any case: a key of the leg that was not is reported as unknown.
+    const std::optional<std::string> file = leg.text("key_file");
     if (leg.has("key") && leg.has("key_file")) {
-        leg.complain("key_file", "stands beside key: give one of the two");
+        leg.complain("key_file", "and key are mutually exclusive");
     }
     if (const std::optional<std::string> digits = leg.text("key")) {
         keys.firstInlineKey = keys.firstInlineKey.value_or(leg.lineOf("key"));
         const KeyReading key = readKey(*digits);
         if (!key.problem.empty()) {
-            leg.complain("key", "will not do: " + key.problem);
+            leg.complain("key", "is not usable: " + key.problem);
         }
         return key.digits;
     }
-    if (const std::optional<std::string> file = leg.text("key_file")) {
+    if (file && !leg.has("key")) {
         const KeyReading key = readKeyFile(keys.folder / *file, keys.allowReadable);
         if (!key.problem.empty()) {
-            leg.complain("key_file", "will not do: " + key.problem);
+            leg.complain("key_file", "is not usable: " + key.problem);
         }
         return key.digits;
     }
@@ -179,7 +182,7 @@ std::map<std::uint32_t, Flow> readFlows(TableReader& flows, KeySources& keys) {
         if (!table) {
             continue;
         }
-        Flow flow = readFlow(*table, std::string(key.str()), keys);
+        Flow flow = readFlow(*table, maskKeyDigits(key.str()), keys);
         const std::string place = flows.placeOf(key.str());
         claim(labels, flow.label, place, *table, "label");
         if (flow.auxiliary) {

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <string_view>
 
+#include "config/key_like.h"
 #include "config/protected_file.h"
 
 namespace vesk::controller {
@@ -47,7 +48,8 @@ KeyReading readKeyFile(const std::filesystem::path& path, bool allowReadable) {
     const FileText file = readProtectedFile(path, maxKeyFile);
     if (!file.problem.empty()) {
         // A path that leads nowhere may be a key that was taken for one.
-        return {"", (file.found ? path.string() : "the file that it names") + " " + file.problem};
+        const bool named = file.found || !mayHoldKey(path.string());
+        return {"", (named ? path.string() : "the file that it names") + " " + file.problem};
     }
     if (file.readableByOthers && !allowReadable) {
         return {"", path.string() + " may be read by others: chmod go-r it, or give " +

@@ -1,5 +1,5 @@
 // Keys, from the configuration file itself or from files of their own. What it says about a bad key
-// never shows a digit of it, nor a path that leads nowhere: it may be a key in the wrong place.
+// never shows a digit of it, nor a path that leads nowhere and may be a key in the wrong place.
 // Called by config/flow_reader.
 #pragma once
 

@@ -1,10 +1,13 @@
 #include "config/problem.h"
 
+#include "config/key_mask.h"
+
 namespace vesk::controller {
 
 std::string describe(const Problem& problem, const std::string& file) {
     const std::string line = problem.line == 0 ? "" : ":" + std::to_string(problem.line);
-    return file + line + ": " + problem.text;
+    // Each by itself: the line's number is no part of a key.
+    return maskKeyDigits(file) + line + ": " + maskKeyDigits(problem.text);
 }
 
 }  // namespace vesk::controller

@@ -15,7 +15,7 @@ struct Problem {
 
 using Problems = std::vector<Problem>;
 
-/// "FILE:LINE: text", or "FILE: text".
+/// "FILE:LINE: text", or "FILE: text", with keys in the wrong place masked.
 std::string describe(const Problem& problem, const std::string& file);
 
 }  // namespace vesk::controller

@@ -10,6 +10,7 @@ namespace vesk::controller {
 namespace {
 
 constexpr std::array<std::string_view, 2> framings{"udpv1", "udpv2"};
+constexpr std::array<std::string_view, 2> ipv4Sources{"arrival", "kernel"};
 constexpr std::array<std::string_view, 5> logLevels{"error", "warn", "info", "debug", "trace"};
 
 constexpr std::int64_t greatestPort = 65535;
@@ -109,18 +110,20 @@ ForwarderSettings readForwarder(TableReader& root, const std::filesystem::path& 
         table->boolean("expire_main_flows").value_or(settings.expireMainFlows);
     settings.expireAuxiliaryFlows =
         table->boolean("expire_auxiliary_flows").value_or(settings.expireAuxiliaryFlows);
+    settings.ipv4Source = table->choice("ipv4_source", ipv4Sources).value_or(settings.ipv4Source);
     settings.logLevel = table->choice("log_level", logLevels).value_or(settings.logLevel);
     table->refuseUnknown();
     return settings;
 }
 
-HostPort readDownstream(TableReader& root) {
+HostPort readDownstream(TableReader& root, ListenLines& lines) {
     root.require("downstream");
     std::optional<TableReader> table = root.table("downstream");
     if (!table) {
         return {};
     }
     HostPort listen = readListen(*table);
+    lines = {table->lineOf("address"), table->lineOf("port")};
     table->refuseUnknown();
     return listen;
 }
@@ -152,6 +155,8 @@ SupervisionSettings readSupervision(TableReader& root) {
     readDuration(*table, "restart_pause_max_ms", 1, dayInMilliseconds, settings.restartPauseMax);
     readDuration(*table, "drain_seconds", 0, dayInSeconds, settings.drain);
     readDuration(*table, "stats_seconds", 1, dayInSeconds, settings.stats);
+    settings.logLimit = table->boolean("log_limit").value_or(settings.logLimit);
+    readDuration(*table, "answer_seconds", 1, dayInSeconds, settings.answer);
     if (settings.restartPause > settings.restartPauseMax) {
         table->complain("restart_pause_max_ms", "is below restart_pause_ms");
     }
@@ -177,6 +182,7 @@ MetricsSettings readMetrics(TableReader& root) {
         settings.port = readPort(*table, "port");
     }
     settings.perFlow = table->boolean("per_flow").value_or(settings.perFlow);
+    settings.required = table->boolean("required").value_or(settings.required);
     table->refuseUnknown();
     return settings;
 }

@@ -13,7 +13,7 @@ namespace vesk::controller {
 /// A program with a slash in it is looked for from `folder` on, one without by PATH.
 ForwarderSettings readForwarder(TableReader& root, const std::filesystem::path& folder);
 
-HostPort readDownstream(TableReader& root);
+HostPort readDownstream(TableReader& root, ListenLines& lines);
 std::optional<Lateral> readLateral(TableReader& root);
 SupervisionSettings readSupervision(TableReader& root);
 MetricsSettings readMetrics(TableReader& root);

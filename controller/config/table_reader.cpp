@@ -3,13 +3,16 @@
 #include <algorithm>
 #include <utility>
 
+#include "config/key_mask.h"
+
 namespace vesk::controller {
 
 namespace {
 
-/// Names may be quoted and hold anything; a complaint stays one line that says what it is about.
+/// Names may be quoted and hold anything, a key too; a complaint stays one line that says what it
+/// is about.
 std::string printable(std::string_view name) {
-    std::string result(name);
+    std::string result = maskKeyDigits(name);
     std::replace_if(
         result.begin(), result.end(),
         [](char c) { return static_cast<unsigned char>(c) < 0x20 || c == 0x7f; }, '?');

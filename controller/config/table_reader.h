@@ -16,7 +16,7 @@
 namespace vesk::controller {
 
 /// Each getter returns nothing where the key is missing, or, after a complaint, where its value
-/// will not do. Table and problems have to outlive the reader.
+/// is not usable. Table and problems have to outlive the reader.
 class TableReader {
  public:
     /// `place` is the table's name in complaints, "" for the file's root.

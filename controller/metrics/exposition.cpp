@@ -1,20 +1,19 @@
 #include "metrics/exposition.h"
 
 #include <array>
-#include <cstdio>
 #include <span>
 #include <string>
 #include <utility>
+
+#include "config/label_text.h"
+#include "metrics/kernel_exposition.h"
 
 namespace vesk::controller {
 
 namespace {
 
-using prometheus::ClientMetric;
 using prometheus::MetricFamily;
 using prometheus::MetricType;
-using Labels = std::vector<ClientMetric::Label>;
-using Families = std::vector<MetricFamily>;
 
 struct SocketMetric {
     std::uint64_t DatagramCounters::*value;
@@ -93,36 +92,11 @@ constexpr std::array<WorkerMetric, 3> workerMetrics{{
      "Receive calls of the worker after which it asked for another: replies received."},
 }};
 
-ClientMetric counter(std::uint64_t value, Labels labels = {}) {
-    ClientMetric metric;
-    metric.label = std::move(labels);
-    metric.counter.value = static_cast<double>(value);
-    return metric;
-}
-
-void addCounter(Families& families, const char* name, const char* help, std::uint64_t value) {
-    families.push_back({name, help, MetricType::Counter, {counter(value)}});
-}
-
-void addGauge(Families& families, const char* name, const char* help, double value,
-              Labels labels = {}) {
-    ClientMetric metric;
-    metric.label = std::move(labels);
-    metric.gauge.value = value;
-    families.push_back({name, help, MetricType::Gauge, {std::move(metric)}});
-}
-
 void addSocket(Families& families, std::span<const SocketMetric> metrics,
                const DatagramCounters& counters) {
     for (const SocketMetric& metric : metrics) {
         addCounter(families, metric.name, metric.help, counters.*metric.value);
     }
-}
-
-std::string hexadecimal(std::uint32_t label) {
-    std::array<char, sizeof "0xffffffff"> text{};
-    std::snprintf(text.data(), text.size(), "0x%x", label);
-    return text.data();
 }
 
 void addFlows(Families& families, const Totals& totals) {
@@ -134,10 +108,33 @@ void addFlows(Families& families, const Totals& totals) {
         family.metric.reserve(totals.flows.size());
         for (const auto& [label, flow] : totals.flows) {
             family.metric.push_back(counter(flow.counters.*metric.value,
-                                            {{"flow", flow.name}, {"label", hexadecimal(label)}}));
+                                            {{"flow", flow.name}, {"label", labelText(label)}}));
         }
         families.push_back(std::move(family));
     }
+}
+
+void addFlowSockets(Families& families, const Totals& totals) {
+    if (totals.flows.empty()) {
+        return;
+    }
+    MetricFamily drops{"vesk_flow_udp_dropped_datagrams_total",
+                       "Replies that the kernel dropped at the flow's socket, mostly for want of "
+                       "receive buffer. Set net.core.rmem_max to 1048576.",
+                       MetricType::Counter,
+                       {}};
+    MetricFamily queue{"vesk_flow_udp_receive_queue_bytes",
+                       "Receive buffer that waiting replies of the flow hold, in bytes. Set "
+                       "net.core.rmem_max to 1048576.",
+                       MetricType::Gauge,
+                       {}};
+    for (const auto& [label, flow] : totals.flows) {
+        const Labels labels{{"flow", flow.name}, {"label", labelText(label)}};
+        drops.metric.push_back(counter(flow.kernelDrops, labels));
+        queue.metric.push_back(gauge(static_cast<double>(flow.socket.receiveQueue), labels));
+    }
+    families.push_back(std::move(drops));
+    families.push_back(std::move(queue));
 }
 
 void addWorkers(Families& families, const Totals& totals) {
@@ -154,6 +151,24 @@ void addWorkers(Families& families, const Totals& totals) {
     }
 }
 
+void addReloads(Families& families, const ControllerState& state) {
+    constexpr std::array<const char*, reloadOutcomes> names{"done", "file_refused",
+                                                            "address_refused"};
+    MetricFamily family{
+        "vesk_reloads_total",
+        "Reloads of the configuration, by outcome: done; file_refused, which changed "
+        "nothing; address_refused, which kept the old downstream address.",
+        MetricType::Counter,
+        {}};
+    for (std::size_t i = 0; i < names.size(); ++i) {
+        family.metric.push_back(counter(state.reloads[i], {{"outcome", names[i]}}));
+    }
+    families.push_back(std::move(family));
+    addGauge(families, "vesk_last_reload_successful",
+             "1 unless the last reload's outcome was file_refused or address_refused.",
+             state.lastReloadSuccessful ? 1 : 0);
+}
+
 void addController(Families& families, const ControllerState& state) {
     addGauge(families, "vesk_build_info", "Always 1; the version is in its label.", 1,
              {{"version", VESK_VERSION}});
@@ -165,6 +180,14 @@ void addController(Families& families, const ControllerState& state) {
     addGauge(families, "vesk_flows_active",
              "Flows of the configuration that the running forwarder has accepted.",
              state.childUp ? static_cast<double>(state.flowsActive) : 0);
+    addGauge(families, "vesk_listening",
+             "1 while the forwarder listens for peers at the configured address, else 0.",
+             state.childUp && state.listening ? 1 : 0);
+    if (state.lateralListening) {
+        addGauge(families, "vesk_lateral_listening",
+                 "1 while the forwarder listens for other instances, else 0.",
+                 state.childUp && *state.lateralListening ? 1 : 0);
+    }
     if (state.lastReport) {
         const std::chrono::duration<double> sinceEpoch = state.lastReport->time_since_epoch();
         addGauge(families, "vesk_last_report_timestamp_seconds",
@@ -193,12 +216,18 @@ std::vector<prometheus::MetricFamily> describeMetrics(const Totals& totals,
                                                       const ControllerState& state) {
     Families families;
     addController(families, state);
+    addReloads(families, state);
     addSocket(families, downstreamMetrics, totals.downstream);
     addSocket(families, upstreamMetrics, totals.upstream);
     addSocket(families, lateralMetrics, totals.lateral);
     addFlows(families, totals);
     addWorkers(families, totals);
     addPoll(families, totals, state.childUp);
+    addKernelFigures(families, state.kernel);
+    if (state.kernel.flows) {
+        addFlowSockets(families, totals);
+    }
+    addLogEvents(families, state.events);
     return families;
 }
 

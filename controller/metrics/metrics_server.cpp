@@ -10,6 +10,8 @@
 #include <stdexcept>
 #include <string_view>
 
+#include "metrics/readiness.h"
+
 namespace vesk::controller {
 
 namespace {
@@ -66,6 +68,12 @@ int serveHealth(mg_connection* connection, void* server) {
                            healthy ? "ok\n" : "the forwarder is not running\n");
 }
 
+int serveReadiness(mg_connection* connection, void* server) {
+    const std::string obstacle(static_cast<const MetricsServer*>(server)->obstacle());
+    return respondWithText(connection, obstacle.empty() ? 200 : 503, "text/plain; charset=utf-8",
+                           (obstacle.empty() ? "ready" : obstacle) + "\n");
+}
+
 int listeningPort(const mg_context* context) {
     mg_server_port listening{};
     mg_get_server_ports(context, 1, &listening);
@@ -114,8 +122,14 @@ void MetricsServer::StopServing::operator()(mg_context* context) const {
     } while (stopped.wait_for(std::chrono::milliseconds(10)) != std::future_status::ready);
 }
 
+MetricsServer::MetricsServer(bool perFlow) : totals_(perFlow) {}
+
 MetricsServer::MetricsServer(const std::string& address, std::uint16_t port, bool perFlow)
-    : totals_(perFlow) {
+    : MetricsServer(perFlow) {
+    serve(address, port);
+}
+
+void MetricsServer::serve(const std::string& address, std::uint16_t port) {
     const std::string place = placeOf(address, port);
     std::string problem;
     context_ = Context(startServing(place, problem), StopServing{address});
@@ -125,6 +139,7 @@ MetricsServer::MetricsServer(const std::string& address, std::uint16_t port, boo
     // The pattern ends where the path has to end; without it whatever lies below is served, too.
     mg_set_request_handler(context_.get(), "/metrics$", serveMetrics, this);
     mg_set_request_handler(context_.get(), "/healthz$", serveHealth, this);
+    mg_set_request_handler(context_.get(), "/ready$", serveReadiness, this);
 }
 
 std::uint16_t MetricsServer::port() const {
@@ -144,6 +159,12 @@ void MetricsServer::childUp(bool up) {
         totals_.childStarted();
     }
     state_.childUp = up;
+    // What the kernel said was of the child before, or of a time that is past.
+    state_.kernel.sockets.reset();
+    state_.kernel.flows.reset();
+    state_.kernel.descriptors.reset();
+    state_.kernel.ports.reset();
+    state_.kernel.conntrack.reset();
 }
 
 void MetricsServer::countRestart() {
@@ -157,6 +178,31 @@ void MetricsServer::setFlows(std::size_t declared, std::size_t active) {
     state_.flowsActive = active;
 }
 
+void MetricsServer::setKernelFigures(const KernelFigures& figures) {
+    const MutexLock lock(mutex_);
+    state_.kernel = figures;
+    if (figures.flows) {
+        totals_.addFlowSockets(*figures.flows);
+    }
+}
+
+void MetricsServer::count(LogEvent event) {
+    const MutexLock lock(mutex_);
+    ++state_.events.at(placeOf(event));
+}
+
+void MetricsServer::countReload(ReloadOutcome outcome) {
+    const MutexLock lock(mutex_);
+    ++state_.reloads[static_cast<std::size_t>(outcome)];
+    state_.lastReloadSuccessful = outcome == ReloadOutcome::done;
+}
+
+void MetricsServer::setListening(bool downstream, std::optional<bool> lateral) {
+    const MutexLock lock(mutex_);
+    state_.listening = downstream;
+    state_.lateralListening = lateral;
+}
+
 std::string MetricsServer::page() const {
     // Writing the text takes its time with many flows: whoever controls the child must not wait.
     return prometheus::TextSerializer().Serialize(metrics());
@@ -165,6 +211,16 @@ std::string MetricsServer::page() const {
 std::vector<prometheus::MetricFamily> MetricsServer::metrics() const {
     const MutexLock lock(mutex_);
     return describeMetrics(totals_.totals(), state_);
+}
+
+void MetricsServer::setStage(Stage stage) {
+    const MutexLock lock(mutex_);
+    state_.stage = stage;
+}
+
+std::string_view MetricsServer::obstacle() const {
+    const MutexLock lock(mutex_);
+    return notReadyBecause(state_);
 }
 
 bool MetricsServer::healthy() const {

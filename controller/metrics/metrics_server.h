@@ -3,16 +3,19 @@
 //
 //     /metrics   everything that docs/metrics.md lists, in Prometheus' text format
 //     /healthz   200 "ok" while the child is up, 503 otherwise
+//     /ready     200 "ready" while it can be sent traffic, 503 and the reason otherwise
 //
 // Two threads of its own answer requests, with all signals blocked: signals are for the thread that
-// controls. Every function may be called from any thread.
+// controls. Every function may be called from any thread, but for serve() and port() from one only.
 #pragma once
 
 #include <cstddef>
 #include <cstdint>
 #include <map>
 #include <memory>
+#include <optional>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "base/sync.h"
@@ -30,11 +33,19 @@ class MetricsServer {
     static constexpr const char* defaultAddress = "127.0.0.1";
     static constexpr std::uint16_t defaultPort = 9477;
 
-    /// Listens and serves from here to its destruction. The address is numeric, IPv4 or IPv6; port
-    /// 0 lets the kernel choose. `perFlow`: show each flow's counters, too; six series for each.
-    /// Throws std::runtime_error where it cannot listen.
+    /// Keeps the figures; serves nothing yet. `perFlow`: show each flow's counters, too; eight
+    /// series for each.
+    explicit MetricsServer(bool perFlow);
+
+    /// The same, and serves.
     explicit MetricsServer(const std::string& address = defaultAddress,
                            std::uint16_t port = defaultPort, bool perFlow = false);
+
+    /// Listens and serves from here to its destruction, once. The address is numeric, IPv4 or IPv6;
+    /// port 0 lets the kernel choose. Throws std::runtime_error where it cannot listen; it may be
+    /// tried again then.
+    void serve(const std::string& address, std::uint16_t port);
+    bool serving() const { return context_ != nullptr; }
 
     /// Where it listens: the kernel's choice, if that was asked for.
     std::uint16_t port() const;
@@ -53,10 +64,27 @@ class MetricsServer {
     /// accepted; fewer, where it refused some.
     void setFlows(std::size_t declared, std::size_t active);
 
+    /// Takes in what the kernel says of the child and of the host.
+    void setKernelFigures(const KernelFigures& figures);
+
+    /// Something that is counted was read in the child's log.
+    void count(LogEvent event);
+    /// A reload has ended.
+    void countReload(ReloadOutcome outcome);
+
+    /// Whether the child listens for peers; `lateral` the same for the lateral stream, none where
+    /// no stream is configured.
+    void setListening(bool downstream, std::optional<bool> lateral);
+
+    /// How far the child has been told what the file says.
+    void setStage(Stage stage);
+
     /// The text of the metrics page as it is now.
     std::string page() const;
     /// Whether the health page says so, too.
     bool healthy() const;
+    /// What the ready page says is in the way; empty where it says that the service is ready.
+    std::string_view obstacle() const;
 
  private:
     struct StopServing {

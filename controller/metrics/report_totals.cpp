@@ -66,6 +66,20 @@ void ReportTotals::childStarted() {
     last_ = Report();
 }
 
+void ReportTotals::addFlowSockets(const std::map<std::uint32_t, FlowSocket>& sockets) {
+    if (!perFlow_) {
+        return;
+    }
+    for (auto& [label, flow] : totals_.flows) {
+        flow.socket = SocketFigures();
+    }
+    for (const auto& [label, socket] : sockets) {
+        FlowTotals& flow = totals_.flows[label];
+        flow.socket = socket.present;
+        flow.kernelDrops += socket.newDrops;
+    }
+}
+
 void ReportTotals::addPoll(const Report& report) {
     const PollCounters before = last_.poll.value_or(PollCounters());
     const PollCounters now = report.poll.value_or(PollCounters());

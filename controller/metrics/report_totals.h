@@ -15,6 +15,7 @@
 #include <string>
 #include <vector>
 
+#include "kernel/kernel_figures.h"
 #include "metrics/report.h"
 
 namespace vesk::controller {
@@ -28,6 +29,8 @@ struct WorkerTotals {
 struct FlowTotals {
     std::string name;  ///< empty for a flow that nobody declared: an auxiliary one
     DatagramCounters counters;
+    SocketFigures socket;           ///< at present, as the kernel has it
+    std::uint64_t kernelDrops = 0;  ///< datagrams that the kernel dropped at its sockets
 };
 
 /// What has been counted so far, and what the last report says of the present.
@@ -56,6 +59,9 @@ class ReportTotals {
 
     /// The next report is that of a new child, whose counters begin at 0.
     void childStarted();
+
+    /// Takes in what the kernel says of the flows' sockets, if flows are kept apart.
+    void addFlowSockets(const std::map<std::uint32_t, FlowSocket>& sockets);
 
     const Totals& totals() const { return totals_; }
 

@@ -1,5 +1,7 @@
 #include "service/deployment.h"
 
+#include <algorithm>
+#include <iterator>
 #include <utility>
 
 #include "commands/command_lines.h"
@@ -9,6 +11,8 @@ namespace vesk::controller {
 std::vector<Command> Deployment::begin(const Configuration& wanted) {
     take(wanted);
     refusals_ = {};
+    listening_ = false;
+    lateralListening_ = false;
     return allCommands(wanted);
 }
 
@@ -23,13 +27,38 @@ void Deployment::note(const Outcome& outcome) {
     const bool refused = !outcome.errors.empty();
     if (command.word == "start") {
         refusals_.downstream = refused;
+        listening_ = !refused;
+    } else if (command.word == "stop") {
+        listening_ = false;
     } else if (command.word == "start_lateral") {
-        refusals_.lateral = refused;
+        // It cannot be stopped: a second start is refused since the first was not.
+        lateralListening_ = lateralListening_ || !refused;
+        refusals_.lateral = !lateralListening_;
     } else if (command.label != 0 && !refused) {
         refusals_.flows.erase(command.label);
     } else if (command.label != 0 && running_.flows.contains(command.label)) {
         refusals_.flows.insert(command.label);
     }
+}
+
+std::optional<bool> Deployment::lateralListening() const {
+    return running_.lateral ? std::optional(lateralListening_) : std::nullopt;
+}
+
+std::vector<Command> Deployment::listenOn(const HostPort& address) {
+    running_.downstream = address;
+    return listenCommands(address);
+}
+
+std::vector<Command> Deployment::listenAgain() const {
+    std::vector<Command> commands;
+    if (refusals_.lateral && running_.lateral) {
+        commands = lateralCommands(*running_.lateral);
+    }
+    if (refusals_.downstream) {
+        std::ranges::move(listenCommands(running_.downstream), std::back_inserter(commands));
+    }
+    return commands;
 }
 
 void Deployment::take(Configuration running) {

@@ -5,6 +5,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <map>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -26,12 +27,28 @@ class Deployment {
     /// Notes what came of a command.
     void note(const Outcome& outcome);
 
+    /// What it was told; refusals() says what it has not taken of that.
+    const Configuration& running() const { return running_; }
+
     /// The level at which the forwarder logs.
     const std::string& logLevel() const { return running_.forwarder.logLevel; }
 
     std::size_t declaredFlows() const { return running_.flows.size(); }
     std::size_t acceptedFlows() const { return declaredFlows() - refusals_.flows.size(); }
     const Refusals& refusals() const { return refusals_; }
+
+    /// Whether the last forwarder that was told to listen for peers does so.
+    bool listening() const { return listening_; }
+    /// The same of the lateral stream; none where no stream is configured.
+    std::optional<bool> lateralListening() const;
+    /// Whether it listens wherever the configuration says.
+    bool listensEverywhere() const { return listening_ && lateralListening().value_or(true); }
+
+    /// Has it listen on another address than it was told last; returns the commands.
+    std::vector<Command> listenOn(const HostPort& address);
+
+    /// What a forwarder that refused to listen has to be told to try it again.
+    std::vector<Command> listenAgain() const;
 
     /// By label.
     const std::map<std::uint32_t, std::string>& flowNames() const { return names_; }
@@ -41,6 +58,8 @@ class Deployment {
 
     Configuration running_;
     Refusals refusals_;
+    bool listening_ = false;
+    bool lateralListening_ = false;
     std::map<std::uint32_t, std::string> names_;
 };
 

@@ -2,8 +2,12 @@
 
 #include <sys/resource.h>
 
+#include <algorithm>
 #include <fstream>
+#include <iterator>
 #include <utility>
+
+#include "config/numeric_address.h"
 
 namespace vesk::controller {
 
@@ -21,6 +25,12 @@ std::optional<std::uint64_t> readNumber(const char* path) {
     std::ifstream file(path);
     std::uint64_t number = 0;
     return file >> number ? std::optional(number) : std::nullopt;
+}
+
+std::optional<PortRange> readPortRange() {
+    std::ifstream file("/proc/sys/net/ipv4/ip_local_port_range");
+    PortRange range;
+    return file >> range.first >> range.last ? std::optional(range) : std::nullopt;
 }
 
 void warnOfBuffer(const char* name, std::optional<std::uint64_t> limit, std::uint64_t wanted,
@@ -54,9 +64,32 @@ std::vector<std::string> bufferWarnings(const BufferLimits& limits) {
     return warnings;
 }
 
+std::vector<std::string> portWarnings(const Configuration& configuration, const PortRange& range) {
+    // A port of IPv4 and the same one of IPv6 are two.
+    std::uint64_t ipv4 = 0;
+    std::uint64_t ipv6 = 0;
+    for (const auto& [label, flow] : configuration.flows) {
+        if (!flow.source) {
+            ++(isIPv6(flow.upstream.host) ? ipv6 : ipv4);
+        }
+    }
+    const std::uint64_t needed = std::max(ipv4, ipv6);
+    const std::uint64_t ports = range.last < range.first ? 0 : range.last - range.first + 1;
+    if (needed <= ports) {
+        return {};
+    }
+    return {"net.ipv4.ip_local_port_range has " + std::to_string(ports) + " ports, and " +
+            std::to_string(needed) +
+            " flows without a source need one each: datagrams of flows beyond it will be dropped; "
+            "sysctl -w net.ipv4.ip_local_port_range=\"1024 65535\", or give flows a source"};
+}
+
 std::vector<std::string> limitWarnings(const Configuration& configuration) {
     std::vector<std::string> warnings = bufferWarnings(
         {readNumber("/proc/sys/net/core/rmem_max"), readNumber("/proc/sys/net/core/wmem_max")});
+    if (const std::optional<PortRange> range = readPortRange()) {
+        std::ranges::move(portWarnings(configuration, *range), std::back_inserter(warnings));
+    }
     rlimit limit{};
     if (getrlimit(RLIMIT_NOFILE, &limit) == 0) {
         for (std::string& warning : descriptorWarnings(configuration, limit.rlim_max)) {

@@ -18,12 +18,19 @@ struct BufferLimits {
     std::optional<std::uint64_t> send;     ///< net.core.wmem_max
 };
 
+/// Ports that the kernel gives to sockets without one of their own, both ends included.
+struct PortRange {
+    std::uint32_t first = 0;
+    std::uint32_t last = 0;
+};
+
 /// What is too low for the configuration, each with its remedy.
 std::vector<std::string> descriptorWarnings(const Configuration& configuration,
                                             std::uint64_t hardLimit);
 std::vector<std::string> bufferWarnings(const BufferLimits& limits);
+std::vector<std::string> portWarnings(const Configuration& configuration, const PortRange& range);
 
-/// Both of them, for this host.
+/// All of them, for this host.
 std::vector<std::string> limitWarnings(const Configuration& configuration);
 
 /// Raises this process's soft limit of descriptors to the hard one; children inherit it.

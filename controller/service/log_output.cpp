@@ -65,6 +65,25 @@ void LogOutput::say(LogLevel level, std::string_view text) {
     write(level, "controller: " + std::string(text));
 }
 
+void LogOutput::passOn(const LogLine& line) {
+    if (!limited_) {
+        write(line.level, line.text);
+        return;
+    }
+    const LogLimit::Verdict verdict = limit_.take(line, LogLimit::Clock::now());
+    if (verdict.before) {
+        tell(*verdict.before);
+    }
+    if (verdict.pass) {
+        write(line.level, line.text);
+    }
+}
+
+/// At the level of the lines, so that whoever looks for these sees how many there were.
+void LogOutput::tell(const LeftOut& leftOut) {
+    say(leftOut.level == LogLevel::none ? LogLevel::warn : leftOut.level, describe(leftOut));
+}
+
 bool LogOutput::writable(int milliseconds) const {
     pollfd watched{fd_, POLLOUT, 0};
     return poll(&watched, 1, milliseconds) == 1;
@@ -87,11 +106,17 @@ bool LogOutput::writePiece() {
 }
 
 void LogOutput::flush() {
+    for (const LeftOut& leftOut : limit_.dueCounts(LogLimit::Clock::now())) {
+        tell(leftOut);
+    }
     while (pending() && writable(0) && writePiece()) {
     }
 }
 
 void LogOutput::finish() {
+    for (const LeftOut& leftOut : limit_.allCounts()) {
+        tell(leftOut);
+    }
     const auto until = std::chrono::steady_clock::now() + lastChance;
     int left = millisecondsUntil(until);
     while (pending() && left > 0 && writable(left) && writePiece()) {

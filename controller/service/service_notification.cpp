@@ -3,8 +3,12 @@
 #include <sys/socket.h>
 #include <sys/un.h>
 
+#include <unistd.h>
+
 #include <algorithm>
+#include <charconv>
 #include <cstddef>
+#include <cstdint>
 #include <cstdlib>
 #include <ctime>
 #include <utility>
@@ -19,10 +23,39 @@ std::string monotonicMicroseconds() {
     return std::to_string(now.tv_sec * 1000000 + now.tv_nsec / 1000);
 }
 
+std::optional<std::string> variable(const char* name) {
+    // NOLINTNEXTLINE(concurrency-mt-unsafe): nobody changes the environment.
+    const char* const value = std::getenv(name);
+    return value != nullptr ? std::optional<std::string>(value) : std::nullopt;
+}
+
+/// None for a text that is no positive number.
+std::optional<std::int64_t> number(const std::optional<std::string>& text) {
+    std::int64_t value = 0;
+    if (!text) {
+        return std::nullopt;
+    }
+    const char* const end = text->data() + text->size();
+    const auto [stopped, error] = std::from_chars(text->data(), end, value);
+    return error == std::errc() && stopped == end && value > 0 ? std::optional(value)
+                                                               : std::nullopt;
+}
+
+/// WATCHDOG_PID says which process is meant; the variables are inherited by others.
+std::optional<std::chrono::microseconds> askedInterval() {
+    const std::optional<std::string> process = variable("WATCHDOG_PID");
+    const std::optional<std::int64_t> interval = number(variable("WATCHDOG_USEC"));
+    if (!interval || (process && number(process) != getpid())) {
+        return std::nullopt;
+    }
+    return std::chrono::microseconds(*interval);
+}
+
 }  // namespace
 
-ServiceNotification::ServiceNotification(std::optional<std::string> address)
-    : address_(std::move(address)) {
+ServiceNotification::ServiceNotification(std::optional<std::string> address,
+                                         std::optional<std::chrono::microseconds> watchdogInterval)
+    : address_(std::move(address)), watchdogInterval_(watchdogInterval) {
     constexpr std::size_t room = sizeof(sockaddr_un::sun_path);
     if (address_ && !address_->empty() && address_->size() < room) {
         socket_.reset(socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0));
@@ -30,10 +63,11 @@ ServiceNotification::ServiceNotification(std::optional<std::string> address)
 }
 
 ServiceNotification ServiceNotification::fromEnvironment() {
-    // NOLINTNEXTLINE(concurrency-mt-unsafe): nobody changes the environment.
-    const char* const address = std::getenv("NOTIFY_SOCKET");
-    return ServiceNotification(address != nullptr ? std::optional<std::string>(address)
-                                                  : std::nullopt);
+    return ServiceNotification(variable("NOTIFY_SOCKET"), askedInterval());
+}
+
+void ServiceNotification::alive() const {
+    send("WATCHDOG=1");
 }
 
 void ServiceNotification::ready(std::string_view status) const {

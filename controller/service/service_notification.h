@@ -2,6 +2,7 @@
 // NOTIFY_SOCKET names. Without that variable nothing is sent. Called by service/supervisor.
 #pragma once
 
+#include <chrono>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -12,8 +13,11 @@ namespace vesk::controller {
 
 class ServiceNotification {
  public:
-    /// `address` is that of NOTIFY_SOCKET: a path, or "@" and an abstract name.
-    explicit ServiceNotification(std::optional<std::string> address);
+    /// `address` is that of NOTIFY_SOCKET: a path, or "@" and an abstract name. `watchdogInterval`
+    /// is that of WATCHDOG_USEC.
+    explicit ServiceNotification(
+        std::optional<std::string> address,
+        std::optional<std::chrono::microseconds> watchdogInterval = std::nullopt);
 
     /// As the environment has it.
     static ServiceNotification fromEnvironment();
@@ -24,10 +28,16 @@ class ServiceNotification {
     void stopping(std::string_view status) const;
     void status(std::string_view status) const;
 
+    /// Within which time the service manager wants to hear alive() again; none where it does not
+    /// watch this process.
+    std::optional<std::chrono::microseconds> watchdogInterval() const { return watchdogInterval_; }
+    void alive() const;
+
  private:
     void send(std::string_view message) const;
 
     std::optional<std::string> address_;
+    std::optional<std::chrono::microseconds> watchdogInterval_;
     UniqueFd socket_;
 };
 

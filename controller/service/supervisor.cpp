@@ -7,26 +7,14 @@
 #include <cerrno>
 #include <csignal>
 #include <initializer_list>
-#include <stdexcept>
 #include <system_error>
 #include <utility>
 
 #include "commands/command_lines.h"
+#include "config/key_mask.h"
 #include "service/program_path.h"
 
 namespace vesk::controller {
-
-namespace {
-
-bool due(std::optional<std::chrono::steady_clock::time_point>& deadline) {
-    if (!deadline || *deadline > std::chrono::steady_clock::now()) {
-        return false;
-    }
-    deadline.reset();
-    return true;
-}
-
-}  // namespace
 
 Supervisor::Supervisor(const Options& options, Configuration configuration, LogOutput& log)
     : options_(options),
@@ -34,10 +22,19 @@ Supervisor::Supervisor(const Options& options, Configuration configuration, LogO
       log_(log),
       signals_({SIGHUP, SIGTERM, SIGINT, SIGCHLD}),
       servedMetrics_(wanted_.metrics),
-      restartPause_(wanted_.supervision.restartPause, wanted_.supervision.restartPauseMax) {}
+      restartPause_(firstPause()),
+      listenPause_(restartPause_),
+      servePause_(restartPause_) {
+    log_.setLimited(wanted_.supervision.logLimit);
+}
 
 int Supervisor::run() {
-    serveMetrics();
+    if (!beginMetrics()) {
+        return exit_status::metricsFailed;
+    }
+    if (notification_.watchdogInterval()) {
+        aliveAt_ = Clock::now();
+    }
     if (!startForwarder()) {
         return exit_status::forwarderFailed;
     }
@@ -47,25 +44,20 @@ int Supervisor::run() {
     return exitStatus_;
 }
 
-void Supervisor::serveMetrics() {
-    if (!servedMetrics_.enabled) {
-        return;
-    }
-    try {
-        metrics_ = std::make_unique<MetricsServer>(servedMetrics_.address, servedMetrics_.port,
-                                                   servedMetrics_.perFlow);
-        log_.say(LogLevel::info, "serves metrics on " + servedMetrics_.address + ", port " +
-                                     std::to_string(metrics_->port()));
-    } catch (const std::runtime_error& error) {
-        log_.say(LogLevel::error, std::string("goes on without metrics: ") + error.what());
-    }
-}
-
 // ---- The turn of the loop. ----
+
+bool Supervisor::due(Deadline& deadline) {
+    if (!deadline || *deadline > Clock::now()) {
+        return false;
+    }
+    deadline.reset();
+    return true;
+}
 
 int Supervisor::pollTimeout() const {
     Deadline nearest;
-    for (const Deadline& deadline : {startAgainAt_, reportAt_, stepAt_}) {
+    for (const Deadline& deadline : {startAgainAt_, listenAgainAt_, reportAt_, stepAt_, aliveAt_,
+                                     serveAgainAt_, answerDue(), log_.countDueAt()}) {
         if (deadline && (!nearest || *deadline < *nearest)) {
             nearest = deadline;
         }
@@ -91,9 +83,7 @@ void Supervisor::waitAndHandle() {
         throw std::system_error(errno, std::generic_category(), "poll");
     }
     if (watched[1].revents != 0) {
-        for (const OutputEvent& event : session_->read()) {
-            handle(event);
-        }
+        readForwarder();
     }
     if (watched[0].revents != 0) {
         handleSignals();
@@ -109,6 +99,12 @@ void Supervisor::waitAndHandle() {
         session_->write();
     }
     log_.flush();
+}
+
+void Supervisor::readForwarder() {
+    for (const OutputEvent& event : session_->read()) {
+        handle(event);
+    }
 }
 
 void Supervisor::handleSignals() {
@@ -133,6 +129,16 @@ void Supervisor::handleTime() {
     if (due(startAgainAt_)) {
         startAgain();
     }
+    if (due(listenAgainAt_)) {
+        listenAgain();
+    }
+    if (due(aliveAt_)) {
+        answerWatchdog();
+    }
+    watchForwarder();
+    if (due(serveAgainAt_)) {
+        serveMetrics();
+    }
     if (due(reportAt_)) {
         askForReport();
     }
@@ -147,14 +153,18 @@ bool Supervisor::startForwarder() {
     const std::string program =
         programPath(options_.program, wanted_.forwarder.program, ownFolder());
     try {
-        session_.emplace(program, programArguments(wanted_.forwarder));
+        session_.emplace(program, programArguments(wanted_.forwarder),
+                         programEnvironment(wanted_.forwarder));
     } catch (const std::system_error& error) {
-        log_.say(LogLevel::error, std::string("cannot run ") + error.what());
+        log_.say(LogLevel::error, "cannot run " + maskKeyDigits(error.what()));
         return false;
     }
-    log_.say(LogLevel::info, "started " + program + ", process " + std::to_string(session_->pid()));
+    log_.say(LogLevel::info,
+             "started " + maskKeyDigits(program) + ", process " + std::to_string(session_->pid()));
     round_ = Round::replay;
     reportAsked_ = false;
+    flowDescriptors_.clear();
+    publishStage(Stage::settingUp);
     sendAll(deployment_.begin(wanted_));
     if (metrics_) {
         metrics_->childUp(true);
@@ -172,6 +182,10 @@ void Supervisor::startAgain() {
     }
 }
 
+RestartPause Supervisor::firstPause() const {
+    return {wanted_.supervision.restartPause, wanted_.supervision.restartPauseMax};
+}
+
 void Supervisor::pauseAfter(Clock::duration lived) {
     const std::chrono::milliseconds pause = restartPause_.after(lived);
     startAgainAt_ = Clock::now() + pause;
@@ -187,11 +201,13 @@ void Supervisor::forwarderEnded() {
     const bool good = endedWell(status) && phase_ != Phase::running && phase_ != Phase::draining;
     std::string text = "the forwarder " + describeEnd(status);
     if (phase_ == Phase::running && current != nullptr) {
-        text += ", at work on " + current->subject;
+        text += ", at work on " + describe(*current);
     }
     log_.say(good ? LogLevel::info : LogLevel::error, text);
     session_.reset();
+    hung_ = false;
     reportAt_.reset();
+    listenAgainAt_.reset();
     if (metrics_) {
         metrics_->childUp(false);
     }

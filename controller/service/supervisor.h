@@ -13,6 +13,7 @@
 #include "child/restart_pause.h"
 #include "config/configuration.h"
 #include "config/problem.h"
+#include "kernel/kernel_watch.h"
 #include "metrics/metrics_server.h"
 #include "options.h"
 #include "service/deployment.h"
@@ -39,12 +40,15 @@ class Supervisor {
     /// has ended, and the next starts after a pause.
     enum class Phase { running, draining, closing, terminating, killing, ended };
 
-    /// Commands whose last outcome is awaited: those of a new forwarder, or of a reload.
-    enum class Round { none, replay, reload };
+    /// Commands whose last outcome is awaited: those of a new forwarder, of a reload, or those that
+    /// try refused listeners again.
+    enum class Round { none, replay, reload, listen };
 
     // The turn of the loop.
     int pollTimeout() const;
     void waitAndHandle();
+    void readForwarder();
+    static bool due(Deadline& deadline);
     void handleSignals();
     void handleSignal(int number);
     void handleTime();
@@ -52,32 +56,58 @@ class Supervisor {
     // The forwarder's life.
     bool startForwarder();
     void startAgain();
+    RestartPause firstPause() const;
     void pauseAfter(Clock::duration lived);
     void forwarderEnded();
 
+    // Whether it answers.
+    Deadline answerDue() const;
+    void watchForwarder();
+    void endHungForwarder();
+    void answerWatchdog();
+
     // What it says.
     void handle(const OutputEvent& event);
+    void count(const LogLine& line);
     void republish(const LogLine& line);
     void handleOutcome(const Outcome& outcome);
     void handleReport(const Report& report);
-    void finishRound();
     void askForReport();
+    void askTheKernel();
 
     // What it is told.
     void sendAll(const std::vector<Command>& commands);
     void reload();
     void refuseReload(const Problems& problems);
     void applyReload();
+
+    // Whether the service is ready, and what is done until it is.
+    void finishRound();
     void tellReloaded(std::string_view status);
+    void noteListener(const Outcome& outcome);
+    void planListening();
+    void listenAgain();
+    std::string summary() const;
+
+    // A reload's new address, and what comes of it.
+    void tryNewAddress();
+    bool usesItself(const HostPort& address) const;
+    void keepAddress(const HostPort& old, std::string_view reason);
+    void noteStart(const Outcome& outcome);
+
+    // What others can read of it.
+    bool beginMetrics();
+    void serveMetrics();
+    void reloadMetrics();
+    void publishFlows();
+    void publishListening();
+    void publishStage(Stage stage);
+    void countReload();
 
     // Its end.
     void terminate();
     void nextStepOfEnd();
     void closeInput();
-
-    std::string summary() const;
-    void serveMetrics();
-    void publishFlows();
 
     const Options& options_;
     Configuration wanted_;
@@ -86,18 +116,30 @@ class Supervisor {
     ServiceNotification notification_ = ServiceNotification::fromEnvironment();
     MetricsSettings servedMetrics_;
     std::unique_ptr<MetricsServer> metrics_;
+    // After what its thread publishes to.
+    KernelWatch kernelWatch_;
+    FlowDescriptors flowDescriptors_;
     RestartPause restartPause_;
+    RestartPause listenPause_;
+    RestartPause servePause_;
 
     Phase phase_ = Phase::running;
     Round round_ = Round::none;
     Deployment deployment_;
     std::optional<ForwarderSession> session_;
     std::optional<int> endStatus_;  // of a forwarder whose output may still hold something
-    bool ready_ = false;            // a forwarder has been set up, and the service manager knows
+    bool ready_ = false;            // a forwarder has listened, and the service manager knows
+    bool reloadTold_ = false;       // the service manager waits for the end of a reload
+    std::optional<ReloadOutcome> reload_;      // of the last reload, until it is counted
+    std::optional<HostPort> previousAddress_;  // to go back to if the new one is refused
     bool reportAsked_ = false;
+    bool hung_ = false;  // the forwarder did not answer and was killed
     std::optional<Standstill> standstill_;
     Deadline startAgainAt_;
+    Deadline listenAgainAt_;
+    Deadline serveAgainAt_;
     Deadline reportAt_;
+    Deadline aliveAt_;
     Deadline stepAt_;  // when the end gets more urgent
     int exitStatus_ = exit_status::success;
 };

@@ -6,6 +6,8 @@
 
 #include "commands/command_lines.h"
 #include "config/configuration_reader.h"
+#include "config/key_mask.h"
+#include "service/counted.h"
 #include "service/limits.h"
 #include "service/supervisor.h"
 
@@ -26,16 +28,13 @@ std::string join(const std::vector<std::string>& texts) {
     return result;
 }
 
-std::string countOf(std::size_t count, const std::string& thing) {
-    return std::to_string(count) + " " + thing + (count == 1 ? "" : "s");
-}
-
 }  // namespace
 
 // ---- What the forwarder says. ----
 
 void Supervisor::handle(const OutputEvent& event) {
     if (const auto* const line = std::get_if<LogLine>(&event)) {
+        count(*line);
         republish(*line);
     } else if (const auto* const outcome = std::get_if<Outcome>(&event)) {
         handleOutcome(*outcome);
@@ -47,12 +46,12 @@ void Supervisor::handle(const OutputEvent& event) {
 /// For its reports the forwarder is set to info level for a moment, whatever level was asked for.
 void Supervisor::republish(const LogLine& line) {
     if (line.level <= levelNamed(wanted_.forwarder.logLevel)) {
-        log_.write(line.level, line.text);
+        log_.passOn(line);
     }
 }
 
 void Supervisor::handleOutcome(const Outcome& outcome) {
-    const std::string& subject = outcome.command.subject;
+    const std::string subject = describe(outcome.command);
     if (!outcome.errors.empty()) {
         log_.say(LogLevel::error, subject + " was refused: " + join(outcome.errors));
     }
@@ -60,6 +59,7 @@ void Supervisor::handleOutcome(const Outcome& outcome) {
         log_.say(LogLevel::warn, subject + ": " + join(outcome.warnings));
     }
     deployment_.note(outcome);
+    noteListener(outcome);
     if (outcome.command.word == "stats") {
         reportAsked_ = false;
     }
@@ -69,40 +69,11 @@ void Supervisor::handleReport(const Report& report) {
     if (metrics_) {
         metrics_->update(report, deployment_.flowNames());
     }
+    if (const std::optional<std::string> warning = kernelWatch_.takeWarning()) {
+        log_.say(LogLevel::warn, *warning);
+    }
     if (phase_ == Phase::draining && standstill_->observe(trafficCounters(report), Clock::now())) {
         closeInput();
-    }
-}
-
-void Supervisor::finishRound() {
-    const bool replayed = round_ == Round::replay;
-    round_ = Round::none;
-    publishFlows();
-    log_.say(LogLevel::info, (replayed ? "the forwarder is set up: " : "reloaded: ") + summary());
-    if (phase_ == Phase::running) {
-        ready_ = true;
-        notification_.ready(summary());
-        reportAt_ = reportAt_.value_or(Clock::now());
-    }
-}
-
-std::string Supervisor::summary() const {
-    std::string text = countOf(deployment_.acceptedFlows(), "flow");
-    if (const std::size_t refused = deployment_.refusals().flows.size(); refused > 0) {
-        text += ", " + std::to_string(refused) + " refused";
-    }
-    if (deployment_.refusals().downstream) {
-        text += ", not listening";
-    }
-    if (deployment_.refusals().lateral) {
-        text += ", without lateral stream";
-    }
-    return text;
-}
-
-void Supervisor::publishFlows() {
-    if (metrics_) {
-        metrics_->setFlows(deployment_.declaredFlows(), deployment_.acceptedFlows());
     }
 }
 
@@ -115,6 +86,7 @@ void Supervisor::askForReport() {
         return;
     }
     reportAsked_ = true;
+    askTheKernel();
     const std::string& level = deployment_.logLevel();
     const bool quiet = levelNamed(level) < LogLevel::info;
     if (quiet) {
@@ -139,36 +111,29 @@ void Supervisor::reload() {
         return;
     }
     if (ready_) {
+        reloadTold_ = true;
         notification_.reloading();
     }
     ConfigurationReading reading =
         readConfiguration(options_.file, ReadingRules{options_.allowReadableKeys});
+    countReload();
     if (!reading.configuration) {
         refuseReload(reading.problems);
         return;
     }
+    reload_ = ReloadOutcome::done;
     wanted_ = std::move(*reading.configuration);
-    restartPause_ =
-        RestartPause(wanted_.supervision.restartPause, wanted_.supervision.restartPauseMax);
+    restartPause_ = firstPause();
+    log_.setLimited(wanted_.supervision.logLimit);
     for (const std::string& warning : limitWarnings(wanted_)) {
         log_.say(LogLevel::warn, warning);
     }
-    if (wanted_.metrics != servedMetrics_) {
-        log_.say(LogLevel::warn, "metrics: takes effect when the controller is started again");
-    }
+    reloadMetrics();
+    tryNewAddress();
     if (session_) {
         applyReload();
     } else {
         tellReloaded("The forwarder is about to be started again");
-    }
-}
-
-/// What starts up is not ready because of a reload: it is when its first forwarder is set up.
-void Supervisor::tellReloaded(std::string_view status) {
-    if (ready_) {
-        notification_.ready(status);
-    } else {
-        notification_.status(status);
     }
 }
 
@@ -177,7 +142,9 @@ void Supervisor::refuseReload(const Problems& problems) {
     for (const Problem& problem : problems) {
         log_.say(LogLevel::error, describe(problem, file));
     }
-    log_.say(LogLevel::error, file + " is not usable: everything stays as it was");
+    log_.say(LogLevel::error, maskKeyDigits(file) + " is not usable: everything stays as it was");
+    reload_ = ReloadOutcome::fileRefused;
+    countReload();
     tellReloaded("The last reload failed; " + summary());
 }
 
@@ -186,8 +153,11 @@ void Supervisor::applyReload() {
     for (const std::string& name : changes.waiting) {
         log_.say(LogLevel::warn, name + ": takes effect when the forwarder is started again");
     }
-    log_.say(LogLevel::info, "reload: " + countOf(changes.commands.size(), "command") + " to send");
+    const std::string subjects = listSubjects(changes.commands);
+    log_.say(LogLevel::info, "reload: " + countOf(changes.commands.size(), "command") + " to send" +
+                                 (subjects.empty() ? "" : ": " + subjects));
     round_ = Round::reload;
+    publishStage(Stage::settingUp);
     reportAt_.reset();
     sendAll(changes.commands);
 }
@@ -203,7 +173,9 @@ void Supervisor::terminate() {
         return;
     }
     startAgainAt_.reset();
+    listenAgainAt_.reset();
     notification_.stopping("Draining");
+    publishStage(Stage::draining);
     if (!session_) {
         phase_ = Phase::ended;
         return;

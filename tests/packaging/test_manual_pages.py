@@ -86,11 +86,13 @@ def table_of_keys() -> str:
 def test_example_of_the_file_is_accepted(tmp_path: Path) -> None:
     (example,) = literal_blocks("vesk-controller.toml.5")
     (tmp_path / "vesk.toml").write_text(example)
-    key = tmp_path / "alice.key"
-    key.touch(0o600)
-    key.write_text("00112233445566778899aabbccddeeff\n")
-    subprocess.run([os.environ["VESK_CONTROLLER"], "--check", str(tmp_path / "vesk.toml")],
-                   check=True, timeout=30)
+    named = re.findall(r'key_file = "([^"]+)"', example)
+    for name in named:
+        subprocess.run([os.environ["VESK_CONTROLLER"], "--new-key", str(tmp_path / name)], check=True,
+                       timeout=30)
+    said = subprocess.run([os.environ["VESK_CONTROLLER"], "--check", str(tmp_path / "vesk.toml")],
+                          check=True, timeout=30, stderr=subprocess.PIPE, text=True).stderr
+    assert "flow" not in said, "it has none of the mistakes that are warned of"
 
 
 def test_answer_to_a_command_is_as_shown(tmp_path: Path) -> None:

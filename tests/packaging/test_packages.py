@@ -34,6 +34,7 @@ _FILES: Dict[str, Dict[str, str]] = {
     "vesk-controller": {
         "/etc/vesk/example.toml": _FILE,
         "/usr/bin/vesk-controller": _PROGRAM,
+        "/usr/share/bash-completion/completions/vesk-controller": _FILE,
         "/usr/lib/systemd/system/vesk-controller@.service": _FILE,
         "/usr/share/doc/vesk-controller/changelog.Debian.gz": _FILE,
         "/usr/share/doc/vesk-controller/copyright": _FILE,
@@ -43,9 +44,11 @@ _FILES: Dict[str, Dict[str, str]] = {
         "/usr/share/man/man5/vesk-controller.toml.5.gz": _FILE,
         "/usr/share/man/man8/vesk-controller.8.gz": _FILE,
         "/usr/share/vesk/grafana/vesk.json": _FILE,
+        "/usr/share/vesk/prometheus/vesk.rules.yml": _FILE,
     },
     "vesk-tools": {
         "/usr/bin/vesk-traffic": _PROGRAM,
+        "/usr/share/bash-completion/completions/vesk-traffic": _FILE,
         "/usr/share/doc/vesk-tools/changelog.Debian.gz": _FILE,
         "/usr/share/doc/vesk-tools/copyright": _FILE,
         "/usr/share/doc/vesk/capture.md": _FILE,

@@ -3,6 +3,8 @@
 from __future__ import annotations
 
 import os
+import re
+import shutil
 import subprocess
 from pathlib import Path
 from typing import Set
@@ -18,20 +20,39 @@ _PROGRAMS = {
     "apt-get": 'case $1 in install) echo "$@" >>"$ASKED" ;; esac',
 }
 
+# What scripts/setup itself runs. With nothing else in the path there is no sudo.
+_OWN_TOOLS = ("bash", "cat", "dirname", "env", "grep", "mktemp", "rm", "sh")
+
+# debconf's remarks go to standard error, as they do on a host without apt-utils; a package that asks
+# shows up as what it was told of its front end.
+_NOISY_APT = """echo "debconf: delaying package configuration" >&2
+echo "Reading package lists..."
+case $1 in install) echo "front end $DEBIAN_FRONTEND" >>"$ASKED"; cat >>"$ASKED" ;; esac"""
+
+
+def add_program(host: Path, name: str, text: str) -> None:
+    program = host / name
+    program.write_text(f"#!/bin/sh\n{text}\n")
+    program.chmod(0o755)
+
 
 @pytest.fixture
 def bare_host(tmp_path: Path) -> Path:
     for name, text in _PROGRAMS.items():
-        program = tmp_path / name
-        program.write_text(f"#!/bin/sh\n{text}\n")
-        program.chmod(0o755)
+        add_program(tmp_path, name, text)
+    for name in _OWN_TOOLS:
+        tool = shutil.which(name)
+        assert tool is not None
+        (tmp_path / name).symlink_to(tool)
     return tmp_path
 
 
 def set_up(host: Path, *words: str) -> "subprocess.CompletedProcess[str]":
-    environment = {**os.environ, "PATH": f"{host}:{os.environ['PATH']}", "ASKED": str(host / "asked")}
+    environment = {**os.environ, "PATH": str(host), "ASKED": str(host / "asked")}
+    environment.pop("DEBIAN_FRONTEND", None)
     return subprocess.run([str(_SETUP), *words], env=environment, text=True, timeout=30,
-                          stdout=subprocess.PIPE, stderr=subprocess.PIPE, check=False)
+                          input="typed ahead\n", stdout=subprocess.PIPE, stderr=subprocess.PIPE,
+                          check=False)
 
 
 def asked_for(host: Path, *words: str) -> Set[str]:
@@ -60,4 +81,42 @@ def test_unknown_purpose_is_refused(bare_host: Path) -> None:
     done = set_up(bare_host, "packages")
     assert done.returncode == 2
     assert "scripts/setup [build|package|test]" in done.stderr
+    assert not (bare_host / "asked").exists()
+
+
+def test_testing_gets_the_programs_without_which_tests_are_skipped(bare_host: Path) -> None:
+    # systemd holds systemd-analyze.
+    assert {"curl", "systemd", "tshark", "iproute2", "strace"} <= asked_for(bare_host, "test")
+
+
+@pytest.mark.parametrize("user", ["0", "1000"])
+def test_nothing_is_printed_but_what_is_installed_and_how_long_it_takes(bare_host: Path,
+                                                                        user: str) -> None:
+    add_program(bare_host, "id", f"echo {user}")
+    # As sudo does, it passes no variable on.
+    add_program(bare_host, "sudo", 'exec env -i PATH="$PATH" ASKED="$ASKED" "$@"')
+    add_program(bare_host, "apt-get", _NOISY_APT)
+    done = set_up(bare_host, "build")
+    assert (done.returncode, done.stderr) == (0, "")
+    (line,) = done.stdout.splitlines()
+    assert re.match(r"Installing \d+ packages, which takes about \d+ minutes?: .*\bcmake\b", line)
+    # Nothing of what is typed ahead is taken for an answer.
+    assert (bare_host / "asked").read_text() == "front end noninteractive\n"
+
+
+def test_failure_of_apt_get_is_shown(bare_host: Path) -> None:
+    add_program(bare_host, "apt-get", 'echo "E: no such host"; exit 100')
+    done = set_up(bare_host, "build")
+    assert done.returncode == 1
+    assert "E: no such host" in done.stderr
+    assert "apt-get install" in done.stderr.splitlines()[-1]
+
+
+def test_without_root_and_sudo_one_line_says_what_to_install(bare_host: Path) -> None:
+    add_program(bare_host, "id", "echo 1000")
+    done = set_up(bare_host, "build")
+    assert done.returncode == 1
+    assert done.stdout == ""
+    (line,) = done.stderr.splitlines()
+    assert re.search(r"apt-get install .*\bg\+\+ .*\bcmake\b", line)
     assert not (bare_host / "asked").exists()

@@ -37,12 +37,13 @@ def test_check_prints_the_commands_without_their_keys(configuration: Configurati
     assert checked.stdout.splitlines() == [
         "# vesk udpv2 600 true true",
         "log priority info",
-        "set label 1 up_ip 127.0.0.1 up_port 5000 "
+        "# flow alice (label 0x1/1)",
+        "set label 0x1 up_ip 127.0.0.1 up_port 5000 "
         f"down_in_key <key of {lengths['down_in']} bytes> down_in_algo sha256 "
-        f"up_label {flow.up_label} "
+        f"up_label {flow.up_label:#x} "
         f"up_out_key <key of {lengths['up_out']} bytes> up_out_algo sha256 "
         f"up_in_key <key of {lengths['up_in']} bytes> up_in_algo sha256 "
-        f"down_label {flow.down_label} "
+        f"down_label {flow.down_label:#x} "
         f"down_out_key <key of {lengths['down_out']} bytes> down_out_algo sha256",
         f"start addr {host} port {port}"]
 
@@ -60,7 +61,7 @@ def test_every_mistake_is_reported_at_once(configuration: ConfigurationFile,
         f"{place}:2: downstream.address has to be a numeric address",
         f"{place}:5: flows.alice.upstream is missing",
         f"{place}:6: flows.alice.label has to be a whole number from 1 to 4294967295",
-        f"{place}:7: flows.alice.to_peer.key will not do: the key has an odd number of hex digits"]
+        f"{place}:7: flows.alice.to_peer.key is not usable: the key has an odd number of hex digits"]
 
 
 def test_a_file_that_is_not_there(configuration: ConfigurationFile) -> None:
@@ -86,3 +87,38 @@ def test_a_low_limit_of_descriptors_is_said(configuration: ConfigurationFile) ->
     assert limited.returncode == 0
     assert ("warn controller: the hard limit of descriptors is 250, and 100 flows need 300"
             in limited.stderr)
+
+
+def test_check_warns_of_what_is_allowed_and_looks_like_a_mistake(
+        configuration: ConfigurationFile) -> None:
+    """Each kind once; a file without them has no warning."""
+    key = configuration.flows["alice"].down_in
+    configuration.flows["bob"] = Flow(label=0x10002, upstream=("127.0.0.1", 5000), down_in=key)
+    configuration.flows["carol"] = Flow(label=3, upstream=("127.0.0.1", 5000))
+    configuration.listen = ("0.0.0.0", configuration.listen[1])
+    configuration.tables["lateral"] = ('address = "127.0.0.1"\nport = 1\nindex = 0\ninstances = 3\n'
+                                       'peers = [{ index = 1, address = "127.0.0.2" }]')
+    configuration.write()
+    checked = run_once(configuration, "--check")
+    assert checked.returncode == 0
+    for part in ("1 flow has no key, and 0.0.0.0 is no loopback address",
+                 "1 key is used for several purposes or flows",
+                 "flows.alice.from_peer and flows.bob.from_peer",
+                 "flows.bob (label 0x10002, instance 1)",
+                 "lateral.peers names 1 of the 2 other instances"):
+        assert checked.stderr.count(part) == 1, part
+    assert all(line.startswith("warn controller: ") for line in checked.stderr.splitlines())
+
+
+def test_check_does_not_warn_of_a_file_that_is_in_order(configuration: ConfigurationFile) -> None:
+    configuration.write()
+    assert "flow" not in run_once(configuration, "--check").stderr
+
+
+def test_check_says_in_words_where_the_file_is_not_toml(configuration: ConfigurationFile) -> None:
+    configuration.write_text("[downstream]\naddress = 127.0.0.1\nport = 1\n")
+    refused = run_once(configuration, "--check")
+    assert refused.returncode == 1
+    assert refused.stderr == (
+        f"error {configuration.path}:2: table downstream, key address, column 16: the value is "
+        "neither a number, nor true or false, nor a text in quotes\n")

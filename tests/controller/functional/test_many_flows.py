@@ -38,7 +38,7 @@ def test_two_thousand_flows_start_fast(configuration: ConfigurationFile,
     last.down_label += 1
     configuration.write()
     controller.reload()
-    controller.wait_for("info controller: reload: 1 command to send")
+    controller.wait_for("info controller: reload: 1 command to send: flow last")
     ask_until_answered(peer, last, configuration.listen)
     assert controller.finish() == 0
 
@@ -49,6 +49,7 @@ def test_a_log_that_nobody_reads_stops_nothing(configuration: ConfigurationFile,
     flow = Flow(label=1, **four_keys())
     answer(flow)
     configuration.flows["alice"] = flow
+    configuration.tables["controller"] = "log_limit = false"
     configuration.write()
     controller = start_controller(read=False)
     ask_until_answered(peer, flow, configuration.listen)

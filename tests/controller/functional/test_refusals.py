@@ -24,11 +24,11 @@ def test_a_refused_flow_is_named(configuration: ConfigurationFile,
     configuration.flows = flows
     configuration.write()
     program = spoiling_program(configuration.folder,
-                               "s/label 2 up_ip/label 2 is_multiplex no up_ip/")
+                               "s/label 0x2 up_ip/label 0x2 is_multiplex no up_ip/")
     controller = start_controller("--program", program).ready()
     controller.wait_for(
-        "error controller: flow bob was refused: Vesk_validateIsMultiplexString: ' Bad isMultiplex "
-        "value: no; setLabelAttrs: bad command for label 0")
+        "error controller: flow bob (label 0x2/2) was refused: Vesk_validateIsMultiplexString: ' Bad "
+        "isMultiplex value: no; setLabelAttrs: bad command for label 0")
     controller.wait_for("info controller: the forwarder is set up: 2 flows, 1 refused")
     for name in ("alice", "carol"):
         ask_until_answered(peer, flows[name], configuration.listen)

@@ -51,7 +51,7 @@ def test_one_flow_changes_and_another_loses_nothing(
         ask_until_answered(peer, bob, configuration.listen)
         conversation.wait_for_answers(50)
     assert conversation.lost == 0
-    controller.wait_for("info controller: reload: 1 command to send")
+    controller.wait_for("info controller: reload: 1 command to send: flow bob")
 
 
 def test_a_reload_while_the_file_is_read_for_the_first_time_comes_after_it(
@@ -65,7 +65,7 @@ def test_a_reload_while_the_file_is_read_for_the_first_time_comes_after_it(
     wait_until(lambda: ignores(status.read_text(encoding="ascii"), signal.SIGPIPE),
                "it is about to read")
     controller.signal(signal.SIGHUP)
-    controller.wait_for(re.compile(r"info controller: reload: \d+ commands to send"), 0, 60)
+    controller.wait_for(re.compile(r"info controller: reload: \d+ commands to send.*"), 0, 60)
     controller.wait_for("info controller: reloaded: 10000 flows", 0, 60)
 
 
@@ -206,6 +206,6 @@ def test_the_log_level_changes(configuration: ConfigurationFile,
     configuration.write()
     controller.reload()
     ask_until_answered(peer, alice, configuration.listen)
-    shown = controller.wait_for(re.compile("debug Got message: set label 1 .*"))
+    shown = controller.wait_for(re.compile("debug Got message: set label 0x1 .*"))
     assert "down_in_key <key of 18 bytes> down_in_algo sha256" in shown
     assert not [line for line in controller.lines if "Got message: fence" in line]

@@ -6,7 +6,9 @@ import re
 import socket
 import urllib.request
 from pathlib import Path
-from typing import Callable
+from typing import Callable, Dict
+
+import pytest
 
 from configuration_file import ConfigurationFile
 from controller_fixtures import StartController
@@ -66,6 +68,29 @@ def test_either_framing(configuration: ConfigurationFile, start_controller: Star
     configuration.write()
     start_controller().ready()
     ask_until_answered(peer, flow, configuration.listen)
+
+
+@pytest.mark.parametrize("setting, own, source", [
+    ("", {}, "127.0.0.9"), ('ipv4_source = "arrival"', {}, "127.0.0.9"),
+    ('ipv4_source = "kernel"', {}, "127.0.0.1"),
+    ('ipv4_source = "kernel"', {"VESK_IPV4_SOURCE": "arrival"}, "127.0.0.1"),
+    ("", {"VESK_IPV4_SOURCE": "kernel"}, "127.0.0.9")],
+    ids=["default", "arrival", "kernel", "kernel-against-own", "default-against-own"])
+def test_the_file_says_from_which_address_replies_leave(
+        configuration: ConfigurationFile, start_controller: StartController, peer: UdpEnd,
+        answer: Answer, setting: str, own: Dict[str, str], source: str) -> None:
+    """Whatever the controller's own environment says."""
+    flow = Flow(label=7, **four_keys())
+    answer(flow)
+    configuration.flows["bob"] = flow
+    configuration.listen = ("127.0.0.9", configuration.listen[1])
+    configuration.tables["forwarder"] = setting
+    configuration.write()
+    start_controller(environment=own).ready()
+    peer.send(flow.request(b"question"), configuration.listen)
+    answered = peer.receive()
+    assert flow.open_reply(answered.data).payload == b"question"
+    assert answered.sender == (source, configuration.listen[1])
 
 
 def test_the_forwarders_log_comes_through_with_its_levels(

@@ -47,8 +47,8 @@ TEST(ExpositionTest, ShowsEachCounterOfEachSocketUnderItsOwnName) {
 
 TEST(ExpositionTest, ShowsTheFlowsByNameAndLabel) {
     Totals totals;
-    totals.flows[0x10001] = {"al\"ice", {11, 12, 13, 14, 15, 16}};
-    totals.flows[0x20001] = {"", {21, 22, 23, 24, 25, 26}};
+    totals.flows[0x10001] = {"al\"ice", {11, 12, 13, 14, 15, 16}, {}, 0};
+    totals.flows[0x20001] = {"", {21, 22, 23, 24, 25, 26}, {}, 0};
     const std::string page = text(totals, running());
     const std::string alice = "{flow=\"al\\\"ice\",label=\"0x10001\"} ";
     EXPECT_THAT(page, HasSubstr("\nvesk_flow_received_datagrams_total" + alice + "11\n"));
@@ -90,6 +90,18 @@ TEST(ExpositionTest, ShowsTheController) {
     EXPECT_THAT(page, HasSubstr("\nvesk_last_report_timestamp_seconds 1.5\n"));
 }
 
+TEST(ExpositionTest, ShowsWhetherTheForwarderListens) {
+    ControllerState state = running();
+    state.listening = true;
+    EXPECT_THAT(text(Totals(), state), HasSubstr("\nvesk_listening 1\n"));
+    EXPECT_THAT(text(Totals(), state), Not(HasSubstr("vesk_lateral_listening")));
+    state.lateralListening = true;
+    EXPECT_THAT(text(Totals(), state), HasSubstr("\nvesk_lateral_listening 1\n"));
+    state.childUp = false;
+    EXPECT_THAT(text(Totals(), state), HasSubstr("\nvesk_listening 0\n"));
+    EXPECT_THAT(text(Totals(), state), HasSubstr("\nvesk_lateral_listening 0\n"));
+}
+
 // What a child that has gone had counted stays; what it had at the time is no more.
 TEST(ExpositionTest, ShowsNothingPresentOfAChildThatIsDown) {
     Totals totals;
@@ -114,12 +126,82 @@ TEST(ExpositionTest, CountersStartAtZeroWithoutAReport) {
     EXPECT_THAT(page, Not(HasSubstr("vesk_flow_sent_datagrams_total")));
 }
 
+/// Figures that differ from each other.
+KernelFigures kernelFigures() {
+    KernelFigures figures;
+    figures.sockets = {{{1, 2, 3}, {4, 5, 6}, {7, 8, 9}}};
+    figures.drops = {10, 11, 12};
+    figures.flows.emplace();
+    figures.ports = Room{13, 14};
+    figures.descriptors = Room{15, 16};
+    figures.conntrack = Conntrack{17, 18};
+    figures.ipv4 = BufferErrors{19, 20};
+    figures.ipv6 = BufferErrors{21, 22};
+    return figures;
+}
+
+TEST(ExpositionTest, ShowsWhatTheKernelSays) {
+    ControllerState state = running();
+    state.kernel = kernelFigures();
+    const std::string page = text(Totals(), state);
+    for (const char* line :
+         {"vesk_udp_sockets{side=\"downstream\"} 1",
+          "vesk_udp_receive_queue_bytes{side=\"downstream\"} 2",
+          "vesk_udp_send_queue_bytes{side=\"downstream\"} 3",
+          "vesk_udp_receive_queue_bytes{side=\"lateral\"} 5",
+          "vesk_udp_sockets{side=\"upstream\"} 7",
+          "vesk_udp_dropped_datagrams_total{side=\"downstream\"} 10",
+          "vesk_udp_dropped_datagrams_total{side=\"lateral\"} 11",
+          "vesk_udp_dropped_datagrams_total{side=\"upstream\"} 12", "vesk_ephemeral_ports_used 13",
+          "vesk_ephemeral_ports_left 14", "vesk_descriptors_used 15", "vesk_descriptors_left 16",
+          "vesk_conntrack_entries 17", "vesk_conntrack_entries_limit 18",
+          "vesk_host_udp_receive_buffer_errors_total{family=\"ipv4\"} 19",
+          "vesk_host_udp_send_buffer_errors_total{family=\"ipv4\"} 20",
+          "vesk_host_udp_receive_buffer_errors_total{family=\"ipv6\"} 21",
+          "vesk_host_udp_send_buffer_errors_total{family=\"ipv6\"} 22"}) {
+        EXPECT_THAT(page, HasSubstr("\n" + std::string(line) + "\n"));
+    }
+}
+
+// No figure is not the same as none left.
+TEST(ExpositionTest, ShowsNoFigureThatTheKernelDoesNotHave) {
+    const std::string page = text(Totals(), running());
+    EXPECT_THAT(page, HasSubstr("\nvesk_udp_dropped_datagrams_total{side=\"upstream\"} 0\n"));
+    for (const char* name : {"vesk_udp_sockets", "vesk_udp_receive", "vesk_udp_send",
+                             "vesk_ephemeral", "vesk_descriptors", "vesk_conntrack", "vesk_host"}) {
+        EXPECT_THAT(page, Not(HasSubstr(name)));
+    }
+}
+
+TEST(ExpositionTest, ShowsTheFlowsSocketsWhereTheyAreKnown) {
+    Totals totals;
+    totals.flows[0x10001] = {"alice", {}, {1, 2, 3}, 4};
+    ControllerState state = running();
+    EXPECT_THAT(text(totals, state), Not(HasSubstr("vesk_flow_udp")));
+    state.kernel.flows.emplace();
+    const std::string page = text(totals, state);
+    const std::string alice = "{flow=\"alice\",label=\"0x10001\"} ";
+    EXPECT_THAT(page, HasSubstr("\nvesk_flow_udp_dropped_datagrams_total" + alice + "4\n"));
+    EXPECT_THAT(page, HasSubstr("\nvesk_flow_udp_receive_queue_bytes" + alice + "2\n"));
+}
+
+TEST(ExpositionTest, ShowsWhatIsCountedOfTheLog) {
+    ControllerState state = running();
+    state.events = {1, 2, 3};
+    const std::string page = text(Totals(), state);
+    EXPECT_THAT(page, HasSubstr("\nvesk_hmac_failures_total 1\n"));
+    EXPECT_THAT(page, HasSubstr("\nvesk_endpoints_created_total 2\n"));
+    EXPECT_THAT(page, HasSubstr("\nvesk_endpoints_deleted_by_error_total 3\n"));
+}
+
 TEST(ExpositionTest, NamesFollowTheCustom) {
     Totals totals;
-    totals.flows[5] = {"alice", {}};
+    totals.flows[5] = {"alice", {}, {}, 0};
     totals.workers.resize(1);
+    ControllerState state = running();
+    state.kernel = kernelFigures();
     std::set<std::string> names;
-    for (const prometheus::MetricFamily& family : describeMetrics(totals, running())) {
+    for (const prometheus::MetricFamily& family : describeMetrics(totals, state)) {
         EXPECT_TRUE(names.insert(family.name).second) << family.name << " is shown twice";
         EXPECT_TRUE(family.name.starts_with("vesk_")) << family.name;
         EXPECT_EQ(family.name.ends_with("_total"), family.type == prometheus::MetricType::Counter)

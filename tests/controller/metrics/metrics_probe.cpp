@@ -3,10 +3,11 @@
 //
 //     metrics-probe (total | per-flow) LABEL=NAME...
 //
-// It writes its port first. A line `@up`, `@down`, `@restart` or `@flows DECLARED ACTIVE` is what
-// the controller would call; each other line is the child's. It writes `report` for each report
-// taken in, `line TEXT` for each line that belongs to none and `done` for each line that begins
-// with an @.
+// It writes its port first. A line `@up`, `@down`, `@restart`, `@flows DECLARED ACTIVE`,
+// `@listening DOWNSTREAM LATERAL` (0 or 1 each), `@kernel N` (each figure of the kernel is N) or
+// `@event` (one of each that is counted of the log) is what the controller would call; each other
+// line is the child's. It writes `report` for each report taken in, `line TEXT` for each line that
+// belongs to none and `done` for each line that begins with an @.
 #include <cstdint>
 #include <iostream>
 #include <map>
@@ -31,18 +32,46 @@ Names namesOf(int count, char** words) {
     return names;
 }
 
+vesk::controller::KernelFigures allOf(std::uint64_t number) {
+    vesk::controller::KernelFigures figures;
+    figures.sockets.emplace().fill({number, number, number});
+    figures.drops.fill(number);
+    figures.flows.emplace().emplace(65537,
+                                    vesk::controller::FlowSocket{{1, number, number}, number});
+    figures.ports = {number, number};
+    figures.descriptors = {number, number};
+    figures.conntrack = {number, number};
+    figures.ipv4 = {number, number};
+    figures.ipv6 = {number, number};
+    return figures;
+}
+
+void countEach(vesk::controller::MetricsServer& server) {
+    using vesk::controller::LogEvent;
+    for (const LogEvent event :
+         {LogEvent::hmacFailure, LogEvent::endpointCreated, LogEvent::endpointDeletedByError}) {
+        server.count(event);
+    }
+}
+
 void act(vesk::controller::MetricsServer& server, const std::string& line) {
     std::istringstream words(line);
     std::string word;
-    std::size_t declared = 0;
-    std::size_t active = 0;
-    words >> word >> declared >> active;
+    std::size_t first = 0;
+    std::size_t second = 0;
+    words >> word >> first >> second;
     if (word == "@up" || word == "@down") {
         server.childUp(word == "@up");
     } else if (word == "@restart") {
         server.countRestart();
     } else if (word == "@flows") {
-        server.setFlows(declared, active);
+        server.setFlows(first, second);
+    } else if (word == "@listening") {
+        server.setListening(first != 0, second != 0);
+    } else if (word == "@kernel") {
+        server.setKernelFigures(allOf(first));
+    } else if (word == "@event") {
+        countEach(server);
     }
     std::cout << "done" << std::endl;
 }

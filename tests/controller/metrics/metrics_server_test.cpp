@@ -64,6 +64,40 @@ TEST_F(MetricsServerTest, TellsWhetherTheChildIsUp) {
     EXPECT_THAT(get("/healthz"), StartsWith("HTTP/1.1 503 "));
 }
 
+TEST_F(MetricsServerTest, CountsReloadsByTheirOutcome) {
+    EXPECT_THAT(server_.page(), HasSubstr("\nvesk_last_reload_successful 1\n"));
+    server_.countReload(ReloadOutcome::addressRefused);
+    EXPECT_THAT(server_.page(), HasSubstr("\nvesk_reloads_total{outcome=\"address_refused\"} 1\n"));
+    EXPECT_THAT(server_.page(), HasSubstr("\nvesk_last_reload_successful 0\n"));
+    server_.countReload(ReloadOutcome::fileRefused);
+    EXPECT_THAT(server_.page(), HasSubstr("\nvesk_reloads_total{outcome=\"file_refused\"} 1\n"));
+    EXPECT_THAT(server_.page(), HasSubstr("\nvesk_last_reload_successful 0\n"));
+    server_.countReload(ReloadOutcome::done);
+    EXPECT_THAT(server_.page(), HasSubstr("\nvesk_reloads_total{outcome=\"done\"} 1\n"));
+    EXPECT_THAT(server_.page(), HasSubstr("\nvesk_last_reload_successful 1\n"));
+}
+
+TEST_F(MetricsServerTest, TellsWhatKeepsItFromBeingReady) {
+    const auto expect = [&](const char* status, const std::string& text) {
+        EXPECT_THAT(get("/ready"), StartsWith("HTTP/1.1 " + std::string(status)));
+        EXPECT_THAT(get("/ready"), EndsWith("\r\n\r\n" + text + "\n"));
+    };
+    expect("503", "the forwarder is not running");
+    server_.childUp(true);
+    expect("503", "the forwarder is being set up");
+    server_.setStage(Stage::settled);
+    expect("503", "the forwarder does not listen");
+    server_.setListening(true, false);
+    expect("503", "the forwarder does not listen to other instances");
+    server_.setListening(true, true);
+    expect("200", "ready");
+    server_.setListening(true, std::nullopt);
+    expect("200", "ready");
+    server_.setStage(Stage::draining);
+    expect("503", "the forwarder is about to end");
+    EXPECT_THAT(get("/healthz"), StartsWith("HTTP/1.1 200 "));
+}
+
 TEST_F(MetricsServerTest, ServesNothingElse) {
     for (const char* path : {"/", "/metrics/more", "/metricsmore", "/healthz/", "/etc/passwd",
                              "/../../../../etc/passwd"}) {
@@ -93,6 +127,23 @@ TEST_F(MetricsServerTest, CountsOnOverANewChild) {
     server_.childUp(true);
     server_.update(parsed(fullReport), {});
     EXPECT_THAT(server_.page(), HasSubstr("\nvesk_downstream_received_datagrams_total 100\n"));
+}
+
+TEST_F(MetricsServerTest, ShowsNoFiguresOfAChildThatHasEnded) {
+    KernelFigures figures;
+    figures.drops = {1, 2, 3};
+    figures.descriptors = Room{5, 6};
+    figures.ports = Room{7, 8};
+    server_.childUp(true);
+    server_.setKernelFigures(figures);
+    server_.count(LogEvent::hmacFailure);
+    EXPECT_THAT(server_.page(), HasSubstr("\nvesk_descriptors_left 6\n"));
+    server_.childUp(false);
+    EXPECT_THAT(server_.page(), Not(HasSubstr("vesk_descriptors")));
+    EXPECT_THAT(server_.page(), Not(HasSubstr("vesk_ephemeral")));
+    EXPECT_THAT(server_.page(),
+                HasSubstr("\nvesk_udp_dropped_datagrams_total{side=\"upstream\"} 3\n"));
+    EXPECT_THAT(server_.page(), HasSubstr("\nvesk_hmac_failures_total 1\n"));
 }
 
 TEST_F(MetricsServerTest, LosesNothingWhileItIsRead) {
@@ -174,6 +225,17 @@ TEST(MetricsServerAddressTest, SaysWhyItCannotListen) {
     }
     EXPECT_THROW(MetricsServer("192.0.2.1", 0), std::runtime_error);
     EXPECT_THROW(MetricsServer("no address", 0), std::runtime_error);
+}
+
+TEST(MetricsServerAddressTest, KeepsWhatItWasToldUntilItCanServe) {
+    MetricsServer server(false);
+    server.countRestart();
+    EXPECT_FALSE(server.serving());
+    EXPECT_THROW(server.serve("192.0.2.1", 0), std::runtime_error);
+    EXPECT_FALSE(server.serving());
+    server.serve("127.0.0.1", 0);
+    EXPECT_TRUE(server.serving());
+    EXPECT_THAT(ask("GET", "/metrics", server.port()), HasSubstr("\nvesk_restarts_total 1\n"));
 }
 
 // Its place is free at once for the next one.

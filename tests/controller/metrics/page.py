@@ -30,8 +30,12 @@ def metrics_text(port: int) -> str:
 
 def samples(port: int) -> Dict[str, float]:
     """The page's values by series, labels as the page writes them."""
+    return samples_in(metrics_text(port))
+
+
+def samples_in(text: str) -> Dict[str, float]:
     found = {}
-    for line in metrics_text(port).splitlines():
+    for line in text.splitlines():
         if not line.startswith("#"):
             match = _SAMPLE.fullmatch(line)
             assert match, f"not a sample: {line!r}"

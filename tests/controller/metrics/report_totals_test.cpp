@@ -164,5 +164,25 @@ TEST(ReportTotalsTest, AddsUpThePollEventsAndShowsTheArmedSockets) {
     EXPECT_EQ(totals.totals().errorEvents, 8U);
 }
 
+// The kernel's figures come between reports.
+TEST(ReportTotalsTest, AddsUpTheDropsOfEachFlow) {
+    ReportTotals totals(true);
+    totals.addFlowSockets({{16, {{1, 20, 30}, 5}}});
+    totals.add(Report(), {{16, "alice"}});
+    totals.addFlowSockets({{16, {{1, 21, 31}, 2}}});
+    const FlowTotals& alice = totals.totals().flows.at(16);
+    EXPECT_EQ(alice.kernelDrops, 7U);
+    EXPECT_EQ(alice.socket, (SocketFigures{1, 21, 31}));
+    totals.addFlowSockets({});
+    EXPECT_EQ(alice.kernelDrops, 7U);
+    EXPECT_EQ(alice.socket, SocketFigures());
+}
+
+TEST(ReportTotalsTest, KeepsNoSocketsUnlessFlowsAreKeptApart) {
+    ReportTotals totals(false);
+    totals.addFlowSockets({{16, {{1, 20, 30}, 5}}});
+    EXPECT_TRUE(totals.totals().flows.empty());
+}
+
 }  // namespace
 }  // namespace vesk::controller

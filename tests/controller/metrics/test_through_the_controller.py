@@ -100,7 +100,7 @@ def test_a_flow_that_the_file_no_longer_has_is_no_longer_shown(
 def test_refused_flows_are_declared_and_not_active(
         configuration: ConfigurationFile, port: int, start_controller: StartController) -> None:
     program = spoiling_program(configuration.folder,
-                               "s/label 2 up_ip/label 2 is_multiplex no up_ip/")
+                               "s/label 0x2 up_ip/label 0x2 is_multiplex no up_ip/")
     start_controller("--program", program).ready()
     now = samples(port)
     assert (now["vesk_flows_declared"], now["vesk_flows_active"]) == (2, 1)

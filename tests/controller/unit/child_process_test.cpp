@@ -8,6 +8,7 @@
 
 #include <array>
 #include <csignal>
+#include <cstdlib>
 #include <system_error>
 
 namespace vesk::controller {
@@ -50,6 +51,18 @@ TEST(ChildProcess, HasTwoPipesAndNothingElse) {
     EXPECT_EQ(outputOf(child), "hello\n0\n1\n2\n3\n");
     EXPECT_TRUE(endedWell(endOf(child)));
     EXPECT_EQ(child.reap(), std::nullopt);
+}
+
+TEST(ChildProcess, GetsVariablesBesideTheEnvironmentOfItsParent) {
+    setenv("VESK_TEST_KEPT", "kept", 1);
+    setenv("VESK_TEST_REPLACED", "before", 1);
+    const std::string script =
+        "echo $VESK_TEST_KEPT $VESK_TEST_REPLACED $VESK_TEST_NEW; env | grep -c VESK_TEST_REPLACED";
+    ChildProcess child("sh", {"-c", script}, {"VESK_TEST_REPLACED=after", "VESK_TEST_NEW=a=b"});
+    EXPECT_EQ(outputOf(child), "kept after a=b\n1\n");
+    EXPECT_TRUE(endedWell(endOf(child)));
+    unsetenv("VESK_TEST_KEPT");
+    unsetenv("VESK_TEST_REPLACED");
 }
 
 TEST(ChildProcess, StartsWithPlainSignalsInAGroupOfItsOwn) {

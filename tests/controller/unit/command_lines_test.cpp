@@ -27,6 +27,13 @@ TEST(CommandLines, GiveTheProgramItsFourArguments) {
     EXPECT_THAT(programArguments(settings), ElementsAre("udpv1", "7", "false", "true"));
 }
 
+TEST(CommandLines, GiveTheProgramItsVariable) {
+    EXPECT_THAT(programEnvironment({}), ElementsAre("VESK_IPV4_SOURCE=arrival"));
+    ForwarderSettings settings;
+    settings.ipv4Source = "kernel";
+    EXPECT_THAT(programEnvironment(settings), ElementsAre("VESK_IPV4_SOURCE=kernel"));
+}
+
 TEST(CommandLines, SayEverythingAboutAFlow) {
     const Configuration configuration = listeningWith(R"([flows.alice]
         label = 10
@@ -41,18 +48,20 @@ TEST(CommandLines, SayEverythingAboutAFlow) {
         auxiliary     = { prefix = 7, upstream_label = 50, upstream = "[::2]:8000" })");
     const Command command = setCommand(configuration.flows.at(10));
     EXPECT_EQ(toLine(command),
-              "set label 10 up_ip ::1 up_port 5000 up_src_ip ::1 up_src_port 6000 "
+              "set label 0xa up_ip ::1 up_port 5000 up_src_ip ::1 up_src_port 6000 "
               "down_ip 192.0.2.7 down_port 7000 is_multiplex true "
               "down_in_key 0a down_in_algo sha256 "
-              "up_label 20 up_out_key 0c up_out_algo sha256 up_out_dscp_v4 46 up_out_dscp_v6 46 "
+              "up_label 0x14 up_out_key 0c up_out_algo sha256 up_out_dscp_v4 46 up_out_dscp_v6 46 "
               "up_in_key 0d up_in_algo sha1 "
-              "down_label 30 down_out_key 0e down_out_algo sha256 down_out_dscp_v4 0 "
+              "down_label 0x1e down_out_key 0e down_out_algo sha256 down_out_dscp_v4 0 "
               "down_out_dscp_v6 0 "
-              "down_aux_flow_label_prefix 7 up_aux_flow_label 50 up_aux_flow_ip ::2 "
+              "down_aux_flow_label_prefix 7 up_aux_flow_label 0x32 up_aux_flow_ip ::2 "
               "up_aux_flow_port 8000");
     EXPECT_EQ(command.subject, "flow alice");
     EXPECT_EQ(command.label, 10U);
-    EXPECT_EQ(toLine(delCommand(configuration.flows.at(10))), "del label 10");
+    EXPECT_EQ(describe(command), "flow alice (label 0xa/10)");
+    EXPECT_EQ(describe(statsCommand()), "the report");
+    EXPECT_EQ(toLine(delCommand(configuration.flows.at(10))), "del label 0xa");
 }
 
 TEST(CommandLines, OpenTheListenersWhenTheFlowsAreDeclared) {
@@ -71,8 +80,8 @@ TEST(CommandLines, OpenTheListenersWhenTheFlowsAreDeclared) {
         label = 1
         upstream = "127.0.0.1:1")");
     EXPECT_THAT(linesOf(allCommands(configuration)),
-                ElementsAre("log priority warn", "set label 1 up_ip 127.0.0.1 up_port 1",
-                            "set label 2 up_ip 127.0.0.1 up_port 2",
+                ElementsAre("log priority warn", "set label 0x1 up_ip 127.0.0.1 up_port 1",
+                            "set label 0x2 up_ip 127.0.0.1 up_port 2",
                             "add_lateral_peer idx 0 addr 127.0.0.2",
                             "start_lateral addr 127.0.0.1 port 8445 idx 1 max_qels 2",
                             "start addr 127.0.0.1 port 4500"));

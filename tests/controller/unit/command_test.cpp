@@ -2,12 +2,35 @@
 
 #include <gtest/gtest.h>
 
+#include <string>
+#include <vector>
+
 namespace vesk::controller {
 namespace {
 
 TEST(Command, IsWordsInARow) {
     EXPECT_EQ(toLine({"stop", {}, ""}), "stop");
     EXPECT_EQ(toLine({"set", {{"label", "1"}, {"up_port", "2"}}, ""}), "set label 1 up_port 2");
+}
+
+TEST(ListSubjects, NamesEachSubjectOnce) {
+    EXPECT_EQ(listSubjects({}), "");
+    EXPECT_EQ(listSubjects({{"log", {}, "the log level"},
+                            {"del", {}, "flow a", 1},
+                            {"set", {}, "flow b", 2},
+                            {"set", {}, "flow a", 1}}),
+              "the log level, flow a, flow b");
+}
+
+TEST(ListSubjects, NamesAHandfulAndCountsTheRest) {
+    std::vector<Command> commands;
+    for (std::uint32_t label = 1; label <= 5; ++label) {
+        commands.push_back({"set", {}, "flow " + std::to_string(label), label});
+    }
+    EXPECT_EQ(listSubjects(commands), "flow 1, flow 2, flow 3, flow 4, flow 5");
+    // Names that are masked may be the same.
+    commands.push_back({"set", {}, "flow 5", 6});
+    EXPECT_EQ(listSubjects(commands), "flow 1, flow 2, flow 3, flow 4, flow 5 and 1 more");
 }
 
 TEST(MaskKeys, LeavesOnlyTheLengthOfAKey) {

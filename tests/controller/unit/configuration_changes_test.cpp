@@ -50,37 +50,40 @@ TEST(ConfigurationChanges, AreNoneWhereNothingChanged) {
 }
 
 TEST(ConfigurationChanges, TouchOnlyTheFlowsThatChanged) {
-    EXPECT_THAT(linesBetween(flow("a", 1) + flow("b", 2) + flow("c", 3),
-                             flow("a", 1) + flow("b", 2, "to_peer = { label = 9 }") + flow("d", 4)),
-                ElementsAre("del label 3", "set label 2 up_ip 127.0.0.1 up_port 2 down_label 9",
-                            "set label 4 up_ip 127.0.0.1 up_port 4"));
+    EXPECT_THAT(
+        linesBetween(flow("a", 1) + flow("b", 2) + flow("c", 3),
+                     flow("a", 1) + flow("b", 2, "to_peer = { label = 9 }") + flow("d", 4)),
+        ElementsAre("del label 0x3", "set label 0x2 up_ip 127.0.0.1 up_port 2 down_label 0x9",
+                    "set label 0x4 up_ip 127.0.0.1 up_port 4"));
 }
 
 TEST(ConfigurationChanges, DeleteAFlowThatLosesAnAttribute) {
-    EXPECT_THAT(linesBetween(flow("a", 1, "to_peer = { key = \"0a\", label = 9 }"),
-                             flow("a", 1, "to_peer = { label = 9 }")),
-                ElementsAre("del label 1", "set label 1 up_ip 127.0.0.1 up_port 1 down_label 9"));
+    EXPECT_THAT(
+        linesBetween(flow("a", 1, "to_peer = { key = \"0a\", label = 9 }"),
+                     flow("a", 1, "to_peer = { label = 9 }")),
+        ElementsAre("del label 0x1", "set label 0x1 up_ip 127.0.0.1 up_port 1 down_label 0x9"));
 }
 
 TEST(ConfigurationChanges, FreePrefixesBeforeTheyAreClaimed) {
     EXPECT_THAT(
         linesBetween(flow("a", 1, prefix(5)) + flow("b", 2, prefix(6)) + flow("c", 3),
                      flow("a", 1, prefix(6)) + flow("b", 2) + flow("c", 3, prefix(5))),
-        ElementsAre("del label 1", "del label 2",
-                    "set label 1 up_ip 127.0.0.1 up_port 1" + aux + "6 up_aux_flow_label 1",
-                    "set label 2 up_ip 127.0.0.1 up_port 2",
-                    "set label 3 up_ip 127.0.0.1 up_port 3" + aux + "5 up_aux_flow_label 1"));
+        ElementsAre("del label 0x1", "del label 0x2",
+                    "set label 0x1 up_ip 127.0.0.1 up_port 1" + aux + "6 up_aux_flow_label 0x1",
+                    "set label 0x2 up_ip 127.0.0.1 up_port 2",
+                    "set label 0x3 up_ip 127.0.0.1 up_port 3" + aux + "5 up_aux_flow_label 0x1"));
 }
 
 TEST(ConfigurationChanges, TakeNothingOverFromAnAuxiliaryFlow) {
     const std::string owner = flow("owner", 1, prefix(5));
     const std::string newFlow = "[flows.new]\nlabel = 0x50001\nupstream = \"127.0.0.1:7\"\n";
-    const std::string newSet = "set label 327681 up_ip 127.0.0.1 up_port 7";
-    EXPECT_THAT(linesBetween(owner, owner + newFlow), ElementsAre("del label 327681", newSet));
-    EXPECT_THAT(linesBetween("", owner + newFlow),
-                ElementsAre("set label 1 up_ip 127.0.0.1 up_port 1" + aux + "5 up_aux_flow_label 1",
-                            "del label 327681", newSet));
-    EXPECT_THAT(linesBetween(owner + newFlow, newFlow), ElementsAre("del label 1"));
+    const std::string newSet = "set label 0x50001 up_ip 127.0.0.1 up_port 7";
+    EXPECT_THAT(linesBetween(owner, owner + newFlow), ElementsAre("del label 0x50001", newSet));
+    EXPECT_THAT(
+        linesBetween("", owner + newFlow),
+        ElementsAre("set label 0x1 up_ip 127.0.0.1 up_port 1" + aux + "5 up_aux_flow_label 0x1",
+                    "del label 0x50001", newSet));
+    EXPECT_THAT(linesBetween(owner + newFlow, newFlow), ElementsAre("del label 0x1"));
     EXPECT_THAT(linesBetween(flow("a", 1, prefix(6)), flow("a", 1, prefix(6)) + newFlow),
                 ElementsAre(newSet));
 }
@@ -88,7 +91,7 @@ TEST(ConfigurationChanges, TakeNothingOverFromAnAuxiliaryFlow) {
 TEST(ConfigurationChanges, TryAgainWhatWasRefused) {
     const Refusals refusals{{2}, true, false};
     EXPECT_THAT(linesBetween(flow("a", 1) + flow("b", 2), flow("a", 1) + flow("b", 2), refusals),
-                ElementsAre("del label 2", "set label 2 up_ip 127.0.0.1 up_port 2", "stop",
+                ElementsAre("del label 0x2", "set label 0x2 up_ip 127.0.0.1 up_port 2", "stop",
                             "start addr 127.0.0.1 port 4500"));
 }
 
@@ -107,11 +110,13 @@ TEST(ConfigurationChanges, KeepTheArgumentsOfTheProgramThatRuns) {
     const ConfigurationChanges result =
         changes("",
                 "[forwarder]\nframing = \"udpv1\"\ncleanup_interval = 1\nprogram = \"x\"\n"
-                "expire_main_flows = false\nexpire_auxiliary_flows = false");
+                "expire_main_flows = false\nexpire_auxiliary_flows = false\n"
+                "ipv4_source = \"kernel\"");
     EXPECT_THAT(result.commands, IsEmpty());
     EXPECT_THAT(result.waiting,
                 ElementsAre("forwarder.program", "forwarder.framing", "forwarder.cleanup_interval",
-                            "forwarder.expire_main_flows", "forwarder.expire_auxiliary_flows"));
+                            "forwarder.expire_main_flows", "forwarder.expire_auxiliary_flows",
+                            "forwarder.ipv4_source"));
     EXPECT_EQ(result.after.forwarder.framing, "udpv2");
     EXPECT_EQ(result.after.forwarder.cleanupInterval, std::chrono::seconds(600));
 }

@@ -3,6 +3,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include "commands/command_lines.h"
 #include "configuration_text.h"
 
 namespace vesk::controller {
@@ -50,6 +51,49 @@ TEST(Deployment, TriesRefusedCommandsAgainUntilTheyAreTaken) {
     EXPECT_THAT(deployment.change(configuration).commands, IsEmpty());
 }
 
+const std::string withLateral =
+    "[lateral]\naddress = \"127.0.0.1\"\nport = 1\nindex = 0\ninstances = 2\n"
+    "peers = [{ index = 1, address = \"127.0.0.2\" }]\n";
+
+std::vector<std::string> wordsOf(const std::vector<Command>& commands) {
+    std::vector<std::string> words;
+    for (const Command& command : commands) {
+        words.push_back(command.word);
+    }
+    return words;
+}
+
+TEST(Deployment, ListensOnceTheForwarderHasAnswered) {
+    const Configuration configuration = listeningWith(withLateral);
+    Deployment deployment;
+    const std::vector<Command> commands = deployment.begin(configuration);
+    EXPECT_FALSE(deployment.listening());
+    EXPECT_EQ(deployment.lateralListening(), false);
+    for (const Command& command : commands) {
+        deployment.note(outcomeOf(command, false));
+    }
+    EXPECT_TRUE(deployment.listensEverywhere());
+    EXPECT_THAT(deployment.listenAgain(), IsEmpty());
+    deployment.note(outcomeOf(listenCommands(configuration.downstream).front(), false));
+    EXPECT_FALSE(deployment.listening());
+    EXPECT_EQ(deployment.lateralListening(), true);
+}
+
+TEST(Deployment, TriesOnlyRefusedListenersAgain) {
+    const Configuration configuration = listeningWith(withLateral + flowA);
+    EXPECT_THAT(wordsOf(deployed(configuration, {"set", "start"}).listenAgain()),
+                ElementsAre("stop", "start"));
+    EXPECT_THAT(wordsOf(deployed(configuration, {"set", "start_lateral"}).listenAgain()),
+                ElementsAre("add_lateral_peer", "start_lateral"));
+}
+
+TEST(Deployment, ListensToOthersAlsoIfASecondStartIsRefused) {
+    Deployment deployment = deployed(listeningWith(withLateral), {});
+    deployment.note(outcomeOf({"start_lateral", {}, "the lateral stream"}, true));
+    EXPECT_EQ(deployment.lateralListening(), true);
+    EXPECT_FALSE(deployment.refusals().lateral);
+}
+
 TEST(Deployment, ForgetsARefusedFlowThatIsTakenOut) {
     Deployment deployment = deployed(listeningWith(flowA + flowB), {"set"});
     for (const Command& command : deployment.change(listeningWith(flowB)).commands) {
@@ -60,15 +104,12 @@ TEST(Deployment, ForgetsARefusedFlowThatIsTakenOut) {
 }
 
 TEST(Deployment, ForgetsARefusedLateralStreamThatIsTakenOut) {
-    const std::string lateral =
-        "[lateral]\naddress = \"127.0.0.1\"\nport = 1\nindex = 0\ninstances = 2\n"
-        "peers = [{ index = 1, address = \"127.0.0.2\" }]\n";
-    Deployment deployment = deployed(listeningWith(lateral), {"start_lateral"});
+    Deployment deployment = deployed(listeningWith(withLateral), {"start_lateral"});
     EXPECT_TRUE(deployment.refusals().lateral);
     EXPECT_THAT(deployment.change(listeningWith("")).commands, IsEmpty());
     EXPECT_FALSE(deployment.refusals().lateral);
     // The forwarder has its peers and no stream.
-    EXPECT_EQ(deployment.change(listeningWith(lateral)).commands.size(), 2U);
+    EXPECT_EQ(deployment.change(listeningWith(withLateral)).commands.size(), 2U);
 }
 
 TEST(Deployment, ForgetsRefusalsWithTheForwarder) {

@@ -86,14 +86,15 @@ INSTANTIATE_TEST_SUITE_P(
         BadFlow{"from_peer = { label = 1 }", "flows.a.from_peer.label is not known"},
         BadFlow{"from_peer = { dscp = 1 }", "flows.a.from_peer.dscp is not known"},
         BadFlow{"from_peer = { key = \"0\" }",
-                "flows.a.from_peer.key will not do: the key has an odd"},
+                "flows.a.from_peer.key is not usable: the key has an odd"},
         BadFlow{"from_peer = { key = 1122 }", "flows.a.from_peer.key has to be a text in quotes"},
         BadFlow{"from_peer = { key = \"00\", algorithm = \"md5\" }",
                 "algorithm has to be one of \"sha256\", \"sha1\""},
         BadFlow{"from_peer = { algorithm = \"sha1\" }", "algorithm needs a key or key_file"},
-        BadFlow{"from_peer = { key = \"00\", key_file = \"k\" }", "key_file stands beside key"},
+        BadFlow{"from_peer = { key = \"00\", key_file = \"k\" }",
+                "key_file and key are mutually exclusive"},
         BadFlow{"from_peer = { key_file = \"/nowhere/k\" }",
-                "flows.a.from_peer.key_file will not do: the file that it names cannot be read"},
+                "flows.a.from_peer.key_file is not usable: /nowhere/k cannot be read"},
         BadFlow{"auxiliary = { prefix = 1 }", "flows.a.auxiliary.upstream_label is missing"},
         BadFlow{"auxiliary = { upstream_label = 1 }", "flows.a.auxiliary.prefix is missing"},
         BadFlow{"auxiliary = { prefix = 65536, upstream_label = 1 }", "prefix has to be a whole"},
@@ -104,6 +105,12 @@ INSTANTIATE_TEST_SUITE_P(
                 "8: flows.b.auxiliary is that of flows.a too"},
         BadFlow{"[flows.\"\"]\nlabel = 2\nupstream = \"127.0.0.1:1\"", "is no name"},
         BadFlow{"[flows.\"x\\u0007\"]\nlabel = 2", "x? is no name"}));
+
+TEST(FlowReader, KnowsTheKeyFileBesideAKey) {
+    EXPECT_EQ(problemsBesides("[flows.a]\nlabel = 1\nupstream = \"127.0.0.1:1\"\n"
+                              "from_peer = { key = \"ab\", key_file = \"a.key\" }"),
+              "4: flows.a.from_peer.key_file and key are mutually exclusive\n");
+}
 
 }  // namespace
 }  // namespace vesk::controller

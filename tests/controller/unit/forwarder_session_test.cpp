@@ -52,6 +52,18 @@ TEST_F(ForwarderSessionTest, PairsEachCommandWithItsEnd) {
     serveUntil(session, [&] { return session.outputEnded(); });
 }
 
+TEST_F(ForwarderSessionTest, AsksForASignOfLifeWithoutACommand) {
+    ForwarderSession session("sh", {"-c", "read line; echo \"info $line\"; exec cat >/dev/null"});
+    const auto begun = session.watch().due({});
+    session.sendFence();
+    EXPECT_EQ(session.unanswered(), 1U);
+    serveUntil(session, [&] { return !lines.empty(); });
+    EXPECT_EQ(lines.front().text, "fence-1");
+    EXPECT_GT(session.watch().due({}), begun);
+    EXPECT_EQ(session.judge(std::chrono::hours(1)), AnswerWatch::Verdict::waiting);
+    EXPECT_EQ(session.judge({}), AnswerWatch::Verdict::hung);
+}
+
 TEST_F(ForwarderSessionTest, FillsPipesWithoutWaiting) {
     // More than two full pipes, from a child that answers each line before it reads the next.
     ForwarderSession session("sh", {"-c", knowsNothing});

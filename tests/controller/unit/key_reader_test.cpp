@@ -60,6 +60,13 @@ TEST(KeyReader, NamesTheFileThatWillNotDo) {
                 HasSubstr("larger than 4096 bytes"));
 }
 
+TEST(KeyReader, NamesTheFileThatIsMissing) {
+    const TemporaryFolder folder;
+    EXPECT_EQ(
+        readKeyFile(folder.path() / "alice.key", false).problem,
+        (folder.path() / "alice.key").string() + " cannot be read: No such file or directory");
+}
+
 TEST(KeyReader, ShowsNoKeyThatStandsWhereAFileShould) {
     const TemporaryFolder folder;
     const std::string key = "7e7e7e7e7e7e7e7e";

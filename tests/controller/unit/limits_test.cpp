@@ -25,6 +25,17 @@ TEST(Limits, CountTwoDescriptorsForEachFlow) {
     EXPECT_THAT(descriptorWarnings(withFlows(0), 1024), IsEmpty());
 }
 
+TEST(Limits, CountAPortForEachFlowWithoutASource) {
+    Configuration configuration = withFlows(101);
+    configuration.flows.at(1).source = HostPort{"127.0.0.1", 7};
+    EXPECT_THAT(portWarnings(configuration, {1001, 1100}), IsEmpty());
+    EXPECT_THAT(portWarnings(configuration, {1001, 1099}),
+                ElementsAre(HasSubstr("has 99 ports, and 100 flows without a source")));
+    // The two families have their own ports.
+    configuration.flows.at(2).upstream.host = "::1";
+    EXPECT_THAT(portWarnings(configuration, {1001, 1099}), IsEmpty());
+}
+
 TEST(Limits, NameTheRemedyForSmallBuffers) {
     EXPECT_THAT(bufferWarnings({1048575, 262143}),
                 ElementsAre(HasSubstr("sysctl -w net.core.rmem_max=1048576"),

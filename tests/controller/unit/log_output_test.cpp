@@ -6,6 +6,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <array>
 #include <atomic>
 #include <cerrno>
@@ -114,6 +115,44 @@ TEST_F(LogOutputTest, CountsWhatItCannotKeep) {
     EXPECT_THAT(seen, StartsWith("warn controller: "));
     EXPECT_THAT(seen, HasSubstr(" lines were lost"));
     EXPECT_THAT(seen, EndsWith("info later\n"));
+}
+
+TEST_F(LogOutputTest, PassesOnTwentyLinesOfAKindAndTheCountOfTheRest) {
+    LogOutput log(writer.get(), LogForm::words);
+    for (int i = 0; i < 100; ++i) {
+        log.passOn({LogLevel::none, "line " + std::to_string(i)});
+    }
+    log.flush();
+    const std::string seen = arrived();
+    EXPECT_THAT(seen, HasSubstr("line 19\n"));
+    // A few more where the machine took seconds for it.
+    EXPECT_LT(std::ranges::count(seen, '\n'), 50);
+    EXPECT_TRUE(log.countDueAt());
+    log.finish();
+    const std::string told = arrived();
+    EXPECT_THAT(told, StartsWith("warn controller: "));
+    EXPECT_THAT(told, HasSubstr(" more lines like this were left out: line "));
+}
+
+TEST_F(LogOutputTest, PassesEverythingOnWithoutALimit) {
+    LogOutput log(writer.get(), LogForm::words);
+    log.setLimited(false);
+    for (int i = 0; i < 100; ++i) {
+        log.passOn({LogLevel::info, "line " + std::to_string(i)});
+    }
+    log.finish();
+    EXPECT_THAT(arrived(), EndsWith("info line 99\n"));
+    EXPECT_FALSE(log.countDueAt());
+}
+
+TEST_F(LogOutputTest, LeavesNoneOfTheControllersOwnWordsOut) {
+    LogOutput log(writer.get(), LogForm::words);
+    for (int i = 0; i < 100; ++i) {
+        log.say(LogLevel::error, "flow " + std::to_string(i) + " was refused");
+    }
+    log.finish();
+    const std::string seen = arrived();
+    EXPECT_EQ(std::ranges::count(seen, '\n'), 100);
 }
 
 TEST_F(LogOutputTest, EndsInTimeHoweverSlowlyItIsRead) {

@@ -55,6 +55,8 @@ TEST(ServiceNotification, TellsEachState) {
     EXPECT_EQ(manager.received(), "STOPPING=1\nSTATUS=Draining");
     notification.status("waits");
     EXPECT_EQ(manager.received(), "STATUS=waits");
+    notification.alive();
+    EXPECT_EQ(manager.received(), "WATCHDOG=1");
 }
 
 TEST(ServiceNotification, KnowsAbstractNames) {
@@ -64,6 +66,23 @@ TEST(ServiceNotification, KnowsAbstractNames) {
     ServiceNotification::fromEnvironment().status("abstract");
     unsetenv("NOTIFY_SOCKET");
     EXPECT_EQ(manager.received(), "STATUS=abstract");
+}
+
+TEST(ServiceNotification, KnowsHowOftenTheServiceManagerWantsToHearOfIt) {
+    using std::chrono::microseconds;
+    const auto interval = [](const char* microsecondsText, const std::string& process) {
+        setenv("WATCHDOG_USEC", microsecondsText, 1);
+        setenv("WATCHDOG_PID", process.c_str(), 1);
+        const auto result = ServiceNotification::fromEnvironment().watchdogInterval();
+        unsetenv("WATCHDOG_USEC");
+        unsetenv("WATCHDOG_PID");
+        return result;
+    };
+    EXPECT_EQ(interval("3000000", std::to_string(getpid())), microseconds(3000000));
+    // Meant for another process.
+    EXPECT_EQ(interval("3000000", std::to_string(getppid())), std::nullopt);
+    EXPECT_EQ(interval("soon", std::to_string(getpid())), std::nullopt);
+    EXPECT_EQ(ServiceNotification::fromEnvironment().watchdogInterval(), std::nullopt);
 }
 
 TEST(ServiceNotification, IsSilentWhereNobodyListens) {

@@ -17,6 +17,7 @@ TEST(SettingsReader, ReadsTheForwardersTable) {
         cleanup_interval = 5
         expire_main_flows = false
         expire_auxiliary_flows = false
+        ipv4_source = "kernel"
         log_level = "trace")")
                                            .forwarder;
     EXPECT_EQ(settings.program, "bin/vesk");
@@ -24,7 +25,16 @@ TEST(SettingsReader, ReadsTheForwardersTable) {
     EXPECT_EQ(settings.cleanupInterval, std::chrono::seconds(5));
     EXPECT_FALSE(settings.expireMainFlows);
     EXPECT_FALSE(settings.expireAuxiliaryFlows);
+    EXPECT_EQ(settings.ipv4Source, "kernel");
     EXPECT_EQ(settings.logLevel, "trace");
+}
+
+TEST(SettingsReader, KnowsTheLinesOfTheDownstreamAddress) {
+    const Configuration configuration =
+        configurationOf("\n[downstream]\nport = 4500\n\naddress = \"::\"\n");
+    EXPECT_EQ(configuration.downstream, (HostPort{"::", 4500}));
+    EXPECT_EQ(configuration.downstreamLines.port, 3U);
+    EXPECT_EQ(configuration.downstreamLines.address, 5U);
 }
 
 TEST(SettingsReader, ReadsTheLateralTable) {
@@ -48,16 +58,21 @@ TEST(SettingsReader, ReadsTheControllersAndTheMetricsTables) {
         restart_pause_max_ms = 2
         drain_seconds = 0
         stats_seconds = 3
+        log_limit = false
+        answer_seconds = 4
         [metrics]
         enabled = false
         address = "127.0.0.2"
         port = 1
-        per_flow = true)");
+        per_flow = true
+        required = true)");
     EXPECT_EQ(configuration.supervision.restartPause, std::chrono::milliseconds(1));
     EXPECT_EQ(configuration.supervision.restartPauseMax, std::chrono::milliseconds(2));
     EXPECT_EQ(configuration.supervision.drain, std::chrono::seconds(0));
     EXPECT_EQ(configuration.supervision.stats, std::chrono::seconds(3));
-    EXPECT_EQ(configuration.metrics, (MetricsSettings{false, "127.0.0.2", 1, true}));
+    EXPECT_EQ(configuration.supervision.answer, std::chrono::seconds(4));
+    EXPECT_FALSE(configuration.supervision.logLimit);
+    EXPECT_EQ(configuration.metrics, (MetricsSettings{false, "127.0.0.2", 1, true, true}));
 }
 
 struct BadSetting {
@@ -93,6 +108,9 @@ INSTANTIATE_TEST_SUITE_P(
     SettingsReader, BadSettingTest,
     testing::Values(
         BadSetting{"[forwarder]\nframing = \"udpv3\"", "forwarder.framing has to be one of"},
+        BadSetting{"[forwarder]\nipv4_source = \"Arrival\"",
+                   "forwarder.ipv4_source has to be one of"},
+        BadSetting{"[forwarder]\nipv4_source = true", "has to be a text in quotes"},
         BadSetting{"[forwarder]\nlog_level = \"loud\"", "forwarder.log_level has to be one of"},
         BadSetting{"[forwarder]\ncleanup_interval = 0", "has to be a whole number from 1 to"},
         BadSetting{"[forwarder]\ncleanup_interval = 9223372037", "to 9223372036"},
@@ -102,12 +120,15 @@ INSTANTIATE_TEST_SUITE_P(
         BadSetting{"[controller]\nrestart_pause_ms = 0", "restart_pause_ms has to be a whole"},
         BadSetting{"[controller]\nrestart_pause_ms = 40000", "restart_pause_max_ms is below"},
         BadSetting{"[controller]\nstats_seconds = 0", "stats_seconds has to be a whole number"},
+        BadSetting{"[controller]\nanswer_seconds = 0", "answer_seconds has to be a whole number"},
         BadSetting{"[controller]\ndrain_seconds = -1", "drain_seconds has to be a whole number"},
+        BadSetting{"[controller]\nlog_limit = 0", "log_limit has to be true or false"},
         BadSetting{"[controller]\ncolour = 1", "2: controller.colour is not known"},
         BadSetting{"[metrics]\naddress = \"localhost\"", "metrics.address has to be a numeric"},
         BadSetting{"[metrics]\naddress = \"::1\"", "metrics.address has to be a numeric IPv4"},
         BadSetting{"[metrics]\naddress = 1", "metrics.address has to be a text in quotes"},
         BadSetting{"[metrics]\nport = 65536", "metrics.port has to be a whole number"},
+        BadSetting{"[metrics]\nrequired = 1", "metrics.required has to be true or false"},
         BadSetting{"[metrics]\ncolour = 1", "2: metrics.colour is not known"},
         BadSetting{"[lateral]\naddress = \"::\"", "lateral.port is missing"},
         BadSetting{"[lateral]\ncolour = 1", "2: lateral.colour is not known"},

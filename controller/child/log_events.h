@@ -1,0 +1,15 @@
+// Finds the lines of the forwarder's log that the metrics count. Called by service/supervisor for
+// each line.
+#pragma once
+
+#include <optional>
+
+#include "child/log_line.h"
+#include "metrics/log_events.h"
+
+namespace vesk::controller {
+
+/// What the line tells of, if it is counted.
+std::optional<LogEvent> eventOf(const LogLine& line);
+
+}  // namespace vesk::controller

@@ -1,0 +1,19 @@
+// The host's UDP buffer errors: /proc/PID/net/snmp for IPv4, /proc/PID/net/snmp6 for IPv6. Called
+// by kernel/kernel_reader; any thread.
+#pragma once
+
+#include <optional>
+#include <string_view>
+
+#include "kernel/kernel_figures.h"
+
+namespace vesk::controller {
+
+/// From two lines that begin with "Udp:", the names and the values; none where they are damaged or
+/// a name is missing.
+std::optional<BufferErrors> parseSnmp(std::string_view text);
+
+/// From the lines "Udp6RcvbufErrors N" and "Udp6SndbufErrors N"; none where one is missing.
+std::optional<BufferErrors> parseSnmp6(std::string_view text);
+
+}  // namespace vesk::controller

@@ -1,0 +1,149 @@
+#include "metrics/kernel_exposition.h"
+
+#include <array>
+
+namespace vesk::controller {
+
+namespace {
+
+using prometheus::MetricFamily;
+using prometheus::MetricType;
+
+constexpr std::array<const char*, sides> sideNames{"downstream", "lateral", "upstream"};
+
+struct SocketGauge {
+    std::uint64_t SocketFigures::*value;
+    const char* name;
+    const char* help;
+};
+
+constexpr std::array<SocketGauge, 3> socketGauges{{
+    {&SocketFigures::sockets, "vesk_udp_sockets",
+     "UDP sockets of the forwarder that have a port, by side."},
+    {&SocketFigures::receiveQueue, "vesk_udp_receive_queue_bytes",
+     "Receive buffer that waiting datagrams hold, in bytes, all sockets of a side. A socket has "
+     "room for twice net.core.rmem_max at most: set that to 1048576."},
+    {&SocketFigures::sendQueue, "vesk_udp_send_queue_bytes",
+     "Send buffer that waiting datagrams hold, in bytes, all sockets of a side. A socket has room "
+     "for twice net.core.wmem_max at most: set that to 262144."},
+}};
+
+/// A limited thing of which some is in use and some is left.
+struct RoomMetric {
+    std::optional<Room> KernelFigures::*room;
+    std::uint64_t Room::*value;
+    const char* name;
+    const char* help;
+};
+
+constexpr std::array<RoomMetric, 4> roomMetrics{{
+    {&KernelFigures::ports, &Room::used, "vesk_ephemeral_ports_used",
+     "Ephemeral ports on which the host has a UDP socket. Widen net.ipv4.ip_local_port_range."},
+    {&KernelFigures::ports, &Room::left, "vesk_ephemeral_ports_left",
+     "Ephemeral ports without a UDP socket, reserved ones left out. At 0 new flows cannot send: "
+     "widen net.ipv4.ip_local_port_range or shorten net.ipv4.ip_local_reserved_ports."},
+    {&KernelFigures::descriptors, &Room::used, "vesk_descriptors_used",
+     "Descriptors that the forwarder has open, two for each flow with a socket. Raise LimitNOFILE "
+     "of the unit."},
+    {&KernelFigures::descriptors, &Room::left, "vesk_descriptors_left",
+     "Descriptors that the forwarder may still open. Below 2 no flow opens a socket: raise "
+     "LimitNOFILE of the unit."},
+}};
+
+struct EventMetric {
+    LogEvent event;
+    const char* name;
+    const char* help;
+};
+
+constexpr std::array<EventMetric, 3> eventMetrics{{
+    {LogEvent::hmacFailure, "vesk_hmac_failures_total",
+     "Datagrams from peers with a wrong HMAC, counted from log lines without a level, which are "
+     "there at every log_level. Compare from_peer of the flow with the peer's key."},
+    {LogEvent::endpointCreated, "vesk_endpoints_created_total",
+     "Sockets that flows have opened, counted from the log: at log_level info or above alone. If "
+     "many, raise cleanup_interval."},
+    {LogEvent::endpointDeletedByError, "vesk_endpoints_deleted_by_error_total",
+     "Flows' sockets that were closed after a network error, counted from the log at every "
+     "log_level. See whether upstream of the flow, or its peer, can be reached."},
+}};
+
+void addSides(Families& families, const KernelFigures& figures) {
+    MetricFamily drops{"vesk_udp_dropped_datagrams_total",
+                       "Datagrams that the kernel dropped at sockets of the forwarder, mostly for "
+                       "want of receive buffer, by side. Set net.core.rmem_max to 1048576; then "
+                       "share the labels between instances by [lateral].",
+                       MetricType::Counter,
+                       {}};
+    for (std::size_t side = 0; side < sides; ++side) {
+        drops.metric.push_back(counter(figures.drops.at(side), {{"side", sideNames.at(side)}}));
+    }
+    families.push_back(std::move(drops));
+    if (!figures.sockets) {
+        return;
+    }
+    for (const SocketGauge& metric : socketGauges) {
+        MetricFamily family{metric.name, metric.help, MetricType::Gauge, {}};
+        for (std::size_t side = 0; side < sides; ++side) {
+            family.metric.push_back(
+                gauge(static_cast<double>(figures.sockets->at(side).*metric.value),
+                      {{"side", sideNames.at(side)}}));
+        }
+        families.push_back(std::move(family));
+    }
+}
+
+void addHostErrors(Families& families, const KernelFigures& figures) {
+    MetricFamily receive{"vesk_host_udp_receive_buffer_errors_total",
+                         "Datagrams that found a receive buffer full, all UDP sockets of the host, "
+                         "since it started. Raise net.core.rmem_max or net.ipv4.udp_mem.",
+                         MetricType::Counter,
+                         {}};
+    MetricFamily send{"vesk_host_udp_send_buffer_errors_total",
+                      "Datagrams that found a send buffer full, all UDP sockets of the host, since "
+                      "it started. Raise net.core.wmem_max or the device's queue (txqueuelen).",
+                      MetricType::Counter,
+                      {}};
+    const auto addFamily = [&](const std::optional<BufferErrors>& errors, const char* name) {
+        if (errors) {
+            receive.metric.push_back(counter(errors->receive, {{"family", name}}));
+            send.metric.push_back(counter(errors->send, {{"family", name}}));
+        }
+    };
+    addFamily(figures.ipv4, "ipv4");
+    addFamily(figures.ipv6, "ipv6");
+    if (!receive.metric.empty()) {
+        families.push_back(std::move(receive));
+        families.push_back(std::move(send));
+    }
+}
+
+}  // namespace
+
+void addKernelFigures(Families& families, const KernelFigures& figures) {
+    addSides(families, figures);
+    for (const RoomMetric& metric : roomMetrics) {
+        if (const std::optional<Room>& room = figures.*metric.room) {
+            addGauge(families, metric.name, metric.help,
+                     static_cast<double>((*room).*metric.value));
+        }
+    }
+    if (figures.conntrack) {
+        addGauge(families, "vesk_conntrack_entries",
+                 "Connections that the kernel tracks. Take Vesk's ports out by a notrack rule.",
+                 static_cast<double>(figures.conntrack->entries));
+        addGauge(families, "vesk_conntrack_entries_limit",
+                 "Connections that the kernel may track; beyond it datagrams of new ones are "
+                 "dropped. Raise net.netfilter.nf_conntrack_max.",
+                 static_cast<double>(figures.conntrack->limit));
+    }
+    addHostErrors(families, figures);
+}
+
+void addLogEvents(Families& families, const LogEventCounts& counts) {
+    for (const EventMetric& metric : eventMetrics) {
+        addCounter(families, metric.name, metric.help, counts.at(placeOf(metric.event)));
+    }
+}
+
+}  // namespace vesk::controller

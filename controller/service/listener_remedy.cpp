@@ -1,0 +1,48 @@
+#include "service/listener_remedy.h"
+
+#include <array>
+#include <cerrno>
+#include <system_error>
+
+namespace vesk::controller {
+
+namespace {
+
+struct Remedy {
+    int error;
+    const char* text;
+};
+
+constexpr std::array<Remedy, 5> remedies{{
+    {EADDRINUSE,
+     "another socket has it; end its process, which \"ss -lunp\" names, or change the file"},
+    {EADDRNOTAVAIL,
+     "this host has no such address; add it, or change the file to one that \"ip address\" lists"},
+    {EACCES, "a port below 1024 needs CAP_NET_BIND_SERVICE; grant that, or change the file"},
+    {EAFNOSUPPORT, "the kernel does without IPv6; enable it, or change the file"},
+    {EMFILE, "there are no descriptors left; raise the limit, LimitNOFILE of the unit"},
+}};
+
+std::string valueOf(const Command& command, std::string_view attribute) {
+    for (const auto& [name, value] : command.attributes) {
+        if (name == attribute) {
+            return value;
+        }
+    }
+    return "";
+}
+
+}  // namespace
+
+std::string cannotListen(const Command& start, std::string_view reason) {
+    const std::string where =
+        "cannot listen on " + valueOf(start, "addr") + ", port " + valueOf(start, "port") + ": ";
+    for (const Remedy& remedy : remedies) {
+        if (reason.ends_with(std::generic_category().message(remedy.error))) {
+            return where + remedy.text;
+        }
+    }
+    return where + std::string(reason);
+}
+
+}  // namespace vesk::controller

@@ -1,0 +1,77 @@
+// The supervisor's pages for others: where they are served, and what is published besides the
+// reports. The loop is in supervisor.cpp.
+#include <stdexcept>
+#include <string>
+
+#include "service/supervisor.h"
+
+namespace vesk::controller {
+
+/// Counts from the beginning on, whether or not anybody can read it yet. False where the pages have
+/// to be served and cannot be.
+bool Supervisor::beginMetrics() {
+    if (!servedMetrics_.enabled) {
+        return true;
+    }
+    metrics_ = std::make_unique<MetricsServer>(servedMetrics_.perFlow);
+    serveMetrics();
+    return metrics_->serving() || !servedMetrics_.required;
+}
+
+void Supervisor::serveMetrics() {
+    try {
+        metrics_->serve(servedMetrics_.address, servedMetrics_.port);
+        log_.say(LogLevel::info, "serves metrics on " + servedMetrics_.address + ", port " +
+                                     std::to_string(metrics_->port()));
+        return;
+    } catch (const std::runtime_error& error) {
+        log_.say(LogLevel::error, error.what());
+    }
+    if (servedMetrics_.required) {
+        log_.say(LogLevel::error, "metrics.required is true: ends without them");
+        return;
+    }
+    const std::chrono::milliseconds pause = servePause_.after(Clock::duration::zero());
+    serveAgainAt_ = Clock::now() + pause;
+    log_.say(LogLevel::warn, "goes on without metrics, and tries to serve them again in " +
+                                 std::to_string(pause.count()) + " ms");
+}
+
+/// A new place counts as long as there is none; what is served stays as it is.
+void Supervisor::reloadMetrics() {
+    if (metrics_ && !metrics_->serving()) {
+        servedMetrics_.address = wanted_.metrics.address;
+        servedMetrics_.port = wanted_.metrics.port;
+    }
+    if (wanted_.metrics != servedMetrics_) {
+        log_.say(LogLevel::warn, "metrics: takes effect when the controller is started again");
+    }
+}
+
+void Supervisor::publishFlows() {
+    if (metrics_) {
+        metrics_->setFlows(deployment_.declaredFlows(), deployment_.acceptedFlows());
+    }
+    publishListening();
+}
+
+void Supervisor::publishListening() {
+    if (metrics_) {
+        metrics_->setListening(deployment_.listening(), deployment_.lateralListening());
+    }
+}
+
+void Supervisor::publishStage(Stage stage) {
+    if (metrics_) {
+        metrics_->setStage(stage);
+    }
+}
+
+void Supervisor::countReload() {
+    if (reload_ && metrics_) {
+        metrics_->countReload(*reload_);
+    }
+    reload_.reset();
+}
+
+}  // namespace vesk::controller

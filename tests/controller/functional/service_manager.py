@@ -1,0 +1,36 @@
+"""The service manager's end of the notification socket."""
+
+from __future__ import annotations
+
+import socket
+from pathlib import Path
+from typing import Dict, List
+
+from framework.timing import scaled
+
+
+class ServiceManager:
+    """Receives what a controller with `environment` sends."""
+
+    def __init__(self, folder: Path) -> None:
+        self._socket = socket.socket(socket.AF_UNIX, socket.SOCK_DGRAM)
+        self._socket.bind(str(folder / "notify"))
+        self._socket.settimeout(scaled(15))
+        self.environment: Dict[str, str] = {"NOTIFY_SOCKET": str(folder / "notify")}
+
+    def told(self) -> List[str]:
+        """The next message, line by line."""
+        return self._socket.recv(1000).decode("utf-8").splitlines()
+
+    def told_until(self, expected: str) -> List[str]:
+        """All lines up to the message that holds this one, which is left out."""
+        lines: List[str] = []
+        while expected not in (message := self.told()):
+            lines += message
+        return lines
+
+    def __enter__(self) -> "ServiceManager":
+        return self
+
+    def __exit__(self, *_: object) -> None:
+        self._socket.close()

@@ -1,0 +1,299 @@
+// The kernel's figures put together: of sockets that come and go, of a made-up proc file system,
+// and of this process.
+#include "kernel/kernel_reader.h"
+
+#include <arpa/inet.h>
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <netinet/in.h>
+#include <sys/resource.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <condition_variable>
+#include <filesystem>
+#include <fstream>
+#include <mutex>
+
+#include "base/unique_fd.h"
+#include "kernel/kernel_watch.h"
+#include "kernel/port_warning.h"
+#include "kernel/socket_totals.h"
+
+namespace vesk::controller {
+namespace {
+
+using testing::ElementsAre;
+using testing::HasSubstr;
+
+UdpSocket udpSocket(std::uint64_t inode, std::uint16_t port, std::uint64_t drops) {
+    return {"0100007F", port, 1, 10, inode, drops};
+}
+
+/// Sockets of the forwarder; that of flow 100 has inode 3.
+std::vector<OwnSocket> own(std::initializer_list<std::uint64_t> inodes) {
+    std::vector<OwnSocket> sockets;
+    for (const std::uint64_t inode : inodes) {
+        sockets.push_back({inode, inode == 3 ? 100U : 0U});
+    }
+    return sockets;
+}
+
+const Listeners listeners{{"0100007F", 4500}, {"0100007F", 4600}};
+
+TEST(SocketTotalsTest, TellsTheSidesApart) {
+    EXPECT_EQ(sideOf(udpSocket(1, 4500, 0), listeners), Side::downstream);
+    EXPECT_EQ(sideOf(udpSocket(1, 4600, 0), listeners), Side::lateral);
+    EXPECT_EQ(sideOf(udpSocket(1, 4700, 0), listeners), Side::upstream);
+    // A flow's source may be the same port of another address.
+    EXPECT_EQ(sideOf({"0200007F", 4500, 0, 0, 1, 0}, listeners), Side::upstream);
+    EXPECT_EQ(sideOf({"00000000", 40000, 0, 0, 1, 0}, Listeners()), Side::upstream);
+}
+
+TEST(SocketTotalsTest, AddsUpTheSocketsOfASide) {
+    SocketTotals totals;
+    totals.add(std::vector{udpSocket(1, 4500, 5), udpSocket(2, 4600, 6), udpSocket(3, 4700, 7),
+                           udpSocket(4, 4701, 8), udpSocket(5, 4702, 9)},
+               own({1, 2, 3, 4}), listeners);
+    EXPECT_THAT(totals.present(), ElementsAre(SocketFigures{1, 10, 1}, SocketFigures{1, 10, 1},
+                                              SocketFigures{2, 20, 2}));
+    EXPECT_THAT(totals.drops(), ElementsAre(5, 6, 15));
+}
+
+TEST(SocketTotalsTest, DropsNeverFall) {
+    SocketTotals totals;
+    totals.add(std::vector{udpSocket(3, 1, 7), udpSocket(4, 2, 8)}, own({3, 4}), listeners);
+    totals.add(std::vector{udpSocket(3, 1, 9)}, own({3}), listeners);
+    EXPECT_THAT(totals.drops(), ElementsAre(0, 0, 17));
+    EXPECT_EQ(totals.present().at(2), (SocketFigures{1, 10, 1}));
+    totals.add({}, {}, listeners);
+    totals.add(std::vector{udpSocket(5, 1, 3)}, own({5}), listeners);
+    EXPECT_THAT(totals.drops(), ElementsAre(0, 0, 20));
+    // The number of a socket that was closed, given again.
+    totals.add(std::vector{udpSocket(5, 1, 1)}, own({5}), listeners);
+    EXPECT_THAT(totals.drops(), ElementsAre(0, 0, 21));
+}
+
+TEST(SocketTotalsTest, TellsFlowsApartThatAreKnown) {
+    using testing::Pair;
+    SocketTotals totals;
+    totals.add(std::vector{udpSocket(3, 1, 7), udpSocket(4, 2, 8)}, own({3, 4}), listeners);
+    EXPECT_THAT(totals.flows(), ElementsAre(Pair(100, FlowSocket{{1, 10, 1}, 7})));
+    totals.add(std::vector{udpSocket(3, 1, 9)}, own({3}), listeners);
+    EXPECT_THAT(totals.flows(), ElementsAre(Pair(100, FlowSocket{{1, 10, 1}, 2})));
+    totals.add({}, {}, listeners);
+    EXPECT_THAT(totals.flows(), testing::IsEmpty());
+}
+
+TEST(SocketTotalsTest, CountsASocketThatIsInTheTableTwiceOnce) {
+    SocketTotals totals;
+    totals.add(std::vector{udpSocket(3, 1, 7), udpSocket(3, 1, 7)}, own({3}), listeners);
+    EXPECT_THAT(totals.drops(), ElementsAre(0, 0, 7));
+    EXPECT_EQ(totals.present().at(2).sockets, 1U);
+}
+
+TEST(PortWarningTest, WarnsOnceUntilEnoughPortsWereFree) {
+    PortWarning warning;
+    EXPECT_FALSE(warning.check({89, 11}));
+    EXPECT_THAT(warning.check({90, 10}).value(),
+                HasSubstr("ephemeral ports run out: 10 of 100 are left"));
+    EXPECT_FALSE(warning.check({95, 5}));
+    EXPECT_FALSE(warning.check({81, 19}));
+    EXPECT_FALSE(warning.check({95, 5}));
+    EXPECT_FALSE(warning.check({80, 20}));
+    EXPECT_TRUE(warning.check({100, 0}));
+}
+
+TEST(PortWarningTest, NamesTheSetting) {
+    PortWarning warning;
+    EXPECT_THAT(warning.check({1, 0}).value(), HasSubstr("net.ipv4.ip_local_port_range"));
+}
+
+/// A proc file system of a few files, for process 7.
+class KernelReaderTest : public testing::Test {
+ protected:
+    KernelReaderTest() {
+        std::string name = testing::TempDir() + "vesk-kernel-XXXXXX";
+        root_ = mkdtemp(name.data());
+        write("7/limits",
+              "Max open files            10                   20                   files\n");
+        write("7/net/udp", line(1, "0100007F:1194", 3) + line(2, "00000000:8001", 4) +
+                               line(9, "00000000:8002", 90));
+        write("7/net/udp6", line(4, "00000000000000000000000000000000:8003", 5));
+        write("7/net/snmp", "Udp: RcvbufErrors SndbufErrors\nUdp: 1 2\n");
+        write("7/net/snmp6", "Udp6RcvbufErrors\t3\nUdp6SndbufErrors\t4\n");
+        write("sys/net/ipv4/ip_local_port_range", "32768\t32777\n");
+        write("sys/net/ipv4/ip_local_reserved_ports", "32770\n");
+        write("sys/net/netfilter/nf_conntrack_count", "5\n");
+        write("sys/net/netfilter/nf_conntrack_max", "100\n");
+        link("0", "/dev/null");
+        link("3", "socket:[1]");
+        // A flow has two descriptors of one socket.
+        link("4", "socket:[2]");
+        link("5", "socket:[2]");
+        link("6", "socket:[4]");
+        link("7", "anon_inode:[eventpoll]");
+        link("8", "socket:[none]");
+    }
+    ~KernelReaderTest() override { std::filesystem::remove_all(root_); }
+
+    static std::string line(int inode, const std::string& local, int drops) {
+        return " 1: " + local + " 0:0 07 00000002:00000010 00:0 0 0 0 " + std::to_string(inode) +
+               " 2 0 " + std::to_string(drops) + "\n";
+    }
+
+    void write(const std::string& name, const std::string& text) const {
+        const std::filesystem::path path = root_ / name;
+        std::filesystem::create_directories(path.parent_path());
+        std::ofstream(path) << text;
+    }
+
+    void link(const std::string& descriptor, const std::string& target) const {
+        std::filesystem::create_directories(root_ / "7/fd");
+        std::filesystem::create_symlink(target, root_ / "7/fd" / descriptor);
+    }
+
+    void remove(const std::string& name) const { std::filesystem::remove_all(root_ / name); }
+
+    std::filesystem::path root_;
+};
+
+TEST_F(KernelReaderTest, ReadsEverything) {
+    KernelReader reader(root_.string());
+    const KernelFigures figures = reader.read({7, listeners, {}});
+    EXPECT_THAT(figures.sockets.value(),
+                ElementsAre(SocketFigures{1, 16, 2}, SocketFigures(), SocketFigures{2, 32, 4}));
+    EXPECT_THAT(figures.drops, ElementsAre(3, 0, 9));
+    EXPECT_EQ(figures.ports, (Room{2, 7}));
+    EXPECT_EQ(figures.descriptors, (Room{7, 3}));
+    EXPECT_EQ(figures.conntrack, (Conntrack{5, 100}));
+    EXPECT_EQ(figures.ipv4, (BufferErrors{1, 2}));
+    EXPECT_EQ(figures.ipv6, (BufferErrors{3, 4}));
+}
+
+TEST_F(KernelReaderTest, TellsFlowsApartByTheirDescriptors) {
+    using testing::Pair;
+    KernelReader reader(root_.string());
+    EXPECT_FALSE(reader.read({7, listeners, {}}).flows);
+    // Drops are those since the reading before.
+    write("7/net/udp", line(1, "0100007F:1194", 3) + line(2, "00000000:8001", 6));
+    const FlowDescriptors flows{{4, 0x10001}, {5, 0x10001}, {6, 0x20001}, {99, 0x30001}};
+    const KernelFigures figures = reader.read({7, listeners, flows});
+    EXPECT_THAT(figures.flows.value(), ElementsAre(Pair(0x10001, FlowSocket{{1, 16, 2}, 2}),
+                                                   Pair(0x20001, FlowSocket{{1, 16, 2}, 0})));
+}
+
+TEST_F(KernelReaderTest, LeavesOutWhatIsNotThere) {
+    for (const char* name : {"7/net/udp6", "7/net/snmp6", "sys/net/netfilter",
+                             "sys/net/ipv4/ip_local_reserved_ports"}) {
+        remove(name);
+    }
+    KernelReader reader(root_.string());
+    const KernelFigures figures = reader.read({7, listeners, {}});
+    EXPECT_EQ(figures.ports, (Room{2, 8}));
+    EXPECT_FALSE(figures.conntrack);
+    EXPECT_FALSE(figures.ipv6);
+    EXPECT_EQ(figures.ipv4, (BufferErrors{1, 2}));
+    EXPECT_EQ(figures.sockets.value().at(2).sockets, 1U);
+}
+
+TEST_F(KernelReaderTest, ShowsNoSocketsOfAProcessThatHidesItsDescriptors) {
+    KernelReader reader(root_.string());
+    EXPECT_EQ(reader.read({7, listeners, {}}).drops.at(2), 9U);
+    remove("7/fd");
+    const KernelFigures figures = reader.read({7, listeners, {}});
+    EXPECT_FALSE(figures.sockets);
+    EXPECT_FALSE(figures.descriptors);
+    EXPECT_EQ(figures.drops.at(2), 9U);
+    EXPECT_EQ(figures.ports, (Room{2, 7}));
+}
+
+TEST_F(KernelReaderTest, SurvivesAProcessThatHasGone) {
+    KernelReader reader(root_.string());
+    const KernelFigures figures = reader.read({8, listeners, {}});
+    EXPECT_FALSE(figures.sockets || figures.ports || figures.descriptors || figures.ipv4);
+}
+
+TEST_F(KernelReaderTest, HasNoRoomBelowZero) {
+    write("7/limits", "Max open files            4                   20                   files\n");
+    KernelReader reader(root_.string());
+    EXPECT_EQ(reader.read({7, listeners, {}}).descriptors, (Room{7, 0}));
+}
+
+// What this kernel itself writes.
+TEST(KernelReaderHostTest, FindsTheSocketOfThisProcess) {
+    const UniqueFd listener(socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0));
+    sockaddr_in address{};
+    address.sin_family = AF_INET;
+    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    socklen_t size = sizeof address;
+    ASSERT_EQ(bind(listener.get(), reinterpret_cast<const sockaddr*>(&address), size), 0);
+    ASSERT_EQ(getsockname(listener.get(), reinterpret_cast<sockaddr*>(&address), &size), 0);
+    const UniqueFd sender(socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0));
+    ASSERT_EQ(sendto(sender.get(), "x", 1, 0, reinterpret_cast<const sockaddr*>(&address), size),
+              1);
+    KernelReader reader;
+    const Listeners here{{tableAddress("127.0.0.1"), ntohs(address.sin_port)}, {}};
+    const KernelFigures figures = reader.read({getpid(), here, {}});
+    ASSERT_TRUE(figures.sockets);
+    EXPECT_EQ(figures.sockets->at(0).sockets, 1U);
+    EXPECT_GT(figures.sockets->at(0).receiveQueue, 0U);
+    EXPECT_EQ(figures.sockets->at(2).sockets, 1U);
+    ASSERT_TRUE(figures.ports && figures.descriptors && figures.ipv4);
+    EXPECT_GE(figures.ports->used, 2U);
+    rlimit limit{};
+    ASSERT_EQ(getrlimit(RLIMIT_NOFILE, &limit), 0);
+    EXPECT_EQ(figures.descriptors->used + figures.descriptors->left, limit.rlim_cur);
+}
+
+/// Waits for figures from the watch's thread.
+class Published {
+ public:
+    void take(const KernelFigures& figures) {
+        const std::lock_guard lock(mutex_);
+        figures_ = figures;
+        ++count_;
+        changed_.notify_all();
+    }
+    KernelFigures waitFor(int count) {
+        std::unique_lock lock(mutex_);
+        EXPECT_TRUE(
+            changed_.wait_for(lock, std::chrono::seconds(20), [&] { return count_ >= count; }));
+        return figures_;
+    }
+    int count() {
+        const std::lock_guard lock(mutex_);
+        return count_;
+    }
+
+ private:
+    std::mutex mutex_;
+    std::condition_variable changed_;
+    KernelFigures figures_;
+    int count_ = 0;
+};
+
+TEST_F(KernelReaderTest, WatchPublishesAndWarnsOnce) {
+    Published published;
+    write("7/net/udp", line(1, "0100007F:1194", 3) + line(2, "00000000:8001", 4));
+    write("sys/net/ipv4/ip_local_port_range", "32769 32769\n");
+    KernelWatch watch(root_.string());
+    const auto publish = [&](const KernelFigures& figures) { published.take(figures); };
+    EXPECT_FALSE(watch.takeWarning());
+    watch.look({7, listeners, {}}, publish);
+    EXPECT_EQ(published.waitFor(1).ports, (Room{1, 0}));
+    EXPECT_THAT(watch.takeWarning().value(), HasSubstr("0 of 1 are left"));
+    // It rests after each reading, in proportion to what that took.
+    for (int count = 2; count < 4; ++count) {
+        const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(20);
+        while (published.count() < count && std::chrono::steady_clock::now() < deadline) {
+            watch.look({7, listeners, {}}, publish);
+        }
+        EXPECT_EQ(published.count(), count);
+    }
+    EXPECT_FALSE(watch.takeWarning());
+}
+
+}  // namespace
+}  // namespace vesk::controller

@@ -1,0 +1,234 @@
+"""What the kernel and the log say, provoked in a network namespace of the test's own: each metric moves."""
+
+from __future__ import annotations
+
+import contextlib
+import http.client
+import itertools
+import os
+import re
+import signal
+from pathlib import Path
+from typing import Callable, Dict, Iterator, List, Tuple
+
+import pytest
+
+from configuration_file import ConfigurationFile
+from controller_process import ControllerProcess
+from conversation import ask, ask_until_answered
+from framework.flow import Flow, four_keys
+from framework.timing import scaled, wait_until
+from framework.udp import UdpEnd, UpstreamService
+from network import Namespace, refusal
+
+from page import samples_in
+
+StartController = Callable[..., ControllerProcess]
+
+_METRICS_PORT = 9477
+
+
+class Host:
+    """A host with a loopback device, and a controller on it."""
+
+    def __init__(self, configuration: ConfigurationFile, start: StartController) -> None:
+        self.namespace = Namespace()
+        self.namespace.ip("link", "set", "lo", "up")
+        self._configuration = configuration
+        self._start = start
+        self._ends: List[UdpEnd] = []
+        self._services: List[UpstreamService] = []
+        self._ports = itertools.count(10_000)
+        configuration.tables["controller"] = "stats_seconds = 1"
+        configuration.tables["metrics"] = f"port = {_METRICS_PORT}"
+
+    def set(self, name: str, value: str) -> None:
+        """One of the namespace's own settings."""
+        with self.namespace.inside():
+            Path(f"/proc/sys/{name}").write_text(value, encoding="ascii")
+
+    def flow(self, name: str, label: int) -> Flow:
+        flow = Flow(label=label, **four_keys())
+        with self.namespace.inside():
+            self._services.append(UpstreamService(flow.echo))
+        flow.upstream = self._services[-1].address
+        self._configuration.flows[name] = flow
+        return flow
+
+    def peer(self) -> UdpEnd:
+        with self.namespace.inside():
+            self._ends.append(UdpEnd())
+        return self._ends[-1]
+
+    def start(self, *prefix: str) -> ControllerProcess:
+        self._configuration.write()
+        return self._start(prefix=[*self.namespace.prefix, *prefix]).ready()
+
+    def metrics(self) -> Dict[str, float]:
+        """What the page shows. Each request has a port of its own, below the ephemeral ones, which
+        are few in one of the tests."""
+        with self.namespace.inside():
+            connection = http.client.HTTPConnection(
+                "127.0.0.1", _METRICS_PORT, timeout=scaled(10),
+                source_address=("127.0.0.1", next(self._ports)))
+            connection.connect()
+        with contextlib.closing(connection):
+            connection.request("GET", "/metrics", headers={"Connection": "close"})
+            return samples_in(connection.getresponse().read().decode("utf-8"))
+
+    def wait_for(self, condition: Callable[[Dict[str, float]], bool], description: str) -> None:
+        wait_until(lambda: condition(self.metrics()), description, 15)
+
+    def close(self) -> None:
+        for service in self._services:
+            service.close()
+        for end in self._ends:
+            end.close()
+        self.namespace.close()
+
+
+@pytest.fixture
+def host(configuration: ConfigurationFile, start_controller: StartController) -> Iterator[Host]:
+    reason = refusal()
+    if reason:
+        pytest.skip(f"network namespaces are not allowed here: {reason}")
+    built = Host(configuration, start_controller)
+    yield built
+    built.close()
+
+
+def udp_drops(pid: int) -> int:
+    """The last column of the kernel's own table."""
+    lines = Path(f"/proc/{pid}/net/udp").read_text(encoding="ascii").splitlines()[1:]
+    return sum(int(line.split()[-1]) for line in lines)
+
+
+def overflow(controller: ControllerProcess, sender: UdpEnd, to: Tuple[str, int]) -> int:
+    """Sends to a forwarder that is stopped until the kernel drops; how much it dropped."""
+    child = controller.forwarder()
+    os.kill(child, signal.SIGSTOP)
+    try:
+        before = udp_drops(child)
+        while udp_drops(child) < before + 10:
+            for _ in range(200):
+                sender.send(bytes(1000), to)
+        return udp_drops(child) - before
+    finally:
+        os.kill(child, signal.SIGCONT)
+
+
+def test_drops_are_the_kernels_own_for_each_side(configuration: ConfigurationFile,
+                                                 host: Host) -> None:
+    flow = host.flow("alice", 1)
+    configuration.tables["metrics"] += "\nper_flow = true"
+    controller = host.start()
+    peer = host.peer()
+    ask_until_answered(peer, flow, configuration.listen)
+    host.wait_for(lambda now: now.get('vesk_udp_sockets{side="upstream"}') == 1, "there is a socket")
+    assert host.metrics()['vesk_udp_sockets{side="downstream"}'] == 1
+    assert host.metrics()['vesk_udp_dropped_datagrams_total{side="downstream"}'] == 0
+    dropped = overflow(controller, peer, configuration.listen)
+    host.wait_for(lambda now: now['vesk_udp_dropped_datagrams_total{side="downstream"}'] == dropped,
+                  f"{dropped} drops are shown")
+    now = host.metrics()
+    assert now['vesk_udp_dropped_datagrams_total{side="upstream"}'] == 0
+    assert now['vesk_host_udp_receive_buffer_errors_total{family="ipv4"}'] == dropped
+    lines = Path(f"/proc/{controller.forwarder()}/net/udp").read_text(encoding="ascii")
+    ports = {int(port, 16) for port in re.findall(r": 00000000:([0-9A-F]{4}) ", lines)}
+    own = ports - {end.port for end in [peer]}
+    assert len(own) == 1
+    dropped_upstream = overflow(controller, peer, ("127.0.0.1", own.pop()))
+    host.wait_for(
+        lambda now: now['vesk_udp_dropped_datagrams_total{side="upstream"}'] == dropped_upstream,
+        f"{dropped_upstream} drops are shown")
+    now = host.metrics()
+    assert now['vesk_udp_dropped_datagrams_total{side="downstream"}'] == dropped
+    assert now['vesk_flow_udp_dropped_datagrams_total{flow="alice",label="0x1"}'] == dropped_upstream
+
+
+def test_ports_that_run_out_are_warned_of_once_before(configuration: ConfigurationFile,
+                                                      host: Host) -> None:
+    peer = host.peer()
+    flows = [host.flow(f"flow{label}", label) for label in range(1, 13)]
+    host.set("net/ipv4/ip_local_port_range", "61000 61011")
+    host.set("net/ipv4/ip_local_reserved_ports", "61000-61001")
+    controller = host.start()
+    host.wait_for(lambda now: now.get("vesk_ephemeral_ports_left") == 10, "all ports are left")
+    for flow in flows[:9]:
+        ask_until_answered(peer, flow, configuration.listen)
+    warning = ("warn controller: ephemeral ports run out: 1 of 10 are left; without one the datagrams "
+               "of a flow that opens its socket are dropped; widen net.ipv4.ip_local_port_range, or "
+               "see who holds them with ss -uanp")
+    controller.wait_for(warning)
+    now = host.metrics()
+    assert (now["vesk_ephemeral_ports_used"], now["vesk_ephemeral_ports_left"]) == (9, 1)
+    assert now["vesk_upstream_dropped_datagrams_total"] == 0
+    ask_until_answered(peer, flows[9], configuration.listen)
+    assert not ask(peer, flows[10], configuration.listen, b"too late", scaled(0.5))
+    host.wait_for(lambda now: now["vesk_ephemeral_ports_left"] == 0
+                  and now["vesk_upstream_dropped_datagrams_total"] == 1, "the port is missing")
+    assert [line for line in controller.lines if "ports run out" in line] == [warning]
+
+
+def test_descriptors_are_counted_against_the_limit(configuration: ConfigurationFile,
+                                                   host: Host) -> None:
+    peer = host.peer()
+    flow = host.flow("alice", 1)
+    host.start("prlimit", "--nofile=64:64")
+    host.wait_for(lambda now: "vesk_descriptors_used" in now, "there is a reading")
+    before = host.metrics()
+    assert before["vesk_descriptors_used"] + before["vesk_descriptors_left"] == 64
+    ask_until_answered(peer, flow, configuration.listen)
+    host.wait_for(lambda now: now["vesk_descriptors_used"] == before["vesk_descriptors_used"] + 2,
+                  "the flow's socket is counted")
+
+
+def test_connections_are_shown_where_the_module_is_loaded(host: Host) -> None:
+    host.start()
+    host.wait_for(lambda now: "vesk_descriptors_used" in now, "there is a reading")
+    limit = Path("/proc/sys/net/netfilter/nf_conntrack_max")
+    with host.namespace.inside():
+        expected = float(limit.read_text(encoding="ascii")) if limit.exists() else None
+    assert host.metrics().get("vesk_conntrack_entries_limit") == expected
+    assert ("vesk_conntrack_entries" in host.metrics()) == (expected is not None)
+
+
+@pytest.mark.parametrize("level, created", [("error", 0), ("info", 3)])
+def test_the_log_is_counted_at_every_level_that_shows_it(configuration: ConfigurationFile,
+                                                         host: Host, level: str,
+                                                         created: int) -> None:
+    peer = host.peer()
+    flows = [host.flow(name, label) for label, name in enumerate(("alice", "bob"), start=1)]
+    unreachable = host.flow("carol", 3)
+    # There is no route to it.
+    unreachable.upstream = ("192.0.2.1", 5000)
+    configuration.tables["forwarder"] = f'log_level = "{level}"'
+    host.start()
+    for flow in flows:
+        ask_until_answered(peer, flow, configuration.listen)
+    for _ in range(6):
+        peer.send(flows[0].request(b"x")[:-1] + b"y", configuration.listen)
+    peer.send(unreachable.request(b"x"), configuration.listen)
+    host.wait_for(lambda now: now["vesk_endpoints_deleted_by_error_total"] == 1
+                  and now["vesk_hmac_failures_total"] == 6, "the lines are counted")
+    assert host.metrics()["vesk_endpoints_created_total"] == created
+
+
+def test_no_figure_of_a_child_that_ended_is_shown(configuration: ConfigurationFile,
+                                                  host: Host) -> None:
+    configuration.tables["controller"] = "stats_seconds = 1\nrestart_pause_ms = 1500"
+    peer = host.peer()
+    flow = host.flow("alice", 1)
+    controller = host.start()
+    ask_until_answered(peer, flow, configuration.listen)
+    host.wait_for(lambda now: "vesk_descriptors_used" in now, "there is a reading")
+    dropped = overflow(controller, peer, configuration.listen)
+    series = 'vesk_udp_dropped_datagrams_total{side="downstream"}'
+    host.wait_for(lambda now: now[series] == dropped, "drops are shown")
+    os.kill(controller.forwarder(), signal.SIGKILL)
+    host.wait_for(lambda now: now["vesk_up"] == 0, "the page says that it is down")
+    now = host.metrics()
+    assert not [name for name in now if re.match("vesk_(descriptors|ephemeral|udp_sockets)", name)]
+    assert now[series] == dropped
+    host.wait_for(lambda now: "vesk_descriptors_used" in now, "there is a reading of the new one")
+    assert host.metrics()[series] == dropped
