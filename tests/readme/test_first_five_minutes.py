@@ -26,6 +26,7 @@ BLOCK = re.compile(r"^```sh\n(.*?)^```\n(?:\n```\n(.*?)^```\n)?", re.MULTILINE |
 DEADLINE_SECONDS = 60
 TRAFFIC_SECONDS = {"written": "--duration 60", "enough": "--duration 10"}
 METRICS_PORT = "9477"
+KEY = re.compile(r"\b[0-9a-f]{64}\b")
 SENT = re.compile(r"^vesk_upstream_sent_datagrams_total [1-9]", re.MULTILINE)
 
 
@@ -58,17 +59,18 @@ def adapted(text: str, ports: Dict[str, str]) -> str:
     """The same for this build, on other ports and with less patience."""
     text = re.sub(rf"\b({'|'.join(ports)})\b", lambda found: ports[found[0]], text)
     text = text.replace("[controller]\n", f"[metrics]\nport = {ports[METRICS_PORT]}\n\n[controller]\n")
-    text = text.replace("build/release/", f"{BUILD}/").replace("dissector/", f"{ROOT}/dissector/")
     return text.replace(TRAFFIC_SECONDS["written"], TRAFFIC_SECONDS["enough"])
 
 
 class Shell:
     """A shell that is typed into."""
 
-    def __init__(self, folder: Path) -> None:
-        environment = {**os.environ, "HOME": str(folder), "WIRESHARK_CONFIG_DIR": str(folder)}
-        self._process = subprocess.Popen(["bash"], cwd=folder, env=environment, stdin=subprocess.PIPE,
-                                         stdout=subprocess.PIPE, start_new_session=True)
+    def __init__(self, tree: Path, temporary: Path, home: Path) -> None:
+        environment = {**os.environ, "HOME": str(home), "WIRESHARK_CONFIG_DIR": str(home),
+                       "TMPDIR": str(temporary)}
+        # As most accounts have it: files are readable by everybody unless they are made otherwise.
+        self._process = subprocess.Popen(["bash"], cwd=tree, env=environment, stdin=subprocess.PIPE,
+                                         stdout=subprocess.PIPE, start_new_session=True, umask=0o022)
 
     def type(self, commands: str) -> str:
         """Returns what appears until all is done, and insists on success."""
@@ -99,10 +101,36 @@ class Shell:
 
 
 @pytest.fixture
-def shell(tmp_path: Path) -> Iterator[Shell]:
-    started = Shell(tmp_path)
+def tree(tmp_path: Path) -> Path:
+    """A source tree that is built, without everything that the walk does not need."""
+    folder = tmp_path / "tree"
+    (folder / "build").mkdir(parents=True)
+    (folder / "build" / "release").symlink_to(BUILD)
+    (folder / "dissector").symlink_to(ROOT / "dissector")
+    return folder
+
+
+@pytest.fixture
+def temporary(tmp_path: Path) -> Path:
+    """What the walk takes for /tmp."""
+    folder = tmp_path / "temporary"
+    folder.mkdir()
+    return folder
+
+
+@pytest.fixture
+def shell(tmp_path: Path, tree: Path, temporary: Path) -> Iterator[Shell]:
+    home = tmp_path / "home"
+    home.mkdir()
+    started = Shell(tree, temporary, home)
     yield started
     started.end()
+
+
+def own_files(folder: Path) -> Dict[Path, int]:
+    """The mode of each regular file; what symbolic links lead to is left out."""
+    return {path: path.stat().st_mode & 0o777 for path in folder.rglob("*")
+            if path.is_file() and not path.is_symlink()}
 
 
 def require(program: str) -> None:
@@ -163,10 +191,12 @@ def test_first_block_can_be_pasted_whole(tmp_path: Path) -> None:
                                         "cmake --build --preset release"]
 
 
-def test_every_command_does_what_is_shown(shell: Shell, tmp_path: Path) -> None:
+def test_every_command_does_what_is_shown(shell: Shell, tree: Path, temporary: Path) -> None:
+    """Also: no key is ever readable by others, and nothing is left behind."""
     require_capturing()
     require("curl")
     ports = free_ports(["4500", "5000", METRICS_PORT])
+    with_keys: List[Path] = []
     # The first one builds, which has been done.
     build, *walk = blocks()
     assert "cmake --build" in build.commands and len(walk) >= 5
@@ -174,8 +204,15 @@ def test_every_command_does_what_is_shown(shell: Shell, tmp_path: Path) -> None:
         if "curl" in block.commands:
             wait_until(lambda: has_figures(ports[METRICS_PORT]), "the metrics show traffic")
         if block.commands.startswith("head "):
-            report = tmp_path / block.commands.split()[3]
-            wait_until(lambda: report.stat().st_size > 0, "the traffic generator has reported")
+            name = block.commands.split()[3]
+            wait_until(lambda: any(path.name == name and path.stat().st_size > 0
+                                   for path in own_files(temporary)),
+                       "the traffic generator has reported")
         output = shell.type(adapted(block.commands, ports))
         assert comparable(output) == comparable(block.output), block.commands
+        with_keys += [path for path in own_files(temporary) if KEY.search(path.read_text())]
+        assert [path for path in with_keys if path.exists() and path.stat().st_mode & 0o077] == []
+        assert own_files(tree) == {}, block.commands
     assert any(block.output for block in walk)
+    assert with_keys, "the walk has keys"
+    assert list(temporary.iterdir()) == []
