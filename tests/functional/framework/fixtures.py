@@ -8,6 +8,7 @@ from typing import Callable, Iterator, List
 
 import pytest
 
+from . import own_network
 from .bench import Bench
 from .framing import UDPV1, UDPV2
 from .timing import scaled
@@ -25,6 +26,8 @@ def pytest_configure(config: pytest.Config) -> None:
         binary()
     except RuntimeError as error:
         pytest.exit(str(error), returncode=2)
+    # Where it is refused the tests share the machine's network.
+    own_network.enter()
 
 
 @pytest.hookimpl(hookwrapper=True)

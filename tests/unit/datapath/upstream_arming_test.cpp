@@ -6,7 +6,6 @@
 #include <sys/mman.h>
 #include <unistd.h>
 
-#include <atomic>
 #include <optional>
 #include <string>
 #include <thread>
@@ -15,6 +14,7 @@
 #include "datapath/serving_claim.h"
 #include "datapath/upstream_fixture.h"
 #include "support/printed.h"
+#include "support/receive_hook.h"
 #include "support/thread_state.h"
 
 namespace vesk {
@@ -176,82 +176,24 @@ TEST_F(UpstreamArmingTest, ArmsASocketOnceThatTwoWorkersFoundDrained) {
                 ElementsAre(PollCtlMsg{EPOLL_CTL_MOD, EPOLLIN, flow->rdsockfd}));
 }
 
-/// Another worker that comes by an endpoint again and again, for as long as it is given one.
-class OtherWorker {
- public:
-    OtherWorker() : thread_([this] { run(); }) {}
-    ~OtherWorker() {
-        stop_ = true;
-        thread_.join();
-    }
-    OtherWorker(const OtherWorker&) = delete;
-    OtherWorker& operator=(const OtherWorker&) = delete;
-
-    /// Returns once it is at it.
-    void comeBy(VeskEndpointDescriptor& endpoint) {
-        const unsigned before = visits_;
-        target_ = &endpoint;
-        while (visits_ == before) {
-        }
-    }
-    /// Whether it found somebody else at it. Returns once it has left.
-    bool leave() {
-        target_ = nullptr;
-        while (busy_) {
-        }
-        return foundClaimed_.exchange(false);
-    }
-
- private:
-    void run() {
-        while (!stop_) {
-            busy_ = true;
-            if (VeskEndpointDescriptor* const endpoint = target_) {
-                if (!ServingClaim(*endpoint).held()) {
-                    foundClaimed_ = true;
-                }
-                ++visits_;
-            }
-            busy_ = false;
-        }
-    }
-
-    std::atomic<VeskEndpointDescriptor*> target_{nullptr};
-    std::atomic<unsigned> visits_{0};
-    std::atomic<bool> busy_{false};
-    std::atomic<bool> foundClaimed_{false};
-    std::atomic<bool> stop_{false};
-    std::thread thread_;
-};
-
 TEST_F(UpstreamArmingTest, ReportsAnErrorAlthoughAnotherWorkerFoundTheSocket) {
-    OtherWorker other;
-    bool met = false;
-    // The other worker has to come by while this one is in its receive call, which is short.
-    for (int round = 0; round < 20000 && !met; ++round) {
-        declareFlow(1000);
-        const EndpointPtr broken = createEndpoint(1000);
-        ASSERT_NE(broken, nullptr);
-        broken->prepared = true;
-        const UniqueFd notASocket(memfd_create("not a socket", 0));
-        ASSERT_EQ(dup2(notASocket.get(), broken->rdsockfd), broken->rdsockfd);
-        other.comeBy(*broken);
-        const Served served = serve(broken->rdsockfd);
-        const bool foundClaimed = other.leave();
-        // Otherwise it was this worker that found the other one at it.
-        const bool received = broken->counters.rxDgError.value() != 0 || served.keep;
-        if (foundClaimed && received) {
-            met = true;
-            EXPECT_FALSE(served.keep);
-            EXPECT_EQ(countsOf(*broken), (Counts{.rxDgError = 1}));
-            EXPECT_EQ(served.printed,
-                      "error UP_RECEIVE: network error on upstream endpoint of label 0x3e8/1000, "
-                      "errno 88 (Socket operation on non-socket). Endpoint Deleted\n");
-        }
-        printedBy([this] { manager().removeLabel(1000); });
-    }
-    EXPECT_TRUE(met);
-    takePollRequests();
+    const UniqueFd notASocket(memfd_create("not a socket", 0));
+    ASSERT_EQ(dup2(notASocket.get(), flow->rdsockfd), flow->rdsockfd);
+    bool foundClaimed = false;
+    duringNextReceive([&] { foundClaimed = !ServingClaim(*flow).held(); });
+    const Served served = serve(flow->rdsockfd);
+    EXPECT_TRUE(foundClaimed);
+    EXPECT_FALSE(served.keep);
+    EXPECT_EQ(countsOf(*flow), (Counts{.txDg = 1, .rxDgError = 1}));
+    EXPECT_EQ(served.printed,
+              "error UP_RECEIVE: network error on upstream endpoint of label 0x5a/90, errno 88 "
+              "(Socket operation on non-socket). Endpoint Deleted\n");
+}
+
+TEST_F(UpstreamArmingTest, ReadsADrainedSocketOnceMoreThatAnotherWorkerFound) {
+    duringNextReceive([this] { EXPECT_FALSE(ServingClaim(*flow).held()); });
+    serveFlow(true);
+    expectArmed();
 }
 
 TEST_F(UpstreamArmingTest, LogsNoArmingFailureAtShutDown) {
