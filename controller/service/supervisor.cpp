@@ -38,7 +38,7 @@ int Supervisor::run() {
     if (!startForwarder()) {
         return exit_status::forwarderFailed;
     }
-    while (phase_ != Phase::ended) {
+    while (!ended_) {
         waitAndHandle();
     }
     return exitStatus_;
@@ -56,8 +56,9 @@ bool Supervisor::due(Deadline& deadline) {
 
 int Supervisor::pollTimeout() const {
     Deadline nearest;
-    for (const Deadline& deadline : {startAgainAt_, listenAgainAt_, reportAt_, stepAt_, aliveAt_,
-                                     serveAgainAt_, answerDue(), log_.countDueAt()}) {
+    for (const Deadline& deadline :
+         {startAgainAt_, listenAgainAt_, reportClock_.dueAt(), ending_.dueAt(), aliveAt_,
+          serveAgainAt_, answerDue(), log_.countDueAt()}) {
         if (deadline && (!nearest || *deadline < *nearest)) {
             nearest = deadline;
         }
@@ -139,11 +140,11 @@ void Supervisor::handleTime() {
     if (due(serveAgainAt_)) {
         serveMetrics();
     }
-    if (due(reportAt_)) {
+    if (reportClock_.due(Clock::now())) {
         askForReport();
     }
-    if (due(stepAt_)) {
-        nextStepOfEnd();
+    if (session_) {
+        carryOut(ending_.goOn(Clock::now()));
     }
 }
 
@@ -162,7 +163,7 @@ bool Supervisor::startForwarder() {
     log_.say(LogLevel::info,
              "started " + maskKeyDigits(program) + ", process " + std::to_string(session_->pid()));
     round_ = Round::replay;
-    reportAsked_ = false;
+    reportClock_.reset();
     flowDescriptors_.clear();
     publishStage(Stage::settingUp);
     sendAll(deployment_.begin(wanted_));
@@ -198,25 +199,25 @@ void Supervisor::forwarderEnded() {
     const int status = *std::exchange(endStatus_, std::nullopt);
     const Command* const current = session_->current();
     const Clock::duration lived = session_->age();
-    const bool good = endedWell(status) && phase_ != Phase::running && phase_ != Phase::draining;
+    const bool good = endedWell(status) && !running() && !ending_.draining();
     std::string text = "the forwarder " + describeEnd(status);
-    if (phase_ == Phase::running && current != nullptr) {
+    if (running() && current != nullptr) {
         text += ", at work on " + describe(*current);
     }
     log_.say(good ? LogLevel::info : LogLevel::error, text);
     session_.reset();
     hung_ = false;
-    reportAt_.reset();
+    reportClock_.stop();
     listenAgainAt_.reset();
     if (metrics_) {
         metrics_->childUp(false);
     }
-    if (phase_ == Phase::running) {
+    if (running()) {
         pauseAfter(lived);
         return;
     }
     exitStatus_ = good ? exit_status::success : exit_status::forwarderFailed;
-    phase_ = Phase::ended;
+    ended_ = true;
 }
 
 }  // namespace vesk::controller

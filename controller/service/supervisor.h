@@ -17,10 +17,11 @@
 #include "metrics/metrics_server.h"
 #include "options.h"
 #include "service/deployment.h"
+#include "service/forwarder_ending.h"
 #include "service/log_output.h"
+#include "service/report_clock.h"
 #include "service/service_notification.h"
 #include "service/signal_source.h"
-#include "service/standstill.h"
 
 namespace vesk::controller {
 
@@ -35,10 +36,6 @@ class Supervisor {
  private:
     using Clock = std::chrono::steady_clock;
     using Deadline = std::optional<Clock::time_point>;
-
-    /// In the order in which they are gone through. While running there may be no forwarder: one
-    /// has ended, and the next starts after a pause.
-    enum class Phase { running, draining, closing, terminating, killing, ended };
 
     /// Commands whose last outcome is awaited: those of a new forwarder, of a reload, or those that
     /// try refused listeners again.
@@ -105,9 +102,9 @@ class Supervisor {
     void countReload();
 
     // Its end.
+    bool running() const { return !ending_.begun() && !ended_; }
     void terminate();
-    void nextStepOfEnd();
-    void closeInput();
+    void carryOut(const ForwarderEnding::Step& step);
 
     const Options& options_;
     Configuration wanted_;
@@ -123,7 +120,9 @@ class Supervisor {
     RestartPause listenPause_;
     RestartPause servePause_;
 
-    Phase phase_ = Phase::running;
+    // While running there may be no forwarder: one has ended, and the next starts after a pause.
+    ForwarderEnding ending_;
+    bool ended_ = false;
     Round round_ = Round::none;
     Deployment deployment_;
     std::optional<ForwarderSession> session_;
@@ -132,15 +131,12 @@ class Supervisor {
     bool reloadTold_ = false;       // the service manager waits for the end of a reload
     std::optional<ReloadOutcome> reload_;      // of the last reload, until it is counted
     std::optional<HostPort> previousAddress_;  // to go back to if the new one is refused
-    bool reportAsked_ = false;
+    ReportClock reportClock_;
     bool hung_ = false;  // the forwarder did not answer and was killed
-    std::optional<Standstill> standstill_;
     Deadline startAgainAt_;
     Deadline listenAgainAt_;
     Deadline serveAgainAt_;
-    Deadline reportAt_;
     Deadline aliveAt_;
-    Deadline stepAt_;  // when the end gets more urgent
     int exitStatus_ = exit_status::success;
 };
 

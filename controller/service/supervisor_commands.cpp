@@ -15,10 +15,7 @@ namespace vesk::controller {
 
 namespace {
 
-constexpr std::chrono::seconds restOfTraffic{1};
 constexpr std::chrono::milliseconds drainingReports{200};
-constexpr std::chrono::seconds endPatience{5};
-constexpr std::chrono::seconds signalPatience{2};
 
 std::string join(const std::vector<std::string>& texts) {
     std::string result;
@@ -61,7 +58,7 @@ void Supervisor::handleOutcome(const Outcome& outcome) {
     deployment_.note(outcome);
     noteListener(outcome);
     if (outcome.command.word == "stats") {
-        reportAsked_ = false;
+        reportClock_.answered();
     }
 }
 
@@ -72,20 +69,16 @@ void Supervisor::handleReport(const Report& report) {
     if (const std::optional<std::string> warning = kernelWatch_.takeWarning()) {
         log_.say(LogLevel::warn, *warning);
     }
-    if (phase_ == Phase::draining && standstill_->observe(trafficCounters(report), Clock::now())) {
-        closeInput();
+    if (ending_.draining()) {
+        carryOut(ending_.observe(trafficCounters(report), Clock::now()));
     }
 }
 
 /// Below info level the forwarder reports nothing, so it is asked at info level.
 void Supervisor::askForReport() {
-    reportAt_ = Clock::now() + (phase_ == Phase::running
-                                    ? std::chrono::milliseconds(wanted_.supervision.stats)
-                                    : drainingReports);
-    if (!session_ || reportAsked_) {
+    if (!reportClock_.ask(Clock::now(), running() ? wanted_.supervision.stats : drainingReports)) {
         return;
     }
-    reportAsked_ = true;
     askTheKernel();
     const std::string& level = deployment_.logLevel();
     const bool quiet = levelNamed(level) < LogLevel::info;
@@ -107,7 +100,7 @@ void Supervisor::sendAll(const std::vector<Command>& commands) {
 }
 
 void Supervisor::reload() {
-    if (phase_ != Phase::running) {
+    if (!running()) {
         return;
     }
     if (ready_) {
@@ -158,64 +151,53 @@ void Supervisor::applyReload() {
                                  (subjects.empty() ? "" : ": " + subjects));
     round_ = Round::reload;
     publishStage(Stage::settingUp);
-    reportAt_.reset();
+    reportClock_.stop();
     sendAll(changes.commands);
 }
 
 // ---- Its end. ----
 
 void Supervisor::terminate() {
-    if (phase_ == Phase::draining) {
-        // Asked twice: somebody is in a hurry.
-        closeInput();
+    if (running()) {
+        startAgainAt_.reset();
+        listenAgainAt_.reset();
+        notification_.stopping("Draining");
+        publishStage(Stage::draining);
     }
-    if (phase_ != Phase::running) {
-        return;
-    }
-    startAgainAt_.reset();
-    listenAgainAt_.reset();
-    notification_.stopping("Draining");
-    publishStage(Stage::draining);
     if (!session_) {
-        phase_ = Phase::ended;
+        ended_ = true;
         return;
     }
-    if (wanted_.supervision.drain == std::chrono::seconds::zero()) {
-        closeInput();
-        return;
-    }
-    log_.say(LogLevel::info,
-             "draining: ends when the traffic has stood still for a second, or in " +
-                 std::to_string(wanted_.supervision.drain.count()) + " s");
-    phase_ = Phase::draining;
-    standstill_.emplace(restOfTraffic);
-    stepAt_ = Clock::now() + wanted_.supervision.drain;
-    askForReport();
-}
-
-void Supervisor::nextStepOfEnd() {
-    if (phase_ == Phase::draining) {
-        log_.say(LogLevel::warn, std::string(standstill_->observed() ? "there is still traffic"
-                                                                     : "nothing is reported") +
-                                     ", and the time to drain is over");
-        closeInput();
-    } else if (phase_ == Phase::closing) {
-        log_.say(LogLevel::error, "the forwarder does not end: terminating it");
-        phase_ = Phase::terminating;
-        stepAt_ = Clock::now() + signalPatience;
-        session_->signal(SIGTERM);
-    } else if (phase_ == Phase::terminating) {
-        log_.say(LogLevel::error, "the forwarder still does not end: killing it");
-        phase_ = Phase::killing;
-        session_->signal(SIGKILL);
+    const bool drains = !ending_.begun() && wanted_.supervision.drain != std::chrono::seconds(0);
+    carryOut(ending_.ask(wanted_.supervision.drain, Clock::now()));
+    if (drains) {
+        log_.say(LogLevel::info,
+                 "draining: ends when the traffic has stood still for a second, or in " +
+                     std::to_string(wanted_.supervision.drain.count()) + " s");
+        askForReport();
     }
 }
 
-void Supervisor::closeInput() {
-    phase_ = Phase::closing;
-    reportAt_.reset();
-    stepAt_ = Clock::now() + endPatience;
-    session_->finishInput();
+void Supervisor::carryOut(const ForwarderEnding::Step& step) {
+    if (!step.reason.empty()) {
+        log_.say(
+            step.action == ForwarderEnding::Action::closeInput ? LogLevel::warn : LogLevel::error,
+            step.reason);
+    }
+    switch (step.action) {
+        case ForwarderEnding::Action::none:
+            break;
+        case ForwarderEnding::Action::closeInput:
+            reportClock_.stop();
+            session_->finishInput();
+            break;
+        case ForwarderEnding::Action::terminate:
+            session_->signal(SIGTERM);
+            break;
+        case ForwarderEnding::Action::kill:
+            session_->signal(SIGKILL);
+            break;
+    }
 }
 
 }  // namespace vesk::controller

@@ -9,7 +9,7 @@ namespace vesk::controller {
 
 /// While it drains and ends, other deadlines hold.
 Supervisor::Deadline Supervisor::answerDue() const {
-    if (!session_ || endStatus_ || hung_ || phase_ != Phase::running) {
+    if (!session_ || endStatus_ || hung_ || !running()) {
         return std::nullopt;
     }
     return session_->watch().due(wanted_.supervision.answer);

@@ -20,11 +20,11 @@ void Supervisor::finishRound() {
     } else if (deployment_.listensEverywhere()) {
         log_.say(LogLevel::info, "the forwarder listens: " + summary());
     }
-    if (phase_ != Phase::running) {
+    if (!running()) {
         return;
     }
     publishStage(Stage::settled);
-    reportAt_ = reportAt_.value_or(Clock::now());
+    reportClock_.start(Clock::now());
     planListening();
     if (deployment_.listensEverywhere()) {
         ready_ = true;

@@ -1,0 +1,56 @@
+#include "service/forwarder_ending.h"
+
+#include <utility>
+
+namespace vesk::controller {
+
+ForwarderEnding::Step ForwarderEnding::ask(std::chrono::seconds drain, Clock::time_point now) {
+    if (draining() || (!begun() && drain == std::chrono::seconds::zero())) {
+        return closeInput(now);
+    }
+    if (!begun()) {
+        phase_ = Phase::draining;
+        dueAt_ = now + drain;
+    }
+    return {};
+}
+
+ForwarderEnding::Step ForwarderEnding::observe(std::vector<std::uint64_t> counters,
+                                               Clock::time_point now) {
+    if (draining() && standstill_.observe(std::move(counters), now)) {
+        return closeInput(now);
+    }
+    return {};
+}
+
+ForwarderEnding::Step ForwarderEnding::goOn(Clock::time_point now) {
+    if (!dueAt_ || now < *dueAt_) {
+        return {};
+    }
+    switch (phase_) {
+        case Phase::draining:
+            return closeInput(now, standstill_.observed()
+                                       ? "there is still traffic, and the time to drain is over"
+                                       : "nothing is reported, and the time to drain is over");
+        case Phase::closing:
+            phase_ = Phase::terminating;
+            dueAt_ = now + signalPatience;
+            return {Action::terminate, "the forwarder does not end: terminating it"};
+        case Phase::terminating:
+            phase_ = Phase::killing;
+            dueAt_.reset();
+            return {Action::kill, "the forwarder still does not end: killing it"};
+        case Phase::notBegun:
+        case Phase::killing:
+            break;
+    }
+    return {};
+}
+
+ForwarderEnding::Step ForwarderEnding::closeInput(Clock::time_point now, std::string_view reason) {
+    phase_ = Phase::closing;
+    dueAt_ = now + endPatience;
+    return {Action::closeInput, reason};
+}
+
+}  // namespace vesk::controller

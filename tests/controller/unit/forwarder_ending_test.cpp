@@ -1,0 +1,89 @@
+#include "service/forwarder_ending.h"
+
+#include <gtest/gtest.h>
+
+namespace vesk::controller {
+namespace {
+
+using std::chrono::milliseconds;
+using std::chrono::seconds;
+using Action = ForwarderEnding::Action;
+
+constexpr seconds drain{30};
+constexpr seconds noDrain{0};
+const ForwarderEnding::Clock::time_point start{std::chrono::hours(1)};
+
+TEST(ForwarderEnding, ClosesTheInputAtOnceWithoutADrain) {
+    ForwarderEnding ending;
+    EXPECT_FALSE(ending.begun());
+    const ForwarderEnding::Step step = ending.ask(noDrain, start);
+    EXPECT_EQ(step.action, Action::closeInput);
+    EXPECT_EQ(step.reason, "");
+    EXPECT_TRUE(ending.begun());
+    EXPECT_FALSE(ending.draining());
+}
+
+TEST(ForwarderEnding, DrainsUntilTheTrafficRests) {
+    ForwarderEnding ending;
+    EXPECT_EQ(ending.ask(drain, start).action, Action::none);
+    EXPECT_TRUE(ending.draining());
+    EXPECT_EQ(ending.observe({1}, start).action, Action::none);
+    EXPECT_EQ(ending.observe({2}, start + milliseconds(900)).action, Action::none);
+    EXPECT_EQ(ending.observe({2}, start + milliseconds(1800)).action, Action::none);
+    const ForwarderEnding::Step step = ending.observe({2}, start + milliseconds(1900));
+    EXPECT_EQ(step.action, Action::closeInput);
+    EXPECT_EQ(step.reason, "");
+}
+
+TEST(ForwarderEnding, EndsTheDrainWhenAskedAgain) {
+    ForwarderEnding ending;
+    ending.ask(drain, start);
+    EXPECT_EQ(ending.ask(drain, start + seconds(1)).action, Action::closeInput);
+    EXPECT_EQ(ending.ask(drain, start + seconds(1)).action, Action::none);
+    EXPECT_EQ(ending.dueAt(), start + seconds(1) + ForwarderEnding::endPatience);
+}
+
+TEST(ForwarderEnding, EndsTheDrainAtItsDeadlineInSpiteOfTraffic) {
+    ForwarderEnding ending;
+    ending.ask(drain, start);
+    ending.observe({1}, start);
+    EXPECT_EQ(ending.dueAt(), start + drain);
+    EXPECT_EQ(ending.goOn(start + drain - milliseconds(1)).action, Action::none);
+    const ForwarderEnding::Step step = ending.goOn(start + drain);
+    EXPECT_EQ(step.action, Action::closeInput);
+    EXPECT_EQ(step.reason, "there is still traffic, and the time to drain is over");
+}
+
+TEST(ForwarderEnding, EndsTheDrainAtItsDeadlineWithoutAnyReport) {
+    ForwarderEnding ending;
+    ending.ask(drain, start);
+    EXPECT_EQ(ending.goOn(start + drain).reason,
+              "nothing is reported, and the time to drain is over");
+}
+
+TEST(ForwarderEnding, TerminatesAndKillsWhatDoesNotEnd) {
+    ForwarderEnding ending;
+    ending.ask(noDrain, start);
+    auto now = start + ForwarderEnding::endPatience;
+    EXPECT_EQ(ending.goOn(now - milliseconds(1)).action, Action::none);
+    ForwarderEnding::Step step = ending.goOn(now);
+    EXPECT_EQ(step.action, Action::terminate);
+    EXPECT_EQ(step.reason, "the forwarder does not end: terminating it");
+    now += ForwarderEnding::signalPatience;
+    step = ending.goOn(now);
+    EXPECT_EQ(step.action, Action::kill);
+    EXPECT_EQ(step.reason, "the forwarder still does not end: killing it");
+    EXPECT_EQ(ending.dueAt(), std::nullopt);
+    EXPECT_EQ(ending.goOn(now + std::chrono::hours(1)).action, Action::none);
+}
+
+TEST(ForwarderEnding, TakesNoStepBeforeItBegins) {
+    ForwarderEnding ending;
+    EXPECT_EQ(ending.observe({1}, start).action, Action::none);
+    EXPECT_EQ(ending.observe({1}, start + std::chrono::hours(1)).action, Action::none);
+    EXPECT_EQ(ending.goOn(start).action, Action::none);
+    EXPECT_EQ(ending.dueAt(), std::nullopt);
+}
+
+}  // namespace
+}  // namespace vesk::controller
