@@ -22,7 +22,7 @@ constexpr std::array<SocketGauge, 3> socketGauges{{
      "UDP sockets of the forwarder that have a port, by side."},
     {&SocketFigures::receiveQueue, "vesk_udp_receive_queue_bytes",
      "Receive buffer that waiting datagrams hold, in bytes, all sockets of a side. A socket has "
-     "room for twice net.core.rmem_max at most: set that to 1048576."},
+     "room for 1048576 bytes, or less where net.core.rmem_max is lower: set that to 1048576."},
     {&SocketFigures::sendQueue, "vesk_udp_send_queue_bytes",
      "Send buffer that waiting datagrams hold, in bytes, all sockets of a side. A socket has room "
      "for twice net.core.wmem_max at most: set that to 262144."},

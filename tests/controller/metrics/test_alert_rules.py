@@ -71,9 +71,9 @@ _CASES: Dict[str, Case] = {
         rising('vesk_udp_dropped_datagrams_total{side="upstream"}', 1),
         {'vesk_udp_dropped_datagrams_total{side="upstream"}': "7x120"}, side="upstream"),
     "VeskReceiveQueueLong": case(
-        {'vesk_udp_receive_queue_bytes{side="lateral"}': "1500000x120"},
+        {'vesk_udp_receive_queue_bytes{side="lateral"}': "600000x120"},
         # That of all flows together may be long.
-        {'vesk_udp_receive_queue_bytes{side="downstream"}': "1000000x120",
+        {'vesk_udp_receive_queue_bytes{side="downstream"}': "500000x120",
          'vesk_udp_receive_queue_bytes{side="upstream"}': "1500000x120"}, side="lateral"),
     "VeskPortsRunOut": case(steady(vesk_ephemeral_ports_left=10, vesk_ephemeral_ports_used=90),
                             steady(vesk_ephemeral_ports_left=11, vesk_ephemeral_ports_used=89)),
