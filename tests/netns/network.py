@@ -46,8 +46,12 @@ class Namespace:
         """Words in front of a command that make it run in here."""
         return ["nsenter", f"--net={self.path}"]
 
+    def run(self, *words: str) -> None:
+        """Runs a command in here; raises CalledProcessError where it fails."""
+        subprocess.run([*self.prefix, *words], check=True, capture_output=True)
+
     def ip(self, *words: str) -> None:
-        subprocess.run([*self.prefix, "ip", *words], check=True, capture_output=True)
+        self.run("ip", *words)
 
     @contextmanager
     def inside(self) -> Iterator[None]:

@@ -1,5 +1,5 @@
-"""Fixtures of the metrics' tests: those of the functional tests and the controller's, the probe, and
-Prometheus."""
+"""Fixtures of the metrics' tests: those of the functional tests and the controller's, the probe, a host
+of the test's own, and Prometheus."""
 
 from __future__ import annotations
 
@@ -9,6 +9,9 @@ from typing import Callable, Iterator, List
 
 import pytest
 
+from configuration_file import ConfigurationFile
+from monitored_host import Host, StartController
+from network import refusal
 from probe import Probe
 from prometheus_process import PrometheusProcess
 
@@ -41,3 +44,14 @@ def start_prometheus(tmp_path: Path) -> Iterator[Callable[[int], PrometheusProce
     yield start
     for prometheus in started:
         prometheus.finish()
+
+
+@pytest.fixture
+def host(configuration: ConfigurationFile, start_controller: StartController) -> Iterator[Host]:
+    """A host with a loopback device; skipped where the kernel does not let us build it."""
+    reason = refusal()
+    if reason:
+        pytest.skip(f"network namespaces are not allowed here: {reason}")
+    built = Host(configuration, start_controller)
+    yield built
+    built.close()

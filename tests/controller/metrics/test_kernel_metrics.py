@@ -2,99 +2,21 @@
 
 from __future__ import annotations
 
-import contextlib
-import http.client
-import itertools
 import os
 import re
 import signal
 from pathlib import Path
-from typing import Callable, Dict, Iterator, List, Tuple
+from typing import Tuple
 
 import pytest
 
 from configuration_file import ConfigurationFile
 from controller_process import ControllerProcess
 from conversation import ask, ask_until_answered
-from framework.flow import Flow, four_keys
-from framework.timing import scaled, wait_until
-from framework.udp import UdpEnd, UpstreamService
-from network import Namespace, refusal
+from framework.timing import scaled
+from framework.udp import UdpEnd
 
-from page import samples_in
-
-StartController = Callable[..., ControllerProcess]
-
-_METRICS_PORT = 9477
-
-
-class Host:
-    """A host with a loopback device, and a controller on it."""
-
-    def __init__(self, configuration: ConfigurationFile, start: StartController) -> None:
-        self.namespace = Namespace()
-        self.namespace.ip("link", "set", "lo", "up")
-        self._configuration = configuration
-        self._start = start
-        self._ends: List[UdpEnd] = []
-        self._services: List[UpstreamService] = []
-        self._ports = itertools.count(10_000)
-        configuration.tables["controller"] = "stats_seconds = 1"
-        configuration.tables["metrics"] = f"port = {_METRICS_PORT}"
-
-    def set(self, name: str, value: str) -> None:
-        """One of the namespace's own settings."""
-        with self.namespace.inside():
-            Path(f"/proc/sys/{name}").write_text(value, encoding="ascii")
-
-    def flow(self, name: str, label: int) -> Flow:
-        flow = Flow(label=label, **four_keys())
-        with self.namespace.inside():
-            self._services.append(UpstreamService(flow.echo))
-        flow.upstream = self._services[-1].address
-        self._configuration.flows[name] = flow
-        return flow
-
-    def peer(self) -> UdpEnd:
-        with self.namespace.inside():
-            self._ends.append(UdpEnd())
-        return self._ends[-1]
-
-    def start(self, *prefix: str) -> ControllerProcess:
-        self._configuration.write()
-        return self._start(prefix=[*self.namespace.prefix, *prefix]).ready()
-
-    def metrics(self) -> Dict[str, float]:
-        """What the page shows. Each request has a port of its own, below the ephemeral ones, which
-        are few in one of the tests."""
-        with self.namespace.inside():
-            connection = http.client.HTTPConnection(
-                "127.0.0.1", _METRICS_PORT, timeout=scaled(10),
-                source_address=("127.0.0.1", next(self._ports)))
-            connection.connect()
-        with contextlib.closing(connection):
-            connection.request("GET", "/metrics", headers={"Connection": "close"})
-            return samples_in(connection.getresponse().read().decode("utf-8"))
-
-    def wait_for(self, condition: Callable[[Dict[str, float]], bool], description: str) -> None:
-        wait_until(lambda: condition(self.metrics()), description, 15)
-
-    def close(self) -> None:
-        for service in self._services:
-            service.close()
-        for end in self._ends:
-            end.close()
-        self.namespace.close()
-
-
-@pytest.fixture
-def host(configuration: ConfigurationFile, start_controller: StartController) -> Iterator[Host]:
-    reason = refusal()
-    if reason:
-        pytest.skip(f"network namespaces are not allowed here: {reason}")
-    built = Host(configuration, start_controller)
-    yield built
-    built.close()
+from monitored_host import Host
 
 
 def udp_drops(pid: int) -> int:

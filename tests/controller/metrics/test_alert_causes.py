@@ -1,0 +1,197 @@
+"""What the operator's table names as the cause of an alert, provoked in a network namespace of the test's
+own: the metrics of its rule move to where it fires."""
+
+from __future__ import annotations
+
+import os
+import shutil
+import signal
+import subprocess
+from pathlib import Path
+from typing import Dict, Iterator, List
+
+import pytest
+
+from configuration_file import ConfigurationFile
+from conversation import ask_until_answered
+from framework.lateral import LOOPBACK
+from framework.udp import Address, UdpEnd, free_port
+
+from alert_rules import alert_rules
+from monitored_host import Host
+
+# VeskNotListening ------------------------------------------------------------------------
+
+
+def test_the_port_for_peers_is_taken(configuration: ConfigurationFile, host: Host) -> None:
+    taken = host.peer(*configuration.listen)
+    host.start()
+    assert host.metrics()["vesk_listening"] == 0
+    taken.close()
+    host.wait_for(lambda now: now["vesk_listening"] == 1, "it listens")
+
+
+def test_the_address_is_not_one_of_this_host(configuration: ConfigurationFile,
+                                             host: Host) -> None:
+    configuration.listen = ("10.77.0.1", 4500)
+    host.start()
+    assert host.metrics()["vesk_listening"] == 0
+    host.namespace.ip("address", "add", "10.77.0.1/32", "dev", "lo")
+    host.wait_for(lambda now: now["vesk_listening"] == 1, "it listens")
+
+
+def test_the_port_of_the_lateral_stream_is_taken(configuration: ConfigurationFile,
+                                                 host: Host) -> None:
+    port = free_port()
+    configuration.tables["lateral"] = (
+        f'address = "{LOOPBACK[0]}"\nport = {port}\nindex = 0\ninstances = 2\n'
+        f'peers = [ {{ index = 1, address = "{LOOPBACK[1]}" }} ]')
+    taken = host.peer(LOOPBACK[0], port)
+    host.start()
+    now = host.metrics()
+    assert (now["vesk_listening"], now["vesk_lateral_listening"]) == (1, 0)
+    taken.close()
+    host.wait_for(lambda now: now["vesk_lateral_listening"] == 1, "it listens")
+
+
+# VeskReceiveQueueLong --------------------------------------------------------------------
+
+_QUEUE = 'vesk_udp_receive_queue_bytes{side="downstream"}'
+
+
+def receive_queue(process: int, port: int) -> int:
+    """The bytes that wait at a port, as the kernel's own table has them."""
+    lines = Path(f"/proc/{process}/net/udp").read_text(encoding="ascii").splitlines()[1:]
+    rows = [line.split() for line in lines]
+    (queues,) = [row[4] for row in rows if int(row[1].split(":")[1], 16) == port]
+    return int(queues.split(":")[1], 16)
+
+
+def fill(process: int, sender: UdpEnd, to: Address, wanted: int) -> int:
+    """Sends to a forwarder that does not read until more than so many bytes of its buffer are used;
+    how many are used then."""
+    for _ in range(wanted // 1000 + 1):
+        sender.send(bytes(1000), to)
+        if receive_queue(process, to[1]) > wanted:
+            break
+    return receive_queue(process, to[1])
+
+
+def test_the_forwarder_does_not_get_the_processor(configuration: ConfigurationFile,
+                                                  host: Host) -> None:
+    expression = alert_rules()["VeskReceiveQueueLong"].expression
+    threshold = int(expression.split(" > ")[1])
+    allowed = int(Path("/proc/sys/net/core/rmem_max").read_text(encoding="ascii"))
+    configuration.tables["controller"] += "\nanswer_seconds = 1000"
+    flow = host.flow("alice", 1)
+    controller = host.start()
+    peer = host.peer()
+    ask_until_answered(peer, flow, configuration.listen)
+    host.wait_for(lambda now: now.get(_QUEUE) == 0, "there is a reading")
+    child = controller.forwarder()
+    os.kill(child, signal.SIGSTOP)
+    try:
+        # A buffer has twice the bytes that may be asked for.
+        waiting = fill(child, peer, configuration.listen, min(threshold, allowed))
+        assert waiting > min(threshold, allowed)
+        host.wait_for(lambda now: now[_QUEUE] == waiting, f"{waiting} bytes are shown")
+    finally:
+        os.kill(child, signal.SIGCONT)
+    host.wait_for(lambda now: now[_QUEUE] == 0, "the queue is empty again")
+
+
+# VeskConntrackFull -----------------------------------------------------------------------
+
+# More would take minutes and hundreds of megabytes.
+_MOST_CONNECTIONS = 600_000
+
+
+def conntrack_settings(host: Host) -> Dict[str, int]:
+    with host.namespace.inside():
+        return {name: int(path.read_text(encoding="ascii"))
+                for name in ("nf_conntrack_count", "nf_conntrack_max")
+                for path in [Path("/proc/sys/net/netfilter") / name] if path.exists()}
+
+
+@pytest.fixture
+def firewall(host: Host) -> int:
+    """Has the host track connections; returns how many it may track."""
+    if shutil.which("nft") is None:
+        pytest.skip("nft is not installed")
+    try:
+        host.namespace.run("nft", "add table ip vesk; add chain ip vesk arriving "
+                           "{ type filter hook prerouting priority 0; }; "
+                           "add rule ip vesk arriving ct state new accept")
+    except subprocess.CalledProcessError as error:
+        pytest.skip(f"this kernel tracks no connections: {error.stderr.decode(errors='replace')}")
+    limit = conntrack_settings(host)["nf_conntrack_max"]
+    if limit > _MOST_CONNECTIONS:
+        pytest.skip(f"net.netfilter.nf_conntrack_max is {limit}, too many to make here")
+    # None of them is forgotten before the last one is made.
+    host.set("net/netfilter/nf_conntrack_udp_timeout", "600")
+    return limit
+
+
+def loopback_addresses() -> Iterator[str]:
+    for number in range(1 << 16, 1 << 24):
+        yield f"127.{number >> 16}.{number >> 8 & 255}.{number & 255}"
+
+
+def test_a_firewall_tracks_each_peer(configuration: ConfigurationFile, host: Host,
+                                     firewall: int) -> None:
+    configuration.listen = ("0.0.0.0", configuration.listen[1])
+    host.start()
+    host.wait_for(lambda now: now.get("vesk_conntrack_entries_limit") == firewall,
+                  "there is a reading")
+    before = host.metrics()["vesk_conntrack_entries"]
+    wanted = firewall * 95 // 100
+    assert before < 0.9 * firewall
+    peer = host.peer("0.0.0.0")
+    # One peer that sends to many addresses is as many connections as many peers.
+    for _, address in zip(range(wanted), loopback_addresses()):
+        peer.send(b"x", (address, configuration.listen[1]))
+    host.wait_for(lambda now: wanted <= now["vesk_conntrack_entries"] <= firewall,
+                  f"{wanted} connections are shown")
+    assert host.metrics()["vesk_conntrack_entries"] > 0.9 * host.metrics()[
+        "vesk_conntrack_entries_limit"]
+
+
+# VeskHostBufferErrors --------------------------------------------------------------------
+
+
+def host_errors(process: int, name: str) -> int:
+    """A counter of the kernel's own table, IPv4."""
+    lines: List[str] = Path(f"/proc/{process}/net/snmp").read_text(encoding="ascii").splitlines()
+    names, values = [line.split() for line in lines if line.startswith("Udp:")]
+    return int(values[names.index(name)])
+
+
+@pytest.fixture
+def slow_device(host: Host) -> Address:
+    """Makes a device that sends a datagram a second and keeps three; an address behind it."""
+    host.namespace.ip("link", "add", "slow", "type", "veth", "peer", "name", "far")
+    for device in ("slow", "far"):
+        host.namespace.ip("link", "set", device, "up")
+    host.namespace.ip("address", "add", "10.77.0.1/24", "dev", "slow")
+    host.namespace.ip("neighbour", "add", "10.77.0.2", "lladdr", "02:00:00:00:00:02", "dev", "slow")
+    try:
+        host.namespace.run("tc", "qdisc", "add", "dev", "slow", "root", "tbf", "rate", "8kbit",
+                           "burst", "1600", "limit", "3200")
+    except subprocess.CalledProcessError as error:
+        pytest.skip(f"this kernel slows no device: {error.stderr.decode(errors='replace')}")
+    return "10.77.0.2", 5000
+
+
+def test_a_device_takes_no_more_of_what_another_program_sends(host: Host,
+                                                              slow_device: Address) -> None:
+    series = 'vesk_host_udp_send_buffer_errors_total{family="ipv4"}'
+    child = host.start().forwarder()
+    host.wait_for(lambda now: now.get(series) == 0, "there is a reading")
+    program = host.peer("10.77.0.1")
+    for _ in range(20):
+        program.send(bytes(1000), slow_device)
+    errors = host_errors(child, "SndbufErrors")
+    assert errors >= 10
+    host.wait_for(lambda now: now[series] == errors, f"{errors} errors are shown")
+    assert host.metrics()['vesk_host_udp_receive_buffer_errors_total{family="ipv4"}'] == 0
+    assert host.metrics()["vesk_upstream_dropped_datagrams_total"] == 0
