@@ -89,17 +89,33 @@ def test_the_documented_types_are_the_exported_ones(probe: Probe) -> None:
 def test_no_text_names_a_metric_that_does_not_exist(probe: Probe) -> None:
     exported = names(probe.port)
     assert set(_NAME.findall(_DOCUMENT)) <= exported
-    asked = {name for rule in alert_rules().values() for name in _NAME.findall(rule.expression)}
+    asked = asked_by_alerts()
     assert asked and asked <= exported
     variables = json.dumps(_DASHBOARD["templating"])
     used = {name for text in [*dashboard_expressions(), variables] for name in _NAME.findall(text)}
     assert used and used <= exported
 
 
+def shown_on_the_dashboard() -> Set[str]:
+    return {name for text in dashboard_expressions() for name in _NAME.findall(text)}
+
+
 def test_the_dashboard_shows_what_the_kernel_and_the_log_say() -> None:
     section = _DOCUMENT.split("## What the kernel says\n")[1].split("\n## Alerts")[0]
-    shown = {name for text in dashboard_expressions() for name in _NAME.findall(text)}
-    assert set(re.findall(r"^\| `(vesk_\w+)`", section, re.MULTILINE)) <= shown
+    assert set(re.findall(r"^\| `(vesk_\w+)`", section, re.MULTILINE)) <= shown_on_the_dashboard()
+
+
+def asked_by_alerts() -> Set[str]:
+    return {name for rule in alert_rules().values() for name in _NAME.findall(rule.expression)}
+
+
+def test_the_dashboard_shows_what_the_alerts_ask_for() -> None:
+    assert asked_by_alerts() - shown_on_the_dashboard() == set()
+
+
+def test_the_dashboard_shows_the_listeners_and_the_reloads() -> None:
+    assert {"vesk_listening", "vesk_lateral_listening", "vesk_reloads_total",
+            "vesk_last_reload_successful"} - shown_on_the_dashboard() == set()
 
 
 def test_promtool_has_no_complaint_about_the_page(probe: Probe) -> None:
