@@ -6,28 +6,27 @@ from conftest import Packages
 from debian import Root
 
 _EXAMPLE = "etc/vesk/example.toml"
-_KEY = "etc/vesk/example.key"
+_KEYS = ["etc/vesk/example-from-peer.key", "etc/vesk/example-to-peer.key"]
 
 
 def test_upgrade_keeps_what_was_edited(installed: Root, packages: Packages) -> None:
     (installed / _EXAMPLE).write_text("# edited\n")
-    key = (installed / _KEY).read_bytes()
+    keys = [(installed / name).read_bytes() for name in _KEYS]
     installed.install(*packages.values())
     assert (installed / _EXAMPLE).read_text() == "# edited\n"
-    assert (installed / _KEY).read_bytes() == key
+    assert [(installed / name).read_bytes() for name in _KEYS] == keys
 
 
 def test_upgrade_does_not_bring_back_what_was_removed(installed: Root, packages: Packages) -> None:
-    (installed / _EXAMPLE).unlink()
-    (installed / _KEY).unlink()
+    for name in [_EXAMPLE, *_KEYS]:
+        (installed / name).unlink()
     installed.install(*packages.values())
-    assert not (installed / _EXAMPLE).exists()
-    assert not (installed / _KEY).exists()
+    assert not [name for name in [_EXAMPLE, *_KEYS] if (installed / name).exists()]
 
 
 def test_removal_leaves_configuration_and_keys(installed: Root, packages: Packages) -> None:
     installed.remove(*packages)
-    assert installed.files() == ["etc/sysctl.d/20-vesk.conf", _KEY, _EXAMPLE]
+    assert installed.files() == ["etc/sysctl.d/20-vesk.conf", *_KEYS, _EXAMPLE]
 
 
 def test_purge_leaves_nothing(installed: Root, packages: Packages) -> None:
