@@ -7,6 +7,7 @@ from typing import Dict, Optional, Set
 
 from framework.flow import Flow
 from framework.framing import Key
+from framework.lateral import LOOPBACK
 from framework.udp import Address, free_port
 
 
@@ -20,6 +21,14 @@ class ConfigurationFile:
         self.flows: Dict[str, Flow] = {}
         self.tables: Dict[str, str] = {"metrics": "enabled = false"}
         self.secrets: Set[str] = set()
+
+    def join(self, port: int, index: int = 0) -> None:
+        """Makes it the file of one of two instances, whose lateral streams have a loopback address each
+        and one port."""
+        other = 1 - index
+        self.tables["lateral"] = (
+            f'address = "{LOOPBACK[index]}"\nport = {port}\nindex = {index}\ninstances = 2\n'
+            f'peers = [ {{ index = {other}, address = "{LOOPBACK[other]}" }} ]')
 
     def write(self, mode: int = 0o600) -> Path:
         tables = {"downstream": f'address = "{self.listen[0]}"\nport = {self.listen[1]}',

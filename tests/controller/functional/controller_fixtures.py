@@ -9,10 +9,11 @@ import pytest
 
 from configuration_file import ConfigurationFile
 from controller_process import ControllerProcess
-from framework.flow import Flow
+from framework.flow import Flow, four_keys
 from framework.udp import UpstreamService
 
 StartController = Callable[..., ControllerProcess]
+Answer = Callable[[Flow], UpstreamService]
 
 
 @pytest.fixture
@@ -39,7 +40,7 @@ def start_controller(configuration: ConfigurationFile) -> Iterator[StartControll
 
 
 @pytest.fixture
-def answer() -> Iterator[Callable[[Flow], UpstreamService]]:
+def answer() -> Iterator[Answer]:
     """Starts a flow's upstream service, which checks each datagram and sends its payload back."""
     services: List[UpstreamService] = []
 
@@ -51,3 +52,20 @@ def answer() -> Iterator[Callable[[Flow], UpstreamService]]:
     yield start
     for service in services:
         service.close()
+
+
+@pytest.fixture
+def alice(configuration: ConfigurationFile, answer: Answer) -> Flow:
+    """A flow of the file, with a service that answers."""
+    flow = Flow(label=1, **four_keys())
+    answer(flow)
+    configuration.flows["alice"] = flow
+    return flow
+
+
+@pytest.fixture
+def bob(answer: Answer) -> Flow:
+    """A flow that is not in the file yet, with a service that answers."""
+    flow = Flow(label=2, **four_keys())
+    answer(flow)
+    return flow

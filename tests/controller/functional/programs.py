@@ -6,6 +6,14 @@ import os
 from pathlib import Path
 
 
+# For the shell: takes commands and says nothing.
+SILENT = "exec cat >/dev/null"
+
+# For the shell: says of each command what the forwarder says of one that it does not know, and so answers
+# each fence.
+ANSWERING = "while read line; do echo \"error Unrecognised command '$line'\"; echo; done"
+
+
 def script(folder: Path, text: str) -> str:
     """A program for the shell; returns its path."""
     path = folder / "program"

@@ -2,6 +2,7 @@
 
 from __future__ import annotations
 
+import select
 import socket
 from pathlib import Path
 from typing import Dict, List
@@ -21,6 +22,11 @@ class ServiceManager:
     def told(self) -> List[str]:
         """The next message, line by line."""
         return self._socket.recv(1000).decode("utf-8").splitlines()
+
+    def has_message(self) -> bool:
+        """Whether there is a message that `told` would return."""
+        readable, _, _ = select.select([self._socket], [], [], 0)
+        return bool(readable)
 
     def told_until(self, expected: str) -> List[str]:
         """All lines up to the message that holds this one, which is left out."""

@@ -4,9 +4,7 @@ from __future__ import annotations
 
 import re
 import signal
-import socket
 import time
-from typing import Callable, List
 
 import pytest
 
@@ -14,20 +12,11 @@ from configuration_file import ConfigurationFile
 from controller_fixtures import StartController
 from controller_process import is_alive
 from conversation import Conversation, ask_until_answered
-from framework.flow import Flow, four_keys
+from framework.flow import Flow
 from framework.timing import scaled
-from framework.udp import UdpEnd, UpstreamService
-from programs import script
-
-Answer = Callable[[Flow], UpstreamService]
-
-
-@pytest.fixture
-def alice(configuration: ConfigurationFile, answer: Answer) -> Flow:
-    flow = Flow(label=1, **four_keys())
-    answer(flow)
-    configuration.flows["alice"] = flow
-    return flow
+from framework.udp import UdpEnd
+from programs import ANSWERING, SILENT, script
+from service_manager import ServiceManager
 
 
 @pytest.mark.parametrize("number", [signal.SIGTERM, signal.SIGINT])
@@ -72,7 +61,7 @@ def test_no_traffic_is_made_up_where_nothing_is_reported(
         configuration: ConfigurationFile, start_controller: StartController) -> None:
     configuration.tables["controller"] = "drain_seconds = 1"
     configuration.write()
-    silent = script(configuration.folder, "exec cat >/dev/null")
+    silent = script(configuration.folder, SILENT)
     controller = start_controller("--program", silent)
     controller.wait_for(re.compile("info controller: started .*"))
     assert controller.finish() == 0
@@ -96,9 +85,7 @@ def test_a_forwarder_that_does_not_end_is_killed(configuration: ConfigurationFil
                                                  start_controller: StartController) -> None:
     configuration.tables["controller"] = "drain_seconds = 0"
     configuration.write()
-    stubborn = ("trap '' TERM\n"
-                "while read line; do echo \"error Unrecognised command '$line'\"; echo; done\n"
-                "while :; do sleep 0.1; done")
+    stubborn = f"trap '' TERM\n{ANSWERING}\nwhile :; do sleep 0.1; done"
     controller = start_controller("--program", script(configuration.folder, stubborn)).ready()
     controller.signal(signal.SIGTERM)
     assert controller.wait_exit(20) == 3
@@ -109,46 +96,35 @@ def test_a_forwarder_that_does_not_end_is_killed(configuration: ConfigurationFil
 def test_the_service_manager_is_told(configuration: ConfigurationFile,
                                      start_controller: StartController, alice: Flow) -> None:
     configuration.write()
-    with socket.socket(socket.AF_UNIX, socket.SOCK_DGRAM) as manager:
-        manager.bind(str(configuration.folder / "notify"))
-        manager.settimeout(scaled(15))
-
-        def told() -> List[str]:
-            return manager.recv(1000).decode("utf-8").splitlines()
-
-        controller = start_controller(
-            environment={"NOTIFY_SOCKET": str(configuration.folder / "notify")})
-        assert told() == ["READY=1", "STATUS=1 flow"]
+    with ServiceManager(configuration.folder) as manager:
+        controller = start_controller(environment=manager.environment)
+        assert manager.told() == ["READY=1", "STATUS=1 flow"]
         controller.wait_for("info controller: the forwarder is set up: 1 flow")
         controller.signal(signal.SIGHUP)
-        reloading = told()
+        reloading = manager.told()
         assert reloading[0] == "RELOADING=1"
         assert re.fullmatch(r"MONOTONIC_USEC=\d+", reloading[1])
-        assert told() == ["READY=1", "STATUS=1 flow"]
+        assert manager.told() == ["READY=1", "STATUS=1 flow"]
         controller.signal(signal.SIGTERM)
-        assert told() == ["STOPPING=1", "STATUS=Draining"]
+        assert manager.told() == ["STOPPING=1", "STATUS=Draining"]
     assert controller.wait_exit() == 0
 
 
 def test_a_reload_makes_nobody_ready_who_is_not(configuration: ConfigurationFile,
                                                 start_controller: StartController) -> None:
     configuration.write()
-    silent = script(configuration.folder, "exec cat >/dev/null")
-    with socket.socket(socket.AF_UNIX, socket.SOCK_DGRAM) as manager:
-        manager.bind(str(configuration.folder / "notify"))
-        manager.settimeout(scaled(15))
-        controller = start_controller(
-            "--program", silent,
-            environment={"NOTIFY_SOCKET": str(configuration.folder / "notify")})
+    silent = script(configuration.folder, SILENT)
+    with ServiceManager(configuration.folder) as manager:
+        controller = start_controller("--program", silent, environment=manager.environment)
         controller.wait_for(re.compile("info controller: started .*"))
         configuration.write_text("[downstream\n")
         controller.signal(signal.SIGHUP)
-        assert manager.recv(1000).startswith(b"STATUS=The last reload failed")
+        assert manager.told()[0].startswith("STATUS=The last reload failed")
         configuration.write()
         controller.signal(signal.SIGHUP)
         controller.wait_for("info controller: reload: 0 commands to send")
         controller.signal(signal.SIGTERM)
-        assert manager.recv(1000).startswith(b"STOPPING=1")
+        assert manager.told()[0] == "STOPPING=1"
 
 
 def test_nobody_becomes_ready_who_is_stopping(configuration: ConfigurationFile,
@@ -156,23 +132,17 @@ def test_nobody_becomes_ready_who_is_stopping(configuration: ConfigurationFile,
     configuration.tables["controller"] = "drain_seconds = 3"
     configuration.write()
     # It answers when there is a file that says so, which is after the signal.
-    hesitant = ("while [ ! -e go ]; do sleep 0.01; done\n"
-                "while read line; do echo \"error Unrecognised command '$line'\"; echo; done")
-    with socket.socket(socket.AF_UNIX, socket.SOCK_DGRAM) as manager:
-        manager.bind(str(configuration.folder / "notify"))
-        manager.settimeout(scaled(15))
+    hesitant = f"while [ ! -e go ]; do sleep 0.01; done\n{ANSWERING}"
+    with ServiceManager(configuration.folder) as manager:
         controller = start_controller(
-            "--program", script(configuration.folder, hesitant),
-            environment={"NOTIFY_SOCKET": str(configuration.folder / "notify")})
+            "--program", script(configuration.folder, hesitant), environment=manager.environment)
         controller.wait_for(re.compile("info controller: started .*"))
         controller.signal(signal.SIGTERM)
-        assert manager.recv(1000).startswith(b"STOPPING=1")
+        assert manager.told()[0] == "STOPPING=1"
         (configuration.folder / "go").touch()
         controller.wait_for("info controller: the forwarder is set up: 0 flows")
         assert controller.wait_exit() == 0
-        manager.setblocking(False)
-        with pytest.raises(BlockingIOError):
-            manager.recv(1000)
+        assert not manager.has_message()
 
 
 def test_the_journal_gets_its_priorities(configuration: ConfigurationFile,

@@ -5,27 +5,21 @@ from __future__ import annotations
 import os
 import re
 import signal
-from typing import Callable
 
 from configuration_file import ConfigurationFile
 from controller_fixtures import StartController
 from controller_process import is_alive
 from conversation import ask_until_answered
-from framework.flow import Flow, four_keys
+from framework.flow import Flow
 from framework.timing import wait_until
-from framework.udp import UdpEnd, UpstreamService
-from programs import script
+from framework.udp import UdpEnd
+from programs import ANSWERING, SILENT, script
 from service_manager import ServiceManager
-
-Answer = Callable[[Flow], UpstreamService]
 
 
 def test_a_stopped_forwarder_is_replaced(
         configuration: ConfigurationFile, start_controller: StartController, peer: UdpEnd,
-        answer: Answer) -> None:
-    flow = Flow(label=1, **four_keys())
-    answer(flow)
-    configuration.flows["alice"] = flow
+        alice: Flow) -> None:
     # It is found out without a report.
     configuration.tables["controller"] = "answer_seconds = 1\nstats_seconds = 1000"
     configuration.write()
@@ -37,7 +31,7 @@ def test_a_stopped_forwarder_is_replaced(
                                    "work on (a fence|the report): killing it"))
     controller.wait_for(re.compile("error controller: the forwarder was ended by signal 9 .*"))
     wait_until(lambda: not is_alive(stopped), "the stopped forwarder ended")
-    ask_until_answered(peer, flow, configuration.listen)
+    ask_until_answered(peer, alice, configuration.listen)
     assert controller.finish() == 0
 
 
@@ -45,8 +39,7 @@ def test_a_slow_forwarder_is_left_alone(configuration: ConfigurationFile,
                                         start_controller: StartController) -> None:
     configuration.tables["controller"] = "answer_seconds = 2\ndrain_seconds = 0"
     configuration.write()
-    slow = ("for i in $(seq 25); do echo info busy; sleep 0.2; done\n"
-            "while read line; do echo \"error Unrecognised command '$line'\"; echo; done")
+    slow = f"for i in $(seq 25); do echo info busy; sleep 0.2; done\n{ANSWERING}"
     controller = start_controller("--program", script(configuration.folder, slow)).ready()
     assert not [line for line in controller.lines if "has not said anything" in line]
     assert controller.finish() == 0
@@ -56,7 +49,7 @@ def test_a_forwarder_that_never_answers_is_started_with_growing_pauses(
         configuration: ConfigurationFile, start_controller: StartController) -> None:
     configuration.tables["controller"] = "answer_seconds = 1"
     configuration.write()
-    silent = script(configuration.folder, "exec cat >/dev/null")
+    silent = script(configuration.folder, SILENT)
     controller = start_controller("--program", silent)
     controller.wait_for("error controller: the forwarder has not said anything for 1 s, at work on "
                         "the log level: killing it")

@@ -4,21 +4,16 @@ from __future__ import annotations
 
 import re
 from pathlib import Path
-from typing import Callable, List
+from typing import List
 
 import pytest
 
 from configuration_file import ConfigurationFile
-from controller_fixtures import StartController
+from controller_fixtures import Answer, StartController
 from conversation import ask_until_answered
 from framework.flow import Flow, four_keys
 from framework.lateral import LOOPBACK, owned_label, shared_free_port
-from framework.udp import UdpEnd, UpstreamService
-
-Answer = Callable[[Flow], UpstreamService]
-
-OTHER = {0: 1, 1: 0}
-
+from framework.udp import UdpEnd
 
 @pytest.fixture
 def pair(tmp_path: Path) -> List[ConfigurationFile]:
@@ -28,9 +23,7 @@ def pair(tmp_path: Path) -> List[ConfigurationFile]:
         folder = tmp_path / f"instance{index}"
         folder.mkdir()
         file = ConfigurationFile(folder)
-        file.tables["lateral"] = (
-            f'address = "{LOOPBACK[index]}"\nport = {port}\nindex = {index}\ninstances = 2\n'
-            f'peers = [ {{ index = {OTHER[index]}, address = "{LOOPBACK[OTHER[index]]}" }} ]')
+        file.join(port, index)
         file.write()
         files.append(file)
     return files

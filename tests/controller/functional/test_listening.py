@@ -5,27 +5,14 @@ from __future__ import annotations
 import os
 import re
 import signal
-from typing import Callable
-
-import pytest
 
 from configuration_file import ConfigurationFile
 from controller_fixtures import StartController
 from conversation import ask_until_answered
-from framework.flow import Flow, four_keys
+from framework.flow import Flow
 from framework.lateral import LOOPBACK
-from framework.udp import UdpEnd, UpstreamService, free_port
+from framework.udp import UdpEnd, free_port
 from service_manager import ServiceManager
-
-Answer = Callable[[Flow], UpstreamService]
-
-
-@pytest.fixture
-def alice(configuration: ConfigurationFile, answer: Answer) -> Flow:
-    flow = Flow(label=1, **four_keys())
-    answer(flow)
-    configuration.flows["alice"] = flow
-    return flow
 
 
 def test_it_is_ready_once_the_port_is_free(
@@ -55,9 +42,7 @@ def test_it_is_ready_once_the_lateral_stream_listens_too(
         configuration: ConfigurationFile, start_controller: StartController, peer: UdpEnd,
         alice: Flow) -> None:
     port = free_port()
-    configuration.tables["lateral"] = (
-        f'address = "{LOOPBACK[0]}"\nport = {port}\nindex = 0\ninstances = 2\n'
-        f'peers = [ {{ index = 1, address = "{LOOPBACK[1]}" }} ]')
+    configuration.join(port)
     configuration.write()
     with ServiceManager(configuration.folder) as manager:
         with UdpEnd(LOOPBACK[0], port):

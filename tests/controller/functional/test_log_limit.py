@@ -4,19 +4,16 @@ from __future__ import annotations
 
 import re
 import urllib.request
-from typing import Callable, List
+from typing import List
 
-import pytest
 
 from configuration_file import ConfigurationFile
 from controller_fixtures import StartController
 from controller_process import ControllerProcess
 from conversation import ask_until_answered
-from framework.flow import Flow, four_keys
+from framework.flow import Flow
 from framework.timing import wait_until
-from framework.udp import UdpEnd, UpstreamService, free_port
-
-Answer = Callable[[Flow], UpstreamService]
+from framework.udp import UdpEnd, free_port
 
 BAD_HMAC = "downstreamPacketReceivedFailed HMAC Check!"
 LEFT_OUT = re.compile(r"warn controller: (\d+) more lines? like this (?:was|were) left out: "
@@ -24,14 +21,6 @@ LEFT_OUT = re.compile(r"warn controller: (\d+) more lines? like this (?:was|were
 # More than the two bursts that a flood of this length may get through, with the pauses of a slow
 # machine.
 FLOOD = 2000
-
-
-@pytest.fixture
-def alice(configuration: ConfigurationFile, answer: Answer) -> Flow:
-    flow = Flow(label=1, **four_keys())
-    answer(flow)
-    configuration.flows["alice"] = flow
-    return flow
 
 
 class Errors:

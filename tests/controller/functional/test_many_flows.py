@@ -3,16 +3,13 @@
 from __future__ import annotations
 
 import time
-from typing import Callable
 
 from configuration_file import ConfigurationFile
-from controller_fixtures import StartController
+from controller_fixtures import Answer, StartController
 from conversation import Conversation, ask_until_answered
 from framework.flow import Flow, four_keys
 from framework.timing import scaled
-from framework.udp import UdpEnd, UpstreamService
-
-Answer = Callable[[Flow], UpstreamService]
+from framework.udp import UdpEnd
 
 FLOWS = 2000
 
@@ -45,17 +42,14 @@ def test_two_thousand_flows_start_fast(configuration: ConfigurationFile,
 
 def test_a_log_that_nobody_reads_stops_nothing(configuration: ConfigurationFile,
                                                start_controller: StartController, peer: UdpEnd,
-                                               answer: Answer) -> None:
-    flow = Flow(label=1, **four_keys())
-    answer(flow)
-    configuration.flows["alice"] = flow
+                                               alice: Flow) -> None:
     configuration.tables["controller"] = "log_limit = false"
     configuration.write()
     controller = start_controller(read=False)
-    ask_until_answered(peer, flow, configuration.listen)
+    ask_until_answered(peer, alice, configuration.listen)
     # Each of them is a line of its own, and together they are more than all pipes hold.
-    wrong = flow.request(b"right")[:-1] + b"!"
-    with Conversation(flow, configuration.listen) as conversation:
+    wrong = alice.request(b"right")[:-1] + b"!"
+    with Conversation(alice, configuration.listen) as conversation:
         for _ in range(500):
             for _ in range(100):
                 peer.send(wrong, configuration.listen)

@@ -5,35 +5,14 @@ from __future__ import annotations
 import os
 import re
 import signal
-from typing import Callable
-
-import pytest
 
 from configuration_file import ConfigurationFile
 from controller_fixtures import StartController
 from controller_process import ControllerProcess
 from conversation import Conversation, ask_until_answered
-from framework.flow import Flow, four_keys
-from framework.udp import Address, UdpEnd, UpstreamService, free_port
+from framework.flow import Flow
+from framework.udp import Address, UdpEnd, free_port
 from programs import spoiling_program
-
-Answer = Callable[[Flow], UpstreamService]
-
-
-@pytest.fixture
-def alice(configuration: ConfigurationFile, answer: Answer) -> Flow:
-    flow = Flow(label=1, **four_keys())
-    answer(flow)
-    configuration.flows["alice"] = flow
-    return flow
-
-
-@pytest.fixture
-def bob(answer: Answer) -> Flow:
-    """Not in the file yet."""
-    flow = Flow(label=2, **four_keys())
-    answer(flow)
-    return flow
 
 
 def line_of(configuration: ConfigurationFile, key: str) -> int:

@@ -2,16 +2,12 @@
 
 from __future__ import annotations
 
-from typing import Callable
-
 from configuration_file import ConfigurationFile
-from controller_fixtures import StartController
+from controller_fixtures import Answer, StartController
 from conversation import ask_until_answered
 from framework.flow import Flow, four_keys
-from framework.udp import UdpEnd, UpstreamService
+from framework.udp import UdpEnd
 from programs import spoiling_program
-
-Answer = Callable[[Flow], UpstreamService]
 
 
 def test_a_refused_flow_is_named(configuration: ConfigurationFile,
@@ -38,10 +34,7 @@ def test_a_refused_flow_is_named(configuration: ConfigurationFile,
 
 def test_a_port_in_use_is_said_and_tried_again(
         configuration: ConfigurationFile, start_controller: StartController, peer: UdpEnd,
-        answer: Answer) -> None:
-    flow = Flow(label=1, **four_keys())
-    answer(flow)
-    configuration.flows["alice"] = flow
+        alice: Flow) -> None:
     configuration.write()
     with UdpEnd(*configuration.listen):
         controller = start_controller().ready()
@@ -49,4 +42,4 @@ def test_a_port_in_use_is_said_and_tried_again(
                             "syscall for endpoint socket: Address already in use")
         controller.wait_for("info controller: the forwarder is set up: 1 flow, not listening")
     assert controller.reload() == "info controller: reloaded: 1 flow"
-    ask_until_answered(peer, flow, configuration.listen)
+    ask_until_answered(peer, alice, configuration.listen)

@@ -5,40 +5,21 @@ from __future__ import annotations
 import re
 import signal
 from pathlib import Path
-from typing import Callable
 
-import pytest
 
 from configuration_file import ConfigurationFile
-from controller_fixtures import StartController
+from controller_fixtures import Answer, StartController
 from conversation import Conversation, ask, ask_until_answered
-from framework.flow import Flow, four_keys
+from framework.flow import Flow
 from framework.framing import Key
 from framework.timing import wait_until
-from framework.udp import UdpEnd, UpstreamService, free_port
-
-Answer = Callable[[Flow], UpstreamService]
-
-
-@pytest.fixture
-def alice(configuration: ConfigurationFile, answer: Answer) -> Flow:
-    flow = Flow(label=1, **four_keys())
-    answer(flow)
-    configuration.flows["alice"] = flow
-    return flow
-
-
-@pytest.fixture
-def bob(configuration: ConfigurationFile, answer: Answer) -> Flow:
-    flow = Flow(label=2, **four_keys())
-    answer(flow)
-    configuration.flows["bob"] = flow
-    return flow
+from framework.udp import UdpEnd, free_port
 
 
 def test_one_flow_changes_and_another_loses_nothing(
         configuration: ConfigurationFile, start_controller: StartController, peer: UdpEnd,
         alice: Flow, bob: Flow) -> None:
+    configuration.flows["bob"] = bob
     configuration.write()
     controller = start_controller().ready()
     ask_until_answered(peer, bob, configuration.listen)
@@ -76,7 +57,6 @@ def ignores(status: str, number: int) -> bool:
 
 def test_flows_come_and_go(configuration: ConfigurationFile, start_controller: StartController,
                            peer: UdpEnd, alice: Flow, bob: Flow) -> None:
-    del configuration.flows["bob"]
     configuration.write()
     controller = start_controller().ready()
     ask_until_answered(peer, alice, configuration.listen)

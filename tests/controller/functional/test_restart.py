@@ -6,18 +6,15 @@ import os
 import re
 import signal
 import time
-from typing import Callable
 
 from configuration_file import ConfigurationFile
-from controller_fixtures import StartController
+from controller_fixtures import Answer, StartController
 from controller_process import is_alive
 from conversation import Conversation, ask_until_answered
 from framework.flow import Flow, four_keys
 from framework.timing import scaled, wait_until
-from framework.udp import UdpEnd, UpstreamService
+from framework.udp import UdpEnd
 from programs import script
-
-Answer = Callable[[Flow], UpstreamService]
 
 FLOWS = 20
 
@@ -70,13 +67,10 @@ def test_a_forwarder_that_is_not_there_is_reported(
 
 def test_the_forwarder_ends_with_the_controller(
         configuration: ConfigurationFile, start_controller: StartController, peer: UdpEnd,
-        answer: Answer) -> None:
-    flow = Flow(label=1, **four_keys())
-    answer(flow)
-    configuration.flows["alice"] = flow
+        alice: Flow) -> None:
     configuration.write()
     controller = start_controller().ready()
-    ask_until_answered(peer, flow, configuration.listen)
+    ask_until_answered(peer, alice, configuration.listen)
     forwarder = controller.forwarder()
     controller.signal(signal.SIGKILL)
     wait_until(lambda: not is_alive(forwarder), "the forwarder ended")

@@ -6,19 +6,17 @@ import re
 import socket
 import urllib.request
 from pathlib import Path
-from typing import Callable, Dict
+from typing import Dict
 
 import pytest
 
 from configuration_file import ConfigurationFile
-from controller_fixtures import StartController
+from controller_fixtures import Answer, StartController
 from conversation import ask_until_answered
 from framework.flow import Flow, four_keys
 from framework.framing import UDPV1, Key
 from framework.timing import wait_until
-from framework.udp import UdpEnd, UpstreamService
-
-Answer = Callable[[Flow], UpstreamService]
+from framework.udp import UdpEnd
 
 DOCUMENT = Path(__file__).resolve().parents[3] / "docs" / "controller.md"
 ALICES_KEY = bytes(range(1, 33))

@@ -43,9 +43,7 @@ def test_the_address_is_not_one_of_this_host(configuration: ConfigurationFile,
 def test_the_port_of_the_lateral_stream_is_taken(configuration: ConfigurationFile,
                                                  host: Host) -> None:
     port = free_port()
-    configuration.tables["lateral"] = (
-        f'address = "{LOOPBACK[0]}"\nport = {port}\nindex = 0\ninstances = 2\n'
-        f'peers = [ {{ index = 1, address = "{LOOPBACK[1]}" }} ]')
+    configuration.join(port)
     taken = host.peer(LOOPBACK[0], port)
     host.start()
     now = host.metrics()

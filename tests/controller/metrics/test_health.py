@@ -16,7 +16,7 @@ from framework.flow import Flow
 from framework.lateral import LOOPBACK
 from framework.timing import wait_until
 from framework.udp import UdpEnd, free_port
-from programs import script, spoiling_program
+from programs import ANSWERING, script, spoiling_program
 
 from page import fetch, samples
 from prometheus_process import free_tcp_port
@@ -46,9 +46,7 @@ def test_a_forwarder_that_does_not_listen_is_shown(
 def test_a_lateral_stream_that_does_not_listen_is_shown(
         configuration: ConfigurationFile, port: int, start_controller: StartController) -> None:
     lateral = free_port()
-    configuration.tables["lateral"] = (
-        f'address = "{LOOPBACK[0]}"\nport = {lateral}\nindex = 0\ninstances = 2\n'
-        f'peers = [ {{ index = 1, address = "{LOOPBACK[1]}" }} ]')
+    configuration.join(lateral)
     configuration.write()
     with UdpEnd(LOOPBACK[0], lateral):
         start_controller().ready()
@@ -132,8 +130,7 @@ def test_ready_is_another_answer_than_healthy(
 def test_it_is_not_ready_before_its_flows_are_set(
         configuration: ConfigurationFile, port: int, start_controller: StartController) -> None:
     # It answers when there is a file that says so.
-    hesitant = ("while [ ! -e go ]; do sleep 0.01; done\n"
-                "while read line; do echo \"error Unrecognised command '$line'\"; echo; done")
+    hesitant = f"while [ ! -e go ]; do sleep 0.01; done\n{ANSWERING}"
     controller = start_controller("--program", script(configuration.folder, hesitant))
     controller.wait_for(re.compile("info controller: started .*"))
     assert fetch(port, "/healthz") == (200, "ok\n")
