@@ -11,7 +11,7 @@
 #include <string_view>
 #include <utility>
 
-#include "config/key_like.h"
+#include "config/key_mask.h"
 #include "config/numeric_address.h"
 
 namespace vesk::controller {

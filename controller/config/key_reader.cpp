@@ -3,7 +3,7 @@
 #include <algorithm>
 #include <string_view>
 
-#include "config/key_like.h"
+#include "config/key_mask.h"
 #include "config/protected_file.h"
 
 namespace vesk::controller {

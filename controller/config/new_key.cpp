@@ -10,7 +10,7 @@
 #include <system_error>
 
 #include "base/unique_fd.h"
-#include "config/key_like.h"
+#include "config/key_mask.h"
 #include "log/error_text.h"
 
 namespace vesk::controller {

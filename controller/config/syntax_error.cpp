@@ -7,7 +7,7 @@
 #include <utility>
 #include <vector>
 
-#include "config/key_like.h"
+#include "config/key_mask.h"
 
 namespace vesk::controller {
 

@@ -34,5 +34,28 @@ TEST(KeyMask, LeavesWhatIsMaskedAlready) {
     EXPECT_EQ(maskKeyDigits(masked), masked);
 }
 
+TEST(KeyMask, TakesNoAddressWithItsPortForAKey) {
+    EXPECT_EQ(maskKeyDigits("192.168.100.101:50000"), "192.168.100.101:50000");
+    EXPECT_TRUE(mayHoldKey("192.168.100.101:50000")) << "a name is no place for an address";
+}
+
+TEST(KeyMask, FindsKeysInNames) {
+    for (const char* const text :
+         {"0011223344556677", "x00112233445566778899", "0011.2233.4455.6677",
+          "00:11-22_33 44\t55\n66.77", "001122334455667g0011223344556677"}) {
+        EXPECT_TRUE(mayHoldKey(text)) << text;
+    }
+    for (const char* const text :
+         {"", "alice", "001122334455667", "00112233g44556677", "........................"}) {
+        EXPECT_FALSE(mayHoldKey(text)) << text;
+    }
+}
+
+TEST(KeyMask, ShowsNamesWithoutKeysAndControlCharacters) {
+    EXPECT_EQ(shownName("flows.alice"), "flows.alice");
+    EXPECT_EQ(shownName("a\n\x7f\tb"), "a???b");
+    EXPECT_EQ(shownName("flows.0011.2233.4455.6677"), "...");
+}
+
 }  // namespace
 }  // namespace vesk::controller
