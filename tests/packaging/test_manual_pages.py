@@ -18,7 +18,7 @@ _ROOT = Path(__file__).resolve().parents[2]
 _PAGES = {path.name: path for path in map(Path, os.environ["VESK_PAGES"].split(":"))}
 
 # scdoc begins every block with a paragraph, also where mandoc has just begun one: no page without it.
-_HARMLESS = re.compile(r"WARNING: skipping paragraph macro: PP (empty|after SH)")
+_HARMLESS = re.compile(r"WARNING: skipping paragraph macro: PP (empty|after S[HS])")
 
 _OPTION = re.compile(r"(?<![\w-])--[a-z][a-z-]*")
 
@@ -31,7 +31,8 @@ def rendered(page: str) -> str:
 
 
 def source(page: str) -> str:
-    return (_ROOT / "man" / f"{page}.scd").read_text()
+    """With the sections that it shares with docs/."""
+    return Path(f"{_PAGES[page]}.scd").read_text()
 
 
 def literal_blocks(page: str) -> List[str]:
