@@ -1,29 +1,25 @@
-"""The first walk in README.md, typed as it stands there and compared with the outputs it shows."""
+"""The first five minutes of docs/tutorial.md: every command is typed, every output compared."""
 
 from __future__ import annotations
 
 import os
 import re
-import select
 import shutil
-import signal
-import socket
 import subprocess
-import time
 import urllib.error
 import urllib.request
-from contextlib import ExitStack
 from dataclasses import dataclass
 from pathlib import Path
-from typing import Callable, Dict, Iterator, List
+from typing import Dict, Iterator, List
 
 import pytest
+
+from shell import DEADLINE_SECONDS, Shell, free_ports, wait_until
 
 ROOT = Path(__file__).resolve().parent.parent.parent
 BUILD = Path(os.environ["VESK_BUILD"]).resolve()
 
 BLOCK = re.compile(r"^```sh\n(.*?)^```\n(?:\n```\n(.*?)^```\n)?", re.MULTILINE | re.DOTALL)
-DEADLINE_SECONDS = 60
 TRAFFIC_SECONDS = {"written": "--duration 60", "enough": "--duration 10"}
 METRICS_PORT = "9477"
 KEY = re.compile(r"\b[0-9a-f]{64}\b")
@@ -32,27 +28,16 @@ SENT = re.compile(r"^vesk_upstream_sent_datagrams_total [1-9]", re.MULTILINE)
 
 @dataclass(frozen=True)
 class Block:
-    """What to type, and what then appears; nothing where README.md shows nothing."""
+    """What to type, and what then appears; nothing where the page shows nothing."""
 
     commands: str
     output: str
 
 
 def blocks() -> List[Block]:
-    text = (ROOT / "README.md").read_text(encoding="utf-8")
+    text = (ROOT / "docs/tutorial.md").read_text(encoding="utf-8")
     section = text.split("\n## First five minutes\n")[1].split("\n## ")[0]
     return [Block(*found) for found in BLOCK.findall(section)]
-
-
-def free_ports(written: List[str]) -> Dict[str, str]:
-    """Other ports for those that README.md names, which somebody may hold."""
-    with ExitStack() as stack:
-        found = {}
-        for name in written:
-            end = stack.enter_context(socket.socket(socket.AF_INET, socket.SOCK_DGRAM))
-            end.bind(("127.0.0.1", 0))
-            found[name] = str(end.getsockname()[1])
-    return found
 
 
 def adapted(text: str, ports: Dict[str, str]) -> str:
@@ -60,44 +45,6 @@ def adapted(text: str, ports: Dict[str, str]) -> str:
     text = re.sub(rf"\b({'|'.join(ports)})\b", lambda found: ports[found[0]], text)
     text = text.replace("[controller]\n", f"[metrics]\nport = {ports[METRICS_PORT]}\n\n[controller]\n")
     return text.replace(TRAFFIC_SECONDS["written"], TRAFFIC_SECONDS["enough"])
-
-
-class Shell:
-    """A shell that is typed into."""
-
-    def __init__(self, tree: Path, temporary: Path, home: Path) -> None:
-        environment = {**os.environ, "HOME": str(home), "WIRESHARK_CONFIG_DIR": str(home),
-                       "TMPDIR": str(temporary)}
-        # As most accounts have it: files are readable by everybody unless they are made otherwise.
-        self._process = subprocess.Popen(["bash"], cwd=tree, env=environment, stdin=subprocess.PIPE,
-                                         stdout=subprocess.PIPE, start_new_session=True, umask=0o022)
-
-    def type(self, commands: str) -> str:
-        """Returns what appears until all is done, and insists on success."""
-        assert self._process.stdin is not None and self._process.stdout is not None
-        self._process.stdin.write(f"{commands}\necho \"end of block, status $?\"\n".encode())
-        self._process.stdin.flush()
-        said, deadline = b"", time.monotonic() + DEADLINE_SECONDS
-        while not (end := re.search(rb"end of block, status (\d+)\n", said)):
-            readable, _, _ = select.select([self._process.stdout], [], [],
-                                           max(0.0, deadline - time.monotonic()))
-            assert readable, f"{commands}\nis not through; so far: {said!r}"
-            piece = os.read(self._process.stdout.fileno(), 1 << 16)
-            assert piece, f"the shell ended: {said!r}"
-            said += piece
-        assert end[1] == b"0", f"{commands}\nfailed: {said!r}"
-        return said[:end.start()].decode()
-
-    def end(self) -> None:
-        """With all that still runs in it."""
-        try:
-            os.killpg(self._process.pid, signal.SIGKILL)
-        except ProcessLookupError:
-            pass
-        self._process.wait()
-        for stream in (self._process.stdin, self._process.stdout):
-            if stream is not None:
-                stream.close()
 
 
 @pytest.fixture
@@ -154,13 +101,6 @@ def has_figures(port: str) -> bool:
             return SENT.search(page.read().decode()) is not None
     except (urllib.error.URLError, ConnectionError):
         return False
-
-
-def wait_until(condition: Callable[[], bool], description: str) -> None:
-    deadline = time.monotonic() + DEADLINE_SECONDS
-    while not condition():
-        assert time.monotonic() < deadline, f"gave up waiting until {description}"
-        time.sleep(0.05)
 
 
 def comparable(output: str) -> List[str]:
