@@ -1,9 +1,9 @@
-"""Shows the forwarder at work, for somebody who has never seen it.
+"""Demonstrates the forwarder to somebody who has never seen it.
 
-The forwarder is a child process. It reads commands, one a line, and answers none of
-them; what happened can be read in its log. This script plays the controlling service,
-which types the commands. The peers and the upstream service are the traffic generator:
-it sends, echoes, and checks label, HMAC and payload of every datagram at both ends.
+The forwarder is a child process. It reads commands, one per line, and replies to none of
+them; its log shows the results. This script plays the controlling service, which types
+the commands. The traffic generator plays the peers and the upstream service: it sends,
+echoes, and verifies label, HMAC and payload of every datagram at both ends.
 """
 
 from __future__ import annotations
@@ -31,14 +31,14 @@ DATAGRAMS = 1000
 ANSWER_SECONDS = 1
 LONGEST_RUN_SECONDS = 60
 
-# Lines that tell the story; the rest of the log is about the machinery.
+# The lines that matter here; the rest of the log is about internal details.
 TELLING = re.compile(r"(info (Starting|Endpoint socket bound|Vesk|Created upstream|Added"
                      r"|cltMessageLoop|Forwarder listener)|warn |error ).*")
 
 
 @dataclass(frozen=True)
 class Result:
-    """How one flow fared, as the traffic generator reports it."""
+    """The result of one flow, as the traffic generator reports it."""
 
     name: str
     report: Dict[str, float]
@@ -65,7 +65,7 @@ class Result:
 
 @dataclass(frozen=True)
 class Flow:
-    """One label with its keys, which the traffic generator draws from a seed."""
+    """One label with its keys, which the traffic generator derives from a seed."""
 
     traffic: str
     label: int
@@ -92,7 +92,7 @@ class Flow:
 
 
 class ControllingService:
-    """Types commands to one forwarder, and prints them and the telling log lines."""
+    """Types commands to one forwarder, and prints them and the relevant log lines."""
 
     def __init__(self, vesk: VeskProcess, name: str) -> None:
         self.vesk = vesk
@@ -115,7 +115,7 @@ class ControllingService:
         self._shown = len(lines)
 
     def skip_log(self) -> None:
-        """What is in the log by now was shown by other means."""
+        """Treats the present log lines as printed."""
         self._shown = self.vesk.mark()
 
     def end(self) -> None:
@@ -127,7 +127,7 @@ class ControllingService:
 
 
 def shortened(line: str) -> str:
-    """Keys are long; their first digits are enough to look at."""
+    """Shows only the first digits of keys."""
     return re.sub(r"\b([0-9a-f]{8})[0-9a-f]{24,}\b", r"\1...", line)
 
 
@@ -161,18 +161,18 @@ def show_forwarding(stack: ExitStack, traffic: str) -> bool:
              Flow(traffic, 1002, "none", 2, upstream_port)]
 
     print("peer  <-->  forwarder  <-->  upstream echo service      (all on 127.0.0.1)")
-    title("1. The forwarder starts; the controlling service types (<) and reads the log (>):")
+    title("1. The forwarder starts. The controlling service types (<) and reads the log (>):")
     service = start(stack, "vesk")
     to = listen(service)
     for flow in flows:
         service.type(flow.set_command())
 
-    title(f"2. A peer sends {DATAGRAMS} datagrams on each flow; both ends check every one:")
+    title(f"2. A peer sends {DATAGRAMS} datagrams on each flow. Both ends verify all of them:")
     results = [flows[0].exchange("label 1001, SHA-256 both ways", to),
                flows[1].exchange("label 1002, no keys", to)]
     service.show_log()
 
-    title("3. The controlling service closes the channel:")
+    title("3. The controlling service closes the forwarder's input:")
     service.end()
 
     title("Result")
@@ -180,7 +180,7 @@ def show_forwarding(stack: ExitStack, traffic: str) -> bool:
 
 
 def print_report(service: ControllingService) -> None:
-    """Types "stats" and prints all it says."""
+    """Types "stats" and prints the whole report."""
     print(f"  {service.name} < stats")
     for line in service.vesk.lines_after("stats"):
         if line:
@@ -199,8 +199,8 @@ def show_lateral(stack: ExitStack, traffic: str) -> bool:
     print("peer  <-->  instance A  <-->  upstream echo service    (all on 127.0.0.0/8)\n"
           "               |  ^\n"
           "               v  |            a datagram that reaches the wrong instance is handed\n"
-          "peer  <-->  instance B         to the owner of its label, and its reply handed back")
-    title("1. Two instances start, each with one flow of its own, and are joined:")
+          "peer  <-->  instance B         over to the owner of its label, and its reply is returned")
+    title("1. Two instances start, each with one flow of its own, and are connected:")
     lateral_port = shared_free_port(list(hosts.values()))
     services, listeners = [], []
     for index, name in enumerate("AB"):
@@ -218,11 +218,11 @@ def show_lateral(stack: ExitStack, traffic: str) -> bool:
     for service in services:
         service.show_log()
 
-    title("3. Both report their counters:")
+    title("3. Both instances report their counters:")
     for service in services:
         print_report(service)
 
-    title("4. The controlling service closes both channels:")
+    title("4. The controlling service closes both inputs:")
     for service in services:
         service.end()
 
@@ -231,17 +231,17 @@ def show_lateral(stack: ExitStack, traffic: str) -> bool:
 
 
 def main() -> int:
-    parser = argparse.ArgumentParser(description="Shows the forwarder at work.")
-    parser.add_argument("--binary", required=True, help="the forwarder's executable")
-    parser.add_argument("--traffic", required=True, help="the traffic generator's executable")
-    parser.add_argument("--lateral", action="store_true", help="show two joined instances")
+    parser = argparse.ArgumentParser(description="Demonstrates the forwarder.")
+    parser.add_argument("--binary", required=True, help="path of the forwarder")
+    parser.add_argument("--traffic", required=True, help="path of the traffic generator")
+    parser.add_argument("--lateral", action="store_true", help="demonstrate two connected instances")
     arguments = parser.parse_args()
     os.environ["VESK_BINARY"] = os.path.abspath(arguments.binary)
     with ExitStack() as stack:
         show = show_lateral if arguments.lateral else show_forwarding
         flawless = show(stack, os.path.abspath(arguments.traffic))
-    print("\nEvery datagram was answered, rightly signed and rightly labelled." if flawless
-          else "\nSomething was lost or wrong; see the table.")
+    print("\nEvery datagram was answered, with a correct signature and label." if flawless
+          else "\nDatagrams were lost or wrong; see the table.")
     return 0 if flawless else 1
 
 

@@ -1,7 +1,7 @@
-# Sourced by the scripts before they do anything: an option that is asked for by mistake starts no build.
+# The scripts source this file before they do anything else, so that a wrong option starts no build.
 
-# answer_options "OPTION..." ARGUMENT...: prints the script's first comment for --help, and names an option
-# that is not among the first word's. Ends the script in either case.
+# answer_options "OPTION..." ARGUMENT...: prints the script's first comment for --help, and reports an option
+# that the first argument does not list. Ends the script in both cases.
 answer_options() {
     local known=" $1 " argument
     shift
@@ -13,7 +13,7 @@ answer_options() {
             ;;
         -*)
             if [[ $known != *" $argument "* ]]; then
-                echo "$0: there is no option $argument; --help says what there is" >&2
+                echo "$0: unknown option $argument; see --help" >&2
                 exit 2
             fi
             ;;

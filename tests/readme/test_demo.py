@@ -15,8 +15,8 @@ BUILD = Path(os.environ["VESK_BUILD"]).resolve()
 TRAFFIC = BUILD / "bench" / "vesk-traffic"
 DEADLINE_SECONDS = 120
 
-FLAWLESS = "Every datagram was answered, rightly signed and rightly labelled."
-NOT_FLAWLESS = "Something was lost or wrong; see the table."
+FLAWLESS = "Every datagram was answered, with a correct signature and label."
+NOT_FLAWLESS = "Datagrams were lost or wrong; see the table."
 
 
 def demonstrate(folder: Path, traffic: Path, *options: str) -> "subprocess.CompletedProcess[str]":
