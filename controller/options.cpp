@@ -10,23 +10,23 @@ namespace vesk::controller {
 
 std::variant<Options, int> parseOptions(int argumentCount, char** arguments) {
     CLI::App app(
-        "Runs the UDP forwarder vesk with the flows of a configuration file: keeps it running, "
-        "changes it while it runs, and publishes metrics. SIGHUP reads the file again, SIGTERM and "
-        "SIGINT drain and end.",
+        "Runs the UDP forwarder vesk with the flows of a configuration file, restarts it if it "
+        "ends, and publishes metrics. SIGHUP reads the file again; SIGTERM and SIGINT drain and "
+        "end.",
         "vesk-controller");
     Options options;
     std::string file;
     // Not marked as required: a wrong option is to be named first.
     app.add_option("FILE", file, "configuration file, in TOML");
     app.add_flag("--check", options.check,
-                 "validate the file, print the commands that would be sent, and end");
+                 "check the file, print the commands that would be sent, and end");
     app.add_flag("--allow-readable-keys", options.allowReadableKeys,
-                 "accept files with keys in them that others may read");
-    app.add_option("--program", options.program, "the forwarder to run");
+                 "accept files with keys that others can read");
+    app.add_option("--program", options.program, "path of the forwarder");
     std::string newKeyFile;
     const CLI::Option* const newKey =
         app.add_option("--new-key", newKeyFile,
-                       "print a new random key, or write it to a new file of mode 600, and end")
+                       "print a new random key, or write it to a new file with mode 600, and end")
             ->expected(0, 1)
             ->option_text("[FILE]");
     app.set_version_flag("--version", "vesk-controller " VESK_VERSION);

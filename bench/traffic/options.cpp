@@ -18,16 +18,17 @@ void addTraffic(CLI::App& app, TrafficOptions& options, Names& names) {
     app.add_option("--framing", names.framing, "udpv1 or udpv2")
         ->check(CLI::IsMember({"udpv1", "udpv2"}))
         ->capture_default_str();
-    app.add_option("--algorithm", names.algorithms,
-                   "sha256, sha1 or none; several, separated by commas, are taken in turn by the "
-                   "flows")
+    app.add_option(
+           "--algorithm", names.algorithms,
+           "sha256, sha1 or none; with several, separated by commas, the flows use them in turn")
         ->check(CLI::IsMember({"sha256", "sha1", "none"}))
         ->delimiter(',')
         ->capture_default_str();
     app.add_option("--flows", options.flows.flows, "number of flows")
         ->check(CLI::Range(1, 60000))
         ->capture_default_str();
-    app.add_option("--peers", options.peers, "sockets the flows are spread over (at most 8)")
+    app.add_option("--peers", options.peers,
+                   "number of peer sockets (default: 8, never more than flows)")
         ->check(CLI::Range(1, 16000));
     app.add_option("--payload", options.payload, "bytes of payload")
         ->check(CLI::Range(4, 2010))
@@ -42,9 +43,9 @@ void addTraffic(CLI::App& app, TrafficOptions& options, Names& names) {
 }
 
 void addPace(CLI::App& app, TrafficOptions& options) {
-    app.add_option("--rate", options.rate, "open loop: requests a second")
+    app.add_option("--rate", options.rate, "open loop: requests per second")
         ->check(CLI::Range(1.0, 1e7));
-    app.add_option("--window", options.window, "closed loop: requests outstanding")
+    app.add_option("--window", options.window, "closed loop: number of requests outstanding")
         ->check(CLI::Range(1, 16384))
         ->capture_default_str();
     app.add_option("--warm-up", options.warmUp, "seconds of traffic before the measured time")
@@ -53,8 +54,10 @@ void addPace(CLI::App& app, TrafficOptions& options) {
     app.add_option("--duration", options.duration, "measured seconds")
         ->check(CLI::Range(0.01, 864000.0))
         ->capture_default_str();
-    app.add_option("--requests", options.requests, "end the measured time after that many");
-    app.add_option("--loss-timeout", options.lossTimeout, "seconds to wait for a reply")
+    app.add_option("--requests", options.requests,
+                   "end the measured time after this many requests");
+    app.add_option("--loss-timeout", options.lossTimeout,
+                   "seconds after which a request counts as lost")
         ->check(CLI::Range(0.01, 5.0))
         ->capture_default_str();
     app.add_option("--verify-every", options.verifyEvery,
@@ -62,39 +65,43 @@ void addPace(CLI::App& app, TrafficOptions& options) {
         ->check(CLI::Range(1, 1000000))
         ->capture_default_str();
     app.add_flag("--spin", options.spin,
-                 "keep asking for datagrams instead of sleeping until one arrives");
+                 "poll for datagrams instead of sleeping until one arrives");
 }
 
 void addForwarder(CLI::App& app, TrafficOptions& options) {
     app.add_option("--check-source", options.flows.source,
-                   "have the forwarder listen on this address and bind each flow to it, and count "
-                   "what comes from another one")
+                   "make the forwarder listen on this address and bind each flow to it, and count "
+                   "datagrams from other addresses")
         ->check(CLI::ValidIPV4);
-    app.add_option("--port", options.port, "port of the forwarder (chosen for a child)");
-    app.add_option("--upstream-port", options.flows.upPort, "port of the echo end (chosen)");
-    app.add_option("--pid", options.pid, "process whose processor time is measured (the child)");
+    app.add_option("--port", options.port,
+                   "port of the forwarder (default for a command: a free port)");
+    app.add_option("--upstream-port", options.flows.upPort,
+                   "port of the upstream end (default for a command: a free port)");
+    app.add_option("--pid", options.pid,
+                   "process whose processor time is measured (default: the command)");
     CLI::Option* const commands =
         app.add_flag("--print-commands", options.printCommands,
-                     "print what to tell a forwarder that is started by other means, and end");
+                     "print the commands for a forwarder that runs already, and end");
     app.add_flag("--print-toml", options.printToml,
-                 "print a file of vesk-controller for the flows, keys included, and end")
+                 "print a vesk-controller file for the flows, including keys, and end")
         ->excludes(commands);
     app.add_flag("--show-session", options.showSession,
-                 "print the commands that the child is given and all that it logs");
+                 "print the commands sent to the forwarder and everything that it logs");
     app.add_flag("--json", options.json, "print JSON instead of a table");
-    app.add_flag("--allow-loss", options.allowLoss, "lost datagrams do not fail the run");
-    app.add_option("command", options.command, "after \"--\": a forwarder to start and to measure");
+    app.add_flag("--allow-loss", options.allowLoss,
+                 "do not fail if datagrams are lost");
+    app.add_option("command", options.command, "after \"--\": the forwarder to start and measure");
 }
 
 void check(const TrafficOptions& options) {
     if (options.command.empty() && options.port == 0) {
-        throw CLI::ValidationError("either a forwarder's --port or a command to start one");
+        throw CLI::ValidationError("give either --port or a command that starts a forwarder");
     }
     if (options.command.empty() && options.flows.upPort == 0) {
-        throw CLI::ValidationError("a forwarder that is running already needs --upstream-port");
+        throw CLI::ValidationError("--port requires --upstream-port");
     }
     if (!options.flows.source.empty() && options.flows.flows > mostSources) {
-        throw CLI::ValidationError("--check-source has no ports for that many flows");
+        throw CLI::ValidationError("--check-source: too many flows, not enough ports");
     }
 }
 
@@ -102,8 +109,8 @@ void check(const TrafficOptions& options) {
 
 std::variant<TrafficOptions, int> parseTrafficOptions(int argc, char** argv) {
     CLI::App app(
-        "Sends framed, signed datagrams through a forwarder on the loopback address, answers them "
-        "at the upstream end, and reports what came back and what it cost.");
+        "Sends signed datagrams through a forwarder on the loopback address, answers them at the "
+        "upstream end, verifies what arrives and reports rates, losses and processor time.");
     TrafficOptions options;
     Names names;
     addTraffic(app, options, names);
