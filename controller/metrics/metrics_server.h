@@ -5,8 +5,10 @@
 //     /healthz   200 "ok" while the child is up, 503 otherwise
 //     /ready     200 "ready" while it can be sent traffic, 503 and the reason otherwise
 //
-// Two threads of its own answer requests, with all signals blocked: signals are for the thread that
-// controls. Every function may be called from any thread, but for serve() and port() from one only.
+// HttpServer's two threads answer requests. They compose the pages from the figures as these are at
+// that moment: they copy them under the lock and write the text without it, so that the thread that
+// controls the child does not wait for a long page. Every function may be called from any thread,
+// but for serve(), serving() and port() from one only.
 #pragma once
 
 #include <cstddef>
@@ -20,10 +22,9 @@
 
 #include "base/sync.h"
 #include "metrics/exposition.h"
+#include "metrics/http_server.h"
 #include "metrics/report.h"
 #include "metrics/report_totals.h"
-
-struct mg_context;
 
 namespace vesk::controller {
 
@@ -41,11 +42,11 @@ class MetricsServer {
     explicit MetricsServer(const std::string& address = defaultAddress,
                            std::uint16_t port = defaultPort, bool perFlow = false);
 
-    /// Listens and serves from here to its destruction, once. The address is numeric, IPv4 or IPv6;
-    /// port 0 lets the kernel choose. Throws std::runtime_error where it cannot listen; it may be
-    /// tried again then.
+    /// Listens and serves from here to its destruction, once. The address is numeric, IPv4 or IPv6,
+    /// and "::" serves both; port 0 lets the kernel choose. Throws std::runtime_error where it
+    /// cannot listen; it may be tried again then.
     void serve(const std::string& address, std::uint16_t port);
-    bool serving() const { return context_ != nullptr; }
+    bool serving() const { return http_ != nullptr; }
 
     /// Where it listens: the kernel's choice, if that was asked for.
     std::uint16_t port() const;
@@ -87,19 +88,14 @@ class MetricsServer {
     std::string_view obstacle() const;
 
  private:
-    struct StopServing {
-        std::string address;
-        void operator()(mg_context* context) const;
-    };
-    using Context = std::unique_ptr<mg_context, StopServing>;
-
+    HttpServer::Pages pages() const;
     std::vector<prometheus::MetricFamily> metrics() const;
 
     mutable Mutex mutex_;
     ReportTotals totals_ VESK_GUARDED_BY(mutex_);
     ControllerState state_ VESK_GUARDED_BY(mutex_);
     // Last, so that its threads have ended before what they read goes.
-    Context context_;
+    std::unique_ptr<HttpServer> http_;
 };
 
 }  // namespace vesk::controller

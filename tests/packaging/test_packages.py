@@ -110,6 +110,13 @@ def test_controller_comes_with_its_own_forwarder(packages: Packages) -> None:
     assert f"vesk (= {version})" in field(packages["vesk-controller"], "Depends").split(", ")
 
 
+def test_controller_depends_on_one_http_server(packages: Packages) -> None:
+    depends = field(packages["vesk-controller"], "Depends")
+    assert "libmicrohttpd12 (>=" in depends
+    assert "libprometheus-cpp-core" in depends
+    assert "libprometheus-cpp-pull" not in depends and "libcivetweb" not in depends
+
+
 @pytest.mark.parametrize("name", _NAMES)
 def test_programs_are_stripped(packages: Packages, name: str, tmp_path: Path) -> None:
     run("dpkg-deb", "--extract", packages[name], tmp_path)

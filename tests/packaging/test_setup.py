@@ -72,6 +72,10 @@ def test_each_purpose_includes_those_before_it(bare_host: Path) -> None:
     assert asked_for(bare_host) == testing
 
 
+def test_building_gets_the_http_server_of_the_controller(bare_host: Path) -> None:
+    assert "libmicrohttpd-dev" in asked_for(bare_host, "build")
+
+
 def test_packaging_gets_what_finds_the_libraries_of_a_program(bare_host: Path) -> None:
     # Without dpkg-shlibdeps CPack makes packages that depend on no library, and says so in passing.
     assert {"dpkg-dev", "file"} <= asked_for(bare_host, "package")

@@ -9,6 +9,7 @@
 #include <array>
 #include <cstdint>
 #include <string>
+#include <string_view>
 
 #include "base/unique_fd.h"
 
@@ -40,21 +41,39 @@ inline UniqueFd connectTo(const std::string& host, std::uint16_t port) {
     return connection;
 }
 
-/// The whole answer with its headers; empty where there is none.
-inline std::string ask(const std::string& method, const std::string& path, std::uint16_t port,
-                       const std::string& host = "127.0.0.1") {
-    const UniqueFd connection = connectTo(host, port);
-    const std::string request =
-        method + " " + path + " HTTP/1.1\r\nHost: localhost\r\nConnection: close\r\n\r\n";
-    if (send(connection.get(), request.data(), request.size(), MSG_NOSIGNAL) < 0) {
-        return {};
-    }
+/// Whether this host has the loopback address of IPv6.
+inline bool hasIpv6() {
+    const UniqueFd trial(socket(AF_INET6, SOCK_STREAM | SOCK_CLOEXEC, 0));
+    sockaddr_in6 loopback{};
+    loopback.sin6_family = AF_INET6;
+    loopback.sin6_addr = in6addr_loopback;
+    return trial &&
+           bind(trial.get(), reinterpret_cast<const sockaddr*>(&loopback), sizeof loopback) == 0;
+}
+
+inline bool say(const UniqueFd& connection, std::string_view text) {
+    return send(connection.get(), text.data(), text.size(), MSG_NOSIGNAL) ==
+           static_cast<ssize_t>(text.size());
+}
+
+/// All that comes until the connection ends.
+inline std::string answerOn(const UniqueFd& connection) {
     std::string answer;
     std::array<char, 4096> piece{};
     for (ssize_t size = 0; (size = recv(connection.get(), piece.data(), piece.size(), 0)) > 0;) {
         answer.append(piece.data(), static_cast<std::size_t>(size));
     }
     return answer;
+}
+
+/// The whole answer with its headers; empty where there is none.
+inline std::string ask(const std::string& method, const std::string& path, std::uint16_t port,
+                       const std::string& host = "127.0.0.1") {
+    const UniqueFd connection = connectTo(host, port);
+    const bool said =
+        say(connection,
+            method + " " + path + " HTTP/1.1\r\nHost: localhost\r\nConnection: close\r\n\r\n");
+    return said ? answerOn(connection) : std::string();
 }
 
 }  // namespace vesk::controller

@@ -12,10 +12,11 @@ from framework.timing import scaled
 _SAMPLE = re.compile(r"(?P<series>[a-z_]+(?:\{.*\})?) (?P<value>\S+)")
 
 
-def fetch(port: int, path: str) -> Tuple[int, str]:
+def fetch(port: int, path: str, host: str = "127.0.0.1") -> Tuple[int, str]:
     """Status and body of an answer."""
+    place = f"[{host}]" if ":" in host else host
     try:
-        with urllib.request.urlopen(f"http://127.0.0.1:{port}{path}", timeout=scaled(10)) as answer:
+        with urllib.request.urlopen(f"http://{place}:{port}{path}", timeout=scaled(10)) as answer:
             return answer.status, answer.read().decode("utf-8")
     except urllib.error.HTTPError as error:
         with error:

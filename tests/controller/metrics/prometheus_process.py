@@ -111,8 +111,8 @@ class PrometheusProcess:
         self._log.close()
 
 
-def free_tcp_port() -> int:
+def free_tcp_port(host: str = "127.0.0.1") -> int:
     """A port that nobody holds right now."""
-    with socket.socket() as probe:
-        probe.bind(("127.0.0.1", 0))
+    with socket.socket(socket.AF_INET6 if ":" in host else socket.AF_INET) as probe:
+        probe.bind((host, 0))
         return probe.getsockname()[1]
