@@ -171,12 +171,8 @@ MetricsSettings readMetrics(TableReader& root) {
         return settings;
     }
     settings.enabled = table->boolean("enabled").value_or(settings.enabled);
-    if (const std::optional<std::string> address = table->text("address")) {
-        if (!isIPv4(*address)) {
-            table->complain("address",
-                            "has to be a numeric IPv4 address: the HTTP server takes no other");
-        }
-        settings.address = *address;
+    if (table->has("address")) {
+        settings.address = readAddress(*table, "address");
     }
     if (table->has("port")) {
         settings.port = readPort(*table, "port");

@@ -75,6 +75,13 @@ TEST(SettingsReader, ReadsTheControllersAndTheMetricsTables) {
     EXPECT_EQ(configuration.metrics, (MetricsSettings{false, "127.0.0.2", 1, true, true}));
 }
 
+TEST(SettingsReader, TakesIpv6AddressesForTheMetrics) {
+    for (const char* address : {"::1", "::", "2001:db8::1", "::ffff:192.0.2.1"}) {
+        const std::string table = "[metrics]\naddress = \"" + std::string(address) + "\"";
+        EXPECT_EQ(listeningWith(table).metrics.address, address);
+    }
+}
+
 struct BadSetting {
     const char* text;
     const char* complaint;
@@ -125,7 +132,8 @@ INSTANTIATE_TEST_SUITE_P(
         BadSetting{"[controller]\nlog_limit = 0", "log_limit has to be true or false"},
         BadSetting{"[controller]\ncolour = 1", "2: controller.colour is not known"},
         BadSetting{"[metrics]\naddress = \"localhost\"", "metrics.address has to be a numeric"},
-        BadSetting{"[metrics]\naddress = \"::1\"", "metrics.address has to be a numeric IPv4"},
+        BadSetting{"[metrics]\naddress = \"[::1]\"", "metrics.address has to be a numeric"},
+        BadSetting{"[metrics]\naddress = \"\"", "metrics.address has to be a numeric"},
         BadSetting{"[metrics]\naddress = 1", "metrics.address has to be a text in quotes"},
         BadSetting{"[metrics]\nport = 65536", "metrics.port has to be a whole number"},
         BadSetting{"[metrics]\nrequired = 1", "metrics.required has to be true or false"},
