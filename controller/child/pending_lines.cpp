@@ -1,5 +1,7 @@
 #include "child/pending_lines.h"
 
+#include <algorithm>
+
 namespace vesk::controller {
 
 namespace {
@@ -12,6 +14,10 @@ constexpr std::size_t compactionSize = std::size_t{1} << 16U;
 
 void PendingLines::add(std::string_view line) {
     bytes_.append(line).append(1, '\n');
+}
+
+std::size_t PendingLines::count() const {
+    return static_cast<std::size_t>(std::ranges::count(front(size()), '\n'));
 }
 
 void PendingLines::drop(std::size_t count) {

@@ -16,6 +16,9 @@ class PendingLines {
     bool empty() const { return sent_ == bytes_.size(); }
     std::size_t size() const { return bytes_.size() - sent_; }
 
+    /// How many lines are still to be written, one that was begun included.
+    std::size_t count() const;
+
     /// The first bytes that are still to be written, at most `limit`.
     std::string_view front(std::size_t limit) const {
         return std::string_view(bytes_).substr(sent_, limit);

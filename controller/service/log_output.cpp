@@ -9,6 +9,9 @@
 #include <chrono>
 #include <climits>
 #include <cstdlib>
+#include <utility>
+
+#include "service/counted.h"
 
 namespace vesk::controller {
 
@@ -53,10 +56,10 @@ void LogOutput::write(LogLevel level, std::string_view text) {
         ++lost_;
         return;
     }
-    if (lost_ > 0) {
-        const std::string count = std::to_string(lost_);
-        lost_ = 0;
-        say(LogLevel::warn, count + " lines were lost: this log was not read");
+    if (lost_ > 0 && !failing_) {
+        const std::size_t lost = std::exchange(lost_, 0);
+        say(LogLevel::warn, countOf(lost, "line") + (lost == 1 ? " was" : " were") +
+                                " lost: this log was not read, or could not be written");
     }
     lines_.add(formatLine(form_, level, text));
 }
@@ -96,10 +99,13 @@ bool LogOutput::writePiece() {
     const ssize_t written = ::write(fd_, piece.data(), piece.size());
     if (written >= 0) {
         lines_.drop(static_cast<std::size_t>(written));
+        failing_ = false;
         return true;
     }
     if (errno != EINTR && errno != EAGAIN) {
-        // Nobody reads any more. The forwarder's work is worth more than its log.
+        // Nobody reads it, or the disk is full. The forwarder's work is worth more than its log.
+        lost_ += lines_.count();
+        failing_ = true;
         lines_.clear();
     }
     return false;

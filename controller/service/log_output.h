@@ -61,7 +61,8 @@ class LogOutput {
     int fd_;
     LogForm form_;
     PendingLines lines_;
-    std::size_t lost_ = 0;  // lines since the backlog was full
+    std::size_t lost_ = 0;  // lines that were neither written nor told of
+    bool failing_ = false;  // the descriptor did not take the last piece
     LogLimit limit_;
     bool limited_ = true;
 };

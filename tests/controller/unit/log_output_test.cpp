@@ -3,6 +3,7 @@
 #include <fcntl.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <sys/resource.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -13,9 +14,12 @@
 #include <chrono>
 #include <csignal>
 #include <cstdlib>
+#include <fstream>
+#include <iterator>
 #include <thread>
 
 #include "base/unique_fd.h"
+#include "temporary_folder.h"
 
 namespace vesk::controller {
 namespace {
@@ -178,6 +182,38 @@ TEST_F(LogOutputTest, EndsInTimeHoweverSlowlyItIsRead) {
     EXPECT_TRUE(log.pending());
     over = true;
     slow.join();
+}
+
+/// No file may grow beyond `size`; EFBIG stands for the full disk.
+void limitFiles(rlim_t size) {
+    rlimit limit{};
+    getrlimit(RLIMIT_FSIZE, &limit);
+    limit.rlim_cur = size;
+    setrlimit(RLIMIT_FSIZE, &limit);
+}
+
+TEST(LogOutputToAFile, CountsWhatAFullDiskDoesNotTake) {
+    std::signal(SIGXFSZ, SIG_IGN);
+    const TemporaryFolder folder;
+    const std::string path = folder.write("log", "").string();
+    const UniqueFd file(open(path.c_str(), O_WRONLY | O_CLOEXEC));
+    LogOutput log(file.get(), LogForm::words);
+    limitFiles(0);
+    for (const char* const line : {"first", "second\nthird"}) {
+        log.write(LogLevel::info, line);
+        log.flush();
+    }
+    EXPECT_FALSE(log.pending());
+    limitFiles(RLIM_INFINITY);
+    for (const char* const line : {"fourth", "fifth"}) {
+        log.write(LogLevel::info, line);
+        log.flush();
+    }
+    std::ifstream written(path);
+    EXPECT_EQ(
+        std::string(std::istreambuf_iterator<char>(written), {}),
+        "info fourth\nwarn controller: 3 lines were lost: this log was not read, or could not be "
+        "written\ninfo fifth\n");
 }
 
 TEST_F(LogOutputTest, GoesOnWithoutAReader) {
