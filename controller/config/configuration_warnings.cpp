@@ -19,6 +19,7 @@ namespace vesk::controller {
 namespace {
 
 constexpr std::size_t mostExamples = 3;
+constexpr std::size_t leastKeyBytes = 16;
 
 /// Things of a kind: how many, and the names of the first ones.
 class Findings {
@@ -147,6 +148,20 @@ void warnOfSharedKeys(const Configuration& configuration, std::vector<std::strin
     }
 }
 
+void warnOfShortKeys(const Configuration& configuration, std::vector<std::string>& warnings) {
+    Findings small;
+    for (const auto& [digits, places] : usesOfKeys(configuration)) {
+        if (digits.size() < leastKeyBytes * 2) {
+            small.add(places.front());
+        }
+    }
+    if (small.any()) {
+        warnings.push_back(small.counted("key is", "keys are") + " shorter than " +
+                           std::to_string(leastKeyBytes) +
+                           " bytes and can be guessed: " + small.examples());
+    }
+}
+
 void warnOfForeignLabels(const Configuration& configuration, const Lateral& lateral,
                          std::vector<std::string>& warnings) {
     constexpr std::uint32_t prefixBits = 16;
@@ -217,8 +232,12 @@ void warnOfReplacedSources(const Configuration& configuration, std::vector<std::
 
 std::vector<std::string> configurationWarnings(const Configuration& configuration) {
     std::vector<std::string> warnings;
+    if (configuration.flows.empty()) {
+        warnings.emplace_back("there are no flows: all datagrams of peers will be dropped");
+    }
     warnOfMissingKeys(configuration, warnings);
     warnOfSharedKeys(configuration, warnings);
+    warnOfShortKeys(configuration, warnings);
     if (configuration.lateral) {
         warnOfForeignLabels(configuration, *configuration.lateral, warnings);
         warnOfMissingPeers(*configuration.lateral, warnings);

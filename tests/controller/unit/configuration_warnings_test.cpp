@@ -30,15 +30,18 @@ std::vector<std::string> warningsBesides(const std::string& text) {
 }
 
 TEST(ConfigurationWarnings, AreNoneForAFlowWithItsOwnKeys) {
-    EXPECT_THAT(
-        warningsOf(flow("a", 1, "from_peer = { key = \"ab\" }\nto_peer = { key = \"cd\" }") +
-                   std::string(everywhere)),
-        IsEmpty());
+    EXPECT_THAT(warningsOf(flow("a", 1,
+                                "from_peer = { key = \"abababababababababababababababab\" "
+                                "}\nto_peer = { key = \"cdcdcdcdcdcdcdcdcdcdcdcdcdcdcdcd\" }") +
+                           std::string(everywhere)),
+                IsEmpty());
 }
 
 TEST(ConfigurationWarnings, NameFlowsWithoutAnyKeyOnAPublicAddress) {
-    const std::string flows = flow("a", 1, "") + flow("b", 2, "to_peer = { key = \"ab\" }") +
-                              flow("c", 3, "to_upstream = { label = 9 }");
+    const std::string flows =
+        flow("a", 1, "") +
+        flow("b", 2, "to_peer = { key = \"abababababababababababababababab\" }") +
+        flow("c", 3, "to_upstream = { label = 9 }");
     EXPECT_THAT(warningsOf(flows + std::string(everywhere)),
                 ElementsAre(AllOf(HasSubstr("2 flows have no key"), HasSubstr("0.0.0.0"),
                                   HasSubstr("a, c"), Not(HasSubstr("b,")))));
@@ -65,16 +68,30 @@ TEST(ConfigurationWarnings, CountWhatTheyDoNotName) {
 }
 
 TEST(ConfigurationWarnings, NameTheUsesOfAKeyThatIsUsedTwice) {
-    const std::string key = "{ key = \"7e7e7e7e7e7e7e7e\" }";
+    const std::string key = "{ key = \"7e7e7e7e7e7e7e7e7e7e7e7e7e7e7e7e\" }";
     EXPECT_THAT(warningsBesides(flow("a", 1, "from_peer = " + key + "\nto_peer = " + key)),
                 ElementsAre(AllOf(HasSubstr("1 key is used for several"),
                                   HasSubstr("flows.a.from_peer and flows.a.to_peer"),
                                   Not(HasSubstr("7e7e")))));
     EXPECT_THAT(warningsBesides(flow("a", 1, "from_peer = " + key) +
                                 flow("b", 2,
-                                     "to_upstream = { key = \"7E7E7E7E7E7E7E7E\", "
+                                     "to_upstream = { key = \"7E7E7E7E7E7E7E7E7E7E7E7E7E7E7E7E\", "
                                      "algorithm = \"sha1\" }")),
                 ElementsAre(HasSubstr("flows.a.from_peer and flows.b.to_upstream")));
+}
+
+TEST(ConfigurationWarnings, NameKeysThatCanBeGuessed) {
+    const std::string fifteen(30, 'a');
+    const std::string sixteen(32, 'b');
+    EXPECT_THAT(
+        warningsBesides(flow("a", 1, "from_peer = { key = \"" + fifteen + "\" }") +
+                        flow("b", 2, "to_peer = { key = \"" + sixteen + "\" }")),
+        ElementsAre("1 key is shorter than 16 bytes and can be guessed: flows.a.from_peer"));
+}
+
+TEST(ConfigurationWarnings, NameAFileWithoutFlows) {
+    EXPECT_THAT(warningsOf(std::string(listening)),
+                ElementsAre("there are no flows: all datagrams of peers will be dropped"));
 }
 
 TEST(ConfigurationWarnings, NameLabelsAndPrefixesOfAnotherInstance) {
@@ -92,11 +109,13 @@ TEST(ConfigurationWarnings, NameLabelsAndPrefixesOfAnotherInstance) {
 
 TEST(ConfigurationWarnings, CountTheInstancesThatNoPeerIs) {
     EXPECT_THAT(
-        warningsBesides("[lateral]\naddress = \"127.0.0.1\"\nport = 1\nindex = 0\n"
+        warningsBesides(flow("a", 1, "") +
+                        "[lateral]\naddress = \"127.0.0.1\"\nport = 1\nindex = 0\n"
                         "instances = 4\npeers = [{ index = 2, address = \"127.0.0.2\" }]\n"),
         ElementsAre(AllOf(HasSubstr("lateral.peers names 1 of the 3 other instances"),
                           HasSubstr("missing: 1, 3"))));
     EXPECT_THAT(warningsBesides(
+                    flow("a", 1, "") +
                     "[lateral]\naddress = \"127.0.0.1\"\nport = 1\nindex = 0\n"
                     "instances = 4294967295\npeers = [{ index = 2, address = \"127.0.0.2\" }]\n"),
                 ElementsAre(HasSubstr("missing: 1, 3, 4 and 4294967290 more")));
@@ -113,8 +132,9 @@ TEST(ConfigurationWarnings, NameSourcesThatTheKernelMayReplace) {
 }
 
 TEST(ConfigurationWarnings, ShowNoNameThatMayBeAKey) {
-    EXPECT_THAT(warningsOf(flow("7e7e7e7e7e7e7e7e7e7e", 1, "") + std::string(everywhere)),
-                ElementsAre(AllOf(HasSubstr("1 flow has no key"), Not(HasSubstr("7e7e")))));
+    EXPECT_THAT(
+        warningsOf(flow("7e7e7e7e7e7e7e7e7e7e7e7e7e7e7e7e7e7e", 1, "") + std::string(everywhere)),
+        ElementsAre(AllOf(HasSubstr("1 flow has no key"), Not(HasSubstr("7e7e")))));
 }
 
 }  // namespace
