@@ -40,7 +40,8 @@ void holdBackReloads() {
     pthread_sigmask(SIG_BLOCK, &reload, nullptr);
 }
 
-void printCommands(const Configuration& configuration) {
+/// False where they could not be written.
+bool printCommands(const Configuration& configuration) {
     std::cout << "# vesk";
     for (const std::string& argument : programArguments(configuration.forwarder)) {
         std::cout << " " << argument;
@@ -52,7 +53,7 @@ void printCommands(const Configuration& configuration) {
         }
         std::cout << maskKeys(toLine(command)) << "\n";
     }
-    std::cout.flush();
+    return static_cast<bool>(std::cout.flush());
 }
 
 int makeKey(const std::filesystem::path& file) {
@@ -86,8 +87,11 @@ int run(const Options& options, LogOutput& log) {
         for (const std::string& warning : configurationWarnings(*reading.configuration)) {
             log.say(LogLevel::warn, warning);
         }
-        printCommands(*reading.configuration);
-        return exit_status::success;
+        if (printCommands(*reading.configuration)) {
+            return exit_status::success;
+        }
+        log.say(LogLevel::error, "the commands cannot be written to standard output");
+        return exit_status::unusableFile;
     }
     Supervisor supervisor(options, std::move(*reading.configuration), log);
     return supervisor.run();
