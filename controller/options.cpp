@@ -36,6 +36,9 @@ std::variant<Options, int> parseOptions(int argumentCount, char** arguments) {
         if (options.newKey && !file.empty()) {
             throw CLI::ValidationError("--new-key takes no configuration file");
         }
+        if (options.program && options.program->empty()) {
+            throw CLI::ValidationError("--program", "has to be a path");
+        }
         if (!options.newKey && file.empty()) {
             throw CLI::RequiredError("FILE");
         }

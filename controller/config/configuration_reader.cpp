@@ -21,7 +21,7 @@ Configuration readRoot(TableReader& root, KeySources& keys) {
     Configuration configuration;
     configuration.forwarder = readForwarder(root, keys.folder);
     configuration.downstream = readDownstream(root, configuration.downstreamLines);
-    configuration.lateral = readLateral(root);
+    configuration.lateral = readLateral(root, configuration.downstream);
     configuration.supervision = readSupervision(root);
     configuration.metrics = readMetrics(root);
     if (std::optional<TableReader> flows = root.table("flows")) {

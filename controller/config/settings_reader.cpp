@@ -128,13 +128,16 @@ HostPort readDownstream(TableReader& root, ListenLines& lines) {
     return listen;
 }
 
-std::optional<Lateral> readLateral(TableReader& root) {
+std::optional<Lateral> readLateral(TableReader& root, const HostPort& downstream) {
     std::optional<TableReader> table = root.table("lateral");
     if (!table) {
         return std::nullopt;
     }
     Lateral lateral;
     lateral.listen = readListen(*table);
+    if (lateral.listen == downstream && downstream.port != 0) {
+        table->complain("port", "is that of downstream too, on the same address");
+    }
     lateral.instances = readNumber(*table, "instances", 1, greatestNumber);
     lateral.index = readNumber(*table, "index", 0, greatestNumber);
     if (table->has("index") && lateral.instances != 0 && lateral.index >= lateral.instances) {

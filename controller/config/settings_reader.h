@@ -14,7 +14,7 @@ namespace vesk::controller {
 ForwarderSettings readForwarder(TableReader& root, const std::filesystem::path& folder);
 
 HostPort readDownstream(TableReader& root, ListenLines& lines);
-std::optional<Lateral> readLateral(TableReader& root);
+std::optional<Lateral> readLateral(TableReader& root, const HostPort& downstream);
 SupervisionSettings readSupervision(TableReader& root);
 MetricsSettings readMetrics(TableReader& root);
 
