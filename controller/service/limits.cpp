@@ -8,6 +8,7 @@
 #include <utility>
 
 #include "config/numeric_address.h"
+#include "service/counted.h"
 
 namespace vesk::controller {
 
@@ -52,7 +53,7 @@ std::vector<std::string> descriptorWarnings(const Configuration& configuration,
         return {};
     }
     return {"the hard limit of descriptors is " + std::to_string(hardLimit) + ", and " +
-            std::to_string(flows) + " flows need " + std::to_string(needed) +
+            countOf(flows, "flow") + (flows == 1 ? " needs " : " need ") + std::to_string(needed) +
             ": datagrams of flows beyond it will be dropped; set LimitNOFILE= of the service or "
             "ulimit -Hn to at least that"};
 }
@@ -79,8 +80,8 @@ std::vector<std::string> portWarnings(const Configuration& configuration, const 
         return {};
     }
     return {"net.ipv4.ip_local_port_range has " + std::to_string(ports) + " ports, and " +
-            std::to_string(needed) +
-            " flows without a source need one each: datagrams of flows beyond it will be dropped; "
+            countOf(needed, "flow") +
+            " without a source need one each: datagrams of flows beyond it will be dropped; "
             "sysctl -w net.ipv4.ip_local_port_range=\"1024 65535\", or give flows a source"};
 }
 

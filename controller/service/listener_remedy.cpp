@@ -10,7 +10,7 @@ namespace {
 
 struct Remedy {
     int error;
-    const char* text;
+    std::string_view text;
 };
 
 constexpr std::array<Remedy, 5> remedies{{
@@ -20,7 +20,7 @@ constexpr std::array<Remedy, 5> remedies{{
      "this host has no such address; add it, or change the file to one that \"ip address\" lists"},
     {EACCES, "a port below 1024 needs CAP_NET_BIND_SERVICE; grant that, or change the file"},
     {EAFNOSUPPORT, "the kernel does without IPv6; enable it, or change the file"},
-    {EMFILE, "there are no descriptors left; raise the limit, LimitNOFILE of the unit"},
+    {EMFILE, noDescriptorsLeft},
 }};
 
 std::string valueOf(const Command& command, std::string_view attribute) {
@@ -35,11 +35,11 @@ std::string valueOf(const Command& command, std::string_view attribute) {
 }  // namespace
 
 std::string cannotListen(const Command& start, std::string_view reason) {
-    const std::string where =
+    std::string where =
         "cannot listen on " + valueOf(start, "addr") + ", port " + valueOf(start, "port") + ": ";
     for (const Remedy& remedy : remedies) {
         if (reason.ends_with(std::generic_category().message(remedy.error))) {
-            return where + remedy.text;
+            return where.append(remedy.text);
         }
     }
     return where + std::string(reason);

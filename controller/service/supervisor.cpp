@@ -6,12 +6,14 @@
 #include <array>
 #include <cerrno>
 #include <csignal>
+#include <cstring>
 #include <initializer_list>
 #include <system_error>
 #include <utility>
 
 #include "commands/command_lines.h"
 #include "config/key_mask.h"
+#include "service/listener_remedy.h"
 #include "service/program_path.h"
 
 namespace vesk::controller {
@@ -20,7 +22,7 @@ Supervisor::Supervisor(const Options& options, Configuration configuration, LogO
     : options_(options),
       wanted_(std::move(configuration)),
       log_(log),
-      signals_({SIGHUP, SIGTERM, SIGINT, SIGCHLD}),
+      signals_({SIGHUP, SIGTERM, SIGINT, SIGCHLD, SIGUSR1, SIGUSR2}),
       servedMetrics_(wanted_.metrics),
       restartPause_(firstPause()),
       listenPause_(restartPause_),
@@ -121,6 +123,10 @@ void Supervisor::handleSignal(int number) {
         if (session_ && !endStatus_) {
             endStatus_ = session_->reap();
         }
+    } else if (number == SIGUSR1 || number == SIGUSR2) {
+        // Other services rotate their logs at one of them. Unhandled, it would end this one.
+        log_.say(LogLevel::warn, std::string("SIG") + sigabbrev_np(number) +
+                                     " has no effect: SIGHUP reads the file again, SIGTERM ends");
     } else {
         terminate();
     }
@@ -157,7 +163,10 @@ bool Supervisor::startForwarder() {
         session_.emplace(program, programArguments(wanted_.forwarder),
                          programEnvironment(wanted_.forwarder));
     } catch (const std::system_error& error) {
-        log_.say(LogLevel::error, "cannot run " + maskKeyDigits(error.what()));
+        const bool full = error.code() == std::errc::too_many_files_open;
+        log_.say(LogLevel::error,
+                 "cannot run " + maskKeyDigits(program) + ": " +
+                     (full ? std::string(noDescriptorsLeft) : error.code().message()));
         return false;
     }
     log_.say(LogLevel::info,

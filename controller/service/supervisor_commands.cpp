@@ -101,6 +101,7 @@ void Supervisor::sendAll(const std::vector<Command>& commands) {
 
 void Supervisor::reload() {
     if (!running()) {
+        log_.say(LogLevel::warn, "SIGHUP has no effect: the controller is about to end");
         return;
     }
     if (ready_) {
