@@ -44,6 +44,7 @@ _FILES: Dict[str, Dict[str, str]] = {
         "/usr/share/doc/vesk-controller/copyright": _FILE,
         "/usr/share/doc/vesk/controller.md": _FILE,
         "/usr/share/doc/vesk/metrics.md": _FILE,
+        "/usr/share/doc/vesk/mistakes.md": _FILE,
         "/usr/share/doc/vesk/operating.md": _FILE,
         "/usr/share/man/man5/vesk-controller.toml.5.gz": _FILE,
         "/usr/share/man/man8/vesk-controller.8.gz": _FILE,

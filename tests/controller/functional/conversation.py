@@ -35,14 +35,15 @@ def ask_until_answered(end: UdpEnd, flow: Flow, to: Address, seconds: float = 10
 
 
 class Conversation:
-    """Goes on until it is stopped. An answer that does not come in a second is a loss; one that is
-    wrong ends it, and `stop` raises what was wrong."""
+    """Goes on until it is stopped. An answer that does not come in a second, or in `patience`, is a
+    loss; one that is wrong ends it, and `stop` raises what was wrong."""
 
-    def __init__(self, flow: Flow, to: Address) -> None:
+    def __init__(self, flow: Flow, to: Address, patience: float = 1.0) -> None:
         self.answered = 0
         self.lost = 0
         self._flow = flow
         self._to = to
+        self._patience = scaled(patience)
         self._stop = threading.Event()
         self._failure: Optional[BaseException] = None
         self._thread = threading.Thread(target=self._run, daemon=True)
@@ -53,7 +54,7 @@ class Conversation:
             with UdpEnd() as end:
                 while not self._stop.is_set():
                     payload = f"question {self.answered + self.lost}".encode()
-                    if ask(end, self._flow, self._to, payload, scaled(1)):
+                    if ask(end, self._flow, self._to, payload, self._patience):
                         self.answered += 1
                     else:
                         self.lost += 1
@@ -66,8 +67,18 @@ class Conversation:
         wait_until(lambda: self.answered >= goal or self._failure is not None,
                    f"{count} more answers came", 20)
 
-    def stop(self) -> None:
+    def wait_for_losses(self, count: int) -> None:
+        """Waits for so many more."""
+        goal = self.lost + count
+        wait_until(lambda: self.lost >= goal or self._failure is not None,
+                   f"{count} more answers did not come", 20)
+
+    def ask_no_more(self) -> None:
+        """The last question may still wait for its answer."""
         self._stop.set()
+
+    def stop(self) -> None:
+        self.ask_no_more()
         self._thread.join()
         if self._failure is not None:
             raise self._failure

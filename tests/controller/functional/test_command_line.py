@@ -47,12 +47,6 @@ def test_wrong_option_is_named(name: str) -> None:
     assert "--nonsense" in wrong.stderr
 
 
-def test_missing_file_is_bad_usage() -> None:
-    wrong = run(binary())
-    assert wrong.returncode == 2
-    assert "FILE" in wrong.stderr
-
-
 def test_new_key_is_printed() -> None:
     keys = [run(binary(), "--new-key") for _ in range(3)]
     assert all(key.returncode == 0 and KEY_LINE.fullmatch(key.stdout) for key in keys)

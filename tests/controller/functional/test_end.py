@@ -68,19 +68,6 @@ def test_no_traffic_is_made_up_where_nothing_is_reported(
     controller.wait_for("warn controller: nothing is reported, and the time to drain is over")
 
 
-def test_whoever_asks_twice_does_not_wait(configuration: ConfigurationFile,
-                                          start_controller: StartController, alice: Flow) -> None:
-    configuration.tables["controller"] = "drain_seconds = 1000"
-    configuration.write()
-    controller = start_controller().ready()
-    with Conversation(alice, configuration.listen) as conversation:
-        conversation.wait_for_answers(10)
-        controller.signal(signal.SIGTERM)
-        controller.wait_for(re.compile("info controller: draining: .*"))
-        controller.signal(signal.SIGTERM)
-        assert controller.wait_exit() == 0
-
-
 def test_a_forwarder_that_does_not_end_is_killed(configuration: ConfigurationFile,
                                                  start_controller: StartController) -> None:
     configuration.tables["controller"] = "drain_seconds = 0"

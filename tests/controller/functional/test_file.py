@@ -71,12 +71,6 @@ def test_a_file_that_is_not_there(configuration: ConfigurationFile) -> None:
                               "No such file or directory\n")
 
 
-@pytest.mark.parametrize("arguments", [[], ["--nonsense", "file"], ["one", "two"]])
-def test_bad_usage(arguments: list) -> None:
-    result = subprocess.run([binary(), *arguments], capture_output=True, check=False, timeout=20)
-    assert result.returncode == 2
-
-
 def test_a_low_limit_of_descriptors_is_said(configuration: ConfigurationFile) -> None:
     configuration.flows = {f"flow{label}": Flow(label=label, upstream=("127.0.0.1", 5000))
                            for label in range(1, 101)}

@@ -131,21 +131,6 @@ def test_a_key_file_is_read_again(configuration: ConfigurationFile,
     ask_until_answered(peer, flow, configuration.listen)
 
 
-def test_a_file_that_is_not_usable_changes_nothing(
-        configuration: ConfigurationFile, start_controller: StartController, alice: Flow) -> None:
-    configuration.write()
-    controller = start_controller().ready()
-    with Conversation(alice, configuration.listen) as conversation:
-        conversation.wait_for_answers(10)
-        configuration.write_text("[downstream\n")
-        assert controller.reload().startswith(
-            f"error controller: {configuration.path} is not usable")
-        controller.wait_for(re.compile(rf"error controller: {configuration.path}:1: .*"))
-        conversation.wait_for_answers(10)
-    assert conversation.lost == 0
-    assert controller.finish() == 0
-
-
 def test_the_downstream_address_moves(configuration: ConfigurationFile,
                                       start_controller: StartController, peer: UdpEnd,
                                       alice: Flow) -> None:

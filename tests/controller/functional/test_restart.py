@@ -57,14 +57,6 @@ def test_a_forwarder_that_cannot_live_is_started_with_growing_pauses(
     assert controller.finish() in (0, 3)
 
 
-def test_a_forwarder_that_is_not_there_is_reported(
-        configuration: ConfigurationFile, start_controller: StartController) -> None:
-    configuration.write()
-    controller = start_controller("--program", "/nowhere/vesk")
-    assert controller.wait_exit() == 3
-    controller.wait_for("error controller: cannot run /nowhere/vesk: No such file or directory")
-
-
 def test_the_forwarder_ends_with_the_controller(
         configuration: ConfigurationFile, start_controller: StartController, peer: UdpEnd,
         alice: Flow) -> None:

@@ -1,0 +1,91 @@
+"""The form of the table of operators' mistakes, and what all its rows share."""
+
+from __future__ import annotations
+
+import enum
+import re
+from dataclasses import dataclass
+from typing import TYPE_CHECKING, Callable, Dict, Optional, Sequence, Tuple
+
+if TYPE_CHECKING:
+    from trial import Trial
+
+
+# What a reload of a file that cannot be used ends with.
+UNUSABLE = "error controller: FILE is not usable: everything stays as it was"
+
+TAKEN_BY_ANOTHER = (
+    'another socket has it; end its process, which "ss -lunp" names, or change the file')
+
+
+class Traffic(enum.Enum):
+    """What the peers of the flows notice, in the words of the page."""
+
+    NOTHING = "nothing is started"
+    FORWARDED = "is forwarded"
+    UNHEARD = "none is forwarded"
+    REMEDIED = "none is forwarded until the cause is removed, then all"
+    UNAFFECTED = "no flow loses a datagram"
+    OTHERS_UNAFFECTED = "this flow's datagrams are dropped; no other flow loses one"
+    INTERRUPTED = "all flows pause until the new forwarder runs"
+    ENDED = "ends at once"
+
+
+@dataclass(frozen=True)
+class Mistake:
+    """One row. Messages name what differs by the words of `Trial.names`, and `...` for other text."""
+
+    what: str
+    make: Callable[["Trial"], None]
+    says: Tuple[str, ...]
+    traffic: Traffic
+    status: Optional[int] = None  # none: the controller goes on
+
+
+@dataclass(frozen=True)
+class FileMistake:
+    """One wrong line of a file that is in order otherwise: at the start and at a reload."""
+
+    what: str
+    lines: str  # put behind the file, or in the place of a line of it
+    says: str
+    wrong: int = -1  # which of the lines the message names
+    instead_of: str = ""
+
+
+@dataclass(frozen=True)
+class FileSection:
+    """Mistakes in the file, which all have the same outcome."""
+
+    title: str
+    rows: Sequence[FileMistake]
+
+
+@dataclass(frozen=True)
+class Section:
+    """Rows that are one table of the page."""
+
+    title: str
+    while_it_runs: bool  # or at the start
+    rows: Sequence[Mistake]
+
+
+def at_start(row: FileMistake) -> Mistake:
+    return Mistake(row.what, lambda trial: trial.make_in_file(row),
+                   (f"error FILE:LINE: {row.says}",), Traffic.NOTHING, 1)
+
+
+def at_reload(row: FileMistake) -> Mistake:
+    def make(trial: "Trial") -> None:
+        trial.make_in_file(row)
+        trial.reload()
+    return Mistake(row.what, make, (f"error controller: FILE:LINE: {row.says}", UNUSABLE),
+                   Traffic.UNAFFECTED)
+
+
+def pattern(message: str, names: Dict[str, str]) -> "re.Pattern[str]":
+    """What a message of the table matches."""
+    words = "|".join(sorted(map(re.escape, names), key=len, reverse=True))
+    parts = re.split(rf"(\.\.\.|\b(?:{words})\b)" if names else r"(\.\.\.)", message)
+    return re.compile("".join(
+        ".*" if part == "..." else re.escape(names.get(part, part)) for part in parts))
