@@ -210,6 +210,8 @@ SURROUNDINGS = Section("Environment, limits and standard descriptors", False, [
     Mistake("FIPS mode is required (`__TORLEXA_OPENSSL_FIPS`) on a host without it",
             _environment("__TORLEXA_OPENSSL_FIPS", ""),
             ("error Failed to initialize FIPS mode!", _ENDED.format(255), _AGAIN), Traffic.UNHEARD),
+    Mistake("the same by `__MIRVOX_OPENSSL_FIPS`", _environment("__MIRVOX_OPENSSL_FIPS", "1"),
+            ("error Failed to initialize FIPS mode!", _ENDED.format(255), _AGAIN), Traffic.UNHEARD),
     Mistake("`NOTIFY_SOCKET` names no socket", _environment("NOTIFY_SOCKET", "/nowhere/notify"),
             (), Traffic.FORWARDED),
     Mistake("too few descriptors for the flows", _prefix("prlimit", "--nofile=40:40"),
