@@ -1,7 +1,6 @@
 #include "metrics/exposition.h"
 
 #include <array>
-#include <span>
 #include <string>
 #include <utility>
 
@@ -15,11 +14,7 @@ namespace {
 using prometheus::MetricFamily;
 using prometheus::MetricType;
 
-struct SocketMetric {
-    std::uint64_t DatagramCounters::*value;
-    const char* name;
-    const char* help;
-};
+using SocketMetric = FigureMetric<DatagramCounters>;
 
 constexpr std::array<SocketMetric, 4> downstreamMetrics{{
     {&DatagramCounters::received, "vesk_downstream_received_datagrams_total",
@@ -77,13 +72,7 @@ constexpr std::array<SocketMetric, 6> flowMetrics{{
      "Replies of the flow that could not be signed or sent."},
 }};
 
-struct WorkerMetric {
-    std::uint64_t WorkerTotals::*value;
-    const char* name;
-    const char* help;
-};
-
-constexpr std::array<WorkerMetric, 3> workerMetrics{{
+constexpr std::array<FigureMetric<WorkerTotals>, 3> workerMetrics{{
     {&WorkerTotals::wakeUps, "vesk_worker_wakeups_total",
      "Times the worker woke to receive replies."},
     {&WorkerTotals::queuedSockets, "vesk_worker_queued_sockets_total",
@@ -92,26 +81,13 @@ constexpr std::array<WorkerMetric, 3> workerMetrics{{
      "Receive calls of the worker after which it asked for another: replies received."},
 }};
 
-void addSocket(Families& families, std::span<const SocketMetric> metrics,
-               const DatagramCounters& counters) {
-    for (const SocketMetric& metric : metrics) {
-        addCounter(families, metric.name, metric.help, counters.*metric.value);
-    }
-}
-
 void addFlows(Families& families, const Totals& totals) {
-    if (totals.flows.empty()) {
-        return;
+    std::vector<LabelledFigures<DatagramCounters>> flows;
+    flows.reserve(totals.flows.size());
+    for (const auto& [label, flow] : totals.flows) {
+        flows.push_back({flow.counters, {{"flow", flow.name}, {"label", labelText(label)}}});
     }
-    for (const SocketMetric& metric : flowMetrics) {
-        MetricFamily family{metric.name, metric.help, MetricType::Counter, {}};
-        family.metric.reserve(totals.flows.size());
-        for (const auto& [label, flow] : totals.flows) {
-            family.metric.push_back(counter(flow.counters.*metric.value,
-                                            {{"flow", flow.name}, {"label", labelText(label)}}));
-        }
-        families.push_back(std::move(family));
-    }
+    addTable(families, MetricType::Counter, flowMetrics, flows);
 }
 
 void addFlowSockets(Families& families, const Totals& totals) {
@@ -138,17 +114,11 @@ void addFlowSockets(Families& families, const Totals& totals) {
 }
 
 void addWorkers(Families& families, const Totals& totals) {
-    if (totals.workers.empty()) {
-        return;
+    std::vector<LabelledFigures<WorkerTotals>> workers;
+    for (std::size_t i = 0; i < totals.workers.size(); ++i) {
+        workers.push_back({totals.workers[i], {{"worker", std::to_string(i)}}});
     }
-    for (const WorkerMetric& metric : workerMetrics) {
-        MetricFamily family{metric.name, metric.help, MetricType::Counter, {}};
-        for (std::size_t i = 0; i < totals.workers.size(); ++i) {
-            family.metric.push_back(
-                counter(totals.workers[i].*metric.value, {{"worker", std::to_string(i)}}));
-        }
-        families.push_back(std::move(family));
-    }
+    addTable(families, MetricType::Counter, workerMetrics, workers);
 }
 
 void addReloads(Families& families, const ControllerState& state) {
@@ -217,9 +187,9 @@ std::vector<prometheus::MetricFamily> describeMetrics(const Totals& totals,
     Families families;
     addController(families, state);
     addReloads(families, state);
-    addSocket(families, downstreamMetrics, totals.downstream);
-    addSocket(families, upstreamMetrics, totals.upstream);
-    addSocket(families, lateralMetrics, totals.lateral);
+    addTable(families, MetricType::Counter, downstreamMetrics, totals.downstream);
+    addTable(families, MetricType::Counter, upstreamMetrics, totals.upstream);
+    addTable(families, MetricType::Counter, lateralMetrics, totals.lateral);
     addFlows(families, totals);
     addWorkers(families, totals);
     addPoll(families, totals, state.childUp);

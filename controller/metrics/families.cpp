@@ -21,6 +21,11 @@ ClientMetric gauge(double value, Labels labels) {
     return metric;
 }
 
+ClientMetric seriesOf(MetricType type, std::uint64_t value, Labels labels) {
+    return type == MetricType::Counter ? counter(value, std::move(labels))
+                                       : gauge(static_cast<double>(value), std::move(labels));
+}
+
 void addCounter(Families& families, const char* name, const char* help, std::uint64_t value) {
     families.push_back({name, help, MetricType::Counter, {counter(value)}});
 }

@@ -5,6 +5,7 @@
 #include <prometheus/metric_family.h>
 
 #include <cstdint>
+#include <utility>
 #include <vector>
 
 namespace vesk::controller {
@@ -15,6 +16,47 @@ using Families = std::vector<prometheus::MetricFamily>;
 /// One series. A counter's value beyond 2^53 is rounded.
 prometheus::ClientMetric counter(std::uint64_t value, Labels labels = {});
 prometheus::ClientMetric gauge(double value, Labels labels = {});
+prometheus::ClientMetric seriesOf(prometheus::MetricType type, std::uint64_t value, Labels labels);
+
+/// One of the figures that are kept together in a struct, as a metric.
+template <class Figures>
+struct FigureMetric {
+    std::uint64_t Figures::*value;
+    const char* name;
+    const char* help;
+};
+
+/// Figures, and the labels that tell them from other figures of the same metrics. Refers to them.
+template <class Figures>
+struct LabelledFigures {
+    const Figures& figures;
+    Labels labels;
+};
+
+/// A family for each metric of a table, with a series for each of the figures; nothing where there
+/// are no figures.
+template <class Table, class Figures>
+void addTable(Families& families, prometheus::MetricType type, const Table& metrics,
+              const std::vector<LabelledFigures<Figures>>& all) {
+    if (all.empty()) {
+        return;
+    }
+    for (const FigureMetric<Figures>& metric : metrics) {
+        prometheus::MetricFamily family{metric.name, metric.help, type, {}};
+        family.metric.reserve(all.size());
+        for (const LabelledFigures<Figures>& one : all) {
+            family.metric.push_back(seriesOf(type, one.figures.*metric.value, one.labels));
+        }
+        families.push_back(std::move(family));
+    }
+}
+
+/// The same for figures without a label.
+template <class Table, class Figures>
+void addTable(Families& families, prometheus::MetricType type, const Table& metrics,
+              const Figures& figures) {
+    addTable(families, type, metrics, std::vector<LabelledFigures<Figures>>{{figures, {}}});
+}
 
 /// A family of one series.
 void addCounter(Families& families, const char* name, const char* help, std::uint64_t value);

@@ -1,6 +1,9 @@
 #include "metrics/kernel_exposition.h"
 
 #include <array>
+#include <optional>
+#include <utility>
+#include <vector>
 
 namespace vesk::controller {
 
@@ -11,13 +14,7 @@ using prometheus::MetricType;
 
 constexpr std::array<const char*, sides> sideNames{"downstream", "lateral", "upstream"};
 
-struct SocketGauge {
-    std::uint64_t SocketFigures::*value;
-    const char* name;
-    const char* help;
-};
-
-constexpr std::array<SocketGauge, 3> socketGauges{{
+constexpr std::array<FigureMetric<SocketFigures>, 3> socketMetrics{{
     {&SocketFigures::sockets, "vesk_udp_sockets",
      "UDP sockets of the forwarder that have a port, by side."},
     {&SocketFigures::receiveQueue, "vesk_udp_receive_queue_bytes",
@@ -28,26 +25,29 @@ constexpr std::array<SocketGauge, 3> socketGauges{{
      "for twice net.core.wmem_max at most: set that to 262144."},
 }};
 
-/// A limited thing of which some is in use and some is left.
-struct RoomMetric {
-    std::optional<Room> KernelFigures::*room;
-    std::uint64_t Room::*value;
-    const char* name;
-    const char* help;
-};
-
-constexpr std::array<RoomMetric, 4> roomMetrics{{
-    {&KernelFigures::ports, &Room::used, "vesk_ephemeral_ports_used",
+constexpr std::array<FigureMetric<Room>, 2> portMetrics{{
+    {&Room::used, "vesk_ephemeral_ports_used",
      "Ephemeral ports on which the host has a UDP socket. Widen net.ipv4.ip_local_port_range."},
-    {&KernelFigures::ports, &Room::left, "vesk_ephemeral_ports_left",
+    {&Room::left, "vesk_ephemeral_ports_left",
      "Ephemeral ports without a UDP socket, reserved ones left out. At 0 new flows cannot send: "
      "widen net.ipv4.ip_local_port_range or shorten net.ipv4.ip_local_reserved_ports."},
-    {&KernelFigures::descriptors, &Room::used, "vesk_descriptors_used",
+}};
+
+constexpr std::array<FigureMetric<Room>, 2> descriptorMetrics{{
+    {&Room::used, "vesk_descriptors_used",
      "Descriptors that the forwarder has open, two for each flow with a socket. Raise LimitNOFILE "
      "of the unit."},
-    {&KernelFigures::descriptors, &Room::left, "vesk_descriptors_left",
+    {&Room::left, "vesk_descriptors_left",
      "Descriptors that the forwarder may still open. Below 2 no flow opens a socket: raise "
      "LimitNOFILE of the unit."},
+}};
+
+constexpr std::array<FigureMetric<Conntrack>, 2> conntrackMetrics{{
+    {&Conntrack::entries, "vesk_conntrack_entries",
+     "Connections that the kernel tracks. Take Vesk's ports out by a notrack rule."},
+    {&Conntrack::limit, "vesk_conntrack_entries_limit",
+     "Connections that the kernel may track; beyond it datagrams of new ones are dropped. Raise "
+     "net.netfilter.nf_conntrack_max."},
 }};
 
 struct EventMetric {
@@ -82,15 +82,11 @@ void addSides(Families& families, const KernelFigures& figures) {
     if (!figures.sockets) {
         return;
     }
-    for (const SocketGauge& metric : socketGauges) {
-        MetricFamily family{metric.name, metric.help, MetricType::Gauge, {}};
-        for (std::size_t side = 0; side < sides; ++side) {
-            family.metric.push_back(
-                gauge(static_cast<double>(figures.sockets->at(side).*metric.value),
-                      {{"side", sideNames.at(side)}}));
-        }
-        families.push_back(std::move(family));
+    std::vector<LabelledFigures<SocketFigures>> sockets;
+    for (std::size_t side = 0; side < sides; ++side) {
+        sockets.push_back({figures.sockets->at(side), {{"side", sideNames.at(side)}}});
     }
+    addTable(families, MetricType::Gauge, socketMetrics, sockets);
 }
 
 void addHostErrors(Families& families, const KernelFigures& figures) {
@@ -122,21 +118,14 @@ void addHostErrors(Families& families, const KernelFigures& figures) {
 
 void addKernelFigures(Families& families, const KernelFigures& figures) {
     addSides(families, figures);
-    for (const RoomMetric& metric : roomMetrics) {
-        if (const std::optional<Room>& room = figures.*metric.room) {
-            addGauge(families, metric.name, metric.help,
-                     static_cast<double>((*room).*metric.value));
+    const auto addPresent = [&](const auto& metrics, const auto& present) {
+        if (present) {
+            addTable(families, MetricType::Gauge, metrics, *present);
         }
-    }
-    if (figures.conntrack) {
-        addGauge(families, "vesk_conntrack_entries",
-                 "Connections that the kernel tracks. Take Vesk's ports out by a notrack rule.",
-                 static_cast<double>(figures.conntrack->entries));
-        addGauge(families, "vesk_conntrack_entries_limit",
-                 "Connections that the kernel may track; beyond it datagrams of new ones are "
-                 "dropped. Raise net.netfilter.nf_conntrack_max.",
-                 static_cast<double>(figures.conntrack->limit));
-    }
+    };
+    addPresent(portMetrics, figures.ports);
+    addPresent(descriptorMetrics, figures.descriptors);
+    addPresent(conntrackMetrics, figures.conntrack);
     addHostErrors(families, figures);
 }
 
