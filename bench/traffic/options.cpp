@@ -88,8 +88,7 @@ void addForwarder(CLI::App& app, TrafficOptions& options) {
     app.add_flag("--show-session", options.showSession,
                  "print the commands sent to the forwarder and everything that it logs");
     app.add_flag("--json", options.json, "print JSON instead of a table");
-    app.add_flag("--allow-loss", options.allowLoss,
-                 "do not fail if datagrams are lost");
+    app.add_flag("--allow-loss", options.allowLoss, "do not fail if datagrams are lost");
     app.add_option("command", options.command, "after \"--\": the forwarder to start and measure");
 }
 
