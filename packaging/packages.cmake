@@ -1,7 +1,7 @@
 # The Debian packages vesk, vesk-controller and vesk-tools, one for each component: build the target
-# "package", or run packaging/build-packages, which also makes them the same bytes every time.
+# "package", or run packaging/build-packages, which also makes the build reproducible.
 
-# Without the first, CPack goes on and makes packages that depend on no library.
+# Without the first one CPack makes packages that depend on no library.
 find_program(DPKG_SHLIBDEPS dpkg-shlibdeps)
 find_program(FILE_TYPE_PROGRAM file)
 mark_as_advanced(DPKG_SHLIBDEPS FILE_TYPE_PROGRAM)
@@ -25,10 +25,10 @@ set(CPACK_DEBIAN_PACKAGE_PRIORITY optional)
 set(CPACK_DEBIAN_PACKAGE_SECTION net)
 set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS ON)
 set(CPACK_DEBIAN_PACKAGE_CONTROL_STRICT_PERMISSION ON)
-# Core files are all that is left of a forwarder that crashed; the symbols make them readable. This also
-# strips the programs; CPACK_STRIP_FILES would do so before the symbols are taken.
+# The symbols are needed to read the core file of a forwarder that crashed. This also strips the programs;
+# CPACK_STRIP_FILES would do so before the symbols are extracted.
 set(CPACK_DEBIAN_DEBUGINFO_PACKAGE ON)
-# The packages say for themselves what they are; this would stand before it.
+# Each package has a description of its own; this text would precede it.
 set(CPACK_PACKAGE_DESCRIPTION_SUMMARY "")
 
 set(version "${PROJECT_VERSION}-${CPACK_DEBIAN_PACKAGE_RELEASE}")
@@ -40,12 +40,12 @@ set(CPACK_DEBIAN_FORWARDER_PACKAGE_CONTROL_EXTRA ${debian}/vesk/conffiles ${debi
 set(CPACK_DEBIAN_FORWARDER_DESCRIPTION "forwarder of authenticated UDP datagrams
 Vesk forwards UDP datagrams between remote peers and upstream services. Each
 datagram carries an HMAC and a flow label; for each declared label Vesk checks
-the HMAC, rewrites the label, signs again with another key and sends the
-datagram on. Replies take the same way back.
+the HMAC, rewrites the label, signs the datagram with another key and sends
+it on. Replies return the same way.
 
-This is the forwarder alone. It is run by a controlling service, which writes
-commands to its input and reads its log: the one in vesk-controller, or your
-own, for which vesk-control(7) is written.")
+This package contains the forwarder alone. A controlling service runs it,
+writes commands to its input and reads its log: either the one in the package
+vesk-controller, or your own, which vesk-control(7) helps to write.")
 
 set(CPACK_DEBIAN_CONTROLLER_PACKAGE_NAME vesk-controller)
 set(CPACK_DEBIAN_CONTROLLER_PACKAGE_SOURCE vesk)
@@ -56,12 +56,12 @@ set(CPACK_DEBIAN_CONTROLLER_PACKAGE_CONTROL_EXTRA
     ${debian}/vesk-controller/conffiles ${debian}/vesk-controller/postinst
     ${debian}/vesk-controller/prerm ${debian}/vesk-controller/postrm)
 set(CPACK_DEBIAN_CONTROLLER_DESCRIPTION "controlling service for the Vesk forwarder
-Reads the flows from a TOML file, runs the forwarder with them, starts it again
-if it ends, applies changes of the file without touching other flows, and
-serves the counters to Prometheus.
+Reads the flows from a TOML file, runs the forwarder with them, restarts it if
+it ends, applies changes of the file without affecting other flows, and serves
+metrics for Prometheus.
 
-With a template unit for systemd, an example, a dashboard for Grafana and alert
-rules for Prometheus.")
+It comes with a template unit for systemd, an example, a dashboard for Grafana
+and alert rules for Prometheus.")
 
 set(CPACK_DEBIAN_TOOLS_PACKAGE_NAME vesk-tools)
 set(CPACK_DEBIAN_TOOLS_PACKAGE_SOURCE vesk)
@@ -72,9 +72,9 @@ and an upstream service that answers them. It verifies what arrives and
 measures rates, round trips and processor time.
 
 The dissector shows the framing of Vesk's datagrams in Wireshark and tshark,
-and says of each HMAC whether it is right.")
+and whether each HMAC is good.")
 
-# Each package has its own changelog and licence, as Debian wants it.
+# Each package has its own changelog and licence, as Debian requires.
 add_custom_command(OUTPUT changelog.Debian.gz
     COMMAND gzip --best --no-name --stdout ${debian}/changelog > changelog.Debian.gz
     DEPENDS ${debian}/changelog VERBATIM)
