@@ -84,15 +84,15 @@ def test_preset_that_left_no_log_is_named(tmp_path: Path) -> None:
     assert (done.returncode, done.stdout) == (0, "Skipped tests: none\n  tsan: no test was run\n")
 
 
-def run_all_tests(tree: Path, ctest: str) -> "subprocess.CompletedProcess[str]":
+def run_all_tests(tree: Path, ctest: str, cmake: str = "exit 0") -> "subprocess.CompletedProcess[str]":
     """scripts/test in a copy of the tree, with stand-ins for all that takes long."""
     (tree / "scripts").mkdir()
     (tree / "tests").mkdir()
-    for name in ("test", "options.sh"):
+    for name in ("test", "options.sh", "stages.sh"):
         shutil.copy(ROOT / "scripts" / name, tree / "scripts")
     shutil.copy(ROOT / "tests/list_skipped.py", tree / "tests")
     add_program(tree / "scripts/setup", "exit 0")
-    add_program(tree / "bin/cmake", "exit 0")
+    add_program(tree / "bin/cmake", cmake)
     (tree / "given.log").write_text(CTEST_LOG, encoding="utf-8")
     add_program(tree / "bin/ctest", ctest)
     # What an earlier run left is not to be told as this one's.

@@ -1,0 +1,53 @@
+"""The table of stages at the end of scripts/test: the processor time and the length of each."""
+
+from __future__ import annotations
+
+import re
+from pathlib import Path
+from typing import Dict, Tuple
+
+from test_skipped_tests import WRITE_LOG, run_all_tests
+
+HEADING = re.compile(r"Stage +Processor +Elapsed")
+ROW = re.compile(r"  (\S.*?) +(\d+\.\d) s +(\d+\.\d) s")
+
+# Takes processor time in a process of its own, as a compiler below the build tool does.
+COMPUTE = """case "$*" in --build*asan*)
+    sh -c 'i=0; while [ $i -lt 600000 ]; do i=$((i + 1)); done' ;;
+esac"""
+
+
+def table(output: str) -> Dict[str, Tuple[float, float]]:
+    """Processor and elapsed seconds of each stage, in the table's order."""
+    lines = output.splitlines()
+    heading = next(i for i, line in enumerate(lines) if HEADING.fullmatch(line))
+    rows = {}
+    for line in lines[heading + 1:]:
+        row = ROW.fullmatch(line)
+        if not row:
+            break
+        rows[row[1]] = (float(row[2]), float(row[3]))
+    return rows
+
+
+def test_every_stage_has_a_row(tmp_path: Path) -> None:
+    done = run_all_tests(tmp_path, "exit 0")
+    assert (done.returncode, done.stderr) == (0, "")
+    assert list(table(done.stdout)) == ["setup", "release build", "release tests", "asan build",
+                                        "asan tests", "tsan build", "tsan tests", "all"]
+
+
+def test_processor_time_is_that_of_the_stage_and_its_children(tmp_path: Path) -> None:
+    rows = table(run_all_tests(tmp_path, "exit 0", COMPUTE).stdout)
+    processor = {name: row[0] for name, row in rows.items()}
+    assert processor["asan build"] >= 0.2, rows
+    assert processor["all"] >= processor["asan build"]
+    assert rows["asan build"][1] >= 0.2, rows
+    others = set(processor) - {"asan build", "all"}
+    assert all(processor[name] < processor["asan build"] for name in others), rows
+
+
+def test_failure_ends_the_table_with_its_stage(tmp_path: Path) -> None:
+    done = run_all_tests(tmp_path, WRITE_LOG + "exit 8")
+    assert done.returncode == 8
+    assert list(table(done.stdout)) == ["setup", "release build", "release tests", "all"]
