@@ -1,0 +1,98 @@
+"""The checks that look at joined files find what they would find in each file, and name its place."""
+
+from __future__ import annotations
+
+import json
+import subprocess
+import sys
+from pathlib import Path
+from typing import Dict
+
+import pytest
+
+CHECKS = Path(__file__).resolve().parent
+
+QUIET = "int doubled(int number) { return number * 2; }\n"
+HEADER = "#pragma once\nint* const nothing = 0;\n"
+INCLUDING = '#include "part.h"\n\nint first() { return 1; }\n'
+# Found by the static analyzer, and only if the function is looked at with every argument.
+DEREFERENCING = """namespace {
+int text(const int* pointer) {
+    if (pointer == nullptr) {
+        return *pointer;
+    }
+    return 0;
+}
+}  // namespace
+int second(const int& number) { return text(&number); }
+"""
+SAME_NAME = "namespace {\nint text(const int*) { return 3; }\n}  // namespace\nint third() { return text(nullptr); }\n"
+UNLOCKED = """struct __attribute__((capability("mutex"))) Lock {};
+Lock lock;
+int guarded __attribute__((guarded_by(lock)));
+int fourth() { return guarded; }
+"""
+
+
+@pytest.fixture
+def root(tmp_path: Path) -> Path:
+    (tmp_path / "src").mkdir()
+    (tmp_path / "src/quiet.cpp").write_text(QUIET, encoding="utf-8")
+    (tmp_path / ".clang-tidy").write_text(
+        "Checks: '-*,clang-analyzer-core.*,modernize-use-nullptr'\nWarningsAsErrors: '*'\n"
+        "HeaderFilterRegex: 'src/.*'\n", encoding="utf-8")
+    return tmp_path
+
+
+def check(root: Path, name: str, files: Dict[str, str], *arguments: str) -> "subprocess.CompletedProcess[str]":
+    for file, text in files.items():
+        (root / "src" / file).write_text(text, encoding="utf-8")
+    commands = [{"directory": str(root), "file": str(path),
+                 "command": f"ccache c++ -I{root}/src -std=c++20 -Wall -o {path.name}.o -c {path}"}
+                for path in (root / "src").glob("*.cpp")]
+    (root / "compile_commands.json").write_text(json.dumps(commands), encoding="utf-8")
+    return subprocess.run([sys.executable, "-B", str(CHECKS / name), str(root), str(root), *arguments],
+                          capture_output=True, text=True, check=False, timeout=120)
+
+
+def tidy(root: Path, files: Dict[str, str]) -> "subprocess.CompletedProcess[str]":
+    return check(root, "check_tidy.py", files, "src")
+
+
+def test_quiet_files_pass(root: Path) -> None:
+    done = tidy(root, {"including.cpp": "int first() { return 1; }\n"})
+    assert (done.returncode, done.stdout, done.stderr) == (0, "clang-tidy is quiet\n", "")
+
+
+def test_finding_in_a_header_is_reported_once(root: Path) -> None:
+    done = tidy(root, {"part.h": HEADER, "a.cpp": INCLUDING, "b.cpp": INCLUDING.replace("first", "other")})
+    assert done.returncode == 1
+    assert done.stdout.count(f"{root}/src/part.h:2:22: error: use nullptr") == 1, done.stdout
+
+
+def test_finding_in_a_source_file_has_its_place(root: Path) -> None:
+    done = tidy(root, {"a.cpp": "int first() { return 1; }\n", "z.cpp": DEREFERENCING})
+    assert done.returncode == 1
+    assert f"{root}/src/z.cpp:4:16: error: Dereference of null pointer" in done.stdout
+
+
+def test_files_that_cannot_be_joined_are_checked_all_the_same(root: Path) -> None:
+    done = tidy(root, {"y.cpp": SAME_NAME, "z.cpp": DEREFERENCING})
+    assert done.returncode == 1
+    assert f"{root}/src/z.cpp:4:16: error: Dereference of null pointer" in done.stdout
+    assert "redefinition" not in done.stdout
+
+
+def test_file_that_is_not_compiled_is_named(root: Path) -> None:
+    tidy(root, {})
+    (root / "src/new.cpp").write_text(QUIET, encoding="utf-8")
+    done = subprocess.run([sys.executable, "-B", str(CHECKS / "check_tidy.py"), str(root), str(root), "src"],
+                          capture_output=True, text=True, check=False, timeout=120)
+    assert done.returncode == 1
+    assert f"{root}/src/new.cpp: is compiled by no target" in done.stderr
+
+
+def test_guarded_data_without_its_lock_fails(root: Path) -> None:
+    done = check(root, "check_thread_safety.py", {"z.cpp": UNLOCKED})
+    assert done.returncode == 1
+    assert f"{root}/src/z.cpp:4:23: error: reading variable 'guarded' requires holding" in done.stdout
