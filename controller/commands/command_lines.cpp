@@ -1,5 +1,6 @@
 #include "commands/command_lines.h"
 
+#include <charconv>
 #include <utility>
 
 #include "config/label_text.h"
@@ -65,6 +66,18 @@ Command startCommand(const HostPort& listen) {
     return {"start",
             {{"addr", listen.host}, {"port", std::to_string(listen.port)}},
             "the downstream address"};
+}
+
+std::optional<HostPort> addressOf(const Command& start) {
+    HostPort address;
+    for (const auto& [name, value] : start.attributes) {
+        if (name == "addr") {
+            address.host = value;
+        } else if (name == "port") {
+            std::from_chars(value.data(), value.data() + value.size(), address.port);
+        }
+    }
+    return address.host.empty() ? std::nullopt : std::optional(address);
 }
 
 Command stopCommand() {

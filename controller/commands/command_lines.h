@@ -2,6 +2,7 @@
 // follow. Called by service/supervisor for each new child, and by main for --check.
 #pragma once
 
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -17,6 +18,9 @@ std::vector<std::string> programEnvironment(const ForwarderSettings& settings);
 
 Command logCommand(const std::string& level);
 Command startCommand(const HostPort& listen);
+
+/// The address that such a command names; none where it names none.
+std::optional<HostPort> addressOf(const Command& start);
 Command stopCommand();
 
 /// Leaves the address that the forwarder listens on, if any, and listens on this one.

@@ -11,7 +11,7 @@ namespace vesk::controller {
 std::vector<Command> Deployment::begin(const Configuration& wanted) {
     take(wanted);
     refusals_ = {};
-    listening_ = false;
+    listeningOn_.reset();
     lateralListening_ = false;
     return allCommands(wanted);
 }
@@ -27,9 +27,9 @@ void Deployment::note(const Outcome& outcome) {
     const bool refused = !outcome.errors.empty();
     if (command.word == "start") {
         refusals_.downstream = refused;
-        listening_ = !refused;
+        listeningOn_ = refused ? std::nullopt : addressOf(command);
     } else if (command.word == "stop") {
-        listening_ = false;
+        listeningOn_.reset();
     } else if (command.word == "start_lateral") {
         // It cannot be stopped: a second start is refused since the first was not.
         lateralListening_ = lateralListening_ || !refused;

@@ -38,11 +38,13 @@ class Deployment {
     const Refusals& refusals() const { return refusals_; }
 
     /// Whether the last forwarder that was told to listen for peers does so.
-    bool listening() const { return listening_; }
+    bool listening() const { return listeningOn_.has_value(); }
+    /// Where it does so; while it moves or is moved back, not what it was told last.
+    const std::optional<HostPort>& listeningOn() const { return listeningOn_; }
     /// The same of the lateral stream; none where no stream is configured.
     std::optional<bool> lateralListening() const;
     /// Whether it listens wherever the configuration says.
-    bool listensEverywhere() const { return listening_ && lateralListening().value_or(true); }
+    bool listensEverywhere() const { return listening() && lateralListening().value_or(true); }
 
     /// Has it listen on another address than it was told last; returns the commands.
     std::vector<Command> listenOn(const HostPort& address);
@@ -58,7 +60,7 @@ class Deployment {
 
     Configuration running_;
     Refusals refusals_;
-    bool listening_ = false;
+    std::optional<HostPort> listeningOn_;
     bool lateralListening_ = false;
     std::map<std::uint32_t, std::string> names_;
 };

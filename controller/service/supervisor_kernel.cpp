@@ -30,9 +30,13 @@ void Supervisor::count(const LogLine& line) {
 }
 
 void Supervisor::askTheKernel() {
-    KernelTarget target{session_->pid(), {listenerOn(wanted_.downstream), {}}, {}};
-    if (wanted_.lateral) {
-        target.listeners.lateral = listenerOn(wanted_.lateral->listen);
+    // The file may be ahead of the forwarder: the lateral stream never moves, and the listener for
+    // peers not at once.
+    const Configuration& running = deployment_.running();
+    const HostPort downstream = deployment_.listeningOn().value_or(running.downstream);
+    KernelTarget target{session_->pid(), {listenerOn(downstream), {}}, {}};
+    if (running.lateral) {
+        target.listeners.lateral = listenerOn(running.lateral->listen);
     }
     // With a quieter log nothing says whose a new socket is, nor that an old number is another's.
     if (levelNamed(wanted_.forwarder.logLevel) < LogLevel::info) {

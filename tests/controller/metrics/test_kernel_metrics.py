@@ -6,7 +6,7 @@ import os
 import re
 import signal
 from pathlib import Path
-from typing import Tuple
+from typing import Callable, Dict, Tuple
 
 import pytest
 
@@ -154,3 +154,29 @@ def test_no_figure_of_a_child_that_ended_is_shown(configuration: ConfigurationFi
     assert now[series] == dropped
     host.wait_for(lambda now: "vesk_descriptors_used" in now, "there is a reading of the new one")
     assert host.metrics()[series] == dropped
+
+
+def next_reading(host: Host) -> Callable[[Dict[str, float]], bool]:
+    """Tells whether a page shows a reading that began after this call: one more port is in use."""
+    used = host.metrics()["vesk_ephemeral_ports_used"]
+    host.peer()
+    return lambda now: now["vesk_ephemeral_ports_used"] == used + 1
+
+
+def sockets(now: Dict[str, float]) -> Dict[str, float]:
+    return {side: now[f'vesk_udp_sockets{{side="{side}"}}']
+            for side in ("downstream", "lateral", "upstream")}
+
+
+def test_a_lateral_stream_is_shown_where_it_is_until_the_forwarder_is_started_again(
+        configuration: ConfigurationFile, host: Host) -> None:
+    configuration.join(4600)
+    controller = host.start()
+    host.wait_for(lambda now: "vesk_descriptors_used" in now, "there is a reading")
+    configuration.join(4601)
+    configuration.write()
+    controller.reload()
+    controller.wait_for(
+        "warn controller: lateral: takes effect when the forwarder is started again")
+    host.wait_for(next_reading(host), "there is another reading")
+    assert sockets(host.metrics()) == {"downstream": 1, "lateral": 1, "upstream": 0}

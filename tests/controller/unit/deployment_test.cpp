@@ -51,6 +51,26 @@ TEST(Deployment, TriesRefusedCommandsAgainUntilTheyAreTaken) {
     EXPECT_THAT(deployment.change(configuration).commands, IsEmpty());
 }
 
+TEST(Deployment, KnowsWhereItListensOfWhatWasAnswered) {
+    const Configuration before = listeningWith("");
+    Configuration after = before;
+    after.downstream = {"127.0.0.2", 7};
+    Deployment deployment = deployed(before, {});
+    EXPECT_EQ(deployment.listeningOn(), before.downstream);
+
+    const std::vector<Command> move = deployment.change(after).commands;
+    EXPECT_EQ(deployment.listeningOn(), before.downstream);
+    for (const Command& command : move) {
+        deployment.note(outcomeOf(command, command.word == "start"));
+    }
+    EXPECT_EQ(deployment.listeningOn(), std::nullopt);
+
+    for (const Command& command : deployment.listenOn(before.downstream)) {
+        deployment.note(outcomeOf(command, false));
+    }
+    EXPECT_EQ(deployment.listeningOn(), before.downstream);
+}
+
 const std::string withLateral =
     "[lateral]\naddress = \"127.0.0.1\"\nport = 1\nindex = 0\ninstances = 2\n"
     "peers = [{ index = 1, address = \"127.0.0.2\" }]\n";
