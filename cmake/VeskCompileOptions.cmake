@@ -3,14 +3,14 @@
 add_library(vesk_compile_options INTERFACE)
 
 # For test programs, which run once and are compiled often: they are left unoptimised, the libraries
-# that they test are not. Set the variable of the same name for a folder of them.
+# that they test are not, and have no more debug information than a stack trace shows. Set the variable of the same name for a folder of them.
 define_property(TARGET PROPERTY VESK_QUICK_BUILD INITIALIZE_FROM_VARIABLE VESK_QUICK_BUILD
     BRIEF_DOCS "Whether the target is compiled without optimisation")
 set(vesk_quick $<BOOL:$<TARGET_PROPERTY:VESK_QUICK_BUILD>>)
 
 target_compile_options(vesk_compile_options INTERFACE
     -Wall -Wextra -Wpedantic -Wshadow -Wconversion
-    $<${vesk_quick}:-O0>
+    "$<${vesk_quick}:-O0;-g1>"
     $<$<BOOL:${VESK_WARNINGS_AS_ERRORS}>:-Werror>
     $<$<CXX_COMPILER_ID:Clang>:-Wthread-safety>)
 

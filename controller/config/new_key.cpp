@@ -33,7 +33,7 @@ bool writeAll(int fd, const std::string& text) {
 }  // namespace
 
 std::string newKeyLine() {
-    constexpr std::string_view hexDigits = "0123456789abcdef";
+    constexpr std::string_view lowerCaseDigits = "0123456789abcdef";
     std::array<unsigned char, keyBytes> bytes{};
     // Requests of this size are neither interrupted nor cut.
     if (getrandom(bytes.data(), bytes.size(), 0) != static_cast<ssize_t>(bytes.size())) {
@@ -41,8 +41,8 @@ std::string newKeyLine() {
     }
     std::string line;
     for (const unsigned char byte : bytes) {
-        line += hexDigits[byte >> 4U];
-        line += hexDigits[byte & 0xfU];
+        line += lowerCaseDigits[byte >> 4U];
+        line += lowerCaseDigits[byte & 0xfU];
     }
     return line + "\n";
 }

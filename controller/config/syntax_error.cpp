@@ -13,7 +13,7 @@ namespace vesk::controller {
 
 namespace {
 
-constexpr std::string_view blanks = " \t\r";
+constexpr std::string_view lineBlanks = " \t\r";
 constexpr std::string_view bareKeyCharacters =
     "abcdefghijklmnopqrstuvwxyzABCDEFGHIJKLMNOPQRSTUVWXYZ0123456789-_.";
 
@@ -86,11 +86,11 @@ std::vector<std::string_view> linesOf(std::string_view text, std::size_t count) 
 }
 
 std::string_view trimmed(std::string_view text) {
-    const std::size_t first = text.find_first_not_of(blanks);
+    const std::size_t first = text.find_first_not_of(lineBlanks);
     if (first == std::string_view::npos) {
         return {};
     }
-    return text.substr(first, text.find_last_not_of(blanks) - first + 1);
+    return text.substr(first, text.find_last_not_of(lineBlanks) - first + 1);
 }
 
 /// The name in "[name]" or "[[name]]"; nothing for any other line.

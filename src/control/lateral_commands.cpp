@@ -49,7 +49,7 @@ struct LateralSettings {
     std::uint32_t maxQels;
 };
 
-void reportUnusableAddress() {
+void reportUnusableLateralAddress() {
     logError("startLateralStream: bad command, Invalid lateral address and/or port ");
 }
 
@@ -62,7 +62,7 @@ bool isUsableLateralAddress(const std::string& address, std::uint64_t port) {
     } catch (const std::invalid_argument&) {
     } catch (const std::runtime_error&) {
     }
-    reportUnusableAddress();
+    reportUnusableLateralAddress();
     return false;
 }
 
@@ -139,7 +139,7 @@ std::optional<EndpointPtr> openLateralEndpoint(const LateralSettings& settings,
     } catch (const std::invalid_argument&) {
     } catch (const std::runtime_error&) {
     }
-    reportUnusableAddress();
+    reportUnusableLateralAddress();
     return std::nullopt;
 }
 

@@ -52,21 +52,22 @@ void rememberUpstreamLocal(const LocalAddress& localDestination, VeskEndpointDes
 }
 
 /// `peerless`: no peer's datagram has passed its check yet.
-enum class Verdict { send, forged, peerless, unsignable };
+enum class ReplyVerdict { send, forged, peerless, unsignable };
 
 /// Turns the reply into the datagram that goes downstream, and addresses the message that carries
 /// it.
-Verdict convertForDownstream(const Reply& reply, OutgoingMessage& message, ReturnPath& returnPath,
-                             VeskEndpointDescriptor& flow, const ForwarderContext& context) {
+ReplyVerdict convertForDownstream(const Reply& reply, OutgoingMessage& message,
+                                  ReturnPath& returnPath, VeskEndpointDescriptor& flow,
+                                  const ForwarderContext& context) {
     const MutexLock lock(flow.towardsDownstream);
     if (!checkDatagram(context.framing, reply.buffer(), reply.headerLength, reply.length,
                        flow.flow.up.inHmac)) {
-        return Verdict::forged;
+        return ReplyVerdict::forged;
     }
     const bool localIsKnown =
         addressToLastSender(message, returnPath, reply.localDestination, flow);
     if (!message.hasDestination()) {
-        return Verdict::peerless;
+        return ReplyVerdict::peerless;
     }
     if (!localIsKnown) {
         rememberUpstreamLocal(reply.localDestination, flow);
@@ -74,7 +75,7 @@ Verdict convertForDownstream(const Reply& reply, OutgoingMessage& message, Retur
     rewriteLabel(context.framing, reply.buffer(), flow.flow.down.label);
     const bool isSigned = signDatagram(context.framing, reply.buffer(), reply.headerLength,
                                        reply.length, flow.flow.down.outHmac);
-    return isSigned ? Verdict::send : Verdict::unsignable;
+    return isSigned ? ReplyVerdict::send : ReplyVerdict::unsignable;
 }
 
 void countReturned(ssize_t sent, int error, VeskEndpointDescriptor& flow,
@@ -117,14 +118,14 @@ void returnReply(const Reply& reply, VeskEndpointDescriptor& flow, const WayOut&
     OutgoingMessage message(context.ipv4Source);
     ReturnPath returnPath;
     switch (convertForDownstream(reply, message, returnPath, flow, context)) {
-        case Verdict::forged:
+        case ReplyVerdict::forged:
             flow.counters.rxDgError.increment();
             break;
-        case Verdict::peerless:
-        case Verdict::unsignable:
+        case ReplyVerdict::peerless:
+        case ReplyVerdict::unsignable:
             flow.counters.dnTxDgDropped.increment();
             break;
-        case Verdict::send:
+        case ReplyVerdict::send:
             sendDownstream(reply, message, returnPath, flow, wayOut, context);
             break;
     }

@@ -11,7 +11,7 @@ namespace {
 using testing::ElementsAre;
 using testing::IsEmpty;
 
-std::vector<std::string> linesOf(const std::vector<Command>& commands) {
+std::vector<std::string> changedLines(const std::vector<Command>& commands) {
     std::vector<std::string> lines;
     for (const Command& command : commands) {
         lines.push_back(toLine(command));
@@ -26,7 +26,7 @@ ConfigurationChanges changes(const std::string& before, const std::string& after
 
 std::vector<std::string> linesBetween(const std::string& before, const std::string& after,
                                       const Refusals& refusals = {}) {
-    return linesOf(changes(before, after, refusals).commands);
+    return changedLines(changes(before, after, refusals).commands);
 }
 
 /// A flow to port LABEL, with more keys.
@@ -100,7 +100,7 @@ TEST(ConfigurationChanges, MoveTheDownstreamAddressAndTheLogLevel) {
     wanted.downstream.port = 4501;
     wanted.forwarder.logLevel = "debug";
     const ConfigurationChanges result = changesBetween(configurationOf(listening), wanted, {});
-    EXPECT_THAT(linesOf(result.commands),
+    EXPECT_THAT(changedLines(result.commands),
                 ElementsAre("log priority debug", "stop", "start addr 127.0.0.1 port 4501"));
     EXPECT_THAT(result.waiting, IsEmpty());
     EXPECT_EQ(result.after.downstream.port, 4501);
@@ -137,7 +137,8 @@ TEST(ConfigurationChanges, StartALateralStreamThatIsNew) {
 
 TEST(ConfigurationChanges, AddLateralPeersWhileTheStreamRuns) {
     const ConfigurationChanges result = changes(lateral(1, peer1), lateral(1, peer1 + "," + peer2));
-    EXPECT_THAT(linesOf(result.commands), ElementsAre("add_lateral_peer idx 2 addr 127.0.0.3"));
+    EXPECT_THAT(changedLines(result.commands),
+                ElementsAre("add_lateral_peer idx 2 addr 127.0.0.3"));
     EXPECT_THAT(result.waiting, IsEmpty());
     EXPECT_EQ(result.after.lateral->peers.size(), 2U);
 }
@@ -161,7 +162,7 @@ TEST(ConfigurationChanges, WaitWhereTheLateralStreamMovesOrGoes) {
 TEST(ConfigurationChanges, StartALateralStreamThatWasRefused) {
     const ConfigurationChanges result =
         changes(lateral(2, peer1), lateral(1, peer1), Refusals{{}, false, true});
-    EXPECT_THAT(linesOf(result.commands),
+    EXPECT_THAT(changedLines(result.commands),
                 ElementsAre("add_lateral_peer idx 1 addr 127.0.0.2", started));
     EXPECT_THAT(result.waiting, IsEmpty());
 }

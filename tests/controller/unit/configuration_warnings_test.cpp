@@ -16,7 +16,7 @@ using testing::Not;
 
 constexpr std::string_view everywhere = "[downstream]\naddress = \"0.0.0.0\"\nport = 4500\n";
 
-std::string flow(const std::string& name, int label, const std::string& rest) {
+std::string warnedFlow(const std::string& name, int label, const std::string& rest) {
     return "[flows." + name + "]\nlabel = " + std::to_string(label) +
            "\nupstream = \"127.0.0.1:1\"\n" + rest + "\n";
 }
@@ -30,18 +30,19 @@ std::vector<std::string> warningsBesides(const std::string& text) {
 }
 
 TEST(ConfigurationWarnings, AreNoneForAFlowWithItsOwnKeys) {
-    EXPECT_THAT(warningsOf(flow("a", 1,
-                                "from_peer = { key = \"abababababababababababababababab\" "
-                                "}\nto_peer = { key = \"cdcdcdcdcdcdcdcdcdcdcdcdcdcdcdcd\" }") +
-                           std::string(everywhere)),
-                IsEmpty());
+    EXPECT_THAT(
+        warningsOf(warnedFlow("a", 1,
+                              "from_peer = { key = \"abababababababababababababababab\" "
+                              "}\nto_peer = { key = \"cdcdcdcdcdcdcdcdcdcdcdcdcdcdcdcd\" }") +
+                   std::string(everywhere)),
+        IsEmpty());
 }
 
 TEST(ConfigurationWarnings, NameFlowsWithoutAnyKeyOnAPublicAddress) {
     const std::string flows =
-        flow("a", 1, "") +
-        flow("b", 2, "to_peer = { key = \"abababababababababababababababab\" }") +
-        flow("c", 3, "to_upstream = { label = 9 }");
+        warnedFlow("a", 1, "") +
+        warnedFlow("b", 2, "to_peer = { key = \"abababababababababababababababab\" }") +
+        warnedFlow("c", 3, "to_upstream = { label = 9 }");
     EXPECT_THAT(warningsOf(flows + std::string(everywhere)),
                 ElementsAre(AllOf(HasSubstr("2 flows have no key"), HasSubstr("0.0.0.0"),
                                   HasSubstr("a, c"), Not(HasSubstr("b,")))));
@@ -60,7 +61,7 @@ TEST(ConfigurationWarnings, NameFlowsWithoutAnyKeyOnAPublicAddress) {
 TEST(ConfigurationWarnings, CountWhatTheyDoNotName) {
     std::string flows;
     for (int label = 1; label <= 20; ++label) {
-        flows += flow("flow" + std::to_string(label), label, "");
+        flows += warnedFlow("flow" + std::to_string(label), label, "");
     }
     EXPECT_THAT(warningsOf(flows + std::string(everywhere)),
                 ElementsAre(AllOf(HasSubstr("20 flows have no key"),
@@ -69,23 +70,24 @@ TEST(ConfigurationWarnings, CountWhatTheyDoNotName) {
 
 TEST(ConfigurationWarnings, NameTheUsesOfAKeyThatIsUsedTwice) {
     const std::string key = "{ key = \"7e7e7e7e7e7e7e7e7e7e7e7e7e7e7e7e\" }";
-    EXPECT_THAT(warningsBesides(flow("a", 1, "from_peer = " + key + "\nto_peer = " + key)),
+    EXPECT_THAT(warningsBesides(warnedFlow("a", 1, "from_peer = " + key + "\nto_peer = " + key)),
                 ElementsAre(AllOf(HasSubstr("1 key is used for several"),
                                   HasSubstr("flows.a.from_peer and flows.a.to_peer"),
                                   Not(HasSubstr("7e7e")))));
-    EXPECT_THAT(warningsBesides(flow("a", 1, "from_peer = " + key) +
-                                flow("b", 2,
-                                     "to_upstream = { key = \"7E7E7E7E7E7E7E7E7E7E7E7E7E7E7E7E\", "
-                                     "algorithm = \"sha1\" }")),
-                ElementsAre(HasSubstr("flows.a.from_peer and flows.b.to_upstream")));
+    EXPECT_THAT(
+        warningsBesides(warnedFlow("a", 1, "from_peer = " + key) +
+                        warnedFlow("b", 2,
+                                   "to_upstream = { key = \"7E7E7E7E7E7E7E7E7E7E7E7E7E7E7E7E\", "
+                                   "algorithm = \"sha1\" }")),
+        ElementsAre(HasSubstr("flows.a.from_peer and flows.b.to_upstream")));
 }
 
 TEST(ConfigurationWarnings, NameKeysThatCanBeGuessed) {
     const std::string fifteen(30, 'a');
     const std::string sixteen(32, 'b');
     EXPECT_THAT(
-        warningsBesides(flow("a", 1, "from_peer = { key = \"" + fifteen + "\" }") +
-                        flow("b", 2, "to_peer = { key = \"" + sixteen + "\" }")),
+        warningsBesides(warnedFlow("a", 1, "from_peer = { key = \"" + fifteen + "\" }") +
+                        warnedFlow("b", 2, "to_peer = { key = \"" + sixteen + "\" }")),
         ElementsAre("1 key is shorter than 16 bytes and can be guessed: flows.a.from_peer"));
 }
 
@@ -98,24 +100,26 @@ TEST(ConfigurationWarnings, NameLabelsAndPrefixesOfAnotherInstance) {
     const std::string lateral =
         "[lateral]\naddress = \"127.0.0.1\"\nport = 1\nindex = 1\ninstances = 2\n"
         "peers = [{ index = 0, address = \"127.0.0.2\" }]\n";
-    EXPECT_THAT(warningsBesides(lateral + flow("mine", 0x10001, "") + flow("other", 0x20001, "")),
+    EXPECT_THAT(warningsBesides(lateral + warnedFlow("mine", 0x10001, "") +
+                                warnedFlow("other", 0x20001, "")),
                 ElementsAre(AllOf(HasSubstr("1 label or prefix belongs to another instance"),
                                   HasSubstr("flows.other (label 0x20001, instance 0)"))));
-    EXPECT_THAT(warningsBesides(lateral + flow("mine", 0x10001,
-                                               "auxiliary = { prefix = 4, upstream_label = 1 }")),
-                ElementsAre(HasSubstr("flows.mine (prefix 0x4, instance 0)")));
-    EXPECT_THAT(warningsBesides(flow("alone", 0x20001, "")), IsEmpty());
+    EXPECT_THAT(
+        warningsBesides(lateral + warnedFlow("mine", 0x10001,
+                                             "auxiliary = { prefix = 4, upstream_label = 1 }")),
+        ElementsAre(HasSubstr("flows.mine (prefix 0x4, instance 0)")));
+    EXPECT_THAT(warningsBesides(warnedFlow("alone", 0x20001, "")), IsEmpty());
 }
 
 TEST(ConfigurationWarnings, CountTheInstancesThatNoPeerIs) {
     EXPECT_THAT(
-        warningsBesides(flow("a", 1, "") +
+        warningsBesides(warnedFlow("a", 1, "") +
                         "[lateral]\naddress = \"127.0.0.1\"\nport = 1\nindex = 0\n"
                         "instances = 4\npeers = [{ index = 2, address = \"127.0.0.2\" }]\n"),
         ElementsAre(AllOf(HasSubstr("lateral.peers names 1 of the 3 other instances"),
                           HasSubstr("missing: 1, 3"))));
     EXPECT_THAT(warningsBesides(
-                    flow("a", 1, "") +
+                    warnedFlow("a", 1, "") +
                     "[lateral]\naddress = \"127.0.0.1\"\nport = 1\nindex = 0\n"
                     "instances = 4294967295\npeers = [{ index = 2, address = \"127.0.0.2\" }]\n"),
                 ElementsAre(HasSubstr("missing: 1, 3, 4 and 4294967290 more")));
@@ -123,7 +127,7 @@ TEST(ConfigurationWarnings, CountTheInstancesThatNoPeerIs) {
 
 TEST(ConfigurationWarnings, NameSourcesThatTheKernelMayReplace) {
     const std::string sources =
-        flow("a", 1, "source = \"127.0.0.9:7\"") +
+        warnedFlow("a", 1, "source = \"127.0.0.9:7\"") +
         "[flows.b]\nlabel = 2\nupstream = \"[::1]:1\"\nsource = \"[::1]:7\"\n";
     EXPECT_THAT(warningsBesides("[forwarder]\nipv4_source = \"kernel\"\n" + sources),
                 ElementsAre(AllOf(HasSubstr("1 flow has an IPv4 source"),
@@ -132,9 +136,9 @@ TEST(ConfigurationWarnings, NameSourcesThatTheKernelMayReplace) {
 }
 
 TEST(ConfigurationWarnings, ShowNoNameThatMayBeAKey) {
-    EXPECT_THAT(
-        warningsOf(flow("7e7e7e7e7e7e7e7e7e7e7e7e7e7e7e7e7e7e", 1, "") + std::string(everywhere)),
-        ElementsAre(AllOf(HasSubstr("1 flow has no key"), Not(HasSubstr("7e7e")))));
+    EXPECT_THAT(warningsOf(warnedFlow("7e7e7e7e7e7e7e7e7e7e7e7e7e7e7e7e7e7e", 1, "") +
+                           std::string(everywhere)),
+                ElementsAre(AllOf(HasSubstr("1 flow has no key"), Not(HasSubstr("7e7e")))));
 }
 
 }  // namespace

@@ -11,24 +11,26 @@ namespace {
 using testing::HasSubstr;
 using testing::StartsWith;
 
-const Command start = startCommand({"192.0.2.1", 4500});
+const Command listening = startCommand({"192.0.2.1", 4500});
 
 TEST(ListenerRemedy, NamesAddressPortAndWhatToDo) {
     const std::string said =
-        cannotListen(start, "Failed bind syscall for endpoint socket: Address already in use");
+        cannotListen(listening, "Failed bind syscall for endpoint socket: Address already in use");
     EXPECT_THAT(said, StartsWith("cannot listen on 192.0.2.1, port 4500: another socket has it"));
     EXPECT_THAT(said, HasSubstr("\"ss -lunp\""));
 }
 
 TEST(ListenerRemedy, TellsTheErrorsApart) {
-    EXPECT_THAT(cannotListen(start, "Cannot assign requested address"), HasSubstr("ip address"));
-    EXPECT_THAT(cannotListen(start, "Permission denied"), HasSubstr("CAP_NET_BIND_SERVICE"));
-    EXPECT_THAT(cannotListen(start, "Address family not supported by protocol"), HasSubstr("IPv6"));
-    EXPECT_THAT(cannotListen(start, "Too many open files"), HasSubstr("LimitNOFILE"));
+    EXPECT_THAT(cannotListen(listening, "Cannot assign requested address"),
+                HasSubstr("ip address"));
+    EXPECT_THAT(cannotListen(listening, "Permission denied"), HasSubstr("CAP_NET_BIND_SERVICE"));
+    EXPECT_THAT(cannotListen(listening, "Address family not supported by protocol"),
+                HasSubstr("IPv6"));
+    EXPECT_THAT(cannotListen(listening, "Too many open files"), HasSubstr("LimitNOFILE"));
 }
 
 TEST(ListenerRemedy, RepeatsWhatItDoesNotKnow) {
-    EXPECT_EQ(cannotListen(start, "no such thing"),
+    EXPECT_EQ(cannotListen(listening, "no such thing"),
               "cannot listen on 192.0.2.1, port 4500: no such thing");
 }
 

@@ -147,8 +147,8 @@ TEST_F(LogLimitTest, RemembersABoundedNumberOfKinds) {
 }
 
 TEST_F(LogLimitTest, LeavesNoLineUncounted) {
-    constexpr unsigned seed = 20240501;
-    std::mt19937 random(seed);
+    constexpr unsigned lotSeed = 20240501;
+    std::mt19937 random(lotSeed);
     std::uint64_t lines = 0;
     for (int step = 0; step < 100000; ++step) {
         const auto number = static_cast<int>(random() % 400);
@@ -165,8 +165,8 @@ TEST_F(LogLimitTest, LeavesNoLineUncounted) {
     for (const LeftOut& count : limit.allCounts()) {
         leftOut += count.lines;
     }
-    EXPECT_GT(leftOut, 0U) << "seed " << seed;
-    EXPECT_EQ(passed + leftOut, lines) << "seed " << seed;
+    EXPECT_GT(leftOut, 0U) << "seed " << lotSeed;
+    EXPECT_EQ(passed + leftOut, lines) << "seed " << lotSeed;
 }
 
 }  // namespace

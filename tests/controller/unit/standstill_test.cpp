@@ -8,13 +8,13 @@ namespace {
 using std::chrono::milliseconds;
 
 TEST(Standstill, NeedsTheSameCountersForLongEnough) {
-    const Standstill::Clock::time_point start;
+    const Standstill::Clock::time_point firstSeen;
     Standstill standstill(milliseconds(1000));
-    EXPECT_FALSE(standstill.observe({1, 2}, start));
-    EXPECT_FALSE(standstill.observe({1, 2}, start + milliseconds(999)));
-    EXPECT_FALSE(standstill.observe({1, 3}, start + milliseconds(1000)));
-    EXPECT_FALSE(standstill.observe({1, 3}, start + milliseconds(1999)));
-    EXPECT_TRUE(standstill.observe({1, 3}, start + milliseconds(2000)));
+    EXPECT_FALSE(standstill.observe({1, 2}, firstSeen));
+    EXPECT_FALSE(standstill.observe({1, 2}, firstSeen + milliseconds(999)));
+    EXPECT_FALSE(standstill.observe({1, 3}, firstSeen + milliseconds(1000)));
+    EXPECT_FALSE(standstill.observe({1, 3}, firstSeen + milliseconds(1999)));
+    EXPECT_TRUE(standstill.observe({1, 3}, firstSeen + milliseconds(2000)));
 }
 
 TEST(TrafficCounters, ShowTrafficWhereverItGoes) {

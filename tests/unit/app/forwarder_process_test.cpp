@@ -43,12 +43,12 @@ ChildResult runWith(
     });
 }
 
-constexpr int failure = 255;
+constexpr int failureStatus = 255;
 
 TEST(ForwarderProcessTest, EndsAtOnceWithBadArguments) {
     for (const char* text : {"UDPV2", ""}) {
         const ChildResult child = runWith({text}, "");
-        EXPECT_EQ(child.exitCode, failure);
+        EXPECT_EQ(child.exitCode, failureStatus);
         EXPECT_THAT(child.printed,
                     EndsWith("error Bad UDP version argument [" + std::string(text) + "]\n"));
     }
@@ -59,7 +59,7 @@ TEST(ForwarderProcessTest, EndsAtOnceWhereTheRequiredCryptographyIsMissing) {
     if (child.exitCode == 0) {
         GTEST_SKIP() << "this host's libcrypto comes with FIPS mode";
     }
-    EXPECT_EQ(child.exitCode, failure);
+    EXPECT_EQ(child.exitCode, failureStatus);
     EXPECT_THAT(child.printed, EndsWith("error Failed to initialize FIPS mode!\n"));
 }
 

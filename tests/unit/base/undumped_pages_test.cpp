@@ -35,12 +35,12 @@ std::string flagsOf(const void* place) {
 
 TEST(UndumpedPagesTest, AreLeftOutOfACoreFile) {
     UndumpedPages pages;
-    constexpr std::size_t size = 10000;
-    auto* const memory = static_cast<char*>(pages.allocate(size));
-    std::memset(memory, 1, size);
+    constexpr std::size_t pageBytes = 10000;
+    auto* const memory = static_cast<char*>(pages.allocate(pageBytes));
+    std::memset(memory, 1, pageBytes);
     EXPECT_NE(flagsOf(memory).find(" dd"), std::string::npos);
-    EXPECT_NE(flagsOf(memory + size - 1).find(" dd"), std::string::npos);
-    pages.deallocate(memory, size);
+    EXPECT_NE(flagsOf(memory + pageBytes - 1).find(" dd"), std::string::npos);
+    pages.deallocate(memory, pageBytes);
 }
 
 TEST(UndumpedPagesTest, GoBackToTheSystem) {

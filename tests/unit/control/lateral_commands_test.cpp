@@ -1,6 +1,3 @@
-// The random source is replaced by way of an interface that the library marks as deprecated.
-#define OPENSSL_SUPPRESS_DEPRECATED
-
 #include "control/lateral_commands.h"
 
 #include <gmock/gmock.h>

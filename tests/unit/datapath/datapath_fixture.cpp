@@ -50,9 +50,9 @@ std::string DatapathTest::keyWords(const std::string& name, const TestKey& key) 
     return " " + name + "_key " + toHex(key.bytes) + " " + name + "_algo " + key.digest;
 }
 
-Bytes DatapathTest::framed(std::uint32_t label, const Bytes& payload, const TestKey& key) const {
-    return context->framing.version == 1 ? framedV1(label, payload, key, {7, 8})
-                                         : framedV2(label, payload, key);
+Bytes DatapathTest::framed(std::uint32_t label, const Bytes& content, const TestKey& key) const {
+    return context->framing.version == 1 ? framedV1(label, content, key, {7, 8})
+                                         : framedV2(label, content, key);
 }
 
 void DatapathTest::hand(VeskEndpointDescriptor& endpoint, const Bytes& datagram,

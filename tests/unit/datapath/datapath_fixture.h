@@ -9,6 +9,7 @@
 #include <string>
 
 #include "datapath/downstream.h"
+#include "support/bytes.h"
 #include "support/forwarder.h"
 #include "support/framed.h"
 #include "support/udp_socket.h"
@@ -47,7 +48,7 @@ class DatapathTest : public ForwarderTest {
     /// The words that give a flow this key: name is "down_in", for instance.
     static std::string keyWords(const std::string& name, const TestKey& key);
     /// A datagram of the forwarder's framing version.
-    Bytes framed(std::uint32_t label, const Bytes& payload, const TestKey& key = {}) const;
+    Bytes framed(std::uint32_t label, const Bytes& content, const TestKey& key = {}) const;
 
     /// Hands a datagram over as the downstream receive thread does; what is printed is returned.
     std::string arrive(const Bytes& datagram) { return arriveFrom(peer, datagram); }
@@ -62,6 +63,7 @@ class DatapathTest : public ForwarderTest {
     /// Switches the lateral stream on, as instance `index` of `instances`.
     void startLateral(std::uint32_t index, std::uint32_t instances);
 
+    const Bytes payload = toBytes("payload");
     UdpSocket peer;
     UdpSocket upstream;
     UdpSocket downstreamSocket;

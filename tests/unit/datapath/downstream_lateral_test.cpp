@@ -12,7 +12,6 @@ namespace {
 
 using testing::IsEmpty;
 
-const Bytes payload = toBytes("payload");
 /// A label that belongs to instance 1 of 2.
 constexpr std::uint32_t foreignLabel = 0x10005;
 constexpr std::uint32_t ownLabel = 0x20005;

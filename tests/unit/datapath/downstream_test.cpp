@@ -25,7 +25,6 @@ using testing::IsEmpty;
 
 const TestKey inKey{"sha256", {1, 2, 3}};
 const TestKey outKey{"sha1", {4, 5}};
-const Bytes payload = toBytes("payload");
 
 class DownstreamTest : public DatapathTest {};
 

@@ -18,8 +18,6 @@ namespace {
 
 using testing::MatchesRegex;
 
-const Bytes payload = toBytes("payload");
-
 class ReceiveThreadTest : public DatapathTest {
  protected:
     void TearDown() override {

@@ -10,7 +10,7 @@
 namespace vesk {
 namespace {
 
-const Bytes payload = toBytes("reply");
+const Bytes answerPayload = toBytes("reply");
 constexpr std::uint32_t label = 5;
 
 /// A flow whose last datagram came over the lateral stream, from the instance at `peer`.
@@ -44,8 +44,8 @@ class LateralReplyTest : public DatapathTest {
 };
 
 TEST_F(LateralReplyTest, GoesBackTheWayTheRequestCame) {
-    answer(framed(label, payload));
-    EXPECT_EQ(peer.receive(), join({{2}, kept, framed(0x2222, payload)}));
+    answer(framed(label, answerPayload));
+    EXPECT_EQ(peer.receive(), join({{2}, kept, framed(0x2222, answerPayload)}));
     EXPECT_EQ(peer.sender(), lateralSocket.address());
     EXPECT_EQ(countsOf(*flow), (Counts{.rxDg = 1, .txDg = 1, .dnTxDg = 1}));
     EXPECT_EQ(countsOf(*lateral), Counts());
@@ -62,27 +62,27 @@ TEST_F(LateralReplyTest, IsDroppedWhereItsHeaderDoesNotFit) {
 
 TEST_F(LateralReplyTest, GoesDirectlyAfterADirectRequest) {
     arrive(framed(label, toBytes("request")));
-    answer(framed(label, payload));
-    EXPECT_EQ(peer.receive(), framed(0x2222, payload));
+    answer(framed(label, answerPayload));
+    EXPECT_EQ(peer.receive(), framed(0x2222, answerPayload));
     EXPECT_EQ(peer.sender(), downstreamSocket.address());
 }
 
 TEST_F(LateralReplyTest, GoesDirectlyWhileTheStreamDoesNotRun) {
     context->lateral.running = false;
-    answer(framed(label, payload));
-    EXPECT_EQ(peer.receive(), framed(0x2222, payload));
+    answer(framed(label, answerPayload));
+    EXPECT_EQ(peer.receive(), framed(0x2222, answerPayload));
     EXPECT_EQ(peer.sender(), downstreamSocket.address());
 }
 
 TEST_F(LateralReplyTest, NeedsNoDownstreamEndpoint) {
     context->downstreamEndpoint.withdraw();
-    answer(framed(label, payload));
+    answer(framed(label, answerPayload));
     EXPECT_TRUE(peer.receive().has_value());
 }
 
 TEST_F(LateralReplyTest, IsDroppedWithoutALateralEndpoint) {
     context->lateralEndpoint.withdraw();
-    answer(framed(label, payload));
+    answer(framed(label, answerPayload));
     EXPECT_EQ(countsOf(*flow), (Counts{.rxDg = 1, .txDg = 1, .dnTxDgDropped = 1}));
 }
 
