@@ -11,7 +11,8 @@ from pathlib import Path
 TEST = re.compile(r"\d+/\d+ Testing: (.*)")
 # One line of pytest for all tests of a file that were skipped at the same place.
 PYTEST = re.compile(r"SKIPPED \[(\d+)\] (\S+?:\d+|\S+): (.*)")
-# GoogleTest prints the reason below this line.
+# GoogleTest names each case of a suite, and prints the reason below the second of these lines.
+CASE = re.compile(r"\[ RUN      \] \S+\.(\S+)")
 GOOGLETEST = re.compile(r"\S+:\d+: Skipped")
 
 
@@ -19,14 +20,16 @@ def skipped_tests(log: str) -> list[str]:
     """"TEST: reason" of each, in the log's order."""
     # By test, reason and place: a second try of a test adds nothing.
     found: dict[tuple[str, str, str], int] = {}
-    test = ""
+    test = suite = ""
     lines = iter(log.splitlines())
     for line in lines:
         if started := TEST.fullmatch(line):
-            test = started[1]
+            test = suite = started[1]
         elif skipped := PYTEST.fullmatch(line):
             count, place, reason = skipped.groups()
             found[test, reason, place] = int(count)
+        elif case := CASE.fullmatch(line):
+            test = f"{suite}.{case[1]}"
         elif GOOGLETEST.fullmatch(line):
             found[test, next(lines, ""), line] = 1
     counts: Counter[tuple[str, str]] = Counter()

@@ -27,10 +27,12 @@ SKIPPED [1] framework/faults.py:35: strace is not installed
 1 passed, 4 skipped in 0.5s
 <end of output>
 Test Passed.
-2/3 Testing: unit/app/CoreDumps.AreUnlimited
-2/3 Test: unit/app/CoreDumps.AreUnlimited
+2/3 Testing: unit/app/CoreDumps
+2/3 Test: unit/app/CoreDumps
 Output:
 ----------------------------------------------------------
+[ RUN      ] CoreDumps.AreOff
+[       OK ] CoreDumps.AreOff (0 ms)
 [ RUN      ] CoreDumps.AreUnlimited
 /tree/core_dumps_test.cpp:40: Skipped
 core files are limited for good here
