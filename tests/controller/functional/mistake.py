@@ -19,16 +19,16 @@ TAKEN_BY_ANOTHER = (
 
 
 class Traffic(enum.Enum):
-    """What the peers of the flows notice, in the words of the page."""
+    """The effect on the traffic of the flows, in the words of the page."""
 
     NOTHING = "nothing is started"
-    FORWARDED = "is forwarded"
-    UNHEARD = "none is forwarded"
-    REMEDIED = "none is forwarded until the cause is removed, then all"
+    FORWARDED = "all datagrams are forwarded"
+    UNHEARD = "no datagram is forwarded"
+    REMEDIED = "no datagram is forwarded until the cause is removed, then all are"
     UNAFFECTED = "no flow loses a datagram"
     OTHERS_UNAFFECTED = "this flow's datagrams are dropped; no other flow loses one"
     INTERRUPTED = "all flows pause until the new forwarder runs"
-    ENDED = "ends at once"
+    ENDED = "forwarding ends at once"
 
 
 @dataclass(frozen=True)

@@ -23,18 +23,18 @@ SECTIONS = (*mistakes_at_start.SECTIONS, *mistakes_while_it_runs.SECTIONS)
 INTRODUCTION = f"""\
 # Mistakes and their outcome
 
-What `vesk-controller` says and does when something is wrong with its file, its command line, its
-surroundings or its forwarder, and what the peers of its flows notice. Each row is carried out by a
-test, with traffic, and this page is printed from the test's rows. `FILE`, `PROGRAM`, `PORT` and other
-words in capitals stand for the real ones, and `...` for more text.
+What `vesk-controller` logs and does if something is wrong with its file, its command line, the host or
+the forwarder, and how that affects the traffic of its flows. A test carries out each row with traffic,
+and this page is generated from the test's rows. `FILE`, `PROGRAM`, `PORT` and other words in capitals
+stand for real values, and `...` stands for further text.
 
-Where no exit status is given the controller goes on.
+If a row has no exit status, the controller continues to run.
 
 ## Wrong lines in the file
 
-Each message begins with `FILE:LINE: `. At the start the exit status is 1 and nothing is started. At a
-reload nothing changes, no flow loses a datagram, the correct lines of the same file have no effect
-either, and the last line is `{UNUSABLE}`.
+Each message begins with `FILE:LINE: `. At the start the exit status is 1, and nothing is started. At a
+reload nothing changes: no flow loses a datagram, the correct lines of the file have no effect either, and
+the last line of the log is `{UNUSABLE}`.
 """
 
 
