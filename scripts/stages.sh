@@ -1,10 +1,11 @@
-# Sourced by a script that tells what each of its stages took: begin_stage for each, print_stages at the end.
+# Sourced by a script that reports the time of its stages: it calls begin_stage for each stage and print_stages
+# at the end.
 
 stage_names=()
 stage_starts=()
 
-# Sets `used` to the milliseconds of processor time that all commands so far took, with what they started,
-# and `clock` to the milliseconds of the clock.
+# Sets `used` to the milliseconds of processor time that all commands so far and their children used, and
+# `clock` to the present time in milliseconds.
 take_times() {
     local file part
     file=$(mktemp)
@@ -19,7 +20,7 @@ take_times() {
     clock=$((${EPOCHREALTIME//[.,]/} / 1000))
 }
 
-# begin_stage NAME: ends the one before.
+# begin_stage NAME: also ends the previous stage.
 begin_stage() {
     local used clock
     take_times
@@ -27,7 +28,7 @@ begin_stage() {
     stage_starts+=("$used $clock")
 }
 
-# print_stage NAME "USED CLOCK" "USED CLOCK": one line, of the difference between the two.
+# print_stage NAME "USED CLOCK" "USED CLOCK": prints one line with the differences.
 print_stage() {
     local used_before clock_before used clock
     read -r used_before clock_before <<<"$2"
@@ -37,7 +38,7 @@ print_stage() {
         $((used / 1000)) $((used % 1000 / 100)) $((clock / 1000)) $((clock % 1000 / 100))
 }
 
-# Prints a table of the stages: the processor time of all their processes, and the time that passed.
+# Prints a table of the stages: the processor time of all their processes, and the elapsed time.
 print_stages() {
     local used clock stage ends
     take_times
