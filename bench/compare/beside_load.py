@@ -114,7 +114,7 @@ def print_verdicts(verdicts: list) -> None:
         print(f"{JUDGED:13}not measured")
     floor = verdict_on(FLOOR, verdicts)
     if floor and not floor.passed:
-        print(f"{FLOOR} never yields: where it fails, other programs used the processors.\n"
+        print(f"{FLOOR} never yields: if it fails, other programs used the processors.\n"
               "Measure again on a quiet machine.")
 
 

@@ -53,7 +53,7 @@ def draw(summary: dict, path: Path) -> None:
               for title, scenarios in _panels()]
     panels = [(title, measured) for title, measured in panels if measured]
     if not panels:
-        sys.exit("nothing of what the chart shows was measured")
+        sys.exit("the run measured nothing that the chart shows")
     forwarders = [name for name in COLOURS if name in next(iter(summary.values()))]
     figure, all_axes = pyplot.subplots(1, len(panels), figsize=(4 * len(panels), 3.8),
                                        squeeze=False)

@@ -147,7 +147,7 @@ class StreamProxy:
             if workers:
                 return int(workers[0])
             time.sleep(0.02)
-        raise MeasurementFailed("nginx starts no worker")
+        raise MeasurementFailed("nginx started no worker")
 
 
 def all_forwarders(build: Path) -> list:
