@@ -1,91 +1,113 @@
 #include "flow/flow_attributes.h"
 
-#include <limits>
-#include <optional>
-#include <span>
 #include <stdexcept>
 
-#include "base/parse_number.h"
-#include "flow/secret_bytes.h"
+#include "flow/attribute_values.h"
 #include "log/log.h"
 
 namespace vesk {
 
 namespace {
 
-constexpr std::string_view hexDigits = "0123456789abcdefABCDEF";
+// The kinds of attributes: how a value is parsed from text, and how it is taken over.
 
-/// Longer key texts are refused; the odd bound is harmless, since an odd length was refused before.
-constexpr std::size_t maxKeyTextLength = 2 * maxHmacKeyLength + 1;
+struct Key {
+    static constexpr auto parse = Vesk_validateHmacKeyString;
+    static void merge(HmacInfo& to, const HmacInfo& from) { to.copyKeyFrom(from); }
+};
 
-unsigned hexValue(char digit) {
-    if (digit >= '0' && digit <= '9') {
-        return static_cast<unsigned>(digit - '0');
+struct Algorithm {
+    static constexpr auto parse = Vesk_validateHmacAlgoString;
+    static void merge(HmacInfo& to, const HmacInfo& from) { to.copyAlgorithmFrom(from); }
+};
+
+struct Address {
+    static constexpr auto parse = Vesk_validateAddrInfoString;
+    static void merge(IPAddrInfo& to, const IPAddrInfo& from) { to = mergeAddresses(from, to); }
+};
+
+struct Dscp {
+    static constexpr auto parse = Vesk_validateDscpString;
+    static void merge(std::int32_t& to, std::int32_t from) { to = from; }
+};
+
+struct Flag {
+    static constexpr auto parse = Vesk_validateIsMultiplexString;
+    static void merge(bool& to, bool from) { to = from; }
+};
+
+/// A label or the prefix of labels.
+struct Label {
+    template <typename Number>
+    static bool parse(std::string_view name, const std::string& value, Number& label) {
+        return validateLabelLikeString(name, value, label);
     }
-    return static_cast<unsigned>((digit | 0x20) - 'a') + 10;
+    template <typename Number>
+    static void merge(Number& to, Number from) {
+        to = from;
+    }
+};
+
+/// The label that a record is filed under: it never changes.
+struct OwnLabel {
+    static bool parse(std::string_view name, const std::string& value, std::uint32_t& label) {
+        return validateLabelLikeString(name, value, label);
+    }
+    static void merge(std::uint32_t& /*to*/, std::uint32_t /*from*/) {}
+};
+
+/// The row of an attribute of this kind; `Access` finds its member in a record.
+template <typename Kind, typename Access>
+FlowAttribute row(Access /*member*/) {
+    return {[](std::string_view name, const std::string& value, FlowDesc& scratch) {
+                return Kind::parse(name, value, Access()(scratch));
+            },
+            [](FlowDesc& to, const FlowDesc& from) { Kind::merge(Access()(to), Access()(from)); },
+            [](FlowDesc& flow) -> FlowMember { return &Access()(flow); }};
 }
 
-bool refuseKey(std::string_view reason) {
-    logError("Vesk_validateHmacKeyString: bad key, ", reason);
-    return false;
-}
+const std::map<std::string_view, FlowAttribute> table{
+    {attribute::downInKey, row<Key>([](auto& it) -> auto& { return it.down.inHmac; })},
+    {attribute::downOutKey, row<Key>([](auto& it) -> auto& { return it.down.outHmac; })},
+    {attribute::upInKey, row<Key>([](auto& it) -> auto& { return it.up.inHmac; })},
+    {attribute::upOutKey, row<Key>([](auto& it) -> auto& { return it.up.outHmac; })},
+    {attribute::downInAlgo, row<Algorithm>([](auto& it) -> auto& { return it.down.inHmac; })},
+    {attribute::downOutAlgo, row<Algorithm>([](auto& it) -> auto& { return it.down.outHmac; })},
+    {attribute::upInAlgo, row<Algorithm>([](auto& it) -> auto& { return it.up.inHmac; })},
+    {attribute::upOutAlgo, row<Algorithm>([](auto& it) -> auto& { return it.up.outHmac; })},
+    {attribute::downAddrInfo, row<Address>([](auto& it) -> auto& { return it.down.addrInfo; })},
+    {attribute::upAddrInfo, row<Address>([](auto& it) -> auto& { return it.up.addrInfo; })},
+    {attribute::upSrcAddrInfo, row<Address>([](auto& it) -> auto& { return it.up.srcAddrInfo; })},
+    {attribute::upAuxFlowAddrInfo,
+     row<Address>([](auto& it) -> auto& { return it.upAuxFlowAddrInfo; })},
+    {attribute::downOutDscpV4, row<Dscp>([](auto& it) -> auto& { return it.down.dscpV4; })},
+    {attribute::downOutDscpV6, row<Dscp>([](auto& it) -> auto& { return it.down.dscpV6; })},
+    {attribute::upOutDscpV4, row<Dscp>([](auto& it) -> auto& { return it.up.dscpV4; })},
+    {attribute::upOutDscpV6, row<Dscp>([](auto& it) -> auto& { return it.up.dscpV6; })},
+    {attribute::label, row<OwnLabel>([](auto& it) -> auto& { return it.label; })},
+    {attribute::downLabel, row<Label>([](auto& it) -> auto& { return it.down.label; })},
+    {attribute::upLabel, row<Label>([](auto& it) -> auto& { return it.up.label; })},
+    {attribute::upAuxFlowLabel, row<Label>([](auto& it) -> auto& { return it.upAuxFlowLabel; })},
+    {attribute::downAuxFlowLabelPrefix,
+     row<Label>([](auto& it) -> auto& { return it.downAuxFlowLabelPrefix; })},
+    {attribute::isMultiplex, row<Flag>([](auto& it) -> auto& { return it.isMultiplex; })},
+};
 
-template <typename Label>
-bool storeLabelLike(std::string_view name, const std::string& value, Label& target) {
-    constexpr std::uint64_t maximum = std::numeric_limits<Label>::max();
-    constexpr std::string_view prefix = "validateLabelLikeString: bad label-like value, ";
-    const std::optional<std::uint64_t> number = parseUnsigned(value);
-    if (!number) {
-        logError(prefix, "'", name, "': bogus labelVal '", value, "'");
-        return false;
+template <typename Member>
+Member& memberByName(FlowDesc& flow, std::string_view name, const char* complaint) {
+    const auto found = table.find(name);
+    if (found != table.end()) {
+        const FlowMember member = found->second.member(flow);
+        if (Member* const* const wanted = std::get_if<Member*>(&member)) {
+            return **wanted;
+        }
     }
-    if (*number == 0) {
-        logError(prefix, "'", name, "': reserved labelVal '", value, "'");
-        return false;
-    }
-    if (*number > maximum) {
-        logError(prefix, "'", name, "': illegal labelVal '", value, "' exceeds '", maximum, "'");
-        return false;
-    }
-    target = static_cast<Label>(*number);
-    return true;
-}
-
-bool validateLabelString(std::string_view name, const std::string& value, FlowDesc& scratch) {
-    return validateLabelLikeString(name, value, refLabelByName(scratch, name));
-}
-
-bool validatePrefixString(std::string_view name, const std::string& value, FlowDesc& scratch) {
-    return validateLabelLikeString(name, value, scratch.downAuxFlowLabelPrefix);
+    throw std::invalid_argument(complaint + std::string(name));
 }
 
 }  // namespace
 
-const std::map<std::string_view, AttributeValidator>& flowAttributeTable() {
-    static const std::map<std::string_view, AttributeValidator> table{
-        {attribute::downInKey, Vesk_validateHmacKeyString},
-        {attribute::downOutKey, Vesk_validateHmacKeyString},
-        {attribute::upInKey, Vesk_validateHmacKeyString},
-        {attribute::upOutKey, Vesk_validateHmacKeyString},
-        {attribute::downAddrInfo, Vesk_validateAddrInfoString},
-        {attribute::upAddrInfo, Vesk_validateAddrInfoString},
-        {attribute::upSrcAddrInfo, Vesk_validateAddrInfoString},
-        {attribute::upAuxFlowAddrInfo, Vesk_validateAddrInfoString},
-        {attribute::downInAlgo, Vesk_validateHmacAlgoString},
-        {attribute::downOutAlgo, Vesk_validateHmacAlgoString},
-        {attribute::upInAlgo, Vesk_validateHmacAlgoString},
-        {attribute::upOutAlgo, Vesk_validateHmacAlgoString},
-        {attribute::downOutDscpV4, Vesk_validateDscpString},
-        {attribute::downOutDscpV6, Vesk_validateDscpString},
-        {attribute::upOutDscpV4, Vesk_validateDscpString},
-        {attribute::upOutDscpV6, Vesk_validateDscpString},
-        {attribute::label, validateLabelString},
-        {attribute::downLabel, validateLabelString},
-        {attribute::upLabel, validateLabelString},
-        {attribute::upAuxFlowLabel, validateLabelString},
-        {attribute::downAuxFlowLabelPrefix, validatePrefixString},
-        {attribute::isMultiplex, Vesk_validateIsMultiplexString},
-    };
+const std::map<std::string_view, FlowAttribute>& flowAttributeTable() {
     return table;
 }
 
@@ -96,114 +118,32 @@ bool Vesk_setFlowDescLabelAttrs(const AttributeMap& attributes, FlowDesc& scratc
         return false;
     }
     for (const auto& [name, value] : attributes) {
-        const auto row = flowAttributeTable().find(name);
-        if (row == flowAttributeTable().end()) {
+        const auto found = table.find(name);
+        if (found == table.end()) {
             logError(prefix, " name '", name, "' unrecognized");
             return false;
         }
-        if (!row->second(name, value, scratch)) {
+        if (!found->second.parse(name, value, scratch)) {
             return false;
         }
     }
     return true;
 }
 
-bool Vesk_validateHmacKeyString(std::string_view name, const std::string& value,
-                                FlowDesc& scratch) {
-    if (value.empty()) {
-        return refuseKey("empty");
-    }
-    if (value.size() % 2 != 0) {
-        return refuseKey("odd length");
-    }
-    if (value.size() > maxKeyTextLength) {
-        return refuseKey("too long");
-    }
-    if (value.find_first_not_of(hexDigits) != std::string::npos) {
-        return refuseKey("illegal character");
-    }
-    SecretBytes<maxHmacKeyLength> bytes{};
-    const std::size_t length = value.size() / 2;
-    for (std::size_t i = 0; i < length; ++i) {
-        bytes.at(i) =
-            static_cast<std::uint8_t>(hexValue(value[2 * i]) << 4 | hexValue(value[2 * i + 1]));
-    }
-    refHmacInfoByName(scratch, name).setKey(std::span(bytes).first(length));
-    return true;
+std::uint32_t& refLabelByName(FlowDesc& flow, std::string_view name) {
+    return memberByName<std::uint32_t>(flow, name, "refLabelByName: Unknown name: ");
 }
 
-bool Vesk_validateHmacAlgoString(std::string_view name, const std::string& value,
-                                 FlowDesc& scratch) {
-    for (const HmacAlgorithm* const algorithm : {&hmacSha1, &hmacSha256}) {
-        if (value == algorithm->name) {
-            refHmacInfoByName(scratch, name).setAlgorithm(*algorithm);
-            return true;
-        }
-    }
-    logError("Vesk_validateHmacAlgoString: unknown algo '", value, "'");
-    return false;
+IPAddrInfo& refAddrInfoByName(FlowDesc& flow, std::string_view name) {
+    return memberByName<IPAddrInfo>(flow, name, "refAddrInfoByName: Unknown name: ");
 }
 
-bool Vesk_validateAddrInfoString(std::string_view name, const std::string& value,
-                                 FlowDesc& scratch) {
-    const auto refuse = [&](std::string_view reason) {
-        logError("Vesk_validateAddrInfoString: ", name, ": unresolvable address '", value, "'",
-                 reason);
-        return false;
-    };
-    const std::size_t separator = value.find('|');
-    const bool whole = separator != std::string::npos;
-    const std::string host = whole ? value.substr(0, separator) : std::string();
-    const std::string portText = whole ? value.substr(separator + 1) : std::string();
-    const std::optional<std::uint64_t> port = parseUnsigned(portText);
-    if (!port) {
-        return refuse(" Bad port value");
-    }
-    try {
-        refAddrInfoByName(scratch, name) = IPAddrInfo(host, static_cast<std::uint32_t>(*port));
-    } catch (const std::invalid_argument& unusable) {
-        return refuse(unusable.what());
-    }
-    return true;
+HmacInfo& refHmacInfoByName(FlowDesc& flow, std::string_view name) {
+    return memberByName<HmacInfo>(flow, name, "refHmacInfoByName: Unknown name: ");
 }
 
-bool Vesk_validateDscpString(std::string_view name, const std::string& value, FlowDesc& scratch) {
-    // Kept: neither text closes the quote that the prefix opens as a reader would expect it to.
-    constexpr std::string_view prefix = "Vesk_validateDscpString: '";
-    constexpr std::int64_t largestDscp = 63;
-    const std::optional<std::int64_t> dscp = parseSigned(value);
-    if (!dscp) {
-        logError(prefix, " Bad dscp value: ", value);
-        return false;
-    }
-    if (*dscp < noDscp || *dscp > largestDscp) {
-        // A mark that cannot be made is worth less than the flow that asked for it.
-        logWarn(prefix, " Ignore invalid DSCP value: ", value, "'");
-        return true;
-    }
-    refDscpByName(scratch, name) = static_cast<std::int32_t>(*dscp);
-    return true;
-}
-
-bool Vesk_validateIsMultiplexString(std::string_view /*name*/, const std::string& value,
-                                    FlowDesc& scratch) {
-    if (value != "true" && value != "false") {
-        // Kept: the quote after the colon is never closed.
-        logError("Vesk_validateIsMultiplexString: '", " Bad isMultiplex value: ", value);
-        return false;
-    }
-    scratch.isMultiplex = value == "true";
-    return true;
-}
-
-bool validateLabelLikeString(std::string_view name, const std::string& value,
-                             std::uint32_t& label) {
-    return storeLabelLike(name, value, label);
-}
-
-bool validateLabelLikeString(std::string_view name, const std::string& value,
-                             std::uint16_t& prefix) {
-    return storeLabelLike(name, value, prefix);
+std::int32_t& refDscpByName(FlowDesc& flow, std::string_view name) {
+    return memberByName<std::int32_t>(flow, name, "refDscpByName: Unknown name: ");
 }
 
 }  // namespace vesk

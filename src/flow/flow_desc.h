@@ -4,39 +4,12 @@
 
 #include <cstdint>
 #include <string>
-#include <string_view>
 #include <vector>
 
 #include "flow/hmac_info.h"
 #include "flow/ip_addr_info.h"
 
 namespace vesk {
-
-/// The names of the attributes, as commands give them.
-namespace attribute {
-inline constexpr std::string_view label = "label";
-inline constexpr std::string_view isMultiplex = "is_multiplex";
-inline constexpr std::string_view downInKey = "down_in_key";
-inline constexpr std::string_view downInAlgo = "down_in_algo";
-inline constexpr std::string_view downOutKey = "down_out_key";
-inline constexpr std::string_view downOutAlgo = "down_out_algo";
-inline constexpr std::string_view downLabel = "down_label";
-inline constexpr std::string_view downAddrInfo = "down_addrinfo";
-inline constexpr std::string_view downOutDscpV4 = "down_out_dscp_v4";
-inline constexpr std::string_view downOutDscpV6 = "down_out_dscp_v6";
-inline constexpr std::string_view downAuxFlowLabelPrefix = "down_aux_flow_label_prefix";
-inline constexpr std::string_view upInKey = "up_in_key";
-inline constexpr std::string_view upInAlgo = "up_in_algo";
-inline constexpr std::string_view upOutKey = "up_out_key";
-inline constexpr std::string_view upOutAlgo = "up_out_algo";
-inline constexpr std::string_view upLabel = "up_label";
-inline constexpr std::string_view upAddrInfo = "up_addrinfo";
-inline constexpr std::string_view upSrcAddrInfo = "up_src_addrinfo";
-inline constexpr std::string_view upOutDscpV4 = "up_out_dscp_v4";
-inline constexpr std::string_view upOutDscpV6 = "up_out_dscp_v6";
-inline constexpr std::string_view upAuxFlowLabel = "up_aux_flow_label";
-inline constexpr std::string_view upAuxFlowAddrInfo = "up_aux_flow_addrinfo";
-}  // namespace attribute
 
 /// The DSCP value that means that datagrams are not marked.
 inline constexpr std::int32_t noDscp = -1;
@@ -78,12 +51,5 @@ struct FlowDesc {
     std::uint32_t upAuxFlowLabel = 0;
     IPAddrInfo upAuxFlowAddrInfo;
 };
-
-/// The member that an attribute's name stands for. A name of any other kind is a fault of the
-/// program and throws std::invalid_argument.
-std::uint32_t& refLabelByName(FlowDesc& flow, std::string_view name);
-IPAddrInfo& refAddrInfoByName(FlowDesc& flow, std::string_view name);
-HmacInfo& refHmacInfoByName(FlowDesc& flow, std::string_view name);
-std::int32_t& refDscpByName(FlowDesc& flow, std::string_view name);
 
 }  // namespace vesk

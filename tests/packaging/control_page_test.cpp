@@ -41,14 +41,14 @@ TEST(ControlPage, NamesEveryCommand) {
 TEST(ControlPage, NamesEveryAttribute) {
     const std::string text = page();
     ASSERT_FALSE(flowAttributeTable().empty());
-    for (const auto& [name, validator] : flowAttributeTable()) {
+    for (const auto& [name, attribute] : flowAttributeTable()) {
         EXPECT_THAT(text, HasSubstr(marked(name)));
     }
 }
 
 TEST(ControlPage, NamesBothHalvesOfEveryAddress) {
     const std::string text = page();
-    for (const auto& [name, validator] : flowAttributeTable()) {
+    for (const auto& [name, attribute] : flowAttributeTable()) {
         constexpr std::string_view ending = "_addrinfo";
         if (!name.ends_with(ending)) {
             continue;

@@ -16,7 +16,7 @@ FLOORS = [
     ["control/command_line"],
     ["net/socket_options"],
     ["flow/secret_bytes", "flow/ip_addr_info", "flow/hmac_info", "flow/flow_desc",
-     "flow/flow_attributes"],
+     "flow/attribute_values", "flow/flow_attributes"],
     ["poll/"],
     ["net/local_address", "net/endpoint.", "net/endpoint_slot", "net/endpoint_sockets",
      "net/endpoint_tables", "net/kept_endpoints",

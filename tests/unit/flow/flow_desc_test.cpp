@@ -1,11 +1,8 @@
 #include "flow/flow_desc.h"
 
-#include <gmock/gmock.h>
 #include <gtest/gtest.h>
-#include <openssl/evp.h>
 
 #include <functional>
-#include <stdexcept>
 #include <string>
 #include <vector>
 
@@ -13,8 +10,6 @@
 
 namespace vesk {
 namespace {
-
-using testing::ThrowsMessage;
 
 TEST(FlowDescTest, HasTheStatedDefaults) {
     const FlowDesc flow(7);
@@ -34,61 +29,6 @@ TEST(FlowDescTest, HasTheStatedDefaults) {
         EXPECT_EQ(side->dscpV6, -1);
     }
     EXPECT_EQ(FlowDesc().label, 0U);
-}
-
-class ByNameTest : public testing::Test {
- protected:
-    FlowDesc flow;
-};
-
-TEST_F(ByNameTest, FindsLabels) {
-    EXPECT_EQ(&refLabelByName(flow, "label"), &flow.label);
-    EXPECT_EQ(&refLabelByName(flow, "down_label"), &flow.down.label);
-    EXPECT_EQ(&refLabelByName(flow, "up_label"), &flow.up.label);
-    EXPECT_EQ(&refLabelByName(flow, "up_aux_flow_label"), &flow.upAuxFlowLabel);
-}
-
-TEST_F(ByNameTest, FindsAddresses) {
-    EXPECT_EQ(&refAddrInfoByName(flow, "down_addrinfo"), &flow.down.addrInfo);
-    EXPECT_EQ(&refAddrInfoByName(flow, "up_addrinfo"), &flow.up.addrInfo);
-    EXPECT_EQ(&refAddrInfoByName(flow, "up_src_addrinfo"), &flow.up.srcAddrInfo);
-    EXPECT_EQ(&refAddrInfoByName(flow, "up_aux_flow_addrinfo"), &flow.upAuxFlowAddrInfo);
-}
-
-TEST_F(ByNameTest, FindsKeyRecordsByKeyAndByAlgorithm) {
-    EXPECT_EQ(&refHmacInfoByName(flow, "down_in_key"), &flow.down.inHmac);
-    EXPECT_EQ(&refHmacInfoByName(flow, "down_in_algo"), &flow.down.inHmac);
-    EXPECT_EQ(&refHmacInfoByName(flow, "down_out_key"), &flow.down.outHmac);
-    EXPECT_EQ(&refHmacInfoByName(flow, "down_out_algo"), &flow.down.outHmac);
-    EXPECT_EQ(&refHmacInfoByName(flow, "up_in_key"), &flow.up.inHmac);
-    EXPECT_EQ(&refHmacInfoByName(flow, "up_in_algo"), &flow.up.inHmac);
-    EXPECT_EQ(&refHmacInfoByName(flow, "up_out_key"), &flow.up.outHmac);
-    EXPECT_EQ(&refHmacInfoByName(flow, "up_out_algo"), &flow.up.outHmac);
-}
-
-TEST_F(ByNameTest, FindsTrafficMarks) {
-    EXPECT_EQ(&refDscpByName(flow, "down_out_dscp_v4"), &flow.down.dscpV4);
-    EXPECT_EQ(&refDscpByName(flow, "down_out_dscp_v6"), &flow.down.dscpV6);
-    EXPECT_EQ(&refDscpByName(flow, "up_out_dscp_v4"), &flow.up.dscpV4);
-    EXPECT_EQ(&refDscpByName(flow, "up_out_dscp_v6"), &flow.up.dscpV6);
-}
-
-TEST_F(ByNameTest, ThrowsForNamesOfAnotherKind) {
-    EXPECT_THAT([this] { refLabelByName(flow, "up_addrinfo"); },
-                ThrowsMessage<std::invalid_argument>("refLabelByName: Unknown name: up_addrinfo"));
-    EXPECT_THAT([this] { refAddrInfoByName(flow, "label"); },
-                ThrowsMessage<std::invalid_argument>("refAddrInfoByName: Unknown name: label"));
-    EXPECT_THAT([this] { refHmacInfoByName(flow, "up_label"); },
-                ThrowsMessage<std::invalid_argument>("refHmacInfoByName: Unknown name: up_label"));
-    EXPECT_THAT([this] { refDscpByName(flow, ""); },
-                ThrowsMessage<std::invalid_argument>("refDscpByName: Unknown name: "));
-}
-
-TEST_F(ByNameTest, MatchesNamesExactly) {
-    EXPECT_THROW(refLabelByName(flow, "Label"), std::invalid_argument);
-    EXPECT_THROW(refLabelByName(flow, "down_aux_flow_label_prefix"), std::invalid_argument);
-    EXPECT_THROW(refAddrInfoByName(flow, "down_src_addrinfo"), std::invalid_argument);
-    EXPECT_THROW(refDscpByName(flow, "up_out_dscp_v4 "), std::invalid_argument);
 }
 
 /// A record in which every member differs from its default.
