@@ -20,7 +20,7 @@ FLOORS = [
     ["poll/"],
     ["net/local_address", "net/endpoint.", "net/endpoint_slot", "net/endpoint_sockets",
      "net/endpoint_tables", "net/kept_endpoints",
-     "net/endpoint_manager"],
+     "net/flow_records", "net/released_ports", "net/endpoint_registry", "net/endpoint_manager"],
     ["datapath/wire_layout", "datapath/framing", "datapath/authentication",
      "datapath/lateral_header", "datapath/datagram_io"],
     ["tasks/"],
