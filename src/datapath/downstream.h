@@ -4,22 +4,12 @@
 
 #include <memory>
 
-#include "datapath/datagram_io.h"
+#include "datapath/received_datagram.h"
 #include "net/endpoint.h"
 
 namespace vesk {
 
 struct ForwarderContext;
-
-/// A datagram in an endpoint's receive buffer, and what is known of it.
-struct ReceivedDatagram {
-    VeskEndpointDescriptor& endpoint;
-    std::size_t length;
-    const SocketAddress& sender;
-    LocalAddress localDestination;
-    /// Empty for a datagram straight from a peer.
-    ReturnPath returnPath;
-};
 
 /// The downstream receive thread: serves the endpoint until it is cancelled.
 void downstreamEptRecv(const std::shared_ptr<ForwarderContext>& context,

@@ -2,13 +2,14 @@
 
 #include <sys/socket.h>
 
-#include <cerrno>
+#include <span>
 
 #include "app/forwarder_context.h"
 #include "datapath/datagram_io.h"
 #include "datapath/downstream.h"
 #include "datapath/framing.h"
 #include "datapath/lateral_header.h"
+#include "datapath/send_outcome.h"
 
 namespace vesk {
 
@@ -26,8 +27,7 @@ void forwardedReceived(VeskEndpointDescriptor& lateral, std::size_t length,
                              context);
 }
 
-/// Sends an unwrapped reply to the peer and counts what came of it; that the peer refused it is not
-/// counted.
+/// Sends an unwrapped reply to the peer and counts what came of it.
 void sendToPeer(std::span<std::uint8_t> datagram, const SocketAddress& peer,
                 EndpointCounters& counters, ForwarderContext& context) {
     const EndpointPtr downstream = context.downstreamEndpoint.load();
@@ -38,12 +38,8 @@ void sendToPeer(std::span<std::uint8_t> datagram, const SocketAddress& peer,
     OutgoingMessage message;
     message.setDatagram(datagram);
     message.setDestination(peer);
-    const ssize_t sent = sendmsg(downstream->wrsockfd, message.header(), MSG_DONTWAIT);
-    if (sent > 0) {
-        counters.dnTxDg.increment();
-    } else if (sent == 0 || errno != ECONNREFUSED) {
-        counters.dnTxDgDropped.increment();
-    }
+    const SendResult result = sendMessage(message, downstream->wrsockfd, MSG_DONTWAIT, 1);
+    countSend(result.outcome, counters.dnTxDg, counters.dnTxDgDropped);
 }
 
 /// The owner of a label returned a reply to a datagram that we forwarded.

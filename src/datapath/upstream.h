@@ -50,6 +50,7 @@ class UpstreamReceiver {
 int upstreamSocketRecv(int socket, bool& keep, UpstreamReceiver& receiver);
 
 /// The counterpart for writing. No socket is watched for that.
+// Kept: part of the interface of the receive functions; its line says that it does nothing.
 int upstreamSocketSend(int socket, bool& keep);
 
 }  // namespace vesk

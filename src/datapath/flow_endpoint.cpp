@@ -1,0 +1,85 @@
+#include "datapath/flow_endpoint.h"
+
+#include <sys/epoll.h>
+#include <sys/socket.h>
+
+#include <ios>
+#include <utility>
+
+#include "app/forwarder_context.h"
+#include "log/log.h"
+#include "net/endpoint_lifecycle.h"
+#include "net/endpoint_manager.h"
+#include "net/socket_options.h"
+#include "net/upstream_binding.h"
+#include "poll/poll_channel.h"
+
+namespace vesk {
+
+namespace {
+
+bool registerWithPollLoop(const VeskEndpointDescriptor& endpoint, const ForwarderContext& context) {
+    const int result = pollLoop_add_fd(context.pollSocket.get(), endpoint.rdsockfd, EPOLLIN);
+    if (result != 0) {
+        logError("Failed to add upstream endpoint's READ sockfd ", endpoint.rdsockfd,
+                 " to pollLoop, error: ", result);
+    }
+    return result == 0;
+}
+
+/// Sets up the sockets of a new endpoint; false, after logging, where it is of no use.
+bool prepareEndpoint(VeskEndpointDescriptor& endpoint, const ForwarderContext& context) {
+    if (endpoint.flow.isMultiplex) {
+        setReusePort(endpoint.rdsockfd);
+        setReusePort(endpoint.wrsockfd);
+    }
+    Vesk_setSocketBuf(endpoint.rdsockfd, SO_RCVBUF, receiveBufferSize);
+    Vesk_setSocketBuf(endpoint.wrsockfd, SO_SNDBUF, sendBufferSize);
+    Vesk_requestLocalDestAddr(endpoint.rdsockfd, endpoint.family);
+    if (!bindUpstreamSocket(endpoint, *context.endpointManager) ||
+        !registerWithPollLoop(endpoint, context)) {
+        return false;
+    }
+    endpoint.prepared.store(true, std::memory_order_release);
+    logInfo("Created", endpoint.flow.isMultiplex ? " multiplexed " : " ",
+            "upstream endpoint:", " label 0x", std::hex, endpoint.label, "/", std::dec,
+            endpoint.label, " sockfds ", endpoint.rdsockfd, " ", endpoint.wrsockfd);
+    return true;
+}
+
+FlowEndpoint createFlowEndpoint(std::uint32_t label, ForwarderContext& context) {
+    EndpointManager& manager = *context.endpointManager;
+    // Asked first, since creation keeps all others from the tables, and anybody can make up labels.
+    EndpointPtr endpoint = manager.knowsLabel(label)
+                               ? manager.createEndpoint(label, upstreamEndpointDeleter(context))
+                               : nullptr;
+    if (!endpoint) {
+        logDebug("Failed to create upstream endpoint with label ", label);
+        return {};
+    }
+    if (!prepareEndpoint(*endpoint, context)) {
+        manager.undoCreation(*endpoint);
+        return {};
+    }
+    return {std::move(endpoint), true};
+}
+
+}  // namespace
+
+FlowEndpoint findOrCreateFlowEndpoint(std::uint32_t label, ForwarderContext& context) {
+    EndpointPtr endpoint = context.endpointManager->findEndpointByLabel(label);
+    if (endpoint && endpoint->prepared.load(std::memory_order_acquire)) {
+        return {std::move(endpoint)};
+    }
+    // Written when the endpoint is ready for use and the lock is given back: a worker and the other
+    // receive thread may be waiting for both.
+    const LogDelay delay;
+    const MutexLock lock(context.endpointCreation);
+    endpoint = context.endpointManager->findEndpointByLabel(label);
+    if (endpoint) {
+        return {std::move(endpoint)};
+    }
+    return createFlowEndpoint(label, context);
+}
+
+}  // namespace vesk

@@ -1,0 +1,108 @@
+#include "datapath/reply.h"
+
+#include <sys/socket.h>
+
+#include "app/forwarder_context.h"
+#include "datapath/authentication.h"
+#include "datapath/datagram_io.h"
+#include "datapath/lateral_header.h"
+#include "datapath/send_outcome.h"
+#include "net/endpoint_lifecycle.h"
+
+namespace vesk {
+
+namespace {
+
+/// Aims the message at the flow's last sender, if there is one, and tells, in `returnPath`, whether
+/// and how that one is reached laterally. Whether requests are sent from the address that replies
+/// arrive on already.
+bool addressToLastSender(OutgoingMessage& message, ReturnPath& returnPath,
+                         const LocalAddress& localDestination, VeskEndpointDescriptor& flow) {
+    const ReadLock lock(flow.routeLock);
+    message.setDestination(flow.route.peer);
+    message.addTrafficClass(flow.flow.down.dscpV4, flow.flow.down.dscpV6);
+    message.addSource(flow.route.local);
+    returnPath = flow.route.returnPath;
+    return localDestination == flow.upstreamLocal;
+}
+
+void rememberUpstreamLocal(const LocalAddress& localDestination, VeskEndpointDescriptor& flow) {
+    const WriteLock lock(flow.routeLock);
+    flow.upstreamLocal = localDestination;
+}
+
+/// `peerless`: no peer's datagram has passed its check yet.
+enum class ReplyVerdict { send, forged, peerless, unsignable };
+
+/// Turns the reply into the datagram that goes downstream, and addresses the message that carries
+/// it.
+ReplyVerdict convertForDownstream(const Reply& reply, OutgoingMessage& message,
+                                  ReturnPath& returnPath, VeskEndpointDescriptor& flow,
+                                  const ForwarderContext& context) {
+    const MutexLock lock(flow.towardsDownstream);
+    if (!checkDatagram(context.framing, reply.buffer(), reply.headerLength, reply.length,
+                       flow.flow.up.inHmac)) {
+        return ReplyVerdict::forged;
+    }
+    const bool localIsKnown =
+        addressToLastSender(message, returnPath, reply.localDestination, flow);
+    if (!message.hasDestination()) {
+        return ReplyVerdict::peerless;
+    }
+    if (!localIsKnown) {
+        rememberUpstreamLocal(reply.localDestination, flow);
+    }
+    rewriteLabel(context.framing, reply.buffer(), flow.flow.down.label);
+    const bool isSigned = signDatagram(context.framing, reply.buffer(), reply.headerLength,
+                                       reply.length, flow.flow.down.outHmac);
+    return isSigned ? ReplyVerdict::send : ReplyVerdict::unsignable;
+}
+
+void sendDownstream(const Reply& reply, OutgoingMessage& message, const ReturnPath& returnPath,
+                    VeskEndpointDescriptor& flow, const WayOut& wayOut, ForwarderContext& context) {
+    const bool laterally =
+        !returnPath.empty() && context.lateral.running.load(std::memory_order_acquire);
+    const EndpointPtr& from = laterally ? wayOut.lateral.get() : wayOut.downstream.get();
+    if (!from) {
+        flow.counters.dnTxDgDropped.increment();
+        return;
+    }
+    std::size_t length = reply.length;
+    if (laterally) {
+        const auto wrapped = addReturnHeader(reply.buffer(), reply.length, returnPath);
+        if (!wrapped) {
+            from->counters.txDgDropped.increment();
+            return;
+        }
+        length = *wrapped;
+    }
+    message.setDatagram(reply.buffer().first(length));
+    // Any byte counts: a short send is not told apart.
+    const SendResult result = sendMessage(message, from->wrsockfd, MSG_DONTWAIT, 1);
+    countSend(result.outcome, flow.counters.dnTxDg, flow.counters.dnTxDgDropped);
+    if (result.outcome == SendOutcome::failed) {
+        reportUpstreamNetworkError(flow, "UP_TO_DOWN_SEND:", result.error, context);
+    }
+}
+
+}  // namespace
+
+void returnReply(const Reply& reply, VeskEndpointDescriptor& flow, const WayOut& wayOut,
+                 ForwarderContext& context) {
+    OutgoingMessage message(context.ipv4Source);
+    ReturnPath returnPath;
+    switch (convertForDownstream(reply, message, returnPath, flow, context)) {
+        case ReplyVerdict::forged:
+            flow.counters.rxDgError.increment();
+            break;
+        case ReplyVerdict::peerless:
+        case ReplyVerdict::unsignable:
+            flow.counters.dnTxDgDropped.increment();
+            break;
+        case ReplyVerdict::send:
+            sendDownstream(reply, message, returnPath, flow, wayOut, context);
+            break;
+    }
+}
+
+}  // namespace vesk

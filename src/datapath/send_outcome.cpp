@@ -1,0 +1,34 @@
+#include "datapath/send_outcome.h"
+
+#include <sys/socket.h>
+
+#include <cerrno>
+
+namespace vesk {
+
+namespace {
+
+SendOutcome outcomeOfError(int error) {
+    switch (error) {
+        case ECONNREFUSED:
+            return SendOutcome::refused;
+        case EAGAIN:
+            return SendOutcome::noRoom;
+        default:
+            return SendOutcome::failed;
+    }
+}
+
+}  // namespace
+
+SendResult sendMessage(const OutgoingMessage& message, int socket, int flags, std::size_t least) {
+    const ssize_t sent = sendmsg(socket, message.header(), flags);
+    const int error = errno;
+    if (sent == -1) {
+        return {outcomeOfError(error), error};
+    }
+    const bool enough = static_cast<std::size_t>(sent) >= least;
+    return {enough ? SendOutcome::sent : SendOutcome::failed, error};
+}
+
+}  // namespace vesk
