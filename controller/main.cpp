@@ -1,13 +1,11 @@
 // vesk-controller: runs the forwarder with the flows of a configuration file.
-#include <fcntl.h>
-#include <unistd.h>
-
 #include <csignal>
 #include <exception>
 #include <iostream>
 #include <utility>
 #include <variant>
 
+#include "base/standard_descriptors.h"
 #include "commands/command_lines.h"
 #include "config/configuration_reader.h"
 #include "config/configuration_warnings.h"
@@ -20,16 +18,6 @@
 namespace vesk::controller {
 
 namespace {
-
-/// Keeps the numbers of closed standard descriptors from going to pipes and sockets.
-void occupyStandardDescriptors() {
-    for (const int fd : {STDIN_FILENO, STDOUT_FILENO, STDERR_FILENO}) {
-        if (fcntl(fd, F_GETFD) == -1) {
-            // It gets the lowest free number, which is this one.
-            static_cast<void>(open("/dev/null", O_RDWR));
-        }
-    }
-}
 
 /// A reload that is asked for while the file is read for the first time would end the process: it
 /// waits for the supervisor.
@@ -122,7 +110,7 @@ int runGuarded(int argumentCount, char** arguments) {
 
 int main(int argumentCount, char** arguments) {
     vesk::controller::holdBackReloads();
-    vesk::controller::occupyStandardDescriptors();
+    vesk::occupyStandardDescriptors(vesk::ClosedStream::isEmpty);
     // The forwarder's end is noticed otherwise, and a log that nobody reads is no reason to end.
     std::signal(SIGPIPE, SIG_IGN);
     try {

@@ -1,6 +1,5 @@
 #include "app/arguments.h"
 
-#include <limits>
 #include <string>
 #include <string_view>
 
@@ -10,8 +9,6 @@
 namespace vesk {
 
 namespace {
-
-constexpr std::int64_t nanosecondsPerSecond = 1000000000;
 
 std::optional<int> parseVersion(std::string_view text) {
     if (text == "udpv1") {
@@ -26,15 +23,17 @@ std::optional<int> parseVersion(std::string_view text) {
 
 /// Whole seconds, as nanoseconds; they have to fit. A sign would let huge negative numbers wrap
 /// into small ones.
-std::optional<std::int64_t> parseInterval(const std::string& text) {
-    constexpr std::uint64_t longest =
-        std::numeric_limits<std::int64_t>::max() / nanosecondsPerSecond;
-    const std::optional<std::uint64_t> seconds = parseUnsigned(text);
-    if (!seconds || *seconds == 0 || *seconds > longest || text.find('-') != std::string::npos) {
+std::optional<std::chrono::nanoseconds> parseInterval(const std::string& text) {
+    using std::chrono::nanoseconds;
+    using std::chrono::seconds;
+    constexpr auto longest = std::chrono::duration_cast<seconds>(nanoseconds::max());
+    const std::optional<std::uint64_t> count = parseUnsigned(text);
+    if (!count || *count == 0 || *count > static_cast<std::uint64_t>(longest.count()) ||
+        text.find('-') != std::string::npos) {
         logError("Bad duration argument [", text, "]");
         return std::nullopt;
     }
-    return static_cast<std::int64_t>(*seconds) * nanosecondsPerSecond;
+    return seconds(*count);
 }
 
 std::optional<bool> parseSwitch(std::size_t position, std::string_view text) {
@@ -57,7 +56,7 @@ bool parseArgument(std::size_t position, const char* text, Arguments& arguments)
         case 1:
             return takeOver(parseVersion(text), arguments.framingVersion);
         case 2:
-            return takeOver(parseInterval(text), arguments.cleanUpIntervalNanoseconds);
+            return takeOver(parseInterval(text), arguments.cleanUpInterval);
         case 3:
             return takeOver(parseSwitch(position, text), arguments.cleanUp.main);
         case 4:

@@ -1,7 +1,7 @@
 // The process's positional arguments. Called once, on the main thread.
 #pragma once
 
-#include <cstdint>
+#include <chrono>
 #include <optional>
 #include <span>
 
@@ -12,7 +12,7 @@ namespace vesk {
 struct Arguments {
     /// 1 or 2.
     int framingVersion = 2;
-    std::int64_t cleanUpIntervalNanoseconds = std::int64_t{600} * 1000000000;
+    std::chrono::nanoseconds cleanUpInterval = std::chrono::seconds(600);
     CleanUpSwitches cleanUp;
 };
 

@@ -11,6 +11,8 @@
 #include <chrono>
 #include <ctime>
 
+#include "base/timespec.h"
+
 // Attributes have no spelling that all compilers share; these are the names clang documents.
 #if defined(__clang__)
 #define VESK_THREAD_ATTRIBUTE(x) __attribute__((x))
@@ -119,12 +121,9 @@ class WakeUp {
     }
     /// As above, but no longer than this. May be cancelled.
     void waitFor(std::chrono::nanoseconds longest) {
-        constexpr long nanosecondsPerSecond = 1000000000;
-        timespec until{};
-        clock_gettime(CLOCK_MONOTONIC, &until);
-        const auto nanoseconds = until.tv_nsec + longest.count();
-        until.tv_sec += nanoseconds / nanosecondsPerSecond;
-        until.tv_nsec = nanoseconds % nanosecondsPerSecond;
+        timespec now{};
+        clock_gettime(CLOCK_MONOTONIC, &now);
+        const timespec until = toTimespec(toDuration(now) + longest);
         while (sem_clockwait(&posts_, CLOCK_MONOTONIC, &until) != 0 && errno == EINTR) {
             // A signal interrupted it.
         }

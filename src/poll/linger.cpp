@@ -4,6 +4,8 @@
 
 #include <ctime>
 
+#include "base/timespec.h"
+
 namespace vesk {
 
 namespace {
@@ -13,7 +15,7 @@ using std::chrono::nanoseconds;
 nanoseconds readClock(clockid_t clock) {
     timespec time{};
     clock_gettime(clock, &time);
-    return std::chrono::seconds(time.tv_sec) + nanoseconds(time.tv_nsec);
+    return toDuration(time);
 }
 
 }  // namespace

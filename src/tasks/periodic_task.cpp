@@ -4,18 +4,15 @@
 #include <ctime>
 #include <utility>
 
+#include "base/timespec.h"
 #include "log/log.h"
 
 namespace vesk {
 
 namespace {
 
-constexpr std::int64_t nanosecondsPerSecond = 1000000000;
-
-void sleepFor(std::int64_t nanoseconds) {
-    timespec remaining{};
-    remaining.tv_sec = nanoseconds / nanosecondsPerSecond;
-    remaining.tv_nsec = nanoseconds % nanosecondsPerSecond;
+void sleepFor(std::chrono::nanoseconds duration) {
+    timespec remaining = toTimespec(duration);
     const CancellationScope cancellable;
     while (nanosleep(&remaining, &remaining) == -1 && errno == EINTR) {
     }
@@ -23,13 +20,14 @@ void sleepFor(std::int64_t nanoseconds) {
 
 }  // namespace
 
-void runPeriodicTask(const std::string& name, const std::int64_t& period,
+void runPeriodicTask(const std::string& name, const std::chrono::nanoseconds& period,
                      const std::function<void()>& action) {
     while (true) {
         endThreadIfCancelled();
-        const std::int64_t wait = period;
-        logInfo("Task [", name, "] will execute in [", wait / nanosecondsPerSecond, "s]");
-        if (wait > 0) {
+        const std::chrono::nanoseconds wait = period;
+        logInfo("Task [", name, "] will execute in [",
+                std::chrono::duration_cast<std::chrono::seconds>(wait).count(), "s]");
+        if (wait.count() > 0) {
             sleepFor(wait);
         }
         logInfo("Task [", name, "] now executing");
@@ -37,7 +35,8 @@ void runPeriodicTask(const std::string& name, const std::int64_t& period,
     }
 }
 
-PeriodicTask::PeriodicTask(std::string name, std::int64_t period, std::function<void()> action)
+PeriodicTask::PeriodicTask(std::string name, std::chrono::nanoseconds period,
+                           std::function<void()> action)
     : name_(std::move(name)), period_(period), action_(std::move(action)) {}
 
 int PeriodicTask::start() {

@@ -1,7 +1,7 @@
 // A named function run on a thread of its own, once per period, until the thread is cancelled.
 #pragma once
 
-#include <cstdint>
+#include <chrono>
 #include <functional>
 #include <string>
 
@@ -9,16 +9,16 @@
 
 namespace vesk {
 
-/// Waits one period, runs the action, and again. The period is in nanoseconds and read afresh for
+/// Waits one period, runs the action, and again. The period is read afresh for
 /// each wait; with 0 or less there is no wait. An empty action throws std::bad_function_call.
 /// The calling thread may be cancelled while it waits and before each wait.
-void runPeriodicTask(const std::string& name, const std::int64_t& period,
+void runPeriodicTask(const std::string& name, const std::chrono::nanoseconds& period,
                      const std::function<void()>& action);
 
 /// A periodic task with its thread. Owned by the main thread.
 class PeriodicTask {
  public:
-    PeriodicTask(std::string name, std::int64_t period, std::function<void()> action);
+    PeriodicTask(std::string name, std::chrono::nanoseconds period, std::function<void()> action);
 
     /// 0, or pthread_create's error code.
     int start();
@@ -29,7 +29,7 @@ class PeriodicTask {
 
  private:
     const std::string name_;
-    const std::int64_t period_;
+    const std::chrono::nanoseconds period_;
     const std::function<void()> action_;
     CancellableThread thread_;
 };

@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <cerrno>
+#include <chrono>
 #include <string>
 #include <vector>
 
@@ -11,7 +12,7 @@
 namespace vesk {
 namespace {
 
-constexpr std::int64_t second = 1000000000;
+constexpr std::chrono::nanoseconds second = std::chrono::seconds(1);
 
 struct Outcome {
     std::optional<Arguments> arguments;
@@ -41,7 +42,7 @@ void expectRefused(const std::vector<const char*>& texts, const std::string& lin
 TEST(ArgumentsTest, HasDefaultsForAll) {
     const Arguments arguments = expectAccepted({});
     EXPECT_EQ(arguments.framingVersion, 2);
-    EXPECT_EQ(arguments.cleanUpIntervalNanoseconds, 600 * second);
+    EXPECT_EQ(arguments.cleanUpInterval, 600 * second);
     EXPECT_TRUE(arguments.cleanUp.main);
     EXPECT_TRUE(arguments.cleanUp.aux);
 }
@@ -49,7 +50,7 @@ TEST(ArgumentsTest, HasDefaultsForAll) {
 TEST(ArgumentsTest, TakesEitherVersion) {
     EXPECT_EQ(expectAccepted({"udpv1"}).framingVersion, 1);
     EXPECT_EQ(expectAccepted({"udpv2"}).framingVersion, 2);
-    EXPECT_EQ(expectAccepted({"udpv1"}).cleanUpIntervalNanoseconds, 600 * second);
+    EXPECT_EQ(expectAccepted({"udpv1"}).cleanUpInterval, 600 * second);
 }
 
 TEST(ArgumentsTest, RefusesAnyOtherVersion) {
@@ -60,7 +61,7 @@ TEST(ArgumentsTest, RefusesAnyOtherVersion) {
 
 TEST(ArgumentsTest, TakesAnIntervalOfAnyBase) {
     const auto intervalOf = [](const char* text) {
-        return expectAccepted({"udpv2", text}).cleanUpIntervalNanoseconds;
+        return expectAccepted({"udpv2", text}).cleanUpInterval;
     };
     EXPECT_EQ(intervalOf("60"), 60 * second);
     EXPECT_EQ(intervalOf("0x3c"), 60 * second);

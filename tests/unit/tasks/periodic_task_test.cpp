@@ -20,8 +20,8 @@ namespace {
 
 using Clock = std::chrono::steady_clock;
 
-constexpr std::int64_t second = 1000000000;
-constexpr std::int64_t millisecond = 1000000;
+constexpr std::chrono::nanoseconds second = std::chrono::seconds(1);
+constexpr std::chrono::nanoseconds millisecond = std::chrono::milliseconds(1);
 
 /// Thrown by an action to end the run of a task on the test's own thread.
 struct Enough {};
@@ -38,7 +38,7 @@ class PeriodicTaskTest : public testing::Test {
 
     /// Runs the task on this thread until the action has run `passes` times.
     std::string runPasses(
-        int passes, std::int64_t& period, const std::function<void()>& action = [] {}) {
+        int passes, std::chrono::nanoseconds& period, const std::function<void()>& action = [] {}) {
         return printedBy([&] {
             int left = passes;
             EXPECT_THROW(runPeriodicTask("T", period,
@@ -57,17 +57,17 @@ class PeriodicTaskTest : public testing::Test {
 };
 
 TEST_F(PeriodicTaskTest, RunsBackToBackWithoutAPeriod) {
-    std::int64_t period = 0;
+    std::chrono::nanoseconds period{0};
     EXPECT_EQ(runPasses(3, period), passOf("T", "0") + passOf("T", "0") + passOf("T", "0"));
 }
 
 TEST_F(PeriodicTaskTest, RunsBackToBackWithANegativePeriod) {
-    std::int64_t period = -2 * second;
+    std::chrono::nanoseconds period = -2 * second;
     EXPECT_EQ(runPasses(2, period), passOf("T", "-2") + passOf("T", "-2"));
 }
 
 TEST_F(PeriodicTaskTest, AnnouncesLessThanASecondAsNoneAndSleepsIt) {
-    std::int64_t period = 50 * millisecond;
+    std::chrono::nanoseconds period = 50 * millisecond;
     const auto begin = Clock::now();
     EXPECT_EQ(runPasses(2, period), passOf("T", "0") + passOf("T", "0"));
     EXPECT_GE(times[0] - begin, std::chrono::milliseconds(50));
@@ -75,26 +75,26 @@ TEST_F(PeriodicTaskTest, AnnouncesLessThanASecondAsNoneAndSleepsIt) {
 }
 
 TEST_F(PeriodicTaskTest, AnnouncesWholeSecondsRoundedDownAndSleepsAllOfThem) {
-    std::int64_t period = second + 100 * millisecond;
+    std::chrono::nanoseconds period = second + 100 * millisecond;
     const auto begin = Clock::now();
     EXPECT_EQ(runPasses(1, period), passOf("T", "1"));
     EXPECT_GE(times[0] - begin, std::chrono::milliseconds(1100));
 }
 
 TEST_F(PeriodicTaskTest, ReadsThePeriodAfreshForEachPass) {
-    std::int64_t period = 0;
+    std::chrono::nanoseconds period{0};
     EXPECT_EQ(runPasses(3, period, [&period] { period -= second; }),
               passOf("T", "0") + passOf("T", "-1") + passOf("T", "-2"));
 }
 
 TEST_F(PeriodicTaskTest, HasNothingToRunWithoutAnAction) {
-    const std::int64_t period = 0;
+    const std::chrono::nanoseconds period{0};
     printedBy([&] { EXPECT_THROW(runPeriodicTask("T", period, {}), std::bad_function_call); });
 }
 
 TEST_F(PeriodicTaskTest, IsSilentBelowItsLevel) {
     const AtLogLevel level("warn");
-    std::int64_t period = 0;
+    std::chrono::nanoseconds period{0};
     EXPECT_EQ(runPasses(2, period), "");
 }
 
@@ -127,7 +127,7 @@ TEST_F(PeriodicTaskTest, CanBeEndedWhileItWaits) {
 
 TEST_F(PeriodicTaskTest, CanBeEndedWhileItNeverWaits) {
     std::atomic<int> passes{0};
-    PeriodicTask task("T", 0, [&passes] { ++passes; });
+    PeriodicTask task("T", std::chrono::nanoseconds(0), [&passes] { ++passes; });
     printedBy([&] {
         ASSERT_EQ(task.start(), 0);
         EXPECT_TRUE(eventually([&] { return passes > 10; }));
@@ -138,7 +138,7 @@ TEST_F(PeriodicTaskTest, CanBeEndedWhileItNeverWaits) {
 TEST_F(PeriodicTaskTest, IsNotEndedInTheMiddleOfItsAction) {
     std::atomic<bool> inside{false};
     std::atomic<bool> finished{false};
-    PeriodicTask task("T", 0, [&] {
+    PeriodicTask task("T", std::chrono::nanoseconds(0), [&] {
         inside = true;
         pthread_testcancel();
         finished = true;
@@ -152,7 +152,7 @@ TEST_F(PeriodicTaskTest, IsNotEndedInTheMiddleOfItsAction) {
 }
 
 TEST_F(PeriodicTaskTest, ReportsThatNoThreadIsToBeHad) {
-    PeriodicTask task("T", 0, [] {});
+    PeriodicTask task("T", std::chrono::nanoseconds(0), [] {});
     int error = 0;
     {
         const ThreadShortage shortage;
@@ -167,7 +167,7 @@ TEST_F(PeriodicTaskTest, SleepsOnAfterASignal) {
     action.sa_handler = [](int) {};
     struct sigaction before {};
     ASSERT_EQ(sigaction(SIGUSR1, &action, &before), 0);
-    const std::int64_t period = 300 * millisecond;
+    const std::chrono::nanoseconds period = 300 * millisecond;
     std::atomic<int> passes{0};
     ThreadMark mark;
     CancellableThread thread;

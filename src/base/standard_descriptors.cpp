@@ -1,0 +1,32 @@
+#include "base/standard_descriptors.h"
+
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <initializer_list>
+
+namespace vesk {
+
+namespace {
+
+int openMode(int fd, ClosedStream closed) {
+    if (closed == ClosedStream::isEmpty) {
+        return O_RDWR;
+    }
+    // The direction that nobody uses.
+    return fd == STDIN_FILENO ? O_WRONLY : O_RDONLY;
+}
+
+}  // namespace
+
+void occupyStandardDescriptors(ClosedStream closed) {
+    for (const int fd : {STDIN_FILENO, STDOUT_FILENO, STDERR_FILENO}) {
+        if (fcntl(fd, F_GETFD) == -1) {
+            // It gets the lowest free number, which is this one, and keeps it while the process
+            // lives.
+            static_cast<void>(open("/dev/null", openMode(fd, closed)));
+        }
+    }
+}
+
+}  // namespace vesk
