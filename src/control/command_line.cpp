@@ -89,17 +89,11 @@ const std::string* findNonEmpty(const AttributeMap& attributes, std::string_view
     return found == attributes.end() || found->second.empty() ? nullptr : &found->second;
 }
 
-const std::string* requireNonEmpty(const AttributeMap& attributes, std::string_view name,
-                                   std::string_view complaint) {
-    const std::string* const value = findNonEmpty(attributes, name);
-    if (value == nullptr) {
-        logError(complaint);
+bool consumedWhole(const TokenQueue& tokens, std::string_view routine) {
+    if (!tokens.empty()) {
+        logError(routine, ": bad command, missing value after ", tokens.front());
     }
-    return value;
-}
-
-std::string describeLeftover(const TokenQueue& tokens) {
-    return tokens.empty() ? std::string() : "missing value after " + tokens.front();
+    return tokens.empty();
 }
 
 }  // namespace vesk

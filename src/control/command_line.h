@@ -27,13 +27,9 @@ AttributeMap parseCommandAttrs(TokenQueue& tokens);
 /// The attribute's value, or null where it is missing or empty. Valid as long as the map.
 const std::string* findNonEmpty(const AttributeMap& attributes, std::string_view name);
 
-/// As above; logs the complaint, whole as it is given, where it returns null.
-const std::string* requireNonEmpty(const AttributeMap& attributes, std::string_view name,
-                                   std::string_view complaint);
-
-/// The report for a name without a value, "missing value after ...", or an empty text where the
-/// parser left nothing over. It never does; the handlers ask all the same, so that a parser that
-/// learns to stop early cannot make them act on half a command.
-std::string describeLeftover(const TokenQueue& tokens);
+/// Whether the parser left nothing over; logs "missing value after ..." for the handler `routine`
+/// where it did. It never does; the handlers ask all the same, so that a parser that learns to stop
+/// early cannot make them act on half a command.
+bool consumedWhole(const TokenQueue& tokens, std::string_view routine);
 
 }  // namespace vesk

@@ -6,7 +6,7 @@
 #include <utility>
 
 #include "app/forwarder_context.h"
-#include "base/parse_number.h"
+#include "control/command_attributes.h"
 #include "control/listening_endpoint.h"
 #include "datapath/downstream.h"
 #include "log/error_text.h"
@@ -17,11 +17,6 @@ namespace vesk {
 
 namespace {
 
-struct ListenAddress {
-    std::string address;
-    std::uint64_t port;
-};
-
 void reportUnusableAddress() {
     // Kept: two blanks after the comma and one at the end.
     logError("startForwarder: bad command,  Invalid address and/or port ");
@@ -29,34 +24,20 @@ void reportUnusableAddress() {
 
 /// What "start" asks for, or nothing, after logging, where it makes no sense.
 std::optional<ListenAddress> parseStart(TokenQueue& tokens) {
-    const AttributeMap attributes = parseCommandAttrs(tokens);
-    if (const std::string leftover = describeLeftover(tokens); !leftover.empty()) {
-        logError("startForwarder: bad command, ", leftover);
-        return std::nullopt;
-    }
-    const std::string* const address = requireNonEmpty(
-        attributes, "addr", "startForwarder: bad command, missing or empty 'addr' attr");
-    if (address == nullptr) {
-        return std::nullopt;
-    }
-    const std::string* const portText = requireNonEmpty(
-        attributes, "port", "startForwarder: bad command, missing or empty 'port' attr");
-    if (portText == nullptr) {
-        return std::nullopt;
-    }
-    const std::optional<std::uint64_t> port = parseUnsigned(*portText);
-    if (!port) {
-        // Kept: two blanks before "Bad", none before the text refused.
-        logError("startForwarder: bad command,  Bad port value", *portText);
+    const auto attributes = CommandAttributes::parse("startForwarder", tokens);
+    // Kept: two blanks before "Bad", none before the text refused.
+    auto listen = attributes ? attributes->listenAddress(" Bad port value") : std::nullopt;
+    if (!listen) {
         return std::nullopt;
     }
     try {
-        const IPAddrInfo resolved(*address, static_cast<std::uint32_t>(*port));
+        // Looked up here to check the command, and again for the socket.
+        const IPAddrInfo resolved(listen->address, static_cast<std::uint32_t>(listen->port));
     } catch (const std::invalid_argument&) {
         reportUnusableAddress();
         return std::nullopt;
     }
-    return ListenAddress{*address, *port};
+    return listen;
 }
 
 /// Closes each endpoint that no thread serves, and lends it no longer. The endpoint of a thread
@@ -145,13 +126,8 @@ bool stopForwarder(ForwarderContext& context) {
 }
 
 bool setLogParams(TokenQueue tokens, const std::shared_ptr<ForwarderContext>& /*context*/) {
-    const AttributeMap attributes = parseCommandAttrs(tokens);
-    if (const std::string leftover = describeLeftover(tokens); !leftover.empty()) {
-        logError("setLogParams: bad command, ", leftover);
-        return false;
-    }
-    const std::string* const priority = requireNonEmpty(
-        attributes, "priority", "setLogParams: bad command, missing or empty 'priority' attr");
+    const auto attributes = CommandAttributes::parse("setLogParams", tokens);
+    const std::string* const priority = attributes ? attributes->text("priority") : nullptr;
     return priority != nullptr && setLogLevelByName(*priority);
 }
 

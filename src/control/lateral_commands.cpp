@@ -6,12 +6,11 @@
 #include <memory>
 #include <optional>
 #include <stdexcept>
-#include <string_view>
 
 #include "app/forwarder_context.h"
-#include "base/parse_number.h"
 #include "base/sync.h"
 #include "base/thread_control.h"
+#include "control/command_attributes.h"
 #include "control/listening_endpoint.h"
 #include "datapath/lateral.h"
 #include "flow/secret_bytes.h"
@@ -28,23 +27,8 @@ constexpr std::uint32_t placeholderPort = 8445;
 
 constexpr std::size_t lateralKeyLength = 16;
 
-/// The attribute as a 32-bit number, or nothing after logging what is wrong with it.
-std::optional<std::uint32_t> requireNumber(const AttributeMap& attributes, std::string_view name,
-                                           std::string_view missing, std::string_view bad) {
-    const std::string* const text = requireNonEmpty(attributes, name, missing);
-    if (text == nullptr) {
-        return std::nullopt;
-    }
-    const std::optional<std::uint32_t> number = parseUnsigned32(*text);
-    if (!number) {
-        logError(bad, *text);
-    }
-    return number;
-}
-
 struct LateralSettings {
-    std::string address;
-    std::uint64_t port;
+    ListenAddress listen;
     std::uint32_t index;
     std::uint32_t maxQels;
 };
@@ -55,9 +39,10 @@ void reportUnusableLateralAddress() {
 
 /// Whether the address can be listened on; logs where it cannot. Unlike the other commands it takes
 /// a resolver failure for a bad address: a stream that cannot start is no reason to end what runs.
-bool isUsableLateralAddress(const std::string& address, std::uint64_t port) {
+bool isUsableLateralAddress(const ListenAddress& listen) {
     try {
-        const IPAddrInfo resolved(address, static_cast<std::uint32_t>(port));
+        // Looked up here to check the command, and again for the socket.
+        const IPAddrInfo resolved(listen.address, static_cast<std::uint32_t>(listen.port));
         return true;
     } catch (const std::invalid_argument&) {
     } catch (const std::runtime_error&) {
@@ -68,43 +53,21 @@ bool isUsableLateralAddress(const std::string& address, std::uint64_t port) {
 
 /// What "start_lateral" asks for, or nothing, after logging the first thing wrong with it.
 std::optional<LateralSettings> parseStartLateral(TokenQueue& tokens) {
-    const AttributeMap attributes = parseCommandAttrs(tokens);
-    if (const std::string leftover = describeLeftover(tokens); !leftover.empty()) {
-        logError("startLateralStream: bad command, ", leftover);
+    const auto attributes = CommandAttributes::parse("startLateralStream", tokens);
+    // Kept: two blanks before "Bad", none before the text refused.
+    auto listen = attributes ? attributes->listenAddress(" Bad lateral port value") : std::nullopt;
+    if (!listen || !isUsableLateralAddress(*listen)) {
         return std::nullopt;
     }
-    const std::string* const address = requireNonEmpty(
-        attributes, "addr", "startLateralStream: bad command, missing or empty 'addr' attr");
-    if (address == nullptr) {
-        return std::nullopt;
-    }
-    const std::string* const portText = requireNonEmpty(
-        attributes, "port", "startLateralStream: bad command, missing or empty 'port' attr");
-    if (portText == nullptr) {
-        return std::nullopt;
-    }
-    const std::optional<std::uint64_t> port = parseUnsigned(*portText);
-    if (!port) {
-        // Kept: two blanks before "Bad", none before the text refused.
-        logError("startLateralStream: bad command,  Bad lateral port value", *portText);
-        return std::nullopt;
-    }
-    if (!isUsableLateralAddress(*address, *port)) {
-        return std::nullopt;
-    }
-    const auto index = requireNumber(attributes, "idx",
-                                     "startLateralStream: bad command, missing or empty 'idx' attr",
-                                     "startLateralStream: bad command, Bad lateral index value");
+    const auto index = attributes->number32("idx", "Bad lateral index value");
     if (!index) {
         return std::nullopt;
     }
-    const auto maxQels = requireNumber(
-        attributes, "max_qels", "startLateralStream: bad command, missing or empty 'max_qels' attr",
-        "startLateralStream: bad command, Bad lateral Max Qels value");
+    const auto maxQels = attributes->number32("max_qels", "Bad lateral Max Qels value");
     if (!maxQels) {
         return std::nullopt;
     }
-    return LateralSettings{*address, *port, *index, *maxQels};
+    return LateralSettings{*std::move(listen), *index, *maxQels};
 }
 
 /// A new random key in both slots; false, with nothing changed, where there is none to be had.
@@ -123,7 +86,7 @@ bool drawLateralKey(LateralStream& lateral) {
 }
 
 void storeSettings(const LateralSettings& settings, LateralStream& lateral) {
-    lateral.port = settings.port;
+    lateral.port = settings.listen.port;
     lateral.index = settings.index;
     lateral.maxQels = settings.maxQels;
 }
@@ -135,7 +98,8 @@ std::optional<EndpointPtr> openLateralEndpoint(const LateralSettings& settings,
     context.lateralEndpoint.withdraw();
     closeListeningEndpoint(std::move(context.lateral.endpoint), context);
     try {
-        return makeLateralStreamEndpoint(settings.address, static_cast<int>(settings.port));
+        return makeLateralStreamEndpoint(settings.listen.address,
+                                         static_cast<int>(settings.listen.port));
     } catch (const std::invalid_argument&) {
     } catch (const std::runtime_error&) {
     }
@@ -176,26 +140,19 @@ int startLateralThread(EndpointPtr endpoint, const std::shared_ptr<ForwarderCont
 }  // namespace
 
 bool addLateralPeer(TokenQueue tokens, const std::shared_ptr<ForwarderContext>& context) {
-    const AttributeMap attributes = parseCommandAttrs(tokens);
-    if (const std::string leftover = describeLeftover(tokens); !leftover.empty()) {
-        logError("addLateralPeer: bad command, ", leftover);
+    const auto attributes = CommandAttributes::parse("addLateralPeer", tokens);
+    if (!attributes) {
         return false;
     }
-    const auto index =
-        requireNumber(attributes, "idx", "addLateralPeer: bad command, missing or empty 'idx' attr",
-                      "addLateralPeer: bad command, Bad lateral index value");
-    if (!index) {
-        return false;
-    }
-    const std::string* const address = requireNonEmpty(
-        attributes, "addr", "addLateralPeer: bad command, missing or empty 'addr' attr");
+    const auto index = attributes->number32("idx", "Bad lateral index value");
+    const std::string* const address = index ? attributes->text("addr") : nullptr;
     if (address == nullptr) {
         return false;
     }
     try {
         context->lateral.peers.set(*index, IPAddrInfo(*address, placeholderPort));
     } catch (const std::invalid_argument&) {
-        logError("addLateralPeer: bad command, Invalid address");
+        attributes->refuse("Invalid address");
         return false;
     }
     logInfo("Added lateral stream peer: idx ", *index, " addr ", *address);
@@ -225,8 +182,8 @@ bool startLateralStream(TokenQueue tokens, const std::shared_ptr<ForwarderContex
         logError("Vesk Lateral listener failed to start, err: ", result);
         return false;
     }
-    logInfo("Vesk Lateral listener started on port ", settings->port, " address ",
-            settings->address, " index ", settings->index, " maxQels ", settings->maxQels);
+    logInfo("Vesk Lateral listener started on port ", settings->listen.port, " address ",
+            settings->listen.address, " index ", settings->index, " maxQels ", settings->maxQels);
     return true;
 }
 

@@ -3,7 +3,6 @@
 #include <openssl/crypto.h>
 
 #include <stdexcept>
-#include <string_view>
 #include <vector>
 
 #include "app/forwarder_context.h"
@@ -34,15 +33,6 @@ class LabelAttributes {
     AttributeMap attributes_;
 };
 
-/// Whether the parser left nothing over; logs what it did.
-bool isWhole(const TokenQueue& tokens, std::string_view prefix) {
-    const std::string leftover = describeLeftover(tokens);
-    if (!leftover.empty()) {
-        logError(prefix, leftover);
-    }
-    return leftover.empty();
-}
-
 bool refuseSet(std::uint32_t label) {
     logError("setLabelAttrs: bad command for label ", label);
     return false;
@@ -52,7 +42,7 @@ bool refuseSet(std::uint32_t label) {
 
 bool setLabelAttrs(TokenQueue tokens, const std::shared_ptr<ForwarderContext>& context) {
     const LabelAttributes attributes(tokens);
-    if (!isWhole(tokens, "setLabelAttrs: bad command, ")) {
+    if (!consumedWhole(tokens, "setLabelAttrs")) {
         return false;
     }
     FlowDesc scratch;
@@ -75,7 +65,7 @@ bool setLabelAttrs(TokenQueue tokens, const std::shared_ptr<ForwarderContext>& c
 
 bool deleteLabel(TokenQueue tokens, const std::shared_ptr<ForwarderContext>& context) {
     const LabelAttributes attributes(tokens);
-    if (!isWhole(tokens, "deleteLabel: bad command, ")) {
+    if (!consumedWhole(tokens, "deleteLabel")) {
         return false;
     }
     FlowDesc scratch;

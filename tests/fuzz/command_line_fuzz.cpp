@@ -79,7 +79,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     require(words == expectedWords(line), "a line is split into its words");
     const AttributeMap expected = expectedAttributes(words);
     require(parseCommandAttrs(words) == expected, "words become attributes");
-    require(words.empty() && describeLeftover(words).empty(), "no word is left over");
+    require(words.empty() && consumedWhole(words, "fuzz"), "no word is left over");
     for (const auto& [name, value] : expected) {
         require(*findNonEmpty(expected, name) == value, "an attribute is found by its name");
     }

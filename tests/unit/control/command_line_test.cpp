@@ -5,6 +5,8 @@
 
 #include <string>
 
+#include "support/printed.h"
+
 namespace vesk {
 namespace {
 
@@ -109,8 +111,11 @@ TEST(FindNonEmptyTest, FindsOnlyWhatHasAValue) {
 }
 
 TEST(DescribeLeftoverTest, NamesTheFirstWordLeft) {
-    EXPECT_EQ(describeLeftover({"port", "x"}), "missing value after port");
-    EXPECT_EQ(describeLeftover({}), "");
+    EXPECT_EQ(printedBy([] {
+                  EXPECT_FALSE(consumedWhole({"port", "x"}, "setLogParams"));
+              }),
+              "error setLogParams: bad command, missing value after port\n");
+    EXPECT_EQ(printedBy([] { EXPECT_TRUE(consumedWhole({}, "setLogParams")); }), "");
 }
 
 }  // namespace
