@@ -1,19 +1,19 @@
-"""Each system call that opens, watches or gives back a socket, refused once.
+"""Each system call that opens a socket or sets it up, refused once, and no descriptors left.
 
-The message is the stated one, nothing leaks, and the next good datagram is relayed.
+The message is the stated one, no descriptor leaks, and the next good datagram is relayed.
 """
 
 from __future__ import annotations
 
 import re
-from pathlib import Path
 from typing import List
 
 import pytest
 
-from framework.fixtures import StartVesk
 from framework.bench import Bench
-from framework.faults import (failing_calls, failing_listener, failing_poll_thread, faulty_start)
+from framework.faults import failing_calls, failing_listener
+from framework.fixtures import StartVesk
+from framework.flow import four_keys
 from framework.lateral import LOOPBACK, join, shared_free_port
 from framework.udp import UdpEnd, free_port
 from framework.vesk_process import VeskProcess
@@ -22,7 +22,7 @@ TIME_STAMP = r"\[[-0-9T:.]{23}\]"
 CREATED = re.compile(r"info Created (multiplexed )?upstream endpoint: label 0x5/5 .*")
 
 
-# Opening a flow's socket ----------------------------------------------------------------
+# A flow's socket ------------------------------------------------------------------------
 
 NO_SOCKET = "error createEndpoint: Failed to create endpoint sockets (family 2): -{}"
 NOT_RELAYED = [
@@ -38,8 +38,8 @@ NOT_RELAYED = [
 
 
 @pytest.mark.parametrize("injection, complaints", NOT_RELAYED)
-def test_a_call_that_a_flow_cannot_do_without(bench: Bench, injection: str,
-                                              complaints: List[str]) -> None:
+def test_a_failed_call_costs_the_datagram_only(bench: Bench, injection: str,
+                                               complaints: List[str]) -> None:
     """The datagram is lost, and nothing else: the next one opens the socket."""
     flow = bench.flow(options={"up_src_ip": "127.0.0.1", "up_src_port": free_port()})
     bench.declare(flow)
@@ -77,8 +77,8 @@ RELAYED = [
 
 
 @pytest.mark.parametrize("call, number, complaints", RELAYED)
-def test_a_call_that_a_flow_can_do_without(bench: Bench, call: str, number: int,
-                                           complaints: List[str]) -> None:
+def test_a_failed_option_costs_nothing(bench: Bench, call: str, number: int,
+                                       complaints: List[str]) -> None:
     """The very datagram that met the failure is relayed, and so is what follows."""
     flow = bench.flow(options={"is_multiplex": "true"})
     bench.declare(flow)
@@ -97,13 +97,53 @@ def test_a_call_that_a_flow_can_do_without(bench: Bench, call: str, number: int,
     bench.vesk.wait_exit(0, seconds=2)
 
 
-# Opening the listeners ------------------------------------------------------------------
+def test_upstream_sockets_get_the_stated_options(bench: Bench) -> None:
+    flow = bench.flow(options={"is_multiplex": "true"})
+    bench.declare(flow)
+    with failing_listener(bench.vesk, "setsockopt:delay_enter=1",
+                       "fcntl:delay_enter=1", "dup:delay_enter=1") as trace:
+        bench.exchange(flow)
+    text = trace.read_text()
+    options = re.findall(r"setsockopt\((\d+), (\w+, \w+), \[(\d+)\]", text)
+    reading, writing = bench.vesk.wait_for_log(re.compile(
+        r"info Created multiplexed upstream endpoint: label 0x5/5 .*")).split()[-2:]
+    assert options == [(reading, "SOL_SOCKET, SO_REUSEPORT", "1"),
+                       (writing, "SOL_SOCKET, SO_REUSEPORT", "1"),
+                       (reading, "SOL_SOCKET, SO_RCVBUF", "524288"),
+                       (writing, "SOL_SOCKET, SO_SNDBUF", "262144"),
+                       (reading, "SOL_IP, IP_PKTINFO", "1")]
+    assert re.search(rf"fcntl\({reading}, F_SETFL, .*O_NONBLOCK\)", text)
+    assert re.search(rf"dup\({reading}\) += {writing}", text)
 
-@pytest.mark.parametrize("injection, complaint", [
+
+@pytest.mark.parametrize("call, which", [("socket", "rdsockfd"), ("dup", "wrsockfd")])
+def test_a_descriptor_that_is_filed_already_is_refused(bench: Bench, call: str,
+                                                       which: str) -> None:
+    """As after a number was reused behind the forwarder's back."""
+    first, second = bench.flow(5), bench.flow(6)
+    bench.declare(first, second)
+    bench.exchange(first)
+    filed = bench.vesk.wait_for_log(
+        re.compile(r"info Created upstream endpoint: label 0x5/5 .*")).split()[-2]
+    since = bench.vesk.mark()
+    with failing_listener(bench.vesk, f"{call}:retval={filed}:when=1"):
+        bench.send(second.request(b"x"))
+        bench.vesk.wait_for_log(f"error Endpoint exists for {which}", since)
+        bench.vesk.wait_for_log(
+            "error createEndpoint: Failed to add new endpoint to collection: -1", since)
+    bench.vesk.finish()
+
+
+# Listeners ------------------------------------------------------------------------------
+
+NOT_OPENED = [
     ("socket:error=ENFILE",
      "error Failed socket syscall for endpoint: Too many open files in system"),
     ("bind:error=EACCES", "error Failed bind syscall for endpoint socket: Permission denied"),
-])
+]
+
+
+@pytest.mark.parametrize("injection, complaint", NOT_OPENED)
 def test_a_listener_that_cannot_be_opened(vesk: VeskProcess, peer: UdpEnd, upstream: UdpEnd,
                                           injection: str, complaint: str) -> None:
     descriptors = vesk.descriptor_count()
@@ -117,11 +157,7 @@ def test_a_listener_that_cannot_be_opened(vesk: VeskProcess, peer: UdpEnd, upstr
     bench.exchange(bench.control)
 
 
-@pytest.mark.parametrize("injection, complaint", [
-    ("socket:error=ENFILE",
-     "error Failed socket syscall for endpoint: Too many open files in system"),
-    ("bind:error=EACCES", "error Failed bind syscall for endpoint socket: Permission denied"),
-])
+@pytest.mark.parametrize("injection, complaint", NOT_OPENED)
 def test_a_lateral_listener_that_cannot_be_opened(vesk: VeskProcess, injection: str,
                                                   complaint: str) -> None:
     """The command may be given again."""
@@ -136,50 +172,25 @@ def test_a_lateral_listener_that_cannot_be_opened(vesk: VeskProcess, injection: 
     join(vesk, 0, {0: LOOPBACK[0], 1: LOOPBACK[1]}, port, 2)
 
 
-# Watching sockets -----------------------------------------------------------------------
-
-def descriptor_of(bench: Bench) -> str:
-    return bench.vesk.wait_for_log(CREATED).split()[-2]
-
-
-def test_a_socket_that_the_kernel_does_not_arm_again(bench: Bench) -> None:
-    """Said, and no more: the flow's replies stay away until its socket is opened anew."""
-    flow, other = bench.flow(5), bench.flow(6)
-    bench.declare(flow, other)
-    sender = bench.exchange(flow)
-    with failing_poll_thread(bench.vesk, "epoll_ctl:error=ENOMEM:when=1"):
-        bench.answer(flow, sender)
-        bench.vesk.wait_for_log(f"error epoll_ctl error: msgchanfd ctl_op 3 fd "
-                                f"{descriptor_of(bench)} errno 12 (Cannot allocate memory)")
-    bench.exchange(other)
-    bench.declare(flow)
-    bench.exchange(flow)
-
-
-def test_a_socket_that_the_kernel_does_not_let_go(bench: Bench) -> None:
-    """Said, and the descriptor stays open: it may still be in the set."""
-    flow = bench.flow(5)
-    bench.declare(flow)
-    descriptors = bench.vesk.descriptor_count()
-    bench.exchange(flow)
-    with failing_poll_thread(bench.vesk, "epoll_ctl:error=ENOMEM:when=2"):
-        bench.vesk.lines_after("del label 5")
-        bench.vesk.wait_for_log(f"error epoll_ctl error: msgchanfd ctl_op 2 fd "
-                                f"{descriptor_of(bench)} errno 12 (Cannot allocate memory)")
-    bench.vesk.wait_for_descriptor_count(descriptors + 1)
-    bench.declare(flow)
-    bench.exchange(flow)
-
-
-def test_no_set_to_watch_with(start_vesk: StartVesk, tmp_path: Path) -> None:
-    vesk = start_vesk(prefix=faulty_start(
-        tmp_path / "trace", "epoll_create:error=EMFILE", "epoll_create1:error=EMFILE"))
-    vesk.wait_for_log("error Failed to add msgchanfd to epoll set: Too many open files")
-    vesk.settle()
-    vesk.finish()
-
-
 # No descriptors left --------------------------------------------------------------------
+
+def test_no_descriptor_for_the_socket(bench: Bench) -> None:
+    flow = bench.flow(**four_keys())
+    bench.declare(flow)
+    bench.nothing_went_upstream()
+    bench.vesk.lines_after("log priority debug")
+    descriptors = bench.vesk.descriptor_count()
+    bench.vesk.limit_descriptors(spare=0)
+    since = bench.vesk.mark()
+    bench.send(flow.request(b"x"))
+    bench.vesk.wait_for_log("debug Failed to create upstream endpoint with label 5", since)
+    assert [line for line in bench.vesk.log_lines(since) if line.startswith("error")] == [
+        "error socket: new endpoint socket. Error: Too many open files",
+        "error createEndpoint: Failed to create endpoint sockets (family 2): -24"]
+    assert bench.vesk.descriptor_count() == descriptors
+    bench.vesk.unlimit_descriptors()
+    bench.exchange(flow)
+
 
 LIMIT = 64
 
