@@ -2,7 +2,6 @@
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
-#include <unistd.h>
 
 #include <atomic>
 #include <ios>
@@ -12,9 +11,7 @@
 #include <thread>
 
 #include "control/control_fixture.h"
-#include "log/log.h"
 #include "support/child_process.h"
-#include "support/framed.h"
 #include "support/printed.h"
 #include "support/thread_state.h"
 #include "support/udp_socket.h"
@@ -24,7 +21,6 @@ namespace {
 
 using testing::EndsWith;
 using testing::HasSubstr;
-using testing::MatchesRegex;
 
 class ForwarderCommandsTest : public ControlTest {
  protected:
@@ -229,37 +225,6 @@ TEST_F(ForwarderCommandsTest, SecondStartOnTheSamePortFailsAndLeavesTheThread) {
     EXPECT_EQ(context->downstreamEndpoint.load(), nullptr);
     EXPECT_EQ(stop(), "info Forwarder listener stopped\n");
     EXPECT_FALSE(isTaken(port));
-}
-
-class LogCommandTest : public ControlTest {
- protected:
-    void TearDown() override {
-        setLogLevelByName("info");
-        ControlTest::TearDown();
-    }
-};
-
-TEST_F(LogCommandTest, ChangesTheLevel) {
-    const Outcome outcome = run(setLogParams, "priority trace");
-    EXPECT_TRUE(outcome.succeeded);
-    EXPECT_EQ(outcome.printed, "");
-    EXPECT_TRUE(logEnabled(LogLevel::trace));
-    EXPECT_TRUE(run(setLogParams, "priority error further 1").succeeded);
-    EXPECT_FALSE(logEnabled(LogLevel::warn));
-}
-
-TEST_F(LogCommandTest, IgnoresAnUnknownNameWithoutAWord) {
-    expectRefused(setLogParams, "priority verbose", "");
-    expectRefused(setLogParams, "priority INFO", "");
-    EXPECT_TRUE(logEnabled(LogLevel::info));
-    EXPECT_FALSE(logEnabled(LogLevel::debug));
-}
-
-TEST_F(LogCommandTest, NeedsAPriority) {
-    const std::string line = "error setLogParams: bad command, missing or empty 'priority' attr\n";
-    expectRefused(setLogParams, "", line);
-    expectRefused(setLogParams, "priority", line);
-    expectRefused(setLogParams, "Priority trace", line);
 }
 
 }  // namespace

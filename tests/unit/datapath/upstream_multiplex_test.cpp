@@ -1,0 +1,105 @@
+// Replies on the socket of a multiplexed flow, where those of any flow may arrive.
+#include <gtest/gtest.h>
+
+#include "datapath/upstream.h"
+#include "datapath/upstream_fixture.h"
+
+namespace vesk {
+namespace {
+
+class MultiplexedUpstreamTest : public UpstreamTest {
+ protected:
+    void SetUp() override {
+        UpstreamTest::SetUp();
+        open("is_multiplex true");
+        declareFlow(otherLabel, "is_multiplex true up_in_key 0102");
+        otherPeerOpensItsFlow();
+    }
+    void TearDown() override {
+        other.reset();
+        UpstreamTest::TearDown();
+    }
+    void otherPeerOpensItsFlow() {
+        arriveFrom(otherPeer, framed(otherLabel, toBytes("request")));
+        EXPECT_TRUE(upstream.receive().has_value());
+        other = manager().findEndpointByLabel(otherLabel);
+        ASSERT_NE(other, nullptr);
+    }
+
+    static constexpr std::uint32_t otherLabel = 0x77;
+    const TestKey otherKey{"sha1", {1, 2}};
+    UdpSocket otherPeer;
+    EndpointPtr other;
+};
+
+TEST_F(MultiplexedUpstreamTest, ReturnsAReplyToTheFlowOfItsLabel) {
+    reply(framed(otherLabel, payload, otherKey));
+    serveFlow(true);
+    EXPECT_EQ(otherPeer.receive(), framed(0x2222, payload));
+    EXPECT_TRUE(peer.empty());
+    EXPECT_EQ(countsOf(*flow), (Counts{.rxDg = 1, .txDg = 1}));
+    EXPECT_EQ(countsOf(*other), (Counts{.txDg = 1, .dnTxDg = 1}));
+}
+
+TEST_F(MultiplexedUpstreamTest, CountsAForgedReplyOnTheFlowOfItsLabel) {
+    reply(framed(otherLabel, payload));
+    serveFlow(true);
+    EXPECT_TRUE(otherPeer.empty());
+    EXPECT_EQ(countsOf(*flow), (Counts{.rxDg = 1, .txDg = 1}));
+    EXPECT_EQ(countsOf(*other), (Counts{.txDg = 1, .rxDgError = 1}));
+}
+
+TEST_F(MultiplexedUpstreamTest, CountsAnUnknownLabelOnItsOwnEndpoint) {
+    for (const std::uint32_t unknown : {0x888U, 0U}) {
+        reply(framed(unknown, payload));
+        serveFlow(true);
+    }
+    EXPECT_EQ(countsOf(*flow), (Counts{.rxDg = 2, .txDg = 1, .rxDgError = 2}));
+    EXPECT_TRUE(peer.empty());
+}
+
+/// The sibling flow after a "set", when a reply labelled with it arrives before its next request.
+class MultiplexedSiblingTest : public MultiplexedUpstreamTest {
+ protected:
+    void SetUp() override {
+        MultiplexedUpstreamTest::SetUp();
+        other.reset();
+        declareFlow(otherLabel, "is_multiplex true");
+        takePollRequests();
+        other = createEndpoint(otherLabel);
+        ASSERT_NE(other, nullptr);
+    }
+    void expectReplyDropped() {
+        const LocalAddress localBefore = upstreamLocalOf(*other);
+        reply(framed(otherLabel, payload, otherKey));
+        serveFlow(true);
+        EXPECT_TRUE(otherPeer.empty());
+        EXPECT_EQ(countsOf(*other), (Counts{.dnTxDgDropped = 1}));
+        EXPECT_EQ(countsOf(*flow), (Counts{.rxDg = 1, .txDg = 1}));
+        EXPECT_EQ(manager().findEndpointByLabel(otherLabel), other);
+        EXPECT_EQ(upstreamLocalOf(*other), localBefore);
+    }
+    static LocalAddress upstreamLocalOf(VeskEndpointDescriptor& endpoint) {
+        const ReadLock lock(endpoint.routeLock);
+        return endpoint.upstreamLocal;
+    }
+};
+
+TEST_F(MultiplexedSiblingTest, DropsAReplyWhileTheEndpointIsBeingPrepared) {
+    expectReplyDropped();
+}
+
+TEST_F(MultiplexedSiblingTest, DropsAReplyBeforeTheFirstRequest) {
+    other->prepared = true;
+    expectReplyDropped();
+}
+
+TEST_F(MultiplexedSiblingTest, CountsAForgedReplyBeforeTheFirstRequestAsAnError) {
+    other->prepared = true;
+    reply(framed(otherLabel, payload));
+    serveFlow(true);
+    EXPECT_EQ(countsOf(*other), (Counts{.rxDgError = 1}));
+}
+
+}  // namespace
+}  // namespace vesk
