@@ -35,18 +35,21 @@ struct ForwarderContext : std::enable_shared_from_this<ForwarderContext> {
     ForwarderContext(const ForwarderContext&) = delete;
     ForwarderContext& operator=(const ForwarderContext&) = delete;
 
-    // Constant from start-up to shut-down.
+    // Constant.
 
     const FramingDescriptor& framing;
     /// Which source address IPv4 replies and upstream requests get.
     const Ipv4Source ipv4Source;
     const std::shared_ptr<EndpointManager> endpointManager;
+
+    // Set by the main thread at start-up and cleared at shut-down; unchanged in between.
+
     /// The senders' end of the message channel, and the poll loop's.
     UniqueFd pollSocket;
     UniqueFd serverPollSock;
     std::shared_ptr<PollThreadParam> pollThread;
     PollParams receiveWorkers;
-    /// Reported as send workers; nobody starts any.
+    // Kept: reported as send workers, of which there are none.
     PollParams sendWorkers;
     std::shared_ptr<PeriodicTask> cleanUpTask;
 
@@ -55,11 +58,17 @@ struct ForwarderContext : std::enable_shared_from_this<ForwarderContext> {
     /// Set before the first thread is stopped.
     std::atomic<bool> shuttingDown{false};
 
-    // Replaced by commands while other threads read them.
+    // Changed by commands while other threads read them; each has its own protection.
 
     EndpointSlot downstreamEndpoint;
     EndpointSlot lateralEndpoint;
     LateralStream lateral;
+
+    // Taken by the receive threads and the workers.
+
+    /// Held from looking for a label's endpoint to its being ready for use, so that of two threads
+    /// that miss the same one, one makes it and the other uses it ready made.
+    Mutex endpointCreation;
 
     // Used by the main thread only. There is more than one listener if "start" was sent twice
     // without "stop": each keeps the endpoint that it was started with. The entry of a thread that
@@ -68,10 +77,6 @@ struct ForwarderContext : std::enable_shared_from_this<ForwarderContext> {
     std::list<DownstreamListener> downstreamListeners;
     /// Whether a worker could not be stopped; its record is no longer listed.
     bool workerLeftRunning = false;
-
-    /// Held from looking for a label's endpoint to its being ready for use, so that of two threads
-    /// that miss the same one, one makes it and the other uses it ready made.
-    Mutex endpointCreation;
 };
 
 }  // namespace vesk

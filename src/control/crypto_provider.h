@@ -7,6 +7,7 @@ namespace vesk {
 /// True where the library is in the mode required; tells in `fipsActive`, if given, whether that is
 /// FIPS mode. False, with `fipsActive` untouched, where it is required and cannot be had: the
 /// process must not go on.
+// Kept: `fipsActive` is part of the interface; the forwarder has no use for it.
 bool initFipsMode(int* fipsActive = nullptr);
 
 /// Makes libcrypto set up its digests now, while memory is plenty and no other thread runs. Its

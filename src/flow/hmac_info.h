@@ -65,11 +65,12 @@ struct HmacInfo {
     std::unique_ptr<HMAC_CTX, HmacContextDeleter> context;
     DigestSelector digest;
     SecretBytes<maxHmacKeyLength> key{};
-    /// A constant: the name of one of the algorithms above.
+    /// The name of one of the algorithms above, which lives as long as the process.
     std::string_view algoName;
 };
 
 /// For diagnostics only: it shows the key.
+// Kept: part of the interface of key records; the forwarder never prints one.
 std::ostream& operator<<(std::ostream& out, const HmacInfo& info);
 
 }  // namespace vesk

@@ -50,6 +50,7 @@ class IPAddrInfo {
 
     /// From the network. The length must be at most 128. Families other than IPv4 and IPv6 keep
     /// an empty host and port 0. Throws std::runtime_error where the address cannot be printed.
+    // Kept: part of the interface of addresses; the datapath keeps a sender as a SocketAddress.
     IPAddrInfo(const sockaddr* address, socklen_t length);
 
     const std::string& host() const { return host_; }
@@ -84,6 +85,8 @@ class IPAddrInfo {
 /// The merge that an update makes: the parts that `newer` lacks come from `older`, and what was put
 /// together is resolved again, which may throw as the constructor does.
 IPAddrInfo mergeAddresses(const IPAddrInfo& newer, const IPAddrInfo& older);
+
+// Kept: both are part of the interface of addresses; the forwarder listens only where it is told.
 
 /// "::" for AF_INET6, "0.0.0.0" for any other family.
 std::string_view wildcardAddress(int family);

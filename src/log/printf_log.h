@@ -15,6 +15,7 @@ namespace vesk {
 inline constexpr std::size_t maxPrintfMessageLength = 399;
 
 /// Emits at debug level.
+// Kept, like Panic: part of the log's interface; the socket routines have nothing but warnings.
 [[gnu::format(printf, 1, 2)]] void Log(const char* format, ...);
 
 /// Emits at warn level, unless the format (not the formatted text) begins with one of the

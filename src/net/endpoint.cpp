@@ -16,11 +16,13 @@ bool operator==(const ReturnPath& left, const ReturnPath& right) {
 
 VeskEndpointDescriptor::VeskEndpointDescriptor(std::uint32_t flowLabel, int readSocket,
                                                int writeSocket, const FlowDesc& flowDesc,
-                                               EndpointDeleter endpointDeleter)
+                                               EndpointDeleter endpointDeleter,
+                                               const IPAddrInfo& boundTo)
     : label(flowLabel),
       rdsockfd(readSocket),
       wrsockfd(writeSocket),
-      family(flowDesc.up.addrInfo.family()),
+      family(boundTo.resolved() ? boundTo.family() : flowDesc.up.addrInfo.family()),
+      localAddress(boundTo),
       flow(flowDesc),
       route{flowDesc.down.addrInfo.socketAddress(),
             configuredLocalAddress(flowDesc.down.srcAddrInfo.socketAddress()),

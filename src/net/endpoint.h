@@ -89,8 +89,11 @@ enum class Trial : std::uint8_t { pending, passed, failed };
 
 class VeskEndpointDescriptor {
  public:
+    /// `boundTo` is given for a listening endpoint, whose family follows from it; that of a flow's
+    /// follows from the flow.
     VeskEndpointDescriptor(std::uint32_t flowLabel, int readSocket, int writeSocket,
-                           const FlowDesc& flowDesc, EndpointDeleter endpointDeleter);
+                           const FlowDesc& flowDesc, EndpointDeleter endpointDeleter,
+                           const IPAddrInfo& boundTo = {});
     /// Runs the deleter; an empty one ends the process.
     ~VeskEndpointDescriptor();
     VeskEndpointDescriptor(const VeskEndpointDescriptor&) = delete;
@@ -111,7 +114,7 @@ class VeskEndpointDescriptor {
     /// Whether the flow has its sockets bound to an address of its own.
     bool isBound() const { return flow.up.srcAddrInfo.resolved(); }
 
-    // Constant after construction (the local address after the socket was bound).
+    // Constant.
 
     /// 0 for the downstream and the lateral endpoint.
     const std::uint32_t label;
@@ -119,13 +122,17 @@ class VeskEndpointDescriptor {
     /// A duplicate of the read socket; the same descriptor for the downstream and lateral endpoint.
     const int wrsockfd;
     /// Of the sockets.
-    int family;
-    IPAddrInfo localAddress;
+    const int family;
+    /// Empty for a flow's endpoint.
+    const IPAddrInfo localAddress;
 
     // Any thread; written rarely.
 
     /// Set by the clean-up pass, cleared by traffic.
     std::atomic<bool> idle{false};
+
+    // Written by the thread that makes the endpoint, read by any.
+
     /// The port that the read socket was bound to as the flow says; 0 before, or where the kernel
     /// chose one.
     std::atomic<std::uint16_t> boundPort{0};
@@ -137,6 +144,9 @@ class VeskEndpointDescriptor {
 
     ReceiveBuffer receiveBuffer{};
     iovec scatter{receiveBuffer.data(), maxDatagramSize};
+
+    // The workers that are woken for the read socket, several at once.
+
     /// Who is at it. A descriptor number that a worker kept from an endpoint that is gone may lead
     /// it here while another worker serves this one.
     std::atomic<Serving> serving{Serving::nobody};
@@ -148,11 +158,13 @@ class VeskEndpointDescriptor {
 
     EndpointCounters counters;
 
-    /// The flow as it was declared. Constant, but for the HMAC contexts: those of `down.inHmac` and
-    /// `up.outHmac` belong to whoever holds `towardsUpstream`, those of `up.inHmac` and
-    /// `down.outHmac` to whoever holds `towardsDownstream`. Uncontended unless datagrams of one
-    /// flow come both directly and over the lateral stream, or replies of a multiplexed flow on
-    /// several sockets.
+    // What the locks below guard, as each member says.
+
+    /// The flow as it was declared. Nothing changes it but the use of its HMAC contexts: those of
+    /// `down.inHmac` and `up.outHmac` belong to whoever holds `towardsUpstream`, those of
+    /// `up.inHmac` and `down.outHmac` to whoever holds `towardsDownstream`. Uncontended unless
+    /// datagrams of one flow come both directly and over the lateral stream, or replies of a
+    /// multiplexed flow on several sockets.
     FlowDesc flow;
     alignas(cacheLineSize) Mutex towardsUpstream;
     Trial trial VESK_GUARDED_BY(towardsUpstream) = Trial::pending;

@@ -34,10 +34,8 @@ EndpointPtr makeEndpointSocket(const std::string& address, int port) {
     logInfo("Endpoint socket bound: ", address, "|", port, " (", fd.get(), ")");
 
     auto endpoint = std::make_unique<VeskEndpointDescriptor>(0, fd.get(), fd.get(), FlowDesc(),
-                                                             closeEndpointSockets);
+                                                             closeEndpointSockets, local);
     fd.release();
-    endpoint->localAddress = local;
-    endpoint->family = family;
     return endpoint;
 }
 

@@ -55,7 +55,7 @@ struct PollParam {
     const ReceiveFunction receive;
     /// May be empty.
     const PassEndFunction passEnd;
-    /// Slept after each pass, in microseconds; 0 for no pause.
+    /// Slept after each pass, in microseconds; 0 for no pause. Kept: nothing sets it today.
     std::uint32_t pause = 0;
 
     // Written by the worker, read by the report.

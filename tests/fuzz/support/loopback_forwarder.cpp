@@ -54,9 +54,10 @@ UniqueFd loopbackSocket(int family) {
 EndpointPtr listeningEndpoint() {
     UniqueFd fd = loopbackSocket(AF_INET);
     Vesk_requestLocalDestAddr(fd.get(), AF_INET);
+    const SocketAddress bound = addressOf(fd.get());
     auto endpoint = std::make_shared<VeskEndpointDescriptor>(0, fd.get(), fd.get(), FlowDesc(),
-                                                             closeEndpointSockets);
-    endpoint->family = AF_INET;
+                                                             closeEndpointSockets,
+                                                             IPAddrInfo(bound.get(), bound.length));
     fd.release();
     return endpoint;
 }

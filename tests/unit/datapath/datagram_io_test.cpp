@@ -106,10 +106,10 @@ TEST(LocalDestinationTest, TakesALastMessageWithoutItsPadding) {
 /// An endpoint around a socket that belongs to the test.
 EndpointPtr endpointAround(const UdpSocket& socket, int family) {
     Vesk_requestLocalDestAddr(socket.fd(), family);
-    auto endpoint = std::make_unique<VeskEndpointDescriptor>(0, socket.fd(), socket.fd(),
-                                                             FlowDesc(), [](int, int) {});
-    endpoint->family = family;
-    return endpoint;
+    const SocketAddress& bound = socket.address();
+    return std::make_unique<VeskEndpointDescriptor>(
+        0, socket.fd(), socket.fd(), FlowDesc(), [](int, int) {},
+        IPAddrInfo(bound.get(), bound.length));
 }
 
 class ReceiveTest : public testing::TestWithParam<int> {

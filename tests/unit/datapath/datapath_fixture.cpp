@@ -21,10 +21,10 @@ std::ostream& operator<<(std::ostream& out, const Counts& counts) {
 }
 
 EndpointPtr listeningEndpoint(const UdpSocket& socket) {
-    auto endpoint = std::make_unique<VeskEndpointDescriptor>(0, socket.fd(), socket.fd(),
-                                                             FlowDesc(), [](int, int) {});
-    endpoint->family = socket.address().storage.sin6_family;
-    return endpoint;
+    const SocketAddress& bound = socket.address();
+    return std::make_unique<VeskEndpointDescriptor>(
+        0, socket.fd(), socket.fd(), FlowDesc(), [](int, int) {},
+        IPAddrInfo(bound.get(), bound.length));
 }
 
 void DatapathTest::SetUp() {
