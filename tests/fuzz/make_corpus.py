@@ -1,99 +1,94 @@
-#!/usr/bin/env python3
-"""Writes the seed corpora of the fuzz targets: small inputs that lead past the first checks.
+"""Writes the seed corpora of the fuzz targets: small inputs that lead past the first checks. The
+build runs it (see CMakeLists.txt). The same source always gives the same bytes. An input that once
+broke something is no seed: it is committed under finds/, in the folder of its target.
 
-Run it after a change of a target's input or of a wire format; files of other names stay, so that
-an input that once found something can be kept beside the seeds.
+Usage: make_corpus.py FOLDER
 """
 
-import hashlib
-import hmac
+import shutil
 import socket
 import struct
+import sys
 from pathlib import Path
 
-CORPUS = Path(__file__).parent / "corpus"
+sys.path.insert(0, str(Path(__file__).resolve().parent.parent / "functional"))
 
-NO_KEY = ("sha1", b"")
-SHA1 = ("sha1", bytes(range(1, 21)))
-SHA256 = ("sha256", bytes(range(101, 201)))
+from framework.framing import (LATERAL_HMAC_LENGTH, UDPV1, UDPV2, Key, build_lateral,
+                               socket_address_bytes)
+
+# The keys that the fuzz targets check with (someKeys).
+NO_KEY = None
+SHA1 = Key(bytes(range(1, 21)), "sha1")
+SHA256 = Key(bytes(range(101, 201)))
 KEYS = {"no_key": NO_KEY, "sha1": SHA1, "sha256": SHA256}
 
 
-def write(target, name, content):
-    folder = CORPUS / target
-    folder.mkdir(parents=True, exist_ok=True)
-    (folder / name).write_bytes(content)
+# Target and name of each input to its bytes.
+inputs = {}
 
 
-def tag(key, covered, length):
-    algorithm, secret = key
-    if not secret:
-        return bytes(length)
-    digest = hmac.new(secret, covered, getattr(hashlib, algorithm)).digest()
-    return digest[:length].ljust(length, b"\0")
+def add(target, name, content):
+    inputs[target, name] = content
 
 
 def framed_v1(label, payload, key, further=b"", header_length=None):
-    header_length = 38 + len(further) if header_length is None else header_length
-    header = struct.pack(">HI", header_length, label) + further
-    return tag(key, payload + header, 32) + header + payload
+    return UDPV1.build(label, payload, key, further, header_length)
 
 
 def framed_v2(label, payload, key):
-    return tag(key, struct.pack(">I", label) + payload, 16) + struct.pack(">I", label) + payload
+    return UDPV2.build(label, payload, key)
 
 
 def framing():
     for name, key in KEYS.items():
-        write("framing_v1", f"signed_{name}", framed_v1(0x10002, b"payload", key))
-        write("framing_v1", f"further_header_{name}", framed_v1(7, b"p", key, further=b"extra"))
-        write("framing_v2", f"signed_{name}", framed_v2(0x10002, b"payload", key))
-        write("framing_v2", f"empty_payload_{name}", framed_v2(7, b"", key))
-    write("framing_v1", "one_byte_short", framed_v1(7, b"", SHA1)[:-1])
-    write("framing_v1", "no_payload", framed_v1(7, b"", SHA1))
-    write("framing_v1", "header_length_37", framed_v1(7, b"pp", SHA1, header_length=37))
-    write("framing_v1", "header_length_past_end", framed_v1(7, b"pp", SHA1, header_length=65535))
-    write("framing_v1", "largest", framed_v1(7, bytes(2010), SHA256))
-    write("framing_v1", "too_large", framed_v1(7, bytes(2011), SHA256))
-    write("framing_v2", "one_byte_short", framed_v2(7, b"", SHA1)[:-1])
-    write("framing_v2", "zeros_like_unsigned_v1", framed_v2(7, bytes(40), NO_KEY))
-    write("framing_v2", "largest", framed_v2(7, bytes(2028), SHA256))
+        add("framing_v1", f"signed_{name}", framed_v1(0x10002, b"payload", key))
+        add("framing_v1", f"further_header_{name}", framed_v1(7, b"p", key, further=b"extra"))
+        add("framing_v2", f"signed_{name}", framed_v2(0x10002, b"payload", key))
+        add("framing_v2", f"empty_payload_{name}", framed_v2(7, b"", key))
+    add("framing_v1", "one_byte_short", framed_v1(7, b"", SHA1)[:-1])
+    add("framing_v1", "no_payload", framed_v1(7, b"", SHA1))
+    add("framing_v1", "header_length_37", framed_v1(7, b"pp", SHA1, header_length=37))
+    add("framing_v1", "header_length_past_end", framed_v1(7, b"pp", SHA1, header_length=65535))
+    add("framing_v1", "largest", framed_v1(7, bytes(2010), SHA256))
+    add("framing_v1", "too_large", framed_v1(7, bytes(2011), SHA256))
+    add("framing_v2", "one_byte_short", framed_v2(7, b"", SHA1)[:-1])
+    add("framing_v2", "zeros_like_unsigned_v1", framed_v2(7, bytes(40), NO_KEY))
+    add("framing_v2", "largest", framed_v2(7, bytes(2028), SHA256))
     for target in ("framing_v1", "framing_v2"):
-        write(target, "one_byte", b"\0")
+        add(target, "one_byte", b"\0")
 
 
-def ipv4_address(port=4500):
-    return struct.pack("=H", socket.AF_INET) + struct.pack(">H4s8x", port, b"\x7f\0\0\1")
+def ipv4_address():
+    return socket_address_bytes("127.0.0.1", 4500)
 
 
-def ipv6_address(port=4500):
-    return (struct.pack("=H", socket.AF_INET6) + struct.pack(">HI", port, 0)
-            + bytes(15) + b"\1" + struct.pack("=I", 0))
+def ipv6_address():
+    return socket_address_bytes("::1", 4500)
 
 
 def lateral(kind, address, key=SHA256, inner=b"inner datagram"):
-    covered = bytes([len(address) + 16]) + address
-    return bytes([kind]) + covered + tag(key, covered, 16) + inner
+    covered = bytes([len(address) + LATERAL_HMAC_LENGTH]) + address
+    return build_lateral(kind, address, key.digest(covered)[:LATERAL_HMAC_LENGTH], inner)
 
 
 def lateral_header():
     target = "lateral_header"
     inner = framed_v2(0x20001, b"payload", SHA256)
-    write(target, "forwarded_ipv4", lateral(1, ipv4_address(), inner=inner))
-    write(target, "forwarded_ipv6", lateral(1, ipv6_address(), inner=inner))
-    write(target, "returned_ipv4", lateral(2, ipv4_address(), inner=inner))
-    write(target, "returned_ipv6", lateral(2, ipv6_address(), inner=inner))
-    write(target, "header_alone", lateral(1, ipv4_address(), inner=b""))
-    write(target, "one_byte_short", lateral(1, ipv4_address(), inner=b"")[:-1])
-    write(target, "forged", lateral(2, ipv4_address(), key=SHA1))
-    write(target, "unknown_type", lateral(3, ipv4_address()))
-    write(target, "length_31", b"\1\x1f" + bytes(60))
-    write(target, "length_44_cut", b"\1\x2c" + bytes(40))
-    write(target, "length_45", b"\1\x2d" + bytes(60))
-    write(target, "odd_address_length", b"\2\x21" + bytes(60))
-    write(target, "no_family", b"\2\x20" + bytes(60))
-    write(target, "no_room_for_a_header", lateral(1, ipv6_address(), inner=bytes(2000)))
-    write(target, "just_room_for_a_header", bytes(2048 - 34))
+    add(target, "forwarded_ipv4", lateral(1, ipv4_address(), inner=inner))
+    add(target, "forwarded_ipv6", lateral(1, ipv6_address(), inner=inner))
+    add(target, "returned_ipv4", lateral(2, ipv4_address(), inner=inner))
+    add(target, "returned_ipv6", lateral(2, ipv6_address(), inner=inner))
+    add(target, "header_alone", lateral(1, ipv4_address(), inner=b""))
+    add(target, "one_byte_short", lateral(1, ipv4_address(), inner=b"")[:-1])
+    add(target, "forged", lateral(2, ipv4_address(), key=SHA1))
+    add(target, "unknown_type", lateral(3, ipv4_address()))
+    add(target, "length_31", b"\1\x1f" + bytes(60))
+    add(target, "length_44_cut", b"\1\x2c" + bytes(40))
+    add(target, "length_45", b"\1\x2d" + bytes(60))
+    add(target, "odd_address_length", b"\2\x21" + bytes(60))
+    add(target, "no_family", b"\2\x20" + bytes(60))
+    add(target, "no_room_for_a_header", lateral(1, ipv6_address(), inner=bytes(2000)))
+    add(target, "just_room_for_a_header", bytes(2048 - 34))
 
 
 def control_message(level, kind, data, length=None):
@@ -108,18 +103,18 @@ def control_messages():
     v4 = control_message(socket.IPPROTO_IP, 8, ipv4)
     v6 = control_message(socket.IPPROTO_IPV6, 50, ipv6)
     tos = control_message(socket.IPPROTO_IP, 1, struct.pack("=I", 184))
-    write(target, "ipv4", v4)
-    write(target, "ipv6", v6)
-    write(target, "both_behind_another", tos + v4 + v6)
-    write(target, "ipv4_cut", v4[:27])
-    write(target, "ipv6_data_too_short", control_message(socket.IPPROTO_IPV6, 50, ipv6[:19]))
-    write(target, "short_one_then_whole_one",
+    add(target, "ipv4", v4)
+    add(target, "ipv6", v6)
+    add(target, "both_behind_another", tos + v4 + v6)
+    add(target, "ipv4_cut", v4[:27])
+    add(target, "ipv6_data_too_short", control_message(socket.IPPROTO_IPV6, 50, ipv6[:19]))
+    add(target, "short_one_then_whole_one",
           control_message(socket.IPPROTO_IP, 8, ipv4[:8]) + v4)
-    write(target, "length_0", control_message(0, 8, ipv4, length=0))
-    write(target, "length_15", control_message(0, 8, ipv4, length=15) + v4)
-    write(target, "length_past_end", control_message(0, 8, ipv4, length=2**64 - 1))
-    write(target, "length_wraps_when_rounded_up", control_message(0, 8, ipv4, length=2**64 - 7))
-    write(target, "header_cut", v4[:15])
+    add(target, "length_0", control_message(0, 8, ipv4, length=0))
+    add(target, "length_15", control_message(0, 8, ipv4, length=15) + v4)
+    add(target, "length_past_end", control_message(0, 8, ipv4, length=2**64 - 1))
+    add(target, "length_wraps_when_rounded_up", control_message(0, 8, ipv4, length=2**64 - 7))
+    add(target, "header_cut", v4[:15])
 
 
 LINES = {
@@ -136,7 +131,7 @@ LINES = {
     "blanks": b" \t\r\n  ",
 }
 
-KEY_TEXT = SHA256[1].hex().encode()
+KEY_TEXT = SHA256.secret.hex().encode()
 
 COMMANDS = {
     "whole_flow": b"set label 0x10001 is_multiplex true up_label 17 down_label 18 up_ip 127.0.0.1 "
@@ -182,9 +177,9 @@ COMMANDS = {
 
 def commands():
     for name, line in LINES.items():
-        write("command_line", name, line)
+        add("command_line", name, line)
     for name, lines in COMMANDS.items():
-        write("set_command", name, lines)
+        add("set_command", name, lines)
 
 
 AS_IT_IS, SIGNED, LATERALLY, EXPIRED, PADDED = 0x08, 0x10, 0x20, 0x40, 0x80
@@ -205,29 +200,29 @@ def downstream():
     names = {0: "udpv2", 1: "udpv1", 2: "udpv2_joined", 3: "udpv1_joined"}
     for set_up, name in names.items():
         begin = bytes([set_up])
-        write(target, f"{name}_each_label", begin + each_label)
-        write(target, f"{name}_unsigned", begin + unsigned + each_label)
-        write(target, f"{name}_again_after_expiry",
+        add(target, f"{name}_each_label", begin + each_label)
+        add(target, f"{name}_unsigned", begin + unsigned + each_label)
+        add(target, f"{name}_again_after_expiry",
               begin + datagram(SIGNED | 1, b"a") + datagram(SIGNED | 1, b"b")
               + datagram(EXPIRED | SIGNED | 1, b"c"))
-        write(target, f"{name}_over_the_lateral_stream",
+        add(target, f"{name}_over_the_lateral_stream",
               begin + b"".join(datagram(LATERALLY | SIGNED | label, b"x") for label in range(8)))
-        write(target, f"{name}_long",
+        add(target, f"{name}_long",
               begin + b"".join(datagram(PADDED | SIGNED | 1, bytes(n)) for n in (0, 20, 38, 63))
               + b"".join(datagram(PADDED | 6, bytes(n)) for n in (0, 33, 34, 54, 63)))
-        write(target, f"{name}_empty_and_short",
+        add(target, f"{name}_empty_and_short",
               begin + datagram(AS_IT_IS) + datagram(AS_IT_IS, b"\0")
               + datagram(AS_IT_IS, bytes(19)) + datagram(AS_IT_IS, bytes(20))
               + datagram(AS_IT_IS, bytes(37)))
-    write(target, "udpv2_well_signed_bytes",
+    add(target, "udpv2_well_signed_bytes",
           b"\0" + datagram(AS_IT_IS, framed_v2(0x10002, b"hello", SHA1)))
-    write(target, "udpv1_signed_without_payload",
+    add(target, "udpv1_signed_without_payload",
           b"\1" + datagram(AS_IT_IS, framed_v1(0x10002, b"", SHA1)))
-    write(target, "udpv2_last_byte_of_tag_wrong",
+    add(target, "udpv2_last_byte_of_tag_wrong",
           b"\0" + datagram(AS_IT_IS, wrong_tag_end(framed_v2(0x10002, b"hello", SHA1), 16)))
-    write(target, "udpv1_last_byte_of_tag_wrong",
+    add(target, "udpv1_last_byte_of_tag_wrong",
           b"\1" + datagram(AS_IT_IS, wrong_tag_end(framed_v1(0x10002, b"hello", SHA1), 32)))
-    write(target, "udpv1_further_header",
+    add(target, "udpv1_further_header",
           b"\1" + datagram(AS_IT_IS, framed_v1(0x10002, b"hello", SHA1, further=b"extra")))
 
 
@@ -239,22 +234,36 @@ def upstream():
     for number, (flow, label) in enumerate(zip(flows, labels)):
         for way, name in ways.items():
             begin = bytes([number << 3 | way])
-            write(target, f"{name}_{flow}",
+            add(target, f"{name}_{flow}",
                   begin + datagram(SIGNED | label, b"reply") + datagram(label, b"unsigned")
                   + datagram(SIGNED | 1, b"other label") + datagram(AS_IT_IS)
                   + datagram(AS_IT_IS, bytes(25)) + datagram(AS_IT_IS, b"\0" * 19)
                   + datagram(PADDED | SIGNED | label, bytes(63))
                   + datagram(PADDED | AS_IT_IS, bytes(20)))
     for name, pad in (("just_room", 54), ("no_room", 53)):
-        write(target, f"udpv2_lateral_{name}_for_a_header",
+        add(target, f"udpv2_lateral_{name}_for_a_header",
               bytes([1 << 3 | 6]) + datagram(PADDED | SIGNED | 1, bytes(pad)))
-    write(target, "udpv2_label_0", b"\0" + datagram(AS_IT_IS, framed_v2(0, b"hello", NO_KEY)))
+    add(target, "udpv2_label_0", b"\0" + datagram(AS_IT_IS, framed_v2(0, b"hello", NO_KEY)))
 
 
-if __name__ == "__main__":
+def make_all():
     framing()
     lateral_header()
     control_messages()
     commands()
     downstream()
     upstream()
+
+
+def save(corpus):
+    """Nothing of an earlier build is left: an input that was renamed would be replayed twice."""
+    for target in {target for target, _ in inputs}:
+        shutil.rmtree(corpus / target, ignore_errors=True)
+        (corpus / target).mkdir(parents=True)
+    for (target, name), content in inputs.items():
+        (corpus / target / name).write_bytes(content)
+
+
+if __name__ == "__main__":
+    make_all()
+    save(Path(sys.argv[1]))
