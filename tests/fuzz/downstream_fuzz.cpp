@@ -3,6 +3,7 @@
 // payload to be framed for a label, with a right tag or a wrong one.
 #include <unistd.h>
 
+#include <algorithm>
 #include <array>
 #include <optional>
 #include <set>
@@ -73,9 +74,8 @@ class Run {
                     "too long: dropped");
         } else {
             const SocketAddress& sender = surroundings().peer.address;
-            const Bytes header = joined(std::array<std::uint8_t, 2>{1, 32}, sender.bytes());
-            const Bytes tag = tagOver(View(header).subspan(1), someKeys().at(2), 16);
-            require(surroundings().otherInstance.receive() == joined(joined(header, tag), datagram),
+            const Bytes header = lateralHeader(1, sender.bytes(), someKeys().at(2));
+            require(surroundings().otherInstance.receive() == join({header, datagram}),
                     "the owner gets the datagram with its sender");
         }
     }
@@ -88,7 +88,7 @@ class Run {
         }
         const bool isNew = !flows_.contains(label);
         created_ += isNew ? 1 : 0;
-        if (!same(datagram, signedWith(version_, datagram, *flow->down))) {
+        if (!std::ranges::equal(datagram, signedWith(version_, datagram, *flow->down))) {
             ++rejected_;
             return;
         }

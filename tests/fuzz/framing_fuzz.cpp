@@ -4,7 +4,8 @@
 
 #include "datapath/authentication.h"
 #include "datapath/framing.h"
-#include "support/reference.h"
+#include "support/byte_reader.h"
+#include "support/keys.h"
 #include "support/require.h"
 
 namespace vesk::fuzz {
@@ -25,14 +26,14 @@ struct Received {
     std::size_t length;
 };
 
-HmacInfo recordOf(const Key& key) {
+HmacInfo recordOf(const TestKey& key) {
     HmacInfo record;
     record.setKey(key.bytes);
-    record.setAlgorithm(key.algorithm == hmacSha256.name ? hmacSha256 : hmacSha1);
+    record.setAlgorithm(key.digest == hmacSha256.name ? hmacSha256 : hmacSha1);
     return record;
 }
 
-void checkAndSign(Received received, const ParsedDatagram& parsed, const Key& key) {
+void checkAndSign(Received received, const ParsedDatagram& parsed, const TestKey& key) {
     HmacInfo record = recordOf(key);
     const auto passes = [&] {
         return checkDatagram(framing, received.buffer, parsed.headerLength, received.length,
@@ -44,7 +45,8 @@ void checkAndSign(Received received, const ParsedDatagram& parsed, const Key& ke
             "a datagram passes if its tag is the right one");
     require(signDatagram(framing, received.buffer, parsed.headerLength, received.length, record),
             "a datagram can be signed");
-    require(same(received.datagram(), signedDatagram), "signing writes the tag and nothing else");
+    require(std::ranges::equal(received.datagram(), signedDatagram),
+            "signing writes the tag and nothing else");
     require(passes(), "a datagram just signed passes");
 
     const std::size_t last = before.size() - 1;
@@ -60,7 +62,8 @@ void checkAndSign(Received received, const ParsedDatagram& parsed, const Key& ke
 void relabel(Received received, std::uint32_t label) {
     const Bytes expected = relabelled(version, received.datagram(), label);
     rewriteLabel(framing, received.buffer, label);
-    require(same(received.datagram(), expected), "a new label changes the label alone");
+    require(std::ranges::equal(received.datagram(), expected),
+            "a new label changes the label alone");
 }
 
 }  // namespace
@@ -75,8 +78,8 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     require(parsed.has_value() == expected.has_value(), "just the right datagrams are accepted");
     if (parsed) {
         require(parsed->label == expected->label, "the label is read");
-        require(parsed->headerLength == expected->headerLength, "the payload is found");
-        for (const Key& key : someKeys()) {
+        require(parsed->headerLength == expected->length, "the payload is found");
+        for (const TestKey& key : someKeys()) {
             checkAndSign(received, *parsed, key);
         }
         relabel(received, ~parsed->label);

@@ -7,7 +7,8 @@
 #include <cstring>
 
 #include "datapath/lateral_header.h"
-#include "support/reference.h"
+#include "support/byte_reader.h"
+#include "support/keys.h"
 #include "support/require.h"
 
 namespace vesk::fuzz {
@@ -36,7 +37,7 @@ bool hasWholeAddress(View datagram) {
     return (family == AF_INET && datagram[1] == 32) || (family == AF_INET6 && datagram[1] == 44);
 }
 
-HmacInfo recordOf(const Key& key) {
+HmacInfo recordOf(const TestKey& key) {
     HmacInfo record;
     record.setKey(key.bytes);
     record.setAlgorithm(hmacSha256);
@@ -47,10 +48,10 @@ HmacInfo recordOf(const Key& key) {
 void keepAndReturn(const Buffer& received, const LateralHeader& header) {
     Buffer buffer = received;
     const ReturnPath kept = keepReturnPath(buffer.bytes, header);
-    require(same(kept.bytes(), received.datagram().subspan(1, header.size() - 1)),
+    require(std::ranges::equal(kept.bytes(), received.datagram().subspan(1, header.size() - 1)),
             "what is kept is the header but for its type");
     buffer.length = stripLateralHeader(buffer.bytes, buffer.length, header);
-    require(same(buffer.datagram(), received.datagram().subspan(header.size())),
+    require(std::ranges::equal(buffer.datagram(), received.datagram().subspan(header.size())),
             "the datagram comes out of its header as it went in");
 
     const auto returned = addReturnHeader(buffer.bytes, buffer.length, kept);
@@ -58,22 +59,23 @@ void keepAndReturn(const Buffer& received, const LateralHeader& header) {
     buffer.length = *returned;
     Bytes expected = toBytes(received.datagram());
     expected.front() = 2;
-    require(same(buffer.datagram(), expected),
+    require(std::ranges::equal(buffer.datagram(), expected),
             "a datagram is returned as it came, but for the type");
 }
 
 void checkHmac(const Buffer& received, const LateralHeader& header) {
     const View datagram = received.datagram();
     const std::size_t addressLength = header.length - 16;
-    const Key& key = someKeys().at(2);
+    const TestKey& key = someKeys().at(2);
     HmacInfo record = recordOf(key);
-    const Bytes tag = tagOver(datagram.subspan(1, 1 + addressLength), key, 16);
+    const Bytes tag = hmacOf(key, datagram.subspan(1, 1 + addressLength), 16);
     require(checkLateralHmac(received.bytes, header, record) ==
-                same(datagram.subspan(2 + addressLength, 16), tag),
+                std::ranges::equal(datagram.subspan(2 + addressLength, 16), tag),
             "a header passes if its tag is the right one");
     const SocketAddress address = lateralAddress(received.bytes, header);
     require((address.length != 0) == hasWholeAddress(datagram), "whole addresses are read");
-    require(same(address.bytes(), datagram.subspan(2, address.length)), "an address is read whole");
+    require(std::ranges::equal(address.bytes(), datagram.subspan(2, address.length)),
+            "an address is read whole");
 }
 
 void forward(View payload, const SocketAddress& sender) {
@@ -97,7 +99,8 @@ void forward(View payload, const SocketAddress& sender) {
         buffer.bytes.at(place) ^= 1U;
     }
     buffer.length = stripLateralHeader(buffer.bytes, buffer.length, *header);
-    require(same(buffer.datagram(), before), "a header added and taken off leaves no trace");
+    require(std::ranges::equal(buffer.datagram(), before),
+            "a header added and taken off leaves no trace");
 }
 
 /// A return path too long for the datagram leaves it untouched, to be counted and dropped.

@@ -16,7 +16,7 @@ sys.path.insert(0, str(Path(__file__).resolve().parent.parent / "functional"))
 from framework.framing import (LATERAL_HMAC_LENGTH, UDPV1, UDPV2, Key, build_lateral,
                                socket_address_bytes)
 
-# The keys that the fuzz targets check with (someKeys).
+# The keys that the fuzz targets check with (support/keys.h).
 NO_KEY = None
 SHA1 = Key(bytes(range(1, 21)), "sha1")
 SHA256 = Key(bytes(range(101, 201)))

@@ -1,6 +1,7 @@
 // The whole way of replies back to the peer, over real sockets. The input says how the forwarder is
 // set up and which flow is opened, and then reply by reply what upstream sends to that flow's
 // socket, in the same way as for the downstream target.
+#include <algorithm>
 #include <array>
 
 #include "net/endpoint_manager.h"
@@ -43,7 +44,7 @@ class Run {
     /// The first request opens the flow and tells where replies go.
     EndpointPtr open(std::uint32_t label) {
         const Bytes request = signedWith(
-            version_, frame(version_, label, std::array<std::uint8_t, 1>{}), *flow_.down);
+            version_, framedDatagram(version_, label, std::array<std::uint8_t, 1>{}), *flow_.down);
         forwarder_.carry(request, returnPath_);
         require(!flow_.upstream->receive().empty(), "the request reaches upstream");
         require(forwarder_.applyPollRequests().watched == 1, "the flow's socket is watched");
@@ -59,7 +60,7 @@ class Run {
             return;
         }
         doubtful_ += otherFlow && framed->label != 0 ? 1 : 0;
-        if (!same(reply, signedWith(version_, reply, *flow_.up))) {
+        if (!std::ranges::equal(reply, signedWith(version_, reply, *flow_.up))) {
             ++doubtful_;
             return;
         }
@@ -75,8 +76,8 @@ class Run {
             ++tooLong_;
         } else {
             ++returned_;
-            const Bytes header = joined(std::array<std::uint8_t, 1>{2}, returnPath_.bytes());
-            require(surroundings().peer.receive() == joined(header, expected),
+            const Bytes header = join({Bytes{2}, returnPath_.bytes()});
+            require(surroundings().peer.receive() == join({header, expected}),
                     "the reply takes its header back");
         }
     }

@@ -5,11 +5,11 @@
 #include <cstddef>
 #include <cstdint>
 #include <span>
-#include <vector>
+
+#include "support/bytes.h"
 
 namespace vesk::fuzz {
 
-using Bytes = std::vector<std::uint8_t>;
 using View = std::span<const std::uint8_t>;
 
 class ByteReader {

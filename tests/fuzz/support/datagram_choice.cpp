@@ -12,21 +12,13 @@ Bytes nextDatagram(ByteReader& input, unsigned choice, int version, Towards side
         return payload;
     }
     const std::uint32_t label = someLabels().at(choice % 8);
-    const Bytes framed = frame(version, label, payload);
+    const Bytes framed = framedDatagram(version, label, payload);
     const auto flow = LoopbackForwarder::flowOf(label);
     const bool signable = readFramed(version, framed) && framed.size() <= maxDatagramSize;
     if ((choice & wellSigned) == 0 || !flow || !signable) {
         return framed;
     }
     return signedWith(version, framed, side == Towards::upstream ? *flow->down : *flow->up);
-}
-
-Bytes frame(int version, std::uint32_t label, View payload) {
-    Bytes datagram(version == 1 ? 38 : 20, 0);
-    if (version == 1) {
-        datagram.at(33) = 38;
-    }
-    return joined(relabelled(version, datagram, label), payload);
 }
 
 ReturnPath someReturnPath() {

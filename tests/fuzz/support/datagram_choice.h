@@ -20,9 +20,6 @@ enum class Towards { upstream, downstream };
 /// The bytes as they stand, or framed for the label chosen, with the right tag or an empty one.
 Bytes nextDatagram(ByteReader& input, unsigned choice, int version, Towards side);
 
-/// Framed for the label, with an empty tag.
-Bytes frame(int version, std::uint32_t label, View payload);
-
 /// What comes with a datagram over the lateral stream.
 ReturnPath someReturnPath();
 

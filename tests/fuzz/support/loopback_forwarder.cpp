@@ -62,18 +62,9 @@ EndpointPtr listeningEndpoint() {
     return endpoint;
 }
 
-std::string hexOf(const Key& key) {
-    constexpr std::string_view digits = "0123456789abcdef";
-    std::string text;
-    for (const std::uint8_t byte : key.bytes) {
-        text.append({digits[byte / 16U], digits[byte % 16U]});
-    }
-    return text;
-}
-
-std::string keyWords(const std::string& use, const Key& key) {
-    const std::string words = " " + use + "_algo " + key.algorithm;
-    return key.bytes.empty() ? words : words + " " + use + "_key " + hexOf(key);
+std::string keyWords(const std::string& use, const TestKey& key) {
+    const std::string words = " " + use + "_algo " + key.digest;
+    return key.bytes.empty() ? words : words + " " + use + "_key " + toHex(key.bytes);
 }
 
 std::string portOf(const LoopbackSocket& socket) {
@@ -122,9 +113,9 @@ LoopbackForwarder::LoopbackForwarder(int version, bool joined)
 }
 
 std::optional<KnownFlow> LoopbackForwarder::flowOf(std::uint32_t label) {
-    const Key* const none = &someKeys().at(0);
-    const Key* const sha1 = &someKeys().at(1);
-    const Key* const sha256 = &someKeys().at(2);
+    const TestKey* const none = &someKeys().at(0);
+    const TestKey* const sha1 = &someKeys().at(1);
+    const TestKey* const sha256 = &someKeys().at(2);
     const LoopbackSocket* const ipv4 = &surroundings().upstreamV4;
     const LoopbackSocket* const ipv6 = &surroundings().upstreamV6;
     static const std::map<std::uint32_t, KnownFlow> flows{{0x10001, {none, none, 0x11, ipv4}},

@@ -9,7 +9,8 @@
 #include "base/unique_fd.h"
 #include "datapath/downstream.h"
 #include "datapath/upstream.h"
-#include "support/reference.h"
+#include "support/byte_reader.h"
+#include "support/keys.h"
 
 namespace vesk::fuzz {
 
@@ -40,8 +41,8 @@ const Surroundings& surroundings();
 /// A flow as a datagram sees it. Replies are checked and signed with the same two keys the other
 /// way round.
 struct KnownFlow {
-    const Key* down;
-    const Key* up;
+    const TestKey* down;
+    const TestKey* up;
     std::uint32_t upLabel;
     const LoopbackSocket* upstream;
 };

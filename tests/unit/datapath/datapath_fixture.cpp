@@ -51,7 +51,7 @@ std::string DatapathTest::keyWords(const std::string& name, const TestKey& key) 
 }
 
 Bytes DatapathTest::framed(std::uint32_t label, const Bytes& content, const TestKey& key) const {
-    return context->framing.version == 1 ? framedV1(label, content, key, {7, 8})
+    return context->framing.version == 1 ? framedV1(label, content, key, Bytes{7, 8})
                                          : framedV2(label, content, key);
 }
 

@@ -45,7 +45,7 @@ class LateralReplyTest : public DatapathTest {
 
 TEST_F(LateralReplyTest, GoesBackTheWayTheRequestCame) {
     answer(framed(label, answerPayload));
-    EXPECT_EQ(peer.receive(), join({{2}, kept, framed(0x2222, answerPayload)}));
+    EXPECT_EQ(peer.receive(), join({Bytes{2}, kept, framed(0x2222, answerPayload)}));
     EXPECT_EQ(peer.sender(), lateralSocket.address());
     EXPECT_EQ(countsOf(*flow), (Counts{.rxDg = 1, .txDg = 1, .dnTxDg = 1}));
     EXPECT_EQ(countsOf(*lateral), Counts());
