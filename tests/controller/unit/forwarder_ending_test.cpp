@@ -11,12 +11,12 @@ using Action = ForwarderEnding::Action;
 
 constexpr seconds drain{30};
 constexpr seconds noDrain{0};
-const ForwarderEnding::Clock::time_point start{std::chrono::hours(1)};
+const ForwarderEnding::Clock::time_point askedAt{std::chrono::hours(1)};
 
 TEST(ForwarderEnding, ClosesTheInputAtOnceWithoutADrain) {
     ForwarderEnding ending;
     EXPECT_FALSE(ending.begun());
-    const ForwarderEnding::Step step = ending.ask(noDrain, start);
+    const ForwarderEnding::Step step = ending.ask(noDrain, askedAt);
     EXPECT_EQ(step.action, Action::closeInput);
     EXPECT_EQ(step.reason, "");
     EXPECT_TRUE(ending.begun());
@@ -25,46 +25,46 @@ TEST(ForwarderEnding, ClosesTheInputAtOnceWithoutADrain) {
 
 TEST(ForwarderEnding, DrainsUntilTheTrafficRests) {
     ForwarderEnding ending;
-    EXPECT_EQ(ending.ask(drain, start).action, Action::none);
+    EXPECT_EQ(ending.ask(drain, askedAt).action, Action::none);
     EXPECT_TRUE(ending.draining());
-    EXPECT_EQ(ending.observe({1}, start).action, Action::none);
-    EXPECT_EQ(ending.observe({2}, start + milliseconds(900)).action, Action::none);
-    EXPECT_EQ(ending.observe({2}, start + milliseconds(1800)).action, Action::none);
-    const ForwarderEnding::Step step = ending.observe({2}, start + milliseconds(1900));
+    EXPECT_EQ(ending.observe({1}, askedAt).action, Action::none);
+    EXPECT_EQ(ending.observe({2}, askedAt + milliseconds(900)).action, Action::none);
+    EXPECT_EQ(ending.observe({2}, askedAt + milliseconds(1800)).action, Action::none);
+    const ForwarderEnding::Step step = ending.observe({2}, askedAt + milliseconds(1900));
     EXPECT_EQ(step.action, Action::closeInput);
     EXPECT_EQ(step.reason, "");
 }
 
 TEST(ForwarderEnding, EndsTheDrainWhenAskedAgain) {
     ForwarderEnding ending;
-    ending.ask(drain, start);
-    EXPECT_EQ(ending.ask(drain, start + seconds(1)).action, Action::closeInput);
-    EXPECT_EQ(ending.ask(drain, start + seconds(1)).action, Action::none);
-    EXPECT_EQ(ending.dueAt(), start + seconds(1) + ForwarderEnding::endPatience);
+    ending.ask(drain, askedAt);
+    EXPECT_EQ(ending.ask(drain, askedAt + seconds(1)).action, Action::closeInput);
+    EXPECT_EQ(ending.ask(drain, askedAt + seconds(1)).action, Action::none);
+    EXPECT_EQ(ending.dueAt(), askedAt + seconds(1) + ForwarderEnding::endPatience);
 }
 
 TEST(ForwarderEnding, EndsTheDrainAtItsDeadlineInSpiteOfTraffic) {
     ForwarderEnding ending;
-    ending.ask(drain, start);
-    ending.observe({1}, start);
-    EXPECT_EQ(ending.dueAt(), start + drain);
-    EXPECT_EQ(ending.goOn(start + drain - milliseconds(1)).action, Action::none);
-    const ForwarderEnding::Step step = ending.goOn(start + drain);
+    ending.ask(drain, askedAt);
+    ending.observe({1}, askedAt);
+    EXPECT_EQ(ending.dueAt(), askedAt + drain);
+    EXPECT_EQ(ending.goOn(askedAt + drain - milliseconds(1)).action, Action::none);
+    const ForwarderEnding::Step step = ending.goOn(askedAt + drain);
     EXPECT_EQ(step.action, Action::closeInput);
     EXPECT_EQ(step.reason, "there is still traffic, and the time to drain is over");
 }
 
 TEST(ForwarderEnding, EndsTheDrainAtItsDeadlineWithoutAnyReport) {
     ForwarderEnding ending;
-    ending.ask(drain, start);
-    EXPECT_EQ(ending.goOn(start + drain).reason,
+    ending.ask(drain, askedAt);
+    EXPECT_EQ(ending.goOn(askedAt + drain).reason,
               "nothing is reported, and the time to drain is over");
 }
 
 TEST(ForwarderEnding, TerminatesAndKillsWhatDoesNotEnd) {
     ForwarderEnding ending;
-    ending.ask(noDrain, start);
-    auto now = start + ForwarderEnding::endPatience;
+    ending.ask(noDrain, askedAt);
+    auto now = askedAt + ForwarderEnding::endPatience;
     EXPECT_EQ(ending.goOn(now - milliseconds(1)).action, Action::none);
     ForwarderEnding::Step step = ending.goOn(now);
     EXPECT_EQ(step.action, Action::terminate);
@@ -79,9 +79,9 @@ TEST(ForwarderEnding, TerminatesAndKillsWhatDoesNotEnd) {
 
 TEST(ForwarderEnding, TakesNoStepBeforeItBegins) {
     ForwarderEnding ending;
-    EXPECT_EQ(ending.observe({1}, start).action, Action::none);
-    EXPECT_EQ(ending.observe({1}, start + std::chrono::hours(1)).action, Action::none);
-    EXPECT_EQ(ending.goOn(start).action, Action::none);
+    EXPECT_EQ(ending.observe({1}, askedAt).action, Action::none);
+    EXPECT_EQ(ending.observe({1}, askedAt + std::chrono::hours(1)).action, Action::none);
+    EXPECT_EQ(ending.goOn(askedAt).action, Action::none);
     EXPECT_EQ(ending.dueAt(), std::nullopt);
 }
 

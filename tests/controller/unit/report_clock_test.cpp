@@ -7,50 +7,50 @@ namespace {
 
 using std::chrono::milliseconds;
 
-constexpr milliseconds interval{1000};
-const ReportClock::Clock::time_point start{std::chrono::hours(1)};
+constexpr milliseconds reportInterval{1000};
+const ReportClock::Clock::time_point firstTime{std::chrono::hours(1)};
 
 TEST(ReportClock, IsNotDueUntilItIsStarted) {
     ReportClock clock;
-    EXPECT_FALSE(clock.due(start));
+    EXPECT_FALSE(clock.due(firstTime));
     EXPECT_EQ(clock.dueAt(), std::nullopt);
-    clock.start(start);
-    EXPECT_TRUE(clock.due(start));
+    clock.start(firstTime);
+    EXPECT_TRUE(clock.due(firstTime));
 }
 
 TEST(ReportClock, KeepsTheTimeThatItHasWhenStartedAgain) {
     ReportClock clock;
-    clock.start(start);
-    EXPECT_TRUE(clock.ask(start, interval));
-    clock.start(start + milliseconds(1));
-    EXPECT_EQ(clock.dueAt(), start + interval);
-    EXPECT_FALSE(clock.due(start + milliseconds(999)));
-    EXPECT_TRUE(clock.due(start + interval));
+    clock.start(firstTime);
+    EXPECT_TRUE(clock.ask(firstTime, reportInterval));
+    clock.start(firstTime + milliseconds(1));
+    EXPECT_EQ(clock.dueAt(), firstTime + reportInterval);
+    EXPECT_FALSE(clock.due(firstTime + milliseconds(999)));
+    EXPECT_TRUE(clock.due(firstTime + reportInterval));
 }
 
 TEST(ReportClock, AsksForOneReportAtATime) {
     ReportClock clock;
-    EXPECT_TRUE(clock.ask(start, interval));
-    EXPECT_FALSE(clock.ask(start + interval, interval));
-    EXPECT_EQ(clock.dueAt(), start + 2 * interval);
+    EXPECT_TRUE(clock.ask(firstTime, reportInterval));
+    EXPECT_FALSE(clock.ask(firstTime + reportInterval, reportInterval));
+    EXPECT_EQ(clock.dueAt(), firstTime + 2 * reportInterval);
     clock.answered();
-    EXPECT_TRUE(clock.ask(start + 2 * interval, interval));
+    EXPECT_TRUE(clock.ask(firstTime + 2 * reportInterval, reportInterval));
 }
 
 TEST(ReportClock, WaitsForTheOutstandingReportAlsoWhenStopped) {
     ReportClock clock;
-    EXPECT_TRUE(clock.ask(start, interval));
+    EXPECT_TRUE(clock.ask(firstTime, reportInterval));
     clock.stop();
-    EXPECT_FALSE(clock.due(start + interval));
-    EXPECT_FALSE(clock.ask(start + interval, interval));
+    EXPECT_FALSE(clock.due(firstTime + reportInterval));
+    EXPECT_FALSE(clock.ask(firstTime + reportInterval, reportInterval));
 }
 
 TEST(ReportClock, ForgetsTheReportsOfAnEarlierForwarder) {
     ReportClock clock;
-    EXPECT_TRUE(clock.ask(start, interval));
+    EXPECT_TRUE(clock.ask(firstTime, reportInterval));
     clock.reset();
     EXPECT_EQ(clock.dueAt(), std::nullopt);
-    EXPECT_TRUE(clock.ask(start, interval));
+    EXPECT_TRUE(clock.ask(firstTime, reportInterval));
 }
 
 }  // namespace

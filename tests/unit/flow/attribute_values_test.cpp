@@ -11,21 +11,16 @@
 #include <vector>
 
 #include "flow/flow_attributes.h"
+#include "flow/parsed_attributes.h"
 #include "support/printed.h"
 
 namespace vesk {
 namespace {
 
-struct Outcome {
-    bool accepted = false;
-    std::string printed;
-    FlowDesc scratch;
-};
-
 /// Sends one attribute through the table's validator.
-Outcome validate(const std::string& name, const std::string& value,
-                 const FlowDesc& before = FlowDesc()) {
-    Outcome outcome{false, "", before};
+ParsedAttributes validate(const std::string& name, const std::string& value,
+                          const FlowDesc& before = FlowDesc()) {
+    ParsedAttributes outcome{false, "", before};
     errno = 0;
     outcome.printed = printedBy([&] {
         outcome.accepted = flowAttributeTable().at(name).parse(name, value, outcome.scratch);
@@ -34,13 +29,13 @@ Outcome validate(const std::string& name, const std::string& value,
 }
 
 void expectRefused(const std::string& name, const std::string& value, const std::string& line) {
-    const Outcome outcome = validate(name, value);
+    const ParsedAttributes outcome = validate(name, value);
     EXPECT_FALSE(outcome.accepted) << name << " " << value;
     EXPECT_EQ(outcome.printed, line) << name << " " << value;
 }
 
 FlowDesc expectAccepted(const std::string& name, const std::string& value) {
-    Outcome outcome = validate(name, value);
+    ParsedAttributes outcome = validate(name, value);
     EXPECT_TRUE(outcome.accepted) << name << " " << value;
     EXPECT_EQ(outcome.printed, "") << name << " " << value;
     return std::move(outcome.scratch);
@@ -112,7 +107,7 @@ TEST(DscpAttributeTest, IgnoresWhatIsOutOfRange) {
                               "-9223372036854775808", "-99999999999999999999"}) {
         FlowDesc marked;
         marked.down.dscpV4 = 5;
-        const Outcome outcome = validate("down_out_dscp_v4", value, marked);
+        const ParsedAttributes outcome = validate("down_out_dscp_v4", value, marked);
         EXPECT_TRUE(outcome.accepted) << value;
         EXPECT_EQ(outcome.printed,
                   "warn " + dscpPrefix + " Ignore invalid DSCP value: " + value + "'\n");

@@ -8,18 +8,13 @@
 #include <string>
 #include <vector>
 
+#include "flow/parsed_attributes.h"
 #include "support/printed.h"
 
 namespace vesk {
 namespace {
 
 using testing::ThrowsMessage;
-
-struct Outcome {
-    bool accepted = false;
-    std::string printed;
-    FlowDesc scratch;
-};
 
 TEST(FlowAttributeTableTest, HasExactlyTheAttributesOfAFlow) {
     std::vector<std::string_view> names;
@@ -37,8 +32,8 @@ TEST(FlowAttributeTableTest, HasExactlyTheAttributesOfAFlow) {
 
 class AllAttributesTest : public testing::Test {
  protected:
-    static Outcome validateAll(const AttributeMap& attributes) {
-        Outcome outcome;
+    static ParsedAttributes validateAll(const AttributeMap& attributes) {
+        ParsedAttributes outcome;
         errno = 0;
         outcome.printed = printedBy(
             [&] { outcome.accepted = Vesk_setFlowDescLabelAttrs(attributes, outcome.scratch); });
@@ -47,7 +42,7 @@ class AllAttributesTest : public testing::Test {
 };
 
 TEST_F(AllAttributesTest, StoresEveryOne) {
-    const Outcome outcome =
+    const ParsedAttributes outcome =
         validateAll({{"label", "5"}, {"up_label", "6"}, {"is_multiplex", "true"}});
     EXPECT_TRUE(outcome.accepted);
     EXPECT_EQ(outcome.printed, "");
@@ -61,13 +56,13 @@ TEST_F(AllAttributesTest, WantsALabelBeforeAnythingElse) {
         "error Vesk_setFlowDescLabelAttrs: Invalid Attr,  'label' field is missing\n";
     EXPECT_EQ(validateAll({{"up_label", "6"}}).printed, line);
     EXPECT_EQ(validateAll({{"bogus", "6"}}).printed, line);
-    const Outcome empty = validateAll({});
+    const ParsedAttributes empty = validateAll({});
     EXPECT_FALSE(empty.accepted);
     EXPECT_EQ(empty.printed, line);
 }
 
 TEST_F(AllAttributesTest, RefusesUnknownNames) {
-    const Outcome outcome = validateAll({{"bogus", "1"}, {"label", "5"}});
+    const ParsedAttributes outcome = validateAll({{"bogus", "1"}, {"label", "5"}});
     EXPECT_FALSE(outcome.accepted);
     EXPECT_EQ(outcome.printed,
               "error Vesk_setFlowDescLabelAttrs: Invalid Attr,  name 'bogus' unrecognized\n");
@@ -75,7 +70,7 @@ TEST_F(AllAttributesTest, RefusesUnknownNames) {
 }
 
 TEST_F(AllAttributesTest, StopsAtTheFirstOneRefusedInTheOrderOfNames) {
-    const Outcome outcome = validateAll(
+    const ParsedAttributes outcome = validateAll(
         {{"down_label", "7"}, {"is_multiplex", "maybe"}, {"label", "5"}, {"zeta", "1"}});
     EXPECT_FALSE(outcome.accepted);
     EXPECT_EQ(outcome.printed,
@@ -85,7 +80,7 @@ TEST_F(AllAttributesTest, StopsAtTheFirstOneRefusedInTheOrderOfNames) {
 }
 
 TEST_F(AllAttributesTest, GoesOnAfterAnIgnoredTrafficMark) {
-    const Outcome outcome = validateAll({{"label", "5"}, {"up_out_dscp_v4", "99"}});
+    const ParsedAttributes outcome = validateAll({{"label", "5"}, {"up_out_dscp_v4", "99"}});
     EXPECT_TRUE(outcome.accepted);
     EXPECT_EQ(outcome.printed, "warn Vesk_validateDscpString: ' Ignore invalid DSCP value: 99'\n");
     EXPECT_EQ(outcome.scratch.up.dscpV4, -1);
