@@ -2,6 +2,7 @@
 
 from __future__ import annotations
 
+import contextlib
 import os
 import re
 import signal
@@ -44,8 +45,12 @@ def check_secrecy(configuration: ConfigurationFile, said: str) -> None:
 
 
 def process_children(pid: int) -> List[int]:
-    return [int(child) for task in Path(f"/proc/{pid}/task").iterdir()
-            for child in (task / "children").read_text(encoding="ascii").split()]
+    children: List[int] = []
+    for task in Path(f"/proc/{pid}/task").iterdir():
+        # A thread may end in between; its children are then listed at another one.
+        with contextlib.suppress(FileNotFoundError, ProcessLookupError):
+            children += map(int, (task / "children").read_text(encoding="ascii").split())
+    return children
 
 
 def is_alive(pid: int) -> bool:

@@ -99,7 +99,8 @@ def test_one_address_is_limited_and_another_one_is_served(
     began = time.monotonic()
     assert answer_on(connect(WHOLE_REQUEST, "127.0.0.2")).endswith(b"\r\n\r\nok\n")
     assert time.monotonic() - began < scaled(AT_ONCE)
-    assert descriptors(controller) <= before + MOST_OF_ONE_ADDRESS
+    wait_until(lambda: descriptors(controller) <= before + MOST_OF_ONE_ADDRESS,
+               "the other address's connection is closed")
     # They are idle and are closed.
     wait_until(lambda: descriptors(controller) <= before, "the connections are closed", 15)
     assert answer_on(connect(WHOLE_REQUEST)).endswith(b"\r\n\r\nok\n")
