@@ -1,7 +1,6 @@
 // A model of how upstream read sockets are armed: who may do what next, and what that makes of the
-// whole. Kept in step with poll/poll_loop.cpp, poll/receive_worker.cpp, datapath/upstream.cpp,
-// net/endpoint_lifecycle.cpp and the creation of endpoints in datapath/downstream.cpp by whoever
-// changes them.
+// whole. Whoever changes poll/epoll_set.cpp, poll/poll_loop.cpp, poll/receive_worker.cpp,
+// datapath/upstream.cpp, datapath/flow_endpoint.cpp or net/endpoint_lifecycle.cpp changes it too.
 //
 // What is in it: the poll thread with the epoll set and the message channel; two workers with their
 // queues and private lists; one thread that creates endpoints and one that takes them out of the
@@ -18,6 +17,7 @@
 // reports no error of an earlier datagram on them.
 #pragma once
 
+#include <algorithm>
 #include <array>
 #include <cstddef>
 #include <cstdint>
@@ -192,5 +192,19 @@ bool isCovered(const State& state, std::uint8_t endpoint);
 /// Whether all is as it should be where no thread has anything left to do: live flows armed and
 /// read, sockets of the others closed.
 bool isAtRest(const State& state);
+
+template <typename Item, std::size_t Capacity>
+Item Fifo<Item, Capacity>::pop() {
+    const Item front = items.front();
+    std::rotate(items.begin(), items.begin() + 1, items.end());
+    items.back() = Item{};
+    --size;
+    return front;
+}
+
+template <typename Item, std::size_t Capacity>
+bool Fifo<Item, Capacity>::contains(Item item) const {
+    return std::find(items.begin(), items.begin() + size, item) != items.begin() + size;
+}
 
 }  // namespace vesk::model

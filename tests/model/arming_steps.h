@@ -1,0 +1,92 @@
+// The steps of the model: what each thread may do next in a state. Used by the model alone; the
+// file of a step is named after the thread that takes it.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <functional>
+#include <string_view>
+#include <vector>
+
+#include "arming_model.h"
+
+namespace vesk::model {
+
+/// Whether a descriptor of the endpoint's socket is open.
+bool socketIsOpen(const State& state, std::uint8_t index);
+/// Whether anybody holds a reference to the endpoint.
+bool isHeld(const State& state, std::uint8_t index, const Rules& rules);
+void closeNumber(State& state, std::uint8_t number);
+
+/// Collects the transitions out of one state.
+class Stepper {
+ public:
+    Stepper(const State& from, const Rules& rules, const Bounds& bounds,
+            std::vector<Transition>& out)
+        : from_(from), rules_(rules), bounds_(bounds), out_(out) {}
+
+    void all();
+
+ private:
+    using Change = std::function<void(State&)>;
+
+    void add(std::string_view name, const Change& change, bool fromOutside = false);
+    void mayFail(std::string_view name, const Change& change);
+    void letGo(State& next, std::uint8_t& holder) const;
+    void disposeIfFree(State& next, std::uint8_t index) const;
+    bool channelHasRoom() const;
+
+    // The world.
+
+    void outside();
+
+    // The poll thread.
+
+    void pollThread();
+    static void wake(State& next);
+    static void takeRecord(State& next);
+    static void apply(State& next, const Record& record, Endpoint& endpoint);
+    static void complain(State& next, Fault fault);
+
+    // Making an endpoint.
+
+    void creator();
+    bool mayCreate() const;
+    static std::uint8_t openNumber(State& next, std::uint8_t index);
+    static void create(State& next);
+    void registerSocket(std::uint8_t held);
+    void forward(std::uint8_t held);
+
+    // Taking one away.
+
+    void remover();
+    void deleter(std::uint8_t index);
+    void dispose(std::uint8_t index, std::uint8_t number, Deletion then);
+
+    // A worker.
+
+    void worker(std::size_t who);
+    void beginNext(std::size_t who);
+    static void finish(Worker& worker, bool keep);
+    static void lookUp(State& next, std::size_t who);
+    void checkPrepared(std::size_t who);
+    bool isBeingPrepared(std::uint8_t index) const;
+    void claim(State& next, std::size_t who) const;
+    static bool isInBuffer(const Worker& other, const Worker& worker);
+    void receive(std::size_t who);
+    void broughtNothing(State& next, std::size_t who, Outcome outcome) const;
+    void process(std::size_t who);
+    void giveBack(State& next, std::size_t who) const;
+    void armClaimed(std::size_t who);
+    void armDrained(std::size_t who);
+    void retryRefused(std::size_t who);
+    void releaseDrained(State& next, std::size_t who) const;
+    void release(State& next, std::size_t who) const;
+
+    const State& from_;
+    const Rules& rules_;
+    const Bounds& bounds_;
+    std::vector<Transition>& out_;
+};
+
+}  // namespace vesk::model
