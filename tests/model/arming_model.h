@@ -1,6 +1,7 @@
 // A model of how upstream read sockets are armed: who may do what next, and what that makes of the
-// whole. Whoever changes poll/epoll_set.cpp, poll/poll_loop.cpp, poll/receive_worker.cpp,
-// datapath/upstream.cpp, datapath/flow_endpoint.cpp or net/endpoint_lifecycle.cpp changes it too.
+// whole. arming_conformance_test.cpp compares it with the code. A change of poll/epoll_set.cpp,
+// poll/poll_loop.cpp, poll/receive_worker.cpp, datapath/upstream.cpp, datapath/flow_endpoint.cpp or
+// net/endpoint_lifecycle.cpp needs a change of the model too.
 //
 // What is in it: the poll thread with the epoll set and the message channel; two workers with their
 // queues and private lists; one thread that creates endpoints and one that takes them out of the
@@ -75,6 +76,7 @@ struct Fifo {
     void push(Item item) { items.at(size++) = item; }
     Item pop();
     bool contains(Item item) const;
+    bool operator==(const Fifo&) const = default;
 };
 
 enum class Op : std::uint8_t { none, add, rearm, remove };
@@ -140,6 +142,8 @@ struct Worker {
     std::uint8_t armed = 0;
     /// Endpoints that could not be armed, to be tried again.
     Fifo<std::uint8_t, 6> refused;
+
+    bool operator==(const Worker&) const = default;
 };
 
 enum class CreatorStep : std::uint8_t { idle, registerSocket, markPrepared, forward, release };

@@ -1,0 +1,243 @@
+#include "arming_operations.h"
+
+#include <algorithm>
+#include <functional>
+#include <string_view>
+
+namespace vesk::model {
+
+namespace {
+
+using Kind = Operation::Kind;
+
+/// Takes steps by name. Once a step was not to be found, nothing more is done.
+class Steps {
+ public:
+    /// `first` are the model's steps from the situation as it is.
+    Steps(Situation& situation, const std::vector<Transition>& first, const Rules& rules,
+          const Bounds& bounds)
+        : situation_(situation), first_(first), rules_(rules), bounds_(bounds) {}
+
+    bool carryOut(const Operation& operation);
+
+ private:
+    using Wanted = std::function<bool(const State& next)>;
+
+    State& state() { return situation_.state; }
+    Worker& worker(std::uint8_t who) { return state().workers.at(who); }
+
+    bool tryStep(std::string_view name, const Wanted& wanted);
+    void step(
+        std::string_view name, const Wanted& wanted = [](const State&) { return true; }) {
+        possible_ = possible_ && tryStep(name, wanted);
+    }
+    bool tryStepOf(std::uint8_t who, std::string_view name) {
+        return tryStep(name,
+                       [&](const State& next) { return !(next.workers.at(who) == worker(who)); });
+    }
+    void stepOf(std::uint8_t who, std::string_view name) {
+        possible_ = possible_ && tryStepOf(who, name);
+    }
+
+    void create();
+    void remove(std::uint8_t endpoint);
+    void wake();
+    void begin(std::uint8_t who);
+    void receive(std::uint8_t who);
+    void fail(std::uint8_t who, Outcome outcome);
+    void finish(std::uint8_t who);
+    void endPass(std::uint8_t who);
+    void letGo(std::uint8_t who);
+    void dispose();
+
+    Situation& situation_;
+    const std::vector<Transition>& first_;
+    bool atFirst_ = true;
+    const Rules& rules_;
+    const Bounds& bounds_;
+    bool possible_ = true;
+};
+
+bool Steps::tryStep(std::string_view name, const Wanted& wanted) {
+    const std::vector<Transition> later =
+        atFirst_ ? std::vector<Transition>() : stepsFrom(state(), rules_, bounds_);
+    const std::vector<Transition>& steps = atFirst_ ? first_ : later;
+    const auto found = std::ranges::find_if(
+        steps, [&](const Transition& it) { return it.name == name && wanted(it.next); });
+    if (found == steps.end()) {
+        return false;
+    }
+    state() = found->next;
+    atFirst_ = false;
+    return true;
+}
+
+bool Steps::carryOut(const Operation& operation) {
+    const std::uint8_t which = operation.which;
+    switch (operation.kind) {
+        case Kind::arrive:
+            step("a datagram arrives", [&](const State& next) {
+                return next.endpoints.at(which).data != state().endpoints.at(which).data;
+            });
+            break;
+        case Kind::create:
+            create();
+            break;
+        case Kind::remove:
+            remove(which);
+            break;
+        case Kind::wake:
+            wake();
+            break;
+        case Kind::deal:
+            stepOf(which, "poll thread deals a socket out");
+            break;
+        case Kind::collect:
+            possible_ = worker(which).step == WorkerStep::idle;
+            stepOf(which, "worker collects its queue");
+            break;
+        case Kind::begin:
+            begin(which);
+            break;
+        case Kind::receive:
+            receive(which);
+            break;
+        case Kind::finish:
+            finish(which);
+            break;
+        case Kind::endPass:
+            endPass(which);
+            break;
+        case Kind::refuse:
+            fail(which, Outcome::refused);
+            break;
+        case Kind::failForNow:
+            fail(which, Outcome::passingFailure);
+            break;
+        case Kind::failForGood:
+            fail(which, Outcome::lastingFailure);
+            break;
+    }
+    return possible_;
+}
+
+void Steps::create() {
+    for (const std::string_view name :
+         {"an endpoint is created", "its creator asks for it to be watched",
+          "the endpoint is marked prepared", "its first datagram is sent", "its creator lets go"}) {
+        step(name);
+    }
+}
+
+void Steps::remove(std::uint8_t endpoint) {
+    step("an endpoint is removed",
+         [endpoint](const State& next) { return !next.endpoints.at(endpoint).filed; });
+    // Another endpoint's removal is no removal of this one.
+    possible_ = possible_ && state().removerHolds == endpoint;
+    situation_.removalUnseen = {true, true};
+    step("its remover lets go");
+    dispose();
+}
+
+void Steps::wake() {
+    step("poll thread wakes");
+    if (state().recordReady) {
+        step("poll thread takes a record");
+    }
+}
+
+/// Up to the receive call, or to the end where there is none.
+void Steps::begin(std::uint8_t who) {
+    if (worker(who).step == WorkerStep::release) {
+        letGo(who);
+    }
+    if (situation_.removalUnseen.at(who) && !worker(who).drained.empty()) {
+        endPass(who);
+    }
+    situation_.removalUnseen.at(who) = false;
+    stepOf(who, "worker takes a socket");
+    stepOf(who, "worker looks the socket up");
+    if (possible_ && worker(who).step == WorkerStep::checkPrepared) {
+        stepOf(who, "worker may use the endpoint");
+        stepOf(who, "worker claims the socket");
+        if (worker(who).step == WorkerStep::release) {
+            letGo(who);
+        }
+    }
+}
+
+void Steps::receive(std::uint8_t who) {
+    possible_ = worker(who).step == WorkerStep::receive &&
+                (tryStepOf(who, "worker receives a datagram") ||
+                 tryStepOf(who, "worker finds the socket drained"));
+}
+
+void Steps::fail(std::uint8_t who, Outcome outcome) {
+    possible_ = worker(who).step == WorkerStep::receive;
+    step("worker fails to receive", [&](const State& next) {
+        const Worker& failed = next.workers.at(who);
+        return !(failed == worker(who)) && failed.outcome == outcome;
+    });
+}
+
+void Steps::finish(std::uint8_t who) {
+    const std::uint8_t endpoint = worker(who).endpoint;
+    if (worker(who).step == WorkerStep::process) {
+        stepOf(who, "worker sends a reply");
+    } else {
+        possible_ = worker(who).step == WorkerStep::giveBack;
+        const bool filed = possible_ && state().endpoints.at(endpoint).filed;
+        stepOf(who, "worker gives the claim back");
+        if (filed && !state().endpoints.at(endpoint).filed) {
+            situation_.removalUnseen = {true, true};
+        }
+    }
+    if (possible_ && !worker(who).keep) {
+        letGo(who);
+    }
+}
+
+void Steps::endPass(std::uint8_t who) {
+    possible_ = possible_ && worker(who).step == WorkerStep::idle;
+    stepOf(who, "worker ends its pass");
+    while (possible_ && worker(who).step == WorkerStep::armDrained) {
+        possible_ = tryStepOf(who, "worker asks for a drained socket to be armed") ||
+                    tryStepOf(who, "worker finds a drained socket armed since");
+    }
+    while (possible_ && worker(who).step == WorkerStep::releaseDrained) {
+        stepOf(who, "worker lets a drained socket go");
+    }
+    dispose();
+}
+
+void Steps::letGo(std::uint8_t who) {
+    stepOf(who, "worker lets go");
+    dispose();
+}
+
+/// Whoever lets go of an endpoint last runs the deleter at once.
+void Steps::dispose() {
+    const auto isDue = [](const Endpoint& it) {
+        return it.deletion == Deletion::writeSocket || it.deletion == Deletion::readSocket;
+    };
+    while (possible_ && std::ranges::any_of(state().endpoints, isDue)) {
+        step("the deleter asks for a socket to be closed");
+    }
+}
+
+}  // namespace
+
+std::vector<Outgoing> operationsFrom(const Situation& situation, const Rules& rules,
+                                     const Bounds& bounds) {
+    const std::vector<Transition> firstSteps = stepsFrom(situation.state, rules, bounds);
+    std::vector<Outgoing> possible;
+    for (const Operation& operation : allOperations()) {
+        Situation then = situation;
+        if (Steps(then, firstSteps, rules, bounds).carryOut(operation)) {
+            possible.push_back({operation, then});
+        }
+    }
+    return possible;
+}
+
+}  // namespace vesk::model

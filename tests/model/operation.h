@@ -1,0 +1,37 @@
+// The operations that the model and the forwarder both carry out.
+#pragma once
+
+#include <cstdint>
+#include <string>
+#include <vector>
+
+namespace vesk::model {
+
+struct Operation {
+    enum class Kind : std::uint8_t {
+        arrive,
+        create,
+        remove,
+        wake,
+        deal,
+        collect,
+        begin,
+        receive,
+        finish,
+        endPass,
+        // A receive call that fails: with ECONNREFUSED, with a passing error, with any other.
+        refuse,
+        failForNow,
+        failForGood
+    };
+    Kind kind;
+    /// A worker or an endpoint.
+    std::uint8_t which = 0;
+};
+
+std::string nameOf(const Operation& operation);
+
+/// Every operation, possible at the moment or not.
+const std::vector<Operation>& allOperations();
+
+}  // namespace vesk::model
