@@ -15,7 +15,7 @@ std::string keyOf(const Situation& situation) {
     return {reinterpret_cast<const char*>(&situation), sizeof(situation)};
 }
 
-bool isOpen(const ArmingWalks::Step& step) {
+bool isUntried(const ArmingWalks::Step& step) {
     return !step.walked;
 }
 
@@ -45,7 +45,8 @@ std::size_t ArmingWalks::steps() const {
 }
 
 std::vector<ArmingWalks::Step> ArmingWalks::next() {
-    while (firstOpen_ < places_.size() && std::ranges::none_of(places_[firstOpen_].steps, isOpen)) {
+    while (firstOpen_ < places_.size() &&
+           std::ranges::none_of(places_[firstOpen_].steps, isUntried)) {
         ++firstOpen_;
     }
     if (firstOpen_ == places_.size()) {
@@ -53,9 +54,9 @@ std::vector<ArmingWalks::Step> ArmingWalks::next() {
     }
     std::vector<Step> walk = shortestTo(firstOpen_);
     std::uint32_t here = firstOpen_;
-    for (auto step = std::ranges::find_if(places_[here].steps, isOpen);
+    for (auto step = std::ranges::find_if(places_[here].steps, isUntried);
          step != places_[here].steps.end();
-         step = std::ranges::find_if(places_[here].steps, isOpen)) {
+         step = std::ranges::find_if(places_[here].steps, isUntried)) {
         step->walked = true;
         walk.push_back(*step);
         here = step->to;
