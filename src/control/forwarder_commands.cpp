@@ -5,8 +5,8 @@
 #include <stdexcept>
 #include <utility>
 
-#include "app/forwarder_context.h"
 #include "base/parse_number.h"
+#include "context/forwarder_context.h"
 #include "control/listening_endpoint.h"
 #include "datapath/downstream.h"
 #include "log/error_text.h"

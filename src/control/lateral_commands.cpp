@@ -8,13 +8,13 @@
 #include <stdexcept>
 #include <string_view>
 
-#include "app/forwarder_context.h"
 #include "base/parse_number.h"
+#include "base/secret_bytes.h"
 #include "base/sync.h"
 #include "base/thread_control.h"
+#include "context/forwarder_context.h"
 #include "control/listening_endpoint.h"
 #include "datapath/lateral.h"
-#include "flow/secret_bytes.h"
 #include "log/error_text.h"
 #include "log/log.h"
 #include "net/endpoint_sockets.h"

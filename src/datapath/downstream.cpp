@@ -7,13 +7,13 @@
 #include <ios>
 #include <optional>
 
-#include "app/forwarder_context.h"
-#include "datapath/authentication.h"
-#include "datapath/framing.h"
-#include "datapath/lateral_header.h"
+#include "context/forwarder_context.h"
+#include "datapath/wire/authentication.h"
+#include "datapath/wire/framing.h"
+#include "datapath/wire/lateral_header.h"
 #include "log/log.h"
-#include "net/endpoint_lifecycle.h"
 #include "net/endpoint_manager.h"
+#include "net/lifecycle/endpoint_lifecycle.h"
 #include "net/socket_options.h"
 #include "net/upstream_binding.h"
 #include "poll/poll_channel.h"

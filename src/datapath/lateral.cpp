@@ -4,11 +4,11 @@
 
 #include <cerrno>
 
-#include "app/forwarder_context.h"
+#include "context/forwarder_context.h"
 #include "datapath/datagram_io.h"
 #include "datapath/downstream.h"
-#include "datapath/framing.h"
-#include "datapath/lateral_header.h"
+#include "datapath/wire/framing.h"
+#include "datapath/wire/lateral_header.h"
 
 namespace vesk {
 

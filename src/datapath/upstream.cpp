@@ -5,13 +5,13 @@
 #include <cerrno>
 #include <utility>
 
-#include "app/forwarder_context.h"
-#include "datapath/authentication.h"
-#include "datapath/framing.h"
-#include "datapath/lateral_header.h"
+#include "context/forwarder_context.h"
 #include "datapath/serving_claim.h"
+#include "datapath/wire/authentication.h"
+#include "datapath/wire/framing.h"
+#include "datapath/wire/lateral_header.h"
 #include "log/log.h"
-#include "net/endpoint_lifecycle.h"
+#include "net/lifecycle/endpoint_lifecycle.h"
 
 namespace vesk {
 

@@ -6,7 +6,7 @@
 #include <stdexcept>
 
 #include "base/parse_number.h"
-#include "flow/secret_bytes.h"
+#include "base/secret_bytes.h"
 #include "log/log.h"
 
 namespace vesk {

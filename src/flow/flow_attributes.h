@@ -6,7 +6,7 @@
 #include <string>
 #include <string_view>
 
-#include "control/command_line.h"
+#include "base/command_line.h"
 #include "flow/flow_desc.h"
 
 namespace vesk {

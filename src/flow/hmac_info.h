@@ -13,7 +13,7 @@
 #include <span>
 #include <string_view>
 
-#include "flow/secret_bytes.h"
+#include "base/secret_bytes.h"
 
 // libcrypto's name for the type; hmac.h is left to the one file that calls it.
 using HMAC_CTX = struct hmac_ctx_st;

@@ -4,7 +4,7 @@
 #include <utility>
 #include <vector>
 
-#include "control/command_line.h"
+#include "base/command_line.h"
 #include "support/require.h"
 
 namespace vesk::fuzz {

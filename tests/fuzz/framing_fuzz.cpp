@@ -2,8 +2,8 @@
 #include <algorithm>
 #include <array>
 
-#include "datapath/authentication.h"
-#include "datapath/framing.h"
+#include "datapath/wire/authentication.h"
+#include "datapath/wire/framing.h"
 #include "support/reference.h"
 #include "support/require.h"
 

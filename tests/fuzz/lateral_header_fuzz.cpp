@@ -6,7 +6,7 @@
 #include <array>
 #include <cstring>
 
-#include "datapath/lateral_header.h"
+#include "datapath/wire/lateral_header.h"
 #include "support/reference.h"
 #include "support/require.h"
 

@@ -13,26 +13,24 @@ from pathlib import Path
 FLOORS = [
     ["log/"],
     ["base/"],
-    ["control/command_line"],
     ["net/socket_options"],
-    ["flow/secret_bytes", "flow/ip_addr_info", "flow/hmac_info", "flow/flow_desc",
+    ["flow/ip_addr_info", "flow/hmac_info", "flow/flow_desc",
      "flow/flow_attributes"],
     ["poll/"],
     ["net/local_address", "net/endpoint.", "net/endpoint_slot", "net/endpoint_sockets",
      "net/endpoint_tables", "net/kept_endpoints",
      "net/endpoint_manager"],
-    ["datapath/wire_layout", "datapath/framing", "datapath/authentication",
-     "datapath/lateral_header", "datapath/datagram_io"],
+    ["datapath/wire/", "datapath/datagram_io"],
     ["tasks/"],
-    ["app/lateral_stream", "app/forwarder_context"],
-    ["net/endpoint_lifecycle", "net/endpoint_release", "net/upstream_binding"],
+    ["context/"],
+    ["net/"],
     ["datapath/"],
-    ["flow/label_commands"],
+    ["flow/commands/"],
     ["stats/"],
     ["control/"],
     ["app/"],
 ]
-CONTEXT = "app/forwarder_context.h"
+CONTEXT = "context/forwarder_context.h"
 INCLUDE = re.compile(r'^\s*#include\s+"([^"]+)"', re.MULTILINE)
 
 

@@ -5,8 +5,8 @@
 #include <memory>
 #include <vector>
 
-#include "app/forwarder_context.h"
 #include "base/unique_fd.h"
+#include "context/forwarder_context.h"
 #include "datapath/downstream.h"
 #include "datapath/upstream.h"
 #include "support/reference.h"

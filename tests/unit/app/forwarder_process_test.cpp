@@ -14,7 +14,7 @@
 #include <thread>
 #include <vector>
 
-#include "app/forwarder_context.h"
+#include "context/forwarder_context.h"
 #include "support/child_process.h"
 #include "support/descriptors.h"
 #include "support/thread_state.h"

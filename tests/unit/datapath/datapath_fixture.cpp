@@ -3,7 +3,7 @@
 #include <algorithm>
 #include <ostream>
 
-#include "datapath/wire_layout.h"
+#include "datapath/wire/layout.h"
 #include "support/printed.h"
 
 namespace vesk {

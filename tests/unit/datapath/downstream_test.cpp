@@ -12,7 +12,7 @@
 #include <thread>
 
 #include "datapath/datapath_fixture.h"
-#include "datapath/wire_layout.h"
+#include "datapath/wire/layout.h"
 #include "support/printed.h"
 #include "support/thread_state.h"
 

@@ -1,4 +1,4 @@
-#include "flow/secret_bytes.h"
+#include "base/secret_bytes.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -8,7 +8,7 @@
 #include <new>
 #include <vector>
 
-#include "datapath/authentication.h"
+#include "datapath/wire/authentication.h"
 #include "flow/flow_desc.h"
 #include "support/bytes.h"
 

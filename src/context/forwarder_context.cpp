@@ -1,6 +1,6 @@
-#include "app/forwarder_context.h"
+#include "context/forwarder_context.h"
 
-#include "datapath/wire_layout.h"
+#include "datapath/wire/layout.h"
 #include "net/endpoint_manager.h"
 
 namespace vesk {

@@ -1,4 +1,4 @@
-#include "datapath/framing.h"
+#include "datapath/wire/framing.h"
 
 #include <algorithm>
 

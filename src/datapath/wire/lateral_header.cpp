@@ -1,10 +1,10 @@
-#include "datapath/lateral_header.h"
+#include "datapath/wire/lateral_header.h"
 
 #include <algorithm>
 #include <array>
 #include <cstring>
 
-#include "datapath/authentication.h"
+#include "datapath/wire/authentication.h"
 
 namespace vesk {
 

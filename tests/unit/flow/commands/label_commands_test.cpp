@@ -1,4 +1,4 @@
-#include "flow/label_commands.h"
+#include "flow/commands/label_commands.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>

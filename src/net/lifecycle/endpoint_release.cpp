@@ -1,4 +1,4 @@
-#include "net/endpoint_release.h"
+#include "net/lifecycle/endpoint_release.h"
 
 #include <unistd.h>
 
@@ -7,8 +7,8 @@
 #include <cstdint>
 #include <span>
 
-#include "app/forwarder_context.h"
-#include "net/endpoint_lifecycle.h"
+#include "context/forwarder_context.h"
+#include "net/lifecycle/endpoint_lifecycle.h"
 #include "poll/poll_channel.h"
 
 namespace vesk {

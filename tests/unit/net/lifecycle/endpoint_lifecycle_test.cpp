@@ -1,4 +1,4 @@
-#include "net/endpoint_lifecycle.h"
+#include "net/lifecycle/endpoint_lifecycle.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>

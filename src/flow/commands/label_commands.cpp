@@ -1,4 +1,4 @@
-#include "flow/label_commands.h"
+#include "flow/commands/label_commands.h"
 
 #include <openssl/crypto.h>
 
@@ -6,11 +6,11 @@
 #include <string_view>
 #include <vector>
 
-#include "app/forwarder_context.h"
+#include "context/forwarder_context.h"
 #include "flow/flow_attributes.h"
 #include "log/log.h"
 #include "net/endpoint_manager.h"
-#include "net/endpoint_release.h"
+#include "net/lifecycle/endpoint_release.h"
 
 namespace vesk {
 

@@ -1,4 +1,4 @@
-#include "options.h"
+#include "service/options.h"
 
 #include <CLI/CLI.hpp>
 #include <iostream>

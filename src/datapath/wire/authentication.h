@@ -6,7 +6,7 @@
 #include <cstdint>
 #include <span>
 
-#include "datapath/framing.h"
+#include "datapath/wire/framing.h"
 #include "flow/hmac_info.h"
 
 namespace vesk {

@@ -1,10 +1,10 @@
-#include "app/forwarder_context.h"
+#include "context/forwarder_context.h"
 
 #include <gtest/gtest.h>
 
 #include <memory>
 
-#include "datapath/wire_layout.h"
+#include "datapath/wire/layout.h"
 #include "net/endpoint_manager.h"
 
 namespace vesk {

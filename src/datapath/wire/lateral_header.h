@@ -6,7 +6,7 @@
 #include <cstdint>
 #include <optional>
 
-#include "datapath/framing.h"
+#include "datapath/wire/framing.h"
 #include "flow/hmac_info.h"
 #include "flow/ip_addr_info.h"
 #include "net/endpoint.h"

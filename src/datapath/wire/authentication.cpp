@@ -1,4 +1,4 @@
-#include "datapath/authentication.h"
+#include "datapath/wire/authentication.h"
 
 #include <openssl/crypto.h>
 #include <openssl/evp.h>
@@ -7,7 +7,7 @@
 #include <algorithm>
 #include <array>
 
-#include "flow/secret_bytes.h"
+#include "base/secret_bytes.h"
 #include "log/log.h"
 
 namespace vesk {

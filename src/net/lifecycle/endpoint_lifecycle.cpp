@@ -1,11 +1,11 @@
-#include "net/endpoint_lifecycle.h"
+#include "net/lifecycle/endpoint_lifecycle.h"
 
 #include <unistd.h>
 
 #include <cerrno>
 #include <ios>
 
-#include "app/forwarder_context.h"
+#include "context/forwarder_context.h"
 #include "log/error_text.h"
 #include "log/log.h"
 #include "net/endpoint_manager.h"

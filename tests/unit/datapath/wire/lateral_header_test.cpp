@@ -1,4 +1,4 @@
-#include "datapath/lateral_header.h"
+#include "datapath/wire/lateral_header.h"
 
 #include <arpa/inet.h>
 #include <gmock/gmock.h>

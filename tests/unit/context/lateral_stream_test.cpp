@@ -1,4 +1,4 @@
-#include "app/lateral_stream.h"
+#include "context/lateral_stream.h"
 
 #include <gtest/gtest.h>
 

@@ -1,4 +1,4 @@
-#include "datapath/authentication.h"
+#include "datapath/wire/authentication.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>

@@ -1,4 +1,4 @@
-#include "control/command_line.h"
+#include "base/command_line.h"
 
 #include <algorithm>
 #include <array>

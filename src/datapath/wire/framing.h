@@ -7,7 +7,7 @@
 #include <optional>
 #include <span>
 
-#include "datapath/wire_layout.h"
+#include "datapath/wire/layout.h"
 
 namespace vesk {
 

@@ -8,10 +8,10 @@
 #include <list>
 #include <memory>
 
-#include "app/lateral_stream.h"
 #include "base/sync.h"
 #include "base/thread_control.h"
 #include "base/unique_fd.h"
+#include "context/lateral_stream.h"
 #include "net/endpoint_slot.h"
 #include "net/local_address.h"
 #include "poll/poll_param.h"

@@ -1,4 +1,4 @@
-#include "net/endpoint_release.h"
+#include "net/lifecycle/endpoint_release.h"
 
 #include <gtest/gtest.h>
 #include <sys/epoll.h>

@@ -1,4 +1,4 @@
-#include "datapath/wire_layout.h"
+#include "datapath/wire/layout.h"
 
 #include <gtest/gtest.h>
 
