@@ -6,7 +6,6 @@
 #include <array>
 #include <cerrno>
 #include <csignal>
-#include <initializer_list>
 #include <system_error>
 #include <utility>
 

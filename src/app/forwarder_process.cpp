@@ -26,7 +26,6 @@
 #include "log/error_text.h"
 #include "log/log.h"
 #include "log/printf_log.h"
-#include "net/endpoint_manager.h"
 #include "net/lifecycle/endpoint_release.h"
 #include "poll/poll_channel.h"
 #include "poll/poll_loop.h"

@@ -2,11 +2,10 @@
 // not shared.
 #pragma once
 
-#include <openssl/crypto.h>
-
 #include <array>
 #include <cstddef>
 #include <cstdint>
+#include <cstring>
 
 namespace vesk {
 
@@ -15,7 +14,7 @@ template <std::size_t Size>
 class SecretBytes : public std::array<std::uint8_t, Size> {
  public:
     SecretBytes() = default;
-    ~SecretBytes() { OPENSSL_cleanse(this->data(), Size); }
+    ~SecretBytes() { explicit_bzero(this->data(), Size); }
     SecretBytes(const SecretBytes&) = default;
     SecretBytes& operator=(const SecretBytes&) = default;
 };

@@ -7,6 +7,7 @@
 #include <optional>
 #include <unordered_map>
 
+#include "base/socket_address.h"
 #include "base/sync.h"
 #include "base/thread_control.h"
 #include "flow/hmac_info.h"

@@ -8,6 +8,7 @@
 #include <optional>
 
 #include "context/forwarder_context.h"
+#include "datapath/datagram_io.h"
 #include "datapath/wire/authentication.h"
 #include "datapath/wire/framing.h"
 #include "datapath/wire/lateral_header.h"

@@ -4,8 +4,10 @@
 
 #include <memory>
 
-#include "datapath/datagram_io.h"
+#include "base/socket_address.h"
+#include "datapath/wire/layout.h"
 #include "net/endpoint.h"
+#include "net/local_address.h"
 
 namespace vesk {
 

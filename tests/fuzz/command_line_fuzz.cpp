@@ -1,8 +1,6 @@
 // From a line to words and attributes; the input is the line.
 #include <array>
 #include <string>
-#include <utility>
-#include <vector>
 
 #include "base/command_line.h"
 #include "support/require.h"

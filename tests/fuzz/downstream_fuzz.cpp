@@ -4,7 +4,6 @@
 #include <unistd.h>
 
 #include <array>
-#include <optional>
 #include <set>
 
 #include "net/endpoint_manager.h"

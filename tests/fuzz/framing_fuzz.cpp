@@ -4,6 +4,7 @@
 
 #include "datapath/wire/authentication.h"
 #include "datapath/wire/framing.h"
+#include "flow/hmac_info.h"
 #include "support/reference.h"
 #include "support/require.h"
 

@@ -7,6 +7,7 @@
 #include <cstring>
 
 #include "datapath/wire/lateral_header.h"
+#include "flow/hmac_info.h"
 #include "support/reference.h"
 #include "support/require.h"
 

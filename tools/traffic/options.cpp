@@ -2,7 +2,6 @@
 
 #include <CLI/CLI.hpp>
 #include <algorithm>
-#include <stdexcept>
 
 namespace vesk::bench {
 namespace {

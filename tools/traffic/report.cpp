@@ -2,7 +2,6 @@
 
 #include <iomanip>
 #include <ostream>
-#include <string>
 #include <vector>
 
 #include "lib/clocks.h"

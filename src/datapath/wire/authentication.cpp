@@ -16,27 +16,24 @@ namespace {
 
 using Region = std::span<const std::uint8_t>;
 
-/// Longest HMAC field of any header.
-constexpr std::size_t maxTagLength = 32;
-
 bool isAllZero(std::span<const std::uint8_t> bytes) {
     return std::ranges::all_of(bytes, [](std::uint8_t byte) { return byte == 0; });
 }
 
-/// Makes the record's context ready for a new digest: keyed if it is new, reset if it was kept.
-bool beginDigest(HmacInfo& info) {
-    if (info.context) {
-        return HMAC_Init_ex(info.context.get(), nullptr, 0, nullptr, nullptr) == 1;
+/// Makes the key's context ready for a new digest: keyed if it is new, reset if it was kept.
+bool beginDigest(HmacKey& hmacKey) {
+    if (hmacKey.context) {
+        return HMAC_Init_ex(hmacKey.context.get(), nullptr, 0, nullptr, nullptr) == 1;
     }
-    info.context.reset(HMAC_CTX_new());
-    if (!info.context) {
+    hmacKey.context.reset(HMAC_CTX_new());
+    if (!hmacKey.context) {
         logWarn("Failed to create an HMAC context");
         return false;
     }
-    if (HMAC_Init_ex(info.context.get(), info.key.data(), static_cast<int>(info.keyLen),
-                     info.digest(), nullptr) != 1) {
+    if (HMAC_Init_ex(hmacKey.context.get(), hmacKey.key.data(), static_cast<int>(hmacKey.keyLen),
+                     hmacKey.digest(), nullptr) != 1) {
         // A context without a key must not be taken for a keyed one by the next datagram.
-        info.context.reset();
+        hmacKey.context.reset();
         return false;
     }
     return true;
@@ -56,48 +53,50 @@ std::array<Region, 2> coveredRegions(const FramingDescriptor& framing, ConstData
 
 }  // namespace
 
-bool computeTag(HmacInfo& info, std::span<const Region> regions, std::span<std::uint8_t> tag) {
+bool computeTag(HmacKey& hmacKey, std::span<const Region> regions, std::span<std::uint8_t> tag) {
     std::ranges::fill(tag, std::uint8_t{0});
-    if (!info.hasKey()) {
+    if (!hmacKey.hasKey()) {
         return true;
     }
-    if (!beginDigest(info)) {
+    if (!beginDigest(hmacKey)) {
         return false;
     }
     for (const Region& region : regions) {
-        if (!region.empty() && HMAC_Update(info.context.get(), region.data(), region.size()) != 1) {
+        if (!region.empty() &&
+            HMAC_Update(hmacKey.context.get(), region.data(), region.size()) != 1) {
             return false;
         }
     }
     SecretBytes<EVP_MAX_MD_SIZE> digest;
     unsigned int digestLength = 0;
-    if (HMAC_Final(info.context.get(), digest.data(), &digestLength) != 1) {
+    if (HMAC_Final(hmacKey.context.get(), digest.data(), &digestLength) != 1) {
         return false;
     }
     std::copy_n(digest.begin(), std::min<std::size_t>(digestLength, tag.size()), tag.begin());
     return true;
 }
 
-bool checkTag(HmacInfo& info, std::span<const Region> regions, std::span<const std::uint8_t> tag) {
-    if (!info.hasKey()) {
+bool checkTag(HmacKey& hmacKey, std::span<const Region> regions,
+              std::span<const std::uint8_t> tag) {
+    if (!hmacKey.hasKey()) {
         return isAllZero(tag);
     }
-    SecretBytes<maxTagLength> expected;
+    SecretBytes<maxHmacFieldLength> expected;
     const auto computed = std::span(expected).first(tag.size());
-    return computeTag(info, regions, computed) &&
+    return computeTag(hmacKey, regions, computed) &&
            CRYPTO_memcmp(computed.data(), tag.data(), tag.size()) == 0;
 }
 
 bool signDatagram(const FramingDescriptor& framing, DatagramBuffer buffer, std::size_t headerLength,
-                  std::size_t length, HmacInfo& info) {
+                  std::size_t length, HmacKey& hmacKey) {
     const auto regions = coveredRegions(framing, buffer, headerLength, length);
-    return computeTag(info, regions, buffer.subspan(framing.hmacOffset, framing.hmacLength));
+    return computeTag(hmacKey, regions, buffer.subspan(framing.hmacOffset, framing.hmacLength));
 }
 
 bool checkDatagram(const FramingDescriptor& framing, ConstDatagramBuffer buffer,
-                   std::size_t headerLength, std::size_t length, HmacInfo& info) {
+                   std::size_t headerLength, std::size_t length, HmacKey& hmacKey) {
     const auto regions = coveredRegions(framing, buffer, headerLength, length);
-    return checkTag(info, regions, buffer.subspan(framing.hmacOffset, framing.hmacLength));
+    return checkTag(hmacKey, regions, buffer.subspan(framing.hmacOffset, framing.hmacLength));
 }
 
 }  // namespace vesk

@@ -9,8 +9,8 @@ namespace vesk {
 namespace {
 
 /// Where an unsigned UDPv1 datagram holds the second half of its empty HMAC field.
-constexpr std::size_t zeroTailOffset = 20;
-constexpr std::size_t zeroTailLength = 12;
+constexpr std::size_t zeroTailOffset = framingV2.minHeaderSize;
+constexpr std::size_t zeroTailLength = framingV1.hmacLength - zeroTailOffset;
 
 std::uint32_t readBigEndian(std::span<const std::uint8_t> bytes) {
     std::uint32_t value = 0;

@@ -43,7 +43,7 @@ std::optional<LateralHeader> parseLateralHeader(ConstDatagramBuffer buffer, std:
 }
 
 std::optional<std::size_t> addLateralHeader(DatagramBuffer buffer, std::size_t length,
-                                            const SocketAddress& sender, HmacInfo& signingKey) {
+                                            const SocketAddress& sender, HmacKey& signingKey) {
     const std::size_t headerLength =
         lateralLayout.addressOffset + sender.length + lateralLayout.hmacLength;
     if (sender.length > lateralLayout.maxAddressLength || !moveUp(buffer, length, headerLength)) {
@@ -81,7 +81,7 @@ ReturnPath keepReturnPath(ConstDatagramBuffer buffer, const LateralHeader& heade
 }
 
 bool checkLateralHmac(ConstDatagramBuffer buffer, const LateralHeader& header,
-                      HmacInfo& checkingKey) {
+                      HmacKey& checkingKey) {
     const std::size_t addressLength = header.length - lateralLayout.hmacLength;
     const std::array<Region, 1> covered{coveredByHmac(buffer, addressLength)};
     return checkTag(

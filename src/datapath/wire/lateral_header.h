@@ -6,10 +6,9 @@
 #include <cstdint>
 #include <optional>
 
+#include "base/socket_address.h"
 #include "datapath/wire/framing.h"
-#include "flow/hmac_info.h"
-#include "flow/ip_addr_info.h"
-#include "net/endpoint.h"
+#include "datapath/wire/hmac_key.h"
 
 namespace vesk {
 
@@ -29,7 +28,7 @@ std::optional<LateralHeader> parseLateralHeader(ConstDatagramBuffer buffer, std:
 /// with the key. The datagram's new length, or nothing where it would not fit or not be signed;
 /// the buffer then holds no datagram any more.
 std::optional<std::size_t> addLateralHeader(DatagramBuffer buffer, std::size_t length,
-                                            const SocketAddress& sender, HmacInfo& signingKey);
+                                            const SocketAddress& sender, HmacKey& signingKey);
 
 /// Moves the datagram up and puts the returning header in front: what came with the request. The
 /// new length, or nothing, and the buffer as it was, where it would not fit.
@@ -41,7 +40,7 @@ ReturnPath keepReturnPath(ConstDatagramBuffer buffer, const LateralHeader& heade
 
 /// Whether the address in the header was signed with this key.
 bool checkLateralHmac(ConstDatagramBuffer buffer, const LateralHeader& header,
-                      HmacInfo& checkingKey);
+                      HmacKey& checkingKey);
 
 /// The address in the header; empty where it is of neither IP family, or not as long as its family
 /// has it. To be believed only after the HMAC was checked.

@@ -1,11 +1,17 @@
-// The bytes of every datagram: offsets once, beside a drawing. All integers are big-endian.
+// The bytes of every datagram: offsets and lengths once, beside a drawing. All integers are
+// big-endian. Constants and values; any thread.
 #pragma once
 
+#include <algorithm>
+#include <array>
+#include <cstddef>
 #include <cstdint>
-
-#include "net/endpoint.h"
+#include <span>
 
 namespace vesk {
+
+/// No datagram is larger, headers of every kind included.
+inline constexpr std::size_t maxDatagramSize = 2048;
 
 /// Where the fields of one framing version are; all in bytes from the front of the datagram.
 struct FramingDescriptor {
@@ -91,7 +97,35 @@ inline constexpr std::uint8_t lateralForward = 1;
 /// Returned towards downstream, to the instance that forwarded.
 inline constexpr std::uint8_t lateralReturn = 2;
 
-static_assert(ReturnPath::capacity ==
-              lateralLayout.lengthSize + lateralLayout.maxAddressLength + lateralLayout.hmacLength);
+/// The longest HMAC field of any header.
+inline constexpr std::size_t maxHmacFieldLength =
+    std::max({framingV1.hmacLength, framingV2.hmacLength, lateralLayout.hmacLength});
+
+/// What came with a datagram over the lateral stream and goes back with its reply: the length byte,
+/// the peer's address and the lateral HMAC, as they were received. Empty for a datagram that came
+/// straight from a peer. In place, since one is made for each lateral datagram.
+class ReturnPath {
+ public:
+    static constexpr std::size_t capacity =
+        lateralLayout.lengthSize + lateralLayout.maxAddressLength + lateralLayout.hmacLength;
+
+    ReturnPath() = default;
+    /// At most `capacity` bytes.
+    explicit ReturnPath(std::span<const std::uint8_t> bytes)
+        : size_(static_cast<std::uint8_t>(bytes.size())) {
+        std::ranges::copy(bytes, bytes_.begin());
+    }
+
+    std::span<const std::uint8_t> bytes() const { return std::span(bytes_).first(size_); }
+    bool empty() const { return size_ == 0; }
+
+    friend bool operator==(const ReturnPath& left, const ReturnPath& right) {
+        return std::ranges::equal(left.bytes(), right.bytes());
+    }
+
+ private:
+    std::array<std::uint8_t, capacity> bytes_{};
+    std::uint8_t size_ = 0;
+};
 
 }  // namespace vesk

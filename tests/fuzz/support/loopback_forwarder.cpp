@@ -11,6 +11,7 @@
 
 #include "base/command_line.h"
 #include "datapath/datagram_io.h"
+#include "datapath/downstream.h"
 #include "flow/commands/label_commands.h"
 #include "net/endpoint_sockets.h"
 #include "net/socket_options.h"

@@ -5,10 +5,11 @@
 #include <memory>
 #include <vector>
 
+#include "base/socket_address.h"
 #include "base/unique_fd.h"
 #include "context/forwarder_context.h"
-#include "datapath/downstream.h"
 #include "datapath/upstream.h"
+#include "datapath/wire/layout.h"
 #include "support/reference.h"
 
 namespace vesk::fuzz {

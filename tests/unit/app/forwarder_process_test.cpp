@@ -2,7 +2,6 @@
 
 #include "app/forwarder_process.h"
 
-#include <fcntl.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <unistd.h>

@@ -2,7 +2,6 @@
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
-#include <unistd.h>
 
 #include <atomic>
 #include <ios>
@@ -15,7 +14,6 @@
 #include "log/log.h"
 #include "support/child_process.h"
 #include "support/framed.h"
-#include "support/printed.h"
 #include "support/thread_state.h"
 #include "support/udp_socket.h"
 

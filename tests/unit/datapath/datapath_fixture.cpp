@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <ostream>
 
+#include "datapath/downstream.h"
 #include "datapath/wire/layout.h"
 #include "support/printed.h"
 

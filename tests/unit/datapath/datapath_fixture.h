@@ -2,13 +2,12 @@
 // loopback.
 #pragma once
 
-#include <gtest/gtest.h>
-
 #include <cstdint>
 #include <iosfwd>
 #include <string>
 
-#include "datapath/downstream.h"
+#include "base/socket_address.h"
+#include "datapath/wire/layout.h"
 #include "support/forwarder.h"
 #include "support/framed.h"
 #include "support/udp_socket.h"

@@ -12,7 +12,6 @@
 #include <thread>
 
 #include "datapath/datapath_fixture.h"
-#include "datapath/wire/layout.h"
 #include "support/printed.h"
 #include "support/thread_state.h"
 

@@ -7,7 +7,6 @@
 #include <unistd.h>
 
 #include <atomic>
-#include <optional>
 #include <string>
 #include <thread>
 #include <vector>

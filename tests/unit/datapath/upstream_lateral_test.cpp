@@ -1,11 +1,7 @@
-#include <gmock/gmock.h>
 #include <gtest/gtest.h>
-
-#include <algorithm>
 
 #include "datapath/datapath_fixture.h"
 #include "datapath/upstream.h"
-#include "support/printed.h"
 
 namespace vesk {
 namespace {

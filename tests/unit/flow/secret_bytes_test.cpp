@@ -3,12 +3,9 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include <cstring>
 #include <memory>
 #include <new>
-#include <vector>
 
-#include "datapath/wire/authentication.h"
 #include "flow/flow_desc.h"
 #include "support/bytes.h"
 

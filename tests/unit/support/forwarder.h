@@ -2,8 +2,6 @@
 // reads in place of the poll loop.
 #pragma once
 
-#include <gtest/gtest.h>
-
 #include <memory>
 #include <string>
 #include <vector>

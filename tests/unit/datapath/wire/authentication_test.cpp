@@ -9,6 +9,7 @@
 #include <string>
 #include <vector>
 
+#include "flow/hmac_info.h"
 #include "support/framed.h"
 #include "support/printed.h"
 

@@ -1,6 +1,5 @@
 #include "datapath/wire/framing.h"
 
-#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include <algorithm>

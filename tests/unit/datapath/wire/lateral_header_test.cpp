@@ -1,13 +1,13 @@
 #include "datapath/wire/lateral_header.h"
 
-#include <arpa/inet.h>
-#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include <algorithm>
 #include <array>
 #include <cstring>
 
+#include "flow/hmac_info.h"
+#include "flow/ip_addr_info.h"
 #include "support/framed.h"
 
 namespace vesk {

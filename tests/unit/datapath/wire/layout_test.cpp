@@ -2,7 +2,11 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
+#include <cstdint>
 #include <initializer_list>
+
+#include "support/bytes.h"
 
 namespace vesk {
 namespace {
@@ -41,6 +45,29 @@ TEST(WireLayoutTest, HasTheLateralFieldsWhereOtherInstancesExpectThem) {
     EXPECT_EQ(lateralLayout.minLateralSize, 34U);
     EXPECT_EQ(lateralForward, 1);
     EXPECT_EQ(lateralReturn, 2);
+}
+
+TEST(ReturnPathTest, IsEmptyByDefault) {
+    EXPECT_TRUE(ReturnPath().empty());
+    EXPECT_TRUE(ReturnPath().bytes().empty());
+    EXPECT_TRUE(ReturnPath(Bytes()).empty());
+}
+
+TEST(ReturnPathTest, KeepsUpTo45Bytes) {
+    Bytes bytes(ReturnPath::capacity, 7);
+    EXPECT_EQ(bytes.size(), 45U);
+    bytes.back() = 9;
+    const ReturnPath path(bytes);
+    EXPECT_FALSE(path.empty());
+    EXPECT_EQ(toBytes(path.bytes()), bytes);
+}
+
+TEST(ReturnPathTest, IsComparedByItsBytes) {
+    EXPECT_EQ(ReturnPath(Bytes{1, 2}), ReturnPath(Bytes{1, 2}));
+    EXPECT_FALSE(ReturnPath(Bytes{1, 2}) == ReturnPath(Bytes{1, 3}));
+    EXPECT_FALSE(ReturnPath(Bytes{1, 2}) == ReturnPath(Bytes{1}));
+    EXPECT_FALSE(ReturnPath(Bytes{0}) == ReturnPath());
+    EXPECT_EQ(ReturnPath(), ReturnPath());
 }
 
 }  // namespace

@@ -8,7 +8,6 @@
 #include <string>
 
 #include "support/forwarder.h"
-#include "support/printed.h"
 
 namespace vesk {
 namespace {

@@ -3,7 +3,6 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <sys/epoll.h>
-#include <unistd.h>
 
 #include <cerrno>
 #include <string>
