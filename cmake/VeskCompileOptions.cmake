@@ -1,5 +1,7 @@
 # The options that every target of this project is built with, gathered in one interface target.
 
+include(CheckCXXCompilerFlag)
+
 add_library(vesk_compile_options INTERFACE)
 
 # For test programs, which run once and are compiled often: they are left unoptimised, the libraries
@@ -22,10 +24,18 @@ if(VESK_HARDENING)
         set(vesk_fortify_level 2)
     endif()
     set(CMAKE_POSITION_INDEPENDENT_CODE ON)
+    # Not every architecture has each of these: -fcf-protection is x86's alone.
+    set(vesk_protection)
+    foreach(flag IN ITEMS -fstack-protector-strong -fstack-clash-protection -fcf-protection)
+        string(MAKE_C_IDENTIFIER "VESK_TAKES${flag}" takes)
+        check_cxx_compiler_flag(${flag} ${takes})
+        if(${takes})
+            list(APPEND vesk_protection ${flag})
+        endif()
+    endforeach()
     target_compile_options(vesk_compile_options INTERFACE
         -U_FORTIFY_SOURCE $<$<NOT:${vesk_quick}>:-D_FORTIFY_SOURCE=${vesk_fortify_level}>
-        -fstack-protector-strong -fstack-clash-protection -fcf-protection
-        -D_GLIBCXX_ASSERTIONS)
+        ${vesk_protection} -D_GLIBCXX_ASSERTIONS)
     target_link_options(vesk_compile_options INTERFACE -pie -Wl,-z,relro -Wl,-z,now)
 endif()
 

@@ -14,18 +14,13 @@ import os
 import re
 import subprocess
 import sys
-import tempfile
 from contextlib import ExitStack
 from dataclasses import dataclass
-from pathlib import Path
 from typing import Dict, List, Sequence
 
-sys.path.insert(0, str(Path(__file__).resolve().parent.parent / "tests" / "functional"))
 sys.dont_write_bytecode = True
 
-from framework.lateral import LOOPBACK, shared_free_port  # noqa: E402
-from framework.udp import Address, free_port  # noqa: E402
-from framework.vesk_process import VeskProcess  # noqa: E402
+from demo_forwarder import Address, Forwarder, free_port  # noqa: E402
 
 DATAGRAMS = 1000
 ANSWER_SECONDS = 1
@@ -94,35 +89,39 @@ class Flow:
 class ControllingService:
     """Types commands to one forwarder, and prints them and the relevant log lines."""
 
-    def __init__(self, vesk: VeskProcess, name: str) -> None:
+    def __init__(self, vesk: Forwarder, name: str) -> None:
         self.vesk = vesk
         self.name = name
         self._shown = 0
-        vesk.ready()
         self.show_log()
 
     def type(self, line: str) -> None:
         print(f"  {self.name} < {shortened(line)}")
         self.vesk.command(line)
-        self.vesk.settle()
         self.show_log()
 
-    def show_log(self) -> None:
-        lines = self.vesk.log_lines()
-        for line in lines[self._shown:]:
-            if TELLING.fullmatch(line) and "'fence-" not in line:
-                print(f"  {self.name} > {line}")
-        self._shown = len(lines)
+    def show_log(self, every_line: bool = False) -> None:
+        self.vesk.settle()
+        self._print_log(every_line)
 
-    def skip_log(self) -> None:
-        """Treats the present log lines as printed."""
-        self._shown = self.vesk.mark()
+    def _print_log(self, every_line: bool = False) -> None:
+        for line in self.vesk.log[self._shown:]:
+            if TELLING.fullmatch(line) or (every_line and line):
+                print(f"  {self.name} > {line}")
+        self._shown = len(self.vesk.log)
+
+    def report(self) -> None:
+        """Types "stats" and prints all it says."""
+        self.show_log()
+        print(f"  {self.name} < stats")
+        self.vesk.command("stats")
+        self.show_log(every_line=True)
 
     def end(self) -> None:
         self.show_log()
         print(f"  {self.name} < (end of input)")
         took = self.vesk.finish()
-        self.show_log()
+        self._print_log()
         print(f"  {self.name}   exit status 0 after {took * 1000:.0f} ms")
 
 
@@ -142,10 +141,9 @@ def print_table(results: Sequence[Result]) -> bool:
     return all(result.flawless for result in results)
 
 
-def start(stack: ExitStack, name: str) -> ControllingService:
-    folder = Path(stack.enter_context(tempfile.TemporaryDirectory(prefix="vesk-demo-")))
-    vesk = VeskProcess(folder, "udpv2")
-    stack.callback(lambda: vesk.finished or vesk.abandon())
+def start(stack: ExitStack, binary: str, name: str) -> ControllingService:
+    vesk = Forwarder(binary, "udpv2")
+    stack.callback(vesk.end)
     return ControllingService(vesk, name)
 
 
@@ -155,14 +153,14 @@ def listen(service: ControllingService) -> Address:
     return "127.0.0.1", port
 
 
-def show_forwarding(stack: ExitStack, traffic: str) -> bool:
+def show_forwarding(stack: ExitStack, binary: str, traffic: str) -> bool:
     upstream_port = free_port()
     flows = [Flow(traffic, 1001, "sha256", 1, upstream_port),
              Flow(traffic, 1002, "none", 2, upstream_port)]
 
     print("peer  <-->  forwarder  <-->  upstream echo service      (all on 127.0.0.1)")
     title("1. The forwarder starts. The controlling service types (<) and reads the log (>):")
-    service = start(stack, "vesk")
+    service = start(stack, binary, "vesk")
     to = listen(service)
     for flow in flows:
         service.type(flow.set_command())
@@ -179,32 +177,23 @@ def show_forwarding(stack: ExitStack, traffic: str) -> bool:
     return print_table(results)
 
 
-def print_report(service: ControllingService) -> None:
-    """Types "stats" and prints the whole report."""
-    print(f"  {service.name} < stats")
-    for line in service.vesk.lines_after("stats"):
-        if line:
-            print(f"  {service.name} > {line}")
-    service.skip_log()
-
-
-def show_lateral(stack: ExitStack, traffic: str) -> bool:
+def show_lateral(stack: ExitStack, binary: str, traffic: str) -> bool:
     # The upper 16 bits of a label name its owner: an even number the first instance,
     # an odd one the second, as there are two.
     upstream_port = free_port()
     flows = [Flow(traffic, 0x00020001, "sha256", 1, upstream_port),
              Flow(traffic, 0x00030001, "sha256", 2, upstream_port)]
-    hosts = {0: LOOPBACK[0], 1: LOOPBACK[1]}
+    hosts = ["127.0.0.1", "127.0.0.2"]
 
     print("peer  <-->  instance A  <-->  upstream echo service    (all on 127.0.0.0/8)\n"
           "               |  ^\n"
           "               v  |            a datagram that reaches the wrong instance is handed\n"
           "peer  <-->  instance B         over to the owner of its label, and its reply is returned")
     title("1. Two instances start, each with one flow of its own, and are connected:")
-    lateral_port = shared_free_port(list(hosts.values()))
+    lateral_port = free_port(hosts)
     services, listeners = [], []
     for index, name in enumerate("AB"):
-        service = start(stack, name)
+        service = start(stack, binary, name)
         listeners.append(listen(service))
         service.type(flows[index].set_command())
         service.type(f"add_lateral_peer idx {1 - index} addr {hosts[1 - index]}")
@@ -220,7 +209,7 @@ def show_lateral(stack: ExitStack, traffic: str) -> bool:
 
     title("3. Both instances report their counters:")
     for service in services:
-        print_report(service)
+        service.report()
 
     title("4. The controlling service closes both inputs:")
     for service in services:
@@ -236,10 +225,9 @@ def main() -> int:
     parser.add_argument("--traffic", required=True, help="path of the traffic generator")
     parser.add_argument("--lateral", action="store_true", help="demonstrate two connected instances")
     arguments = parser.parse_args()
-    os.environ["VESK_BINARY"] = os.path.abspath(arguments.binary)
     with ExitStack() as stack:
         show = show_lateral if arguments.lateral else show_forwarding
-        flawless = show(stack, os.path.abspath(arguments.traffic))
+        flawless = show(stack, os.path.abspath(arguments.binary), os.path.abspath(arguments.traffic))
     print("\nEvery datagram was answered, with a correct signature and label." if flawless
           else "\nDatagrams were lost or wrong; see the table.")
     return 0 if flawless else 1

@@ -54,7 +54,7 @@ def company(condition: Condition, seconds: float):
 
 
 def run_traffic(build: Path, plan: Plan, scenario: Scenario, arguments: list) -> dict:
-    command = [str(build / "bench/vesk-traffic"), "--json", "--allow-loss", "--spin",
+    command = [str(build / "vesk-traffic"), "--json", "--allow-loss", "--spin",
                "--warm-up", str(plan.warm_up), "--duration", str(plan.duration),
                "--payload", str(scenario.payload), "--flows", str(scenario.flows)]
     if scenario.rate:

@@ -5,9 +5,9 @@
 #include <cstdint>
 #include <numeric>
 
-#include "datapath/authentication.h"
-#include "datapath/framing.h"
-#include "datapath/wire_layout.h"
+#include "datapath/wire/authentication.h"
+#include "datapath/wire/framing.h"
+#include "datapath/wire/layout.h"
 #include "flow/hmac_info.h"
 
 namespace vesk::bench {

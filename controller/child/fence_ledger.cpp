@@ -1,7 +1,6 @@
 #include "child/fence_ledger.h"
 
 #include <algorithm>
-#include <array>
 #include <map>
 #include <string_view>
 #include <utility>

@@ -1,7 +1,6 @@
 #include "config/configuration_reader.h"
 
 #include <algorithm>
-#include <limits>
 #include <string>
 #include <utility>
 

@@ -3,7 +3,6 @@
 #pragma once
 
 #include <bitset>
-#include <cstdint>
 #include <optional>
 #include <string_view>
 

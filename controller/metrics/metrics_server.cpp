@@ -4,7 +4,6 @@
 
 #include <chrono>
 #include <stdexcept>
-#include <utility>
 
 #include "metrics/listening_socket.h"
 #include "metrics/readiness.h"

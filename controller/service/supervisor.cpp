@@ -7,7 +7,6 @@
 #include <cerrno>
 #include <csignal>
 #include <cstring>
-#include <initializer_list>
 #include <system_error>
 #include <utility>
 

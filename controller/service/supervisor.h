@@ -3,7 +3,6 @@
 #pragma once
 
 #include <chrono>
-#include <map>
 #include <memory>
 #include <optional>
 #include <string>
@@ -15,10 +14,10 @@
 #include "config/problem.h"
 #include "kernel/kernel_watch.h"
 #include "metrics/metrics_server.h"
-#include "options.h"
 #include "service/deployment.h"
 #include "service/forwarder_ending.h"
 #include "service/log_output.h"
+#include "service/options.h"
 #include "service/report_clock.h"
 #include "service/service_notification.h"
 #include "service/signal_source.h"

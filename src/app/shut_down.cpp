@@ -5,7 +5,7 @@
 #include <algorithm>
 #include <cstdio>
 
-#include "app/forwarder_context.h"
+#include "context/forwarder_context.h"
 #include "control/forwarder_commands.h"
 #include "poll/poll_channel.h"
 #include "tasks/periodic_task.h"

@@ -6,13 +6,12 @@
 #include <utility>
 #include <vector>
 
-#include "app/forwarder_context.h"
 #include "app/shut_down.h"
+#include "context/forwarder_context.h"
 #include "datapath/upstream.h"
 #include "log/error_text.h"
 #include "log/log.h"
-#include "net/endpoint_manager.h"
-#include "net/endpoint_release.h"
+#include "net/lifecycle/endpoint_release.h"
 #include "poll/poll_loop.h"
 #include "poll/receive_worker.h"
 #include "tasks/flow_cleanup.h"

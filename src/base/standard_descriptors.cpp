@@ -3,7 +3,7 @@
 #include <fcntl.h>
 #include <unistd.h>
 
-#include <initializer_list>
+#include <array>
 
 namespace vesk {
 
@@ -20,7 +20,7 @@ int openMode(int fd, ClosedStream closed) {
 }  // namespace
 
 void occupyStandardDescriptors(ClosedStream closed) {
-    for (const int fd : {STDIN_FILENO, STDOUT_FILENO, STDERR_FILENO}) {
+    for (const int fd : std::array{STDIN_FILENO, STDOUT_FILENO, STDERR_FILENO}) {
         if (fcntl(fd, F_GETFD) == -1) {
             // It gets the lowest free number, which is this one, and keeps it while the process
             // lives.

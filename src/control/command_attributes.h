@@ -8,7 +8,7 @@
 #include <string>
 #include <string_view>
 
-#include "control/command_line.h"
+#include "base/command_line.h"
 
 namespace vesk {
 

@@ -4,7 +4,7 @@
 
 #include "control/forwarder_commands.h"
 #include "control/lateral_commands.h"
-#include "flow/label_commands.h"
+#include "flow/commands/label_commands.h"
 #include "log/log.h"
 #include "stats/stats_report.h"
 

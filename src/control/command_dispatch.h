@@ -5,7 +5,7 @@
 #include <memory>
 #include <string_view>
 
-#include "control/command_line.h"
+#include "base/command_line.h"
 
 namespace vesk {
 

@@ -8,7 +8,7 @@
 #include <array>
 #include <cstdlib>
 
-#include "datapath/authentication.h"
+#include "datapath/wire/authentication.h"
 #include "flow/hmac_info.h"
 #include "log/log.h"
 

@@ -5,7 +5,7 @@
 #include <stdexcept>
 #include <utility>
 
-#include "app/forwarder_context.h"
+#include "context/forwarder_context.h"
 #include "control/command_attributes.h"
 #include "control/listening_endpoint.h"
 #include "datapath/downstream.h"

@@ -7,13 +7,12 @@
 #include <optional>
 #include <stdexcept>
 
-#include "app/forwarder_context.h"
 #include "base/sync.h"
 #include "base/thread_control.h"
+#include "context/forwarder_context.h"
 #include "control/command_attributes.h"
 #include "control/listening_endpoint.h"
 #include "datapath/lateral.h"
-#include "flow/secret_bytes.h"
 #include "log/error_text.h"
 #include "log/log.h"
 #include "net/endpoint_sockets.h"

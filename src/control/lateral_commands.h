@@ -4,7 +4,7 @@
 
 #include <memory>
 
-#include "control/command_line.h"
+#include "base/command_line.h"
 
 namespace vesk {
 

@@ -1,6 +1,6 @@
 #include "control/listening_endpoint.h"
 
-#include "app/forwarder_context.h"
+#include "context/forwarder_context.h"
 #include "net/endpoint_manager.h"
 
 namespace vesk {

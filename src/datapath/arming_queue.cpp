@@ -7,10 +7,10 @@
 #include <cerrno>
 #include <utility>
 
-#include "app/forwarder_context.h"
+#include "context/forwarder_context.h"
 #include "log/log.h"
-#include "net/endpoint_lifecycle.h"
 #include "net/endpoint_manager.h"
+#include "net/lifecycle/endpoint_lifecycle.h"
 #include "poll/poll_channel.h"
 
 namespace vesk {

@@ -10,6 +10,7 @@
 #include <span>
 #include <string_view>
 
+#include "base/socket_address.h"
 #include "net/endpoint.h"
 #include "net/local_address.h"
 

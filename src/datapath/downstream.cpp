@@ -2,16 +2,16 @@
 
 #include <span>
 
-#include "app/forwarder_context.h"
-#include "datapath/authentication.h"
+#include "context/forwarder_context.h"
 #include "datapath/datagram_io.h"
 #include "datapath/flow_endpoint.h"
-#include "datapath/framing.h"
 #include "datapath/lateral_handover.h"
 #include "datapath/send_outcome.h"
+#include "datapath/wire/authentication.h"
+#include "datapath/wire/framing.h"
 #include "log/log.h"
-#include "net/endpoint_lifecycle.h"
 #include "net/endpoint_manager.h"
+#include "net/lifecycle/endpoint_lifecycle.h"
 
 namespace vesk {
 

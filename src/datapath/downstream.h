@@ -6,6 +6,7 @@
 
 #include "datapath/received_datagram.h"
 #include "net/endpoint.h"
+#include "net/local_address.h"
 
 namespace vesk {
 

@@ -6,10 +6,10 @@
 #include <ios>
 #include <utility>
 
-#include "app/forwarder_context.h"
+#include "context/forwarder_context.h"
 #include "log/log.h"
-#include "net/endpoint_lifecycle.h"
 #include "net/endpoint_manager.h"
+#include "net/lifecycle/endpoint_lifecycle.h"
 #include "net/socket_options.h"
 #include "net/upstream_binding.h"
 #include "poll/poll_channel.h"

@@ -4,12 +4,12 @@
 
 #include <span>
 
-#include "app/forwarder_context.h"
+#include "context/forwarder_context.h"
 #include "datapath/datagram_io.h"
 #include "datapath/downstream.h"
-#include "datapath/framing.h"
-#include "datapath/lateral_header.h"
 #include "datapath/send_outcome.h"
+#include "datapath/wire/framing.h"
+#include "datapath/wire/lateral_header.h"
 
 namespace vesk {
 

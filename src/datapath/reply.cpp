@@ -2,12 +2,12 @@
 
 #include <sys/socket.h>
 
-#include "app/forwarder_context.h"
-#include "datapath/authentication.h"
+#include "context/forwarder_context.h"
 #include "datapath/datagram_io.h"
-#include "datapath/lateral_header.h"
 #include "datapath/send_outcome.h"
-#include "net/endpoint_lifecycle.h"
+#include "datapath/wire/authentication.h"
+#include "datapath/wire/lateral_header.h"
+#include "net/lifecycle/endpoint_lifecycle.h"
 
 namespace vesk {
 

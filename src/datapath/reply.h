@@ -4,7 +4,7 @@
 
 #include <cstddef>
 
-#include "datapath/framing.h"
+#include "datapath/wire/framing.h"
 #include "net/endpoint.h"
 #include "net/kept_endpoints.h"
 #include "net/local_address.h"

@@ -3,12 +3,12 @@
 #include <cerrno>
 #include <utility>
 
-#include "app/forwarder_context.h"
-#include "datapath/framing.h"
+#include "context/forwarder_context.h"
 #include "datapath/reply.h"
 #include "datapath/serving_claim.h"
+#include "datapath/wire/framing.h"
 #include "log/log.h"
-#include "net/endpoint_lifecycle.h"
+#include "net/lifecycle/endpoint_lifecycle.h"
 
 namespace vesk {
 

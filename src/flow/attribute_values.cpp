@@ -6,8 +6,8 @@
 #include <stdexcept>
 
 #include "base/parse_number.h"
+#include "base/secret_bytes.h"
 #include "flow/flow_desc.h"
-#include "flow/secret_bytes.h"
 #include "log/log.h"
 
 namespace vesk {

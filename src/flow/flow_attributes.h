@@ -8,7 +8,7 @@
 #include <string_view>
 #include <variant>
 
-#include "control/command_line.h"
+#include "base/command_line.h"
 #include "flow/flow_desc.h"
 
 namespace vesk {

@@ -1,18 +1,8 @@
 #include "net/endpoint.h"
 
-#include <algorithm>
 #include <utility>
 
 namespace vesk {
-
-ReturnPath::ReturnPath(std::span<const std::uint8_t> bytes)
-    : size_(static_cast<std::uint8_t>(bytes.size())) {
-    std::copy(bytes.begin(), bytes.end(), bytes_.begin());
-}
-
-bool operator==(const ReturnPath& left, const ReturnPath& right) {
-    return std::ranges::equal(left.bytes(), right.bytes());
-}
 
 VeskEndpointDescriptor::VeskEndpointDescriptor(std::uint32_t flowLabel, int readSocket,
                                                int writeSocket, const FlowDesc& flowDesc,

@@ -11,41 +11,18 @@
 #include <cstdint>
 #include <functional>
 #include <memory>
-#include <span>
 
 #include "base/counter.h"
+#include "base/socket_address.h"
 #include "base/sync.h"
+#include "datapath/wire/layout.h"
 #include "flow/flow_desc.h"
 #include "net/local_address.h"
 
 namespace vesk {
 
-/// No datagram is larger, headers of every kind included.
-inline constexpr std::size_t maxDatagramSize = 2048;
-
 /// Called once with the read and the write socket when the last holder lets go.
 using EndpointDeleter = std::function<void(int rdsockfd, int wrsockfd)>;
-
-/// What came with a datagram over the lateral stream and goes back with its reply: the length byte,
-/// the peer's address and the lateral HMAC, as they were received. Empty for a datagram that came
-/// straight from a peer. In place, since one is made for each lateral datagram.
-class ReturnPath {
- public:
-    static constexpr std::size_t capacity = 1 + 28 + 16;
-
-    ReturnPath() = default;
-    /// At most `capacity` bytes.
-    explicit ReturnPath(std::span<const std::uint8_t> bytes);
-
-    std::span<const std::uint8_t> bytes() const { return std::span(bytes_).first(size_); }
-    bool empty() const { return size_ == 0; }
-
-    friend bool operator==(const ReturnPath& left, const ReturnPath& right);
-
- private:
-    std::array<std::uint8_t, capacity> bytes_{};
-    std::uint8_t size_ = 0;
-};
 
 /// Where replies of a flow go. The three belong to one datagram: they are read and replaced
 /// together, so that no reply goes to half of one sender and half of another.

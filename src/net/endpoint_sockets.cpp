@@ -7,6 +7,7 @@
 #include <cerrno>
 #include <utility>
 
+#include "base/nonblocking.h"
 #include "log/error_text.h"
 #include "log/log.h"
 #include "net/socket_options.h"

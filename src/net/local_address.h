@@ -4,7 +4,7 @@
 
 #include <cstdint>
 
-#include "flow/ip_addr_info.h"
+#include "base/socket_address.h"
 
 namespace vesk {
 

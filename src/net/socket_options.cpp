@@ -1,6 +1,5 @@
 #include "net/socket_options.h"
 
-#include <fcntl.h>
 #include <netinet/in.h>
 #include <sys/socket.h>
 
@@ -90,17 +89,6 @@ int setReusePort(int fd) {
         logError("Failed to set reuse port option on socket: ", errorText(-result));
     }
     return result;
-}
-
-int setNonBlocking(int fd) {
-    const int flags = fcntl(fd, F_GETFL);
-    if (flags == -1) {
-        return -errno;
-    }
-    if ((flags & O_NONBLOCK) != 0) {
-        return 0;
-    }
-    return fcntl(fd, F_SETFL, flags | O_NONBLOCK) == -1 ? -errno : 0;
 }
 
 }  // namespace vesk

@@ -19,7 +19,4 @@ int Vesk_requestLocalDestAddr(int fd, int family);
 /// SO_REUSEPORT. 0 or -errno.
 int setReusePort(int fd);
 
-/// O_NONBLOCK. 0 or -errno.
-int setNonBlocking(int fd);
-
 }  // namespace vesk

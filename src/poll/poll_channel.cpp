@@ -11,9 +11,9 @@
 #include <cstring>
 #include <string_view>
 
+#include "base/nonblocking.h"
 #include "log/error_text.h"
 #include "log/log.h"
-#include "net/socket_options.h"
 
 namespace vesk {
 

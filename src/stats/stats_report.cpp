@@ -5,7 +5,7 @@
 #include <string>
 #include <vector>
 
-#include "app/forwarder_context.h"
+#include "context/forwarder_context.h"
 #include "log/log.h"
 #include "net/endpoint_manager.h"
 

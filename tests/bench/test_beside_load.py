@@ -34,7 +34,7 @@ class Given:
     def __init__(self, folder: Path) -> None:
         self._folder = folder
         (folder / "bench").mkdir()
-        shutil.copy(Path(__file__).parent / "given_traffic.py", folder / "bench/vesk-traffic")
+        shutil.copy(Path(__file__).parent / "given_traffic.py", folder / "vesk-traffic")
         for program in ("vesk", "bench/bare-loop", "bench/batched-loop"):
             (folder / program).touch()
 

@@ -1,10 +1,8 @@
 // From a line to words and attributes; the input is the line.
 #include <array>
 #include <string>
-#include <utility>
-#include <vector>
 
-#include "control/command_line.h"
+#include "base/command_line.h"
 #include "support/require.h"
 
 namespace vesk::fuzz {

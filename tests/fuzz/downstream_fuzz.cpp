@@ -4,8 +4,6 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <array>
-#include <optional>
 #include <set>
 
 #include "net/endpoint_manager.h"

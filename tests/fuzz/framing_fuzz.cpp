@@ -2,8 +2,9 @@
 #include <algorithm>
 #include <array>
 
-#include "datapath/authentication.h"
-#include "datapath/framing.h"
+#include "datapath/wire/authentication.h"
+#include "datapath/wire/framing.h"
+#include "flow/hmac_info.h"
 #include "support/byte_reader.h"
 #include "support/keys.h"
 #include "support/require.h"

@@ -6,7 +6,8 @@
 #include <array>
 #include <cstring>
 
-#include "datapath/lateral_header.h"
+#include "datapath/wire/lateral_header.h"
+#include "flow/hmac_info.h"
 #include "support/byte_reader.h"
 #include "support/keys.h"
 #include "support/require.h"

@@ -7,9 +7,9 @@
 #include <string>
 #include <string_view>
 
-#include "app/forwarder_context.h"
-#include "control/command_line.h"
-#include "flow/label_commands.h"
+#include "base/command_line.h"
+#include "context/forwarder_context.h"
+#include "flow/commands/label_commands.h"
 #include "net/endpoint_manager.h"
 #include "net/endpoint_sockets.h"
 #include "support/require.h"

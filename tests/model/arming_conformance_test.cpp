@@ -7,6 +7,7 @@
 
 #include "arming_walks.h"
 #include "datapath/datapath_fixture.h"
+#include "datapath/downstream.h"
 #include "real_arming.h"
 #include "support/printed.h"
 

@@ -1,7 +1,6 @@
 #include "arming_walks.h"
 
 #include <algorithm>
-#include <string_view>
 #include <type_traits>
 #include <unordered_map>
 

@@ -2,9 +2,8 @@
 
 #include <cerrno>
 
-#include "app/forwarder_context.h"
+#include "context/forwarder_context.h"
 #include "log/log.h"
-#include "net/endpoint_manager.h"
 #include "poll/poll_loop.h"
 
 namespace vesk::model {

@@ -7,14 +7,12 @@
 #include <array>
 #include <deque>
 #include <memory>
-#include <optional>
 #include <string>
 #include <vector>
 
 #include "actor.h"
 #include "arming_operations.h"
 #include "datapath/upstream.h"
-#include "flow/ip_addr_info.h"
 #include "net/endpoint.h"
 #include "poll/poll_param.h"
 

@@ -6,7 +6,7 @@
 #include <fstream>
 #include <initializer_list>
 
-#include "app/forwarder_context.h"
+#include "context/forwarder_context.h"
 #include "net/endpoint_manager.h"
 #include "real_arming.h"
 #include "support/descriptors.h"

@@ -12,7 +12,7 @@ import pytest
 
 ROOT = Path(__file__).resolve().parent.parent.parent
 BUILD = Path(os.environ["VESK_BUILD"]).resolve()
-TRAFFIC = BUILD / "bench" / "vesk-traffic"
+TRAFFIC = BUILD / "vesk-traffic"
 DEADLINE_SECONDS = 120
 
 FLAWLESS = "Every datagram was answered, with a correct signature and label."

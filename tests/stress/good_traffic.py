@@ -14,7 +14,7 @@ from framework.vesk_process import VeskProcess, binary
 
 
 def traffic_program() -> str:
-    beside = Path(binary()).parent / "bench" / "vesk-traffic"
+    beside = Path(binary()).parent / "vesk-traffic"
     return os.environ.get("VESK_TRAFFIC", str(beside))
 
 

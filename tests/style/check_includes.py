@@ -1,65 +1,53 @@
-"""Fails on an #include that points upwards: each file of the source stands on a floor and uses only
-its own floor and those below. Also on a header that includes the context, which would let every
-thread's state into every file.
+"""Fails where a file includes, imports or loads what cmake/dependencies.ini does not allow its unit,
+where that table allows a pair that no file needs, and where a header includes the context, which would
+let every thread's state into every file.
 
-Usage: check_includes.py SOURCE-DIRECTORY
+Usage: check_includes.py ROOT
 """
 
-import re
+from __future__ import annotations
+
 import sys
 from pathlib import Path
+from typing import List, Set, Tuple
 
-# The floors, lowest first; a file belongs to the first floor that names it or its beginning.
-FLOORS = [
-    ["log/"],
-    ["base/"],
-    ["control/command_line"],
-    ["net/socket_options"],
-    ["flow/secret_bytes", "flow/ip_addr_info", "flow/hmac_info", "flow/flow_desc",
-     "flow/attribute_values", "flow/flow_attributes"],
-    ["poll/"],
-    ["net/local_address", "net/endpoint.", "net/endpoint_slot", "net/endpoint_sockets",
-     "net/endpoint_tables", "net/kept_endpoints",
-     "net/flow_records", "net/released_ports", "net/endpoint_registry", "net/endpoint_manager"],
-    ["datapath/wire_layout", "datapath/framing", "datapath/authentication",
-     "datapath/lateral_header", "datapath/datagram_io"],
-    ["tasks/"],
-    ["app/lateral_stream", "app/forwarder_context"],
-    ["net/endpoint_lifecycle", "net/endpoint_release", "net/upstream_binding"],
-    ["datapath/"],
-    ["flow/label_commands"],
-    ["stats/"],
-    ["control/"],
-    ["app/"],
-]
-CONTEXT = "app/forwarder_context.h"
-INCLUDE = re.compile(r'^\s*#include\s+"([^"]+)"', re.MULTILINE)
+from dependency_table import TABLE, Table
+from source_files import Uses, source_files
+
+CONTEXT = "src/context/forwarder_context.h"
 
 
-def floor_of(path: str) -> int:
-    for number, names in enumerate(FLOORS):
-        if any(path.startswith(name) for name in names):
-            return number
-    raise SystemExit(f"{path} stands on no floor; add it to {Path(__file__).name}")
+def faults_of(root: Path) -> Tuple[List[str], int]:
+    table, files = Table(root), source_files(root)
+    faults, used = table.faults(root), set()
+    uses = Uses(root, files)
+    for path in files:
+        unit = table.unit_of(path)
+        for name, target in uses.of(path).items():
+            if target is None:
+                faults.append(f"{path} includes {name}, which does not exist")
+                continue
+            other = table.unit_of(target)
+            if other is unit:
+                continue
+            used.add((unit.name, other.name))
+            if other.name not in unit.uses:
+                faults.append(f"{path} includes {target}: {unit.name} may not use {other.name}")
+            if target == CONTEXT and path.startswith("src/") and path.endswith(".h"):
+                faults.append(f"{path} is a header and includes the context")
+    return faults + unneeded(table, used), len(files)
 
 
-def faults_of(path: str, text: str) -> list[str]:
-    faults = []
-    for included in INCLUDE.findall(text):
-        if floor_of(included) > floor_of(path):
-            faults.append(f"{path} includes {included}, which stands above it")
-        if included == CONTEXT and path.endswith(".h"):
-            faults.append(f"{path} is a header and includes the context")
-    return faults
+def unneeded(table: Table, used: Set[Tuple[str, str]]) -> List[str]:
+    return [f"{TABLE}: {unit.name} may use {name}, but no file of it does"
+            for unit in table.units.values() for name in unit.uses
+            if (unit.name, name) not in used]
 
 
 def main() -> int:
-    root = Path(sys.argv[1])
-    files = sorted(p for p in root.rglob("*") if p.suffix in (".h", ".cpp"))
-    faults = [fault for p in files
-              for fault in faults_of(p.relative_to(root).as_posix(), p.read_text())]
-    print("\n".join(faults) or f"{len(files)} files, every include points downwards")
-    return 1 if faults or not files else 0
+    faults, count = faults_of(Path(sys.argv[1]))
+    print("\n".join(faults) or f"{count} files, every include is allowed")
+    return 1 if faults or not count else 0
 
 
 if __name__ == "__main__":

@@ -9,7 +9,6 @@
 #include <sstream>
 #include <string>
 #include <string_view>
-#include <vector>
 
 #include "commands/command_lines.h"
 #include "config/configuration_reader.h"

@@ -6,8 +6,6 @@
 #include <cstdint>
 #include <span>
 
-#include "support/bytes.h"
-
 namespace vesk::fuzz {
 
 using View = std::span<const std::uint8_t>;

@@ -9,9 +9,10 @@
 #include <map>
 #include <string>
 
-#include "control/command_line.h"
+#include "base/command_line.h"
 #include "datapath/datagram_io.h"
-#include "flow/label_commands.h"
+#include "datapath/downstream.h"
+#include "flow/commands/label_commands.h"
 #include "net/endpoint_sockets.h"
 #include "net/socket_options.h"
 #include "poll/poll_channel.h"

@@ -5,9 +5,9 @@
 #include <memory>
 #include <vector>
 
-#include "app/forwarder_context.h"
+#include "base/socket_address.h"
 #include "base/unique_fd.h"
-#include "datapath/downstream.h"
+#include "context/forwarder_context.h"
 #include "datapath/upstream.h"
 #include "support/byte_reader.h"
 #include "support/keys.h"

@@ -2,7 +2,6 @@
 
 #include "app/forwarder_process.h"
 
-#include <fcntl.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <unistd.h>
@@ -14,7 +13,7 @@
 #include <thread>
 #include <vector>
 
-#include "app/forwarder_context.h"
+#include "context/forwarder_context.h"
 #include "support/child_process.h"
 #include "support/descriptors.h"
 #include "support/thread_state.h"

@@ -1,7 +1,6 @@
 #include "base/undumped_pages.h"
 
 #include <gtest/gtest.h>
-#include <sys/resource.h>
 
 #include <cstdint>
 #include <cstring>

@@ -12,7 +12,6 @@
 
 #include "control/control_fixture.h"
 #include "support/child_process.h"
-#include "support/printed.h"
 #include "support/thread_state.h"
 #include "support/udp_socket.h"
 

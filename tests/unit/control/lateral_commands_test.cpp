@@ -14,7 +14,6 @@
 
 #include "control/control_fixture.h"
 #include "support/framed.h"
-#include "support/printed.h"
 #include "support/thread_state.h"
 #include "support/udp_socket.h"
 

@@ -1,6 +1,5 @@
 #include "datapath/datagram_io.h"
 
-#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <netinet/in.h>
 #include <sys/socket.h>
@@ -8,14 +7,11 @@
 #include <cerrno>
 #include <cstring>
 #include <memory>
-#include <string>
 
+#include "base/nonblocking.h"
 #include "base/thread_control.h"
 #include "datapath/control_data.h"
-#include "net/endpoint_sockets.h"
 #include "net/socket_options.h"
-#include "support/framed.h"
-#include "support/printed.h"
 #include "support/thread_state.h"
 #include "support/udp_socket.h"
 

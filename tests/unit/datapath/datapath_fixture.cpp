@@ -3,7 +3,8 @@
 #include <algorithm>
 #include <ostream>
 
-#include "datapath/wire_layout.h"
+#include "datapath/downstream.h"
+#include "datapath/wire/layout.h"
 #include "support/printed.h"
 
 namespace vesk {

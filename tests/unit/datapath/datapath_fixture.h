@@ -2,13 +2,10 @@
 // loopback.
 #pragma once
 
-#include <gtest/gtest.h>
-
 #include <cstdint>
 #include <iosfwd>
 #include <string>
 
-#include "datapath/downstream.h"
 #include "support/bytes.h"
 #include "support/forwarder.h"
 #include "support/framed.h"

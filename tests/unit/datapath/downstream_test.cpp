@@ -1,4 +1,3 @@
-#include "datapath/downstream.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>

@@ -9,7 +9,6 @@
 
 #include "datapath/control_data.h"
 #include "datapath/datagram_io.h"
-#include "support/framed.h"
 #include "support/udp_socket.h"
 
 namespace vesk {

@@ -3,8 +3,6 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include <string>
-
 #include "base/thread_control.h"
 #include "datapath/datapath_fixture.h"
 #include "datapath/downstream.h"

@@ -1,7 +1,6 @@
 #include "datapath/send_outcome.h"
 
 #include <gtest/gtest.h>
-#include <netinet/in.h>
 #include <sys/socket.h>
 
 #include <array>

@@ -6,7 +6,6 @@
 #include <sys/mman.h>
 #include <unistd.h>
 
-#include <optional>
 #include <string>
 #include <thread>
 #include <vector>

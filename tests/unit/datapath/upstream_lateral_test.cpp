@@ -1,17 +1,13 @@
-#include <gmock/gmock.h>
 #include <gtest/gtest.h>
-
-#include <algorithm>
 
 #include "datapath/datapath_fixture.h"
 #include "datapath/upstream.h"
-#include "support/printed.h"
 
 namespace vesk {
 namespace {
 
 const Bytes answerPayload = toBytes("reply");
-constexpr std::uint32_t label = 5;
+constexpr std::uint32_t replyLabel = 5;
 
 /// A flow whose last datagram came over the lateral stream, from the instance at `peer`.
 class LateralReplyTest : public DatapathTest {
@@ -19,10 +15,10 @@ class LateralReplyTest : public DatapathTest {
     void SetUp() override {
         DatapathTest::SetUp();
         startLateral(0, 1);
-        declareFlow(label);
-        arriveLaterally(framed(label, toBytes("request")), ReturnPath(kept));
+        declareFlow(replyLabel);
+        arriveLaterally(framed(replyLabel, toBytes("request")), ReturnPath(kept));
         ASSERT_TRUE(upstream.receive().has_value());
-        flow = manager().findEndpointByLabel(label);
+        flow = manager().findEndpointByLabel(replyLabel);
         ASSERT_NE(flow, nullptr);
     }
     void TearDown() override {
@@ -44,7 +40,7 @@ class LateralReplyTest : public DatapathTest {
 };
 
 TEST_F(LateralReplyTest, GoesBackTheWayTheRequestCame) {
-    answer(framed(label, answerPayload));
+    answer(framed(replyLabel, answerPayload));
     EXPECT_EQ(peer.receive(), join({Bytes{2}, kept, framed(0x2222, answerPayload)}));
     EXPECT_EQ(peer.sender(), lateralSocket.address());
     EXPECT_EQ(countsOf(*flow), (Counts{.rxDg = 1, .txDg = 1, .dnTxDg = 1}));
@@ -52,37 +48,37 @@ TEST_F(LateralReplyTest, GoesBackTheWayTheRequestCame) {
 }
 
 TEST_F(LateralReplyTest, IsDroppedWhereItsHeaderDoesNotFit) {
-    answer(framed(label, Bytes(2048 - 34 - 20 + 1, 1)));
+    answer(framed(replyLabel, Bytes(2048 - 34 - 20 + 1, 1)));
     EXPECT_TRUE(peer.empty());
     EXPECT_EQ(countsOf(*lateral), (Counts{.txDgDropped = 1}));
     EXPECT_EQ(countsOf(*flow), (Counts{.rxDg = 1, .txDg = 1}));
-    answer(framed(label, Bytes(2048 - 34 - 20, 1)));
+    answer(framed(replyLabel, Bytes(2048 - 34 - 20, 1)));
     EXPECT_EQ(peer.receive()->size(), 2048U);
 }
 
 TEST_F(LateralReplyTest, GoesDirectlyAfterADirectRequest) {
-    arrive(framed(label, toBytes("request")));
-    answer(framed(label, answerPayload));
+    arrive(framed(replyLabel, toBytes("request")));
+    answer(framed(replyLabel, answerPayload));
     EXPECT_EQ(peer.receive(), framed(0x2222, answerPayload));
     EXPECT_EQ(peer.sender(), downstreamSocket.address());
 }
 
 TEST_F(LateralReplyTest, GoesDirectlyWhileTheStreamDoesNotRun) {
     context->lateral.running = false;
-    answer(framed(label, answerPayload));
+    answer(framed(replyLabel, answerPayload));
     EXPECT_EQ(peer.receive(), framed(0x2222, answerPayload));
     EXPECT_EQ(peer.sender(), downstreamSocket.address());
 }
 
 TEST_F(LateralReplyTest, NeedsNoDownstreamEndpoint) {
     context->downstreamEndpoint.withdraw();
-    answer(framed(label, answerPayload));
+    answer(framed(replyLabel, answerPayload));
     EXPECT_TRUE(peer.receive().has_value());
 }
 
 TEST_F(LateralReplyTest, IsDroppedWithoutALateralEndpoint) {
     context->lateralEndpoint.withdraw();
-    answer(framed(label, answerPayload));
+    answer(framed(replyLabel, answerPayload));
     EXPECT_EQ(countsOf(*flow), (Counts{.rxDg = 1, .txDg = 1, .dnTxDgDropped = 1}));
 }
 

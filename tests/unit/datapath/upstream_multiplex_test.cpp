@@ -1,7 +1,6 @@
 // Replies on the socket of a multiplexed flow, where those of any flow may arrive.
 #include <gtest/gtest.h>
 
-#include "datapath/upstream.h"
 #include "datapath/upstream_fixture.h"
 
 namespace vesk {

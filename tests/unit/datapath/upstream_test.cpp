@@ -1,7 +1,6 @@
 #include "datapath/upstream.h"
 
 #include <fcntl.h>
-#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include <string>

@@ -1,6 +1,4 @@
 // The values of each kind of attribute, parsed through the table that names their members.
-#include "flow/attribute_values.h"
-
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <openssl/evp.h>

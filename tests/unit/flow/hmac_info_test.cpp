@@ -9,7 +9,7 @@
 #include <sstream>
 #include <string>
 
-#include "datapath/authentication.h"
+#include "datapath/wire/authentication.h"
 #include "support/bytes.h"
 
 namespace vesk {

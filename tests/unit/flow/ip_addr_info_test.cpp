@@ -1,15 +1,15 @@
 #include "flow/ip_addr_info.h"
 
-#include <arpa/inet.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <netdb.h>
 
 #include <algorithm>
 #include <cstring>
-#include <limits>
 #include <stdexcept>
 #include <string>
+
+#include "support/socket_addresses.h"
 
 namespace vesk {
 namespace {
@@ -19,22 +19,6 @@ using testing::ThrowsMessage;
 
 /// A text that the resolver refuses by itself, without asking anybody on the network.
 constexpr const char* unresolvableHost = "fe80::1::2";
-
-SocketAddress ipv4(const char* host, std::uint16_t port) {
-    sockaddr_in address{};
-    address.sin_family = AF_INET;
-    address.sin_port = htons(port);
-    EXPECT_EQ(inet_pton(AF_INET, host, &address.sin_addr), 1);
-    return {reinterpret_cast<const sockaddr*>(&address), sizeof(address)};
-}
-
-SocketAddress ipv6(const char* host, std::uint16_t port) {
-    sockaddr_in6 address{};
-    address.sin6_family = AF_INET6;
-    address.sin6_port = htons(port);
-    EXPECT_EQ(inet_pton(AF_INET6, host, &address.sin6_addr), 1);
-    return {reinterpret_cast<const sockaddr*>(&address), sizeof(address)};
-}
 
 void expectUnresolved(const IPAddrInfo& info, const std::string& host, std::uint16_t port) {
     EXPECT_EQ(info.host(), host);
@@ -158,32 +142,6 @@ TEST(IPAddrInfoTest, IsCopiedWithEveryField) {
     }
 }
 
-TEST(SocketAddressTest, IsEmptyByDefault) {
-    const SocketAddress empty;
-    EXPECT_EQ(empty.length, 0U);
-    EXPECT_TRUE(empty.bytes().empty());
-    EXPECT_EQ(empty, SocketAddress());
-}
-
-TEST(SocketAddressTest, DiffersInBytesAndInLength) {
-    const SocketAddress address = ipv4("127.0.0.1", 1);
-    SocketAddress shorter = address;
-    shorter.length = 8;
-    EXPECT_EQ(address, ipv4("127.0.0.1", 1));
-    EXPECT_FALSE(address == ipv4("127.0.0.1", 2));
-    EXPECT_FALSE(address == ipv4("127.0.0.2", 1));
-    EXPECT_FALSE(address == shorter);
-    EXPECT_FALSE(address == SocketAddress());
-}
-
-TEST(SocketAddressTest, GivesTheBytesAsTheKernelHasThem) {
-    const SocketAddress address = ipv4("1.2.3.4", 0x0506);
-    const auto bytes = address.bytes();
-    ASSERT_EQ(bytes.size(), 16U);
-    const std::vector<std::uint8_t> portAndAddress(bytes.begin() + 2, bytes.begin() + 8);
-    EXPECT_THAT(portAndAddress, testing::ElementsAre(5, 6, 1, 2, 3, 4));
-}
-
 TEST(MergeAddressesTest, TakesAWholeNewAddress) {
     const IPAddrInfo merged =
         mergeAddresses(IPAddrInfo("127.0.0.2", 2), IPAddrInfo("127.0.0.1", 1));
@@ -238,22 +196,6 @@ TEST(FamilyOfAddressTextTest, LooksForAColon) {
     EXPECT_EQ(familyOfAddressText("127.0.0.1"), AF_INET);
     EXPECT_EQ(familyOfAddressText("localhost"), AF_INET);
     EXPECT_EQ(familyOfAddressText(""), AF_INET);
-}
-
-TEST(WithPortTest, ReplacesThePortAndNothingElse) {
-    EXPECT_EQ(withPort(ipv4("127.0.0.1", 1), 4500), ipv4("127.0.0.1", 4500));
-    EXPECT_EQ(withPort(ipv6("::1", 1), 4500), ipv6("::1", 4500));
-    EXPECT_EQ(withPort(ipv4("127.0.0.1", 1), 0), ipv4("127.0.0.1", 0));
-}
-
-TEST(AddressOfFamilyTest, WantsTheLengthOfTheFamily) {
-    EXPECT_TRUE(isAddressOfFamily(AF_INET, 16));
-    EXPECT_TRUE(isAddressOfFamily(AF_INET6, 28));
-    EXPECT_FALSE(isAddressOfFamily(AF_INET, 28));
-    EXPECT_FALSE(isAddressOfFamily(AF_INET6, 16));
-    EXPECT_FALSE(isAddressOfFamily(AF_INET, 0));
-    EXPECT_FALSE(isAddressOfFamily(0, 0));
-    EXPECT_FALSE(isAddressOfFamily(AF_UNIX, 16));
 }
 
 }  // namespace

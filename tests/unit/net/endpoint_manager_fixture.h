@@ -1,12 +1,9 @@
 // The tables of labels and endpoints alone, with endpoints that close their sockets themselves.
 #pragma once
 
-#include <gtest/gtest.h>
-
 #include <cstdint>
 #include <memory>
 #include <string>
-#include <utility>
 #include <vector>
 
 #include "net/endpoint_manager.h"

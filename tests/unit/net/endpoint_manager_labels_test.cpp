@@ -2,9 +2,6 @@
 #include <gtest/gtest.h>
 
 #include <stdexcept>
-#include <string>
-#include <utility>
-#include <vector>
 
 #include "net/endpoint_manager_fixture.h"
 #include "support/printed.h"

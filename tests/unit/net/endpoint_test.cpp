@@ -3,9 +3,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include <atomic>
 #include <memory>
-#include <thread>
 #include <utility>
 #include <vector>
 
@@ -109,29 +107,6 @@ TEST(EndpointTest, IsMarkedActiveByTraffic) {
     endpoint.idle = true;
     endpoint.markActive();
     EXPECT_FALSE(endpoint.idle);
-}
-
-TEST(ReturnPathTest, IsEmptyByDefault) {
-    EXPECT_TRUE(ReturnPath().empty());
-    EXPECT_TRUE(ReturnPath().bytes().empty());
-    EXPECT_TRUE(ReturnPath(Bytes()).empty());
-}
-
-TEST(ReturnPathTest, KeepsUpTo45Bytes) {
-    Bytes bytes(ReturnPath::capacity, 7);
-    EXPECT_EQ(bytes.size(), 45U);
-    bytes.back() = 9;
-    const ReturnPath path(bytes);
-    EXPECT_FALSE(path.empty());
-    EXPECT_EQ(toBytes(path.bytes()), bytes);
-}
-
-TEST(ReturnPathTest, IsComparedByItsBytes) {
-    EXPECT_EQ(ReturnPath(Bytes{1, 2}), ReturnPath(Bytes{1, 2}));
-    EXPECT_FALSE(ReturnPath(Bytes{1, 2}) == ReturnPath(Bytes{1, 3}));
-    EXPECT_FALSE(ReturnPath(Bytes{1, 2}) == ReturnPath(Bytes{1}));
-    EXPECT_FALSE(ReturnPath(Bytes{0}) == ReturnPath());
-    EXPECT_EQ(ReturnPath(), ReturnPath());
 }
 
 }  // namespace

@@ -5,6 +5,8 @@
 #include <array>
 #include <utility>
 
+#include "flow/ip_addr_info.h"
+
 namespace vesk {
 namespace {
 

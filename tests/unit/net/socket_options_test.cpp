@@ -1,6 +1,5 @@
 #include "net/socket_options.h"
 
-#include <fcntl.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <netinet/in.h>
@@ -114,19 +113,6 @@ TEST_F(SocketOptionsTest, PortIsShared) {
 TEST_F(SocketOptionsTest, PortThatCannotBeSharedIsReported) {
     EXPECT_EQ(printedBy([] { EXPECT_EQ(setReusePort(-1), -EBADF); }),
               "error Failed to set reuse port option on socket: Bad file descriptor\n");
-}
-
-TEST_F(SocketOptionsTest, SocketIsMadeNonBlockingOnceAndForAll) {
-    const int before = fcntl(ipv4.get(), F_GETFL);
-    EXPECT_EQ(before & O_NONBLOCK, 0);
-    for (int i = 0; i < 2; ++i) {
-        EXPECT_EQ(setNonBlocking(ipv4.get()), 0);
-        EXPECT_EQ(fcntl(ipv4.get(), F_GETFL), before | O_NONBLOCK);
-    }
-}
-
-TEST_F(SocketOptionsTest, WhatIsNoSocketCannotBeMadeNonBlocking) {
-    EXPECT_EQ(printedBy([] { EXPECT_EQ(setNonBlocking(-1), -EBADF); }), "");
 }
 
 }  // namespace

@@ -5,7 +5,6 @@
 #include <atomic>
 #include <deque>
 #include <memory>
-#include <vector>
 
 #include "poll/poll_channel.h"
 #include "poll/poll_loop.h"

@@ -1,6 +1,5 @@
 #include "poll/poll_loop_fixture.h"
 
-#include <gmock/gmock.h>
 #include <sys/epoll.h>
 #include <sys/socket.h>
 #include <unistd.h>
@@ -10,6 +9,7 @@
 #include <ostream>
 
 #include "poll/poll_channel.h"
+#include "poll/poll_loop.h"
 
 namespace vesk {
 

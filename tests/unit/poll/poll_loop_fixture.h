@@ -1,7 +1,6 @@
 // The poll loop on a thread of its own, over a real epoll set, with all that it reports collected.
 #pragma once
 
-#include <gtest/gtest.h>
 #include <unistd.h>
 
 #include <condition_variable>
@@ -13,7 +12,7 @@
 #include <string>
 #include <vector>
 
-#include "poll/poll_loop.h"
+#include "poll/poll_param.h"
 #include "support/descriptors.h"
 
 namespace vesk {

@@ -1,7 +1,6 @@
 #include "poll/poll_loop.h"
 
 #include <fcntl.h>
-#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <pthread.h>
 #include <sys/epoll.h>
@@ -13,12 +12,10 @@
 #include <csignal>
 #include <deque>
 #include <memory>
-#include <string>
 #include <vector>
 
 #include "poll/poll_channel.h"
 #include "poll/poll_loop_fixture.h"
-#include "support/bytes.h"
 #include "support/printed.h"
 #include "support/thread_state.h"
 #include "support/udp_socket.h"

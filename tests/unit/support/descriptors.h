@@ -4,9 +4,7 @@
 #include <gtest/gtest.h>
 #include <sys/resource.h>
 
-#include <array>
 #include <cstddef>
-#include <string>
 
 #include "base/unique_fd.h"
 

@@ -8,8 +8,8 @@
 #include <ostream>
 #include <span>
 
-#include "flow/label_commands.h"
-#include "net/endpoint_lifecycle.h"
+#include "flow/commands/label_commands.h"
+#include "net/lifecycle/endpoint_lifecycle.h"
 #include "support/printed.h"
 
 namespace vesk {

@@ -2,14 +2,12 @@
 // reads in place of the poll loop.
 #pragma once
 
-#include <gtest/gtest.h>
-
 #include <memory>
 #include <string>
 #include <vector>
 
-#include "app/forwarder_context.h"
-#include "control/command_line.h"
+#include "base/command_line.h"
+#include "context/forwarder_context.h"
 #include "net/endpoint_manager.h"
 #include "poll/poll_channel.h"
 #include "support/descriptors.h"

@@ -4,6 +4,8 @@
 #include <poll.h>
 #include <sys/socket.h>
 
+#include "flow/ip_addr_info.h"
+
 namespace vesk {
 
 namespace {

@@ -5,8 +5,8 @@
 #include <cstdint>
 #include <optional>
 
+#include "base/socket_address.h"
 #include "base/unique_fd.h"
-#include "flow/ip_addr_info.h"
 #include "support/bytes.h"
 
 namespace vesk {

@@ -8,7 +8,6 @@
 #include <chrono>
 #include <csignal>
 #include <functional>
-#include <stdexcept>
 #include <string>
 #include <vector>
 

@@ -1,0 +1,22 @@
+// Bytes that are wiped when they go: keys, and what is computed with them. Any thread; values are
+// not shared.
+#pragma once
+
+#include <array>
+#include <cstddef>
+#include <cstdint>
+#include <cstring>
+
+namespace vesk {
+
+/// An array that leaves nothing of itself in the memory that it was in. Copies wipe themselves too.
+template <std::size_t Size>
+class SecretBytes : public std::array<std::uint8_t, Size> {
+ public:
+    SecretBytes() = default;
+    ~SecretBytes() { explicit_bzero(this->data(), Size); }
+    SecretBytes(const SecretBytes&) = default;
+    SecretBytes& operator=(const SecretBytes&) = default;
+};
+
+}  // namespace vesk
