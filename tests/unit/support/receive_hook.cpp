@@ -8,16 +8,22 @@ namespace {
 
 thread_local std::function<void()> pendingAction;
 
+void runPendingAction() {
+    if (const auto action = std::exchange(pendingAction, nullptr)) {
+        action();
+    }
+}
+
 }  // namespace
 
 // The linker gives these two names to the callers' function and to the C library's.
 extern "C" {
 ssize_t __real_recvmsg(int socket, msghdr* message, int flags);
 
+// Without objects of its own: a cancellation unwinds this frame, and the address sanitizer would
+// take the place of such an object for one still in use.
 ssize_t __wrap_recvmsg(int socket, msghdr* message, int flags) {
-    if (const auto action = std::exchange(pendingAction, nullptr)) {
-        action();
-    }
+    runPendingAction();
     return __real_recvmsg(socket, message, flags);
 }
 }
