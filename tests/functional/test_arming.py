@@ -64,7 +64,7 @@ def test_a_socket_that_cannot_be_armed_is_tried_again_with_a_pause(bench: Bench)
         bench.exchange(flow)
 
 
-def test_a_refused_socket_is_let_go_of_with_its_flow(bench: Bench) -> None:
+def test_a_refused_socket_is_closed_with_its_flow(bench: Bench) -> None:
     flow = bench.flow(**four_keys())
     bench.declare(flow)
     descriptors = bench.vesk.descriptor_count()

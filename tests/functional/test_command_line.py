@@ -23,7 +23,7 @@ def unknown(word: str) -> List[str]:
 
 @pytest.mark.parametrize("word", ["Start", "START", "sto", "stopp", "quit", "set_", "\u00e4",
                                   "'set'"])
-def test_a_word_that_is_no_command(vesk: VeskProcess, word: str) -> None:
+def test_an_unknown_command(vesk: VeskProcess, word: str) -> None:
     assert vesk.lines_after(f"{word} label 5 whatever") == unknown(word)
 
 
@@ -69,7 +69,7 @@ def test_every_other_character_is_part_of_a_word(vesk: VeskProcess, character: s
     assert vesk.lines_after(character) == unknown(character)
 
 
-def test_bytes_that_are_no_text_are_part_of_a_word(vesk: VeskProcess) -> None:
+def test_non_text_bytes_are_part_of_a_word(vesk: VeskProcess) -> None:
     since = len(vesk.output())
     vesk.write_input(bytes([0x80, 0xFF, 0x00, 0xC3]) + b"\n")
     vesk.settle()

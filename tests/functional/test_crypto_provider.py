@@ -52,13 +52,13 @@ def fips_lines(vesk: VeskProcess) -> list:
     return [line for line in vesk.log_lines() if "FIPS" in line]
 
 
-def test_nothing_configured_and_nothing_asked_for(vesk: VeskProcess) -> None:
+def test_neither_configured_nor_required(vesk: VeskProcess) -> None:
     assert fips_lines(vesk) == [INACTIVE, NOT_REQUIRED]
 
 
 @pytest.mark.parametrize("value", ["", "0", "1"])
 @pytest.mark.parametrize("switch", SWITCHES)
-def test_a_demand_that_cannot_be_met_ends_the_start(start_vesk: StartVesk, switch: str,
+def test_a_required_provider_that_is_missing_ends_the_start(start_vesk: StartVesk, switch: str,
                                                     value: str) -> None:
     """The variable's presence counts, whatever it holds."""
     vesk = start_vesk(environment={switch: value})
@@ -70,7 +70,7 @@ def test_a_demand_that_cannot_be_met_ends_the_start(start_vesk: StartVesk, switc
 
 
 @pytest.mark.parametrize("switch", SWITCHES)
-def test_a_demand_that_can_be_met(start_vesk: StartVesk, tmp_path: Path, switch: str) -> None:
+def test_a_required_provider_is_activated(start_vesk: StartVesk, tmp_path: Path, switch: str) -> None:
     environment = configuration(tmp_path, ["fips", "qorng"], fips_by_default=False)
     vesk = start_vesk(environment={**environment, switch: "1"})
     vesk.settle()
@@ -96,7 +96,7 @@ def test_without_the_seed_provider_fips_mode_counts_as_inactive(start_vesk: Star
     assert fips_lines(vesk) == [INACTIVE, NOT_REQUIRED]
 
 
-def test_without_the_seed_provider_a_demand_still_leads_to_the_attempt(
+def test_a_required_provider_is_tried_without_the_seed_provider(
         start_vesk: StartVesk, tmp_path: Path) -> None:
     environment = configuration(tmp_path, ["fips"], fips_by_default=True)
     vesk = start_vesk(environment={**environment, SWITCHES[1]: ""})

@@ -211,7 +211,7 @@ def test_short_udpv1_datagrams_are_dropped(start_vesk: StartVesk, peer: UdpEnd,
     bench.nothing_went_upstream()
 
 
-def test_what_looks_like_udpv1_is_remarked_upon_and_forwarded(bench: Bench) -> None:
+def test_what_looks_like_udpv1_is_logged_and_forwarded(bench: Bench) -> None:
     flow = bench.flow()
     bench.declare(flow)
     bench.vesk.lines_after("log priority trace")
@@ -223,7 +223,7 @@ def test_what_looks_like_udpv1_is_remarked_upon_and_forwarded(bench: Bench) -> N
         assert (LOOKS_LIKE_UDPV1 in bench.vesk.log_lines(since)) == remarked, payload
 
 
-def test_that_remark_needs_the_trace_level(bench: Bench) -> None:
+def test_what_looks_like_udpv1_is_logged_at_trace_level_only(bench: Bench) -> None:
     flow = bench.flow()
     bench.declare(flow)
     bench.vesk.lines_after("log priority debug")
@@ -283,7 +283,7 @@ def test_unknown_labels_are_dropped(bench: Bench, label: int) -> None:
     assert bench.vesk.descriptor_count() == descriptors
 
 
-def test_unknown_labels_are_not_worth_a_word_at_info(bench: Bench) -> None:
+def test_unknown_labels_are_not_logged_at_info(bench: Bench) -> None:
     bench.nothing_went_upstream()
     since = bench.vesk.mark()
     bench.send(bench.framing.build(4, b"x"))

@@ -118,7 +118,7 @@ def test_a_socket_that_the_kernel_does_not_arm_again(bench: Bench) -> None:
     bench.exchange(flow)
 
 
-def test_a_socket_that_the_kernel_does_not_let_go(bench: Bench) -> None:
+def test_a_socket_that_cannot_be_removed_from_the_epoll_set(bench: Bench) -> None:
     """It is logged, and the descriptor stays open: it may still be in the set."""
     flow = bench.flow(5)
     bench.declare(flow)

@@ -117,7 +117,7 @@ def aux_flow(bench: Bench, owner: Flow, number: int) -> Flow:
                       down_label=owner.down_label)
 
 
-def test_an_idle_endpoint_goes_in_the_second_pass(cleaning: Cleaned) -> None:
+def test_an_idle_endpoint_expires_in_the_second_pass(cleaning: Cleaned) -> None:
     """Marked by the first, expired by the next: between one and two periods."""
     bench = cleaning
     descriptors = bench.vesk.descriptor_count()
@@ -166,7 +166,7 @@ def test_traffic_of_one_direction_keeps_a_flow_alive(cleaning: Cleaned) -> None:
         assert bench.exchange(flow) == senders[flow.label]
 
 
-def test_what_is_refused_or_cannot_be_sent_keeps_nothing_alive(cleaning: Cleaned) -> None:
+def test_refused_or_unsent_datagrams_keep_no_flow_alive(cleaning: Cleaned) -> None:
     bench = cleaning
     unsigned, unsendable = bench.flow(1, **four_keys()), bench.flow(2)
     bench.declare(unsigned, unsendable)
@@ -185,7 +185,7 @@ def test_what_is_refused_or_cannot_be_sent_keeps_nothing_alive(cleaning: Cleaned
         bench.vesk.wait_for_log(expiring(2), since)
 
 
-def test_an_auxiliary_flow_expires_and_comes_again(cleaning: Cleaned) -> None:
+def test_an_auxiliary_flow_expires_and_is_made_again(cleaning: Cleaned) -> None:
     bench = cleaning
     descriptors = bench.vesk.descriptor_count()
     owner = aux_owner(bench)

@@ -56,7 +56,7 @@ def test_keys_of_declared_flows_are_in_no_core_file(bench: Bench) -> None:
         assert [place.dumped for place in found(bench, [key])] == [False]
 
 
-def test_keys_go_with_their_flow(bench: Bench) -> None:
+def test_keys_are_wiped_with_their_flow(bench: Bench) -> None:
     descriptors = bench.vesk.descriptor_count()
     flow = declared(bench)
     bench.exchange(flow)
@@ -66,7 +66,7 @@ def test_keys_go_with_their_flow(bench: Bench) -> None:
     assert found(bench, keys_of(flow)) == []
 
 
-def test_a_key_goes_when_another_takes_its_place(bench: Bench) -> None:
+def test_a_replaced_key_is_wiped(bench: Bench) -> None:
     descriptors = bench.vesk.descriptor_count()
     flow = declared(bench)
     bench.exchange(flow)
@@ -80,14 +80,14 @@ def test_a_key_goes_when_another_takes_its_place(bench: Bench) -> None:
 
 
 @pytest.mark.parametrize("command", ["set", "del"])
-def test_keys_of_a_refused_command_go(bench: Bench, command: str) -> None:
+def test_keys_of_a_refused_command_are_wiped(bench: Bench, command: str) -> None:
     flow = bench.flow(**four_random_keys())
     words = flow.set_command().split(" ", 1)[1]
     assert bench.vesk.lines_after(f"{command} {words} zzz 1") != []
     assert found(bench, keys_of(flow)) == []
 
 
-def test_keys_of_auxiliary_flows_go_with_their_owner(bench: Bench) -> None:
+def test_keys_of_auxiliary_flows_are_wiped_with_their_owner(bench: Bench) -> None:
     descriptors = bench.vesk.descriptor_count()
     owner = bench.flow(options={"up_aux_flow_label": 0x70000, "down_aux_flow_label_prefix": 9},
                        **four_random_keys())

@@ -52,7 +52,7 @@ def test_a_label_is_required(vesk: VeskProcess) -> None:
     assert vesk.lines_after("set") == missing
 
 
-def test_the_first_bad_attribute_ends_the_reading(vesk: VeskProcess) -> None:
+def test_parsing_stops_at_the_first_bad_attribute(vesk: VeskProcess) -> None:
     assert vesk.lines_after("set zzz 1 up_label 0 down_label 0 label 7") == [
         "error validateLabelLikeString: bad label-like value, 'down_label': reserved labelVal '0'",
         BAD_COMMAND.format(0)]

@@ -148,7 +148,7 @@ def test_a_set_of_a_live_label_opens_new_sockets(bench: Bench) -> None:
     bench.vesk.wait_for_descriptor_count(descriptors)
 
 
-def test_a_mark_out_of_range_unmarks(bench: Bench) -> None:
+def test_a_mark_out_of_range_removes_the_mark(bench: Bench) -> None:
     """The attribute was named, so its scratch value is taken over: no mark."""
     flow = keyed(bench)
     flow.options["up_out_dscp_v4"] = 46
@@ -189,7 +189,7 @@ def test_an_address_that_cannot_be_resolved_ends_the_process(bench: Bench, comma
                          core_allowed=True)
 
 
-def test_an_address_that_cannot_be_resolved_when_its_halves_meet(bench: Bench) -> None:
+def test_a_merged_address_that_cannot_be_resolved(bench: Bench) -> None:
     """Found under the lock that the datapath reads with: the end must not hang."""
     flow = keyed(bench)
     bench.declare(flow)
@@ -235,7 +235,7 @@ def test_a_removed_flow_can_be_declared_again_from_scratch(bench: Bench) -> None
     bench.exchange(keyless)
 
 
-def test_del_of_a_label_nobody_set(bench: Bench) -> None:
+def test_del_of_an_undeclared_label(bench: Bench) -> None:
     assert bench.vesk.lines_after("del label 5", "del label 4294967295") == []
 
 

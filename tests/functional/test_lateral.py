@@ -102,7 +102,7 @@ def test_an_ipv6_sender_is_handed_over_with_its_address(vesk: VeskProcess,
     joined.nothing_reached_the_peer()
 
 
-def test_the_code_covers_the_address_and_nothing_else(joined: Joined, new_end: NewEnd) -> None:
+def test_the_lateral_hmac_covers_only_the_address(joined: Joined, new_end: NewEnd) -> None:
     first = joined.hand_over(joined.foreign(b"one"))
     second = joined.hand_over(joined.foreign(b"two, which is longer"))
     assert first.authentication == second.authentication
@@ -164,7 +164,7 @@ def _is_free(host: str, port: int) -> bool:
     return True
 
 
-def test_before_the_start_every_label_is_ones_own(vesk: VeskProcess, new_end: NewEnd) -> None:
+def test_before_the_start_every_label_is_served_locally(vesk: VeskProcess, new_end: NewEnd) -> None:
     upstream, peer = new_end(), new_end()
     flow = Flow(owned_label(OTHERS), upstream.address)
     vesk.lines_after("add_lateral_peer idx 1 addr 127.0.0.2", flow.set_command())
@@ -172,7 +172,7 @@ def test_before_the_start_every_label_is_ones_own(vesk: VeskProcess, new_end: Ne
     flow.open_request(upstream.receive().data)
 
 
-def test_without_a_number_of_instances_every_label_is_ones_own(vesk: VeskProcess,
+def test_without_a_number_of_instances_every_label_is_served_locally(vesk: VeskProcess,
                                                                new_end: NewEnd) -> None:
     port = shared_free_port([LOOPBACK[0]])
     join(vesk, MINE, {0: LOOPBACK[0], 1: LOOPBACK[1]}, port, instances=0)
@@ -223,7 +223,7 @@ def test_a_handed_datagram_is_checked_like_any_other(joined: Joined) -> None:
     assert report(joined.vesk).downstream["RxDgError"] == 1
 
 
-def test_a_direct_datagram_clears_the_way_back_over_the_neighbour(joined: Joined) -> None:
+def test_a_direct_datagram_clears_the_lateral_return_path(joined: Joined) -> None:
     joined.neighbour.send(joined.forward(b"by the neighbour"), joined.lateral_to)
     sender = joined.upstream.receive().sender
     joined.upstream.send(joined.flow.reply(b"one"), sender)
@@ -285,7 +285,7 @@ def test_a_returned_datagram_reaches_the_peer_as_it_is(joined: Joined, new_end: 
     assert seen.lateral["RxDg"] == 3 and seen.lateral["RxDgError"] == 0
 
 
-def test_a_forged_code_is_refused(joined: Joined) -> None:
+def test_a_forged_lateral_hmac_is_refused(joined: Joined) -> None:
     handed = joined.hand_over(joined.foreign())
     for place in range(16):
         forged = bytearray(handed.authentication)
@@ -308,7 +308,7 @@ def test_a_changed_address_is_refused(joined: Joined, new_end: NewEnd) -> None:
     assert joined.lateral()["RxDgError"] == 1 and other.waiting() is None
 
 
-def test_a_code_of_another_instance_is_refused(start_vesk: StartVesk, new_end: NewEnd) -> None:
+def test_a_lateral_hmac_of_another_instance_is_refused(start_vesk: StartVesk, new_end: NewEnd) -> None:
     first, second = (Joined(start_vesk().ready(), new_end) for _ in range(2))
     second.peer = first.peer
     foreign = second.hand_over(second.foreign())
@@ -393,7 +393,7 @@ def test_an_error_while_receiving_is_reported(joined: Joined) -> None:
     joined.nothing_reached_the_peer()
 
 
-def test_an_empty_lateral_datagram_does_no_harm(joined: Joined) -> None:
+def test_an_empty_lateral_datagram_is_reported(joined: Joined) -> None:
     joined.neighbour.send(b"", joined.lateral_to)
     joined.vesk.wait_for_log(re.compile(r"error Forwarder lateral stream endpoint got error while "
                                         r"receiving: errno = \d+ \(.+\)\."))

@@ -36,7 +36,7 @@ def test_info_is_the_level_at_the_start(start_vesk: StartVesk) -> None:
     ("debug", {"error", "warn", "info", "debug"}),
     ("trace", {"error", "warn", "info", "debug", "trace"}),
 ])
-def test_a_level_shows_itself_and_what_is_graver(vesk: VeskProcess, peer: UdpEnd,
+def test_a_level_shows_itself_and_more_severe_levels(vesk: VeskProcess, peer: UdpEnd,
                                                  upstream: UdpEnd, level: str,
                                                  shown: set) -> None:
     port = vesk.listen()
@@ -65,7 +65,7 @@ def test_the_first_of_two_levels_wins(vesk: VeskProcess) -> None:
     assert vesk.lines_after("") == ["debug Got message: "]
 
 
-def test_other_words_beside_the_level_do_no_harm(vesk: VeskProcess) -> None:
+def test_other_words_beside_the_level_are_ignored(vesk: VeskProcess) -> None:
     vesk.lines_after("log colour red priority debug trailing")
     assert vesk.lines_after("") == ["debug Got message: "]
 
@@ -148,7 +148,7 @@ def test_warnings_of_the_socket_routines_obey_the_level(vesk: VeskProcess) -> No
 
 # Nobody reads ---------------------------------------------------------------------------
 
-def test_a_log_reader_that_went_away_does_not_stop_the_work(
+def test_a_closed_log_does_not_stop_forwarding(
         start_vesk: StartVesk, peer: UdpEnd) -> None:
     reading, writing = os.pipe()
     with os.fdopen(writing, "wb") as output:
@@ -157,7 +157,7 @@ def test_a_log_reader_that_went_away_does_not_stop_the_work(
     flow_is_served_without_a_log(vesk, peer, lambda: os.close(reading))
 
 
-def test_a_log_that_takes_no_more_does_not_stop_the_work(start_vesk: StartVesk,
+def test_a_full_log_does_not_stop_forwarding(start_vesk: StartVesk,
                                                          peer: UdpEnd) -> None:
     with open("/dev/full", "wb") as output:
         vesk = start_vesk(standard_output=output)

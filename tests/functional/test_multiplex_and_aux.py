@@ -170,7 +170,7 @@ def test_auxiliary_flows_may_have_another_upstream_service(bench: Bench,
     bench.exchange(owner.auxiliary(1))
 
 
-def test_an_unresolved_auxiliary_address_means_the_owners(bench: Bench) -> None:
+def test_an_unresolved_auxiliary_address_falls_back_to_the_owners(bench: Bench) -> None:
     owner = Owner(bench)
     owner.flow.options.update(up_aux_flow_ip="127.0.0.6")
     owner.declare()
@@ -211,7 +211,7 @@ def test_an_auxiliary_datagram_is_checked_with_the_owners_key(owner: Owner) -> N
     owner.bench.vesk.wait_for_descriptor_count(descriptors)
 
 
-def test_a_refused_auxiliary_label_leaves_nothing_with_its_owner(owner: Owner) -> None:
+def test_a_refused_auxiliary_label_leaves_no_record_with_its_owner(owner: Owner) -> None:
     """Declared later by itself, the label does not go when the owner goes."""
     bench = owner.bench
     label = (PREFIX << 16) | 1

@@ -80,7 +80,7 @@ def crowd_is_gone(bench: Bench) -> Callable[[], bool]:
 
 
 @pytest.mark.parametrize("command", ["del label 5", "set label 5 down_label 77"])
-def test_other_flows_go_on_while_an_owner_and_its_flows_go(
+def test_other_flows_are_served_while_an_owner_and_its_flows_are_removed(
         bench: Bench, new_end: Callable[..., UdpEnd], command: str) -> None:
     bench.vesk.unlimit_descriptors()
     bench.vesk.lines_after("log priority error")
@@ -96,7 +96,7 @@ def test_other_flows_go_on_while_an_owner_and_its_flows_go(
     best_of_rounds(20, one_round)
 
 
-def test_other_flows_go_on_while_thousands_expire(start_vesk: StartVesk, peer: UdpEnd,
+def test_other_flows_are_served_while_thousands_expire(start_vesk: StartVesk, peer: UdpEnd,
                                                   upstream: UdpEnd,
                                                   new_end: Callable[..., UdpEnd]) -> None:
     bench = Bench(start_vesk("udpv2", "4").ready(), peer, upstream)

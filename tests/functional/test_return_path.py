@@ -30,7 +30,7 @@ def test_replies_are_checked_and_signed_anew(either_bench: Bench, incoming: Opti
         either_bench.answer(flow, sender, payload)
 
 
-def test_a_reply_that_fails_its_check_is_dropped_without_a_word(either_bench: Bench) -> None:
+def test_a_reply_that_fails_its_check_is_dropped_silently(either_bench: Bench) -> None:
     flow = either_bench.flow(**four_keys())
     either_bench.declare(flow)
     sender = either_bench.ask(flow).sender
@@ -123,7 +123,7 @@ def test_an_empty_reply_changes_nothing(bench: Bench) -> None:
     assert bench.vesk.descriptor_count() == descriptors
 
 
-def test_what_looks_like_udpv1_is_remarked_upon_in_replies_too(bench: Bench) -> None:
+def test_what_looks_like_udpv1_is_logged_in_replies_too(bench: Bench) -> None:
     flow = bench.flow()
     bench.declare(flow)
     sender = bench.ask(flow).sender
@@ -175,7 +175,7 @@ def test_replies_go_to_the_last_sender(bench: Bench, new_end: Callable[..., UdpE
     assert all(peer.waiting() is None for peer in peers)
 
 
-def test_replies_without_a_question_go_to_the_last_sender(bench: Bench) -> None:
+def test_replies_without_a_request_go_to_the_last_sender(bench: Bench) -> None:
     flow = bench.flow(**four_keys())
     bench.declare(flow)
     sender = bench.ask(flow).sender
@@ -192,14 +192,14 @@ def test_replies_may_come_from_anywhere(bench: Bench, new_end: Callable[..., Udp
     assert flow.open_reply(bench.peer.receive().data).payload == b"from elsewhere"
 
 
-def test_replies_come_from_the_port_that_was_asked(bench: Bench) -> None:
+def test_replies_come_from_the_port_that_received_the_request(bench: Bench) -> None:
     flow = bench.flow()
     bench.declare(flow)
     sender = bench.ask(flow).sender
     assert bench.answer(flow, sender).sender == bench.to
 
 
-def test_a_peer_that_went_away_is_no_error(bench: Bench, new_end: Callable[..., UdpEnd]) -> None:
+def test_a_closed_peer_is_no_error(bench: Bench, new_end: Callable[..., UdpEnd]) -> None:
     flow = bench.flow()
     bench.declare(flow)
     gone = new_end()
@@ -347,7 +347,7 @@ def test_bursts_are_drained_and_the_socket_armed_again(bench: Bench) -> None:
         assert [flow.open_reply(bench.peer.receive().data).payload for _ in payloads] == payloads
 
 
-def test_a_thousand_questions_are_answered(either_bench: Bench) -> None:
+def test_a_thousand_requests_are_answered(either_bench: Bench) -> None:
     flow = either_bench.flow(**four_keys())
     with UpstreamService(flow.echo) as service:
         flow.upstream = service.address

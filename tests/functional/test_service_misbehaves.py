@@ -274,7 +274,7 @@ def test_the_end_of_input_in_the_middle_of_a_line(bench: Bench, cut: int) -> Non
     assert "info cltMessageLoop: Got EOF, exiting..." in bench.vesk.log_lines()
 
 
-def test_a_service_that_says_nothing_at_all(start_vesk: StartVesk) -> None:
+def test_a_service_that_sends_no_command(start_vesk: StartVesk) -> None:
     """Neither does the forwarder mind that nobody hears it."""
     vesk = start_vesk(standard_input=subprocess.DEVNULL, standard_output=subprocess.DEVNULL)
     vesk.wait_exit(0, seconds=2)

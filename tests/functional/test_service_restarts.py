@@ -42,7 +42,7 @@ def crash(bench: Bench) -> None:
     bench.vesk.wait_exit(ABORTED, seconds=10, errors=RESOLVER_FAILURE, core_allowed=True)
 
 
-def test_a_new_one_takes_the_place_of_one_that_crashed(start_vesk: StartVesk, new_end) -> None:
+def test_a_new_forwarder_replaces_one_that_crashed(start_vesk: StartVesk, new_end) -> None:
     """By a resolver failure with everything busy: the port is free as soon as it is gone."""
     bench = bench_of(start_vesk().ready(), new_end)
     flows = [bench.flow(label, **four_keys()) for label in range(1, 51)]
@@ -66,7 +66,7 @@ def test_a_new_one_takes_the_place_of_one_that_crashed(start_vesk: StartVesk, ne
     successor.finish()
 
 
-def test_its_neighbour_goes_on_while_one_crashes(start_vesk: StartVesk, new_end) -> None:
+def test_one_forwarder_continues_while_another_crashes(start_vesk: StartVesk, new_end) -> None:
     crashing, neighbour = (bench_of(start_vesk().ready(), new_end) for _ in range(2))
     flow = neighbour.flow(5, **four_keys())
     neighbour.declare(flow)

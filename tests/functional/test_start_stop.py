@@ -61,7 +61,7 @@ def test_the_reported_descriptor_is_the_socket(vesk: VeskProcess) -> None:
     assert new == {descriptor} and vesk.descriptors()[descriptor].startswith("socket:")
 
 
-def test_ipv6_is_told_by_the_colon(vesk: VeskProcess) -> None:
+def test_a_colon_selects_ipv6(vesk: VeskProcess) -> None:
     port = vesk.listen("::1")
     assert f"info Making socket with family 10 address ::1 port {port}" in vesk.log_lines()
     assert f"info Vesk started on port {port} address ::1" in vesk.log_lines()
@@ -115,7 +115,7 @@ def test_an_address_in_use(vesk: VeskProcess, peer: UdpEnd, upstream: UdpEnd) ->
     assert_serves(vesk, peer, upstream, vesk.listen())
 
 
-def test_an_address_of_somebody_else(vesk: VeskProcess) -> None:
+def test_an_address_of_another_host(vesk: VeskProcess) -> None:
     assert failed_start(vesk, "192.0.2.1", free_port()) == [
         "error Failed bind syscall for endpoint socket: Cannot assign requested address"]
 
@@ -166,7 +166,7 @@ def test_an_address_that_cannot_be_resolved_ends_the_process(vesk: VeskProcess) 
 
 # Options of the socket ------------------------------------------------------------------
 
-def test_what_is_asked_of_the_socket(start_vesk: StartVesk) -> None:
+def test_options_of_the_listening_socket(start_vesk: StartVesk) -> None:
     """Twice the receive buffer, never the send buffer, and no port sharing."""
     vesk = start_vesk()
     vesk.settle()
@@ -189,7 +189,7 @@ def test_a_buffer_of_another_size_than_asked_for(vesk: VeskProcess) -> None:
     assert not [line for line in lines if "wanted 524288" in line and _is_granted(524288)]
 
 
-def test_a_buffer_exactly_as_asked_for_is_not_worth_a_word(vesk: VeskProcess) -> None:
+def test_a_buffer_of_the_requested_size_is_not_logged(vesk: VeskProcess) -> None:
     if not _is_granted(1048576):
         pytest.skip("net.core.rmem_max of this machine is below the request")
     since = vesk.mark()

@@ -120,7 +120,7 @@ def test_end_of_input_right_after_the_start(start_vesk: StartVesk) -> None:
     assert [line for line in vesk.log_lines() if "Task [" not in line][-2:] == [END_OF_INPUT, ""]
 
 
-def test_end_of_input_takes_every_thread_down(vesk: VeskProcess) -> None:
+def test_end_of_input_ends_every_thread(vesk: VeskProcess) -> None:
     vesk.listen()
     since = vesk.mark()
     vesk.close_input()
@@ -144,7 +144,7 @@ def test_the_core_limit_is_lifted(vesk: VeskProcess) -> None:
     assert resource.prlimit(vesk.pid, resource.RLIMIT_CORE) == unlimited
 
 
-def test_a_fixed_core_limit_is_reported_and_does_no_harm(start_vesk: StartVesk) -> None:
+def test_a_fixed_core_limit_is_reported_and_ignored(start_vesk: StartVesk) -> None:
     lines = lines_of_a_run(start_vesk(prefix=limited("4096:4096"),
                                       environment=CORE_LIMIT_UNTOUCHED))
     assert lines[:3] == [
@@ -203,7 +203,7 @@ def test_a_core_limit_that_cannot_be_raised(start_vesk: StartVesk, tmp_path: Pat
 
 # Failures of the start ------------------------------------------------------------------
 
-def test_no_message_channel(start_vesk: StartVesk, tmp_path: Path) -> None:
+def test_the_message_channel_cannot_be_made(start_vesk: StartVesk, tmp_path: Path) -> None:
     vesk = start_vesk(prefix=faulty_start(tmp_path / "trace", "socketpair:error=EMFILE"))
     lines = lines_of_a_run(vesk, status=256 - 24)
     assert lines[-2:] == ["error Failed to create socketpair for poll socket: Too many open files",

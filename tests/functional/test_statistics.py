@@ -88,7 +88,7 @@ def test_below_info_nothing_is_written(vesk: VeskProcess, level: str) -> None:
     assert vesk.lines_after("stats") == []
 
 
-def test_words_after_the_command_do_no_harm(vesk: VeskProcess) -> None:
+def test_words_after_the_command_are_ignored(vesk: VeskProcess) -> None:
     assert vesk.lines_after("stats now please") == vesk.lines_after("stats")
 
 
@@ -101,7 +101,7 @@ def test_reading_resets_nothing(bench: Bench) -> None:
     assert report_text(bench.vesk) == report_text(bench.vesk)
 
 
-def test_counters_of_an_endpoint_begin_with_it(bench: Bench) -> None:
+def test_counters_of_a_new_endpoint_start_at_zero(bench: Bench) -> None:
     flow = bench.flow()
     bench.declare(flow)
     bench.exchange(flow)
@@ -351,7 +351,7 @@ def test_sockets_are_armed_again_after_each_reply(bench: Bench) -> None:
     wait_for_report(bench.vesk, lambda now: now.poll["ActiveEvtNr"] == 0)
 
 
-def test_work_is_handed_round_the_workers(bench: Bench) -> None:
+def test_sockets_are_dealt_out_to_the_workers_in_turn(bench: Bench) -> None:
     """Each ready socket goes to the next worker in turn."""
     flow = bench.flow()
     bench.declare(flow)

@@ -37,7 +37,7 @@ def joined_pair(start_vesk: StartVesk,
 
 
 @pytest.mark.limit_seconds(60 + 4 * SECONDS)
-def test_one_label_on_both_ways(start_vesk: StartVesk) -> None:
+def test_one_label_arrives_directly_and_laterally(start_vesk: StartVesk) -> None:
     """Whichever way a datagram came, what leaves is rightly signed, in both directions."""
     instances, listeners = joined_pair(start_vesk)
     owner = instances[0]
@@ -69,7 +69,7 @@ def test_one_label_on_both_ways(start_vesk: StartVesk) -> None:
 
 
 @pytest.mark.limit_seconds(60)
-def test_both_ways_are_first_to_miss_an_endpoint(start_vesk: StartVesk) -> None:
+def test_both_receive_threads_need_a_missing_endpoint(start_vesk: StartVesk) -> None:
     """New labels arrive on both ways at once: one endpoint is made, and made whole."""
     instances, listeners = joined_pair(start_vesk)
     labels = [owned_label(0, number) for number in range(1, 301)]

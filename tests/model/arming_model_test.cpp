@@ -53,7 +53,7 @@ TEST_F(ArmingModel, AFailureLosesNoWakeUp) {
     expectNothingWrong({.endpoints = 2, .arrivals = 2, .removals = 1, .failures = 1});
 }
 
-TEST_F(ArmingModel, ASenderThatWaitsForRoomHoldsNobodyUpForGood) {
+TEST_F(ArmingModel, ASenderThatWaitsForRoomBlocksNoThreadForever) {
     expectNothingWrong({.endpoints = 2, .arrivals = 2, .removals = 2, .channel = 1});
 }
 
@@ -61,12 +61,12 @@ TEST_F(ArmingModel, ASenderThatWaitsForRoomHoldsNobodyUpForGood) {
 // and arms then is woken by what came meanwhile; whoever heeds the other worker reads it. Without
 // both, see below.
 
-TEST_F(ArmingModel, ArmingBeforeGivingBackIsSafeWhileTheOtherWorkerIsHeeded) {
+TEST_F(ArmingModel, ArmingBeforeReleasingTheClaimIsSafeUnlessTheOtherWorkerIsIgnored) {
     rules.givesBackBeforeArming = false;
     expectNothingWrong({.endpoints = 2, .arrivals = 2, .removals = 2});
 }
 
-TEST_F(ArmingModel, NotHeedingTheOtherWorkerIsSafeWhileArmingComesLast) {
+TEST_F(ArmingModel, IgnoringTheOtherWorkerIsSafeIfArmingComesLast) {
     rules.heedsOtherWorker = false;
     rules.armsOnce = false;
     expectNothingWrong({.endpoints = 2, .arrivals = 2, .removals = 2});
@@ -80,7 +80,7 @@ TEST_F(ArmingModel, WithoutAClaimTwoWorkersShareABuffer) {
     expectComplaint("two workers in one receive buffer");
 }
 
-TEST_F(ArmingModel, ArmingBeforeGivingBackLosesTheWakeUpOfOneThatIsNotHeeded) {
+TEST_F(ArmingModel, ArmingBeforeReleasingTheClaimLosesAWakeUpIfTheOtherWorkerIsIgnored) {
     rules.givesBackBeforeArming = false;
     rules.heedsOtherWorker = false;
     expectComplaint(lost, {.endpoints = 1});
@@ -91,12 +91,12 @@ TEST_F(ArmingModel, ArmingOnceLosesAWakeUpIfTheOtherWorkerIsIgnored) {
     expectComplaint(lost, {.endpoints = 2, .arrivals = 2, .removals = 1, .failures = 1});
 }
 
-TEST_F(ArmingModel, ADrainedEndpointThatIsNotHeldIsGoneWhenItIsToBeArmed) {
+TEST_F(ArmingModel, ArmingADrainedEndpointThatIsNotHeldUsesAClosedDescriptor) {
     rules.holdsDrained = false;
     expectComplaint("a descriptor used after it was closed");
 }
 
-TEST_F(ArmingModel, DrainedSocketsThatNoPassArmsAreNeverArmed) {
+TEST_F(ArmingModel, DrainedSocketsAreNeverArmedIfThePassDoesNotArmThem) {
     rules.armsAfterEachPass = false;
     expectComplaint("nobody has anything to do, but not all is done", {.endpoints = 1});
 }

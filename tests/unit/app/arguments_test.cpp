@@ -39,7 +39,7 @@ void expectRefused(const std::vector<const char*>& texts, const std::string& lin
     EXPECT_FALSE(outcome.arguments.has_value());
 }
 
-TEST(ArgumentsTest, HasDefaultsForAll) {
+TEST(ArgumentsTest, HasDefaultsForAllArguments) {
     const Arguments arguments = expectAccepted({});
     EXPECT_EQ(arguments.framingVersion, 2);
     EXPECT_EQ(arguments.cleanUpInterval, 600 * second);
@@ -47,7 +47,7 @@ TEST(ArgumentsTest, HasDefaultsForAll) {
     EXPECT_TRUE(arguments.cleanUp.aux);
 }
 
-TEST(ArgumentsTest, TakesEitherVersion) {
+TEST(ArgumentsTest, AcceptsBothVersions) {
     EXPECT_EQ(expectAccepted({"udpv1"}).framingVersion, 1);
     EXPECT_EQ(expectAccepted({"udpv2"}).framingVersion, 2);
     EXPECT_EQ(expectAccepted({"udpv1"}).cleanUpInterval, 600 * second);
@@ -59,7 +59,7 @@ TEST(ArgumentsTest, RefusesAnyOtherVersion) {
     }
 }
 
-TEST(ArgumentsTest, TakesAnIntervalOfAnyBase) {
+TEST(ArgumentsTest, AcceptsAnIntervalInAnyBase) {
     const auto intervalOf = [](const char* text) {
         return expectAccepted({"udpv2", text}).cleanUpInterval;
     };
@@ -70,14 +70,14 @@ TEST(ArgumentsTest, TakesAnIntervalOfAnyBase) {
     EXPECT_EQ(intervalOf("9223372036"), 9223372036 * second);
 }
 
-TEST(ArgumentsTest, RefusesAnIntervalThatIsNone) {
+TEST(ArgumentsTest, RefusesABadInterval) {
     for (const std::string text : {"0", "", "x", "60s", "1.5", "9223372037", "18446744073709551616",
                                    "-1", "-0", "-18446744073709551615", " -18446744073709551615"}) {
         expectRefused({"udpv1", text.c_str()}, "error Bad duration argument [" + text + "]\n");
     }
 }
 
-TEST(ArgumentsTest, TakesSwitches) {
+TEST(ArgumentsTest, AcceptsSwitches) {
     const Arguments arguments = expectAccepted({"udpv2", "60", "false", "true"});
     EXPECT_FALSE(arguments.cleanUp.main);
     EXPECT_TRUE(arguments.cleanUp.aux);
@@ -92,13 +92,13 @@ TEST(ArgumentsTest, RefusesAnyOtherSwitch) {
     expectRefused({"udpv2", "60", "", "x"}, "error Bad flag argument at index [3]: []\n");
 }
 
-TEST(ArgumentsTest, IgnoresWhatFollowsTheFourth) {
+TEST(ArgumentsTest, IgnoresArgumentsAfterTheFourth) {
     const Arguments arguments = expectAccepted({"udpv2", "60", "true", "false", "extra", ""});
     EXPECT_TRUE(arguments.cleanUp.main);
     EXPECT_FALSE(arguments.cleanUp.aux);
 }
 
-TEST(ArgumentsTest, ReportsTheFirstThatIsWrong) {
+TEST(ArgumentsTest, ReportsTheFirstBadArgument) {
     expectRefused({"x", "0", "y", "z"}, "error Bad UDP version argument [x]\n");
     expectRefused({"udpv1", "0", "y", "z"}, "error Bad duration argument [0]\n");
 }

@@ -54,14 +54,14 @@ TEST(CoreDumpsTest, RemovesTheLimit) {
 const std::string failure =
     "warn allowCoreDumps: failed to remove core size limit, Operation not permitted\n";
 
-TEST(CoreDumpsTest, RaisesTheLimitAsFarAsItMay) {
+TEST(CoreDumpsTest, RaisesTheLimitAsFarAsAllowed) {
     const ChildResult child = tryWith(0, 0);
     ASSERT_NE(child.exitCode, 1);
     EXPECT_EQ(child.exitCode, 0);
     EXPECT_EQ(child.printed, failure + "info allowCoreDumps: core size limit is 0, max is 0\n");
 }
 
-TEST(CoreDumpsTest, SaysHowFarTheLimitWasRaised) {
+TEST(CoreDumpsTest, LogsHowFarTheLimitWasRaised) {
     if (hardLimitIs(0)) {
         GTEST_SKIP() << "no core files are allowed at all here";
     }

@@ -14,12 +14,12 @@ class EnvironmentTest : public testing::Test {
     void TearDown() override { unsetenv(variable); }
 };
 
-TEST_F(EnvironmentTest, AsksForTheKernelsChoiceByDefault) {
+TEST_F(EnvironmentTest, LeavesTheSourceToTheKernelByDefault) {
     unsetenv(variable);
     EXPECT_EQ(ipv4SourceFromEnvironment(), Ipv4Source::kernel);
 }
 
-TEST_F(EnvironmentTest, AsksForTheAddressOfArrivalByTheExactWord) {
+TEST_F(EnvironmentTest, ChoosesTheArrivalAddressOnTheExactWord) {
     setenv(variable, "arrival", 1);
     EXPECT_EQ(ipv4SourceFromEnvironment(), Ipv4Source::arrival);
     for (const char* const other :

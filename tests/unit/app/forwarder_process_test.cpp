@@ -53,7 +53,7 @@ TEST(ForwarderProcessTest, EndsAtOnceWithBadArguments) {
     }
 }
 
-TEST(ForwarderProcessTest, EndsAtOnceWhereTheRequiredCryptographyIsMissing) {
+TEST(ForwarderProcessTest, EndsAtOnceWithoutTheRequiredCryptography) {
     const ChildResult child = runWith({}, "", [] { setenv("__MIRVOX_OPENSSL_FIPS", "", 1); });
     if (child.exitCode == 0) {
         GTEST_SKIP() << "this host's libcrypto comes with FIPS mode";
@@ -83,14 +83,14 @@ TEST(ForwarderProcessTest, StartsEverythingAndEndsWithItsInput) {
                      task + "info cltMessageLoop: Got EOF, exiting...\n\n" + task));
 }
 
-TEST(ForwarderProcessTest, TellsItsVersionAndSwitches) {
+TEST(ForwarderProcessTest, LogsItsVersionAndSwitches) {
     const ChildResult child = runWith({"udpv2", "600", "false", "false"}, "");
     EXPECT_EQ(child.exitCode, 0);
     EXPECT_THAT(child.printed, HasSubstr("info Starting forwarder with UDPv2\n"));
     EXPECT_THAT(child.printed, HasSubstr("flow cleanup switches [0/0]\n"));
 }
 
-TEST(ForwarderProcessTest, CarriesCommandsOutInOrder) {
+TEST(ForwarderProcessTest, ExecutesCommandsInOrder) {
     const ChildResult child = runWith({}, "bogus\nlog priority warn\nstop\nset label 5\nlast");
     EXPECT_EQ(child.exitCode, 0);
     EXPECT_THAT(child.printed, HasSubstr("error Unrecognised command 'bogus'\n\n"));
@@ -124,7 +124,7 @@ TEST(ForwarderProcessTest, ReportsThatThereAreNoThreads) {
     EXPECT_NE(child.exitCode, 0);
 }
 
-TEST(ForwarderProcessTest, OutlivesTheReaderOfItsLog) {
+TEST(ForwarderProcessTest, ContinuesWithoutAReaderOfItsLog) {
     const ChildResult child = runWith({}, "bogus\n", [] {
         Pipe log;
         dup2(log.write.get(), STDOUT_FILENO);

@@ -14,38 +14,38 @@ using testing::ElementsAre;
 using testing::IsEmpty;
 using testing::Pair;
 
-TEST(SplitCommandLineTest, TakesEveryRunOfOtherCharactersForAWord) {
+TEST(SplitCommandLineTest, TreatsEveryRunOfOtherCharactersAsAWord) {
     EXPECT_THAT(splitCommandLine("start addr 0.0.0.0 port 4500"),
                 ElementsAre("start", "addr", "0.0.0.0", "port", "4500"));
 }
 
-TEST(SplitCommandLineTest, DoesNotMindHowWordsAreSeparated) {
+TEST(SplitCommandLineTest, AcceptsAnySeparatorsBetweenWords) {
     EXPECT_EQ(splitCommandLine("  start\taddr 0.0.0.0 \n port\r\n4500\r"),
               splitCommandLine("start addr 0.0.0.0 port 4500"));
 }
 
-TEST(SplitCommandLineTest, FindsNoWordWhereThereIsNone) {
+TEST(SplitCommandLineTest, FindsNoWordInABlankLine) {
     EXPECT_THAT(splitCommandLine(""), IsEmpty());
     EXPECT_THAT(splitCommandLine(" \t\r\n "), IsEmpty());
 }
 
-TEST(SplitCommandLineTest, TakesOtherWhiteSpaceForOrdinaryText) {
+TEST(SplitCommandLineTest, TreatsOtherWhiteSpaceAsText) {
     EXPECT_THAT(splitCommandLine("a\vb c\fd"), ElementsAre("a\vb", "c\fd"));
     EXPECT_THAT(splitCommandLine("\v"), ElementsAre("\v"));
     EXPECT_THAT(splitCommandLine("a\xc2\xa0 b"), ElementsAre("a\xc2\xa0", "b"));
 }
 
-TEST(SplitCommandLineTest, TakesNulForOrdinaryText) {
+TEST(SplitCommandLineTest, TreatsNulAsText) {
     EXPECT_THAT(splitCommandLine(std::string_view("a\0b c", 5)),
                 ElementsAre(std::string("a\0b", 3), "c"));
 }
 
-TEST(SplitCommandLineTest, KnowsNoQuotesAndNoEscapes) {
+TEST(SplitCommandLineTest, TreatsQuotesAndEscapesAsText) {
     EXPECT_THAT(splitCommandLine("set 'a b' \"c\" d\\ e"),
                 ElementsAre("set", "'a", "b'", "\"c\"", "d\\", "e"));
 }
 
-TEST(SplitCommandLineTest, TakesAWordOfAnyLength) {
+TEST(SplitCommandLineTest, AcceptsAWordOfAnyLength) {
     const std::string word(1 << 20, 'x');
     EXPECT_THAT(splitCommandLine(" " + word + " y"), ElementsAre(word, "y"));
 }
@@ -90,19 +90,19 @@ TEST(ParseCommandAttrsTest, FoldsOneHalfAlone) {
     EXPECT_THAT(parse("up_ip 10.0.0.1"), ElementsAre(Pair("up_addrinfo", "10.0.0.1|")));
 }
 
-TEST(ParseCommandAttrsTest, LetsAWholeAddressWinOverItsHalves) {
+TEST(ParseCommandAttrsTest, PrefersAWholeAddressToItsHalves) {
     EXPECT_THAT(parse("up_addrinfo 1.2.3.4|5 up_ip 9.9.9.9"),
                 ElementsAre(Pair("up_addrinfo", "1.2.3.4|5")));
     EXPECT_THAT(parse("up_ip 9.9.9.9 up_addrinfo 1.2.3.4|5"),
                 ElementsAre(Pair("up_addrinfo", "1.2.3.4|5")));
 }
 
-TEST(ParseCommandAttrsTest, TakesNamesAsTheyAreWritten) {
+TEST(ParseCommandAttrsTest, LeavesNamesUnchanged) {
     EXPECT_THAT(parse("Up_ip a UP_PORT 1"), ElementsAre(Pair("UP_PORT", "1"), Pair("Up_ip", "a")));
     EXPECT_THAT(parse("down_src_ip a"), ElementsAre(Pair("down_src_ip", "a")));
 }
 
-TEST(FindNonEmptyTest, FindsOnlyWhatHasAValue) {
+TEST(FindNonEmptyTest, FindsOnlyNamesWithAValue) {
     const AttributeMap attributes{{"a", "1"}, {"b", ""}};
     ASSERT_NE(findNonEmpty(attributes, "a"), nullptr);
     EXPECT_EQ(*findNonEmpty(attributes, "a"), "1");

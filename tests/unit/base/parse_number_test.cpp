@@ -42,7 +42,7 @@ INSTANTIATE_TEST_SUITE_P(Texts, AcceptedUnsignedTest,
 
 class RefusedNumberTest : public testing::TestWithParam<const char*> {};
 
-TEST_P(RefusedNumberTest, IsNoNumberOfAnyKind) {
+TEST_P(RefusedNumberTest, IsRefusedByEveryParser) {
     errno = 0;
     EXPECT_EQ(parseUnsigned(GetParam()), std::nullopt);
     EXPECT_EQ(parseUnsigned32(GetParam()), std::nullopt);
@@ -62,12 +62,12 @@ TEST_F(ParseNumberTest, RefusesATextWithANulInside) {
     EXPECT_EQ(parseSigned(std::string("\0", 1)), std::nullopt);
 }
 
-TEST_F(ParseNumberTest, RefusesWhatIsOutOfRange) {
+TEST_F(ParseNumberTest, RefusesNumbersOutOfRange) {
     EXPECT_EQ(parseUnsigned("18446744073709551616"), std::nullopt);
     EXPECT_EQ(parseSigned("9223372036854775808"), std::nullopt);
 }
 
-TEST_F(ParseNumberTest, RefusesTheGreatestNumberWhileAnOldRangeErrorStands) {
+TEST_F(ParseNumberTest, RefusesTheGreatestNumberWhileErrnoIsERANGE) {
     errno = ERANGE;
     EXPECT_EQ(parseUnsigned("18446744073709551615"), std::nullopt);
     errno = ERANGE;
@@ -76,7 +76,7 @@ TEST_F(ParseNumberTest, RefusesTheGreatestNumberWhileAnOldRangeErrorStands) {
     EXPECT_EQ(parseSigned("9223372036854775807"), std::nullopt);
 }
 
-TEST_F(ParseNumberTest, LeavesAnOldErrorStanding) {
+TEST_F(ParseNumberTest, LeavesErrnoUnchanged) {
     errno = ERANGE;
     EXPECT_EQ(parseUnsigned("5"), 5U);
     EXPECT_EQ(errno, ERANGE);
@@ -84,7 +84,7 @@ TEST_F(ParseNumberTest, LeavesAnOldErrorStanding) {
     EXPECT_EQ(parseUnsigned("18446744073709551615"), largestUnsigned);
 }
 
-TEST_F(ParseNumberTest, RefusesWhatDoesNotFitThirtyTwoBits) {
+TEST_F(ParseNumberTest, RefusesNumbersOverThirtyTwoBits) {
     EXPECT_EQ(parseUnsigned32("4294967295"), 4294967295U);
     EXPECT_EQ(parseUnsigned32("4294967296"), std::nullopt);
     EXPECT_EQ(parseUnsigned32("-1"), std::nullopt);
@@ -101,7 +101,7 @@ TEST_F(ParseNumberTest, ReadsSignedNumbers) {
     EXPECT_EQ(parseSigned("9223372036854775807"), std::numeric_limits<std::int64_t>::max());
 }
 
-TEST_F(ParseNumberTest, ReadsASignedNumberBelowTheRangeAsTheLeast) {
+TEST_F(ParseNumberTest, ReadsASignedNumberBelowTheRangeAsTheMinimum) {
     EXPECT_EQ(parseSigned("-9223372036854775809"), std::numeric_limits<std::int64_t>::min());
 }
 

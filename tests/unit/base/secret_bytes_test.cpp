@@ -13,7 +13,7 @@ namespace {
 
 const Bytes secret(32, 0xa7);
 
-TEST(SecretBytesTest, AreWipedWhenTheyGo) {
+TEST(SecretBytesTest, AreWipedOnDestruction) {
     Room<SecretBytes<32>> room;
     SecretBytes<32>& bytes = room.make();
     std::ranges::copy(secret, bytes.begin());

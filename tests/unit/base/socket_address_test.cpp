@@ -42,7 +42,7 @@ TEST(WithPortTest, ReplacesThePortAndNothingElse) {
     EXPECT_EQ(withPort(ipv4("127.0.0.1", 1), 0), ipv4("127.0.0.1", 0));
 }
 
-TEST(AddressOfFamilyTest, WantsTheLengthOfTheFamily) {
+TEST(AddressOfFamilyTest, RequiresTheLengthOfTheFamily) {
     EXPECT_TRUE(isAddressOfFamily(AF_INET, 16));
     EXPECT_TRUE(isAddressOfFamily(AF_INET6, 28));
     EXPECT_FALSE(isAddressOfFamily(AF_INET, 28));

@@ -34,7 +34,7 @@ TEST(RwLockTest, LetsReadersShare) {
     other.join();
 }
 
-TEST(RwLockTest, KeepsAWriterAlone) {
+TEST(RwLockTest, ExcludesReadersWhileAWriterHoldsIt) {
     RwLock lock;
     int value = 0;
     ThreadMark reader;
@@ -52,7 +52,7 @@ TEST(RwLockTest, KeepsAWriterAlone) {
     other.join();
 }
 
-TEST(RwLockTest, LetsAWaitingWriterGoBeforeNewReaders) {
+TEST(RwLockTest, PrefersAWaitingWriterToNewReaders) {
     RwLock lock;
     Mutex orderLock;
     std::string order;

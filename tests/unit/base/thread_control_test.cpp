@@ -108,7 +108,7 @@ TEST_F(CancellableThreadTest, RunsDestructorsOfACancelledBody) {
     EXPECT_TRUE(destroyed);
 }
 
-TEST_F(CancellableThreadTest, EndsABusyThreadWhereItAsksForIt) {
+TEST_F(CancellableThreadTest, EndsABusyThreadAtItsCancellationPoint) {
     std::atomic<int> passes{0};
     ASSERT_EQ(thread.start([&passes] {
         while (true) {
@@ -131,7 +131,7 @@ TEST_F(CancellableThreadTest, ReportsTheSecondStopLikeOneOfAThreadNeverStarted) 
     EXPECT_EQ(printedBy([this] { EXPECT_EQ(thread.stop(), ESRCH); }), "");
 }
 
-TEST_F(CancellableThreadTest, JoinsAThreadThatEndedByItselfWithoutAWord) {
+TEST_F(CancellableThreadTest, JoinsAThreadThatEndedByItselfSilently) {
     ThreadMark mark;
     ASSERT_EQ(thread.start([&mark] { mark.set(); }), 0);
     ASSERT_TRUE(mark.eventuallyEnds());
@@ -171,7 +171,7 @@ TEST_F(CancellableThreadTest, MayBeStartedAgain) {
     }
 }
 
-TEST_F(CancellableThreadTest, RunsNothingWhereNoThreadIsToBeHad) {
+TEST_F(CancellableThreadTest, RunsNothingIfNoThreadCanBeStarted) {
     const auto held = std::make_shared<int>(1);
     int error = 0;
     int errnoAfter = 0;

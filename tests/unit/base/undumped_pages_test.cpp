@@ -42,7 +42,7 @@ TEST(UndumpedPagesTest, AreLeftOutOfACoreFile) {
     pages.deallocate(memory, pageBytes);
 }
 
-TEST(UndumpedPagesTest, GoBackToTheSystem) {
+TEST(UndumpedPagesTest, AreReturnedToTheSystem) {
     UndumpedPages pages;
     void* const memory = pages.allocate(1);
     EXPECT_NE(flagsOf(memory), "");
@@ -50,7 +50,7 @@ TEST(UndumpedPagesTest, GoBackToTheSystem) {
     EXPECT_EQ(flagsOf(memory), "");
 }
 
-TEST(UndumpedPagesTest, ReportThatThereAreNone) {
+TEST(UndumpedPagesTest, ReportAnAllocationFailure) {
     UndumpedPages pages;
     EXPECT_THROW(static_cast<void>(pages.allocate(std::numeric_limits<std::ptrdiff_t>::max())),
                  std::bad_alloc);

@@ -27,7 +27,7 @@ TEST_F(UniqueFdTest, HoldsNothingAtFirst) {
     EXPECT_FALSE(fd);
 }
 
-TEST_F(UniqueFdTest, ClosesWhatItHoldsInTheEnd) {
+TEST_F(UniqueFdTest, ClosesItsDescriptorOnDestruction) {
     int number = -1;
     {
         const UniqueFd fd(openAny());
@@ -73,7 +73,7 @@ TEST_F(UniqueFdTest, SurvivesBeingAssignedToItself) {
     EXPECT_TRUE(isOpen(number));
 }
 
-TEST_F(UniqueFdTest, GivesAwayWithoutClosing) {
+TEST_F(UniqueFdTest, ReleasesWithoutClosing) {
     UniqueFd fd(openAny());
     const UniqueFd taker(fd.release());
     EXPECT_FALSE(fd);

@@ -16,7 +16,7 @@ TEST(LateralPeersTest, GivesAPeersAddressWithThePortAskedFor) {
     EXPECT_EQ(peers.find(3, 4500), IPAddrInfo("::1", 4500).socketAddress());
 }
 
-TEST(LateralPeersTest, KnowsNobodyElse) {
+TEST(LateralPeersTest, FindsNoUnknownPeer) {
     LateralPeers peers;
     EXPECT_TRUE(peers.empty());
     EXPECT_EQ(peers.find(0, 4500), std::nullopt);

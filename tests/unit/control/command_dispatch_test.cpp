@@ -63,7 +63,7 @@ TEST_F(CommandDispatchTest, ReachesTheReport) {
     EXPECT_THAT(dispatch("stats"), testing::StartsWith("info \nPoll stats:\n"));
 }
 
-TEST_F(CommandDispatchTest, PassesTheWordsBehindTheCommandOn) {
+TEST_F(CommandDispatchTest, PassesTheWordsAfterTheCommandOn) {
     dispatch(" \tlog  priority warn\r");
     EXPECT_FALSE(logEnabled(LogLevel::info));
     dispatch("log priority info");
@@ -83,7 +83,7 @@ TEST_F(CommandDispatchTest, DoesNothingForABlankLine) {
     EXPECT_EQ(dispatch(" \t\r"), "");
 }
 
-TEST_F(CommandDispatchTest, ShowsEveryLineAsItCame) {
+TEST_F(CommandDispatchTest, LogsEveryLineUnchanged) {
     const AtLogLevel level("debug");
     EXPECT_EQ(dispatch(""), "debug Got message: \n");
     EXPECT_EQ(dispatch("  stop  now "), "debug Got message:   stop  now \n");
@@ -91,7 +91,7 @@ TEST_F(CommandDispatchTest, ShowsEveryLineAsItCame) {
               "debug Got message: bogus\nerror Unrecognised command 'bogus'\n\n");
 }
 
-TEST_F(CommandDispatchTest, LetsAResolverFailurePass) {
+TEST_F(CommandDispatchTest, PropagatesAResolverFailure) {
     EXPECT_THROW(dispatch("set label 5 up_addrinfo fe80::1::2|53"), std::runtime_error);
 }
 

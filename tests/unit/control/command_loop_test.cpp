@@ -58,7 +58,7 @@ class CommandLoopTest : public testing::Test {
     std::vector<std::string> lines;
 };
 
-TEST_F(CommandLoopTest, HandsOnEveryLineWithoutItsNewline) {
+TEST_F(CommandLoopTest, PassesEveryLineOnWithoutItsNewline) {
     EXPECT_EQ(run("one\ntwo words\n\n three \n"), endOfInput);
     EXPECT_THAT(lines, ElementsAre("one", "two words", "", " three "));
 }
@@ -68,7 +68,7 @@ TEST_F(CommandLoopTest, EndsWithoutAnyInput) {
     EXPECT_THAT(lines, IsEmpty());
 }
 
-TEST_F(CommandLoopTest, CarriesOutALastLineWithoutANewline) {
+TEST_F(CommandLoopTest, ExecutesALastLineWithoutANewline) {
     EXPECT_EQ(run("one\ntwo"), endOfInput);
     EXPECT_THAT(lines, ElementsAre("one", "two"));
 }
@@ -79,13 +79,13 @@ TEST_F(CommandLoopTest, KeepsEveryOtherByte) {
     EXPECT_THAT(lines, ElementsAre(text, std::string("\0", 1)));
 }
 
-TEST_F(CommandLoopTest, TakesALineOfAMegabyte) {
+TEST_F(CommandLoopTest, AcceptsALineOfAMegabyte) {
     const std::string line(1 << 20, 'x');
     run(line + "\nshort\n");
     EXPECT_THAT(lines, ElementsAre(line, "short"));
 }
 
-TEST_F(CommandLoopTest, EndsWithoutAWordAfterAReadError) {
+TEST_F(CommandLoopTest, EndsSilentlyAfterAReadError) {
     EXPECT_EQ(run("one\n", true), "");
     EXPECT_THAT(lines, ElementsAre("one"));
 }
@@ -102,7 +102,7 @@ TEST_F(CommandLoopTest, EndsWhereThereIsNothingToRead) {
     EXPECT_THAT(lines, IsEmpty());
 }
 
-TEST_F(CommandLoopTest, HandsALineOnBeforeTheNextOneIsThere) {
+TEST_F(CommandLoopTest, PassesALineOnBeforeTheNextOneArrives) {
     Pipe pipe;
     const File input(fdopen(pipe.read.release(), "r"), &std::fclose);
     EXPECT_EQ(write(pipe.write.get(), "one\n", 4), 4);
@@ -128,7 +128,7 @@ TEST_F(CommandLoopTest, IsSilentBelowItsLevel) {
     EXPECT_EQ(run("one\n"), "");
 }
 
-TEST_F(CommandLoopTest, LetsAnExceptionPass) {
+TEST_F(CommandLoopTest, PropagatesAnException) {
     ScriptedInput input{"one\ntwo\n"};
     const File file(fopencookie(&input, "r", {ScriptedInput::read, nullptr, nullptr, nullptr}),
                     &std::fclose);

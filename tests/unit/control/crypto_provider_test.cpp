@@ -87,7 +87,7 @@ TEST_F(CryptoProviderTest, DoesWithoutTheFlag) {
     EXPECT_EQ(child.exitCode, 0);
 }
 
-TEST_F(CryptoProviderTest, FailsWhereItIsRequiredAndNotThere) {
+TEST_F(CryptoProviderTest, FailsIfRequiredButMissing) {
     for (const char* variable : {primaryVariable, secondaryVariable}) {
         for (const char* value : {"", "0", "1"}) {
             const ChildResult child = initAfter([&] { setenv(variable, value, 1); });
@@ -99,7 +99,7 @@ TEST_F(CryptoProviderTest, FailsWhereItIsRequiredAndNotThere) {
     }
 }
 
-TEST_F(CryptoProviderTest, IsActivatedWhereItIsRequired) {
+TEST_F(CryptoProviderTest, IsActivatedIfRequired) {
     for (const char* variable : {primaryVariable, secondaryVariable}) {
         const ChildResult child = initAfter([&] {
             setenv(variable, "", 1);
@@ -110,7 +110,7 @@ TEST_F(CryptoProviderTest, IsActivatedWhereItIsRequired) {
     }
 }
 
-TEST_F(CryptoProviderTest, IsLeftAloneWhereItIsThereButNotRequired) {
+TEST_F(CryptoProviderTest, IsNotActivatedIfNotRequired) {
     const ChildResult child = initAfter([] { provide("fips"); });
     EXPECT_EQ(child.exitCode, 0);
     EXPECT_EQ(child.printed, inactive + notRequired);
@@ -137,7 +137,7 @@ TEST_F(CryptoProviderTest, IsNotActiveWithoutItsSourceOfRandomNumbers) {
     EXPECT_EQ(child.printed, inactive + required + activated);
 }
 
-TEST_F(CryptoProviderTest, FailsWhereTheSeedSourceCannotBeChosenAnyMore) {
+TEST_F(CryptoProviderTest, FailsIfTheSeedSourceCannotBeChosen) {
     const ChildResult child = initAfter([] {
         setenv(primaryVariable, "", 1);
         provide("fips");
@@ -161,7 +161,7 @@ TEST_F(CryptoProviderTest, DecidesTheSameAtEveryLevel) {
     EXPECT_EQ(child.printed, "");
 }
 
-TEST(LoadDigestsTest, HasNothingToSay) {
+TEST(LoadDigestsTest, LogsNothing) {
     const ChildResult child = runInChild([] {
         loadDigests();
         return 0;

@@ -89,7 +89,7 @@ TEST_F(ForwarderCommandsTest, StartTakesAPortOfAnyBase) {
                                           " address 127.0.0.1\n"));
 }
 
-TEST_F(ForwarderCommandsTest, StartSaysThatItStartedEvenWhereItDidNot) {
+TEST_F(ForwarderCommandsTest, StartReportsSuccessEvenIfItFails) {
     const UdpSocket occupied;
     const Outcome outcome = startOn(occupied.port());
     EXPECT_FALSE(outcome.succeeded);
@@ -110,12 +110,12 @@ TEST_F(ForwarderCommandsTest, StartWithoutAUsablePortFailsToBind) {
                          "info Vesk started on port 0 address 127.0.0.1\n"));
 }
 
-TEST_F(ForwarderCommandsTest, StartLetsAResolverFailurePass) {
+TEST_F(ForwarderCommandsTest, StartPropagatesAResolverFailure) {
     EXPECT_THROW(start("addr fe80::1::2 port 53"), std::runtime_error);
     EXPECT_EQ(context->downstreamEndpoint.load(), nullptr);
 }
 
-TEST_F(ForwarderCommandsTest, StartKeepsTheEndpointOfAThreadThatCannotBeHad) {
+TEST_F(ForwarderCommandsTest, StartKeepsTheEndpointIfItsThreadFailsToStart) {
     const std::uint16_t port = freePort();
     Outcome outcome;
     {
@@ -131,7 +131,7 @@ TEST_F(ForwarderCommandsTest, StartKeepsTheEndpointOfAThreadThatCannotBeHad) {
     EXPECT_TRUE(startOn(port).succeeded);
 }
 
-TEST_F(ForwarderCommandsTest, StopReleasesAnEndpointWithoutAThreadAndSaysNothing) {
+TEST_F(ForwarderCommandsTest, StopReleasesAnEndpointWithoutAThreadSilently) {
     const std::uint16_t port = freePort();
     {
         const ThreadShortage shortage;
@@ -153,7 +153,7 @@ TEST_F(ForwarderCommandsTest, StopEndsTheThreadAndClosesTheSocket) {
     EXPECT_EQ(context.use_count(), 1);
 }
 
-TEST_F(ForwarderCommandsTest, StopWithNothingRunningSaysNothing) {
+TEST_F(ForwarderCommandsTest, StopWithNothingRunningLogsNothing) {
     EXPECT_EQ(stop(), "");
     startOn(freePort());
     stop();

@@ -68,7 +68,7 @@ TEST_F(LateralCommandsTest, RefusesABadIndexBeforeTheAddress) {
     EXPECT_TRUE(addPeer("idx 4294967295 addr 127.0.0.1").succeeded);
 }
 
-TEST_F(LateralCommandsTest, LetsAResolverFailureOfAPeerPass) {
+TEST_F(LateralCommandsTest, PropagatesAResolverFailureOfAPeer) {
     EXPECT_THROW(addPeer("idx 2 addr fe80::1::2"), std::runtime_error);
     EXPECT_TRUE(context->lateral.peers.empty());
 }
@@ -93,7 +93,7 @@ class LateralStartTest : public LateralCommandsTest {
     }
 };
 
-TEST_F(LateralStartTest, WantsItsAttributesInOrder) {
+TEST_F(LateralStartTest, RequiresItsAttributesInOrder) {
     expectStartRefused("", "missing or empty 'addr' attr");
     expectStartRefused("port x idx y max_qels z", "missing or empty 'addr' attr");
     expectStartRefused("addr fe80::1::2 idx y max_qels z", "missing or empty 'port' attr");
@@ -170,7 +170,7 @@ TEST_F(LateralStartTest, StartsOnce) {
     EXPECT_EQ(context->lateralEndpoint.load(), endpoint);
 }
 
-TEST_F(LateralStartTest, ReportsAPortInUseAndMayBeSentAgain) {
+TEST_F(LateralStartTest, ReportsAPortInUseAndMayBeRepeated) {
     const UdpSocket occupied;
     const Outcome outcome = startOn(occupied.port());
     EXPECT_FALSE(outcome.succeeded);
@@ -181,7 +181,7 @@ TEST_F(LateralStartTest, ReportsAPortInUseAndMayBeSentAgain) {
     EXPECT_TRUE(startOn(freePort()).succeeded);
 }
 
-TEST_F(LateralStartTest, ReportsAThreadThatCannotBeHadAndMayBeSentAgain) {
+TEST_F(LateralStartTest, ReportsAThreadThatFailsToStartAndMayBeRepeated) {
     const std::uint16_t port = freePort();
     Outcome outcome;
     {

@@ -54,7 +54,7 @@ TEST_F(ListeningEndpointTest, SleepsUntilTheLastSenderIsDone) {
     EXPECT_EQ(closedBy, closingThread);
 }
 
-TEST_F(ListeningEndpointTest, LetsNobodyMakeSocketsMeanwhile) {
+TEST_F(ListeningEndpointTest, BlocksSocketCreationWhileItCloses) {
     declare("label 5 up_ip 127.0.0.1 up_port 4500");
     std::atomic<bool> made{false};
     ThreadMark mark;

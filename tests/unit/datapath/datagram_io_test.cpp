@@ -25,7 +25,7 @@ TEST(LocalDestinationTest, IsFoundForEitherFamily) {
               ipv6Destination());
 }
 
-TEST(LocalDestinationTest, IsNoSourceWhereTheHostsAddressIsAnother) {
+TEST(LocalDestinationTest, IsNoSourceIfTheHostsAddressDiffers) {
     EXPECT_EQ(
         findLocalDestination(AF_INET, control(IPPROTO_IP, IP_PKTINFO, ipv4BroadcastInformation)),
         ipv4BroadcastDestination());
@@ -66,7 +66,7 @@ TEST(LocalDestinationTest, IsEmptyWithoutControlData) {
     EXPECT_EQ(findLocalDestination(AF_INET6, {}).address.length, 0U);
 }
 
-TEST(LocalDestinationTest, IsEmptyWhereTheMessageIsCut) {
+TEST(LocalDestinationTest, IsEmptyIfTheMessageIsCut) {
     const Bytes whole = control(IPPROTO_IP, IP_PKTINFO, ipv4Information);
     for (std::size_t length = 0; length < CMSG_LEN(ipv4Information.size()); ++length) {
         EXPECT_EQ(findLocalDestination(AF_INET, std::span(whole).first(length)).address.length, 0U)
@@ -74,7 +74,7 @@ TEST(LocalDestinationTest, IsEmptyWhereTheMessageIsCut) {
     }
 }
 
-TEST(LocalDestinationTest, IsEmptyWhereTheInformationIsTooShort) {
+TEST(LocalDestinationTest, IsEmptyIfTheInformationIsTooShort) {
     EXPECT_EQ(
         findLocalDestination(AF_INET, control(IPPROTO_IP, IP_PKTINFO, Bytes(11, 1))).address.length,
         0U);
@@ -83,7 +83,7 @@ TEST(LocalDestinationTest, IsEmptyWhereTheInformationIsTooShort) {
               0U);
 }
 
-TEST(LocalDestinationTest, StopsAtAHeaderThatLies) {
+TEST(LocalDestinationTest, StopsAtAHeaderWithABadLength) {
     const Bytes good = control(IPPROTO_IP, IP_PKTINFO, ipv4Information);
     for (const std::size_t claimed : {std::size_t{0}, std::size_t{15}, std::size_t{1000},
                                       ~std::size_t{0}, ~std::size_t{0} - 7}) {
@@ -118,7 +118,7 @@ class ReceiveTest : public testing::TestWithParam<int> {
     IncomingMessage message;
 };
 
-TEST_P(ReceiveTest, TellsSenderDestinationAndLength) {
+TEST_P(ReceiveTest, ReportsSenderDestinationAndLength) {
     peer.send(toBytes("datagram"), socket.address());
     const ReceiveResult result = receiveNow(message, *endpoint);
     EXPECT_EQ(result.received, 8);
@@ -133,14 +133,14 @@ TEST_P(ReceiveTest, TellsSenderDestinationAndLength) {
     EXPECT_EQ(local.validIpv4Source, GetParam() == AF_INET);
 }
 
-TEST_P(ReceiveTest, TellsNoDestinationOfTheOtherFamily) {
+TEST_P(ReceiveTest, ReportsNoDestinationOfTheOtherFamily) {
     peer.send(toBytes("datagram"), socket.address());
     receiveNow(message, *endpoint);
     EXPECT_EQ(message.localDestination(GetParam() == AF_INET ? AF_INET6 : AF_INET).address.length,
               0U);
 }
 
-TEST_P(ReceiveTest, TellsNoDestinationThatWasNotAskedFor) {
+TEST_P(ReceiveTest, ReportsNoDestinationThatWasNotRequested) {
     UdpSocket plain(GetParam());
     VeskEndpointDescriptor unasked(0, plain.fd(), plain.fd(), FlowDesc(), [](int, int) {});
     peer.send(toBytes("first"), socket.address());
@@ -150,7 +150,7 @@ TEST_P(ReceiveTest, TellsNoDestinationThatWasNotAskedFor) {
     EXPECT_EQ(message.localDestination(GetParam()).address.length, 0U);
 }
 
-TEST_P(ReceiveTest, CutsADatagramThatIsTooLong) {
+TEST_P(ReceiveTest, TruncatesADatagramThatIsTooLong) {
     peer.send(Bytes(2049, 1), socket.address());
     EXPECT_EQ(receiveNow(message, *endpoint).received, 2048);
     EXPECT_TRUE(message.truncated());
@@ -192,7 +192,7 @@ TEST_P(ReceiveTest, WaitsUntilItIsCancelled) {
     EXPECT_EQ(thread.stop(), 0);
 }
 
-TEST_P(ReceiveTest, ReportsWhatCannotBeReceived) {
+TEST_P(ReceiveTest, ReportsAReceiveError) {
     VeskEndpointDescriptor closed(0, -1, -1, FlowDesc(), [](int, int) {});
     EXPECT_EQ(receiveNow(message, closed).received, -1);
     EXPECT_EQ(receiveNow(message, closed).error, EBADF);

@@ -32,7 +32,7 @@ class LateralDispatchTest : public DatapathTest {
 
 const ReturnPath somePath(Bytes(33, 9));
 
-TEST_F(LateralDispatchTest, HandsADatagramToItsOwner) {
+TEST_F(LateralDispatchTest, SendsADatagramToTheOwnerOfItsLabel) {
     const Bytes datagram = framed(foreignLabel, payload);
     EXPECT_EQ(arrive(datagram), "");
     EXPECT_EQ(neighbour.receive(),
@@ -56,7 +56,7 @@ TEST_F(LateralDispatchTest, ServesItsOwnLabels) {
     EXPECT_TRUE(neighbour.empty());
 }
 
-TEST_F(LateralDispatchTest, ServesEveryLabelWhereThereIsNoNumberOfInstances) {
+TEST_F(LateralDispatchTest, ServesEveryLabelWithoutANumberOfInstances) {
     startLateral(0, 0);
     declareFlow(foreignLabel);
     arrive(framed(foreignLabel, payload));
@@ -86,7 +86,7 @@ TEST_F(LateralDispatchTest, CountsALabelThatCannotBeHandedOn) {
     EXPECT_EQ(countsOf(*downstream), (Counts{.rxDgError = 1}));
 }
 
-TEST_F(LateralDispatchTest, LetsADatagramMakeOneHop) {
+TEST_F(LateralDispatchTest, ForwardsADatagramOnlyOnce) {
     arriveLaterally(framed(foreignLabel, payload), somePath);
     EXPECT_EQ(countsOf(*downstream), (Counts{.rxDgError = 1}));
     EXPECT_EQ(countsOf(*lateral), Counts());
@@ -117,13 +117,13 @@ TEST_F(LateralDispatchTest, CountsADatagramThatCouldNotBeSent) {
     EXPECT_EQ(countsOf(*lateral), (Counts{.txDgDropped = 1}));
 }
 
-TEST_F(LateralDispatchTest, CountsNoRefusal) {
+TEST_F(LateralDispatchTest, DoesNotCountARefusal) {
     provokeRefusal(lateralSocket.fd());
     arrive(framed(foreignLabel, payload));
     EXPECT_EQ(countsOf(*lateral), Counts());
 }
 
-TEST_F(LateralDispatchTest, RemembersTheWayBackOfALateralDatagram) {
+TEST_F(LateralDispatchTest, RemembersTheReturnPathOfALateralDatagram) {
     EXPECT_NE(arriveLaterally(framed(ownLabel, payload), somePath), "");
     EXPECT_EQ(upstream.receive(), framed(0x1111, payload));
     const EndpointPtr flow = manager().findEndpointByLabel(ownLabel);
@@ -133,7 +133,7 @@ TEST_F(LateralDispatchTest, RemembersTheWayBackOfALateralDatagram) {
     EXPECT_TRUE(routeOf(*flow).returnPath.empty());
 }
 
-TEST_F(LateralDispatchTest, LeavesTheWayBackAloneWhileTheStreamDoesNotRun) {
+TEST_F(LateralDispatchTest, LeavesTheReturnPathUnchangedWhileTheStreamDoesNotRun) {
     arriveLaterally(framed(ownLabel, payload), somePath);
     const EndpointPtr flow = manager().findEndpointByLabel(ownLabel);
     context->lateral.running = false;
@@ -143,7 +143,7 @@ TEST_F(LateralDispatchTest, LeavesTheWayBackAloneWhileTheStreamDoesNotRun) {
     EXPECT_EQ(routeOf(*flow).peer, other.address());
 }
 
-TEST_F(LateralDispatchTest, TellsTheSameDatagramFromBothSidesApart) {
+TEST_F(LateralDispatchTest, DistinguishesDirectAndLateralCopiesOfADatagram) {
     declareFlow(ownLabel, keyWords("down_in", {"sha256", {1}}) + keyWords("up_out", {"sha1", {2}}));
     const Bytes datagram = framed(ownLabel, payload, {"sha256", {1}});
     const Bytes expected = framed(0x1111, payload, {"sha1", {2}});

@@ -55,7 +55,7 @@ TEST_P(BothVersionsTest, SendsUnsignedWithoutAKey) {
     EXPECT_EQ(upstream.receive(), framed(0x1111, payload));
 }
 
-TEST_P(BothVersionsTest, CountsWhatIsNoDatagram) {
+TEST_P(BothVersionsTest, CountsMalformedDatagrams) {
     std::uint64_t rejected = 0;
     for (const std::size_t length : {1U, 19U}) {
         EXPECT_EQ(arrive(Bytes(length)), "");
@@ -84,7 +84,7 @@ TEST_F(DownstreamTest, CountsADatagramOfAnUnknownLabel) {
 
 const std::string forgedText = "downstreamPacketReceivedFailed HMAC Check!\n";
 
-TEST_F(DownstreamTest, LeavesNoEndpointBehindAForgedFirstDatagram) {
+TEST_F(DownstreamTest, KeepsNoEndpointAfterAForgedFirstDatagram) {
     declareFlow(5, keyWords("down_in", inKey));
     EXPECT_THAT(arrive(framed(5, payload, outKey)), EndsWith("\n" + forgedText));
     EXPECT_EQ(manager().findEndpointByLabel(5), nullptr);
@@ -109,7 +109,7 @@ TEST_F(DownstreamTest, KeepsTheEndpointThatWasThereBeforeAForgedDatagram) {
     EXPECT_EQ(routeOf(*flow).peer, peer.address());
 }
 
-TEST_F(DownstreamTest, NeverSendsByAnEndpointThatIsGivenUp) {
+TEST_F(DownstreamTest, NeverSendsOnADroppedEndpoint) {
     // As the other receive thread leaves it between a forged first datagram and its deletion.
     declareFlow(5, keyWords("down_in", inKey));
     arrive(framed(5, payload, inKey));
@@ -129,7 +129,7 @@ TEST_F(DownstreamTest, NeverSendsByAnEndpointThatIsGivenUp) {
     EXPECT_FALSE(upstream.empty());
 }
 
-TEST_F(DownstreamTest, SaysThatADatagramIsForgedAtEveryLevel) {
+TEST_F(DownstreamTest, LogsAForgedDatagramAtEveryLevel) {
     declareFlow(5);
     openFlow(5);
     const AtLogLevel level("error");
@@ -138,7 +138,7 @@ TEST_F(DownstreamTest, SaysThatADatagramIsForgedAtEveryLevel) {
     EXPECT_EQ(arrive(forged), forgedText);
 }
 
-TEST_F(DownstreamTest, NeverSendsWhatCannotBeSigned) {
+TEST_F(DownstreamTest, DropsADatagramThatCannotBeSigned) {
     FlowDesc scratch;
     scratch.up.addrInfo = IPAddrInfo("127.0.0.1", upstream.port());
     scratch.up.outHmac.setKey(outKey.bytes);
@@ -151,7 +151,7 @@ TEST_F(DownstreamTest, NeverSendsWhatCannotBeSigned) {
     EXPECT_TRUE(upstream.empty());
 }
 
-TEST_F(DownstreamTest, RefusesWhatCannotBeChecked) {
+TEST_F(DownstreamTest, DropsADatagramThatCannotBeChecked) {
     FlowDesc scratch;
     scratch.up.addrInfo = IPAddrInfo("127.0.0.1", upstream.port());
     scratch.down.inHmac.setKey(inKey.bytes);
@@ -202,7 +202,7 @@ TEST_F(DownstreamTest, ClearsTheIdleMarkWithEveryDatagramSentInFull) {
     EXPECT_FALSE(flow->idle);
 }
 
-TEST_F(DownstreamTest, CountsNoRefusalAndLeavesTheFlowIdle) {
+TEST_F(DownstreamTest, DoesNotCountARefusalAndLeavesTheFlowIdle) {
     declareFlow(5);
     const EndpointPtr flow = openFlow(5);
     provokeRefusal(flow->wrsockfd);
@@ -215,7 +215,7 @@ TEST_F(DownstreamTest, CountsNoRefusalAndLeavesTheFlowIdle) {
     EXPECT_EQ(upstream.receive(), framed(0x1111, payload));
 }
 
-TEST_F(DownstreamTest, GivesAFlowUpThatCannotSend) {
+TEST_F(DownstreamTest, DropsAnEndpointThatCannotSend) {
     // Broadcasting was never asked for, so the kernel refuses by itself.
     declare("label 5 up_ip 255.255.255.255 up_port 4500");
     EXPECT_THAT(arrive(framed(5, payload)),

@@ -47,7 +47,7 @@ class KernelSourceTest : public Ipv4SourceTest {
     KernelSourceTest() : Ipv4SourceTest(Ipv4Source::kernel) {}
 };
 
-TEST_F(Ipv4SourceTest, IsWhereThePeersDatagramArrived) {
+TEST_F(Ipv4SourceTest, IsTheAddressWhereThePeersDatagramArrived) {
     EXPECT_EQ(replySource(localAddress("127.0.0.7")), "127.0.0.7");
     EXPECT_EQ(replySource(localAddress("127.0.0.8")), "127.0.0.8");
 }
@@ -71,7 +71,7 @@ TEST_F(KernelSourceTest, IsTheKernelsChoice) {
     EXPECT_EQ(requestSource(localAddress("127.0.0.7")), "127.0.0.1");
 }
 
-TEST_F(Ipv4SourceTest, EndsTheEndpointWhereAReplysAddressIsGone) {
+TEST_F(Ipv4SourceTest, DeletesTheEndpointIfAReplysSourceAddressIsGone) {
     localDestination = localAddress("192.0.2.1");
     arrive(framed(label, toBytes("request")));
     EXPECT_TRUE(upstream.receive().has_value());
@@ -84,7 +84,7 @@ TEST_F(Ipv4SourceTest, EndsTheEndpointWhereAReplysAddressIsGone) {
     EXPECT_EQ(manager().findEndpointByLabel(label), nullptr);
 }
 
-TEST_F(Ipv4SourceTest, EndsTheEndpointWhereARequestsAddressIsGone) {
+TEST_F(Ipv4SourceTest, DeletesTheEndpointIfARequestsSourceAddressIsGone) {
     {
         const WriteLock lock(flow->routeLock);
         flow->upstreamLocal = localAddress("192.0.2.1");

@@ -42,7 +42,7 @@ class ReceiveThreadTest : public DatapathTest {
     CancellableThread thread;
 };
 
-TEST_F(ReceiveThreadTest, DownstreamForwardsAndRemembersWhereFrom) {
+TEST_F(ReceiveThreadTest, DownstreamForwardsAndRemembersTheSender) {
     declareFlow(5);
     EXPECT_THAT(printedBy([this] {
                     startDownstream();
@@ -59,7 +59,7 @@ TEST_F(ReceiveThreadTest, DownstreamForwardsAndRemembersWhereFrom) {
               withPort(IPAddrInfo("127.0.0.1", 1).socketAddress(), 0));
 }
 
-TEST_F(ReceiveThreadTest, DownstreamTakesADatagramThatIsTooLongAsItWasCut) {
+TEST_F(ReceiveThreadTest, DownstreamProcessesATruncatedDatagram) {
     declareFlow(5);
     printedBy([this] {
         startDownstream();
@@ -69,7 +69,7 @@ TEST_F(ReceiveThreadTest, DownstreamTakesADatagramThatIsTooLongAsItWasCut) {
     EXPECT_EQ(countsOf(*downstream), (Counts{.rxDg = 1}));
 }
 
-TEST_F(ReceiveThreadTest, DownstreamReportsAnEmptyDatagramAndGoesOn) {
+TEST_F(ReceiveThreadTest, DownstreamReportsAnEmptyDatagramAndContinues) {
     declareFlow(5);
     EXPECT_THAT(printedBy([this] {
                     startDownstream();
@@ -162,7 +162,7 @@ TEST_F(LateralThreadTest, CountsAReplyWithTheHmacOfAnotherInstance) {
     EXPECT_TRUE(peer.empty());
 }
 
-TEST_F(LateralThreadTest, CountsWhatIsNoLateralDatagram) {
+TEST_F(LateralThreadTest, CountsMalformedLateralDatagrams) {
     std::uint64_t count = 0;
     const Bytes good = wrapped(2, peer.address(), lateralKey, {});
     Bytes longByte = good;
@@ -179,7 +179,7 @@ TEST_F(LateralThreadTest, CountsWhatIsNoLateralDatagram) {
     EXPECT_TRUE(peer.empty());
 }
 
-TEST_F(LateralThreadTest, SendsNothingToAnAddressThatIsNone) {
+TEST_F(LateralThreadTest, SendsNothingToAnInvalidAddress) {
     SocketAddress longIpv4 = peer.address();
     longIpv4.length = 28;
     SocketAddress otherFamily = peer.address();
@@ -205,7 +205,7 @@ TEST_F(LateralThreadTest, DropsAReplyAfterStop) {
     expectCounts(*lateral, {.rxDg = 1, .dnTxDgDropped = 1});
 }
 
-TEST_F(LateralThreadTest, CountsNoRefusalOfThePeer) {
+TEST_F(LateralThreadTest, DoesNotCountARefusalOfThePeer) {
     provokeRefusal(downstreamSocket.fd());
     sendToInstance(wrapped(2, peer.address(), lateralKey, framed(0x2222, payload)));
     expectCounts(*lateral, {.rxDg = 1});
@@ -213,7 +213,7 @@ TEST_F(LateralThreadTest, CountsNoRefusalOfThePeer) {
     EXPECT_EQ(countsOf(*lateral), (Counts{.rxDg = 1}));
 }
 
-TEST_F(LateralThreadTest, ReportsAnEmptyDatagramAndGoesOn) {
+TEST_F(LateralThreadTest, ReportsAnEmptyDatagramAndContinues) {
     EXPECT_THAT(printedBy([this] {
                     sendToInstance({});
                     sendToInstance(Bytes{9});

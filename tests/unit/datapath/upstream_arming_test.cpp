@@ -37,13 +37,13 @@ class UpstreamArmingTest : public UpstreamTest {
     }
 };
 
-TEST_F(UpstreamArmingTest, ArmsADrainedSocketAtTheEndOfThePassAndOnce) {
+TEST_F(UpstreamArmingTest, ArmsADrainedSocketOnceAtTheEndOfThePass) {
     expectArmed();
     endPass();
     EXPECT_THAT(takePollRequests(), IsEmpty());
 }
 
-TEST_F(UpstreamArmingTest, TakesAnEmptyDatagramForADrainedSocket) {
+TEST_F(UpstreamArmingTest, TreatsAnEmptyDatagramAsADrainedSocket) {
     reply({});
     expectArmed();
 }
@@ -84,7 +84,7 @@ TEST_F(UpstreamArmingTest, ArmsWhatIsDrainedBeforeItWaitsForACreator) {
                 ElementsAre(PollCtlMsg{EPOLL_CTL_MOD, EPOLLIN, flow->rdsockfd}));
 }
 
-TEST_F(UpstreamArmingTest, LeavesAnEndpointToTheWorkerThatHasIt) {
+TEST_F(UpstreamArmingTest, LeavesAClaimedEndpointToItsWorker) {
     flow->serving = Serving::claimed;
     reply(framed(label, payload, inKey));
     serveFlow(false);
@@ -94,7 +94,7 @@ TEST_F(UpstreamArmingTest, LeavesAnEndpointToTheWorkerThatHasIt) {
     EXPECT_THAT(takePollRequests(), IsEmpty());
 }
 
-TEST_F(UpstreamArmingTest, GivesAnEndpointBackAfterEveryCall) {
+TEST_F(UpstreamArmingTest, ReleasesItsClaimAfterEveryCall) {
     serveFlow(false);
     EXPECT_EQ(flow->serving.load(), Serving::nobody);
     reply(framed(label, payload, inKey));
@@ -115,7 +115,7 @@ TEST_F(UpstreamArmingTest, HoldsADrainedEndpointUntilItsSocketIsArmed) {
     EXPECT_EQ(requests[2], (PollCtlMsg{EPOLL_CTL_DEL, 0, socket}));
 }
 
-TEST_F(UpstreamArmingTest, GivesAFlowUpThatCannotBeArmed) {
+TEST_F(UpstreamArmingTest, DeletesTheEndpointIfItCannotBeArmed) {
     serveFlow(false);
     context->pollSocket.reset();
     const std::string failure =
@@ -130,7 +130,7 @@ TEST_F(UpstreamArmingTest, GivesAFlowUpThatCannotBeArmed) {
     printedBy([this] { flow.reset(); });
 }
 
-TEST_F(UpstreamArmingTest, AnswersEveryReplyWhereTwoWorkersAreAtOneSocket) {
+TEST_F(UpstreamArmingTest, ReturnsEveryReplyWhenTwoWorkersServeOneSocket) {
     constexpr int count = 60;
     for (int i = 0; i < count; ++i) {
         reply(framed(label, payload, inKey));
@@ -189,7 +189,7 @@ TEST_F(UpstreamArmingTest, ReportsAnErrorAlthoughAnotherWorkerFoundTheSocket) {
               "(Socket operation on non-socket). Endpoint Deleted\n");
 }
 
-TEST_F(UpstreamArmingTest, ReadsADrainedSocketOnceMoreThatAnotherWorkerFound) {
+TEST_F(UpstreamArmingTest, ReadsADrainedSocketAgainAfterAnotherWorkersAttempt) {
     duringNextReceive([this] { EXPECT_FALSE(ServingClaim(*flow).held()); });
     serveFlow(true);
     expectArmed();
@@ -214,7 +214,7 @@ TEST_F(UpstreamArmingTest, DeletesTheEndpointAfterThePollLoopFailed) {
     EXPECT_EQ(manager().findEndpointByLabel(label), nullptr);
 }
 
-TEST_F(UpstreamArmingTest, LetsGoOfEverythingBeforeLinesAreWritten) {
+TEST_F(UpstreamArmingTest, ReleasesEverythingBeforeLinesAreWritten) {
     reply(framed(label, payload, inKey));
     serveFlow(true);
     const int socket = flow->rdsockfd;
@@ -231,7 +231,7 @@ TEST_F(UpstreamArmingTest, LetsGoOfEverythingBeforeLinesAreWritten) {
     EXPECT_FALSE(isOpen(socket));
 }
 
-TEST_F(UpstreamArmingTest, DropsANumberThatLedToAnEarlierSocket) {
+TEST_F(UpstreamArmingTest, IgnoresANumberKeptFromAnEarlierSocketOnce) {
     reply(framed(label, payload, inKey));
     serveFlow(true);
     const int socket = flow->rdsockfd;
@@ -264,7 +264,7 @@ TEST_F(UpstreamArmingTest, DropsANumberThatLedToAnEarlierSocket) {
                 ElementsAre(PollCtlMsg{EPOLL_CTL_MOD, EPOLLIN, next->rdsockfd}));
 }
 
-TEST_F(UpstreamArmingTest, LetsGoOfADrainedEndpointWhenAnyEndpointIsRemoved) {
+TEST_F(UpstreamArmingTest, ReleasesADrainedEndpointWhenAnyEndpointIsRemoved) {
     declareFlow(1000);
     const EndpointPtr other = createEndpoint(1000);
     ASSERT_NE(other, nullptr);

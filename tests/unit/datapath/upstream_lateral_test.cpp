@@ -39,7 +39,7 @@ class LateralReplyTest : public DatapathTest {
     EndpointPtr flow;
 };
 
-TEST_F(LateralReplyTest, GoesBackTheWayTheRequestCame) {
+TEST_F(LateralReplyTest, ReturnsToTheForwardingInstance) {
     answer(framed(replyLabel, answerPayload));
     EXPECT_EQ(peer.receive(), join({Bytes{2}, kept, framed(0x2222, answerPayload)}));
     EXPECT_EQ(peer.sender(), lateralSocket.address());
@@ -47,7 +47,7 @@ TEST_F(LateralReplyTest, GoesBackTheWayTheRequestCame) {
     EXPECT_EQ(countsOf(*lateral), Counts());
 }
 
-TEST_F(LateralReplyTest, IsDroppedWhereItsHeaderDoesNotFit) {
+TEST_F(LateralReplyTest, IsDroppedIfItsHeaderDoesNotFit) {
     answer(framed(replyLabel, Bytes(2048 - 34 - 20 + 1, 1)));
     EXPECT_TRUE(peer.empty());
     EXPECT_EQ(countsOf(*lateral), (Counts{.txDgDropped = 1}));

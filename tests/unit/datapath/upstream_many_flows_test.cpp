@@ -47,14 +47,14 @@ TEST_F(ManyFlowsTest, AreArmedTogetherAtTheEndOfThePass) {
     EXPECT_EQ(armedSockets(), sockets);
 }
 
-TEST_F(ManyFlowsTest, AreArmedEarlierWhereTheyFillADatagramOfTheChannel) {
+TEST_F(ManyFlowsTest, AreArmedEarlierIfTheyFillARow) {
     drain(maxPollRecords);
     EXPECT_EQ(armedSockets(), sockets);
     endPass();
     EXPECT_THAT(armedSockets(), IsEmpty());
 }
 
-TEST_F(ManyFlowsTest, AreTriedOneByOneWhereTheyCannotBeArmedTogether) {
+TEST_F(ManyFlowsTest, AreArmedOneByOneIfTheyCannotBeArmedTogether) {
     drain(2);
     context->pollSocket.reset();
     const std::string failure =

@@ -30,7 +30,7 @@ TEST_P(UpstreamBothVersionsTest, RelabelsSignsAndSendsToTheLastSender) {
     EXPECT_FALSE(flow->idle);
 }
 
-TEST_P(UpstreamBothVersionsTest, DropsAForgedReplyWithoutAWord) {
+TEST_P(UpstreamBothVersionsTest, DropsAForgedReplySilently) {
     reply(framed(label, payload, outKey));
     reply(framed(label, payload));
     serveFlow(true);
@@ -39,7 +39,7 @@ TEST_P(UpstreamBothVersionsTest, DropsAForgedReplyWithoutAWord) {
     EXPECT_TRUE(peer.empty());
 }
 
-TEST_P(UpstreamBothVersionsTest, CountsWhatIsNoDatagram) {
+TEST_P(UpstreamBothVersionsTest, CountsMalformedDatagrams) {
     reply(Bytes(19, 1));
     serveFlow(true);
     EXPECT_EQ(countsOf(*flow), (Counts{.rxDg = 1, .txDg = 1, .rxDgError = 1}));
@@ -55,7 +55,7 @@ TEST_F(UpstreamTest, AnswersTheSenderOfTheNewestDatagram) {
     EXPECT_TRUE(peer.empty());
 }
 
-TEST_F(UpstreamTest, CountsADifferentLabelAndCarriesOn) {
+TEST_F(UpstreamTest, CountsADifferentLabelAndReturnsTheReply) {
     reply(framed(0x999, payload, inKey));
     serveFlow(true);
     EXPECT_EQ(peer.receive(), framed(0x2222, payload, outKey));
@@ -69,7 +69,7 @@ TEST_F(UpstreamTest, DoesNotCountAMissingLabel) {
     EXPECT_EQ(countsOf(*flow), (Counts{.rxDg = 1, .txDg = 1, .dnTxDg = 1}));
 }
 
-TEST_F(UpstreamTest, ReturnsNothingThatCannotBeSigned) {
+TEST_F(UpstreamTest, DropsAReplyThatCannotBeSigned) {
     FlowDesc scratch;
     scratch.down.outHmac.digest = []() -> const EVP_MD* { return nullptr; };
     open(keyWords("down_out", outKey));
@@ -106,7 +106,7 @@ TEST_F(UpstreamTest, DropsAReplyForAFlowThatNoPeerHasUsed) {
     EXPECT_EQ(manager().findEndpointByLabel(label), flow);
 }
 
-TEST_F(UpstreamTest, CountsNoRefusalOfThePeer) {
+TEST_F(UpstreamTest, DoesNotCountARefusalOfThePeer) {
     provokeRefusal(downstreamSocket.fd());
     reply(framed(label, payload, inKey));
     serveFlow(true);
@@ -114,7 +114,7 @@ TEST_F(UpstreamTest, CountsNoRefusalOfThePeer) {
     EXPECT_EQ(manager().findEndpointByLabel(label), flow);
 }
 
-TEST_F(UpstreamTest, TakesADatagramThatIsTooLongAsItWasCut) {
+TEST_F(UpstreamTest, ProcessesATruncatedDatagram) {
     open("");
     reply(framed(label, Bytes(2100, 1)));
     serveFlow(true);
@@ -137,7 +137,7 @@ TEST_F(UpstreamTest, DeletesAnEndpointWhoseSocketFails) {
     endPass();
 }
 
-TEST_F(UpstreamTest, IsSilentAboutASocketThatIsUnknown) {
+TEST_F(UpstreamTest, IgnoresAnUnknownSocketSilently) {
     const AtLogLevel level("trace");
     for (const int socket : {-1, 10000}) {
         const Served served = serve(socket);
@@ -147,7 +147,7 @@ TEST_F(UpstreamTest, IsSilentAboutASocketThatIsUnknown) {
     }
 }
 
-TEST_F(UpstreamTest, RemarksOnAStaleSocketNumber) {
+TEST_F(UpstreamTest, LogsAStaleSocketNumber) {
     const std::string read = std::to_string(flow->rdsockfd);
     const std::string write = std::to_string(flow->wrsockfd);
     const Served served = serve(flow->wrsockfd);
@@ -159,7 +159,7 @@ TEST_F(UpstreamTest, RemarksOnAStaleSocketNumber) {
     EXPECT_EQ(countsOf(*flow), (Counts{.txDg = 1}));
 }
 
-TEST_F(UpstreamTest, HasNothingToDoForWriting) {
+TEST_F(UpstreamTest, LogsThatWritingIsNotImplemented) {
     bool keep = true;
     EXPECT_EQ(printedBy([&keep] { EXPECT_EQ(upstreamSocketSend(7, keep), 0); }),
               "error upstreamSocketSend:Not Implemented yet\n");

@@ -51,7 +51,7 @@ TEST(LabelAttributeTest, StoresNumbersOfAnyBase) {
 
 const std::string labelPrefix = "error validateLabelLikeString: bad label-like value, ";
 
-TEST(LabelAttributeTest, RefusesWhatIsNoNumber) {
+TEST(LabelAttributeTest, RefusesNonNumericText) {
     expectRefused("label", "10abc", labelPrefix + "'label': bogus labelVal '10abc'\n");
     expectRefused("down_aux_flow_label_prefix", "x",
                   labelPrefix + "'down_aux_flow_label_prefix': bogus labelVal 'x'\n");
@@ -59,7 +59,7 @@ TEST(LabelAttributeTest, RefusesWhatIsNoNumber) {
                   labelPrefix + "'up_label': bogus labelVal '18446744073709551616'\n");
 }
 
-TEST(LabelAttributeTest, RefusesTheReservedZero) {
+TEST(LabelAttributeTest, RefusesZero) {
     expectRefused("label", "0", labelPrefix + "'label': reserved labelVal '0'\n");
     expectRefused("up_aux_flow_label", "0x0",
                   labelPrefix + "'up_aux_flow_label': reserved labelVal '0x0'\n");
@@ -67,7 +67,7 @@ TEST(LabelAttributeTest, RefusesTheReservedZero) {
                   labelPrefix + "'down_aux_flow_label_prefix': reserved labelVal ''\n");
 }
 
-TEST(LabelAttributeTest, RefusesWhatIsTooLarge) {
+TEST(LabelAttributeTest, RefusesNumbersThatAreTooLarge) {
     expectRefused("label", "4294967296",
                   labelPrefix + "'label': illegal labelVal '4294967296' exceeds '4294967295'\n");
     expectRefused("down_aux_flow_label_prefix", "65536",
@@ -84,7 +84,7 @@ TEST(LabelAttributeTest, RefusesANegativeTextAsTooLarge) {
         labelPrefix + "'down_aux_flow_label_prefix': illegal labelVal '-1' exceeds '65535'\n");
 }
 
-TEST(LabelAttributeTest, LeavesTheMemberAloneWhenItRefuses) {
+TEST(LabelAttributeTest, LeavesTheMemberUnchangedOnRefusal) {
     FlowDesc before(7);
     EXPECT_EQ(validate("label", "0", before).scratch.label, 7U);
 }
@@ -100,7 +100,7 @@ TEST(DscpAttributeTest, StoresSixBitValuesAndNoMark) {
     EXPECT_EQ(validate("up_out_dscp_v6", "-1", marked).scratch.up.dscpV6, -1);
 }
 
-TEST(DscpAttributeTest, IgnoresWhatIsOutOfRange) {
+TEST(DscpAttributeTest, IgnoresValuesOutOfRange) {
     for (const char* value : {"64", "-2", "256", "4294967295", "9223372036854775807",
                               "-9223372036854775808", "-99999999999999999999"}) {
         FlowDesc marked;
@@ -113,7 +113,7 @@ TEST(DscpAttributeTest, IgnoresWhatIsOutOfRange) {
     }
 }
 
-TEST(DscpAttributeTest, RefusesWhatIsNoNumber) {
+TEST(DscpAttributeTest, RefusesNonNumericText) {
     expectRefused("up_out_dscp_v4", "EF", "error " + dscpPrefix + " Bad dscp value: EF\n");
     expectRefused("up_out_dscp_v6", "9223372036854775808",
                   "error " + dscpPrefix + " Bad dscp value: 9223372036854775808\n");
@@ -172,14 +172,14 @@ TEST(AlgorithmAttributeTest, StoresNameAndDigest) {
     EXPECT_EQ(expectAccepted("up_out_algo", "sha256").up.outHmac.algoName, "sha256");
 }
 
-TEST(AlgorithmAttributeTest, KnowsNoOtherSpelling) {
+TEST(AlgorithmAttributeTest, RefusesOtherSpellings) {
     for (const std::string value : {"SHA1", "sha", "sha1 ", "sha-256", "md5", ""}) {
         expectRefused("down_in_algo", value,
                       "error Vesk_validateHmacAlgoString: unknown algo '" + value + "'\n");
     }
 }
 
-TEST(MultiplexAttributeTest, TakesTrueAndFalseOnly) {
+TEST(MultiplexAttributeTest, AcceptsOnlyTrueAndFalse) {
     EXPECT_TRUE(expectAccepted("is_multiplex", "true").isMultiplex);
     FlowDesc multiplexed;
     multiplexed.isMultiplex = true;
@@ -215,7 +215,7 @@ TEST(AddressAttributeTest, LeavesHalfAnAddressUnresolved) {
     EXPECT_FALSE(portOnly.resolved());
 }
 
-TEST(AddressAttributeTest, ReadsATextWithoutSeparatorAsNothing) {
+TEST(AddressAttributeTest, IgnoresTextWithoutASeparator) {
     const IPAddrInfo nothing = expectAccepted("up_addrinfo", "10.0.0.1").up.addrInfo;
     EXPECT_EQ(nothing.host(), "");
     EXPECT_EQ(nothing.port(), 0);
@@ -231,13 +231,13 @@ TEST(AddressAttributeTest, RefusesABadPort) {
                   "'1.2.3.4|5|6' Bad port value\n");
 }
 
-TEST(AddressAttributeTest, ChecksNoRangeOfThePort) {
+TEST(AddressAttributeTest, DoesNotCheckTheRangeOfThePort) {
     EXPECT_EQ(expectAccepted("up_addrinfo", "127.0.0.1|70000").up.addrInfo.port(), 4464);
     // Handed on as 32 bits.
     EXPECT_EQ(expectAccepted("up_addrinfo", "127.0.0.1|4294971796").up.addrInfo.port(), 4500);
 }
 
-TEST(AddressAttributeTest, LetsAResolverFailurePass) {
+TEST(AddressAttributeTest, PropagatesAResolverFailure) {
     EXPECT_THROW(validate("up_addrinfo", "fe80::1::2|53"), std::runtime_error);
 }
 

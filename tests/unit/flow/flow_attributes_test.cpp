@@ -41,7 +41,7 @@ class AllAttributesTest : public testing::Test {
     }
 };
 
-TEST_F(AllAttributesTest, StoresEveryOne) {
+TEST_F(AllAttributesTest, StoresEveryAttribute) {
     const ParsedAttributes outcome =
         validateAll({{"label", "5"}, {"up_label", "6"}, {"is_multiplex", "true"}});
     EXPECT_TRUE(outcome.accepted);
@@ -51,7 +51,7 @@ TEST_F(AllAttributesTest, StoresEveryOne) {
     EXPECT_TRUE(outcome.scratch.isMultiplex);
 }
 
-TEST_F(AllAttributesTest, WantsALabelBeforeAnythingElse) {
+TEST_F(AllAttributesTest, RequiresALabelFirst) {
     const std::string line =
         "error Vesk_setFlowDescLabelAttrs: Invalid Attr,  'label' field is missing\n";
     EXPECT_EQ(validateAll({{"up_label", "6"}}).printed, line);
@@ -69,7 +69,7 @@ TEST_F(AllAttributesTest, RefusesUnknownNames) {
     EXPECT_EQ(outcome.scratch.label, 0U);
 }
 
-TEST_F(AllAttributesTest, StopsAtTheFirstOneRefusedInTheOrderOfNames) {
+TEST_F(AllAttributesTest, StopsAtTheFirstRefusedAttributeInNameOrder) {
     const ParsedAttributes outcome = validateAll(
         {{"down_label", "7"}, {"is_multiplex", "maybe"}, {"label", "5"}, {"zeta", "1"}});
     EXPECT_FALSE(outcome.accepted);
@@ -79,7 +79,7 @@ TEST_F(AllAttributesTest, StopsAtTheFirstOneRefusedInTheOrderOfNames) {
     EXPECT_EQ(outcome.scratch.label, 0U);
 }
 
-TEST_F(AllAttributesTest, GoesOnAfterAnIgnoredTrafficMark) {
+TEST_F(AllAttributesTest, ContinuesAfterAnIgnoredTrafficMark) {
     const ParsedAttributes outcome = validateAll({{"label", "5"}, {"up_out_dscp_v4", "99"}});
     EXPECT_TRUE(outcome.accepted);
     EXPECT_EQ(outcome.printed, "warn Vesk_validateDscpString: ' Ignore invalid DSCP value: 99'\n");

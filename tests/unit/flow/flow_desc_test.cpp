@@ -108,7 +108,7 @@ const std::vector<Member>& members() {
 
 class UpdateTest : public testing::TestWithParam<Member> {};
 
-TEST_P(UpdateTest, TakesOverTheNamedMemberAndNoOther) {
+TEST_P(UpdateTest, CopiesOnlyTheNamedMember) {
     const FlowDesc from = fullFlow();
     const FlowDesc untouched(5);
     FlowDesc flow(5);
@@ -129,7 +129,7 @@ TEST(FlowDescUpdateTest, HasTwentyTwoMembers) {
     EXPECT_EQ(members().size(), 22U);
 }
 
-TEST(FlowDescUpdateTest, TakesOverAllNamedMembers) {
+TEST(FlowDescUpdateTest, CopiesAllNamedMembers) {
     const FlowDesc from = fullFlow();
     std::vector<std::string> names;
     for (const Member& member : members()) {
@@ -143,7 +143,7 @@ TEST(FlowDescUpdateTest, TakesOverAllNamedMembers) {
     }
 }
 
-TEST(FlowDescUpdateTest, TakesOverDefaultsToo) {
+TEST(FlowDescUpdateTest, CopiesDefaultsToo) {
     FlowDesc flow = fullFlow();
     flow.update(FlowDesc(), {"up_out_dscp_v4", "is_multiplex", "up_in_key", "up_label"});
     EXPECT_EQ(flow.up.dscpV4, -1);
@@ -152,7 +152,7 @@ TEST(FlowDescUpdateTest, TakesOverDefaultsToo) {
     EXPECT_EQ(flow.up.label, 0U);
 }
 
-TEST(FlowDescUpdateTest, KeepsTheOldPortOfAnAddressWithoutOne) {
+TEST(FlowDescUpdateTest, KeepsTheOldPortIfTheNewAddressHasNone) {
     FlowDesc from;
     from.up.addrInfo = IPAddrInfo("127.0.0.9", 0);
     FlowDesc flow = fullFlow();
@@ -162,7 +162,7 @@ TEST(FlowDescUpdateTest, KeepsTheOldPortOfAnAddressWithoutOne) {
     EXPECT_TRUE(flow.up.addrInfo.resolved());
 }
 
-TEST(FlowDescUpdateTest, KeepsTheOldHostOfAnAddressWithoutOne) {
+TEST(FlowDescUpdateTest, KeepsTheOldHostIfTheNewAddressHasNone) {
     FlowDesc from;
     from.upAuxFlowAddrInfo = IPAddrInfo("", 9000);
     FlowDesc flow = fullFlow();
@@ -172,7 +172,7 @@ TEST(FlowDescUpdateTest, KeepsTheOldHostOfAnAddressWithoutOne) {
     EXPECT_EQ(flow.upAuxFlowAddrInfo.family(), AF_INET6);
 }
 
-TEST(FlowDescUpdateTest, ReportsUnknownNamesAndGoesOn) {
+TEST(FlowDescUpdateTest, ReportsUnknownNamesAndContinues) {
     FlowDesc flow;
     const FlowDesc from = fullFlow();
     EXPECT_EQ(printedBy([&] {

@@ -45,7 +45,7 @@ TEST(HmacInfoTest, HasNoKeyAndSha1ByDefault) {
     EXPECT_EQ(info.context, nullptr);
 }
 
-TEST(HmacInfoTest, PairsNamesWithDigests) {
+TEST(HmacInfoTest, MapsNamesToDigests) {
     EXPECT_EQ(hmacSha1.name, "sha1");
     EXPECT_EQ(hmacSha1.digest, &EVP_sha1);
     EXPECT_EQ(hmacSha256.name, "sha256");

@@ -38,7 +38,7 @@ TEST(IPAddrInfoTest, StaysUnresolvedWithoutHostOrPort) {
     expectUnresolved(IPAddrInfo("", 0), "", 0);
 }
 
-TEST(IPAddrInfoTest, AsksNoResolverWithoutAPort) {
+TEST(IPAddrInfoTest, DoesNotCallTheResolverWithoutAPort) {
     EXPECT_NO_THROW(expectUnresolved(IPAddrInfo(unresolvableHost, 0), unresolvableHost, 0));
 }
 
@@ -59,7 +59,7 @@ TEST(IPAddrInfoTest, ResolvesAnIpv6Address) {
     EXPECT_EQ(info.socketAddress(), ipv6("::1", 9000));
 }
 
-TEST(IPAddrInfoTest, LooksNamesUp) {
+TEST(IPAddrInfoTest, ResolvesNames) {
     if (gethostbyname("localhost") == nullptr) {
         GTEST_SKIP() << "this host has no name for itself";
     }
@@ -80,13 +80,13 @@ TEST(IPAddrInfoTest, AsksForAPortWhoseLowBitsAreZero) {
     EXPECT_TRUE(info.resolved());
 }
 
-TEST(IPAddrInfoTest, TellsWhatTheResolverCouldNotFind) {
+TEST(IPAddrInfoTest, ReportsWhatTheResolverDidNotFind) {
     EXPECT_THAT([] { IPAddrInfo(unresolvableHost, 53); },
                 ThrowsMessage<std::runtime_error>(
                     MatchesRegex("getaddrinfo: fe80::1::2\\|53: err -[0-9]+ errno [0-9]+")));
 }
 
-TEST(IPAddrInfoTest, HandsTheResolverTheWholePort) {
+TEST(IPAddrInfoTest, PassesTheWholePortToTheResolver) {
     // Cut to its low bits it would have been 65535 and good.
     EXPECT_THAT([] { IPAddrInfo("127.0.0.1", 4294967295U); },
                 ThrowsMessage<std::runtime_error>(MatchesRegex(
@@ -160,7 +160,7 @@ TEST(MergeAddressesTest, KeepsTheOldHost) {
     EXPECT_EQ(merged.socketAddress(), ipv4("127.0.0.1", 9000));
 }
 
-TEST(MergeAddressesTest, StaysUnresolvedWhereAPartIsMissingStill) {
+TEST(MergeAddressesTest, StaysUnresolvedWhileAPartIsMissing) {
     expectUnresolved(mergeAddresses(IPAddrInfo("", 9000), IPAddrInfo()), "", 9000);
     expectUnresolved(mergeAddresses(IPAddrInfo("127.0.0.1", 0), IPAddrInfo("::1", 0)), "127.0.0.1",
                      0);
@@ -171,7 +171,7 @@ TEST(MergeAddressesTest, ResolvesAgainWhereBothPartsAreMissing) {
     EXPECT_EQ(merged.socketAddress(), ipv4("127.0.0.1", 1));
 }
 
-TEST(MergeAddressesTest, ThrowsWhatTheResolverMakesOfTheWhole) {
+TEST(MergeAddressesTest, ThrowsTheResolversErrorForTheMergedAddress) {
     EXPECT_THROW(mergeAddresses(IPAddrInfo(unresolvableHost, 0), IPAddrInfo("127.0.0.1", 1)),
                  std::runtime_error);
 }

@@ -92,7 +92,7 @@ struct Tattler {
     }
 };
 
-TEST(LogTest, ComposesNothingForALevelThatIsOff) {
+TEST(LogTest, FormatsNothingForADisabledLevel) {
     bool composed = false;
     logDebug(Tattler{composed});
     EXPECT_FALSE(composed);
@@ -112,7 +112,7 @@ TEST(LogTest, WritesAStreamLikeAText) {
               "info a1\n");
 }
 
-TEST(LogTest, KeepsTheNewlineThatAMessageBrings) {
+TEST(LogTest, KeepsTheTrailingNewlineOfAMessage) {
     EXPECT_EQ(printedBy([] { emitLine("info", "text\n"); }), "info text\n\n");
 }
 
@@ -177,7 +177,7 @@ TEST(LogTest, NeverMixesLinesOfSeveralThreads) {
     EXPECT_EQ(count, lineCount * static_cast<int>(texts.size()));
 }
 
-TEST(LogDelayTest, WritesTheLinesOfItsThreadInOrderWhenItGoes) {
+TEST(LogDelayTest, WritesTheLinesOfItsThreadInOrderWhenDestroyed) {
     EXPECT_EQ(printedBy([] {
                   {
                       const LogDelay delay;
@@ -192,7 +192,7 @@ TEST(LogDelayTest, WritesTheLinesOfItsThreadInOrderWhenItGoes) {
               "error other thread\nerror first\nas it is\nerror last\n");
 }
 
-TEST(LogDelayTest, LeavesTheDecisionToTheOuterOfTwo) {
+TEST(LogDelayTest, InnerDelayLeavesTheLinesToTheOuterOne) {
     EXPECT_EQ(printedBy([] {
                   const LogDelay outer;
                   {
@@ -205,7 +205,7 @@ TEST(LogDelayTest, LeavesTheDecisionToTheOuterOfTwo) {
               "error inner\nerror outer\n");
 }
 
-TEST(LogDelayTest, HoldsNothingOfALevelThatIsOff) {
+TEST(LogDelayTest, IgnoresLinesOfADisabledLevel) {
     EXPECT_EQ(printedBy([] {
                   const LogDelay delay;
                   logDebug("off");

@@ -117,12 +117,12 @@ TEST(PrintfLogTest, CutsTheMessageAndNotTheTimestamp) {
 
 class SuppressedFormatTest : public testing::TestWithParam<const char*> {};
 
-TEST_P(SuppressedFormatTest, IsSwallowedWithAnythingBehindIt) {
+TEST_P(SuppressedFormatTest, IsSuppressedWhateverFollows) {
     EXPECT_TRUE(isSuppressedWarning(GetParam()));
     EXPECT_TRUE(isSuppressedWarning((std::string(GetParam()) + "more %s\n").c_str()));
 }
 
-TEST_P(SuppressedFormatTest, IsWrittenWhereOnlyPartOfItIsThere) {
+TEST_P(SuppressedFormatTest, IsWrittenIfIncomplete) {
     const std::string part = std::string(GetParam()).substr(0, std::string(GetParam()).size() - 1);
     EXPECT_FALSE(isSuppressedWarning(part.c_str()));
     EXPECT_FALSE(isSuppressedWarning((" " + std::string(GetParam())).c_str()));
@@ -142,12 +142,12 @@ TEST(SuppressionTest, PrintsPartOfAPrefix) {
                 MatchesRegex("warn .*socket 3 los\n"));
 }
 
-TEST(SuppressionTest, LooksAtTheFormatAndNotAtTheText) {
+TEST(SuppressionTest, ComparesTheFormatAndNotTheText) {
     EXPECT_THAT(printedBy([] { Warning("%s", "socket %d loss: 4"); }),
                 MatchesRegex("warn .*socket %d loss: 4\n"));
 }
 
-TEST(SuppressionTest, ConcernsWarningsOnly) {
+TEST(SuppressionTest, AppliesToWarningsOnly) {
     const AtLogLevel level("debug");
     EXPECT_THAT(printedBy([] { Log("socket %d loss: ", 3); }), MatchesRegex("debug .*loss: \n"));
     EXPECT_THAT(printedBy([] { Panic("socket %d loss: ", 3); }), MatchesRegex("error .*loss: \n"));

@@ -37,7 +37,7 @@ class ExpiryTest : public EndpointManagerTest {
     std::vector<std::uint32_t> reported;
 };
 
-TEST_F(ExpiryTest, MarksInOnePassAndTakesOutInTheNext) {
+TEST_F(ExpiryTest, MarksInOnePassAndRemovesInTheNext) {
     EXPECT_THAT(expire(true, true), IsEmpty());
     EXPECT_TRUE(manager->findEndpointByLabel(5)->idle);
     EXPECT_THAT(expire(true, true), ElementsAre(5, 7, 0x120001));
@@ -72,7 +72,7 @@ TEST_F(ExpiryTest, ReportsAnEndpointBeforeItLeavesTheTables) {
     EXPECT_EQ(manager->removals(), 3U);
 }
 
-TEST_F(ExpiryTest, KeepsWhatSawTraffic) {
+TEST_F(ExpiryTest, KeepsEndpointsWithTraffic) {
     expire(true, true);
     manager->findEndpointByLabel(7)->markActive();
     EXPECT_THAT(expire(true, true), ElementsAre(5, 0x120001));
@@ -111,7 +111,7 @@ TEST_F(ExpiryTest, ForgetsTheRecordOfAnAuxiliaryFlow) {
     EXPECT_EQ(create(0x120001)->flow.up.label, 0xcd000001U);
 }
 
-TEST_F(ExpiryTest, UnfilesBothDescriptors) {
+TEST_F(ExpiryTest, RemovesBothDescriptorsFromTheTables) {
     const EndpointPtr held = manager->findEndpointByLabel(7);
     expire(true, true);
     expire(true, true);
@@ -120,7 +120,7 @@ TEST_F(ExpiryTest, UnfilesBothDescriptors) {
     EXPECT_TRUE(isOpen(held->rdsockfd));
 }
 
-TEST_F(ExpiryTest, TakesAnEndpointWithoutARecordForAMainFlow) {
+TEST_F(ExpiryTest, TreatsAnEndpointWithoutARecordAsAMainFlow) {
     ASSERT_EQ(manager->addEndpoint(endpointOf(9, 100, 101)), 0);
     expire(false, true);
     EXPECT_FALSE(manager->findEndpointByLabel(9)->idle);

@@ -48,7 +48,7 @@ TEST_F(LabelTablesTest, PrefersADeclaredLabelToItsPrefix) {
     EXPECT_EQ(endpoint->flow.up.label, 0U);
 }
 
-TEST_F(LabelTablesTest, MakesALabelOfItsOwnOfAnAuxiliaryOneThatIsDeclared) {
+TEST_F(LabelTablesTest, TurnsADeclaredAuxiliaryLabelIntoAMainFlow) {
     declareOwner(5, 0x12, 0xab000000);
     ASSERT_NE(create(0x120034), nullptr);
     // Its record came from the owner's, and with it what makes an owner.
@@ -97,13 +97,13 @@ TEST_F(AuxiliaryRecordTest, StaysWhenTheLabelsEndpointIsDeleted) {
     EXPECT_EQ(upLabelWhenDeclared(), upLabel);
 }
 
-TEST_F(AuxiliaryRecordTest, GoesWithTheCreationThatMadeIt) {
+TEST_F(AuxiliaryRecordTest, IsRemovedWithTheCreationThatMadeIt) {
     manager->undoCreation(*endpoint);
     EXPECT_EQ(manager->findEndpointByLabel(label), nullptr);
     EXPECT_EQ(upLabelWhenDeclared(), 0U);
 }
 
-TEST_F(AuxiliaryRecordTest, StaysWhereALaterCreationIsUndone) {
+TEST_F(AuxiliaryRecordTest, StaysIfALaterCreationIsUndone) {
     manager->deleteEndpoint(*endpoint);
     endpoint = create(label);
     manager->undoCreation(*endpoint);
@@ -111,7 +111,7 @@ TEST_F(AuxiliaryRecordTest, StaysWhereALaterCreationIsUndone) {
     EXPECT_EQ(upLabelWhenDeclared(), upLabel);
 }
 
-TEST_F(AuxiliaryRecordTest, StaysWhereALaterCreationFails) {
+TEST_F(AuxiliaryRecordTest, StaysIfALaterCreationFails) {
     manager->deleteEndpoint(*endpoint);
     printedBy([this] {
         const DescriptorShortage shortage(0);
@@ -120,7 +120,7 @@ TEST_F(AuxiliaryRecordTest, StaysWhereALaterCreationFails) {
     EXPECT_EQ(upLabelWhenDeclared(), upLabel);
 }
 
-TEST_F(AuxiliaryRecordTest, GoesWhereTheFirstCreationFails) {
+TEST_F(AuxiliaryRecordTest, IsRemovedIfTheFirstCreationFails) {
     printedBy([this] {
         const DescriptorShortage shortage(0);
         EXPECT_EQ(create(label + 1), nullptr);
@@ -129,14 +129,14 @@ TEST_F(AuxiliaryRecordTest, GoesWhereTheFirstCreationFails) {
     EXPECT_EQ(create(label + 1)->flow.up.label, 0U);
 }
 
-TEST_F(AuxiliaryRecordTest, StaysWhereTheCreationOfAnOldEndpointIsUndone) {
+TEST_F(AuxiliaryRecordTest, StaysIfTheCreationOfAnOldEndpointIsUndone) {
     manager->deleteEndpoint(*endpoint);
     const EndpointPtr successor = create(label);
     manager->undoCreation(*endpoint);
     EXPECT_EQ(manager->findEndpointByLabel(label), successor);
 }
 
-TEST_F(AuxiliaryRecordTest, OfALaterOwnerIsUndoneAgain) {
+TEST_F(AuxiliaryRecordTest, IsRemovedForALaterOwnerToo) {
     manager->deleteEndpoint(*endpoint);
     manager->removeLabel(5);
     declareOwner(6, 0x12, 0xac000000);
@@ -227,7 +227,7 @@ TEST_F(LabelTablesTest, ReleasesWhatASetRemovesOutsideItsLock) {
     EXPECT_TRUE(lookedUp);
 }
 
-TEST_F(LabelTablesTest, KeepsTheRecordWhereTheMergeCannotBeResolved) {
+TEST_F(LabelTablesTest, KeepsTheRecordIfTheMergedAddressFails) {
     declare(5);
     ASSERT_NE(create(5), nullptr);
     FlowDesc scratch;

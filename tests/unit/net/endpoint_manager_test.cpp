@@ -15,7 +15,7 @@ namespace {
 using testing::ElementsAre;
 using testing::IsEmpty;
 
-TEST_F(EndpointManagerTest, MakesTheEndpointOfADeclaredLabel) {
+TEST_F(EndpointManagerTest, CreatesTheEndpointOfADeclaredLabel) {
     FlowDesc scratch;
     scratch.up.label = 9;
     scratch.isMultiplex = true;
@@ -44,7 +44,7 @@ TEST_F(EndpointManagerTest, FilesAnEndpointUnderLabelAndBothDescriptors) {
     EXPECT_EQ(manager->findEndpointByFd(-1), nullptr);
 }
 
-TEST_F(EndpointManagerTest, MakesNothingForAnUnknownLabelWithoutAWord) {
+TEST_F(EndpointManagerTest, IgnoresUnknownLabelSilently) {
     declareOwner(5, 0x12, 0xab000000);
     const AtLogLevel level("trace");
     EXPECT_EQ(printedBy([this] {
@@ -68,7 +68,7 @@ TEST_F(EndpointManagerTest, ReportsAFlowWithoutAnUpstreamAddress) {
     EXPECT_EQ(manager->findEndpointByLabel(5), nullptr);
 }
 
-TEST_F(EndpointManagerTest, ReportsThatNoSocketsAreToBeHad) {
+TEST_F(EndpointManagerTest, ReportsThatNoSocketsCanBeMade) {
     declare(5);
     const std::string printed = printedBy([this] {
         const DescriptorShortage shortage(0);
@@ -149,7 +149,7 @@ TEST_F(EndpointManagerTest, KeepsTheEndpointThatALabelHas) {
     EXPECT_EQ(manager->findEndpointByFd(102), second);
 }
 
-TEST_F(EndpointManagerTest, TakesTheReadDescriptorBackWhereTheWriteDescriptorIsFiled) {
+TEST_F(EndpointManagerTest, RemovesTheReadDescriptorIfTheWriteDescriptorIsTaken) {
     ASSERT_EQ(manager->addEndpoint(endpointOf(5, 100, 101)), 0);
     const EndpointPtr second = endpointOf(6, 102, 101);
     EXPECT_EQ(printedBy([&] { EXPECT_EQ(manager->addEndpoint(second), -1); }),
@@ -160,7 +160,7 @@ TEST_F(EndpointManagerTest, TakesTheReadDescriptorBackWhereTheWriteDescriptorIsF
     EXPECT_EQ(manager->findEndpointByLabel(6), second);
 }
 
-TEST_F(EndpointManagerTest, FindsNothingAfterADeletionEvenWhileSomebodyHoldsTheEndpoint) {
+TEST_F(EndpointManagerTest, DoesNotFindADeletedEndpointThatIsStillHeld) {
     declare(5);
     const EndpointPtr held = create(5);
     ASSERT_NE(held, nullptr);
@@ -233,7 +233,7 @@ TEST_F(EndpointManagerTest, ListsEndpointsInTheOrderOfTheirLabels) {
     EXPECT_THAT(labels(), ElementsAre(5, 6, 7, 0xffffffff));
 }
 
-TEST_F(EndpointManagerTest, RunsAnActionWhileNothingIsMade) {
+TEST_F(EndpointManagerTest, RunsAnActionWithoutConcurrentCreation) {
     bool ran = false;
     manager->withoutCreation([&ran] { ran = true; });
     EXPECT_TRUE(ran);

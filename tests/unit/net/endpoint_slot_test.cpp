@@ -52,7 +52,7 @@ TEST(LentEndpointTest, IsTakenBackAtOnceWithoutLeases) {
     EXPECT_TRUE(watched.expired());
 }
 
-TEST(LentEndpointTest, WaitsAsleepForTheLastLease) {
+TEST(LentEndpointTest, SleepsUntilTheLastLeaseIsReturned) {
     LentEndpoint lent(anyEndpoint());
     EndpointPtr first = lent.lease();
     EndpointPtr second = first;

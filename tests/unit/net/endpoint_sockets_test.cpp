@@ -112,7 +112,7 @@ TEST_F(EndpointSocketsTest, LeavesTheSocketBlockingAndItsPortUnshared) {
     EXPECT_EQ(socketOption(endpoint->rdsockfd, SOL_SOCKET, SO_PROTOCOL), IPPROTO_UDP);
 }
 
-TEST_F(EndpointSocketsTest, ClosesItsSocketInTheEnd) {
+TEST_F(EndpointSocketsTest, ClosesItsSocketOnDestruction) {
     make("127.0.0.1", freePort());
     ASSERT_NE(endpoint, nullptr);
     const int fd = endpoint->rdsockfd;
@@ -141,12 +141,12 @@ TEST_F(EndpointSocketsTest, ReportsAnAddressThatIsNotBindable) {
     }
 }
 
-TEST_F(EndpointSocketsTest, LetsAResolverFailurePassWithoutLosingTheSocket) {
+TEST_F(EndpointSocketsTest, PropagatesAResolverFailureWithoutLeakingTheSocket) {
     EXPECT_THROW(make("fe80::1::2", 53), std::runtime_error);
     EXPECT_EQ(endpoint, nullptr);
 }
 
-TEST_F(EndpointSocketsTest, ReportsThatThereIsNoSocketToBeHad) {
+TEST_F(EndpointSocketsTest, ReportsThatNoSocketCanBeMade) {
     const std::string printed = printedBy([this] {
         const DescriptorShortage shortage(0);
         endpoint = makeEndpointSocket("127.0.0.1", 1);
@@ -157,7 +157,7 @@ TEST_F(EndpointSocketsTest, ReportsThatThereIsNoSocketToBeHad) {
     EXPECT_EQ(endpoint, nullptr);
 }
 
-TEST_F(EndpointSocketsTest, SaysWhichKindOfEndpointIsMade) {
+TEST_F(EndpointSocketsTest, NamesTheKindOfEndpoint) {
     const std::string port = std::to_string(freePort());
     EXPECT_THAT(
         printedBy([&] { endpoint = makeDownstreamEndpoint("127.0.0.1", std::stoi(port)); }),
@@ -186,7 +186,7 @@ TEST_F(SocketPairTest, IsOneSocketUnderTwoDescriptors) {
     EXPECT_EQ(socketOption(pair.wrsockfd.get(), SOL_SOCKET, SO_BROADCAST), 1);
 }
 
-TEST_F(SocketPairTest, ReportsAFamilyThatThereIsNot) {
+TEST_F(SocketPairTest, ReportsAnUnknownFamily) {
     SocketPair pair;
     EXPECT_EQ(printedBy([&pair] { EXPECT_EQ(makeEndpointSocketPair(0, pair), -EAFNOSUPPORT); }),
               "error socket: new endpoint socket. Error: Address family not supported by "

@@ -25,7 +25,7 @@ FlowDesc upstreamFlow() {
     return flow;
 }
 
-TEST(EndpointTest, StartsWithWhatItIsGiven) {
+TEST(EndpointTest, KeepsItsConstructorArguments) {
     const VeskEndpointDescriptor endpoint(5, 7, 8, upstreamFlow(), ignoreSockets);
     EXPECT_EQ(endpoint.label, 5U);
     EXPECT_EQ(endpoint.rdsockfd, 7);
@@ -39,7 +39,7 @@ TEST(EndpointTest, StartsWithWhatItIsGiven) {
     EXPECT_FALSE(endpoint.prepared);
 }
 
-TEST(EndpointTest, StartsWithNothingCounted) {
+TEST(EndpointTest, StartsWithZeroCounters) {
     const VeskEndpointDescriptor endpoint(0, 7, 7, FlowDesc(), ignoreSockets);
     const EndpointCounters& counters = endpoint.counters;
     EXPECT_EQ(counters.rxDg.value(), 0U);
@@ -77,7 +77,7 @@ TEST(EndpointTest, HandsItsSocketsToTheDeleterOnce) {
     EXPECT_THAT(deleted, testing::ElementsAre(std::pair(7, 8)));
 }
 
-TEST(EndpointTest, LivesUntilItsLastHolderLetsGo) {
+TEST(EndpointTest, LivesUntilItsLastReferenceIsReleased) {
     int deletions = 0;
     EndpointPtr first = std::make_unique<VeskEndpointDescriptor>(
         5, 7, 8, FlowDesc(), [&deletions](int, int) { ++deletions; });

@@ -40,7 +40,7 @@ TEST_F(KeptEndpointsTest, FindsByDescriptorAndByLabel) {
     EXPECT_EQ(kept->findByFd(endpoint->wrsockfd), endpoint);
 }
 
-TEST_F(KeptEndpointsTest, FindsWhatWasMissingBefore) {
+TEST_F(KeptEndpointsTest, FindsAnEndpointThatWasMissingBefore) {
     EXPECT_EQ(kept->findByLabel(5), nullptr);
     constexpr int unusedNumber = 5000;
     EXPECT_EQ(kept->findByFd(unusedNumber), nullptr);
@@ -49,7 +49,7 @@ TEST_F(KeptEndpointsTest, FindsWhatWasMissingBefore) {
     EXPECT_EQ(kept->findByLabel(5), endpoint);
 }
 
-TEST_F(KeptEndpointsTest, TellsLabelsApartThatShareAPlace) {
+TEST_F(KeptEndpointsTest, DistinguishesLabelsThatShareAnEntry) {
     const EndpointPtr first = newEndpoint(5);
     const EndpointPtr second = newEndpoint(5 + 64);
     EXPECT_EQ(kept->findByLabel(5), first);
@@ -57,7 +57,7 @@ TEST_F(KeptEndpointsTest, TellsLabelsApartThatShareAPlace) {
     EXPECT_EQ(kept->findByLabel(5), first);
 }
 
-TEST_F(KeptEndpointsTest, LetsGoOfOneDescriptor) {
+TEST_F(KeptEndpointsTest, ReleasesOneDescriptor) {
     const EndpointPtr first = newEndpoint(5);
     const EndpointPtr second = newEndpoint(6);
     const EndpointPtr third = newEndpoint(7);
@@ -75,7 +75,7 @@ TEST_F(KeptEndpointsTest, LetsGoOfOneDescriptor) {
     EXPECT_EQ(kept->findByFd(first->rdsockfd), first);
 }
 
-TEST_F(KeptEndpointsTest, LetsGoOfLabels) {
+TEST_F(KeptEndpointsTest, ReleasesLabels) {
     const EndpointPtr endpoint = newEndpoint(5);
     kept->findByLabel(5);
     EXPECT_FALSE(isLetGo(endpoint));
@@ -83,7 +83,7 @@ TEST_F(KeptEndpointsTest, LetsGoOfLabels) {
     EXPECT_TRUE(isLetGo(endpoint));
 }
 
-TEST_F(KeptEndpointsTest, LetsGoOfEverythingWhenAnEndpointIsRemoved) {
+TEST_F(KeptEndpointsTest, ReleasesEverythingWhenAnEndpointIsRemoved) {
     const EndpointPtr endpoint = newEndpoint(5);
     const EndpointPtr other = newEndpoint(6);
     kept->noticeRemovals();
@@ -106,7 +106,7 @@ TEST_F(KeptEndpointsTest, FindsTheSuccessorOfARemovedEndpoint) {
     EXPECT_EQ(kept->findByLabel(5), second);
 }
 
-TEST_F(KeptEndpointsTest, DoesNotFindADescriptorThatLedToAnotherEndpointOnce) {
+TEST_F(KeptEndpointsTest, IgnoresAReusedDescriptorOnce) {
     EndpointPtr first = newEndpoint(5);
     const int fd = first->rdsockfd;
     kept->findByFd(fd);
@@ -129,7 +129,7 @@ TEST_F(KeptEndpointsTest, FindsTheSameEndpointAgainAfterAnotherWasRemoved) {
     EXPECT_EQ(kept->findByFd(endpoint->rdsockfd), endpoint);
 }
 
-TEST_F(KeptEndpointsTest, FindsAnotherEndpointWhereTheDescriptorWasLetGoOf) {
+TEST_F(KeptEndpointsTest, FindsTheNewEndpointOfAReleasedDescriptor) {
     EndpointPtr first = newEndpoint(5);
     const int fd = first->rdsockfd;
     kept->findByFd(fd);

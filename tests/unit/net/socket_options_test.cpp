@@ -35,14 +35,14 @@ class SocketOptionsTest : public DescriptorCountingTest {
     UniqueFd ipv6;
 };
 
-TEST_F(SocketOptionsTest, BufferThatIsGrantedTwiceGoesWithoutAWord) {
+TEST_F(SocketOptionsTest, BufferGrantedAtDoubleSizeIsNotLogged) {
     for (const int name : {SO_RCVBUF, SO_SNDBUF}) {
         EXPECT_EQ(printedBy([&] { EXPECT_EQ(Vesk_setSocketBuf(ipv4.get(), name, 8192), 0); }), "");
         EXPECT_EQ(socketOption(ipv4.get(), SOL_SOCKET, name), 16384);
     }
 }
 
-TEST_F(SocketOptionsTest, BufferOfAnotherSizeIsRemarkedUpon) {
+TEST_F(SocketOptionsTest, BufferOfAnotherSizeIsLogged) {
     // The kernel has a least size of its own.
     const std::string receive = printedBy([this] { Vesk_setSocketBuf(ipv4.get(), SO_RCVBUF, 1); });
     const int granted = socketOption(ipv4.get(), SOL_SOCKET, SO_RCVBUF);
@@ -54,7 +54,7 @@ TEST_F(SocketOptionsTest, BufferOfAnotherSizeIsRemarkedUpon) {
                         " wanted 1\n");
 }
 
-TEST_F(SocketOptionsTest, BufferMayBeNoOtherOption) {
+TEST_F(SocketOptionsTest, BufferOptionMustBeABufferSize) {
     const int before = socketOption(ipv4.get(), SOL_SOCKET, SO_BROADCAST);
     EXPECT_EQ(printedBy([this] { EXPECT_EQ(Vesk_setSocketBuf(ipv4.get(), 9, 1), -1); }),
               "error Vesk_setSocketBuf: bad SO_xxxBUF value 9\n");
@@ -68,7 +68,7 @@ TEST_F(SocketOptionsTest, BufferOptionIsCheckedBeforeTheSocket) {
               "error Vesk_setSocketBuf: bad SO_xxxBUF value 0\n");
 }
 
-TEST_F(SocketOptionsTest, BufferThatCannotBeSetIsReportedWhateverTheLevel) {
+TEST_F(SocketOptionsTest, FailureToSetABufferIsReportedAtEveryLevel) {
     const AtLogLevel level("error");
     EXPECT_EQ(printedBy([] { EXPECT_EQ(Vesk_setSocketBuf(-1, SO_RCVBUF, 1), -EBADF); }),
               "set SO_RCVBUF failed with error 9\n");
@@ -76,7 +76,7 @@ TEST_F(SocketOptionsTest, BufferThatCannotBeSetIsReportedWhateverTheLevel) {
               "set SO_SNDBUF failed with error 9\n");
 }
 
-TEST_F(SocketOptionsTest, DestinationAddressIsAskedForWithAResultThatIsNoFailure) {
+TEST_F(SocketOptionsTest, RequestForTheDestinationAddressSucceeds) {
     EXPECT_EQ(printedBy([this] { EXPECT_EQ(Vesk_requestLocalDestAddr(ipv4.get(), AF_INET), -22); }),
               "");
     EXPECT_EQ(socketOption(ipv4.get(), IPPROTO_IP, IP_PKTINFO), 1);
@@ -85,7 +85,7 @@ TEST_F(SocketOptionsTest, DestinationAddressIsAskedForWithAResultThatIsNoFailure
     EXPECT_EQ(socketOption(ipv6.get(), IPPROTO_IPV6, IPV6_RECVPKTINFO), 1);
 }
 
-TEST_F(SocketOptionsTest, DestinationAddressThatCannotBeAskedForIsWarnedOf) {
+TEST_F(SocketOptionsTest, FailedRequestForTheDestinationAddressIsWarnedOf) {
     EXPECT_THAT(
         printedBy([] { EXPECT_EQ(Vesk_requestLocalDestAddr(-1, AF_INET), -EBADF); }),
         MatchesRegex("warn  " + timestampPattern +

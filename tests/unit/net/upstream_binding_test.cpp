@@ -61,7 +61,7 @@ TEST_F(UpstreamBindingTest, FailsOnAPortOfAnotherSocket) {
     EXPECT_FALSE(manager->portLeftRecently(other.port()));
 }
 
-TEST_F(UpstreamBindingTest, IsRefusedThePortOfAFlowThatHasIt) {
+TEST_F(UpstreamBindingTest, FailsOnThePortOfAnotherFlow) {
     const EndpointPtr first = boundTo(5, "127.0.0.1", port);
     ASSERT_TRUE(bindTo(first));
     EXPECT_FALSE(manager->portLeftRecently(port));
@@ -77,7 +77,7 @@ TEST_F(UpstreamBindingTest, RemembersReleasedPortsBriefly) {
     EXPECT_TRUE(eventually([this] { return !manager->portLeftRecently(port); }));
 }
 
-TEST_F(UpstreamBindingTest, GivesUpWhereAnOldEndpointStays) {
+TEST_F(UpstreamBindingTest, FailsIfAnOldEndpointStays) {
     const EndpointPtr old = boundTo(5, "127.0.0.1", port);
     ASSERT_TRUE(bindTo(old));
     EXPECT_EQ(refusalOf(boundTo(5, "127.0.0.1", port)), refusal);

@@ -66,12 +66,12 @@ TEST_F(DistributeTest, GivesOneToTheQueueWhoseTurnItIs) {
     EXPECT_EQ(start, 8U);
 }
 
-TEST_F(DistributeTest, GivesNothingWhereThereIsNobody) {
+TEST_F(DistributeTest, DoesNothingWithoutQueues) {
     distributeReadyFds({11, 12}, queues, start);
     EXPECT_EQ(start, 2U);
 }
 
-TEST_F(DistributeTest, GivesNothingWhereThereIsNothing) {
+TEST_F(DistributeTest, DoesNothingWithoutDescriptors) {
     makeQueues(2);
     distributeReadyFds({}, queues, start);
     EXPECT_THAT(queueOf(*queues[0]), IsEmpty());
@@ -118,7 +118,7 @@ TEST_F(DistributeTest, WakesAWorkerOnceAndOnlyWhileItWaits) {
     worker.thread.stop();
 }
 
-TEST(ReportPollErrorsTest, SaysNothing) {
+TEST(ReportPollErrorsTest, LogsNothing) {
     const AtLogLevel level("trace");
     EXPECT_EQ(printedBy([] { reportPollErrors({1, 2}); }), "");
 }
@@ -159,7 +159,7 @@ TEST_F(PollThreadTest, DealsWritableSocketsOutToTheWriteQueues) {
     EXPECT_THAT(queueOf(*readQueues[0]), IsEmpty());
 }
 
-TEST_F(PollThreadTest, DoesWithoutQueues) {
+TEST_F(PollThreadTest, RunsWithoutQueues) {
     startThread();
     WatchedSocket& socket = newSocket();
     socket.makeReady();

@@ -23,7 +23,7 @@
 namespace vesk {
 namespace {
 
-TEST(PollRecordTest, HasItsFieldsWhereThePollLoopLooksForThem) {
+TEST(PollRecordTest, HasTheDocumentedLayout) {
     const PollRecord record = encodePollCtlMsg({3, 0x04030201, 0x0d0c0b0a});
     PollRecord expected{};
     const std::uint32_t op = 3;
@@ -44,7 +44,7 @@ TEST(PollRecordTest, LeavesTheHighHalfOfTheDataZero) {
     EXPECT_EQ(data, 0x00000000ffffffffU);
 }
 
-TEST(PollRecordTest, IsReadAsItWasWritten) {
+TEST(PollRecordTest, IsDecodedAsItWasEncoded) {
     const auto message = decodePollCtlMsg(encodePollCtlMsg({EPOLL_CTL_MOD, EPOLLOUT, 77}));
     ASSERT_TRUE(message.has_value());
     EXPECT_EQ(message->op, 3U);
@@ -52,7 +52,7 @@ TEST(PollRecordTest, IsReadAsItWasWritten) {
     EXPECT_EQ(message->fd, 77);
 }
 
-TEST(PollRecordTest, IsNoRecordWhereBytesAreMissing) {
+TEST(PollRecordTest, IsRejectedIfTooShort) {
     const PollRecord record{};
     EXPECT_FALSE(decodePollCtlMsg(std::span(record).first(15)));
     EXPECT_FALSE(decodePollCtlMsg(std::span(record).first(0)));
@@ -98,7 +98,7 @@ std::vector<int> descriptorsFrom(int first, std::size_t count) {
     return fds;
 }
 
-TEST(PollDatagramTest, IsTakenApartInOrder) {
+TEST(PollDatagramTest, IsSplitIntoRecordsInOrder) {
     const Taken taken = takeAll(rowOf({7, 5, 6}));
     EXPECT_TRUE(taken.whole);
     EXPECT_THAT(taken.fds, testing::ElementsAre(7, 5, 6));
@@ -118,7 +118,7 @@ TEST(PollDatagramTest, IsARecordWithoutTheHeaderOfARow) {
     }
 }
 
-TEST(PollDatagramTest, IsNoRowWhereLengthAndNumberOfRecordsDiffer) {
+TEST(PollDatagramTest, IsNoRowIfLengthAndNumberOfRecordsDiffer) {
     Bytes oneMissing = rowOf({7, 5});
     oneMissing.resize(32);
     Bytes byteMissing = rowOf({7, 5});
@@ -134,7 +134,7 @@ TEST(PollDatagramTest, IsNoRowWhereLengthAndNumberOfRecordsDiffer) {
     }
 }
 
-TEST(PollDatagramTest, IsNothingWhereItIsShorterThanARecord) {
+TEST(PollDatagramTest, IsRejectedIfShorterThanARecord) {
     for (const std::size_t length : {0U, 1U, 12U, 15U}) {
         Bytes datagram = recordOf({EPOLL_CTL_MOD, EPOLLIN, 7});
         datagram.resize(length);
@@ -196,7 +196,7 @@ TEST_F(PollChannelTest, SendsAnAddition) {
     EXPECT_EQ(receive(), recordOf({EPOLL_CTL_ADD, EPOLLIN, 7}));
 }
 
-TEST_F(PollChannelTest, CallsEveryOtherEventMaskByTheNameForWriting) {
+TEST_F(PollChannelTest, LogsEveryOtherEventMaskAsWriting) {
     const AtLogLevel level("debug");
     EXPECT_EQ(printedBy([this] { EXPECT_EQ(pollLoop_add_fd(sender.get(), 7, EPOLLOUT), 0); }),
               "debug Successfully sent fd 7 (add, EPOLLOUT) to poll loop\n");
@@ -205,7 +205,7 @@ TEST_F(PollChannelTest, CallsEveryOtherEventMaskByTheNameForWriting) {
               "debug Successfully sent fd 7 (add, EPOLLOUT) to poll loop\n");
 }
 
-TEST_F(PollChannelTest, SendsARearmingWithoutAWord) {
+TEST_F(PollChannelTest, SendsARearmingSilently) {
     const AtLogLevel level("trace");
     EXPECT_EQ(printedBy([this] { EXPECT_EQ(pollLoop_mod_fd(sender.get(), 7, EPOLLIN), 0); }), "");
     EXPECT_EQ(receive(), recordOf({EPOLL_CTL_MOD, EPOLLIN, 7}));
@@ -229,7 +229,7 @@ TEST_F(PollChannelTest, SendsManyDeletionsInOneDatagram) {
     EXPECT_EQ(receive(), Bytes());
 }
 
-TEST_F(PollChannelTest, LeavesTheReportOfARowThatCannotBeSentToItsCaller) {
+TEST_F(PollChannelTest, DoesNotLogARowThatCannotBeSent) {
     const AtLogLevel level("trace");
     const std::vector<int> fds{7, 8};
     const auto failsWith = [&fds](int pollsock, int result) {
@@ -328,7 +328,7 @@ TEST_F(PollChannelTest, MakesSendersWaitForRoom) {
     waiting.join();
 }
 
-TEST_F(PollChannelTest, RetiringClosesWhatWasToBeDeletedAndNothingElse) {
+TEST_F(PollChannelTest, RetiringClosesOnlyDescriptorsToBeDeleted) {
     const int deleted = dup(sender.get());
     const UniqueFd armed(dup(sender.get()));
     const UniqueFd added(dup(sender.get()));
@@ -342,7 +342,7 @@ TEST_F(PollChannelTest, RetiringClosesWhatWasToBeDeletedAndNothingElse) {
     EXPECT_TRUE(isOpen(added.get()));
 }
 
-TEST_F(PollChannelTest, RetiringClosesWhatARowWasToDelete) {
+TEST_F(PollChannelTest, RetiringClosesTheDescriptorsOfADeletionRow) {
     const std::vector<int> deleted{dup(sender.get()), dup(sender.get()), dup(sender.get())};
     ASSERT_EQ(pollLoop_del_fds(sender.get(), deleted), 0);
     retirePollChannel(server.get());
@@ -360,7 +360,7 @@ TEST_F(PollChannelTest, ReportsAnAddAfterTheLoopHasEnded) {
         "Broken pipe\n");
 }
 
-TEST_F(PollChannelTest, LeavesTheReportOfOtherRequestsToTheCallerAfterTheLoopHasEnded) {
+TEST_F(PollChannelTest, LogsNoOtherRequestAfterTheLoopHasEnded) {
     const AtLogLevel level("trace");
     retirePollChannel(server.get());
     const UniqueFd deleted(dup(sender.get()));
@@ -372,7 +372,7 @@ TEST_F(PollChannelTest, LeavesTheReportOfOtherRequestsToTheCallerAfterTheLoopHas
     EXPECT_TRUE(isOpen(deleted.get()));
 }
 
-TEST_F(PollChannelTest, RetiringLetsEverySenderGoThatWaits) {
+TEST_F(PollChannelTest, RetiringReleasesEveryWaitingSender) {
     // More senders than the smallest queue holds records.
     constexpr std::size_t senderCount = 24;
     fill();

@@ -46,7 +46,7 @@ TEST_F(PollLoopTest, ReportsASocketThatBecomesReadyLater) {
     EXPECT_EQ(nextBatch(), (Batch{"read", {socket.fd()}}));
 }
 
-TEST_F(PollLoopTest, IsSilentAboutASocketUntilItIsArmedAgain) {
+TEST_F(PollLoopTest, DoesNotReportASocketUntilItIsArmedAgain) {
     startLoop();
     WatchedSocket& socket = newSocket();
     socket.makeReady();
@@ -92,7 +92,7 @@ TEST_F(PollLoopTest, ClosesADeletedSocket) {
     EXPECT_EQ(activeCount(), 0);
 }
 
-TEST_F(PollLoopTest, ClosesASocketThatWasNeverAddedWithoutAWord) {
+TEST_F(PollLoopTest, ClosesASocketThatWasNeverAddedSilently) {
     EXPECT_EQ(printedBy([this] {
                   startLoop();
                   WatchedSocket& socket = newSocket();
@@ -104,7 +104,7 @@ TEST_F(PollLoopTest, ClosesASocketThatWasNeverAddedWithoutAWord) {
     EXPECT_EQ(activeCount(), 0);
 }
 
-TEST_F(PollLoopTest, TakesADuplicateOfAWatchedSocketForOneThatWasNeverAdded) {
+TEST_F(PollLoopTest, TreatsADuplicateOfAWatchedSocketAsNeverAdded) {
     startLoop();
     WatchedSocket& socket = newSocket();
     add(socket.fd(), EPOLLIN);
@@ -130,7 +130,7 @@ TEST_F(PollLoopTest, ReportsReadinessForWriting) {
     EXPECT_EQ(activeCount(), 0);
 }
 
-TEST_F(PollLoopTest, ReportsOneSocketUnderEverythingThatHappenedToIt) {
+TEST_F(PollLoopTest, ReportsOneSocketForEachOfItsEvents) {
     startLoop();
     WatchedSocket& socket = newSocket();
     socket.makeReady();
@@ -224,7 +224,7 @@ TEST_F(PollLoopTest, ServesManySocketsComingAndGoing) {
     EXPECT_EQ(activeCount(), -160);
 }
 
-TEST_F(PollLoopTest, GoesOnAfterASignal) {
+TEST_F(PollLoopTest, ContinuesAfterASignal) {
     struct sigaction action {};
     action.sa_handler = [](int) {};
     struct sigaction before {};
@@ -242,7 +242,7 @@ TEST_F(PollLoopTest, GoesOnAfterASignal) {
     sigaction(SIGUSR1, &before, nullptr);
 }
 
-TEST_F(PollLoopTest, EndsWhenTheChannelIsRetiredUnderIt) {
+TEST_F(PollLoopTest, EndsWhenTheChannelIsRetired) {
     ThreadMark mark;
     EXPECT_EQ(printedBy([&] {
                   ASSERT_EQ(param->thread.start([&] {
@@ -258,14 +258,14 @@ TEST_F(PollLoopTest, EndsWhenTheChannelIsRetiredUnderIt) {
               "");
 }
 
-TEST_F(PollLoopTest, EndsWhereItCannotWatchTheChannel) {
+TEST_F(PollLoopTest, EndsIfItCannotWatchTheChannel) {
     PollThreadParam broken(-1, readQueues, writeQueues);
     const auto never = [](const std::vector<int>&) { ADD_FAILURE(); };
     EXPECT_EQ(printedBy([&] { EXPECT_EQ(pollLoop(broken, never, never, never), -EBADF); }),
               "error Failed to add msgchanfd to epoll set: Bad file descriptor\n");
 }
 
-TEST_F(PollLoopTest, EndsWhereThereIsNoEpollSet) {
+TEST_F(PollLoopTest, EndsWithoutAnEpollSet) {
     std::unique_ptr<PollThreadParam> broken;
     {
         const DescriptorShortage shortage(0);
@@ -277,7 +277,7 @@ TEST_F(PollLoopTest, EndsWhereThereIsNoEpollSet) {
               "error Failed to add msgchanfd to epoll set: Too many open files\n");
 }
 
-TEST_F(PollLoopTest, EndsWhereItCannotWaitAnyMore) {
+TEST_F(PollLoopTest, EndsIfItCannotWait) {
     std::atomic<int> result{0};
     const UniqueFd noEpollSet(open("/dev/null", O_RDONLY));
     EXPECT_EQ(printedBy([&] {
@@ -300,7 +300,7 @@ TEST_F(PollLoopTest, EndsWhereItCannotWaitAnyMore) {
     EXPECT_EQ(result, -EINVAL);
 }
 
-TEST_F(PollLoopTest, ReportsAChannelThatCannotBeReadAndGoesOn) {
+TEST_F(PollLoopTest, ReportsAnUnreadableChannelAndContinues) {
     // A socket that fails once.
     const UdpSocket refused;
     provokeRefusal(refused.fd());
@@ -313,7 +313,7 @@ TEST_F(PollLoopTest, ReportsAChannelThatCannotBeReadAndGoesOn) {
               "error recv: msgchanfd\n");
 }
 
-TEST_F(PollLoopTest, LetsNobodyWaitForItWhenItEndsByItself) {
+TEST_F(PollLoopTest, ReleasesWaitingSendersWhenItEndsByItself) {
     const int deleted = duplicate(sender.get());
     remove(deleted);
     // Where no set is, the loop cannot even begin.

@@ -15,7 +15,7 @@
 namespace vesk {
 namespace {
 
-TEST(PollParamTest, StartsWithNothingCounted) {
+TEST(PollParamTest, StartsWithZeroCounters) {
     PollParam worker([](int, bool&, std::uint32_t) { return 0; });
     EXPECT_EQ(worker.workerParameter, 0U);
     EXPECT_EQ(worker.pause, 0U);
@@ -25,7 +25,7 @@ TEST(PollParamTest, StartsWithNothingCounted) {
     EXPECT_FALSE(worker.thread.started());
 }
 
-TEST(PollThreadParamTest, StartsWithNothingCounted) {
+TEST(PollThreadParamTest, StartsWithZeroCounters) {
     const PollParams workers;
     const PollThreadParam param(7, workers, workers);
     EXPECT_EQ(param.msgchanfd, 7);
@@ -83,7 +83,7 @@ TEST(StopThreadsTest, EndsThemInTheOrderOfTheList) {
     EXPECT_EQ(places[2], 3);
 }
 
-TEST(StopThreadsTest, TellsWhereOneWasLeftRunning) {
+TEST(StopThreadsTest, ReportsAThreadThatWasLeftRunning) {
     const ChildResult child = runInChild([] {
         PollParams threads;
         for (int i = 0; i < 2; ++i) {
@@ -107,7 +107,7 @@ TEST(StopThreadsTest, TellsWhereOneWasLeftRunning) {
     EXPECT_EQ(child.exitCode, 0);
 }
 
-TEST(StopThreadsTest, TakesThreadsThatNeverStarted) {
+TEST(StopThreadsTest, AcceptsThreadsThatNeverStarted) {
     PollParams threads{std::make_shared<PollParam>([](int, bool&, std::uint32_t) { return 0; })};
     EXPECT_EQ(printedBy([&threads] { EXPECT_TRUE(stopThreads(threads)); }), "");
     EXPECT_TRUE(threads.empty());

@@ -20,7 +20,7 @@ namespace {
 
 class PollRequestsTest : public PollLoopTest {};
 
-TEST_F(PollRequestsTest, ReportsWhatCannotBeCarriedOutAndChangesNothing) {
+TEST_F(PollRequestsTest, ReportsAFailedRequestAndChangesNothing) {
     startLoop();
     WatchedSocket& socket = newSocket();
     add(socket.fd(), EPOLLIN);

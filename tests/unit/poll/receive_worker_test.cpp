@@ -82,7 +82,7 @@ class ReceiveWorkerTest : public testing::Test {
     std::vector<int> served_;
 };
 
-TEST_F(ReceiveWorkerTest, ServesWhatItIsHandedInOrder) {
+TEST_F(ReceiveWorkerTest, ServesDescriptorsInOrder) {
     startWorker();
     hand({5, 6, 7});
     EXPECT_TRUE(eventuallyServed({5, 6, 7}));
@@ -103,7 +103,7 @@ TEST_F(ReceiveWorkerTest, ServesADescriptorAgainUntilItIsDrained) {
     EXPECT_EQ(served().size(), 4U);
 }
 
-TEST_F(ReceiveWorkerTest, KeepsADescriptorThatTheReceiveFunctionSaysNothingAbout) {
+TEST_F(ReceiveWorkerTest, KeepsADescriptorByDefault) {
     std::atomic<int> calls{0};
     receive = [&calls](int, bool&) {
         ++calls;
@@ -143,7 +143,7 @@ TEST_F(ReceiveWorkerTest, CollectsNewDescriptorsWhileItHasOthers) {
     EXPECT_TRUE(eventuallyServed({5, 5, 6}));
 }
 
-TEST_F(ReceiveWorkerTest, EndsEveryPassBeforeItServesOnOrWaits) {
+TEST_F(ReceiveWorkerTest, EndsEachPassBeforeTheNextPassOrWait) {
     std::vector<std::size_t> servedBefore;
     std::atomic<int> passes{0};
     receive = [this](int fd, bool& keep) {
@@ -185,7 +185,7 @@ TEST_F(ReceiveWorkerTest, WritesItsLinesAfterTheEndOfThePass) {
               "end of the pass\nerror served 5\nerror served 6\n");
 }
 
-TEST_F(ReceiveWorkerTest, EndsAPassAgainWhenTheTimeThatItWasGivenIsOver) {
+TEST_F(ReceiveWorkerTest, EndsAPassAgainAfterTheGivenTime) {
     std::atomic<int> passes{0};
     passEnd = [&](const LogDelay&) -> std::optional<std::chrono::milliseconds> {
         return ++passes < 4 ? std::optional(std::chrono::milliseconds(1)) : std::nullopt;
@@ -200,7 +200,7 @@ TEST_F(ReceiveWorkerTest, EndsAPassAgainWhenTheTimeThatItWasGivenIsOver) {
     EXPECT_TRUE(eventuallyServed({5, 6}));
 }
 
-TEST(PlainReceiveWorkerTest, DoesWithoutAnythingBetweenPasses) {
+TEST(PlainReceiveWorkerTest, RunsWithoutAPassEndFunction) {
     std::atomic<int> calls{0};
     PollParam worker([&calls](int, bool& keep, std::uint32_t) {
         keep = ++calls < 3;
@@ -248,7 +248,7 @@ TEST_F(ReceiveWorkerTest, CountsAWakeAndTheDepthOfTheQueue) {
     EXPECT_EQ(worker.queueDepthSum.load(), 4U);
 }
 
-TEST_F(ReceiveWorkerTest, CountsAWakeForNothingAndWaitsOn) {
+TEST_F(ReceiveWorkerTest, CountsASpuriousWakeAndWaitsAgain) {
     startWaitingWorker();
     worker.wakeUp.post();
     EXPECT_TRUE(eventually([this] { return worker.wakeCount.value() == 1; }));

@@ -99,7 +99,7 @@ class StatsReportTest : public ForwarderTest {
     }
 };
 
-TEST_F(StatsReportTest, ShowsHeadingsOfWhatThereIsNot) {
+TEST_F(StatsReportTest, ShowsHeadingsOfMissingEndpoints) {
     EXPECT_EQ(report(),
               "info \nPoll stats:\n\n"
               "info Upstream Stats:\n\n"

@@ -38,7 +38,7 @@ class FlowCleanUpTest : public ForwarderTest {
 constexpr CleanUpSwitches both{true, true};
 const std::string polled = "debug Successfully sent fd [0-9]+ \\(del\\) to poll loop\n";
 
-TEST_F(FlowCleanUpTest, ExpiresWhatWasIdleForAWholePeriod) {
+TEST_F(FlowCleanUpTest, ExpiresFlowsThatWereIdleForAWholePeriod) {
     EXPECT_EQ(pass(both), "");
     EXPECT_THAT(manager().endpoints(), SizeIs(2));
     EXPECT_THAT(pass(both), testing::MatchesRegex(
@@ -90,7 +90,7 @@ TEST_F(FlowCleanUpTest, ExpiresAuxiliaryFlowsOnly) {
     EXPECT_EQ(manager().findEndpointByLabel(0x120034), nullptr);
 }
 
-TEST_F(FlowCleanUpTest, KeepsAFlowThatSawTraffic) {
+TEST_F(FlowCleanUpTest, KeepsAFlowWithTraffic) {
     pass(both);
     manager().findEndpointByLabel(0xab)->markActive();
     pass(both);

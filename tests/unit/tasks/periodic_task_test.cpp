@@ -65,7 +65,7 @@ TEST_F(PeriodicTaskTest, RunsBackToBackWithANegativePeriod) {
     EXPECT_EQ(runPasses(2, period), passOf("T", "-2") + passOf("T", "-2"));
 }
 
-TEST_F(PeriodicTaskTest, AnnouncesLessThanASecondAsNoneAndSleepsIt) {
+TEST_F(PeriodicTaskTest, AnnouncesLessThanASecondAsZeroAndSleepsIt) {
     std::chrono::nanoseconds period = 50 * millisecond;
     const auto begin = Clock::now();
     EXPECT_EQ(runPasses(2, period), passOf("T", "0") + passOf("T", "0"));
@@ -80,13 +80,13 @@ TEST_F(PeriodicTaskTest, AnnouncesWholeSecondsRoundedDownAndSleepsAllOfThem) {
     EXPECT_GE(times[0] - begin, std::chrono::milliseconds(1100));
 }
 
-TEST_F(PeriodicTaskTest, ReadsThePeriodAfreshForEachPass) {
+TEST_F(PeriodicTaskTest, RereadsThePeriodForEachPass) {
     std::chrono::nanoseconds period{0};
     EXPECT_EQ(runPasses(3, period, [&period] { period -= second; }),
               passOf("T", "0") + passOf("T", "-1") + passOf("T", "-2"));
 }
 
-TEST_F(PeriodicTaskTest, HasNothingToRunWithoutAnAction) {
+TEST_F(PeriodicTaskTest, RunsNothingWithoutAnAction) {
     const std::chrono::nanoseconds period{0};
     printedBy([&] { EXPECT_THROW(runPeriodicTask("T", period, {}), std::bad_function_call); });
 }
@@ -150,7 +150,7 @@ TEST_F(PeriodicTaskTest, IsNotEndedInTheMiddleOfItsAction) {
     EXPECT_TRUE(finished);
 }
 
-TEST_F(PeriodicTaskTest, ReportsThatNoThreadIsToBeHad) {
+TEST_F(PeriodicTaskTest, ReportsThatNoThreadCanBeStarted) {
     PeriodicTask task("T", std::chrono::nanoseconds(0), [] {});
     int error = 0;
     {
@@ -161,7 +161,7 @@ TEST_F(PeriodicTaskTest, ReportsThatNoThreadIsToBeHad) {
     EXPECT_EQ(task.stop(), ESRCH);
 }
 
-TEST_F(PeriodicTaskTest, SleepsOnAfterASignal) {
+TEST_F(PeriodicTaskTest, ContinuesSleepingAfterASignal) {
     struct sigaction action {};
     action.sa_handler = [](int) {};
     struct sigaction before {};

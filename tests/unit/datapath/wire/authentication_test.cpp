@@ -149,7 +149,7 @@ TEST(ComputeTagTest, UsesANewKeyAtOnce) {
     EXPECT_EQ(tagOf(info, {data}, 32), hmacOf({"sha1", {2}}, data, 32));
 }
 
-TEST(ComputeTagTest, FailsWhereTheLibraryRefuses) {
+TEST(ComputeTagTest, FailsIfTheLibraryFails) {
     HmacInfo info = refusedRecord();
     const Bytes data(5, 1);
     const std::vector<Region> regions{data};
@@ -162,7 +162,7 @@ TEST(ComputeTagTest, FailsWhereTheLibraryRefuses) {
     EXPECT_TRUE(computeTag(info, regions, tag));
 }
 
-TEST(CheckTagTest, WantsZerosWithoutAKey) {
+TEST(CheckTagTest, RequiresZerosWithoutAKey) {
     HmacInfo info;
     Bytes tag(32);
     EXPECT_TRUE(checkTag(info, {}, tag));
@@ -173,7 +173,7 @@ TEST(CheckTagTest, WantsZerosWithoutAKey) {
     }
 }
 
-TEST(CheckTagTest, NeverPassesWhereTheLibraryRefuses) {
+TEST(CheckTagTest, NeverPassesIfTheLibraryFails) {
     HmacInfo info = refusedRecord();
     EXPECT_FALSE(checkTag(info, {}, Bytes(16)));
 }
@@ -276,7 +276,7 @@ TEST(SignDatagramTest, WritesZerosWithoutAKey) {
     }
 }
 
-TEST(SignDatagramTest, FailsWhereTheLibraryRefuses) {
+TEST(SignDatagramTest, FailsIfTheLibraryFails) {
     HmacInfo refused = refusedRecord();
     Framed framed(framingV2, framedV2(7, {}), 20);
     EXPECT_EQ(printedBy([&] {
@@ -303,7 +303,7 @@ TEST(CheckDatagramTest, FailsForEveryByteChanged) {
     }
 }
 
-TEST(CheckDatagramTest, DoesNotLookBehindTheDatagram) {
+TEST(CheckDatagramTest, IgnoresBytesAfterTheDatagram) {
     const TestKey key{"sha1", {1, 2, 3}};
     HmacInfo info = recordOf(key);
     Framed framed(framingV2, framedV2(7, toBytes("payload"), key), 20);
@@ -311,7 +311,7 @@ TEST(CheckDatagramTest, DoesNotLookBehindTheDatagram) {
     EXPECT_TRUE(framed.check(info));
 }
 
-TEST(CheckDatagramTest, KnowsTheKeyAndTheDigest) {
+TEST(CheckDatagramTest, DependsOnKeyAndDigest) {
     Framed framed(framingV2, framedV2(7, toBytes("payload"), {"sha1", {1}}), 20);
     HmacInfo otherKey = recordOf({"sha1", {2}});
     EXPECT_FALSE(framed.check(otherKey));

@@ -46,7 +46,7 @@ TEST(ParseUdpv2Test, AcceptsTheLargestDatagram) {
 
 const char* const remark = "trace Dropping UDPv1 packet!\n";
 
-TEST(ParseUdpv2Test, RemarksOnTwelveZerosAndAccepts) {
+TEST(ParseUdpv2Test, LogsTwelveZerosAndAccepts) {
     const AtLogLevel level("trace");
     Bytes datagram = framedV2(5, Bytes(20));
     EXPECT_EQ(printedBy([&] { EXPECT_TRUE(parse(framingV2, datagram)); }), remark);
@@ -54,7 +54,7 @@ TEST(ParseUdpv2Test, RemarksOnTwelveZerosAndAccepts) {
     EXPECT_EQ(printedBy([&] { EXPECT_TRUE(parse(framingV2, datagram)); }), remark);
 }
 
-TEST(ParseUdpv2Test, RemarksOnlyWhereAllTwelveAreZero) {
+TEST(ParseUdpv2Test, LogsOnlyIfAllTwelveAreZero) {
     const AtLogLevel level("trace");
     for (std::size_t offset = 20; offset < 32; ++offset) {
         Bytes datagram = framedV2(5, Bytes(20));
@@ -63,12 +63,12 @@ TEST(ParseUdpv2Test, RemarksOnlyWhereAllTwelveAreZero) {
     }
 }
 
-TEST(ParseUdpv2Test, RemarksAtTraceLevelOnly) {
+TEST(ParseUdpv2Test, LogsAtTraceLevelOnly) {
     const AtLogLevel level("debug");
     EXPECT_EQ(printedBy([] { EXPECT_TRUE(parse(framingV2, framedV2(5, Bytes(20)))); }), "");
 }
 
-TEST(ParseUdpv2Test, LooksAtTheBufferBehindAShortDatagram) {
+TEST(ParseUdpv2Test, ReadsTheBufferAfterAShortDatagram) {
     const AtLogLevel level("trace");
     const Bytes datagram = framedV2(5, {});
     const Buffer zeros = bufferWith(datagram, 0);
@@ -77,7 +77,7 @@ TEST(ParseUdpv2Test, LooksAtTheBufferBehindAShortDatagram) {
     EXPECT_EQ(printedBy([&] { EXPECT_TRUE(parseDatagram(framingV2, others, 20)); }), "");
 }
 
-TEST(ParseUdpv2Test, RemarksOnNoDatagramThatItRejects) {
+TEST(ParseUdpv2Test, DoesNotLogARejectedDatagram) {
     const AtLogLevel level("trace");
     EXPECT_EQ(printedBy([] { EXPECT_FALSE(parse(framingV2, Bytes(19))); }), "");
 }
@@ -98,13 +98,13 @@ TEST(ParseUdpv1Test, ReadsLabelAndHeaderLength) {
     EXPECT_EQ(parsed->headerLength, 42U);
 }
 
-TEST(ParseUdpv1Test, WantsAHeaderOfAtLeast38Bytes) {
+TEST(ParseUdpv1Test, RequiresAHeaderOfAtLeast38Bytes) {
     EXPECT_FALSE(parse(framingV1, claiming(37)));
     EXPECT_FALSE(parse(framingV1, claiming(0)));
     EXPECT_TRUE(parse(framingV1, claiming(38)));
 }
 
-TEST(ParseUdpv1Test, WantsAtLeastOneByteOfPayload) {
+TEST(ParseUdpv1Test, RequiresAtLeastOneByteOfPayload) {
     EXPECT_TRUE(parse(framingV1, claiming(49)));
     EXPECT_FALSE(parse(framingV1, claiming(50)));
     EXPECT_FALSE(parse(framingV1, claiming(51)));
@@ -119,12 +119,12 @@ TEST(ParseUdpv1Test, ReadsTheHeaderLengthInNetworkOrder) {
     EXPECT_EQ(parsed->headerLength, 0x0126U);
 }
 
-TEST(ParseUdpv1Test, RejectsWhatIsTooShort) {
+TEST(ParseUdpv1Test, RejectsADatagramThatIsTooShort) {
     EXPECT_FALSE(parse(framingV1, claiming(38, 37)));
     EXPECT_FALSE(parse(framingV1, Bytes()));
 }
 
-TEST(ParseUdpv1Test, NeverRemarks) {
+TEST(ParseUdpv1Test, LogsNothing) {
     const AtLogLevel level("trace");
     EXPECT_EQ(printedBy([] {
                   EXPECT_TRUE(parse(framingV1, framedV1(5, Bytes(1))));

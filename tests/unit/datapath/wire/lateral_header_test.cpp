@@ -63,7 +63,7 @@ TEST_F(LateralHeaderTest, AcceptsLengthBytesFrom32To44) {
     }
 }
 
-TEST_F(LateralHeaderTest, WantsItsHeaderWhole) {
+TEST_F(LateralHeaderTest, RequiresTheWholeHeader) {
     put({1, 32});
     EXPECT_FALSE(parseLateralHeader(buffer, 0));
     EXPECT_FALSE(parseLateralHeader(buffer, 33));
@@ -99,7 +99,7 @@ TEST_F(LateralHeaderTest, SignsWithZerosWithoutAKey) {
     EXPECT_EQ(front(*length), join({headerFor(1, ipv4Sender(), {}), datagram}));
 }
 
-TEST_F(LateralHeaderTest, AddsNothingThatWouldNotFit) {
+TEST_F(LateralHeaderTest, AddsNoHeaderThatDoesNotFit) {
     EXPECT_EQ(addLateralHeader(buffer, 2048 - 34, ipv4Sender(), info), 2048U);
     EXPECT_FALSE(addLateralHeader(buffer, 2048 - 33, ipv4Sender(), info));
     EXPECT_EQ(addLateralHeader(buffer, 2048 - 46, ipv6Sender(), info), 2048U);
@@ -115,12 +115,12 @@ TEST_F(LateralHeaderTest, AddsNoAddressLongerThanThoseOfIp) {
     EXPECT_FALSE(addLateralHeader(buffer, 100, sender, info));
 }
 
-TEST_F(LateralHeaderTest, AddsNothingUnsigned) {
+TEST_F(LateralHeaderTest, AddsNoUnsignedHeader) {
     info.digest = []() -> const EVP_MD* { return nullptr; };
     EXPECT_FALSE(addLateralHeader(buffer, 100, ipv4Sender(), info));
 }
 
-TEST_F(LateralHeaderTest, KeepsWhatComesBackWithAReply) {
+TEST_F(LateralHeaderTest, KeepsTheReturnPath) {
     const Bytes forward = headerFor(1, ipv6Sender(), key);
     put(join({forward, datagram}));
     const auto header = parseLateralHeader(buffer, forward.size() + datagram.size());
@@ -130,7 +130,7 @@ TEST_F(LateralHeaderTest, KeepsWhatComesBackWithAReply) {
     EXPECT_EQ(kept.bytes().size(), 45U);
 }
 
-TEST_F(LateralHeaderTest, PutsWhatWasKeptInFrontOfAReply) {
+TEST_F(LateralHeaderTest, PutsTheReturnPathInFrontOfAReply) {
     const Bytes kept = headerFor(1, ipv4Sender(), key);
     put(datagram);
     const auto length =
@@ -139,7 +139,7 @@ TEST_F(LateralHeaderTest, PutsWhatWasKeptInFrontOfAReply) {
     EXPECT_EQ(front(*length), join({headerFor(2, ipv4Sender(), key), datagram}));
 }
 
-TEST_F(LateralHeaderTest, LeavesAReplyThatWouldNotFitAsItWas) {
+TEST_F(LateralHeaderTest, LeavesAReplyThatDoesNotFitUnchanged) {
     const ReturnPath path(Bytes(33, 1));
     put(datagram);
     const Buffer before = buffer;
@@ -148,19 +148,19 @@ TEST_F(LateralHeaderTest, LeavesAReplyThatWouldNotFitAsItWas) {
     EXPECT_EQ(addReturnHeader(buffer, 2048 - 34, path), 2048U);
 }
 
-TEST_F(LateralHeaderTest, TakesTheHeaderOff) {
+TEST_F(LateralHeaderTest, StripsTheHeader) {
     put(join({headerFor(1, ipv4Sender(), key), datagram}));
     const auto header = parseLateralHeader(buffer, 34 + datagram.size());
     EXPECT_EQ(stripLateralHeader(buffer, 34 + datagram.size(), *header), datagram.size());
     EXPECT_EQ(front(datagram.size()), datagram);
 }
 
-TEST_F(LateralHeaderTest, TakesTheHeaderOffAnEmptyDatagram) {
+TEST_F(LateralHeaderTest, StripsTheHeaderOfAnEmptyDatagram) {
     put(headerFor(1, ipv4Sender(), key));
     EXPECT_EQ(stripLateralHeader(buffer, 34, *parseLateralHeader(buffer, 34)), 0U);
 }
 
-TEST_F(LateralHeaderTest, ComesBackAsItWasSent) {
+TEST_F(LateralHeaderTest, IsReadAsItWasWritten) {
     put(datagram);
     const auto forwarded = addLateralHeader(buffer, datagram.size(), ipv6Sender(), info);
     const auto forward = parseLateralHeader(buffer, *forwarded);
@@ -204,7 +204,7 @@ TEST_F(LateralHeaderTest, GivesTheAddressOfEitherFamily) {
     }
 }
 
-TEST_F(LateralHeaderTest, GivesNoAddressWhoseLengthIsNotItsFamilys) {
+TEST_F(LateralHeaderTest, RejectsAnAddressWhoseLengthIsNotItsFamilys) {
     SocketAddress ipv4TooLong = ipv4Sender();
     ipv4TooLong.length = 28;
     SocketAddress ipv6TooShort = ipv6Sender();

@@ -79,7 +79,7 @@ TEST_F(LabelCommandsTest, SetDropsANameWithoutAValue) {
               "error setLabelAttrs: bad command for label 0\n");
 }
 
-TEST_F(LabelCommandsTest, SetChangesNothingWhereItIsRefused) {
+TEST_F(LabelCommandsTest, RefusedSetChangesNothing) {
     declare("label 5 up_label 7" + upstream);
     EXPECT_FALSE(set("label 5 up_label 8 zeta 1").succeeded);
     EXPECT_EQ(recordOf(5).up.label, 7U);
@@ -94,7 +94,7 @@ TEST_F(LabelCommandsTest, SetIgnoresATrafficMarkOutOfRange) {
     EXPECT_EQ(recordOf(5).up.dscpV4, -1);
 }
 
-TEST_F(LabelCommandsTest, SetTakesAMarkAwayWhereTheNewOneIsOutOfRange) {
+TEST_F(LabelCommandsTest, SetRemovesAMarkIfTheNewOneIsOutOfRange) {
     declare("label 5 up_out_dscp_v4 46 down_out_dscp_v6 7" + upstream);
     EXPECT_TRUE(set("label 5 up_out_dscp_v4 64").succeeded);
     const FlowDesc flow = recordOf(5);
@@ -157,12 +157,12 @@ TEST_F(LabelCommandsTest, SetWithoutBothAuxiliaryAttributesRegistersNothing) {
     EXPECT_EQ(recordOf(0x120034).up.label, 0xcd000034U);
 }
 
-TEST_F(LabelCommandsTest, SetLetsAResolverFailurePass) {
+TEST_F(LabelCommandsTest, SetPropagatesAResolverFailure) {
     EXPECT_THROW(set("label 5 up_ip fe80::1::2 up_port 53"), std::runtime_error);
     EXPECT_FALSE(isDeclared(5));
 }
 
-TEST_F(LabelCommandsTest, AMergeThatCannotBeResolvedLeavesTheLabelAsItWas) {
+TEST_F(LabelCommandsTest, SetLeavesTheLabelUnchangedIfTheMergedAddressFails) {
     declare("label 5" + upstream);
     EXPECT_THROW(set("label 5 up_ip fe80::1::2"), std::runtime_error);
     // The lock is free again, or this would wait for ever.
@@ -191,7 +191,7 @@ TEST_F(LabelCommandsTest, DelTakesFurtherValidAttributesWithoutEffect) {
     EXPECT_EQ(recordOf(7).up.label, 1U);
 }
 
-TEST_F(LabelCommandsTest, DelRefusesAnAttributeThatIsNone) {
+TEST_F(LabelCommandsTest, DelRefusesABadAttribute) {
     declare("label 5" + upstream);
     const Outcome outcome = del("label 5 bogus 1");
     EXPECT_FALSE(outcome.succeeded);
@@ -221,7 +221,7 @@ TEST_F(LabelCommandsTest, DelNeedsALabel) {
               "error label 0\n");
 }
 
-TEST_F(LabelCommandsTest, DelOfTheOwnerTakesItsAuxiliaryFlowsAlong) {
+TEST_F(LabelCommandsTest, DelOfTheOwnerRemovesItsAuxiliaryFlows) {
     declare("label 5 up_aux_flow_label 0xab000000 down_aux_flow_label_prefix 0x12" + upstream);
     ASSERT_NE(createEndpoint(0x120034), nullptr);
     EXPECT_TRUE(del("label 5").succeeded);

@@ -44,7 +44,7 @@ TEST_F(EndpointLifecycleTest, DeleterAsksThePollLoopToCloseBothSockets) {
                                                 PollCtlMsg{EPOLL_CTL_DEL, 0, readSocket}));
 }
 
-TEST_F(EndpointLifecycleTest, DeleterClosesWhatThePollLoopCannotBeAskedFor) {
+TEST_F(EndpointLifecycleTest, DeleterClosesTheSocketsIfThePollLoopCannotBeAsked) {
     const int readSocket = endpoint->rdsockfd;
     const int writeSocket = endpoint->wrsockfd;
     manager().deleteEndpoint(0xab12);
@@ -156,7 +156,7 @@ TEST_F(EndpointLifecycleTest, FailureOfAnOldEndpointLeavesItsSuccessor) {
     EXPECT_EQ(manager().findEndpointByLabel(0xab12), successor);
 }
 
-TEST_F(EndpointLifecycleTest, FailureIsActedOnWhateverTheLevel) {
+TEST_F(EndpointLifecycleTest, FailureIsHandledAtEveryLogLevel) {
     const AtLogLevel level("error");
     EXPECT_EQ(printedBy([this] {
                   reportUpstreamNetworkError(*endpoint, "UP_RECEIVE:", ENOBUFS, *context);

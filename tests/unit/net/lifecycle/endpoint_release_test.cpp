@@ -81,7 +81,7 @@ TEST_F(EndpointReleaseTest, LogsEachDeletion) {
     EXPECT_EQ(printedBy([&] { release(std::move(endpoints)); }), lines);
 }
 
-TEST_F(EndpointReleaseTest, BeginsWithBoundEndpoints) {
+TEST_F(EndpointReleaseTest, ReleasesBoundEndpointsFirst) {
     const std::string bound = "up_src_ip 127.0.0.1 up_src_port 4600";
     std::vector<EndpointPtr> endpoints{removedEndpoint(1), removedEndpoint(2, bound),
                                        removedEndpoint(3), removedEndpoint(4, bound)};
@@ -102,7 +102,7 @@ TEST_F(EndpointReleaseTest, LeavesAHeldEndpointToItsHolder) {
     EXPECT_EQ(takePollRequests(), expected);
 }
 
-TEST_F(EndpointReleaseTest, ClosesWhatThePollLoopCannotBeAskedFor) {
+TEST_F(EndpointReleaseTest, ClosesTheSocketsIfThePollLoopCannotBeAsked) {
     std::vector<EndpointPtr> endpoints = removedEndpoints(2);
     const std::vector<PollCtlMsg> sockets = deletionsOf(endpoints);
     const std::string failure =
@@ -135,7 +135,7 @@ TEST_F(EndpointReleaseTest, ClosesAtOnceWhenThePollLoopHasEnded) {
     }
 }
 
-TEST_F(EndpointReleaseTest, IsNoFasterThanThePollLoop) {
+TEST_F(EndpointReleaseTest, WaitsForThePollLoop) {
     makePollLoop();
     std::vector<EndpointPtr> endpoints = removedEndpoints(200);
     std::atomic<bool> done{false};
@@ -171,7 +171,7 @@ TEST_F(EndpointReleaseTest, EndsWhenThePollLoopEnds) {
     }
 }
 
-TEST_F(EndpointReleaseTest, WaitsForNoDeletionThatCouldNotBeSent) {
+TEST_F(EndpointReleaseTest, DoesNotWaitForDeletionsThatWereNotSent) {
     makePollLoop();
     std::vector<EndpointPtr> endpoints = removedEndpoints(200);
     context->pollSocket.reset();
