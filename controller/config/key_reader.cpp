@@ -10,7 +10,7 @@ namespace vesk::controller {
 
 namespace {
 
-constexpr std::string_view hexDigits = "0123456789abcdefABCDEF";
+constexpr std::string_view keyDigits = "0123456789abcdefABCDEF";
 constexpr std::string_view whiteSpace = " \t\r\n\v\f";
 constexpr std::size_t maxDigits = 256;
 constexpr std::size_t maxKeyFile = 4096;
@@ -32,7 +32,7 @@ KeyReading readKey(const std::string& text) {
     if (text.empty()) {
         return {"", "the key is empty"};
     }
-    if (text.find_first_not_of(hexDigits) != std::string::npos) {
+    if (text.find_first_not_of(keyDigits) != std::string::npos) {
         return {"", "the key has a character that is no hex digit"};
     }
     if (text.size() % 2 != 0) {
