@@ -24,8 +24,6 @@ struct ServedPages {
 
 namespace {
 
-constexpr const char* plainText = "text/plain; charset=utf-8";
-
 // Threads inherit the signals that are blocked where they are made.
 class SignalsBlocked {
  public:

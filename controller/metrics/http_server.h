@@ -22,6 +22,9 @@ struct MHD_Daemon;
 
 namespace vesk::controller {
 
+/// The content type of the short pages.
+inline constexpr const char* plainText = "text/plain; charset=utf-8";
+
 struct Answer {
     unsigned status = 0;
     const char* contentType = nullptr;

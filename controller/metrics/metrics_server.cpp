@@ -12,17 +12,16 @@ namespace vesk::controller {
 
 namespace {
 
-constexpr const char* pagePlainText = "text/plain; charset=utf-8";
 constexpr const char* metricsText = "text/plain; version=0.0.4; charset=utf-8";
 
 Answer healthAnswer(bool healthy) {
-    return healthy ? Answer{200, pagePlainText, "ok\n"}
-                   : Answer{503, pagePlainText, "the forwarder is not running\n"};
+    return healthy ? Answer{200, plainText, "ok\n"}
+                   : Answer{503, plainText, "the forwarder is not running\n"};
 }
 
 Answer readinessAnswer(std::string_view obstacle) {
-    return obstacle.empty() ? Answer{200, pagePlainText, "ready\n"}
-                            : Answer{503, pagePlainText, std::string(obstacle) + "\n"};
+    return obstacle.empty() ? Answer{200, plainText, "ready\n"}
+                            : Answer{503, plainText, std::string(obstacle) + "\n"};
 }
 
 std::string placeOf(const std::string& address, std::uint16_t port) {
