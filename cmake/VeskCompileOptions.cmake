@@ -1,11 +1,12 @@
-# The options that every target of this project is built with, gathered in one interface target.
+# The compile and link options of all targets, in one interface target.
 
 include(CheckCXXCompilerFlag)
 
 add_library(vesk_compile_options INTERFACE)
 
-# For test programs, which run once and are compiled often: they are left unoptimised, the libraries
-# that they test are not, and have no more debug information than a stack trace shows. Set the variable of the same name for a folder of them.
+# For test programs, which are compiled often and run once: they are built without optimisation and
+# with only the debug information that a stack trace needs. The libraries that they test are
+# optimised. Set the variable of the same name in a folder of test programs.
 define_property(TARGET PROPERTY VESK_QUICK_BUILD INITIALIZE_FROM_VARIABLE VESK_QUICK_BUILD
     BRIEF_DOCS "Whether the target is compiled without optimisation")
 set(vesk_quick $<BOOL:$<TARGET_PROPERTY:VESK_QUICK_BUILD>>)
@@ -17,14 +18,14 @@ target_compile_options(vesk_compile_options INTERFACE
     $<$<CXX_COMPILER_ID:Clang>:-Wthread-safety>)
 
 if(VESK_HARDENING)
-    # 3 sees more object sizes than 2; compilers without it would warn about the level.
+    # Level 3 checks more object sizes than level 2. Compilers that lack it warn.
     if(CMAKE_CXX_COMPILER_ID STREQUAL "GNU" AND CMAKE_CXX_COMPILER_VERSION VERSION_GREATER_EQUAL 12)
         set(vesk_fortify_level 3)
     else()
         set(vesk_fortify_level 2)
     endif()
     set(CMAKE_POSITION_INDEPENDENT_CODE ON)
-    # Not every architecture has each of these: -fcf-protection is x86's alone.
+    # Some of these options exist on some architectures only: -fcf-protection only on x86.
     set(vesk_protection)
     foreach(flag IN ITEMS -fstack-protector-strong -fstack-clash-protection -fcf-protection)
         string(MAKE_C_IDENTIFIER "VESK_TAKES${flag}" takes)
@@ -44,8 +45,8 @@ if(VESK_SANITIZE)
         -fsanitize=${VESK_SANITIZE} -fno-omit-frame-pointer -fno-sanitize-recover=all)
     target_link_options(vesk_compile_options INTERFACE -fsanitize=${VESK_SANITIZE})
     if(VESK_SANITIZE MATCHES "undefined")
-        # This one check opens a pipe to find out whether memory may be read, and takes memory for
-        # broken where no descriptor is left, which some tests see to.
+        # This check opens a pipe to test whether memory is readable. If no descriptor is left, as
+        # in some tests, it reports valid memory as invalid.
         target_compile_options(vesk_compile_options INTERFACE -fno-sanitize=vptr)
     endif()
 endif()

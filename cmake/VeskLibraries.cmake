@@ -1,10 +1,10 @@
-# The libraries of the units in dependencies.ini. What each links of the others stands in that table
-# and nowhere else.
+# Adds the libraries of the units in dependencies.ini. Only that table says which units each library
+# links.
 
 set(VESK_DEPENDENCIES ${CMAKE_CURRENT_LIST_DIR}/dependencies.ini)
 set_property(DIRECTORY ${PROJECT_SOURCE_DIR} APPEND PROPERTY CMAKE_CONFIGURE_DEPENDS ${VESK_DEPENDENCIES})
 
-# VESK_FOLDER_<unit> and VESK_USES_<unit> for each unit of the table.
+# Reads the table: sets VESK_FOLDER_<unit> and VESK_USES_<unit> for each unit.
 file(STRINGS ${VESK_DEPENDENCIES} lines REGEX "^(\\[|folder = |uses = )")
 foreach(line IN LISTS lines)
     if(line MATCHES "^\\[(.+)\\]$")
@@ -30,8 +30,8 @@ function(vesk_link_unit target unit)
     endif()
 endfunction()
 
-# vesk_add_library(unit SOURCES file... [LINKS library...] [PRIVATE_LINKS library...]): vesk_<unit>, of
-# files of the unit's folder; LINKS are libraries of others.
+# vesk_add_library(unit SOURCES file... [LINKS library...] [PRIVATE_LINKS library...]): adds
+# vesk_<unit>, made of files of the unit's folder. LINKS are external libraries.
 function(vesk_add_library unit)
     cmake_parse_arguments(PARSE_ARGV 1 UNIT "" "" "SOURCES;LINKS;PRIVATE_LINKS")
     list(TRANSFORM UNIT_SOURCES PREPEND ${PROJECT_SOURCE_DIR}/${VESK_FOLDER_${unit}}/)

@@ -1,8 +1,8 @@
-# One CTest test for each suite of a GoogleTest program. A process for each test case would cost more
-# than most of the cases do, with sanitizers above all.
+# Adds one CTest test for each suite of a GoogleTest program. One process for each test case would
+# take longer than most test cases, in particular with sanitizers.
 
 # vesk_add_test_suites(TARGET PREFIX prefix LABELS label... TIMEOUT seconds)
-# Whoever includes this file has GoogleTest. The suites are listed when the program has been built.
+# The including file must have found GoogleTest. The suites are listed after the program is built.
 function(vesk_add_test_suites target)
     cmake_parse_arguments(PARSE_ARGV 1 SUITES "" "PREFIX;TIMEOUT" "LABELS")
     set(list ${CMAKE_CURRENT_BINARY_DIR}/${target}_suites.cmake)
@@ -12,7 +12,7 @@ function(vesk_add_test_suites target)
             -P ${PROJECT_SOURCE_DIR}/cmake/list_test_suites.cmake
         BYPRODUCTS ${list}
         VERBATIM)
-    # A program that was not built is a test that fails.
+    # If the program was not built, a failing test says so.
     set(include ${CMAKE_CURRENT_BINARY_DIR}/${target}_include.cmake)
     file(WRITE ${include}
         "if(EXISTS \"${list}\")\n    include(\"${list}\")\n"

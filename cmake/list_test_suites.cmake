@@ -1,5 +1,5 @@
-# Writes the CTest tests of a GoogleTest program: run by vesk_add_test_suites after each build of it, with
-# PROGRAM, PREFIX, LABELS, TIMEOUT and the file to write, LIST.
+# Writes the CTest tests of a GoogleTest program. Run by vesk_add_test_suites after each build of
+# the program, with the variables PROGRAM, PREFIX, LABELS, TIMEOUT, and LIST, the file to write.
 cmake_minimum_required(VERSION 3.25)
 
 execute_process(COMMAND ${PROGRAM} --gtest_list_tests
@@ -12,7 +12,8 @@ set(text "")
 string(REPLACE ";" "\\;" output "${output}")
 string(REPLACE "\n" ";" lines "${output}")
 foreach(line IN LISTS lines)
-    # "Suite." or "Instance/Suite." with a remark on a type behind it; its cases are indented.
+    # "Suite." or "Instance/Suite.", possibly followed by a note on its type. Test cases are
+    # indented.
     if(line MATCHES "^([^ ]+)\\.( |$)")
         set(suite ${CMAKE_MATCH_1})
         string(APPEND text

@@ -21,8 +21,8 @@ std::optional<int> parseVersion(std::string_view text) {
     return std::nullopt;
 }
 
-/// Whole seconds, as nanoseconds; they have to fit. A sign would let huge negative numbers wrap
-/// into small ones.
+/// A number of whole seconds, which must not overflow in nanoseconds. A minus sign is refused,
+/// since a negative number would wrap and might become a small positive one.
 std::optional<std::chrono::nanoseconds> parseInterval(const std::string& text) {
     using std::chrono::nanoseconds;
     using std::chrono::seconds;
@@ -44,7 +44,7 @@ std::optional<bool> parseSwitch(std::size_t position, std::string_view text) {
     return std::nullopt;
 }
 
-/// Takes over what was parsed, if anything was; whether it was.
+/// Stores a value if it was parsed. Returns whether it was.
 template <typename Value>
 bool takeOver(const std::optional<Value>& parsed, Value& target) {
     target = parsed.value_or(target);

@@ -1,4 +1,4 @@
-// The process's positional arguments. Called once, on the main thread.
+// Parses the positional arguments of the process. Called once, on the main thread.
 #pragma once
 
 #include <chrono>
@@ -16,8 +16,8 @@ struct Arguments {
     CleanUpSwitches cleanUp;
 };
 
-/// Reads what follows the program's name; what is not given keeps its default, what follows the
-/// fourth is ignored. Nothing, after logging, where one makes no sense.
+/// Parses the arguments after the program's name. Missing ones keep their defaults; those after the
+/// fourth are ignored. None, after logging, if an argument is invalid.
 std::optional<Arguments> parseArguments(std::span<const char* const> texts);
 
 }  // namespace vesk

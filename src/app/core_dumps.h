@@ -1,11 +1,11 @@
-// Lifts the core-file size limit, so that a crash in the field leaves something to look at. Called
-// once at start-up.
+// Raises the size limit of core files, so that a crash in production leaves a core file. Called
+// once at start-up, on the main thread.
 #pragma once
 
 namespace vesk {
 
-/// Tries for no limit, else for as much as the hard limit allows. Logs what came of it; never a
-/// reason not to start.
+/// Removes the limit, or else raises it to the hard limit. The result is logged; on failure the
+/// process starts all the same.
 void allowCoreDumps();
 
 }  // namespace vesk

@@ -26,7 +26,7 @@ namespace {
 
 constexpr int failureStatus = -1;
 
-/// From the first thread to the last; the context goes with the caller's share.
+/// Starts the threads, runs the command loop, and shuts down. Returns the exit status.
 int serve(const Arguments& arguments, const std::shared_ptr<ForwarderContext>& context) {
     const int created = createPollSocks(context->pollSocket, context->serverPollSock);
     if (created != 0) {
@@ -45,7 +45,8 @@ int serve(const Arguments& arguments, const std::shared_ptr<ForwarderContext>& c
 
 int runForwarder(std::span<const char* const> texts) {
     occupyStandardDescriptors(ClosedStream::fails);
-    // A log reader that went away must not end the process: traffic is worth more than its log.
+    // The process must not end if the log's reader closes its end: traffic matters more than the
+    // log.
     std::signal(SIGPIPE, SIG_IGN);
     loadTimeZone();
     allowCoreDumps();

@@ -1,13 +1,13 @@
-// The life of the process on its main thread: start-up, the command loop and, mirroring the first,
-// shut-down.
+// The life of the process: start-up, the command loop, and shut-down. Called by main, on the main
+// thread.
 #pragma once
 
 #include <span>
 
 namespace vesk {
 
-/// Runs the forwarder until its input ends. `texts` are the arguments after the program's name.
-/// Returns the process's exit status.
+/// Runs the forwarder until the end of its input. `texts` are the arguments after the program's
+/// name. Returns the exit status of the process.
 int runForwarder(std::span<const char* const> texts);
 
 }  // namespace vesk

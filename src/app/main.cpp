@@ -1,4 +1,4 @@
-// The process's entry.
+// The entry point of the process.
 #include <cstddef>
 #include <span>
 

@@ -14,20 +14,21 @@ namespace vesk {
 
 namespace {
 
-/// The receive threads that make endpoints and hand datagrams to them.
+/// Stops the downstream and the lateral receive threads, which make the endpoints.
 void stopReceiving(ForwarderContext& context) {
     stopForwarder(context);
     context.lateral.thread.stop();
 }
 
-/// The exit status that stopping the poll thread makes of `status`.
+/// Stops the poll thread. Returns the result of that, which replaces `status`; `status` if there
+/// was no thread to stop.
 int stopPollThread(ForwarderContext& context, int status) {
     if (!context.pollThread || !context.pollThread->thread.started()) {
         return status;
     }
     const int result = context.pollThread->thread.stop();
-    // The workers and the clean-up task still run, and may be waiting for room on the channel. A
-    // poll thread that could not be stopped reads this flag after its next event and ends its loop.
+    // The workers and the clean-up task still run and may wait for room on the channel. A poll
+    // thread that could not be stopped reads this flag after its next event and ends its loop.
     context.pollThread->ended.store(true, std::memory_order_release);
     retirePollChannel(context.serverPollSock.get());
     return result;
@@ -47,9 +48,9 @@ bool anyThreadLeftRunning(const ForwarderContext& context) {
            context.workerLeftRunning || (context.cleanUpTask && context.cleanUpTask->leftRunning());
 }
 
-/// Ends the process while threads that could not be stopped still run. A return from main would
-/// close and destroy what they use: the descriptors, the context, and what libraries tear down at
-/// exit, such as libcrypto's digests.
+/// Ends the process although threads that could not be stopped still run. A return from main would
+/// close and destroy what they use: descriptors, the context, and what libraries destroy at exit,
+/// such as libcrypto's digests.
 [[noreturn]] void exitWithThreadsRunning(int status) {
     static_cast<void>(std::fflush(stdout));
     _exit(status);
@@ -74,7 +75,7 @@ int shutDown(ForwarderContext& context, int status) {
     if (anyThreadLeftRunning(context)) {
         exitWithThreadsRunning(status);
     }
-    // It holds the workers, and they hold the context.
+    // Breaks a cycle: the context holds it, it holds the workers, and they hold the context.
     context.pollThread.reset();
     context.pollSocket.reset();
     context.serverPollSock.reset();

@@ -32,8 +32,8 @@ std::shared_ptr<PollParam> makeReceiveWorker(const std::shared_ptr<ForwarderCont
         [receiver](const LogDelay& lines) { return receiver->endPass(lines); });
 }
 
-/// Gives up the workers after `error` kept one from starting. Kept: errno, and not that error,
-/// decides; with errno clear the process goes on without workers.
+/// Stops the workers after one failed to start with `error`. Kept: errno, not that error, decides
+/// the exit status; if errno is 0 the process continues without workers.
 StartFailure giveUpReceiveWorkers(int error, int errnoThen, ForwarderContext& context) {
     logError("Failed to create Upstream Recv Threads, Error: ", errorText(error));
     stopWorkers(context);

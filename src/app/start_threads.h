@@ -1,4 +1,4 @@
-// Start-up: the threads that run from the beginning to the end. Called once, on the main thread.
+// Starts the threads that run for the whole life of the process. Called once, on the main thread.
 #pragma once
 
 #include <memory>
@@ -10,11 +10,11 @@ namespace vesk {
 
 struct ForwarderContext;
 
-/// The exit status that a step which failed asks for; it may be 0.
+/// None on success, else the exit status of the process, which may be 0.
 using StartFailure = std::optional<int>;
 
-/// Starts the receive workers, the poll thread and the clean-up task, in this order. What was
-/// started before a failure is left to the shut-down.
+/// Starts the receive workers, the poll thread and the clean-up task, in this order. After a
+/// failure the caller stops the threads already started, by `shutDown`.
 StartFailure startThreads(const Arguments& arguments,
                           const std::shared_ptr<ForwarderContext>& context);
 

@@ -12,7 +12,7 @@ namespace {
 
 constexpr std::string_view separators = " \t\n\r";
 
-/// An address given in two halves, and the attribute that the halves become.
+/// An address given as two attributes, and the one attribute that replaces them.
 struct AddressPair {
     std::string_view addressKey;
     std::string_view portKey;

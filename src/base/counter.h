@@ -1,4 +1,5 @@
-// Statistics counters that the report reads while the datapath runs.
+// Statistics counters: incremented by the threads of the datapath, read by the "stats" command on
+// the main thread at the same time.
 #pragma once
 
 #include <atomic>
@@ -6,8 +7,8 @@
 
 namespace vesk {
 
-/// Counted by one thread (at a time), read by any. The machine code of a plain increment: no
-/// read-modify-write, and no data race in the language.
+/// A counter that one thread at a time increments and any thread reads. The relaxed load and store
+/// compile to a plain increment, without an atomic read-modify-write, and are not a data race.
 class Counter {
  public:
     void increment() { add(1); }
@@ -20,8 +21,8 @@ class Counter {
     std::atomic<std::uint64_t> value_{0};
 };
 
-/// Counted by several threads at once: a plain increment would lose some, and the counters of a
-/// socket could no longer be added up to the datagrams that it received.
+/// A counter that several threads increment at once. A plain increment would lose counts, and the
+/// counters of a socket would no longer add up to the datagrams that it received.
 class SharedCounter {
  public:
     void increment() { value_.fetch_add(1, std::memory_order_relaxed); }

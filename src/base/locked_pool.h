@@ -1,8 +1,8 @@
-// A pool of memory with a lock, for containers whose elements are destroyed outside the container's
-// own lock. Any thread.
+// A memory pool with its own lock, for containers whose elements are destroyed after the
+// container's lock is released. Any thread.
 //
-// Not the standard library's synchronized pool: that one keeps memory apart for each thread, and
-// what a thread that has ended allocated is never used again.
+// The standard library's synchronized pool is not used: it keeps separate memory for each thread,
+// and never reuses the memory of threads that have ended.
 #pragma once
 
 #include <cstddef>
@@ -14,7 +14,7 @@ namespace vesk {
 
 class LockedPool : public std::pmr::memory_resource {
  public:
-    /// Takes large pieces from `upstream`, which lives longer.
+    /// Takes memory in large blocks from `upstream`, which must outlive the pool.
     explicit LockedPool(std::pmr::memory_resource* upstream) : pool_(upstream) {}
 
  private:

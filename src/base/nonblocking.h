@@ -1,10 +1,10 @@
-// Descriptors that do not wait: upstream sockets and the poll loop's end of its channel. Any thread
-// that owns the descriptor.
+// Makes descriptors non-blocking: those of upstream sockets, and the poll loop's end of the message
+// channel. Called on the thread that makes the descriptor.
 #pragma once
 
 namespace vesk {
 
-/// O_NONBLOCK. 0 or -errno.
+/// Sets O_NONBLOCK. 0 or -errno.
 int setNonBlocking(int fd);
 
 }  // namespace vesk

@@ -8,7 +8,7 @@ namespace vesk {
 
 namespace {
 
-// An embedded NUL ends what the C library reads, so it shows as an unread rest too.
+// The C library stops at an embedded NUL, so such a text counts as not fully read.
 bool isWholeText(const std::string& text, const char* end) {
     return end == text.c_str() + text.size();
 }

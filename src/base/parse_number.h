@@ -1,5 +1,6 @@
-// Whole-text numbers in the syntax of strtoul and strtol with base 0: decimal, "0x" hexadecimal and
-// leading-"0" octal, leading white space and a sign allowed. Any thread.
+// Parses a whole text as a number, in the syntax of strtoul and strtol with base 0: decimal,
+// hexadecimal after "0x", octal after a leading "0". Leading white space and a sign are allowed.
+// Called for arguments and for attributes of commands. Any thread.
 #pragma once
 
 #include <cstdint>
@@ -8,16 +9,16 @@
 
 namespace vesk {
 
-/// The number the whole text stands for; none where anything follows it or it is out of range.
-/// An empty text is 0. A negative text wraps, as strtoul has it.
+/// The number that the whole text denotes. None if other characters follow the number or if it is
+/// out of range. An empty text is 0. A negative number wraps, as in strtoul.
 ///
-/// errno is not cleared first: the greatest value is refused whenever errno holds ERANGE.
+/// errno is not cleared first: the largest value is rejected if errno is already ERANGE.
 std::optional<std::uint64_t> parseUnsigned(const std::string& text);
 
-/// As above, and none where the number does not fit 32 bits.
+/// As parseUnsigned, and none if the number does not fit in 32 bits.
 std::optional<std::uint32_t> parseUnsigned32(const std::string& text);
 
-/// As parseUnsigned, for signed numbers. One below the range is read as the least number.
+/// As parseUnsigned, for signed numbers. A number below the range is read as the smallest number.
 std::optional<std::int64_t> parseSigned(const std::string& text);
 
 }  // namespace vesk

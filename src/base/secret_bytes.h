@@ -1,5 +1,5 @@
-// Bytes that are wiped when they go: keys, and what is computed with them. Any thread; values are
-// not shared.
+// Bytes that are wiped when they are destroyed: keys, and values computed with them. Any thread;
+// values are not shared.
 #pragma once
 
 #include <array>
@@ -9,7 +9,7 @@
 
 namespace vesk {
 
-/// An array that leaves nothing of itself in the memory that it was in. Copies wipe themselves too.
+/// An array that its destructor overwrites. Copies are overwritten too.
 template <std::size_t Size>
 class SecretBytes : public std::array<std::uint8_t, Size> {
  public:

@@ -1,5 +1,4 @@
-// A socket address as a value, for whatever binds, sends or receives. Any thread; values are not
-// shared.
+// A socket address as a value, for bind, sendmsg and recvmsg. Any thread; values are not shared.
 #pragma once
 
 #include <netinet/in.h>
@@ -11,11 +10,11 @@
 
 namespace vesk {
 
-/// A socket address as the kernel wrote it; empty when its length is 0. Trivially copyable, so that
-/// the datapath can pass it about without an allocation, and no larger than the families that it
-/// serves: every flow keeps a dozen.
+/// A socket address in the kernel's form, with address and port in network byte order; empty if its
+/// length is 0. Trivially copyable, so that the datapath copies it without an allocation. Only
+/// large enough for IPv4 and IPv6, since every flow stores a dozen.
 struct SocketAddress {
-    /// The larger of the two; an IPv4 address begins with its family too.
+    /// The larger of the two families. The family member is at the same place in an IPv4 address.
     sockaddr_in6 storage{};
     socklen_t length = 0;
 

@@ -1,15 +1,17 @@
-// Standard input, output and error where the process was started without one of them. Called once,
-// at the beginning of main.
+// Opens the standard descriptors that were closed when the process was started. Called once, on the
+// main thread, at the beginning of main.
 #pragma once
 
 namespace vesk {
 
-/// How reading and writing a stream that was closed at start ends: with an error, as for a closed
-/// descriptor, or like those of the null device.
+/// What happens when a stream is used that was closed at start. `fails`: an error, as for a closed
+/// descriptor. `isEmpty`: as for the null device, reading finds the end of input and output is
+/// discarded.
 enum class ClosedStream { fails, isEmpty };
 
-/// Keeps the numbers of closed standard descriptors from going to sockets and pipes, which would
-/// then be read for commands or written full of log lines.
+/// Opens the null device under the number of each closed standard descriptor. Otherwise a socket or
+/// a pipe could get that number, and the process would read commands from it or write log lines to
+/// it.
 void occupyStandardDescriptors(ClosedStream closed);
 
 }  // namespace vesk

@@ -1,7 +1,8 @@
-// Locks over the POSIX objects, annotated for clang's thread-safety analysis, and their guards.
+// Locks built on those of POSIX, with their scope guards, annotated for clang's thread-safety
+// analysis. Any thread.
 //
-// We do not use the standard library's: its semaphore may not be cancelled while waiting, and its
-// shared lock may starve writers.
+// Those of the standard library are not used: a thread must not be cancelled while it waits for the
+// library's semaphore, and its shared lock may starve writers.
 #pragma once
 
 #include <pthread.h>
@@ -13,7 +14,7 @@
 
 #include "base/timespec.h"
 
-// Attributes have no spelling that all compilers share; these are the names clang documents.
+// Only clang has these attributes, so they are macros. Their names follow clang's documentation.
 #if defined(__clang__)
 #define VESK_THREAD_ATTRIBUTE(x) __attribute__((x))
 #else
@@ -57,9 +58,9 @@ class VESK_SCOPED_CAPABILITY MutexLock {
     Mutex& mutex_;
 };
 
-/// Readers share, a writer is alone. A waiting writer goes before new readers: with a datapath that
-/// reads without a pause, a command that writes would otherwise never get its turn. Never take it
-/// for reading twice in one thread.
+/// Shared by readers, exclusive for a writer. A waiting writer is served before new readers: the
+/// datapath reads without pause, and a command that writes might otherwise wait forever. A thread
+/// that holds the lock for reading must not take it again: with a writer waiting it would deadlock.
 class VESK_CAPABILITY("shared_mutex") RwLock {
  public:
     RwLock() {
@@ -103,9 +104,9 @@ class VESK_SCOPED_CAPABILITY WriteLock {
     RwLock& lock_;
 };
 
-/// Lets one thread sleep until another posts. Unlike a condition variable it has no part in the
-/// lock that guards what is waited for: posted without that lock held, it wakes a thread that can
-/// go to work at once.
+/// Lets one thread sleep until another thread posts. Unlike a condition variable it is independent
+/// of the lock that guards the awaited state: if the post is made after that lock is released, the
+/// woken thread can work at once.
 class WakeUp {
  public:
     WakeUp() { sem_init(&posts_, 0, 0); }
@@ -113,13 +114,14 @@ class WakeUp {
     WakeUp(const WakeUp&) = delete;
     WakeUp& operator=(const WakeUp&) = delete;
 
-    /// Until the next post, or one that nobody waited for. May be cancelled.
+    /// Waits for a post. Returns at once if an earlier post has not been consumed. A cancellation
+    /// point.
     void wait() {
         while (sem_wait(&posts_) != 0) {
             // A signal interrupted it.
         }
     }
-    /// As above, but no longer than this. May be cancelled.
+    /// As above, but returns after `longest` at the latest. A cancellation point.
     void waitFor(std::chrono::nanoseconds longest) {
         timespec now{};
         clock_gettime(CLOCK_MONOTONIC, &now);

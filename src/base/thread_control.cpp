@@ -12,7 +12,7 @@ namespace vesk {
 namespace {
 
 using ThreadBody = std::function<void()>;
-/// The running thread's share of its body, on its way through pthread_create.
+/// The running thread's reference to its body, as it is passed through pthread_create.
 using Share = std::shared_ptr<ThreadBody>;
 
 extern "C" void* runThreadBody(void* argument) {
@@ -46,7 +46,7 @@ int CancellableThread::start(std::function<void()> body) {
         errno = savedErrno;
         return error;
     }
-    // The thread takes it over.
+    // The new thread owns it now.
     static_cast<void>(share.release());
     id_ = created;
     state_ = State::started;
@@ -67,7 +67,7 @@ int CancellableThread::stop() {
 int CancellableThread::cancelAndJoin() const {
     const int cancelError = pthread_cancel(id_);
     if (cancelError == ESRCH) {
-        // It ended by itself, but nobody has joined it yet: its stack is still to be given back.
+        // The thread has ended by itself. Joining it releases its stack.
         pthread_join(id_, nullptr);
         return cancelError;
     }

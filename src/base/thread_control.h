@@ -1,7 +1,8 @@
-// Starting threads, and ending them by cancel and join.
+// Starts threads, and ends them by cancelling and joining. A handle is used by the thread that owns
+// it, usually main; the rest by the thread that was started.
 //
-// A cancellation that strikes inside a destructor ends the process, so a thread started here runs
-// with cancellation off and lets it in only where it says so, with a CancellationScope.
+// A thread that is cancelled inside a destructor ends the process. A thread started here therefore
+// runs with cancellation disabled, and enables it only by a CancellationScope.
 #pragma once
 
 #include <pthread.h>
@@ -11,8 +12,8 @@
 
 namespace vesk {
 
-/// While it lives, the calling thread may be cancelled at a cancellation point. Put it around the
-/// thread's one blocking wait and around nothing else.
+/// While it exists, the calling thread may be cancelled at a cancellation point. Put it around the
+/// thread's one blocking wait and nothing else.
 class CancellationScope {
  public:
     CancellationScope() { pthread_setcancelstate(PTHREAD_CANCEL_ENABLE, nullptr); }
@@ -21,13 +22,12 @@ class CancellationScope {
     CancellationScope& operator=(const CancellationScope&) = delete;
 };
 
-/// Ends the calling thread here if somebody has asked for it: for a pass that may never block.
+/// Ends the calling thread if it was cancelled. For loops whose passes may never block.
 void endThreadIfCancelled();
 
-/// The handle of a thread. Used by the thread that owns it, usually main. The running thread shares
-/// its body: where it cannot be stopped it goes on with the body, and with all that the body
-/// captured by value, after the handle is gone. Otherwise it is the handle's owner that destroys
-/// the body, after the join.
+/// The handle of a thread. The handle and the running thread share the body: a thread that cannot
+/// be stopped keeps the body, with all that the body captured by value, after the handle is
+/// destroyed. Otherwise the handle destroys the body after the join.
 class CancellableThread {
  public:
     CancellableThread() = default;
@@ -36,21 +36,21 @@ class CancellableThread {
     CancellableThread(const CancellableThread&) = delete;
     CancellableThread& operator=(const CancellableThread&) = delete;
 
-    /// Starts the body with default attributes. 0, or pthread_create's error code (errno is left
-    /// as that call left it), and then nothing runs. Call it only before the first start, or after
-    /// a stop that did not leave the thread running.
+    /// Runs the body on a new thread with default attributes. 0, or the error code of
+    /// pthread_create, with errno as that call left it; then no thread runs. Call it only if there
+    /// was no start before, or after a stop that did not leave the thread running.
     int start(std::function<void()> body);
 
-    /// Cancels and joins. 0, or an error code of the two calls; any but ESRCH (the thread had ended
-    /// by itself) is logged, and the thread is then left running. Once joined, the body and all it
-    /// held are gone.
+    /// Cancels and joins the thread. 0, or the error code of the call that failed. ESRCH: there was
+    /// no thread, or it had ended by itself. Any other error is logged, and the thread is left
+    /// running. Once the thread is joined, the body is destroyed.
     int stop();
 
     /// Whether there is a thread to stop.
     bool started() const { return state_ == State::started; }
     /// Whether a stop has failed: the thread may run until the process ends.
     bool leftRunning() const { return state_ == State::leftRunning; }
-    /// 0 while nothing was started, and after a stop.
+    /// 0 before the first start and after a stop.
     pthread_t id() const { return id_; }
 
  private:
@@ -60,7 +60,7 @@ class CancellableThread {
 
     pthread_t id_{};
     State state_ = State::ended;
-    /// Released by every stop, so that the body may hold the owner of this handle.
+    /// Released by every stop, so that the body may hold a reference to the owner of this handle.
     std::shared_ptr<std::function<void()>> body_;
 };
 

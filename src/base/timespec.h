@@ -1,4 +1,4 @@
-// Between the C library's time structure and durations. Any thread.
+// Converts between the C library's timespec and durations. Any thread.
 #pragma once
 
 #include <chrono>

@@ -6,7 +6,7 @@
 
 namespace vesk {
 
-// The kernel rounds lengths up to whole pages, and no type asks for more than a page's alignment.
+// The kernel rounds lengths up to whole pages, and no type needs a larger alignment than a page.
 
 void* UndumpedPages::do_allocate(std::size_t bytes, std::size_t /*alignment*/) {
     void* const pages =

@@ -1,5 +1,5 @@
-// Memory that a core file leaves out, for tables that hold secrets. The memory resources of the
-// standard library are put on top of it; it has no state and no lock of its own.
+// Memory that is left out of core files, for tables that hold secrets. Pools of the standard
+// library allocate from it. Any thread: it has no state, and so no lock.
 #pragma once
 
 #include <cstddef>
@@ -8,8 +8,8 @@
 namespace vesk {
 
 /// Allocates whole pages; meant as the upstream resource of a pool. Throws std::bad_alloc if the
-/// system has none. If the kernel cannot exclude pages from core files, they are allocated all the
-/// same.
+/// system has no memory. If the kernel cannot exclude the pages from core files, they are allocated
+/// nevertheless.
 class UndumpedPages : public std::pmr::memory_resource {
     void* do_allocate(std::size_t bytes, std::size_t alignment) override;
     void do_deallocate(void* pages, std::size_t bytes, std::size_t alignment) override;

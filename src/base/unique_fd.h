@@ -1,4 +1,4 @@
-// Ownership of a file descriptor as a type: closed once, by whoever holds it last.
+// An owner of a file descriptor, which closes it exactly once. Any thread; an object is not shared.
 #pragma once
 
 #include <unistd.h>
@@ -7,7 +7,7 @@
 
 namespace vesk {
 
-/// Move-only owner of one descriptor, or of none (-1). Never converts to int silently.
+/// Move-only owner of one descriptor, or of none (-1). Not implicitly convertible to int.
 class UniqueFd {
  public:
     UniqueFd() noexcept = default;
@@ -25,10 +25,10 @@ class UniqueFd {
     int get() const noexcept { return fd_; }
     explicit operator bool() const noexcept { return fd_ != -1; }
 
-    /// Gives the descriptor away without closing it.
+    /// Returns the descriptor without closing it. The caller owns it then.
     int release() noexcept { return std::exchange(fd_, -1); }
 
-    /// Closes what is held and takes over `fd`.
+    /// Closes the descriptor held and takes ownership of `fd`.
     void reset(int fd = -1) noexcept {
         const int old = std::exchange(fd_, fd);
         if (old != -1 && old != fd) {

@@ -1,7 +1,7 @@
-// What every thread shares: one context for the life of the process, made at start-up for one
-// framing version and held by shared reference by the main thread and by every thread it starts.
+// What all threads share: one context for the life of the process, made at start-up for one framing
+// version. The main thread, the receive threads and the workers hold it by shared reference.
 //
-// A record of names with little code of its own. Only source files include it, never a header.
+// It is a plain record. Only source files include it, never a header.
 #pragma once
 
 #include <atomic>
@@ -24,7 +24,7 @@ struct FramingDescriptor;
 
 /// A downstream receive thread with the endpoint it serves.
 struct DownstreamListener {
-    /// The thread has a lease; it is the main thread that releases the endpoint last.
+    /// The thread has a lease; the main thread has the last reference to the endpoint.
     LentEndpoint endpoint;
     CancellableThread thread;
 };
@@ -38,13 +38,13 @@ struct ForwarderContext : std::enable_shared_from_this<ForwarderContext> {
     // Constant.
 
     const FramingDescriptor& framing;
-    /// Which source address IPv4 replies and upstream requests get.
+    /// How the source address of IPv4 datagrams is chosen, towards peers and towards upstream.
     const Ipv4Source ipv4Source;
     const std::shared_ptr<EndpointManager> endpointManager;
 
     // Set by the main thread at start-up and cleared at shut-down; unchanged in between.
 
-    /// The senders' end of the message channel, and the poll loop's.
+    /// The senders' end and the poll loop's end of the message channel.
     UniqueFd pollSocket;
     UniqueFd serverPollSock;
     std::shared_ptr<PollThreadParam> pollThread;
@@ -66,16 +66,16 @@ struct ForwarderContext : std::enable_shared_from_this<ForwarderContext> {
 
     // Taken by the receive threads and the workers.
 
-    /// Held from looking for a label's endpoint to its being ready for use, so that of two threads
-    /// that miss the same one, one makes it and the other uses it ready made.
+    /// Held from the look-up of a label's endpoint until the endpoint is ready for use: of two
+    /// threads that find none, one makes it, and the other finds it prepared.
     Mutex endpointCreation;
 
-    // Used by the main thread only. There is more than one listener if "start" was sent twice
-    // without "stop": each keeps the endpoint that it was started with. The entry of a thread that
-    // could not be stopped stays until the process ends.
+    // Used by the main thread only. There are several listeners if "start" was sent twice without
+    // "stop"; each keeps the endpoint with which it was started. The entry of a thread that could
+    // not be stopped stays until the process ends.
 
     std::list<DownstreamListener> downstreamListeners;
-    /// Whether a worker could not be stopped; its record is no longer listed.
+    /// Whether a worker could not be stopped. That worker is no longer in the lists.
     bool workerLeftRunning = false;
 };
 

@@ -1,5 +1,5 @@
-// What the instances of a group know of each other: the lateral stream's settings, keys and peers.
-// Commands write on the main thread; the downstream and lateral receive threads read.
+// The settings, keys and peers of the lateral stream between the instances of a group. Written by
+// commands on the main thread; read by the receive threads and the workers.
 #pragma once
 
 #include <atomic>
@@ -16,12 +16,12 @@
 
 namespace vesk {
 
-/// The instances that share the label space, by index.
+/// The instances that share the label space, by index. Takes its own lock.
 class LateralPeers {
  public:
     /// Adds the peer or replaces its address.
     void set(std::uint32_t index, const IPAddrInfo& address) VESK_EXCLUDES(lock_);
-    /// The peer's address with this port; none for an unknown index.
+    /// The peer's address with this port (in host byte order); none for an unknown index.
     std::optional<SocketAddress> find(std::uint32_t index, std::uint16_t port) const
         VESK_EXCLUDES(lock_);
     bool empty() const VESK_EXCLUDES(lock_);
@@ -33,24 +33,25 @@ class LateralPeers {
 
 /// The lateral stream's settings.
 struct LateralStream {
-    /// Whether the lateral thread was started. Set once, by "start_lateral" and with release order,
-    /// and read with acquire order: a thread that reads it as true also sees the settings below.
+    /// Whether the lateral thread was started. Set once, by "start_lateral", with release order,
+    /// and read with acquire order: a thread that reads true also sees the settings below.
     std::atomic<bool> running{false};
 
-    // Written by "start_lateral" before it sets `running`, and read only where that is set.
+    // Written by "start_lateral" before it sets `running`; read only if `running` is set.
 
-    /// Peers listen on the same port; only their addresses differ.
+    /// The port in host byte order, on which all peers listen.
     std::uint64_t port = 0;
+    /// The index of this instance.
     std::uint32_t index = 0;
-    /// The number of instances that share the label space; 0: every label is this instance's.
+    /// The number of instances that share the label space. 0: this instance owns all labels.
     std::uint32_t maxQels = 0;
 
     LateralPeers peers;
 
-    /// The same key twice: each use has a context of its own.
+    /// The same key twice, since each use has its own context.
     Mutex signingLock;
     HmacInfo signingKey VESK_GUARDED_BY(signingLock);
-    /// Used by the lateral receive thread alone, and before it starts by "start_lateral".
+    /// Used only by the lateral receive thread, and by "start_lateral" before that thread starts.
     HmacInfo checkingKey;
 
     /// The listening endpoint and its thread. Used by the main thread only.

@@ -1,6 +1,6 @@
-// The attributes of one command, asked for one after another in the order in which complaints are
-// made. Every complaint is an error line that begins with the handler's name. Called on the main
-// thread by the handlers.
+// The attributes of one command. A handler asks for them in the order in which errors are to be
+// logged. Each error is logged as a line that begins with the handler's name. Called by the
+// handlers, on the main thread.
 #pragma once
 
 #include <cstdint>
@@ -12,7 +12,7 @@
 
 namespace vesk {
 
-/// Where a listener is to receive.
+/// The address on which a listener is to receive; the port is in host byte order.
 struct ListenAddress {
     std::string address;
     std::uint64_t port;
@@ -20,21 +20,22 @@ struct ListenAddress {
 
 class CommandAttributes {
  public:
-    /// Parses the words after a command. Nothing, after logging, where one is left over.
+    /// Parses the words after a command. None, after logging, if a word is left over.
     static std::optional<CommandAttributes> parse(std::string_view routine, TokenQueue& tokens);
 
-    /// Null, after logging, where it is missing or empty. Valid as long as this object.
+    /// The attribute's text; null, after logging, if it is missing or empty. Valid as long as this
+    /// object.
     const std::string* text(std::string_view name) const;
 
-    /// A number of any size, or of 32 bits. Where it is none, `complaint` is logged with the text
-    /// refused behind it.
+    /// A number of up to 64 or 32 bits. If the text is not such a number, `complaint` is logged,
+    /// followed by the text.
     std::optional<std::uint64_t> number(std::string_view name, std::string_view complaint) const;
     std::optional<std::uint32_t> number32(std::string_view name, std::string_view complaint) const;
 
-    /// "addr" and "port"; the address is not looked up.
+    /// "addr" and "port"; the address is not looked up. `badPort` is the complaint about the port.
     std::optional<ListenAddress> listenAddress(std::string_view badPort) const;
 
-    /// Logs a complaint.
+    /// Logs a complaint, followed by the text refused.
     void refuse(std::string_view complaint, std::string_view refused = {}) const;
 
  private:

@@ -39,7 +39,7 @@ void dispatchCommand(std::string_view line, const std::shared_ptr<ForwarderConte
     tokens.pop_front();
     const auto command = commands.find(word);
     if (command == commands.end()) {
-        // Kept: the message brings a line end of its own, so an empty line follows.
+        // Kept: the message itself ends in a newline, so an empty line follows.
         logError("Unrecognised command '", word, "'\n");
         return;
     }

@@ -1,4 +1,5 @@
-// From a line to its handler. Called on the main thread; exceptions of handlers pass through.
+// Finds the handler of a line and calls it. Called by the command loop, on the main thread.
+// Exceptions of handlers are not caught.
 #pragma once
 
 #include <map>
@@ -11,15 +12,15 @@ namespace vesk {
 
 struct ForwarderContext;
 
-/// Carries a command out with the words after it. What came of it shows in the log; the result is
-/// for whoever calls a handler directly.
+/// Carries out a command, given the words after it. Errors are logged; the result says whether the
+/// command succeeded, which dispatchCommand ignores.
 using CommandHandler = bool (*)(TokenQueue tokens,
                                 const std::shared_ptr<ForwarderContext>& context);
 
-/// The eight commands by their words.
+/// The eight commands, by name.
 const std::map<std::string_view, CommandHandler>& commandTable();
 
-/// Carries one line out. Blank lines do nothing, unknown words are reported.
+/// Carries out one line. A blank line does nothing; an unknown command is logged.
 void dispatchCommand(std::string_view line, const std::shared_ptr<ForwarderContext>& context);
 
 }  // namespace vesk

@@ -19,8 +19,8 @@ class LineBuffer {
     LineBuffer(const LineBuffer&) = delete;
     LineBuffer& operator=(const LineBuffer&) = delete;
 
-    /// False at end of input and after a read error. What an error cuts off is no line: half a
-    /// command may mean something else.
+    /// False at end of input and after a read error. A line that an error cuts off is discarded,
+    /// since half a command may have another meaning.
     bool read(std::FILE* input) {
         length_ = getline(&text_, &capacity_, input);
         return length_ >= 0 &&
@@ -32,7 +32,7 @@ class LineBuffer {
         return whole.ends_with('\n') ? whole.substr(0, whole.size() - 1) : whole;
     }
 
-    /// Overwrites the line: commands contain keys.
+    /// Overwrites the line, since commands may contain keys.
     void wipe() { OPENSSL_cleanse(text_, static_cast<std::size_t>(length_)); }
 
  private:
@@ -50,7 +50,7 @@ int cltMessageLoop(const LineDispatcher& dispatch, std::FILE* input) {
         buffer.wipe();
     }
     if (std::feof(input) != 0) {
-        // Kept: the text ends in a newline of its own, so an empty line follows.
+        // Kept: the message itself ends in a newline, so an empty line follows.
         logInfo("cltMessageLoop: Got EOF, exiting...\n");
     }
     return 0;

@@ -1,5 +1,5 @@
-// The command loop: reads the controlling service's lines until there are no more. Runs on the main
-// thread.
+// The command loop: reads the lines of the controlling service until the end of input. Runs on the
+// main thread.
 #pragma once
 
 #include <cstdio>
@@ -10,8 +10,8 @@ namespace vesk {
 
 using LineDispatcher = std::function<void(std::string_view line)>;
 
-/// Hands each line of `input`, without its newline, to the dispatcher; a last line may lack its
-/// newline. 0 at end of input, and as well, without its log line, after a read error.
+/// Passes each line of `input`, without its newline, to the dispatcher; the last line may lack a
+/// newline. Always 0. The end of input is logged, a read error is not.
 int cltMessageLoop(const LineDispatcher& dispatch, std::FILE* input);
 
 }  // namespace vesk

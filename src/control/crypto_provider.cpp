@@ -20,7 +20,7 @@ bool isAvailable(const char* provider) {
     return OSSL_PROVIDER_available(nullptr, provider) == 1;
 }
 
-/// The variables' presence counts, not what they hold.
+/// Only the presence of the variables matters, not their values.
 // NOLINTBEGIN(concurrency-mt-unsafe): no other thread runs yet.
 bool isFipsRequired() {
     return std::getenv("__TORLEXA_OPENSSL_FIPS") != nullptr ||
@@ -48,7 +48,8 @@ void loadDigests() {
         throwaway.setKey(key);
         throwaway.setAlgorithm(*algorithm);
         std::array<std::uint8_t, 16> tag{};
-        // A library that refuses a digest refuses the datagrams that need it, each for itself.
+        // The result is ignored: if the library refuses a digest, each datagram that needs it
+        // fails.
         static_cast<void>(computeTag(throwaway, {}, tag));
     }
 }

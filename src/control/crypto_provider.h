@@ -1,17 +1,17 @@
-// Puts libcrypto into FIPS mode where the controlling service requires it. Called once at start-up,
-// before anything else uses libcrypto.
+// Sets libcrypto up, in FIPS mode if the controlling service requires that. Called once at
+// start-up, on the main thread, before any other use of libcrypto.
 #pragma once
 
 namespace vesk {
 
-/// True where the library is in the mode required; tells in `fipsActive`, if given, whether that is
-/// FIPS mode. False, with `fipsActive` untouched, where it is required and cannot be had: the
-/// process must not go on.
-// Kept: `fipsActive` is part of the interface; the forwarder has no use for it.
+/// True if the library is in the required mode; `fipsActive`, if not null, is set to 1 for FIPS
+/// mode, else to 0. False, with `fipsActive` unchanged, if FIPS mode is required but cannot be
+/// activated: the process must end.
+// Kept: `fipsActive` is part of the interface; the forwarder does not use it.
 bool initFipsMode(int* fipsActive = nullptr);
 
-/// Makes libcrypto set up its digests now, while memory is plenty and no other thread runs. Its
-/// first use of a digest builds tables that stay unusable if it is cut short.
+/// Makes libcrypto set up its digests now, while memory is available and no other thread runs. The
+/// first use of a digest builds tables, which stay unusable if that fails half-way.
 void loadDigests();
 
 }  // namespace vesk

@@ -22,10 +22,10 @@ void reportUnusableAddress() {
     logError("startForwarder: bad command,  Invalid address and/or port ");
 }
 
-/// What "start" asks for, or nothing, after logging, where it makes no sense.
+/// The address that "start" names. None, after logging, if the command is invalid.
 std::optional<ListenAddress> parseStart(TokenQueue& tokens) {
     const auto attributes = CommandAttributes::parse("startForwarder", tokens);
-    // Kept: two blanks before "Bad", none before the text refused.
+    // Kept: two blanks before "Bad", and none before the text refused.
     auto listen = attributes ? attributes->listenAddress(" Bad port value") : std::nullopt;
     if (!listen) {
         return std::nullopt;
@@ -40,8 +40,8 @@ std::optional<ListenAddress> parseStart(TokenQueue& tokens) {
     return listen;
 }
 
-/// Closes each endpoint that no thread serves, and lends it no longer. The endpoint of a thread
-/// that could not be stopped stays open until the process ends.
+/// Withdraws and closes each endpoint that no thread serves. The endpoint of a thread that could
+/// not be stopped stays open until the process ends.
 void closeUnservedEndpoints(ForwarderContext& context) {
     auto& listeners = context.downstreamListeners;
     for (auto listener = listeners.begin(); listener != listeners.end();) {
@@ -57,8 +57,8 @@ void closeUnservedEndpoints(ForwarderContext& context) {
     }
 }
 
-/// First closes an endpoint that an earlier attempt left without a thread, since it may hold the
-/// same port. None, after logging and with the slot left unchanged, if the second look-up has no
+/// First closes an endpoint that an earlier attempt left without a thread, since it may have the
+/// same port. None, after logging and with the slot unchanged, if the second look-up has no usable
 /// address.
 std::optional<EndpointPtr> openDownstreamEndpoint(const ListenAddress& listen,
                                                   ForwarderContext& context) {
@@ -71,7 +71,7 @@ std::optional<EndpointPtr> openDownstreamEndpoint(const ListenAddress& listen,
     }
 }
 
-/// 0, or the negative error code of the thread's creation. The endpoint is kept in either case.
+/// 0, or the negative error code of the thread's creation; the endpoint is kept in both cases.
 int startDownstreamThread(EndpointPtr endpoint, const std::shared_ptr<ForwarderContext>& context) {
     DownstreamListener& listener = context->downstreamListeners.emplace_back();
     listener.endpoint = LentEndpoint(std::move(endpoint));
@@ -101,12 +101,12 @@ bool startForwarder(TokenQueue tokens, const std::shared_ptr<ForwarderContext>& 
         context->downstreamEndpoint.withdraw();
     }
     const int result = *endpoint ? startDownstreamThread(std::move(*endpoint), context) : -1;
-    // Kept: said whether or not it started; what failed was said before.
+    // Kept: logged whether or not it started; the failure was logged before.
     logInfo("Vesk started on port ", listen->port, " address ", listen->address);
     return result == 0;
 }
 
-// NOLINTNEXTLINE(performance-unnecessary-value-param): the shape of every handler.
+// NOLINTNEXTLINE(performance-unnecessary-value-param): all handlers have this signature.
 bool stopForwarder(TokenQueue /*tokens*/, const std::shared_ptr<ForwarderContext>& context) {
     return stopForwarder(*context);
 }

@@ -1,4 +1,4 @@
-// "start", "stop" and "log": the commands that act on the forwarder as a whole. Called on the main
+// The commands "start", "stop" and "log", which act on the forwarder as a whole. Called on the main
 // thread.
 #pragma once
 
@@ -10,12 +10,12 @@ namespace vesk {
 
 struct ForwarderContext;
 
-/// Opens the downstream endpoint and starts its receive thread. A resolver failure passes through
-/// as std::runtime_error.
+/// Opens the downstream endpoint and starts its receive thread. False, after logging, on failure.
+/// If the resolver fails, std::runtime_error is thrown.
 bool startForwarder(TokenQueue tokens, const std::shared_ptr<ForwarderContext>& context);
 
-/// Ends the downstream receive thread and closes its socket before it returns. A thread that cannot
-/// be stopped keeps its socket. Always true.
+/// Stops the downstream receive threads and closes their sockets before it returns. A thread that
+/// cannot be stopped keeps its socket. Always true.
 bool stopForwarder(TokenQueue tokens, const std::shared_ptr<ForwarderContext>& context);
 bool stopForwarder(ForwarderContext& context);
 

@@ -21,7 +21,8 @@ namespace vesk {
 
 namespace {
 
-/// Satisfies the address type when a peer's address is checked; the port used is the stream's.
+/// Lets the address type resolve a peer's address, which needs a port. Datagrams go to the stream's
+/// port instead.
 constexpr std::uint32_t placeholderPort = 8445;
 
 constexpr std::size_t lateralKeyLength = 16;
@@ -36,8 +37,8 @@ void reportUnusableLateralAddress() {
     logError("startLateralStream: bad command, Invalid lateral address and/or port ");
 }
 
-/// Whether the address can be listened on; logs where it cannot. Unlike the other commands it takes
-/// a resolver failure for a bad address: a stream that cannot start is no reason to end what runs.
+/// Whether the address can be resolved; logs if not. Unlike in other commands, a failure of the
+/// resolver counts as a bad address: the process must not end because the stream cannot start.
 bool isUsableLateralAddress(const ListenAddress& listen) {
     try {
         // Looked up here to check the command, and again for the socket.
@@ -50,7 +51,7 @@ bool isUsableLateralAddress(const ListenAddress& listen) {
     return false;
 }
 
-/// What "start_lateral" asks for, or nothing, after logging the first thing wrong with it.
+/// The settings that "start_lateral" names. None, after logging the first error.
 std::optional<LateralSettings> parseStartLateral(TokenQueue& tokens) {
     const auto attributes = CommandAttributes::parse("startLateralStream", tokens);
     // Kept: two blanks before "Bad", none before the text refused.
@@ -69,7 +70,8 @@ std::optional<LateralSettings> parseStartLateral(TokenQueue& tokens) {
     return LateralSettings{*std::move(listen), *index, *maxQels};
 }
 
-/// A new random key in both slots; false, with nothing changed, where there is none to be had.
+/// Stores a new random key for signing and for checking. False, after logging and with nothing
+/// changed, if libcrypto has no random bytes.
 bool drawLateralKey(LateralStream& lateral) {
     SecretBytes<lateralKeyLength> key{};
     if (RAND_bytes(key.data(), static_cast<int>(key.size())) != 1) {
@@ -90,7 +92,7 @@ void storeSettings(const LateralSettings& settings, LateralStream& lateral) {
     lateral.maxQels = settings.maxQels;
 }
 
-/// First closes an endpoint that an earlier attempt left without a thread, since it may hold the
+/// First closes an endpoint that an earlier attempt left without a thread, since it may have the
 /// same port. None, after logging, if the address can no longer be resolved.
 std::optional<EndpointPtr> openLateralEndpoint(const LateralSettings& settings,
                                                ForwarderContext& context) {
@@ -106,7 +108,7 @@ std::optional<EndpointPtr> openLateralEndpoint(const LateralSettings& settings,
     return std::nullopt;
 }
 
-/// The lateral thread: handles no datagram before the settings are published.
+/// The body of the lateral thread. It handles no datagram before the settings are published.
 void receiveOnceStarted(WakeUp& started, const std::shared_ptr<ForwarderContext>& context,
                         const EndpointPtr& endpoint) {
     {
@@ -116,8 +118,8 @@ void receiveOnceStarted(WakeUp& started, const std::shared_ptr<ForwarderContext>
     lateralStreamRecv(context, endpoint);
 }
 
-/// Publishes the settings after the thread was created. 0, or the negative error code of the
-/// thread's creation. The endpoint is kept in either case.
+/// Creates the thread, then publishes the settings. 0, or the negative error code of the thread's
+/// creation; the endpoint is kept in both cases.
 int startLateralThread(EndpointPtr endpoint, const std::shared_ptr<ForwarderContext>& context) {
     LateralStream& lateral = context->lateral;
     lateral.endpoint = LentEndpoint(std::move(endpoint));

@@ -1,5 +1,5 @@
-// "start_lateral" and "add_lateral_peer": joining instances that share one population of labels.
-// Called on the main thread.
+// The commands "start_lateral" and "add_lateral_peer", which connect instances that share one label
+// space. Called on the main thread.
 #pragma once
 
 #include <memory>
@@ -10,12 +10,13 @@ namespace vesk {
 
 struct ForwarderContext;
 
-/// Registers a peer under its index, before or after the stream was started. A resolver failure
-/// passes through as std::runtime_error.
+/// Registers a peer under its index, before or after the stream is started. False, after logging,
+/// if the command is invalid. If the resolver fails, std::runtime_error is thrown.
 bool addLateralPeer(TokenQueue tokens, const std::shared_ptr<ForwarderContext>& context);
 
-/// Opens the lateral endpoint with a new random key and starts its receive thread; once started it
-/// runs until the process ends. A resolver failure is reported like an invalid address.
+/// Opens the lateral endpoint with a new random key and starts its receive thread, which runs until
+/// the process ends. False, after logging, on failure. A failure of the resolver is logged like an
+/// invalid address.
 bool startLateralStream(TokenQueue tokens, const std::shared_ptr<ForwarderContext>& context);
 
 }  // namespace vesk

@@ -8,8 +8,7 @@ namespace vesk {
 void closeListeningEndpoint(LentEndpoint endpoint, ForwarderContext& context) {
     EndpointPtr unused = endpoint.takeBack();
     if (unused) {
-        // The deleter closes one descriptor under two names; no thread may get the number in
-        // between.
+        // The deleter closes the same descriptor twice; no thread may get the number in between.
         context.endpointManager->withoutCreation([&unused] { unused.reset(); });
     }
 }

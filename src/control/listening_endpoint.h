@@ -1,4 +1,4 @@
-// Letting go of the endpoints that "start" and "start_lateral" open. Called on the main thread.
+// Closes the endpoints that "start" and "start_lateral" open. Called on the main thread.
 #pragma once
 
 #include "net/endpoint_slot.h"
@@ -7,9 +7,9 @@ namespace vesk {
 
 struct ForwarderContext;
 
-/// Releases an endpoint that no slot lends and no running thread serves, and returns once its
-/// socket is closed: it waits for the workers that are still sending from it. Does nothing without
-/// an endpoint.
+/// Releases an endpoint that no slot lends and no running thread serves, and returns when its
+/// socket is closed. It waits for workers that still send from the socket. Does nothing without an
+/// endpoint.
 void closeListeningEndpoint(LentEndpoint endpoint, ForwarderContext& context);
 
 }  // namespace vesk

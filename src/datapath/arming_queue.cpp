@@ -19,7 +19,7 @@ namespace {
 
 constexpr std::string_view failedArming = "Re-add UpEpt recv sockfd to poll set:";
 
-/// Takes the right to arm the socket; false where another worker has armed it since.
+/// Takes the right to arm the socket. False if another worker has armed it since.
 bool takeArming(VeskEndpointDescriptor& endpoint, std::uint32_t armings) {
     return endpoint.armings.compare_exchange_strong(armings, armings + 1,
                                                     std::memory_order_acq_rel);
@@ -53,7 +53,7 @@ void ArmingQueue::armDrained() {
         }
     }
     drained_.clear();
-    // One by one also where the row fails: each socket then has the outcome that it has alone.
+    // Also one by one if the row fails, so that each socket has its own result.
     if (ours_.size() == 1 || (!ours_.empty() && request(ours_) != 0)) {
         std::ranges::for_each(ours_, [this](const EndpointPtr& it) { armOne(it); });
     }
@@ -66,7 +66,7 @@ void ArmingQueue::armOne(const EndpointPtr& endpoint) {
         if (context_.shuttingDown.load(std::memory_order_acquire)) {
             return;
         }
-        // The poll loop has ended by an error: no reply will be read again.
+        // The poll loop has ended by an error, so no more replies will be read.
         logFailedPollRequest("pollLoop_mod_fd", EPIPE);
     }
     if (result != 0) {

@@ -1,10 +1,10 @@
-// The upstream sockets that one receive worker found drained and that the poll loop has to watch
-// again. Used by that worker alone.
+// The upstream sockets that one receive worker has drained and that the poll loop has to watch
+// again. Used only by that worker.
 //
-// Asking the poll thread is the dearest step of a reply, so sockets are collected and asked for
-// together: at the end of a pass, or earlier where their number fills a row of the message channel.
-// Meanwhile their endpoints are held, so that no socket is closed, and its number used again,
-// before the poll thread was asked.
+// The request to the poll thread is the most expensive step of a reply. Sockets are therefore
+// collected and requested together: at the end of a pass, or earlier if they fill a row of the
+// message channel. Their endpoints are held meanwhile, so that no socket is closed, and its number
+// reused, before the poll thread is asked.
 #pragma once
 
 #include <chrono>
@@ -23,20 +23,19 @@ class ArmingQueue {
  public:
     explicit ArmingQueue(ForwarderContext& context);
 
-    /// Takes an endpoint whose socket is drained. `armings` is what the endpoint's count was before
-    /// the receive call that found nothing: a socket that another worker has armed since is left
-    /// alone.
+    /// Adds an endpoint whose socket is drained. `armings` is the endpoint's count before the
+    /// receive call that found nothing: a socket that another worker has armed since is skipped.
     void add(const EndpointPtr& endpoint, std::uint32_t armings);
 
-    /// Asks for all sockets collected, and tries again those that were refused, where their time
-    /// has come. What cannot be armed is logged once, when it is refused first; a lasting failure
-    /// costs the flow its endpoint.
+    /// Asks the poll loop to arm all sockets collected, and those refused before whose next attempt
+    /// is due. A refusal is logged once, when it begins. After an error that is not temporary the
+    /// endpoint is deleted.
     void arm();
 
-    /// Lets go of refused endpoints that have left the tables.
+    /// Releases refused endpoints that have left the tables.
     void forgetRemoved();
 
-    /// How long until `arm` has to be called though nothing was added; none where nothing was
+    /// The time until `arm` has to be called even if nothing is added; none if no socket is
     /// refused.
     std::optional<std::chrono::milliseconds> untilRetry() const;
 
@@ -56,11 +55,11 @@ class ArmingQueue {
     int request(std::span<const EndpointPtr> endpoints) const;
 
     ForwarderContext& context_;
-    /// Never more than one row.
+    /// One row at most.
     std::vector<Drained> drained_;
-    /// Those of a row that are still to be armed; kept for its room.
+    /// Those of a row that this worker has to arm. A member so that its memory is reused.
     std::vector<EndpointPtr> ours_;
-    /// Refused by the channel for the time being.
+    /// Refused by the channel; to be tried again.
     std::vector<EndpointPtr> refused_;
     std::chrono::milliseconds pause_ = shortestPause;
     std::chrono::steady_clock::time_point nextTry_;

@@ -15,7 +15,7 @@ namespace vesk {
 
 namespace {
 
-/// Control data for one packet-information message of either family.
+/// Control data for one packet-information message of either family, in bytes.
 constexpr std::size_t receivedControlLength = CMSG_LEN(sizeof(in6_pktinfo));
 
 static_assert(sizeof(in6_pktinfo) == 20, "the room in IncomingMessage is made for it");
@@ -152,7 +152,7 @@ void OutgoingMessage::addTrafficClass(std::int32_t dscpV4, std::int32_t dscpV6) 
     if (dscp == noDscp) {
         return;
     }
-    // The mark is the upper six bits of the octet; the lower two are the network's.
+    // The DSCP value is in the upper six bits of the octet; the lower two are for ECN.
     const int trafficClass = (dscp << 2) & 255;
     const auto data = ipv4 ? appendControl(IPPROTO_IP, IP_TOS, sizeof(trafficClass))
                            : appendControl(IPPROTO_IPV6, IPV6_TCLASS, sizeof(trafficClass));
@@ -181,8 +181,8 @@ void OutgoingMessage::addIpv6Source(const SocketAddress& local) {
 
 void OutgoingMessage::addIpv4Source(const LocalAddress& local) {
     in_pktinfo information{};
-    // Kept: without `arrival` the address stands in ipi_addr alone, where the kernel does not look
-    // for a source (ip(7)), so that the kernel chooses one even on a bound socket.
+    // Kept: without `arrival` only ipi_addr is set, which the kernel does not use as a source
+    // (ip(7)). It then chooses the source itself, even on a bound socket.
     information.ipi_addr = readAt<sockaddr_in>(local.address.bytes()).sin_addr;
     if (ipv4Source_ == Ipv4Source::arrival && local.validIpv4Source) {
         information.ipi_spec_dst = information.ipi_addr;

@@ -1,5 +1,5 @@
-// Control data in and out: what the kernel tells of a datagram received, and what it is told of one
-// to be sent. Called by the receive threads for every datagram.
+// Receives and sends datagrams with their addresses and control data. Called by the receive threads
+// and the workers for each datagram.
 #pragma once
 
 #include <sys/socket.h>
@@ -16,22 +16,25 @@
 
 namespace vesk {
 
-/// One receive call: the message header with its sender and control data. Kept by a receiving
-/// thread and used again for each datagram.
+/// The arguments of a receive call: the message header, the sender and the control data. Each
+/// receiving thread has one and reuses it for each datagram.
 class IncomingMessage {
  public:
     IncomingMessage();
     IncomingMessage(const IncomingMessage&) = delete;
     IncomingMessage& operator=(const IncomingMessage&) = delete;
 
-    /// Points the header at the endpoint's buffer and makes room for all that the kernel writes.
+    /// Prepares the header for the next call: sets the endpoint's buffer, and resets the lengths
+    /// that the kernel overwrites.
     void prepare(VeskEndpointDescriptor& endpoint);
     msghdr* header() { return &header_; }
 
-    /// What the kernel wrote, after a successful call.
+    /// The sender of the datagram. Valid after a successful call.
     const SocketAddress& sender();
-    /// Where the datagram was sent to, port 0; empty where the kernel did not say.
+    /// The address to which the datagram was sent, with port 0; empty if the kernel did not report
+    /// it.
     LocalAddress localDestination(int family) const;
+    /// Whether the datagram was longer than the buffer.
     bool truncated() const { return (header_.msg_flags & MSG_TRUNC) != 0; }
 
  private:
@@ -43,45 +46,46 @@ class IncomingMessage {
 struct ReceiveResult {
     /// Bytes received, or -1.
     ssize_t received;
-    /// errno after the call; where it brought nothing, whatever errno held before.
+    /// errno after the call. If the call received an empty datagram, the value that errno had
+    /// before.
     int error;
 };
 
-/// Waits for the next datagram of a blocking endpoint, known as `name` in the log, and counts it.
-/// Its length; 0 where something else came of the wait, which is counted or logged. The calling
-/// thread may be cancelled meanwhile.
+/// Waits for the next datagram of a blocking endpoint, and counts it. Returns its length in bytes,
+/// or 0 after an error, which is counted or logged; the log names the endpoint `name`. A
+/// cancellation point.
 std::size_t awaitDatagram(IncomingMessage& message, VeskEndpointDescriptor& endpoint,
                           std::string_view name);
 
-/// Receives without waiting, should the socket have stayed a blocking one too. An empty datagram is
-/// reported like a drained socket (EAGAIN): it is no reason to give a flow up.
+/// Receives without waiting, even if the socket is blocking. An empty datagram is reported like a
+/// drained socket (EAGAIN), since it is no reason to delete the endpoint.
 ReceiveResult receiveNow(IncomingMessage& message, VeskEndpointDescriptor& endpoint);
 
-/// Walks control data for the packet information of the family. Empty where there is none.
-/// An IPv6 address carries the interface index in its scope.
+/// Searches control data for the packet information of the family. Empty if there is none. An IPv6
+/// address has the interface index as its scope.
 LocalAddress findLocalDestination(int family, std::span<const std::uint8_t> control);
 
-/// One send call, with the address and control data that it carries.
+/// The arguments of a send call: the datagram, the destination and the control data.
 class OutgoingMessage {
  public:
     explicit OutgoingMessage(Ipv4Source ipv4Source = Ipv4Source::kernel);
     OutgoingMessage(const OutgoingMessage&) = delete;
     OutgoingMessage& operator=(const OutgoingMessage&) = delete;
 
-    /// What to send; referred to, not copied.
+    /// Sets the datagram, which is not copied and must outlive the send call.
     void setDatagram(std::span<std::uint8_t> datagram);
 
-    /// Where to, copied, with no control data.
+    /// Sets the destination, which is copied, and removes all control data.
     void setDestination(const SocketAddress& destination);
 
     bool hasDestination() const { return header_.msg_namelen != 0; }
 
-    /// The traffic class for the destination set: the IPv4 value for IPv4 and for IPv4-mapped IPv6
-    /// destinations, else the IPv6 one; no mark where the value is `noDscp`.
+    /// Adds the traffic class for the destination set before: the IPv4 value for IPv4 and
+    /// IPv4-mapped IPv6 destinations, else the IPv6 value. Adds nothing if that value is `noDscp`.
     void addTrafficClass(std::int32_t dscpV4, std::int32_t dscpV6);
 
-    /// The address to send from; nothing for an empty one. On IPv4 the kernel follows it only
-    /// where the message was made for `Ipv4Source::arrival` and the address may be a source.
+    /// Adds the source address; nothing if it is empty. For IPv4 the kernel uses it only if the
+    /// message was made for `Ipv4Source::arrival` and the address is a valid source.
     void addSource(const LocalAddress& local);
 
     const msghdr* header() const { return &header_; }
@@ -95,7 +99,7 @@ class OutgoingMessage {
     msghdr header_{};
     iovec element_{};
     SocketAddress destination_;
-    // Made for every datagram, so left as it comes; the header says how much of it counts.
+    // Not initialised, since one is made for each datagram. The header contains the length in use.
     alignas(cmsghdr) std::array<std::uint8_t, 80> control_;
 };
 

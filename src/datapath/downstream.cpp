@@ -17,8 +17,9 @@ namespace vesk {
 
 namespace {
 
-/// Counts a datagram that reaches no flow. It is the downstream endpoint's affair, whichever way it
-/// came; without one it is the affair of the endpoint it came in by.
+/// Counts a datagram that reaches no flow. It is counted on the downstream endpoint, also if it
+/// arrived over the lateral stream; without a downstream endpoint, on the endpoint on which it
+/// arrived.
 void countRejected(const ReceivedDatagram& datagram, ForwarderContext& context) {
     if (datagram.returnPath.empty()) {
         datagram.endpoint.counters.rxDgError.increment();
@@ -34,8 +35,8 @@ bool isKnownRoute(const ReceivedDatagram& datagram, const VeskEndpointDescriptor
            (!lateralRuns || datagram.returnPath == flow.route.returnPath);
 }
 
-/// Aims the message at the flow's upstream service. Whether the datagram came by the route that is
-/// known.
+/// Addresses the message to the flow's upstream service. Returns whether the datagram came by the
+/// stored route.
 bool addressToUpstream(OutgoingMessage& message, const ReceivedDatagram& datagram,
                        VeskEndpointDescriptor& flow, bool lateralRuns) {
     message.setDestination(flow.flow.up.addrInfo.socketAddress());
@@ -45,7 +46,8 @@ bool addressToUpstream(OutgoingMessage& message, const ReceivedDatagram& datagra
     return isKnownRoute(datagram, flow, lateralRuns);
 }
 
-/// Replies go to the last sender, from the address its datagram arrived on, the way it came.
+/// Replies go to the last sender, from the address on which its datagram arrived, and by the same
+/// way.
 void rememberRoute(const ReceivedDatagram& datagram, VeskEndpointDescriptor& flow,
                    bool lateralRuns) {
     const WriteLock lock(flow.routeLock);
@@ -56,10 +58,11 @@ void rememberRoute(const ReceivedDatagram& datagram, VeskEndpointDescriptor& flo
     }
 }
 
-/// `forgedFirst`: the endpoint was made for it, and nothing else has passed there; it is given up.
+/// `forgedFirst`: the endpoint was made for this forged datagram, and no other has passed its
+/// check; the endpoint is removed.
 enum class RequestVerdict { forward, forged, forgedFirst, unsignable, flowGivenUp };
 
-/// Turns the datagram into the one that goes upstream, and addresses the message that carries it.
+/// Checks, relabels and signs the datagram, and addresses the message that sends it upstream.
 RequestVerdict convertForUpstream(const ReceivedDatagram& datagram, std::size_t headerLength,
                                   OutgoingMessage& message, const FlowEndpoint& found,
                                   const ForwarderContext& context) {
@@ -102,13 +105,13 @@ void sendUpstream(const ReceivedDatagram& datagram, OutgoingMessage& message,
 
 void refuseForged(const ReceivedDatagram& datagram, ForwarderContext& context) {
     countRejected(datagram, context);
-    // Kept: no level, no time stamp, and nothing between the routine's name and the text.
+    // Kept: no level, and nothing between the routine's name and the text.
     writeToStandardOutput("downstreamPacketReceivedFailed HMAC Check!\n");
 }
 
-/// Hands the datagram to its label's flow. False where that flow's endpoint was given up while it
-/// was looked up: a datagram that went out by it would have no way back, and its count would be
-/// lost.
+/// Passes the datagram to its label's flow. False if the endpoint found was removed meanwhile,
+/// because its first datagram was forged. A datagram sent by it would get no reply, and its count
+/// would be lost.
 bool passToFlow(const ReceivedDatagram& datagram, const ParsedDatagram& parsed,
                 ForwarderContext& context) {
     const FlowEndpoint flow = findOrCreateFlowEndpoint(parsed.label, context);
@@ -119,11 +122,12 @@ bool passToFlow(const ReceivedDatagram& datagram, const ParsedDatagram& parsed,
     OutgoingMessage message(context.ipv4Source);
     switch (convertForUpstream(datagram, parsed.headerLength, message, flow, context)) {
         case RequestVerdict::flowGivenUp:
-            // Whoever gave it up may not have come to that yet.
+            // The thread that found the forged datagram may not have removed the endpoint yet.
             context.endpointManager->undoCreation(*flow.endpoint);
             return false;
         case RequestVerdict::forgedFirst:
-            // Gone by the time that it is said, so that whoever reads it finds the label as it was.
+            // Removed before the failure is logged, so that a reader of the log finds the label
+            // unchanged.
             context.endpointManager->undoCreation(*flow.endpoint);
             [[fallthrough]];
         case RequestVerdict::forged:
@@ -171,7 +175,8 @@ void downstreamPacketReceived(const ReceivedDatagram& datagram, ForwarderContext
         return;
     }
     while (!passToFlow(datagram, *parsed, context)) {
-        // Its endpoint was just given up by the other receive thread; the next one is ours.
+        // The other receive thread has just removed the endpoint; the next one is made by this
+        // thread.
     }
 }
 

@@ -1,5 +1,6 @@
 // The way towards upstream: a peer's datagram is checked, relabelled, signed and sent from the
-// flow's own socket, or handed to the instance that owns its label.
+// flow's own socket, or handed to the instance that owns its label. Runs on the downstream and the
+// lateral receive thread.
 #pragma once
 
 #include <memory>
@@ -12,12 +13,12 @@ namespace vesk {
 
 struct ForwarderContext;
 
-/// The downstream receive thread: serves the endpoint until it is cancelled.
+/// The body of the downstream receive thread: serves the endpoint until the thread is cancelled.
 void downstreamEptRecv(const std::shared_ptr<ForwarderContext>& context,
                        const EndpointPtr& endpoint);
 
-/// Sends the datagram on its way. Whatever becomes of it is counted or logged. Called by the
-/// downstream receive thread and, for datagrams forwarded by another instance, by the lateral one.
+/// Forwards the datagram. Each result is counted or logged. Called on the downstream receive
+/// thread, and on the lateral one for datagrams that another instance forwarded.
 void downstreamPacketReceived(const ReceivedDatagram& datagram, ForwarderContext& context);
 
 }  // namespace vesk

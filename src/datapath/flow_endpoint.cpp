@@ -27,7 +27,7 @@ bool registerWithPollLoop(const VeskEndpointDescriptor& endpoint, const Forwarde
     return result == 0;
 }
 
-/// Sets up the sockets of a new endpoint; false, after logging, where it is of no use.
+/// Sets up the sockets of a new endpoint. False, after logging, if the endpoint cannot be used.
 bool prepareEndpoint(VeskEndpointDescriptor& endpoint, const ForwarderContext& context) {
     if (endpoint.flow.isMultiplex) {
         setReusePort(endpoint.rdsockfd);
@@ -49,7 +49,7 @@ bool prepareEndpoint(VeskEndpointDescriptor& endpoint, const ForwarderContext& c
 
 FlowEndpoint createFlowEndpoint(std::uint32_t label, ForwarderContext& context) {
     EndpointManager& manager = *context.endpointManager;
-    // Asked first, since creation keeps all others from the tables, and anybody can make up labels.
+    // Checked first, since creation takes the write lock, and anybody can send invented labels.
     EndpointPtr endpoint = manager.knowsLabel(label)
                                ? manager.createEndpoint(label, upstreamEndpointDeleter(context))
                                : nullptr;
@@ -71,8 +71,8 @@ FlowEndpoint findOrCreateFlowEndpoint(std::uint32_t label, ForwarderContext& con
     if (endpoint && endpoint->prepared.load(std::memory_order_acquire)) {
         return {std::move(endpoint)};
     }
-    // Written when the endpoint is ready for use and the lock is given back: a worker and the other
-    // receive thread may be waiting for both.
+    // Lines are written after the endpoint is ready and the lock is released, since a worker and
+    // the other receive thread may wait for both.
     const LogDelay delay;
     const MutexLock lock(context.endpointCreation);
     endpoint = context.endpointManager->findEndpointByLabel(label);

@@ -1,5 +1,5 @@
-// The endpoint that a datagram towards upstream leaves by: looked up, or made with its sockets and
-// registered with the poll loop. Called by the downstream and the lateral receive thread.
+// Finds the endpoint that sends a datagram upstream, or makes it with its sockets and registers it
+// with the poll loop. Called on the downstream and the lateral receive thread.
 #pragma once
 
 #include <cstdint>
@@ -12,12 +12,12 @@ struct ForwarderContext;
 
 struct FlowEndpoint {
     EndpointPtr endpoint;
-    /// Made for this very datagram.
+    /// Whether it was made by this call.
     bool created = false;
 };
 
-/// The label's endpoint, ready for use; made, where there is none yet. Without one, which is
-/// logged, the label is unknown or its sockets could not be set up.
+/// The label's endpoint, ready for use; made if there is none. Empty, after logging, if the label
+/// is unknown or the sockets cannot be set up. Takes `endpointCreation` and the manager's lock.
 FlowEndpoint findOrCreateFlowEndpoint(std::uint32_t label, ForwarderContext& context);
 
 }  // namespace vesk

@@ -15,7 +15,7 @@ namespace vesk {
 
 namespace {
 
-/// Another instance forwarded a datagram of a label that is ours.
+/// Handles a datagram that another instance forwarded because this one owns its label.
 void forwardedReceived(VeskEndpointDescriptor& lateral, std::size_t length,
                        const LateralHeader& header, IncomingMessage& message,
                        ForwarderContext& context) {
@@ -27,7 +27,7 @@ void forwardedReceived(VeskEndpointDescriptor& lateral, std::size_t length,
                              context);
 }
 
-/// Sends an unwrapped reply to the peer and counts what came of it.
+/// Sends a reply without its lateral header to the peer, and counts the result.
 void sendToPeer(std::span<std::uint8_t> datagram, const SocketAddress& peer,
                 EndpointCounters& counters, ForwarderContext& context) {
     const EndpointPtr downstream = context.downstreamEndpoint.load();
@@ -42,7 +42,7 @@ void sendToPeer(std::span<std::uint8_t> datagram, const SocketAddress& peer,
     countSend(result.outcome, counters.dnTxDg, counters.dnTxDgDropped);
 }
 
-/// The owner of a label returned a reply to a datagram that we forwarded.
+/// Handles a reply that the owner of a label returned to a datagram that this instance forwarded.
 void returnedReceived(VeskEndpointDescriptor& lateral, std::size_t length,
                       const LateralHeader& header, ForwarderContext& context) {
     const DatagramBuffer buffer(lateral.receiveBuffer);

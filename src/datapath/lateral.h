@@ -1,5 +1,6 @@
-// Between instances: datagrams that another instance forwards join the way towards upstream,
-// replies that an owner returns are unwrapped and sent to the peer.
+// The lateral stream between instances. A datagram that another instance forwarded is passed on
+// towards upstream. A reply that an owner returned is sent to the peer without its lateral header.
+// Runs on the lateral receive thread.
 #pragma once
 
 #include <memory>
@@ -10,7 +11,7 @@ namespace vesk {
 
 struct ForwarderContext;
 
-/// The lateral receive thread: serves the endpoint until it is cancelled.
+/// The body of the lateral receive thread: serves the endpoint until the thread is cancelled.
 void lateralStreamRecv(const std::shared_ptr<ForwarderContext>& context,
                        const EndpointPtr& endpoint);
 

@@ -48,8 +48,8 @@ bool handOverToOwner(const ReceivedDatagram& datagram, std::uint32_t owner,
     const auto port = static_cast<std::uint16_t>(context.lateral.port);
     const auto ownerAddress = context.lateral.peers.find(owner, port);
     const EndpointPtr lateralEndpoint = context.lateralEndpoint.load();
-    // A datagram makes at most one hop: instances that disagree about owners would pass it to and
-    // fro.
+    // A datagram is forwarded between instances at most once. Otherwise instances whose settings
+    // disagree about the owner would send it back and forth.
     if (!datagram.returnPath.empty() || !ownerAddress || !lateralEndpoint) {
         return false;
     }

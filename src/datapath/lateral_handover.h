@@ -1,5 +1,5 @@
-// Handing a datagram over to the instance that owns its label. Called by the downstream and the
-// lateral receive thread.
+// Forwards a datagram to the instance that owns its label. Called on the downstream and the lateral
+// receive thread.
 #pragma once
 
 #include <cstdint>
@@ -12,12 +12,13 @@ namespace vesk {
 struct ForwarderContext;
 struct LateralStream;
 
-/// The index of the instance that owns the label, where that is another one than this.
+/// The index of the instance that owns the label; none if this instance owns it or the lateral
+/// stream does not run.
 std::optional<std::uint32_t> foreignOwner(const LateralStream& lateral, std::uint32_t label);
 
-/// Sends the datagram to its owner with a lateral header in front, and counts what came of it.
-/// False, with nothing counted, where it has no way there: it came over the lateral stream already,
-/// or the owner is not known.
+/// Sends the datagram with a lateral header to its owner, and counts the result. False, with
+/// nothing counted, if it cannot be forwarded: it already came over the lateral stream, or the
+/// owner or the lateral endpoint is missing.
 bool handOverToOwner(const ReceivedDatagram& datagram, std::uint32_t owner,
                      ForwarderContext& context);
 

@@ -1,4 +1,4 @@
-// A datagram that arrived on the downstream or the lateral endpoint, on its way towards upstream.
+// A datagram on its way towards upstream that arrived on the downstream or the lateral endpoint.
 // Used by the receive thread of that endpoint.
 #pragma once
 
@@ -9,13 +9,13 @@
 
 namespace vesk {
 
-/// A datagram in an endpoint's receive buffer, and what is known of it.
+/// A datagram in an endpoint's receive buffer, with its length in bytes and its addresses.
 struct ReceivedDatagram {
     VeskEndpointDescriptor& endpoint;
     std::size_t length;
     const SocketAddress& sender;
     LocalAddress localDestination;
-    /// Empty for a datagram straight from a peer.
+    /// Empty for a datagram received directly from a peer.
     ReturnPath returnPath;
 };
 

@@ -13,9 +13,9 @@ namespace vesk {
 
 namespace {
 
-/// Aims the message at the flow's last sender, if there is one, and tells, in `returnPath`, whether
-/// and how that one is reached laterally. Whether requests are sent from the address that replies
-/// arrive on already.
+/// Addresses the message to the flow's last sender, if there is one, and sets `returnPath` to that
+/// sender's, which is empty if the sender is reached directly. Returns whether `localDestination`
+/// is already the source address of datagrams sent upstream.
 bool addressToLastSender(OutgoingMessage& message, ReturnPath& returnPath,
                          const LocalAddress& localDestination, VeskEndpointDescriptor& flow) {
     const ReadLock lock(flow.routeLock);
@@ -31,11 +31,10 @@ void rememberUpstreamLocal(const LocalAddress& localDestination, VeskEndpointDes
     flow.upstreamLocal = localDestination;
 }
 
-/// `peerless`: no peer's datagram has passed its check yet.
+/// `peerless`: no sender is known yet.
 enum class ReplyVerdict { send, forged, peerless, unsignable };
 
-/// Turns the reply into the datagram that goes downstream, and addresses the message that carries
-/// it.
+/// Checks, relabels and signs the reply, and addresses the message that sends it downstream.
 ReplyVerdict convertForDownstream(const Reply& reply, OutgoingMessage& message,
                                   ReturnPath& returnPath, VeskEndpointDescriptor& flow,
                                   const ForwarderContext& context) {
@@ -77,7 +76,7 @@ void sendDownstream(const Reply& reply, OutgoingMessage& message, const ReturnPa
         length = *wrapped;
     }
     message.setDatagram(reply.buffer().first(length));
-    // Any byte counts: a short send is not told apart.
+    // One byte suffices: a partial send counts as sent.
     const SendResult result = sendMessage(message, from->wrsockfd, MSG_DONTWAIT, 1);
     countSend(result.outcome, flow.counters.dnTxDg, flow.counters.dnTxDgDropped);
     if (result.outcome == SendOutcome::failed) {

@@ -1,5 +1,5 @@
-// A reply from upstream: checked, relabelled, signed and sent to the flow's last sender, or to the
-// instance that forwarded that sender's datagram. Called by the receive workers.
+// Returns a reply from upstream: it is checked, relabelled, signed and sent to the flow's last
+// sender, or to the instance that forwarded that sender's datagram. Called by the receive workers.
 #pragma once
 
 #include <cstddef>
@@ -13,13 +13,13 @@ namespace vesk {
 
 struct ForwarderContext;
 
-/// The sockets that replies leave from, as a worker keeps them.
+/// The endpoints from which a worker sends replies.
 struct WayOut {
     KeptSlot& downstream;
     KeptSlot& lateral;
 };
 
-/// A reply in the receive buffer of the endpoint that it arrived on.
+/// A reply in the receive buffer of the endpoint on which it arrived. Lengths are in bytes.
 struct Reply {
     VeskEndpointDescriptor& endpoint;
     std::size_t length;
@@ -29,7 +29,7 @@ struct Reply {
     DatagramBuffer buffer() const { return DatagramBuffer(endpoint.receiveBuffer); }
 };
 
-/// Returns the reply to the flow that it belongs to; whatever becomes of it is counted.
+/// Sends the reply to the last sender of `flow`. Each result is counted.
 void returnReply(const Reply& reply, VeskEndpointDescriptor& flow, const WayOut& wayOut,
                  ForwarderContext& context);
 

@@ -1,5 +1,5 @@
-// Sending a datagram, and what came of it. Called by the receive threads for every datagram that
-// they send.
+// Sends a datagram and classifies the result. Called by the receive threads and the workers for
+// each datagram that they send.
 #pragma once
 
 #include <cstddef>
@@ -12,9 +12,9 @@ namespace vesk {
 
 enum class SendOutcome : std::uint8_t {
     sent,
-    /// The socket reports that an earlier datagram was refused (ECONNREFUSED). Counted nowhere.
+    /// The socket reports that an earlier datagram was refused (ECONNREFUSED). Not counted.
     refused,
-    /// There is no room in the socket's send buffer (EAGAIN).
+    /// The socket's send buffer is full (EAGAIN).
     noRoom,
     failed,
 };
@@ -25,10 +25,10 @@ struct SendResult {
     int error;
 };
 
-/// Sends the message from the socket. It is sent where at least `least` of its bytes went out.
+/// Sends the message from the socket. The outcome is `sent` if at least `least` bytes were sent.
 SendResult sendMessage(const OutgoingMessage& message, int socket, int flags, std::size_t least);
 
-/// Counts what was sent and what was dropped.
+/// Counts a datagram as sent or dropped; one that is `refused` is not counted.
 inline void countSend(SendOutcome outcome, SharedCounter& sent, SharedCounter& dropped) {
     if (outcome == SendOutcome::sent) {
         sent.increment();

@@ -1,7 +1,7 @@
-// The right to use an upstream endpoint's receive buffer. Taken by the receive workers.
+// The exclusive right to use an upstream endpoint's receive buffer. Taken by the receive workers.
 //
-// A worker may come by a descriptor number that it kept from an endpoint now gone; whoever serves
-// the number's new owner must not be disturbed, and no wake-up may be lost.
+// A worker may still have the descriptor number of a removed endpoint when the number belongs to a
+// new one. It must not disturb the worker that serves the new endpoint, and no wake-up may be lost.
 #pragma once
 
 #include <atomic>
@@ -21,8 +21,8 @@ class ServingClaim {
 
     bool held() const { return held_; }
 
-    /// Ends the claim. True where another worker came meanwhile: its wake-up is not to be lost, so
-    /// the socket has to be read once more.
+    /// Ends the claim. True if another worker came meanwhile: the socket then has to be read once
+    /// more, so that the wake-up of that worker is not lost.
     bool giveBack() {
         return std::exchange(held_, false) &&
                endpoint_.serving.exchange(Serving::nobody, std::memory_order_acq_rel) ==
@@ -30,7 +30,7 @@ class ServingClaim {
     }
 
  private:
-    /// Whether the claim is ours; where it is another's, that one is told to go on.
+    /// True if the claim was free. Otherwise records that its holder has to read once more.
     static bool claimOrAskForMore(std::atomic<Serving>& serving) {
         Serving state = Serving::nobody;
         while (!serving.compare_exchange_weak(

@@ -14,13 +14,13 @@ namespace vesk {
 
 namespace {
 
-/// Whether the socket is done with for now, after a receive call that brought no datagram.
+/// Whether the socket has no more datagrams for now, after a receive call that returned none.
 bool isDrained(const IncomingMessage& message, int error) {
-    // An ICMP error that reached the socket says nothing about the next reply.
+    // ECONNREFUSED comes from an ICMP message and does not affect the next reply.
     return message.truncated() || error == EAGAIN || error == ECONNREFUSED;
 }
 
-/// Whether to read again after a receive call that failed.
+/// Counts and logs a failed receive call. Returns whether to read again.
 bool handleReceiveFailure(VeskEndpointDescriptor& endpoint, int error, ForwarderContext& context) {
     endpoint.counters.rxDgError.increment();
     return reportUpstreamNetworkError(endpoint, "UP_RECEIVE:", error, context) == 0;
@@ -37,7 +37,7 @@ UpstreamReceiver::UpstreamReceiver(std::shared_ptr<ForwarderContext> context)
 
 bool UpstreamReceiver::serve(int socket) {
     if (endpoints_.noticeRemovals()) {
-        // What is held of the endpoints removed would keep their ports from being used again.
+        // References to removed endpoints are released, since they keep ports from being reused.
         arming_.arm();
         arming_.forgetRemoved();
     }
@@ -61,14 +61,15 @@ bool UpstreamReceiver::serve(int socket) {
     return again;
 }
 
-/// Waits for the creator of the endpoint. A worker comes by an unprepared endpoint where the
-/// creator is just done, or with a number left over from an earlier socket. The creator may be
-/// waiting for a port of an endpoint that this worker holds, so everything is let go of first.
-// NOLINTNEXTLINE(performance-unnecessary-value-param): its own reference, since all others go.
+/// Waits for the creator of the endpoint. A worker finds an unprepared endpoint if the creator is
+/// about to finish, or if it has a descriptor number left over from an earlier socket. The creator
+/// may wait for the port of an endpoint that this worker holds, so all endpoints are released
+/// first.
+// NOLINTNEXTLINE(performance-unnecessary-value-param): letGo releases all other references.
 bool UpstreamReceiver::serveUnprepared(EndpointPtr endpoint) {
     letGo();
     { const MutexLock creatorIsDone(context_->endpointCreation); }
-    // Otherwise it was given up.
+    // If it is still unprepared, it was removed.
     return endpoint->prepared.load(std::memory_order_acquire) && serveEndpoint(endpoint);
 }
 
@@ -83,7 +84,7 @@ bool UpstreamReceiver::serveEndpoint(const EndpointPtr& endpoint) {
         replyReceived(endpoint, static_cast<std::size_t>(result.received));
         return true;
     }
-    // Given back before the socket is armed: the next worker may be at it before this one is done.
+    // Ended before the socket is armed, since the next worker may then serve it at once.
     const bool moreWanted = claim.giveBack();
     if (!isDrained(incoming_, result.error)) {
         return handleReceiveFailure(*endpoint, result.error, *context_);
@@ -108,7 +109,7 @@ void UpstreamReceiver::replyReceived(const EndpointPtr& endpoint, std::size_t le
         return;
     }
     if (parsed->label != 0 && parsed->label != flow->label) {
-        // For information only: what the reply is worth, its HMAC decides.
+        // Counted for information only. The HMAC decides whether the reply is accepted.
         flow->counters.rxDgError.increment();
     }
     if (!flow->prepared.load(std::memory_order_acquire)) {
@@ -120,8 +121,8 @@ void UpstreamReceiver::replyReceived(const EndpointPtr& endpoint, std::size_t le
         *flow, {downstream_, lateral_}, *context_);
 }
 
-/// The flow that a reply belongs to: on a multiplexed socket any flow's may arrive. None for a
-/// label without an endpoint.
+/// The flow that a reply belongs to. On a multiplexed socket replies of other flows may arrive too.
+/// Null for a label without an endpoint.
 VeskEndpointDescriptor* UpstreamReceiver::flowOfReply(VeskEndpointDescriptor& endpoint,
                                                       std::uint32_t label) {
     const bool own = !endpoint.flow.isMultiplex || label == endpoint.label;
@@ -139,7 +140,7 @@ std::optional<std::chrono::milliseconds> UpstreamReceiver::endPass(const LogDela
     return arming_.untilRetry();
 }
 
-/// Of everything that others might want while this worker waits for something else.
+/// Releases all that other threads may need while this worker waits.
 void UpstreamReceiver::letGo() {
     arming_.arm();
     arming_.forgetRemoved();

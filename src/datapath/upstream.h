@@ -1,5 +1,5 @@
 // The way back: a reply from upstream is checked, relabelled, signed and sent to the flow's last
-// sender, or to the instance that forwarded that sender's datagram.
+// sender, or to the instance that forwarded that sender's datagram. Runs on the receive workers.
 #pragma once
 
 #include <chrono>
@@ -16,17 +16,17 @@ namespace vesk {
 
 struct ForwarderContext;
 
-/// What one receive worker keeps between its calls. Used by that worker alone.
+/// The state of one receive worker. Used only by that worker.
 class UpstreamReceiver {
  public:
     explicit UpstreamReceiver(std::shared_ptr<ForwarderContext> context);
 
-    /// Handles at most one datagram on the socket. Whether to serve it again.
+    /// Handles one datagram on the socket at most. Returns whether to serve the socket again.
     bool serve(int socket);
 
-    /// To be called after each pass: arms what was drained, and lets go of what is not to be held
-    /// while the worker waits; of everything if `lines` have to be written. How long until the next
-    /// call at the latest; none for as long as nothing is to be done.
+    /// To be called after each pass. Arms the drained sockets, and releases the endpoints that must
+    /// not be held while the worker waits; if `lines` has lines to be written, all endpoints.
+    /// Returns the longest time until the next call; none if there is no limit.
     std::optional<std::chrono::milliseconds> endPass(const LogDelay& lines);
 
  private:
@@ -44,13 +44,13 @@ class UpstreamReceiver {
     KeptSlot lateral_;
 };
 
-/// Handles at most one datagram on an upstream read socket. Called by the receive workers. Both
-/// `keep` and the result (1 or 0) say whether to call again for the same socket; when not, the
-/// socket is about to be armed again, or gone.
+/// Handles one datagram on an upstream read socket at most. `keep` and the result (1 or 0) both say
+/// whether to call again for the same socket. If not, the socket will be armed again or its
+/// endpoint was removed.
 int upstreamSocketRecv(int socket, bool& keep, UpstreamReceiver& receiver);
 
-/// The counterpart for writing. No socket is watched for that.
-// Kept: part of the interface of the receive functions; its line says that it does nothing.
+/// The counterpart for writing. No socket is watched for writing.
+// Kept: part of the interface of the receive functions; it only logs that it is not implemented.
 int upstreamSocketSend(int socket, bool& keep);
 
 }  // namespace vesk

@@ -16,7 +16,8 @@ namespace {
 
 constexpr std::string_view hexDigits = "0123456789abcdefABCDEF";
 
-/// Longer key texts are refused; the odd bound is harmless, since an odd length was refused before.
+/// Longer key texts are refused. The bound is odd, which has no effect: texts of odd length are
+/// refused before.
 constexpr std::size_t maxKeyTextLength = 2 * maxHmacKeyLength + 1;
 
 unsigned hexValue(char digit) {
@@ -115,7 +116,8 @@ bool Vesk_validateAddrInfoString(std::string_view name, const std::string& value
 
 bool Vesk_validateDscpString(std::string_view /*name*/, const std::string& value,
                              std::int32_t& dscp) {
-    // Kept: neither text closes the quote that the prefix opens as a reader would expect it to.
+    // Kept: the prefix opens a quote that the first text does not close and the second closes too
+    // late.
     constexpr std::string_view prefix = "Vesk_validateDscpString: '";
     constexpr std::int64_t largestDscp = 63;
     const std::optional<std::int64_t> number = parseSigned(value);
@@ -124,7 +126,7 @@ bool Vesk_validateDscpString(std::string_view /*name*/, const std::string& value
         return false;
     }
     if (*number < noDscp || *number > largestDscp) {
-        // A mark that cannot be made is worth less than the flow that asked for it.
+        // The command is not refused: the flow matters more than its mark.
         logWarn(prefix, " Ignore invalid DSCP value: ", value, "'");
         return true;
     }

@@ -9,7 +9,7 @@ namespace vesk {
 
 namespace {
 
-// The kinds of attributes: how a value is parsed from text, and how it is taken over.
+// The kinds of attributes: how a value is parsed from text, and how it is merged into a record.
 
 struct Key {
     static constexpr auto parse = Vesk_validateHmacKeyString;
@@ -36,7 +36,7 @@ struct Flag {
     static void merge(bool& to, bool from) { to = from; }
 };
 
-/// A label or the prefix of labels.
+/// A label or a prefix of labels.
 struct Label {
     template <typename Number>
     static bool parse(std::string_view name, const std::string& value, Number& label) {
@@ -48,7 +48,7 @@ struct Label {
     }
 };
 
-/// The label that a record is filed under: it never changes.
+/// The label that identifies a record. It never changes.
 struct OwnLabel {
     static bool parse(std::string_view name, const std::string& value, std::uint32_t& label) {
         return validateLabelLikeString(name, value, label);

@@ -1,5 +1,5 @@
-// The attributes of a flow: one row for each, with its name, how its text is parsed and how a
-// record takes it over from another. Called on the main thread.
+// The table of the attributes of a flow. Each row has the name, how the text is parsed, and how the
+// value is merged into a record. Used by "set" and "del" on the main thread.
 #pragma once
 
 #include <cstdint>
@@ -13,7 +13,7 @@
 
 namespace vesk {
 
-/// The names of the attributes, as commands give them.
+/// The names of the attributes, as they appear in commands.
 namespace attribute {
 inline constexpr std::string_view label = "label";
 inline constexpr std::string_view isMultiplex = "is_multiplex";
@@ -39,15 +39,15 @@ inline constexpr std::string_view upAuxFlowLabel = "up_aux_flow_label";
 inline constexpr std::string_view upAuxFlowAddrInfo = "up_aux_flow_addrinfo";
 }  // namespace attribute
 
-/// The member of a record that an attribute stands for.
+/// The member of a record that an attribute sets.
 using FlowMember =
     std::variant<std::uint32_t*, std::uint16_t*, std::int32_t*, bool*, IPAddrInfo*, HmacInfo*>;
 
 struct FlowAttribute {
-    /// Stores the value in the record and returns true, or logs why not and returns false. A
-    /// resolver failure passes through as std::runtime_error.
+    /// Stores the value in the record and returns true, or logs why it is refused and returns
+    /// false. If the resolver fails, std::runtime_error is thrown.
     bool (*parse)(std::string_view name, const std::string& value, FlowDesc& scratch);
-    /// Takes the attribute over from another record; see FlowDesc::update.
+    /// Merges the attribute from another record; see FlowDesc::update.
     void (*merge)(FlowDesc& to, const FlowDesc& from);
     FlowMember (*member)(FlowDesc& flow);
 };
@@ -55,12 +55,13 @@ struct FlowAttribute {
 /// The 22 attributes, sorted by name.
 const std::map<std::string_view, FlowAttribute>& flowAttributeTable();
 
-/// Parses all attributes, in the order of their names, up to the first that is refused; a label
-/// is required. What was stored by then stays in the scratch record.
+/// Parses the attributes in the order of their names and stores them in `scratch`. False, after
+/// logging, if "label" is missing or at the first attribute that is refused; values stored before
+/// that stay in `scratch`.
 bool Vesk_setFlowDescLabelAttrs(const AttributeMap& attributes, FlowDesc& scratch);
 
-/// The member that an attribute's name stands for. A name of any other kind is a fault of the
-/// program and throws std::invalid_argument.
+/// The member that the named attribute sets. A name of another kind is a programming error: throws
+/// std::invalid_argument.
 // Kept: part of the interface of flow records; the forwarder itself uses the table's rows.
 std::uint32_t& refLabelByName(FlowDesc& flow, std::string_view name);
 IPAddrInfo& refAddrInfoByName(FlowDesc& flow, std::string_view name);

@@ -1,5 +1,6 @@
-// One flow's record: everything the controlling service says about a label. Values without a lock;
-// the label table holds them under the endpoint manager's, each endpoint has a copy of its own.
+// The record of a flow: all that the controlling service declares for a label. A value without a
+// lock: the endpoint manager's lock guards the records of all labels, and each endpoint has its own
+// copy.
 #pragma once
 
 #include <cstdint>
@@ -11,7 +12,7 @@
 
 namespace vesk {
 
-/// The DSCP value that means that datagrams are not marked.
+/// Used in place of a DSCP value: datagrams are not marked.
 inline constexpr std::int32_t noDscp = -1;
 
 /// One side of a flow.
@@ -24,7 +25,7 @@ struct FlowDirDesc {
     HmacInfo outHmac;
     /// Where datagrams towards this side are sent.
     IPAddrInfo addrInfo;
-    /// Where they are sent from. No attribute reaches the down side's.
+    /// The source address of those datagrams. No attribute sets that of the down side.
     IPAddrInfo srcAddrInfo;
     std::int32_t dscpV4 = noDscp;
     std::int32_t dscpV6 = noDscp;
@@ -33,21 +34,23 @@ struct FlowDirDesc {
 struct FlowDesc {
     explicit FlowDesc(std::uint32_t flowLabel = 0) : label(flowLabel) {}
 
-    /// Takes over the named members, in list order. The label never changes; of a key and its
-    /// algorithm each is taken alone; addresses merge, which may throw (see mergeAddresses). A name
-    /// that is no attribute's is logged and passed over.
+    /// Merges the named attributes from another record, in list order. The label never changes. A
+    /// key and its algorithm are separate attributes. Merging an address may throw (see
+    /// mergeAddresses). An unknown name is logged and skipped.
     void update(const FlowDesc& from, const std::vector<std::string>& names);
 
-    /// 1 for an auxiliary flow, 0 for a main flow. Set by the endpoint manager alone.
+    /// 1 for an auxiliary flow, 0 for a main flow. Set only by the endpoint manager.
     std::uint8_t isAuxFlow = 0;
+    /// Whether the sockets may share their address with those of other flows. Replies of those
+    /// flows may then arrive on them.
     bool isMultiplex = false;
-    /// 0 means no label.
+    /// In host byte order; 0 means no label.
     std::uint32_t label;
     FlowDirDesc down;
     FlowDirDesc up;
     /// Labels with these high 16 bits are auxiliary flows of this one; 0 means none.
     std::uint16_t downAuxFlowLabelPrefix = 0;
-    /// Gives the auxiliary flows' upstream labels their high 16 bits.
+    /// Its high 16 bits are used for the upstream labels of the auxiliary flows. 0: there are none.
     std::uint32_t upAuxFlowLabel = 0;
     IPAddrInfo upAuxFlowAddrInfo;
 };

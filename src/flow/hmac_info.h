@@ -1,5 +1,5 @@
-// The key and algorithm of one HMAC use, as a flow's record holds them: the algorithm is known by
-// its name, and both can be shown. Whose thread may use it, see HmacKey.
+// The key and the algorithm of one use of HMAC in a flow's record. It adds the algorithm's name to
+// an HmacKey, which says which thread may use it.
 #pragma once
 
 #include <iosfwd>
@@ -23,11 +23,11 @@ struct HmacInfo : HmacKey {
     void setAlgorithm(const HmacAlgorithm& algorithm);
     void copyAlgorithmFrom(const HmacInfo& other);
 
-    /// The name of one of the algorithms above, which lives as long as the process.
+    /// The name of one of the algorithms above, which exist until the process ends.
     std::string_view algoName;
 };
 
-/// For diagnostics only: it shows the key.
+/// For diagnostics only: it prints the key.
 // Kept: part of the interface of key records; the forwarder never prints one.
 std::ostream& operator<<(std::ostream& out, const HmacInfo& info);
 

@@ -1,5 +1,5 @@
-// An IP endpoint as a value: host text, port and the socket address ready for bind or sendmsg. Any
-// thread; values are not shared.
+// An IP address and port as a value: host text, port, and the socket address for bind or sendmsg.
+// Any thread; values are not shared.
 #pragma once
 
 #include <sys/socket.h>
@@ -17,15 +17,16 @@ class IPAddrInfo {
  public:
     IPAddrInfo() = default;
 
-    /// From configuration. An empty host or a port of 0 stays unresolved without an error (in an
-    /// update it means that the old host or port is kept); anything else is looked up.
-    /// Throws std::runtime_error where the resolver fails and std::invalid_argument where it has
-    /// no usable answer. The port is stored as its low 16 bits; the resolver is given all 32.
+    /// From configuration, with the port in host byte order. An empty host or port 0 is not an
+    /// error: the address stays unresolved, and an update then keeps the old host or port.
+    /// Otherwise the host is looked up, which may block. Throws std::runtime_error if the resolver
+    /// fails, and std::invalid_argument if it returns no usable address. The low 16 bits of the
+    /// port are stored; the resolver gets all 32.
     IPAddrInfo(const std::string& host, std::uint32_t port);
 
-    /// From the network. The length must be at most 128. Families other than IPv4 and IPv6 keep
-    /// an empty host and port 0. Throws std::runtime_error where the address cannot be printed.
-    // Kept: part of the interface of addresses; the datapath keeps a sender as a SocketAddress.
+    /// From a socket address of at most 128 bytes. For families other than IPv4 and IPv6, the host
+    /// is empty and the port 0. Throws std::runtime_error if the address cannot be printed.
+    // Kept: part of the interface of addresses; the datapath stores senders as SocketAddress.
     IPAddrInfo(const sockaddr* address, socklen_t length);
 
     const std::string& host() const { return host_; }
@@ -40,7 +41,7 @@ class IPAddrInfo {
     socklen_t addrLen() const { return other_ ? other_->length : address_.length; }
 
  private:
-    /// An address that SocketAddress has no room for. Aside, since nothing that Vesk does brings
+    /// An address that is too long for SocketAddress. Stored apart, since Vesk itself never has
     /// one.
     struct OtherAddress {
         sockaddr_storage storage{};
@@ -53,22 +54,23 @@ class IPAddrInfo {
     std::uint16_t port_ = 0;
     int family_ = 0;
     SocketAddress address_;
-    /// Never changed once made, so that copies may share it.
+    /// Constant, so copies may share it.
     std::shared_ptr<const OtherAddress> other_;
 };
 
-/// The merge that an update makes: the parts that `newer` lacks come from `older`, and what was put
-/// together is resolved again, which may throw as the constructor does.
+/// The address after an update. A host or port that `newer` lacks is taken from `older`; the
+/// combination is resolved again, which may block and throws like the constructor.
 IPAddrInfo mergeAddresses(const IPAddrInfo& newer, const IPAddrInfo& older);
 
-// Kept: both are part of the interface of addresses; the forwarder listens only where it is told.
+// Kept: both are part of the interface of addresses; the forwarder listens only on addresses that
+// commands give.
 
 /// "::" for AF_INET6, "0.0.0.0" for any other family.
 std::string_view wildcardAddress(int family);
-/// "::" for a text with a colon in it, "0.0.0.0" for any other.
+/// "::" for a text that contains a colon, "0.0.0.0" for any other.
 std::string_view wildcardAddress(std::string_view address);
 
-/// The family that an address text is taken to be of: AF_INET6 where it holds a colon.
+/// The family of an address text: AF_INET6 if it contains a colon, else AF_INET.
 int familyOfAddressText(std::string_view address);
 
 }  // namespace vesk

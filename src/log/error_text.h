@@ -5,7 +5,7 @@
 
 namespace vesk {
 
-/// As strerror has it, without its buffer that threads share.
+/// The text that strerror returns. Unlike strerror, safe to call from several threads.
 std::string errorText(int error);
 
 }  // namespace vesk

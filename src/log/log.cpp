@@ -20,13 +20,14 @@ constexpr std::array<NamedLevel, 5> namedLevels{{{"error", LogLevel::error},
                                                  {"debug", LogLevel::debug},
                                                  {"trace", LogLevel::trace}}};
 
-/// The calling thread's innermost delay. A delay spans calls that know nothing of it, so it cannot
-/// be an argument; no other thread sees it.
+/// The calling thread's innermost delay. It cannot be an argument, since a delay covers calls that
+/// do not know of it.
 thread_local LogDelay* innermostDelay = nullptr;
 
 void writeNow(std::string_view text) {
     if (!text.empty() && std::fwrite(text.data(), text.size(), 1, stdout) == 1) {
-        // The reader waits for whole lines. That it has gone is not our failure.
+        // Flushed, since the reader waits for whole lines. A failure is ignored: the reader may
+        // have closed the pipe.
         static_cast<void>(std::fflush(stdout));
     }
 }

@@ -1,7 +1,7 @@
-// The process's one log: text lines on standard output, which the controlling service reads.
+// The log of the process: text lines on standard output, which the controlling service reads.
 //
-// Any thread may call anything here. Each line leaves in a single fwrite, so lines of different
-// threads never interleave; their order between threads is arbitrary.
+// Any thread may call anything here. Each line is written by one fwrite, so lines of different
+// threads are never mixed; their order is arbitrary.
 #pragma once
 
 #include <atomic>
@@ -12,16 +12,17 @@
 
 namespace vesk {
 
-/// Severity of a message; its number is what the current level is compared with.
+/// Severity of a message. Its number is compared with the current level.
 enum class LogLevel : int { error = 1, warn = 2, info = 3, debug = 4, trace = 5 };
 
 namespace detail {
-/// The process-wide verbosity. Written by the "log" command alone; readers need no order.
+/// The current level of the process. Written only by the "log" command. Relaxed order suffices,
+/// since no other data depends on it.
 extern std::atomic<int> currentLogLevel;
 }  // namespace detail
 
-/// Whether a message of this level is written at present. One load and one comparison: callers on
-/// the datapath ask before they compose anything.
+/// Whether messages of this level are written at present. It costs one load and one comparison, so
+/// the datapath calls it before it composes a message.
 inline bool logEnabled(LogLevel level) {
     return detail::currentLogLevel.load(std::memory_order_relaxed) > static_cast<int>(level) - 1;
 }
@@ -29,23 +30,24 @@ inline bool logEnabled(LogLevel level) {
 /// The text printed at the start of each line of this level.
 std::string_view logLevelName(LogLevel level);
 
-/// Makes the level of this exact, case-sensitive name the current one. False, and no change, for
+/// Sets the current level by its exact, case-sensitive name. False, with the level unchanged, for
 /// any other text.
 bool setLogLevelByName(std::string_view name);
 
-/// Writes one line, without any level test: the level name, a blank, the message and a newline.
-/// A message that ends in a newline of its own is therefore followed by an empty line. A write
-/// that fails is ignored.
+/// Writes one line, whatever the current level is: the level name, a blank, the message and a
+/// newline. If the message itself ends in a newline, an empty line follows. A failed write is
+/// ignored.
 void emitLine(std::string_view levelName, std::string_view message);
 void emitLine(std::string_view levelName, const std::ostringstream& message);
 
-/// Writes `text` to standard output as it is, in one piece, and flushes it.
+/// Writes `text` unchanged to standard output, in one piece, and flushes it. Under a LogDelay the
+/// text is held back instead.
 void writeToStandardOutput(std::string_view text);
 
-/// While it lives, what the calling thread logs is held back; it is written, line by line and in
-/// order, when it goes. For a thread that holds something that others wait for, a lock or sockets
-/// to be armed: whoever reads the log may keep a writer waiting for as long as it likes. Of two in
-/// one thread the outer one decides.
+/// While it exists, lines that the calling thread logs are held back; the destructor writes them in
+/// order. For a thread that holds something that other threads wait for, such as a lock or sockets
+/// to be armed: a write blocks for as long as the log's reader does not read. If delays are nested,
+/// the outermost one writes.
 class LogDelay {
  public:
     LogDelay();
@@ -53,7 +55,7 @@ class LogDelay {
     LogDelay(const LogDelay&) = delete;
     LogDelay& operator=(const LogDelay&) = delete;
 
-    /// Whether anything is held back.
+    /// Whether lines are held back.
     bool holdsLines() const { return !lines_.empty(); }
 
  private:
@@ -63,8 +65,8 @@ class LogDelay {
     std::vector<std::string> lines_;
 };
 
-/// Composes a message from its parts, as a stream would print them, and writes it, if its level
-/// is enabled; otherwise composes nothing.
+/// Composes a message from its parts, as a stream prints them, and writes it. Does nothing if the
+/// level is not enabled.
 template <typename... Parts>
 void logMessage(LogLevel level, const Parts&... parts) {
     if (!logEnabled(level)) {

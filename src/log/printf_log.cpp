@@ -70,7 +70,7 @@ std::string composePrintfMessage(const char* kind, const std::string& timestamp,
     std::array<char, maxPrintfMessageLength + 1> message{};
     // NOLINTNEXTLINE(clang-analyzer-valist.Uninitialized): the entry points have started it
     std::vsnprintf(message.data(), message.size(), format, arguments);
-    // Kept: readers of the log tell these warnings by the two blanks after the level name.
+    // Kept: readers of the log recognise these warnings by the two blanks after the level name.
     const char* const lead = kind[0] == 'W' ? " " : "";
     return lead + timestamp + " " + message.data();
 }

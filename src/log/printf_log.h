@@ -1,5 +1,5 @@
-// The printf-style way into the log, used by the low-level socket routines: each message carries a
-// UTC time stamp. Any thread.
+// The printf-style interface of the log, used by the socket routines. Each message has a UTC time
+// stamp. Any thread.
 #pragma once
 
 #include <sys/time.h>
@@ -10,33 +10,33 @@
 
 namespace vesk {
 
-/// Longest message, without its time stamp, that the printf-style entry points let through;
-/// what is longer is cut.
+/// Longest message in bytes, without its time stamp. A longer message is cut.
 inline constexpr std::size_t maxPrintfMessageLength = 399;
 
-/// Emits at debug level.
-// Kept, like Panic: part of the log's interface; the socket routines have nothing but warnings.
+/// Logs at debug level.
+// Kept, like Panic: part of the log's interface; the socket routines log warnings only.
 [[gnu::format(printf, 1, 2)]] void Log(const char* format, ...);
 
-/// Emits at warn level, unless the format (not the formatted text) begins with one of the
-/// suppressed prefixes.
+/// Logs at warn level, unless the format (not the formatted text) begins with one of the suppressed
+/// prefixes.
 [[gnu::format(printf, 1, 2)]] void Warning(const char* format, ...);
 
-/// Emits at error level.
+/// Logs at error level.
 [[gnu::format(printf, 1, 2)]] void Panic(const char* format, ...);
 
-/// Whether "Warning" swallows messages of this format.
+/// Whether `Warning` suppresses messages of this format.
 bool isSuppressedWarning(const char* format);
 
-/// Converts one time. The C library reads the time zone's file when the first time is converted;
-/// called at start-up, before there are threads, so that none of them makes a descriptor for it.
+/// Makes the C library read the time zone file, which it does at the first conversion. Called at
+/// start-up, before there are other threads, so that none of them opens a descriptor for it.
 void loadTimeZone();
 
-/// The bracketed UTC time stamp, milliseconds truncated; empty for no time.
+/// The UTC time stamp in brackets, truncated to milliseconds. Empty for a null pointer and for a
+/// time that cannot be converted.
 std::string formatTimestamp(const timeval* now);
 
-/// The whole message text as handed to the log: time stamp, a blank, the formatted and cut message.
-/// The kind is "Log", "Warning" or "Panic"; its first character decides.
+/// The text that is logged: the time stamp, a blank, and the formatted message, cut if it is too
+/// long. The kind is "Log", "Warning" or "Panic"; only its first character is used.
 [[gnu::format(printf, 3, 0)]] std::string composePrintfMessage(const char* kind,
                                                                const std::string& timestamp,
                                                                const char* format,

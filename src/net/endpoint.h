@@ -1,7 +1,8 @@
-// One endpoint: its sockets, its flow, its counters and what it remembers of its peer.
+// An endpoint: its sockets, the record of its flow, its counters, and the route of its replies. Any
+// thread.
 //
-// Members are grouped by who may touch them. Knows nothing of the poll loop: what becomes of the
-// sockets in the end is the deleter's business, which comes from outside.
+// Members are grouped by the threads that may access them. An endpoint does not know the poll loop:
+// the deleter that its creator passes in disposes of the sockets.
 #pragma once
 
 #include <sys/uio.h>
@@ -21,23 +22,24 @@
 
 namespace vesk {
 
-/// Called once with the read and the write socket when the last holder lets go.
+/// Called once, with the read and the write socket, on the thread that releases the last reference.
 using EndpointDeleter = std::function<void(int rdsockfd, int wrsockfd)>;
 
-/// Where replies of a flow go. The three belong to one datagram: they are read and replaced
-/// together, so that no reply goes to half of one sender and half of another.
+/// Where the replies of a flow are sent. The three members come from one datagram, and are read and
+/// replaced together, so that no reply mixes the routes of two senders.
 struct ReplyRoute {
-    /// The last sender.
+    /// The sender of the last datagram that passed its check; before that, the address that the
+    /// flow names.
     SocketAddress peer;
-    /// The address on which its datagram arrived.
+    /// The address of this host on which that datagram arrived.
     LocalAddress local;
     ReturnPath returnPath;
 };
 
-/// What different threads write for every datagram is kept this far apart.
+/// In bytes. Data that different threads write for each datagram is at least this far apart.
 inline constexpr std::size_t cacheLineSize = 64;
 
-/// Room for one datagram, in cache lines of its own.
+/// Room for one datagram, in cache lines that nothing else shares.
 struct alignas(cacheLineSize) ReceiveBuffer : std::array<std::uint8_t, maxDatagramSize> {};
 static_assert(alignof(ReceiveBuffer) == cacheLineSize && sizeof(ReceiveBuffer) == maxDatagramSize,
               "nothing that another thread writes shares a cache line with a datagram");
@@ -47,48 +49,48 @@ struct EndpointCounters {
     alignas(cacheLineSize) SharedCounter txDg;
     /// Datagrams that could not be sent.
     SharedCounter txDgDropped;
-    /// Datagrams received. One receiving thread at a time.
+    /// Datagrams received. Written by one receiving thread at a time.
     alignas(cacheLineSize) Counter rxDg;
     /// Datagrams received but rejected or truncated.
     SharedCounter rxDgError;
-    /// As for sent datagrams, of the return direction.
+    /// Datagrams sent, and not sent, in the return direction.
     SharedCounter dnTxDg;
     SharedCounter dnTxDgDropped;
 };
 
-/// Whether a worker is serving an endpoint's read socket, and whether another one was woken for the
-/// same socket meanwhile and left it to the first.
+/// `claimed`: a worker serves the endpoint's read socket. `moreWanted`: meanwhile another worker
+/// was woken for the same socket and left it to the first.
 enum class Serving : std::uint8_t { nobody, claimed, moreWanted };
 
-/// Whether the datagrams that an endpoint was made for were worth it. One that failed is given up:
-/// the first was forged, before any other had passed.
+/// Whether a datagram of a new endpoint has passed its check. `failed`: the datagram that the
+/// endpoint was made for was forged, and no other had passed before; the endpoint is removed.
 enum class Trial : std::uint8_t { pending, passed, failed };
 
 class VeskEndpointDescriptor {
  public:
-    /// `boundTo` is given for a listening endpoint, whose family follows from it; that of a flow's
-    /// follows from the flow.
+    /// `boundTo` is given for a listening endpoint and determines its family. The family of a
+    /// flow's endpoint is that of the flow's upstream address.
     VeskEndpointDescriptor(std::uint32_t flowLabel, int readSocket, int writeSocket,
                            const FlowDesc& flowDesc, EndpointDeleter endpointDeleter,
                            const IPAddrInfo& boundTo = {});
-    /// Runs the deleter; an empty one ends the process.
+    /// Calls the deleter. An empty deleter ends the process.
     ~VeskEndpointDescriptor();
     VeskEndpointDescriptor(const VeskEndpointDescriptor&) = delete;
     VeskEndpointDescriptor& operator=(const VeskEndpointDescriptor&) = delete;
 
-    /// Notes that the flow saw traffic. Written only on a change, so that the flag's cache line is
-    /// not passed to and fro for every datagram.
+    /// Records that the flow has traffic. Any thread. The flag is written only if it changes, so
+    /// that its cache line is not moved between processors for each datagram.
     void markActive() {
         if (idle.load(std::memory_order_relaxed)) {
             idle.store(false, std::memory_order_relaxed);
         }
     }
 
-    /// Leaves the sockets to the caller: the deleter will not be run. Only for the one who holds
-    /// the last reference.
+    /// Leaves the sockets to the caller: the deleter is not called. Only the holder of the last
+    /// reference may call this.
     void detachSockets();
 
-    /// Whether the flow has its sockets bound to an address of its own.
+    /// Whether the flow names an address to which its sockets are bound.
     bool isBound() const { return flow.up.srcAddrInfo.resolved(); }
 
     // Constant.
@@ -98,9 +100,9 @@ class VeskEndpointDescriptor {
     const int rdsockfd;
     /// A duplicate of the read socket; the same descriptor for the downstream and lateral endpoint.
     const int wrsockfd;
-    /// Of the sockets.
+    /// The address family of the sockets.
     const int family;
-    /// Empty for a flow's endpoint.
+    /// The address that a listening endpoint is bound to; empty for a flow's endpoint.
     const IPAddrInfo localAddress;
 
     // Any thread; written rarely.
@@ -110,55 +112,57 @@ class VeskEndpointDescriptor {
 
     // Written by the thread that makes the endpoint, read by any.
 
-    /// The port that the read socket was bound to as the flow says; 0 before, or where the kernel
-    /// chose one.
+    /// The port that the flow names and the read socket is bound to, in host byte order. 0 before
+    /// the bind, and if the kernel chooses the port.
     std::atomic<std::uint16_t> boundPort{0};
-    /// Whether options, address and registration with the poll loop are done; until then only the
-    /// thread that created the endpoint uses it, and that thread holds `endpointCreation`.
+    /// Whether the socket options are set, the address is bound, and the socket is registered with
+    /// the poll loop. Until then only the creating thread uses the endpoint; it holds
+    /// `endpointCreation`.
     std::atomic<bool> prepared{false};
 
-    // The thread that receives on the read socket, one at a time.
+    // Used by the thread that receives on the read socket, one at a time.
 
     ReceiveBuffer receiveBuffer{};
     iovec scatter{receiveBuffer.data(), maxDatagramSize};
 
-    // The workers that are woken for the read socket, several at once.
+    // Used by the workers that are woken for the read socket, several at once.
 
-    /// Who is at it. A descriptor number that a worker kept from an endpoint that is gone may lead
-    /// it here while another worker serves this one.
+    /// Whether a worker serves the socket. A worker may come here with a descriptor number left
+    /// over from a removed endpoint while another worker serves this one.
     std::atomic<Serving> serving{Serving::nobody};
-    /// How often a worker asked for the read socket to be armed again. Two workers may find one
-    /// socket drained; the one that comes second sees that it was armed since.
+    /// How often the read socket was armed again. Two workers may find the socket drained; the
+    /// second one sees from this number that the first has armed it.
     std::atomic<std::uint32_t> armings{0};
 
     // Any thread.
 
     EndpointCounters counters;
 
-    // What the locks below guard, as each member says.
+    // Guarded by the locks below, as each member says.
 
-    /// The flow as it was declared. Nothing changes it but the use of its HMAC contexts: those of
-    /// `down.inHmac` and `up.outHmac` belong to whoever holds `towardsUpstream`, those of
-    /// `up.inHmac` and `down.outHmac` to whoever holds `towardsDownstream`. Uncontended unless
-    /// datagrams of one flow come both directly and over the lateral stream, or replies of a
-    /// multiplexed flow on several sockets.
+    /// The flow as declared. Constant except for its HMAC contexts: `towardsUpstream` guards those
+    /// of `down.inHmac` and `up.outHmac`, `towardsDownstream` those of `up.inHmac` and
+    /// `down.outHmac`. The locks are contended only if datagrams of one flow arrive both directly
+    /// and over the lateral stream, or if replies of a multiplexed flow arrive on several sockets.
     FlowDesc flow;
     alignas(cacheLineSize) Mutex towardsUpstream;
     Trial trial VESK_GUARDED_BY(towardsUpstream) = Trial::pending;
     alignas(cacheLineSize) Mutex towardsDownstream;
 
-    /// Guards the addresses that traffic teaches. Readers are many, writers rare.
+    /// Guards the addresses learned from traffic, which are read for each datagram and rarely
+    /// written.
     alignas(cacheLineSize) RwLock routeLock;
     ReplyRoute route VESK_GUARDED_BY(routeLock);
-    /// The address that datagrams are sent upstream from: as configured, then as replies show it.
+    /// The source address of datagrams sent upstream: first as configured, then the address on
+    /// which replies arrive.
     LocalAddress upstreamLocal VESK_GUARDED_BY(routeLock);
 
  private:
     EndpointDeleter deleter_;
 };
 
-/// Made from a std::unique_ptr: the reference count, which changes for every datagram, then does
-/// not share a cache line with what is only read.
+/// Made from a std::unique_ptr, so that the reference count, which changes for each datagram, does
+/// not share a cache line with members that are only read.
 using EndpointPtr = std::shared_ptr<VeskEndpointDescriptor>;
 
 }  // namespace vesk

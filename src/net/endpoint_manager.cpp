@@ -9,8 +9,8 @@ namespace vesk {
 
 namespace {
 
-/// The endpoint of a flow with sockets of its own, not filed yet; empty, after logging, without
-/// them.
+/// Makes the endpoint of a flow with its sockets, not yet in any table. Empty, after logging, if
+/// the sockets cannot be made.
 EndpointPtr openEndpoint(const FlowDesc& flow, const EndpointDeleter& deleter) {
     const int family = flow.up.addrInfo.family();
     SocketPair sockets;
@@ -29,8 +29,8 @@ EndpointPtr openEndpoint(const FlowDesc& flow, const EndpointDeleter& deleter) {
 
 }  // namespace
 
-// In each function that takes something out, what it took and the lines to be logged stand before
-// the lock: they are destroyed and written after it is given back.
+// A function that takes something out of the tables declares it before the lock, and the delay of
+// its log lines too: destructors run in reverse order, so the lock is released first.
 
 EndpointPtr EndpointManager::createEndpoint(std::uint32_t label, const EndpointDeleter& deleter) {
     const LogDelay delay;

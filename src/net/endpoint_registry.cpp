@@ -27,7 +27,8 @@ bool EndpointRegistry::addNewEndpoint(const EndpointPtr& endpoint) {
     }
     logError("createEndpoint: Failed to add new endpoint to collection: ", added);
     if (isFiled(*endpoint)) {
-        // It will never be registered for reading: left here, the label would never be answered.
+        // It will never be registered for reading. If it stayed, no reply of the label would be
+        // read.
         byLabel_.take(endpoint->label);
     }
     return false;
@@ -66,7 +67,7 @@ void EndpointRegistry::expireIdle(bool expireMain, bool expireAux, const ExpiryR
             }
         }
     }
-    // All at once, since taking one out moves all that come after it.
+    // All in one pass, since each removal moves all rows behind it.
     auto next = expired.begin();
     byLabel_.takeIf([&](const VeskEndpointDescriptor& candidate) {
         const bool isNext = next != expired.end() && next->get() == &candidate;
@@ -96,7 +97,8 @@ void EndpointRegistry::setLabel(std::uint32_t label, const FlowDesc& scratch,
                                 const std::vector<std::string>& members, TakenOut& out) {
     const FlowDesc* const stored = records_.find(label);
     FlowDesc flow = stored == nullptr ? FlowDesc(label) : *stored;
-    // Whatever made the label before, from now on it is a flow that the service declared itself.
+    // The label may have been an auxiliary flow. From now on it is a flow that the service
+    // declared.
     flow.isAuxFlow = 0;
     flow.update(scratch, members);
     removeLabel(label, out);
@@ -110,7 +112,7 @@ void EndpointRegistry::takeEndpoint(std::uint32_t label, TakenOut& out) {
     }
 }
 
-/// Those of the prefix that was taken out.
+/// Takes out the endpoints of the prefix that was taken out.
 void EndpointRegistry::takeAuxEndpoints(TakenOut& out) {
     const auto& auxLabels = out.prefix.auxLabels;
     if (auxLabels.empty()) {
@@ -123,7 +125,7 @@ void EndpointRegistry::takeAuxEndpoints(TakenOut& out) {
     }
 }
 
-/// Of an endpoint that is taken out.
+/// Removes both descriptors of an endpoint that is taken out, and counts the removal.
 void EndpointRegistry::unfileDescriptors(const VeskEndpointDescriptor& endpoint) {
     byFd_.erase(endpoint.rdsockfd);
     byFd_.erase(endpoint.wrsockfd);

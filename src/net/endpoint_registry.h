@@ -1,21 +1,22 @@
-// The tables of the endpoint manager: endpoints by label and by descriptor, records and prefixes,
-// ports released of late. Every operation assumes that the caller holds the manager's lock, for
-// reading where it is const and for writing otherwise.
+// The tables of the endpoint manager: endpoints by label and by descriptor, records, prefixes, and
+// recently released ports. Used only by the manager, on any thread. Each operation assumes that the
+// caller holds the manager's lock, for reading if it is const and for writing otherwise.
 //
 // Nothing is destroyed here: what an operation takes out goes into a `TakenOut`, which the manager
-// destroys when its lock is given back.
+// destroys after it has released its lock.
 //
-// There is one verb for each reason to take an endpoint out, and they differ in the records that
-// go with it. An auxiliary flow's record is made from its owner's with its first endpoint.
+// There is one verb for each reason to take an endpoint out. They differ in the records that are
+// removed with it. The record of an auxiliary flow is made, from its owner's, with its first
+// endpoint.
 //
-//   deleteEndpoint   it failed: no record goes
-//   undoCreation     it turned out to be of no use, or its first datagram was forged: the record of
-//                    an auxiliary flow goes if it was made with this endpoint. Kept, records would
-//                    pile up for every label that anybody makes up
-//   expireIdle       it was idle: the record of an auxiliary flow goes
-//   removeLabel      "del": the label's record goes, and with an owner's its prefix and its
-//                    auxiliary flows with their endpoints and records
-//   setLabel         "set": as removeLabel, and a merged record takes the place of the old one
+//   deleteEndpoint   it failed: no record is removed
+//   undoCreation     it is unusable, or its first datagram was forged: the record of an auxiliary
+//                    flow is removed if it was made with this endpoint. Otherwise anybody could
+//                    make records pile up by sending invented labels
+//   expireIdle       it was idle: the record of an auxiliary flow is removed
+//   removeLabel      "del": the label's record is removed; with an owner's record also its prefix,
+//                    and its auxiliary flows with their endpoints and records
+//   setLabel         "set": as removeLabel, and a merged record replaces the old one
 #pragma once
 
 #include <atomic>
@@ -31,10 +32,10 @@
 
 namespace vesk {
 
-/// Told of each endpoint that expires.
+/// Called for each endpoint that expires, under the manager's lock.
 using ExpiryReport = std::function<void(const VeskEndpointDescriptor& endpoint)>;
 
-/// What left the tables.
+/// What an operation took out of the tables.
 struct TakenOut {
     std::vector<EndpointPtr> endpoints;
     FlowRecords::Taken records;
@@ -43,35 +44,35 @@ struct TakenOut {
 
 class EndpointRegistry {
  public:
-    /// `removals` grows whenever an endpoint is taken out. The manager's, since any thread reads it
-    /// without the lock.
+    /// `removals` is incremented whenever an endpoint is taken out. The manager owns it, since any
+    /// thread reads it without the lock.
     explicit EndpointRegistry(std::atomic<std::uint64_t>& removals) : removals_(removals) {}
 
-    /// The record of a declared label or of an auxiliary flow, which is made if need be. Null for
-    /// an unknown label.
+    /// The record of a declared label or of an auxiliary flow; the latter is made if it does not
+    /// exist. Null for an unknown label.
     const FlowDesc* findOrMakeFlow(std::uint32_t label) { return records_.findOrMake(label); }
     bool knowsLabel(std::uint32_t label) const { return records_.knows(label); }
 
-    /// Files an endpoint under its label and both descriptors. 0, or -1 after logging where a
-    /// descriptor is filed already; a label that has an endpoint keeps it.
+    /// Files an endpoint under its label and both descriptors. 0, or -1, after logging, if a
+    /// descriptor is already filed. A label that has an endpoint keeps it.
     int addEndpoint(const EndpointPtr& endpoint);
-    /// Files an endpoint just made, or logs that it cannot be and leaves no trace of it.
+    /// Files a new endpoint. False, after logging, if that fails; the endpoint is then in no table.
     bool addNewEndpoint(const EndpointPtr& endpoint);
 
     EndpointPtr findByFd(int fd) const { return byFd_.find(fd); }
     EndpointPtr findByLabel(std::uint32_t label) const { return byLabel_.find(label); }
-    /// Whether it is this endpoint that its label has.
+    /// Whether this very endpoint is filed under its label.
     bool isFiled(const VeskEndpointDescriptor& endpoint) const;
     const std::vector<EndpointPtr>& endpoints() const { return byLabel_.rows(); }
     bool portLeftRecently(std::uint16_t port) const { return releasedPorts_.contains(port); }
 
     void deleteEndpoint(std::uint32_t label, TakenOut& out);
     void undoCreation(std::uint32_t label, TakenOut& out);
-    /// As undoCreation, of an endpoint that was not filed at all.
+    /// As undoCreation, for an endpoint that was never filed.
     void undoRecord(std::uint32_t label, TakenOut& out);
-    /// Marks the endpoints of the chosen kinds as idle and takes out those that were already, in
-    /// ascending order of labels. Each is reported before it leaves the tables, those bound to a
-    /// port last.
+    /// Marks the endpoints of the chosen kinds as idle and takes out those that were already
+    /// marked, in ascending order of labels. Each is reported before it leaves the tables,
+    /// endpoints bound to a port last.
     void expireIdle(bool expireMain, bool expireAux, const ExpiryReport& report, TakenOut& out);
     void removeLabel(std::uint32_t label, TakenOut& out);
     void setLabel(std::uint32_t label, const FlowDesc& scratch,
@@ -85,7 +86,7 @@ class EndpointRegistry {
 
     std::atomic<std::uint64_t>& removals_;
     LabelTable byLabel_;
-    /// Each endpoint is here under its read and under its write descriptor.
+    /// Has each endpoint twice: under its read and its write descriptor.
     DescriptorTable byFd_;
     ReleasedPorts releasedPorts_;
     FlowRecords records_;

@@ -6,13 +6,13 @@ namespace vesk {
 
 namespace {
 
-/// What the last release of a lease runs.
+/// The deleter of the leases, called when the last lease is released.
 struct GiveBack {
     EndpointPtr endpoint;
     std::shared_ptr<WakeUp> returned;
 
     void operator()(VeskEndpointDescriptor* /*endpoint*/) {
-        // First, so that the owner, once awake, holds the only reference.
+        // Before the post, so that the owner, once awake, holds the only reference.
         endpoint.reset();
         returned->post();
     }
@@ -49,7 +49,8 @@ void EndpointSlot::withdraw() {
 }
 
 void EndpointSlot::replace(EndpointPtr lease) {
-    // What was lent before is released after the lock: it may be the last lease.
+    // The parameter, with the old lease, is destroyed after the lock is released: it may be the
+    // last lease.
     const MutexLock lock(mutex_);
     std::swap(lease_, lease);
     generation_.store(generation_.load(std::memory_order_relaxed) + 1, std::memory_order_release);

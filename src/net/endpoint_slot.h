@@ -1,9 +1,9 @@
-// How the threads of the datapath come by the listening endpoints: the main thread owns an endpoint
-// and lends it, commands put it into a slot, and whoever sends takes a lease from there.
+// How the threads of the datapath get the listening endpoints. The main thread owns an endpoint and
+// lends it, commands put it into a slot, and a thread that sends takes a lease from the slot.
 //
-// The last release of a listening endpoint closes its socket, and "stop" has to know when that
-// happened. So no other thread ever holds the owner's reference: a lease is a reference of its own
-// kind, and giving back the last one wakes the owner.
+// The last release of a listening endpoint closes its socket, and "stop" has to know when that has
+// happened. Therefore no other thread holds the owner's reference. A lease is a separate reference;
+// the release of the last lease wakes the owner.
 #pragma once
 
 #include <atomic>
@@ -18,7 +18,7 @@ namespace vesk {
 /// An endpoint with its owner's reference. Used by the thread that owns it, usually main.
 class LentEndpoint {
  public:
-    /// No endpoint.
+    /// Without an endpoint.
     LentEndpoint() = default;
     /// `owned` may be empty.
     explicit LentEndpoint(EndpointPtr owned);
@@ -30,39 +30,41 @@ class LentEndpoint {
 
     explicit operator bool() const { return owned_ != nullptr; }
 
-    /// A lease, empty where there is no endpoint. It keeps the endpoint alive by itself, also after
-    /// this object is gone. Its copies are leases too.
+    /// A lease; empty if there is no endpoint. It keeps the endpoint alive, also after this object
+    /// is destroyed. Copies of a lease are leases too.
     const EndpointPtr& lease() const { return lease_; }
 
-    /// Waits until every lease is given back, and returns the owner's reference. No slot may lend
-    /// the endpoint any longer, or the wait does not end. Empty where there is no endpoint.
+    /// Waits until all leases are released, and returns the owner's reference; empty if there is no
+    /// endpoint. No slot may lend the endpoint at that time, or the wait does not end.
     EndpointPtr takeBack();
 
  private:
     EndpointPtr owned_;
-    /// Posted once, by whoever gives back the last lease; shared with the leases, since the owner
-    /// may go first.
+    /// Posted once, by the thread that releases the last lease. Shared with the leases, since the
+    /// owner may be destroyed first.
     std::shared_ptr<WakeUp> returned_;
-    /// The lease that all others are copies of.
+    /// All other leases are copies of this one.
     EndpointPtr lease_;
 };
 
-/// The endpoint that is lent at present. Commands replace it while other threads read it.
+/// The endpoint that is lent at present. Replaced by commands on the main thread while other
+/// threads read it.
 class EndpointSlot {
  public:
-    /// A lease of what is lent at present; empty where nothing is. Hold it while you use the
-    /// endpoint, at most for one pass over ready sockets: never while you wait for descriptors or
-    /// write to the log, since "stop" waits for every lease.
+    /// A lease of the endpoint lent at present; empty if there is none. Hold it while you use the
+    /// endpoint, for one pass over ready sockets at most, and never while you wait for descriptors
+    /// or write to the log: "stop" waits for all leases.
     EndpointPtr load() const VESK_EXCLUDES(mutex_);
 
-    /// Changes with every replacement. A thread that keeps a lease reads this first, then calls
-    /// `load` where it is not the value that it read before its last `load`: it never keeps a lease
-    /// of an endpoint that was replaced before it read the number. 0 while nothing was ever lent.
+    /// Changes with each replacement; 0 before the first. A thread that keeps a lease reads this
+    /// number first, and calls `load` again if the number differs from the one read before its last
+    /// `load`. It then never keeps a lease of an endpoint that was replaced before it read the
+    /// number.
     std::uint64_t generation() const { return generation_.load(std::memory_order_acquire); }
 
     /// Lends this endpoint from now on.
     void publish(const LentEndpoint& endpoint) VESK_EXCLUDES(mutex_);
-    /// Lends nothing from now on. Leases that are out stay valid.
+    /// Lends nothing from now on. Existing leases stay valid.
     void withdraw() VESK_EXCLUDES(mutex_);
 
  private:

@@ -22,7 +22,7 @@ EndpointPtr makeEndpointSocket(const std::string& address, int port) {
         logError("Failed socket syscall for endpoint: ", errorText(errno));
         return nullptr;
     }
-    // Kept: both requests name the receive buffer, and the second one stays.
+    // Kept: both calls set the size of the receive buffer, and the second one decides.
     Vesk_setSocketBuf(fd.get(), SO_RCVBUF, 2 * receiveBufferSize);
     Vesk_setSocketBuf(fd.get(), SO_RCVBUF, receiveBufferSize);
     Vesk_requestLocalDestAddr(fd.get(), family);

@@ -1,5 +1,6 @@
-// Making the sockets of endpoints, and the deleter of those that the poll loop does not watch.
-// "start" and "start_lateral" call it on the main thread, the endpoint manager on a receive thread.
+// Makes the sockets of endpoints, and has the deleter of endpoints that the poll loop does not
+// watch. Called by "start" and "start_lateral" on the main thread, and by the endpoint manager on a
+// receive thread.
 #pragma once
 
 #include <string>
@@ -15,19 +16,21 @@ struct SocketPair {
     UniqueFd wrsockfd;
 };
 
-/// A bound, blocking endpoint with one socket; empty on failure, which is logged. The family
-/// follows from the address text. A resolver failure passes through as std::runtime_error.
+/// A bound endpoint with one blocking socket; empty, after logging, on failure. The address text
+/// determines the family; the port is in host byte order. If the resolver fails, std::runtime_error
+/// is thrown; if it has no usable address, std::invalid_argument.
 EndpointPtr makeEndpointSocket(const std::string& address, int port);
+/// As above; the log line names the kind of endpoint.
 EndpointPtr makeDownstreamEndpoint(const std::string& address, int port);
 EndpointPtr makeLateralStreamEndpoint(const std::string& address, int port);
 
-/// A non-blocking socket and its duplicate. 0, or -errno and `out` untouched.
+/// A non-blocking socket and its duplicate. 0, or -errno, after logging, with `out` unchanged.
 int makeEndpointSocketPair(int family, SocketPair& out);
 
-/// The deleter of the downstream and lateral endpoints: closes what is not -1.
+/// The deleter of the downstream and lateral endpoints: closes each descriptor that is not -1.
 ///
-/// Kept: one descriptor held under two names is closed under both. Whoever releases such an
-/// endpoint must see to it that no descriptor is made meanwhile, or the second close could hit it.
+/// Kept: a descriptor passed as both arguments is closed twice. The caller that releases such an
+/// endpoint ensures that no descriptor is made meanwhile; the second close could close that one.
 void closeEndpointSockets(int rdsockfd, int wrsockfd);
 
 }  // namespace vesk

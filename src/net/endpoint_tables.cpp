@@ -8,7 +8,7 @@ namespace vesk {
 
 namespace {
 
-/// The position as the iterators of a vector count it.
+/// The position as an offset of a vector's iterators.
 std::ptrdiff_t offset(std::size_t position) {
     return static_cast<std::ptrdiff_t>(position);
 }

@@ -1,6 +1,6 @@
-// The two tables that every datagram is looked up in, laid out flat: a look-up touches few cache
-// lines, where a tree's touches one for each step. Without a lock of their own; the endpoint
-// manager's guards them.
+// The two tables in which endpoints are looked up for datagrams, stored as arrays: a look-up reads
+// few cache lines, whereas a tree reads one for each step. Part of the endpoint registry; guarded
+// by the endpoint manager's lock.
 #pragma once
 
 #include <cstdint>
@@ -11,11 +11,11 @@
 
 namespace vesk {
 
-/// Endpoints by socket descriptor. Descriptors are small numbers that the kernel uses again, so the
+/// Endpoints by socket descriptor. Descriptors are small numbers that the kernel reuses, so the
 /// number is the index.
 class DescriptorTable {
  public:
-    /// False, and no change, where the descriptor is filed already or is none.
+    /// False, and no change, if the descriptor is already filed or is negative.
     bool insert(int fd, const EndpointPtr& endpoint);
     void erase(int fd);
     /// Empty when absent.
@@ -30,7 +30,7 @@ class LabelTable {
  public:
     using Rows = std::vector<EndpointPtr>;
 
-    /// False, and no change, where the label has an endpoint already.
+    /// False, and no change, if the label already has an endpoint.
     bool insert(const EndpointPtr& endpoint);
     /// Takes the label's endpoint out; empty when absent.
     EndpointPtr take(std::uint32_t label);
@@ -43,10 +43,10 @@ class LabelTable {
     const Rows& rows() const { return rows_; }
 
  private:
-    /// Where the label stands or belongs.
+    /// The position of the label, or that at which it would be inserted.
     std::size_t position(std::uint32_t label) const;
 
-    /// Apart from the rows, so that a search reads labels only.
+    /// The labels of the rows, stored separately so that a search reads labels only.
     std::vector<std::uint32_t> labels_;
     Rows rows_;
 };

@@ -1,5 +1,5 @@
-// The records of all labels, and the prefixes that auxiliary flows are made from. Without a lock of
-// its own: part of the endpoint registry, which the endpoint manager's lock guards.
+// The records of all labels, and the prefixes from which auxiliary flows are made. Part of the
+// endpoint registry; guarded by the endpoint manager's lock.
 #pragma once
 
 #include <cstdint>
@@ -14,12 +14,13 @@
 
 namespace vesk {
 
-/// Who owns a prefix of auxiliary labels, and which labels were made from it.
+/// The owner of a prefix of auxiliary labels, and the labels made from the prefix.
 struct AuxPrefixEntry {
-    /// The flow that registered the prefix and whose record is the template.
+    /// The owner: it registered the prefix, and its record is the template.
     std::uint32_t baseLabel = 0;
     std::unordered_set<std::uint32_t> auxLabels;
-    /// Those of them whose record has outlived an endpoint, and is not undone with a later one.
+    /// Those of `auxLabels` whose record outlived an endpoint. It is not removed if the creation of
+    /// a later endpoint is undone.
     std::unordered_set<std::uint32_t> lastingLabels;
 };
 
@@ -27,7 +28,8 @@ class FlowRecords {
     using Map = std::pmr::map<std::uint32_t, FlowDesc>;
 
  public:
-    /// Records taken out. Destroying thousands of them, with their keys, takes milliseconds.
+    /// Records taken out. The destruction of thousands of them, with their keys, takes
+    /// milliseconds.
     using Taken = std::vector<Map::node_type>;
 
     FlowRecords() = default;
@@ -36,27 +38,27 @@ class FlowRecords {
 
     /// Null when absent.
     const FlowDesc* find(std::uint32_t label) const;
-    /// Makes the record of an auxiliary flow from its owner's. Null for a label that is neither
-    /// declared nor covered by a prefix.
+    /// The record of the label; that of an auxiliary flow is made from its owner's if it does not
+    /// exist. Null for a label that is neither declared nor covered by a prefix.
     const FlowDesc* findOrMake(std::uint32_t label);
     /// Whether the label is declared or covered by a prefix.
     bool knows(std::uint32_t label) const;
     bool isAux(std::uint32_t label) const;
 
-    /// Files the record, in the place of an older one, and registers its prefix. A prefix that has
-    /// an owner keeps it, which is logged.
+    /// Stores the record in place of an older one, and registers its prefix. A prefix that has an
+    /// owner keeps it, which is logged.
     void put(FlowDesc flow);
 
-    /// Notes that the record of an auxiliary flow stays although its endpoint goes; does nothing
+    /// Marks the record of an auxiliary flow as kept although its endpoint is removed. Does nothing
     /// for other labels.
     void keepAux(std::uint32_t label);
-    /// Whether that was noted.
+    /// Whether `keepAux` marked the record.
     bool isKept(std::uint32_t label) const;
 
-    /// Takes out the record of an auxiliary flow; does nothing for other labels.
+    /// Takes out the record of an auxiliary flow. Does nothing for other labels.
     void takeAux(std::uint32_t label, Taken& taken);
-    /// Takes out the label's record and, with an owner's, its prefix and the records of its
-    /// auxiliary flows. Returns the prefix, without labels where there is none.
+    /// Takes out the label's record. If it owns a prefix, takes out the prefix and the records of
+    /// its auxiliary flows too. Returns the prefix; without labels if there is none.
     AuxPrefixEntry take(std::uint32_t label, Taken& taken);
 
  private:
@@ -64,9 +66,10 @@ class FlowRecords {
     AuxPrefixEntry takePrefix(const FlowDesc& owner);
     void forgetAuxLabel(std::uint32_t label);
 
-    /// Where the records are, since they hold keys. What is taken out is used again.
+    /// The memory of the records, which is left out of core files since it contains keys.
     UndumpedPages pages_;
-    /// With a lock of its own: records that were taken out are destroyed without the manager's.
+    /// Has its own lock, since records taken out are destroyed without the manager's lock. Reuses
+    /// their memory.
     LockedPool pool_{&pages_};
     Map records_{&pool_};
     std::map<std::uint16_t, AuxPrefixEntry> prefixes_;

@@ -1,8 +1,9 @@
-// What one receive worker has looked up and keeps for a while, so that it takes no lock that all
-// threads share for each datagram. Used by that worker alone.
+// The endpoints that one receive worker has looked up and keeps for a while, so that it does not
+// take a lock shared by all threads for each datagram. Used by that worker only.
 //
-// What is kept is held: a worker lets go of it before it waits for descriptors or for the log's
-// reader, and as soon as anything was removed or replaced, which each look-up checks with one load.
+// Endpoints that are kept cannot be destroyed. A worker therefore releases them before it waits for
+// descriptors or writes to the log, and as soon as an endpoint is removed or replaced. That check
+// costs one load.
 #pragma once
 
 #include <array>
@@ -22,17 +23,17 @@ class KeptEndpoints {
  public:
     explicit KeptEndpoints(const EndpointManager& manager);
 
-    /// Lets go of everything where endpoints have left the tables since the last call; whether they
-    /// have.
+    /// Whether endpoints have left the tables since the last call. If so, releases everything.
     bool noticeRemovals();
 
-    /// As the manager's look-ups; valid until it is let go of. A descriptor that led to one
-    /// endpoint and now leads to another is not found, once: the worker has it from the socket
-    /// before, and the new socket brings a ready event of its own.
+    /// As the manager's look-ups; the result is valid until it is released. A descriptor that
+    /// belonged to one endpoint and now belongs to another is not found the first time: the worker
+    /// got the number for the old socket, and the new socket has its own ready event.
     const EndpointPtr& findByFd(int fd);
     const EndpointPtr& findByLabel(std::uint32_t label);
 
-    /// The worker is done with the descriptor for now.
+    /// Releases the descriptor's endpoint, once the worker has finished with the descriptor. The
+    /// functions below release those looked up by label, and all.
     void letGoOfFd(int fd);
     void letGoOfLabels();
     void letGo();
@@ -40,10 +41,10 @@ class KeptEndpoints {
  private:
     struct Place {
         EndpointPtr endpoint;
-        /// What the descriptor led to when it was let go of in the worker's hands.
+        /// The endpoint that was released while the worker still served the descriptor.
         std::weak_ptr<VeskEndpointDescriptor> former;
         bool hasFormer = false;
-        /// Where its descriptor is in `fds_`.
+        /// The index of its descriptor in `fds_`.
         std::size_t position = 0;
     };
 
@@ -52,19 +53,23 @@ class KeptEndpoints {
     const EndpointManager& manager_;
     const EndpointPtr none_;
     std::uint64_t removals_ = 0;
-    /// The descriptor is the index. Those of the places that are taken, in any order.
+    /// The index is the descriptor. `fds_` lists the descriptors of the places in use, in any
+    /// order.
     std::vector<Place> byFd_;
     std::vector<int> fds_;
-    /// Few, since it serves the siblings on one multiplexed socket: a label has one place.
+    /// By label modulo its size. Small, since it is needed only for flows that share a multiplexed
+    /// socket.
     std::array<EndpointPtr, 64> byLabel_;
     bool labelsKept_ = false;
 };
 
-/// The endpoint in a slot, kept likewise.
+/// The endpoint of a slot, kept in the same way.
 class KeptSlot {
  public:
     explicit KeptSlot(const EndpointSlot& slot) : slot_(slot) {}
 
+    /// The endpoint that the slot lends, looked up again if the slot was changed; empty if it lends
+    /// none.
     const EndpointPtr& get();
     void letGo() { endpoint_.reset(); }
 

@@ -1,5 +1,5 @@
-// The ports whose sockets were let go a moment ago and may still have to be closed. Without a lock
-// of its own: part of the endpoint registry, which the endpoint manager's lock guards.
+// Ports whose sockets were released recently and may still be open. Part of the endpoint registry;
+// guarded by the endpoint manager's lock.
 #pragma once
 
 #include <chrono>
@@ -11,7 +11,7 @@ namespace vesk {
 class ReleasedPorts {
  public:
     void add(std::uint16_t port);
-    /// Whether the port was added in the last 50 milliseconds.
+    /// Whether the port (in host byte order) was added within the last 50 milliseconds.
     bool contains(std::uint16_t port) const;
 
  private:
@@ -24,7 +24,7 @@ class ReleasedPorts {
 
     static bool isPast(const Released& released, Clock::time_point now);
 
-    /// Oldest first; none for long.
+    /// Oldest first. Old entries are removed when a port is added.
     std::deque<Released> ports_;
 };
 

@@ -47,7 +47,7 @@ int Vesk_setSocketBuf(int fd, int optname, int size) {
     const char* const name = optname == SO_RCVBUF ? "SO_RCVBUF" : "SO_SNDBUF";
     const int setResult = setIntOption(fd, SOL_SOCKET, optname, size);
     if (setResult != 0) {
-        // Kept: this one line is for whoever watches the output, whatever the log level is.
+        // Kept: this line is written whatever the log level is, and without a level name.
         writeToStandardOutput(std::string("set ") + name + " failed with error " +
                               std::to_string(-setResult) + "\n");
         return setResult;

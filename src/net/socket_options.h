@@ -1,22 +1,24 @@
-// The socket options that endpoints need. No locks; any thread that owns the descriptor.
+// Sets the options that the sockets of endpoints need. Called on the thread that makes the
+// endpoint. No locks.
 #pragma once
 
 namespace vesk {
 
-/// Receive buffer asked for on every socket that is read, and send buffer of upstream sockets.
+/// Sizes in bytes: the receive buffer requested for each socket that is read, and the send buffer
+/// requested for upstream sockets.
 inline constexpr int receiveBufferSize = 524288;
 inline constexpr int sendBufferSize = 262144;
 
-/// Sets SO_RCVBUF or SO_SNDBUF to `size` bytes and checks what the kernel made of it (it grants
-/// twice the request, see socket(7)). 0 or negative; callers go on either way.
+/// Sets SO_RCVBUF or SO_SNDBUF to `size` bytes and checks the size granted; the kernel grants twice
+/// the request, see socket(7). A failure, or another size than requested, is logged. Returns 0 or a
+/// negative number, which callers ignore.
 int Vesk_setSocketBuf(int fd, int optname, int size);
 
-/// Asks for the destination address of each datagram received (ip(7), ipv6(7)).
-/// Kept: -EINVAL where it succeeded. No caller looks at the result, and none may take a failure
-/// here for a reason to give the socket up.
+/// Requests the destination address of each datagram received (ip(7), ipv6(7)). Kept: -EINVAL on
+/// success. Callers ignore the result: a socket without this option is still used.
 int Vesk_requestLocalDestAddr(int fd, int family);
 
-/// SO_REUSEPORT. 0 or -errno.
+/// Sets SO_REUSEPORT. 0, or -errno after logging.
 int setReusePort(int fd);
 
 }  // namespace vesk

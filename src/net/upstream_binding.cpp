@@ -14,13 +14,13 @@ namespace vesk {
 
 namespace {
 
-/// A worker may hold the old endpoint for the length of a pass, and the poll thread closes its
-/// sockets after that. Where other processes compute, each may have to wait for its time slice.
-/// Meanwhile the receive thread handles no other datagram.
+/// How long to retry. A worker may hold the old endpoint until the end of its pass; then the poll
+/// thread closes its sockets. If other processes use the processors, both may have to wait for a
+/// time slice. While this thread waits, it handles no other datagram.
 constexpr std::chrono::milliseconds patience{15};
 constexpr useconds_t retryMicroseconds = 100;
 
-/// 0 or an error number.
+/// Binds the socket, and retries while a released port is still in use. 0 or a positive errno.
 int bindRetrying(int socket, const IPAddrInfo& local, const EndpointManager& manager) {
     const auto began = std::chrono::steady_clock::now();
     while (bind(socket, local.addr(), local.addrLen()) != 0) {

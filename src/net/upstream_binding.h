@@ -1,5 +1,5 @@
-// Binding a flow's upstream sockets to the address that the flow names. On the thread that makes
-// the endpoint.
+// Binds a flow's upstream sockets to the address that the flow names. Called on the receive thread
+// that makes the endpoint.
 #pragma once
 
 #include "net/endpoint.h"
@@ -8,9 +8,9 @@ namespace vesk {
 
 class EndpointManager;
 
-/// Binds the read socket, and with it the write socket, as `up_src_addrinfo` says; does nothing
-/// without one. Waits a few milliseconds for the port where an endpoint that held it has just left
-/// the tables and is being closed. False after logging.
+/// Binds the read socket, and with it the write socket, to `up_src_addrinfo`. Does nothing if the
+/// flow has none. If the port is still held by an endpoint that has just left the tables, it
+/// retries for up to 15 ms. False, after logging, if the bind fails.
 bool bindUpstreamSocket(VeskEndpointDescriptor& endpoint, const EndpointManager& manager);
 
 }  // namespace vesk

@@ -1,5 +1,4 @@
-// The set of watched descriptors, with the message channel among them. Used by the poll thread
-// alone.
+// The set of watched descriptors, which includes the message channel. Used only by the poll thread.
 #pragma once
 
 #include <sys/epoll.h>
@@ -13,7 +12,7 @@
 
 namespace vesk {
 
-/// The descriptors of one batch of events, by what happened to them.
+/// The descriptors of one batch of events, by the kind of event.
 struct ReadyLists {
     std::vector<int> read;
     std::vector<int> write;
@@ -29,17 +28,19 @@ class EpollSet {
     EpollSet(const EpollSet&) = delete;
     EpollSet& operator=(const EpollSet&) = delete;
 
-    /// Registers the message channel; level-triggered, so that no record is overlooked. 0 or
-    /// -errno.
+    /// Registers the message channel, level-triggered, so that no record is missed. 0, or -errno
+    /// after logging.
     int watchChannel();
 
-    /// Waits for the next batch; -errno when that is no longer possible.
+    /// Waits for the next batch; a cancellation point. 0, or -errno, after logging, if the wait
+    /// fails.
     int wait();
 
-    /// Applies the records and sorts the descriptors of the batch.
+    /// Applies the records on the channel, and sorts the ready descriptors of the batch into
+    /// `ready`.
     void sortBatch(ReadyLists& ready);
 
-    /// Applies the records that a worker sent meanwhile, if there are any.
+    /// Applies the records of one datagram that a worker has sent since the wait, if there is one.
     void takeEarlyRecords();
 
  private:
@@ -53,9 +54,9 @@ class EpollSet {
 
     PollThreadParam& param_;
     const int epoll_;
-    /// As many as there are descriptors registered, the channel included.
+    /// One element for each registered descriptor, including the channel.
     std::vector<epoll_event> events_;
-    /// The batch itself, out of the way of records that change the size of the array.
+    /// A copy of the batch, since records change the size of `events_`.
     std::vector<epoll_event> batch_;
     PollDatagram datagram_{};
 };

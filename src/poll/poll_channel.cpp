@@ -31,7 +31,7 @@ Value take(std::span<const std::uint8_t> record, std::size_t offset) {
     return value;
 }
 
-/// How many records the datagram carries as a row; none for a datagram that is no row.
+/// The number of records in a row; none if the datagram is not a row.
 std::optional<std::size_t> recordsInRow(std::span<const std::uint8_t> datagram) {
     if (datagram.size() < pollRecordSize ||
         take<std::uint32_t>(datagram, poll_record::opOffset) != pollRowOp) {
@@ -44,13 +44,13 @@ std::optional<std::size_t> recordsInRow(std::span<const std::uint8_t> datagram) 
     return count;
 }
 
-/// 0 or -errno. A local datagram goes out whole or not at all.
+/// 0 or -errno. A local datagram is sent whole or not at all.
 int sendRecord(int pollsock, const PollCtlMsg& message) {
     const PollRecord record = encodePollCtlMsg(message);
     return send(pollsock, record.data(), record.size(), 0) == -1 ? -errno : 0;
 }
 
-/// As above; logs a failure, unless it is that the loop has ended.
+/// As above, but logs a failure, unless the cause is that the loop has ended.
 int sendToLiveLoop(int pollsock, const PollCtlMsg& message, std::string_view routine) {
     const int result = sendRecord(pollsock, message);
     if (result != 0 && result != -EPIPE) {
@@ -59,7 +59,8 @@ int sendToLiveLoop(int pollsock, const PollCtlMsg& message, std::string_view rou
     return result;
 }
 
-/// Sends one record for each descriptor, alike but for the descriptor. 0 or -errno.
+/// Sends a row with one record for each descriptor; the records differ only in the descriptor. 0 or
+/// -errno.
 int sendRow(int pollsock, PollCtlMsg message, std::span<const int> fds) {
     assert(!fds.empty() && fds.size() <= maxPollRecords);
     PollDatagram datagram;
@@ -181,8 +182,8 @@ int pollLoop_del_fds(int pollsock, std::span<const int> fds) {
 }
 
 void retirePollChannel(int serverPollSock) {
-    // From here on a send fails with EPIPE instead of waiting. A sender that waits already looks
-    // again when a record leaves the queue, which the loop below sees to.
+    // From here on a send fails with EPIPE instead of waiting. A sender that already waits checks
+    // again when a datagram leaves the queue, which the loop below causes.
     shutdown(serverPollSock, SHUT_RD);
     PollDatagram datagram;
     ssize_t received = 0;

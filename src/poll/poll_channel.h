@@ -1,9 +1,9 @@
-// The message channel: how every thread but one asks the poll thread to change the epoll set.
+// The message channel, by which all other threads ask the poll thread to change the epoll set.
 //
-// A pair of local datagram sockets, so that records stay whole and the kernel puts those of
-// different threads in order. One datagram carries one record or, where several sockets are armed
-// or deleted at once, a row of them. A few hundred datagrams fit into the send buffer; then a
-// sender waits.
+// It is a pair of local datagram sockets, so records stay whole, and the kernel puts the records of
+// different threads in an order. A datagram contains one record or, if several sockets are armed or
+// deleted together, a row of records. The send buffer has room for a few hundred datagrams; if it
+// is full, a sender waits.
 #pragma once
 
 #include <array>
@@ -18,20 +18,20 @@
 
 namespace vesk {
 
-// A record, in native byte order. Bytes 4 to 15 are laid out as a packed epoll_event.
+// A record, in native byte order. Bytes 4 to 15 have the layout of a packed epoll_event.
 //
 //   0        4         8                    16
 //   | op     | events  | data               |
 //                        descriptor in the low half, high half zero
 //
-// A row begins with a header of a record's size. Its op is no epoll operation, so that no record
-// can be taken for a header:
+// A row begins with a header as long as a record. The header's op is not an epoll operation, so a
+// record is never mistaken for a header:
 //
 //   0        4         8                    16        32
 //   | row op | 0       | number of records  | record  | record  | ...
 //
-// A datagram that is no row, or whose length is not that of its number of records, is one record:
-// its first 16 bytes. What follows them is ignored.
+// A datagram that is not a row, or whose length does not match its number of records, is read as
+// one record: its first 16 bytes. The rest is ignored.
 inline constexpr std::size_t pollRecordSize = 16;
 namespace poll_record {
 inline constexpr std::size_t opOffset = 0;
@@ -50,47 +50,48 @@ struct PollCtlMsg {
 using PollRecord = std::array<std::uint8_t, pollRecordSize>;
 
 PollRecord encodePollCtlMsg(const PollCtlMsg& message);
-/// None for anything shorter than a record.
+/// None if the input is shorter than a record.
 std::optional<PollCtlMsg> decodePollCtlMsg(std::span<const std::uint8_t> record);
 
-/// The op of a row's header: "Rows" as bytes of a little-endian number.
+/// The op of a row's header: the bytes of "Rows" as a little-endian number.
 inline constexpr std::uint32_t pollRowOp = 0x73776f52;
-/// The most records that one row carries.
+/// The largest number of records in a row.
 inline constexpr std::size_t maxPollRecords = 32;
 /// Room for the longest row.
 using PollDatagram = std::array<std::uint8_t, (1 + maxPollRecords) * pollRecordSize>;
 
-/// Calls `apply` for each record of a datagram, in order. False where the datagram is shorter than
-/// a record.
+/// Calls `apply` for each record of a datagram, in order. False if the datagram is shorter than a
+/// record.
 bool forEachRecord(std::span<const std::uint8_t> datagram,
                    const std::function<void(const PollCtlMsg&)>& apply);
 
-/// Makes the channel: an end that senders share and one, non-blocking, that the poll loop reads. 0,
-/// or a negative errno after logging it.
+/// Makes the channel: an end that senders share, and a non-blocking end that the poll loop reads.
+/// 0, or -errno after logging.
 int createPollSocks(UniqueFd& senderEnd, UniqueFd& serverPollSock);
 
-/// Ask the poll loop to watch a descriptor, to arm it again, or to take it out of the set and close
-/// it. Any thread; may wait for the poll loop, so hold no lock that the poll thread or the workers
-/// need. 0, or -errno after logging it.
+/// Asks the poll loop to watch a descriptor, to arm it again, or to remove it from the set and
+/// close it. `events` is EPOLLIN or EPOLLOUT. Any thread. May wait for the poll loop, so hold no
+/// lock that the poll thread or the workers need. 0, or -errno after logging.
 ///
 /// Once the loop has ended (see retirePollChannel) all three return -EPIPE. Arming and deleting
-/// then log nothing: at shut-down that is no failure, and whoever deletes closes the descriptor
+/// then log nothing, since this is normal at shut-down; a caller that deletes closes the descriptor
 /// itself.
 int pollLoop_add_fd(int pollsock, int fd, int events);
 int pollLoop_mod_fd(int pollsock, int fd, int events);
 int pollLoop_del_fd(int pollsock, int fd);
 
-/// Logs that a request of `routine` could not be sent. Leaves `error` in errno.
+/// Logs that a request of `routine` could not be sent. `error` is a positive errno, and errno is
+/// set to it.
 void logFailedPollRequest(std::string_view routine, int error);
 
-/// As pollLoop_mod_fd and pollLoop_del_fd for each of 1 to `maxPollRecords` descriptors, with one
-/// system call. 0, or -errno without logging it, also for a loop that has ended: the caller then
-/// asks for one descriptor after another, each with an outcome and a log line of its own.
+/// As pollLoop_mod_fd and pollLoop_del_fd, for 1 to `maxPollRecords` descriptors with one system
+/// call. 0, or -errno without logging. If the call fails, the caller asks for each descriptor
+/// alone, so that each has its own result and log line.
 int pollLoop_mod_fds(int pollsock, std::span<const int> fds, int events);
 int pollLoop_del_fds(int pollsock, std::span<const int> fds);
 
-/// To be called when the poll thread has ended: lets go every sender that waits for room, now and
-/// later, and closes the descriptors whose deletion nobody has carried out.
+/// To be called when the poll thread has ended. Requests that wait for room, and all later ones,
+/// fail from now on. Closes the descriptors whose deletion is still queued.
 void retirePollChannel(int serverPollSock);
 
 }  // namespace vesk

@@ -19,9 +19,10 @@ void callUnlessEmpty(const ReadyCallback& callback, const std::vector<int>& fds)
 
 }  // namespace
 
-// After a single socket: its worker is mostly done with it, and has asked for it to be armed again,
-// by the time that this thread has its turn again; it then need not wait, be woken and ask what
-// woke it. With more sockets ready a yield costs more than it gains: requests pile up meanwhile.
+// It lingers after a single ready socket. When this thread runs again, the worker has usually
+// drained the socket and asked for it to be armed again, so the record can be taken without a wait
+// and a wake-up. With more sockets ready, a yield costs more than it gains, since requests
+// accumulate meanwhile.
 int pollLoop(PollThreadParam& param, const ReadyCallback& onRead, const ReadyCallback& onWrite,
              const ReadyCallback& onError) {
     EpollSet set(param);
@@ -31,7 +32,7 @@ int pollLoop(PollThreadParam& param, const ReadyCallback& onRead, const ReadyCal
     while (result == 0) {
         result = set.wait();
         if (result == 0 && param.ended.load(std::memory_order_acquire)) {
-            // The channel is retired: it would be readable for ever, with nothing in it.
+            // The channel is retired, and would be reported readable for ever although it is empty.
             return 0;
         }
         if (result == 0) {
@@ -72,7 +73,7 @@ void distributeReadyFds(const std::vector<int>& fds, const PollParams& queues,
             }
             waits = std::exchange(worker.waiting, false);
         }
-        // Without the lock, or the first thing that the worker does is wait for it.
+        // After the lock is released; otherwise the woken worker would first have to wait for it.
         if (waits) {
             worker.wakeUp.post();
         }

@@ -1,9 +1,10 @@
-// The epoll thread: watches descriptors, hands the ready ones to the workers' queues. The only
-// thread that touches the epoll set; all others ask it through the message channel. Knows
-// descriptors and callables, nothing of datagrams.
+// The loop of the poll thread: it watches descriptors and hands ready ones to the queues of the
+// workers. Only this thread changes the epoll set; other threads ask it through the message
+// channel. The loop knows descriptors and callables, but no datagrams.
 //
-// Descriptors are armed edge-triggered and for one event: one that fired stays silent until whoever
-// drained it asks for it to be armed again, so that it is in one worker's hands at a time.
+// Descriptors are armed edge-triggered and for one event. After an event a descriptor reports
+// nothing until the worker that drained it asks for it to be armed again, so one worker at a time
+// has it.
 #pragma once
 
 #include <functional>
@@ -15,23 +16,25 @@ namespace vesk {
 
 using ReadyCallback = std::function<void(const std::vector<int>& fds)>;
 
-/// Runs until cancelled (while it waits), or until it can no longer wait; then -errno. Returns 0
-/// after an event where `ended` is set: main has retired the channel.
+/// Runs until it is cancelled, which happens only while it waits, or until the wait fails: then
+/// -errno. Returns 0 if an event comes after the main thread has set `ended` and retired the
+/// channel.
 int pollLoop(PollThreadParam& param, const ReadyCallback& onRead, const ReadyCallback& onWrite,
              const ReadyCallback& onError);
 
-/// The poll thread's entry: pollLoop with the callbacks below. Should the loop end by itself,
-/// nobody is left waiting for it.
+/// The body of the poll thread: pollLoop with the callbacks below. If the loop ends by itself, the
+/// channel is retired, so that no other thread waits for it.
 void runPollThread(PollThreadParam& param);
 
-/// Deals one batch out to the queues in turn, beginning at `start`, and moves `start` on by the
-/// size of the batch. Each queue that gets any is locked and signalled once.
+/// Distributes a batch over the queues in turn, beginning with queue `start`, and increases `start`
+/// by the size of the batch. Each queue that gets descriptors is locked once and its worker woken
+/// at most once.
 void distributeReadyFds(const std::vector<int>& fds, const PollParams& queues,
                         unsigned long& start);
 
-/// Does nothing: an error or hang-up shows in `ErrorNr` and, when the socket is read, in the result
-/// of that. Kept: "Epoll got error while monitoring these sockets:" is never logged, and the
-/// descriptors stay as they are.
+/// Does nothing: an error or hang-up is counted in `ErrorNr`, and reading the socket returns it.
+/// Kept: "Epoll got error while monitoring these sockets:" is never logged, and the descriptors are
+/// left unchanged.
 void reportPollErrors(const std::vector<int>& fds);
 
 }  // namespace vesk

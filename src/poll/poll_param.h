@@ -1,4 +1,5 @@
-// What the poll loop and its workers share: one queue for each worker, and the loop's own counters.
+// What the poll loop and its workers share: a queue for each worker, and the counters of both. Made
+// on the main thread.
 #pragma once
 
 #include <sys/epoll.h>
@@ -23,16 +24,17 @@
 
 namespace vesk {
 
-/// Room that lists of ready descriptors begin with: under an ordinary load none has to grow.
+/// Initial capacity of lists of ready descriptors. Under ordinary load no list has to grow.
 inline constexpr std::size_t usualReadyCount = 128;
 
-/// Receives what is ready on one descriptor. `keep` comes in true; left so, the descriptor is
-/// served again in the next pass. A positive result is added to the worker's received total.
+/// Receives from one ready descriptor. `keep` is true on entry; if it is still true on return, the
+/// descriptor is served again in the next pass. A positive result is added to the worker's received
+/// total.
 using ReceiveFunction = std::function<int(int fd, bool& keep, std::uint32_t workerParameter)>;
 
-/// Does what the receive function put off during a pass. `lines` are written next, if there are
-/// any, which may take as long as the log's reader likes. The result is how long the worker may
-/// wait for descriptors before this is called again; none for as long as it takes.
+/// Does what the receive function deferred during a pass. The lines held by `lines` are written
+/// next, which may block until the log's reader reads. The result is the longest wait for
+/// descriptors before this is called again; none if there is no limit.
 using PassEndFunction =
     std::function<std::optional<std::chrono::milliseconds>(const LogDelay& lines)>;
 
@@ -43,38 +45,38 @@ struct PollParam {
 
     Mutex mutex;
     std::deque<int> queue VESK_GUARDED_BY(mutex);
-    /// Whether the worker has found nothing to do and waits, or is about to.
+    /// Whether the worker has found nothing to do and waits or is about to wait.
     bool waiting VESK_GUARDED_BY(mutex) = false;
-    /// Posted once by whoever finds `waiting` set, and clears it.
+    /// Posted by the thread that finds `waiting` set and clears it.
     WakeUp wakeUp;
 
     // Constant while the worker runs.
 
-    /// Handed through to every receive call. Kept: the receive function of today has no use for it.
+    /// Passed to each receive call. Kept: the present receive function ignores it.
     std::uint32_t workerParameter = 0;
     const ReceiveFunction receive;
     /// May be empty.
     const PassEndFunction passEnd;
-    /// Slept after each pass, in microseconds; 0 for no pause. Kept: nothing sets it today.
+    /// Pause after each pass, in microseconds; 0 for none. Kept: at present nothing sets it.
     std::uint32_t pause = 0;
 
     // Written by the worker, read by the report.
 
     Counter receivedTotal;
     Counter wakeCount;
-    /// The lengths of the queue at each wake, added up; as wide as it is reported.
+    /// The sum of the queue's lengths at each wake-up. 32 bits, as reported; it wraps.
     std::atomic<std::uint32_t> queueDepthSum{0};
 
-    /// Last, so that it is stopped before anything it uses goes.
+    /// Last, so that the thread is stopped before anything that it uses is destroyed.
     CancellableThread thread;
 };
 
 using PollParams = std::vector<std::shared_ptr<PollParam>>;
 
-/// Ends the threads in list order, then empties the list. False where one was left running.
+/// Stops the threads in list order, then empties the list. False if a thread was left running.
 bool stopThreads(PollParams& threads);
 
-/// The poll loop's parameters, and the counters that it alone writes.
+/// The parameters of the poll loop, and the counters that only it writes.
 struct PollThreadParam {
     PollThreadParam(int channel, PollParams readWorkers, PollParams writeWorkers)
         : epollSet(epoll_create(1)),
@@ -83,14 +85,15 @@ struct PollThreadParam {
           readQueues(std::move(readWorkers)),
           writeQueues(std::move(writeWorkers)) {}
 
-    /// Made here, before any command is read: while a listening endpoint is being closed, no other
-    /// thread may make descriptors (see closeEndpointSockets).
+    /// Made here, before any command is read, since no other thread may make descriptors while a
+    /// listening endpoint is closed (see closeEndpointSockets).
     const UniqueFd epollSet;
-    /// Why there is no set; 0 where there is one. Reported by the loop.
+    /// The errno if the set could not be made, else 0. Logged by the loop.
     const int epollSetError;
     /// The loop's end of the message channel.
     const int msgchanfd;
-    /// Lists of its own, constant once the thread runs: main empties the context's lists.
+    /// Copies of the context's lists, since the main thread empties those. Constant while the
+    /// thread runs.
     PollParams readQueues;
     unsigned long readStart = 0;
     PollParams writeQueues;
@@ -102,15 +105,15 @@ struct PollThreadParam {
     /// Descriptors armed at present.
     std::atomic<std::int32_t> ActiveEvtNr{0};
 
-    /// Deletions dealt with, whatever came of them. Not reported: it tells whoever releases many
-    /// endpoints how far the loop is.
+    /// Deletions handled, successful or not. Not reported: a thread that releases many endpoints
+    /// reads from it how far the loop is.
     Counter deletions;
 
-    /// Set before the channel is retired: by the thread, when the loop no longer touches any
-    /// descriptor, or by main, also where it could not stop the thread.
+    /// Set before the channel is retired: by the poll thread, when the loop no longer uses any
+    /// descriptor, or by the main thread, even if it could not stop the poll thread.
     std::atomic<bool> ended{false};
 
-    /// Last, so that it is stopped before anything it uses goes.
+    /// Last, so that the thread is stopped before anything that it uses is destroyed.
     CancellableThread thread;
 };
 

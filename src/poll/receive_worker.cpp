@@ -31,9 +31,9 @@ class ReceiveWorker {
     void pauseAfterPass() const;
 
     PollParam& param_;
-    /// Still to be served, and known to nobody else.
+    /// Descriptors still to be served. No other thread has them.
     std::vector<int> serving_;
-    /// How long the end of the last pass allows to wait.
+    /// The longest wait that the end of the last pass allows.
     std::optional<std::chrono::milliseconds> longestWait_;
     Lingerer lingerer_;
 };
@@ -42,7 +42,7 @@ void ReceiveWorker::run() {
     while (true) {
         endThreadIfCancelled();
         if (serving_.empty()) {
-            // Mostly more is there by the next turn.
+            // More descriptors have usually been handed out when this thread runs again.
             lingerer_.linger();
         }
         collectDescriptors();
@@ -51,7 +51,7 @@ void ReceiveWorker::run() {
     }
 }
 
-/// Returns with descriptors to serve, or without where the end of a pass is due.
+/// Returns with descriptors to serve, or without if the function for the end of a pass is due.
 void ReceiveWorker::collectDescriptors() {
     if (takeQueue(false)) {
         return;
@@ -70,7 +70,8 @@ void ReceiveWorker::wait() {
     }
 }
 
-/// Takes over what was handed out; false where there is nothing to do, and a wake-up will come.
+/// Takes the descriptors from the queue. False if there is nothing to serve; then a wake-up will
+/// come.
 bool ReceiveWorker::takeQueue(bool woken) {
     const MutexLock lock(param_.mutex);
     if (woken) {
@@ -86,7 +87,7 @@ bool ReceiveWorker::takeQueue(bool woken) {
 }
 
 void ReceiveWorker::makePass() {
-    // Written when no socket served in this pass waits to be armed: the log's reader may take long.
+    // The lines are written when no socket of this pass waits to be armed, since a write may block.
     const LogDelay delay;
     std::erase_if(serving_, [this](int fd) { return !serve(fd); });
     if (param_.passEnd) {
@@ -94,7 +95,7 @@ void ReceiveWorker::makePass() {
     }
 }
 
-/// One receive call; true where the descriptor wants another.
+/// Makes one receive call. True if the descriptor is to be served again.
 bool ReceiveWorker::serve(int fd) {
     bool keep = true;
     const int received = param_.receive(fd, keep, param_.workerParameter);

@@ -13,8 +13,8 @@ namespace vesk {
 
 namespace {
 
-// Each section ends in a newline of its own, and so is followed by an empty line in the log.
-// Kept: the punctuation, missing colons included; readers of the log match these texts.
+// Each section ends in a newline, so an empty line follows it in the log. Kept: the punctuation,
+// missing colons included; readers of the log match these texts.
 
 std::string describePoll(const PollThreadParam* poll) {
     std::ostringstream text;
@@ -114,13 +114,13 @@ std::vector<std::string> describeAll(const ForwarderContext& context) {
 
 }  // namespace
 
-// NOLINTNEXTLINE(performance-unnecessary-value-param): the shape of every handler.
+// NOLINTNEXTLINE(performance-unnecessary-value-param): all handlers have this signature.
 bool reportStatistics(TokenQueue /*tokens*/, const std::shared_ptr<ForwarderContext>& context) {
     if (!logEnabled(LogLevel::info)) {
         return true;
     }
-    // Writing may block on the log's reader. No endpoint is held, so sockets of flows that end in
-    // the meantime are closed.
+    // A write may block until the log's reader reads. No endpoint is held meanwhile, so that the
+    // sockets of removed flows are closed.
     for (const std::string& section : describeAll(*context)) {
         logInfo(section);
     }

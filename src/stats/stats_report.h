@@ -1,5 +1,5 @@
-// The report of all counters, written by the "stats" command on the main thread. Nothing is reset,
-// and the figures of one report need not agree with each other: traffic goes on meanwhile.
+// The report of all counters, written by the "stats" command on the main thread. No counter is
+// reset. Traffic continues meanwhile, so the figures of one report need not agree.
 #pragma once
 
 #include <memory>

@@ -19,8 +19,8 @@ struct CleanUpSwitches {
 /// Releases the endpoints that a pass took out of the tables.
 using EndpointRelease = std::function<void(std::vector<EndpointPtr> expired)>;
 
-/// One pass: endpoints without traffic since the pass before are logged, removed and handed to
-/// `release`, all others marked. With both switches off it does nothing.
+/// One pass: endpoints without traffic since the last pass are logged, taken out of the tables and
+/// passed to `release`; the others are marked idle. Does nothing if both switches are off.
 void cleanUpFlows(EndpointManager& manager, CleanUpSwitches switches,
                   const EndpointRelease& release);
 

@@ -1,4 +1,5 @@
-// A named function run on a thread of its own, once per period, until the thread is cancelled.
+// Runs a named function on its own thread, once per period, until the thread is cancelled. Started
+// and stopped by the main thread.
 #pragma once
 
 #include <chrono>
@@ -9,9 +10,9 @@
 
 namespace vesk {
 
-/// Waits one period, runs the action, and again. The period is read afresh for
-/// each wait; with 0 or less there is no wait. An empty action throws std::bad_function_call.
-/// The calling thread may be cancelled while it waits and before each wait.
+/// Waits one period, runs the action, and repeats. The period is read again for each wait; if it is
+/// 0 or less there is no wait. An empty action throws std::bad_function_call. The calling thread
+/// can be cancelled only during and before each wait.
 void runPeriodicTask(const std::string& name, const std::chrono::nanoseconds& period,
                      const std::function<void()>& action);
 
@@ -20,7 +21,7 @@ class PeriodicTask {
  public:
     PeriodicTask(std::string name, std::chrono::nanoseconds period, std::function<void()> action);
 
-    /// 0, or pthread_create's error code.
+    /// 0, or the error code of pthread_create.
     int start();
     int stop() { return thread_.stop(); }
     /// Whether a stop has failed.

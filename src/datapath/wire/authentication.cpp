@@ -20,7 +20,7 @@ bool isAllZero(std::span<const std::uint8_t> bytes) {
     return std::ranges::all_of(bytes, [](std::uint8_t byte) { return byte == 0; });
 }
 
-/// Makes the key's context ready for a new digest: keyed if it is new, reset if it was kept.
+/// Prepares the key's context for a new digest: keys a new context, resets a kept one.
 bool beginDigest(HmacKey& hmacKey) {
     if (hmacKey.context) {
         return HMAC_Init_ex(hmacKey.context.get(), nullptr, 0, nullptr, nullptr) == 1;
@@ -32,7 +32,7 @@ bool beginDigest(HmacKey& hmacKey) {
     }
     if (HMAC_Init_ex(hmacKey.context.get(), hmacKey.key.data(), static_cast<int>(hmacKey.keyLen),
                      hmacKey.digest(), nullptr) != 1) {
-        // A context without a key must not be taken for a keyed one by the next datagram.
+        // Released, so that the next datagram does not use a context without a key.
         hmacKey.context.reset();
         return false;
     }

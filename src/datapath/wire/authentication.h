@@ -1,5 +1,6 @@
-// Signing and checking: HMAC over a framed datagram, with libcrypto's context kept beside the
-// key. Whoever calls holds the key alone (see HmacKey). Called for every datagram.
+// Signs and checks framed datagrams by HMAC, with the libcrypto context that is kept with the key.
+// The caller has exclusive use of the key (see HmacKey). Called by the receive threads and the
+// workers for each datagram.
 #pragma once
 
 #include <cstddef>
@@ -11,21 +12,22 @@
 
 namespace vesk {
 
-/// The digest over the regions in turn, cut or padded with zeros to the size of `tag`; all zeros
-/// where the key is empty. False where libcrypto refuses; `tag` is then not to be used.
+/// The digest over the regions in order, cut or padded with zeros to the size of `tag`; all zeros
+/// if the key is empty. False if libcrypto fails; `tag` must not be used then.
 bool computeTag(HmacKey& hmacKey, std::span<const std::span<const std::uint8_t>> regions,
                 std::span<std::uint8_t> tag);
 
-/// Whether `tag` is what computeTag gives, in constant time. Without a key, whether it is all
-/// zeros. False where libcrypto refuses.
+/// Whether `tag` equals the result of computeTag, compared in constant time; if the key is empty,
+/// whether it is all zeros. False if libcrypto fails.
 bool checkTag(HmacKey& hmacKey, std::span<const std::span<const std::uint8_t>> regions,
               std::span<const std::uint8_t> tag);
 
-/// Fills the HMAC field of a datagram whose header is complete. False: it must not be sent.
+/// Fills the HMAC field of a datagram whose header is otherwise complete. Lengths are in bytes.
+/// False if libcrypto fails: the datagram must not be sent.
 bool signDatagram(const FramingDescriptor& framing, DatagramBuffer buffer, std::size_t headerLength,
                   std::size_t length, HmacKey& hmacKey);
 
-/// Checks the HMAC field of a parsed datagram.
+/// Whether the HMAC field of a parsed datagram is correct. Lengths are in bytes.
 bool checkDatagram(const FramingDescriptor& framing, ConstDatagramBuffer buffer,
                    std::size_t headerLength, std::size_t length, HmacKey& hmacKey);
 

@@ -8,7 +8,8 @@ namespace vesk {
 
 namespace {
 
-/// Where an unsigned UDPv1 datagram holds the second half of its empty HMAC field.
+/// Bytes 20 to 31, which are zero in an unsigned UDPv1 datagram: the end of its HMAC field, behind
+/// the header of UDPv2.
 constexpr std::size_t zeroTailOffset = framingV2.minHeaderSize;
 constexpr std::size_t zeroTailLength = framingV1.hmacLength - zeroTailOffset;
 
@@ -21,10 +22,11 @@ std::uint32_t readBigEndian(std::span<const std::uint8_t> bytes) {
 }
 
 void remarkOnVersion(ConstDatagramBuffer buffer) {
-    // A shorter datagram is looked at with what the buffer held before; it is a remark, no verdict.
+    // For a shorter datagram this reads bytes of an earlier one. That is acceptable, since the
+    // result is only logged.
     const auto tail = buffer.subspan(zeroTailOffset, zeroTailLength);
     if (std::ranges::all_of(tail, [](std::uint8_t byte) { return byte == 0; })) {
-        // Kept: it says "dropping", but the datagram may be a good one and is not dropped.
+        // Kept: the text says "Dropping", but the datagram is not dropped and may be valid.
         logMessage(LogLevel::trace, "Dropping UDPv1 packet!");
     }
 }

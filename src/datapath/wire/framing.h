@@ -1,5 +1,5 @@
-// Parsing a framed datagram and rewriting its label: pure functions over a buffer. Called by the
-// receive threads for every datagram.
+// Parses a framed datagram and rewrites its label: functions over a buffer, without state. Called
+// by the receive threads and the workers for each datagram.
 #pragma once
 
 #include <cstddef>
@@ -11,22 +11,23 @@
 
 namespace vesk {
 
-/// A whole receive buffer; a datagram occupies its front.
+/// A whole receive buffer; the datagram begins at its first byte.
 using DatagramBuffer = std::span<std::uint8_t, maxDatagramSize>;
 using ConstDatagramBuffer = std::span<const std::uint8_t, maxDatagramSize>;
 
 struct ParsedDatagram {
+    /// In host byte order.
     std::uint32_t label;
-    /// Offset of the payload.
+    /// Offset of the payload in bytes.
     std::size_t headerLength;
 };
 
-/// Nothing where the datagram is too short or its header length lies. At trace level it remarks on
-/// UDPv2 datagrams that look like unsigned UDPv1 ones; they are accepted like any other.
+/// None if the datagram is too short or its header length is out of range. At trace level, UDPv2
+/// datagrams that look like unsigned UDPv1 datagrams are logged; they are accepted like others.
 std::optional<ParsedDatagram> parseDatagram(const FramingDescriptor& framing,
                                             ConstDatagramBuffer buffer, std::size_t length);
 
-/// Overwrites the label and nothing else.
+/// Overwrites the label in the buffer; `label` is in host byte order.
 void rewriteLabel(const FramingDescriptor& framing, DatagramBuffer buffer, std::uint32_t label);
 
 }  // namespace vesk

@@ -1,7 +1,8 @@
-// What an HMAC is made with: a key, its digest, and the libcrypto context that is kept for the two.
+// The key and the digest of an HMAC, with the libcrypto context that is kept for them. Set by
+// commands on the main thread; used by the receive threads and the workers for each datagram.
 //
-// A context belongs to one thread at a time: whoever signs or checks with a key that another thread
-// may use too holds the flow's lock for that direction meanwhile.
+// Only one thread at a time may use a context: a thread that signs or checks with a key that other
+// threads may use holds the flow's lock for that direction.
 #pragma once
 
 #include <openssl/types.h>
@@ -13,43 +14,44 @@
 
 #include "base/secret_bytes.h"
 
-// libcrypto's name for the type; hmac.h is left to the one file that calls it.
+// libcrypto's type, declared here so that users of this header do not need hmac.h.
 using HMAC_CTX = struct hmac_ctx_st;
 
 namespace vesk {
 
-/// The function that names a digest; called when a context is keyed.
+/// Returns a digest. Called when a context is keyed.
 using DigestSelector = const EVP_MD* (*)();
 
 struct HmacContextDeleter {
     void operator()(HMAC_CTX* context) const;
 };
 
+/// In bytes.
 inline constexpr std::size_t maxHmacKeyLength = 128;
 
 struct HmacKey {
     explicit HmacKey(DigestSelector selector) : digest(selector) {}
     ~HmacKey() = default;
-    /// Copies take the key and the digest, never the context.
+    /// A copy has the key and the digest, but no context.
     HmacKey(const HmacKey& other);
     HmacKey& operator=(const HmacKey& other);
 
-    /// At most 128 bytes. Kept: those beyond the new key keep their old contents; they are wiped
-    /// with the record. The tables take keys over with `copyKeyFrom`, which leaves nothing of the
-    /// old one.
+    /// At most 128 bytes. Kept: bytes of an older key beyond the new key's length are not
+    /// overwritten; they are wiped with the record. The tables copy keys by `copyKeyFrom`, which
+    /// overwrites the old key.
     void setKey(std::span<const std::uint8_t> newKey);
     void setDigest(DigestSelector selector);
 
-    /// All that `setKey` and the key's length make up, taken from another one.
+    /// Copies all 128 bytes of the key, and its length.
     void copyKeyFrom(const HmacKey& other);
 
     bool hasKey() const { return keyLen != 0; }
 
-    // What every datagram needs stands first and together; the key is read when a context is made.
+    // Members needed for each datagram come first. The key is read only when a context is made.
 
-    /// Number of key bytes; 0 means no key, and the flow is unauthenticated.
+    /// Number of key bytes. 0 means no key: datagrams are not authenticated.
     std::uint64_t keyLen = 0;
-    /// Made on first use and keyed with what was there then; a change of key or digest drops it.
+    /// Made at first use, with the key and digest of that moment. Released when either changes.
     std::unique_ptr<HMAC_CTX, HmacContextDeleter> context;
     DigestSelector digest;
     SecretBytes<maxHmacKeyLength> key{};

@@ -17,7 +17,8 @@ Region coveredByHmac(ConstDatagramBuffer buffer, std::size_t addressLength) {
     return buffer.subspan(lateralLayout.lengthOffset, lateralLayout.lengthSize + addressLength);
 }
 
-/// Makes room in front of a datagram; false where the two together would not fit.
+/// Makes `by` bytes of room in front of a datagram. False, and no change, if both together do not
+/// fit into the buffer.
 bool moveUp(DatagramBuffer buffer, std::size_t length, std::size_t by) {
     if (by + length > buffer.size()) {
         return false;

@@ -1,5 +1,6 @@
-// Putting the lateral header in front of a datagram, reading it and taking it off: pure functions
-// over a buffer. Called by the receive threads for datagrams that travel between instances.
+// Adds, reads and removes the lateral header of a datagram: functions over a buffer, without state.
+// Called by the receive threads and the workers for datagrams between instances. Lengths are in
+// bytes.
 #pragma once
 
 #include <cstddef>
@@ -14,39 +15,40 @@ namespace vesk {
 
 struct LateralHeader {
     std::uint8_t type;
-    /// The length byte: address and HMAC together.
+    /// The value of the length byte: address and HMAC together.
     std::size_t length;
 
-    /// The header's own length, from the type byte to the HMAC's end.
+    /// The length of the whole header, from the type byte to the end of the HMAC.
     std::size_t size() const { return lateralLayout.addressOffset + length; }
 };
 
-/// Nothing where the datagram is too short for its header or the length byte is out of range.
+/// None if the datagram is too short for its header or the length byte is out of range.
 std::optional<LateralHeader> parseLateralHeader(ConstDatagramBuffer buffer, std::size_t length);
 
-/// Moves the datagram up and puts a forwarding header with the sender's address in front, signed
-/// with the key. The datagram's new length, or nothing where it would not fit or not be signed;
-/// the buffer then holds no datagram any more.
+/// Moves the datagram up and writes a forwarding header in front, with the sender's address, signed
+/// with the key. Returns the new length, or none if the header does not fit or libcrypto fails; the
+/// buffer's contents are then undefined.
 std::optional<std::size_t> addLateralHeader(DatagramBuffer buffer, std::size_t length,
                                             const SocketAddress& sender, HmacKey& signingKey);
 
-/// Moves the datagram up and puts the returning header in front: what came with the request. The
-/// new length, or nothing, and the buffer as it was, where it would not fit.
+/// Moves the datagram up and writes the returning header in front, with the bytes that came with
+/// the request. Returns the new length, or none, with the buffer unchanged, if the header does not
+/// fit.
 std::optional<std::size_t> addReturnHeader(DatagramBuffer buffer, std::size_t length,
                                            const ReturnPath& returnPath);
 
-/// What a reply has to bring back.
+/// The part of the header that is returned with a reply.
 ReturnPath keepReturnPath(ConstDatagramBuffer buffer, const LateralHeader& header);
 
-/// Whether the address in the header was signed with this key.
+/// Whether the HMAC of the address in the header was made with this key.
 bool checkLateralHmac(ConstDatagramBuffer buffer, const LateralHeader& header,
                       HmacKey& checkingKey);
 
-/// The address in the header; empty where it is of neither IP family, or not as long as its family
-/// has it. To be believed only after the HMAC was checked.
+/// The address in the header; empty if its family is neither IPv4 nor IPv6, or if its length does
+/// not match its family. To be used only after the HMAC was checked.
 SocketAddress lateralAddress(ConstDatagramBuffer buffer, const LateralHeader& header);
 
-/// Moves the datagram down over its header. The new length.
+/// Removes the header by moving the datagram to the front. Returns the new length.
 std::size_t stripLateralHeader(DatagramBuffer buffer, std::size_t length,
                                const LateralHeader& header);
 

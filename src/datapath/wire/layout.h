@@ -1,5 +1,5 @@
-// The bytes of every datagram: offsets and lengths once, beside a drawing. All integers are
-// big-endian. Constants and values; any thread.
+// The layout of every datagram: offsets and lengths in bytes, with drawings. All integers are
+// big-endian. Constants and values, used by the functions of the datapath on any thread.
 #pragma once
 
 #include <algorithm>
@@ -10,20 +10,20 @@
 
 namespace vesk {
 
-/// No datagram is larger, headers of every kind included.
+/// The largest datagram in bytes, headers of all kinds included.
 inline constexpr std::size_t maxDatagramSize = 2048;
 
-/// Where the fields of one framing version are; all in bytes from the front of the datagram.
+/// The fields of one framing version. Offsets are from the first byte of the datagram.
 struct FramingDescriptor {
     std::uint32_t version;
     std::uint32_t hmacOffset;
     std::uint32_t hmacLength;
     std::uint32_t headerLengthOffset;
-    /// 0 where the version has no header-length field.
+    /// 0 if the version has no header-length field.
     std::uint32_t headerLengthSize;
     std::uint32_t labelOffset;
     std::uint32_t labelSize;
-    /// The smallest datagram; also the payload's offset where there is no header-length field.
+    /// The smallest datagram; also the payload's offset if there is no header-length field.
     std::uint32_t minHeaderSize;
 };
 
@@ -60,10 +60,10 @@ constexpr const FramingDescriptor& framingOfVersion(int version) {
     return version == 1 ? framingV1 : framingV2;
 }
 
-/// Where the fields of the lateral header are, and how long they may be.
+/// The fields of the lateral header.
 struct LateralDescriptor {
     std::uint32_t typeOffset;
-    /// First byte of what goes back with a reply.
+    /// The first byte of the part that is returned with a reply.
     std::uint32_t returnInfoOffset;
     std::uint32_t lengthOffset;
     std::uint32_t lengthSize;
@@ -75,8 +75,8 @@ struct LateralDescriptor {
     std::uint32_t minLateralSize;
 };
 
-// The lateral header stands in front of a framed datagram on its way between two instances. A is
-// the length of the peer's socket address, in this host's own layout; N = A + 16.
+// The lateral header precedes a framed datagram that is sent between two instances. A is the length
+// of the peer's socket address, which has this host's layout; N = A + 16.
 //
 //   0      1     2                   2+A                    2+N
 //   | type | N   | socket address    | HMAC (16 bytes)      | framed datagram
@@ -92,18 +92,18 @@ inline constexpr LateralDescriptor lateralLayout{.typeOffset = 0,
                                                  .hmacLength = 16,
                                                  .minLateralSize = 34};
 
-/// Forwarded towards upstream, to the instance that owns the label.
+/// The type of a datagram forwarded towards upstream, to the instance that owns the label.
 inline constexpr std::uint8_t lateralForward = 1;
-/// Returned towards downstream, to the instance that forwarded.
+/// The type of a reply returned towards downstream, to the instance that forwarded the datagram.
 inline constexpr std::uint8_t lateralReturn = 2;
 
-/// The longest HMAC field of any header.
+/// The longest HMAC field of any header, in bytes.
 inline constexpr std::size_t maxHmacFieldLength =
     std::max({framingV1.hmacLength, framingV2.hmacLength, lateralLayout.hmacLength});
 
-/// What came with a datagram over the lateral stream and goes back with its reply: the length byte,
-/// the peer's address and the lateral HMAC, as they were received. Empty for a datagram that came
-/// straight from a peer. In place, since one is made for each lateral datagram.
+/// The part of a lateral header that is returned with the reply: the length byte, the peer's
+/// address and the lateral HMAC, as received. Empty for a datagram that was received directly from
+/// a peer. Stored without an allocation, since one is made for each lateral datagram.
 class ReturnPath {
  public:
     static constexpr std::size_t capacity =

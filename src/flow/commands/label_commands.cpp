@@ -15,7 +15,7 @@ namespace vesk {
 
 namespace {
 
-/// The attributes of a label command, wiped when it is done: some of them are keys.
+/// The attributes of a label command. Wiped at the end of the command, since some of them are keys.
 class LabelAttributes {
  public:
     explicit LabelAttributes(TokenQueue& tokens) : attributes_(parseCommandAttrs(tokens)) {}
@@ -57,7 +57,8 @@ bool setLabelAttrs(TokenQueue tokens, const std::shared_ptr<ForwarderContext>& c
         releaseEndpoints(context->endpointManager->setLabel(scratch.label, scratch, members),
                          context);
     } catch (const std::invalid_argument&) {
-        // Half an address was looked up with the half that is stored, and the answer was empty.
+        // The command gave half of an address, and together with the stored half it has no usable
+        // address.
         return refuseSet(scratch.label);
     }
     return true;
@@ -70,7 +71,7 @@ bool deleteLabel(TokenQueue tokens, const std::shared_ptr<ForwarderContext>& con
     }
     FlowDesc scratch;
     if (!Vesk_setFlowDescLabelAttrs(*attributes, scratch) || scratch.label == 0) {
-        // Kept: the bare form, without the routine's name that "set" puts in front.
+        // Kept: this line lacks the name of the routine; that of "set" begins with it.
         logError("label ", scratch.label);
         return false;
     }

@@ -1,4 +1,4 @@
-// "set" and "del": declaring, changing and removing flows. Called on the main thread.
+// The commands "set" and "del", which declare, change and remove flows. Called on the main thread.
 #pragma once
 
 #include <memory>
@@ -9,11 +9,12 @@ namespace vesk {
 
 struct ForwarderContext;
 
-/// Declares the label or changes the attributes named. False, after logging, where one is refused;
-/// nothing changes then. A resolver failure passes through as std::runtime_error.
+/// Declares the label, or changes the named attributes. False, after logging, if an attribute is
+/// refused; then nothing is changed. If the resolver fails, std::runtime_error is thrown.
 bool setLabelAttrs(TokenQueue tokens, const std::shared_ptr<ForwarderContext>& context);
 
-/// Removes the label. Attributes besides it must be valid and have no effect.
+/// Removes the label. Other attributes must be valid, but have no effect. False, after logging, if
+/// the command is refused.
 bool deleteLabel(TokenQueue tokens, const std::shared_ptr<ForwarderContext>& context);
 
 }  // namespace vesk

@@ -16,15 +16,16 @@ namespace vesk {
 
 namespace {
 
-/// Hands the descriptor to the poll loop to be closed; closes it here where that has ended. False,
-/// with errno, where neither was possible.
+/// Asks the poll loop to close the descriptor. Closes it here if the loop has ended. False, with
+/// errno, if the request fails.
 bool deleteFromPollLoop(int fd, const ForwarderContext& context) {
     const int result = pollLoop_del_fd(context.pollSocket.get(), fd);
     if (result != -EPIPE) {
         return result == 0;
     }
-    // The channel said so already; this orders our close after all that the poll thread did, unless
-    // that thread could not be stopped: then it may log one request for a closed number.
+    // The loop has ended. This load orders the close after all that the poll thread did. A poll
+    // thread that could not be stopped is the exception: it may log one request for a closed
+    // number.
     if (context.pollThread) {
         static_cast<void>(context.pollThread->ended.load(std::memory_order_acquire));
     }

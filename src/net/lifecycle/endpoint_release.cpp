@@ -15,21 +15,22 @@ namespace vesk {
 
 namespace {
 
-/// So many deletions may wait for the poll thread when another row is sent. With two rows it has
-/// something to do while the sender sleeps, and is done with both in a fraction of a millisecond.
+/// The most deletions that may wait for the poll thread when another row is sent. Together that is
+/// at most two rows: the poll thread has work while the sender sleeps, and finishes both rows in a
+/// fraction of a millisecond.
 constexpr std::uint64_t mostWaiting = maxPollRecords;
 constexpr useconds_t pauseMicroseconds = 100;
-/// After so many pauses, a second at least, the row is sent whatever waits.
+/// After this many pauses (at least a second), the row is sent in any case.
 constexpr int mostPauses = 10000;
 
-/// Collects the sockets of endpoints into rows of deletion records.
+/// Collects the sockets of endpoints in rows of deletion records.
 class DeletionRows {
  public:
     explicit DeletionRows(const std::shared_ptr<ForwarderContext>& context)
         : context_(context), before_(carriedOut()) {}
 
     void release(EndpointPtr endpoint);
-    /// Sends what is collected.
+    /// Sends the records collected.
     void send();
 
  private:
@@ -46,15 +47,15 @@ class DeletionRows {
 };
 
 void DeletionRows::release(EndpointPtr endpoint) {
-    // Whoever else holds it asks for the deletion when it lets go. Nobody new can come to hold it:
-    // it is in no table.
+    // Another thread that still holds it asks for the deletion when it releases it. No thread can
+    // start to hold it, since it is in no table.
     if (endpoint.use_count() != 1) {
         return;
     }
     endpoint->detachSockets();
     sockets_[count_++] = endpoint->wrsockfd;
     sockets_[count_++] = endpoint->rdsockfd;
-    // Before the row is sent: no use of the endpoint may follow the closing of its sockets.
+    // Released before the row is sent: the endpoint must not be used after its sockets are closed.
     endpoint.reset();
     if (count_ == sockets_.size()) {
         send();
@@ -67,8 +68,8 @@ void DeletionRows::send() {
     }
     awaitRoom();
     const auto row = std::span(sockets_).first(count_);
-    // A single endpoint's two records need no row. Of records sent one by one some may not arrive,
-    // so nothing waits for them; a full channel makes their sender wait anyway.
+    // The two records of a single endpoint need no row. Records sent one by one are not counted in
+    // `sent_`, since some may fail; if the channel is full, their sender waits anyway.
     if (count_ > 2 && pollLoop_del_fds(context_->pollSocket.get(), row) == 0) {
         sent_ += count_;
     } else {
@@ -87,7 +88,8 @@ std::uint64_t DeletionRows::carriedOut() const {
     return context_->pollThread ? context_->pollThread->deletions.value() : 0;
 }
 
-/// Others' deletions count as ours: then more is sent early, which does no harm.
+/// Waits until few enough deletions are outstanding. Deletions of other threads are counted too, so
+/// a row may be sent early, which does no harm.
 void DeletionRows::awaitRoom() const {
     const PollThreadParam* const loop = context_->pollThread.get();
     for (int pauses = 0; loop != nullptr && pauses < mostPauses; ++pauses) {

@@ -1,5 +1,6 @@
-// How endpoints are released that leave the tables together: an expiry of thousands, or an owner
-// with its auxiliary flows. On the main thread ("set", "del") and on that of the clean-up task.
+// Releases endpoints that left the tables together, such as thousands that expired, or those of an
+// owner and its auxiliary flows. Called on the main thread ("set", "del") and on the thread of the
+// clean-up task.
 #pragma once
 
 #include <memory>
@@ -11,10 +12,10 @@ namespace vesk {
 
 struct ForwarderContext;
 
-/// Releases the endpoints: those bound to a port first, which somebody may want again at once. The
-/// sockets of those that nobody else holds are deleted in rows of records, no faster than the poll
-/// thread carries them out, so that neither other records nor replies wait behind all of them.
-/// Returns when the last record was sent; hold no lock.
+/// Releases the endpoints, those bound to a port first, since the port may be needed again at once.
+/// The sockets of endpoints that no other thread holds are deleted in rows of records, no faster
+/// than the poll thread carries them out, so that other records and replies do not wait behind all
+/// of them. Returns when the last record is sent. May block: hold no lock.
 void releaseEndpoints(std::vector<EndpointPtr> endpoints,
                       const std::shared_ptr<ForwarderContext>& context);
 
