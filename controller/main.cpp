@@ -19,8 +19,8 @@ namespace vesk::controller {
 
 namespace {
 
-/// A reload that is asked for while the file is read for the first time would end the process: it
-/// waits for the supervisor.
+/// SIGHUP during the first reading of the file would end the process. Blocked, it waits for the
+/// supervisor.
 void holdBackReloads() {
     sigset_t reload;
     sigemptyset(&reload);
@@ -28,7 +28,7 @@ void holdBackReloads() {
     pthread_sigmask(SIG_BLOCK, &reload, nullptr);
 }
 
-/// False where they could not be written.
+/// False if they could not be written.
 bool printCommands(const Configuration& configuration) {
     std::cout << "# vesk";
     for (const std::string& argument : programArguments(configuration.forwarder)) {
@@ -111,7 +111,7 @@ int runGuarded(int argumentCount, char** arguments) {
 int main(int argumentCount, char** arguments) {
     vesk::controller::holdBackReloads();
     vesk::occupyStandardDescriptors(vesk::ClosedStream::isEmpty);
-    // The forwarder's end is noticed otherwise, and a log that nobody reads is no reason to end.
+    // The forwarder's end is reported by SIGCHLD, and a closed log must not end the controller.
     std::signal(SIGPIPE, SIG_IGN);
     try {
         return vesk::controller::runGuarded(argumentCount, arguments);

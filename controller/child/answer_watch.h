@@ -1,6 +1,5 @@
-// How long the forwarder has been silent, and what that means: a fence that is outstanding without
-// a line from it for long enough tells that it hangs. Held by child/forwarder_session, judged by
-// service/supervisor.
+// Detects a forwarder that hangs: a fence is outstanding, and no line has arrived for the time
+// allowed. Kept by child/forwarder_session, queried by service/supervisor.
 #pragma once
 
 #include <chrono>
@@ -13,8 +12,8 @@ class AnswerWatch {
 
     enum class Verdict {
         waiting,  ///< nothing is due
-        ask,      ///< silent, but it owes no answer: a fence has to be sent
-        hung,     ///< silent for the whole time although it owes one
+        ask,      ///< no output, but no fence is outstanding: one must be sent
+        hung,     ///< no output for the whole time although a fence is outstanding
     };
 
     explicit AnswerWatch(Clock::time_point now) : since_(now) {}
@@ -25,9 +24,9 @@ class AnswerWatch {
     /// When the next verdict is due.
     Clock::time_point due(Clock::duration patience) const { return since_ + patience; }
 
-    /// `outstanding`: whether a fence is. What there is to read has to be read before. A verdict
-    /// that is asked for long after it was due tells that the controller itself stood still, and
-    /// the forwarder may have, too: the time begins again.
+    /// `outstanding`: whether a fence is outstanding. All output must have been read before. If the
+    /// call comes long after it was due, the controller itself was stopped, and perhaps the
+    /// forwarder too, so the time starts again.
     Verdict judge(Clock::time_point now, bool outstanding, Clock::duration patience);
 
  private:

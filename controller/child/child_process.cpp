@@ -18,8 +18,8 @@ namespace vesk::controller {
 
 namespace {
 
-/// What the kernel lets everybody have; a larger pipe keeps the forwarder's threads from waiting
-/// for this process.
+/// The largest size that the kernel grants without privileges. With a large pipe the forwarder's
+/// threads do not wait for this process.
 constexpr int pipeSize = 1 << 20;
 
 struct Pipe {
@@ -60,7 +60,7 @@ class Redirections {
     posix_spawn_file_actions_t actions_{};
 };
 
-/// The child starts with the signals as a process has them from the beginning.
+/// The child starts with default signal handling, and in a new process group.
 class PlainSignals {
  public:
     PlainSignals() {
@@ -86,12 +86,12 @@ class PlainSignals {
     posix_spawnattr_t attributes_{};
 };
 
-/// "NAME=" of a variable; empty for an entry without that sign.
+/// "NAME=" of a variable; empty for an entry without "=".
 std::string_view beginningOf(std::string_view variable) {
     return variable.substr(0, variable.find('=') + 1);
 }
 
-/// This process's environment, with `variables` in place of what has the same name there.
+/// This process's environment, with `variables` added; they replace variables of the same name.
 std::vector<std::string> environmentWith(const std::vector<std::string>& variables) {
     std::vector<std::string> environment = variables;
     for (char** entry = environ; *entry != nullptr; ++entry) {
@@ -103,7 +103,7 @@ std::vector<std::string> environmentWith(const std::vector<std::string>& variabl
     return environment;
 }
 
-/// As execve(2) takes them: pointers into `texts`, and a null pointer behind them.
+/// The form that execve(2) takes: pointers into `texts`, and a null pointer after them.
 std::vector<char*> pointersInto(std::vector<std::string>& texts) {
     std::vector<char*> pointers;
     pointers.reserve(texts.size() + 1);
@@ -176,8 +176,8 @@ std::optional<int> ChildProcess::reap() {
         end.si_pid != pid_) {
         return std::nullopt;
     }
-    // Who is left of the group would keep the output open. The group's number is nobody else's as
-    // long as the child has not been waited for.
+    // Remaining processes of the group would keep the output open. The group's id cannot be reused
+    // before waitpid(2) has been called for the child.
     signal(SIGKILL);
     int status = 0;
     waitpid(pid_, &status, 0);

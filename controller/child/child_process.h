@@ -1,4 +1,4 @@
-// The forwarder as a process: two pipes and an id. Called by child/forwarder_session.
+// The forwarder's process: two pipes and a process id. Called by child/forwarder_session.
 #pragma once
 
 #include <sys/types.h>
@@ -11,15 +11,15 @@
 
 namespace vesk::controller {
 
-/// Owns the child: its pipes, which nobody else inherits, and its end. Move-only. A child that has
-/// not ended when its owner does is killed. Where the program is a script that runs another, that
-/// one is signalled along with it, and does not outlive it.
+/// Owns the child process and its pipes, which no other process inherits. Move-only. The destructor
+/// kills a child that is still running. Signals go to the child's process group, so a program that
+/// is started by a script also gets them and does not outlive the script.
 class ChildProcess {
  public:
-    /// Runs a program with both pipes non-blocking on this side, no signal blocked or ignored, no
-    /// other descriptor than the standard ones, and in a process group of its own, so that what a
-    /// terminal sends to this process does not reach it. `variables`, each NAME=value, are added
-    /// to the environment and replace what is there by the same name. Throws std::system_error.
+    /// Runs a program with no signal blocked or ignored, no descriptors but the standard ones, and
+    /// in its own process group, so that signals from a terminal do not reach it. Both pipes are
+    /// non-blocking on this side. `variables`, each NAME=value, are added to the environment and
+    /// replace variables of the same name. Throws std::system_error.
     ChildProcess(const std::string& program, const std::vector<std::string>& arguments,
                  const std::vector<std::string>& variables = {});
     ~ChildProcess();
@@ -36,7 +36,7 @@ class ChildProcess {
     void closeInput() { input_.reset(); }
     void signal(int number) const;
 
-    /// The status of waitpid(2) if it has ended, once. Kills what it has left behind.
+    /// The status of waitpid(2) if the child has ended, once. Kills the rest of its process group.
     std::optional<int> reap();
 
  private:

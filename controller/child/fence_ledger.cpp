@@ -15,8 +15,8 @@ const Beginnings flowBeginnings{"setLabelAttrs: ", "deleteLabel: ",
                                 "label ",          "Vesk_setFlowDescLabelAttrs: ",
                                 "Vesk_validate",   "validateLabelLikeString: "};
 
-/// How the lines begin with which the main thread complains about a command. Other threads log
-/// between them, so a line counts only if it is one of these.
+/// The beginnings of the lines in which the main thread reports a problem with a command. Other
+/// threads log in between, so a line counts only if it begins with one of these.
 const std::map<std::string_view, Beginnings> complaints{
     {"set", flowBeginnings},
     {"del", flowBeginnings},
@@ -49,7 +49,7 @@ std::string FenceLedger::expect(Command command) {
 }
 
 FenceReading FenceLedger::read(const LogLine& line) {
-    // The complaint ends in a newline of its own and is written in one piece with it.
+    // The error for the fence ends in a newline of its own, so an empty line follows it.
     if (std::exchange(emptyLineFollows_, false) && line.level == LogLevel::none &&
         line.text.empty()) {
         return {true, std::nullopt};

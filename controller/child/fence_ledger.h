@@ -1,7 +1,7 @@
-// Which command a log line is about. The forwarder answers no command, but it carries them out one
-// after the other, and it complains about a command word that it does not know: so each command is
-// followed by such a word, a fence of its own, and what the main thread logs before the complaint
-// belongs to the commands before it. Fences have no other effect.
+// Finds the command that a log line is about. The forwarder does not answer commands, but it
+// carries them out one after the other, and it logs an error for an unknown command word. So each
+// command is followed by an unknown word of its own, the fence. What the main thread logs before
+// the error for the fence is about the command before it. Fences have no other effect.
 //
 // Called by child/forwarder_session with each command it sends, and by child/output_interpreter
 // with each line that comes back.
@@ -19,16 +19,16 @@
 
 namespace vesk::controller {
 
-/// A command that has been carried out, and what the forwarder said to it.
+/// A command that has been carried out, and what the forwarder logged about it.
 struct Outcome {
     Command command;
-    std::vector<std::string> errors;    ///< any: it was refused
-    std::vector<std::string> warnings;  ///< it was accepted with these
+    std::vector<std::string> errors;    ///< if there are any, the command was refused
+    std::vector<std::string> warnings;  ///< do not mean that it was refused
 };
 
-/// What a line is to the ledger.
+/// What a line means to the ledger.
 struct FenceReading {
-    bool ours = false;  ///< only the fence's doing, nothing for the log
+    bool ours = false;  ///< caused by a fence, so not for the log
     std::optional<Outcome> outcome;
 };
 
@@ -40,10 +40,10 @@ class FenceLedger {
     /// Takes the next line of the log.
     FenceReading read(const LogLine& line);
 
-    /// Commands whose fence is not back yet.
+    /// The number of commands whose fence has not come back yet.
     std::size_t pending() const { return pending_.size(); }
 
-    /// The command that the forwarder is at, if it is at one.
+    /// The command that the forwarder is handling; null if there is none.
     const Command* current() const {
         return pending_.empty() ? nullptr : &pending_.front().command;
     }
@@ -53,8 +53,8 @@ class FenceLedger {
     void noteComplaint(const LogLine& line);
 
     std::deque<Outcome> pending_;
-    std::uint64_t sent_ = 0;      // fences so far
-    std::uint64_t answered_ = 0;  // of these, back
+    std::uint64_t sent_ = 0;      // fences sent
+    std::uint64_t answered_ = 0;  // fences that have come back
     bool emptyLineFollows_ = false;
 };
 

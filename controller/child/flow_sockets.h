@@ -1,5 +1,5 @@
-// Which flow a socket of the forwarder belongs to: its log says so when a flow opens one. Kept by
-// service/supervisor, one for each child.
+// Finds out from the forwarder's log which flow a descriptor belongs to. Called by
+// service/supervisor, which keeps the result for each child.
 #pragma once
 
 #include <string_view>
@@ -8,9 +8,9 @@
 
 namespace vesk::controller {
 
-/// Takes in a line "Created upstream endpoint: label 0xHEX/DECIMAL sockfds READ WRITE", or its form
-/// for a multiplexed flow: both descriptors are those of the label from here on. Leaves `flows` as
-/// it is where the line is damaged.
+/// Takes a line "Created upstream endpoint: label 0xHEX/DECIMAL sockfds READ WRITE", or its form
+/// for a multiplexed flow, and stores both descriptors under the label. A damaged line leaves
+/// `flows` unchanged.
 void noteCreatedEndpoint(std::string_view text, FlowDescriptors& flows);
 
 }  // namespace vesk::controller

@@ -9,7 +9,7 @@ namespace vesk::controller {
 
 namespace {
 
-/// Read and written at once; between the pieces everything else gets its turn.
+/// The most that one call reads or writes, so that other events are handled in between.
 constexpr std::size_t pieceSize = std::size_t{1} << 16U;
 
 }  // namespace
@@ -29,7 +29,7 @@ void ForwarderSession::send(const Command& command) {
 
 void ForwarderSession::sendFence() {
     if (!finishing_) {
-        expect({"", {}, "a fence"});
+        expect({"", {}, "a liveness check"});
     }
 }
 
@@ -65,7 +65,7 @@ void ForwarderSession::write() {
         } else if (errno == EAGAIN) {
             return;
         } else if (errno != EINTR) {
-            // The child has gone; its end is noticed by itself.
+            // The child has ended, which SIGCHLD reports.
             pending_.clear();
         }
     }

@@ -1,5 +1,5 @@
-// One life of the forwarder: commands in, events out, never waiting for either. The supervisor
-// starts one after the other and polls its descriptors.
+// One run of the forwarder: sends commands and returns events, without waiting. Called by
+// service/supervisor, which polls its descriptors and makes a new session for each run.
 #pragma once
 
 #include <chrono>
@@ -21,51 +21,51 @@ class ForwarderSession {
  public:
     using Clock = std::chrono::steady_clock;
 
-    /// Starts the program, with `variables` as ChildProcess takes them. Throws std::system_error
-    /// where it cannot be.
+    /// Starts the program, with `variables` as for ChildProcess. Throws std::system_error if that
+    /// fails.
     ForwarderSession(const std::string& program, const std::vector<std::string>& arguments,
                      const std::vector<std::string>& variables = {});
 
     ForwarderSession(const ForwarderSession&) = delete;
     ForwarderSession& operator=(const ForwarderSession&) = delete;
 
-    /// Queues a command; its outcome comes as an event.
+    /// Queues a command; read() returns its outcome as an event.
     void send(const Command& command);
 
-    /// Has the forwarder show that it lives, by a fence without a command before it.
+    /// Queues a fence without a command, which the forwarder answers if it does not hang.
     void sendFence();
 
-    /// Forgets what has not been written yet.
+    /// Discards what has not been written yet, apart from a line that was begun.
     void dropUnsent() { pending_.keepLineBegun(); }
 
-    /// Closes the child's input, which tells it to end, after the line that is being written.
+    /// Closes the child's input, after the line that is being written. That makes the child end.
     void finishInput();
 
-    /// Writes what the pipe takes.
+    /// Writes as much as the pipe takes.
     void write();
 
-    /// Reads what is there and tells what it means.
+    /// Reads a piece of the output and returns its events.
     std::vector<OutputEvent> read();
 
-    /// The wait status if the child has ended, once. What it wrote before can still be read.
+    /// The wait status if the child has ended, once. Its output can still be read.
     std::optional<int> reap() { return process_.reap(); }
 
     void signal(int number) const { process_.signal(number); }
 
-    /// Whether there is something to write; the descriptor to watch for it is input().
+    /// Whether input() must be polled for writing.
     bool wantsToWrite() const { return process_.input() != -1 && !pending_.empty(); }
     int input() const { return process_.input(); }
     int output() const { return process_.output(); }
     pid_t pid() const { return process_.pid(); }
 
-    /// Whether the child closed its output.
+    /// Whether the output has been read to its end.
     bool outputEnded() const { return outputEnded_; }
 
-    /// Commands whose outcome has not been read yet, and the one that the child is at.
+    /// The number of commands whose outcome has not been read yet, and the first of them.
     std::size_t unanswered() const { return ledger_.pending(); }
     const Command* current() const { return ledger_.current(); }
 
-    /// Since when it has been silent, and what that means now.
+    /// How long there has been no output, and what that means now.
     const AnswerWatch& watch() const { return watch_; }
     AnswerWatch::Verdict judge(Clock::duration patience);
 

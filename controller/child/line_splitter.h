@@ -1,4 +1,4 @@
-// Bytes in, whole lines out. Called by child/forwarder_session with what the child's pipe gives.
+// Splits a stream of bytes into lines. Called by child/forwarder_session with the child's output.
 #pragma once
 
 #include <cstddef>
@@ -10,14 +10,14 @@ namespace vesk::controller {
 
 class LineSplitter {
  public:
-    /// Longer than any line of the forwarder. What goes beyond it is left out: a child that never
-    /// ends its line does not get all the memory.
+    /// Longer than any line of the forwarder. The rest of a longer line is discarded, so that a
+    /// child that never ends its line cannot use all memory.
     static constexpr std::size_t longestLine = std::size_t{1} << 20U;
 
     /// The lines that are complete now, without their newlines.
     std::vector<std::string> feed(std::string_view bytes);
 
-    /// What stands behind the last newline; to be asked for at the end of the input.
+    /// The text after the last newline; to be called at the end of the input.
     std::string takeRest();
 
  private:

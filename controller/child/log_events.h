@@ -9,7 +9,7 @@
 
 namespace vesk::controller {
 
-/// What the line tells of, if it is counted.
+/// The event that the line reports, if it is a counted one.
 std::optional<LogEvent> eventOf(const LogLine& line);
 
 }  // namespace vesk::controller

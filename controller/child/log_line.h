@@ -1,5 +1,5 @@
-// A line of the forwarder's log, told apart by its level. Called for each line that it writes; the
-// levels are those of the controller's own log, too.
+// A line of the forwarder's log, split into level and text. Called by child/output_interpreter for
+// each line. The controller's own log has the same levels.
 #pragma once
 
 #include <string>
@@ -12,7 +12,7 @@ enum class LogLevel { none, error, warn, info, debug, trace };
 
 struct LogLine {
     LogLevel level = LogLevel::none;
-    std::string text;  ///< behind the level and its blank
+    std::string text;  ///< after the level and a blank
 };
 
 LogLine classify(std::string_view line);

@@ -6,7 +6,7 @@ namespace vesk::controller {
 
 namespace {
 
-/// With each report's question the forwarder repeats it, at its debug level.
+/// At debug level the forwarder repeats the command that asks for a report.
 bool isEchoOfQuestion(const LogLine& line) {
     return line.level == LogLevel::debug && line.text == "Got message: stats";
 }
@@ -28,7 +28,7 @@ OutputEvent OutputInterpreter::take(std::string_view line) {
         }
         return std::monostate();
     }
-    // An empty line ends some messages and says nothing.
+    // Some messages end with an empty line, which is not logged.
     if (line.empty() || isEchoOfQuestion(classified)) {
         return std::monostate();
     }

@@ -1,5 +1,5 @@
-// What each line of the forwarder's output is: the end of a command, a part of a report, or
-// something for the log. One for each child. Called by child/forwarder_session.
+// Interprets each line of the forwarder's output: the end of a command, a part of a report, or text
+// for the log. One for each child. Called by child/forwarder_session.
 #pragma once
 
 #include <string_view>
@@ -11,8 +11,8 @@
 
 namespace vesk::controller {
 
-/// At most one thing comes of a line: text for the log, with keys masked, the outcome of a command,
-/// or a report that is complete now.
+/// A line yields at most one of these: text for the log, with keys masked; the outcome of a
+/// command; or a report that is now complete.
 using OutputEvent = std::variant<std::monostate, LogLine, Outcome, Report>;
 
 class OutputInterpreter {

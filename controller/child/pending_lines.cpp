@@ -6,8 +6,8 @@ namespace vesk::controller {
 
 namespace {
 
-/// Written bytes are taken out in large pieces, so that a long backlog costs no more than its
-/// length.
+/// Written bytes are erased in large pieces, so that the cost of a long backlog is proportional to
+/// its length.
 constexpr std::size_t compactionSize = std::size_t{1} << 16U;
 
 }  // namespace
@@ -25,7 +25,7 @@ void PendingLines::drop(std::size_t count) {
     if (empty()) {
         clear();
     } else if (sent_ >= compactionSize && sent_ >= bytes_.size() / 2) {
-        // The last byte written stays: it tells whether a line was begun.
+        // The last byte written is kept: it shows whether a line was written in part.
         bytes_.erase(0, sent_ - 1);
         sent_ = 1;
     }

@@ -1,5 +1,5 @@
-// Lines on their way to a descriptor that does not always take them. Used for the child's input and
-// for the controller's own log.
+// Lines that wait to be written to a descriptor. Used by child/forwarder_session for the child's
+// input, and by service/log_output for the controller's log.
 #pragma once
 
 #include <cstddef>
@@ -16,7 +16,7 @@ class PendingLines {
     bool empty() const { return sent_ == bytes_.size(); }
     std::size_t size() const { return bytes_.size() - sent_; }
 
-    /// How many lines are still to be written, one that was begun included.
+    /// The number of lines still to be written, including one that was written in part.
     std::size_t count() const;
 
     /// The first bytes that are still to be written, at most `limit`.
@@ -24,11 +24,11 @@ class PendingLines {
         return std::string_view(bytes_).substr(sent_, limit);
     }
 
-    /// Notes that so many bytes of front() were written.
+    /// Records that `count` bytes of front() were written.
     void drop(std::size_t count);
 
-    /// Forgets all but the rest of a line that was written in part: half a command may mean
-    /// something else.
+    /// Discards everything except the rest of a line that was written in part: half a command may
+    /// have another meaning.
     void keepLineBegun();
 
     void clear();

@@ -1,6 +1,6 @@
-// How long to wait before a forwarder that ended by itself is started again: longer with each time
-// in a row, so that one which cannot live does not keep the machine busy. Called by
-// service/supervisor.
+// How long to wait before a forwarder that ended by itself is started again, or before another
+// failed attempt is repeated: longer each time in a row, so that repeated failures do not keep the
+// machine busy. Called by service/supervisor.
 #pragma once
 
 #include <chrono>
@@ -11,7 +11,8 @@ class RestartPause {
  public:
     RestartPause(std::chrono::milliseconds first, std::chrono::milliseconds greatest);
 
-    /// The pause after a forwarder that lived for so long. One that lived for a minute starts over.
+    /// The pause after a forwarder that ran for the time `lived`. A run of a minute or more resets
+    /// the pause to the first one.
     std::chrono::milliseconds after(std::chrono::steady_clock::duration lived);
 
  private:

@@ -12,7 +12,7 @@ namespace {
 
 constexpr std::array<std::string_view, 4> keyNames{"down_in_key", "down_out_key", "up_in_key",
                                                    "up_out_key"};
-/// As many subjects as a log line shows well.
+/// The maximum number of subjects in a log line.
 constexpr std::size_t handful = 5;
 
 constexpr std::string_view blanks = " \t\r";
@@ -43,7 +43,7 @@ std::string describe(const Command& command) {
 
 std::string listSubjects(const std::vector<Command>& commands) {
     std::string list;
-    // Names of flows may be the same where keys in them are masked.
+    // Names of flows may be equal after keys in them were masked.
     std::set<std::pair<std::string_view, std::uint32_t>> subjects;
     for (const Command& command : commands) {
         if (subjects.emplace(command.subject, command.label).second && subjects.size() <= handful) {

@@ -9,7 +9,7 @@ namespace vesk::controller {
 
 namespace {
 
-/// The attributes' names of one leg, which the forwarder derives from a common beginning.
+/// The attributes of one leg. Their names in the forwarder begin with a common prefix.
 void addLeg(Command& command, const Leg& leg, const std::string& prefix, const std::string& label) {
     auto& attributes = command.attributes;
     if (leg.label) {

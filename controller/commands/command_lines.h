@@ -1,5 +1,5 @@
-// What a configuration amounts to: the forwarder's arguments and environment, and the commands that
-// follow. Called by service/supervisor for each new child, and by main for --check.
+// Turns a configuration into the forwarder's arguments, environment and commands. Called by
+// service/ for each new child, and by main for --check.
 #pragma once
 
 #include <optional>
@@ -19,26 +19,26 @@ std::vector<std::string> programEnvironment(const ForwarderSettings& settings);
 Command logCommand(const std::string& level);
 Command startCommand(const HostPort& listen);
 
-/// The address that such a command names; none where it names none.
+/// The address in a start command; empty if the command has no address.
 std::optional<HostPort> addressOf(const Command& start);
 Command stopCommand();
 
-/// Leaves the address that the forwarder listens on, if any, and listens on this one.
+/// Closes the address that the forwarder listens on, if any, and listens on this one.
 std::vector<Command> listenCommands(const HostPort& listen);
 
 Command statsCommand();
 
-/// All attributes of the flow that are not the forwarder's defaults.
+/// Sets all attributes of the flow that differ from the forwarder's defaults.
 Command setCommand(const Flow& flow);
 Command delCommand(const Flow& flow);
 
 Command lateralPeerCommand(std::uint32_t index, const std::string& address);
 
-/// All peers, and the start of the stream.
+/// Adds all peers and starts the stream.
 std::vector<Command> lateralCommands(const Lateral& lateral);
 
-/// Everything that a new child has to be told. Flows come before the listeners: no datagram meets a
-/// port whose flows are not declared yet.
+/// All commands for a new child. Flows are declared before the listeners are started, so that no
+/// datagram arrives for a flow that is not declared yet.
 std::vector<Command> allCommands(const Configuration& configuration);
 
 }  // namespace vesk::controller

@@ -20,7 +20,7 @@ bool names(const Command& command, const std::string& attribute) {
                                [&](const auto& it) { return it.first == attribute; });
 }
 
-/// Whether `before` has an attribute that `after` has not: the forwarder would keep it.
+/// Whether `before` has an attribute that `after` does not have: the forwarder would keep it.
 bool losesAttribute(const Command& before, const Command& after) {
     return std::ranges::any_of(before.attributes,
                                [&](const auto& it) { return !names(after, it.first); });
@@ -30,7 +30,7 @@ std::uint16_t prefixOf(const Flow& flow) {
     return flow.auxiliary ? flow.auxiliary->prefix : std::uint16_t{0};
 }
 
-/// The commands for flows, kept apart: a prefix has to be free before its new owner claims it.
+/// The commands for flows in two groups: a prefix must be released before its new owner claims it.
 struct FlowCommands {
     std::vector<Command> removals;
     std::vector<Command> others;
@@ -50,8 +50,8 @@ void changeFlow(const Flow& before, const Flow& after, bool refused, FlowCommand
     commands.others.push_back(std::move(set));
 }
 
-/// The prefixes under which a datagram may have opened an auxiliary flow by the time that a new
-/// flow is declared.
+/// The prefixes under which a datagram may have created an auxiliary flow before a new flow is
+/// declared.
 std::set<std::uint32_t> openPrefixes(const Configuration& running, const Configuration& wanted) {
     std::set<std::uint32_t> prefixes;
     for (const Configuration* const configuration : {&running, &wanted}) {
@@ -63,7 +63,8 @@ std::set<std::uint32_t> openPrefixes(const Configuration& running, const Configu
     return prefixes;
 }
 
-/// An auxiliary flow that is declared would keep what it has of its owner, keys for instance.
+/// A label that exists as an auxiliary flow is deleted first: otherwise it would keep what it
+/// inherited from its owner, such as keys.
 void addFlow(const Flow& flow, const std::set<std::uint32_t>& openPrefixes,
              FlowCommands& commands) {
     if (openPrefixes.contains(flow.label >> 16U)) {
@@ -92,7 +93,7 @@ FlowCommands flowCommands(const Configuration& running, const Configuration& wan
     return commands;
 }
 
-/// Takes from `running` what the forwarder keeps until it is started again.
+/// Keeps from `running` what the forwarder cannot change before it is started again.
 void keepArguments(const Configuration& running, ConfigurationChanges& changes) {
     const ForwarderSettings& old = running.forwarder;
     ForwarderSettings& now = changes.after.forwarder;
@@ -115,8 +116,8 @@ bool samePlace(const Lateral& one, const Lateral& other) {
            one.instances == other.instances;
 }
 
-/// Peers that are new or have moved. One that is gone stays with the forwarder: it counts as
-/// waiting, and so `after` keeps it.
+/// Adds the commands for new and changed peers. A removed peer cannot be removed from the forwarder
+/// before its next start, so `after` keeps it.
 void changePeers(const Lateral& running, const Lateral& wanted, ConfigurationChanges& changes) {
     Lateral& after = changes.after.lateral.emplace(running);
     for (const auto& [index, address] : wanted.peers) {

@@ -1,5 +1,5 @@
-// What leads a running forwarder from one configuration to another, with everything that does not
-// change left alone. Called by service/supervisor at a reload.
+// Finds the commands that take a running forwarder from one configuration to another without
+// touching anything that does not change. Called by service/deployment at a reload.
 #pragma once
 
 #include <cstdint>
@@ -12,7 +12,7 @@
 
 namespace vesk::controller {
 
-/// What the forwarder did not take of the commands it was sent; a reload tries it again.
+/// What the forwarder refused; a reload tries it again.
 struct Refusals {
     std::set<std::uint32_t> flows;  ///< labels
     bool downstream = false;
@@ -21,13 +21,13 @@ struct Refusals {
 
 struct ConfigurationChanges {
     std::vector<Command> commands;
-    /// Keys of the file whose new values wait for the next start of the forwarder.
+    /// Keys of the file whose new values apply at the next start of the forwarder.
     std::vector<std::string> waiting;
-    /// What the forwarder has once it has carried the commands out.
+    /// The forwarder's configuration once it has carried out the commands.
     Configuration after;
 };
 
-/// `running` is what the forwarder was told so far, less what `refusals` says.
+/// `running` is what the forwarder was told; `refusals` are the parts of it that it refused.
 ConfigurationChanges changesBetween(const Configuration& running, const Configuration& wanted,
                                     const Refusals& refusals);
 

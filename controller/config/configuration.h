@@ -1,4 +1,4 @@
-// What the configuration file says, as values: defaults filled in, every value checked. Made by
+// The contents of the configuration file as checked values, with defaults for missing keys. Made by
 // config/configuration_reader, turned into command lines by commands/.
 #pragma once
 
@@ -17,19 +17,19 @@ struct HostPort {
     bool operator==(const HostPort&) const = default;
 };
 
-/// The lines of the file, from 1, that say where to listen.
+/// The lines of the file, from 1, with the address and port to listen on.
 struct ListenLines {
     std::uint32_t address = 0;
     std::uint32_t port = 0;
 };
 
-/// How one leg of a flow is signed. The digits are lower-case hex and never shown to anybody.
+/// How one leg of a flow is signed. The digits are lower-case hex and are never printed.
 struct Signature {
     std::string keyDigits;
     std::string algorithm;
 };
 
-/// One of a flow's four legs; label and DSCP occur on the two that leave the forwarder.
+/// One of a flow's four legs; only the two that leave the forwarder have a label and DSCP.
 struct Leg {
     std::optional<Signature> signature;
     std::optional<std::uint32_t> label;
@@ -43,7 +43,7 @@ struct AuxiliaryFlows {
 };
 
 struct Flow {
-    std::string name;  ///< as it is shown: a key in its place is masked
+    std::string name;  ///< for display: a key entered as a name is masked
     std::uint32_t label = 0;
     HostPort upstream;
     std::optional<HostPort> source;
@@ -56,7 +56,7 @@ struct Flow {
     std::optional<AuxiliaryFlows> auxiliary;
 };
 
-/// What the forwarder is started with, and its log level.
+/// The arguments and environment of the forwarder, and its log level.
 struct ForwarderSettings {
     std::optional<std::string> program;
     std::string framing = "udpv2";
@@ -71,7 +71,7 @@ struct Lateral {
     HostPort listen;
     std::uint32_t index = 0;
     std::uint32_t instances = 0;
-    std::map<std::uint32_t, std::string> peers;  ///< address of each index
+    std::map<std::uint32_t, std::string> peers;  ///< addresses by index
 };
 
 struct SupervisionSettings {
@@ -88,7 +88,7 @@ struct MetricsSettings {
     std::string address = "127.0.0.1";
     std::uint16_t port = 9477;
     bool perFlow = false;
-    bool required = false;  ///< ends where they cannot be served at the start
+    bool required = false;  ///< exit if they cannot be served at the start
     bool operator==(const MetricsSettings&) const = default;
 };
 
@@ -99,7 +99,7 @@ struct Configuration {
     std::optional<Lateral> lateral;
     SupervisionSettings supervision;
     MetricsSettings metrics;
-    std::map<std::uint32_t, Flow> flows;  ///< by label, which is all that the forwarder knows
+    std::map<std::uint32_t, Flow> flows;  ///< by label; the forwarder does not know names
 };
 
 }  // namespace vesk::controller

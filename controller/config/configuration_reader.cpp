@@ -46,8 +46,8 @@ ConfigurationReading parseConfiguration(std::string_view text, const std::filesy
         Configuration configuration = readRoot(root, keys);
         if (keys.firstInlineKey && readableByOthers && !rules.allowReadableKeys) {
             result.problems.push_back({*keys.firstInlineKey,
-                                       "a key stands here and others may read the file: chmod go-r "
-                                       "it, or give --allow-readable-keys"});
+                                       "the file contains a key and is readable by others: run "
+                                       "chmod go-r on it, or use --allow-readable-keys"});
         }
         sortByLine(result.problems);
         if (result.problems.empty()) {

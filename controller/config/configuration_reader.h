@@ -1,4 +1,4 @@
-// The configuration file as a whole. Called by main, and by service/supervisor for each reload.
+// Reads the whole configuration file. Called by main, and by service/supervisor for each reload.
 #pragma once
 
 #include <filesystem>
@@ -10,7 +10,7 @@
 
 namespace vesk::controller {
 
-/// Either the configuration, or all that keeps the file from being one.
+/// Either the configuration, or all problems of the file.
 struct ConfigurationReading {
     std::optional<Configuration> configuration;
     Problems problems;
@@ -23,8 +23,8 @@ struct ReadingRules {
 /// Reads the file and the key files that it names.
 ConfigurationReading readConfiguration(const std::filesystem::path& file, ReadingRules rules);
 
-/// The same for a text that was read already. Key files are looked for beside `file`;
-/// `readableByOthers` refuses keys in the text itself, unless the rules allow them.
+/// The same for a text that was read before. Relative key files are in the folder of `file`. If
+/// `readableByOthers`, keys in the text itself are refused unless the rules allow them.
 ConfigurationReading parseConfiguration(std::string_view text, const std::filesystem::path& file,
                                         bool readableByOthers, ReadingRules rules);
 

@@ -21,7 +21,7 @@ namespace {
 constexpr std::size_t mostExamples = 3;
 constexpr std::size_t leastKeyBytes = 16;
 
-/// Things of a kind: how many, and the names of the first ones.
+/// The findings of one kind: their number, and the names of the first few.
 class Findings {
  public:
     void add(std::string name) {
@@ -111,13 +111,13 @@ void warnOfMissingKeys(const Configuration& configuration, std::vector<std::stri
     if (open.any()) {
         warnings.push_back(open.counted("flow has", "flows have") + " no key, and " +
                            configuration.downstream.host +
-                           " is no loopback address, so that anybody who reaches it can send to "
+                           " is not a loopback address, so anyone who can reach it can send to "
                            "their upstream services: " +
                            open.examples());
     }
 }
 
-/// The places of each key. A key is one whatever it is used with.
+/// The legs that use each key, whatever the algorithm.
 std::map<std::string_view, std::vector<std::string>> usesOfKeys(
     const Configuration& configuration) {
     std::map<std::string_view, std::vector<std::string>> uses;
@@ -142,8 +142,8 @@ void warnOfSharedKeys(const Configuration& configuration, std::vector<std::strin
     }
     if (shared.any()) {
         warnings.push_back(shared.counted("key is", "keys are") +
-                           " used for several purposes or flows, so that a datagram of one is good "
-                           "for the other: " +
+                           " used for several legs or flows, so a datagram signed for one is also "
+                           "valid for the others: " +
                            shared.examples());
     }
 }
@@ -182,7 +182,7 @@ void warnOfForeignLabels(const Configuration& configuration, const Lateral& late
     }
     if (foreign.any()) {
         warnings.push_back(foreign.counted("label or prefix belongs", "labels or prefixes belong") +
-                           " to another instance of the lateral group, which gets their "
+                           " to another instance of the lateral group, which receives their "
                            "datagrams: " +
                            foreign.examples());
     }
@@ -205,8 +205,8 @@ void warnOfMissingPeers(const Lateral& lateral, std::vector<std::string>& warnin
     missing.addUnnamed(unnamed - named);
     warnings.push_back("lateral.peers names " + std::to_string(lateral.peers.size()) + " of the " +
                        std::to_string(others) +
-                       " other instances, and datagrams for labels of the others are dropped; "
-                       "missing: " +
+                       " other instances, and datagrams for labels of the missing ones are "
+                       "dropped; missing: " +
                        missing.examples());
 }
 
@@ -222,7 +222,7 @@ void warnOfReplacedSources(const Configuration& configuration, std::vector<std::
     }
     if (replaced.any()) {
         warnings.push_back(replaced.counted("flow has", "flows have") +
-                           " an IPv4 source, and without ipv4_source = \"arrival\" the kernel may "
+                           " an IPv4 source, but without ipv4_source = \"arrival\" the kernel may "
                            "send from another address: " +
                            replaced.examples());
     }
@@ -233,7 +233,7 @@ void warnOfReplacedSources(const Configuration& configuration, std::vector<std::
 std::vector<std::string> configurationWarnings(const Configuration& configuration) {
     std::vector<std::string> warnings;
     if (configuration.flows.empty()) {
-        warnings.emplace_back("there are no flows: all datagrams of peers will be dropped");
+        warnings.emplace_back("there are no flows: all datagrams from peers will be dropped");
     }
     warnOfMissingKeys(configuration, warnings);
     warnOfSharedKeys(configuration, warnings);

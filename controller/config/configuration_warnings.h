@@ -1,5 +1,5 @@
-// What is allowed in a configuration file and still looks like a mistake: each kind in one sentence
-// that names examples and says what comes of it. Called by main for --check.
+// Warnings about settings that are valid but look like mistakes: one sentence for each kind, with
+// examples and the consequence. Called by main for --check.
 #pragma once
 
 #include <string>
@@ -9,7 +9,7 @@
 
 namespace vesk::controller {
 
-/// No sentence holds a key; names that may be one are left out.
+/// No warning contains a key; names that may be keys are left out.
 std::vector<std::string> configurationWarnings(const Configuration& configuration);
 
 }  // namespace vesk::controller

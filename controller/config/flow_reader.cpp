@@ -30,14 +30,14 @@ std::optional<HostPort> readHostPort(TableReader& table, std::string_view key) {
     }
     std::optional<HostPort> address = parseHostPort(*text);
     if (!address) {
-        table.complain(key, R"(has to be a numeric address and a port, "127.0.0.1:5000" or )"
+        table.complain(key, R"(must be a numeric address and a port, "127.0.0.1:5000" or )"
                             R"("[::1]:5000")");
     }
     return address;
 }
 
 std::string readKeyOf(TableReader& leg, KeySources& keys) {
-    // Asked for in any case: a key of the leg that was not is reported as unknown.
+    // Read even if it is not used: a key that was not read is reported as unknown.
     const std::optional<std::string> file = leg.text("key_file");
     if (leg.has("key") && leg.has("key_file")) {
         leg.complain("key_file", "and key are mutually exclusive");
@@ -64,7 +64,7 @@ std::optional<Signature> readSignature(TableReader& leg, KeySources& keys) {
     std::string digits = readKeyOf(leg, keys);
     const std::optional<std::string> algorithm = leg.choice("algorithm", algorithms);
     if (algorithm && !leg.has("key") && !leg.has("key_file")) {
-        leg.complain("algorithm", "needs a key or key_file beside it");
+        leg.complain("algorithm", "requires key or key_file");
     }
     if (digits.empty()) {
         return std::nullopt;
@@ -109,17 +109,17 @@ bool sameFamily(const HostPort& one, const HostPort& other) {
     return isIPv6(one.host) == isIPv6(other.host);
 }
 
-/// A socket bound to the one family cannot send to the other.
+/// A socket bound to an address of one family cannot send to the other.
 void checkSource(TableReader& table, const Flow& flow) {
     if (!flow.source) {
         return;
     }
     if (!flow.upstream.host.empty() && !sameFamily(*flow.source, flow.upstream)) {
-        table.complain("source", "and upstream have to be of the same address family");
+        table.complain("source", "and upstream must have the same address family");
     }
     if (flow.auxiliary && flow.auxiliary->upstream &&
         !sameFamily(*flow.source, *flow.auxiliary->upstream)) {
-        table.complain("source", "and auxiliary.upstream have to be of the same address family");
+        table.complain("source", "and auxiliary.upstream must have the same address family");
     }
 }
 
@@ -143,7 +143,7 @@ Flow readFlow(TableReader& table, std::string name, KeySources& keys) {
     return flow;
 }
 
-/// Names are shown in log lines and metrics.
+/// Names appear in log lines and metrics.
 bool isPlainName(std::string_view name) {
     for (const char c : name) {
         if (static_cast<unsigned char>(c) < 0x20 || c == 0x7f) {
@@ -153,18 +153,21 @@ bool isPlainName(std::string_view name) {
     return !name.empty();
 }
 
-/// The place of the flow that has a number already, by number; 0 stands for one that could not be
-/// read.
-using Owners = std::map<std::uint32_t, std::string>;
+/// The numbers of one kind that are in use, and how to report one that is used twice.
+struct Owners {
+    std::string_view key;
+    std::string_view fault;                       ///< followed by the place of the first user
+    std::map<std::uint32_t, std::string> places;  ///< of the first users, by number
+};
 
-void claim(Owners& owners, std::uint32_t number, const std::string& place, TableReader& table,
-           std::string_view key) {
+/// Enters the number of the flow at `place`; 0 means a number that could not be read.
+void claim(Owners& owners, std::uint32_t number, const std::string& place, TableReader& table) {
     if (number == 0) {
         return;
     }
-    const auto [owner, added] = owners.emplace(number, place);
+    const auto [owner, added] = owners.places.emplace(number, place);
     if (!added) {
-        table.complain(key, "is that of " + owner->second + " too");
+        table.complain(owners.key, std::string(owners.fault) + owner->second);
     }
 }
 
@@ -172,21 +175,21 @@ void claim(Owners& owners, std::uint32_t number, const std::string& place, Table
 
 std::map<std::uint32_t, Flow> readFlows(TableReader& flows, KeySources& keys) {
     std::map<std::uint32_t, Flow> result;
-    Owners labels;
-    Owners prefixes;
+    Owners labels{"label", "is already used by ", {}};
+    Owners prefixes{"auxiliary", "has the same prefix as ", {}};
     for (const auto& [key, node] : flows.raw()) {
         std::optional<TableReader> table = flows.table(key.str());
         if (!isPlainName(key.str())) {
-            flows.complain(key.str(), "is no name: it is empty or has control characters");
+            flows.complain(key.str(), "is not a valid name: it is empty or has control characters");
         }
         if (!table) {
             continue;
         }
         Flow flow = readFlow(*table, maskKeyDigits(key.str()), keys);
         const std::string place = flows.placeOf(key.str());
-        claim(labels, flow.label, place, *table, "label");
+        claim(labels, flow.label, place, *table);
         if (flow.auxiliary) {
-            claim(prefixes, flow.auxiliary->prefix, place, *table, "auxiliary");
+            claim(prefixes, flow.auxiliary->prefix, place, *table);
         }
         result.try_emplace(flow.label, std::move(flow));
     }

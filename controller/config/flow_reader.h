@@ -1,4 +1,4 @@
-// The [flows.NAME] tables. Called by config/configuration_reader.
+// Reads the [flows.NAME] tables. Called by config/configuration_reader.
 #pragma once
 
 #include <cstdint>
@@ -11,14 +11,14 @@
 
 namespace vesk::controller {
 
-/// Where keys come from, and whether the configuration file itself turned out to hold one.
+/// How keys are read, and whether the configuration file itself contains one.
 struct KeySources {
-    std::filesystem::path folder;  ///< that relative key files start from
+    std::filesystem::path folder;  ///< of relative key files
     bool allowReadable = false;
     std::optional<std::uint32_t> firstInlineKey;  ///< its line
 };
 
-/// All flows by label. Labels and prefixes that occur twice are complained about.
+/// All flows by label. A label or prefix that occurs twice is reported as a problem.
 std::map<std::uint32_t, Flow> readFlows(TableReader& flows, KeySources& keys);
 
 }  // namespace vesk::controller

@@ -20,13 +20,13 @@ bool contains(std::string_view characters, char c) {
 /// Hex digits with nothing between them but separators.
 struct Run {
     std::size_t begin = 0;
-    std::size_t end = 0;  // behind the last digit
+    std::size_t end = 0;  // after the last digit
     std::size_t digits = 0;
 
     bool mayBeKey() const { return digits >= fewestDigits; }
 };
 
-/// The first run of the text; an empty one at its end where it has no digit.
+/// The first run of the text; an empty one at the end of a text without hex digits.
 Run firstRun(std::string_view text, std::string_view between) {
     Run run;
     run.begin = std::min(text.find_first_of(hexDigits), text.size());

@@ -33,7 +33,7 @@ KeyReading readKey(const std::string& text) {
         return {"", "the key is empty"};
     }
     if (text.find_first_not_of(keyDigits) != std::string::npos) {
-        return {"", "the key has a character that is no hex digit"};
+        return {"", "the key has a character that is not a hex digit"};
     }
     if (text.size() % 2 != 0) {
         return {"", "the key has an odd number of hex digits"};
@@ -47,12 +47,12 @@ KeyReading readKey(const std::string& text) {
 KeyReading readKeyFile(const std::filesystem::path& path, bool allowReadable) {
     const FileText file = readProtectedFile(path, maxKeyFile);
     if (!file.problem.empty()) {
-        // A path that leads nowhere may be a key that was taken for one.
+        // A path that does not exist may be a key that was entered as a path.
         const bool named = file.found || !mayHoldKey(path.string());
-        return {"", (named ? path.string() : "the file that it names") + " " + file.problem};
+        return {"", (named ? path.string() : "the file") + " " + file.problem};
     }
     if (file.readableByOthers && !allowReadable) {
-        return {"", path.string() + " may be read by others: chmod go-r it, or give " +
+        return {"", path.string() + " is readable by others: run chmod go-r on it, or use " +
                         "--allow-readable-keys"};
     }
     KeyReading key = readKey(withoutWhiteSpace(file.text));

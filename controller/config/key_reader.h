@@ -1,6 +1,6 @@
-// Keys, from the configuration file itself or from files of their own. What it says about a bad key
-// never shows a digit of it, nor a path that leads nowhere and may be a key in the wrong place.
-// Called by config/flow_reader.
+// Reads keys from the configuration file or from key files. A message about a bad key never
+// contains a digit of it, nor a path that does not exist and may itself be a key. Called by
+// config/flow_reader.
 #pragma once
 
 #include <filesystem>
@@ -8,7 +8,7 @@
 
 namespace vesk::controller {
 
-/// A key's digits, in lower case, or what is wrong with it.
+/// The digits of a key in lower case, or what is wrong with it.
 struct KeyReading {
     std::string digits;
     std::string problem;
@@ -17,7 +17,7 @@ struct KeyReading {
 /// 2 to 256 hex digits, an even number.
 KeyReading readKey(const std::string& text);
 
-/// The same from a file, white space left out. A file that others may read is refused unless
+/// The same from a file; white space is ignored. A file that others can read is refused unless
 /// `allowReadable`.
 KeyReading readKeyFile(const std::filesystem::path& path, bool allowReadable);
 

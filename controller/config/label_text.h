@@ -1,4 +1,4 @@
-// How labels are written: in hex in commands, metrics and messages alike, as most files have them.
+// Formats labels: in hex in commands, metrics and messages, as in most configuration files.
 // Called by commands/command_lines and metrics/exposition. Any thread.
 #pragma once
 
@@ -16,7 +16,7 @@ inline std::string labelText(std::uint32_t label) {
     return "0x" + std::string(digits.begin(), end);
 }
 
-/// "0x10001/65537": some of the forwarder's messages have the decimal number alone.
+/// "0x10001/65537": some messages of the forwarder contain only the decimal number.
 inline std::string labelInBothForms(std::uint32_t label) {
     return labelText(label) + "/" + std::to_string(label);
 }

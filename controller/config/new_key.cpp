@@ -20,7 +20,7 @@ namespace {
 constexpr std::size_t keyBytes = 32;
 constexpr mode_t ownerOnly = S_IRUSR | S_IWUSR;
 
-/// Whether all of it was written; errno says why not.
+/// Whether all of it was written; sets errno if not.
 bool writeAll(int fd, const std::string& text) {
     const ssize_t written = write(fd, text.data(), text.size());
     if (written >= 0 && static_cast<std::size_t>(written) < text.size()) {
@@ -35,7 +35,7 @@ bool writeAll(int fd, const std::string& text) {
 std::string newKeyLine() {
     constexpr std::string_view lowerCaseDigits = "0123456789abcdef";
     std::array<unsigned char, keyBytes> bytes{};
-    // Requests of this size are neither interrupted nor cut.
+    // getrandom(2) never returns fewer bytes for a request of this size.
     if (getrandom(bytes.data(), bytes.size(), 0) != static_cast<ssize_t>(bytes.size())) {
         throw std::system_error(errno, std::generic_category(), "no random bytes for a key");
     }
@@ -52,9 +52,9 @@ std::string writeNewKey(const std::filesystem::path& path) {
     const std::string line = newKeyLine();
     const UniqueFd file(open(path.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, ownerOnly));
     if (!file) {
-        return name + " cannot be made: " + errorText(errno);
+        return name + " cannot be created: " + errorText(errno);
     }
-    // The umask may have taken bits away.
+    // The umask may have cleared bits.
     if (fchmod(file.get(), ownerOnly) != 0 || !writeAll(file.get(), line) ||
         fsync(file.get()) != 0) {
         const int error = errno;

@@ -1,4 +1,4 @@
-// New random keys, for operators to put into files. Called by main for --new-key.
+// Makes random keys for operators. Called by main for --new-key.
 #pragma once
 
 #include <filesystem>
@@ -6,12 +6,12 @@
 
 namespace vesk::controller {
 
-/// 32 random bytes as hex digits, and a line feed. Throws std::system_error where the kernel has no
-/// random bytes to give.
+/// 32 random bytes as hex digits, and a newline. Throws std::system_error if the kernel returns no
+/// random bytes.
 std::string newKeyLine();
 
-/// Makes the file, which only its owner may read, with a new key in it. A file of that name is left
-/// as it is. Returns what was wrong; empty where nothing was.
+/// Creates the file, readable only by its owner, with a new key in it. An existing file is not
+/// changed. Returns the problem; empty on success.
 std::string writeNewKey(const std::filesystem::path& path);
 
 }  // namespace vesk::controller

@@ -38,7 +38,7 @@ std::optional<std::uint16_t> parsePort(std::string_view text) {
     return port;
 }
 
-/// Whether all of the text, which a NUL could cut short, is an address.
+/// Whether the whole text is an address. inet_pton(3) reads only up to a NUL, so that is refused.
 bool isAddress(int family, const std::string& host) {
     in6_addr room{};
     return host.find('\0') == std::string::npos && inet_pton(family, host.c_str(), &room) == 1;

@@ -1,5 +1,5 @@
-// Addresses as the configuration file writes them. Host names are not taken: the forwarder ends on
-// one that it cannot resolve. Any thread.
+// Parses addresses of the configuration file. Host names are not accepted: the forwarder ends if it
+// cannot resolve one. Any thread.
 #pragma once
 
 #include <optional>
@@ -14,7 +14,7 @@ bool isIPv4(const std::string& host);
 bool isIPv6(const std::string& host);
 bool isNumericHost(const std::string& host);
 
-/// "127.0.0.1:5000" or "[::1]:5000"; none where the text is anything else.
+/// "127.0.0.1:5000" or "[::1]:5000"; none for any other text.
 std::optional<HostPort> parseHostPort(std::string_view text);
 
 }  // namespace vesk::controller

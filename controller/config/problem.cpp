@@ -6,7 +6,7 @@ namespace vesk::controller {
 
 std::string describe(const Problem& problem, const std::string& file) {
     const std::string line = problem.line == 0 ? "" : ":" + std::to_string(problem.line);
-    // Each by itself: the line's number is no part of a key.
+    // Masked separately, so that the line number is not counted as digits of a key.
     return maskKeyDigits(file) + line + ": " + maskKeyDigits(problem.text);
 }
 

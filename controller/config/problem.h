@@ -1,5 +1,5 @@
-// What is wrong with a configuration file. Filled by everything that reads a part of it, so that
-// all mistakes are reported at once; printed by main and at a reload.
+// The problems of a configuration file. The readers in config/ add to one list, so that all
+// problems are reported at once; main and service/supervisor print it.
 #pragma once
 
 #include <cstdint>
@@ -9,13 +9,13 @@
 namespace vesk::controller {
 
 struct Problem {
-    std::uint32_t line = 0;  ///< from 1; 0 where no line is to blame
+    std::uint32_t line = 0;  ///< from 1; 0 if no line is the cause
     std::string text;        ///< names the place, never a key
 };
 
 using Problems = std::vector<Problem>;
 
-/// "FILE:LINE: text", or "FILE: text", with keys in the wrong place masked.
+/// "FILE:LINE: text", or "FILE: text", with keys masked.
 std::string describe(const Problem& problem, const std::string& file);
 
 }  // namespace vesk::controller

@@ -22,7 +22,7 @@ FileText refuse(std::string problem, bool found = true) {
 }  // namespace
 
 FileText readProtectedFile(const std::filesystem::path& path, std::size_t limit) {
-    // Without O_NONBLOCK the open of a named pipe would wait for its writer.
+    // Without O_NONBLOCK, opening a named pipe would wait for its writer.
     const UniqueFd file(open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NOCTTY | O_NONBLOCK));
     if (!file) {
         return refuse("cannot be read: " + errorText(errno), false);

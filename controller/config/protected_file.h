@@ -1,5 +1,5 @@
-// Files that may hold keys: what is in them, and whether more people than their owner can see it.
-// Called by config/configuration_reader and config/key_reader.
+// Reads files that may contain keys, and finds out whether users other than the owner can read
+// them. Called by config/configuration_reader and config/key_reader.
 #pragma once
 
 #include <cstddef>
@@ -10,13 +10,13 @@ namespace vesk::controller {
 
 struct FileText {
     std::string text;
-    bool readableByOthers = false;  ///< by its group or by everybody
-    std::string problem;            ///< why it could not be read; empty where it could
-    bool found = false;             ///< whether there was something to open
+    bool readableByOthers = false;  ///< by its group or by all users
+    std::string problem;            ///< why it could not be read; empty on success
+    bool found = false;             ///< whether the path could be opened
 };
 
-/// The whole of a regular file of at most `limit` bytes. Permissions and content are those of one
-/// open file, whatever happens to its name meanwhile.
+/// Reads the whole of a regular file of at most `limit` bytes. Permissions and content belong to
+/// the same file, even if it is renamed or replaced meanwhile.
 FileText readProtectedFile(const std::filesystem::path& path, std::size_t limit);
 
 }  // namespace vesk::controller

@@ -15,7 +15,7 @@ constexpr std::array<std::string_view, 5> logLevels{"error", "warn", "info", "de
 
 constexpr std::int64_t greatestPort = 65535;
 constexpr std::int64_t greatestNumber = std::numeric_limits<std::uint32_t>::max();
-/// In nanoseconds it still fits 64 bits.
+/// The greatest number of seconds that fits 64 bits in nanoseconds.
 constexpr std::int64_t greatestInterval = 9223372036;
 constexpr std::int64_t dayInSeconds = 86400;
 constexpr std::int64_t dayInMilliseconds = dayInSeconds * 1000;
@@ -23,7 +23,7 @@ constexpr std::int64_t dayInMilliseconds = dayInSeconds * 1000;
 std::string readAddress(TableReader& table, std::string_view key) {
     const std::optional<std::string> address = table.text(key);
     if (address && !isNumericHost(*address)) {
-        table.complain(key, "has to be a numeric address");
+        table.complain(key, "must be a numeric address");
     }
     return address.value_or("");
 }
@@ -50,13 +50,13 @@ void readPeer(TableReader& peer, Lateral& lateral) {
     std::string address = readAddress(peer, "address");
     peer.refuseUnknown();
     if (peer.has("index") && index >= lateral.instances && lateral.instances != 0) {
-        peer.complain("index", "has to be below the number of instances");
+        peer.complain("index", "must be below the number of instances");
     }
     if (peer.has("index") && index == lateral.index) {
-        peer.complain("index", "is that of this instance itself");
+        peer.complain("index", "is the index of this instance");
     }
     if (!lateral.peers.emplace(index, std::move(address)).second) {
-        peer.complain("index", "occurs twice");
+        peer.complain("index", "is used twice");
     }
 }
 
@@ -69,14 +69,15 @@ void readPeers(TableReader& table, Lateral& lateral) {
         return;
     }
     if (peers->empty()) {
-        table.complain("peers", "is empty: the stream does not start without a peer");
+        table.complain("peers", "is empty: the lateral stream needs at least one peer");
     }
     for (const toml::node& node : *peers) {
         if (const toml::table* const entry = node.as_table()) {
             TableReader peer(*entry, table.placeOf("peers"), table.problems());
             readPeer(peer, lateral);
         } else {
-            table.complain("peers", "has to hold tables, { index = 1, address = \"192.0.2.1\" }");
+            table.complain("peers",
+                           "must contain tables like { index = 1, address = \"192.0.2.1\" }");
         }
     }
 }
@@ -101,7 +102,7 @@ ForwarderSettings readForwarder(TableReader& root, const std::filesystem::path& 
         const bool path = program->find('/') != std::string::npos;
         settings.program = path ? (folder / *program).string() : *program;
         if (program->empty() || program->find('\0') != std::string::npos) {
-            table->complain("program", "has to be a path");
+            table->complain("program", "must be a path");
         }
     }
     settings.framing = table->choice("framing", framings).value_or(settings.framing);
@@ -136,12 +137,12 @@ std::optional<Lateral> readLateral(TableReader& root, const HostPort& downstream
     Lateral lateral;
     lateral.listen = readListen(*table);
     if (lateral.listen == downstream && downstream.port != 0) {
-        table->complain("port", "is that of downstream too, on the same address");
+        table->complain("port", "is the same as downstream.port, on the same address");
     }
     lateral.instances = readNumber(*table, "instances", 1, greatestNumber);
     lateral.index = readNumber(*table, "index", 0, greatestNumber);
     if (table->has("index") && lateral.instances != 0 && lateral.index >= lateral.instances) {
-        table->complain("index", "has to be below the number of instances");
+        table->complain("index", "must be below the number of instances");
     }
     readPeers(*table, lateral);
     table->refuseUnknown();

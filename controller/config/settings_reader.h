@@ -1,5 +1,5 @@
-// The tables of the configuration file other than the flows. Each reader takes the file's root and
-// returns defaults where its table is missing. Called by config/configuration_reader.
+// Reads the tables of the configuration file other than the flows. Each reader takes the file's
+// root and returns defaults if its table is missing. Called by config/configuration_reader.
 #pragma once
 
 #include <filesystem>
@@ -10,7 +10,7 @@
 
 namespace vesk::controller {
 
-/// A program with a slash in it is looked for from `folder` on, one without by PATH.
+/// A program with a slash is relative to `folder`; one without is searched for in PATH.
 ForwarderSettings readForwarder(TableReader& root, const std::filesystem::path& folder);
 
 HostPort readDownstream(TableReader& root, ListenLines& lines);

@@ -17,41 +17,39 @@ constexpr std::string_view lineBlanks = " \t\r";
 constexpr std::string_view bareKeyCharacters =
     "abcdefghijklmnopqrstuvwxyzABCDEFGHIJKLMNOPQRSTUVWXYZ0123456789-_.";
 
-/// What the parser says is told by two pieces of its description: what it was reading, and why it
-/// stopped there.
+/// Two parts of the parser's description, what it was reading and why it stopped, and our message
+/// for them.
 struct Meaning {
     std::string_view reading;
     std::string_view reason;
     std::string_view words;
 };
 
-constexpr std::string_view noValue =
-    "the value is neither a number, nor true or false, nor a text in quotes";
+constexpr std::string_view noValue = "the value is not a number, true, false or a string in quotes";
 
-/// The first that fits counts.
+/// The first match counts.
 constexpr std::array<Meaning, 27> meanings{{
     {"key-value pair", "cannot redefine", "the key is given twice"},
-    {"key-value pair", "expected '='", R"("=" is missing behind the key)"},
+    {"key-value pair", "expected '='", R"("=" is missing after the key)"},
     {"key-value pair", "expected value", "the value is missing"},
-    {"key-value pair", "", "something follows the value on its line"},
+    {"key-value pair", "", "there is text after the value"},
     {"string", "escape sequence",
-     "a backslash begins no known escape; a backslash itself is written twice"},
-    {"string", "", "the text has no closing quote"},
-    {"unicode scalar", "",
-     "a backslash begins no known escape; a backslash itself is written twice"},
-    {"table header", "expected ']'", R"("]" is missing behind the name of the table)"},
+     "the escape sequence is unknown; write a backslash as two backslashes"},
+    {"string", "", "the string has no closing quote"},
+    {"unicode scalar", "", "the escape sequence is unknown; write a backslash as two backslashes"},
+    {"table header", "expected ']'", R"("]" is missing after the name of the table)"},
     {"table header", "blank", "the table has no name"},
-    {"table header", "", "something follows the name of the table on its line"},
+    {"table header", "", "there is text after the name of the table"},
     {"inline table", R"(saw '\n')", "the table in braces is not closed on its line"},
     {"inline table", "end-of-file", "the table in braces is not closed on its line"},
-    {"inline table", "dangling comma", "a comma stands before the closing brace"},
+    {"inline table", "dangling comma", "there is a comma before the closing brace"},
     {"inline table", "expected comma", "a comma is missing"},
     {"inline table", "", "a key is missing in the table in braces"},
     {"array", "expected value", "a value is missing in the array"},
     {"array", "", R"(the array is not closed by "]", or a comma is missing in it)"},
-    {"parsing key:", "", "a name is empty, or has characters that need quotes"},
+    {"parsing key:", "", "a name is empty or has characters that need quotes"},
     {"integer", "leading zeroes", "a number begins with 0"},
-    {"integer", "64 bits", "the number is too large; a key is written in quotes"},
+    {"integer", "64 bits", "the number is too large; a key must be in quotes"},
     {"integer", "", noValue},
     {"parsing value", "", noValue},
     {"boolean", "", noValue},
@@ -103,7 +101,7 @@ std::optional<std::string_view> tableNamedBy(std::string_view line) {
     return trimmed(line.substr(0, line.find(']')));
 }
 
-/// Follows a line up to some column and knows which key its end belongs to.
+/// Reads the beginning of a line and finds the key to which its end belongs.
 class KeyPath {
  public:
     explicit KeyPath(std::string_view begin) {
@@ -116,7 +114,7 @@ class KeyPath {
         }
     }
 
-    /// "from_peer.key"; "" where there is none.
+    /// "from_peer.key"; "" if there is none.
     std::string text() const {
         std::string path;
         for (const std::string& key : outer_) {
@@ -161,7 +159,7 @@ class KeyPath {
     bool inValue_ = false;
 };
 
-/// The line without its texts in quotes: values, which may be keys in their proper place.
+/// The line without its strings in quotes: these are values, among which keys are allowed.
 std::string withoutQuotedTexts(std::string_view line) {
     std::string rest;
     while (!line.empty()) {
@@ -174,7 +172,8 @@ std::string withoutQuotedTexts(std::string_view line) {
     return rest;
 }
 
-/// "table flows.alice, key from_peer.key, column 23", as far as there are any.
+/// "table flows.alice, key from_peer.key, column 23"; a table or key that does not exist is left
+/// out.
 std::string placeOf(const std::vector<std::string_view>& lines, std::size_t column) {
     std::string place;
     for (auto line = lines.rbegin() + 1; line < lines.rend() && place.empty(); ++line) {
@@ -184,7 +183,7 @@ std::string placeOf(const std::vector<std::string_view>& lines, std::size_t colu
     }
     if (!tableNamedBy(lines.back())) {
         const std::string key = KeyPath(lines.back().substr(0, column - 1)).text();
-        // The name may be the first piece of a key whose digits are grouped.
+        // The name may be the first group of digits of a key.
         const bool mayBePiece = mayHoldKey(withoutQuotedTexts(lines.back()));
         const std::string shown = mayBePiece ? "..." : shownName(key);
         place += key.empty() ? "" : "key " + shown + ", ";
@@ -192,20 +191,20 @@ std::string placeOf(const std::vector<std::string_view>& lines, std::size_t colu
     return place + "column " + std::to_string(column);
 }
 
-/// What to say of a table's second header, which is the last line.
+/// The message for the second header of a table, which is the last line.
 std::string describeRedefinition(const std::vector<std::string_view>& lines,
                                  std::string_view description) {
     const std::string_view name = tableNamedBy(lines.back()).value_or("");
     const std::string table = "table " + shownName(name);
     if (!contains(description, "existing table")) {
-        return table + " has the name of something else";
+        return table + " has the name of another key";
     }
     const auto first = std::find_if(lines.begin(), lines.end() - 1, [&](std::string_view line) {
         return tableNamedBy(line) == name;
     });
     const bool found = first != lines.end() - 1;
     return table + " is defined twice" +
-           (found ? ", first in line " + std::to_string(first - lines.begin() + 1) : "");
+           (found ? ", first on line " + std::to_string(first - lines.begin() + 1) : "");
 }
 
 }  // namespace

@@ -1,6 +1,6 @@
-// What to say of a file that is not TOML: the table, the key and the column, and in words what is
-// wrong there. The parser's own description quotes the file, keys included, so that none of it is
-// repeated. Called by config/configuration_reader.
+// Describes a syntax error of a TOML file: the table, the key, the column and the cause. The
+// parser's own description quotes the file, including keys, so it is not repeated. Called by
+// config/configuration_reader.
 #pragma once
 
 #include <toml++/toml.h>

@@ -9,8 +9,8 @@ namespace vesk::controller {
 
 namespace {
 
-/// Names may be quoted and hold anything, a key too; a complaint stays one line that says what it
-/// is about.
+/// A quoted name may contain any character, and even a key. The result has no key and no line
+/// break.
 std::string printable(std::string_view name) {
     std::string result = maskKeyDigits(name);
     std::replace_if(
@@ -58,7 +58,7 @@ std::optional<std::int64_t> TableReader::integer(std::string_view key, std::int6
     }
     const toml::value<std::int64_t>* const value = node->as_integer();
     if (value == nullptr || value->get() < least || value->get() > greatest) {
-        complain(key, "has to be a whole number from " + std::to_string(least) + " to " +
+        complain(key, "must be an integer from " + std::to_string(least) + " to " +
                           std::to_string(greatest));
         return std::nullopt;
     }
@@ -72,7 +72,7 @@ std::optional<bool> TableReader::boolean(std::string_view key) {
     }
     const toml::value<bool>* const value = node->as_boolean();
     if (value == nullptr) {
-        complain(key, "has to be true or false");
+        complain(key, "must be true or false");
         return std::nullopt;
     }
     return value->get();
@@ -85,7 +85,7 @@ std::optional<std::string> TableReader::text(std::string_view key) {
     }
     const toml::value<std::string>* const value = node->as_string();
     if (value == nullptr) {
-        complain(key, "has to be a text in quotes");
+        complain(key, "must be a string in quotes");
         return std::nullopt;
     }
     return value->get();
@@ -101,7 +101,7 @@ std::optional<std::string> TableReader::choice(std::string_view key,
     for (const std::string_view it : choices) {
         list.append(list.empty() ? "\"" : ", \"").append(it).append("\"");
     }
-    complain(key, "has to be one of " + list);
+    complain(key, "must be one of " + list);
     return std::nullopt;
 }
 
@@ -112,7 +112,7 @@ std::optional<TableReader> TableReader::table(std::string_view key) {
     }
     const toml::table* const value = node->as_table();
     if (value == nullptr) {
-        complain(key, "has to be a table");
+        complain(key, "must be a table");
         return std::nullopt;
     }
     return TableReader(*value, placeOf(key), *problems_);
@@ -125,7 +125,7 @@ const toml::array* TableReader::array(std::string_view key) {
     }
     const toml::array* const value = node->as_array();
     if (value == nullptr) {
-        complain(key, "has to be an array");
+        complain(key, "must be an array");
     }
     return value;
 }
@@ -133,7 +133,8 @@ const toml::array* TableReader::array(std::string_view key) {
 void TableReader::refuseUnknown() {
     for (const auto& [key, node] : table_) {
         if (!known_.contains(key.str())) {
-            problems_->push_back({node.source().begin.line, placeOf(key.str()) + " is not known"});
+            problems_->push_back(
+                {node.source().begin.line, placeOf(key.str()) + " is not a known key"});
         }
     }
 }

@@ -1,5 +1,5 @@
-// One TOML table, read key by key: types and ranges are checked, whatever was not asked for is
-// reported at the end, and every problem names its place. Called by the readers in config/.
+// Reads one TOML table key by key: checks types and ranges, reports keys that were not read as
+// unknown, and names the place of each problem. Called by the readers in config/.
 #pragma once
 
 #include <toml++/toml.h>
@@ -15,11 +15,11 @@
 
 namespace vesk::controller {
 
-/// Each getter returns nothing where the key is missing, or, after a complaint, where its value
-/// is not usable. Table and problems have to outlive the reader.
+/// Each getter returns nothing if the key is missing, or if its value is not usable; then it also
+/// adds a problem. Table and problems must outlive the reader.
 class TableReader {
  public:
-    /// `place` is the table's name in complaints, "" for the file's root.
+    /// `place` is the table's name in problems, "" for the file's root.
     TableReader(const toml::table& table, std::string place, Problems& problems);
 
     bool has(std::string_view key) const { return table_.contains(key); }
@@ -33,16 +33,16 @@ class TableReader {
     std::optional<TableReader> table(std::string_view key);
     const toml::array* array(std::string_view key);
 
-    /// Complains where the key is missing.
+    /// Adds a problem if the key is missing.
     bool require(std::string_view key);
 
-    /// Complains about the value of a key, or about the table where the key is not in it.
+    /// Adds a problem about the value of a key; on the line of the table if the key is not in it.
     void complain(std::string_view key, std::string_view text);
 
-    /// To be called when all keys were asked for: complains about all others.
+    /// To be called when all known keys have been read: adds a problem for each other key.
     void refuseUnknown();
 
-    /// Line of a key's value, or of the table where the key is not in it.
+    /// The line of a key's value, or of the table if the key is not in it.
     std::uint32_t lineOf(std::string_view key) const;
 
     std::string placeOf(std::string_view key) const;

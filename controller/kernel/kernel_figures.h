@@ -1,5 +1,5 @@
-// What the kernel knows of the forwarder's sockets and of the host, as plain figures: made by
-// kernel/kernel_reader, shown by metrics/kernel_exposition. What could not be read is missing.
+// Figures of the kernel about the forwarder's sockets and the host: made by kernel/kernel_reader,
+// published by metrics/kernel_exposition. A figure that could not be read is empty.
 #pragma once
 
 #include <array>
@@ -11,11 +11,11 @@
 
 namespace vesk::controller {
 
-/// Whom a socket of the forwarder talks to.
+/// The counterpart of a socket of the forwarder.
 enum class Side { downstream, lateral, upstream };
 inline constexpr std::size_t sides = 3;
 
-/// One socket, or several of a side added up.
+/// One socket, or the sum of several of a side.
 struct SocketFigures {
     std::uint64_t sockets = 0;
     std::uint64_t receiveQueue = 0;  ///< bytes of buffer in use
@@ -24,7 +24,7 @@ struct SocketFigures {
     bool operator==(const SocketFigures&) const = default;
 };
 
-/// How much of a limited thing is in use, and how much is left.
+/// How much of a limited resource is in use, and how much is left.
 struct Room {
     std::uint64_t used = 0;
     std::uint64_t left = 0;
@@ -40,7 +40,7 @@ struct BufferErrors {
     bool operator==(const BufferErrors&) const = default;
 };
 
-/// Tracked connections, and how many there may be.
+/// Tracked connections, and their limit.
 struct Conntrack {
     std::uint64_t entries = 0;
     std::uint64_t limit = 0;
@@ -54,7 +54,7 @@ using FlowDescriptors = std::unordered_map<int, std::uint32_t>;
 /// The socket of one flow.
 struct FlowSocket {
     SocketFigures present;
-    std::uint64_t newDrops = 0;  ///< datagrams, since the reading before
+    std::uint64_t newDrops = 0;  ///< datagrams, since the previous reading
 
     bool operator==(const FlowSocket&) const = default;
 };
@@ -62,11 +62,11 @@ struct FlowSocket {
 struct KernelFigures {
     std::optional<std::array<SocketFigures, sides>> sockets;
     std::array<std::uint64_t, sides> drops{};  ///< datagrams, since the controller started
-    /// By label; none where it is not known which socket is whose.
+    /// By label; none if it is not known which socket belongs to which flow.
     std::optional<std::map<std::uint32_t, FlowSocket>> flows;
     std::optional<Room> ports;  ///< ephemeral ones
     std::optional<Room> descriptors;
-    std::optional<Conntrack> conntrack;  ///< none where the module is not loaded
+    std::optional<Conntrack> conntrack;  ///< none if the module is not loaded
     std::optional<BufferErrors> ipv4;
     std::optional<BufferErrors> ipv6;
 };

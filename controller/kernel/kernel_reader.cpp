@@ -25,10 +25,10 @@ namespace {
 
 struct Descriptors {
     std::uint64_t count = 0;
-    std::vector<OwnSocket> sockets;  ///< those among them, by inode, each once
+    std::vector<OwnSocket> sockets;  ///< those that are sockets, by inode, each once
 };
 
-/// The whole text; none where it cannot be read.
+/// The whole text; none if it cannot be read.
 std::optional<std::string> readText(const std::string& path) {
     const UniqueFd file(open(path.c_str(), O_RDONLY | O_CLOEXEC));
     if (!file) {
@@ -85,7 +85,7 @@ std::optional<Descriptors> readDescriptors(const std::string& path, const FlowDe
     for (; !error && entry != std::filesystem::directory_iterator(); entry.increment(error)) {
         const ssize_t size = readlink(entry->path().c_str(), link.data(), link.size());
         if (size < 0) {
-            continue;  // closed meanwhile
+            continue;  // closed in the meantime
         }
         ++found.count;
         if (const auto inode = socketInode({link.data(), static_cast<std::size_t>(size)})) {

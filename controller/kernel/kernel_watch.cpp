@@ -20,7 +20,7 @@ void KernelWatch::look(KernelTarget target, Publish publish) {
                                   readAndPublish(target, publish);
                               });
     } catch (const std::system_error&) {
-        // No thread can be had now. The next report asks again.
+        // No thread can be started now. The next report starts another attempt.
     }
 }
 

@@ -1,6 +1,6 @@
-// Reads the kernel's figures beside the controller's loop, which must not wait for them: with
-// thousands of sockets that takes a good part of a second. Called by service/supervisor, from its
-// one thread.
+// Reads the kernel's figures in a thread of its own, because a reading with thousands of sockets
+// takes a good part of a second and the controller's loop must not wait that long. Called by
+// service/supervisor, from its one thread.
 #pragma once
 
 #include <chrono>
@@ -20,15 +20,15 @@ class KernelWatch {
  public:
     using Publish = std::function<void(const KernelFigures&)>;
 
-    /// `root` is where the proc file system is mounted.
+    /// `root` is the mount point of the proc file system.
     explicit KernelWatch(std::string root = "/proc") : reader_(std::move(root)) {}
 
-    /// Starts a reading, unless one is still going on, or the last one took so long that a further
-    /// one now would use more than a fiftieth of a processor. `publish` is called with its figures
+    /// Starts a reading, unless one is still in progress, or the last one ended so recently that
+    /// readings would use more than a fiftieth of a processor. `publish` is called with the figures
     /// from a thread of the watch, at the latest when the watch is destroyed.
     void look(KernelTarget target, Publish publish);
 
-    /// What is to be warned of since the last call, if anything.
+    /// A warning that arose since the last call, if any.
     std::optional<std::string> takeWarning();
 
  private:
@@ -36,14 +36,14 @@ class KernelWatch {
 
     void readAndPublish(const KernelTarget& target, const Publish& publish);
 
-    // These belong to the reading while one is going on.
+    // Used only by the reading while one is in progress.
     KernelReader reader_;
     PortWarning portWarning_;
     Clock::time_point restsUntil_;
 
     Mutex mutex_;
     std::optional<std::string> warning_ VESK_GUARDED_BY(mutex_);
-    // Last: its end waits for the reading that uses the others.
+    // Last: its destructor waits for the reading, which uses the other members.
     std::future<void> reading_;
 };
 

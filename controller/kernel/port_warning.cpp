@@ -11,9 +11,10 @@ std::optional<std::string> PortWarning::check(const Room& ports) {
         return std::nullopt;
     }
     warned_ = true;
-    return "ephemeral ports run out: " + std::to_string(ports.left) + " of " + std::to_string(all) +
-           " are left; without one the datagrams of a flow that opens its socket are dropped; "
-           "widen net.ipv4.ip_local_port_range, or see who holds them with ss -uanp";
+    return "ephemeral ports are running out: " + std::to_string(ports.left) + " of " +
+           std::to_string(all) +
+           " are left; a flow that opens its socket when none is left drops its datagrams; "
+           "widen net.ipv4.ip_local_port_range, or list the users with ss -uanp";
 }
 
 }  // namespace vesk::controller

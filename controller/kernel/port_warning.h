@@ -1,5 +1,5 @@
-// Says that the ephemeral ports run out before they have. Called by kernel/kernel_watch, one thread
-// at a time.
+// Warns before the ephemeral ports are used up. Called by kernel/kernel_watch, one thread at a
+// time.
 #pragma once
 
 #include <optional>
@@ -11,8 +11,8 @@ namespace vesk::controller {
 
 class PortWarning {
  public:
-    /// The warning, when no more than a tenth of the ports is left; then none before a fifth has
-    /// been free again, so that a figure that moves to and fro does not fill the log.
+    /// The warning if no more than a tenth of the ports is left. The next warning comes only after
+    /// a fifth has been free again, so that a fluctuating figure does not fill the log.
     std::optional<std::string> check(const Room& ports);
 
  private:

@@ -1,4 +1,4 @@
-// The limit of descriptors in /proc/PID/limits. Called by kernel/kernel_reader; any thread.
+// Reads the limit on descriptors from /proc/PID/limits. Called by kernel/kernel_reader; any thread.
 #pragma once
 
 #include <cstdint>
@@ -7,8 +7,8 @@
 
 namespace vesk::controller {
 
-/// The soft limit of open files; none where the text has no such line or it is damaged.
-/// "unlimited" is the greatest number there is.
+/// The soft limit on open files; none if its line is missing or damaged. "unlimited" is the
+/// greatest number.
 std::optional<std::uint64_t> parseOpenFilesLimit(std::string_view text);
 
 }  // namespace vesk::controller

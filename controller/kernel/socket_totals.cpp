@@ -40,7 +40,7 @@ void SocketTotals::add(std::span<const UdpSocket> sockets, std::span<const OwnSo
     Drops now;
     for (const UdpSocket& socket : sockets) {
         const OwnSocket* const ours = find(own, socket.inode);
-        // While a table is read sockets come and go, and one may be in it twice.
+        // Sockets are opened and closed while the table is read, so one may be in it twice.
         if (ours == nullptr || !now.emplace(socket.inode, socket.drops).second) {
             continue;
         }
@@ -48,7 +48,7 @@ void SocketTotals::add(std::span<const UdpSocket> sockets, std::span<const OwnSo
         const auto place = static_cast<std::size_t>(side);
         const auto before = last_.find(socket.inode);
         const std::uint64_t known = before == last_.end() ? 0 : before->second;
-        // Fewer than before: another socket has got the number.
+        // Fewer than before: a new socket has the same inode.
         const std::uint64_t fresh = socket.drops < known ? socket.drops : socket.drops - known;
         accumulate(present_.at(place), socket);
         drops_.at(place) += fresh;

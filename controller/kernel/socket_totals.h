@@ -1,8 +1,9 @@
-// Adds up what the kernel says of each socket of the forwarder. One for the controller's life,
-// kept by kernel/kernel_reader; one thread at a time.
+// Adds up the kernel's figures for the sockets of the forwarder. kernel/kernel_reader keeps one for
+// the controller's whole life; one thread at a time.
 //
-// The kernel counts a socket's drops from its opening, and forgets them when it is closed. What is
-// published must never fall, so the increases are added up; a socket is known by its inode.
+// The kernel counts a socket's drops from its opening, and discards the count when it is closed. A
+// published counter must never fall, so the increases are added up. A socket is identified by its
+// inode.
 #pragma once
 
 #include <array>
@@ -17,8 +18,8 @@
 
 namespace vesk::controller {
 
-/// An address and port that the forwarder listens on, as the kernel's tables write them. The
-/// address is empty where it does not listen so.
+/// An address and port that the forwarder listens on, in the form of the kernel's tables. The
+/// address is empty if there is no such listener.
 struct Listener {
     std::string address;
     std::uint16_t port = 0;
@@ -32,24 +33,24 @@ struct Listeners {
 /// A socket of the forwarder.
 struct OwnSocket {
     std::uint64_t inode = 0;
-    std::uint32_t label = 0;  ///< of its flow; 0 where that is not known
+    std::uint32_t label = 0;  ///< of its flow; 0 if that is not known
 };
 
-/// Which of them the socket is; upstream where it is neither.
+/// The side of a socket; upstream if it is neither listener.
 Side sideOf(const UdpSocket& socket, const Listeners& listeners);
 
 class SocketTotals {
  public:
-    /// Takes in the host's UDP sockets. `own`: those of the forwarder, by ascending inode, each
+    /// Takes the host's UDP sockets. `own` are those of the forwarder, by ascending inode, each
     /// once.
     void add(std::span<const UdpSocket> sockets, std::span<const OwnSocket> own,
              const Listeners& listeners);
 
     /// The sockets of the last call, by side.
     const std::array<SocketFigures, sides>& present() const { return present_; }
-    /// Those upstream whose flow is known, by label.
+    /// Those of them on the upstream side whose flow is known, by label.
     const std::map<std::uint32_t, FlowSocket>& flows() const { return flows_; }
-    /// Their drops, and those of all sockets before, by side.
+    /// Their drops and those of all earlier sockets, by side.
     const std::array<std::uint64_t, sides>& drops() const { return drops_; }
 
  private:

@@ -1,5 +1,5 @@
-// Lines, words and numbers of the kernel's text files. Used by the parsers of this folder; any
-// thread.
+// Splits the kernel's text files into lines, words and numbers. Used by the parsers of this folder
+// and by child/flow_sockets; any thread.
 #pragma once
 
 #include <charconv>
@@ -9,14 +9,14 @@
 
 namespace vesk::controller {
 
-/// Takes the next line off the text, without its newline; empty at the end of the text.
+/// Removes the next line from the text and returns it without its newline; empty at the end.
 std::string_view takeLine(std::string_view& text);
 
-/// Takes the next word off the line. Words are separated by blanks, tabs and newlines; empty where
-/// there is none left.
+/// Removes the next word from the line and returns it; empty if none is left. Blanks, tabs and
+/// newlines separate words.
 std::string_view takeWord(std::string_view& line);
 
-/// The number that the whole word stands for; none where anything else is in it.
+/// The number in the word; none if the word contains anything else.
 template <class Number>
 std::optional<Number> parseWord(std::string_view word, int base = 10) {
     Number number{};

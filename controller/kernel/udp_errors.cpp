@@ -8,7 +8,7 @@ namespace {
 
 using Figure = std::optional<std::uint64_t>;
 
-/// Takes the text up to the next line that begins with the word; the rest of that line.
+/// Removes the text up to the next line that begins with the word; returns the rest of that line.
 std::string_view takeLineOf(std::string_view& text, std::string_view word) {
     while (!text.empty()) {
         std::string_view line = takeLine(text);

@@ -12,7 +12,7 @@ namespace vesk::controller {
 
 namespace {
 
-/// Splits "left:right" and reads the right half, which is a hex number. The left half stays.
+/// Splits "left:right" and reads the right half as a hex number. Leaves the left half in `word`.
 template <class Number>
 bool takeRightHalf(std::string_view& word, Number& number) {
     const std::size_t colon = word.find(':');

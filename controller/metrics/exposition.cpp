@@ -76,9 +76,9 @@ constexpr std::array<FigureMetric<WorkerTotals>, 3> workerMetrics{{
     {&WorkerTotals::wakeUps, "vesk_worker_wakeups_total",
      "Times the worker woke to receive replies."},
     {&WorkerTotals::queuedSockets, "vesk_worker_queued_sockets_total",
-     "Sockets found in the worker's queue when it woke, added up."},
+     "Sockets found in the worker's queue, added up over all wake-ups."},
     {&WorkerTotals::received, "vesk_worker_received_datagrams_total",
-     "Receive calls of the worker after which it asked for another: replies received."},
+     "Replies received by the worker."},
 }};
 
 void addFlows(Families& families, const Totals& totals) {
@@ -95,12 +95,12 @@ void addFlowSockets(Families& families, const Totals& totals) {
         return;
     }
     MetricFamily drops{"vesk_flow_udp_dropped_datagrams_total",
-                       "Replies that the kernel dropped at the flow's socket, mostly for want of "
-                       "receive buffer. Set net.core.rmem_max to 1048576.",
+                       "Replies that the kernel dropped at the flow's socket, mostly because the "
+                       "receive buffer was full. Set net.core.rmem_max to 1048576.",
                        MetricType::Counter,
                        {}};
     MetricFamily queue{"vesk_flow_udp_receive_queue_bytes",
-                       "Receive buffer that waiting replies of the flow hold, in bytes. Set "
+                       "Receive buffer used by waiting replies of the flow, in bytes. Set "
                        "net.core.rmem_max to 1048576.",
                        MetricType::Gauge,
                        {}};
@@ -142,20 +142,21 @@ void addReloads(Families& families, const ControllerState& state) {
 void addController(Families& families, const ControllerState& state) {
     addGauge(families, "vesk_build_info", "Always 1; the version is in its label.", 1,
              {{"version", VESK_VERSION}});
-    addGauge(families, "vesk_up", "1 while the forwarder runs, else 0.", state.childUp ? 1 : 0);
+    addGauge(families, "vesk_up", "1 while the forwarder runs, otherwise 0.",
+             state.childUp ? 1 : 0);
     addCounter(families, "vesk_restarts_total",
-               "Times the forwarder ended unasked and was started again.", state.restarts);
+               "Times the forwarder ended unexpectedly and was started again.", state.restarts);
     addGauge(families, "vesk_flows_declared", "Flows in the configuration.",
              static_cast<double>(state.flowsDeclared));
     addGauge(families, "vesk_flows_active",
              "Flows of the configuration that the running forwarder has accepted.",
              state.childUp ? static_cast<double>(state.flowsActive) : 0);
     addGauge(families, "vesk_listening",
-             "1 while the forwarder listens for peers at the configured address, else 0.",
+             "1 while the forwarder listens for peers at the configured address, otherwise 0.",
              state.childUp && state.listening ? 1 : 0);
     if (state.lateralListening) {
         addGauge(families, "vesk_lateral_listening",
-                 "1 while the forwarder listens for other instances, else 0.",
+                 "1 while the forwarder listens for other instances, otherwise 0.",
                  state.childUp && *state.lateralListening ? 1 : 0);
     }
     if (state.lastReport) {

@@ -1,5 +1,5 @@
-// The metrics by name: turns the totals into what the metrics page shows. MetricsServer calls it
-// for each scrape. docs/metrics.md has the same list for the reader; a test compares the two.
+// Defines the metrics: turns the totals into the families of the metrics page. Called by
+// MetricsServer for each scrape. docs/metrics.md has the same list; a test compares the two.
 #pragma once
 
 #include <prometheus/metric_family.h>
@@ -19,20 +19,21 @@ namespace vesk::controller {
 
 /// The outcome of a reload.
 enum class ReloadOutcome {
-    done,            ///< everything that changed was sent to the child
-    fileRefused,     ///< the file is not usable, and nothing changed
-    addressRefused,  ///< everything but the downstream address, which cannot be listened on
+    done,            ///< all changes were sent to the child
+    fileRefused,     ///< the file is not usable; nothing changed
+    addressRefused,  ///< the child cannot listen on the new downstream address; the rest was
+                     ///< applied
 };
 
 enum class Stage {
-    settingUp,  ///< commands to the child have not been answered yet
-    settled,    ///< each flow of the file is set, or was refused by name
-    draining,   ///< the controller has been told to end
+    settingUp,  ///< outcomes of commands to the child are outstanding
+    settled,    ///< each flow of the file was accepted, or refused by name
+    draining,   ///< the controller was told to end
 };
 
 inline constexpr std::size_t reloadOutcomes = 3;
 
-/// What the controller knows by itself, without a report.
+/// The state of the controller that does not come from a report.
 struct ControllerState {
     bool childUp = false;
     Stage stage = Stage::settingUp;
@@ -40,15 +41,15 @@ struct ControllerState {
     std::uint64_t flowsDeclared = 0;
     std::uint64_t flowsActive = 0;
     bool listening = false;
-    std::optional<bool> lateralListening;                 ///< none where no stream is configured
-    std::array<std::uint64_t, reloadOutcomes> reloads{};  ///< of each outcome
-    bool lastReloadSuccessful = true;                     ///< also before the first one
+    std::optional<bool> lateralListening;                 ///< none if no stream is configured
+    std::array<std::uint64_t, reloadOutcomes> reloads{};  ///< by outcome
+    bool lastReloadSuccessful = true;                     ///< true before the first one
     std::optional<std::chrono::system_clock::time_point> lastReport;
     LogEventCounts events{};
     KernelFigures kernel;
 };
 
-/// One family for each metric. Gauges that speak of the child's present are 0 while there is none.
+/// One family for each metric. Gauges of the child's present state are 0 while no child runs.
 std::vector<prometheus::MetricFamily> describeMetrics(const Totals& totals,
                                                       const ControllerState& state);
 

@@ -1,4 +1,4 @@
-// Shorthands to make metric families of figures. Used by metrics/exposition and
+// Functions that make metric families from figures. Used by metrics/exposition and
 // metrics/kernel_exposition; any thread.
 #pragma once
 
@@ -18,7 +18,7 @@ prometheus::ClientMetric counter(std::uint64_t value, Labels labels = {});
 prometheus::ClientMetric gauge(double value, Labels labels = {});
 prometheus::ClientMetric seriesOf(prometheus::MetricType type, std::uint64_t value, Labels labels);
 
-/// One of the figures that are kept together in a struct, as a metric.
+/// The metric of one member of a struct of figures.
 template <class Figures>
 struct FigureMetric {
     std::uint64_t Figures::*value;
@@ -26,15 +26,15 @@ struct FigureMetric {
     const char* help;
 };
 
-/// Figures, and the labels that tell them from other figures of the same metrics. Refers to them.
+/// Figures, with the labels that distinguish them from other figures of the same metrics.
 template <class Figures>
 struct LabelledFigures {
     const Figures& figures;
     Labels labels;
 };
 
-/// A family for each metric of a table, with a series for each of the figures; nothing where there
-/// are no figures.
+/// Adds a family for each metric of a table, with a series for each of the figures; nothing if
+/// there are no figures.
 template <class Table, class Figures>
 void addTable(Families& families, prometheus::MetricType type, const Table& metrics,
               const std::vector<LabelledFigures<Figures>>& all) {
@@ -58,7 +58,7 @@ void addTable(Families& families, prometheus::MetricType type, const Table& metr
     addTable(families, type, metrics, std::vector<LabelledFigures<Figures>>{{figures, {}}});
 }
 
-/// A family of one series.
+/// Adds a family of one series.
 void addCounter(Families& families, const char* name, const char* help, std::uint64_t value);
 void addGauge(Families& families, const char* name, const char* help, double value,
               Labels labels = {});

@@ -14,17 +14,17 @@
 
 namespace vesk::controller {
 
-/// What the server's threads share.
+/// The state shared by the server's threads.
 struct ServedPages {
     explicit ServedPages(HttpServer::Pages served) : pages(std::move(served)) {}
 
     const HttpServer::Pages pages;
-    std::atomic<unsigned> longAnswers{0};  ///< that are being sent
+    std::atomic<unsigned> longAnswers{0};  ///< being sent at present
 };
 
 namespace {
 
-// Threads inherit the signals that are blocked where they are made.
+// A thread inherits the signal mask of the thread that starts it.
 class SignalsBlocked {
  public:
     SignalsBlocked() {
@@ -40,7 +40,7 @@ class SignalsBlocked {
     sigset_t before_{};
 };
 
-// Counts a long answer until it has been sent or given up.
+// Counts a long answer until it has been sent or its connection ended.
 class CountedAnswer {
  public:
     explicit CountedAnswer(std::atomic<unsigned>& count)
@@ -56,10 +56,10 @@ class CountedAnswer {
     unsigned others_;
 };
 
-// Lives as long as the library sends it.
+// Exists until the library has sent it.
 struct TextBeingSent {
     std::string text;
-    std::unique_ptr<CountedAnswer> counted;  // null for a short one
+    std::unique_ptr<CountedAnswer> counted;  // null for a short answer
 };
 
 void endText(void* text) {
@@ -82,7 +82,7 @@ Answer answerTo(const ServedPages& served, std::string_view path, std::string_vi
     return page->second();
 }
 
-// The answer's text, or another answer where too many long ones are being sent.
+// The answer's text. Replaces the answer if too many long ones are being sent.
 std::unique_ptr<TextBeingSent> textOf(ServedPages& served, Answer& answer) {
     auto sent = std::make_unique<TextBeingSent>();
     if (answer.text.size() > HttpServer::longAnswer) {
@@ -102,7 +102,7 @@ Response responseWith(std::unique_ptr<TextBeingSent> sent) {
     Response response(MHD_create_response_from_buffer_with_free_callback_cls(
         body->text.size(), body->text.data(), endText, body));
     if (response) {
-        // It is the library's now, which calls endText.
+        // The library owns it now, and calls endText.
         static_cast<void>(sent.release());
     }
     return response;
@@ -125,8 +125,9 @@ MHD_Result respond(ServedPages& served, MHD_Connection* connection, std::string_
     return MHD_queue_response(connection, answer.status, response.get());
 }
 
-// Called when the headers of a request are complete; that it answers then keeps its body unread.
-// What is thrown, for want of memory, must not pass through the library: it ends the connection.
+// Called when the headers of a request are complete. Because it answers at once, the body is not
+// read. An exception, for lack of memory, must not pass through the library: the connection ends
+// instead.
 MHD_Result handleRequest(void* served, MHD_Connection* connection, const char* path,
                          const char* method, const char* /*version*/, const char* /*body*/,
                          std::size_t* /*bodySize*/, void** /*context*/) noexcept {
@@ -139,7 +140,7 @@ MHD_Result handleRequest(void* served, MHD_Connection* connection, const char* p
 
 MHD_Daemon* startServing(UniqueFd listening, ServedPages& served) {
     constexpr std::intptr_t threads = 2;
-    // What the headers of a request may take, and those of its answer.
+    // The memory for the headers of a request and of its answer.
     constexpr std::intptr_t headerBytes = 16384;
     std::array<MHD_OptionItem, 7> options{{
         {MHD_OPTION_LISTEN_SOCKET, listening.get(), nullptr},
@@ -151,7 +152,7 @@ MHD_Daemon* startServing(UniqueFd listening, ServedPages& served) {
         {MHD_OPTION_END, 0, nullptr},
     }};
     const SignalsBlocked blocked;
-    // The library closes the socket at its end, and where it cannot start.
+    // The library closes the socket when it stops, or if it cannot start.
     static_cast<void>(listening.release());
     return MHD_start_daemon(MHD_USE_EPOLL_INTERNAL_THREAD | MHD_USE_ITC, 0, nullptr, nullptr,
                             handleRequest, &served, MHD_OPTION_ARRAY, options.data(),

@@ -1,12 +1,12 @@
-// Serves pages over HTTP/1.1 to clients that may be slow, silent or many. MetricsServer makes one
-// and says what the pages are. The thread that makes it also destroys it.
+// Serves pages over HTTP/1.1, even to slow, silent or many clients. MetricsServer makes one and
+// supplies the pages. The thread that makes it also destroys it.
 //
-// Two threads of the server, with all signals blocked, accept clients, compose the answers (they
-// call the Page functions) and send them. Each serves many connections and waits for none of them,
-// so a client that says nothing delays nobody. While one composes a long page the other still
-// accepts and answers.
+// The server has two threads, with all signals blocked. They accept clients, compose the answers by
+// calling the Page functions, and send them. Each serves many connections without waiting for any,
+// so a silent client does not delay others. While one thread composes a long page, the other
+// continues to accept and answer.
 //
-// Each answer ends its connection, and the body of a request is never read.
+// Each connection is closed after its answer, and the body of a request is never read.
 #pragma once
 
 #include <cstddef>
@@ -37,24 +37,24 @@ class HttpServer {
  public:
     /// Composes the answer to GET and HEAD. Both threads may call it at once.
     using Page = std::function<Answer()>;
-    /// By path, from its slash on.
+    /// By path, with its leading slash.
     using Pages = std::map<std::string, Page, std::less<>>;
 
-    /// Fewer than the 1024 descriptors that a process may have at least.
+    /// Fewer than 1024, the usual limit on descriptors of a process.
     static constexpr unsigned mostConnections = 768;
-    /// One address cannot take all of them.
+    /// Less than all, so that other addresses can still connect.
     static constexpr unsigned mostConnectionsOfOneAddress = 576;
-    /// A connection on which nothing moves for so long is closed. Prometheus waits ten seconds for
-    /// a scrape.
+    /// A connection without traffic for this time is closed. Prometheus waits ten seconds for a
+    /// scrape.
     static constexpr unsigned idleSeconds = 5;
-    /// Clients that do not read a long answer keep it in memory. When so many are being sent, the
+    /// A long answer stays in memory until the client has read it. If this many are being sent, the
     /// next client gets status 503 instead.
     static constexpr unsigned mostLongAnswers = 16;
-    /// An answer of more bytes is a long one. The kernel takes a shorter one at once.
+    /// An answer of more bytes is a long one. The kernel buffers a shorter one at once.
     static constexpr std::size_t longAnswer = 65536;
 
-    /// Serves on a socket that listens, until its destruction, which ends all connections. Throws
-    /// std::runtime_error where no descriptor, thread or memory is left for it.
+    /// Serves on a listening socket until it is destroyed, which ends all connections. Throws
+    /// std::runtime_error if no descriptor, thread or memory is left.
     HttpServer(UniqueFd listening, Pages pages);
     ~HttpServer();
     HttpServer(const HttpServer&) = delete;
@@ -69,7 +69,7 @@ class HttpServer {
 
     std::uint16_t port_;
     std::unique_ptr<ServedPages> served_;
-    // Last, so that its threads have ended before what they use goes.
+    // Last, so that its threads end before the members that they use are destroyed.
     std::unique_ptr<MHD_Daemon, StopServing> daemon_;
 };
 

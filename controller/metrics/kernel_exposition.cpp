@@ -18,10 +18,10 @@ constexpr std::array<FigureMetric<SocketFigures>, 3> socketMetrics{{
     {&SocketFigures::sockets, "vesk_udp_sockets",
      "UDP sockets of the forwarder that have a port, by side."},
     {&SocketFigures::receiveQueue, "vesk_udp_receive_queue_bytes",
-     "Receive buffer that waiting datagrams hold, in bytes, all sockets of a side. A socket has "
-     "room for 1048576 bytes, or less where net.core.rmem_max is lower: set that to 1048576."},
+     "Receive buffer used by waiting datagrams, in bytes, all sockets of a side. A socket has "
+     "room for 1048576 bytes, or less if net.core.rmem_max is lower: set that to 1048576."},
     {&SocketFigures::sendQueue, "vesk_udp_send_queue_bytes",
-     "Send buffer that waiting datagrams hold, in bytes, all sockets of a side. A socket has room "
+     "Send buffer used by waiting datagrams, in bytes, all sockets of a side. A socket has room "
      "for twice net.core.wmem_max at most: set that to 262144."},
 }};
 
@@ -29,7 +29,8 @@ constexpr std::array<FigureMetric<Room>, 2> portMetrics{{
     {&Room::used, "vesk_ephemeral_ports_used",
      "Ephemeral ports on which the host has a UDP socket. Widen net.ipv4.ip_local_port_range."},
     {&Room::left, "vesk_ephemeral_ports_left",
-     "Ephemeral ports without a UDP socket, reserved ones left out. At 0 new flows cannot send: "
+     "Ephemeral ports without a UDP socket, not counting reserved ones. At 0 new flows cannot "
+     "send: "
      "widen net.ipv4.ip_local_port_range or shorten net.ipv4.ip_local_reserved_ports."},
 }};
 
@@ -38,15 +39,15 @@ constexpr std::array<FigureMetric<Room>, 2> descriptorMetrics{{
      "Descriptors that the forwarder has open, two for each flow with a socket. Raise LimitNOFILE "
      "of the unit."},
     {&Room::left, "vesk_descriptors_left",
-     "Descriptors that the forwarder may still open. Below 2 no flow opens a socket: raise "
+     "Descriptors that the forwarder can still open. Below 2 no flow can open a socket: raise "
      "LimitNOFILE of the unit."},
 }};
 
 constexpr std::array<FigureMetric<Conntrack>, 2> conntrackMetrics{{
     {&Conntrack::entries, "vesk_conntrack_entries",
-     "Connections that the kernel tracks. Take Vesk's ports out by a notrack rule."},
+     "Connections that the kernel tracks. Exempt Vesk's ports with a notrack rule."},
     {&Conntrack::limit, "vesk_conntrack_entries_limit",
-     "Connections that the kernel may track; beyond it datagrams of new ones are dropped. Raise "
+     "Connections that the kernel can track; above that it drops datagrams of new ones. Raise "
      "net.netfilter.nf_conntrack_max."},
 }};
 
@@ -59,20 +60,20 @@ struct EventMetric {
 constexpr std::array<EventMetric, 3> eventMetrics{{
     {LogEvent::hmacFailure, "vesk_hmac_failures_total",
      "Datagrams from peers with a wrong HMAC, counted from log lines without a level, which are "
-     "there at every log_level. Compare from_peer of the flow with the peer's key."},
+     "written at every log_level. Compare from_peer of the flow with the peer's key."},
     {LogEvent::endpointCreated, "vesk_endpoints_created_total",
-     "Sockets that flows have opened, counted from the log: at log_level info or above alone. If "
-     "many, raise cleanup_interval."},
+     "Sockets that flows have opened, counted from the log: only at log_level info or above. If "
+     "there are many, raise cleanup_interval."},
     {LogEvent::endpointDeletedByError, "vesk_endpoints_deleted_by_error_total",
      "Flows' sockets that were closed after a network error, counted from the log at every "
-     "log_level. See whether upstream of the flow, or its peer, can be reached."},
+     "log_level. Check that upstream of the flow, and its peer, can be reached."},
 }};
 
 void addSides(Families& families, const KernelFigures& figures) {
     MetricFamily drops{"vesk_udp_dropped_datagrams_total",
-                       "Datagrams that the kernel dropped at sockets of the forwarder, mostly for "
-                       "want of receive buffer, by side. Set net.core.rmem_max to 1048576; then "
-                       "share the labels between instances by [lateral].",
+                       "Datagrams that the kernel dropped at sockets of the forwarder, mostly "
+                       "because the receive buffer was full, by side. Set net.core.rmem_max to "
+                       "1048576; then divide the labels among instances with [lateral].",
                        MetricType::Counter,
                        {}};
     for (std::size_t side = 0; side < sides; ++side) {

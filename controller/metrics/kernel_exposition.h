@@ -1,5 +1,5 @@
-// The kernel's figures by name, and what is counted of the log; each help text has the unit and the
-// setting that mends what is wrong. Called by metrics/exposition for each scrape.
+// Defines the metrics of the kernel's figures and of counted log lines; each help text has the unit
+// and the setting that corrects a bad value. Called by metrics/exposition for each scrape.
 #pragma once
 
 #include "kernel/kernel_figures.h"
@@ -8,7 +8,7 @@
 
 namespace vesk::controller {
 
-/// What is missing from the figures has no series.
+/// A figure that is empty has no series.
 void addKernelFigures(Families& families, const KernelFigures& figures);
 
 void addLogEvents(Families& families, const LogEventCounts& counts);

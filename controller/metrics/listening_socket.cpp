@@ -35,7 +35,7 @@ bool setOption(int socket, int level, int option, int value) {
 }
 
 bool listenWith(int socket, const addrinfo& place) {
-    // Connections that ended a moment ago still hold the port.
+    // Connections that ended recently still occupy the port.
     return setOption(socket, SOL_SOCKET, SO_REUSEADDR, 1) &&
            (place.ai_family != AF_INET6 || setOption(socket, IPPROTO_IPV6, IPV6_V6ONLY, 0)) &&
            bind(socket, place.ai_addr, place.ai_addrlen) == 0 && listen(socket, SOMAXCONN) == 0;

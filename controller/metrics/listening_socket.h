@@ -1,5 +1,5 @@
-// A TCP socket that listens on one address and port. Made by MetricsServer, for HttpServer to
-// accept on. Any thread.
+// Opens a TCP socket that listens on one address and port. Called by MetricsServer and HttpServer.
+// Any thread.
 #pragma once
 
 #include <cstdint>
@@ -9,12 +9,12 @@
 
 namespace vesk::controller {
 
-/// Listens on a numeric address, IPv4 or IPv6; "::" takes IPv4 clients too, whatever the host's
-/// default is. Port 0 lets the kernel choose. Throws std::runtime_error with the reason where it
+/// Listens on a numeric address, IPv4 or IPv6; "::" also accepts IPv4 clients, whatever the host's
+/// default is. With port 0 the kernel chooses. Throws std::runtime_error with the reason if it
 /// cannot listen.
 UniqueFd listenOn(const std::string& address, std::uint16_t port);
 
-/// The port of a socket that listens.
+/// The port of a listening socket.
 std::uint16_t portOf(const UniqueFd& listening);
 
 }  // namespace vesk::controller

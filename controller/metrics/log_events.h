@@ -1,5 +1,5 @@
-// What is counted of the forwarder's log, since its report has no figure for it. Told apart by
-// child/log_events, counted by MetricsServer.
+// Log lines of the forwarder that are counted because its report has no figure for them. Recognised
+// by child/log_events, counted by MetricsServer.
 #pragma once
 
 #include <array>
@@ -10,7 +10,7 @@ namespace vesk::controller {
 
 enum class LogEvent { hmacFailure, endpointCreated, endpointDeletedByError };
 
-/// How often each of them has occurred.
+/// The number of events of each kind.
 using LogEventCounts = std::array<std::uint64_t, 3>;
 
 inline constexpr std::size_t placeOf(LogEvent event) {

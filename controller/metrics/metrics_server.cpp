@@ -75,7 +75,7 @@ void MetricsServer::childUp(bool up) {
         totals_.childStarted();
     }
     state_.childUp = up;
-    // What the kernel said was of the child before, or of a time that is past.
+    // These figures are those of the previous child, or out of date.
     state_.kernel.sockets.reset();
     state_.kernel.flows.reset();
     state_.kernel.descriptors.reset();
@@ -120,7 +120,8 @@ void MetricsServer::setListening(bool downstream, std::optional<bool> lateral) {
 }
 
 std::string MetricsServer::page() const {
-    // Writing the text takes its time with many flows: whoever controls the child must not wait.
+    // Without the lock: writing the text of many flows takes time, and the thread that controls the
+    // child must not wait for it.
     return prometheus::TextSerializer().Serialize(metrics());
 }
 

@@ -1,14 +1,14 @@
-// Serves the metrics page and the health page over HTTP. The controller makes one, tells it what
-// happens to its child, and gives it each report.
+// Serves the metrics, health and readiness pages over HTTP. service/supervisor makes one, passes it
+// each report and tells it what happens to the child.
 //
 //     /metrics   everything that docs/metrics.md lists, in Prometheus' text format
 //     /healthz   200 "ok" while the child is up, 503 otherwise
-//     /ready     200 "ready" while it can be sent traffic, 503 and the reason otherwise
+//     /ready     200 "ready" while it can take traffic, 503 and the reason otherwise
 //
-// HttpServer's two threads answer requests. They compose the pages from the figures as these are at
-// that moment: they copy them under the lock and write the text without it, so that the thread that
-// controls the child does not wait for a long page. Every function may be called from any thread,
-// but for serve(), serving() and port() from one only.
+// HttpServer's two threads answer requests with the present figures. They copy the figures under
+// the lock and write the text without it, so that the thread that controls the child does not wait
+// for a long page. serve(), serving() and port() must be called from one thread; the other
+// functions may be called from any.
 #pragma once
 
 #include <cstddef>
@@ -30,61 +30,61 @@ namespace vesk::controller {
 
 class MetricsServer {
  public:
-    /// Where it listens unless told otherwise: nobody but this host needs to see the figures.
+    /// The default address: the figures are visible on this host only.
     static constexpr const char* defaultAddress = "127.0.0.1";
     static constexpr std::uint16_t defaultPort = 9477;
 
-    /// Keeps the figures; serves nothing yet. `perFlow`: show each flow's counters, too; eight
-    /// series for each.
+    /// Keeps the figures, but does not serve yet. `perFlow`: also publish each flow's counters,
+    /// eight series for each flow.
     explicit MetricsServer(bool perFlow);
 
-    /// The same, and serves.
+    /// The same, and serves at once.
     explicit MetricsServer(const std::string& address = defaultAddress,
                            std::uint16_t port = defaultPort, bool perFlow = false);
 
-    /// Listens and serves from here to its destruction, once. The address is numeric, IPv4 or IPv6,
-    /// and "::" serves both; port 0 lets the kernel choose. Throws std::runtime_error where it
-    /// cannot listen; it may be tried again then.
+    /// Listens and serves until it is destroyed; to be called once. The address is numeric, IPv4 or
+    /// IPv6, and "::" serves both; with port 0 the kernel chooses. Throws std::runtime_error if it
+    /// cannot listen; then it may be called again.
     void serve(const std::string& address, std::uint16_t port);
     bool serving() const { return http_ != nullptr; }
 
-    /// Where it listens: the kernel's choice, if that was asked for.
+    /// The port on which it listens.
     std::uint16_t port() const;
 
-    /// Takes in a report of the child. `flowNames`: the declared flows' names by label.
+    /// Takes a report of the child. `flowNames`: the names of the declared flows by label.
     void update(const Report& report, const std::map<std::uint32_t, std::string>& flowNames);
 
-    /// The child runs, or has ended. That it is up again means that it is another one, whose
-    /// counters begin at 0: hand over the last reports of the one before first.
+    /// The child has been started, or has ended. The counters of a new child begin at 0, so the
+    /// last reports of the previous one must be passed to update() before.
     void childUp(bool up);
 
-    /// A child that ended unasked is replaced by a new one.
+    /// Counts a child that replaces one that ended unexpectedly.
     void countRestart();
 
-    /// `declared`: flows in the configuration. `active`: those of them that the running child has
-    /// accepted; fewer, where it refused some.
+    /// `declared`: flows in the configuration. `active`: those that the running child has
+    /// accepted.
     void setFlows(std::size_t declared, std::size_t active);
 
-    /// Takes in what the kernel says of the child and of the host.
+    /// Takes the kernel's figures for the child and the host.
     void setKernelFigures(const KernelFigures& figures);
 
-    /// Something that is counted was read in the child's log.
+    /// Counts an event that was found in the child's log.
     void count(LogEvent event);
-    /// A reload has ended.
+    /// Counts a reload that has ended.
     void countReload(ReloadOutcome outcome);
 
-    /// Whether the child listens for peers; `lateral` the same for the lateral stream, none where
-    /// no stream is configured.
+    /// Whether the child listens for peers, and for other instances; `lateral` is none if no
+    /// lateral stream is configured.
     void setListening(bool downstream, std::optional<bool> lateral);
 
-    /// How far the child has been told what the file says.
+    /// The stage that the child has reached.
     void setStage(Stage stage);
 
-    /// The text of the metrics page as it is now.
+    /// The present text of the metrics page.
     std::string page() const;
-    /// Whether the health page says so, too.
+    /// Whether the health page answers 200.
     bool healthy() const;
-    /// What the ready page says is in the way; empty where it says that the service is ready.
+    /// The reason on the ready page; empty if the service is ready.
     std::string_view obstacle() const;
 
  private:
@@ -94,7 +94,7 @@ class MetricsServer {
     mutable Mutex mutex_;
     ReportTotals totals_ VESK_GUARDED_BY(mutex_);
     ControllerState state_ VESK_GUARDED_BY(mutex_);
-    // Last, so that its threads have ended before what they read goes.
+    // Last, so that its threads end before the members that they read are destroyed.
     std::unique_ptr<HttpServer> http_;
 };
 

@@ -1,4 +1,5 @@
-// Whether the forwarder can be sent traffic, as the page /ready says. Called by MetricsServer.
+// Decides what the page /ready answers: whether the forwarder can take traffic. Called by
+// MetricsServer.
 #pragma once
 
 #include <string_view>
@@ -7,7 +8,7 @@
 
 namespace vesk::controller {
 
-/// What keeps the service from being ready; empty where nothing does.
+/// The reason why the service is not ready; empty if it is ready.
 std::string_view notReadyBecause(const ControllerState& state);
 
 }  // namespace vesk::controller

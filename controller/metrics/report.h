@@ -1,5 +1,5 @@
-// The child's statistics report as plain figures: what ReportParser makes of its text and
-// ReportTotals adds up. The names in brackets are those of the report itself.
+// The figures of one statistics report of the child: ReportParser makes them from the text, and
+// ReportTotals adds them up. The names in brackets are those of the report.
 #pragma once
 
 #include <array>
@@ -21,20 +21,20 @@ struct DatagramCounters {
     bool operator==(const DatagramCounters&) const = default;
 };
 
-/// All of them in the report's order, for what is done to each alike.
+/// All members in the report's order, for code that handles each in the same way.
 inline constexpr std::array<std::uint64_t DatagramCounters::*, 6> datagramFields{
     &DatagramCounters::received, &DatagramCounters::sent,        &DatagramCounters::receiveErrors,
     &DatagramCounters::dropped,  &DatagramCounters::repliesSent, &DatagramCounters::repliesDropped};
 
-/// One flow that has a socket; its counters are those of this socket.
+/// A flow that has a socket, and the counters of that socket.
 struct FlowRow {
     std::uint32_t label = 0;
     DatagramCounters counters;
 };
 
 struct PollCounters {
-    /// Sockets armed at present [ActiveEvtNr]. A hint: now and then it is just below 0, which the
-    /// report shows as a number near 4294967295.
+    /// Sockets armed at present [ActiveEvtNr]. It is approximate and sometimes slightly negative,
+    /// which the report shows as a number near 4294967295.
     std::int32_t armedSockets = 0;
     std::uint64_t readEvents = 0;   ///< [RdReadyNr]
     std::uint64_t writeEvents = 0;  ///< [WrReadyNr]
@@ -44,7 +44,7 @@ struct PollCounters {
 /// One of the threads that receive replies.
 struct WorkerCounters {
     std::uint64_t wakeUps = 0;        ///< [WakeNr]
-    std::uint32_t queuedSockets = 0;  ///< [ReadyFdNr]; begins at 0 again beyond 4294967295
+    std::uint32_t queuedSockets = 0;  ///< [ReadyFdNr]; wraps to 0 after 4294967295
     std::uint64_t received = 0;       ///< [DgNr]
 };
 
@@ -54,7 +54,7 @@ struct EndpointTotals {
     std::uint64_t sent = 0;      ///< always 0 [TxDg]
 };
 
-/// One whole report. What the child does not have at present is missing from it.
+/// One complete report. Parts that the child does not have at present are empty.
 struct Report {
     std::optional<PollCounters> poll;
     std::vector<FlowRow> flows;  ///< by ascending label

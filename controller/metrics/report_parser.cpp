@@ -19,8 +19,8 @@ constexpr std::array<std::string_view, 8> headings{"info ",
                                                    "info Downstream Stats:",
                                                    "info Lateral Stats:"};
 
-// What stands before each figure of a socket, in the order of datagramFields. The colons missing
-// from the flows' rows are missing in the child.
+// The text before each figure of a socket, in the order of datagramFields. The child writes the
+// rows of flows without some of the colons.
 constexpr std::array<std::string_view, 4> downstreamNames{
     "RxDg:", ",TxDg:", ",RxDgError:", ",TxDgDropped:"};
 constexpr std::array<std::string_view, 6> lateralNames{
@@ -28,8 +28,8 @@ constexpr std::array<std::string_view, 6> lateralNames{
 constexpr std::array<std::string_view, 6> flowNames{",RxDg:",       ",TxDg:",   ",RxDgError",
                                                     ",TxDgDropped", ",DnTxDg:", ",DnTxDgDropped:"};
 
-// Takes `name` and the decimal number behind it off the front of the text. False where it holds
-// something else, or a number that the type does not.
+// Removes `name` and the decimal number after it from the front of the text. False if the text
+// begins otherwise, or the number does not fit the type.
 template <typename Number>
 bool takeFigure(std::string_view& text, std::string_view name, Number& number) {
     if (!text.starts_with(name)) {
@@ -44,7 +44,7 @@ bool takeFigure(std::string_view& text, std::string_view name, Number& number) {
     return true;
 }
 
-// The whole line has to be these figures; those that it does not name stay 0.
+// The line must consist of these figures; other members of `counters` stay 0.
 bool parseSocket(std::string_view line, std::span<const std::string_view> names,
                  DatagramCounters& counters) {
     for (std::size_t i = 0; i < names.size(); ++i) {
@@ -151,7 +151,8 @@ ReportParser::Verdict ReportParser::takeHeading(Section heading, std::string_vie
     } else if (heading == Section::totals) {
         good = parseTotals(figures, partial_.totals);
     } else {
-        // Nothing is sent by workers of its own: behind that heading, too, there is nothing.
+        // No figures follow the other headings. That of the sending workers has none because such
+        // workers do not exist.
         good = figures.empty();
     }
     return good ? Verdict::taken : Verdict::damaged;
@@ -180,7 +181,7 @@ bool ReportParser::endSection() {
     }
     ended_ = true;
     if (section_ == Section::lateral) {
-        // The child counts the flows it has written: a row that got lost shows here.
+        // The child counts the rows that it writes, so a missing row is detected here.
         if (partial_.totals.sockets == partial_.flows.size()) {
             whole_ = std::move(partial_);
         }

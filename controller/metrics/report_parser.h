@@ -1,9 +1,9 @@
-// Finds the child's statistics reports among the lines of its log. The controller feeds it every
-// line that the child writes, keeps out of its own log what belongs to a report, and hands each
-// report that is whole to the metrics.
+// Finds the child's statistics reports among the lines of its log. child/output_interpreter passes
+// it every line that the child writes. Lines of a report are kept out of the controller's log, and
+// each complete report goes to the metrics.
 //
-// A report is seven messages at info level. Each is written in one piece and ends in a newline of
-// its own, so it is followed by an empty line; messages of other threads fall in between:
+// A report consists of seven messages at info level. Each is written in one piece and ends in a
+// newline of its own, so an empty line follows it. Messages of other threads may come in between:
 //
 //     info                                         (with its blank: the message begins with a
 //     newline) Poll stats: ActiveEvtNr:1 RdReadyNr:1 WrReadyNr:0 ErrorNr:0
@@ -15,8 +15,8 @@
 //
 //     ... SndThrStats, EptNr, Downstream Stats and Lateral Stats
 //
-// No half report is ever yielded: the totals would take a flow whose row got lost for one that has
-// a new socket, and count it twice.
+// An incomplete report is never returned: a flow whose row is missing would look like one that has
+// a new socket, and the totals would count it twice.
 #pragma once
 
 #include <optional>
@@ -28,22 +28,22 @@ namespace vesk::controller {
 
 class ReportParser {
  public:
-    /// Takes the child's next line: whole, with its level word and its trailing blanks, without the
-    /// newline. True if it belongs to a report and so not into the log. Whatever is not just as a
-    /// report has it is an ordinary line; where a report's own line is damaged, the report is given
-    /// up and its remaining lines are ordinary ones too. The one line that is claimed on suspicion
-    /// is the first, an info message without any text.
+    /// Takes the child's next whole line, with its level and trailing blanks, without the newline.
+    /// True if it belongs to a report and is not for the log. A line that does not have exactly the
+    /// form of a report is an ordinary line. If a line of the report is damaged, the report is
+    /// discarded, and its remaining lines are ordinary lines too. Only the first line, an info
+    /// message without text, is always taken as part of a report.
     bool feed(std::string_view line);
 
-    /// The report that became whole since the last call, if any.
+    /// The report that was completed since the last call, if any.
     std::optional<Report> takeReport();
 
-    /// Forgets a report that has only begun. For a new child: the last words of the one before may
-    /// have been cut off anywhere.
+    /// Discards an incomplete report, for a new child: the output of the previous one may have
+    /// ended anywhere.
     void reset() { section_ = Section::none; }
 
  private:
-    // In the order of the report. `opening` is the line that holds nothing but the level.
+    // In the order of the report. `opening` is the line that contains only the level.
     enum class Section {
         none,
         opening,
@@ -55,7 +55,7 @@ class ReportParser {
         downstream,
         lateral
     };
-    /// What a line is to the report that is being read.
+    /// What a line means for the report that is being read.
     enum class Verdict { foreign, taken, damaged };
 
     static std::optional<Section> headingOf(std::string_view line);
@@ -64,7 +64,7 @@ class ReportParser {
     bool endSection();
 
     Section section_ = Section::none;
-    bool ended_ = false;  // the empty line behind the section has been seen
+    bool ended_ = false;  // the empty line after the section has been read
     Report partial_;
     std::optional<Report> whole_;
 };

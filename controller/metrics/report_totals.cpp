@@ -10,7 +10,7 @@ std::uint64_t increase(std::uint64_t before, std::uint64_t now) {
     return now < before ? now : now - before;
 }
 
-// One counter that fell tells that the socket is a new one: all of them began at 0 then.
+// If one counter fell, the socket is new, and all its counters began at 0.
 DatagramCounters increase(const DatagramCounters& before, const DatagramCounters& now) {
     const bool anew = std::any_of(datagramFields.begin(), datagramFields.end(),
                                   [&](const auto field) { return now.*field < before.*field; });
@@ -31,7 +31,7 @@ void accumulate(DatagramCounters& total, const DatagramCounters& before,
     }
 }
 
-// All 0 for a flow without a socket: the counters of its next one begin there.
+// All 0 for a flow without a socket: the counters of its next socket begin at 0.
 DatagramCounters countersOf(const Report& report, std::uint32_t label) {
     const auto row =
         std::lower_bound(report.flows.begin(), report.flows.end(), label,
@@ -97,8 +97,7 @@ void ReportTotals::addWorkers(const Report& report) {
         const WorkerCounters& now = report.workers[i];
         WorkerTotals& total = totals_.workers[i];
         total.wakeUps += increase(before[i].wakeUps, now.wakeUps);
-        // This one falls when it has gone through its 32 bits; the difference is right all the
-        // same.
+        // This counter has 32 bits and wraps; the difference is still correct.
         total.queuedSockets += now.queuedSockets - before[i].queuedSockets;
         total.received += increase(before[i].received, now.received);
     }

@@ -1,13 +1,14 @@
-// Adds the child's reports up to counters that never fall. MetricsServer keeps one and shows it.
+// Adds the child's reports up to counters that never fall. Kept by MetricsServer, which publishes
+// the totals.
 //
-// In the report a counter begins at 0 again with each new socket (a flow that is set, expires or
-// fails; a listener that is started anew) and with each new child, and a flow without a socket is
-// missing from it. Prometheus makes up for a counter that restarts, but not for a sum of which only
-// a part does: it would take the smaller sum for a restart of all and count the rest a second time.
-// So what is published is the sum of all increases seen since the controller started.
+// In the report a counter restarts at 0 with each new socket (after a flow is set, expires or
+// fails, or a listener is started again) and with each new child. A flow without a socket is
+// missing from the report. Prometheus handles a counter that restarts, but not a sum of which only
+// a part restarts: it would treat the smaller sum as a restart and count the rest again. So the
+// published value is the sum of all increases seen since the controller started.
 //
-// What no report shows cannot be added: what a socket counted between the last report and its end.
-// The shorter the interval of the reports, the less that is.
+// The counts of a socket between the last report and its end are lost. The shorter the interval of
+// the reports, the fewer these are.
 #pragma once
 
 #include <cstdint>
@@ -27,40 +28,40 @@ struct WorkerTotals {
 };
 
 struct FlowTotals {
-    std::string name;  ///< empty for a flow that nobody declared: an auxiliary one
+    std::string name;  ///< empty for an auxiliary flow, which is not declared
     DatagramCounters counters;
-    SocketFigures socket;           ///< at present, as the kernel has it
+    SocketFigures socket;           ///< present figures of the kernel
     std::uint64_t kernelDrops = 0;  ///< datagrams that the kernel dropped at its sockets
 };
 
-/// What has been counted so far, and what the last report says of the present.
+/// The counts so far, and the present values of the last report.
 struct Totals {
     DatagramCounters downstream;
     DatagramCounters lateral;
-    DatagramCounters upstream;  ///< of all flows, those that are gone included
+    DatagramCounters upstream;  ///< of all flows, including former ones
     std::uint64_t readEvents = 0;
     std::uint64_t writeEvents = 0;
     std::uint64_t errorEvents = 0;
     std::vector<WorkerTotals> workers;
-    std::map<std::uint32_t, FlowTotals> flows;  ///< by label; empty unless flows are kept apart
+    std::map<std::uint32_t, FlowTotals> flows;  ///< by label; empty unless `perFlow`
     std::int32_t armedSockets = 0;
     std::uint64_t flowSockets = 0;
 };
 
 class ReportTotals {
  public:
-    /// `perFlow`: keep each flow's counters, too.
+    /// `perFlow`: also keep each flow's counters.
     explicit ReportTotals(bool perFlow) : perFlow_(perFlow) {}
 
-    /// Adds what has increased since the report before; its flows have to be in order of label, as
-    /// the child writes them. `flowNames` are the declared flows by label: they are kept whether or
-    /// not they have a socket, others only while they have one, so that the memory has a bound.
+    /// Adds the increases since the previous report. The flows must be in order of label, as the
+    /// child writes them. `flowNames` are the declared flows by label: these are always kept,
+    /// others only while they have a socket, so that memory is bounded.
     void add(const Report& report, const std::map<std::uint32_t, std::string>& flowNames);
 
-    /// The next report is that of a new child, whose counters begin at 0.
+    /// The next report will be that of a new child, whose counters begin at 0.
     void childStarted();
 
-    /// Takes in what the kernel says of the flows' sockets, if flows are kept apart.
+    /// Takes the kernel's figures for the flows' sockets, if `perFlow`.
     void addFlowSockets(const std::map<std::uint32_t, FlowSocket>& sockets);
 
     const Totals& totals() const { return totals_; }

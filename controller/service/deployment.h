@@ -1,5 +1,5 @@
 // What the running forwarder has been told and has accepted. Called by service/supervisor, which
-// sends what comes of it and reports the outcomes back.
+// sends the resulting commands and reports their outcomes back.
 #pragma once
 
 #include <cstddef>
@@ -18,16 +18,16 @@ namespace vesk::controller {
 
 class Deployment {
  public:
-    /// What a new forwarder has to be told.
+    /// The commands for a new forwarder.
     std::vector<Command> begin(const Configuration& wanted);
 
-    /// What the running one has to be told; what was refused before is tried again.
+    /// The commands for the running forwarder; what was refused before is tried again.
     ConfigurationChanges change(const Configuration& wanted);
 
-    /// Notes what came of a command.
+    /// Records the outcome of a command.
     void note(const Outcome& outcome);
 
-    /// What it was told; refusals() says what it has not taken of that.
+    /// What the forwarder was told; refusals() says which parts it refused.
     const Configuration& running() const { return running_; }
 
     /// The level at which the forwarder logs.
@@ -37,22 +37,23 @@ class Deployment {
     std::size_t acceptedFlows() const { return declaredFlows() - refusals_.flows.size(); }
     const Refusals& refusals() const { return refusals_; }
 
-    /// Whether the last forwarder that was told to listen for peers does so.
+    /// Whether the forwarder, or the last one if none runs, listens for peers.
     bool listening() const { return listeningOn_.has_value(); }
-    /// Where it does so; while it moves or is moved back, not what it was told last.
+    /// The address on which it listens. During a move this may differ from the address it was last
+    /// told.
     const std::optional<HostPort>& listeningOn() const { return listeningOn_; }
-    /// The same of the lateral stream; none where no stream is configured.
+    /// Whether it listens for other instances; none if no lateral stream is configured.
     std::optional<bool> lateralListening() const;
-    /// Whether it listens wherever the configuration says.
+    /// Whether it listens on every configured address.
     bool listensEverywhere() const { return listening() && lateralListening().value_or(true); }
 
-    /// Has it listen on another address than it was told last; returns the commands.
+    /// Moves the listener to `address`; returns the commands for that.
     std::vector<Command> listenOn(const HostPort& address);
 
-    /// What a forwarder that refused to listen has to be told to try it again.
+    /// The commands that make a forwarder try the listeners again that it refused.
     std::vector<Command> listenAgain() const;
 
-    /// By label.
+    /// The names of the flows by label.
     const std::map<std::uint32_t, std::string>& flowNames() const { return names_; }
 
  private:

@@ -30,16 +30,16 @@ ForwarderEnding::Step ForwarderEnding::goOn(Clock::time_point now) {
     switch (phase_) {
         case Phase::draining:
             return closeInput(now, standstill_.observed()
-                                       ? "there is still traffic, and the time to drain is over"
-                                       : "nothing is reported, and the time to drain is over");
+                                       ? "the drain time is over, but there is still traffic"
+                                       : "the drain time is over, and no report has arrived");
         case Phase::closing:
             phase_ = Phase::terminating;
             dueAt_ = now + signalPatience;
-            return {Action::terminate, "the forwarder does not end: terminating it"};
+            return {Action::terminate, "the forwarder does not end: sending SIGTERM"};
         case Phase::terminating:
             phase_ = Phase::killing;
             dueAt_.reset();
-            return {Action::kill, "the forwarder still does not end: killing it"};
+            return {Action::kill, "the forwarder still does not end: sending SIGKILL"};
         case Phase::notBegun:
         case Phase::killing:
             break;

@@ -1,6 +1,6 @@
-// How a forwarder is brought to its end: it may drain, then its input is closed, and one that does
-// not end by itself gets SIGTERM and at last SIGKILL. Says what to do and when; service/supervisor
-// does it.
+// The steps that end a forwarder: it drains if configured, then its input is closed, and if it does
+// not end by itself it gets SIGTERM and finally SIGKILL. Decides what to do and when;
+// service/supervisor does it.
 #pragma once
 
 #include <chrono>
@@ -21,11 +21,11 @@ class ForwarderEnding {
 
     struct Step {
         Action action = Action::none;
-        /// Why it is taken, for the log; empty where it is what was asked for.
+        /// The reason for the log; empty for a step that was requested.
         std::string_view reason;
     };
 
-    /// Without traffic for so long, draining is over.
+    /// Draining is over after this time without traffic.
     static constexpr std::chrono::seconds restOfTraffic{1};
     /// From the end of its input to SIGTERM.
     static constexpr std::chrono::seconds endPatience{5};
@@ -35,20 +35,20 @@ class ForwarderEnding {
     bool begun() const { return phase_ != Phase::notBegun; }
     bool draining() const { return phase_ == Phase::draining; }
 
-    /// Begins the end. Where it was begun before, the drain is over.
+    /// Begins to end the forwarder. A second call ends the drain.
     Step ask(std::chrono::seconds drain, Clock::time_point now);
 
-    /// Takes the traffic counters of a report: the drain is over when they have not moved for
+    /// Takes the traffic counters of a report. The drain is over when they have not changed for
     /// `restOfTraffic`.
     Step observe(std::vector<std::uint64_t> counters, Clock::time_point now);
 
-    /// The next step, once `dueAt` has come.
+    /// The next step if `dueAt` has passed.
     Step goOn(Clock::time_point now);
 
     std::optional<Clock::time_point> dueAt() const { return dueAt_; }
 
  private:
-    /// In the order in which they are gone through.
+    /// In order of time.
     enum class Phase { notBegun, draining, closing, terminating, killing };
 
     Step closeInput(Clock::time_point now, std::string_view reason = {});

@@ -15,10 +15,10 @@ namespace vesk::controller {
 namespace {
 
 constexpr std::uint64_t descriptorsOfFlow = 2;
-/// The forwarder's own eight, and room for what libraries open now and then.
+/// Eight of the forwarder itself, and a reserve for libraries.
 constexpr std::uint64_t descriptorsBesides = 100;
 
-// What the forwarder asks for: the greatest for its listeners, the other for its upstream sockets.
+// The buffer sizes that the forwarder requests.
 constexpr std::uint64_t receiveBuffer = 1048576;
 constexpr std::uint64_t sendBuffer = 262144;
 
@@ -38,8 +38,8 @@ void warnOfBuffer(const char* name, std::optional<std::uint64_t> limit, std::uin
                   std::vector<std::string>& warnings) {
     if (limit && *limit < wanted) {
         warnings.push_back("net.core." + std::string(name) + " is " + std::to_string(*limit) +
-                           " and keeps socket buffers below " + std::to_string(wanted) +
-                           " bytes: sysctl -w net.core." + name + "=" + std::to_string(wanted));
+                           ", which limits socket buffers to less than " + std::to_string(wanted) +
+                           " bytes: run sysctl -w net.core." + name + "=" + std::to_string(wanted));
     }
 }
 
@@ -52,10 +52,11 @@ std::vector<std::string> descriptorWarnings(const Configuration& configuration,
     if (hardLimit >= needed) {
         return {};
     }
-    return {"the hard limit of descriptors is " + std::to_string(hardLimit) + ", and " +
-            countOf(flows, "flow") + (flows == 1 ? " needs " : " need ") + std::to_string(needed) +
-            ": datagrams of flows beyond it will be dropped; set LimitNOFILE= of the service or "
-            "ulimit -Hn to at least that"};
+    return {
+        "the hard limit on descriptors is " + std::to_string(hardLimit) + ", but " +
+        countOf(flows, "flow") + (flows == 1 ? " needs " : " need ") + std::to_string(needed) +
+        ": datagrams of flows beyond the limit will be dropped; set LimitNOFILE= of the service "
+        "or ulimit -Hn to at least that"};
 }
 
 std::vector<std::string> bufferWarnings(const BufferLimits& limits) {
@@ -66,7 +67,7 @@ std::vector<std::string> bufferWarnings(const BufferLimits& limits) {
 }
 
 std::vector<std::string> portWarnings(const Configuration& configuration, const PortRange& range) {
-    // A port of IPv4 and the same one of IPv6 are two.
+    // Each address family has its own ports.
     std::uint64_t ipv4 = 0;
     std::uint64_t ipv6 = 0;
     for (const auto& [label, flow] : configuration.flows) {
@@ -79,10 +80,10 @@ std::vector<std::string> portWarnings(const Configuration& configuration, const 
     if (needed <= ports) {
         return {};
     }
-    return {"net.ipv4.ip_local_port_range has " + std::to_string(ports) + " ports, and " +
+    return {"net.ipv4.ip_local_port_range has " + std::to_string(ports) + " ports, but " +
             countOf(needed, "flow") +
-            " without a source need one each: datagrams of flows beyond it will be dropped; "
-            "sysctl -w net.ipv4.ip_local_port_range=\"1024 65535\", or give flows a source"};
+            " without a source need one each: datagrams of flows beyond the limit will be dropped; "
+            "run sysctl -w net.ipv4.ip_local_port_range=\"1024 65535\", or set source in flows"};
 }
 
 std::vector<std::string> limitWarnings(const Configuration& configuration) {
@@ -104,7 +105,7 @@ void raiseDescriptorLimit() {
     rlimit limit{};
     if (getrlimit(RLIMIT_NOFILE, &limit) == 0 && limit.rlim_cur < limit.rlim_max) {
         limit.rlim_cur = limit.rlim_max;
-        // Where it fails the old limit stays, and the forwarder says which datagrams that costs.
+        // On failure the old limit remains, and the forwarder logs each datagram lost to it.
         static_cast<void>(setrlimit(RLIMIT_NOFILE, &limit));
     }
 }

@@ -15,11 +15,11 @@ struct Remedy {
 
 constexpr std::array<Remedy, 5> remedies{{
     {EADDRINUSE,
-     "another socket has it; end its process, which \"ss -lunp\" names, or change the file"},
+     "the port is in use; stop the process that \"ss -lunp\" shows, or change the file"},
     {EADDRNOTAVAIL,
-     "this host has no such address; add it, or change the file to one that \"ip address\" lists"},
-    {EACCES, "a port below 1024 needs CAP_NET_BIND_SERVICE; grant that, or change the file"},
-    {EAFNOSUPPORT, "the kernel does without IPv6; enable it, or change the file"},
+     "this host does not have the address; add it, or use one that \"ip address\" lists"},
+    {EACCES, "a port below 1024 requires CAP_NET_BIND_SERVICE; grant it, or change the file"},
+    {EAFNOSUPPORT, "the kernel does not support IPv6; enable it, or change the file"},
     {EMFILE, noDescriptorsLeft},
 }};
 

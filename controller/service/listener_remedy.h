@@ -1,5 +1,5 @@
-// What an operator can do about an address that cannot be listened on. Called by
-// service/supervisor with the error that the forwarder logged, or that a trial met.
+// What an operator can do if the forwarder cannot listen on an address. Called by
+// service/supervisor with the error that the forwarder logged, or the error of a trial.
 #pragma once
 
 #include <string>
@@ -9,12 +9,13 @@
 
 namespace vesk::controller {
 
-/// What to do where the process has as many descriptors as it may.
+/// The remedy for EMFILE.
 inline constexpr std::string_view noDescriptorsLeft =
-    "there are no descriptors left; raise the limit, LimitNOFILE of the unit";
+    "no descriptors are left; raise LimitNOFILE of the unit";
 
-/// "cannot listen on 192.0.2.1, port 4500: " and what to do. `start` is the command that names the
-/// address. `reason` ends with the system's message for the error; any other text is repeated.
+/// "cannot listen on 192.0.2.1, port 4500: " and the remedy. `start` is the command that contains
+/// the address. `reason` ends with the system's message for an error; if there is no remedy for
+/// that error, `reason` is appended instead.
 std::string cannotListen(const Command& start, std::string_view reason);
 
 }  // namespace vesk::controller

@@ -7,18 +7,18 @@ namespace vesk::controller {
 
 namespace {
 
-/// What lines differ in stands near their beginning.
+/// Lines of different kinds differ near their beginning.
 constexpr std::size_t longestName = 256;
 
 constexpr std::string_view decimalDigits = "0123456789";
-/// What numbers and addresses are made of.
+/// The characters of numbers and addresses.
 constexpr std::string_view numberCharacters = "0123456789abcdefABCDEFxX.:|";
 
 bool isOneOf(char c, std::string_view characters) {
     return characters.find(c) != std::string_view::npos;
 }
 
-/// Without regard to the locale.
+/// Independent of the locale.
 bool isWordCharacter(char c) {
     return (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9') || c == '_';
 }
@@ -28,8 +28,8 @@ std::size_t lengthOfWord(std::string_view text) {
     return static_cast<std::size_t>(end - text.begin());
 }
 
-/// The length of the number or address that the text begins with, or 0. Words that are made of hex
-/// digits alone are none.
+/// The length of the number or address at the beginning of the text, or 0. A word of hex letters
+/// without a decimal digit is not a number.
 std::size_t lengthOfNumber(std::string_view text) {
     const std::size_t length = std::min(text.find_first_not_of(numberCharacters), text.size());
     if (length < text.size() && isWordCharacter(text[length])) {
@@ -44,7 +44,7 @@ std::size_t lengthOfNumber(std::string_view text) {
     return number ? length : 0;
 }
 
-/// A word with each row of digits in it as one "#".
+/// The word with each sequence of digits replaced by one "#".
 std::string withoutDigits(std::string_view word) {
     std::string result;
     for (const char c : word) {
@@ -57,7 +57,7 @@ std::string withoutDigits(std::string_view word) {
     return result;
 }
 
-/// The label, as it is written, if `text` goes on with one behind the word.
+/// The label as written if one follows the word "label"; otherwise empty.
 std::string_view labelBehind(std::string_view text) {
     if (text.empty() || !isOneOf(text.front(), " :")) {
         return {};
@@ -67,7 +67,7 @@ std::string_view labelBehind(std::string_view text) {
     return number.empty() || !isOneOf(number.front(), decimalDigits) ? std::string_view() : number;
 }
 
-/// Takes the word that the text begins with, and the label behind it; returns their length.
+/// Takes the word at the beginning of the text, and a label after it; returns their length.
 std::size_t takeWord(std::string_view text, std::size_t length, LogKind& kind) {
     const std::string_view word = text.substr(0, length);
     kind.name += withoutDigits(word);

@@ -1,5 +1,5 @@
-// Which lines of the forwarder's log are of one kind: the same text but for numbers and addresses,
-// and for the same label where they name one. Called by service/log_limit.
+// Groups lines of the forwarder's log by kind: the same text apart from numbers and addresses, and
+// the same label if they contain one. Called by service/log_limit.
 #pragma once
 
 #include <string>
@@ -10,7 +10,7 @@
 namespace vesk::controller {
 
 struct LogKind {
-    std::string name;         ///< at most a few hundred bytes, whatever the line's length
+    std::string name;         ///< at most a few hundred bytes, however long the line is
     bool namesLabel = false;  ///< "label 0x10001/65537", "label 65537"
 };
 

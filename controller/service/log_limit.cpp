@@ -40,7 +40,7 @@ LogLimit::Kind* LogLimit::find(const LogKind& kind) {
     return found == kinds_.end() ? nullptr : &found->second;
 }
 
-/// One whose budget is full again is as good as a new one.
+/// A kind whose budget is full again is no different from a new one.
 void LogLimit::forgetKindsAtRest(Clock::time_point now) {
     if (forgotAt_ && now - *forgotAt_ < silence) {
         return;
@@ -75,8 +75,8 @@ LogLimit::Verdict LogLimit::take(const LogLine& line, Clock::time_point now) {
     const LogKind named = logKindOf(line.level, line.text);
     Kind* kind = find(named);
     const bool spent = kind != nullptr && !kind->budget.has(now);
-    // A label that uses up its own budget takes nothing from the other labels, and those that come
-    // too many are not worth the memory.
+    // A label that has used up its own budget does not use the common budget of all labels. New
+    // kinds are not stored while that is used up, to save memory.
     if (!spent && named.namesLabel && !labelLines_.has(now)) {
         leaveOut(labelLinesLeftOut_, line, false, now);
         return {};
@@ -96,7 +96,7 @@ LogLimit::Verdict LogLimit::take(const LogLine& line, Clock::time_point now) {
     return {true, mayTell(*kind, now) ? takeFrom(kind->leftOut) : std::nullopt};
 }
 
-/// Counts for labels are lines that name a label, too.
+/// The count of a label is itself a line with a label, so it uses the common budget.
 bool LogLimit::mayTell(const Kind& kind, Clock::time_point now) {
     if (kind.leftOut.lines == 0 || !kind.namesLabel) {
         return true;
@@ -128,7 +128,7 @@ std::vector<LeftOut> LogLimit::dueCounts(Clock::time_point now) {
         tell(kind);
     }
     tell(otherKinds_);
-    // These come from many labels, so no line of theirs is the one to tell it with.
+    // These come from many labels, so no example is shown.
     if (std::optional<LeftOut> leftOut = takeFrom(labelLinesLeftOut_)) {
         due.push_back(std::move(*leftOut));
     }

@@ -1,8 +1,8 @@
-// Keeps the forwarder's log from filling a disk: each datagram of a stranger may cause a line. Of
-// the lines of a kind (see service/log_kind) 20 in a row are passed on, then one a second, and the
-// others are counted. Called by service/log_output, which says the counts.
+// Limits the forwarder's log so that it cannot fill a disk: each datagram of an unknown sender may
+// cause a line. Of the lines of one kind (see service/log_kind) 20 in a row are passed on, then one
+// per second; the others are counted. Called by service/log_output, which logs the counts.
 //
-// Whoever counts something by the log does it before the limit.
+// Code that counts log lines must do so before the limit.
 #pragma once
 
 #include <chrono>
@@ -18,28 +18,28 @@
 
 namespace vesk::controller {
 
-/// Lines that were not passed on since the last time that this was told.
+/// Lines that were not passed on since the last count was logged.
 struct LeftOut {
     std::uint64_t lines = 0;
-    LogLevel level = LogLevel::none;  ///< of the first of them
-    std::string like;  ///< the first of them; empty where they have a label in common
+    LogLevel level = LogLevel::none;  ///< of the first of these lines
+    std::string like;                 ///< the first of these lines; empty for lines of many labels
 };
 
 /// "7 more lines like this were left out: TEXT".
 std::string describe(const LeftOut& leftOut);
 
-/// So many at once, and so many a second after that.
+/// Allows `most` lines at once, and `perSecond` after that.
 class LineBudget {
  public:
     using Clock = std::chrono::steady_clock;
 
     LineBudget(double most, double perSecond) : most_(most), perSecond_(perSecond), left_(most) {}
 
-    /// Whether another line may be passed on at that time.
+    /// Whether another line may be passed on at time `now`.
     bool has(Clock::time_point now) const { return leftAt(now) >= 1; }
     void spend(Clock::time_point now);
 
-    /// Whether all of it is there, as if no line had ever been passed on.
+    /// Whether the budget is as large as at the beginning.
     bool full(Clock::time_point now) const { return leftAt(now) >= most_; }
 
  private:
@@ -56,23 +56,23 @@ class LogLimit {
  public:
     using Clock = LineBudget::Clock;
 
-    /// How many kinds are remembered; lines of further kinds share one.
+    /// The maximum number of kinds; lines of further kinds share one budget.
     static constexpr std::size_t mostKinds = 8192;
 
     struct Verdict {
         bool pass = false;
-        std::optional<LeftOut> before;  ///< to be told before the line
+        std::optional<LeftOut> before;  ///< to be logged before the line
     };
 
     Verdict take(const LogLine& line, Clock::time_point now);
 
-    /// When dueCounts() has to be asked, if at all.
+    /// When dueCounts() must be called; none if no count is pending.
     std::optional<Clock::time_point> dueAt() const { return dueAt_; }
 
-    /// The counts of kinds that have been silent for a second.
+    /// The counts of kinds without a line for a second.
     std::vector<LeftOut> dueCounts(Clock::time_point now);
 
-    /// All counts that were not told yet.
+    /// All counts that have not been logged yet.
     std::vector<LeftOut> allCounts();
 
     std::size_t kinds() const { return kinds_.size(); }
@@ -92,9 +92,9 @@ class LogLimit {
     bool mayTell(const Kind& kind, Clock::time_point now);
 
     std::unordered_map<std::string, Kind> kinds_;
-    Kind otherKinds_;  // of which there were too many to be remembered
+    Kind otherKinds_;  // shared by all kinds above `mostKinds`
     LineBudget labelLines_{200, 200};
-    LeftOut labelLinesLeftOut_;  // for want of a share in these
+    LeftOut labelLinesLeftOut_;  // lines left out because labelLines_ was used up
     std::optional<Clock::time_point> dueAt_;
     std::optional<Clock::time_point> forgotAt_;
 };

@@ -20,7 +20,7 @@ namespace {
 constexpr std::size_t maxBacklog = std::size_t{8} << 20U;
 constexpr std::chrono::seconds lastChance{2};
 
-/// Of syslog's priorities those for each level, in the order of LogLevel.
+/// The syslog priority of each level, in the order of LogLevel.
 constexpr std::array<std::string_view, 6> journalPrefixes{"", "<3>", "<4>", "<6>", "<7>", "<7>"};
 
 int millisecondsUntil(std::chrono::steady_clock::time_point time) {
@@ -31,7 +31,7 @@ int millisecondsUntil(std::chrono::steady_clock::time_point time) {
 }  // namespace
 
 LogForm logFormOf(int fd) {
-    // NOLINTNEXTLINE(concurrency-mt-unsafe): nobody changes the environment.
+    // NOLINTNEXTLINE(concurrency-mt-unsafe): no thread changes the environment.
     const char* const stream = std::getenv("JOURNAL_STREAM");
     struct stat status {};
     if (stream == nullptr || fstat(fd, &status) != 0) {
@@ -59,7 +59,7 @@ void LogOutput::write(LogLevel level, std::string_view text) {
     if (lost_ > 0 && !failing_) {
         const std::size_t lost = std::exchange(lost_, 0);
         say(LogLevel::warn, countOf(lost, "line") + (lost == 1 ? " was" : " were") +
-                                " lost: this log was not read, or could not be written");
+                                " lost: the log was not read or could not be written");
     }
     lines_.add(formatLine(form_, level, text));
 }
@@ -82,7 +82,7 @@ void LogOutput::passOn(const LogLine& line) {
     }
 }
 
-/// At the level of the lines, so that whoever looks for these sees how many there were.
+/// At the level of the lines, so that a search for them also finds their count.
 void LogOutput::tell(const LeftOut& leftOut) {
     say(leftOut.level == LogLevel::none ? LogLevel::warn : leftOut.level, describe(leftOut));
 }
@@ -92,8 +92,8 @@ bool LogOutput::writable(int milliseconds) const {
     return poll(&watched, 1, milliseconds) == 1;
 }
 
-/// The descriptor is shared with others, so it stays blocking. Where poll(2) says that there is
-/// room, a pipe takes as much as it writes in one piece, and a socket at least as much.
+/// The descriptor is shared with other processes, so it stays blocking. If poll(2) reports it as
+/// writable, a pipe or socket takes PIPE_BUF bytes without blocking.
 bool LogOutput::writePiece() {
     const std::string_view piece = lines_.front(PIPE_BUF);
     const ssize_t written = ::write(fd_, piece.data(), piece.size());
@@ -103,7 +103,7 @@ bool LogOutput::writePiece() {
         return true;
     }
     if (errno != EINTR && errno != EAGAIN) {
-        // Nobody reads it, or the disk is full. The forwarder's work is worth more than its log.
+        // Nobody reads the log, or the disk is full. Forwarding continues without the log.
         lost_ += lines_.count();
         failing_ = true;
         lines_.clear();

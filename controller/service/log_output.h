@@ -1,6 +1,6 @@
-// The controller's log on standard error: its own words and those of the forwarder, in the form
-// that the reader understands. Writing never waits for the reader: the forwarder's output has to be
-// read whatever comes of its copy. Called by service/supervisor and main.
+// The controller's log on standard error: its own messages and the lines of the forwarder. Writing
+// never waits for the reader, because the forwarder's output must be read even if nobody reads this
+// log. Called by service/supervisor and main.
 #pragma once
 
 #include <chrono>
@@ -15,10 +15,10 @@
 
 namespace vesk::controller {
 
-/// How a level is told: by its name, or by the digits in angle brackets that the journal reads.
+/// How a level is written: as its name, or as the number in angle brackets that the journal reads.
 enum class LogForm { words, journal };
 
-/// `journal` where the environment's JOURNAL_STREAM names the file behind `fd`.
+/// `journal` if the environment variable JOURNAL_STREAM identifies the file of `fd`.
 LogForm logFormOf(int fd);
 
 std::string formatLine(LogForm form, LogLevel level, std::string_view text);
@@ -27,30 +27,30 @@ class LogOutput {
  public:
     LogOutput(int fd, LogForm form) : fd_(fd), form_(form) {}
 
-    /// A line, or several that newlines separate.
+    /// Writes one line, or several separated by newlines.
     void write(LogLevel level, std::string_view text);
 
-    /// The controller's own words, which say whose they are.
+    /// Writes a message of the controller, with the prefix "controller: ".
     void say(LogLevel level, std::string_view text);
 
-    /// A line of the forwarder, unless there were too many of its kind. To be called with each of
-    /// its lines: what is left out is counted, and the count is told.
+    /// Writes a line of the forwarder, unless there were too many of its kind. Must be called with
+    /// each line: those left out are counted, and the count is logged.
     void passOn(const LogLine& line);
 
-    /// Whether there can be too many lines of a kind, as there can unless told otherwise.
+    /// Turns the limit on or off; it is on at the beginning.
     void setLimited(bool limited) { limited_ = limited; }
 
-    /// When flush() has to be called for a count that is to be told, if at all.
+    /// When flush() must be called to log a count; none if no count is pending.
     std::optional<LogLimit::Clock::time_point> countDueAt() const { return limit_.dueAt(); }
 
-    /// Whether lines wait for the descriptor to take them.
+    /// Whether there are lines that have not been written yet.
     bool pending() const { return !lines_.empty(); }
     int descriptor() const { return fd_; }
 
-    /// Tells the counts that are due, and writes as much as the descriptor takes without waiting.
+    /// Logs the counts that are due, and writes as much as is possible without waiting.
     void flush();
 
-    /// Tells all counts and gives the reader a last chance: two seconds, however slowly it reads.
+    /// Logs all counts, and writes for at most two more seconds.
     void finish();
 
  private:
@@ -61,8 +61,8 @@ class LogOutput {
     int fd_;
     LogForm form_;
     PendingLines lines_;
-    std::size_t lost_ = 0;  // lines that were neither written nor told of
-    bool failing_ = false;  // the descriptor did not take the last piece
+    std::size_t lost_ = 0;  // lines that were not written and not reported as lost yet
+    bool failing_ = false;  // the last write failed
     LogLimit limit_;
     bool limited_ = true;
 };

@@ -11,22 +11,22 @@ namespace vesk::controller {
 std::variant<Options, int> parseOptions(int argumentCount, char** arguments) {
     CLI::App app(
         "Runs the UDP forwarder vesk with the flows of a configuration file, restarts it if it "
-        "ends, and publishes metrics. SIGHUP reads the file again; SIGTERM and SIGINT drain and "
-        "end.",
+        "ends, and publishes metrics. SIGHUP reloads the file; SIGTERM and SIGINT drain and "
+        "exit.",
         "vesk-controller");
     Options options;
     std::string file;
-    // Not marked as required: a wrong option is to be named first.
+    // Not marked as required, so that a wrong option is reported first.
     app.add_option("FILE", file, "configuration file, in TOML");
     app.add_flag("--check", options.check,
-                 "check the file, print the commands that would be sent, and end");
+                 "check the file, print the commands that would be sent, and exit");
     app.add_flag("--allow-readable-keys", options.allowReadableKeys,
-                 "accept files with keys that others can read");
+                 "accept files with keys that are readable by others");
     app.add_option("--program", options.program, "path of the forwarder");
     std::string newKeyFile;
     const CLI::Option* const newKey =
         app.add_option("--new-key", newKeyFile,
-                       "print a new random key, or write it to a new file with mode 600, and end")
+                       "print a new random key, or write it to a new file with mode 600, and exit")
             ->expected(0, 1)
             ->option_text("[FILE]");
     app.set_version_flag("--version", "vesk-controller " VESK_VERSION);
@@ -34,16 +34,16 @@ std::variant<Options, int> parseOptions(int argumentCount, char** arguments) {
         app.parse(argumentCount, arguments);
         options.newKey = newKey->count() > 0;
         if (options.newKey && !file.empty()) {
-            throw CLI::ValidationError("--new-key takes no configuration file");
+            throw CLI::ValidationError("--new-key cannot be used with a configuration file");
         }
         if (options.program && options.program->empty()) {
-            throw CLI::ValidationError("--program", "has to be a path");
+            throw CLI::ValidationError("--program", "must be a path");
         }
         if (!options.newKey && file.empty()) {
             throw CLI::RequiredError("FILE");
         }
     } catch (const CLI::ParseError& error) {
-        // It repeats arguments, and one of them may be a key in a file's place.
+        // The message repeats arguments, and one of them may be a key that was entered as a path.
         std::ostringstream complaint;
         const int status = app.exit(error, std::cout, complaint);
         std::cerr << maskKeyDigits(complaint.str());

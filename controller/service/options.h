@@ -1,4 +1,4 @@
-// The command line of vesk-controller. Called by main.
+// Parses the command line of vesk-controller. Called by main.
 #pragma once
 
 #include <filesystem>
@@ -22,11 +22,12 @@ struct Options {
     bool allowReadableKeys = false;
     std::optional<std::string> program;
 
-    bool newKey = false;               ///< print or write a key and end; there is no `file`
+    bool newKey = false;               ///< print or write a key and exit; `file` is empty
     std::filesystem::path newKeyFile;  ///< empty: print it
 };
 
-/// The options, or the exit status where the process is to end: it was misused, or asked for help.
+/// The options, or the exit status if the process must end: after a wrong usage, --help or
+/// --version.
 std::variant<Options, int> parseOptions(int argumentCount, char** arguments);
 
 }  // namespace vesk::controller

@@ -1,4 +1,4 @@
-// Where the forwarder's program is. Called by service/supervisor before each start.
+// Finds the forwarder's program. Called by service/supervisor before each start.
 #pragma once
 
 #include <filesystem>
@@ -7,13 +7,13 @@
 
 namespace vesk::controller {
 
-/// The first of: what the command line says, what the file says, a "vesk" in `ownFolder` that may
-/// be run, and "vesk" to be looked for by PATH.
+/// The path from the command line, else the path from the file, else an executable "vesk" in
+/// `ownFolder`, else "vesk", which is searched for in PATH.
 std::string programPath(const std::optional<std::string>& fromCommandLine,
                         const std::optional<std::string>& fromFile,
                         const std::filesystem::path& ownFolder);
 
-/// The folder that this process's own program is in.
+/// The folder of this process's own program.
 std::filesystem::path ownFolder();
 
 }  // namespace vesk::controller

@@ -1,5 +1,5 @@
-// When the forwarder is asked for its next report: at an interval, and for one at a time. Called by
-// service/supervisor.
+// When the forwarder is asked for its next report: at an interval, with at most one request
+// outstanding. Called by service/supervisor.
 #pragma once
 
 #include <chrono>
@@ -18,19 +18,20 @@ class ReportClock {
     /// No report is due until the clock is started again.
     void stop() { dueAt_.reset(); }
 
-    /// For a new forwarder: none of its reports is due or outstanding.
+    /// For a new forwarder: no report is due or outstanding.
     void reset() { *this = {}; }
 
     bool due(Clock::time_point now) const { return dueAt_ && *dueAt_ <= now; }
     std::optional<Clock::time_point> dueAt() const { return dueAt_; }
 
-    /// Sets the time of the next report. Whether to ask for one now: not while one is outstanding.
+    /// Sets the time of the next report. Returns whether to ask for one now, which is false while
+    /// one is outstanding.
     bool ask(Clock::time_point now, std::chrono::milliseconds interval) {
         dueAt_ = now + interval;
         return !std::exchange(outstanding_, true);
     }
 
-    /// The report asked for has come, or never will.
+    /// The outstanding report has arrived, or will not arrive.
     void answered() { outstanding_ = false; }
 
  private:

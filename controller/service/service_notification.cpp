@@ -24,12 +24,12 @@ std::string monotonicMicroseconds() {
 }
 
 std::optional<std::string> variable(const char* name) {
-    // NOLINTNEXTLINE(concurrency-mt-unsafe): nobody changes the environment.
+    // NOLINTNEXTLINE(concurrency-mt-unsafe): no thread changes the environment.
     const char* const value = std::getenv(name);
     return value != nullptr ? std::optional<std::string>(value) : std::nullopt;
 }
 
-/// None for a text that is no positive number.
+/// None if the text is not a positive number.
 std::optional<std::int64_t> number(const std::optional<std::string>& text) {
     std::int64_t value = 0;
     if (!text) {
@@ -41,7 +41,7 @@ std::optional<std::int64_t> number(const std::optional<std::string>& text) {
                                                                : std::nullopt;
 }
 
-/// WATCHDOG_PID says which process is meant; the variables are inherited by others.
+/// Child processes inherit the variables; WATCHDOG_PID says which process is meant.
 std::optional<std::chrono::microseconds> askedInterval() {
     const std::optional<std::string> process = variable("WATCHDOG_PID");
     const std::optional<std::int64_t> interval = number(variable("WATCHDOG_USEC"));
@@ -97,7 +97,7 @@ void ServiceNotification::send(std::string_view message) const {
         target.sun_path[0] = '\0';
     }
     const auto length = static_cast<socklen_t>(offsetof(sockaddr_un, sun_path) + address_->size());
-    // A service manager that does not listen is no reason to stop forwarding.
+    // Forwarding continues even if the service manager does not listen.
     static_cast<void>(sendto(socket_.get(), message.data(), message.size(),
                              MSG_NOSIGNAL | MSG_DONTWAIT,
                              reinterpret_cast<const sockaddr*>(&target), length));

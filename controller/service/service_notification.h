@@ -1,5 +1,5 @@
-// Tells the service manager what the controller is at: one datagram to the socket that
-// NOTIFY_SOCKET names. Without that variable nothing is sent. Called by service/supervisor.
+// Reports the controller's state to the service manager, with datagrams to the socket in
+// NOTIFY_SOCKET. Without that variable nothing is sent. Called by service/supervisor.
 #pragma once
 
 #include <chrono>
@@ -13,22 +13,22 @@ namespace vesk::controller {
 
 class ServiceNotification {
  public:
-    /// `address` is that of NOTIFY_SOCKET: a path, or "@" and an abstract name. `watchdogInterval`
-    /// is that of WATCHDOG_USEC.
+    /// `address` is the value of NOTIFY_SOCKET: a path, or "@" and an abstract name.
+    /// `watchdogInterval` is the value of WATCHDOG_USEC.
     explicit ServiceNotification(
         std::optional<std::string> address,
         std::optional<std::chrono::microseconds> watchdogInterval = std::nullopt);
 
-    /// As the environment has it.
+    /// With the values of the environment.
     static ServiceNotification fromEnvironment();
 
-    /// `status` is shown to whoever asks how the service is doing.
+    /// `status` is the text that the service manager shows for the service.
     void ready(std::string_view status) const;
     void reloading() const;
     void stopping(std::string_view status) const;
     void status(std::string_view status) const;
 
-    /// Within which time the service manager wants to hear alive() again; none where it does not
+    /// The time within which alive() must be called again; none if the service manager does not
     /// watch this process.
     std::optional<std::chrono::microseconds> watchdogInterval() const { return watchdogInterval_; }
     void alive() const;

@@ -16,8 +16,8 @@ SignalSource::SignalSource(std::initializer_list<int> signals) {
     for (const int number : signals) {
         sigaddset(&set, number);
     }
-    // Whoever started this process may have ignored it, and then ended children are not kept for
-    // us.
+    // The parent process may have set SIGCHLD to be ignored; children that end would then be
+    // discarded before reap() sees them.
     signal(SIGCHLD, SIG_DFL);
     pthread_sigmask(SIG_BLOCK, &set, nullptr);
     source_.reset(signalfd(-1, &set, SFD_CLOEXEC | SFD_NONBLOCK));

@@ -1,4 +1,4 @@
-// Signals as something to poll for, so that they are handled where everything else is. Called by
+// Receives signals through a descriptor, so that poll(2) can wait for them. Called by
 // service/supervisor.
 #pragma once
 
@@ -11,7 +11,7 @@ namespace vesk::controller {
 
 class SignalSource {
  public:
-    /// Blocks these signals in the calling thread, and in those that it starts from now on. Throws
+    /// Blocks these signals in the calling thread and in threads that it starts later. Throws
     /// std::system_error.
     explicit SignalSource(std::initializer_list<int> signals);
 

@@ -1,5 +1,5 @@
-// Whether traffic has come to rest, as far as the forwarder's reports show. Called by
-// service/supervisor while it drains.
+// Detects from the forwarder's reports that traffic has stopped. Called by service/forwarder_ending
+// and service/supervisor during a drain.
 #pragma once
 
 #include <chrono>
@@ -11,7 +11,7 @@
 
 namespace vesk::controller {
 
-/// All datagram counters of a report, and the labels they belong to.
+/// All datagram counters of a report, with the labels of their flows.
 std::vector<std::uint64_t> trafficCounters(const Report& report);
 
 class Standstill {
@@ -20,10 +20,10 @@ class Standstill {
 
     explicit Standstill(Clock::duration rest) : rest_(rest) {}
 
-    /// Takes the counters as they were at a time; true once they have stood still for long enough.
+    /// Takes the counters as of `now`; true once they have not changed for `rest`.
     bool observe(std::vector<std::uint64_t> counters, Clock::time_point now);
 
-    /// Whether there were any counters to see.
+    /// Whether observe() was called at all.
     bool observed() const { return counters_.has_value(); }
 
  private:

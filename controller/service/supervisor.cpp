@@ -45,7 +45,7 @@ int Supervisor::run() {
     return exitStatus_;
 }
 
-// ---- The turn of the loop. ----
+// ---- One turn of the loop. ----
 
 bool Supervisor::due(Deadline& deadline) {
     if (!deadline || *deadline > Clock::now()) {
@@ -73,7 +73,7 @@ int Supervisor::pollTimeout() const {
 }
 
 void Supervisor::waitAndHandle() {
-    // poll(2) passes over what is -1.
+    // poll(2) ignores a descriptor of -1.
     const bool reading = session_ && !session_->outputEnded();
     std::array<pollfd, 4> watched{{
         {signals_.descriptor(), POLLIN, 0},
@@ -123,9 +123,11 @@ void Supervisor::handleSignal(int number) {
             endStatus_ = session_->reap();
         }
     } else if (number == SIGUSR1 || number == SIGUSR2) {
-        // Other services rotate their logs at one of them. Unhandled, it would end this one.
-        log_.say(LogLevel::warn, std::string("SIG") + sigabbrev_np(number) +
-                                     " has no effect: SIGHUP reads the file again, SIGTERM ends");
+        // Some services rotate their logs on one of these signals. Unhandled, it would end this
+        // one.
+        log_.say(LogLevel::warn,
+                 std::string("SIG") + sigabbrev_np(number) +
+                     " is ignored: SIGHUP reloads the file, SIGTERM ends the controller");
     } else {
         terminate();
     }
@@ -153,7 +155,7 @@ void Supervisor::handleTime() {
     }
 }
 
-// ---- The forwarder's life. ----
+// ---- Start and end of the forwarder. ----
 
 bool Supervisor::startForwarder() {
     const std::string program =
@@ -200,7 +202,7 @@ void Supervisor::pauseAfter(Clock::duration lived) {
     startAgainAt_ = Clock::now() + pause;
     log_.say(LogLevel::warn,
              "starts the forwarder again in " + std::to_string(pause.count()) + " ms");
-    notification_.status("The forwarder ended and is about to be started again");
+    notification_.status("The forwarder ended and will be started again");
 }
 
 void Supervisor::forwarderEnded() {
@@ -210,7 +212,7 @@ void Supervisor::forwarderEnded() {
     const bool good = endedWell(status) && !running() && !ending_.draining();
     std::string text = "the forwarder " + describeEnd(status);
     if (running() && current != nullptr) {
-        text += ", at work on " + describe(*current);
+        text += " while handling the command for " + describe(*current);
     }
     log_.say(good ? LogLevel::info : LogLevel::error, text);
     session_.reset();

@@ -1,5 +1,5 @@
-// The controller at work: one thread, one poll(2), and whatever a signal, the forwarder or the
-// clock asks for. Called by main.
+// The controller's main loop: one thread with one poll(2), which handles signals, the forwarder's
+// output and deadlines. Called by main.
 #pragma once
 
 #include <chrono>
@@ -26,21 +26,21 @@ namespace vesk::controller {
 
 class Supervisor {
  public:
-    /// `options` and `log` have to outlive it. Blocks the signals that it waits for.
+    /// `options` and `log` must outlive it. Blocks the signals that it waits for.
     Supervisor(const Options& options, Configuration configuration, LogOutput& log);
 
-    /// From the forwarder's start to its last end; returns the exit status.
+    /// Runs until the forwarder has ended and is not started again; returns the exit status.
     int run();
 
  private:
     using Clock = std::chrono::steady_clock;
     using Deadline = std::optional<Clock::time_point>;
 
-    /// Commands whose last outcome is awaited: those of a new forwarder, of a reload, or those that
+    /// The group of commands whose outcomes are awaited: for a new forwarder, for a reload, or to
     /// try refused listeners again.
     enum class Round { none, replay, reload, listen };
 
-    // The turn of the loop.
+    // One turn of the loop.
     int pollTimeout() const;
     void waitAndHandle();
     void readForwarder();
@@ -49,20 +49,20 @@ class Supervisor {
     void handleSignal(int number);
     void handleTime();
 
-    // The forwarder's life.
+    // Start and end of the forwarder.
     bool startForwarder();
     void startAgain();
     RestartPause firstPause() const;
     void pauseAfter(Clock::duration lived);
     void forwarderEnded();
 
-    // Whether it answers.
+    // Detection of a forwarder that hangs.
     Deadline answerDue() const;
     void watchForwarder();
     void endHungForwarder();
     void answerWatchdog();
 
-    // What it says.
+    // Output of the forwarder.
     void handle(const OutputEvent& event);
     void count(const LogLine& line);
     void republish(const LogLine& line);
@@ -71,13 +71,13 @@ class Supervisor {
     void askForReport();
     void askTheKernel();
 
-    // What it is told.
+    // Commands to the forwarder.
     void sendAll(const std::vector<Command>& commands);
     void reload();
     void refuseReload(const Problems& problems);
     void applyReload();
 
-    // Whether the service is ready, and what is done until it is.
+    // Readiness of the service, and the listeners that were refused.
     void finishRound();
     void tellReloaded(std::string_view status);
     void noteListener(const Outcome& outcome);
@@ -85,13 +85,13 @@ class Supervisor {
     void listenAgain();
     std::string summary() const;
 
-    // A reload's new address, and what comes of it.
+    // A reload that changes the downstream address.
     void tryNewAddress();
     bool usesItself(const HostPort& address) const;
     void keepAddress(const HostPort& old, std::string_view reason);
     void noteStart(const Outcome& outcome);
 
-    // What others can read of it.
+    // Metrics.
     bool beginMetrics();
     void serveMetrics();
     void reloadMetrics();
@@ -100,7 +100,7 @@ class Supervisor {
     void publishStage(Stage stage);
     void countReload();
 
-    // Its end.
+    // The end of the controller.
     bool running() const { return !ending_.begun() && !ended_; }
     void terminate();
     void carryOut(const ForwarderEnding::Step& step);
@@ -112,22 +112,23 @@ class Supervisor {
     ServiceNotification notification_ = ServiceNotification::fromEnvironment();
     MetricsSettings servedMetrics_;
     std::unique_ptr<MetricsServer> metrics_;
-    // After what its thread publishes to.
+    // Declared after metrics_, to which its thread publishes.
     KernelWatch kernelWatch_;
     FlowDescriptors flowDescriptors_;
     RestartPause restartPause_;
     RestartPause listenPause_;
     RestartPause servePause_;
 
-    // While running there may be no forwarder: one has ended, and the next starts after a pause.
+    // While running() there may be no session: a forwarder has ended, and the next starts after a
+    // pause.
     ForwarderEnding ending_;
     bool ended_ = false;
     Round round_ = Round::none;
     Deployment deployment_;
     std::optional<ForwarderSession> session_;
-    std::optional<int> endStatus_;  // of a forwarder whose output may still hold something
-    bool ready_ = false;            // a forwarder has listened, and the service manager knows
-    bool reloadTold_ = false;       // the service manager waits for the end of a reload
+    std::optional<int> endStatus_;  // of a forwarder whose output has not been read to its end
+    bool ready_ = false;            // the service manager has been told that the service is ready
+    bool reloadTold_ = false;  // the service manager has been told of a reload, but not of its end
     std::optional<ReloadOutcome> reload_;      // of the last reload, until it is counted
     std::optional<HostPort> previousAddress_;  // to go back to if the new one is refused
     ReportClock reportClock_;

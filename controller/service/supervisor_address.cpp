@@ -1,6 +1,6 @@
-// A reload that moves the downstream address. The forwarder has to close the old address before it
-// opens the new one, so the controller tries the new one first, and goes back to the old one where
-// the forwarder fails all the same. The loop is in supervisor.cpp.
+// A reload that changes the downstream address. The forwarder must close the old address before it
+// opens the new one, so the controller first tries the new address itself. If the forwarder still
+// cannot open it, the controller moves the forwarder back. The loop is in supervisor.cpp.
 #include <algorithm>
 #include <system_error>
 #include <utility>
@@ -12,7 +12,7 @@
 
 namespace vesk::controller {
 
-/// Only where there is something to lose.
+/// Only if the forwarder listens, so that it could lose its address.
 void Supervisor::tryNewAddress() {
     if (!session_) {
         previousAddress_.reset();
@@ -29,7 +29,8 @@ void Supervisor::tryNewAddress() {
     }
 }
 
-/// A trial would meet the forwarder's own sockets, which it closes before it opens the new one.
+/// A trial would collide with the forwarder's own sockets, which it closes before it opens the new
+/// one.
 bool Supervisor::usesItself(const HostPort& address) const {
     const Configuration& running = deployment_.running();
     return session_ && (mayCollide(address, running.downstream) ||
@@ -44,7 +45,7 @@ void Supervisor::keepAddress(const HostPort& old, std::string_view reason) {
     const bool samePort = wanted_.downstream.port == old.port;
     const Problem problem{samePort ? lines.address : lines.port,
                           cannotListen(startCommand(wanted_.downstream), reason) +
-                              ". The forwarder stays on " + old.host + ", port " +
+                              ". The forwarder continues to listen on " + old.host + ", port " +
                               std::to_string(old.port)};
     log_.say(LogLevel::error, describe(problem, options_.file.string()));
     wanted_.downstream = old;
@@ -53,7 +54,7 @@ void Supervisor::keepAddress(const HostPort& old, std::string_view reason) {
     }
 }
 
-/// Of several changes that are under way the last one decides.
+/// If several changes are outstanding, only the outcome of the last one counts.
 void Supervisor::noteStart(const Outcome& outcome) {
     const bool last =
         outcome.command.attributes == startCommand(deployment_.running().downstream).attributes;

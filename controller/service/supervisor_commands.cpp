@@ -1,5 +1,5 @@
-// The supervisor's talk with the forwarder: what it says, what it is told, and how it is brought to
-// its end. The loop and the forwarder's life are in supervisor.cpp.
+// The supervisor's exchange with the forwarder: its output, the commands to it, and how it is
+// ended. The loop and the start of the forwarder are in supervisor.cpp.
 #include <csignal>
 #include <string>
 #include <utility>
@@ -27,7 +27,7 @@ std::string join(const std::vector<std::string>& texts) {
 
 }  // namespace
 
-// ---- What the forwarder says. ----
+// ---- Output of the forwarder. ----
 
 void Supervisor::handle(const OutputEvent& event) {
     if (const auto* const line = std::get_if<LogLine>(&event)) {
@@ -40,7 +40,7 @@ void Supervisor::handle(const OutputEvent& event) {
     }
 }
 
-/// For its reports the forwarder is set to info level for a moment, whatever level was asked for.
+/// During a report the forwarder logs at info level even if a lower level is configured.
 void Supervisor::republish(const LogLine& line) {
     if (line.level <= levelNamed(wanted_.forwarder.logLevel)) {
         log_.passOn(line);
@@ -74,7 +74,7 @@ void Supervisor::handleReport(const Report& report) {
     }
 }
 
-/// Below info level the forwarder reports nothing, so it is asked at info level.
+/// The forwarder writes reports only at info level and above, so the level is raised if necessary.
 void Supervisor::askForReport() {
     if (!reportClock_.ask(Clock::now(), running() ? wanted_.supervision.stats : drainingReports)) {
         return;
@@ -91,7 +91,7 @@ void Supervisor::askForReport() {
     }
 }
 
-// ---- What it is told. ----
+// ---- Commands to the forwarder. ----
 
 void Supervisor::sendAll(const std::vector<Command>& commands) {
     for (const Command& command : commands) {
@@ -101,7 +101,7 @@ void Supervisor::sendAll(const std::vector<Command>& commands) {
 
 void Supervisor::reload() {
     if (!running()) {
-        log_.say(LogLevel::warn, "SIGHUP has no effect: the controller is about to end");
+        log_.say(LogLevel::warn, "SIGHUP is ignored: the controller is ending");
         return;
     }
     if (ready_) {
@@ -127,7 +127,7 @@ void Supervisor::reload() {
     if (session_) {
         applyReload();
     } else {
-        tellReloaded("The forwarder is about to be started again");
+        tellReloaded("The forwarder will be started again");
     }
 }
 
@@ -136,7 +136,8 @@ void Supervisor::refuseReload(const Problems& problems) {
     for (const Problem& problem : problems) {
         log_.say(LogLevel::error, describe(problem, file));
     }
-    log_.say(LogLevel::error, maskKeyDigits(file) + " is not usable: everything stays as it was");
+    log_.say(LogLevel::error,
+             maskKeyDigits(file) + " is not usable: the running configuration is unchanged");
     reload_ = ReloadOutcome::fileRefused;
     countReload();
     tellReloaded("The last reload failed; " + summary());
@@ -145,7 +146,7 @@ void Supervisor::refuseReload(const Problems& problems) {
 void Supervisor::applyReload() {
     const ConfigurationChanges changes = deployment_.change(wanted_);
     for (const std::string& name : changes.waiting) {
-        log_.say(LogLevel::warn, name + ": takes effect when the forwarder is started again");
+        log_.say(LogLevel::warn, name + ": the change applies at the next start of the forwarder");
     }
     const std::string subjects = listSubjects(changes.commands);
     log_.say(LogLevel::info, "reload: " + countOf(changes.commands.size(), "command") + " to send" +
@@ -156,7 +157,7 @@ void Supervisor::applyReload() {
     sendAll(changes.commands);
 }
 
-// ---- Its end. ----
+// ---- The end of the controller. ----
 
 void Supervisor::terminate() {
     if (running()) {
@@ -172,9 +173,9 @@ void Supervisor::terminate() {
     const bool drains = !ending_.begun() && wanted_.supervision.drain != std::chrono::seconds(0);
     carryOut(ending_.ask(wanted_.supervision.drain, Clock::now()));
     if (drains) {
-        log_.say(LogLevel::info,
-                 "draining: ends when the traffic has stood still for a second, or in " +
-                     std::to_string(wanted_.supervision.drain.count()) + " s");
+        log_.say(LogLevel::info, "draining: ends after a second without traffic, or in " +
+                                     std::to_string(wanted_.supervision.drain.count()) +
+                                     " s at the latest");
         askForReport();
     }
 }

@@ -1,5 +1,5 @@
-// What the supervisor does for the metrics beside the report: it counts lines of the log, and has
-// the kernel's figures read.
+// What the supervisor does for the metrics apart from reports: it counts lines of the log, and
+// starts readings of the kernel's figures.
 #include <utility>
 
 #include "child/flow_sockets.h"
@@ -16,8 +16,8 @@ Listener listenerOn(const HostPort& place) {
 
 }  // namespace
 
-/// Without the lines that are only there because the level is raised for a report: they would be a
-/// part of all.
+/// Lines that appear only while the level is raised for a report are not counted: they would be a
+/// random part of all such lines.
 void Supervisor::count(const LogLine& line) {
     const std::optional<LogEvent> event = eventOf(line);
     if (!metrics_ || !event || line.level > levelNamed(wanted_.forwarder.logLevel)) {
@@ -30,15 +30,16 @@ void Supervisor::count(const LogLine& line) {
 }
 
 void Supervisor::askTheKernel() {
-    // The file may be ahead of the forwarder: the lateral stream never moves, and the listener for
-    // peers not at once.
+    // The forwarder's addresses may differ from the file's: the lateral stream never moves, and the
+    // listener for peers moves after a delay.
     const Configuration& running = deployment_.running();
     const HostPort downstream = deployment_.listeningOn().value_or(running.downstream);
     KernelTarget target{session_->pid(), {listenerOn(downstream), {}}, {}};
     if (running.lateral) {
         target.listeners.lateral = listenerOn(running.lateral->listen);
     }
-    // With a quieter log nothing says whose a new socket is, nor that an old number is another's.
+    // At a lower log level no line says which flow a descriptor belongs to, or that the number was
+    // reused for another flow.
     if (levelNamed(wanted_.forwarder.logLevel) < LogLevel::info) {
         flowDescriptors_.clear();
     } else if (servedMetrics_.perFlow) {

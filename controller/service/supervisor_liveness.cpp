@@ -1,5 +1,5 @@
-// Whether the forwarder still answers, and what the service manager is told of the controller
-// itself. The loop is in supervisor.cpp.
+// Detects a forwarder that no longer answers, and answers the service manager's watchdog. The loop
+// is in supervisor.cpp.
 #include <csignal>
 #include <string>
 
@@ -7,7 +7,7 @@
 
 namespace vesk::controller {
 
-/// While it drains and ends, other deadlines hold.
+/// None while the forwarder drains and ends: ForwarderEnding has the deadlines then.
 Supervisor::Deadline Supervisor::answerDue() const {
     if (!session_ || endStatus_ || hung_ || !running()) {
         return std::nullopt;
@@ -20,7 +20,7 @@ void Supervisor::watchForwarder() {
     if (!due(deadline)) {
         return;
     }
-    // It may have spoken since the descriptors were looked at.
+    // Output may have arrived since poll(2) returned.
     readForwarder();
     switch (session_->judge(wanted_.supervision.answer)) {
         case AnswerWatch::Verdict::waiting:
@@ -34,14 +34,14 @@ void Supervisor::watchForwarder() {
     }
 }
 
-/// Killed at once: a process that is stopped does not take any other signal.
+/// SIGKILL at once: a stopped process handles no other signal.
 void Supervisor::endHungForwarder() {
     hung_ = true;
-    log_.say(LogLevel::error, "the forwarder has not said anything for " +
+    log_.say(LogLevel::error, "no output from the forwarder for " +
                                   std::to_string(wanted_.supervision.answer.count()) +
-                                  " s, at work on " + session_->current()->subject +
-                                  ": killing it");
-    notification_.status("The forwarder hangs and is killed");
+                                  " s while handling the command for " +
+                                  session_->current()->subject + ": killing it");
+    notification_.status("The forwarder hangs and is being killed");
     if (metrics_) {
         metrics_->childUp(false);
     }

@@ -1,4 +1,4 @@
-// The supervisor's pages for others: where they are served, and what is published besides the
+// The supervisor's metrics: where the pages are served, and what is published apart from the
 // reports. The loop is in supervisor.cpp.
 #include <stdexcept>
 #include <string>
@@ -7,8 +7,8 @@
 
 namespace vesk::controller {
 
-/// Counts from the beginning on, whether or not anybody can read it yet. False where the pages have
-/// to be served and cannot be.
+/// Counts from the start, even if the pages cannot be served yet. False if they cannot be served
+/// although metrics.required is true.
 bool Supervisor::beginMetrics() {
     if (!servedMetrics_.enabled) {
         return true;
@@ -21,30 +21,30 @@ bool Supervisor::beginMetrics() {
 void Supervisor::serveMetrics() {
     try {
         metrics_->serve(servedMetrics_.address, servedMetrics_.port);
-        log_.say(LogLevel::info, "serves metrics on " + servedMetrics_.address + ", port " +
+        log_.say(LogLevel::info, "serving metrics on " + servedMetrics_.address + ", port " +
                                      std::to_string(metrics_->port()));
         return;
     } catch (const std::runtime_error& error) {
         log_.say(LogLevel::error, error.what());
     }
     if (servedMetrics_.required) {
-        log_.say(LogLevel::error, "metrics.required is true: ends without them");
+        log_.say(LogLevel::error, "metrics.required is true: exiting");
         return;
     }
     const std::chrono::milliseconds pause = servePause_.after(Clock::duration::zero());
     serveAgainAt_ = Clock::now() + pause;
-    log_.say(LogLevel::warn, "goes on without metrics, and tries to serve them again in " +
+    log_.say(LogLevel::warn, "continues without metrics and tries to serve them again in " +
                                  std::to_string(pause.count()) + " ms");
 }
 
-/// A new place counts as long as there is none; what is served stays as it is.
+/// A new address or port is used only if the pages are not being served yet.
 void Supervisor::reloadMetrics() {
     if (metrics_ && !metrics_->serving()) {
         servedMetrics_.address = wanted_.metrics.address;
         servedMetrics_.port = wanted_.metrics.port;
     }
     if (wanted_.metrics != servedMetrics_) {
-        log_.say(LogLevel::warn, "metrics: takes effect when the controller is started again");
+        log_.say(LogLevel::warn, "metrics: the change applies at the next start of the controller");
     }
 }
 

@@ -1,5 +1,5 @@
-// Whether the service is ready, as the log, the service manager and the metrics are told, and the
-// listeners that the forwarder refused, which are tried again. The loop is in supervisor.cpp.
+// Reports to the log, the service manager and the metrics whether the service is ready, and tries
+// refused listeners again. The loop is in supervisor.cpp.
 #include <string>
 #include <utility>
 
@@ -35,8 +35,8 @@ void Supervisor::finishRound() {
     }
 }
 
-/// The end of a reload is told as readiness. That alone makes nothing ready that starts up: it is
-/// when its first forwarder listens.
+/// The service manager expects READY=1 at the end of a reload, successful or not. At the start,
+/// however, READY=1 is sent only once the forwarder listens.
 void Supervisor::tellReloaded(std::string_view status) {
     if (std::exchange(reloadTold_, false)) {
         notification_.ready(status);
@@ -66,7 +66,7 @@ void Supervisor::planListening() {
     log_.say(LogLevel::warn, "tries to listen again in " + std::to_string(pause.count()) + " ms");
 }
 
-/// What is being carried out ends in another plan.
+/// Does nothing while commands are outstanding: finishRound() plans the next attempt.
 void Supervisor::listenAgain() {
     if (session_ && round_ == Round::none) {
         round_ = Round::listen;

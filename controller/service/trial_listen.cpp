@@ -14,7 +14,7 @@ namespace vesk::controller {
 
 namespace {
 
-/// An IPv4 address comes as the IPv6 address that stands for it.
+/// An IPv4 address is returned as an IPv4-mapped IPv6 address.
 in6_addr bytesOf(const std::string& host) {
     in6_addr bytes{};
     if (inet_pton(AF_INET6, host.c_str(), &bytes) != 1) {

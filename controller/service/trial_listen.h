@@ -1,16 +1,17 @@
-// Whether an address can be listened on, found out by listening on it for a moment. Called by
-// service/supervisor before the forwarder gives up the address that it has.
+// Finds out whether the forwarder can listen on an address by binding a socket to it briefly.
+// Called by service/supervisor before the forwarder closes its present address.
 #pragma once
 
 #include "config/configuration.h"
 
 namespace vesk::controller {
 
-/// Opens the address as the forwarder would, and closes it. 0, or the negative error number.
+/// Binds a socket to the address as the forwarder does, and closes it. 0, or the negative error
+/// number.
 int tryToListen(const HostPort& address);
 
-/// Whether one socket on each of the two could be in the other's way: the same port, and the same
-/// address or all addresses of the host. Where IPv6 stands for IPv4 too it counts as such.
+/// Whether sockets on the two addresses could collide: they have the same port, and the same
+/// address, or one is the wildcard address. An IPv4-mapped address counts as IPv4.
 bool mayCollide(const HostPort& one, const HostPort& other);
 
 }  // namespace vesk::controller

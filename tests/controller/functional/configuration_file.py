@@ -1,4 +1,4 @@
-"""The controller's file, written from the flows that the tests know."""
+"""Writes the controller's file from flows of the tests."""
 
 from __future__ import annotations
 
@@ -12,7 +12,7 @@ from framework.udp import Address, free_port
 
 
 class ConfigurationFile:
-    """A file in a folder of its own, and all the keys that were ever in it."""
+    """A configuration file in its own folder, and all keys that have been in it."""
 
     def __init__(self, folder: Path) -> None:
         self.folder = folder
@@ -23,8 +23,8 @@ class ConfigurationFile:
         self.secrets: Set[str] = set()
 
     def join(self, port: int, index: int = 0) -> None:
-        """Makes it the file of one of two instances, whose lateral streams have a loopback address each
-        and one port."""
+        """Makes this the file of one of two instances. Each has its own loopback address, and both
+        have the same port."""
         other = 1 - index
         self.tables["lateral"] = (
             f'address = "{LOOPBACK[index]}"\nport = {port}\nindex = {index}\ninstances = 2\n'

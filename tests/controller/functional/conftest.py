@@ -1,3 +1,3 @@
-"""What the tests of this folder are given."""
+"""Fixtures for the tests of this folder."""
 
 pytest_plugins = ["framework.fixtures", "controller_fixtures"]

@@ -24,7 +24,7 @@ def configuration(tmp_path: Path) -> ConfigurationFile:
 
 @pytest.fixture
 def start_controller(configuration: ConfigurationFile) -> Iterator[StartController]:
-    """Starts controllers; none of them outlives the test, or says a key of its file."""
+    """Starts controllers. At the end of the test stops them and checks that they printed no key."""
     started: List[ControllerProcess] = []
 
     def start(*arguments: str, file: ConfigurationFile = configuration,

@@ -1,4 +1,4 @@
-"""Runs the controller and watches what it says."""
+"""Runs the controller and reads its log."""
 
 from __future__ import annotations
 
@@ -32,7 +32,7 @@ def command(configuration: ConfigurationFile, *arguments: str) -> List[str]:
 
 def run_once(configuration: ConfigurationFile,
              *arguments: str) -> "subprocess.CompletedProcess[str]":
-    """A controller that ends by itself."""
+    """Runs a controller that ends by itself."""
     result = subprocess.run(command(configuration, *arguments), cwd=configuration.folder,
                             capture_output=True, text=True, timeout=scaled(20), check=False)
     check_secrecy(configuration, result.stdout + result.stderr)
@@ -47,7 +47,7 @@ def check_secrecy(configuration: ConfigurationFile, said: str) -> None:
 def process_children(pid: int) -> List[int]:
     children: List[int] = []
     for task in Path(f"/proc/{pid}/task").iterdir():
-        # A thread may end in between; its children are then listed at another one.
+        # A thread may end meanwhile; its children are then listed under another thread.
         with contextlib.suppress(FileNotFoundError, ProcessLookupError):
             children += map(int, (task / "children").read_text(encoding="ascii").split())
     return children
@@ -91,14 +91,14 @@ class ControllerProcess:
             self._ended = True
             self._changed.notify_all()
 
-    # What it says -----------------------------------------------------------------------
+    # Its log ----------------------------------------------------------------------------
 
     def mark(self) -> int:
         with self._changed:
             return len(self.lines)
 
     def wait_for(self, expected: Expected, since: int = 0, seconds: float = 10.0) -> str:
-        """The first line that is the text, or that the pattern matches as a whole."""
+        """Returns the first line that equals the text or fully matches the pattern."""
         deadline = time.monotonic() + scaled(seconds)
         with self._changed:
             while True:
@@ -107,7 +107,7 @@ class ControllerProcess:
                         return line
                 left = deadline - time.monotonic()
                 if self._ended or left <= 0:
-                    raise AssertionError(f"{expected!r} was not said\n" + "\n".join(self.lines))
+                    raise AssertionError(f"{expected!r} was not logged\n" + "\n".join(self.lines))
                 self._changed.wait(left)
 
     def ready(self, seconds: float = 10.0) -> "ControllerProcess":
@@ -117,10 +117,10 @@ class ControllerProcess:
     def check_secrecy(self) -> None:
         check_secrecy(self.configuration, "\n".join(self.lines))
 
-    # What it is told --------------------------------------------------------------------
+    # Signals ----------------------------------------------------------------------------
 
     def reload(self) -> str:
-        """Lets it read its file again; returns what it says when that is done."""
+        """Sends SIGHUP; returns the line that it logs at the end of the reload."""
         since = self.mark()
         self.signal(signal.SIGHUP)
         return self.wait_for(re.compile(r"(info controller: reloaded: |"
@@ -129,18 +129,18 @@ class ControllerProcess:
     def signal(self, number: int) -> None:
         os.kill(self.pid, number)
 
-    # What it is -------------------------------------------------------------------------
+    # Processes --------------------------------------------------------------------------
 
     @property
     def pid(self) -> int:
         return self._process.pid
 
     def forwarder(self) -> int:
-        """The process id of its child."""
+        """Returns the process id of the forwarder."""
         wait_until(lambda: len(process_children(self.pid)) == 1, "there is one forwarder")
         return process_children(self.pid)[0]
 
-    # How it ends ------------------------------------------------------------------------
+    # End --------------------------------------------------------------------------------
 
     def wait_exit(self, seconds: float = 15.0) -> int:
         status = self._process.wait(scaled(seconds))
@@ -149,7 +149,7 @@ class ControllerProcess:
         return status
 
     def finish(self) -> int:
-        """The ordinary end; returns the exit status."""
+        """Ends it with SIGTERM; returns the exit status."""
         self.signal(signal.SIGTERM)
         return self.wait_exit()
 

@@ -1,4 +1,4 @@
-"""Questions and answers on one flow, one after the other, on a thread of their own."""
+"""Sends questions on one flow and receives the answers, one after the other, in a thread."""
 
 from __future__ import annotations
 
@@ -12,7 +12,7 @@ from framework.udp import Address, UdpEnd
 
 
 def ask(end: UdpEnd, flow: Flow, to: Address, payload: bytes, seconds: float) -> bool:
-    """Whether a question is answered, rightly and in time."""
+    """Whether a question gets the correct answer in time."""
     deadline = time.monotonic() + seconds
     end.send(flow.request(payload), to)
     while (left := deadline - time.monotonic()) > 0:
@@ -30,13 +30,13 @@ def ask_until_answered(end: UdpEnd, flow: Flow, to: Address, seconds: float = 10
     deadline = time.monotonic() + scaled(seconds)
     number = 0
     while not ask(end, flow, to, f"question {number}".encode(), 0.05):
-        assert time.monotonic() < deadline, f"nobody answers label {flow.label:#x}"
+        assert time.monotonic() < deadline, f"no answer for label {flow.label:#x}"
         number += 1
 
 
 class Conversation:
-    """Goes on until it is stopped. An answer that does not come in a second, or in `patience`, is a
-    loss; one that is wrong ends it, and `stop` raises what was wrong."""
+    """Continues until it is stopped. An answer that does not arrive within `patience` seconds is a
+    loss. A wrong answer ends the conversation, and `stop` raises the error."""
 
     def __init__(self, flow: Flow, to: Address, patience: float = 1.0) -> None:
         self.answered = 0
@@ -62,19 +62,19 @@ class Conversation:
             self._failure = failure
 
     def wait_for_answers(self, count: int) -> None:
-        """Waits for so many more."""
+        """Waits for `count` more answers."""
         goal = self.answered + count
         wait_until(lambda: self.answered >= goal or self._failure is not None,
                    f"{count} more answers came", 20)
 
     def wait_for_losses(self, count: int) -> None:
-        """Waits for so many more."""
+        """Waits for `count` more losses."""
         goal = self.lost + count
         wait_until(lambda: self.lost >= goal or self._failure is not None,
                    f"{count} more answers did not come", 20)
 
     def ask_no_more(self) -> None:
-        """The last question may still wait for its answer."""
+        """Sends no further question; the last one may still wait for its answer."""
         self._stop.set()
 
     def stop(self) -> None:

@@ -1,4 +1,4 @@
-"""The form of the table of operators' mistakes, and what all its rows share."""
+"""The types of the table of operators' mistakes, and the messages that several rows share."""
 
 from __future__ import annotations
 
@@ -11,15 +11,15 @@ if TYPE_CHECKING:
     from trial import Trial
 
 
-# What a reload of a file that cannot be used ends with.
-UNUSABLE = "error controller: FILE is not usable: everything stays as it was"
+# The last line of a reload of an unusable file.
+UNUSABLE = "error controller: FILE is not usable: the running configuration is unchanged"
 
 TAKEN_BY_ANOTHER = (
-    'another socket has it; end its process, which "ss -lunp" names, or change the file')
+    'the port is in use; stop the process that "ss -lunp" shows, or change the file')
 
 
 class Traffic(enum.Enum):
-    """The effect on the traffic of the flows, in the words of the page."""
+    """The effect on the traffic of the flows, as it is written on the page."""
 
     NOTHING = "nothing is started"
     FORWARDED = "all datagrams are forwarded"
@@ -33,23 +33,23 @@ class Traffic(enum.Enum):
 
 @dataclass(frozen=True)
 class Mistake:
-    """One row. Messages name what differs by the words of `Trial.names`, and `...` for other text."""
+    """One row. In messages the words of `Trial.names` stand for values, and `...` for any text."""
 
     what: str
     make: Callable[["Trial"], None]
     says: Tuple[str, ...]
     traffic: Traffic
-    status: Optional[int] = None  # none: the controller goes on
+    status: Optional[int] = None  # None: the controller continues to run
 
 
 @dataclass(frozen=True)
 class FileMistake:
-    """One wrong line of a file that is in order otherwise: at the start and at a reload."""
+    """One wrong line in an otherwise correct file: at the start and at a reload."""
 
     what: str
-    lines: str  # put behind the file, or in the place of a line of it
+    lines: str  # appended to the file, or replacing a line of it
     says: str
-    wrong: int = -1  # which of the lines the message names
+    wrong: int = -1  # index of the line that the message names
     instead_of: str = ""
 
 
@@ -63,10 +63,10 @@ class FileSection:
 
 @dataclass(frozen=True)
 class Section:
-    """Rows that are one table of the page."""
+    """The rows of one table of the page."""
 
     title: str
-    while_it_runs: bool  # or at the start
+    while_it_runs: bool  # otherwise at the start
     rows: Sequence[Mistake]
 
 
@@ -84,7 +84,7 @@ def at_reload(row: FileMistake) -> Mistake:
 
 
 def pattern(message: str, names: Dict[str, str]) -> "re.Pattern[str]":
-    """What a message of the table matches."""
+    """The pattern that a message of the table stands for."""
     words = "|".join(sorted(map(re.escape, names), key=len, reverse=True))
     parts = re.split(rf"(\.\.\.|\b(?:{words})\b)" if names else r"(\.\.\.)", message)
     return re.compile("".join(

@@ -1,4 +1,4 @@
-"""Mistakes in what the controller is started with, the file's lines left aside."""
+"""Mistakes at the start of the controller, other than wrong lines in the file."""
 
 from __future__ import annotations
 
@@ -13,7 +13,8 @@ from trial import Trial, obeying_permissions
 
 Make = Callable[[Trial], None]
 
-_ENDED = "error controller: the forwarder ended with status {}, at work on the log level"
+_ENDED = ("error controller: the forwarder ended with status {} while handling the command for the log "
+          "level")
 _AGAIN = "warn controller: starts the forwarder again in ... ms"
 
 
@@ -21,7 +22,7 @@ def _usage(*words: str) -> Make:
     def make(trial: Trial) -> None:
         trial.usage = list(words)
         if "FILE" not in words:
-            # The message is to name the argument.
+            # The message must contain the argument.
             del trial.names["FILE"]
     return make
 
@@ -127,7 +128,7 @@ def _checked(make: Make) -> Make:
 
 CHECK = Section("`vesk-controller --check FILE`", False, [
     Mistake("there are no flows", _checked(_no_flows),
-            ("warn controller: there are no flows: all datagrams of peers will be dropped",),
+            ("warn controller: there are no flows: all datagrams from peers will be dropped",),
             Traffic.NOTHING, 0),
     Mistake("a short key: `from_peer = { key = \"abcd\" }`", _checked(_short_key),
             ("warn controller: 1 key is shorter than 16 bytes and can be guessed: "
@@ -143,13 +144,13 @@ FILE_ITSELF = Section("The file itself", False, [
             ("error FILE: cannot be read: No such file or directory",), Traffic.NOTHING, 1),
     Mistake("it is a directory", _file(_directory), ("error FILE: is not a regular file",),
             Traffic.NOTHING, 1),
-    Mistake("it may not be read", _unreadable, ("error FILE: cannot be read: Permission denied",),
+    Mistake("it is not readable", _unreadable, ("error FILE: cannot be read: Permission denied",),
             Traffic.NOTHING, 1),
     Mistake("it is empty", _file(lambda path: path.write_text("")),
             ("error FILE:1: downstream is missing",), Traffic.NOTHING, 1),
-    Mistake("it holds keys, and others may read it", _file(lambda path: path.chmod(0o644)),
-            ("error FILE:...: a key stands here and others may read the file: chmod go-r it, or give "
-             "--allow-readable-keys",), Traffic.NOTHING, 1),
+    Mistake("it contains keys, and others can read it", _file(lambda path: path.chmod(0o644)),
+            ("error FILE:...: the file contains a key and is readable by others: run chmod go-r on it, "
+             "or use --allow-readable-keys",), Traffic.NOTHING, 1),
     Mistake("it has no flows", _no_flows, ("info controller: the forwarder is set up: 0 flows",),
             Traffic.UNHEARD),
 ])
@@ -163,9 +164,9 @@ USAGE = Section("The command line", False, [
     _usage_mistake("option without its value", "FILE --program",
                    "--program: 1 required TEXT missing"),
     Mistake("empty program: `vesk-controller --program \"\" FILE`", _usage("--program", "", "FILE"),
-            ("--program: has to be a path",), Traffic.NOTHING, 2),
-    _usage_mistake("a file beside --new-key", "--new-key new.key FILE",
-                   "--new-key takes no configuration file"),
+            ("--program: must be a path",), Traffic.NOTHING, 2),
+    _usage_mistake("a file together with --new-key", "--new-key new.key FILE",
+                   "--new-key cannot be used with a configuration file"),
 ])
 
 PROGRAM = Section("The forwarder's program", False, [
@@ -179,29 +180,29 @@ PROGRAM = Section("The forwarder's program", False, [
             ("info controller: started PROGRAM, process ...", _ENDED.format(7), _AGAIN),
             Traffic.UNHEARD),
     Mistake("it is another program, which does not answer", _silent_program,
-            ("error controller: the forwarder has not said anything for 1 s, at work on the log "
-             "level: killing it", _AGAIN), Traffic.UNHEARD),
+            ("error controller: no output from the forwarder for 1 s while handling the command for the "
+             "log level: killing it", _AGAIN), Traffic.UNHEARD),
 ])
 
 ADDRESSES = Section("Addresses and ports", False, [
-    Mistake("another program has the port", _port_taken,
+    Mistake("another program uses the port", _port_taken,
             (f"error controller: cannot listen on 127.0.0.1, port PORT: {TAKEN_BY_ANOTHER}",
              "warn controller: tries to listen again in ... ms"), Traffic.REMEDIED),
     Mistake("the host does not have the address", _foreign_address,
-            ("error controller: cannot listen on 192.0.2.1, port PORT: this host has no such "
-             'address; add it, or change the file to one that "ip address" lists',),
+            ("error controller: cannot listen on 192.0.2.1, port PORT: this host does not have "
+             'the address; add it, or use one that "ip address" lists',),
             Traffic.UNHEARD),
-    Mistake("another program has the lateral port", _lateral_port_taken,
+    Mistake("another program uses the lateral port", _lateral_port_taken,
             (f"error controller: cannot listen on {LOOPBACK[0]}, port LATERAL: {TAKEN_BY_ANOTHER}",
              "info controller: the forwarder is set up: 2 flows, without lateral stream"),
             Traffic.FORWARDED),
-    Mistake("another program has the metrics' port", _metrics_port_taken(""),
+    Mistake("another program uses the metrics port", _metrics_port_taken(""),
             ("error controller: cannot serve metrics on 127.0.0.1...METRICS: ...",
-             "warn controller: goes on without metrics, and tries to serve them again in ... ms"),
+             "warn controller: continues without metrics and tries to serve them again in ... ms"),
             Traffic.FORWARDED),
     Mistake("the same with `required = true`", _metrics_port_taken("required = true"),
             ("error controller: cannot serve metrics on 127.0.0.1...METRICS: ...",
-             "error controller: metrics.required is true: ends without them"), Traffic.NOTHING, 4),
+             "error controller: metrics.required is true: exiting"), Traffic.NOTHING, 4),
 ])
 
 SURROUNDINGS = Section("Environment, limits and standard descriptors", False, [
@@ -210,17 +211,17 @@ SURROUNDINGS = Section("Environment, limits and standard descriptors", False, [
     Mistake("FIPS mode is required (`__TORLEXA_OPENSSL_FIPS`) on a host without it",
             _environment("__TORLEXA_OPENSSL_FIPS", ""),
             ("error Failed to initialize FIPS mode!", _ENDED.format(255), _AGAIN), Traffic.UNHEARD),
-    Mistake("the same by `__MIRVOX_OPENSSL_FIPS`", _environment("__MIRVOX_OPENSSL_FIPS", "1"),
+    Mistake("the same with `__MIRVOX_OPENSSL_FIPS`", _environment("__MIRVOX_OPENSSL_FIPS", "1"),
             ("error Failed to initialize FIPS mode!", _ENDED.format(255), _AGAIN), Traffic.UNHEARD),
-    Mistake("`NOTIFY_SOCKET` names no socket", _environment("NOTIFY_SOCKET", "/nowhere/notify"),
+    Mistake("`NOTIFY_SOCKET` is not the path of a socket", _environment("NOTIFY_SOCKET", "/nowhere/notify"),
             (), Traffic.FORWARDED),
     Mistake("too few descriptors for the flows", _prefix("prlimit", "--nofile=40:40"),
-            ("warn controller: the hard limit of descriptors is 40, and 2 flows need 104: datagrams of "
-             "flows beyond it will be dropped; set LimitNOFILE= of the service or ulimit -Hn to at "
-             "least that",), Traffic.FORWARDED),
+            ("warn controller: the hard limit on descriptors is 40, but 2 flows need 104: datagrams of "
+             "flows beyond the limit will be dropped; set LimitNOFILE= of the service or ulimit -Hn to "
+             "at least that",), Traffic.FORWARDED),
     Mistake("too few descriptors for the forwarder", _prefix("prlimit", "--nofile=5:5"),
-            ("error controller: cannot run PROGRAM: there are no descriptors left; raise the limit, "
-             "LimitNOFILE of the unit",), Traffic.NOTHING, 3),
+            ("error controller: cannot run PROGRAM: no descriptors are left; raise LimitNOFILE of the "
+             "unit",), Traffic.NOTHING, 3),
     Mistake("standard input is closed", _prefix("sh", "-c", 'exec "$@" <&-', "sh"), (),
             Traffic.FORWARDED),
     Mistake("standard error is closed", _prefix("sh", "-c", 'exec "$@" 2>&-', "sh"), (),

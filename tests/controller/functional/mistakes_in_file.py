@@ -1,4 +1,4 @@
-"""Wrong lines of the file."""
+"""Wrong lines in the file."""
 
 from __future__ import annotations
 
@@ -6,8 +6,8 @@ from mistake import FileMistake, FileSection
 
 _CAROL = '[flows.carol]\nlabel = 3\nupstream = "127.0.0.1:5000"\n'
 _LATERAL = '[lateral]\naddress = "127.0.0.1"\nport = 4600\ninstances = 2\n'
-_LABEL = "flows.carol.label has to be a whole number from 1 to 4294967295"
-_UPSTREAM = ('flows.carol.upstream has to be a numeric address and a port, "127.0.0.1:5000" or '
+_LABEL = "flows.carol.label must be an integer from 1 to 4294967295"
+_UPSTREAM = ('flows.carol.upstream must be a numeric address and a port, "127.0.0.1:5000" or '
              '"[::1]:5000"')
 
 
@@ -25,41 +25,41 @@ def _from_peer(text: str) -> str:
 
 SYNTAX = FileSection("Lines that are not TOML", [
     FileMistake("text without quotes", _upstream("127.0.0.1:5000"),
-                "table flows.carol, key upstream, column 14: the value is neither a number, nor true "
-                "or false, nor a text in quotes"),
+                "table flows.carol, key upstream, column 14: the value is not a number, true, false "
+                "or a string in quotes"),
     FileMistake("closing quote missing", _upstream('"127.0.0.1:5000'),
-                "table flows.carol, key upstream, column ...: the text has no closing quote"),
+                "table flows.carol, key upstream, column ...: the string has no closing quote"),
     FileMistake("bracket missing", "[flows.carol",
-                '...column 13: "]" is missing behind the name of the table'),
+                '...column 13: "]" is missing after the name of the table'),
     FileMistake("key given twice", _CAROL + "label = 4",
                 "table flows.carol, key label, column 9: the key is given twice"),
     FileMistake("table defined twice", _CAROL + _CAROL,
-                "table flows.carol is defined twice, first in line ...", wrong=3),
+                "table flows.carol is defined twice, first on line ...", wrong=3),
 ])
 
 FLOWS = FileSection("Flows", [
     FileMistake("misspelled key", _CAROL + 'upstraem = "127.0.0.1:5000"',
-                "flows.carol.upstraem is not known"),
+                "flows.carol.upstraem is not a known key"),
     FileMistake("key missing", "[flows.carol]\nlabel = 3", "flows.carol.upstream is missing", 0),
-    FileMistake("label of another flow", _label("0x2"), "flows.carol.label is that of flows.bob too"),
+    FileMistake("label of another flow", _label("0x2"), "flows.carol.label is already used by flows.bob"),
     FileMistake("label too large", _label("4294967296"), _LABEL),
     FileMistake("label 0", _label("0"), _LABEL),
     FileMistake("label in quotes", _label('"3"'), _LABEL),
-    FileMistake("host name for an address", _upstream('"service.example:5000"'), _UPSTREAM),
+    FileMistake("host name instead of an address", _upstream('"service.example:5000"'), _UPSTREAM),
     FileMistake("port missing", _upstream('"127.0.0.1"'), _UPSTREAM),
     FileMistake("IPv6 address without brackets", _upstream('"::1:5000"'), _UPSTREAM),
     FileMistake("source of the other address family", _CAROL + 'source = "[::1]:5001"',
-                "flows.carol.source and upstream have to be of the same address family"),
+                "flows.carol.source and upstream must have the same address family"),
     FileMistake("DSCP out of range", _CAROL + "to_peer = { dscp = 64 }",
-                "flows.carol.to_peer.dscp has to be a whole number from 0 to 63"),
+                "flows.carol.to_peer.dscp must be an integer from 0 to 63"),
 ])
 
 KEYS = FileSection("Keys", [
     FileMistake("odd number of hex digits", _from_peer('key = "abc"'),
                 "flows.carol.from_peer.key is not usable: the key has an odd number of hex digits"),
-    FileMistake("no hex digits", _from_peer('key = "alice and bob"'),
-                "flows.carol.from_peer.key is not usable: the key has a character that is no hex "
-                "digit"),
+    FileMistake("not hex digits", _from_peer('key = "alice and bob"'),
+                "flows.carol.from_peer.key is not usable: the key has a character that is not a "
+                "hex digit"),
     FileMistake("empty key", _from_peer('key = ""'),
                 "flows.carol.from_peer.key is not usable: the key is empty"),
     FileMistake("key too long", _from_peer(f'key = "{"ab" * 129}"'),
@@ -67,38 +67,38 @@ KEYS = FileSection("Keys", [
     FileMistake("key file missing", _from_peer('key_file = "carol.key"'),
                 "flows.carol.from_peer.key_file is not usable: FOLDER/carol.key cannot be read: No "
                 "such file or directory"),
-    FileMistake("key file that others may read", _from_peer('key_file = "readable.key"'),
-                "flows.carol.from_peer.key_file is not usable: FOLDER/readable.key may be read by "
-                "others: chmod go-r it, or give --allow-readable-keys"),
+    FileMistake("key file that others can read", _from_peer('key_file = "readable.key"'),
+                "flows.carol.from_peer.key_file is not usable: FOLDER/readable.key is readable by others: "
+                "run chmod go-r on it, or use --allow-readable-keys"),
     FileMistake("key file that is a directory", _from_peer('key_file = "."'),
                 "flows.carol.from_peer.key_file is not usable: FOLDER/. is not a regular file"),
     FileMistake("key and key file", _from_peer('key = "ab", key_file = "readable.key"'),
                 "flows.carol.from_peer.key_file and key are mutually exclusive"),
     FileMistake("unknown algorithm", _from_peer('key = "ab", algorithm = "md5"'),
-                'flows.carol.from_peer.algorithm has to be one of "sha256", "sha1"'),
+                'flows.carol.from_peer.algorithm must be one of "sha256", "sha1"'),
 ])
 
 SETTINGS = FileSection("Other tables", [
-    FileMistake("misspelled table", "[flow.carol]", "flow is not known"),
-    FileMistake("misspelled setting", "enabeld = false", "metrics.enabeld is not known",
+    FileMistake("misspelled table", "[flow.carol]", "flow is not a known key"),
+    FileMistake("misspelled setting", "enabeld = false", "metrics.enabeld is not a known key",
                 instead_of="enabled = false"),
     FileMistake("host name to listen on", 'address = "localhost"',
-                "downstream.address has to be a numeric address",
+                "downstream.address must be a numeric address",
                 instead_of='address = "127.0.0.1"'),
     FileMistake("port out of range", "port = 70000",
-                "downstream.port has to be a whole number from 1 to 65535",
+                "downstream.port must be an integer from 1 to 65535",
                 instead_of="port = PORT"),
     FileMistake("unknown framing", '[forwarder]\nframing = "udpv3"',
-                'forwarder.framing has to be one of "udpv1", "udpv2"'),
+                'forwarder.framing must be one of "udpv1", "udpv2"'),
     FileMistake("unknown log level", '[forwarder]\nlog_level = "verbose"',
-                'forwarder.log_level has to be one of "error", "warn", "info", "debug", "trace"'),
+                'forwarder.log_level must be one of "error", "warn", "info", "debug", "trace"'),
     FileMistake("instance that does not exist", _LATERAL + 'peers = [ { index = 1, address = '
-                '"127.0.0.2" } ]\nindex = 2', "lateral.index has to be below the number of instances"),
-    FileMistake("lateral stream on the port for peers", '[lateral]\naddress = "127.0.0.1"\n'
+                '"127.0.0.2" } ]\nindex = 2', "lateral.index must be below the number of instances"),
+    FileMistake("lateral stream on the downstream port", '[lateral]\naddress = "127.0.0.1"\n'
                 'instances = 1\nindex = 0\npeers = []\nport = PORT',
-                "lateral.port is that of downstream too, on the same address"),
+                "lateral.port is the same as downstream.port, on the same address"),
     FileMistake("lateral stream without peers", _LATERAL + "index = 0\npeers = []",
-                "lateral.peers is empty: the stream does not start without a peer"),
+                "lateral.peers is empty: the lateral stream needs at least one peer"),
 ])
 
 SECTIONS = (SYNTAX, FLOWS, KEYS, SETTINGS)

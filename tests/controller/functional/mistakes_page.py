@@ -1,4 +1,4 @@
-"""Prints docs/mistakes.md from the rows that test_mistakes.py drives.
+"""Prints docs/mistakes.md from the rows that test_mistakes.py tests.
 
 Usage: mistakes_page.py >docs/mistakes.md
 """

@@ -1,4 +1,4 @@
-"""Mistakes that are made while two flows have traffic."""
+"""Mistakes while two flows have traffic."""
 
 from __future__ import annotations
 
@@ -13,7 +13,7 @@ from trial import Trial
 
 Make = Callable[[Trial], None]
 
-_STAYS = "The forwarder stays on 127.0.0.1, port PORT"
+_STAYS = "The forwarder continues to listen on 127.0.0.1, port PORT"
 
 
 def _reloaded(change: Callable[[Trial], object]) -> Make:
@@ -24,7 +24,7 @@ def _reloaded(change: Callable[[Trial], object]) -> Make:
 
 
 def _written(change: Callable[[Trial], object]) -> Make:
-    """A reload of a file that is in order."""
+    """A reload of a correct file."""
     def make(trial: Trial) -> None:
         change(trial)
         trial.configuration.write()
@@ -56,7 +56,7 @@ def _foreign_address(trial: Trial) -> None:
 
 
 def _other_key(trial: Trial) -> None:
-    """Bob's peer goes on with the old one."""
+    """Bob's peer keeps the old key."""
     old, trial.bob.down_in = trial.bob.down_in, Key(b"the new key of bob")
     trial.configuration.write()
     trial.bob.down_in = old
@@ -107,8 +107,8 @@ def _drain(trial: Trial) -> None:
     trial.configuration.write()
     trial.controller.reload()
     trial.controller.signal(signal.SIGTERM)
-    trial.controller.wait_for("info controller: draining: ends when the traffic has stood still for a "
-                              "second, or in 1000 s")
+    trial.controller.wait_for("info controller: draining: ends after a second without traffic, or "
+                              "in 1000 s at the latest")
 
 
 def _terminate_twice(trial: Trial) -> None:
@@ -122,50 +122,52 @@ def _reload_while_it_drains(trial: Trial) -> None:
 
 
 RELOADS = Section("Reloads", True, [
-    Mistake("the file may not be read", _reloaded(lambda trial: _file(trial).chmod(0)),
+    Mistake("the file is not readable", _reloaded(lambda trial: _file(trial).chmod(0)),
             ("error controller: FILE: cannot be read: Permission denied", UNUSABLE),
             Traffic.UNAFFECTED),
     Mistake("the file is empty", _reloaded(lambda trial: _file(trial).write_text("")),
             ("error controller: FILE:1: downstream is missing", UNUSABLE), Traffic.UNAFFECTED),
-    Mistake("the file is gone", _reloaded(lambda trial: _file(trial).unlink()),
+    Mistake("the file does not exist", _reloaded(lambda trial: _file(trial).unlink()),
             ("error controller: FILE: cannot be read: No such file or directory", UNUSABLE),
             Traffic.UNAFFECTED),
-    Mistake("a directory is in the file's place", _reloaded(_become_directory),
+    Mistake("the file was replaced by a directory", _reloaded(_become_directory),
             ("error controller: FILE: is not a regular file", UNUSABLE), Traffic.UNAFFECTED),
-    Mistake("a good and a bad flow are new", _reloaded(_good_and_bad_flow),
-            ("error controller: FILE:...: flows.dave.label is that of flows.bob too", UNUSABLE),
+    Mistake("a correct and a wrong flow are added", _reloaded(_good_and_bad_flow),
+            ("error controller: FILE:...: flows.dave.label is already used by flows.bob", UNUSABLE),
             Traffic.UNAFFECTED),
-    Mistake("another program has the new port", _written(_taken_port),
+    Mistake("another program uses the new port", _written(_taken_port),
             ("error controller: FILE:...: cannot listen on 127.0.0.1, port TAKEN: "
              f"{TAKEN_BY_ANOTHER}. {_STAYS}",
              "info controller: reloaded: 2 flows"), Traffic.UNAFFECTED),
     Mistake("the host does not have the new address", _written(_foreign_address),
-            ("error controller: FILE:...: cannot listen on 192.0.2.1, port PORT: this host has no such "
-             'address; add it, or change the file to one that "ip address" lists. ' + _STAYS,),
+            ("error controller: FILE:...: cannot listen on 192.0.2.1, port PORT: this host does not "
+             'have the address; add it, or use one that "ip address" lists. ' + _STAYS,),
             Traffic.UNAFFECTED),
     Mistake("a flow with traffic is removed", _written(_without_bob),
             ("info controller: reload: 1 command to send: flow bob",
              "info controller: reloaded: 1 flow"), Traffic.OTHERS_UNAFFECTED),
-    Mistake("a flow's key is changed, and its peer has the old one", _other_key,
+    Mistake("a flow's key is changed, but its peer keeps the old one", _other_key,
             ("info controller: reload: 1 command to send: flow bob",
              "downstreamPacketReceivedFailed HMAC Check!"), Traffic.OTHERS_UNAFFECTED),
 ])
 
 PROCESSES = Section("Signals and processes", True, [
-    Mistake("100 times SIGHUP at once", _signal(signal.SIGHUP, 100),
+    Mistake("SIGHUP 100 times at once", _signal(signal.SIGHUP, 100),
             ("info controller: reload: 0 commands to send", "info controller: reloaded: 2 flows"),
             Traffic.UNAFFECTED),
     Mistake("SIGUSR1", _signal(signal.SIGUSR1),
-            ("warn controller: SIGUSR1 has no effect: SIGHUP reads the file again, SIGTERM ends",),
+            ("warn controller: SIGUSR1 is ignored: SIGHUP reloads the file, SIGTERM ends the "
+             "controller",),
             Traffic.UNAFFECTED),
     Mistake("SIGUSR2", _signal(signal.SIGUSR2),
-            ("warn controller: SIGUSR2 has no effect: SIGHUP reads the file again, SIGTERM ends",),
+            ("warn controller: SIGUSR2 is ignored: SIGHUP reloads the file, SIGTERM ends the "
+             "controller",),
             Traffic.UNAFFECTED),
     Mistake("SIGTERM twice", _terminate_twice,
             ("info controller: draining: ...", "info controller: the forwarder ended with status 0"),
             Traffic.ENDED, 0),
     Mistake("SIGHUP after SIGTERM", _reload_while_it_drains,
-            ("warn controller: SIGHUP has no effect: the controller is about to end",),
+            ("warn controller: SIGHUP is ignored: the controller is ending",),
             Traffic.UNAFFECTED),
     Mistake("SIGSTOP", _stop_controller, (), Traffic.UNAFFECTED),
     Mistake("SIGKILL", _signal(signal.SIGKILL), (), Traffic.ENDED, -signal.SIGKILL),
@@ -179,8 +181,9 @@ PROCESSES = Section("Signals and processes", True, [
             ("error controller: cannot run PROGRAM: No such file or directory",
              "warn controller: starts the forwarder again in 200 ms"), Traffic.INTERRUPTED),
     Mistake("SIGSTOP to the forwarder", _stop_forwarder,
-            ("error controller: the forwarder has not said anything for 1 s, at work on ...: killing "
-             "it", "warn controller: starts the forwarder again in ... ms"), Traffic.INTERRUPTED),
+            ("error controller: no output from the forwarder for 1 s while handling the command for "
+             "...: killing it",
+             "warn controller: starts the forwarder again in ... ms"), Traffic.INTERRUPTED),
 ])
 
 SECTIONS = (RELOADS, PROCESSES)

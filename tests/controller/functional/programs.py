@@ -1,4 +1,4 @@
-"""Programs that stand in for a forwarder, or spoil what it is told."""
+"""Programs that replace the forwarder, or change the commands to it."""
 
 from __future__ import annotations
 
@@ -6,16 +6,16 @@ import os
 from pathlib import Path
 
 
-# For the shell: takes commands and says nothing.
+# For the shell: reads commands and writes nothing.
 SILENT = "exec cat >/dev/null"
 
-# For the shell: says of each command what the forwarder says of one that it does not know, and so answers
-# each fence.
+# For the shell: answers each command with the forwarder's error for an unknown command. That answers each
+# fence.
 ANSWERING = "while read line; do echo \"error Unrecognised command '$line'\"; echo; done"
 
 
 def script(folder: Path, text: str) -> str:
-    """A program for the shell; returns its path."""
+    """Writes a shell script; returns its path."""
     path = folder / "program"
     path.write_text(f"#!/bin/sh\n{text}\n", encoding="utf-8")
     path.chmod(0o700)
@@ -23,6 +23,6 @@ def script(folder: Path, text: str) -> str:
 
 
 def spoiling_program(folder: Path, edit: str) -> str:
-    """The forwarder, with its commands edited by sed on their way."""
+    """Writes a script that runs the forwarder and edits its commands with sed; returns its path."""
     forwarder = os.path.abspath(os.environ["VESK_BINARY"])
     return script(folder, f"sed -u '{edit}' | '{forwarder}' \"$@\"")

@@ -1,4 +1,4 @@
-"""The service manager's end of the notification socket."""
+"""Plays the service manager at the notification socket."""
 
 from __future__ import annotations
 
@@ -11,7 +11,7 @@ from framework.timing import scaled
 
 
 class ServiceManager:
-    """Receives what a controller with `environment` sends."""
+    """Receives the messages of a controller with `environment`."""
 
     def __init__(self, folder: Path) -> None:
         self._socket = socket.socket(socket.AF_UNIX, socket.SOCK_DGRAM)
@@ -24,12 +24,12 @@ class ServiceManager:
         return self._socket.recv(1000).decode("utf-8").splitlines()
 
     def has_message(self) -> bool:
-        """Whether there is a message that `told` would return."""
+        """Whether `told` would return a message at once."""
         readable, _, _ = select.select([self._socket], [], [], 0)
         return bool(readable)
 
     def told_until(self, expected: str) -> List[str]:
-        """All lines up to the message that holds this one, which is left out."""
+        """The lines of all messages before the one that contains this line."""
         lines: List[str] = []
         while expected not in (message := self.told()):
             lines += message

@@ -54,7 +54,7 @@ def test_new_key_is_printed() -> None:
 
 
 @pytest.mark.parametrize("umask", [0o000, 0o022, 0o777])
-def test_new_key_is_written_for_its_owner_alone(tmp_path: Path, umask: int) -> None:
+def test_new_key_file_is_readable_by_owner_only(tmp_path: Path, umask: int) -> None:
     file = tmp_path / "alice.key"
     done = run(binary(), "--new-key", file, umask=umask)
     assert (done.returncode, done.stdout, done.stderr) == (0, "", "")
@@ -62,7 +62,7 @@ def test_new_key_is_written_for_its_owner_alone(tmp_path: Path, umask: int) -> N
     assert KEY_LINE.fullmatch(file.read_text())
 
 
-def test_new_key_replaces_no_file(tmp_path: Path) -> None:
+def test_new_key_does_not_replace_a_file(tmp_path: Path) -> None:
     old: Dict[Path, str] = {}
     for name in ("plain", "empty"):
         old[tmp_path / name] = name if name != "empty" else ""
@@ -71,7 +71,7 @@ def test_new_key_replaces_no_file(tmp_path: Path) -> None:
     for name in ("plain", "empty", "link"):
         done = run(binary(), "--new-key", name, folder=tmp_path)
         assert (done.returncode, done.stdout) == (1, "")
-        assert done.stderr == f"vesk-controller: {name} cannot be made: File exists\n"
+        assert done.stderr == f"vesk-controller: {name} cannot be created: File exists\n"
     assert {path: path.read_text() for path in old} == old
     assert not (tmp_path / "nothing").exists()
 
@@ -91,7 +91,7 @@ def test_new_key_that_cannot_be_printed_is_an_error() -> None:
     assert "cannot be written" in done.stderr
 
 
-def test_new_key_takes_nothing_beside_its_file(tmp_path: Path) -> None:
+def test_new_key_refuses_a_second_file(tmp_path: Path) -> None:
     done = run(binary(), "--new-key", tmp_path / "a.key", tmp_path / "vesk.toml")
     assert done.returncode == 2
     assert list(tmp_path.iterdir()) == []

@@ -1,4 +1,4 @@
-"""SIGTERM and SIGINT: traffic comes to rest, the forwarder ends, and the controller says how."""
+"""SIGTERM and SIGINT: the traffic drains, the forwarder ends, and the controller logs how."""
 
 from __future__ import annotations
 
@@ -21,7 +21,7 @@ from service_manager import ServiceManager
 
 @pytest.mark.parametrize("number", [signal.SIGTERM, signal.SIGINT])
 @pytest.mark.parametrize("level", ["info", "warn"])
-def test_it_goes_on_forwarding_until_the_traffic_rests(
+def test_forwards_until_the_traffic_stops(
         configuration: ConfigurationFile, start_controller: StartController, alice: Flow,
         number: int, level: str) -> None:
     configuration.tables["controller"] = "drain_seconds = 60"
@@ -37,14 +37,14 @@ def test_it_goes_on_forwarding_until_the_traffic_rests(
     assert conversation.lost == 0
     rest = time.monotonic()
     assert controller.wait_exit(30) == 0
-    # Its counters changed with the last of the traffic, and have to stand still for a second.
+    # The counters last changed with the last datagram, and must not change for a second.
     assert time.monotonic() - rest > 0.9
     controller.wait_for("info controller: the forwarder ended with status 0")
     assert not is_alive(forwarder)
 
 
-def test_draining_has_an_end(configuration: ConfigurationFile, start_controller: StartController,
-                             alice: Flow) -> None:
+def test_drain_time_is_limited(configuration: ConfigurationFile, start_controller: StartController,
+                               alice: Flow) -> None:
     configuration.tables["controller"] = "drain_seconds = 2"
     configuration.write()
     controller = start_controller().ready()
@@ -54,10 +54,10 @@ def test_draining_has_an_end(configuration: ConfigurationFile, start_controller:
         assert controller.finish() == 0
         took = time.monotonic() - began
     assert 2 <= took < scaled(6)
-    controller.wait_for("warn controller: there is still traffic, and the time to drain is over")
+    controller.wait_for("warn controller: the drain time is over, but there is still traffic")
 
 
-def test_no_traffic_is_made_up_where_nothing_is_reported(
+def test_drain_without_reports_is_logged_as_such(
         configuration: ConfigurationFile, start_controller: StartController) -> None:
     configuration.tables["controller"] = "drain_seconds = 1"
     configuration.write()
@@ -65,7 +65,7 @@ def test_no_traffic_is_made_up_where_nothing_is_reported(
     controller = start_controller("--program", silent)
     controller.wait_for(re.compile("info controller: started .*"))
     assert controller.finish() == 0
-    controller.wait_for("warn controller: nothing is reported, and the time to drain is over")
+    controller.wait_for("warn controller: the drain time is over, and no report has arrived")
 
 
 def test_a_forwarder_that_does_not_end_is_killed(configuration: ConfigurationFile,
@@ -76,12 +76,12 @@ def test_a_forwarder_that_does_not_end_is_killed(configuration: ConfigurationFil
     controller = start_controller("--program", script(configuration.folder, stubborn)).ready()
     controller.signal(signal.SIGTERM)
     assert controller.wait_exit(20) == 3
-    controller.wait_for("error controller: the forwarder does not end: terminating it")
+    controller.wait_for("error controller: the forwarder does not end: sending SIGTERM")
     controller.wait_for("error controller: the forwarder was ended by signal 9 (Killed)")
 
 
-def test_the_service_manager_is_told(configuration: ConfigurationFile,
-                                     start_controller: StartController, alice: Flow) -> None:
+def test_the_service_manager_is_notified(configuration: ConfigurationFile,
+                                         start_controller: StartController, alice: Flow) -> None:
     configuration.write()
     with ServiceManager(configuration.folder) as manager:
         controller = start_controller(environment=manager.environment)
@@ -97,8 +97,8 @@ def test_the_service_manager_is_told(configuration: ConfigurationFile,
     assert controller.wait_exit() == 0
 
 
-def test_a_reload_makes_nobody_ready_who_is_not(configuration: ConfigurationFile,
-                                                start_controller: StartController) -> None:
+def test_a_reload_before_readiness_does_not_send_ready(configuration: ConfigurationFile,
+                                                       start_controller: StartController) -> None:
     configuration.write()
     silent = script(configuration.folder, SILENT)
     with ServiceManager(configuration.folder) as manager:
@@ -114,11 +114,11 @@ def test_a_reload_makes_nobody_ready_who_is_not(configuration: ConfigurationFile
         assert manager.told()[0] == "STOPPING=1"
 
 
-def test_nobody_becomes_ready_who_is_stopping(configuration: ConfigurationFile,
-                                              start_controller: StartController) -> None:
+def test_ready_is_not_sent_while_stopping(configuration: ConfigurationFile,
+                                          start_controller: StartController) -> None:
     configuration.tables["controller"] = "drain_seconds = 3"
     configuration.write()
-    # It answers when there is a file that says so, which is after the signal.
+    # It answers only once a certain file exists, which is created after the signal.
     hesitant = f"while [ ! -e go ]; do sleep 0.01; done\n{ANSWERING}"
     with ServiceManager(configuration.folder) as manager:
         controller = start_controller(
@@ -136,7 +136,7 @@ def test_the_journal_gets_its_priorities(configuration: ConfigurationFile,
                                          start_controller: StartController, peer: UdpEnd,
                                          alice: Flow) -> None:
     configuration.write()
-    # The shell knows what its standard error is, which the controller then inherits.
+    # The shell finds out the file of its standard error, which the controller inherits.
     controller = start_controller(prefix=[
         "sh", "-c", 'JOURNAL_STREAM=$(stat -L -c %d:%i /proc/self/fd/2) exec "$@"', "sh"])
     controller.wait_for("<6>controller: the forwarder is set up: 1 flow")

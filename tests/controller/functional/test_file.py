@@ -1,4 +1,4 @@
-"""The file: what is accepted, what is refused, and what --check makes of it."""
+"""The file: what is accepted, what is refused, and what --check prints."""
 
 from __future__ import annotations
 
@@ -17,12 +17,12 @@ def one_flow(configuration: ConfigurationFile) -> None:
 
 
 @pytest.mark.parametrize("mode", [0o640, 0o604, 0o644])
-def test_a_file_with_keys_that_others_may_read_is_refused(configuration: ConfigurationFile,
+def test_a_file_with_keys_that_others_can_read_is_refused(configuration: ConfigurationFile,
                                                           mode: int) -> None:
     configuration.write(mode)
     refused = run_once(configuration)
     assert refused.returncode == 1
-    assert "others may read the file" in refused.stderr
+    assert "the file contains a key and is readable by others" in refused.stderr
     assert run_once(configuration, "--check", "--allow-readable-keys").returncode == 0
 
 
@@ -58,20 +58,20 @@ def test_every_mistake_is_reported_at_once(configuration: ConfigurationFile,
     assert refused.stdout == ""
     place = f"error {configuration.path}"
     assert refused.stderr.splitlines() == [
-        f"{place}:2: downstream.address has to be a numeric address",
+        f"{place}:2: downstream.address must be a numeric address",
         f"{place}:5: flows.alice.upstream is missing",
-        f"{place}:6: flows.alice.label has to be a whole number from 1 to 4294967295",
+        f"{place}:6: flows.alice.label must be an integer from 1 to 4294967295",
         f"{place}:7: flows.alice.to_peer.key is not usable: the key has an odd number of hex digits"]
 
 
-def test_a_file_that_is_not_there(configuration: ConfigurationFile) -> None:
+def test_missing_file(configuration: ConfigurationFile) -> None:
     refused = run_once(configuration, "--check")
     assert refused.returncode == 1
     assert refused.stderr == (f"error {configuration.path}: cannot be read: "
                               "No such file or directory\n")
 
 
-def test_a_low_limit_of_descriptors_is_said(configuration: ConfigurationFile) -> None:
+def test_check_warns_of_a_low_limit_on_descriptors(configuration: ConfigurationFile) -> None:
     configuration.flows = {f"flow{label}": Flow(label=label, upstream=("127.0.0.1", 5000))
                            for label in range(1, 101)}
     configuration.write()
@@ -79,13 +79,13 @@ def test_a_low_limit_of_descriptors_is_said(configuration: ConfigurationFile) ->
         ["prlimit", "--nofile=200:250", binary(), "--check", str(configuration.path)],
         capture_output=True, text=True, check=False, timeout=20)
     assert limited.returncode == 0
-    assert ("warn controller: the hard limit of descriptors is 250, and 100 flows need 300"
+    assert ("warn controller: the hard limit on descriptors is 250, but 100 flows need 300"
             in limited.stderr)
 
 
-def test_check_warns_of_what_is_allowed_and_looks_like_a_mistake(
+def test_check_warns_of_settings_that_look_like_mistakes(
         configuration: ConfigurationFile) -> None:
-    """Each kind once; a file without them has no warning."""
+    """One warning for each kind."""
     key = configuration.flows["alice"].down_in
     configuration.flows["bob"] = Flow(label=0x10002, upstream=("127.0.0.1", 5000), down_in=key)
     configuration.flows["carol"] = Flow(label=3, upstream=("127.0.0.1", 5000))
@@ -95,8 +95,8 @@ def test_check_warns_of_what_is_allowed_and_looks_like_a_mistake(
     configuration.write()
     checked = run_once(configuration, "--check")
     assert checked.returncode == 0
-    for part in ("1 flow has no key, and 0.0.0.0 is no loopback address",
-                 "1 key is used for several purposes or flows",
+    for part in ("1 flow has no key, and 0.0.0.0 is not a loopback address",
+                 "1 key is used for several legs or flows",
                  "flows.alice.from_peer and flows.bob.from_peer",
                  "flows.bob (label 0x10002, instance 1)",
                  "lateral.peers names 1 of the 2 other instances"):
@@ -104,15 +104,15 @@ def test_check_warns_of_what_is_allowed_and_looks_like_a_mistake(
     assert all(line.startswith("warn controller: ") for line in checked.stderr.splitlines())
 
 
-def test_check_does_not_warn_of_a_file_that_is_in_order(configuration: ConfigurationFile) -> None:
+def test_check_does_not_warn_of_a_correct_file(configuration: ConfigurationFile) -> None:
     configuration.write()
     assert "flow" not in run_once(configuration, "--check").stderr
 
 
-def test_check_says_in_words_where_the_file_is_not_toml(configuration: ConfigurationFile) -> None:
+def test_check_describes_a_toml_syntax_error(configuration: ConfigurationFile) -> None:
     configuration.write_text("[downstream]\naddress = 127.0.0.1\nport = 1\n")
     refused = run_once(configuration, "--check")
     assert refused.returncode == 1
     assert refused.stderr == (
         f"error {configuration.path}:2: table downstream, key address, column 16: the value is "
-        "neither a number, nor true or false, nor a text in quotes\n")
+        "not a number, true, false or a string in quotes\n")

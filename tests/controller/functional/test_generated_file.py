@@ -21,7 +21,7 @@ def traffic(*words: object) -> "subprocess.CompletedProcess[str]":
 
 
 def label_of(command: str) -> int:
-    """Of a set command; 0 for any other."""
+    """The label of a set command; 0 for any other command."""
     words = command.split()
     return int(words[2], 0) if words[:2] == ["set", "label"] else 0
 

@@ -1,4 +1,4 @@
-"""A forwarder that lives and does not answer is replaced, and one that is only slow is not."""
+"""A forwarder that runs but does not answer is replaced; one that is only slow is not."""
 
 from __future__ import annotations
 
@@ -20,28 +20,28 @@ from service_manager import ServiceManager
 def test_a_stopped_forwarder_is_replaced(
         configuration: ConfigurationFile, start_controller: StartController, peer: UdpEnd,
         alice: Flow) -> None:
-    # It is found out without a report.
+    # Detected without a report.
     configuration.tables["controller"] = "answer_seconds = 1\nstats_seconds = 1000"
     configuration.write()
     controller = start_controller().ready()
     stopped = controller.forwarder()
     os.kill(stopped, signal.SIGSTOP)
-    # It is at the first report if it had not been asked for that before.
-    controller.wait_for(re.compile("error controller: the forwarder has not said anything for 1 s, at "
-                                   "work on (a fence|the report): killing it"))
+    # It handles the first report if that had not been answered before the signal.
+    controller.wait_for(re.compile("error controller: no output from the forwarder for 1 s while handling "
+                                   "the command for (a liveness check|the report): killing it"))
     controller.wait_for(re.compile("error controller: the forwarder was ended by signal 9 .*"))
     wait_until(lambda: not is_alive(stopped), "the stopped forwarder ended")
     ask_until_answered(peer, alice, configuration.listen)
     assert controller.finish() == 0
 
 
-def test_a_slow_forwarder_is_left_alone(configuration: ConfigurationFile,
+def test_a_slow_forwarder_is_not_killed(configuration: ConfigurationFile,
                                         start_controller: StartController) -> None:
     configuration.tables["controller"] = "answer_seconds = 2\ndrain_seconds = 0"
     configuration.write()
     slow = f"for i in $(seq 25); do echo info busy; sleep 0.2; done\n{ANSWERING}"
     controller = start_controller("--program", script(configuration.folder, slow)).ready()
-    assert not [line for line in controller.lines if "has not said anything" in line]
+    assert not [line for line in controller.lines if "no output from the forwarder" in line]
     assert controller.finish() == 0
 
 
@@ -51,13 +51,13 @@ def test_a_forwarder_that_never_answers_is_started_with_growing_pauses(
     configuration.write()
     silent = script(configuration.folder, SILENT)
     controller = start_controller("--program", silent)
-    controller.wait_for("error controller: the forwarder has not said anything for 1 s, at work on "
-                        "the log level: killing it")
+    controller.wait_for("error controller: no output from the forwarder for 1 s while handling "
+                        "the command for the log level: killing it")
     for pause in (100, 200):
         controller.wait_for(f"warn controller: starts the forwarder again in {pause} ms")
 
 
-def test_the_watchdog_is_answered_in_the_pauses_too(
+def test_the_watchdog_is_also_answered_during_pauses(
         configuration: ConfigurationFile, start_controller: StartController) -> None:
     configuration.tables["controller"] = "restart_pause_ms = 1000"
     configuration.write()
@@ -66,9 +66,9 @@ def test_the_watchdog_is_answered_in_the_pauses_too(
             environment={**manager.environment, "WATCHDOG_USEC": "200000"})
         manager.told_until("READY=1")
         os.kill(controller.forwarder(), signal.SIGKILL)
-        status = "STATUS=The forwarder ended and is about to be started again"
+        status = "STATUS=The forwarder ended and will be started again"
         manager.told_until(status)
         lines = manager.told_until("READY=1")
     controller.wait_for(re.compile("warn controller: starts the forwarder again in 1000 ms"))
-    # Each 100 ms; fewer on a busy machine.
+    # One every 100 ms; fewer on a busy machine.
     assert lines.count("WATCHDOG=1") >= 3

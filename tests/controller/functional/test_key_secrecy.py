@@ -1,5 +1,5 @@
-"""A key in the wrong place of the file is shown nowhere: not by --check, in no message, on no
-metrics page, and in nothing that /proc tells about the two processes."""
+"""A key in the wrong place of the file is never shown: not by --check, in messages, on the metrics
+page, or in the files of the two processes in /proc."""
 
 from __future__ import annotations
 
@@ -20,7 +20,7 @@ from framework.udp import free_port
 
 SEED = 20240501
 FILES = 300
-# So many of a key's digits in a row are not there by chance.
+# This many consecutive digits of a key do not occur by chance.
 PIECE = 8
 
 # "@" is the key's place.
@@ -46,7 +46,7 @@ PLACES = (
 
 
 def keys(source: random.Random) -> Iterator[Tuple[str, str]]:
-    """A key's digits, and the same as somebody may write them."""
+    """The digits of keys, each also in a form in which an operator may write it."""
     while True:
         digits = "".join(source.choices("0123456789abcdefABCDEF", k=source.randint(16, 80)))
         size = source.randint(1, 7)
@@ -64,7 +64,7 @@ def shows(text: str, digits: str) -> bool:
 def test_check_shows_no_key(configuration: ConfigurationFile) -> None:
     listening = '[downstream]\naddress = "127.0.0.1"\nport = 4500\n'
     for number, (digits, key) in zip(range(FILES), keys(random.Random(SEED))):
-        # Eight groups would be an address.
+        # Eight groups with colons would be an IPv6 address.
         text = listening + PLACES[number % len(PLACES)].replace(
             "@", digits if key.count(":") == 7 else key) + "\n"
         configuration.write_text(text)

@@ -42,7 +42,7 @@ def test_a_flow_of_the_other_instance_is_reached(
     ask_until_answered(peer, flow, pair[0].listen)
 
 
-def test_a_lateral_stream_can_come_but_not_go(
+def test_a_lateral_stream_can_be_added_but_not_removed(
         pair: List[ConfigurationFile], start_controller: StartController) -> None:
     lateral = pair[0].tables.pop("lateral")
     pair[0].write()
@@ -55,4 +55,4 @@ def test_a_lateral_stream_can_come_but_not_go(
     pair[0].write()
     controller.reload()
     controller.wait_for(
-        "warn controller: lateral: takes effect when the forwarder is started again")
+        "warn controller: lateral: the change applies at the next start of the forwarder")

@@ -1,4 +1,4 @@
-"""A forwarder that cannot listen is not ready, and is made to try again until it can."""
+"""A forwarder that cannot listen is not ready, and the controller tries again until it can."""
 
 from __future__ import annotations
 
@@ -25,20 +25,20 @@ def test_it_is_ready_once_the_port_is_free(
             controller = start_controller(environment=manager.environment)
             assert manager.told() == ["STATUS=1 flow, not listening"]
             controller.wait_for(
-                f"error controller: cannot listen on {host}, port {port}: another socket has it; "
-                'end its process, which "ss -lunp" names, or change the file')
+                f"error controller: cannot listen on {host}, port {port}: the port is in use; "
+                'stop the process that "ss -lunp" shows, or change the file')
             for pause in (100, 200, 400):
                 controller.wait_for(f"warn controller: tries to listen again in {pause} ms")
         assert set(manager.told_until("READY=1")) <= {"STATUS=1 flow, not listening"}
     controller.wait_for("info controller: the forwarder listens: 1 flow")
     ask_until_answered(peer, alice, configuration.listen)
-    # Once it listens it does not try again.
+    # There are no further attempts once it listens.
     assert controller.reload() == "info controller: reloaded: 1 flow"
     assert controller.lines[-2] == "info controller: reload: 0 commands to send"
     assert controller.finish() == 0
 
 
-def test_it_is_ready_once_the_lateral_stream_listens_too(
+def test_it_is_ready_once_the_lateral_stream_also_listens(
         configuration: ConfigurationFile, start_controller: StartController, peer: UdpEnd,
         alice: Flow) -> None:
     port = free_port()
@@ -50,13 +50,13 @@ def test_it_is_ready_once_the_lateral_stream_listens_too(
             assert manager.told() == ["STATUS=1 flow, without lateral stream"]
             ask_until_answered(peer, alice, configuration.listen)
             controller.wait_for(re.compile(
-                f"error controller: cannot listen on {LOOPBACK[0]}, port {port}: another .*"))
+                f"error controller: cannot listen on {LOOPBACK[0]}, port {port}: the port is in use.*"))
         assert set(manager.told_until("READY=1")) <= {"STATUS=1 flow, without lateral stream"}
-    # The listener for peers was left alone.
+    # The listener for peers was not restarted.
     assert controller.lines.count("info Forwarder listener stopped") == 0
 
 
-def test_a_new_forwarder_tries_again_too(
+def test_a_new_forwarder_also_tries_again(
         configuration: ConfigurationFile, start_controller: StartController, peer: UdpEnd,
         alice: Flow) -> None:
     configuration.tables["controller"] = "restart_pause_ms = 500"

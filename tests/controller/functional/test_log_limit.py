@@ -1,4 +1,4 @@
-"""Many lines of a kind, as a stranger's datagrams cause them, do not fill the log."""
+"""Many lines of one kind, such as those caused by an unknown sender's datagrams, do not fill the log."""
 
 from __future__ import annotations
 
@@ -18,13 +18,12 @@ from framework.udp import UdpEnd, free_port
 BAD_HMAC = "downstreamPacketReceivedFailed HMAC Check!"
 LEFT_OUT = re.compile(r"warn controller: (\d+) more lines? like this (?:was|were) left out: "
                       + re.escape(BAD_HMAC))
-# More than the two bursts that a flood of this length may get through, with the pauses of a slow
-# machine.
+# More lines than the limit lets through during the flood, even on a slow machine.
 FLOOD = 2000
 
 
 class Errors:
-    """The counter of refused datagrams, as the metrics page has it."""
+    """Reads the counter of refused datagrams from the metrics page."""
 
     def __init__(self, configuration: ConfigurationFile) -> None:
         self._port = free_port()
@@ -67,12 +66,12 @@ def test_a_flood_of_bad_datagrams_leaves_a_few_lines_and_their_count(
     controller = start_controller().ready()
     flood(peer, alice, configuration, FLOOD)
     wait_until(lambda: len(passed_on(controller)) + left_out(controller) == FLOOD,
-               "every line is there or counted", 10)
+               "every line is logged or counted", 10)
     assert 20 <= len(passed_on(controller)) <= FLOOD // 4
     wait_until(lambda: errors.count() == FLOOD, "every datagram is counted", 10)
 
 
-def test_the_count_is_told_at_the_end(
+def test_the_count_is_logged_at_the_end(
         configuration: ConfigurationFile, start_controller: StartController, peer: UdpEnd,
         alice: Flow) -> None:
     configuration.tables["controller"] = "drain_seconds = 0"
@@ -98,5 +97,5 @@ def test_the_limit_can_be_turned_off(
     controller.reload()
     flood(peer, alice, configuration, 300)
     wait_until(lambda: len(passed_on(controller)) + left_out(controller) == 600,
-               "every line is there or counted", 10)
+               "every line is logged or counted", 10)
     assert left_out(controller) > 0

@@ -1,4 +1,4 @@
-"""Each mistake of the operator's table: its message, its exit status, and what traffic notices."""
+"""Each mistake of the operator's table: its message, its exit status and its effect on traffic."""
 
 from __future__ import annotations
 

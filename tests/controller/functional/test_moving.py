@@ -1,4 +1,4 @@
-"""A reload to an address that cannot be listened on leaves the service where it is."""
+"""A reload with an address that cannot be used keeps the old address."""
 
 from __future__ import annotations
 
@@ -22,14 +22,14 @@ def line_of(configuration: ConfigurationFile, key: str) -> int:
 
 def said_refusal(controller: ControllerProcess, configuration: ConfigurationFile, key: str,
                  old: Address) -> str:
-    """The error that names the file's line, the new address and the one that is kept."""
+    """Waits for the error with the line of the file, the new address and the old one."""
     host, port = configuration.listen
     return controller.wait_for(re.compile(
         rf"error controller: {configuration.path}:{line_of(configuration, key)}: cannot listen on "
-        rf"{host}, port {port}: .*\. The forwarder stays on {old[0]}, port {old[1]}"))
+        rf"{host}, port {port}: .*\. The forwarder continues to listen on {old[0]}, port {old[1]}"))
 
 
-def test_a_port_that_is_taken_is_not_moved_to(
+def test_a_port_in_use_keeps_the_old_address(
         configuration: ConfigurationFile, start_controller: StartController, peer: UdpEnd,
         alice: Flow, bob: Flow) -> None:
     configuration.write()
@@ -46,13 +46,13 @@ def test_a_port_that_is_taken_is_not_moved_to(
         conversation.wait_for_answers(10)
     assert conversation.lost == 0
     assert "info Forwarder listener stopped" not in controller.lines
-    # The next reload tries it again.
+    # The next reload tries the new address again.
     controller.reload()
     ask_until_answered(peer, alice, configuration.listen)
     assert controller.finish() == 0
 
 
-def test_an_address_that_the_host_does_not_have_is_not_moved_to(
+def test_an_address_of_another_host_keeps_the_old_address(
         configuration: ConfigurationFile, start_controller: StartController, peer: UdpEnd,
         alice: Flow) -> None:
     configuration.write()
@@ -61,15 +61,15 @@ def test_an_address_that_the_host_does_not_have_is_not_moved_to(
     configuration.listen = ("192.0.2.1", old[1])
     configuration.write()
     controller.reload()
-    assert "this host has no such address" in said_refusal(controller, configuration, "address", old)
-    # A new forwarder gets the address that is in force.
+    assert "this host does not have the address" in said_refusal(controller, configuration, "address", old)
+    # A new forwarder gets the address in use.
     since = controller.mark()
     os.kill(controller.forwarder(), signal.SIGKILL)
     controller.wait_for("info controller: the forwarder is set up: 1 flow", since)
     ask_until_answered(peer, alice, old)
 
 
-def test_the_same_port_of_all_addresses_is_moved_to(
+def test_moves_between_the_wildcard_and_one_address(
         configuration: ConfigurationFile, start_controller: StartController, peer: UdpEnd,
         alice: Flow) -> None:
     configuration.write()
@@ -84,13 +84,13 @@ def test_the_same_port_of_all_addresses_is_moved_to(
     assert not [line for line in controller.lines if "cannot listen" in line]
 
 
-def test_a_move_that_fails_all_the_same_is_taken_back(
+def test_a_move_that_fails_in_the_forwarder_is_reverted(
         configuration: ConfigurationFile, start_controller: StartController, peer: UdpEnd,
         alice: Flow, bob: Flow) -> None:
     configuration.write()
     old = configuration.listen
     new = ("127.0.0.1", free_port())
-    # The controller can listen on the new port; the forwarder is told of an address it cannot have.
+    # The controller can listen on the new port; the forwarder gets an address on which it cannot.
     program = spoiling_program(configuration.folder,
                                f"s/^start addr {new[0]} port {new[1]}$/"
                                f"start addr 192.0.2.1 port {new[1]}/")
@@ -104,7 +104,7 @@ def test_a_move_that_fails_all_the_same_is_taken_back(
         ask_until_answered(peer, flow, old)
 
 
-def test_a_reload_during_the_pause_moves_to_a_port_that_can_be_had(
+def test_a_reload_during_the_pause_with_a_port_in_use_keeps_the_old_address(
         configuration: ConfigurationFile, start_controller: StartController, peer: UdpEnd,
         alice: Flow) -> None:
     configuration.tables["controller"] = "restart_pause_ms = 1000"

@@ -1,4 +1,4 @@
-"""What the forwarder does not take is said in the words of the file."""
+"""What the forwarder refuses is logged with its name in the file."""
 
 from __future__ import annotations
 
@@ -28,11 +28,11 @@ def test_a_refused_flow_is_named(configuration: ConfigurationFile,
     controller.wait_for("info controller: the forwarder is set up: 2 flows, 1 refused")
     for name in ("alice", "carol"):
         ask_until_answered(peer, flows[name], configuration.listen)
-    # It is tried again with each reload.
+    # Each reload tries it again.
     assert controller.reload() == "info controller: reloaded: 2 flows, 1 refused"
 
 
-def test_a_port_in_use_is_said_and_tried_again(
+def test_a_port_in_use_is_logged_and_tried_again(
         configuration: ConfigurationFile, start_controller: StartController, peer: UdpEnd,
         alice: Flow) -> None:
     configuration.write()

@@ -1,4 +1,4 @@
-"""SIGHUP: what changed is changed, and nothing else."""
+"""SIGHUP applies what changed in the file, and changes nothing else."""
 
 from __future__ import annotations
 
@@ -16,7 +16,7 @@ from framework.timing import wait_until
 from framework.udp import UdpEnd, free_port
 
 
-def test_one_flow_changes_and_another_loses_nothing(
+def test_one_flow_changes_without_loss_on_another(
         configuration: ConfigurationFile, start_controller: StartController, peer: UdpEnd,
         alice: Flow, bob: Flow) -> None:
     configuration.flows["bob"] = bob
@@ -35,7 +35,7 @@ def test_one_flow_changes_and_another_loses_nothing(
     controller.wait_for("info controller: reload: 1 command to send: flow bob")
 
 
-def test_a_reload_while_the_file_is_read_for_the_first_time_comes_after_it(
+def test_a_reload_during_the_first_reading_is_done_after_it(
         configuration: ConfigurationFile, start_controller: StartController) -> None:
     # Many flows, so that the reading takes a while.
     configuration.flows = {f"flow{label}": Flow(label=label, upstream=("127.0.0.1", 5000))
@@ -55,8 +55,8 @@ def ignores(status: str, number: int) -> bool:
     return bool(int(line.split()[1], 16) >> (number - 1) & 1)
 
 
-def test_flows_come_and_go(configuration: ConfigurationFile, start_controller: StartController,
-                           peer: UdpEnd, alice: Flow, bob: Flow) -> None:
+def test_flows_are_added_and_removed(configuration: ConfigurationFile, start_controller: StartController,
+                                     peer: UdpEnd, alice: Flow, bob: Flow) -> None:
     configuration.write()
     controller = start_controller().ready()
     ask_until_answered(peer, alice, configuration.listen)
@@ -65,12 +65,12 @@ def test_flows_come_and_go(configuration: ConfigurationFile, start_controller: S
     configuration.write()
     assert controller.reload() == "info controller: reloaded: 1 flow"
     ask_until_answered(peer, bob, configuration.listen)
-    # Its datagrams are handled before those of the question that follows.
+    # This datagram is handled before the following question.
     peer.send(alice.request(b"to nobody"), configuration.listen)
     assert ask(peer, bob, configuration.listen, b"control", 5)
 
 
-def test_a_key_that_is_taken_away_is_not_asked_for_any_more(
+def test_a_removed_key_is_no_longer_required(
         configuration: ConfigurationFile, start_controller: StartController, peer: UdpEnd,
         alice: Flow) -> None:
     configuration.write()
@@ -82,7 +82,7 @@ def test_a_key_that_is_taken_away_is_not_asked_for_any_more(
     ask_until_answered(peer, alice, configuration.listen)
 
 
-def test_a_label_that_was_an_auxiliary_flows_takes_nothing_over(
+def test_a_label_of_a_former_auxiliary_flow_inherits_nothing(
         configuration: ConfigurationFile, start_controller: StartController, peer: UdpEnd,
         answer: Answer) -> None:
     key = Key(b"the owner's key")
@@ -143,20 +143,20 @@ def test_the_downstream_address_moves(configuration: ConfigurationFile,
     ask_until_answered(peer, alice, configuration.listen)
 
 
-def test_what_has_to_wait_for_a_new_forwarder_is_said(
+def test_a_change_that_needs_a_new_forwarder_is_logged(
         configuration: ConfigurationFile, start_controller: StartController, alice: Flow) -> None:
     configuration.write()
     controller = start_controller().ready()
     configuration.tables["forwarder"] = 'framing = "udpv1"'
     configuration.write()
     controller.reload()
-    controller.wait_for("warn controller: forwarder.framing: takes effect when the forwarder is "
-                        "started again")
+    controller.wait_for("warn controller: forwarder.framing: the change applies at the next "
+                        "start of the forwarder")
     configuration.tables["forwarder"] = 'framing = "udpv2"'
     configuration.write()
     since = controller.mark()
     controller.reload()
-    assert not [line for line in controller.lines[since:] if "takes effect" in line]
+    assert not [line for line in controller.lines[since:] if "the change applies" in line]
 
 
 def test_the_log_level_changes(configuration: ConfigurationFile,

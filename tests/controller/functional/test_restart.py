@@ -1,4 +1,4 @@
-"""The forwarder ends unasked, or the controller does."""
+"""The forwarder or the controller ends unexpectedly."""
 
 from __future__ import annotations
 
@@ -37,14 +37,14 @@ def test_a_killed_forwarder_is_back_within_a_second(
             ask_until_answered(peer, flow, configuration.listen)
         took = time.monotonic() - began
         conversation.wait_for_answers(20)
-    assert took < scaled(1), f"away for {took:.2f} s"
+    assert took < scaled(1), f"no answer for {took:.2f} s"
     assert controller.forwarder() != before
     controller.wait_for("error controller: the forwarder was ended by signal 9 (Killed)")
     controller.wait_for("warn controller: starts the forwarder again in 100 ms")
     assert controller.finish() == 0
 
 
-def test_a_forwarder_that_cannot_live_is_started_with_growing_pauses(
+def test_a_forwarder_that_ends_at_once_is_started_with_growing_pauses(
         configuration: ConfigurationFile, start_controller: StartController) -> None:
     configuration.tables["controller"] = "restart_pause_ms = 1\nrestart_pause_max_ms = 3"
     configuration.write()
@@ -52,8 +52,9 @@ def test_a_forwarder_that_cannot_live_is_started_with_growing_pauses(
     for pause in (1, 2, 3):
         controller.wait_for(f"warn controller: starts the forwarder again in {pause} ms")
     controller.wait_for(re.compile(
-        "error controller: the forwarder ended with status 7, at work on the log level"))
-    # 3 where it was asked to end while one of them lived.
+        "error controller: the forwarder ended with status 7 while handling the command for the log "
+        "level"))
+    # 3 if a forwarder was running when the signal arrived.
     assert controller.finish() in (0, 3)
 
 
@@ -68,7 +69,7 @@ def test_the_forwarder_ends_with_the_controller(
     wait_until(lambda: not is_alive(forwarder), "the forwarder ended")
 
 
-def test_a_reload_during_the_pause_is_what_the_next_forwarder_gets(
+def test_the_next_forwarder_gets_a_reload_during_the_pause(
         configuration: ConfigurationFile, start_controller: StartController, peer: UdpEnd,
         answer: Answer) -> None:
     flow = Flow(label=1, **four_keys())

@@ -1,4 +1,4 @@
-"""A file, a controller, and datagrams that go both ways."""
+"""A file, a controller, and datagrams in both directions."""
 
 from __future__ import annotations
 
@@ -23,7 +23,7 @@ ALICES_KEY = bytes(range(1, 33))
 
 
 def example() -> str:
-    """The file that the documentation shows."""
+    """The configuration file from the documentation."""
     match = re.search(r"```toml\n(.*?)```", DOCUMENT.read_text(encoding="utf-8"), re.DOTALL)
     assert match is not None
     return match[1]
@@ -74,10 +74,10 @@ def test_either_framing(configuration: ConfigurationFile, start_controller: Star
     ('ipv4_source = "kernel"', {"VESK_IPV4_SOURCE": "arrival"}, "127.0.0.1"),
     ("", {"VESK_IPV4_SOURCE": "kernel"}, "127.0.0.9")],
     ids=["default", "arrival", "kernel", "kernel-against-own", "default-against-own"])
-def test_the_file_says_from_which_address_replies_leave(
+def test_the_file_sets_the_source_address_of_replies(
         configuration: ConfigurationFile, start_controller: StartController, peer: UdpEnd,
         answer: Answer, setting: str, own: Dict[str, str], source: str) -> None:
-    """Whatever the controller's own environment says."""
+    """The controller's own environment has no effect."""
     flow = Flow(label=7, **four_keys())
     answer(flow)
     configuration.flows["bob"] = flow
@@ -91,7 +91,7 @@ def test_the_file_says_from_which_address_replies_leave(
     assert answered.sender == (source, configuration.listen[1])
 
 
-def test_the_forwarders_log_comes_through_with_its_levels(
+def test_the_forwarders_log_is_passed_on_with_its_levels(
         configuration: ConfigurationFile, start_controller: StartController, peer: UdpEnd,
         answer: Answer) -> None:
     flow = Flow(label=7, **four_keys())
@@ -107,12 +107,12 @@ def test_the_forwarders_log_comes_through_with_its_levels(
     peer.send(flow.request(b"x")[:-1] + b"y", configuration.listen)
     controller.wait_for("downstreamPacketReceivedFailed HMAC Check!")
     assert controller.finish() == 0
-    # Neither its fences nor its reports, whose questions were asked by now, are for the log.
+    # Fences and reports, which have been requested by now, are not logged.
     assert not [line for line in controller.lines
                 if "fence-" in line or "RxDg" in line or not line]
 
 
-def test_a_quiet_forwarder_is_asked_for_reports_all_the_same(
+def test_a_quiet_forwarder_is_also_asked_for_reports(
         configuration: ConfigurationFile, start_controller: StartController, peer: UdpEnd,
         answer: Answer) -> None:
     flow = Flow(label=7, **four_keys())

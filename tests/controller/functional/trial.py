@@ -1,4 +1,4 @@
-"""Where the mistakes are made: a controller with two flows, alice and bob, and live traffic."""
+"""Carries out the mistakes: a controller with two flows, alice and bob, and live traffic."""
 
 from __future__ import annotations
 
@@ -24,14 +24,14 @@ NewEnd = Callable[..., UdpEnd]
 
 
 def obeying_permissions() -> List[str]:
-    """The prefix of a command that may read no more than its user: root may read everything."""
+    """The prefix of a command that makes file permissions apply even to root."""
     if os.geteuid() != 0:
         return []
     return ["setpriv", "--bounding-set", "-dac_override,-dac_read_search"]
 
 
 class Trial:
-    """Everything a row may change before the controller starts, or do while it runs."""
+    """What a row can change before the controller starts, or do while it runs."""
 
     def __init__(self, configuration: ConfigurationFile, start: "StartController",
                  answer: Callable[[Flow], UpstreamService], new_end: NewEnd) -> None:
@@ -40,7 +40,7 @@ class Trial:
         self.environment: Dict[str, str] = {}
         self.prefix: List[str] = []
         self.arguments: List[str] = []
-        self.usage: Optional[List[str]] = None  # the whole command line, where it is the mistake
+        self.usage: Optional[List[str]] = None  # the whole command line, if that is the mistake
         self.remedy: Callable[[], None] = lambda: None
         self.names: Dict[str, str] = {"FILE": str(configuration.path),
                                       "PORT": str(configuration.listen[1]),
@@ -64,7 +64,7 @@ class Trial:
     def peers_send_to(self) -> Address:
         return "127.0.0.1", int(self.names["PORT"])
 
-    # What rows do -----------------------------------------------------------------------
+    # Actions of rows --------------------------------------------------------------------
 
     def start(self, **details: object) -> ControllerProcess:
         self.controller = self._start(*self.arguments, environment=self.environment,
@@ -85,7 +85,7 @@ class Trial:
         self.controller.signal(signal.SIGHUP)
 
     def take_tcp_port(self) -> None:
-        """Somebody listens there until the end of the test."""
+        """Keeps a listening TCP socket until the end of the test; its port is `METRICS`."""
         self._taken = socket.create_server(("127.0.0.1", 0))
         self.names["METRICS"] = str(self._taken.getsockname()[1])
 
@@ -98,7 +98,7 @@ class Trial:
             file.write(lines + "\n")
 
     def make_in_file(self, row: FileMistake) -> None:
-        """Leaves the number of the line that the message names in `LINE`."""
+        """Makes the mistake in the file; `LINE` is the number of the line that the message names."""
         path = self.configuration.path
         text = path.read_text(encoding="utf-8")
         lines = row.lines.replace("PORT", self.names["PORT"])
@@ -114,12 +114,12 @@ class Trial:
         before = made[:made.rindex(lines)].count("\n")
         self.names["LINE"] = str(before + 1 + range(len(lines.splitlines()))[row.wrong])
 
-    # What the rows claim ----------------------------------------------------------------
+    # Checks of rows ---------------------------------------------------------------------
 
     def check_at_start(self, row: Mistake) -> None:
         row.make(self)
         if row.status is None:
-            self._check_that_goes_on(row)
+            self._check_that_continues(row)
             return
         with Conversation(self.alice, self.peers_send_to, 0.02) as conversation:
             conversation.wait_for_losses(1)
@@ -131,7 +131,7 @@ class Trial:
             expected = pattern(message, self.names)
             assert [line for line in lines if expected.fullmatch(line)], (message, lines)
 
-    def _check_that_goes_on(self, row: Mistake) -> None:
+    def _check_that_continues(self, row: Mistake) -> None:
         self.start()
         for message in row.says:
             self.controller.wait_for(pattern(message, self.names))
@@ -143,7 +143,7 @@ class Trial:
         if row.traffic in (Traffic.FORWARDED, Traffic.REMEDIED):
             with self.new_end() as peer:
                 ask_until_answered(peer, self.alice, self.peers_send_to)
-        # It obeys its signals all the same; 3 where the program in the forwarder's place is wrong.
+        # It still handles signals; the status may be 3 if the forwarder's program is wrong.
         assert self.controller.finish() in ((0, 3) if row.traffic is Traffic.UNHEARD else (0,))
 
     def check_while_it_runs(self, row: Mistake) -> None:
@@ -157,7 +157,7 @@ class Trial:
             alice, bob = (stack.enter_context(Conversation(flow, self.peers_send_to))
                           for flow in (self.alice, self.bob))
             for conversation in (alice, bob):
-                # Both end before either is waited for.
+                # Both are stopped before either is joined.
                 stack.callback(conversation.ask_no_more)
                 conversation.wait_for_answers(5)
             first, since = self.controller, self.controller.mark()
@@ -177,7 +177,7 @@ class Trial:
             else:
                 bob.wait_for_answers(5)
         if row.traffic is Traffic.INTERRUPTED:
-            # Questions are asked one by one, and each is waited for.
+            # One question at a time, so each pause loses only a few.
             assert 1 <= min(alice.lost, bob.lost) and max(alice.lost, bob.lost) <= 3
         else:
             self.remedy()

@@ -1,4 +1,4 @@
-"""The alert rules as the package installs them."""
+"""Reads the alert rules that the package installs."""
 
 from __future__ import annotations
 
@@ -32,7 +32,7 @@ class Rule:
 
 
 def alert_rules() -> Dict[str, Rule]:
-    """All rules by name; fails on one that does not have all its parts."""
+    """All rules by name; fails if one is incomplete."""
     text = RULES.read_text(encoding="utf-8")
     rules = {}
     for block in re.split(r"(?=      - alert: )", text)[1:]:

@@ -1,5 +1,5 @@
-"""Fixtures of the metrics' tests: those of the functional tests and the controller's, the probe, a host
-of the test's own, and Prometheus."""
+"""Fixtures of the metrics tests: those of the functional tests and of the controller, the probe, a host
+in its own network namespace, and Prometheus."""
 
 from __future__ import annotations
 
@@ -20,7 +20,7 @@ pytest_plugins = ["framework.fixtures", "controller_fixtures"]
 
 @pytest.fixture
 def start_probe() -> Iterator[Callable[..., Probe]]:
-    """Starts metrics servers that are fed by hand."""
+    """Starts metrics servers that the test controls."""
     started: List[Probe] = []
 
     def start(*arguments: str) -> Probe:
@@ -34,7 +34,7 @@ def start_probe() -> Iterator[Callable[..., Probe]]:
 
 @pytest.fixture
 def start_prometheus(tmp_path: Path) -> Iterator[Callable[[int], PrometheusProcess]]:
-    """Starts Debian's own Prometheus, scraping one port of this host."""
+    """Starts Debian's Prometheus, which scrapes one port of this host."""
     started: List[PrometheusProcess] = []
 
     def start(port: int) -> PrometheusProcess:
@@ -48,7 +48,7 @@ def start_prometheus(tmp_path: Path) -> Iterator[Callable[[int], PrometheusProce
 
 @pytest.fixture
 def host(configuration: ConfigurationFile, start_controller: StartController) -> Iterator[Host]:
-    """A host with a loopback device; skipped where the kernel does not let us build it."""
+    """A host with a loopback device; skips the test if the kernel does not allow network namespaces."""
     reason = refusal()
     if reason:
         pytest.skip(f"network namespaces are not allowed here: {reason}")

@@ -102,8 +102,8 @@ TEST(ExpositionTest, ShowsWhetherTheForwarderListens) {
     EXPECT_THAT(text(Totals(), state), HasSubstr("\nvesk_lateral_listening 0\n"));
 }
 
-// What a child that has gone had counted stays; what it had at the time is no more.
-TEST(ExpositionTest, ShowsNothingPresentOfAChildThatIsDown) {
+// Counters keep the counts of a child that has ended; gauges are 0.
+TEST(ExpositionTest, ResetsGaugesOfAChildThatIsDown) {
     Totals totals;
     totals.upstream.received = 11;
     totals.armedSockets = 4;
@@ -126,7 +126,7 @@ TEST(ExpositionTest, CountersStartAtZeroWithoutAReport) {
     EXPECT_THAT(page, Not(HasSubstr("vesk_flow_sent_datagrams_total")));
 }
 
-/// Figures that differ from each other.
+/// Figures that all differ.
 KernelFigures kernelFigures() {
     KernelFigures figures;
     figures.sockets = {{{1, 2, 3}, {4, 5, 6}, {7, 8, 9}}};
@@ -140,7 +140,7 @@ KernelFigures kernelFigures() {
     return figures;
 }
 
-TEST(ExpositionTest, ShowsWhatTheKernelSays) {
+TEST(ExpositionTest, ShowsTheKernelsFigures) {
     ControllerState state = running();
     state.kernel = kernelFigures();
     const std::string page = text(Totals(), state);
@@ -163,8 +163,8 @@ TEST(ExpositionTest, ShowsWhatTheKernelSays) {
     }
 }
 
-// No figure is not the same as none left.
-TEST(ExpositionTest, ShowsNoFigureThatTheKernelDoesNotHave) {
+// A missing figure must not be shown as 0.
+TEST(ExpositionTest, OmitsMissingFiguresOfTheKernel) {
     const std::string page = text(Totals(), running());
     EXPECT_THAT(page, HasSubstr("\nvesk_udp_dropped_datagrams_total{side=\"upstream\"} 0\n"));
     for (const char* name : {"vesk_udp_sockets", "vesk_udp_receive", "vesk_udp_send",
@@ -173,7 +173,7 @@ TEST(ExpositionTest, ShowsNoFigureThatTheKernelDoesNotHave) {
     }
 }
 
-TEST(ExpositionTest, ShowsTheFlowsSocketsWhereTheyAreKnown) {
+TEST(ExpositionTest, ShowsTheFlowsSocketsIfTheyAreKnown) {
     Totals totals;
     totals.flows[0x10001] = {"alice", {}, {1, 2, 3}, 4};
     ControllerState state = running();
@@ -185,7 +185,7 @@ TEST(ExpositionTest, ShowsTheFlowsSocketsWhereTheyAreKnown) {
     EXPECT_THAT(page, HasSubstr("\nvesk_flow_udp_receive_queue_bytes" + alice + "2\n"));
 }
 
-TEST(ExpositionTest, ShowsWhatIsCountedOfTheLog) {
+TEST(ExpositionTest, ShowsTheCountsOfLogEvents) {
     ControllerState state = running();
     state.events = {1, 2, 3};
     const std::string page = text(Totals(), state);
@@ -194,7 +194,7 @@ TEST(ExpositionTest, ShowsWhatIsCountedOfTheLog) {
     EXPECT_THAT(page, HasSubstr("\nvesk_endpoints_deleted_by_error_total 3\n"));
 }
 
-TEST(ExpositionTest, NamesFollowTheCustom) {
+TEST(ExpositionTest, NamesFollowTheConventions) {
     Totals totals;
     totals.flows[5] = {"alice", {}, {}, 0};
     totals.workers.resize(1);
@@ -210,7 +210,7 @@ TEST(ExpositionTest, NamesFollowTheCustom) {
     }
 }
 
-TEST(ExpositionTest, GreatNumbersStayExact) {
+TEST(ExpositionTest, LargeNumbersAreExact) {
     Totals totals;
     totals.downstream.received = 9007199254740992;
     EXPECT_THAT(text(totals, running()),

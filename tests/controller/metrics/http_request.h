@@ -1,4 +1,4 @@
-// One HTTP request to a server on this host, for the tests of the pages.
+// Sends one HTTP request to a server on this host, for the tests of the pages.
 #pragma once
 
 #include <arpa/inet.h>
@@ -18,7 +18,7 @@ namespace vesk::controller {
 inline UniqueFd connectTo(const std::string& host, std::uint16_t port) {
     const bool isIpv6 = host.find(':') != std::string::npos;
     UniqueFd connection(socket(isIpv6 ? AF_INET6 : AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
-    // No answer shall ever take longer.
+    // A test fails if an answer takes longer.
     const timeval limit{20, 0};
     setsockopt(connection.get(), SOL_SOCKET, SO_RCVTIMEO, &limit, sizeof limit);
     sockaddr_storage storage{};
@@ -56,7 +56,7 @@ inline bool say(const UniqueFd& connection, std::string_view text) {
            static_cast<ssize_t>(text.size());
 }
 
-/// All that comes until the connection ends.
+/// Everything that is received until the connection ends.
 inline std::string answerOn(const UniqueFd& connection) {
     std::string answer;
     std::array<char, 4096> piece{};
@@ -66,7 +66,7 @@ inline std::string answerOn(const UniqueFd& connection) {
     return answer;
 }
 
-/// The whole answer with its headers; empty where there is none.
+/// The whole answer with its headers; empty if there is none.
 inline std::string ask(const std::string& method, const std::string& path, std::uint16_t port,
                        const std::string& host = "127.0.0.1") {
     const UniqueFd connection = connectTo(host, port);

@@ -28,7 +28,7 @@ using testing::StartsWith;
 
 using Clock = std::chrono::steady_clock;
 
-// More than the kernel takes for a client that does not read.
+// More than the kernel buffers for a client that does not read.
 constexpr std::size_t longText = 8 * 1024 * 1024;
 constexpr const char* halfARequest = "GET /short HTTP/1.1\r\nHost: localhost\r\n";
 
@@ -91,7 +91,7 @@ TEST_F(HttpServerTest, AnswersGetAndHead) {
     EXPECT_EQ(answer.size() - answer.find("\r\n\r\n") - 4, longText);
 }
 
-TEST_F(HttpServerTest, EndsTheConnectionOfAClientThatWouldKeepIt) {
+TEST_F(HttpServerTest, ClosesTheConnectionAfterAnAnswer) {
     EXPECT_THAT(answerTo("GET /short HTTP/1.1\r\nHost: localhost\r\n\r\n"),
                 testing::AllOf(HasSubstr("\r\nConnection: close\r\n"), EndsWith("short\n")));
     EXPECT_THAT(answerTo("GET /short HTTP/1.0\r\nConnection: keep-alive\r\n\r\n"),
@@ -110,7 +110,7 @@ TEST_F(HttpServerTest, RefusesOtherPathsAndMethods) {
     }
 }
 
-// What is announced and does not come is not waited for.
+// The server does not wait for a body that is announced but not sent.
 TEST_F(HttpServerTest, AnswersWithoutTheBodyOfARequest) {
     const std::string rest =
         " /short HTTP/1.1\r\nHost: localhost\r\nContent-Length: 1000000000\r\n";
@@ -135,19 +135,19 @@ TEST_F(HttpServerTest, RefusesHeadersThatAreTooLong) {
                 EndsWith("\r\n\r\nshort\n"));
 }
 
-TEST_F(HttpServerTest, EndsTheConnectionOfAClientThatDoesNotSpeakHttp) {
+TEST_F(HttpServerTest, ClosesTheConnectionOfAClientThatDoesNotSpeakHttp) {
     EXPECT_THAT(answerTo("what is this\r\n\r\n"), Not(StartsWith("HTTP/1.1 200 ")));
     EXPECT_THAT(answerTo(std::string("\x16\x03\x01\x00\r\n\r\n", 8)),
                 Not(StartsWith("HTTP/1.1 200 ")));
     expectPromptAnswer();
 }
 
-TEST_F(HttpServerTest, EndsTheConnectionWhereAPageFails) {
+TEST_F(HttpServerTest, ClosesTheConnectionIfAPageThrows) {
     EXPECT_THAT(get("/failing"), IsEmpty());
     expectPromptAnswer();
 }
 
-TEST_F(HttpServerTest, AnswersBesideRequestsThatAreNotComplete) {
+TEST_F(HttpServerTest, AnswersDespiteIncompleteRequests) {
     std::vector<UniqueFd> waiting;
     for (const std::size_t count : {60U, 500U}) {
         while (waiting.size() < count) {
@@ -175,12 +175,12 @@ TEST_F(HttpServerTest, LimitsTheLongAnswersThatAreNotRead) {
         char first = 0;
         ASSERT_EQ(recv(client.get(), &first, 1, 0), 1);
     }
-    // Not printed whole where it is a long one.
+    // Only the beginning, so that a failure does not print a long answer.
     EXPECT_THAT(answerTo(request).substr(0, 1000),
                 testing::AllOf(StartsWith("HTTP/1.1 503 "),
                                EndsWith("\r\n\r\ntoo many clients are being sent this page\n")));
     expectPromptAnswer();
-    // The place of a client that has left is free for the next one.
+    // After a client has disconnected, the next one is served.
     silent.pop_back();
     const Clock::time_point deadline = Clock::now() + std::chrono::seconds(20);
     while (answerTo(request).size() < longText) {
@@ -201,7 +201,7 @@ TEST_F(HttpServerTest, EndsWithoutWaitingForItsClients) {
     EXPECT_THAT(answerOn(waiting.front()), IsEmpty());
 }
 
-// Descriptors of this process, that of the count itself among them.
+// The number of descriptors of this process, including the one used for counting.
 std::ptrdiff_t openDescriptors() {
     using Folder = std::filesystem::directory_iterator;
     return std::distance(Folder("/proc/self/fd"), Folder());
@@ -222,7 +222,7 @@ class DescriptorLimit {
     rlimit before_{};
 };
 
-TEST(HttpServerStartTest, ThrowsWhereNoDescriptorIsLeft) {
+TEST(HttpServerStartTest, ThrowsIfNoDescriptorIsLeft) {
     const std::ptrdiff_t before = openDescriptors();
     // The threads need two each.
     for (const rlim_t left : {0U, 1U, 2U, 3U}) {
@@ -233,7 +233,7 @@ TEST(HttpServerStartTest, ThrowsWhereNoDescriptorIsLeft) {
     EXPECT_EQ(openDescriptors(), before);
 }
 
-TEST(ListeningSocketTest, SaysWhyItCannotListen) {
+TEST(ListeningSocketTest, ReportsWhyItCannotListen) {
     const auto reason = [](const char* address, std::uint16_t port) -> std::string {
         try {
             listenOn(address, port);
@@ -249,7 +249,7 @@ TEST(ListeningSocketTest, SaysWhyItCannotListen) {
     EXPECT_EQ(reason("localhost", 0), "not a numeric address");
 }
 
-TEST(ListeningSocketTest, TakesClientsOfBothFamiliesOnAllAddresses) {
+TEST(ListeningSocketTest, AcceptsClientsOfBothFamiliesOnTheWildcardAddress) {
     if (!hasIpv6()) {
         GTEST_SKIP() << "this host has no IPv6 address ::1";
     }

@@ -1,4 +1,4 @@
-// The kernel's figures put together: of sockets that come and go, of a made-up proc file system,
+// The kernel's figures: of sockets that are opened and closed, of an artificial proc file system,
 // and of this process.
 #include "kernel/kernel_reader.h"
 
@@ -31,7 +31,7 @@ UdpSocket udpSocket(std::uint64_t inode, std::uint16_t port, std::uint64_t drops
     return {"0100007F", port, 1, 10, inode, drops};
 }
 
-/// Sockets of the forwarder; that of flow 100 has inode 3.
+/// Sockets of the forwarder. Inode 3 is the socket of flow 100.
 std::vector<OwnSocket> own(std::initializer_list<std::uint64_t> inodes) {
     std::vector<OwnSocket> sockets;
     for (const std::uint64_t inode : inodes) {
@@ -42,7 +42,7 @@ std::vector<OwnSocket> own(std::initializer_list<std::uint64_t> inodes) {
 
 const Listeners listeners{{"0100007F", 4500}, {"0100007F", 4600}};
 
-TEST(SocketTotalsTest, TellsTheSidesApart) {
+TEST(SocketTotalsTest, DistinguishesTheSides) {
     EXPECT_EQ(sideOf(udpSocket(1, 4500, 0), listeners), Side::downstream);
     EXPECT_EQ(sideOf(udpSocket(1, 4600, 0), listeners), Side::lateral);
     EXPECT_EQ(sideOf(udpSocket(1, 4700, 0), listeners), Side::upstream);
@@ -70,12 +70,12 @@ TEST(SocketTotalsTest, DropsNeverFall) {
     totals.add({}, {}, listeners);
     totals.add(std::vector{udpSocket(5, 1, 3)}, own({5}), listeners);
     EXPECT_THAT(totals.drops(), ElementsAre(0, 0, 20));
-    // The number of a socket that was closed, given again.
+    // A new socket with the inode of a closed one.
     totals.add(std::vector{udpSocket(5, 1, 1)}, own({5}), listeners);
     EXPECT_THAT(totals.drops(), ElementsAre(0, 0, 21));
 }
 
-TEST(SocketTotalsTest, TellsFlowsApartThatAreKnown) {
+TEST(SocketTotalsTest, DistinguishesKnownFlows) {
     using testing::Pair;
     SocketTotals totals;
     totals.add(std::vector{udpSocket(3, 1, 7), udpSocket(4, 2, 8)}, own({3, 4}), listeners);
@@ -93,11 +93,11 @@ TEST(SocketTotalsTest, CountsASocketThatIsInTheTableTwiceOnce) {
     EXPECT_EQ(totals.present().at(2).sockets, 1U);
 }
 
-TEST(PortWarningTest, WarnsOnceUntilEnoughPortsWereFree) {
+TEST(PortWarningTest, WarnsAgainOnlyAfterEnoughPortsWereFree) {
     PortWarning warning;
     EXPECT_FALSE(warning.check({89, 11}));
     EXPECT_THAT(warning.check({90, 10}).value(),
-                HasSubstr("ephemeral ports run out: 10 of 100 are left"));
+                HasSubstr("ephemeral ports are running out: 10 of 100 are left"));
     EXPECT_FALSE(warning.check({95, 5}));
     EXPECT_FALSE(warning.check({81, 19}));
     EXPECT_FALSE(warning.check({95, 5}));
@@ -110,7 +110,7 @@ TEST(PortWarningTest, NamesTheSetting) {
     EXPECT_THAT(warning.check({1, 0}).value(), HasSubstr("net.ipv4.ip_local_port_range"));
 }
 
-/// A proc file system of a few files, for process 7.
+/// An artificial proc file system with a few files, for process 7.
 class KernelReaderTest : public testing::Test {
  protected:
     KernelReaderTest() {
@@ -172,11 +172,11 @@ TEST_F(KernelReaderTest, ReadsEverything) {
     EXPECT_EQ(figures.ipv6, (BufferErrors{3, 4}));
 }
 
-TEST_F(KernelReaderTest, TellsFlowsApartByTheirDescriptors) {
+TEST_F(KernelReaderTest, DistinguishesFlowsByTheirDescriptors) {
     using testing::Pair;
     KernelReader reader(root_.string());
     EXPECT_FALSE(reader.read({7, listeners, {}}).flows);
-    // Drops are those since the reading before.
+    // Drops are counted since the previous reading.
     write("7/net/udp", line(1, "0100007F:1194", 3) + line(2, "00000000:8001", 6));
     const FlowDescriptors flows{{4, 0x10001}, {5, 0x10001}, {6, 0x20001}, {99, 0x30001}};
     const KernelFigures figures = reader.read({7, listeners, flows});
@@ -184,7 +184,7 @@ TEST_F(KernelReaderTest, TellsFlowsApartByTheirDescriptors) {
                                                    Pair(0x20001, FlowSocket{{1, 16, 2}, 0})));
 }
 
-TEST_F(KernelReaderTest, LeavesOutWhatIsNotThere) {
+TEST_F(KernelReaderTest, OmitsMissingFigures) {
     for (const char* name : {"7/net/udp6", "7/net/snmp6", "sys/net/netfilter",
                              "sys/net/ipv4/ip_local_reserved_ports"}) {
         remove(name);
@@ -198,7 +198,7 @@ TEST_F(KernelReaderTest, LeavesOutWhatIsNotThere) {
     EXPECT_EQ(figures.sockets.value().at(2).sockets, 1U);
 }
 
-TEST_F(KernelReaderTest, ShowsNoSocketsOfAProcessThatHidesItsDescriptors) {
+TEST_F(KernelReaderTest, OmitsSocketsOfAProcessWithUnreadableDescriptors) {
     KernelReader reader(root_.string());
     EXPECT_EQ(reader.read({7, listeners, {}}).drops.at(2), 9U);
     remove("7/fd");
@@ -209,19 +209,19 @@ TEST_F(KernelReaderTest, ShowsNoSocketsOfAProcessThatHidesItsDescriptors) {
     EXPECT_EQ(figures.ports, (Room{2, 7}));
 }
 
-TEST_F(KernelReaderTest, SurvivesAProcessThatHasGone) {
+TEST_F(KernelReaderTest, HandlesAProcessThatHasEnded) {
     KernelReader reader(root_.string());
     const KernelFigures figures = reader.read({8, listeners, {}});
     EXPECT_FALSE(figures.sockets || figures.ports || figures.descriptors || figures.ipv4);
 }
 
-TEST_F(KernelReaderTest, HasNoRoomBelowZero) {
+TEST_F(KernelReaderTest, LimitsRoomToZero) {
     write("7/limits", "Max open files            4                   20                   files\n");
     KernelReader reader(root_.string());
     EXPECT_EQ(reader.read({7, listeners, {}}).descriptors, (Room{7, 0}));
 }
 
-// What this kernel itself writes.
+// The proc file system of this kernel.
 TEST(KernelReaderHostTest, FindsTheSocketOfThisProcess) {
     const UniqueFd listener(socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0));
     sockaddr_in address{};
@@ -284,7 +284,7 @@ TEST_F(KernelReaderTest, WatchPublishesAndWarnsOnce) {
     watch.look({7, listeners, {}}, publish);
     EXPECT_EQ(published.waitFor(1).ports, (Room{1, 0}));
     EXPECT_THAT(watch.takeWarning().value(), HasSubstr("0 of 1 are left"));
-    // It rests after each reading, in proportion to what that took.
+    // It pauses after each reading in proportion to its duration.
     for (int count = 2; count < 4; ++count) {
         const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(20);
         while (published.count() < count && std::chrono::steady_clock::now() < deadline) {

@@ -1,4 +1,4 @@
-// The parsers of the kernel's texts, on what kernels write and on what is damaged.
+// The parsers of the kernel's texts, with real and with damaged texts.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
@@ -59,15 +59,15 @@ TEST(UdpTableTest, ReadsATableWithoutSockets) {
     EXPECT_THAT(parseUdpTable("\n\n"), IsEmpty());
 }
 
-// Cut anywhere, the line is either refused or, where its last number lost digits only, still one.
-TEST(UdpTableTest, RefusesALineThatIsCut) {
+// The line is cut before its last number, at any place.
+TEST(UdpTableTest, RefusesATruncatedLine) {
     const std::string line(udpLine.substr(0, udpLine.find("308")));
     for (std::size_t length = 0; length <= line.size(); ++length) {
         EXPECT_THAT(parseUdpTable(line.substr(0, length)), IsEmpty()) << length;
     }
 }
 
-TEST(UdpTableTest, LeavesOutDamagedLinesAlone) {
+TEST(UdpTableTest, OmitsOnlyDamagedLines) {
     for (const auto& [good, bad] : std::initializer_list<std::pair<const char*, const char*>>{
              {"11311:", "11311"},
              {":1194", ":11194"},
@@ -86,7 +86,7 @@ TEST(UdpTableTest, LeavesOutDamagedLinesAlone) {
     }
 }
 
-TEST(UdpTableTest, WritesAddressesAsTheTableDoes) {
+TEST(UdpTableTest, FormatsAddressesAsInTheTable) {
     EXPECT_EQ(tableAddress("127.0.0.1"), "0100007F");
     EXPECT_EQ(tableAddress("0.0.0.0"), "00000000");
     EXPECT_EQ(tableAddress("::1"), "00000000000000000000000001000000");
@@ -127,7 +127,7 @@ TEST(PortRangeTest, RefusesDamagedReservedPorts) {
     }
 }
 
-TEST(PortRangeTest, CountsWhatIsLeftWithoutTheReservedOnes) {
+TEST(PortRangeTest, DoesNotCountReservedPorts) {
     PortSet taken;
     taken.set(99).set(100).set(105).set(110).set(111);
     const PortSet range = parsePortRange("100 110").value();

@@ -1,13 +1,13 @@
-// Serves the metrics of a child whose log comes in on standard input, as the controller would, and
-// is driven line by line by the functional tests:
+// Serves the metrics of a child whose log it reads from standard input, in place of the controller.
+// The functional tests control it line by line:
 //
 //     metrics-probe (total | per-flow) LABEL=NAME...
 //
-// It writes its port first. A line `@up`, `@down`, `@restart`, `@flows DECLARED ACTIVE`,
-// `@listening DOWNSTREAM LATERAL` (0 or 1 each), `@kernel N` (each figure of the kernel is N) or
-// `@event` (one of each that is counted of the log) is what the controller would call; each other
-// line is the child's. It writes `report` for each report taken in, `line TEXT` for each line that
-// belongs to none and `done` for each line that begins with an @.
+// It first writes its port. The lines `@up`, `@down`, `@restart`, `@flows DECLARED ACTIVE`,
+// `@listening DOWNSTREAM LATERAL` (0 or 1 each), `@kernel N` (each figure of the kernel is N) and
+// `@event` (one log event of each kind) stand for calls of the controller; each other line is a
+// line of the child's log. It writes `report` for each report, `line TEXT` for each line outside of
+// reports, and `done` for each line that begins with @.
 #include <cstdint>
 #include <iostream>
 #include <map>

@@ -38,7 +38,7 @@ class MetricsServerTest : public testing::Test {
     std::string get(const std::string& path) const { return ask("GET", path, server_.port()); }
 };
 
-TEST_F(MetricsServerTest, ServesThePageAsItIs) {
+TEST_F(MetricsServerTest, ServesThePresentPage) {
     server_.childUp(true);
     server_.setFlows(3, 2);
     server_.countRestart();
@@ -55,7 +55,7 @@ TEST_F(MetricsServerTest, ServesThePageAsItIs) {
     }
 }
 
-TEST_F(MetricsServerTest, TellsWhetherTheChildIsUp) {
+TEST_F(MetricsServerTest, ReportsWhetherTheChildIsUp) {
     EXPECT_THAT(get("/healthz"), StartsWith("HTTP/1.1 503 "));
     server_.childUp(true);
     EXPECT_THAT(get("/healthz"), StartsWith("HTTP/1.1 200 "));
@@ -64,7 +64,7 @@ TEST_F(MetricsServerTest, TellsWhetherTheChildIsUp) {
     EXPECT_THAT(get("/healthz"), StartsWith("HTTP/1.1 503 "));
 }
 
-TEST_F(MetricsServerTest, CountsReloadsByTheirOutcome) {
+TEST_F(MetricsServerTest, CountsReloadsByOutcome) {
     EXPECT_THAT(server_.page(), HasSubstr("\nvesk_last_reload_successful 1\n"));
     server_.countReload(ReloadOutcome::addressRefused);
     EXPECT_THAT(server_.page(), HasSubstr("\nvesk_reloads_total{outcome=\"address_refused\"} 1\n"));
@@ -77,7 +77,7 @@ TEST_F(MetricsServerTest, CountsReloadsByTheirOutcome) {
     EXPECT_THAT(server_.page(), HasSubstr("\nvesk_last_reload_successful 1\n"));
 }
 
-TEST_F(MetricsServerTest, TellsWhatKeepsItFromBeingReady) {
+TEST_F(MetricsServerTest, ReportsWhyItIsNotReady) {
     const auto expect = [&](const char* status, const std::string& text) {
         EXPECT_THAT(get("/ready"), StartsWith("HTTP/1.1 " + std::string(status)));
         EXPECT_THAT(get("/ready"), EndsWith("\r\n\r\n" + text + "\n"));
@@ -98,7 +98,7 @@ TEST_F(MetricsServerTest, TellsWhatKeepsItFromBeingReady) {
     EXPECT_THAT(get("/healthz"), StartsWith("HTTP/1.1 200 "));
 }
 
-TEST_F(MetricsServerTest, ServesNothingElse) {
+TEST_F(MetricsServerTest, RefusesOtherPaths) {
     for (const char* path : {"/", "/metrics/more", "/metricsmore", "/healthz/", "/etc/passwd",
                              "/../../../../etc/passwd"}) {
         EXPECT_THAT(get(path), StartsWith("HTTP/1.1 404 ")) << path;
@@ -112,14 +112,14 @@ TEST_F(MetricsServerTest, AnswersHeadWithoutABodyAndRefusesOtherMethods) {
     EXPECT_THAT(ask("POST", "/metrics", server_.port()), HasSubstr("Allow: GET, HEAD\r\n"));
 }
 
-TEST_F(MetricsServerTest, CountsOnOverANewChild) {
+TEST_F(MetricsServerTest, KeepsItsCountsWithANewChild) {
     server_.childUp(true);
     server_.update(parsed(fullReport), {});
     server_.childUp(true);
     server_.update(parsed(fullReport), {});
     EXPECT_THAT(server_.page(), HasSubstr("\nvesk_downstream_received_datagrams_total 50\n"));
     server_.childUp(false);
-    // What the old child had still written is its own.
+    // A late report of the old child.
     server_.update(parsed(fullReport), {});
     EXPECT_THAT(server_.page(), HasSubstr("\nvesk_downstream_received_datagrams_total 50\n"));
     server_.childUp(true);
@@ -127,7 +127,7 @@ TEST_F(MetricsServerTest, CountsOnOverANewChild) {
     EXPECT_THAT(server_.page(), HasSubstr("\nvesk_downstream_received_datagrams_total 100\n"));
 }
 
-TEST_F(MetricsServerTest, ShowsNoFiguresOfAChildThatHasEnded) {
+TEST_F(MetricsServerTest, OmitsFiguresOfAChildThatHasEnded) {
     KernelFigures figures;
     figures.drops = {1, 2, 3};
     figures.descriptors = Room{5, 6};
@@ -144,7 +144,7 @@ TEST_F(MetricsServerTest, ShowsNoFiguresOfAChildThatHasEnded) {
     EXPECT_THAT(server_.page(), HasSubstr("\nvesk_hmac_failures_total 1\n"));
 }
 
-TEST_F(MetricsServerTest, LosesNothingWhileItIsRead) {
+TEST_F(MetricsServerTest, LosesNoCountsDuringRequests) {
     constexpr int reports = 200;
     std::atomic<bool> done{false};
     std::vector<std::thread> readers;
@@ -169,8 +169,8 @@ TEST_F(MetricsServerTest, LosesNothingWhileItIsRead) {
     EXPECT_THAT(server_.page(), HasSubstr("\nvesk_downstream_received_datagrams_total 200\n"));
 }
 
-// Signals that the controller waits for must not end in a thread that knows nothing of them.
-TEST_F(MetricsServerTest, ItsThreadsTakeNoSignals) {
+// Signals for the controller must not be delivered to these threads.
+TEST_F(MetricsServerTest, ItsThreadsBlockSignals) {
     std::size_t others = 0;
     for (const auto& thread : std::filesystem::directory_iterator("/proc/self/task")) {
         if (thread.path().filename() == std::to_string(getpid())) {
@@ -209,14 +209,14 @@ TEST(MetricsServerAddressTest, ServesOnIpv6) {
     }
 }
 
-TEST(MetricsServerAddressTest, KeepsFlowsTogetherUnlessAsked) {
+TEST(MetricsServerAddressTest, PublishesFlowsOnlyOnRequest) {
     MetricsServer server("127.0.0.1", 0);
     server.update(parsed(fullReport), {{16, "alice"}});
     EXPECT_THAT(server.page(), Not(HasSubstr("vesk_flow_sent")));
     EXPECT_THAT(server.page(), HasSubstr("\nvesk_upstream_sent_datagrams_total 302\n"));
 }
 
-TEST(MetricsServerAddressTest, SaysWhyItCannotListen) {
+TEST(MetricsServerAddressTest, ReportsWhyItCannotListen) {
     const MetricsServer first("127.0.0.1", 0);
     try {
         const MetricsServer second("127.0.0.1", first.port());
@@ -231,7 +231,7 @@ TEST(MetricsServerAddressTest, SaysWhyItCannotListen) {
     EXPECT_THROW(MetricsServer("no address", 0), std::runtime_error);
 }
 
-TEST(MetricsServerAddressTest, KeepsWhatItWasToldUntilItCanServe) {
+TEST(MetricsServerAddressTest, CountsBeforeItCanServe) {
     MetricsServer server(false);
     server.countRestart();
     EXPECT_FALSE(server.serving());
@@ -242,8 +242,8 @@ TEST(MetricsServerAddressTest, KeepsWhatItWasToldUntilItCanServe) {
     EXPECT_THAT(ask("GET", "/metrics", server.port()), HasSubstr("\nvesk_restarts_total 1\n"));
 }
 
-// Its place is free at once for the next one.
-TEST(MetricsServerAddressTest, StopsServingWithItsEnd) {
+// The port can be used again at once.
+TEST(MetricsServerAddressTest, StopsServingWhenDestroyed) {
     std::optional<MetricsServer> server;
     server.emplace("127.0.0.1", 0);
     const std::uint16_t port = server->port();

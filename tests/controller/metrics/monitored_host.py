@@ -1,4 +1,4 @@
-"""A host of the test's own, a network namespace, with a controller on it whose metrics are read there."""
+"""A network namespace as a host, with a controller in it whose metrics are read there."""
 
 from __future__ import annotations
 
@@ -37,7 +37,7 @@ class Host:
         configuration.tables["metrics"] = f"port = {_METRICS_PORT}"
 
     def set(self, name: str, value: str) -> None:
-        """One of the namespace's own settings."""
+        """Sets a kernel parameter of the namespace."""
         with self.namespace.inside():
             Path(f"/proc/sys/{name}").write_text(value, encoding="ascii")
 
@@ -50,7 +50,7 @@ class Host:
         return flow
 
     def peer(self, *address: Union[str, int]) -> UdpEnd:
-        """A socket of the tests', at an address if one is given."""
+        """A socket of the test in the namespace, bound to the address if one is given."""
         with self.namespace.inside():
             self._ends.append(UdpEnd(*address))  # type: ignore[arg-type]
         return self._ends[-1]
@@ -60,8 +60,8 @@ class Host:
         return self._start(prefix=[*self.namespace.prefix, *prefix]).ready()
 
     def metrics(self) -> Dict[str, float]:
-        """What the page shows. Each request has a port of its own, below the ephemeral ones, which
-        are few in one of the tests."""
+        """The samples on the page. Each request has its own port below the ephemeral ones, because one
+        of the tests has only a few of these."""
         with self.namespace.inside():
             connection = http.client.HTTPConnection(
                 "127.0.0.1", _METRICS_PORT, timeout=scaled(10),

@@ -1,4 +1,4 @@
-"""Reads the metrics page as any client would."""
+"""Reads the metrics page over HTTP."""
 
 from __future__ import annotations
 
@@ -30,7 +30,7 @@ def metrics_text(port: int) -> str:
 
 
 def samples(port: int) -> Dict[str, float]:
-    """The page's values by series, labels as the page writes them."""
+    """The values on the page by series; labels are written as on the page."""
     return samples_in(metrics_text(port))
 
 

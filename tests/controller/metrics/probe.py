@@ -1,4 +1,4 @@
-"""Drives metrics-probe: the controller's metrics without the controller."""
+"""Controls metrics-probe, which serves the controller's metrics without the controller."""
 
 from __future__ import annotations
 
@@ -12,7 +12,7 @@ from framework.vesk_process import VeskProcess
 
 
 class Probe:
-    """A metrics server that is told line by line what a child would write."""
+    """A metrics server that gets the lines of a child from the test."""
 
     def __init__(self, program: str, *arguments: str) -> None:
         self._process = subprocess.Popen([program, *arguments], stdin=subprocess.PIPE,
@@ -33,7 +33,7 @@ class Probe:
         try:
             return self._answers.get(timeout=scaled(10))
         except queue.Empty:
-            raise AssertionError("the probe is silent") from None
+            raise AssertionError("no answer from the probe") from None
 
     def tell(self, text: str) -> None:
         assert self._process.stdin is not None
@@ -41,7 +41,7 @@ class Probe:
         self._process.stdin.flush()
 
     def act(self, line: str) -> List[str]:
-        """Has the probe do what the line says; returns what it had said before about the child's."""
+        """Makes the probe carry out the line; returns its answers to earlier lines of the child."""
         self.tell(f"@{line}\n")
         said = []
         while (answer := self._answer()) != "done":
@@ -49,15 +49,15 @@ class Probe:
         return said
 
     def follow(self, vesk: VeskProcess) -> List[str]:
-        """Passes on what the child has written since the last call, reports whole."""
+        """Passes on the whole lines that the child has written since the last call."""
         output = vesk.output()
         end = output.rfind(b"\n") + 1
         self.tell(output[self.followed:end].decode("utf-8", "surrogateescape"))
         self.followed = end
         return self.act("settle")
 
-    def follow_anew(self, vesk: VeskProcess) -> None:
-        """From here on the child is another one."""
+    def follow_new_child(self, vesk: VeskProcess) -> None:
+        """Replaces the child by a new one."""
         self.act("down")
         self.act("restart")
         self.followed = 0

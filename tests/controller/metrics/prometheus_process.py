@@ -1,4 +1,4 @@
-"""Debian's Prometheus in a folder of its own, on loopback, scraping one exporter several times a second."""
+"""Runs Debian's Prometheus in its own folder on loopback; it scrapes one exporter five times a second."""
 
 from __future__ import annotations
 
@@ -26,7 +26,7 @@ scrape_configs:
 
 
 class PrometheusProcess:
-    """Answers queries; everything it waits for has a deadline."""
+    """A Prometheus that answers queries; each wait has a deadline."""
 
     def __init__(self, folder: Path, exporter: int) -> None:
         folder.mkdir()
@@ -46,7 +46,7 @@ class PrometheusProcess:
             raise
 
     def _get(self, path: str, **parameters: str) -> Optional[str]:
-        """The body of an answer; none while nobody answers or it is not ready."""
+        """The body of an answer; none while Prometheus does not answer or is not ready."""
         url = f"http://{self._address}{path}?{urllib.parse.urlencode(parameters)}"
         try:
             with urllib.request.urlopen(url, timeout=scaled(10)) as answer:
@@ -63,7 +63,7 @@ class PrometheusProcess:
         deadline = time.monotonic() + scaled(seconds)
         while not condition():
             assert self._process.poll() is None, f"Prometheus ended\n{self._said()}"
-            assert time.monotonic() < deadline, f"gave up waiting until Prometheus {description}"
+            assert time.monotonic() < deadline, f"timed out waiting until Prometheus {description}"
             time.sleep(0.05)
 
     def _said(self) -> str:
@@ -71,7 +71,7 @@ class PrometheusProcess:
         return self._log.read()[-4000:]
 
     def query(self, expression: str) -> List[Dict]:
-        """The samples that an expression amounts to now; fails if it is not a valid one."""
+        """The present samples of an expression; fails if the expression is not valid."""
         body = self._get("/api/v1/query", query=expression)
         assert body is not None, f"no answer\n{self._said()}"
         answer = json.loads(body)
@@ -79,7 +79,7 @@ class PrometheusProcess:
         return answer["data"]["result"]
 
     def value(self, expression: str) -> Optional[float]:
-        """The one number that an expression amounts to, or none."""
+        """The single value of an expression, or none."""
         result = self.query(expression)
         assert len(result) <= 1, f"{expression} has {len(result)} series"
         return float(result[0]["value"][1]) if result else None
@@ -112,7 +112,7 @@ class PrometheusProcess:
 
 
 def free_tcp_port(host: str = "127.0.0.1") -> int:
-    """A port that nobody holds right now."""
+    """A port that is free at present."""
     with socket.socket(socket.AF_INET6 if ":" in host else socket.AF_INET) as probe:
         probe.bind((host, 0))
         return probe.getsockname()[1]

@@ -13,7 +13,7 @@ namespace {
 using testing::ElementsAre;
 using testing::IsEmpty;
 
-// The report with one of its texts replaced.
+// The report with one piece of text replaced.
 std::string reportWith(const std::string& text, const std::string& other,
                        std::string_view report = fullReport) {
     std::string changed(report);
@@ -48,7 +48,7 @@ TEST(ReportParserTest, ReadsEveryFigure) {
     EXPECT_EQ(report->lateral, (DatagramCounters{60, 61, 62, 63, 64, 65}));
 }
 
-TEST(ReportParserTest, ReadsAReportOfNothing) {
+TEST(ReportParserTest, ReadsAnEmptyReport) {
     ReportParser parser;
     EXPECT_THAT(ordinaryLines(parser, emptyReport), IsEmpty());
     const std::optional<Report> report = parser.takeReport();
@@ -60,7 +60,7 @@ TEST(ReportParserTest, ReadsAReportOfNothing) {
     EXPECT_FALSE(report->lateral);
 }
 
-TEST(ReportParserTest, IsWholeWithTheLastEmptyLineAndYieldsOnce) {
+TEST(ReportParserTest, CompletesWithTheLastEmptyLineAndReturnsOnce) {
     ReportParser parser;
     const std::vector<std::string> lines = linesOf(fullReport);
     for (const std::string& line : lines) {
@@ -79,7 +79,7 @@ TEST(ReportParserTest, ReadsOneReportAfterAnother) {
     }
 }
 
-TEST(ReportParserTest, LeavesTheLogAlone) {
+TEST(ReportParserTest, DoesNotClaimLogLines) {
     const std::string_view log =
         "info Starting forwarder with UDPv2\n"
         "downstreamPacketReceivedFailed HMAC Check!\n"
@@ -96,8 +96,8 @@ TEST(ReportParserTest, LeavesTheLogAlone) {
     EXPECT_FALSE(parser.takeReport());
 }
 
-// Wherever lines of other threads fall, they stay ordinary and the report stays whole.
-TEST(ReportParserTest, LetsOtherLinesFallBetweenAnyTwo) {
+// Lines of other threads at any place are not claimed, and the report is complete.
+TEST(ReportParserTest, AllowsOtherLinesAtAnyPlace) {
     const std::vector<std::string> lines = linesOf(fullReport);
     for (std::size_t place = 0; place <= lines.size(); ++place) {
         ReportParser parser;
@@ -115,8 +115,8 @@ TEST(ReportParserTest, LetsOtherLinesFallBetweenAnyTwo) {
     }
 }
 
-// Between the messages of a report other messages have their empty lines, too.
-TEST(ReportParserTest, LeavesTheEmptyLineOfAnotherMessage) {
+// Other messages between those of a report may also end with an empty line.
+TEST(ReportParserTest, DoesNotClaimTheEmptyLineOfAnotherMessage) {
     ReportParser parser;
     const std::string text = reportWith(
         "\n\ninfo RcvThrStats", "\n\nerror Unrecognised command 'fence-1'\n\ninfo RcvThrStats");
@@ -125,7 +125,7 @@ TEST(ReportParserTest, LeavesTheEmptyLineOfAnotherMessage) {
     EXPECT_TRUE(parser.takeReport());
 }
 
-TEST(ReportParserTest, TakesTheGreatestNumbers) {
+TEST(ReportParserTest, ReadsTheGreatestNumbers) {
     ReportParser parser;
     ordinaryLines(parser, reportWith("ReadyFdNr:11,DgNr:12",
                                      "ReadyFdNr:4294967295,DgNr:18446744073709551615"));
@@ -135,7 +135,7 @@ TEST(ReportParserTest, TakesTheGreatestNumbers) {
     EXPECT_EQ(report->workers[0].received, 18446744073709551615U);
 }
 
-TEST(ReportParserTest, ShowsArmedSocketsBelowZeroAsSuch) {
+TEST(ReportParserTest, ReadsANegativeNumberOfArmedSockets) {
     ReportParser parser;
     ordinaryLines(parser, reportWith("ActiveEvtNr:3", "ActiveEvtNr:4294967295"));
     const std::optional<Report> report = parser.takeReport();
@@ -150,8 +150,8 @@ struct Damage {
 
 class DamagedReportTest : public testing::TestWithParam<Damage> {};
 
-// The damaged line and what follows it come through, and the next report is read as ever.
-TEST_P(DamagedReportTest, IsGivenUpAndShown) {
+// The damaged line and the following ones are not claimed, and the next report is read normally.
+TEST_P(DamagedReportTest, IsDiscardedAndNotClaimed) {
     ReportParser parser;
     const std::string damaged = reportWith(GetParam().text, GetParam().other);
     EXPECT_FALSE(ordinaryLines(parser, damaged).empty());
@@ -177,7 +177,7 @@ INSTANTIATE_TEST_SUITE_P(
                     Damage{"SndThrStats ", "SndThrStats WakeNr:1,ReadyFdNr:1,DgNr:1 "},
                     Damage{"RxDg:60,", "RxDg:60,TxDg:1\nRxDg:60,"}));
 
-TEST(ReportParserTest, RefusesAReportThatLacksARow) {
+TEST(ReportParserTest, RefusesAReportWithAMissingRow) {
     const std::string text = reportWith(
         "Label:16,RxDg:100,TxDg:101,RxDgError102,TxDgDropped103,DnTxDg:104,DnTxDgDropped:105\n",
         "");
@@ -186,8 +186,8 @@ TEST(ReportParserTest, RefusesAReportThatLacksARow) {
     EXPECT_FALSE(parser.takeReport());
 }
 
-// A child may end in the middle of anything; the next one begins with its own log.
-TEST(ReportParserTest, ForgetsACutReportOnReset) {
+// A child may end at any place of a report; the next child begins with a new log.
+TEST(ReportParserTest, DiscardsATruncatedReportOnReset) {
     const std::vector<std::string> lines = linesOf(fullReport);
     for (std::size_t count = 1; count < lines.size(); ++count) {
         ReportParser parser;
@@ -206,7 +206,7 @@ TEST(ReportParserTest, ForgetsACutReportOnReset) {
     }
 }
 
-TEST(ReportParserTest, BeginsAnewWithANewReport) {
+TEST(ReportParserTest, StartsOverWithANewReport) {
     const std::vector<std::string> lines = linesOf(fullReport);
     for (std::size_t count = 1; count < lines.size(); ++count) {
         ReportParser parser;
@@ -218,15 +218,15 @@ TEST(ReportParserTest, BeginsAnewWithANewReport) {
     }
 }
 
-// An empty info message is the one line that is taken for a report's before that is certain.
-TEST(ReportParserTest, ClaimsNoMoreThanTheEmptyInfoLine) {
+// An empty info message is claimed before it is certain that it begins a report.
+TEST(ReportParserTest, ClaimsOnlyTheEmptyInfoLine) {
     ReportParser parser;
     EXPECT_THAT(ordinaryLines(parser, "info \n\ninfo Starting forwarder with UDPv2\n\n"),
                 ElementsAre("", "info Starting forwarder with UDPv2", ""));
 }
 
-// Bytes turned at random never crash it, and never make it swallow a line of the log.
-TEST(ReportParserTest, SurvivesNoise) {
+// Random bytes never crash it, and never make it claim a line of the log.
+TEST(ReportParserTest, HandlesRandomBytes) {
     std::minstd_rand random(1);
     for (int round = 0; round < 2000; ++round) {
         std::string text(fullReport);

@@ -11,7 +11,7 @@ using testing::Key;
 
 using Names = std::map<std::uint32_t, std::string>;
 
-// Each counter another number, so that none can stand for another.
+// Six different numbers, so that no counter can be confused with another.
 DatagramCounters counters(std::uint64_t first) {
     return {first, first + 1, first + 2, first + 3, first + 4, first + 5};
 }
@@ -29,7 +29,7 @@ Report withDownstream(std::uint64_t first) {
     return report;
 }
 
-TEST(ReportTotalsTest, BeginsWithWhatTheFirstReportSays) {
+TEST(ReportTotalsTest, BeginsWithTheFirstReport) {
     ReportTotals totals(false);
     Report report = withFlows({{5, counters(10)}, {6, counters(100)}});
     report.downstream = counters(1000);
@@ -41,7 +41,7 @@ TEST(ReportTotalsTest, BeginsWithWhatTheFirstReportSays) {
     EXPECT_EQ(totals.totals().flowSockets, 2U);
 }
 
-TEST(ReportTotalsTest, AddsTheIncreaseAlone) {
+TEST(ReportTotalsTest, AddsOnlyTheIncrease) {
     ReportTotals totals(false);
     totals.add(withDownstream(10), {});
     totals.add(withDownstream(10), {});
@@ -49,7 +49,7 @@ TEST(ReportTotalsTest, AddsTheIncreaseAlone) {
     EXPECT_EQ(totals.totals().downstream, counters(17));
 }
 
-// Every counter of the new socket began at 0, also one that has passed the old figure by now.
+// Every counter of the new socket began at 0, even one that already exceeds its old value.
 TEST(ReportTotalsTest, CountsANewSocketFromZero) {
     ReportTotals totals(false);
     Report report;
@@ -76,7 +76,7 @@ TEST(ReportTotalsTest, CountsANewChildFromZero) {
     EXPECT_EQ(totals.totals().downstream.received, 25U);
 }
 
-TEST(ReportTotalsTest, KeepsWhatAFlowHadCountedBeforeItWent) {
+TEST(ReportTotalsTest, KeepsTheCountsOfAFormerFlow) {
     ReportTotals totals(false);
     totals.add(withFlows({{5, counters(10)}, {6, counters(100)}}), {});
     totals.add(withFlows({{6, counters(100)}}), {});
@@ -86,7 +86,7 @@ TEST(ReportTotalsTest, KeepsWhatAFlowHadCountedBeforeItWent) {
     EXPECT_TRUE(totals.totals().flows.empty());
 }
 
-TEST(ReportTotalsTest, TellsFlowsApartOnRequest) {
+TEST(ReportTotalsTest, KeepsEachFlowOnRequest) {
     ReportTotals totals(true);
     totals.add(withFlows({{5, counters(10)}}), {{5, "alice"}, {6, "bob"}});
     totals.add(withFlows({{5, counters(13)}, {6, counters(1)}}), {{5, "alice"}, {6, "bob"}});
@@ -106,7 +106,7 @@ TEST(ReportTotalsTest, KeepsDeclaredFlowsWithoutASocket) {
     EXPECT_EQ(totals.totals().flows.at(5).counters.received, 30U);
 }
 
-TEST(ReportTotalsTest, ForgetsOtherFlowsWithTheirSocket) {
+TEST(ReportTotalsTest, ForgetsUndeclaredFlowsWithoutASocket) {
     ReportTotals totals(true);
     totals.add(withFlows({{5, counters(10)}, {7, counters(20)}}), {{5, "alice"}});
     EXPECT_EQ(totals.totals().flows.at(7).name, "");
@@ -138,7 +138,7 @@ TEST(ReportTotalsTest, AddsUpTheWorkers) {
     EXPECT_EQ(totals.totals().workers[1].received, 27U);
 }
 
-TEST(ReportTotalsTest, GoesOnWhereTheQueueCounterBeginsAnew) {
+TEST(ReportTotalsTest, HandlesAWrappedQueueCounter) {
     ReportTotals totals(false);
     Report report;
     report.workers = {{1, 4294967290, 1}};
@@ -164,7 +164,7 @@ TEST(ReportTotalsTest, AddsUpThePollEventsAndShowsTheArmedSockets) {
     EXPECT_EQ(totals.totals().errorEvents, 8U);
 }
 
-// The kernel's figures come between reports.
+// The kernel's figures arrive between reports.
 TEST(ReportTotalsTest, AddsUpTheDropsOfEachFlow) {
     ReportTotals totals(true);
     totals.addFlowSockets({{16, {{1, 20, 30}, 5}}});
@@ -178,7 +178,7 @@ TEST(ReportTotalsTest, AddsUpTheDropsOfEachFlow) {
     EXPECT_EQ(alice.socket, SocketFigures());
 }
 
-TEST(ReportTotalsTest, KeepsNoSocketsUnlessFlowsAreKeptApart) {
+TEST(ReportTotalsTest, KeepsFlowSocketsOnlyOnRequest) {
     ReportTotals totals(false);
     totals.addFlowSockets({{16, {{1, 20, 30}, 5}}});
     EXPECT_TRUE(totals.totals().flows.empty());

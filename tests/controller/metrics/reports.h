@@ -1,5 +1,4 @@
-// The child's words for the tests of the metrics: whole reports, and the lines that they are made
-// of.
+// Reports of the child as text, for the tests of the metrics.
 #pragma once
 
 #include <sstream>
@@ -11,7 +10,7 @@
 
 namespace vesk::controller {
 
-/// A report with everything in it: two flows, two workers, all sockets.
+/// A report with all parts: two flows, two workers, all sockets.
 inline constexpr std::string_view fullReport =
     "info \n"
     "Poll stats:\n"
@@ -34,7 +33,7 @@ inline constexpr std::string_view fullReport =
     "RxDg:60,TxDg:61,RxDgError:62,TxDgDropped:63,DnTxDg:64,DnTxDgDropped:65\n"
     "\n";
 
-/// A report of a child that has no socket and no thread yet.
+/// A report of a child without sockets and threads.
 inline constexpr std::string_view emptyReport =
     "info \nPoll stats:\n\n"
     "info Upstream Stats:\n\n"
@@ -53,7 +52,7 @@ inline std::vector<std::string> linesOf(std::string_view text) {
     return lines;
 }
 
-/// Feeds every line and returns those that belong to no report.
+/// Feeds all lines to the parser and returns those that are not part of a report.
 inline std::vector<std::string> ordinaryLines(ReportParser& parser, std::string_view text) {
     std::vector<std::string> ordinary;
     for (const std::string& line : linesOf(text)) {

@@ -31,7 +31,7 @@ needs_ipv6 = pytest.mark.skipif(not has_ipv6(), reason="this host has no IPv6 ad
 
 
 def serve_on(configuration: ConfigurationFile, address: str, *lines: str) -> int:
-    """Names the address in the file; returns the port."""
+    """Writes the address and a free port to the file; returns the port."""
     port = free_tcp_port(address)
     configuration.tables["metrics"] = "\n".join(
         [f'address = "{address}"', f"port = {port}", *lines])
@@ -67,7 +67,7 @@ def test_the_pages_are_served_on_the_address_of_the_file(
         ipv4: bool, ipv6: bool) -> None:
     port = serve_on(configuration, address)
     controller = start_controller().ready()
-    controller.wait_for(f"info controller: serves metrics on {address}, port {port}")
+    controller.wait_for(f"info controller: serving metrics on {address}, port {port}")
     assert is_served("127.0.0.1", port) == ipv4
     if has_ipv6():
         assert is_served("::1", port) == ipv6
@@ -82,18 +82,18 @@ def test_a_taken_port_of_ipv6_is_tried_again(
         controller = start_controller().ready()
         controller.wait_for(f"error controller: cannot serve metrics on [::1]:{port}: "
                             "Address already in use")
-        controller.wait_for(re.compile("warn controller: goes on without metrics, .*"))
-    controller.wait_for(f"info controller: serves metrics on ::1, port {port}")
+        controller.wait_for(re.compile("warn controller: continues without metrics .*"))
+    controller.wait_for(f"info controller: serving metrics on ::1, port {port}")
     assert is_served("::1", port)
     assert controller.finish() == 0
 
 
 @needs_ipv6
-def test_a_taken_port_of_ipv6_is_fatal_where_the_pages_are_required(
+def test_a_taken_port_of_ipv6_is_fatal_if_metrics_are_required(
         configuration: ConfigurationFile, start_controller: StartController) -> None:
     port = serve_on(configuration, "::1", "required = true")
     with closing(holder_of(port)):
         controller = start_controller()
         assert controller.wait_exit() == 4
-    controller.wait_for("error controller: metrics.required is true: ends without them")
+    controller.wait_for("error controller: metrics.required is true: exiting")
     assert not [line for line in controller.lines if "started" in line]

@@ -1,5 +1,5 @@
-"""What the operator's table names as the cause of an alert, provoked in a network namespace of the test's
-own: the metrics of its rule move to where it fires."""
+"""Provokes the causes in the operator's table of alerts in a network namespace: the metrics of the rule
+reach the values at which it fires."""
 
 from __future__ import annotations
 
@@ -23,7 +23,7 @@ from monitored_host import Host
 # VeskNotListening ------------------------------------------------------------------------
 
 
-def test_the_port_for_peers_is_taken(configuration: ConfigurationFile, host: Host) -> None:
+def test_the_downstream_port_is_taken(configuration: ConfigurationFile, host: Host) -> None:
     taken = host.peer(*configuration.listen)
     host.start()
     assert host.metrics()["vesk_listening"] == 0
@@ -58,7 +58,7 @@ _QUEUE = 'vesk_udp_receive_queue_bytes{side="downstream"}'
 
 
 def receive_queue(process: int, port: int) -> int:
-    """The bytes that wait at a port, as the kernel's own table has them."""
+    """The bytes in the receive queue of a port, from the kernel's table."""
     lines = Path(f"/proc/{process}/net/udp").read_text(encoding="ascii").splitlines()[1:]
     rows = [line.split() for line in lines]
     (queues,) = [row[4] for row in rows if int(row[1].split(":")[1], 16) == port]
@@ -66,8 +66,8 @@ def receive_queue(process: int, port: int) -> int:
 
 
 def fill(process: int, sender: UdpEnd, to: Address, wanted: int) -> int:
-    """Sends to a forwarder that does not read until more than so many bytes of its buffer are used;
-    how many are used then."""
+    """Sends to a forwarder that does not read until more than `wanted` bytes of its buffer are used;
+    returns how many are used then."""
     for _ in range(wanted // 1000 + 1):
         sender.send(bytes(1000), to)
         if receive_queue(process, to[1]) > wanted:
@@ -75,8 +75,8 @@ def fill(process: int, sender: UdpEnd, to: Address, wanted: int) -> int:
     return receive_queue(process, to[1])
 
 
-def test_the_forwarder_does_not_get_the_processor(configuration: ConfigurationFile,
-                                                  host: Host) -> None:
+def test_the_forwarder_gets_no_processor_time(configuration: ConfigurationFile,
+                                              host: Host) -> None:
     expression = alert_rules()["VeskReceiveQueueLong"].expression
     threshold = int(expression.split(" > ")[1])
     allowed = int(Path("/proc/sys/net/core/rmem_max").read_text(encoding="ascii"))
@@ -89,7 +89,7 @@ def test_the_forwarder_does_not_get_the_processor(configuration: ConfigurationFi
     child = controller.forwarder()
     os.kill(child, signal.SIGSTOP)
     try:
-        # A buffer has twice the bytes that may be asked for.
+        # The kernel doubles the size that is requested for a buffer.
         waiting = fill(child, peer, configuration.listen, min(threshold, allowed))
         assert waiting > min(threshold, allowed)
         host.wait_for(lambda now: now[_QUEUE] == waiting, f"{waiting} bytes are shown")
@@ -113,7 +113,7 @@ def conntrack_settings(host: Host) -> Dict[str, int]:
 
 @pytest.fixture
 def firewall(host: Host) -> int:
-    """Has the host track connections; returns how many it may track."""
+    """Makes the host track connections; returns the limit."""
     if shutil.which("nft") is None:
         pytest.skip("nft is not installed")
     try:
@@ -121,11 +121,11 @@ def firewall(host: Host) -> int:
                            "{ type filter hook prerouting priority 0; }; "
                            "add rule ip vesk arriving ct state new accept")
     except subprocess.CalledProcessError as error:
-        pytest.skip(f"this kernel tracks no connections: {error.stderr.decode(errors='replace')}")
+        pytest.skip(f"this kernel does not track connections: {error.stderr.decode(errors='replace')}")
     limit = conntrack_settings(host)["nf_conntrack_max"]
     if limit > _MOST_CONNECTIONS:
         pytest.skip(f"net.netfilter.nf_conntrack_max is {limit}, too many to make here")
-    # None of them is forgotten before the last one is made.
+    # No entry may expire before the last one is created.
     host.set("net/netfilter/nf_conntrack_udp_timeout", "600")
     return limit
 
@@ -145,7 +145,7 @@ def test_a_firewall_tracks_each_peer(configuration: ConfigurationFile, host: Hos
     wanted = firewall * 95 // 100
     assert before < 0.9 * firewall
     peer = host.peer("0.0.0.0")
-    # One peer that sends to many addresses is as many connections as many peers.
+    # One peer that sends to many addresses creates as many entries as many peers.
     for _, address in zip(range(wanted), loopback_addresses()):
         peer.send(b"x", (address, configuration.listen[1]))
     host.wait_for(lambda now: wanted <= now["vesk_conntrack_entries"] <= firewall,
@@ -158,7 +158,7 @@ def test_a_firewall_tracks_each_peer(configuration: ConfigurationFile, host: Hos
 
 
 def host_errors(process: int, name: str) -> int:
-    """A counter of the kernel's own table, IPv4."""
+    """A counter of the kernel's table for IPv4."""
     lines: List[str] = Path(f"/proc/{process}/net/snmp").read_text(encoding="ascii").splitlines()
     names, values = [line.split() for line in lines if line.startswith("Udp:")]
     return int(values[names.index(name)])
@@ -166,7 +166,7 @@ def host_errors(process: int, name: str) -> int:
 
 @pytest.fixture
 def slow_device(host: Host) -> Address:
-    """Makes a device that sends a datagram a second and keeps three; an address behind it."""
+    """Makes a device that sends one datagram per second and queues three; returns an address behind it."""
     host.namespace.ip("link", "add", "slow", "type", "veth", "peer", "name", "far")
     for device in ("slow", "far"):
         host.namespace.ip("link", "set", device, "up")
@@ -176,12 +176,12 @@ def slow_device(host: Host) -> Address:
         host.namespace.run("tc", "qdisc", "add", "dev", "slow", "root", "tbf", "rate", "8kbit",
                            "burst", "1600", "limit", "3200")
     except subprocess.CalledProcessError as error:
-        pytest.skip(f"this kernel slows no device: {error.stderr.decode(errors='replace')}")
+        pytest.skip(f"this kernel cannot slow down a device: {error.stderr.decode(errors='replace')}")
     return "10.77.0.2", 5000
 
 
-def test_a_device_takes_no_more_of_what_another_program_sends(host: Host,
-                                                              slow_device: Address) -> None:
+def test_a_slow_device_drops_datagrams_of_another_program(host: Host,
+                                                          slow_device: Address) -> None:
     series = 'vesk_host_udp_send_buffer_errors_total{family="ipv4"}'
     child = host.start().forwarder()
     host.wait_for(lambda now: now.get(series) == 0, "there is a reading")

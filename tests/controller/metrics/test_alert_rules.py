@@ -1,4 +1,4 @@
-"""Each alert fires when it has to, is silent otherwise, and has its row in the operator's table."""
+"""Each alert fires when it should, is silent otherwise, and has a row in the operator's table."""
 
 from __future__ import annotations
 
@@ -13,13 +13,13 @@ from alert_rules import RULES, Rule, alert_rules
 
 _OPERATING = Path(__file__).resolve().parents[3] / "docs/operating.md"
 
-# Series by name and labels; values as promtool has them: "first+stepxcount", a step each 10 seconds.
+# Series by name and labels; values in the form of promtool, "first+stepxcount", one step in 10 seconds.
 Series = Dict[str, str]
 
 
 @dataclass(frozen=True)
 class Case:
-    """Series that make an alert fire, and series that must not, 20 minutes from their beginning."""
+    """Series with which an alert fires after 20 minutes, and series with which it must not."""
 
     fires: Series
     silent: Series
@@ -41,7 +41,7 @@ def rising(name: str, step: int) -> Series:
 _CASES: Dict[str, Case] = {
     "VeskUnreachable": case({'up{job="vesk"}': "0x120"},
                             {'up{job="vesk"}': "1x120", 'up{job="other"}': "0x120"}, job="vesk"),
-    # A restart that succeeds within the minute is no alert.
+    # A restart that succeeds within a minute does not fire the alert.
     "VeskDown": case(steady(vesk_up=0), {"vesk_up": "1x117 0x3"}),
     "VeskNotListening": case(steady(vesk_listening=0), steady(vesk_listening=1)),
     "VeskRestarts": case({"vesk_restarts_total": "0x60 1 2 3x58"},
@@ -72,7 +72,7 @@ _CASES: Dict[str, Case] = {
         {'vesk_udp_dropped_datagrams_total{side="upstream"}': "7x120"}, side="upstream"),
     "VeskReceiveQueueLong": case(
         {'vesk_udp_receive_queue_bytes{side="lateral"}': "600000x120"},
-        # That of all flows together may be long.
+        # The queues of all flows together may be long.
         {'vesk_udp_receive_queue_bytes{side="downstream"}': "500000x120",
          'vesk_udp_receive_queue_bytes{side="upstream"}': "1500000x120"}, side="lateral"),
     "VeskPortsRunOut": case(steady(vesk_ephemeral_ports_left=10, vesk_ephemeral_ports_used=90),
@@ -106,7 +106,7 @@ def test_each_alert_fires_and_is_silent(tmp_path: Path) -> None:
             "exp_annotations": rule.annotations}
         tests.append(promtool_test(_CASES[name].fires, rule, [alert]))
         tests.append(promtool_test(_CASES[name].silent, rule, []))
-    # JSON is YAML, too.
+    # JSON is valid YAML.
     file = tmp_path / "tests.yml"
     file.write_text(json.dumps({"rule_files": [str(RULES)], "evaluation_interval": "10s",
                                 "tests": tests}), encoding="utf-8")
@@ -116,7 +116,7 @@ def test_each_alert_fires_and_is_silent(tmp_path: Path) -> None:
 
 
 def rows() -> Dict[str, List[str]]:
-    """The cells of each row of the operator's table behind the alert's name."""
+    """The cells of each row of the operator's table after the alert's name."""
     text = _OPERATING.read_text(encoding="utf-8")
     section = text.split("## When something is wrong\n")[1].split("\n## ")[0]
     lines = re.findall(r"^\| `(\w+)` \| (.+) \|$", section, re.MULTILINE)

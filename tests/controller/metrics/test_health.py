@@ -1,4 +1,4 @@
-"""What the pages say of a forwarder that does not do its work."""
+"""The pages while the forwarder does not work normally."""
 
 from __future__ import annotations
 
@@ -26,7 +26,7 @@ StartController = Callable[..., ControllerProcess]
 
 @pytest.fixture
 def port(configuration: ConfigurationFile) -> int:
-    """Where the metrics are served."""
+    """The port of the metrics."""
     chosen = free_tcp_port()
     configuration.tables["metrics"] = f"port = {chosen}"
     configuration.write()
@@ -100,7 +100,7 @@ def test_the_outcome_of_each_reload_is_shown(
     assert reloads() == expected(1, 1, 1, 1)
 
 
-def test_ready_is_another_answer_than_healthy(
+def test_ready_differs_from_healthy(
         configuration: ConfigurationFile, port: int, start_controller: StartController,
         peer: UdpEnd) -> None:
     def answers() -> Tuple[int, int, str]:
@@ -122,14 +122,14 @@ def test_ready_is_another_answer_than_healthy(
     controller.reload()
     assert answers() == (200, 200, "ready\n")
     controller.signal(signal.SIGTERM)
-    # It drains for a second at least.
+    # It drains for at least a second.
     wait_until(lambda: answers() == (200, 503, "the forwarder is about to end\n"), "it drains")
     assert controller.wait_exit() == 0
 
 
 def test_it_is_not_ready_before_its_flows_are_set(
         configuration: ConfigurationFile, port: int, start_controller: StartController) -> None:
-    # It answers when there is a file that says so.
+    # It answers only once a certain file exists.
     hesitant = f"while [ ! -e go ]; do sleep 0.01; done\n{ANSWERING}"
     controller = start_controller("--program", script(configuration.folder, hesitant))
     controller.wait_for(re.compile("info controller: started .*"))
@@ -140,7 +140,7 @@ def test_it_is_not_ready_before_its_flows_are_set(
     assert fetch(port, "/ready") == (200, "ready\n")
 
 
-def test_a_flow_that_is_refused_by_name_does_not_keep_it_from_being_ready(
+def test_a_refused_flow_does_not_prevent_readiness(
         configuration: ConfigurationFile, port: int, start_controller: StartController,
         peer: UdpEnd) -> None:
     configuration.flows["alice"] = Flow(label=1, upstream=peer.address)
@@ -154,7 +154,7 @@ def test_a_flow_that_is_refused_by_name_does_not_keep_it_from_being_ready(
 
 @pytest.fixture
 def taken(port: int) -> Iterator[socket.socket]:
-    """Holds the port of the metrics."""
+    """Occupies the port of the metrics."""
     with socket.socket() as holder:
         holder.setsockopt(socket.SOL_SOCKET, socket.SO_REUSEADDR, 1)
         holder.bind(("127.0.0.1", port))
@@ -167,18 +167,18 @@ def test_a_metrics_port_that_is_taken_is_tried_again(
     controller = start_controller().ready()
     os.kill(controller.forwarder(), signal.SIGKILL)
     for pause in (100, 200):
-        controller.wait_for("warn controller: goes on without metrics, and tries to serve them "
+        controller.wait_for("warn controller: continues without metrics and tries to serve them "
                             f"again in {pause} ms")
     controller.wait_for(f"error controller: cannot serve metrics on 127.0.0.1:{port}: "
                         "Address already in use")
     taken.close()
-    controller.wait_for(f"info controller: serves metrics on 127.0.0.1, port {port}")
-    # What happened before is counted.
+    controller.wait_for(f"info controller: serving metrics on 127.0.0.1, port {port}")
+    # The restart before it could serve is counted.
     assert samples(port)["vesk_restarts_total"] == 1
     assert controller.finish() == 0
 
 
-def test_a_reload_names_another_port_for_metrics_that_are_not_served(
+def test_a_reload_changes_the_port_of_metrics_that_are_not_served(
         configuration: ConfigurationFile, taken: socket.socket,
         start_controller: StartController) -> None:
     assert taken.fileno() >= 0
@@ -187,11 +187,11 @@ def test_a_reload_names_another_port_for_metrics_that_are_not_served(
     configuration.tables["metrics"] = f"port = {other}"
     configuration.write()
     controller.reload()
-    controller.wait_for(f"info controller: serves metrics on 127.0.0.1, port {other}")
-    assert not [line for line in controller.lines if "takes effect" in line]
+    controller.wait_for(f"info controller: serving metrics on 127.0.0.1, port {other}")
+    assert not [line for line in controller.lines if "the change applies" in line]
 
 
-def test_metrics_that_are_required_and_cannot_be_served_are_fatal(
+def test_required_metrics_that_cannot_be_served_are_fatal(
         configuration: ConfigurationFile, port: int, taken: socket.socket,
         start_controller: StartController) -> None:
     assert taken.fileno() >= 0
@@ -201,5 +201,5 @@ def test_metrics_that_are_required_and_cannot_be_served_are_fatal(
     assert controller.wait_exit() == 4
     controller.wait_for(f"error controller: cannot serve metrics on 127.0.0.1:{port}: "
                         "Address already in use")
-    controller.wait_for("error controller: metrics.required is true: ends without them")
+    controller.wait_for("error controller: metrics.required is true: exiting")
     assert not [line for line in controller.lines if "started" in line]

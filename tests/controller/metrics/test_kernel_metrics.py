@@ -1,4 +1,5 @@
-"""What the kernel and the log say, provoked in a network namespace of the test's own: each metric moves."""
+"""The metrics of the kernel's figures and of log lines change when their causes are provoked in a network
+namespace."""
 
 from __future__ import annotations
 
@@ -20,13 +21,13 @@ from monitored_host import Host
 
 
 def udp_drops(pid: int) -> int:
-    """The last column of the kernel's own table."""
+    """The sum of the last column of the kernel's table."""
     lines = Path(f"/proc/{pid}/net/udp").read_text(encoding="ascii").splitlines()[1:]
     return sum(int(line.split()[-1]) for line in lines)
 
 
 def overflow(controller: ControllerProcess, sender: UdpEnd, to: Tuple[str, int]) -> int:
-    """Sends to a forwarder that is stopped until the kernel drops; how much it dropped."""
+    """Sends to a stopped forwarder until the kernel drops datagrams; returns how many it dropped."""
     child = controller.forwarder()
     os.kill(child, signal.SIGSTOP)
     try:
@@ -39,8 +40,8 @@ def overflow(controller: ControllerProcess, sender: UdpEnd, to: Tuple[str, int])
         os.kill(child, signal.SIGCONT)
 
 
-def test_drops_are_the_kernels_own_for_each_side(configuration: ConfigurationFile,
-                                                 host: Host) -> None:
+def test_drops_equal_the_kernels_on_each_side(configuration: ConfigurationFile,
+                                              host: Host) -> None:
     flow = host.flow("alice", 1)
     configuration.tables["metrics"] += "\nper_flow = true"
     controller = host.start()
@@ -68,8 +69,8 @@ def test_drops_are_the_kernels_own_for_each_side(configuration: ConfigurationFil
     assert now['vesk_flow_udp_dropped_datagrams_total{flow="alice",label="0x1"}'] == dropped_upstream
 
 
-def test_ports_that_run_out_are_warned_of_once_before(configuration: ConfigurationFile,
-                                                      host: Host) -> None:
+def test_one_warning_before_ports_run_out(configuration: ConfigurationFile,
+                                          host: Host) -> None:
     peer = host.peer()
     flows = [host.flow(f"flow{label}", label) for label in range(1, 13)]
     host.set("net/ipv4/ip_local_port_range", "61000 61011")
@@ -78,9 +79,9 @@ def test_ports_that_run_out_are_warned_of_once_before(configuration: Configurati
     host.wait_for(lambda now: now.get("vesk_ephemeral_ports_left") == 10, "all ports are left")
     for flow in flows[:9]:
         ask_until_answered(peer, flow, configuration.listen)
-    warning = ("warn controller: ephemeral ports run out: 1 of 10 are left; without one the datagrams "
-               "of a flow that opens its socket are dropped; widen net.ipv4.ip_local_port_range, or "
-               "see who holds them with ss -uanp")
+    warning = ("warn controller: ephemeral ports are running out: 1 of 10 are left; a flow that opens "
+               "its socket when none is left drops its datagrams; widen net.ipv4.ip_local_port_range, or "
+               "list the users with ss -uanp")
     controller.wait_for(warning)
     now = host.metrics()
     assert (now["vesk_ephemeral_ports_used"], now["vesk_ephemeral_ports_left"]) == (9, 1)
@@ -89,7 +90,7 @@ def test_ports_that_run_out_are_warned_of_once_before(configuration: Configurati
     assert not ask(peer, flows[10], configuration.listen, b"too late", scaled(0.5))
     host.wait_for(lambda now: now["vesk_ephemeral_ports_left"] == 0
                   and now["vesk_upstream_dropped_datagrams_total"] == 1, "the port is missing")
-    assert [line for line in controller.lines if "ports run out" in line] == [warning]
+    assert [line for line in controller.lines if "ports are running out" in line] == [warning]
 
 
 def test_descriptors_are_counted_against_the_limit(configuration: ConfigurationFile,
@@ -105,7 +106,7 @@ def test_descriptors_are_counted_against_the_limit(configuration: ConfigurationF
                   "the flow's socket is counted")
 
 
-def test_connections_are_shown_where_the_module_is_loaded(host: Host) -> None:
+def test_connections_are_shown_if_the_module_is_loaded(host: Host) -> None:
     host.start()
     host.wait_for(lambda now: "vesk_descriptors_used" in now, "there is a reading")
     limit = Path("/proc/sys/net/netfilter/nf_conntrack_max")
@@ -116,13 +117,13 @@ def test_connections_are_shown_where_the_module_is_loaded(host: Host) -> None:
 
 
 @pytest.mark.parametrize("level, created", [("error", 0), ("info", 3)])
-def test_the_log_is_counted_at_every_level_that_shows_it(configuration: ConfigurationFile,
-                                                         host: Host, level: str,
-                                                         created: int) -> None:
+def test_log_lines_are_counted_at_each_level_that_shows_them(configuration: ConfigurationFile,
+                                                             host: Host, level: str,
+                                                             created: int) -> None:
     peer = host.peer()
     flows = [host.flow(name, label) for label, name in enumerate(("alice", "bob"), start=1)]
     unreachable = host.flow("carol", 3)
-    # There is no route to it.
+    # There is no route to this address.
     unreachable.upstream = ("192.0.2.1", 5000)
     configuration.tables["forwarder"] = f'log_level = "{level}"'
     host.start()
@@ -157,7 +158,7 @@ def test_no_figure_of_a_child_that_ended_is_shown(configuration: ConfigurationFi
 
 
 def next_reading(host: Host) -> Callable[[Dict[str, float]], bool]:
-    """Tells whether a page shows a reading that began after this call: one more port is in use."""
+    """Returns a check for a page with a reading that began after this call: it uses one more port."""
     used = host.metrics()["vesk_ephemeral_ports_used"]
     host.peer()
     return lambda now: now["vesk_ephemeral_ports_used"] == used + 1
@@ -168,7 +169,7 @@ def sockets(now: Dict[str, float]) -> Dict[str, float]:
             for side in ("downstream", "lateral", "upstream")}
 
 
-def test_a_lateral_stream_is_shown_where_it_is_until_the_forwarder_is_started_again(
+def test_the_lateral_stream_is_found_after_a_reload_that_changes_its_port(
         configuration: ConfigurationFile, host: Host) -> None:
     configuration.join(4600)
     controller = host.start()
@@ -177,6 +178,6 @@ def test_a_lateral_stream_is_shown_where_it_is_until_the_forwarder_is_started_ag
     configuration.write()
     controller.reload()
     controller.wait_for(
-        "warn controller: lateral: takes effect when the forwarder is started again")
+        "warn controller: lateral: the change applies at the next start of the forwarder")
     host.wait_for(next_reading(host), "there is another reading")
     assert sockets(host.metrics()) == {"downstream": 1, "lateral": 1, "upstream": 0}

@@ -1,4 +1,4 @@
-"""The page, its documentation, the alerts and the dashboard speak of the same metrics."""
+"""The page, its documentation, the alerts and the dashboard have the same metrics."""
 
 from __future__ import annotations
 
@@ -20,7 +20,7 @@ _DOCUMENT = (_ROOT / "docs/metrics.md").read_text(encoding="utf-8")
 _DASHBOARD = json.loads((_ROOT / "packaging/grafana/vesk.json").read_text(encoding="utf-8"))
 _NAME = re.compile(r"\bvesk_[a-z0-9_]+")
 
-# Every section with figures in it, so that no metric is missing for want of an occasion.
+# Every section has figures, so that no metric is missing.
 _REPORT = """\
 info \n\
 Poll stats:
@@ -68,25 +68,25 @@ def dashboard_expressions() -> Iterator[str]:
 
 
 def documented() -> Set[str]:
-    """The metrics that have a row in one of the tables."""
+    """The metrics with a row in one of the tables."""
     rows: List[str] = re.findall(r"^\| `(vesk_[a-z_]+)` \| (?:counter|gauge) \|", _DOCUMENT,
                                  re.MULTILINE)
     assert len(rows) == len(set(rows)), "a metric is documented twice"
     return set(rows)
 
 
-def test_what_is_documented_is_what_is_exported(probe: Probe) -> None:
+def test_documented_metrics_equal_exported_ones(probe: Probe) -> None:
     assert names(probe.port) == documented()
 
 
-def test_the_documented_types_are_the_exported_ones(probe: Probe) -> None:
+def test_documented_types_equal_exported_ones(probe: Probe) -> None:
     exported = dict(re.findall(r"^# TYPE (\S+) (\S+)$", metrics_text(probe.port), re.MULTILINE))
     told: Dict[str, str] = dict(re.findall(r"^\| `(vesk_[a-z_]+)` \| (\w+) \|", _DOCUMENT,
                                            re.MULTILINE))
     assert exported == told
 
 
-def test_no_text_names_a_metric_that_does_not_exist(probe: Probe) -> None:
+def test_texts_name_only_existing_metrics(probe: Probe) -> None:
     exported = names(probe.port)
     assert set(_NAME.findall(_DOCUMENT)) <= exported
     asked = asked_by_alerts()
@@ -100,7 +100,7 @@ def shown_on_the_dashboard() -> Set[str]:
     return {name for text in dashboard_expressions() for name in _NAME.findall(text)}
 
 
-def test_the_dashboard_shows_what_the_kernel_and_the_log_say() -> None:
+def test_the_dashboard_shows_metrics_of_the_kernel_and_the_log() -> None:
     section = _DOCUMENT.split("## What the kernel says\n")[1].split("\n## Alerts")[0]
     assert set(re.findall(r"^\| `(vesk_\w+)`", section, re.MULTILINE)) <= shown_on_the_dashboard()
 
@@ -109,7 +109,7 @@ def asked_by_alerts() -> Set[str]:
     return {name for rule in alert_rules().values() for name in _NAME.findall(rule.expression)}
 
 
-def test_the_dashboard_shows_what_the_alerts_ask_for() -> None:
+def test_the_dashboard_shows_the_metrics_of_the_alerts() -> None:
     assert asked_by_alerts() - shown_on_the_dashboard() == set()
 
 
@@ -118,7 +118,7 @@ def test_the_dashboard_shows_the_listeners_and_the_reloads() -> None:
             "vesk_last_reload_successful"} - shown_on_the_dashboard() == set()
 
 
-def test_promtool_has_no_complaint_about_the_page(probe: Probe) -> None:
+def test_promtool_accepts_the_page(probe: Probe) -> None:
     result = subprocess.run(["promtool", "check", "metrics"], input=metrics_text(probe.port),
                             capture_output=True, text=True, timeout=60, check=False)
     assert (result.returncode, result.stdout, result.stderr) == (0, "", "")
@@ -130,7 +130,7 @@ def test_promtool_accepts_the_alerts() -> None:
     assert result.returncode == 0, result.stdout + result.stderr
 
 
-def test_prometheus_answers_what_the_dashboard_and_the_alerts_ask(
+def test_prometheus_answers_the_queries_of_dashboard_and_alerts(
         probe: Probe, start_prometheus: Callable[[int], PrometheusProcess]) -> None:
     prometheus = start_prometheus(probe.port)
     prometheus.wait_for({"vesk_upstream_sent_datagrams_total": 1})
@@ -143,8 +143,8 @@ def test_prometheus_answers_what_the_dashboard_and_the_alerts_ask(
         assert "$" not in asked
         prometheus.wait_for_series(asked)
     fired = {rule.name for rule in alert_rules().values() if prometheus.query(rule.expression)}
-    # The child is up, its flow is active and its report new; but it refuses and drops a lot, at
-    # its sockets, too.
+    # The child is up, its flow is active and its report is new, but it refuses and drops many
+    # datagrams, and the kernel drops some at its sockets.
     assert fired == {"VeskDatagramsRefused", "VeskDatagramsDropped", "VeskReceiveBufferFull",
                      "VeskHostBufferErrors", "VeskConntrackFull"}
 

@@ -1,4 +1,4 @@
-"""What a real Prometheus reads is what was sent, over flows that come and go and children that end."""
+"""A real Prometheus reads the correct totals, also when flows are added and removed and children end."""
 
 from __future__ import annotations
 
@@ -21,7 +21,7 @@ StartPrometheus = Callable[[int], PrometheusProcess]
 
 
 def exchange(bench: Bench, good: int, bad: int, answered: int) -> None:
-    """Good and forged requests, and replies to some of the good ones, all counted."""
+    """Sends valid and forged requests, and replies to some of the valid ones; waits until all are counted."""
     flow = bench.flow(**four_keys())
     bench.declare(flow)
     before = wait_for_report(bench.vesk, lambda now: now.downstream is not None)
@@ -37,8 +37,8 @@ def exchange(bench: Bench, good: int, bad: int, answered: int) -> None:
                     and now.downstream["RxDgError"] - before.downstream["RxDgError"] == bad)
 
 
-def test_the_totals_are_what_was_sent(bench: Bench, start_probe: StartProbe,
-                                      start_prometheus: StartPrometheus) -> None:
+def test_the_totals_equal_what_was_sent(bench: Bench, start_probe: StartProbe,
+                                        start_prometheus: StartPrometheus) -> None:
     probe = start_probe("total")
     prometheus = start_prometheus(probe.port)
     probe.act("up")
@@ -54,9 +54,9 @@ def test_the_totals_are_what_was_sent(bench: Bench, start_probe: StartProbe,
         "sum(vesk_worker_received_datagrams_total)": 30})
 
 
-def test_flows_come_and_go(bench: Bench, start_probe: StartProbe,
-                           start_prometheus: StartPrometheus) -> None:
-    """Each `set` gives the flow a new socket and its counters a new beginning."""
+def test_flows_are_added_and_removed(bench: Bench, start_probe: StartProbe,
+                                     start_prometheus: StartPrometheus) -> None:
+    """Each `set` gives the flow a new socket, whose counters begin at 0."""
     probe = start_probe("per-flow", "5=alice")
     prometheus = start_prometheus(probe.port)
     probe.act("up")
@@ -74,9 +74,9 @@ def test_flows_come_and_go(bench: Bench, start_probe: StartProbe,
                          'vesk_flow_sent_datagrams_total{flow="alice"}': 12})
 
 
-def test_an_undeclared_flow_goes_with_its_socket(bench: Bench, start_probe: StartProbe) -> None:
+def test_an_undeclared_flow_is_shown_only_with_a_socket(bench: Bench, start_probe: StartProbe) -> None:
     probe = start_probe("per-flow", "5=alice")
-    bench.nothing_went_upstream()  # by way of the control flow, which has no name
+    bench.nothing_went_upstream()  # uses the control flow, which has no name
     wait_for_report(bench.vesk, lambda now: now.upstream_sum("TxDg") == 1)
     probe.follow(bench.vesk)
     series = f'vesk_flow_sent_datagrams_total{{flow="",label="{CONTROL_LABEL:#x}"}}'
@@ -88,9 +88,9 @@ def test_an_undeclared_flow_goes_with_its_socket(bench: Bench, start_probe: Star
     assert samples(probe.port)["vesk_upstream_sent_datagrams_total"] == 1
 
 
-def test_a_child_that_ended_is_counted_on(start_vesk: Callable[..., VeskProcess], peer: UdpEnd,
-                                          upstream: UdpEnd, start_probe: StartProbe,
-                                          start_prometheus: StartPrometheus) -> None:
+def test_the_totals_include_a_child_that_ended(start_vesk: Callable[..., VeskProcess], peer: UdpEnd,
+                                               upstream: UdpEnd, start_probe: StartProbe,
+                                               start_prometheus: StartPrometheus) -> None:
     probe = start_probe("total")
     prometheus = start_prometheus(probe.port)
     assert fetch(probe.port, "/healthz")[0] == 503
@@ -102,9 +102,9 @@ def test_a_child_that_ended_is_counted_on(start_vesk: Callable[..., VeskProcess]
     os.kill(first.vesk.pid, signal.SIGKILL)
     first.vesk.wait_exit(status=-signal.SIGKILL)
     second = Bench(start_vesk().ready(), peer, upstream)
-    # More than the first one had: nothing in the figures themselves tells that they begin anew.
+    # More than the first child had, so that the figures do not show that they restarted.
     exchange(second, good=9, bad=3, answered=9)
-    probe.follow_anew(second.vesk)
+    probe.follow_new_child(second.vesk)
     expected: Dict[str, float] = {
         "vesk_up": 1, "vesk_restarts_total": 1,
         "vesk_downstream_received_datagrams_total": 19,
@@ -117,7 +117,7 @@ def test_a_child_that_ended_is_counted_on(start_vesk: Callable[..., VeskProcess]
 
 
 def test_reports_stay_out_of_the_log(bench: Bench, start_probe: StartProbe) -> None:
-    """Everything else comes through, in order and unchanged, whatever falls between."""
+    """All other lines are passed on unchanged and in order, even between the lines of a report."""
     flow = bench.flow(**four_keys())
     bench.declare(flow)
     probe = start_probe("total")

@@ -1,4 +1,4 @@
-"""Clients that are slow, say nothing or are many keep nobody else from the pages."""
+"""Slow, silent or many clients do not keep others from reading the pages."""
 
 from __future__ import annotations
 
@@ -24,12 +24,12 @@ HALF_A_REQUEST = b"GET /healthz HTTP/1.1\r\nHost: vesk\r\n"
 WHOLE_REQUEST = HALF_A_REQUEST + b"Connection: close\r\n\r\n"
 AT_ONCE = 0.5
 MOST_OF_ONE_ADDRESS = 576
-"""As docs/metrics.md says."""
+"""The limit in docs/metrics.md."""
 
 
 @pytest.fixture
 def port(configuration: ConfigurationFile) -> int:
-    """Where the metrics are served."""
+    """The port of the metrics."""
     chosen = free_tcp_port()
     configuration.tables["metrics"] = f"port = {chosen}"
     configuration.write()
@@ -44,7 +44,7 @@ def controller(port: int, start_controller: StartController) -> ControllerProces
 
 @pytest.fixture
 def connect(port: int) -> Iterator[Connect]:
-    """Makes connections from an address of this host, which end with the test."""
+    """Makes connections from an address of this host; closes them after the test."""
     with contextlib.ExitStack() as connections:
         def make(said: bytes, source: str = "127.0.0.1") -> socket.socket:
             connection = connections.enter_context(socket.create_connection(
@@ -55,7 +55,7 @@ def connect(port: int) -> Iterator[Connect]:
 
 
 def answer_on(connection: socket.socket) -> bytes:
-    """Everything until the end of the connection."""
+    """Reads everything until the end of the connection."""
     pieces = []
     with contextlib.suppress(ConnectionResetError):
         while piece := connection.recv(65536):
@@ -90,7 +90,7 @@ def test_an_idle_connection_is_closed(
     assert controller.finish() == 0
 
 
-def test_one_address_is_limited_and_another_one_is_served(
+def test_one_address_is_limited_while_another_is_served(
         controller: ControllerProcess, connect: Connect) -> None:
     before = descriptors(controller)
     for _ in range(700):
@@ -101,7 +101,7 @@ def test_one_address_is_limited_and_another_one_is_served(
     assert time.monotonic() - began < scaled(AT_ONCE)
     wait_until(lambda: descriptors(controller) <= before + MOST_OF_ONE_ADDRESS,
                "the other address's connection is closed")
-    # They are idle and are closed.
+    # The idle connections are closed.
     wait_until(lambda: descriptors(controller) <= before, "the connections are closed", 15)
     assert answer_on(connect(WHOLE_REQUEST)).endswith(b"\r\n\r\nok\n")
     assert controller.finish() == 0

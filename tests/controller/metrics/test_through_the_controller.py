@@ -1,4 +1,4 @@
-"""The controller, a forwarder below it and a Prometheus beside it: the figures are what was sent."""
+"""A controller with its forwarder and a Prometheus: the figures equal what was sent."""
 
 from __future__ import annotations
 
@@ -30,7 +30,7 @@ FORGED = 6
 
 @pytest.fixture
 def port(configuration: ConfigurationFile, answer: Answer) -> int:
-    """Where the metrics of a file with two flows are served."""
+    """The port of the metrics of a file with two flows."""
     chosen = free_tcp_port()
     for label, name in enumerate(QUESTIONS, start=1):
         configuration.flows[name] = Flow(label=label, **four_keys())
@@ -51,7 +51,7 @@ def send_all(configuration: ConfigurationFile, peer: UdpEnd) -> None:
 
 
 def shown_after(rounds: int) -> Dict[str, float]:
-    """What Prometheus shows when all has been sent so often."""
+    """What Prometheus shows after `rounds` calls of send_all."""
     expected: Dict[str, float] = {
         "vesk_up": 1, "vesk_restarts_total": rounds - 1, "vesk_flow_sockets": 2,
         "vesk_flows_declared": 2, "vesk_flows_active": 2,
@@ -64,7 +64,7 @@ def shown_after(rounds: int) -> Dict[str, float]:
     return expected
 
 
-def test_the_totals_are_what_was_sent_also_over_a_restart(
+def test_the_totals_equal_what_was_sent_across_a_restart(
         configuration: ConfigurationFile, port: int, start_controller: StartController,
         start_prometheus: StartPrometheus, peer: UdpEnd) -> None:
     controller = start_controller().ready()
@@ -79,7 +79,7 @@ def test_the_totals_are_what_was_sent_also_over_a_restart(
     assert controller.finish() == 0
 
 
-def test_a_flow_that_the_file_no_longer_has_is_no_longer_shown(
+def test_a_flow_removed_from_the_file_is_no_longer_shown(
         configuration: ConfigurationFile, port: int, start_controller: StartController,
         peer: UdpEnd) -> None:
     controller = start_controller().ready()
@@ -92,12 +92,12 @@ def test_a_flow_that_the_file_no_longer_has_is_no_longer_shown(
     del configuration.flows["bob"]
     configuration.write()
     controller.reload()
-    wait_until(lambda: series not in samples(port), "the flow has gone from the page")
+    wait_until(lambda: series not in samples(port), "the flow is no longer on the page")
     now = samples(port)
     assert (now[counter], now["vesk_flows_declared"], now["vesk_flows_active"]) == (expected, 1, 1)
 
 
-def test_refused_flows_are_declared_and_not_active(
+def test_refused_flows_are_declared_but_not_active(
         configuration: ConfigurationFile, port: int, start_controller: StartController) -> None:
     program = spoiling_program(configuration.folder,
                                "s/label 0x2 up_ip/label 0x2 is_multiplex no up_ip/")
@@ -106,7 +106,7 @@ def test_refused_flows_are_declared_and_not_active(
     assert (now["vesk_flows_declared"], now["vesk_flows_active"]) == (2, 1)
 
 
-def test_health_is_that_of_the_forwarder(
+def test_health_follows_the_forwarder(
         configuration: ConfigurationFile, port: int, start_controller: StartController,
         peer: UdpEnd) -> None:
     configuration.tables["controller"] += "\nrestart_pause_ms = 1500"

@@ -16,13 +16,13 @@ namespace {
 
 using testing::HasSubstr;
 
-/// All that the child writes until it closes its output.
+/// Reads the child's output to its end.
 std::string outputOf(const ChildProcess& child) {
     std::string text;
     std::array<char, 4096> piece{};
     while (true) {
         pollfd watched{child.output(), POLLIN, 0};
-        EXPECT_EQ(poll(&watched, 1, 10000), 1) << "silent for too long";
+        EXPECT_EQ(poll(&watched, 1, 10000), 1) << "no output for too long";
         const ssize_t got = read(child.output(), piece.data(), piece.size());
         if (got <= 0) {
             return text;
@@ -43,17 +43,17 @@ ChildProcess shell(const std::string& script) {
     return ChildProcess("sh", {"-c", script});
 }
 
-TEST(ChildProcess, HasTwoPipesAndNothingElse) {
+TEST(ChildProcess, HasOnlyTheStandardDescriptors) {
     ChildProcess child = shell("cat; ls /proc/self/fd");
     ASSERT_EQ(write(child.input(), "hello\n", 6), 6);
     child.closeInput();
-    // ls itself opens the folder that it reads.
+    // Descriptor 3 is the folder that ls reads.
     EXPECT_EQ(outputOf(child), "hello\n0\n1\n2\n3\n");
     EXPECT_TRUE(endedWell(endOf(child)));
     EXPECT_EQ(child.reap(), std::nullopt);
 }
 
-TEST(ChildProcess, GetsVariablesBesideTheEnvironmentOfItsParent) {
+TEST(ChildProcess, GetsVariablesInAdditionToTheEnvironmentOfItsParent) {
     setenv("VESK_TEST_KEPT", "kept", 1);
     setenv("VESK_TEST_REPLACED", "before", 1);
     const std::string script =
@@ -65,7 +65,7 @@ TEST(ChildProcess, GetsVariablesBesideTheEnvironmentOfItsParent) {
     unsetenv("VESK_TEST_REPLACED");
 }
 
-TEST(ChildProcess, StartsWithPlainSignalsInAGroupOfItsOwn) {
+TEST(ChildProcess, StartsWithDefaultSignalsInItsOwnProcessGroup) {
     sigset_t blocked;
     sigset_t before;
     sigemptyset(&blocked);
@@ -75,14 +75,14 @@ TEST(ChildProcess, StartsWithPlainSignalsInAGroupOfItsOwn) {
     ChildProcess child = shell("grep -E '^Sig(Blk|Ign)' /proc/self/status; cat");
     EXPECT_EQ(getpgid(child.pid()), child.pid());
     child.closeInput();
-    // The two that the thread library keeps for itself are its own affair.
+    // The two signals that the thread library reserves may be ignored.
     EXPECT_THAT(outputOf(child), testing::MatchesRegex("SigBlk:\t0000000000000000\n"
                                                        "SigIgn:\t0000000(18|00)0000000\n"));
     endOf(child);
     pthread_sigmask(SIG_SETMASK, &before, nullptr);
 }
 
-TEST(ChildProcess, TellsHowItEnded) {
+TEST(ChildProcess, DescribesHowItEnded) {
     ChildProcess failing = shell("exit 3");
     const int failed = endOf(failing);
     EXPECT_FALSE(endedWell(failed));
@@ -96,7 +96,7 @@ TEST(ChildProcess, TellsHowItEnded) {
     EXPECT_EQ(describeEnd(status), "was ended by signal 9 (Killed)");
 }
 
-TEST(ChildProcess, GoesWithItsOwner) {
+TEST(ChildProcess, IsKilledByTheDestructor) {
     pid_t pid = -1;
     {
         const ChildProcess child = shell("cat");
@@ -105,13 +105,13 @@ TEST(ChildProcess, GoesWithItsOwner) {
     EXPECT_EQ(kill(pid, 0), -1);
 }
 
-TEST(ChildProcess, LeavesNobodyBehindWhoHoldsItsOutput) {
+TEST(ChildProcess, KillsRemainingProcessesOfItsGroup) {
     ChildProcess child = shell("sleep 60 & exit 3");
     EXPECT_EQ(describeEnd(endOf(child)), "ended with status 3");
     EXPECT_EQ(outputOf(child), "");
 }
 
-TEST(ChildProcess, PassesSignalsToWhatItRuns) {
+TEST(ChildProcess, PassesSignalsToItsProcessGroup) {
     ChildProcess child = shell(
         "trap 'wait; exit 0' TERM; (trap 'echo told; exit' TERM; echo up; "
         "while :; do sleep 0.01; done) & wait");
@@ -124,7 +124,7 @@ TEST(ChildProcess, PassesSignalsToWhatItRuns) {
     EXPECT_TRUE(endedWell(endOf(child)));
 }
 
-TEST(ChildProcess, SaysWhichProgramIsMissing) {
+TEST(ChildProcess, NamesAMissingProgram) {
     try {
         const ChildProcess child("/nowhere/vesk", {});
         FAIL() << "there is no such program";

@@ -18,7 +18,7 @@ std::vector<std::string> linesOf(const std::vector<Command>& commands) {
     return lines;
 }
 
-TEST(CommandLines, GiveTheProgramItsFourArguments) {
+TEST(CommandLines, PassFourArgumentsToTheProgram) {
     EXPECT_THAT(programArguments({}), ElementsAre("udpv2", "600", "true", "true"));
     ForwarderSettings settings;
     settings.framing = "udpv1";
@@ -27,14 +27,14 @@ TEST(CommandLines, GiveTheProgramItsFourArguments) {
     EXPECT_THAT(programArguments(settings), ElementsAre("udpv1", "7", "false", "true"));
 }
 
-TEST(CommandLines, GiveTheProgramItsVariable) {
+TEST(CommandLines, PassAnEnvironmentVariableToTheProgram) {
     EXPECT_THAT(programEnvironment({}), ElementsAre("VESK_IPV4_SOURCE=arrival"));
     ForwarderSettings settings;
     settings.ipv4Source = "kernel";
     EXPECT_THAT(programEnvironment(settings), ElementsAre("VESK_IPV4_SOURCE=kernel"));
 }
 
-TEST(CommandLines, SayEverythingAboutAFlow) {
+TEST(CommandLines, SetAllAttributesOfAFlow) {
     const Configuration configuration = listeningWith(R"([flows.alice]
         label = 10
         upstream = "[::1]:5000"
@@ -64,7 +64,7 @@ TEST(CommandLines, SayEverythingAboutAFlow) {
     EXPECT_EQ(toLine(delCommand(configuration.flows.at(10))), "del label 0xa");
 }
 
-TEST(CommandLines, OpenTheListenersWhenTheFlowsAreDeclared) {
+TEST(CommandLines, DeclareFlowsBeforeStartingListeners) {
     const Configuration configuration = listeningWith(R"([forwarder]
         log_level = "warn"
         [lateral]

@@ -29,7 +29,7 @@ std::vector<std::string> linesBetween(const std::string& before, const std::stri
     return changedLines(changes(before, after, refusals).commands);
 }
 
-/// A flow to port LABEL, with more keys.
+/// A flow whose upstream port is its label, with further keys.
 std::string flow(const std::string& name, int label, const std::string& more = "") {
     return "[flows." + name + "]\nlabel = " + std::to_string(label) +
            "\nupstream = \"127.0.0.1:" + std::to_string(label) + "\"\n" + more + "\n";
@@ -41,10 +41,10 @@ std::string prefix(int number) {
 
 const std::string aux = " down_aux_flow_label_prefix ";
 
-TEST(ConfigurationChanges, AreNoneWhereNothingChanged) {
+TEST(ConfigurationChanges, AreEmptyIfNothingChanged) {
     const std::string text = flow("a", 1, "to_peer = { key = \"0a\", label = 9 }");
     EXPECT_THAT(linesBetween(text, text), IsEmpty());
-    // The forwarder knows no names, and digits are the same in either case.
+    // The forwarder does not know names, and the case of hex digits does not matter.
     EXPECT_THAT(linesBetween(text, flow("b", 1, "to_peer = { key = \"0A\", label = 9 }")),
                 IsEmpty());
 }
@@ -64,7 +64,7 @@ TEST(ConfigurationChanges, DeleteAFlowThatLosesAnAttribute) {
         ElementsAre("del label 0x1", "set label 0x1 up_ip 127.0.0.1 up_port 1 down_label 0x9"));
 }
 
-TEST(ConfigurationChanges, FreePrefixesBeforeTheyAreClaimed) {
+TEST(ConfigurationChanges, ReleasePrefixesBeforeTheyAreClaimed) {
     EXPECT_THAT(
         linesBetween(flow("a", 1, prefix(5)) + flow("b", 2, prefix(6)) + flow("c", 3),
                      flow("a", 1, prefix(6)) + flow("b", 2) + flow("c", 3, prefix(5))),
@@ -74,7 +74,7 @@ TEST(ConfigurationChanges, FreePrefixesBeforeTheyAreClaimed) {
                     "set label 0x3 up_ip 127.0.0.1 up_port 3" + aux + "5 up_aux_flow_label 0x1"));
 }
 
-TEST(ConfigurationChanges, TakeNothingOverFromAnAuxiliaryFlow) {
+TEST(ConfigurationChanges, DeleteALabelThatMayBeAnAuxiliaryFlow) {
     const std::string owner = flow("owner", 1, prefix(5));
     const std::string newFlow = "[flows.new]\nlabel = 0x50001\nupstream = \"127.0.0.1:7\"\n";
     const std::string newSet = "set label 0x50001 up_ip 127.0.0.1 up_port 7";
@@ -88,14 +88,14 @@ TEST(ConfigurationChanges, TakeNothingOverFromAnAuxiliaryFlow) {
                 ElementsAre(newSet));
 }
 
-TEST(ConfigurationChanges, TryAgainWhatWasRefused) {
+TEST(ConfigurationChanges, RepeatRefusedCommands) {
     const Refusals refusals{{2}, true, false};
     EXPECT_THAT(linesBetween(flow("a", 1) + flow("b", 2), flow("a", 1) + flow("b", 2), refusals),
                 ElementsAre("del label 0x2", "set label 0x2 up_ip 127.0.0.1 up_port 2", "stop",
                             "start addr 127.0.0.1 port 4500"));
 }
 
-TEST(ConfigurationChanges, MoveTheDownstreamAddressAndTheLogLevel) {
+TEST(ConfigurationChanges, ChangeTheDownstreamAddressAndTheLogLevel) {
     Configuration wanted = configurationOf(listening);
     wanted.downstream.port = 4501;
     wanted.forwarder.logLevel = "debug";
@@ -106,7 +106,7 @@ TEST(ConfigurationChanges, MoveTheDownstreamAddressAndTheLogLevel) {
     EXPECT_EQ(result.after.downstream.port, 4501);
 }
 
-TEST(ConfigurationChanges, KeepTheArgumentsOfTheProgramThatRuns) {
+TEST(ConfigurationChanges, KeepTheArgumentsOfTheRunningProgram) {
     const ConfigurationChanges result =
         changes("",
                 "[forwarder]\nframing = \"udpv1\"\ncleanup_interval = 1\nprogram = \"x\"\n"
@@ -130,7 +130,7 @@ const std::string peer1 = "{ index = 1, address = \"127.0.0.2\" }";
 const std::string peer2 = "{ index = 2, address = \"127.0.0.3\" }";
 const std::string started = "start_lateral addr 127.0.0.1 port 1 idx 0 max_qels 9";
 
-TEST(ConfigurationChanges, StartALateralStreamThatIsNew) {
+TEST(ConfigurationChanges, StartANewLateralStream) {
     EXPECT_THAT(linesBetween("", lateral(1, peer1)),
                 ElementsAre("add_lateral_peer idx 1 addr 127.0.0.2", started));
 }
@@ -143,14 +143,14 @@ TEST(ConfigurationChanges, AddLateralPeersWhileTheStreamRuns) {
     EXPECT_EQ(result.after.lateral->peers.size(), 2U);
 }
 
-TEST(ConfigurationChanges, WaitWhereALateralPeerGoes) {
+TEST(ConfigurationChanges, DeferTheRemovalOfALateralPeer) {
     const ConfigurationChanges result = changes(lateral(1, peer1 + "," + peer2), lateral(1, peer2));
     EXPECT_THAT(result.commands, IsEmpty());
     EXPECT_THAT(result.waiting, ElementsAre("lateral.peers"));
     EXPECT_EQ(result.after.lateral->peers.size(), 2U);
 }
 
-TEST(ConfigurationChanges, WaitWhereTheLateralStreamMovesOrGoes) {
+TEST(ConfigurationChanges, DeferAMoveOrRemovalOfTheLateralStream) {
     for (const std::string& after : {lateral(2, peer1), std::string()}) {
         const ConfigurationChanges result = changes(lateral(1, peer1), after);
         EXPECT_THAT(result.commands, IsEmpty());
@@ -159,7 +159,7 @@ TEST(ConfigurationChanges, WaitWhereTheLateralStreamMovesOrGoes) {
     }
 }
 
-TEST(ConfigurationChanges, StartALateralStreamThatWasRefused) {
+TEST(ConfigurationChanges, StartARefusedLateralStreamAgain) {
     const ConfigurationChanges result =
         changes(lateral(2, peer1), lateral(1, peer1), Refusals{{}, false, true});
     EXPECT_THAT(changedLines(result.commands),

@@ -15,7 +15,7 @@ using testing::Not;
 constexpr std::string_view withKey =
     "[flows.a]\nlabel = 1\nupstream = \"127.0.0.1:1\"\nfrom_peer = { key = \"abab\" }\n";
 
-TEST(ConfigurationReader, NeedsNoMoreThanAnAddress) {
+TEST(ConfigurationReader, RequiresOnlyAnAddress) {
     const Configuration configuration = configurationOf(listening);
     EXPECT_EQ(configuration.downstream, (HostPort{"127.0.0.1", 4500}));
     EXPECT_TRUE(configuration.flows.empty());
@@ -26,7 +26,7 @@ TEST(ConfigurationReader, NeedsNoMoreThanAnAddress) {
     EXPECT_EQ(configuration.metrics, MetricsSettings{});
 }
 
-TEST(ConfigurationReader, ReportsAllMistakesInTheOrderOfTheirLines) {
+TEST(ConfigurationReader, ReportsAllProblemsInOrderOfLines) {
     EXPECT_EQ(problemsOf("[downstream]\n"
                          "address = \"somewhere\"\n"
                          "port = 0\n"
@@ -34,27 +34,27 @@ TEST(ConfigurationReader, ReportsAllMistakesInTheOrderOfTheirLines) {
                          "label = 0\n"
                          "colour = \"red\"\n"
                          "[nonsense]\n"),
-              "2: downstream.address has to be a numeric address\n"
-              "3: downstream.port has to be a whole number from 1 to 65535\n"
+              "2: downstream.address must be a numeric address\n"
+              "3: downstream.port must be an integer from 1 to 65535\n"
               "4: flows.alice.upstream is missing\n"
-              "5: flows.alice.label has to be a whole number from 1 to 4294967295\n"
-              "6: flows.alice.colour is not known\n"
-              "7: nonsense is not known\n");
+              "5: flows.alice.label must be an integer from 1 to 4294967295\n"
+              "6: flows.alice.colour is not a known key\n"
+              "7: nonsense is not a known key\n");
     EXPECT_EQ(problemsOf(""), "1: downstream is missing\n");
-    EXPECT_EQ(problemsOf("downstream = 1"), "1: downstream has to be a table\n");
+    EXPECT_EQ(problemsOf("downstream = 1"), "1: downstream must be a table\n");
 }
 
-TEST(ConfigurationReader, KeepsControlCharactersOfNamesOutOfItsLines) {
+TEST(ConfigurationReader, ReplacesControlCharactersInNames) {
     EXPECT_THAT(problemsBesides("[flows.\"a\\nb\"]\nlabel = 1\n[flows.c]\nlabel = 1"),
-                testing::AllOf(HasSubstr("flows.c.label is that of flows.a?b too"),
+                testing::AllOf(HasSubstr("flows.c.label is already used by flows.a?b"),
                                Not(HasSubstr("a\nb"))));
 }
 
-TEST(ConfigurationReader, SaysWhereTheFileIsNotToml) {
+TEST(ConfigurationReader, ReportsTheLineOfASyntaxError) {
     EXPECT_THAT(problemsOf("[downstream]\nport = = 1\n"), testing::StartsWith("2: "));
 }
 
-TEST(ConfigurationReader, QuotesNoKeyThatLacksItsQuotes) {
+TEST(ConfigurationReader, DoesNotShowAKeyWithoutQuotes) {
     for (const char* const key : {"987654321098765432109876543210", "0x98765432109876543210987654",
                                   "fade5432109876", "7654abcd", "1e7654321765"}) {
         const std::string problems =
@@ -66,23 +66,23 @@ TEST(ConfigurationReader, QuotesNoKeyThatLacksItsQuotes) {
     }
 }
 
-TEST(ConfigurationReader, RefusesKeysInAFileThatOthersMayRead) {
+TEST(ConfigurationReader, RefusesKeysInAFileThatOthersCanRead) {
     const std::string text = std::string(withKey) + std::string(listening);
     const TemporaryFolder folder;
     const auto open = folder.write("open.toml", text, 0644);
     const ConfigurationReading refused = readConfiguration(open, ReadingRules{});
     ASSERT_EQ(refused.problems.size(), 1U);
     EXPECT_EQ(refused.problems[0].line, 4U);
-    EXPECT_THAT(refused.problems[0].text, HasSubstr("others may read"));
+    EXPECT_THAT(refused.problems[0].text, HasSubstr("readable by others"));
     EXPECT_FALSE(refused.configuration);
 
     EXPECT_TRUE(readConfiguration(open, ReadingRules{.allowReadableKeys = true}).configuration);
     EXPECT_TRUE(readConfiguration(folder.write("closed.toml", text), {}).configuration);
-    // There is nothing to protect in a file without keys.
+    // A file without keys may be readable by others.
     EXPECT_TRUE(readConfiguration(folder.write("plain.toml", listening, 0644), {}).configuration);
 }
 
-TEST(ConfigurationReader, LooksForKeyFilesBesideItself) {
+TEST(ConfigurationReader, FindsKeyFilesInTheFolderOfTheFile) {
     const TemporaryFolder folder;
     folder.write("a.key", "00 11\n");
     const auto file = folder.write("vesk.toml",
@@ -94,7 +94,7 @@ TEST(ConfigurationReader, LooksForKeyFilesBesideItself) {
     EXPECT_EQ(reading.configuration->flows.at(1).toPeer.signature->keyDigits, "0011");
 }
 
-TEST(ConfigurationReader, SaysThatThereIsNoFile) {
+TEST(ConfigurationReader, ReportsAMissingFile) {
     const ConfigurationReading reading = readConfiguration("/nowhere/vesk.toml", {});
     ASSERT_EQ(reading.problems.size(), 1U);
     EXPECT_EQ(describe(reading.problems[0], "vesk.toml"),

@@ -1,4 +1,5 @@
-// Configurations as texts, for tests of what is read and of what comes of it.
+// Reads configurations from texts, for tests of the readers and of the code that uses
+// configurations.
 #pragma once
 
 #include <string>
@@ -9,20 +10,20 @@
 
 namespace vesk::controller {
 
-/// What every file has to have.
+/// The table that every file must contain.
 inline constexpr std::string_view listening =
     "[downstream]\naddress = \"127.0.0.1\"\nport = 4500\n";
 
-/// The configuration; fails the test where there is any problem.
+/// The configuration in the text; fails the test if it has a problem.
 Configuration configurationOf(std::string_view text);
 
 /// The same for a text without [downstream].
 Configuration listeningWith(std::string_view text);
 
-/// All problems as "LINE: text", one a line; line 1 is the text's first.
+/// All problems, each on a line as "LINE: text"; the text begins with line 1.
 std::string problemsOf(std::string_view text);
 
-/// The same for a text that [downstream] is appended to.
+/// The same for a text to which [downstream] is appended.
 std::string problemsBesides(std::string_view text);
 
 }  // namespace vesk::controller

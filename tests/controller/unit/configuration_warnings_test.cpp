@@ -29,7 +29,7 @@ std::vector<std::string> warningsBesides(const std::string& text) {
     return warningsOf(text + std::string(listening));
 }
 
-TEST(ConfigurationWarnings, AreNoneForAFlowWithItsOwnKeys) {
+TEST(ConfigurationWarnings, AreEmptyForAFlowWithItsOwnKeys) {
     EXPECT_THAT(
         warningsOf(warnedFlow("a", 1,
                               "from_peer = { key = \"abababababababababababababababab\" "
@@ -58,7 +58,7 @@ TEST(ConfigurationWarnings, NameFlowsWithoutAnyKeyOnAPublicAddress) {
     }
 }
 
-TEST(ConfigurationWarnings, CountWhatTheyDoNotName) {
+TEST(ConfigurationWarnings, CountFindingsThatTheyDoNotName) {
     std::string flows;
     for (int label = 1; label <= 20; ++label) {
         flows += warnedFlow("flow" + std::to_string(label), label, "");
@@ -68,7 +68,7 @@ TEST(ConfigurationWarnings, CountWhatTheyDoNotName) {
                                   HasSubstr("flow1, flow2, flow3 and 17 more"))));
 }
 
-TEST(ConfigurationWarnings, NameTheUsesOfAKeyThatIsUsedTwice) {
+TEST(ConfigurationWarnings, NameTheUsesOfASharedKey) {
     const std::string key = "{ key = \"7e7e7e7e7e7e7e7e7e7e7e7e7e7e7e7e\" }";
     EXPECT_THAT(warningsBesides(warnedFlow("a", 1, "from_peer = " + key + "\nto_peer = " + key)),
                 ElementsAre(AllOf(HasSubstr("1 key is used for several"),
@@ -82,7 +82,7 @@ TEST(ConfigurationWarnings, NameTheUsesOfAKeyThatIsUsedTwice) {
         ElementsAre(HasSubstr("flows.a.from_peer and flows.b.to_upstream")));
 }
 
-TEST(ConfigurationWarnings, NameKeysThatCanBeGuessed) {
+TEST(ConfigurationWarnings, NameShortKeys) {
     const std::string fifteen(30, 'a');
     const std::string sixteen(32, 'b');
     EXPECT_THAT(
@@ -91,9 +91,9 @@ TEST(ConfigurationWarnings, NameKeysThatCanBeGuessed) {
         ElementsAre("1 key is shorter than 16 bytes and can be guessed: flows.a.from_peer"));
 }
 
-TEST(ConfigurationWarnings, NameAFileWithoutFlows) {
+TEST(ConfigurationWarnings, ReportAFileWithoutFlows) {
     EXPECT_THAT(warningsOf(std::string(listening)),
-                ElementsAre("there are no flows: all datagrams of peers will be dropped"));
+                ElementsAre("there are no flows: all datagrams from peers will be dropped"));
 }
 
 TEST(ConfigurationWarnings, NameLabelsAndPrefixesOfAnotherInstance) {
@@ -111,7 +111,7 @@ TEST(ConfigurationWarnings, NameLabelsAndPrefixesOfAnotherInstance) {
     EXPECT_THAT(warningsBesides(warnedFlow("alone", 0x20001, "")), IsEmpty());
 }
 
-TEST(ConfigurationWarnings, CountTheInstancesThatNoPeerIs) {
+TEST(ConfigurationWarnings, CountTheInstancesMissingFromPeers) {
     EXPECT_THAT(
         warningsBesides(warnedFlow("a", 1, "") +
                         "[lateral]\naddress = \"127.0.0.1\"\nport = 1\nindex = 0\n"
@@ -135,7 +135,7 @@ TEST(ConfigurationWarnings, NameSourcesThatTheKernelMayReplace) {
     EXPECT_THAT(warningsBesides(sources), IsEmpty());
 }
 
-TEST(ConfigurationWarnings, ShowNoNameThatMayBeAKey) {
+TEST(ConfigurationWarnings, DoNotShowANameThatMayBeAKey) {
     EXPECT_THAT(warningsOf(warnedFlow("7e7e7e7e7e7e7e7e7e7e7e7e7e7e7e7e7e7e", 1, "") +
                            std::string(everywhere)),
                 ElementsAre(AllOf(HasSubstr("1 flow has no key"), Not(HasSubstr("7e7e")))));

@@ -20,7 +20,7 @@ Outcome outcomeOf(const Command& command, bool refused) {
     return {command, refused ? std::vector<std::string>{"no"} : std::vector<std::string>{}, {}};
 }
 
-/// Tells a new forwarder everything; it refuses all commands with these words.
+/// A deployment after a new forwarder refused all commands with these words.
 Deployment deployed(const Configuration& configuration, const std::set<std::string>& refused) {
     Deployment deployment;
     for (const Command& command : deployment.begin(configuration)) {
@@ -36,7 +36,7 @@ TEST(Deployment, KnowsTheFlowsByName) {
     EXPECT_THAT(deployment.flowNames(), ElementsAre(Pair(1U, "a"), Pair(2U, "b")));
 }
 
-TEST(Deployment, TriesRefusedCommandsAgainUntilTheyAreTaken) {
+TEST(Deployment, RepeatsRefusedCommandsUntilTheyAreAccepted) {
     const Configuration configuration = listeningWith(flowA);
     Deployment deployment = deployed(configuration, {"set", "start"});
     EXPECT_EQ(deployment.acceptedFlows(), 0U);
@@ -51,7 +51,7 @@ TEST(Deployment, TriesRefusedCommandsAgainUntilTheyAreTaken) {
     EXPECT_THAT(deployment.change(configuration).commands, IsEmpty());
 }
 
-TEST(Deployment, KnowsWhereItListensOfWhatWasAnswered) {
+TEST(Deployment, KnowsTheListeningAddressFromOutcomes) {
     const Configuration before = listeningWith("");
     Configuration after = before;
     after.downstream = {"127.0.0.2", 7};
@@ -107,14 +107,14 @@ TEST(Deployment, TriesOnlyRefusedListenersAgain) {
                 ElementsAre("add_lateral_peer", "start_lateral"));
 }
 
-TEST(Deployment, ListensToOthersAlsoIfASecondStartIsRefused) {
+TEST(Deployment, KeepsListeningIfASecondLateralStartIsRefused) {
     Deployment deployment = deployed(listeningWith(withLateral), {});
     deployment.note(outcomeOf({"start_lateral", {}, "the lateral stream"}, true));
     EXPECT_EQ(deployment.lateralListening(), true);
     EXPECT_FALSE(deployment.refusals().lateral);
 }
 
-TEST(Deployment, ForgetsARefusedFlowThatIsTakenOut) {
+TEST(Deployment, ForgetsARefusedFlowThatIsRemoved) {
     Deployment deployment = deployed(listeningWith(flowA + flowB), {"set"});
     for (const Command& command : deployment.change(listeningWith(flowB)).commands) {
         deployment.note(outcomeOf(command, false));
@@ -123,12 +123,12 @@ TEST(Deployment, ForgetsARefusedFlowThatIsTakenOut) {
     EXPECT_EQ(deployment.acceptedFlows(), 1U);
 }
 
-TEST(Deployment, ForgetsARefusedLateralStreamThatIsTakenOut) {
+TEST(Deployment, ForgetsARefusedLateralStreamThatIsRemoved) {
     Deployment deployment = deployed(listeningWith(withLateral), {"start_lateral"});
     EXPECT_TRUE(deployment.refusals().lateral);
     EXPECT_THAT(deployment.change(listeningWith("")).commands, IsEmpty());
     EXPECT_FALSE(deployment.refusals().lateral);
-    // The forwarder has its peers and no stream.
+    // The forwarder has the peers, but no stream.
     EXPECT_EQ(deployment.change(listeningWith(withLateral)).commands.size(), 2U);
 }
 

@@ -17,7 +17,7 @@ LogLine complaintAbout(const std::string& word) {
     return {LogLevel::error, "Unrecognised command '" + word + "'"};
 }
 
-TEST(FenceLedger, GivesEachCommandAFenceOfItsOwn) {
+TEST(FenceLedger, ReturnsADifferentFenceForEachCommand) {
     FenceLedger ledger;
     EXPECT_EQ(ledger.expect(setOf("a")), "fence-1");
     EXPECT_EQ(ledger.expect(setOf("b")), "fence-2");
@@ -25,7 +25,7 @@ TEST(FenceLedger, GivesEachCommandAFenceOfItsOwn) {
     EXPECT_EQ(ledger.current()->subject, "flow a");
 }
 
-TEST(FenceLedger, EndsCommandsInTheirOrder) {
+TEST(FenceLedger, EndsCommandsInOrder) {
     FenceLedger ledger;
     const std::string first = ledger.expect(setOf("a"));
     const std::string second = ledger.expect(setOf("b"));
@@ -38,7 +38,7 @@ TEST(FenceLedger, EndsCommandsInTheirOrder) {
     EXPECT_EQ(ledger.current(), nullptr);
 }
 
-TEST(FenceLedger, TakesOnlyTheEmptyLineBehindAFence) {
+TEST(FenceLedger, ClaimsOnlyTheEmptyLineAfterAFence) {
     FenceLedger ledger;
     const LogLine empty{LogLevel::none, ""};
     const std::string fence = ledger.expect(setOf("a"));
@@ -48,14 +48,14 @@ TEST(FenceLedger, TakesOnlyTheEmptyLineBehindAFence) {
     EXPECT_FALSE(ledger.read(empty).ours);
 }
 
-TEST(FenceLedger, TakesTheEchoOfItsFence) {
+TEST(FenceLedger, ClaimsTheEchoOfItsFence) {
     FenceLedger ledger;
     const std::string fence = ledger.expect(setOf("a"));
     EXPECT_TRUE(ledger.read({LogLevel::debug, "Got message: " + fence}).ours);
     EXPECT_FALSE(ledger.read({LogLevel::debug, "Got message: set label 1"}).ours);
 }
 
-TEST(FenceLedger, PairsComplaintsWithTheirCommand) {
+TEST(FenceLedger, AssignsErrorsToTheirCommand) {
     FenceLedger ledger;
     const std::string first = ledger.expect(setOf("a"));
     const std::string second = ledger.expect(setOf("b"));
@@ -68,7 +68,7 @@ TEST(FenceLedger, PairsComplaintsWithTheirCommand) {
     EXPECT_THAT(reading.outcome->warnings, IsEmpty());
 }
 
-TEST(FenceLedger, KeepsWarningsApart) {
+TEST(FenceLedger, SeparatesWarningsFromErrors) {
     FenceLedger ledger;
     const std::string fence = ledger.expect(setOf("a"));
     ledger.read({LogLevel::warn, "setLabelAttrs: Aux. flow label prefix added more than once"});
@@ -77,7 +77,7 @@ TEST(FenceLedger, KeepsWarningsApart) {
     EXPECT_THAT(reading.outcome->warnings, testing::SizeIs(1));
 }
 
-TEST(FenceLedger, LeavesTheWordsOfOtherThreadsOut) {
+TEST(FenceLedger, IgnoresLinesOfOtherThreads) {
     FenceLedger ledger;
     const std::string fence = ledger.expect(setOf("a"));
     ledger.read({LogLevel::error, "DOWN_TO_UP_SEND: network error on upstream endpoint"});
@@ -87,7 +87,7 @@ TEST(FenceLedger, LeavesTheWordsOfOtherThreadsOut) {
     EXPECT_THAT(ledger.read(complaintAbout(fence)).outcome->errors, IsEmpty());
 }
 
-TEST(FenceLedger, KnowsHowTheListenersFail) {
+TEST(FenceLedger, RecognisesErrorsOfTheListeners) {
     for (const char* const word : {"start", "start_lateral"}) {
         FenceLedger ledger;
         const std::string fence = ledger.expect({word, {}, "a listener"});
@@ -96,7 +96,7 @@ TEST(FenceLedger, KnowsHowTheListenersFail) {
     }
 }
 
-TEST(FenceLedger, LeavesUnknownCommandsThatAreNotItsOwnAlone) {
+TEST(FenceLedger, DoesNotClaimOtherUnknownCommands) {
     FenceLedger ledger;
     EXPECT_FALSE(ledger.read(complaintAbout("fence-1")).ours);
     ledger.expect(setOf("a"));

@@ -10,7 +10,7 @@ namespace {
 
 using testing::HasSubstr;
 
-/// A flow that is in order; line 1 of what follows in a test is line 4 of the file.
+/// A correct flow of three lines; a text that is appended to it begins at line 4.
 const std::string plainFlow = "[flows.a]\nlabel = 1\nupstream = \"127.0.0.1:5000\"\n";
 
 Flow flowWith(const std::string& more) {
@@ -47,7 +47,7 @@ TEST(FlowReader, ReadsEveryKey) {
     EXPECT_EQ(flow.auxiliary->upstream, (HostPort{"::2", 8000}));
 }
 
-TEST(FlowReader, NeedsNeitherKeysNorLabels) {
+TEST(FlowReader, RequiresNeitherKeysNorLabels) {
     const Flow flow = flowWith("");
     EXPECT_FALSE(flow.fromPeer.signature);
     EXPECT_FALSE(flow.toUpstream.label);
@@ -71,42 +71,40 @@ TEST_P(BadFlowTest, IsRefusedWithItsPlace) {
 INSTANTIATE_TEST_SUITE_P(
     FlowReader, BadFlowTest,
     testing::Values(
-        BadFlow{"source = \"host:1\"", "4: flows.a.source has to be a numeric address and a port"},
-        BadFlow{"source = \"[::1]:1\"", "4: flows.a.source and upstream have to be of the same"},
+        BadFlow{"source = \"host:1\"", "4: flows.a.source must be a numeric address and a port"},
+        BadFlow{"source = \"[::1]:1\"", "4: flows.a.source and upstream must have the same"},
         BadFlow{"source = \"127.0.0.1:1\"\n"
                 "auxiliary = { prefix = 1, upstream_label = 1, upstream = \"[::1]:1\" }",
-                "4: flows.a.source and auxiliary.upstream have to be of the same"},
-        BadFlow{"peer = 5", "4: flows.a.peer has to be a text in quotes"},
-        BadFlow{"multiplex = \"yes\"", "4: flows.a.multiplex has to be true or false"},
-        BadFlow{"to_peer = 1", "4: flows.a.to_peer has to be a table"},
-        BadFlow{"to_peer = { dscp = 64 }",
-                "flows.a.to_peer.dscp has to be a whole number from 0 to"},
-        BadFlow{"to_peer = { label = 4294967296 }",
-                "flows.a.to_peer.label has to be a whole number"},
-        BadFlow{"from_peer = { label = 1 }", "flows.a.from_peer.label is not known"},
-        BadFlow{"from_peer = { dscp = 1 }", "flows.a.from_peer.dscp is not known"},
+                "4: flows.a.source and auxiliary.upstream must have the same"},
+        BadFlow{"peer = 5", "4: flows.a.peer must be a string in quotes"},
+        BadFlow{"multiplex = \"yes\"", "4: flows.a.multiplex must be true or false"},
+        BadFlow{"to_peer = 1", "4: flows.a.to_peer must be a table"},
+        BadFlow{"to_peer = { dscp = 64 }", "flows.a.to_peer.dscp must be an integer from 0 to"},
+        BadFlow{"to_peer = { label = 4294967296 }", "flows.a.to_peer.label must be an integer"},
+        BadFlow{"from_peer = { label = 1 }", "flows.a.from_peer.label is not a known key"},
+        BadFlow{"from_peer = { dscp = 1 }", "flows.a.from_peer.dscp is not a known key"},
         BadFlow{"from_peer = { key = \"0\" }",
                 "flows.a.from_peer.key is not usable: the key has an odd"},
-        BadFlow{"from_peer = { key = 1122 }", "flows.a.from_peer.key has to be a text in quotes"},
+        BadFlow{"from_peer = { key = 1122 }", "flows.a.from_peer.key must be a string in quotes"},
         BadFlow{"from_peer = { key = \"00\", algorithm = \"md5\" }",
-                "algorithm has to be one of \"sha256\", \"sha1\""},
-        BadFlow{"from_peer = { algorithm = \"sha1\" }", "algorithm needs a key or key_file"},
+                "algorithm must be one of \"sha256\", \"sha1\""},
+        BadFlow{"from_peer = { algorithm = \"sha1\" }", "algorithm requires key or key_file"},
         BadFlow{"from_peer = { key = \"00\", key_file = \"k\" }",
                 "key_file and key are mutually exclusive"},
         BadFlow{"from_peer = { key_file = \"/nowhere/k\" }",
                 "flows.a.from_peer.key_file is not usable: /nowhere/k cannot be read"},
         BadFlow{"auxiliary = { prefix = 1 }", "flows.a.auxiliary.upstream_label is missing"},
         BadFlow{"auxiliary = { upstream_label = 1 }", "flows.a.auxiliary.prefix is missing"},
-        BadFlow{"auxiliary = { prefix = 65536, upstream_label = 1 }", "prefix has to be a whole"},
+        BadFlow{"auxiliary = { prefix = 65536, upstream_label = 1 }", "prefix must be an integer"},
         BadFlow{"[flows.b]\nlabel = 1\nupstream = \"127.0.0.1:1\"",
-                "5: flows.b.label is that of flows.a too"},
+                "5: flows.b.label is already used by flows.a"},
         BadFlow{"auxiliary = { prefix = 9, upstream_label = 1 }\n[flows.b]\nlabel = 2\n"
                 "upstream = \"127.0.0.1:1\"\nauxiliary = { prefix = 9, upstream_label = 1 }",
-                "8: flows.b.auxiliary is that of flows.a too"},
-        BadFlow{"[flows.\"\"]\nlabel = 2\nupstream = \"127.0.0.1:1\"", "is no name"},
-        BadFlow{"[flows.\"x\\u0007\"]\nlabel = 2", "x? is no name"}));
+                "8: flows.b.auxiliary has the same prefix as flows.a"},
+        BadFlow{"[flows.\"\"]\nlabel = 2\nupstream = \"127.0.0.1:1\"", "is not a valid name"},
+        BadFlow{"[flows.\"x\\u0007\"]\nlabel = 2", "x? is not a valid name"}));
 
-TEST(FlowReader, KnowsTheKeyFileBesideAKey) {
+TEST(FlowReader, ReportsOnlyTheConflictOfKeyAndKeyFile) {
     EXPECT_EQ(problemsBesides("[flows.a]\nlabel = 1\nupstream = \"127.0.0.1:1\"\n"
                               "from_peer = { key = \"ab\", key_file = \"a.key\" }"),
               "4: flows.a.from_peer.key_file and key are mutually exclusive\n");

@@ -23,7 +23,7 @@ TEST(ForwarderEnding, ClosesTheInputAtOnceWithoutADrain) {
     EXPECT_FALSE(ending.draining());
 }
 
-TEST(ForwarderEnding, DrainsUntilTheTrafficRests) {
+TEST(ForwarderEnding, DrainsUntilTheTrafficStops) {
     ForwarderEnding ending;
     EXPECT_EQ(ending.ask(drain, askedAt).action, Action::none);
     EXPECT_TRUE(ending.draining());
@@ -43,7 +43,7 @@ TEST(ForwarderEnding, EndsTheDrainWhenAskedAgain) {
     EXPECT_EQ(ending.dueAt(), askedAt + seconds(1) + ForwarderEnding::endPatience);
 }
 
-TEST(ForwarderEnding, EndsTheDrainAtItsDeadlineInSpiteOfTraffic) {
+TEST(ForwarderEnding, EndsTheDrainAtItsDeadlineDespiteTraffic) {
     ForwarderEnding ending;
     ending.ask(drain, askedAt);
     ending.observe({1}, askedAt);
@@ -51,33 +51,33 @@ TEST(ForwarderEnding, EndsTheDrainAtItsDeadlineInSpiteOfTraffic) {
     EXPECT_EQ(ending.goOn(askedAt + drain - milliseconds(1)).action, Action::none);
     const ForwarderEnding::Step step = ending.goOn(askedAt + drain);
     EXPECT_EQ(step.action, Action::closeInput);
-    EXPECT_EQ(step.reason, "there is still traffic, and the time to drain is over");
+    EXPECT_EQ(step.reason, "the drain time is over, but there is still traffic");
 }
 
 TEST(ForwarderEnding, EndsTheDrainAtItsDeadlineWithoutAnyReport) {
     ForwarderEnding ending;
     ending.ask(drain, askedAt);
     EXPECT_EQ(ending.goOn(askedAt + drain).reason,
-              "nothing is reported, and the time to drain is over");
+              "the drain time is over, and no report has arrived");
 }
 
-TEST(ForwarderEnding, TerminatesAndKillsWhatDoesNotEnd) {
+TEST(ForwarderEnding, TerminatesAndThenKillsAForwarderThatDoesNotEnd) {
     ForwarderEnding ending;
     ending.ask(noDrain, askedAt);
     auto now = askedAt + ForwarderEnding::endPatience;
     EXPECT_EQ(ending.goOn(now - milliseconds(1)).action, Action::none);
     ForwarderEnding::Step step = ending.goOn(now);
     EXPECT_EQ(step.action, Action::terminate);
-    EXPECT_EQ(step.reason, "the forwarder does not end: terminating it");
+    EXPECT_EQ(step.reason, "the forwarder does not end: sending SIGTERM");
     now += ForwarderEnding::signalPatience;
     step = ending.goOn(now);
     EXPECT_EQ(step.action, Action::kill);
-    EXPECT_EQ(step.reason, "the forwarder still does not end: killing it");
+    EXPECT_EQ(step.reason, "the forwarder still does not end: sending SIGKILL");
     EXPECT_EQ(ending.dueAt(), std::nullopt);
     EXPECT_EQ(ending.goOn(now + std::chrono::hours(1)).action, Action::none);
 }
 
-TEST(ForwarderEnding, TakesNoStepBeforeItBegins) {
+TEST(ForwarderEnding, TakesNoStepBeforeItIsAsked) {
     ForwarderEnding ending;
     EXPECT_EQ(ending.observe({1}, askedAt).action, Action::none);
     EXPECT_EQ(ending.observe({1}, askedAt + std::chrono::hours(1)).action, Action::none);

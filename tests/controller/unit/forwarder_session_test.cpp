@@ -9,7 +9,7 @@
 namespace vesk::controller {
 namespace {
 
-/// Answers every line as the forwarder answers words that it does not know.
+/// Answers every line with the forwarder's error for an unknown command.
 const std::string knowsNothing =
     "while read line; do echo \"error Unrecognised command '$line'\"; echo; done";
 
@@ -17,13 +17,13 @@ class ForwarderSessionTest : public testing::Test {
  protected:
     ForwarderSessionTest() { signal(SIGPIPE, SIG_IGN); }
 
-    /// Serves the session until `done`, as the supervisor does; keeps what comes of it.
+    /// Serves the session until `done`, as the supervisor does; stores its events.
     template <typename Condition>
     void serveUntil(ForwarderSession& session, Condition done) {
         while (!done()) {
             pollfd watched[] = {{session.output(), POLLIN, 0},
                                 {session.wantsToWrite() ? session.input() : -1, POLLOUT, 0}};
-            ASSERT_GT(poll(watched, 2, 10000), 0) << "silent for too long";
+            ASSERT_GT(poll(watched, 2, 10000), 0) << "no output for too long";
             session.write();
             for (OutputEvent& event : session.read()) {
                 if (auto* const outcome = std::get_if<Outcome>(&event)) {
@@ -39,7 +39,7 @@ class ForwarderSessionTest : public testing::Test {
     std::vector<LogLine> lines;
 };
 
-TEST_F(ForwarderSessionTest, PairsEachCommandWithItsEnd) {
+TEST_F(ForwarderSessionTest, ReturnsTheOutcomeOfEachCommand) {
     ForwarderSession session("sh", {"-c", knowsNothing});
     session.send({"one", {}, "the first"});
     session.send({"two", {}, "the second"});
@@ -52,7 +52,7 @@ TEST_F(ForwarderSessionTest, PairsEachCommandWithItsEnd) {
     serveUntil(session, [&] { return session.outputEnded(); });
 }
 
-TEST_F(ForwarderSessionTest, AsksForASignOfLifeWithoutACommand) {
+TEST_F(ForwarderSessionTest, SendsAFenceWithoutACommand) {
     ForwarderSession session("sh", {"-c", "read line; echo \"info $line\"; exec cat >/dev/null"});
     const auto begun = session.watch().due({});
     session.sendFence();
@@ -75,15 +75,15 @@ TEST_F(ForwarderSessionTest, FillsPipesWithoutWaiting) {
     EXPECT_EQ(outcomes.size(), 300U);
 }
 
-TEST_F(ForwarderSessionTest, FinishesTheLineThatWasBegun) {
+TEST_F(ForwarderSessionTest, FinishesALineThatWasBegun) {
     // The child counts the bytes of its last line; half a line would be shorter.
     ForwarderSession session("sh", {"-c", "tail -n 1 | wc -c"});
-    // It reads nothing before the input is finished.
+    // The child reads nothing before the input is finished.
     kill(-session.pid(), SIGSTOP);
     ASSERT_EQ(waitpid(session.pid(), nullptr, WUNTRACED), session.pid());
     const std::string longValue(3 << 20, 'x');
     session.send({"set", {{"value", longValue}}, "a long command"});
-    session.send({"set", {{"value", "short"}}, "a command that is not sent any more"});
+    session.send({"set", {{"value", "short"}}, "a command that is no longer sent"});
     session.write();
     EXPECT_TRUE(session.wantsToWrite());
     session.finishInput();
@@ -99,7 +99,7 @@ TEST_F(ForwarderSessionTest, SurvivesTheEndOfItsChild) {
     serveUntil(session, [&] { return session.outputEnded(); });
     ASSERT_EQ(lines.size(), 1U);
     EXPECT_EQ(lines[0].text, "unfinished");
-    session.send({"set", {}, "to nobody"});
+    session.send({"set", {}, "after the end"});
     session.write();
     EXPECT_FALSE(session.wantsToWrite());
     EXPECT_EQ(session.unanswered(), 1U);

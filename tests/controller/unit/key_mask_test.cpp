@@ -5,7 +5,7 @@
 namespace vesk::controller {
 namespace {
 
-TEST(KeyMask, HidesSixteenDigitsAndMore) {
+TEST(KeyMask, MasksSixteenOrMoreDigits) {
     EXPECT_EQ(maskKeyDigits("0011223344556677"), "<key of 16 digits>");
     EXPECT_EQ(maskKeyDigits("flows.00112233445566778 is odd"), "flows.<key of 17 digits> is odd");
     EXPECT_EQ(maskKeyDigits("x0xAABBCCDDEEFF00112233x"), "x0x<key of 20 digits>x");
@@ -13,30 +13,30 @@ TEST(KeyMask, HidesSixteenDigitsAndMore) {
               "<key of 16 digits>,<key of 16 digits>");
 }
 
-TEST(KeyMask, HidesDigitsInGroups) {
+TEST(KeyMask, MasksDigitsInGroups) {
     EXPECT_EQ(maskKeyDigits("00:11:22:33:44:55:66:77"), "<key of 16 digits>");
     EXPECT_EQ(maskKeyDigits("0011-2233-4455-6677."), "<key of 16 digits>.");
     EXPECT_EQ(maskKeyDigits("name 0011  2233\t4455 - 66_77 "), "nam<key of 17 digits> ");
     EXPECT_EQ(maskKeyDigits("0011\n2233\n4455\n6677"), "<key of 16 digits>");
 }
 
-TEST(KeyMask, LeavesWhatIsNoKey) {
+TEST(KeyMask, LeavesOtherTextUnchanged) {
     for (const char* const text :
          {"", "flow alice", "0x10001", "label 0xffffffff/4294967295", "001122334455667",
-          "192.168.100.101:50000", "has to be a whole number from 1 to 4294967295",
-          "2024-05-01 10:00", "a bad face: fed-00"}) {
+          "192.168.100.101:50000", "must be an integer from 1 to 4294967295", "2024-05-01 10:00",
+          "a bad face: fed-00"}) {
         EXPECT_EQ(maskKeyDigits(text), text);
     }
 }
 
-TEST(KeyMask, LeavesWhatIsMaskedAlready) {
+TEST(KeyMask, LeavesMaskedTextUnchanged) {
     const std::string masked = maskKeyDigits("a 00112233445566778899");
     EXPECT_EQ(maskKeyDigits(masked), masked);
 }
 
-TEST(KeyMask, TakesNoAddressWithItsPortForAKey) {
+TEST(KeyMask, DoesNotMaskAnAddressWithItsPort) {
     EXPECT_EQ(maskKeyDigits("192.168.100.101:50000"), "192.168.100.101:50000");
-    EXPECT_TRUE(mayHoldKey("192.168.100.101:50000")) << "a name is no place for an address";
+    EXPECT_TRUE(mayHoldKey("192.168.100.101:50000")) << "dots may group the digits in a name";
 }
 
 TEST(KeyMask, FindsKeysInNames) {

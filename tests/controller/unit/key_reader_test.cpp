@@ -12,19 +12,19 @@ namespace {
 using testing::HasSubstr;
 using testing::Not;
 
-TEST(KeyReader, TakesHexDigitsInLowerCase) {
+TEST(KeyReader, ConvertsHexDigitsToLowerCase) {
     EXPECT_EQ(readKey("00AAbbFF").digits, "00aabbff");
     EXPECT_EQ(readKey("00AAbbFF").problem, "");
     EXPECT_EQ(readKey("ab").digits, "ab");
     EXPECT_EQ(readKey(std::string(256, 'e')).digits, std::string(256, 'e'));
 }
 
-TEST(KeyReader, SaysWhatIsWrongAndShowsNoDigit) {
+TEST(KeyReader, ReportsTheProblemWithoutShowingADigit) {
     const std::pair<std::string, std::string> cases[] = {
         {"", "empty"},
         {"abc", "odd number"},
-        {"7e7e7g", "no hex digit"},
-        {"7e 7e", "no hex digit"},
+        {"7e7e7g", "not a hex digit"},
+        {"7e 7e", "not a hex digit"},
         {std::string(258, '7'), "longer than 128 bytes"},
     };
     for (const auto& [text, reason] : cases) {
@@ -35,23 +35,23 @@ TEST(KeyReader, SaysWhatIsWrongAndShowsNoDigit) {
     }
 }
 
-TEST(KeyReader, LeavesTheWhiteSpaceOfAFileOut) {
+TEST(KeyReader, IgnoresWhiteSpaceInAFile) {
     const TemporaryFolder folder;
     EXPECT_EQ(readKeyFile(folder.write("key", "0011 2233\n\t44AA\r\n"), false).digits,
               "0011223344aa");
 }
 
-TEST(KeyReader, RefusesFilesThatOthersMayRead) {
+TEST(KeyReader, RefusesFilesThatOthersCanRead) {
     const TemporaryFolder folder;
     for (const mode_t mode : {0640U, 0604U, 0644U}) {
         const auto file = folder.write("key", "0011", mode);
-        EXPECT_THAT(readKeyFile(file, false).problem, HasSubstr("may be read by others"));
+        EXPECT_THAT(readKeyFile(file, false).problem, HasSubstr("is readable by others"));
         EXPECT_EQ(readKeyFile(file, true).digits, "0011");
     }
     EXPECT_EQ(readKeyFile(folder.write("key", "0011", 0400), false).digits, "0011");
 }
 
-TEST(KeyReader, NamesTheFileThatWillNotDo) {
+TEST(KeyReader, NamesAFileThatIsNotUsable) {
     const TemporaryFolder folder;
     EXPECT_THAT(readKeyFile(folder.path(), false).problem,
                 HasSubstr(folder.path().string() + " is not a regular file"));
@@ -60,19 +60,19 @@ TEST(KeyReader, NamesTheFileThatWillNotDo) {
                 HasSubstr("larger than 4096 bytes"));
 }
 
-TEST(KeyReader, NamesTheFileThatIsMissing) {
+TEST(KeyReader, NamesAMissingFile) {
     const TemporaryFolder folder;
     EXPECT_EQ(
         readKeyFile(folder.path() / "alice.key", false).problem,
         (folder.path() / "alice.key").string() + " cannot be read: No such file or directory");
 }
 
-TEST(KeyReader, ShowsNoKeyThatStandsWhereAFileShould) {
+TEST(KeyReader, DoesNotShowAKeyThatWasEnteredAsAPath) {
     const TemporaryFolder folder;
     const std::string key = "7e7e7e7e7e7e7e7e";
     EXPECT_EQ(readKeyFile(folder.path() / key, false).problem,
-              "the file that it names cannot be read: No such file or directory");
-    // One too long for a name, and one that seems to be in a folder.
+              "the file cannot be read: No such file or directory");
+    // One that is too long for a file name, and one that looks like a path with a folder.
     for (const std::string& text : {std::string(256, '7'), "7777/" + key}) {
         const std::string problem = readKeyFile(folder.path() / text, false).problem;
         EXPECT_THAT(problem, HasSubstr("cannot be read"));
@@ -80,7 +80,7 @@ TEST(KeyReader, ShowsNoKeyThatStandsWhereAFileShould) {
     }
 }
 
-TEST(KeyReader, DoesNotWaitForThePipesWriter) {
+TEST(KeyReader, DoesNotWaitForTheWriterOfAPipe) {
     const TemporaryFolder folder;
     const auto pipe = folder.path() / "pipe";
     ASSERT_EQ(mkfifo(pipe.c_str(), 0600), 0);

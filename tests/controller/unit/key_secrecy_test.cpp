@@ -1,5 +1,5 @@
-// A key may end up anywhere in a file: in a name's place, in a comment, behind a quote that is
-// missing. Whatever the controller makes of the file for others to read must not show it.
+// A key may be anywhere in a file: instead of a name, in a comment, after a missing quote. No text
+// that the controller prints about the file may contain it.
 #include <gtest/gtest.h>
 #include <prometheus/text_serializer.h>
 
@@ -22,9 +22,9 @@ namespace {
 
 constexpr unsigned seed = 20240501;
 constexpr int files = 10000;
-/// So many of a key's digits in a row are not there by chance.
+/// This many consecutive digits of a key do not occur by chance.
 constexpr std::size_t shortestPiece = 8;
-/// A key that a typing mistake cut in two is masked where so many digits are left together.
+/// A key that a typing mistake split is masked where this many digits remain together.
 constexpr std::size_t shortestRun = 16;
 
 using Random = std::mt19937;
@@ -33,7 +33,7 @@ int between(Random& random, int least, int greatest) {
     return std::uniform_int_distribution<int>(least, greatest)(random);
 }
 
-/// The lines of files in which "@" is the key's place.
+/// Lines of files; the key replaces each "@".
 constexpr std::array places{
     // Names.
     "[flows.@]\nlabel = 1\nupstream = \"127.0.0.1:1\"",
@@ -82,7 +82,7 @@ constexpr std::array places{
     // Comments.
     "# @",
     "[flows.a] # @\nlabel = 0 # @",
-    // What is not TOML.
+    // Lines that are not TOML.
     "@",
     "@ @",
     "= @",
@@ -110,7 +110,7 @@ std::string digitsOf(Random& random) {
     return digits;
 }
 
-/// The digits as somebody may write them: in one piece, or in groups of up to 8.
+/// The digits as an operator may write them: in one piece, or in groups of up to 8.
 std::string written(const std::string& digits, Random& random) {
     constexpr std::array separators{"", "", ":", "-", " ", "  ", "_", " - "};
     const std::string separator = separators.at(between(random, 0, separators.size() - 1));
@@ -138,7 +138,7 @@ int occurrences(std::string_view text, std::string_view of) {
     return count;
 }
 
-/// Typing mistakes: now and then a character is missing, or there is one too many.
+/// Makes typing mistakes: sometimes a character is removed or added.
 std::string mistyped(std::string text, Random& random) {
     const std::size_t at = between(random, 0, static_cast<int>(text.size()) - 1);
     switch (between(random, 0, 5)) {
@@ -154,7 +154,7 @@ std::string mistyped(std::string text, Random& random) {
     return text;
 }
 
-/// Everything that comes of a file and can be read by others.
+/// Everything that the controller prints or publishes about a file.
 std::string shownOf(const std::string& text, const std::string& file) {
     std::string shown;
     const ConfigurationReading reading = parseConfiguration(text, file, false, {});
@@ -196,13 +196,13 @@ bool holdsPieceOf(const std::string& shown, const std::string& key, std::size_t 
     return false;
 }
 
-TEST(KeySecrecy, NothingThatIsShownOfAFileHoldsAKeyThatIsInIt) {
+TEST(KeySecrecy, NoOutputAboutAFileContainsAKey) {
     Random random(seed);
     for (int i = 0; i < files; ++i) {
         const std::string place = places.at(static_cast<std::size_t>(i) % places.size());
         const std::string digits = digitsOf(random);
         std::string key = written(digits, random);
-        // What is an address is taken for one where one is expected.
+        // A key that is also an IPv6 address would be shown as an address.
         key = isIPv6(key) ? digits : key;
         const std::string text = std::string(listening) + replaced(place, key) + "\n";
         const std::string file = mistyped(text, random);
@@ -215,7 +215,7 @@ TEST(KeySecrecy, NothingThatIsShownOfAFileHoldsAKeyThatIsInIt) {
     }
 }
 
-TEST(KeySecrecy, AFileWhoseNameIsAKeyIsNotNamed) {
+TEST(KeySecrecy, AFileNameThatIsAKeyIsMasked) {
     const std::string key = "00112233445566778899aabbccddeeff";
     EXPECT_FALSE(holdsPieceOf(describe({3, "is odd"}, "/etc/vesk/" + key), key, shortestPiece));
 }

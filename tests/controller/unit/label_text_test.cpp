@@ -11,7 +11,7 @@ TEST(LabelText, IsHexadecimal) {
     EXPECT_EQ(labelText(0xffffffff), "0xffffffff");
 }
 
-TEST(LabelText, HasTheDecimalNumberBesideItOnce) {
+TEST(LabelText, HasTheDecimalNumberInBothForms) {
     EXPECT_EQ(labelInBothForms(0x10001), "0x10001/65537");
     EXPECT_EQ(labelInBothForms(0xffffffff), "0xffffffff/4294967295");
 }

@@ -21,7 +21,7 @@ Configuration withFlows(std::uint32_t count) {
 TEST(Limits, CountTwoDescriptorsForEachFlow) {
     EXPECT_THAT(descriptorWarnings(withFlows(1000), 2100), IsEmpty());
     EXPECT_THAT(descriptorWarnings(withFlows(1000), 2099),
-                ElementsAre(HasSubstr("is 2099, and 1000 flows need 2100")));
+                ElementsAre(HasSubstr("is 2099, but 1000 flows need 2100")));
     EXPECT_THAT(descriptorWarnings(withFlows(0), 1024), IsEmpty());
 }
 
@@ -30,20 +30,20 @@ TEST(Limits, CountAPortForEachFlowWithoutASource) {
     configuration.flows.at(1).source = HostPort{"127.0.0.1", 7};
     EXPECT_THAT(portWarnings(configuration, {1001, 1100}), IsEmpty());
     EXPECT_THAT(portWarnings(configuration, {1001, 1099}),
-                ElementsAre(HasSubstr("has 99 ports, and 100 flows without a source")));
+                ElementsAre(HasSubstr("has 99 ports, but 100 flows without a source")));
     // The two families have their own ports.
     configuration.flows.at(2).upstream.host = "::1";
     EXPECT_THAT(portWarnings(configuration, {1001, 1099}), IsEmpty());
 }
 
-TEST(Limits, NameTheRemedyForSmallBuffers) {
+TEST(Limits, WarnOfSmallBuffersWithTheRemedy) {
     EXPECT_THAT(bufferWarnings({1048575, 262143}),
                 ElementsAre(HasSubstr("sysctl -w net.core.rmem_max=1048576"),
                             HasSubstr("sysctl -w net.core.wmem_max=262144")));
     EXPECT_THAT(bufferWarnings({1048576, 262144}), IsEmpty());
 }
 
-TEST(Limits, SayNothingOfWhatCannotBeRead) {
+TEST(Limits, DoNotWarnOfLimitsThatCannotBeRead) {
     EXPECT_THAT(bufferWarnings({}), IsEmpty());
 }
 

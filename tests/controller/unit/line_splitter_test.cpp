@@ -9,7 +9,7 @@ namespace {
 using testing::ElementsAre;
 using testing::IsEmpty;
 
-TEST(LineSplitter, GivesWholeLines) {
+TEST(LineSplitter, ReturnsWholeLines) {
     LineSplitter splitter;
     EXPECT_THAT(splitter.feed("one\ntwo\nth"), ElementsAre("one", "two"));
     EXPECT_THAT(splitter.feed(""), IsEmpty());
@@ -18,14 +18,14 @@ TEST(LineSplitter, GivesWholeLines) {
     EXPECT_EQ(splitter.takeRest(), "");
 }
 
-TEST(LineSplitter, GivesTheRestAtTheEnd) {
+TEST(LineSplitter, ReturnsTheRestAtTheEnd) {
     LineSplitter splitter;
     EXPECT_THAT(splitter.feed("one\ntw"), ElementsAre("one"));
     EXPECT_EQ(splitter.takeRest(), "tw");
     EXPECT_EQ(splitter.takeRest(), "");
 }
 
-TEST(LineSplitter, LeavesOutWhatMakesALineTooLong) {
+TEST(LineSplitter, TruncatesALineThatIsTooLong) {
     LineSplitter splitter;
     const std::string half(LineSplitter::longestLine / 2, 'x');
     for (int i = 0; i < 5; ++i) {

@@ -13,14 +13,14 @@ using testing::StartsWith;
 
 const Command listening = startCommand({"192.0.2.1", 4500});
 
-TEST(ListenerRemedy, NamesAddressPortAndWhatToDo) {
+TEST(ListenerRemedy, NamesAddressPortAndRemedy) {
     const std::string said =
         cannotListen(listening, "Failed bind syscall for endpoint socket: Address already in use");
-    EXPECT_THAT(said, StartsWith("cannot listen on 192.0.2.1, port 4500: another socket has it"));
+    EXPECT_THAT(said, StartsWith("cannot listen on 192.0.2.1, port 4500: the port is in use"));
     EXPECT_THAT(said, HasSubstr("\"ss -lunp\""));
 }
 
-TEST(ListenerRemedy, TellsTheErrorsApart) {
+TEST(ListenerRemedy, HasARemedyForEachKnownError) {
     EXPECT_THAT(cannotListen(listening, "Cannot assign requested address"),
                 HasSubstr("ip address"));
     EXPECT_THAT(cannotListen(listening, "Permission denied"), HasSubstr("CAP_NET_BIND_SERVICE"));
@@ -29,7 +29,7 @@ TEST(ListenerRemedy, TellsTheErrorsApart) {
     EXPECT_THAT(cannotListen(listening, "Too many open files"), HasSubstr("LimitNOFILE"));
 }
 
-TEST(ListenerRemedy, RepeatsWhatItDoesNotKnow) {
+TEST(ListenerRemedy, RepeatsAnUnknownError) {
     EXPECT_EQ(cannotListen(listening, "no such thing"),
               "cannot listen on 192.0.2.1, port 4500: no such thing");
 }

@@ -7,7 +7,7 @@
 namespace vesk::controller {
 namespace {
 
-TEST(LogEventsTest, FindsWhatIsCounted) {
+TEST(LogEventsTest, FindsCountedLines) {
     EXPECT_EQ(eventOf(classify("downstreamPacketReceivedFailed HMAC Check!")),
               LogEvent::hmacFailure);
     EXPECT_EQ(eventOf(classify("info Created upstream endpoint: label 0x10001/65537 sockfds 7 8")),
@@ -20,7 +20,7 @@ TEST(LogEventsTest, FindsWhatIsCounted) {
               LogEvent::endpointDeletedByError);
 }
 
-TEST(LogEventsTest, PassesOverTheRest) {
+TEST(LogEventsTest, IgnoresOtherLines) {
     for (const char* line :
          {"", "info ", "info downstreamPacketReceivedFailed HMAC Check!",
           "debug Got message: downstreamPacketReceivedFailed HMAC Check!",
@@ -44,7 +44,7 @@ TEST(FlowSocketsTest, KnowsTheDescriptorsOfALabel) {
     EXPECT_EQ(flows, (FlowDescriptors{{7, 0x10001}, {8, 0xffffffff}, {9, 0xffffffff}}));
 }
 
-TEST(FlowSocketsTest, LeavesThemAsTheyAreAtADamagedLine) {
+TEST(FlowSocketsTest, IgnoresADamagedLine) {
     FlowDescriptors flows{{7, 1}};
     for (const char* line : {"", "Created upstream endpoint: label 0x",
                              "Created upstream endpoint: label 0x10001/65537 sockfds 7",

@@ -11,7 +11,7 @@ std::string nameOfKind(std::string_view text) {
     return logKindOf(LogLevel::info, text).name;
 }
 
-TEST(LogKind, LeavesNumbersAndAddressesOut) {
+TEST(LogKind, IgnoresNumbersAndAddresses) {
     EXPECT_EQ(nameOfKind("Endpoint socket bound: 127.0.0.1|4500 (6)"),
               nameOfKind("Endpoint socket bound: fe80::a:1|65535 (1024)"));
     EXPECT_EQ(nameOfKind("Bound upstream endpoint to 10.0.0.1:5000"),
@@ -23,14 +23,14 @@ TEST(LogKind, LeavesNumbersAndAddressesOut) {
     EXPECT_EQ(nameOfKind("fe80::1%eth0|1 is"), nameOfKind("fe80::2%eth12|2 is"));
 }
 
-TEST(LogKind, KeepsWordsAndLevels) {
+TEST(LogKind, DistinguishesWordsAndLevels) {
     EXPECT_NE(nameOfKind("added 1"), nameOfKind("faded 1"));
     EXPECT_NE(nameOfKind("a face"), nameOfKind("a bed"));
     EXPECT_NE(nameOfKind("Failed HMAC Check!"), nameOfKind("Failed label Check!"));
     EXPECT_NE(logKindOf(LogLevel::info, "x").name, logKindOf(LogLevel::warn, "x").name);
 }
 
-TEST(LogKind, IsOneForEachLabel) {
+TEST(LogKind, DistinguishesLabels) {
     const char* const line = "Created upstream endpoint: label 0x10001/65537 sockfds 7 8";
     EXPECT_TRUE(logKindOf(LogLevel::info, line).namesLabel);
     EXPECT_EQ(nameOfKind(line),

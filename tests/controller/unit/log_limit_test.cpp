@@ -16,7 +16,7 @@ using testing::SizeIs;
 
 const std::string badHmac = "downstreamPacketReceivedFailed HMAC Check!";
 
-/// A limit before which the test moves the time.
+/// Tests a limit with a clock that the test moves.
 class LogLimitTest : public testing::Test {
  protected:
     bool pass(const std::string& text) {
@@ -27,7 +27,7 @@ class LogLimitTest : public testing::Test {
         return verdict.pass;
     }
 
-    /// How many of so many lines are passed on.
+    /// How many of the lines are passed on.
     int passes(const std::string& text, int lines) {
         int count = 0;
         for (int i = 0; i < lines; ++i) {
@@ -47,7 +47,7 @@ class LogLimitTest : public testing::Test {
     std::string toldBefore;
 };
 
-TEST_F(LogLimitTest, PassesTwentyLinesInARowAndThenOneASecond) {
+TEST_F(LogLimitTest, PassesTwentyLinesAndThenOnePerSecond) {
     EXPECT_EQ(passes(badHmac, 1000), 20);
     now += milliseconds(999);
     EXPECT_FALSE(pass(badHmac));
@@ -62,7 +62,7 @@ TEST_F(LogLimitTest, PassesTwentyLinesInARowAndThenOneASecond) {
     EXPECT_EQ(passes(badHmac, 1000), 20);
 }
 
-TEST_F(LogLimitTest, TakesLinesThatDifferInNumbersForOneKind) {
+TEST_F(LogLimitTest, TreatsLinesThatDifferInNumbersAsOneKind) {
     int count = 0;
     for (int i = 0; i < 100; ++i) {
         count += pass("from 127.0.0.1:" + std::to_string(i)) ? 1 : 0;
@@ -71,13 +71,13 @@ TEST_F(LogLimitTest, TakesLinesThatDifferInNumbersForOneKind) {
     EXPECT_TRUE(pass("to 127.0.0.1:1"));
 }
 
-TEST_F(LogLimitTest, LimitsEachLabelByItself) {
+TEST_F(LogLimitTest, LimitsEachLabelSeparately) {
     for (int label = 1; label <= 5; ++label) {
         EXPECT_EQ(passes(lineOfLabel(label), 100), 20) << label;
     }
 }
 
-TEST_F(LogLimitTest, PassesTwoHundredLinesOfLabelsASecond) {
+TEST_F(LogLimitTest, PassesTwoHundredLinesWithLabelsPerSecond) {
     int count = 0;
     for (int label = 1; label <= 1000; ++label) {
         count += pass(lineOfLabel(label)) ? 1 : 0;
@@ -94,12 +94,12 @@ TEST_F(LogLimitTest, PassesTwoHundredLinesOfLabelsASecond) {
     EXPECT_EQ(count, 400);
 }
 
-TEST_F(LogLimitTest, ANoisyLabelTakesNothingFromTheOthers) {
+TEST_F(LogLimitTest, ANoisyLabelDoesNotLimitOthers) {
     passes(lineOfLabel(1), 10000);
     EXPECT_TRUE(pass(lineOfLabel(2)));
 }
 
-TEST_F(LogLimitTest, TellsTheCountWhenAKindIsSilent) {
+TEST_F(LogLimitTest, ReturnsTheCountOfASilentKind) {
     EXPECT_FALSE(limit.dueAt());
     passes(badHmac, 50);
     ASSERT_TRUE(limit.dueAt());
@@ -114,7 +114,7 @@ TEST_F(LogLimitTest, TellsTheCountWhenAKindIsSilent) {
     EXPECT_THAT(limit.allCounts(), IsEmpty());
 }
 
-TEST_F(LogLimitTest, TellsTheCountAtTheEnd) {
+TEST_F(LogLimitTest, ReturnsAllCountsAtTheEnd) {
     passes(badHmac, 50);
     ASSERT_THAT(limit.allCounts(), SizeIs(1));
     EXPECT_THAT(limit.allCounts(), IsEmpty());
@@ -146,7 +146,7 @@ TEST_F(LogLimitTest, RemembersABoundedNumberOfKinds) {
     EXPECT_EQ(limit.kinds(), 1U);
 }
 
-TEST_F(LogLimitTest, LeavesNoLineUncounted) {
+TEST_F(LogLimitTest, CountsEveryLine) {
     constexpr unsigned lotSeed = 20240501;
     std::mt19937 random(lotSeed);
     std::uint64_t lines = 0;

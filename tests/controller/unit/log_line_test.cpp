@@ -5,7 +5,7 @@
 namespace vesk::controller {
 namespace {
 
-TEST(LogLine, IsALevelAndAText) {
+TEST(LogLine, HasALevelAndAText) {
     for (const LogLevel level :
          {LogLevel::error, LogLevel::warn, LogLevel::info, LogLevel::debug, LogLevel::trace}) {
         const LogLine line = classify(std::string(nameOf(level)) + " some words");

@@ -38,7 +38,7 @@ class LogOutputTest : public testing::Test {
         fcntl(reader.get(), F_SETFL, O_NONBLOCK);
     }
 
-    /// What is in the pipe.
+    /// Reads what is in the pipe.
     std::string arrived() const {
         std::string text;
         std::array<char, 65536> piece{};
@@ -62,7 +62,7 @@ TEST(FormatLine, HasTheFormOfItsReader) {
     EXPECT_EQ(formatLine(LogForm::journal, LogLevel::none, "text"), "text");
 }
 
-TEST_F(LogOutputTest, TakesTheJournalsFormOnlyForTheJournalsStream) {
+TEST_F(LogOutputTest, UsesTheJournalsFormOnlyForTheJournalsStream) {
     struct stat status {};
     ASSERT_EQ(fstat(writer.get(), &status), 0);
     const std::string stream = std::to_string(status.st_dev) + ":" + std::to_string(status.st_ino);
@@ -75,7 +75,7 @@ TEST_F(LogOutputTest, TakesTheJournalsFormOnlyForTheJournalsStream) {
     unsetenv("JOURNAL_STREAM");
 }
 
-TEST_F(LogOutputTest, WritesWhatThereIsRoomFor) {
+TEST_F(LogOutputTest, WritesWithoutWaitingIfThereIsRoom) {
     LogOutput log(writer.get(), LogForm::words);
     log.write(LogLevel::info, "theirs");
     log.say(LogLevel::error, "ours");
@@ -102,7 +102,7 @@ TEST_F(LogOutputTest, NeverWaitsForAReader) {
     EXPECT_EQ(bytes, 1000U * 1006U);
 }
 
-TEST_F(LogOutputTest, CountsWhatItCannotKeep) {
+TEST_F(LogOutputTest, CountsLinesThatExceedTheBacklog) {
     LogOutput log(writer.get(), LogForm::words);
     const std::string text(100000, 'x');
     for (int i = 0; i < 200; ++i) {
@@ -129,7 +129,7 @@ TEST_F(LogOutputTest, PassesOnTwentyLinesOfAKindAndTheCountOfTheRest) {
     log.flush();
     const std::string seen = arrived();
     EXPECT_THAT(seen, HasSubstr("line 19\n"));
-    // A few more where the machine took seconds for it.
+    // More than 20 if the machine took seconds for the loop.
     EXPECT_LT(std::ranges::count(seen, '\n'), 50);
     EXPECT_TRUE(log.countDueAt());
     log.finish();
@@ -138,7 +138,7 @@ TEST_F(LogOutputTest, PassesOnTwentyLinesOfAKindAndTheCountOfTheRest) {
     EXPECT_THAT(told, HasSubstr(" more lines like this were left out: line "));
 }
 
-TEST_F(LogOutputTest, PassesEverythingOnWithoutALimit) {
+TEST_F(LogOutputTest, PassesOnAllLinesWithoutALimit) {
     LogOutput log(writer.get(), LogForm::words);
     log.setLimited(false);
     for (int i = 0; i < 100; ++i) {
@@ -149,7 +149,7 @@ TEST_F(LogOutputTest, PassesEverythingOnWithoutALimit) {
     EXPECT_FALSE(log.countDueAt());
 }
 
-TEST_F(LogOutputTest, LeavesNoneOfTheControllersOwnWordsOut) {
+TEST_F(LogOutputTest, DoesNotLimitMessagesOfTheController) {
     LogOutput log(writer.get(), LogForm::words);
     for (int i = 0; i < 100; ++i) {
         log.say(LogLevel::error, "flow " + std::to_string(i) + " was refused");
@@ -159,13 +159,13 @@ TEST_F(LogOutputTest, LeavesNoneOfTheControllersOwnWordsOut) {
     EXPECT_EQ(std::ranges::count(seen, '\n'), 100);
 }
 
-TEST_F(LogOutputTest, EndsInTimeHoweverSlowlyItIsRead) {
+TEST_F(LogOutputTest, FinishesInTimeWithASlowReader) {
     LogOutput log(writer.get(), LogForm::words);
     const std::string text(1000, 'x');
     for (int i = 0; i < 4000; ++i) {
         log.write(LogLevel::info, text);
     }
-    // Takes a minute and a half for all of it.
+    // This reader would need a minute and a half for all lines.
     std::atomic<bool> over = false;
     std::thread slow([&] {
         std::array<char, 4096> piece{};
@@ -184,7 +184,7 @@ TEST_F(LogOutputTest, EndsInTimeHoweverSlowlyItIsRead) {
     slow.join();
 }
 
-/// No file may grow beyond `size`; EFBIG stands for the full disk.
+/// Limits the size of files, so that writing fails with EFBIG as with a full disk.
 void limitFiles(rlim_t size) {
     rlimit limit{};
     getrlimit(RLIMIT_FSIZE, &limit);
@@ -192,7 +192,7 @@ void limitFiles(rlim_t size) {
     setrlimit(RLIMIT_FSIZE, &limit);
 }
 
-TEST(LogOutputToAFile, CountsWhatAFullDiskDoesNotTake) {
+TEST(LogOutputToAFile, CountsLinesLostToAFullDisk) {
     std::signal(SIGXFSZ, SIG_IGN);
     const TemporaryFolder folder;
     const std::string path = folder.write("log", "").string();
@@ -212,11 +212,11 @@ TEST(LogOutputToAFile, CountsWhatAFullDiskDoesNotTake) {
     std::ifstream written(path);
     EXPECT_EQ(
         std::string(std::istreambuf_iterator<char>(written), {}),
-        "info fourth\nwarn controller: 3 lines were lost: this log was not read, or could not be "
+        "info fourth\nwarn controller: 3 lines were lost: the log was not read or could not be "
         "written\ninfo fifth\n");
 }
 
-TEST_F(LogOutputTest, GoesOnWithoutAReader) {
+TEST_F(LogOutputTest, ContinuesWithoutAReader) {
     signal(SIGPIPE, SIG_IGN);
     reader.reset();
     LogOutput log(writer.get(), LogForm::words);

@@ -7,7 +7,7 @@ namespace {
 
 class OutputInterpreterTest : public testing::Test {
  protected:
-    /// What comes of the line, or "" where it is not for the log.
+    /// The text for the log, or "" if the line is not for the log.
     std::string logged(std::string_view line) {
         const OutputEvent event = interpreter.take(line);
         const auto* const found = std::get_if<LogLine>(&event);
@@ -18,7 +18,7 @@ class OutputInterpreterTest : public testing::Test {
     OutputInterpreter interpreter{ledger};
 };
 
-TEST_F(OutputInterpreterTest, PassesTheLogOn) {
+TEST_F(OutputInterpreterTest, PassesLogLinesOn) {
     EXPECT_EQ(logged("info Forwarder listener stopped"), "Forwarder listener stopped");
     EXPECT_EQ(logged("downstreamPacketReceivedFailed HMAC Check!"),
               "downstreamPacketReceivedFailed HMAC Check!");
@@ -30,7 +30,7 @@ TEST_F(OutputInterpreterTest, MasksTheKeysOfRepeatedCommands) {
               "Got message: set label 1 up_in_key <key of 4 bytes>");
 }
 
-TEST_F(OutputInterpreterTest, KeepsItsOwnQuestionsOutOfTheLog) {
+TEST_F(OutputInterpreterTest, KeepsItsOwnCommandsOutOfTheLog) {
     ledger.expect({"stats", {}, "the report"});
     EXPECT_EQ(logged("debug Got message: stats"), "");
     EXPECT_EQ(logged("debug Got message: fence-1"), "");
@@ -40,7 +40,7 @@ TEST_F(OutputInterpreterTest, KeepsItsOwnQuestionsOutOfTheLog) {
     EXPECT_EQ(logged(""), "");
 }
 
-TEST_F(OutputInterpreterTest, TakesReportsOutOfTheLog) {
+TEST_F(OutputInterpreterTest, KeepsReportsOutOfTheLog) {
     const char* const lines[] = {"info ",
                                  "Poll stats:",
                                  "ActiveEvtNr:0 RdReadyNr:0 WrReadyNr:0 ErrorNr:0",
@@ -59,7 +59,7 @@ TEST_F(OutputInterpreterTest, TakesReportsOutOfTheLog) {
                                  "info Lateral Stats:"};
     for (const char* const line : lines) {
         EXPECT_TRUE(std::holds_alternative<std::monostate>(interpreter.take(line))) << line;
-        EXPECT_EQ(logged("info said in between"), "said in between");
+        EXPECT_EQ(logged("info logged in between"), "logged in between");
     }
     const OutputEvent last = interpreter.take("");
     ASSERT_TRUE(std::holds_alternative<Report>(last));

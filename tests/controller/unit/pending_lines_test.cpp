@@ -5,7 +5,7 @@
 namespace vesk::controller {
 namespace {
 
-TEST(PendingLines, GivesBytesInTheirOrder) {
+TEST(PendingLines, ReturnsBytesInOrder) {
     PendingLines lines;
     EXPECT_TRUE(lines.empty());
     lines.add("one");
@@ -41,7 +41,7 @@ TEST(PendingLines, KeepsNothingBetweenLines) {
     }
 }
 
-TEST(PendingLines, LosesNothingOfALongBacklog) {
+TEST(PendingLines, KeepsAllBytesOfALongBacklog) {
     PendingLines lines;
     std::string expected;
     for (int i = 0; i < 100000; ++i) {
@@ -61,7 +61,7 @@ TEST(PendingLines, LosesNothingOfALongBacklog) {
     EXPECT_EQ(seen, expected);
 }
 
-TEST(PendingLines, KnowsALineThatWasBegunInALongBacklog) {
+TEST(PendingLines, DetectsTheBeginningOfALineInALongBacklog) {
     PendingLines lines;
     const std::string line(50000, 'x');
     for (int i = 0; i < 4; ++i) {

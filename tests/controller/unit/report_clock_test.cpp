@@ -18,7 +18,7 @@ TEST(ReportClock, IsNotDueUntilItIsStarted) {
     EXPECT_TRUE(clock.due(firstTime));
 }
 
-TEST(ReportClock, KeepsTheTimeThatItHasWhenStartedAgain) {
+TEST(ReportClock, KeepsItsTimeWhenStartedAgain) {
     ReportClock clock;
     clock.start(firstTime);
     EXPECT_TRUE(clock.ask(firstTime, reportInterval));
@@ -37,7 +37,7 @@ TEST(ReportClock, AsksForOneReportAtATime) {
     EXPECT_TRUE(clock.ask(firstTime + 2 * reportInterval, reportInterval));
 }
 
-TEST(ReportClock, WaitsForTheOutstandingReportAlsoWhenStopped) {
+TEST(ReportClock, WaitsForTheOutstandingReportEvenAfterAStop) {
     ReportClock clock;
     EXPECT_TRUE(clock.ask(firstTime, reportInterval));
     clock.stop();

@@ -8,7 +8,7 @@ namespace {
 using std::chrono::milliseconds;
 using std::chrono::seconds;
 
-TEST(RestartPause, DoublesUpToItsGreatest) {
+TEST(RestartPause, DoublesUpToTheMaximum) {
     RestartPause pause(milliseconds(100), milliseconds(350));
     EXPECT_EQ(pause.after(seconds(0)), milliseconds(100));
     EXPECT_EQ(pause.after(seconds(59)), milliseconds(200));
@@ -16,7 +16,7 @@ TEST(RestartPause, DoublesUpToItsGreatest) {
     EXPECT_EQ(pause.after(seconds(1)), milliseconds(350));
 }
 
-TEST(RestartPause, StartsOverAfterAMinuteOfLife) {
+TEST(RestartPause, StartsOverAfterARunOfAMinute) {
     RestartPause pause(milliseconds(100), milliseconds(400));
     EXPECT_EQ(pause.after(seconds(0)), milliseconds(100));
     EXPECT_EQ(pause.after(seconds(0)), milliseconds(200));
@@ -24,7 +24,7 @@ TEST(RestartPause, StartsOverAfterAMinuteOfLife) {
     EXPECT_EQ(pause.after(seconds(0)), milliseconds(200));
 }
 
-TEST(RestartPause, IsNeverLongerThanItsGreatest) {
+TEST(RestartPause, NeverExceedsTheMaximum) {
     RestartPause pause(milliseconds(100), milliseconds(50));
     EXPECT_EQ(pause.after(seconds(0)), milliseconds(50));
     EXPECT_EQ(pause.after(seconds(60)), milliseconds(50));

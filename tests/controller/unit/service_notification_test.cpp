@@ -18,7 +18,7 @@ namespace {
 
 using testing::MatchesRegex;
 
-/// The service manager's end.
+/// Plays the service manager.
 class Manager {
  public:
     explicit Manager(const std::string& name) : socket_(socket(AF_UNIX, SOCK_DGRAM, 0)) {
@@ -42,7 +42,7 @@ class Manager {
     UniqueFd socket_;
 };
 
-TEST(ServiceNotification, TellsEachState) {
+TEST(ServiceNotification, SendsEachState) {
     const TemporaryFolder folder;
     const std::string path = (folder.path() / "notify").string();
     const Manager manager(path);
@@ -59,7 +59,7 @@ TEST(ServiceNotification, TellsEachState) {
     EXPECT_EQ(manager.received(), "WATCHDOG=1");
 }
 
-TEST(ServiceNotification, KnowsAbstractNames) {
+TEST(ServiceNotification, SupportsAbstractNames) {
     const std::string name = "@vesk-test-" + std::to_string(getpid());
     const Manager manager(name);
     setenv("NOTIFY_SOCKET", name.c_str(), 1);
@@ -68,7 +68,7 @@ TEST(ServiceNotification, KnowsAbstractNames) {
     EXPECT_EQ(manager.received(), "STATUS=abstract");
 }
 
-TEST(ServiceNotification, KnowsHowOftenTheServiceManagerWantsToHearOfIt) {
+TEST(ServiceNotification, ReadsTheWatchdogInterval) {
     using std::chrono::microseconds;
     const auto interval = [](const char* microsecondsText, const std::string& process) {
         setenv("WATCHDOG_USEC", microsecondsText, 1);
@@ -85,7 +85,7 @@ TEST(ServiceNotification, KnowsHowOftenTheServiceManagerWantsToHearOfIt) {
     EXPECT_EQ(ServiceNotification::fromEnvironment().watchdogInterval(), std::nullopt);
 }
 
-TEST(ServiceNotification, IsSilentWhereNobodyListens) {
+TEST(ServiceNotification, IgnoresAMissingServiceManager) {
     ServiceNotification(std::nullopt).ready("unheard");
     ServiceNotification(std::string()).ready("unheard");
     ServiceNotification(std::string(200, 'x')).ready("unheard");

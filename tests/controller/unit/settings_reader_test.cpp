@@ -29,7 +29,7 @@ TEST(SettingsReader, ReadsTheForwardersTable) {
     EXPECT_EQ(settings.logLevel, "trace");
 }
 
-TEST(SettingsReader, KnowsTheLinesOfTheDownstreamAddress) {
+TEST(SettingsReader, StoresTheLinesOfTheDownstreamAddress) {
     const Configuration configuration =
         configurationOf("\n[downstream]\nport = 4500\n\naddress = \"::\"\n");
     EXPECT_EQ(configuration.downstream, (HostPort{"::", 4500}));
@@ -75,7 +75,7 @@ TEST(SettingsReader, ReadsTheControllersAndTheMetricsTables) {
     EXPECT_EQ(configuration.metrics, (MetricsSettings{false, "127.0.0.2", 1, true, true}));
 }
 
-TEST(SettingsReader, TakesIpv6AddressesForTheMetrics) {
+TEST(SettingsReader, AcceptsIpv6AddressesForTheMetrics) {
     for (const char* address : {"::1", "::", "2001:db8::1", "::ffff:192.0.2.1"}) {
         const std::string table = "[metrics]\naddress = \"" + std::string(address) + "\"";
         EXPECT_EQ(listeningWith(table).metrics.address, address);
@@ -95,52 +95,53 @@ TEST_P(BadSettingTest, IsRefusedWithItsPlace) {
 
 const char* const lateralWith = "[lateral]\naddress = \"::\"\nport = 1\nindex = 0\ninstances = 2\n";
 
-TEST(SettingsReader, RefusesPeersThatCannotBe) {
+TEST(SettingsReader, RefusesWrongPeers) {
     const auto complaints = [](const char* peers) {
         return problemsBesides(lateralWith + std::string("peers = ") + peers);
     };
     EXPECT_THAT(complaints("[]"), HasSubstr("6: lateral.peers is empty"));
-    EXPECT_THAT(complaints("[1]"), HasSubstr("6: lateral.peers has to hold tables"));
-    EXPECT_THAT(complaints("1"), HasSubstr("6: lateral.peers has to be an array"));
-    EXPECT_THAT(complaints("[{ index = 0, address = \"::\" }]"), HasSubstr("this instance itself"));
+    EXPECT_THAT(complaints("[1]"), HasSubstr("6: lateral.peers must contain tables"));
+    EXPECT_THAT(complaints("1"), HasSubstr("6: lateral.peers must be an array"));
+    EXPECT_THAT(complaints("[{ index = 0, address = \"::\" }]"),
+                HasSubstr("the index of this instance"));
     EXPECT_THAT(complaints("[{ index = 2, address = \"::\" }]"), HasSubstr("below the number of"));
     EXPECT_THAT(complaints("[{ index = 1, address = \"h\" }]"), HasSubstr("numeric address"));
     EXPECT_THAT(complaints("[{ index = 1 }]"), HasSubstr("lateral.peers.address is missing"));
     EXPECT_THAT(complaints("[{ address = \"::\" }]"), HasSubstr("lateral.peers.index is missing"));
     EXPECT_THAT(complaints("[{ index = 1, address = \"::1\" }, { index = 1, address = \"::2\" }]"),
-                HasSubstr("occurs twice"));
+                HasSubstr("is used twice"));
 }
 
 INSTANTIATE_TEST_SUITE_P(
     SettingsReader, BadSettingTest,
     testing::Values(
-        BadSetting{"[forwarder]\nframing = \"udpv3\"", "forwarder.framing has to be one of"},
+        BadSetting{"[forwarder]\nframing = \"udpv3\"", "forwarder.framing must be one of"},
         BadSetting{"[forwarder]\nipv4_source = \"Arrival\"",
-                   "forwarder.ipv4_source has to be one of"},
-        BadSetting{"[forwarder]\nipv4_source = true", "has to be a text in quotes"},
-        BadSetting{"[forwarder]\nlog_level = \"loud\"", "forwarder.log_level has to be one of"},
-        BadSetting{"[forwarder]\ncleanup_interval = 0", "has to be a whole number from 1 to"},
+                   "forwarder.ipv4_source must be one of"},
+        BadSetting{"[forwarder]\nipv4_source = true", "must be a string in quotes"},
+        BadSetting{"[forwarder]\nlog_level = \"loud\"", "forwarder.log_level must be one of"},
+        BadSetting{"[forwarder]\ncleanup_interval = 0", "must be an integer from 1 to"},
         BadSetting{"[forwarder]\ncleanup_interval = 9223372037", "to 9223372036"},
-        BadSetting{"[forwarder]\nexpire_main_flows = 1", "has to be true or false"},
-        BadSetting{"[forwarder]\nprogram = \"\"", "forwarder.program has to be a path"},
-        BadSetting{"[forwarder]\ncolour = 1", "2: forwarder.colour is not known"},
-        BadSetting{"[controller]\nrestart_pause_ms = 0", "restart_pause_ms has to be a whole"},
+        BadSetting{"[forwarder]\nexpire_main_flows = 1", "must be true or false"},
+        BadSetting{"[forwarder]\nprogram = \"\"", "forwarder.program must be a path"},
+        BadSetting{"[forwarder]\ncolour = 1", "2: forwarder.colour is not a known key"},
+        BadSetting{"[controller]\nrestart_pause_ms = 0", "restart_pause_ms must be an integer"},
         BadSetting{"[controller]\nrestart_pause_ms = 40000", "restart_pause_max_ms is below"},
-        BadSetting{"[controller]\nstats_seconds = 0", "stats_seconds has to be a whole number"},
-        BadSetting{"[controller]\nanswer_seconds = 0", "answer_seconds has to be a whole number"},
-        BadSetting{"[controller]\ndrain_seconds = -1", "drain_seconds has to be a whole number"},
-        BadSetting{"[controller]\nlog_limit = 0", "log_limit has to be true or false"},
-        BadSetting{"[controller]\ncolour = 1", "2: controller.colour is not known"},
-        BadSetting{"[metrics]\naddress = \"localhost\"", "metrics.address has to be a numeric"},
-        BadSetting{"[metrics]\naddress = \"[::1]\"", "metrics.address has to be a numeric"},
-        BadSetting{"[metrics]\naddress = \"\"", "metrics.address has to be a numeric"},
-        BadSetting{"[metrics]\naddress = 1", "metrics.address has to be a text in quotes"},
-        BadSetting{"[metrics]\nport = 65536", "metrics.port has to be a whole number"},
-        BadSetting{"[metrics]\nrequired = 1", "metrics.required has to be true or false"},
-        BadSetting{"[metrics]\ncolour = 1", "2: metrics.colour is not known"},
+        BadSetting{"[controller]\nstats_seconds = 0", "stats_seconds must be an integer"},
+        BadSetting{"[controller]\nanswer_seconds = 0", "answer_seconds must be an integer"},
+        BadSetting{"[controller]\ndrain_seconds = -1", "drain_seconds must be an integer"},
+        BadSetting{"[controller]\nlog_limit = 0", "log_limit must be true or false"},
+        BadSetting{"[controller]\ncolour = 1", "2: controller.colour is not a known key"},
+        BadSetting{"[metrics]\naddress = \"localhost\"", "metrics.address must be a numeric"},
+        BadSetting{"[metrics]\naddress = \"[::1]\"", "metrics.address must be a numeric"},
+        BadSetting{"[metrics]\naddress = \"\"", "metrics.address must be a numeric"},
+        BadSetting{"[metrics]\naddress = 1", "metrics.address must be a string in quotes"},
+        BadSetting{"[metrics]\nport = 65536", "metrics.port must be an integer"},
+        BadSetting{"[metrics]\nrequired = 1", "metrics.required must be true or false"},
+        BadSetting{"[metrics]\ncolour = 1", "2: metrics.colour is not a known key"},
         BadSetting{"[lateral]\naddress = \"::\"", "lateral.port is missing"},
-        BadSetting{"[lateral]\ncolour = 1", "2: lateral.colour is not known"},
-        BadSetting{"[lateral]\nindex = 2\ninstances = 2", "lateral.index has to be below"}));
+        BadSetting{"[lateral]\ncolour = 1", "2: lateral.colour is not a known key"},
+        BadSetting{"[lateral]\nindex = 2\ninstances = 2", "lateral.index must be below"}));
 
 }  // namespace
 }  // namespace vesk::controller

@@ -8,7 +8,7 @@
 namespace vesk::controller {
 namespace {
 
-TEST(SignalSource, GivesSignalsInsteadOfDeliveringThem) {
+TEST(SignalSource, ReturnsSignalsInsteadOfDeliveringThem) {
     sigset_t before;
     pthread_sigmask(SIG_SETMASK, nullptr, &before);
     {

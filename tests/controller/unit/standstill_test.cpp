@@ -7,7 +7,7 @@ namespace {
 
 using std::chrono::milliseconds;
 
-TEST(Standstill, NeedsTheSameCountersForLongEnough) {
+TEST(Standstill, RequiresUnchangedCountersForTheWholeTime) {
     const Standstill::Clock::time_point firstSeen;
     Standstill standstill(milliseconds(1000));
     EXPECT_FALSE(standstill.observe({1, 2}, firstSeen));
@@ -17,7 +17,7 @@ TEST(Standstill, NeedsTheSameCountersForLongEnough) {
     EXPECT_TRUE(standstill.observe({1, 3}, firstSeen + milliseconds(2000)));
 }
 
-TEST(TrafficCounters, ShowTrafficWhereverItGoes) {
+TEST(TrafficCounters, ChangeWithTrafficOfAnyKind) {
     Report report;
     report.downstream.emplace();
     report.lateral.emplace();
@@ -38,7 +38,7 @@ TEST(TrafficCounters, ShowTrafficWhereverItGoes) {
     EXPECT_NE(trafficCounters(more), before);
 }
 
-TEST(TrafficCounters, DoNotShowHowTheForwarderIsDoing) {
+TEST(TrafficCounters, IgnoreCountersThatAreNotTraffic) {
     Report report;
     const auto before = trafficCounters(report);
     report.poll.emplace().readEvents = 5;
@@ -46,7 +46,7 @@ TEST(TrafficCounters, DoNotShowHowTheForwarderIsDoing) {
     EXPECT_EQ(trafficCounters(report), before);
 }
 
-TEST(Standstill, KnowsWhetherItSawAnything) {
+TEST(Standstill, ReportsWhetherItObservedAnything) {
     Standstill standstill(milliseconds(1000));
     EXPECT_FALSE(standstill.observed());
     standstill.observe({1}, Standstill::Clock::time_point());

@@ -9,30 +9,29 @@ namespace {
 using testing::HasSubstr;
 using testing::Not;
 
-TEST(SyntaxError, NamesTableKeyAndColumnInWords) {
+TEST(SyntaxError, NamesTableKeyColumnAndCause) {
     const std::pair<std::string_view, std::string_view> cases[] = {
         {"[downstream]\nport = = 1\n",
-         "2: table downstream, key port, column 8: the value is neither a number, nor true or "
-         "false, nor a text in quotes\n"},
+         "2: table downstream, key port, column 8: the value is not a number, true, false or "
+         "a string in quotes\n"},
         {"[downstream]\naddress = 127.0.0.1\n",
-         "2: table downstream, key address, column 16: the value is neither a number, nor true or "
-         "false, nor a text in quotes\n"},
+         "2: table downstream, key address, column 16: the value is not a number, true, false or "
+         "a string in quotes\n"},
         {"[downstream]\nport 1\n",
-         "2: table downstream, key port, column 6: \"=\" is missing behind the key\n"},
+         "2: table downstream, key port, column 6: \"=\" is missing after the key\n"},
         {"[downstream]\nport =\n",
          "2: table downstream, key port, column 7: the value is missing\n"},
         {"[downstream]\nport = 45 00\n",
-         "2: table downstream, key port, column 11: something follows the value on its line\n"},
+         "2: table downstream, key port, column 11: there is text after the value\n"},
         {"[downstream]\naddress = \"::1\nport = 1\n",
-         "2: table downstream, key address, column 15: the text has no closing quote\n"},
-        {"[downstream\nport = 1\n",
-         "1: column 12: \"]\" is missing behind the name of the table\n"},
+         "2: table downstream, key address, column 15: the string has no closing quote\n"},
+        {"[downstream\nport = 1\n", "1: column 12: \"]\" is missing after the name of the table\n"},
         {"[flows.a]\nfrom_peer = { key = \"ab\" \n",
          "2: table flows.a, key from_peer.key, column 26: the table in braces is not closed on its "
          "line\n"},
         {"[flows.a]\nto_peer = { key = \"ab\", label = x }\n",
-         "2: table flows.a, key to_peer.label, column 33: the value is neither a number, nor true "
-         "or false, nor a text in quotes\n"},
+         "2: table flows.a, key to_peer.label, column 33: the value is not a number, true, false "
+         "or a string in quotes\n"},
         {"[flows.a]\nto_peer = { key = \"ab\" label = 1 }\n",
          "2: table flows.a, key to_peer.key, column 24: a comma is missing\n"},
         {"[flows.a]\nlabel = 01\n",
@@ -46,9 +45,9 @@ TEST(SyntaxError, NamesTableKeyAndColumnInWords) {
     }
 }
 
-TEST(SyntaxError, NamesWhatIsDefinedTwice) {
+TEST(SyntaxError, NamesATableOrKeyThatIsDefinedTwice) {
     EXPECT_EQ(problemsOf("[downstream]\nport = 1\n[flows.alice]\n[downstream]\n"),
-              "4: table downstream is defined twice, first in line 1\n");
+              "4: table downstream is defined twice, first on line 1\n");
     EXPECT_EQ(problemsOf("[flows]\nalice = { label = 1 }\n[flows.alice]\n"),
               "3: table flows.alice is defined twice\n");
     EXPECT_EQ(problemsOf("[flows.a]\nlabel = 1\nlabel = 2\n"),
@@ -56,10 +55,10 @@ TEST(SyntaxError, NamesWhatIsDefinedTwice) {
     EXPECT_EQ(problemsOf("[flows.a]\nfrom_peer = { key = \"ab\", key = \"cd\" }\n"),
               "2: table flows.a, key from_peer.key, column 33: the key is given twice\n");
     EXPECT_EQ(problemsOf("[downstream]\nport = 1\n[downstream.port]\n"),
-              "3: table downstream.port has the name of something else\n");
+              "3: table downstream.port has the name of another key\n");
 }
 
-TEST(SyntaxError, QuotesNothingOfTheParser) {
+TEST(SyntaxError, DoesNotQuoteTheParser) {
     for (const char* const text :
          {"x = truee", "x = inf1", "x = 0b12", "x = \"\\q\"", "x = 2020-13-01", "x = 1e999999", "]",
           "[]", "[flows.]", "[a b]", "x = 99999999999999999999", "x = {,}", "x = \xff", "x",
@@ -73,7 +72,7 @@ TEST(SyntaxError, QuotesNothingOfTheParser) {
     }
 }
 
-TEST(SyntaxError, ShowsNoKeyInANamesPlace) {
+TEST(SyntaxError, DoesNotShowAKeyThatWasEnteredAsAName) {
     const std::string key = "7e7e7e7e7e7e7e7e7e7e7e7e7e7e7e7e";
     const std::string grouped = "7e7e-7e7e-7e7e-7e7e-7e7e-7e7e";
     for (const std::string& name : {key, grouped}) {
@@ -92,12 +91,12 @@ TEST(SyntaxError, ShowsNoKeyInANamesPlace) {
     }
 }
 
-TEST(SyntaxError, NamesTheKeyOfALineWithAProperValue) {
+TEST(SyntaxError, NamesTheKeyOfALineWithASecret) {
     EXPECT_EQ(problemsOf("[flows.a]\nto_peer = { key = \"7e7e7e7e7e7e7e7e7e7e\" label = 1 }\n"),
               "2: table flows.a, key to_peer.key, column 42: a comma is missing\n");
 }
 
-TEST(SyntaxError, ShowsNoPieceOfAGroupedKey) {
+TEST(SyntaxError, DoesNotShowPartsOfAGroupedKey) {
     for (const std::string_view separator : {" ", "\t", " - ", ":", " \t"}) {
         std::string key = "7e7e7e7e";
         for (int group = 0; group < 3; ++group) {
@@ -115,7 +114,7 @@ constexpr std::string_view fileWithKeys =
     "from_peer = { key = \"7e7e7e7e7e7e7e7e7e7e7e7e7e7e7e7e\", algorithm = \"sha1\" }\n"
     "to_peer = { label = 7, key = '7e7e7e7e7e7e7e7e7e7e7e7e7e7e7e7e' }\n";
 
-TEST(SyntaxError, ShowsNoKeyOfAFileWithOneCharacterChanged) {
+TEST(SyntaxError, DoesNotShowKeysOfAFileWithOneCharacterChanged) {
     ASSERT_EQ(problemsOf(fileWithKeys), "");
     int refused = 0;
     for (std::size_t at = 0; at < fileWithKeys.size(); ++at) {

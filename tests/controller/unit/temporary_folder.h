@@ -1,4 +1,4 @@
-// A folder that goes with the test that made it.
+// A temporary folder, which its destructor removes. Used by the tests of this folder.
 #pragma once
 
 #include <sys/types.h>
@@ -18,7 +18,7 @@ class TemporaryFolder {
 
     const std::filesystem::path& path() const { return path_; }
 
-    /// Writes a file with these permissions, whatever the umask says.
+    /// Writes a file with these permissions, independent of the umask.
     std::filesystem::path write(const std::string& name, std::string_view text,
                                 mode_t mode = 0600) const;
 

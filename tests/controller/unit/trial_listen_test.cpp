@@ -11,7 +11,7 @@
 namespace vesk::controller {
 namespace {
 
-/// A socket on a port of the kernel's choice.
+/// A socket on a port that the kernel chooses.
 class Taken {
  public:
     Taken() : socket_(socket(AF_INET, SOCK_DGRAM, 0)) {
@@ -30,7 +30,7 @@ class Taken {
     std::uint16_t port_ = 0;
 };
 
-TEST(TrialListen, FindsATakenPortAndLeavesAFreeOneFree) {
+TEST(TrialListen, DetectsAPortInUseAndReleasesAFreeOne) {
     std::uint16_t port = 0;
     {
         const Taken taken;
@@ -45,11 +45,11 @@ TEST(TrialListen, FindsATakenPortAndLeavesAFreeOneFree) {
     EXPECT_EQ(tryToListen({"::1", port}), 0);
 }
 
-TEST(TrialListen, FindsAnAddressThatTheHostDoesNotHave) {
+TEST(TrialListen, DetectsAnAddressOfAnotherHost) {
     EXPECT_EQ(tryToListen({"192.0.2.1", 4500}), -EADDRNOTAVAIL);
 }
 
-TEST(TrialListen, SeesWhichAddressesCollide) {
+TEST(TrialListen, DetectsAddressesThatCollide) {
     const auto collide = [](const char* one, const char* other) {
         const bool result = mayCollide({one, 1}, {other, 1});
         EXPECT_EQ(result, mayCollide({other, 1}, {one, 1}));
