@@ -10,7 +10,7 @@
 #include "config/configuration_reader.h"
 #include "config/configuration_warnings.h"
 #include "config/new_key.h"
-#include "service/limits.h"
+#include "service/host_limits.h"
 #include "service/log_output.h"
 #include "service/options.h"
 #include "service/supervisor.h"

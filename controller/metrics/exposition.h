@@ -12,7 +12,7 @@
 #include <vector>
 
 #include "kernel/kernel_figures.h"
-#include "metrics/log_events.h"
+#include "metrics/log_event.h"
 #include "metrics/report_totals.h"
 
 namespace vesk::controller {

@@ -4,7 +4,7 @@
 
 #include "kernel/kernel_figures.h"
 #include "metrics/families.h"
-#include "metrics/log_events.h"
+#include "metrics/log_event.h"
 
 namespace vesk::controller {
 

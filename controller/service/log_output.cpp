@@ -11,7 +11,7 @@
 #include <cstdlib>
 #include <utility>
 
-#include "service/counted.h"
+#include "service/plural_text.h"
 
 namespace vesk::controller {
 

@@ -58,7 +58,7 @@ bool Supervisor::due(Deadline& deadline) {
 int Supervisor::pollTimeout() const {
     Deadline nearest;
     for (const Deadline& deadline :
-         {startAgainAt_, listenAgainAt_, reportClock_.dueAt(), ending_.dueAt(), aliveAt_,
+         {startAgainAt_, listenAgainAt_, reportClock_.dueAt(), shutdown_.dueAt(), aliveAt_,
           serveAgainAt_, answerDue(), log_.countDueAt()}) {
         if (deadline && (!nearest || *deadline < *nearest)) {
             nearest = deadline;
@@ -151,7 +151,7 @@ void Supervisor::handleTime() {
         askForReport();
     }
     if (session_) {
-        carryOut(ending_.goOn(Clock::now()));
+        carryOut(shutdown_.goOn(Clock::now()));
     }
 }
 
@@ -209,7 +209,7 @@ void Supervisor::forwarderEnded() {
     const int status = *std::exchange(endStatus_, std::nullopt);
     const Command* const current = session_->current();
     const Clock::duration lived = session_->age();
-    const bool good = endedWell(status) && !running() && !ending_.draining();
+    const bool good = endedWell(status) && !running() && !shutdown_.draining();
     std::string text = "the forwarder " + describeEnd(status);
     if (running() && current != nullptr) {
         text += " while handling the command for " + describe(*current);

@@ -15,7 +15,7 @@
 #include "kernel/kernel_watch.h"
 #include "metrics/metrics_server.h"
 #include "service/deployment.h"
-#include "service/forwarder_ending.h"
+#include "service/graceful_shutdown.h"
 #include "service/log_output.h"
 #include "service/options.h"
 #include "service/report_clock.h"
@@ -101,9 +101,9 @@ class Supervisor {
     void countReload();
 
     // The end of the controller.
-    bool running() const { return !ending_.begun() && !ended_; }
+    bool running() const { return !shutdown_.begun() && !ended_; }
     void terminate();
-    void carryOut(const ForwarderEnding::Step& step);
+    void carryOut(const GracefulShutdown::Step& step);
 
     const Options& options_;
     Configuration wanted_;
@@ -121,7 +121,7 @@ class Supervisor {
 
     // While running() there may be no session: a forwarder has ended, and the next starts after a
     // pause.
-    ForwarderEnding ending_;
+    GracefulShutdown shutdown_;
     bool ended_ = false;
     Round round_ = Round::none;
     Deployment deployment_;

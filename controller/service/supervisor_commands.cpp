@@ -7,8 +7,8 @@
 #include "commands/command_lines.h"
 #include "config/configuration_reader.h"
 #include "config/key_mask.h"
-#include "service/counted.h"
-#include "service/limits.h"
+#include "service/host_limits.h"
+#include "service/plural_text.h"
 #include "service/supervisor.h"
 
 namespace vesk::controller {
@@ -69,8 +69,8 @@ void Supervisor::handleReport(const Report& report) {
     if (const std::optional<std::string> warning = kernelWatch_.takeWarning()) {
         log_.say(LogLevel::warn, *warning);
     }
-    if (ending_.draining()) {
-        carryOut(ending_.observe(trafficCounters(report), Clock::now()));
+    if (shutdown_.draining()) {
+        carryOut(shutdown_.observe(trafficCounters(report), Clock::now()));
     }
 }
 
@@ -170,8 +170,8 @@ void Supervisor::terminate() {
         ended_ = true;
         return;
     }
-    const bool drains = !ending_.begun() && wanted_.supervision.drain != std::chrono::seconds(0);
-    carryOut(ending_.ask(wanted_.supervision.drain, Clock::now()));
+    const bool drains = !shutdown_.begun() && wanted_.supervision.drain != std::chrono::seconds(0);
+    carryOut(shutdown_.ask(wanted_.supervision.drain, Clock::now()));
     if (drains) {
         log_.say(LogLevel::info, "draining: ends after a second without traffic, or in " +
                                      std::to_string(wanted_.supervision.drain.count()) +
@@ -180,23 +180,23 @@ void Supervisor::terminate() {
     }
 }
 
-void Supervisor::carryOut(const ForwarderEnding::Step& step) {
+void Supervisor::carryOut(const GracefulShutdown::Step& step) {
     if (!step.reason.empty()) {
         log_.say(
-            step.action == ForwarderEnding::Action::closeInput ? LogLevel::warn : LogLevel::error,
+            step.action == GracefulShutdown::Action::closeInput ? LogLevel::warn : LogLevel::error,
             step.reason);
     }
     switch (step.action) {
-        case ForwarderEnding::Action::none:
+        case GracefulShutdown::Action::none:
             break;
-        case ForwarderEnding::Action::closeInput:
+        case GracefulShutdown::Action::closeInput:
             reportClock_.stop();
             session_->finishInput();
             break;
-        case ForwarderEnding::Action::terminate:
+        case GracefulShutdown::Action::terminate:
             session_->signal(SIGTERM);
             break;
-        case ForwarderEnding::Action::kill:
+        case GracefulShutdown::Action::kill:
             session_->signal(SIGKILL);
             break;
     }

@@ -3,7 +3,7 @@
 #include <utility>
 
 #include "child/flow_sockets.h"
-#include "child/log_events.h"
+#include "child/log_event_reader.h"
 #include "service/supervisor.h"
 
 namespace vesk::controller {

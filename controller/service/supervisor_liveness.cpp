@@ -7,7 +7,7 @@
 
 namespace vesk::controller {
 
-/// None while the forwarder drains and ends: ForwarderEnding has the deadlines then.
+/// None while the forwarder drains and ends: GracefulShutdown has the deadlines then.
 Supervisor::Deadline Supervisor::answerDue() const {
     if (!session_ || endStatus_ || hung_ || !running()) {
         return std::nullopt;

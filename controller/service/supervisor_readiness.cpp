@@ -3,8 +3,8 @@
 #include <string>
 #include <utility>
 
-#include "service/counted.h"
 #include "service/listener_remedy.h"
+#include "service/plural_text.h"
 #include "service/supervisor.h"
 
 namespace vesk::controller {

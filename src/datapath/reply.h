@@ -6,7 +6,7 @@
 
 #include "datapath/wire/framing.h"
 #include "net/endpoint.h"
-#include "net/kept_endpoints.h"
+#include "net/endpoint_cache.h"
 #include "net/local_address.h"
 
 namespace vesk {
@@ -15,8 +15,8 @@ struct ForwarderContext;
 
 /// The endpoints from which a worker sends replies.
 struct WayOut {
-    KeptSlot& downstream;
-    KeptSlot& lateral;
+    CachedSlot& downstream;
+    CachedSlot& lateral;
 };
 
 /// A reply in the receive buffer of the endpoint on which it arrived. Lengths are in bytes.

@@ -10,7 +10,7 @@
 #include "datapath/datagram_io.h"
 #include "log/log.h"
 #include "net/endpoint.h"
-#include "net/kept_endpoints.h"
+#include "net/endpoint_cache.h"
 
 namespace vesk {
 
@@ -39,9 +39,9 @@ class UpstreamReceiver {
     const std::shared_ptr<ForwarderContext> context_;
     IncomingMessage incoming_;
     ArmingQueue arming_;
-    KeptEndpoints endpoints_;
-    KeptSlot downstream_;
-    KeptSlot lateral_;
+    EndpointCache endpoints_;
+    CachedSlot downstream_;
+    CachedSlot lateral_;
 };
 
 /// Handles one datagram on an upstream read socket at most. `keep` and the result (1 or 0) both say

@@ -1,4 +1,4 @@
-#include "child/log_events.h"
+#include "child/log_event_reader.h"
 
 namespace vesk::controller {
 

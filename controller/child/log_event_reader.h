@@ -5,7 +5,7 @@
 #include <optional>
 
 #include "child/log_line.h"
-#include "metrics/log_events.h"
+#include "metrics/log_event.h"
 
 namespace vesk::controller {
 

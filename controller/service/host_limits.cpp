@@ -1,4 +1,4 @@
-#include "service/limits.h"
+#include "service/host_limits.h"
 
 #include <sys/resource.h>
 
@@ -8,7 +8,7 @@
 #include <utility>
 
 #include "config/numeric_address.h"
-#include "service/counted.h"
+#include "service/plural_text.h"
 
 namespace vesk::controller {
 

@@ -1,4 +1,4 @@
-#include "net/kept_endpoints.h"
+#include "net/endpoint_cache.h"
 
 #include <gtest/gtest.h>
 
@@ -9,11 +9,11 @@
 namespace vesk {
 namespace {
 
-class KeptEndpointsTest : public ForwarderTest {
+class EndpointCacheTest : public ForwarderTest {
  protected:
     void SetUp() override {
         ForwarderTest::SetUp();
-        kept = std::make_unique<KeptEndpoints>(manager());
+        kept = std::make_unique<EndpointCache>(manager());
     }
     void TearDown() override {
         kept.reset();
@@ -29,10 +29,10 @@ class KeptEndpointsTest : public ForwarderTest {
     /// Whether nobody but the manager and the test holds it.
     static bool isLetGo(const EndpointPtr& endpoint) { return endpoint.use_count() == 4; }
 
-    std::unique_ptr<KeptEndpoints> kept;
+    std::unique_ptr<EndpointCache> kept;
 };
 
-TEST_F(KeptEndpointsTest, FindsByDescriptorAndByLabel) {
+TEST_F(EndpointCacheTest, FindsByDescriptorAndByLabel) {
     const EndpointPtr endpoint = newEndpoint(5);
     EXPECT_EQ(kept->findByFd(endpoint->rdsockfd), endpoint);
     EXPECT_EQ(kept->findByFd(endpoint->rdsockfd), endpoint);
@@ -40,7 +40,7 @@ TEST_F(KeptEndpointsTest, FindsByDescriptorAndByLabel) {
     EXPECT_EQ(kept->findByFd(endpoint->wrsockfd), endpoint);
 }
 
-TEST_F(KeptEndpointsTest, FindsAnEndpointThatWasMissingBefore) {
+TEST_F(EndpointCacheTest, FindsAnEndpointThatWasMissingBefore) {
     EXPECT_EQ(kept->findByLabel(5), nullptr);
     constexpr int unusedNumber = 5000;
     EXPECT_EQ(kept->findByFd(unusedNumber), nullptr);
@@ -49,7 +49,7 @@ TEST_F(KeptEndpointsTest, FindsAnEndpointThatWasMissingBefore) {
     EXPECT_EQ(kept->findByLabel(5), endpoint);
 }
 
-TEST_F(KeptEndpointsTest, DistinguishesLabelsThatShareAnEntry) {
+TEST_F(EndpointCacheTest, DistinguishesLabelsThatShareAnEntry) {
     const EndpointPtr first = newEndpoint(5);
     const EndpointPtr second = newEndpoint(5 + 64);
     EXPECT_EQ(kept->findByLabel(5), first);
@@ -57,7 +57,7 @@ TEST_F(KeptEndpointsTest, DistinguishesLabelsThatShareAnEntry) {
     EXPECT_EQ(kept->findByLabel(5), first);
 }
 
-TEST_F(KeptEndpointsTest, ReleasesOneDescriptor) {
+TEST_F(EndpointCacheTest, ReleasesOneDescriptor) {
     const EndpointPtr first = newEndpoint(5);
     const EndpointPtr second = newEndpoint(6);
     const EndpointPtr third = newEndpoint(7);
@@ -75,7 +75,7 @@ TEST_F(KeptEndpointsTest, ReleasesOneDescriptor) {
     EXPECT_EQ(kept->findByFd(first->rdsockfd), first);
 }
 
-TEST_F(KeptEndpointsTest, ReleasesLabels) {
+TEST_F(EndpointCacheTest, ReleasesLabels) {
     const EndpointPtr endpoint = newEndpoint(5);
     kept->findByLabel(5);
     EXPECT_FALSE(isLetGo(endpoint));
@@ -83,7 +83,7 @@ TEST_F(KeptEndpointsTest, ReleasesLabels) {
     EXPECT_TRUE(isLetGo(endpoint));
 }
 
-TEST_F(KeptEndpointsTest, ReleasesEverythingWhenAnEndpointIsRemoved) {
+TEST_F(EndpointCacheTest, ReleasesEverythingWhenAnEndpointIsRemoved) {
     const EndpointPtr endpoint = newEndpoint(5);
     const EndpointPtr other = newEndpoint(6);
     kept->noticeRemovals();
@@ -97,7 +97,7 @@ TEST_F(KeptEndpointsTest, ReleasesEverythingWhenAnEndpointIsRemoved) {
     EXPECT_FALSE(kept->noticeRemovals());
 }
 
-TEST_F(KeptEndpointsTest, FindsTheSuccessorOfARemovedEndpoint) {
+TEST_F(EndpointCacheTest, FindsTheSuccessorOfARemovedEndpoint) {
     const EndpointPtr first = newEndpoint(5);
     EXPECT_EQ(kept->findByLabel(5), first);
     manager().deleteEndpoint(5);
@@ -106,7 +106,7 @@ TEST_F(KeptEndpointsTest, FindsTheSuccessorOfARemovedEndpoint) {
     EXPECT_EQ(kept->findByLabel(5), second);
 }
 
-TEST_F(KeptEndpointsTest, IgnoresAReusedDescriptorOnce) {
+TEST_F(EndpointCacheTest, IgnoresAReusedDescriptorOnce) {
     EndpointPtr first = newEndpoint(5);
     const int fd = first->rdsockfd;
     kept->findByFd(fd);
@@ -120,7 +120,7 @@ TEST_F(KeptEndpointsTest, IgnoresAReusedDescriptorOnce) {
     EXPECT_EQ(kept->findByFd(fd), second);
 }
 
-TEST_F(KeptEndpointsTest, FindsTheSameEndpointAgainAfterAnotherWasRemoved) {
+TEST_F(EndpointCacheTest, FindsTheSameEndpointAgainAfterAnotherWasRemoved) {
     const EndpointPtr endpoint = newEndpoint(5);
     const EndpointPtr other = newEndpoint(6);
     kept->findByFd(endpoint->rdsockfd);
@@ -129,7 +129,7 @@ TEST_F(KeptEndpointsTest, FindsTheSameEndpointAgainAfterAnotherWasRemoved) {
     EXPECT_EQ(kept->findByFd(endpoint->rdsockfd), endpoint);
 }
 
-TEST_F(KeptEndpointsTest, FindsTheNewEndpointOfAReleasedDescriptor) {
+TEST_F(EndpointCacheTest, FindsTheNewEndpointOfAReleasedDescriptor) {
     EndpointPtr first = newEndpoint(5);
     const int fd = first->rdsockfd;
     kept->findByFd(fd);
@@ -142,9 +142,9 @@ TEST_F(KeptEndpointsTest, FindsTheNewEndpointOfAReleasedDescriptor) {
     EXPECT_EQ(kept->findByFd(fd), second);
 }
 
-TEST_F(KeptEndpointsTest, KeepsALeaseUntilTheSlotChanges) {
+TEST_F(EndpointCacheTest, KeepsALeaseUntilTheSlotChanges) {
     EndpointSlot slot;
-    KeptSlot lease(slot);
+    CachedSlot lease(slot);
     EXPECT_EQ(lease.get(), nullptr);
     const LentEndpoint first(newEndpoint(5));
     const LentEndpoint second(newEndpoint(6));

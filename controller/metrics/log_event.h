@@ -1,5 +1,5 @@
 // Log lines of the forwarder that are counted because its report has no figure for them. Recognised
-// by child/log_events, counted by MetricsServer.
+// by child/log_event_reader, counted by MetricsServer.
 #pragma once
 
 #include <array>

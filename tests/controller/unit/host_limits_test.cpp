@@ -1,4 +1,4 @@
-#include "service/limits.h"
+#include "service/host_limits.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>

@@ -1,4 +1,4 @@
-#include "net/kept_endpoints.h"
+#include "net/endpoint_cache.h"
 
 #include <utility>
 
@@ -6,10 +6,10 @@
 
 namespace vesk {
 
-KeptEndpoints::KeptEndpoints(const EndpointManager& manager)
+EndpointCache::EndpointCache(const EndpointManager& manager)
     : manager_(manager), removals_(manager.removals()) {}
 
-bool KeptEndpoints::noticeRemovals() {
+bool EndpointCache::noticeRemovals() {
     const std::uint64_t removals = manager_.removals();
     if (removals == removals_) {
         return false;
@@ -19,7 +19,7 @@ bool KeptEndpoints::noticeRemovals() {
     return true;
 }
 
-const EndpointPtr& KeptEndpoints::findByFd(int fd) {
+const EndpointPtr& EndpointCache::findByFd(int fd) {
     if (fd < 0) {
         return none_;
     }
@@ -43,12 +43,12 @@ const EndpointPtr& KeptEndpoints::findByFd(int fd) {
     return place.endpoint;
 }
 
-bool KeptEndpoints::isStale(const Place& place, const EndpointPtr& found) {
+bool EndpointCache::isStale(const Place& place, const EndpointPtr& found) {
     return place.hasFormer &&
            (place.former.owner_before(found) || found.owner_before(place.former));
 }
 
-void KeptEndpoints::letGoOfFd(int fd) {
+void EndpointCache::letGoOfFd(int fd) {
     Place& place = byFd_.at(static_cast<std::size_t>(fd));
     place.former.reset();
     place.hasFormer = false;
@@ -62,7 +62,7 @@ void KeptEndpoints::letGoOfFd(int fd) {
     fds_.pop_back();
 }
 
-const EndpointPtr& KeptEndpoints::findByLabel(std::uint32_t label) {
+const EndpointPtr& EndpointCache::findByLabel(std::uint32_t label) {
     EndpointPtr& place = byLabel_.at(label % byLabel_.size());
     if (!place || place->label != label) {
         place = manager_.findEndpointByLabel(label);
@@ -71,14 +71,14 @@ const EndpointPtr& KeptEndpoints::findByLabel(std::uint32_t label) {
     return place;
 }
 
-void KeptEndpoints::letGoOfLabels() {
+void EndpointCache::letGoOfLabels() {
     if (labelsKept_) {
         byLabel_.fill(nullptr);
         labelsKept_ = false;
     }
 }
 
-void KeptEndpoints::letGo() {
+void EndpointCache::letGo() {
     for (const int fd : fds_) {
         Place& place = byFd_[static_cast<std::size_t>(fd)];
         place.former = place.endpoint;
@@ -89,7 +89,7 @@ void KeptEndpoints::letGo() {
     letGoOfLabels();
 }
 
-const EndpointPtr& KeptSlot::get() {
+const EndpointPtr& CachedSlot::get() {
     const std::uint64_t generation = slot_.generation();
     if (!endpoint_ || generation != generation_) {
         generation_ = generation;

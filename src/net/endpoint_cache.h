@@ -19,9 +19,9 @@ namespace vesk {
 
 class EndpointManager;
 
-class KeptEndpoints {
+class EndpointCache {
  public:
-    explicit KeptEndpoints(const EndpointManager& manager);
+    explicit EndpointCache(const EndpointManager& manager);
 
     /// Whether endpoints have left the tables since the last call. If so, releases everything.
     bool noticeRemovals();
@@ -64,9 +64,9 @@ class KeptEndpoints {
 };
 
 /// The endpoint of a slot, kept in the same way.
-class KeptSlot {
+class CachedSlot {
  public:
-    explicit KeptSlot(const EndpointSlot& slot) : slot_(slot) {}
+    explicit CachedSlot(const EndpointSlot& slot) : slot_(slot) {}
 
     /// The endpoint that the slot lends, looked up again if the slot was changed; empty if it lends
     /// none.

@@ -1,10 +1,10 @@
-#include "service/forwarder_ending.h"
+#include "service/graceful_shutdown.h"
 
 #include <utility>
 
 namespace vesk::controller {
 
-ForwarderEnding::Step ForwarderEnding::ask(std::chrono::seconds drain, Clock::time_point now) {
+GracefulShutdown::Step GracefulShutdown::ask(std::chrono::seconds drain, Clock::time_point now) {
     if (draining() || (!begun() && drain == std::chrono::seconds::zero())) {
         return closeInput(now);
     }
@@ -15,15 +15,15 @@ ForwarderEnding::Step ForwarderEnding::ask(std::chrono::seconds drain, Clock::ti
     return {};
 }
 
-ForwarderEnding::Step ForwarderEnding::observe(std::vector<std::uint64_t> counters,
-                                               Clock::time_point now) {
+GracefulShutdown::Step GracefulShutdown::observe(std::vector<std::uint64_t> counters,
+                                                 Clock::time_point now) {
     if (draining() && standstill_.observe(std::move(counters), now)) {
         return closeInput(now);
     }
     return {};
 }
 
-ForwarderEnding::Step ForwarderEnding::goOn(Clock::time_point now) {
+GracefulShutdown::Step GracefulShutdown::goOn(Clock::time_point now) {
     if (!dueAt_ || now < *dueAt_) {
         return {};
     }
@@ -47,7 +47,8 @@ ForwarderEnding::Step ForwarderEnding::goOn(Clock::time_point now) {
     return {};
 }
 
-ForwarderEnding::Step ForwarderEnding::closeInput(Clock::time_point now, std::string_view reason) {
+GracefulShutdown::Step GracefulShutdown::closeInput(Clock::time_point now,
+                                                    std::string_view reason) {
     phase_ = Phase::closing;
     dueAt_ = now + endPatience;
     return {Action::closeInput, reason};

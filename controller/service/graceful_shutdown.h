@@ -13,7 +13,7 @@
 
 namespace vesk::controller {
 
-class ForwarderEnding {
+class GracefulShutdown {
  public:
     using Clock = std::chrono::steady_clock;
 
