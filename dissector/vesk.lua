@@ -1,7 +1,7 @@
 -- The Wireshark dissector of Vesk's datagrams: both framings and the lateral header. docs/capture.md
--- says how to load it and what can be set. This file declares protocols, fields and preferences and
--- finds the datagrams; the others beside it are its parts, and do nothing when Wireshark loads them by
--- themselves.
+-- explains how to load and configure it. This file declares protocols, fields and preferences and finds
+-- the datagrams. The other files in this folder are its parts and do nothing when Wireshark loads them
+-- separately.
 
 -- Not __DIR__, which is empty in the folder of the system's plugins.
 local directory = debug.getinfo(1, "S").source:match("^@(.*)[/\\]") or "."
@@ -70,8 +70,8 @@ local tree = part("vesk_tree")({vesk = vesk, lateral = lateral, fields = fields,
 local udp_length = Field.new("udp.length")
 local UDP_HEADER = 8
 
--- The length that was sent. The first fragment of a datagram passes for a whole one, but not by the
--- UDP header in it.
+-- The length of the datagram as sent. Wireshark passes on the first fragment of a datagram like a whole
+-- one; only its UDP header contains the full length.
 local function sent_length(tvb)
     local lengths = {udp_length()}
     local nearest = lengths[#lengths]
@@ -133,7 +133,7 @@ function lateral.dissector(tvb, pinfo, root)
     return tvb:len()
 end
 
--- The protocol of a datagram that is rightly signed with one of the keys; nil for any other.
+-- The protocol of a datagram that is signed correctly with one of the keys; nil for any other.
 local function protocol_of(bytes, length)
     local find_keys = keys_for(nil)
     if framing.signed_version(bytes, length, find_keys, digest.hmac) then
@@ -146,7 +146,7 @@ local function protocol_of(bytes, length)
     return nil
 end
 
--- On ports that nobody named, a right HMAC tells; from there on the whole conversation is known.
+-- On ports that are not configured, a correct HMAC identifies the protocol of the whole conversation.
 vesk:register_heuristic("udp", function(tvb, pinfo, root)
     if next(keys_by_label) == nil or tvb:len() == 0 then
         return false
@@ -160,7 +160,7 @@ vesk:register_heuristic("udp", function(tvb, pinfo, root)
     return true
 end)
 
--- Says what is wrong with the key file; the same only once, though it is read more often.
+-- Reports a fault in the key file. The file is read repeatedly, but the same text is reported only once.
 local function complain(text)
     if text ~= told then
         told = text
@@ -168,7 +168,7 @@ local function complain(text)
     end
 end
 
--- Called whenever a capture is opened or dissected anew: the key file may have changed meanwhile.
+-- Called whenever a capture is opened or dissected again, since the key file may have changed.
 function vesk.init()
     keys_by_label = {}
     local path = vesk.prefs.key_file

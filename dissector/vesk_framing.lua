@@ -1,11 +1,11 @@
--- Where the fields of a datagram are, whether its HMAC is right and which framing it has: plain
--- functions over bytes, for vesk.lua. Offsets count from 0, as in docs/wire-format.md.
+-- Finds the fields of a datagram, checks its HMAC and detects its framing: plain functions over bytes,
+-- for vesk.lua. Offsets count from 0, as in docs/wire-format.md.
 --
--- `bytes` is what was captured of a datagram of `length` bytes, and may be less.
+-- `bytes` is the captured part of a datagram of `length` bytes, and may be shorter.
 
 local framing = {}
 
---- The forwarder reads no more of a datagram than this.
+--- The maximum number of bytes of a datagram that the forwarder reads.
 framing.LONGEST = 2048
 
 --- Types of lateral datagrams.
@@ -16,7 +16,7 @@ framing.LATERAL_ADDRESS_OFFSET = 2
 local LATERAL_SMALLEST = 34
 local RETURN_SMALLEST, RETURN_LARGEST = 32, 44
 
---- By version.
+--- The layout of each framing version.
 framing.layouts = {
     {name = "UDPv1", hmac_length = 32, label_offset = 34, header_size = 38},
     {name = "UDPv2", hmac_length = 16, label_offset = 16, header_size = 20},
@@ -29,7 +29,7 @@ local function is_zero(bytes, length)
     return #bytes >= length and not bytes:sub(1, length):find("[^\0]")
 end
 
---- The big-endian number of `size` bytes at an offset; nil where they were not captured.
+--- The big-endian number of `size` bytes at an offset; nil if they were not captured.
 function framing.number(bytes, offset, size)
     if offset + size > #bytes then
         return nil
@@ -41,8 +41,8 @@ function framing.number(bytes, offset, size)
     return value
 end
 
---- The offset of the payload; nil and the reason where the forwarder accepts no such datagram, or
---- where too little was captured to know.
+--- The offset of the payload; nil and the reason if the forwarder does not accept the datagram or if
+--- too little was captured to decide.
 function framing.payload_offset(version, bytes, length)
     local layout = framing.layouts[version]
     if length < layout.header_size then
@@ -60,7 +60,7 @@ function framing.payload_offset(version, bytes, length)
 end
 
 --- "good", "bad", "unsigned" (all zeros), "no key" or "cut short" (by the capture), for a datagram
---- that has a payload offset. `keys` are those that it may be signed with.
+--- that has a payload offset. `keys` are the keys with which it may be signed.
 function framing.hmac_status(version, bytes, length, keys, hmac)
     local layout = framing.layouts[version]
     if is_zero(bytes, layout.hmac_length) then
@@ -85,8 +85,8 @@ function framing.hmac_status(version, bytes, length, keys, hmac)
     return "bad"
 end
 
---- The version in which a datagram is rightly signed; nil if in none. `find_keys` gives the keys of a
---- label.
+--- The version in which a datagram is signed correctly; nil if there is none. `find_keys` returns the
+--- keys of a label.
 function framing.signed_version(bytes, length, find_keys, hmac)
     for version, layout in ipairs(framing.layouts) do
         if framing.payload_offset(version, bytes, length) then
@@ -99,14 +99,14 @@ function framing.signed_version(bytes, length, find_keys, hmac)
     return nil
 end
 
---- The version that a datagram looks like, and whether that is no more than a guess. Few UDPv2
---- datagrams have by chance what would be a header length in UDPv1.
+--- The version that a datagram appears to have, and whether that is only a guess. Few UDPv2 datagrams
+--- contain by chance a valid header length of UDPv1.
 function framing.likely_version(bytes, length, find_keys, hmac)
     local first = framing.layouts[1]
     if length <= first.header_size then
         return 2, false
     elseif #bytes < first.header_size then
-        return 2, true -- the capture ends before the bytes that tell
+        return 2, true -- the capture ends before the bytes that decide
     elseif not framing.payload_offset(1, bytes, length) then
         return 2, false
     end
@@ -121,8 +121,8 @@ function framing.likely_version(bytes, length, find_keys, hmac)
     return 1, true
 end
 
---- The size of a lateral header; nil and the reason where the forwarder accepts no such datagram, or
---- where too little was captured to know.
+--- The size of a lateral header; nil and the reason if the forwarder does not accept the datagram or if
+--- too little was captured to decide.
 function framing.lateral_header_size(bytes, length)
     if length < LATERAL_SMALLEST then
         return nil, ("%d bytes, and the lateral header takes %d"):format(length, LATERAL_SMALLEST)
@@ -141,8 +141,8 @@ function framing.lateral_header_size(bytes, length)
     return size
 end
 
---- The address family in a lateral header, 4 or 6, and whether it is written little-endian, as the
---- host that wrote it does; nil where it is neither or its address has another length.
+--- The address family in a lateral header, 4 or 6, and whether the host that wrote it is little-endian;
+--- nil if it is neither family or its address has another length.
 function framing.lateral_family(bytes, header_size)
     local first, second = bytes:byte(3, 4)
     local little_endian = second == 0

@@ -1,7 +1,7 @@
--- SHA-1, SHA-256 and HMAC in plain Lua, since Wireshark gives its scripts none. vesk_framing.lua
--- checks datagrams with it. Nothing in here is secret-safe: it is for looking at captures.
+-- SHA-1, SHA-256 and HMAC in plain Lua, since Wireshark offers none to its scripts. vesk_framing.lua
+-- checks datagrams with it. The code does not protect secrets: it is only for the analysis of captures.
 --
--- Words are numbers from 0 to 2^32-1 wherever they are kept; sums are cut back when they are stored.
+-- Stored words are numbers from 0 to 2^32-1; sums are reduced to this range before they are stored.
 
 local bits = bit32 or bit -- Lua 5.2 has the first, Wireshark brings the second along with other versions
 local band, bxor, rshift = bits.band, bits.bxor, bits.rshift
@@ -112,7 +112,7 @@ local function mask(key, value)
     return (key:gsub(".", function(c) return char(bxor(byte(c), value)) end))
 end
 
---- The HMAC of a message, whole and as bytes. The algorithm is "sha1" or "sha256".
+--- The full HMAC of a message as bytes. The algorithm is "sha1" or "sha256".
 local function hmac(algorithm, key, message)
     local hash = digests[algorithm]
     if #key > BLOCK_SIZE then

@@ -4,21 +4,21 @@
 --     0x10001   sha256     00112233445566778899aabbccddeeff  from_peer
 --     0x20001   sha256     0f1e2d3c4b5a69788796a5b4c3d2e1f0  to_upstream
 --
--- The label is the one in the datagram, so each way of a flow has a line of its own.
+-- The label is the one in the datagram, so each direction of a flow has its own line.
 
 local LONGEST_KEY = 128
 local DIRECTIONS = {from_peer = true, to_upstream = true, from_upstream = true, to_peer = true}
 
 local keys = {}
 
---- The label that a text stands for, decimal or "0x" hexadecimal; nil if it stands for none.
+--- The label in a text, decimal or hexadecimal with "0x"; nil if it is invalid.
 local function label_of(text)
     local decimal = text:match("^[1-9]%d*$") or text:match("^0$")
     local label = tonumber(decimal or text:match("^0[xX]%x+$"))
     return label and label < 2 ^ 32 and label or nil
 end
 
---- The bytes that hex digits stand for; nil where they are none.
+--- The bytes for the hex digits of a key; nil if they are invalid.
 local function bytes_of(text)
     if #text % 2 ~= 0 or #text > 2 * LONGEST_KEY or not text:match("^%x+$") then
         return nil
@@ -26,7 +26,7 @@ local function bytes_of(text)
     return (text:gsub("%x%x", function(digits) return string.char(tonumber(digits, 16)) end))
 end
 
---- The label and the key of one line; nil and what is wrong with it.
+--- The label and the key of one line, or nil and its fault.
 local function parse_line(line, algorithms)
     local label_text, algorithm, secret_text, direction, surplus =
         line:match("^%s*(%S+)%s+(%S+)%s+(%S+)%s*(%S*)%s*(%S*)")
@@ -47,8 +47,8 @@ local function parse_line(line, algorithms)
                    direction = direction ~= "" and direction or nil}
 end
 
---- All keys of a file's text, lists of them by label, and what is wrong with its lines. A line that
---- is wrong is passed over.
+--- The keys in the text of a file, as lists by label, and the faults of its lines. Faulty lines are
+--- ignored.
 function keys.parse(text, algorithms)
     local by_label, complaints, number = {}, {}, 0
     for line in (text .. "\n"):gmatch("(.-)\r?\n") do
@@ -67,8 +67,8 @@ function keys.parse(text, algorithms)
     return by_label, complaints
 end
 
---- The keys that a datagram with this label may be signed with. Without a direction, all of the
---- label's.
+--- The keys with which a datagram with this label may be signed. Without a direction, all keys of the
+--- label.
 function keys.find(by_label, label, direction)
     local found = {}
     for _, key in ipairs(by_label[label] or {}) do

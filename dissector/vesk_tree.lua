@@ -1,13 +1,13 @@
--- What Wireshark shows of a datagram: adds framed datagrams and lateral headers to its tree. vesk.lua
--- declares the fields that are filled here.
+-- Adds framed datagrams and lateral headers to Wireshark's packet tree. vesk.lua declares the fields that
+-- are filled here.
 
---- `declared` has the protocols `vesk` and `lateral` with their `fields` and `lateral_fields`, and
+--- `declared` contains the protocols `vesk` and `lateral`, their `fields` and `lateral_fields`, and
 --- `experts` by name; `framing` is vesk_framing.lua; `hmac` is the function of vesk_hmac.lua.
 return function(declared, framing, hmac)
     local f, lf, experts = declared.fields, declared.lateral_fields, declared.experts
     local data = Dissector.get("data")
 
-    -- A field that was not captured whole is left out.
+    -- A field that was not captured completely is omitted.
     local function add_field(tree, field, tvb, offset, length)
         if length > 0 and offset + length <= tvb:len() then
             return tree:add(field, tvb(offset, length))
@@ -39,7 +39,7 @@ return function(declared, framing, hmac)
         end
     end
 
-    -- Adds what stands behind the label of a datagram that the forwarder accepts; returns a summary.
+    -- Adds the fields after the label of a datagram that the forwarder accepts; returns a summary.
     local function add_accepted(tree, item, tvb, length, version, offset, find_keys)
         local layout = framing.layouts[version]
         local label = framing.number(tvb:raw(), layout.label_offset, 4)
@@ -55,9 +55,9 @@ return function(declared, framing, hmac)
         return summary
     end
 
-    --- Adds a framed datagram of `length` bytes, of which `tvb` has at least one, and returns what the
-    --- Info column says of it. `version` is nil where it has to be found out; `direction` is nil where
-    --- it is not known; `find_keys` gives the keys of a label.
+    --- Adds a framed datagram of `length` bytes, of which `tvb` has at least one, and returns the text of
+    --- the Info column. `version` is nil if it has to be detected; `direction` is nil if it is not known;
+    --- `find_keys` returns the keys of a label.
     local function add_framed(tvb, length, pinfo, root, version, direction, find_keys)
         local bytes, guessed = tvb:raw(), false
         if not version then
@@ -105,7 +105,7 @@ return function(declared, framing, hmac)
     end
 
     --- Adds a lateral header of a datagram of `length` bytes, of which `tvb` has at least one. Returns
-    --- the header's size, or nil, and what the Info column says of it.
+    --- the header's size, or nil, and the text of the Info column.
     local function add_lateral(tvb, length, root)
         local tree = root:add(declared.lateral, tvb())
         add_field(tree, lf.kind, tvb, 0, 1)

@@ -1,4 +1,4 @@
-"""Lists the skipped tests of CTest logs with their reasons: what scripts/test prints at its end.
+"""Lists the skipped tests of CTest logs with their reasons. scripts/test prints the list at its end.
 
 Usage: list_skipped.py PRESET=LOG...
 """
@@ -9,16 +9,16 @@ from collections import Counter
 from pathlib import Path
 
 TEST = re.compile(r"\d+/\d+ Testing: (.*)")
-# One line of pytest for all tests of a file that were skipped at the same place.
+# pytest prints one line for all tests of a file that were skipped at the same place.
 PYTEST = re.compile(r"SKIPPED \[(\d+)\] (\S+?:\d+|\S+): (.*)")
-# GoogleTest names each case of a suite, and prints the reason below the second of these lines.
+# GoogleTest names each test of a suite and prints the reason after the second of these lines.
 CASE = re.compile(r"\[ RUN      \] \S+\.(\S+)")
 GOOGLETEST = re.compile(r"\S+:\d+: Skipped")
 
 
 def skipped_tests(log: str) -> list[str]:
-    """"TEST: reason" of each, in the log's order."""
-    # By test, reason and place: a second try of a test adds nothing.
+    """"TEST: reason" for each skipped test, in the order of the log."""
+    # By test, reason and place, so that a repeated test adds nothing.
     found: dict[tuple[str, str, str], int] = {}
     test = suite = ""
     lines = iter(log.splitlines())

@@ -1,1 +1,1 @@
-"""Compares the forwarder with the loops beside it: what scripts/bench is made of."""
+"""The modules of scripts/bench, which compares the forwarder with the loops in bench/loops."""

@@ -1,5 +1,5 @@
-"""The mode beside load: the same work on quiet processors, beside a process that only computes, and
-with all processors shared; and the limit that the forwarder is held to there.
+"""The mode --beside-load: the same work on quiet processors, beside a busy process, and with all
+processors shared, and the limit that the forwarder must meet.
 """
 
 import os
@@ -14,7 +14,7 @@ from compare.summary import FLOOR
 PAYLOAD = 512
 JUDGED = "vesk"
 
-# One request at a time: the next one is not due before a quiet machine has answered the last one.
+# One request at a time: a quiet machine answers each request before the next one is due.
 SINGLE = (1, 1_000)
 PACED = (SINGLE, (1, 2_000), (100, 20_000))  # flows and requests a second
 SATURATED = (1, 100, 2_000)  # flows
@@ -34,12 +34,12 @@ def quick_plan() -> Plan:
 
 
 def default_names(with_peers: bool) -> tuple:
-    """The forwarders measured where none are named."""
+    """The forwarders that are measured by default."""
     return (JUDGED, FLOOR, "nginx") if with_peers else (JUDGED, FLOOR)
 
 
 def require_two_processors() -> None:
-    """A busy process that met the generator too would be measured with it."""
+    """Exits unless two processors are available: the busy process must not share the generator's."""
     missing = {FORWARDER_CPU, GENERATOR_CPU} - os.sched_getaffinity(0)
     if missing:
         sys.exit(f"needs processors {FORWARDER_CPU} and {GENERATOR_CPU}, one for the forwarder and "
@@ -74,7 +74,7 @@ SATURATED_COLUMNS = (Column("reply_rate", "pairs/s"),
 
 @dataclass(frozen=True)
 class Verdict:
-    """Medians of the rounds in both conditions, and whether the limit is kept."""
+    """Medians of the rounds in both conditions, and whether they meet the limit."""
 
     forwarder: str
     beside_us: float

@@ -1,11 +1,11 @@
-"""A process that does nothing but compute, on the processor of what is measured beside it."""
+"""A process that only computes, on the processor of the measured forwarder."""
 
 import os
 import subprocess
 import sys
 
-# Stays in user mode for about a millisecond at a time: no call gives the processor up, and the
-# looks at the clock and at the parent cost nothing that could be measured.
+# Stays in user mode for about a millisecond at a time. No call yields the processor, and the checks
+# of the clock and the parent have no measurable cost.
 PROGRAM = """
 import os, sys, time
 processor, seconds, parent = int(sys.argv[1]), float(sys.argv[2]), int(sys.argv[3])
@@ -19,10 +19,10 @@ while time.monotonic() < end and os.getppid() == parent:
 
 
 class BusyProcess:
-    """Computes from entering the context to leaving it.
+    """Computes from the entry into the context to its exit.
 
-    It ends by itself after so many seconds, and as soon as the process that started it has died, so
-    that a bench that is killed leaves no load behind.
+    It ends by itself after the given number of seconds, and when its parent process has ended, so that
+    a killed bench leaves no busy process.
     """
 
     def __init__(self, processor: int, seconds: float):
@@ -33,8 +33,8 @@ class BusyProcess:
         self._process = subprocess.Popen([sys.executable, "-I", "-S", "-c", PROGRAM,
                                           *self._arguments],
                                          stdin=subprocess.DEVNULL, stdout=subprocess.PIPE)
-        # Written once it is on its processor. If it failed to start there is no line, and running()
-        # tells so.
+        # The process writes a line once it runs on its processor. If it failed to start, there is no
+        # line, and running() is false.
         self._process.stdout.readline()
         return self
 

@@ -11,7 +11,7 @@ COLOURS = {"vesk": "#1f6feb", "bare-loop": "#8b949e", "batched-loop": "#c9d1d9",
 
 
 def require_matplotlib() -> None:
-    """Before anything is measured: nobody wants to hear of it a quarter of an hour later."""
+    """Called before the measurement, so that a missing module is reported at once."""
     if importlib.util.find_spec("matplotlib") is None:
         sys.exit("the chart needs matplotlib: apt-get install python3-matplotlib")
 

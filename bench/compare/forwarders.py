@@ -1,4 +1,4 @@
-"""The programs that are compared, each as something that one measurement can be run against."""
+"""The compared programs, each in a form that one measurement can use."""
 
 import json
 import os
@@ -15,8 +15,8 @@ from pathlib import Path
 from compare.busy_process import BusyProcess
 from compare.scenarios import Condition, Plan, Scenario
 
-# "As one core for the process": the forwarder has a processor to itself, and the generator, which is
-# both ends of the path, has the other.
+# The forwarder has one processor to itself. The generator, which is both ends of the path, has the
+# other one.
 FORWARDER_CPU = 0
 GENERATOR_CPU = 1
 
@@ -28,14 +28,14 @@ class MeasurementFailed(Exception):
 
 
 def placed(condition: Condition, cpu: int, command: list) -> list:
-    """The command, pinned to that processor if the condition has it so."""
+    """The command, pinned to this processor unless the condition shares all processors."""
     if condition == Condition.SHARED or cpu not in os.sched_getaffinity(0):
         return command
     return ["taskset", "-c", str(cpu), *command]
 
 
 def free_port() -> int:
-    """Out of a range that the kernel chooses none from by itself, so that it stays free."""
+    """A port from a range from which the kernel assigns none, so that it remains free."""
     while True:
         with socket.socket(socket.AF_INET, socket.SOCK_DGRAM) as probe:
             try:
@@ -47,7 +47,7 @@ def free_port() -> int:
 
 
 def company(condition: Condition, seconds: float):
-    """What computes beside the forwarder: a BusyProcess for a context, or None in it."""
+    """The load beside the forwarder: a context with a BusyProcess or with None."""
     if condition != Condition.BESIDE:
         return nullcontext()
     return BusyProcess(FORWARDER_CPU, seconds)
@@ -78,7 +78,7 @@ def run_traffic(build: Path, plan: Plan, scenario: Scenario, arguments: list) ->
 
 
 class CommandedForwarder:
-    """The forwarder itself, and the loops that take the same commands."""
+    """The forwarder or a loop that accepts the same commands."""
 
     def __init__(self, name: str, program: Path):
         self.name = name
@@ -90,7 +90,7 @@ class CommandedForwarder:
 
 
 class StreamProxy:
-    """nginx passing datagrams on as they are: no labels, no keys, one session for each peer."""
+    """nginx forwarding unchanged datagrams: no labels, no keys, one session for each peer."""
 
     name = "nginx"
     program = Path("/usr/sbin/nginx")
@@ -103,7 +103,7 @@ class StreamProxy:
 
     def measure(self, build: Path, plan: Plan, scenario: Scenario) -> dict:
         with self._running(scenario.condition) as (port, upstream_port, worker):
-            # It tells flows apart by their peer alone, so each flow needs one of its own.
+            # nginx distinguishes flows only by their peers, so each flow needs its own peer.
             return run_traffic(build, plan, scenario,
                                ["--unchanged", "--peers", str(scenario.flows), "--port", str(port),
                                 "--upstream-port", str(upstream_port), "--pid", str(worker)])

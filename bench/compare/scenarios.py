@@ -1,4 +1,4 @@
-"""The work that every forwarder is given, and how long it is given it for."""
+"""The work for every forwarder, and the length of each measurement."""
 
 from dataclasses import dataclass
 from enum import Enum
@@ -12,11 +12,11 @@ ROUND_TRIP_RATE = 1_000
 
 
 class Condition(Enum):
-    """What else the processors are used for while a forwarder is measured."""
+    """The other use of the processors while a forwarder is measured."""
 
-    QUIET = "quiet"  # nothing; the forwarder has one processor and the generator another
-    BESIDE = "beside"  # the same, and a process that only computes shares the forwarder's
-    SHARED = "shared"  # forwarder and generator run wherever the kernel puts them
+    QUIET = "quiet"  # none; the forwarder has one processor and the generator another
+    BESIDE = "beside"  # the same, but a busy process shares the forwarder's processor
+    SHARED = "shared"  # forwarder and generator run on any processor
 
 
 @dataclass(frozen=True)
@@ -28,7 +28,7 @@ class Scenario:
 
     @property
     def name(self) -> str:
-        """The work alone: it is the same in all conditions."""
+        """The name of the work, which is the same in all conditions."""
         pace = f"{self.rate}/s" if self.rate else "saturation"
         return f"{pace}, {self.payload} bytes, {self.flows} flow{'s' if self.flows > 1 else ''}"
 

@@ -1,9 +1,9 @@
-"""From single measurements to medians, spreads and ratios, and to the table that people read."""
+"""Computes medians, spreads and ratios from single measurements, and prints the table."""
 
 import statistics
 from dataclasses import dataclass
 
-# Everything is related to this one, measured in the same round.
+# Ratios are relative to this forwarder, measured in the same round.
 FLOOR = "bare-loop"
 
 RELATED = ("cpu_us_per_datagram", "reply_rate", "p50_us", "p90_us", "p99_us")
@@ -26,8 +26,9 @@ class Spread:
 
 
 def summarise(runs: dict) -> dict:
-    """Takes and returns a dict of dicts, scenario by forwarder: a list of results per round in, None
-    for a turn that failed, the spread of each figure and of the ratio to the floor out."""
+    """Takes and returns a dict of dicts, by scenario and forwarder. The values are lists with the
+    result of each round, None for a failed one. The returned values are the spread of each figure and
+    of its ratio to the floor."""
     summary = {}
     for scenario, by_forwarder in runs.items():
         floor = by_forwarder.get(FLOOR)

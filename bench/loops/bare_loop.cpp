@@ -1,6 +1,6 @@
-// The floor that the forwarder is compared with: receive, check, relabel, sign, send, one datagram
-// and two system calls at a time, with the forwarder's own HMAC calls. One upstream socket serves
-// all flows, nothing is looked up, and no thread ever wakes another one.
+// The baseline for the forwarder: receives, checks, relabels, signs and sends one datagram at a
+// time with two system calls and the forwarder's own HMAC calls. One upstream socket serves all
+// flows, there are no lookups, and no thread wakes another one.
 #include <sys/socket.h>
 
 #include <array>
@@ -14,7 +14,7 @@ namespace {
 using BareLoop = Loop<CachedHmac>;
 using Buffer = std::array<std::byte, maxDatagramSize>;
 
-// An empty span for a failed or empty receive.
+// Returns an empty span for a failed or empty receive.
 std::span<std::byte> receive(const UdpSocket& socket, Buffer& buffer, sockaddr_in& source) {
     socklen_t length = sizeof source;
     const ssize_t got = ::recvfrom(socket.fd(), buffer.data(), buffer.size(), 0,

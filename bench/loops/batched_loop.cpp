@@ -1,5 +1,5 @@
-// The limit that no forwarder of this kind gets under: the same work as the bare loop, but up to 64
-// datagrams per system call and the cheapest correct HMAC.
+// The lower limit of the cost for a forwarder of this kind: the same work as the bare loop, but up
+// to 64 datagrams per system call and the cheapest correct HMAC.
 #include "lib/datagram_batch.h"
 #include "loops/hmac_engines.h"
 #include "loops/loop_program.h"

@@ -14,7 +14,7 @@ unsigned char* bytes(DigestBuffer out) {
     return reinterpret_cast<unsigned char*>(out.data());
 }
 
-// One set of names for the two hash functions, so that the construction is written once.
+// Common names for the two hash functions, so that the HMAC is implemented once.
 void begin(SHA_CTX& state) {
     SHA1_Init(&state);
 }

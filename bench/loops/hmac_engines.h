@@ -1,4 +1,4 @@
-// The two ways in which the loops compute an HMAC per datagram.
+// The two ways in which the loops compute the HMAC of a datagram.
 #pragma once
 
 #include <openssl/hmac.h>
@@ -11,8 +11,8 @@
 
 namespace vesk::bench {
 
-/// The calls that the forwarder makes: one context per key, made on the first datagram and reset
-/// for every further one.
+/// The same calls as in the forwarder: one context per key, created for the first datagram and
+/// reset for every further one.
 class CachedHmac {
  public:
     explicit CachedHmac(const HmacKey& key) : key_(key) {}
@@ -27,8 +27,8 @@ class CachedHmac {
     std::unique_ptr<HMAC_CTX, ContextDeleter> context_;
 };
 
-/// The cheapest correct way: the hash states after the two padded keys are computed once, and each
-/// datagram copies them. Nothing is looked up, allocated or dispatched.
+/// The cheapest correct way: the hash states after the two padded keys are computed once and copied
+/// for each datagram. There is no lookup, allocation or dispatch.
 class PrecomputedHmac {
  public:
     explicit PrecomputedHmac(const HmacKey& key);

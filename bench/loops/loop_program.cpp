@@ -9,7 +9,8 @@ namespace vesk::bench {
 void PeerAddress::store(const sockaddr_in& address) {
     const std::uint64_t packed =
         std::uint64_t{address.sin_addr.s_addr} << 16 | std::uint64_t{address.sin_port};
-    // A write would take the cache line away from the other thread; a peer hardly ever moves.
+    // A write would invalidate the cache line of the other thread, and a peer's address rarely
+    // changes.
     if (packed_.load(std::memory_order_relaxed) != packed) {
         packed_.store(packed, std::memory_order_relaxed);
     }

@@ -1,6 +1,6 @@
-// What the bare and the batched loop share: both are driven like the forwarder, by "set" and
-// "start" lines on standard input until it ends, and both run one thread for each way. They know no
-// tables: labels count up from the first one, so that a label is an index.
+// Shared by the bare and the batched loop. Like the forwarder, both read "set" and "start" lines
+// from standard input and run until it ends. Both run one thread for each direction. They have no
+// tables: labels are consecutive, so a label is an index.
 #pragma once
 
 #include <atomic>
@@ -16,7 +16,7 @@
 
 namespace vesk::bench {
 
-/// Where replies of a flow go: written by one thread, read by the other, in one piece.
+/// The address for replies of a flow: one thread writes it and the other reads it, atomically.
 class PeerAddress {
  public:
     void store(const sockaddr_in& address);
@@ -26,14 +26,15 @@ class PeerAddress {
     std::atomic<std::uint64_t> packed_{0};
 };
 
-/// One way of one flow; each is used by one thread only, hence the alignment to a cache line.
+/// One direction of one flow. Only one thread uses it, hence the alignment to a cache line.
 template <HmacEngine Engine>
 class alignas(64) FlowWay {
  public:
     FlowWay(const HmacKey& inKey, const HmacKey& outKey, std::uint32_t label)
         : check_(inKey), sign_(outKey), label_(label) {}
 
-    /// Checks the datagram and makes it the one to send; false leaves it to be dropped.
+    /// Checks the datagram and rewrites it to the one to send; returns false if it is to be
+    /// dropped.
     bool rewrite(const FramingLayout& layout, std::span<std::byte> datagram,
                  std::size_t payloadOffset) {
         if (!checkDatagram(check_, layout, datagram, payloadOffset)) {
@@ -79,7 +80,8 @@ class Loop {
         firstLabel_ = commands.plans.empty() ? 0 : commands.plans.front().label;
     }
 
-    /// Rewrites a datagram on the given way and returns its flow; nullptr for one to be dropped.
+    /// Rewrites a datagram in the given direction and returns its flow; nullptr if it is to be
+    /// dropped.
     LoopFlow<Engine>* pass(FlowWay<Engine> LoopFlow<Engine>::*way, std::span<std::byte> datagram) {
         const auto payloadOffset = findPayload(layout_, datagram);
         if (!payloadOffset) {
@@ -103,14 +105,14 @@ class Loop {
     std::uint32_t firstLabel_ = 0;
 };
 
-/// Reads standard input up to and with "start"; nothing when it ends before.
+/// Reads standard input up to and including "start"; empty if it ends before.
 std::optional<LoopCommands> readCommands();
 
-/// Runs both ways on a thread each until the standard input has ended.
+/// Runs each direction on its own thread until the end of standard input.
 void runUntilInputEnds(std::uint16_t port, const std::function<void()>& upward,
                        const std::function<void()>& downward, const std::function<void()>& stop);
 
-/// The whole program: the framing's name is its one argument, as the forwarder's first.
+/// The whole program. Its only argument is the framing's name, as the first of the forwarder.
 template <HmacEngine Engine>
 int loopMain(std::span<char*> arguments, void (*upward)(Loop<Engine>&),
              void (*downward)(Loop<Engine>&)) {

@@ -1,4 +1,5 @@
-// What the pure work on one datagram costs: parsing, relabelling, checking, signing.
+// The cost of the work on one datagram without system calls: parsing, relabelling, checking,
+// signing.
 #include <benchmark/benchmark.h>
 
 #include <array>
@@ -15,7 +16,7 @@ namespace {
 
 using Buffer = std::array<std::uint8_t, maxDatagramSize>;
 
-// A well-formed datagram of either framing, whatever follows the header.
+// A valid header of either framing, followed by arbitrary bytes.
 Buffer makeDatagram(const FramingDescriptor& framing) {
     Buffer buffer;
     std::iota(buffer.begin(), buffer.end(), std::uint8_t{1});

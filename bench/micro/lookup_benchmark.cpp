@@ -1,4 +1,4 @@
-// What finding a flow's endpoint costs as flows grow, alone and with a second thread looking too.
+// The cost of finding a flow's endpoint for different numbers of flows, with one and two threads.
 #include <benchmark/benchmark.h>
 
 #include <cstdint>
@@ -15,7 +15,7 @@ namespace {
 constexpr std::uint32_t firstLabel = 0x10000;
 constexpr int firstDescriptor = 100;
 
-// Endpoints without sockets: the tables know descriptors by their numbers alone.
+// Endpoints without sockets: the tables use only the numbers of descriptors.
 std::unique_ptr<EndpointManager> makeManager(int flows) {
     auto manager = std::make_unique<EndpointManager>();
     for (int i = 0; i < flows; ++i) {
@@ -27,7 +27,7 @@ std::unique_ptr<EndpointManager> makeManager(int flows) {
     return manager;
 }
 
-// Made once for each number of flows; all threads of a benchmark share it.
+// Made once for each number of flows and shared by all threads of a benchmark.
 EndpointManager& managerOf(int flows) {
     static std::map<int, std::unique_ptr<EndpointManager>> managers = [] {
         std::map<int, std::unique_ptr<EndpointManager>> made;
@@ -43,7 +43,7 @@ template <typename Find>
 void lookUp(benchmark::State& state, Find find) {
     const int flows = static_cast<int>(state.range(0));
     EndpointManager& manager = managerOf(flows);
-    // A stride that is prime to the sizes visits every flow, and never its neighbour next.
+    // A stride that is coprime to the sizes visits every flow, and never two adjacent ones in turn.
     constexpr int stride = 37;
     int flow = state.thread_index() % flows;
     for (auto _ : state) {

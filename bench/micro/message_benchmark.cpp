@@ -1,4 +1,4 @@
-// What it costs to build the message of one send call, and to make one ready for a receive call.
+// The cost of building the message of a send call and of preparing one for a receive call.
 #include <benchmark/benchmark.h>
 
 #include <array>

@@ -1,6 +1,6 @@
 #!/usr/bin/python3
-"""Stands in for vesk-traffic in a build tree of the tests: reports the figures that it is given and
-writes down where it, the forwarder and the other children of the bench may run.
+"""Replaces vesk-traffic in a build tree of the tests: reports given figures and records on which
+processors it, the forwarder and the other children of the bench may run.
 
 VESK_GIVEN is a folder with two files. "figures" has a p90 in microseconds for each round, by
 forwarder and condition (none: 100; null: the run fails; "alone": the other children of the bench
@@ -19,7 +19,7 @@ OTHERS = {"answered": 10, "lost": 0, "reply_rate": 1000, "p50_us": 50, "p99_us":
 
 
 def company() -> list:
-    """Every other process that the bench has started."""
+    """Every other child process of the bench."""
     parent = os.getppid()
     children = Path(f"/proc/{parent}/task/{parent}/children").read_text(encoding="ascii").split()
     return [int(pid) for pid in children if int(pid) != os.getpid()]

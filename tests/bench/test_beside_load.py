@@ -1,4 +1,4 @@
-"""scripts/bench --beside-load: where everything runs, what is printed, and when it fails."""
+"""scripts/bench --beside-load: the processors it uses, its output, and when it fails."""
 
 from __future__ import annotations
 
@@ -29,7 +29,7 @@ def bench(tree: Path, *options: str, **environment: str) -> Run:
 
 
 class Given:
-    """A build tree whose traffic generator reports what the test says."""
+    """A build tree whose traffic generator reports the figures given by the test."""
 
     def __init__(self, folder: Path) -> None:
         self._folder = folder
@@ -53,7 +53,7 @@ def given(tmp_path: Path) -> Given:
 
 
 def verdicts(done: Run) -> Dict[str, str]:
-    """What is said of each forwarder below the limit, in the last lines of the output."""
+    """The verdict on each forwarder, from the lines after the limit at the end of the output."""
     lines = done.stdout.splitlines()
     start = lines.index("p90 of 1,000/s beside the busy process: at most 1 ms and at most 10 times "
                         "the quiet p90")
@@ -63,7 +63,7 @@ def verdicts(done: Run) -> Dict[str, str]:
 SINGLE = ("--match", "^1000/s")
 
 
-def test_each_condition_has_its_processors(given: Given) -> None:
+def test_each_condition_uses_its_processors(given: Given) -> None:
     done = given.run({}, "--quick", "--rounds", "1")
     assert done.returncode == 0, done.stderr
     everywhere = sorted(os.sched_getaffinity(0))
@@ -73,7 +73,7 @@ def test_each_condition_has_its_processors(given: Given) -> None:
                       "shared": (None, everywhere, [])}
 
 
-def test_every_forwarder_has_its_turn_at_all_work_in_every_condition(given: Given) -> None:
+def test_every_forwarder_is_measured_with_all_work_in_every_condition(given: Given) -> None:
     done = given.run({}, "--rounds", "2", "--duration", "0.3")
     assert done.returncode == 0, done.stderr
     turns = given.turns()
@@ -98,7 +98,8 @@ def test_every_forwarder_has_its_turn_at_all_work_in_every_condition(given: Give
     (900, 1000, "1.000 ms, 1.1 times the quiet 0.900 ms: passed"),
     (900, 1001, "1.001 ms, 1.1 times the quiet 0.900 ms: failed"),
 ])
-def test_the_limit(given: Given, quiet: float, beside: float, said: str) -> None:
+def test_the_limit_decides_the_verdict(given: Given, quiet: float, beside: float,
+                                       said: str) -> None:
     done = given.run({"vesk": {"quiet": [quiet], "beside": [beside]}}, "--rounds", "1", *SINGLE)
     assert verdicts(done)["vesk"] == said
     failed = said.endswith("failed")
@@ -107,12 +108,12 @@ def test_the_limit(given: Given, quiet: float, beside: float, said: str) -> None
 
 
 @pytest.mark.parametrize(("beside", "status"), [([9000, 100, 200], 0), ([9000, 100, 2000], 1)])
-def test_medians_of_the_rounds_are_judged(given: Given, beside: list, status: int) -> None:
+def test_the_medians_of_the_rounds_are_judged(given: Given, beside: list, status: int) -> None:
     done = given.run({"vesk": {"beside": beside}}, "--rounds", "3", *SINGLE)
     assert done.returncode == status, done.stdout
 
 
-def test_others_are_judged_but_do_not_fail(given: Given) -> None:
+def test_the_verdict_on_other_forwarders_does_not_fail_the_bench(given: Given) -> None:
     done = given.run({"bare-loop": {"beside": [5000]}}, "--rounds", "1", *SINGLE)
     assert verdicts(done)["vesk"].endswith("passed")
     assert "bare-loop    5.000 ms, 50.0 times the quiet 0.100 ms: failed" in done.stdout
@@ -121,27 +122,27 @@ def test_others_are_judged_but_do_not_fail(given: Given) -> None:
 
 
 @pytest.mark.parametrize("options", [("--only", "bare-loop", *SINGLE), ("--match", "^2000/s")])
-def test_nothing_is_judged_that_was_not_measured(given: Given, options: tuple) -> None:
+def test_only_measured_conditions_are_judged(given: Given, options: tuple) -> None:
     done = given.run({}, "--rounds", "1", *options)
     assert verdicts(done)["vesk"] == "not measured"
     assert done.returncode == 0
 
 
-def test_a_failed_turn_fails_the_bench(given: Given) -> None:
+def test_a_failed_measurement_fails_the_bench(given: Given) -> None:
     done = given.run({"vesk": {"beside": [None]}}, "--rounds", "1", *SINGLE)
     assert "vesk, 1000/s, 512 bytes, 1 flow (beside): this turn fails" in done.stderr
     assert verdicts(done)["vesk"] == "not measured"
     assert done.returncode == 1
 
 
-def test_a_busy_process_that_ends_early_fails_the_turn(given: Given) -> None:
+def test_a_busy_process_that_ends_early_fails_the_measurement(given: Given) -> None:
     done = given.run({"vesk": {"beside": ["alone"]}}, "--rounds", "1", *SINGLE)
     assert "the busy process ended before the measurement did" in done.stderr
     assert verdicts(done)["vesk"] == "not measured"
     assert done.returncode == 1
 
 
-def test_tables(given: Given) -> None:
+def test_the_tables_have_this_form(given: Given) -> None:
     done = given.run({"vesk": {"quiet": [90, 80, 110]}}, "--rounds", "3", "--match",
                      "^1000/s|saturation.* 1 flow$")
     assert done.returncode == 0, done.stderr
@@ -167,7 +168,7 @@ saturation, 512 bytes, 1 flow
 Medians""" in done.stdout, done.stdout
 
 
-def test_figures_and_verdicts_as_json(given: Given, tmp_path: Path) -> None:
+def test_figures_and_verdicts_are_written_as_json(given: Given, tmp_path: Path) -> None:
     file = tmp_path / "figures.json"
     done = given.run({"vesk": {"quiet": [90, 80], "beside": [4000, 3000]}}, "--rounds", "2",
                      *SINGLE, "--json", str(file))
@@ -183,8 +184,8 @@ def test_figures_and_verdicts_as_json(given: Given, tmp_path: Path) -> None:
         {"forwarder": "bare-loop", "beside_us": 100, "quiet_us": 100, "passed": True}]
 
 
-def test_real_forwarder() -> None:
-    """Whatever it measures on this machine, the table is whole and the status fits the verdict."""
+def test_the_real_forwarder_can_be_measured() -> None:
+    """For any result on this machine the table is complete and the status matches the verdict."""
     done = bench(Path(os.environ["VESK_BINARY"]).resolve().parent, "--quick", "--rounds", "1",
                  "--duration", "0.2", *SINGLE)
     words = [line.split() for line in done.stdout.splitlines()]

@@ -1,4 +1,4 @@
-"""The process that only computes: on one processor, and never for longer than it should."""
+"""The busy process computes on one processor and ends in time."""
 
 from __future__ import annotations
 
@@ -24,7 +24,7 @@ def await_true(condition: Callable[[], bool]) -> None:
 
 
 def stat(pid: int) -> list:
-    """The fields of /proc/PID/stat after the name, the state first; none once it is gone."""
+    """The fields of /proc/PID/stat after the name, from the state on; empty if it has ended."""
     try:
         return Path(f"/proc/{pid}/stat").read_text(encoding="ascii").rpartition(")")[2].split()
     except (FileNotFoundError, ProcessLookupError):
@@ -39,13 +39,13 @@ def ended(pid: int) -> bool:
 def test_computes_on_its_processor_until_the_context_is_left() -> None:
     with BusyProcess(PROCESSOR, DEADLINE_SECONDS) as busy:
         assert os.sched_getaffinity(busy.pid) == {PROCESSOR}
-        # Field 14 of the file is the user time in ticks: this many are more than it takes to start.
+        # Field 14 of the file is the user time in ticks. This number exceeds that of its start.
         await_true(lambda: int(stat(busy.pid)[11]) >= 20)
         assert busy.running()
     assert ended(busy.pid)
 
 
-def test_ends_by_itself() -> None:
+def test_ends_by_itself_after_its_time() -> None:
     with BusyProcess(PROCESSOR, 0.1) as busy:
         await_true(lambda: not busy.running())
 

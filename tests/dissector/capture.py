@@ -1,4 +1,4 @@
-"""Capture files, written byte by byte from the datagrams that a test sent and received."""
+"""Writes capture files byte by byte from the datagrams that a test has sent and received."""
 
 from __future__ import annotations
 
@@ -19,7 +19,7 @@ _SNAP_LENGTH = 65535
 
 @dataclass(frozen=True)
 class Packet:
-    """One datagram on its way; `kept` is how much of it the capture kept, all by default."""
+    """One captured datagram; `kept` is the number of captured bytes, all by default."""
 
     source: Address
     destination: Address
@@ -27,7 +27,7 @@ class Packet:
     kept: Optional[int] = None
 
     def record(self) -> Tuple[bytes, int]:
-        """The bytes that were captured, and how many there had been."""
+        """The captured bytes and the original length."""
         udp = udp_packet(self)
         if ipaddress.ip_address(self.source[0]).version == 4:
             packet = ipv4_packet(self, udp)
@@ -39,19 +39,19 @@ class Packet:
 
 
 def udp_packet(packet: Packet) -> bytes:
-    # A checksum of zero says that there is none.
+    # A checksum of zero means that there is none.
     return struct.pack("!HHHH", packet.source[1], packet.destination[1],
                        UDP_HEADER + len(packet.datagram), 0) + packet.datagram
 
 
 def ipv4_packet(packet: Packet, content: bytes, fragment: int = 0, number: int = 1) -> bytes:
-    """`fragment` is the header's word of flags and offset; parts of one packet share a number."""
+    """`fragment` is the header's field of flags and offset; fragments of one packet share a number."""
     return struct.pack("!BBHHHBBH", 0x45, 0, IPV4_HEADER + len(content), number, fragment, 64,
                        UDP_PROTOCOL, 0) + _packed(packet.source) + _packed(packet.destination) + content
 
 
 def fragments(packet: Packet, size: int) -> List[Tuple[bytes, int]]:
-    """The records of a packet that was sent in pieces; `size` is a multiple of 8."""
+    """The records of a packet that was sent in fragments; `size` is a multiple of 8."""
     udp = udp_packet(packet)
     records = []
     for offset in range(0, len(udp), size):

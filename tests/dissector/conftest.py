@@ -14,7 +14,7 @@ pytest_plugins = ["framework.fixtures"]
 
 @pytest.fixture
 def tshark(tmp_path: Path) -> Tshark:
-    """Wireshark's command line program with the dissector loaded and no settings of its user's."""
+    """Wireshark's command line program with the dissector loaded and without the user's settings."""
     program = shutil.which("tshark")
     if program is None:
         pytest.skip("tshark is not installed")

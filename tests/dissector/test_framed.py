@@ -1,4 +1,4 @@
-"""Framed datagrams: labels, HMACs and framings, of the forwarder's own traffic and of any other."""
+"""Framed datagrams: labels, HMACs and framings, in traffic of the forwarder and in other traffic."""
 
 from __future__ import annotations
 
@@ -33,7 +33,7 @@ def set_to(framing: Framing) -> str:
 
 
 def record_exchange(bench: Bench, flow: Flow, payload: bytes, extra: bytes) -> List[Packet]:
-    """A request and its reply, each as it was sent and as it arrived."""
+    """A request and its reply, each as sent and as received."""
     request, reply = flow.request(payload, extra), flow.reply(payload, extra)
     bench.send(request)
     arrived = bench.upstream.receive()
@@ -47,8 +47,8 @@ def record_exchange(bench: Bench, flow: Flow, payload: bytes, extra: bytes) -> L
 
 @pytest.mark.parametrize("algorithm", ["sha1", "sha256"])
 @pytest.mark.parametrize("automatic", [True, False], ids=["automatic", "set"])
-def test_the_forwarders_own_traffic(either_bench: Bench, tshark: Tshark, algorithm: str,
-                                    automatic: bool) -> None:
+def test_traffic_of_the_forwarder_is_dissected(either_bench: Bench, tshark: Tshark, algorithm: str,
+                                               automatic: bool) -> None:
     flow = either_bench.flow(label=LABEL, **four_keys(algorithm))
     either_bench.declare(flow)
     extra = b"\xaa\xbb" if flow.framing is UDPV1 else b""
@@ -66,7 +66,7 @@ def test_the_forwarders_own_traffic(either_bench: Bench, tshark: Tshark, algorit
                     for label, direction in zip(labels, directions)]
 
 
-def test_the_info_column(tshark: Tshark) -> None:
+def test_the_info_column_summarizes_the_datagram(tshark: Tshark) -> None:
     packets = from_peer(UDPV2.build(LABEL, bytes(512), KEY), UDPV2.build(LABEL, b"", None), b"short")
     assert tshark.column(packets, INFO, PORT, tshark.key_file(key_line(LABEL, KEY))) == [
         "label 0x10001, HMAC good, 512 bytes",
@@ -76,7 +76,8 @@ def test_the_info_column(tshark: Tshark) -> None:
 
 @either_framing
 @pytest.mark.parametrize("algorithm", ["sha1", "sha256"])
-def test_each_bit_matters(tshark: Tshark, framing: Framing, algorithm: str) -> None:
+def test_each_changed_bit_makes_the_hmac_bad(tshark: Tshark, framing: Framing,
+                                             algorithm: str) -> None:
     key = Key(b"a key", algorithm)
     datagram = framing.build(LABEL, b"payload", key, b"more" if framing is UDPV1 else b"")
     turned = []
@@ -100,7 +101,7 @@ def expected_status(framing: Framing, changed: bytes) -> str:
 
 
 @either_framing
-def test_unsigned_datagrams(tshark: Tshark, framing: Framing) -> None:
+def test_unsigned_datagrams_are_marked(tshark: Tshark, framing: Framing) -> None:
     packets = from_peer(framing.build(LABEL, b"payload"), framing.build(LABEL + 1, b"payload"))
     rows = tshark.of(packets, [STATUS, "vesk.expert.unsigned", "vesk.expert.unsigned_despite_key"],
                      PORT, tshark.key_file(key_line(LABEL, KEY)))
@@ -109,7 +110,7 @@ def test_unsigned_datagrams(tshark: Tshark, framing: Framing) -> None:
     assert [bool(row["vesk.expert.unsigned"]) for row in rows] == [False, True]
 
 
-def test_all_of_the_field_counts_with_a_shorter_digest(tshark: Tshark) -> None:
+def test_the_whole_field_is_checked_with_a_shorter_digest(tshark: Tshark) -> None:
     key = Key(b"a key", "sha1")
     datagram = UDPV1.build(LABEL, b"payload", key)
     filled = datagram[:31] + b"\x01" + datagram[32:]
@@ -118,8 +119,8 @@ def test_all_of_the_field_counts_with_a_shorter_digest(tshark: Tshark) -> None:
 
 
 @either_framing
-def test_datagrams_that_end_early(tshark: Tshark, framing: Framing) -> None:
-    """Every length up to the whole, sent as such: what has no header is refused."""
+def test_short_datagrams_are_refused(tshark: Tshark, framing: Framing) -> None:
+    """Sent in every length up to the full one: a datagram without a whole header is refused."""
     whole = framing.build(LABEL, b"payload", KEY)
     datagrams = [whole[:length] for length in range(1, len(whole) + 1)]
     rows = tshark.of(from_peer(*datagrams), [STATUS, REFUSED], PORT, set_to(framing),
@@ -133,8 +134,8 @@ def test_datagrams_that_end_early(tshark: Tshark, framing: Framing) -> None:
 
 
 @either_framing
-def test_captures_that_end_early(tshark: Tshark, framing: Framing) -> None:
-    """Every length up to the whole, cut by the capture: no verdict without the whole datagram."""
+def test_short_captures_get_no_verdict(tshark: Tshark, framing: Framing) -> None:
+    """Captured in every length up to the full one: the HMAC needs the whole datagram."""
     whole = framing.build(LABEL, b"payload", KEY)
     packets = [Packet(PEER, FORWARDER, whole, kept) for kept in range(len(whole) + 1)]
     rows = tshark.of(packets, [STATUS, LABEL_FIELD, PAYLOAD], PORT, set_to(framing),
@@ -149,8 +150,8 @@ def test_captures_that_end_early(tshark: Tshark, framing: Framing) -> None:
         assert row[PAYLOAD] == payload, packet.kept
 
 
-def test_automatic_framing(tshark: Tshark) -> None:
-    """Bytes 12 and 13 of the payload are where UDPv1 has its header length, here 38."""
+def test_the_framing_is_detected(tshark: Tshark) -> None:
+    """Bytes 12 and 13 of the payload are at the place of UDPv1's header length, here 38."""
     looks_like_v1 = bytes([1] * 12) + b"\x00\x26" + bytes([2] * 40)
     packets = from_peer(
         UDPV1.build(LABEL, b"signed", KEY), UDPV2.build(LABEL, looks_like_v1, KEY),
@@ -163,8 +164,8 @@ def test_automatic_framing(tshark: Tshark) -> None:
         ("1", True), ("1", True)]
 
 
-def test_a_right_hmac_is_recognised_on_any_port(tshark: Tshark) -> None:
-    """And with it the conversation, so that a wrong HMAC in it shows."""
+def test_a_correct_hmac_is_recognised_on_any_port(tshark: Tshark) -> None:
+    """The conversation is recognised with it, so that a wrong HMAC in it is shown."""
     good = UDPV2.build(LABEL, b"payload", KEY)
     bad = good[:-1] + b"!"
     packets = [Packet(PEER, ("127.0.0.1", port), datagram)
@@ -175,20 +176,20 @@ def test_a_right_hmac_is_recognised_on_any_port(tshark: Tshark) -> None:
     assert tshark.column(packets, STATUS) == ["", "", "", ""]
 
 
-def test_decode_as(tshark: Tshark) -> None:
+def test_decode_as_selects_the_dissector(tshark: Tshark) -> None:
     packets = from_peer(UDPV2.build(LABEL, b"payload", KEY))
     assert tshark.column(packets, STATUS, "-d", "udp.port==4500,vesk") == ["no key"]
 
 
-def test_ranges_of_ports(tshark: Tshark) -> None:
+def test_ranges_of_ports_are_accepted(tshark: Tshark) -> None:
     packets = [Packet(PEER, ("127.0.0.1", port), UDPV2.build(LABEL, b"payload", KEY))
                for port in (4499, 4500, 4510, 4511, 4600)]
     assert tshark.column(packets, "vesk.direction", "downstream_ports:4500-4510,4600") == [
         "", "from_peer", "from_peer", "", "from_peer"]
 
 
-def test_fragments(tshark: Tshark) -> None:
-    """Put together they are a datagram like any other; the first alone is cut short."""
+def test_fragments_are_reassembled(tshark: Tshark) -> None:
+    """The first fragment alone is cut short."""
     datagram = UDPV2.build(LABEL, bytes(range(256)) * 4, KEY)
     capture = write_records(tshark.folder / "pieces.pcap",
                             fragments(Packet(PEER, FORWARDER, datagram), 400))
@@ -199,14 +200,14 @@ def test_fragments(tshark: Tshark) -> None:
     assert [row[STATUS] for row in alone] == ["cut short", "", ""]
 
 
-def test_datagrams_longer_than_the_forwarder_reads(tshark: Tshark) -> None:
+def test_datagrams_longer_than_the_forwarder_reads_are_marked(tshark: Tshark) -> None:
     packets = from_peer(UDPV2.build(LABEL, bytes(2028), KEY), UDPV2.build(LABEL, bytes(2029), KEY))
     assert [bool(text) for text in tshark.column(packets, "vesk.expert.too_long", PORT)] == [
         False, True]
 
 
-def test_as_a_personal_plugin(tshark: Tshark) -> None:
-    """Wireshark loads every file of the folder, the dissector's parts too."""
+def test_it_works_as_a_personal_plugin(tshark: Tshark) -> None:
+    """Wireshark loads every file of the folder, including the parts of the dissector."""
     shutil.copytree(DISSECTOR, tshark.folder / ".local/lib/wireshark/plugins/vesk")
     capture = write(tshark.folder / "one.pcap", from_peer(UDPV2.build(LABEL, b"payload", KEY)))
     done = tshark.run("-n", "-r", str(capture), "-o", f"vesk.{PORT}", "-T", "fields", "-e", STATUS)
@@ -214,8 +215,8 @@ def test_as_a_personal_plugin(tshark: Tshark) -> None:
 
 
 @pytest.mark.parametrize("script", ["dissector/vesk.lua", "vesk.lua"])
-def test_loaded_by_a_relative_path(tshark: Tshark, monkeypatch: pytest.MonkeyPatch,
-                                   script: str) -> None:
+def test_it_can_be_loaded_by_a_relative_path(tshark: Tshark, monkeypatch: pytest.MonkeyPatch,
+                                             script: str) -> None:
     monkeypatch.chdir(DISSECTOR if "/" not in script else DISSECTOR.parent)
     capture = write(tshark.folder / "one.pcap", from_peer(UDPV2.build(LABEL, b"payload", KEY)))
     done = tshark.run("-n", "-r", str(capture), "-X", f"lua_script:{script}", "-o", f"vesk.{PORT}",
@@ -223,7 +224,7 @@ def test_loaded_by_a_relative_path(tshark: Tshark, monkeypatch: pytest.MonkeyPat
     assert (done.stdout, done.stderr) == ("no key\n", "")
 
 
-def test_display_filters(tshark: Tshark) -> None:
+def test_display_filters_select_packets(tshark: Tshark) -> None:
     packets = from_peer(UDPV2.build(LABEL, b"one", KEY), UDPV2.build(LABEL, b"two"),
                         UDPV2.build(7, b"three", KEY))
     rows = [tshark.passing(packets, text, PORT, tshark.key_file(key_line(LABEL, KEY)))

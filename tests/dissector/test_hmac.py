@@ -1,4 +1,4 @@
-"""The dissector's own HMAC against Python's."""
+"""Compares the HMAC of the dissector with Python's."""
 
 from __future__ import annotations
 
@@ -17,21 +17,21 @@ BLOCK = 64
 
 
 def vectors() -> List[Vector]:
-    """Every length of message around two blocks and of key, and some of real datagrams."""
+    """Message lengths around two blocks, all key lengths, and some lengths of real datagrams."""
     source = random.Random(1)
     lengths = [(16, message) for message in range(2 * BLOCK + 3)]
     lengths += [(key, 25) for key in range(1, 2 * BLOCK + 1)]
     lengths += [(32, message) for message in (512, 1200, 2030, 2032)]
     found = [(algorithm, source.randbytes(key), source.randbytes(message))
              for algorithm in ("sha1", "sha256") for key, message in lengths]
-    # Words at both ends of their range.
+    # Words at both limits of their range.
     return found + [(algorithm, bytes([value]) * BLOCK, bytes([value]) * 200)
                     for algorithm in ("sha1", "sha256") for value in (0x00, 0x7f, 0x80, 0xff)]
 
 
 @pytest.mark.parametrize("library", ["bit32", "bit"])
-def test_hmac(tshark: Tshark, library: str) -> None:
-    """With either of the libraries for bits that one or the other version of Wireshark has."""
+def test_the_hmac_equals_pythons(tshark: Tshark, library: str) -> None:
+    """With each of the bit libraries that different versions of Wireshark have."""
     listed = tshark.folder / "vectors"
     listed.write_text("".join(f"{algorithm} {key.hex()} {message.hex() or '-'}\n"
                               for algorithm, key, message in vectors()), encoding="ascii")

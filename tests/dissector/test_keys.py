@@ -1,4 +1,4 @@
-"""The key file: what it may say, and what becomes of mistakes in it."""
+"""The key file: valid lines, and how mistakes are reported."""
 
 from __future__ import annotations
 
@@ -23,19 +23,19 @@ OTHER = Packet(FORWARDER, PEER, UDPV2.build(LABEL, b"payload", Key(b"another", "
 @pytest.mark.parametrize("line", [
     f"65537 sha256 {KEY.secret.hex()}", f"0x10001\tsha256\t{KEY.secret.hex().upper()}  ",
     f"  0X00010001 sha256 {KEY.secret.hex()} # the peer's key", f"65537 sha256 {KEY.secret.hex()}\r"])
-def test_lines_that_are_understood(tshark: Tshark, line: str) -> None:
+def test_valid_lines_are_accepted(tshark: Tshark, line: str) -> None:
     assert tshark.column([SIGNED], STATUS, PORT, tshark.key_file("# keys", "", line)) == ["good"]
 
 
-def test_a_label_may_have_several_keys(tshark: Tshark) -> None:
+def test_a_label_can_have_several_keys(tshark: Tshark) -> None:
     keys = tshark.key_file(key_line(LABEL, Key(b"another", "sha1")), key_line(LABEL, KEY))
     assert tshark.column([SIGNED, OTHER], STATUS, PORT, keys) == ["good", "good"]
 
 
-def test_a_direction_narrows_them_down(tshark: Tshark) -> None:
+def test_a_direction_limits_a_key_to_it(tshark: Tshark) -> None:
     keys = tshark.key_file(key_line(LABEL, KEY, "to_peer"))
     assert tshark.column([SIGNED, OTHER], STATUS, PORT, keys) == ["no key", "bad"]
-    # Nobody knows the direction here, so every key of the label counts.
+    # The direction is unknown here, so every key of the label is tried.
     assert tshark.column([SIGNED], STATUS, keys, "-d", "udp.port==4500,vesk") == ["good"]
 
 
@@ -52,7 +52,7 @@ def test_a_direction_narrows_them_down(tshark: Tshark) -> None:
     ("65537 sha256 " + "00" * 129, "not a key (2 to 256 hex digits, an even number)"),
     ("65537 sha256 00 up", "not a direction (from_peer, to_upstream, from_upstream, to_peer): up"),
 ])
-def test_mistakes_are_told_and_passed_over(tshark: Tshark, line: str, complaint: str) -> None:
+def test_bad_lines_are_reported_and_ignored(tshark: Tshark, line: str, complaint: str) -> None:
     keys = tshark.key_file("# keys", line, key_line(LABEL, KEY))
     done = tshark.read(write(tshark.folder / "one.pcap", [SIGNED]), PORT, keys,
                        "-T", "fields", "-e", STATUS)
@@ -61,7 +61,7 @@ def test_mistakes_are_told_and_passed_over(tshark: Tshark, line: str, complaint:
                                         f"line 2: {complaint}"]
 
 
-def test_a_missing_file_is_told(tshark: Tshark, tmp_path: Path) -> None:
+def test_a_missing_file_is_reported(tshark: Tshark, tmp_path: Path) -> None:
     done = tshark.read(write(tshark.folder / "one.pcap", [SIGNED]), PORT,
                        f"key_file:{tmp_path}/none", "-T", "fields", "-e", STATUS)
     assert done.stdout.strip() == "no key"

@@ -1,4 +1,4 @@
-"""Lateral datagrams: what the forwarder itself writes, and what any other host may send."""
+"""Lateral datagrams: those that the forwarder writes, and those that any other host may send."""
 
 from __future__ import annotations
 
@@ -35,9 +35,11 @@ def lateral(kind: int, framed: Optional[bytes] = None, address: bytes = socket_a
 
 @pytest.mark.parametrize("framing", [UDPV1, UDPV2], ids=lambda framing: framing.name)
 @pytest.mark.parametrize("host", ["127.0.0.1", "::1"])
-def test_what_the_forwarder_writes(start_vesk: StartVesk, new_end: Callable[..., UdpEnd],
-                                   tshark: Tshark, framing: Framing, host: str) -> None:
-    """A datagram that it forwards to its neighbour and a reply that it returns to it."""
+def test_lateral_datagrams_of_the_forwarder_are_dissected(start_vesk: StartVesk,
+                                                          new_end: Callable[..., UdpEnd],
+                                                          tshark: Tshark, framing: Framing,
+                                                          host: str) -> None:
+    """A datagram that it forwards to its neighbour, and a reply that it returns to it."""
     vesk = start_vesk(framing.name).ready()
     peer, upstream = new_end(host), new_end()
     port = shared_free_port([LOOPBACK[MINE], LOOPBACK[OTHERS]])
@@ -70,7 +72,7 @@ def test_what_the_forwarder_writes(start_vesk: StartVesk, new_end: Callable[...,
          f"0x{mine.down_label:08x}"]]
 
 
-def test_the_info_column(tshark: Tshark) -> None:
+def test_the_info_column_summarizes_the_header(tshark: Tshark) -> None:
     packets = [lateral(FORWARDED), lateral(RETURNED, address=socket_address_bytes("2001:db8::7", 9)),
                lateral(FORWARDED, framed=b""), lateral(3)]
     assert tshark.column(packets, INFO, PORT, tshark.key_file(key_line(LABEL, KEY))) == [
@@ -80,8 +82,8 @@ def test_the_info_column(tshark: Tshark) -> None:
         "not a lateral datagram: type 3"]
 
 
-def test_addresses_of_either_byte_order(tshark: Tshark) -> None:
-    """The family and the scope are in the order of the host that wrote them."""
+def test_addresses_of_either_byte_order_are_shown(tshark: Tshark) -> None:
+    """The family and the scope are in the byte order of the host that wrote them."""
     ipv4, ipv6 = socket_address_bytes(*PEER)[2:], socket_address_bytes("fe80::7", 40000)[2:24]
     addresses = [b"\x02\0" + ipv4, b"\0\x02" + ipv4,
                  b"\x0a\0" + ipv6 + b"\x05\0\0\0", b"\0\x0a" + ipv6 + b"\0\0\0\x05"]
@@ -95,8 +97,8 @@ def test_addresses_of_either_byte_order(tshark: Tshark) -> None:
 @pytest.mark.parametrize("address", [
     b"\x02\x00" + bytes(26), b"\x0a\x00" + bytes(14), b"\x03\x00" + bytes(14), b"\x02\x02" + bytes(14),
     socket_address_bytes(*PEER) + b"\0"])
-def test_addresses_that_are_none(tshark: Tshark, address: bytes) -> None:
-    """Still a lateral datagram, as only the host that wrote the address reads it."""
+def test_an_invalid_address_is_shown_as_bytes(tshark: Tshark, address: bytes) -> None:
+    """The datagram is still valid, because only the host that wrote the address reads it."""
     row = tshark.of([lateral(FORWARDED, address=address)],
                     ["vesk.lateral.sockaddr", "vesk.lateral.port", "vesk.expert.address", STATUS],
                     PORT, tshark.key_file(key_line(LABEL, KEY)))[0]
@@ -107,13 +109,13 @@ def test_addresses_that_are_none(tshark: Tshark, address: bytes) -> None:
 @pytest.mark.parametrize("packet", [
     lateral(0), lateral(3), lateral(255), lateral(FORWARDED, length_byte=31),
     lateral(FORWARDED, length_byte=45), lateral(FORWARDED, framed=b"", length_byte=33)])
-def test_headers_that_are_refused(tshark: Tshark, packet: Packet) -> None:
+def test_invalid_headers_are_refused(tshark: Tshark, packet: Packet) -> None:
     row = tshark.of([packet], [REFUSED, TYPE, "vesk.label"], PORT)[0]
     assert row[REFUSED]
     assert (row[TYPE], row["vesk.label"]) == (str(packet.datagram[0]), "")
 
 
-def test_captures_and_datagrams_that_end_early(tshark: Tshark) -> None:
+def test_short_captures_and_short_datagrams_are_distinguished(tshark: Tshark) -> None:
     whole = lateral(FORWARDED)
     size = len(whole.datagram)
     cut = [Packet(HERE, THERE, whole.datagram, kept) for kept in range(size + 1)]
@@ -129,10 +131,10 @@ def expected(size: int, in_payload: str) -> List[str]:
     return [""] * header + [in_payload] * (size - header) + ["good"]
 
 
-def test_a_right_hmac_is_recognised_on_any_port(tshark: Tshark) -> None:
+def test_a_correct_hmac_is_recognised_on_any_port(tshark: Tshark) -> None:
     packets = [lateral(RETURNED), lateral(FORWARDED, framed=UDPV2.build(LABEL, b"wrong", Key(b"no")))]
     assert tshark.column(packets, STATUS, tshark.key_file(key_line(LABEL, KEY))) == ["good", "bad"]
 
 
-def test_decode_as(tshark: Tshark) -> None:
+def test_decode_as_selects_the_dissector(tshark: Tshark) -> None:
     assert tshark.column([lateral(RETURNED)], TYPE, "-d", "udp.port==4600,vesk_lateral") == ["2"]

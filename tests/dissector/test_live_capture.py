@@ -1,4 +1,4 @@
-"""The forwarder's traffic as it passes on the loopback device, captured and dissected."""
+"""Captures the forwarder's traffic on the loopback device and dissects it."""
 
 from __future__ import annotations
 
@@ -25,7 +25,7 @@ DATAGRAMS = 4
 
 @contextmanager
 def capturing(capture: Path, capture_filter: str, count: int) -> Iterator[None]:
-    """Captures so many packets on the loopback device; skips the test where that is not allowed."""
+    """Captures a number of packets on the loopback device; skips the test if that is not allowed."""
     if shutil.which("dumpcap") is None:
         pytest.skip("dumpcap is not installed")
     program = subprocess.Popen(["dumpcap", "-q", "-i", "lo", "-f", capture_filter, "-c", str(count),
@@ -44,7 +44,7 @@ def capturing(capture: Path, capture_filter: str, count: int) -> Iterator[None]:
 
 
 def wait_until_capturing(program: "subprocess.Popen[bytes]") -> None:
-    """It names the file once the device is open and the filter set."""
+    """Waits for the name of the file, printed once the device is open and the filter is set."""
     assert program.stderr is not None
     deadline, said = time.monotonic() + scaled(10), b""
     while b"File: " not in said:
@@ -58,10 +58,10 @@ def wait_until_capturing(program: "subprocess.Popen[bytes]") -> None:
 
 
 @pytest.mark.parametrize("framing", [UDPV1, UDPV2], ids=lambda framing: framing.name)
-def test_live_traffic(start_vesk: StartVesk, new_end: Callable[..., UdpEnd], peer: UdpEnd,
-                      tshark: Tshark, framing: Framing) -> None:
-    # Wireshark asks for the lower port first. Ports of the kernel's choice, which may mean something
-    # to other dissectors, are above this one and the forwarder's.
+def test_captured_live_traffic_is_dissected(start_vesk: StartVesk, new_end: Callable[..., UdpEnd],
+                                            peer: UdpEnd, tshark: Tshark, framing: Framing) -> None:
+    # Wireshark looks up the lower port first. The kernel assigns ports above this one and the
+    # forwarder's, and these may be known to other dissectors.
     upstream = new_end(port=free_port())
     bench = Bench(start_vesk(framing.name).ready(), peer, upstream, framing)
     flow = bench.flow(label=0x10001, **four_keys("sha256"))

@@ -1,4 +1,4 @@
-"""Runs tshark with the dissector and reads what it makes of a capture."""
+"""Runs tshark with the dissector on a capture and reads the result."""
 
 from __future__ import annotations
 
@@ -22,7 +22,7 @@ _PREFERENCE = re.compile("[a-z_]+:")
 
 
 class Tshark:
-    """Wireshark's command line program with settings of this test's alone."""
+    """Wireshark's command line program with only the settings of this test."""
 
     def __init__(self, program: str, folder: Path) -> None:
         self.folder = folder
@@ -30,7 +30,7 @@ class Tshark:
         folder.mkdir()
 
     def run(self, *arguments: str) -> "subprocess.CompletedProcess[str]":
-        """Standard error is without the remark that root gets."""
+        """Runs tshark and removes from standard error the warning about running as root."""
         environment = {**os.environ, "HOME": str(self.folder),
                        "WIRESHARK_CONFIG_DIR": str(self.folder)}
         done = subprocess.run([self._program, *arguments], capture_output=True, text=True,
@@ -40,7 +40,7 @@ class Tshark:
         return done
 
     def read(self, capture: Path, *options: str) -> "subprocess.CompletedProcess[str]":
-        """`options` that look like "name:value" are preferences of the dissector."""
+        """`options` of the form "name:value" are preferences of the dissector."""
         arguments: List[str] = []
         for option in options:
             arguments += ["-o", f"vesk.{option}"] if _PREFERENCE.match(option) else [option]
@@ -65,7 +65,7 @@ class Tshark:
         return [row[name] for row in self.of(packets, [name], *options)]
 
     def passing(self, packets: Sequence[Packet], display_filter: str, *options: str) -> List[int]:
-        """The numbers, from 1, of the packets that a display filter lets through."""
+        """The numbers, from 1, of the packets that match a display filter."""
         capture = write(self.folder / "written.pcap", packets)
         rows = self.fields(capture, ["frame.number"], *options, "-Y", display_filter)
         return [int(row["frame.number"]) for row in rows]
@@ -82,7 +82,7 @@ def key_line(label: int, key: Key, direction: str = "") -> str:
 
 
 def key_lines(flow: Flow) -> List[str]:
-    """The four keys of a flow, each for its own way and label."""
+    """The lines for the four keys of a flow, each with its direction and label."""
     ways = [(flow.label, flow.down_in, "from_peer"), (flow.up_label, flow.up_out, "to_upstream"),
             (flow.label, flow.up_in, "from_upstream"), (flow.down_label, flow.down_out, "to_peer")]
     return [key_line(label, key, direction) for label, key, direction in ways if key is not None]

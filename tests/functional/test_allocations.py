@@ -1,4 +1,4 @@
-"""In the steady state no datagram costs an allocation, but for libcrypto's own."""
+"""In the steady state no datagram causes an allocation, except by libcrypto."""
 
 from __future__ import annotations
 
@@ -18,7 +18,7 @@ from framework.vesk_process import VeskProcess
 
 COUNTER = os.environ.get("VESK_ALLOCATION_COUNTER", "")
 
-pytestmark = pytest.mark.skipif(not COUNTER, reason="a sanitizer has the allocator for itself")
+pytestmark = pytest.mark.skipif(not COUNTER, reason="a sanitizer replaces the allocator")
 
 WARM_UP = 300
 MEASURED = 1000
@@ -49,7 +49,7 @@ def counted(start_vesk: StartVesk, tmp_path: Path) -> CountedVesk:
 
 
 def in_the_steady_state(counted: CountedVesk, exchange: Callable[[int], None]) -> Allocations:
-    """What so many exchanges allocate, after others had grown all that grows."""
+    """The allocations of MEASURED exchanges, after a warm-up that fills every cache and buffer."""
     for number in range(WARM_UP):
         exchange(number)
     before = counted.allocations()
@@ -59,8 +59,8 @@ def in_the_steady_state(counted: CountedVesk, exchange: Callable[[int], None]) -
     return Allocations(*(late - early for late, early in zip(after, before)))
 
 
-def test_opening_a_flow_is_seen_to_allocate(counted: CountedVesk, peer: UdpEnd,
-                                            upstream: UdpEnd) -> None:
+def test_the_counter_counts_the_allocations_of_a_new_flow(counted: CountedVesk, peer: UdpEnd,
+                                                          upstream: UdpEnd) -> None:
     bench = Bench(counted.vesk, peer, upstream)
     flow = bench.flow(**four_keys("sha256"))
     bench.declare(flow)
@@ -81,7 +81,7 @@ def test_forwarding_allocates_nothing(counted: CountedVesk, peer: UdpEnd, upstre
     spent = in_the_steady_state(counted, lambda number: bench.exchange(all_flows[number % flows]))
 
     assert spent.others == 0
-    assert spent.libcrypto > 0, "the counter is not at work"
+    assert spent.libcrypto > 0, "the allocation counter does not count"
 
 
 def test_a_refused_datagram_allocates_nothing(counted: CountedVesk, peer: UdpEnd,
@@ -97,7 +97,7 @@ def test_a_refused_datagram_allocates_nothing(counted: CountedVesk, peer: UdpEnd
     assert in_the_steady_state(counted, refuse) == Allocations(0, 0)
 
 
-def test_handing_over_to_another_instance_allocates_nothing(
+def test_forwarding_to_another_instance_allocates_nothing(
         counted: CountedVesk, start_vesk: StartVesk, peer: UdpEnd, upstream: UdpEnd) -> None:
     bench = Bench(counted.vesk, peer, upstream)
     owner = start_vesk().ready()

@@ -1,4 +1,4 @@
-"""How upstream sockets come to be watched again, and what happens where they cannot be."""
+"""Arming of upstream sockets in the poll loop, and what happens when it fails."""
 
 from __future__ import annotations
 
@@ -41,7 +41,7 @@ def test_no_thread_yields_at_a_low_rate(bench: Bench) -> None:
     assert calls_in(trace, "sched_yield") == 0
 
 
-def test_a_socket_that_cannot_be_armed_is_tried_again_with_a_pause(bench: Bench) -> None:
+def test_arming_a_socket_is_retried_with_pauses(bench: Bench) -> None:
     flows = [bench.flow(label=label, **four_keys()) for label in (5, 6)]
     bench.declare(*flows)
     for flow in flows:
@@ -51,12 +51,12 @@ def test_a_socket_that_cannot_be_armed_is_tried_again_with_a_pause(bench: Bench)
         for flow in flows:
             bench.exchange(flow)
             bench.vesk.wait_for_log(refused(flow), since)
-        # Pauses grow to 100 ms: forty more attempts of two workers take more than a second.
+        # The pause grows to 100 ms, so 40 more attempts of two workers take more than a second.
         began = time.monotonic()
         before = calls_in(trace, "sendto")
-        wait_until(lambda: calls_in(trace, "sendto") >= before + 40, "it is tried again")
+        wait_until(lambda: calls_in(trace, "sendto") >= before + 40, "arming is retried")
         assert time.monotonic() - began > 0.8
-        # Once for each socket, however often it is tried.
+        # The failure is logged once for each socket, whatever the number of attempts.
         said = [line for line in bench.vesk.remarks(since) if "Created" not in line]
         assert said == [NO_ROOM, refused(flows[0]), NO_ROOM, refused(flows[1])]
     bench.vesk.wait_for_log("info Re-add UpEpt recv sockfd to poll set: works again", since)
@@ -64,7 +64,7 @@ def test_a_socket_that_cannot_be_armed_is_tried_again_with_a_pause(bench: Bench)
         bench.exchange(flow)
 
 
-def test_a_refused_socket_is_closed_with_its_flow(bench: Bench) -> None:
+def test_a_socket_that_cannot_be_armed_is_closed_with_its_flow(bench: Bench) -> None:
     flow = bench.flow(**four_keys())
     bench.declare(flow)
     descriptors = bench.vesk.descriptor_count()
@@ -74,7 +74,7 @@ def test_a_refused_socket_is_closed_with_its_flow(bench: Bench) -> None:
         bench.exchange(flow)
         bench.vesk.wait_for_log(refused(flow), since)
         bench.vesk.lines_after("del label 5")
-        # The worker that asks for its deletion in the end is refused that, and closes it.
+        # The worker's request for its deletion fails too, so the worker closes the socket.
         bench.vesk.wait_for_descriptor_count(descriptors)
 
 
@@ -85,7 +85,7 @@ def test_no_flow_is_opened_after_the_poll_loop_has_ended(bench: Bench) -> None:
     sender = bench.exchange(flow)
     since = bench.vesk.mark()
     with failing_poll_thread(bench.vesk, "epoll_wait:error=EBADF:when=1"):
-        # Something for it to wake up for.
+        # A reply that ends the current wait.
         bench.upstream.send(flow.reply(b"wakes it"), sender)
         bench.vesk.wait_for_log("error Failed epoll_wait: Bad file descriptor", since)
     since = bench.vesk.mark()
@@ -98,7 +98,7 @@ def test_no_flow_is_opened_after_the_poll_loop_has_ended(bench: Bench) -> None:
 
 
 def lines_of_listener(trace: Path) -> List[str]:
-    """The calls of the thread that registers sockets and receives from peers."""
+    """The calls of the thread that receives from peers and registers new sockets."""
     lines = trace.read_text(errors="replace").splitlines()
     threads = {line.split()[0] for line in lines if re.search(r" recvmsg\(", line)}
     registering = [line.split()[0] for line in lines
@@ -127,7 +127,7 @@ def test_nothing_is_logged_before_a_new_socket_is_watched(
 
 
 def test_set_of_a_multiplexed_flow_keeps_its_new_socket(bench: Bench) -> None:
-    """Replies labelled with the flow arrive on its sibling's socket all the while."""
+    """Replies with the label of the flow arrive on the socket of another flow meanwhile."""
     source = {"is_multiplex": "true", "up_src_ip": "127.0.0.1",
               "up_src_port": free_port("127.0.0.1")}
     sibling = bench.flow(label=5, options=source, **four_keys())
@@ -136,7 +136,7 @@ def test_set_of_a_multiplexed_flow_keeps_its_new_socket(bench: Bench) -> None:
     shared = bench.ask(sibling).sender
     since = bench.vesk.mark()
     with ExitStack() as stack:
-        # The kernel shares replies out among the sockets by their sender.
+        # The kernel distributes replies to the sockets by sender.
         for _ in range(4):
             end = stack.enter_context(UdpEnd())
             stack.enter_context(Flood(end, [(flow.reply(b"early"), shared)], 1e-5))

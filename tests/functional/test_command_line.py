@@ -1,4 +1,4 @@
-"""The control channel: lines, words, attributes, and the ways in which it ends."""
+"""The control channel: lines, words, attributes, and how it ends."""
 
 from __future__ import annotations
 
@@ -15,7 +15,7 @@ END_OF_INPUT = "info cltMessageLoop: Got EOF, exiting..."
 
 
 def unknown(word: str) -> List[str]:
-    """The message ends in a newline of its own, so an empty line follows."""
+    """The message itself ends in a newline, so an empty line follows."""
     return [f"error Unrecognised command '{word}'", ""]
 
 
@@ -23,11 +23,11 @@ def unknown(word: str) -> List[str]:
 
 @pytest.mark.parametrize("word", ["Start", "START", "sto", "stopp", "quit", "set_", "\u00e4",
                                   "'set'"])
-def test_an_unknown_command(vesk: VeskProcess, word: str) -> None:
+def test_an_unknown_command_is_an_error(vesk: VeskProcess, word: str) -> None:
     assert vesk.lines_after(f"{word} label 5 whatever") == unknown(word)
 
 
-def test_every_line_is_shown_at_debug_level(vesk: VeskProcess) -> None:
+def test_every_line_is_logged_at_debug_level(vesk: VeskProcess) -> None:
     vesk.command("log priority debug")
     for line in ("", "   ", "\t\r", " stop  now ", "nonsense  two\twords", "stop\x00"):
         shown = f"debug Got message: {line}"
@@ -38,7 +38,7 @@ def test_blank_lines_do_nothing(vesk: VeskProcess) -> None:
     assert vesk.lines_after("", " ", "\t", "\r", " \t \r ", "\r\r") == []
 
 
-def test_commands_are_carried_out_in_order(vesk: VeskProcess) -> None:
+def test_commands_are_executed_in_order(vesk: VeskProcess) -> None:
     words = [f"word{number}" for number in range(200)]
     expected = [line for word in words for line in unknown(word)]
     assert vesk.lines_after(*words) == expected
@@ -69,36 +69,36 @@ def test_every_other_character_is_part_of_a_word(vesk: VeskProcess, character: s
     assert vesk.lines_after(character) == unknown(character)
 
 
-def test_non_text_bytes_are_part_of_a_word(vesk: VeskProcess) -> None:
+def test_bytes_that_are_not_text_are_part_of_a_word(vesk: VeskProcess) -> None:
     since = len(vesk.output())
     vesk.write_input(bytes([0x80, 0xFF, 0x00, 0xC3]) + b"\n")
     vesk.settle()
     assert b"error Unrecognised command '\x80\xff\x00\xc3'\n\n" in vesk.output()[since:]
 
 
-def test_there_is_no_quoting(vesk: VeskProcess) -> None:
+def test_quotes_do_not_join_words(vesk: VeskProcess) -> None:
     assert vesk.lines_after('log "priority debug"') == [
         "error setLogParams: bad command, missing or empty 'priority' attr"]
 
 
 @pytest.mark.parametrize("length", [1 << 16, 1 << 20])
-def test_a_very_long_word(vesk: VeskProcess, length: int) -> None:
+def test_a_very_long_word_is_accepted(vesk: VeskProcess, length: int) -> None:
     word = "x" * length
     assert vesk.lines_after(word) == unknown(word)
 
 
-def test_a_very_long_line(vesk: VeskProcess) -> None:
+def test_a_very_long_line_is_accepted(vesk: VeskProcess) -> None:
     assert vesk.lines_after("log " + "a b " * (1 << 18) + "priority debug") == []
     assert vesk.lines_after("") == ["debug Got message: "]
 
 
 # Attributes -----------------------------------------------------------------------------
 
-# A port that is no number makes the address show in the complaint.
+# The error for a bad port includes the whole address.
 def shown_address(vesk: VeskProcess, attributes: str) -> str:
     lines = vesk.lines_after(f"set label 5 {attributes}")
     assert len(lines) == 2, lines
-    # Attributes are read in the order of their names, "down..." before "label".
+    # Attributes are parsed in the order of their names, "down..." before "label".
     label = 0 if "down_" in attributes else 5
     assert lines[1] == f"error setLabelAttrs: bad command for label {label}"
     return lines[0]
@@ -122,7 +122,7 @@ def complaint(name: str, value: str) -> str:
     ("down_ip 127.0.0.1 down_port x", "down_addrinfo", "127.0.0.1|x"),
     ("up_src_ip 127.0.0.1 up_src_port x", "up_src_addrinfo", "127.0.0.1|x"),
     ("up_aux_flow_ip 127.0.0.1 up_aux_flow_port x", "up_aux_flow_addrinfo", "127.0.0.1|x"),
-    # The halves of different addresses do not mix.
+    # The halves of different addresses are not joined.
     ("up_ip 127.0.0.1 up_src_port x", "up_src_addrinfo", "|x"),
 ])
 def test_halves_of_an_address_are_joined(vesk: VeskProcess, attributes: str, name: str,
@@ -130,18 +130,18 @@ def test_halves_of_an_address_are_joined(vesk: VeskProcess, attributes: str, nam
     assert shown_address(vesk, attributes) == complaint(name, value)
 
 
-def test_an_address_without_a_port_is_no_error(vesk: VeskProcess) -> None:
+def test_an_address_without_a_port_is_accepted(vesk: VeskProcess) -> None:
     assert vesk.lines_after("set label 5 up_ip 127.0.0.1") == []
 
 
-def test_the_first_of_two_values_wins(vesk: VeskProcess) -> None:
+def test_the_first_of_two_values_is_used(vesk: VeskProcess) -> None:
     assert vesk.lines_after("set label a label b") == [
         "error validateLabelLikeString: bad label-like value, 'label': bogus labelVal 'a'",
         "error setLabelAttrs: bad command for label 0"]
 
 
 def test_a_name_without_a_value_is_dropped(vesk: VeskProcess) -> None:
-    """It is the missing attribute that is complained about, if anything is."""
+    """At most the missing attribute is reported, never the name without a value."""
     assert vesk.lines_after("log priority") == [
         "error setLogParams: bad command, missing or empty 'priority' attr"]
     assert vesk.lines_after("set label 5 bogus") == []
@@ -153,17 +153,17 @@ def test_a_name_without_a_value_is_dropped(vesk: VeskProcess) -> None:
 # The end of the channel -----------------------------------------------------------------
 
 def own_lines(vesk: VeskProcess) -> List[str]:
-    """The log without the periodic task, which speaks when it likes."""
+    """The log without the lines of the periodic task, which may come at any time."""
     return [line for line in vesk.log_lines() if not line.startswith("info Task [")]
 
 
-def test_the_end_of_input_is_announced(vesk: VeskProcess) -> None:
+def test_the_end_of_input_is_logged(vesk: VeskProcess) -> None:
     vesk.finish()
     assert own_lines(vesk)[-2:] == [END_OF_INPUT, ""]
     assert END_OF_INPUT.encode() + b"\n\n" in vesk.output()
 
 
-def test_a_last_line_without_a_newline_is_carried_out(vesk: VeskProcess) -> None:
+def test_a_last_line_without_a_newline_is_executed(vesk: VeskProcess) -> None:
     port = free_port()
     vesk.write_input(f"start addr 127.0.0.1 port {port}".encode())
     vesk.close_input()
@@ -172,14 +172,14 @@ def test_a_last_line_without_a_newline_is_carried_out(vesk: VeskProcess) -> None
     assert own_lines(vesk)[-3:] == [END_OF_INPUT, "", "info Forwarder listener stopped"]
 
 
-def test_a_last_line_of_nul_bytes(vesk: VeskProcess) -> None:
+def test_a_last_line_of_nul_bytes_is_executed(vesk: VeskProcess) -> None:
     vesk.write_input(b"\x00\x00")
     vesk.close_input()
     vesk.wait_exit(0)
     assert b"error Unrecognised command '\x00\x00'\n\n" in vesk.output()
 
 
-def test_a_read_error_ends_the_process_without_that_announcement(start_vesk: StartVesk) -> None:
+def test_a_read_error_ends_the_process_without_a_log_line(start_vesk: StartVesk) -> None:
     directory = os.open(os.getcwd(), os.O_RDONLY)
     try:
         vesk = start_vesk(standard_input=directory)

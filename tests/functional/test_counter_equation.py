@@ -4,17 +4,17 @@ For the datagrams that come from peers and neighbours:
 
     downstream RxDg + lateral RxDg
         = upstream TxDg + upstream TxDgDropped      sent to the services, or not
-        + downstream RxDgError                      rejected, whichever way they came
-        + lateral TxDg + lateral TxDgDropped        handed over, or not
-        + lateral RxDgError                         bad lateral headers and codes
+        + downstream RxDgError                      rejected, direct or lateral
+        + lateral TxDg + lateral TxDgDropped        sent to the owner, or not
+        + lateral RxDgError                         bad lateral headers and HMACs
         + lateral DnTxDg + lateral DnTxDgDropped    returned to the peers, or not
 
 and for the replies of the services, flow by flow:
 
     upstream RxDg = upstream DnTxDg + upstream DnTxDgDropped + upstream RxDgError
 
-as long as replies bear their flow's label (another label is counted as an error and
-sent nevertheless) and fit under their return header.
+as long as replies have the label of their flow (a reply with another label is counted as
+an error but sent) and fit together with their return header.
 """
 
 from __future__ import annotations
@@ -50,7 +50,7 @@ def replies_are_accounted_for(seen: Report) -> None:
 
 
 class Answers:
-    """Replies to what has arrived: most rightly, some with a bad code, some too short."""
+    """Answers datagrams: most correctly, some with a bad HMAC, some too short."""
 
     def __init__(self, upstream: UdpEnd, flows: List[Flow], choose: random.Random) -> None:
         self.sent = 0
@@ -122,7 +122,7 @@ def test_mixed_traffic_is_accounted_for(start_vesk: StartVesk,
         end.send(make(), destination)
         sent += 1
         if number % 50 == 49:
-            # Not more at once than the socket buffers hold.
+            # No more at once than fit into the socket buffers.
             wait_for_report(vesk, lambda now: from_outside(now) == (sent, sent))
             answers.give()
     seen = wait_for_report(
@@ -131,7 +131,7 @@ def test_mixed_traffic_is_accounted_for(start_vesk: StartVesk,
         and now.upstream_sum("RxDg") == answers.sent
         and now.totals["RxDg"] == answers.sent)
     replies_are_accounted_for(seen)
-    # None of the kinds stayed away.
+    # Every kind occurred.
     assert seen.downstream["RxDgError"] > 0 and seen.upstream_sum("TxDg") > 0
     assert all(seen.lateral[name] > 0 for name in ("RxDg", "RxDgError", "TxDg", "TxDgDropped",
                                                    "DnTxDg"))

@@ -1,7 +1,7 @@
-"""FIPS mode: found active, not required, required and switched on, required and refused.
+"""FIPS mode: already active, not required, required and activated, required and refused.
 
-The providers are host configuration. These tests write one in which other modules
-stand in for "fips" and "qorng"; the decisions depend on nothing but their names.
+The providers come from the host's configuration. These tests write one in which other
+modules have the names "fips" and "qorng", on which alone the decisions depend.
 """
 
 from __future__ import annotations
@@ -32,7 +32,7 @@ def any_provider_module() -> str:
 
 
 def configuration(folder: Path, providers: Sequence[str], fips_by_default: bool) -> Dict[str, str]:
-    """An environment in which libcrypto knows exactly these providers besides its own."""
+    """An environment in which libcrypto has only these providers and its default one."""
     lines = ["openssl_conf = init", "[init]", "providers = providers"]
     if fips_by_default:
         lines.append("alg_section = algorithms")
@@ -52,15 +52,15 @@ def fips_lines(vesk: VeskProcess) -> list:
     return [line for line in vesk.log_lines() if "FIPS" in line]
 
 
-def test_neither_configured_nor_required(vesk: VeskProcess) -> None:
+def test_fips_mode_is_inactive_by_default(vesk: VeskProcess) -> None:
     assert fips_lines(vesk) == [INACTIVE, NOT_REQUIRED]
 
 
 @pytest.mark.parametrize("value", ["", "0", "1"])
 @pytest.mark.parametrize("switch", SWITCHES)
-def test_a_required_provider_that_is_missing_ends_the_start(start_vesk: StartVesk, switch: str,
-                                                    value: str) -> None:
-    """The variable's presence counts, whatever it holds."""
+def test_fips_mode_that_is_required_but_missing_ends_the_start(start_vesk: StartVesk, switch: str,
+                                                               value: str) -> None:
+    """The variable requires the mode if it is set, whatever its value."""
     vesk = start_vesk(environment={switch: value})
     vesk.wait_exit(255)
     lines = vesk.log_lines()
@@ -70,7 +70,8 @@ def test_a_required_provider_that_is_missing_ends_the_start(start_vesk: StartVes
 
 
 @pytest.mark.parametrize("switch", SWITCHES)
-def test_a_required_provider_is_activated(start_vesk: StartVesk, tmp_path: Path, switch: str) -> None:
+def test_fips_mode_is_activated_when_required(start_vesk: StartVesk, tmp_path: Path,
+                                              switch: str) -> None:
     environment = configuration(tmp_path, ["fips", "qorng"], fips_by_default=False)
     vesk = start_vesk(environment={**environment, switch: "1"})
     vesk.settle()
@@ -78,8 +79,8 @@ def test_a_required_provider_is_activated(start_vesk: StartVesk, tmp_path: Path,
 
 
 @pytest.mark.parametrize("demanded", [False, True])
-def test_fips_mode_that_the_host_switched_on(start_vesk: StartVesk, tmp_path: Path,
-                                             demanded: bool) -> None:
+def test_fips_mode_that_the_host_has_enabled_is_reported(start_vesk: StartVesk, tmp_path: Path,
+                                                         demanded: bool) -> None:
     environment = configuration(tmp_path, ["fips", "qorng"], fips_by_default=True)
     if demanded:
         environment[SWITCHES[0]] = "1"
@@ -96,7 +97,7 @@ def test_without_the_seed_provider_fips_mode_counts_as_inactive(start_vesk: Star
     assert fips_lines(vesk) == [INACTIVE, NOT_REQUIRED]
 
 
-def test_a_required_provider_is_tried_without_the_seed_provider(
+def test_without_the_seed_provider_required_fips_mode_is_activated(
         start_vesk: StartVesk, tmp_path: Path) -> None:
     environment = configuration(tmp_path, ["fips"], fips_by_default=True)
     vesk = start_vesk(environment={**environment, SWITCHES[1]: ""})
@@ -115,13 +116,13 @@ def test_fips_enabled_but_no_provider_counts_as_inactive(start_vesk: StartVesk,
 
 @pytest.fixture
 def without_digests(start_vesk: StartVesk, tmp_path: Path) -> VeskProcess:
-    """A forwarder whose library refuses every digest: none has the FIPS property."""
+    """A forwarder whose libcrypto refuses every digest, because none has the FIPS property."""
     vesk = start_vesk(environment=configuration(tmp_path, ["fips", "qorng"], fips_by_default=True))
     vesk.settle()
     return vesk
 
 
-def test_a_check_that_the_library_refuses_is_a_failure(
+def test_a_check_fails_when_libcrypto_fails(
         without_digests: VeskProcess, peer: UdpEnd, upstream: UdpEnd) -> None:
     vesk = without_digests
     port = vesk.listen()
@@ -135,9 +136,9 @@ def test_a_check_that_the_library_refuses_is_a_failure(
     assert keyless.open_request(upstream.receive().data).payload == b"needs no digest"
 
 
-def test_a_signature_that_the_library_refuses_is_never_left_out(
+def test_a_datagram_is_dropped_when_libcrypto_fails_to_sign_it(
         without_digests: VeskProcess, peer: UdpEnd, upstream: UdpEnd) -> None:
-    """Nothing leaves unsigned where a key was ordered: neither upstream nor back."""
+    """A flow with a key sends nothing unsigned in either direction."""
     vesk = without_digests
     port = vesk.listen()
     unsendable = Flow(label=5, upstream=upstream.address, up_out=four_keys()["up_out"])

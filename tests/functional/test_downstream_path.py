@@ -1,4 +1,4 @@
-"""From the peer to the upstream service: framing, authentication, marks, limits."""
+"""From the peer to the upstream service: framing, authentication, DSCP, limits."""
 
 from __future__ import annotations
 
@@ -23,8 +23,8 @@ ALGORITHMS = ["sha1", "sha256"]
 
 @pytest.mark.parametrize("incoming", [None, *ALGORITHMS])
 @pytest.mark.parametrize("outgoing", [None, *ALGORITHMS])
-def test_datagrams_are_checked_and_signed_anew(either_bench: Bench, incoming: Optional[str],
-                                               outgoing: Optional[str]) -> None:
+def test_datagrams_are_checked_and_signed_again(either_bench: Bench, incoming: Optional[str],
+                                                outgoing: Optional[str]) -> None:
     flow = either_bench.flow(down_in=incoming and Key(b"downstream", incoming),
                              up_out=outgoing and Key(b"upstream", outgoing))
     either_bench.declare(flow)
@@ -48,7 +48,7 @@ def test_without_a_key_zeros_are_written(either_bench: Bench) -> None:
     assert either_bench.ask(flow).data[:length] == bytes(length)
 
 
-def test_a_key_of_the_wrong_flow_is_no_key(either_bench: Bench) -> None:
+def test_the_key_of_another_flow_is_refused(either_bench: Bench) -> None:
     first = either_bench.flow(5, down_in=Key(b"first"))
     second = either_bench.flow(6, down_in=Key(b"second"))
     either_bench.declare(first, second)
@@ -57,8 +57,8 @@ def test_a_key_of_the_wrong_flow_is_no_key(either_bench: Bench) -> None:
     either_bench.nothing_went_upstream()
 
 
-def test_every_changed_byte_is_noticed(either_bench: Bench) -> None:
-    """Except in the label, which names another flow, and in the header length."""
+def test_every_changed_byte_is_detected(either_bench: Bench) -> None:
+    """Except in the label, which selects another flow, and in the header length."""
     flow = either_bench.flow(down_in=Key(b"key"))
     either_bench.declare(flow)
     either_bench.ask(flow)
@@ -87,7 +87,7 @@ def test_the_header_length_is_authenticated(start_vesk: StartVesk, peer: UdpEnd,
     bench.nothing_went_upstream()
 
 
-def test_a_keyless_flow_insists_on_zeros(either_bench: Bench) -> None:
+def test_a_flow_without_a_key_requires_zeros(either_bench: Bench) -> None:
     flow = either_bench.flow()
     either_bench.declare(flow)
     since = either_bench.vesk.mark()
@@ -100,20 +100,20 @@ def test_a_keyless_flow_insists_on_zeros(either_bench: Bench) -> None:
     either_bench.nothing_went_upstream()
 
 
-def test_a_failed_check_is_written_at_every_log_level(bench: Bench) -> None:
-    """It does not pass through the logger."""
+def test_a_failed_check_is_logged_at_every_level(bench: Bench) -> None:
+    """The line is written directly and not through the logger."""
     flow = bench.flow(down_in=Key(b"key"))
     bench.declare(flow)
     bench.vesk.lines_after("log priority error")
     since = bench.vesk.mark()
     bench.send(bench.framing.build(5, b"unsigned"))
     bench.vesk.wait_for_log(FAILED_CHECK, since)
-    # One line, without an empty one behind it.
+    # One line, with no empty line after it.
     place = bench.vesk.settle()
     assert bench.vesk.log_lines()[since:place] == [FAILED_CHECK]
 
 
-def test_a_datagram_that_fails_leaves_no_endpoint_behind(bench: Bench) -> None:
+def test_a_first_datagram_that_fails_its_check_leaves_no_endpoint(bench: Bench) -> None:
     flow = bench.flow(down_in=Key(b"key"))
     bench.declare(flow)
     descriptors = bench.vesk.descriptor_count()
@@ -121,12 +121,12 @@ def test_a_datagram_that_fails_leaves_no_endpoint_behind(bench: Bench) -> None:
         bench.send(bench.framing.build(5, b"unsigned"))
     bench.vesk.wait_for_log(FAILED_CHECK, count=20)
     bench.nothing_went_upstream()
-    # The one more is the flow with which the silence was proved.
+    # The additional endpoint belongs to the flow that proved that nothing was sent.
     bench.vesk.wait_for_descriptor_count(descriptors + 2)
     bench.exchange(flow)
 
 
-def test_a_datagram_that_fails_leaves_a_live_endpoint_alone(bench: Bench) -> None:
+def test_a_datagram_that_fails_its_check_keeps_an_existing_endpoint(bench: Bench) -> None:
     flow = bench.flow(down_in=Key(b"key"))
     bench.declare(flow)
     before = bench.exchange(flow)
@@ -135,7 +135,7 @@ def test_a_datagram_that_fails_leaves_a_live_endpoint_alone(bench: Bench) -> Non
     assert bench.exchange(flow) == before
 
 
-def test_a_datagram_that_fails_does_not_move_the_reply_address(
+def test_a_datagram_that_fails_its_check_keeps_the_reply_address(
         bench: Bench, new_end: Callable[..., UdpEnd]) -> None:
     flow = bench.flow(**four_keys())
     bench.declare(flow)
@@ -159,7 +159,7 @@ def test_further_header_bytes_are_relayed(start_vesk: StartVesk, peer: UdpEnd,
         bench.answer(flow, arrived.sender, b"reply", extra)
 
 
-def test_the_shortest_udpv2_datagram_is_a_bare_header(bench: Bench) -> None:
+def test_a_udpv2_datagram_may_be_a_header_alone(bench: Bench) -> None:
     for flow in (bench.flow(5), bench.flow(6, **four_keys())):
         bench.declare(flow)
         assert len(flow.request(b"")) == 20
@@ -169,7 +169,7 @@ def test_the_shortest_udpv2_datagram_is_a_bare_header(bench: Bench) -> None:
 
 @pytest.mark.parametrize("length", [1, 4, 15, 16, 19])
 def test_shorter_udpv2_datagrams_are_dropped(bench: Bench, length: int) -> None:
-    """Even where what is missing is still in the buffer from the datagram before."""
+    """Even if the buffer still contains the missing bytes from the datagram before."""
     flow = bench.flow(5, up_label=0x105)
     bench.declare(flow)
     bench.ask(flow, b"")
@@ -182,9 +182,9 @@ def test_shorter_udpv2_datagrams_are_dropped(bench: Bench, length: int) -> None:
 @pytest.mark.parametrize("header_length, accepted", [
     (0, False), (37, False), (38, True), (39, True), (42, True), (43, False), (44, False),
     (65535, False)])
-def test_udpv1_header_lengths(start_vesk: StartVesk, peer: UdpEnd, upstream: UdpEnd,
-                              header_length: int, accepted: bool) -> None:
-    """A datagram of 43 bytes: the payload begins behind the header and has a byte."""
+def test_udpv1_header_lengths_are_checked(start_vesk: StartVesk, peer: UdpEnd, upstream: UdpEnd,
+                                          header_length: int, accepted: bool) -> None:
+    """A datagram of 43 bytes: the payload follows the header and has at least one byte."""
     vesk = start_vesk("udpv1")
     bench = Bench(vesk, peer, upstream, UDPV1)
     flow = bench.flow()
@@ -211,7 +211,7 @@ def test_short_udpv1_datagrams_are_dropped(start_vesk: StartVesk, peer: UdpEnd,
     bench.nothing_went_upstream()
 
 
-def test_what_looks_like_udpv1_is_logged_and_forwarded(bench: Bench) -> None:
+def test_a_datagram_that_looks_like_udpv1_is_logged_and_forwarded(bench: Bench) -> None:
     flow = bench.flow()
     bench.declare(flow)
     bench.vesk.lines_after("log priority trace")
@@ -223,7 +223,7 @@ def test_what_looks_like_udpv1_is_logged_and_forwarded(bench: Bench) -> None:
         assert (LOOKS_LIKE_UDPV1 in bench.vesk.log_lines(since)) == remarked, payload
 
 
-def test_what_looks_like_udpv1_is_logged_at_trace_level_only(bench: Bench) -> None:
+def test_that_line_is_logged_at_trace_level_only(bench: Bench) -> None:
     flow = bench.flow()
     bench.declare(flow)
     bench.vesk.lines_after("log priority debug")
@@ -233,7 +233,7 @@ def test_what_looks_like_udpv1_is_logged_at_trace_level_only(bench: Bench) -> No
 
 
 @pytest.mark.parametrize("length", [2047, 2048])
-def test_the_largest_datagrams(either_bench: Bench, length: int) -> None:
+def test_the_largest_datagrams_are_forwarded(either_bench: Bench, length: int) -> None:
     flow = either_bench.flow(**four_keys())
     either_bench.declare(flow)
     arrived = either_bench.ask(flow, b"p" * (length - flow.framing.header_size))
@@ -241,7 +241,8 @@ def test_the_largest_datagrams(either_bench: Bench, length: int) -> None:
 
 
 @pytest.mark.parametrize("length", [2049, 4000, 60000])
-def test_larger_datagrams_are_cut_and_handled_as_such(either_bench: Bench, length: int) -> None:
+def test_larger_datagrams_are_truncated_before_they_are_handled(either_bench: Bench,
+                                                                length: int) -> None:
     keyless, keyed = either_bench.flow(5), either_bench.flow(6, **four_keys())
     either_bench.declare(keyless, keyed)
     payload = b"p" * (length - keyless.framing.header_size)
@@ -249,13 +250,13 @@ def test_larger_datagrams_are_cut_and_handled_as_such(either_bench: Bench, lengt
     arrived = either_bench.upstream.receive().data
     assert len(arrived) == 2048
     keyless.open_request(arrived)
-    # What was cut off is missing from the HMAC.
+    # The HMAC does not match the truncated datagram.
     either_bench.send(keyed.request(payload))
     either_bench.vesk.wait_for_log(FAILED_CHECK)
     either_bench.nothing_went_upstream()
 
 
-def test_an_empty_datagram_is_reported_and_the_next_one_served(bench: Bench) -> None:
+def test_an_empty_datagram_is_reported_and_the_next_one_forwarded(bench: Bench) -> None:
     since = bench.vesk.mark()
     bench.send(b"")
     bench.vesk.wait_for_log(re.compile(
@@ -301,7 +302,7 @@ def test_the_first_datagram_opens_the_upstream_endpoint(bench: Bench) -> None:
         r"info Created upstream endpoint: label 0xabcd/43981 sockfds (\d+) (\d+)"))
     sockets = [int(number) for number in created.split()[-2:]]
     assert set(bench.vesk.descriptors()) - before == set(sockets)
-    assert len({bench.vesk.descriptors()[number] for number in sockets}) == 1, "one socket, twice"
+    assert len({bench.vesk.descriptors()[number] for number in sockets}) == 1, "not one socket"
     bench.vesk.wait_for_log(
         f"debug Successfully sent fd {sockets[0]} (add, EPOLLIN) to poll loop")
     bench.vesk.lines_after(f"del label {flow.label}")
@@ -315,7 +316,7 @@ def test_a_second_datagram_uses_the_same_endpoint(bench: Bench) -> None:
     assert len({bench.ask(flow).sender for _ in range(20)}) == 1
 
 
-def test_a_flow_without_an_upstream_address(bench: Bench) -> None:
+def test_a_flow_without_an_upstream_address_drops_its_datagrams(bench: Bench) -> None:
     bench.declare(bench.flow(6, upstream=None))
     descriptors = bench.vesk.descriptor_count()
     bench.vesk.lines_after("log priority debug")
@@ -330,7 +331,7 @@ def test_a_flow_without_an_upstream_address(bench: Bench) -> None:
 
 # Addresses ------------------------------------------------------------------------------
 
-def test_the_upstream_endpoint_is_bound_as_ordered(bench: Bench) -> None:
+def test_the_upstream_endpoint_is_bound_to_its_source_address(bench: Bench) -> None:
     port = free_port()
     flow = bench.flow(options={"up_src_ip": "127.0.0.1", "up_src_port": port})
     bench.declare(flow)
@@ -338,8 +339,8 @@ def test_the_upstream_endpoint_is_bound_as_ordered(bench: Bench) -> None:
     bench.vesk.wait_for_log(f"info Bound upstream endpoint to 127.0.0.1:{port}")
 
 
-def test_the_upstream_source_address_of_ipv6(vesk: VeskProcess, peer: UdpEnd,
-                                             new_end: Callable[..., UdpEnd]) -> None:
+def test_an_ipv6_endpoint_sends_from_its_source_address(vesk: VeskProcess, peer: UdpEnd,
+                                                        new_end: Callable[..., UdpEnd]) -> None:
     bench = Bench(vesk, peer, new_end("::1"))
     port = free_port("::1")
     flow = bench.flow(options={"up_src_ip": "::1", "up_src_port": port})
@@ -349,7 +350,7 @@ def test_the_upstream_source_address_of_ipv6(vesk: VeskProcess, peer: UdpEnd,
 
 
 def test_the_kernel_chooses_the_ipv4_source_of_a_bound_endpoint(bench: Bench) -> None:
-    """The port is the one that was ordered; the address is not ours to choose."""
+    """The port is the configured one; the kernel chooses the address."""
     port = free_port("127.0.0.3")
     flow = bench.flow(options={"up_src_ip": "127.0.0.3", "up_src_port": port})
     bench.declare(flow)
@@ -357,14 +358,15 @@ def test_the_kernel_chooses_the_ipv4_source_of_a_bound_endpoint(bench: Bench) ->
     bench.vesk.wait_for_log(f"info Bound upstream endpoint to 127.0.0.3:{port}")
 
 
-def test_half_an_upstream_source_address_binds_nothing(bench: Bench) -> None:
+def test_half_an_upstream_source_address_has_no_effect(bench: Bench) -> None:
     flow = bench.flow(options={"up_src_ip": "127.0.0.1"})
     bench.declare(flow)
     bench.exchange(flow)
     assert not [line for line in bench.vesk.log_lines() if "Bound upstream" in line]
 
 
-def test_an_upstream_source_address_in_use(bench: Bench, new_end: Callable[..., UdpEnd]) -> None:
+def test_an_upstream_source_address_in_use_is_an_error(bench: Bench,
+                                                       new_end: Callable[..., UdpEnd]) -> None:
     taken = new_end()
     flow = bench.flow(options={"up_src_ip": taken.host, "up_src_port": taken.port})
     bench.declare(flow)
@@ -376,7 +378,7 @@ def test_an_upstream_source_address_in_use(bench: Bench, new_end: Callable[..., 
     bench.vesk.wait_for_descriptor_count(descriptors)
     bench.nothing_went_upstream()
     assert not [line for line in bench.vesk.log_lines(since) if "label 0x5/5" in line]
-    # The flow itself is still declared: it works as soon as the address is free.
+    # The flow is still declared and works as soon as the address is free.
     taken.close()
     assert bench.exchange(flow) == (flow.options["up_src_ip"], flow.options["up_src_port"])
 
@@ -392,9 +394,9 @@ def test_families_may_differ_on_the_two_sides(vesk: VeskProcess,
     bench.exchange(flow)
 
 
-# Marks ----------------------------------------------------------------------------------
+# DSCP -----------------------------------------------------------------------------------
 
-def test_without_a_mark_none_is_set(vesk: VeskProcess, new_end: Callable[..., UdpEnd]) -> None:
+def test_without_a_dscp_none_is_set(vesk: VeskProcess, new_end: Callable[..., UdpEnd]) -> None:
     for host in ("127.0.0.1", "::1"):
         bench = Bench(vesk, new_end(host), new_end(host), listen=host)
         flow = bench.flow(6)
@@ -410,9 +412,9 @@ MARKS = {"up_out_dscp_v4": 10, "up_out_dscp_v6": 20,
 
 
 @pytest.mark.parametrize("host, upwards, downwards", [("127.0.0.1", 10, 30), ("::1", 20, 40)])
-def test_marks_of_both_families_and_directions(vesk: VeskProcess,
-                                               new_end: Callable[..., UdpEnd], host: str,
-                                               upwards: int, downwards: int) -> None:
+def test_dscp_values_apply_to_their_family_and_direction(vesk: VeskProcess,
+                                                         new_end: Callable[..., UdpEnd], host: str,
+                                                         upwards: int, downwards: int) -> None:
     bench = Bench(vesk, new_end(host), new_end(host), listen=host)
     flow = bench.flow(options=dict(MARKS))
     bench.declare(flow)
@@ -422,7 +424,7 @@ def test_marks_of_both_families_and_directions(vesk: VeskProcess,
 
 
 @pytest.mark.parametrize("mark", [0, 1, 46, 63])
-def test_a_mark_fills_the_upper_six_bits(bench: Bench, mark: int) -> None:
+def test_the_dscp_is_in_the_upper_six_bits(bench: Bench, mark: int) -> None:
     flow = bench.flow(options={"up_out_dscp_v4": mark, "down_out_dscp_v4": mark})
     bench.declare(flow)
     arrived = bench.ask(flow)
@@ -430,7 +432,7 @@ def test_a_mark_fills_the_upper_six_bits(bench: Bench, mark: int) -> None:
     assert bench.answer(flow, arrived.sender).dscp == mark
 
 
-def test_a_mark_of_the_other_family_is_not_used(bench: Bench) -> None:
+def test_the_dscp_of_the_other_family_is_not_used(bench: Bench) -> None:
     flow = bench.flow(options={"up_out_dscp_v6": 20, "down_out_dscp_v6": 40})
     bench.declare(flow)
     arrived = bench.ask(flow)
@@ -438,7 +440,7 @@ def test_a_mark_of_the_other_family_is_not_used(bench: Bench) -> None:
     assert bench.answer(flow, arrived.sender).dscp == 0
 
 
-def test_an_ipv4_address_in_ipv6_form_gets_the_ipv4_mark(bench: Bench) -> None:
+def test_an_ipv4_mapped_address_gets_the_ipv4_dscp(bench: Bench) -> None:
     host, port = bench.upstream.address
     options: Dict[str, object] = dict(MARKS)
     flow = bench.flow(options=options, upstream=(f"::ffff:{host}", port))

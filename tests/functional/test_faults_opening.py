@@ -1,6 +1,6 @@
-"""Each system call that opens a socket or sets it up, refused once, and no descriptors left.
+"""Failures of each system call that opens a socket or sets it up, and a shortage of descriptors.
 
-The message is the stated one, no descriptor leaks, and the next good datagram is relayed.
+The documented message is logged, no descriptor leaks, and the next good datagram is forwarded.
 """
 
 from __future__ import annotations
@@ -38,9 +38,9 @@ NOT_RELAYED = [
 
 
 @pytest.mark.parametrize("injection, complaints", NOT_RELAYED)
-def test_a_failed_call_costs_the_datagram_only(bench: Bench, injection: str,
+def test_a_failed_call_loses_only_its_datagram(bench: Bench, injection: str,
                                                complaints: List[str]) -> None:
-    """The datagram is lost, and nothing else: the next one opens the socket."""
+    """The next datagram opens the socket."""
     flow = bench.flow(options={"up_src_ip": "127.0.0.1", "up_src_port": free_port()})
     bench.declare(flow)
     bench.nothing_went_upstream()
@@ -77,9 +77,9 @@ RELAYED = [
 
 
 @pytest.mark.parametrize("call, number, complaints", RELAYED)
-def test_a_failed_option_costs_nothing(bench: Bench, call: str, number: int,
-                                       complaints: List[str]) -> None:
-    """The very datagram that met the failure is relayed, and so is what follows."""
+def test_a_failed_option_loses_no_datagram(bench: Bench, call: str, number: int,
+                                           complaints: List[str]) -> None:
+    """The datagram that caused the failed call is forwarded, and so are later ones."""
     flow = bench.flow(options={"is_multiplex": "true"})
     bench.declare(flow)
     bench.nothing_went_upstream()
@@ -92,12 +92,12 @@ def test_a_failed_option_costs_nothing(bench: Bench, call: str, number: int,
     assert all(re.fullmatch(complaint, line) for line, complaint in zip(said, complaints)), said
     for _ in range(3):
         assert bench.exchange(flow) == sender
-    # No thread got stuck in a call that should not have waited.
+    # No thread is blocked in a call that must not wait.
     bench.vesk.close_input()
     bench.vesk.wait_exit(0, seconds=2)
 
 
-def test_upstream_sockets_get_the_stated_options(bench: Bench) -> None:
+def test_upstream_sockets_have_the_documented_options(bench: Bench) -> None:
     flow = bench.flow(options={"is_multiplex": "true"})
     bench.declare(flow)
     with failing_listener(bench.vesk, "setsockopt:delay_enter=1",
@@ -117,9 +117,9 @@ def test_upstream_sockets_get_the_stated_options(bench: Bench) -> None:
 
 
 @pytest.mark.parametrize("call, which", [("socket", "rdsockfd"), ("dup", "wrsockfd")])
-def test_a_descriptor_that_is_filed_already_is_refused(bench: Bench, call: str,
-                                                       which: str) -> None:
-    """As after a number was reused behind the forwarder's back."""
+def test_a_descriptor_that_is_already_in_the_tables_is_refused(bench: Bench, call: str,
+                                                               which: str) -> None:
+    """As if the number had been reused without the forwarder's knowledge."""
     first, second = bench.flow(5), bench.flow(6)
     bench.declare(first, second)
     bench.exchange(first)
@@ -144,8 +144,9 @@ NOT_OPENED = [
 
 
 @pytest.mark.parametrize("injection, complaint", NOT_OPENED)
-def test_a_listener_that_cannot_be_opened(vesk: VeskProcess, peer: UdpEnd, upstream: UdpEnd,
-                                          injection: str, complaint: str) -> None:
+def test_a_listener_that_cannot_be_opened_is_reported(vesk: VeskProcess, peer: UdpEnd,
+                                                      upstream: UdpEnd, injection: str,
+                                                      complaint: str) -> None:
     descriptors = vesk.descriptor_count()
     port = free_port()
     with failing_calls(vesk, [vesk.pid], f"{injection}:when=1"):
@@ -158,9 +159,9 @@ def test_a_listener_that_cannot_be_opened(vesk: VeskProcess, peer: UdpEnd, upstr
 
 
 @pytest.mark.parametrize("injection, complaint", NOT_OPENED)
-def test_a_lateral_listener_that_cannot_be_opened(vesk: VeskProcess, injection: str,
-                                                  complaint: str) -> None:
-    """The command may be given again."""
+def test_a_lateral_listener_that_cannot_be_opened_is_reported(vesk: VeskProcess, injection: str,
+                                                              complaint: str) -> None:
+    """The command can be repeated."""
     port = shared_free_port([LOOPBACK[0]])
     vesk.lines_after(f"add_lateral_peer idx 1 addr {LOOPBACK[1]}")
     descriptors = vesk.descriptor_count()
@@ -174,7 +175,7 @@ def test_a_lateral_listener_that_cannot_be_opened(vesk: VeskProcess, injection: 
 
 # No descriptors left --------------------------------------------------------------------
 
-def test_no_descriptor_for_the_socket(bench: Bench) -> None:
+def test_a_shortage_of_descriptors_loses_only_the_datagram(bench: Bench) -> None:
     flow = bench.flow(**four_keys())
     bench.declare(flow)
     bench.nothing_went_upstream()
@@ -202,8 +203,8 @@ def scarce(start_vesk: StartVesk, peer: UdpEnd, upstream: UdpEnd) -> Bench:
     return Bench(vesk, peer, upstream)
 
 
-def test_more_flows_than_descriptors(scarce: Bench) -> None:
-    """Those that have a socket go on; the others are told about, and served after a "del"."""
+def test_flows_without_a_descriptor_are_reported(scarce: Bench) -> None:
+    """Flows with a socket continue; the others are reported and work after a "del"."""
     flows = [scarce.flow(label) for label in range(1, LIMIT)]
     scarce.declare(*flows)
     scarce.exchange(scarce.control)

@@ -1,6 +1,4 @@
-"""The message channel and the poll thread where the kernel refuses to watch, to wait or to pass a
-record on.
-"""
+"""Failures of the message channel and of the poll thread: sending a record, watching, waiting."""
 
 from __future__ import annotations
 
@@ -25,7 +23,7 @@ CREATED = re.compile(r"info Created upstream endpoint: label 0x5/5 .*")
 
 # Sending a record -----------------------------------------------------------------------
 
-def test_a_socket_that_cannot_be_watched_is_given_back(bench: Bench) -> None:
+def test_a_socket_that_cannot_be_added_to_the_poll_loop_is_closed(bench: Bench) -> None:
     flow = bench.flow(**four_keys())
     bench.declare(flow)
     descriptors = bench.vesk.descriptor_count()
@@ -41,15 +39,15 @@ def test_a_socket_that_cannot_be_watched_is_given_back(bench: Bench) -> None:
     bench.exchange(flow)
 
 
-def test_a_socket_that_cannot_be_taken_back_is_closed_anyway(bench: Bench) -> None:
-    """Both lines carry the same number: the write descriptor's."""
+def test_a_socket_whose_deletion_cannot_be_sent_is_closed(bench: Bench) -> None:
+    """Both lines contain the number of the write descriptor."""
     flow = bench.flow()
     bench.declare(flow)
     descriptors = bench.vesk.descriptor_count()
     bench.exchange(flow)
     writing = bench.vesk.wait_for_log(
         re.compile(r"info Created upstream endpoint: label 0x5/5 .*")).split()[-1]
-    # Until its socket is armed again a worker holds the endpoint, and would be the one to let it go.
+    # Until the socket is armed again, a worker holds the endpoint and would be the one to close it.
     wait_for_report(bench.vesk, lambda current: current.poll["ActiveEvtNr"] == 1)
     since = bench.vesk.mark()
     with failing_calls(bench.vesk, [bench.vesk.pid], "sendto:error=ENOBUFS:when=1..2"):
@@ -82,13 +80,13 @@ def test_a_socket_that_cannot_be_armed_again_is_reported(bench: Bench) -> None:
     bench.exchange(flow)
 
 
-# Carrying it out ------------------------------------------------------------------------
+# Executing a record ---------------------------------------------------------------------
 
 def descriptor_of(bench: Bench) -> str:
     return bench.vesk.wait_for_log(CREATED).split()[-2]
 
 
-def test_a_watch_that_the_kernel_refuses(bench: Bench) -> None:
+def test_a_failed_epoll_addition_is_reported(bench: Bench) -> None:
     flow = bench.flow()
     bench.declare(flow)
     bench.nothing_went_upstream()
@@ -104,8 +102,8 @@ def test_a_watch_that_the_kernel_refuses(bench: Bench) -> None:
     bench.exchange(flow)
 
 
-def test_a_socket_that_the_kernel_does_not_arm_again(bench: Bench) -> None:
-    """It is logged; the flow gets no replies until its socket is opened anew."""
+def test_a_failed_epoll_change_is_reported(bench: Bench) -> None:
+    """The flow gets no replies until a new socket is opened."""
     flow, other = bench.flow(5), bench.flow(6)
     bench.declare(flow, other)
     sender = bench.exchange(flow)
@@ -118,8 +116,8 @@ def test_a_socket_that_the_kernel_does_not_arm_again(bench: Bench) -> None:
     bench.exchange(flow)
 
 
-def test_a_socket_that_cannot_be_removed_from_the_epoll_set(bench: Bench) -> None:
-    """It is logged, and the descriptor stays open: it may still be in the set."""
+def test_a_failed_epoll_deletion_is_reported(bench: Bench) -> None:
+    """The descriptor stays open, because it may still be in the set."""
     flow = bench.flow(5)
     bench.declare(flow)
     descriptors = bench.vesk.descriptor_count()
@@ -134,7 +132,7 @@ def test_a_socket_that_cannot_be_removed_from_the_epoll_set(bench: Bench) -> Non
 
 
 @pytest.mark.parametrize("length", [0, 12, 15])
-def test_a_short_record_on_the_channel(bench: Bench, length: int) -> None:
+def test_a_short_record_is_reported(bench: Bench, length: int) -> None:
     flow, other = bench.flow(5), bench.flow(6)
     bench.declare(flow, other)
     with failing_poll_thread(bench.vesk, f"recvfrom:retval={length}:when=1"):
@@ -146,8 +144,8 @@ def test_a_short_record_on_the_channel(bench: Bench, length: int) -> None:
     bench.exchange(other)
 
 
-def test_a_record_that_cannot_be_read(bench: Bench) -> None:
-    """The channel stays readable, so the record is read the next time."""
+def test_a_failed_read_of_the_channel_is_reported(bench: Bench) -> None:
+    """The channel remains readable, so the record is read the next time."""
     flow = bench.flow(5)
     bench.declare(flow)
     with failing_poll_thread(bench.vesk, "recvfrom:error=ENOMEM:when=1"):
@@ -158,7 +156,7 @@ def test_a_record_that_cannot_be_read(bench: Bench) -> None:
 
 # Waiting --------------------------------------------------------------------------------
 
-# The library may wait by either call.
+# The C library may use either call.
 WAITS_INTERRUPTED = ["epoll_wait:error=EINTR:when=1..3", "epoll_pwait:error=EINTR:when=1..3"]
 WAIT_FAILED = ["epoll_wait:error=EBADF:when=1", "epoll_pwait:error=EBADF:when=1"]
 
@@ -172,22 +170,22 @@ def test_an_interrupted_wait_is_resumed(bench: Bench) -> None:
     assert not [line for line in bench.vesk.remarks(since) if "Created" not in line]
 
 
-def test_a_wait_that_fails_ends_the_poll_thread(bench: Bench) -> None:
-    """Flows that have a socket then go one way only; the process still ends well."""
+def test_a_failed_wait_ends_the_poll_thread(bench: Bench) -> None:
+    """Flows with a socket then forward in one direction only; the process ends normally."""
     threads = len(bench.vesk.threads())
     sender = bench.ask(bench.control).sender
     with failing_poll_thread(bench.vesk, *WAIT_FAILED):
-        # Something for it to wake up for, unless the tracer has interrupted its wait.
+        # A reply that ends the current wait, unless the tracer has interrupted it.
         bench.upstream.send(bench.control.reply(b"not read"), sender)
         bench.vesk.wait_for_log("error Failed epoll_wait: Bad file descriptor")
-        wait_until(lambda: len(bench.vesk.threads()) == threads - 1, "the poll thread ended")
+        wait_until(lambda: len(bench.vesk.threads()) == threads - 1, "the poll thread has ended")
     bench.nothing_went_upstream()
     bench.vesk.finish()
 
 
-def test_the_process_ends_with_hundreds_of_deletions_unread(
+def test_the_process_ends_while_hundreds_of_deletions_are_unread(
         bench: Bench, new_end: Callable[..., UdpEnd]) -> None:
-    """With the poll thread gone nobody empties the channel; the process ends all the same."""
+    """Without the poll thread no thread reads the channel, but the process still ends."""
     flows = [bench.flow(label) for label in range(1, 201)]
     bench.declare(*flows)
     for flow in flows:
@@ -205,8 +203,8 @@ def test_the_process_ends_with_hundreds_of_deletions_unread(
     (["epoll_ctl:error=ENOMEM:when=1"], "Cannot allocate memory"),
     (["epoll_create:error=EMFILE", "epoll_create1:error=EMFILE"], "Too many open files"),
 ])
-def test_a_channel_that_cannot_be_watched(start_vesk: StartVesk, tmp_path: Path,
-                                          injections: List[str], reason: str) -> None:
+def test_a_channel_that_cannot_be_watched_is_reported(start_vesk: StartVesk, tmp_path: Path,
+                                                      injections: List[str], reason: str) -> None:
     vesk = start_vesk(prefix=faulty_start(tmp_path / "trace", *injections))
     vesk.wait_for_log(f"error Failed to add msgchanfd to epoll set: {reason}")
     vesk.settle()

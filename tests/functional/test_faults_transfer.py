@@ -1,6 +1,4 @@
-"""Receiving and sending where the kernel refuses: what is logged, and whether the flow keeps its
-endpoint.
-"""
+"""Failures of receive and send calls: what is logged, and whether the flow keeps its endpoint."""
 
 from __future__ import annotations
 
@@ -22,7 +20,7 @@ LOST = [("EPERM", 1, "Operation not permitted"), ("EIO", 5, "Input/output error"
 
 # Receiving downstream -------------------------------------------------------------------
 
-def test_an_error_while_receiving_is_reported(bench: Bench) -> None:
+def test_a_receive_error_is_reported(bench: Bench) -> None:
     with failing_listener(bench.vesk, "recvmsg:error=ENOBUFS:when=1"):
         bench.send(b"lost")
         bench.vesk.wait_for_log("error Forwarder downstream endpoint got error while receiving: "
@@ -30,7 +28,7 @@ def test_an_error_while_receiving_is_reported(bench: Bench) -> None:
     bench.nothing_went_upstream()
 
 
-def test_a_refused_connection_while_receiving_is_not_reported(bench: Bench) -> None:
+def test_a_refused_connection_is_not_reported(bench: Bench) -> None:
     since = bench.vesk.mark()
     with failing_listener(bench.vesk, "recvmsg:error=ECONNREFUSED:when=1..3"):
         bench.nothing_went_upstream()
@@ -40,7 +38,8 @@ def test_a_refused_connection_while_receiving_is_not_reported(bench: Bench) -> N
 # Sending upstream -----------------------------------------------------------------------
 
 @pytest.mark.parametrize("name, number, text", KEPT)
-def test_send_errors_that_pass(bench: Bench, name: str, number: int, text: str) -> None:
+def test_passing_send_errors_keep_the_endpoint(bench: Bench, name: str, number: int,
+                                               text: str) -> None:
     flow = bench.flow(**four_keys())
     bench.declare(flow)
     before = bench.exchange(flow)
@@ -52,8 +51,8 @@ def test_send_errors_that_pass(bench: Bench, name: str, number: int, text: str) 
 
 
 @pytest.mark.parametrize("name, number, text", LOST)
-def test_send_errors_that_end_the_endpoint(bench: Bench, name: str, number: int,
-                                           text: str) -> None:
+def test_fatal_send_errors_delete_the_endpoint(bench: Bench, name: str, number: int,
+                                               text: str) -> None:
     """The flow stays declared: its next datagram opens a new endpoint."""
     flow = bench.flow(**four_keys())
     bench.declare(flow)
@@ -67,8 +66,8 @@ def test_send_errors_that_end_the_endpoint(bench: Bench, name: str, number: int,
     assert bench.exchange(flow) != before
 
 
-def test_an_address_that_must_not_be_sent_to_ends_the_endpoint(bench: Bench) -> None:
-    """A broadcast address needs a permission that the socket does not ask for."""
+def test_a_destination_without_permission_deletes_the_endpoint(bench: Bench) -> None:
+    """A broadcast address needs an option that the socket does not set."""
     flow = bench.flow(0x1F, upstream=("127.255.255.255", bench.upstream.port))
     bench.declare(flow)
     descriptors = bench.vesk.descriptor_count()
@@ -79,7 +78,7 @@ def test_an_address_that_must_not_be_sent_to_ends_the_endpoint(bench: Bench) -> 
 
 
 @pytest.mark.parametrize("name", ["EAGAIN", "ECONNREFUSED"])
-def test_send_errors_that_are_not_logged(bench: Bench, name: str) -> None:
+def test_some_send_errors_are_not_logged(bench: Bench, name: str) -> None:
     flow = bench.flow(**four_keys())
     bench.declare(flow)
     before = bench.exchange(flow)
@@ -104,8 +103,9 @@ def test_a_short_send_counts_as_an_error(bench: Bench) -> None:
 # Receiving from upstream ----------------------------------------------------------------
 
 @pytest.mark.parametrize("name, number, text", KEPT)
-def test_receive_errors_that_pass(bench: Bench, name: str, number: int, text: str) -> None:
-    """The socket is read on until it is drained: nothing that arrived is left unread."""
+def test_passing_receive_errors_keep_the_endpoint(bench: Bench, name: str, number: int,
+                                                  text: str) -> None:
+    """The socket is read until it is drained, so no datagram is left unread."""
     flow = bench.flow(**four_keys())
     bench.declare(flow)
     sender = bench.exchange(flow)
@@ -117,8 +117,8 @@ def test_receive_errors_that_pass(bench: Bench, name: str, number: int, text: st
 
 
 @pytest.mark.parametrize("name, number, text", LOST)
-def test_receive_errors_that_end_the_endpoint(bench: Bench, name: str, number: int,
-                                              text: str) -> None:
+def test_fatal_receive_errors_delete_the_endpoint(bench: Bench, name: str, number: int,
+                                                  text: str) -> None:
     flow = bench.flow(**four_keys())
     bench.declare(flow)
     descriptors = bench.vesk.descriptor_count()
@@ -134,7 +134,8 @@ def test_receive_errors_that_end_the_endpoint(bench: Bench, name: str, number: i
 # Sending downstream ---------------------------------------------------------------------
 
 @pytest.mark.parametrize("name, number, text", KEPT)
-def test_reply_errors_that_pass(bench: Bench, name: str, number: int, text: str) -> None:
+def test_passing_reply_errors_keep_the_endpoint(bench: Bench, name: str, number: int,
+                                                text: str) -> None:
     flow = bench.flow(**four_keys())
     bench.declare(flow)
     sender = bench.exchange(flow)
@@ -146,8 +147,8 @@ def test_reply_errors_that_pass(bench: Bench, name: str, number: int, text: str)
 
 
 @pytest.mark.parametrize("name, number, text", LOST)
-def test_reply_errors_that_end_the_endpoint(bench: Bench, name: str, number: int,
-                                            text: str) -> None:
+def test_fatal_reply_errors_delete_the_endpoint(bench: Bench, name: str, number: int,
+                                                text: str) -> None:
     flow = bench.flow(**four_keys())
     bench.declare(flow)
     sender = bench.exchange(flow)
@@ -159,7 +160,7 @@ def test_reply_errors_that_end_the_endpoint(bench: Bench, name: str, number: int
 
 
 @pytest.mark.parametrize("name", ["EAGAIN", "ECONNREFUSED"])
-def test_reply_errors_that_are_not_logged(bench: Bench, name: str) -> None:
+def test_some_reply_errors_are_not_logged(bench: Bench, name: str) -> None:
     flow = bench.flow(**four_keys())
     bench.declare(flow)
     sender = bench.exchange(flow)

@@ -38,8 +38,8 @@ def expiring(label: int, kind: str = "main") -> str:
     (["udpv2", "60", "false"], "0/1", 60),
     (["udpv2", "9223372036"], "1/1", 9223372036),
 ])
-def test_the_task_is_announced(start_vesk: StartVesk, arguments: List[str], switches: str,
-                               seconds: int) -> None:
+def test_the_task_is_logged_at_start_up(start_vesk: StartVesk, arguments: List[str], switches: str,
+                                        seconds: int) -> None:
     vesk = start_vesk(*arguments)
     created = vesk.wait_for_log(re.compile(
         r"info Created periodic task \[FlowCleanUpTask\] thread: [0-9a-f]+; "
@@ -51,7 +51,7 @@ def test_the_task_is_announced(start_vesk: StartVesk, arguments: List[str], swit
     assert NOW not in lines
 
 
-def test_the_task_runs_once_a_period(start_vesk: StartVesk) -> None:
+def test_the_task_runs_once_per_period(start_vesk: StartVesk) -> None:
     vesk = start_vesk("udpv2", "1")
     vesk.wait_for_log(f"{TASK} will execute in [1s]")
     began = time.monotonic()
@@ -61,9 +61,10 @@ def test_the_task_runs_once_a_period(start_vesk: StartVesk) -> None:
     assert task_lines[:4] == [f"{TASK} will execute in [1s]", NOW] * 2
 
 
-def test_a_task_that_cannot_be_started(start_vesk: StartVesk, tmp_path: Path) -> None:
-    """The threads that run already are taken down; the status is the poll thread's, 0 here,
-    since stopping it replaces what the failure set."""
+def test_a_task_that_cannot_be_started_ends_the_process(start_vesk: StartVesk,
+                                                        tmp_path: Path) -> None:
+    """The running threads are stopped. The exit status is 0, because the result of stopping the
+    poll thread replaces the status of the failure."""
     number = call_numbers(tmp_path, "clone3", "CLONE_THREAD")[(os.cpu_count() or 1) + 1]
     vesk = start_vesk(prefix=faulty_start(tmp_path / "trace",
                                           f"clone3:error=EAGAIN:when={number}"))
@@ -83,10 +84,10 @@ def test_end_of_input_does_not_wait_for_the_period(start_vesk: StartVesk) -> Non
 # Expiry ---------------------------------------------------------------------------------
 
 class Cleaned(Bench):
-    """A bench whose forwarder cleans up every second, with the debug lines shown."""
+    """A bench whose forwarder cleans up every second and logs at debug level."""
 
     def next_pass(self) -> None:
-        """Waits until the next clean-up is through; what comes now is of the new period."""
+        """Waits until the next clean-up is complete and a new period begins."""
         since = self.vesk.mark()
         self.vesk.wait_for_log(NOW, since)
         begun = self.vesk.log_lines().index(NOW, since)
@@ -118,7 +119,7 @@ def aux_flow(bench: Bench, owner: Flow, number: int) -> Flow:
 
 
 def test_an_idle_endpoint_expires_in_the_second_pass(cleaning: Cleaned) -> None:
-    """Marked by the first, expired by the next: between one and two periods."""
+    """The first pass marks it and the next one expires it, so it takes one to two periods."""
     bench = cleaning
     descriptors = bench.vesk.descriptor_count()
     flow = bench.flow(0x1F)
@@ -133,12 +134,12 @@ def test_an_idle_endpoint_expires_in_the_second_pass(cleaning: Cleaned) -> None:
     bench.vesk.wait_for_descriptor_count(descriptors)
     bench.vesk.lines_after("log priority info")
     assert report(bench.vesk).upstream == {}
-    # The flow is still declared: the next datagram opens a new endpoint.
+    # The flow is still declared, so the next datagram opens a new endpoint.
     assert bench.exchange(flow) != before
 
 
-def test_the_expiry_is_shown_at_debug_level_only(start_vesk: StartVesk, peer: UdpEnd,
-                                                 upstream: UdpEnd) -> None:
+def test_the_expiry_is_logged_at_debug_level_only(start_vesk: StartVesk, peer: UdpEnd,
+                                                  upstream: UdpEnd) -> None:
     bench = Cleaned(start_vesk("udpv2", "1").ready(), peer, upstream)
     descriptors = bench.vesk.descriptor_count()
     bench.exchange(bench.control)
@@ -146,7 +147,7 @@ def test_the_expiry_is_shown_at_debug_level_only(start_vesk: StartVesk, peer: Ud
     assert not [line for line in bench.vesk.log_lines() if "Expiring" in line]
 
 
-def test_traffic_of_one_direction_keeps_a_flow_alive(cleaning: Cleaned) -> None:
+def test_traffic_in_one_direction_keeps_a_flow_active(cleaning: Cleaned) -> None:
     bench = cleaning
     asking, answering, rejected, silent = flows = [
         bench.flow(label, **four_keys()) for label in (1, 2, 3, 4)]
@@ -157,7 +158,7 @@ def test_traffic_of_one_direction_keeps_a_flow_alive(cleaning: Cleaned) -> None:
     for _ in range(3):
         bench.ask(asking)
         bench.answer(answering, senders[2])
-        # Whatever arrives on the upstream socket counts, even what is not passed on.
+        # Every datagram on the upstream socket counts, even one that is not forwarded.
         bench.upstream.send(b"nonsense", senders[3])
         bench.next_pass()
     assert bench.expired(silent.label, since=since)
@@ -166,7 +167,7 @@ def test_traffic_of_one_direction_keeps_a_flow_alive(cleaning: Cleaned) -> None:
         assert bench.exchange(flow) == senders[flow.label]
 
 
-def test_refused_or_unsent_datagrams_keep_no_flow_alive(cleaning: Cleaned) -> None:
+def test_refused_and_unsent_datagrams_do_not_keep_a_flow_active(cleaning: Cleaned) -> None:
     bench = cleaning
     unsigned, unsendable = bench.flow(1, **four_keys()), bench.flow(2)
     bench.declare(unsigned, unsendable)
@@ -185,7 +186,7 @@ def test_refused_or_unsent_datagrams_keep_no_flow_alive(cleaning: Cleaned) -> No
         bench.vesk.wait_for_log(expiring(2), since)
 
 
-def test_an_auxiliary_flow_expires_and_is_made_again(cleaning: Cleaned) -> None:
+def test_an_expired_auxiliary_flow_is_created_again(cleaning: Cleaned) -> None:
     bench = cleaning
     descriptors = bench.vesk.descriptor_count()
     owner = aux_owner(bench)
@@ -196,14 +197,15 @@ def test_an_auxiliary_flow_expires_and_is_made_again(cleaning: Cleaned) -> None:
     bench.vesk.wait_for_log(expiring(flow.label, "aux"))
     bench.vesk.wait_for_log(expiring(owner.label, "main"))
     bench.vesk.wait_for_descriptor_count(descriptors)
-    # Its record went with it: a changed owner is what the next datagram follows from.
+    # Its record was deleted too, so the next datagram uses the changed record of the owner.
     owner.down_label = flow.down_label = 4242
     bench.vesk.lines_after("set label 5 down_label 4242")
     bench.exchange(flow)
 
 
-def test_the_two_switches(start_vesk: StartVesk, new_end: Callable[..., UdpEnd]) -> None:
-    """All four settings side by side, so that their periods pass only once."""
+def test_the_switches_select_the_kinds_of_flow_that_expire(start_vesk: StartVesk,
+                                                           new_end: Callable[..., UdpEnd]) -> None:
+    """All four combinations run in parallel, so that the test waits only once."""
     benches = {(main, aux): cleaned(start_vesk, new_end(), new_end(), main, aux)
                for main in ("true", "false") for aux in ("true", "false")}
     for bench in benches.values():
@@ -233,7 +235,7 @@ def test_declared_labels_under_a_prefix_are_main_flows(start_vesk: StartVesk, pe
 
 
 def test_hundreds_of_flows_expire_at_once(cleaning: Cleaned) -> None:
-    """More than the poll thread's channel has room for, while one flow goes on."""
+    """More than fit into the channel of the poll thread, while one flow continues."""
     bench = cleaning
     descriptors = bench.vesk.descriptor_count()
     flows = [bench.flow(label) for label in range(1, 401)]
@@ -250,8 +252,8 @@ def test_hundreds_of_flows_expire_at_once(cleaning: Cleaned) -> None:
     assert all(lines.count(expiring(flow.label)) == 1 for flow in flows)
 
 
-def test_end_of_input_while_hundreds_expire(start_vesk: StartVesk, peer: UdpEnd,
-                                            upstream: UdpEnd) -> None:
+def test_end_of_input_ends_the_process_while_hundreds_expire(start_vesk: StartVesk, peer: UdpEnd,
+                                                             upstream: UdpEnd) -> None:
     bench = cleaned(start_vesk, peer, upstream)
     flows = [bench.flow(label) for label in range(1, 401)]
     bench.declare(*flows)

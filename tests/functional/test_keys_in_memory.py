@@ -1,4 +1,4 @@
-"""Where keys are in the forwarder's memory: no longer and nowhere else than they are needed."""
+"""Keys are in the forwarder's memory only where and only as long as they are needed."""
 
 from __future__ import annotations
 
@@ -17,8 +17,8 @@ from framework.vesk_process import VeskProcess
 
 pytestmark = pytest.mark.skipif(bool(SANITIZER), reason="the sanitizer keeps freed memory")
 
-# Otherwise the loader, at the first call of each of a library's functions, puts the vector registers
-# on the stack, with whatever was last copied through them.
+# Without this the loader saves the vector registers on the stack at the first call of each library
+# function, with the bytes that were last copied through them.
 LOADED_AT_ONCE = {"LD_BIND_NOW": "1"}
 
 USES = ("down_in", "down_out", "up_in", "up_out")
@@ -38,7 +38,7 @@ def keys_of(flow: Flow) -> List[Key]:
 
 
 def found(bench: Bench, keys: Iterable[Key]) -> List[Mapping]:
-    """Where any of the keys is, as bytes or as the text of a command."""
+    """The places that contain any of the keys, as bytes or as the text of a command."""
     displace_input(bench.vesk)
     return [place for key in keys for secret in (key.secret, key.secret.hex().encode())
             for place in places_of(bench.vesk, secret)]
@@ -56,7 +56,7 @@ def test_keys_of_declared_flows_are_in_no_core_file(bench: Bench) -> None:
         assert [place.dumped for place in found(bench, [key])] == [False]
 
 
-def test_keys_are_wiped_with_their_flow(bench: Bench) -> None:
+def test_keys_are_wiped_when_their_flow_is_removed(bench: Bench) -> None:
     descriptors = bench.vesk.descriptor_count()
     flow = declared(bench)
     bench.exchange(flow)
@@ -100,7 +100,7 @@ def test_keys_of_auxiliary_flows_are_wiped_with_their_owner(bench: Bench) -> Non
     assert found(bench, keys_of(owner)) == []
 
 
-def test_memory_of_removed_flows_is_used_again(bench: Bench) -> None:
+def test_memory_of_removed_flows_is_reused(bench: Bench) -> None:
     def size() -> int:
         return sum(mapping.end - mapping.first for mapping in mappings(bench.vesk)
                    if not mapping.dumped)

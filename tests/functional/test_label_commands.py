@@ -15,7 +15,7 @@ CREATED = re.compile(r"info Created upstream endpoint: label 0x5/5 sockfds \d+ \
 
 
 def refuses(bench: Bench, flow: Flow) -> None:
-    """A label that the forwarder does not know: nothing arrives, nothing is opened."""
+    """The label is unknown: its datagrams are dropped and open no endpoint."""
     bench.vesk.lines_after("log priority debug")
     since = bench.vesk.mark()
     bench.send(flow.request(b"question"))
@@ -31,20 +31,20 @@ def keyed(bench: Bench, label: int = 5) -> Flow:
 
 # Set ------------------------------------------------------------------------------------
 
-def test_a_flow_works_from_the_first_set_on(bench: Bench) -> None:
+def test_a_flow_works_after_its_first_set(bench: Bench) -> None:
     flow = keyed(bench)
     refuses(bench, flow)
     bench.declare(flow)
     bench.exchange(flow)
 
 
-def test_set_opens_nothing_before_traffic_comes(bench: Bench) -> None:
+def test_set_opens_no_socket_before_the_first_datagram(bench: Bench) -> None:
     descriptors = bench.vesk.descriptor_count()
     bench.declare(keyed(bench))
     assert bench.vesk.descriptor_count() == descriptors
 
 
-def test_labels_that_were_not_named_are_written_as_zero(bench: Bench) -> None:
+def test_labels_that_are_not_set_are_written_as_zero(bench: Bench) -> None:
     host, port = bench.upstream.address
     bench.vesk.lines_after(f"set label 5 up_ip {host} up_port {port}")
     flow = Flow(label=5, upstream=bench.upstream.address)
@@ -61,7 +61,7 @@ def test_a_refused_set_changes_nothing(bench: Bench) -> None:
     before = bench.exchange(flow)
     lines = bench.vesk.lines_after("set label 5 up_port 9 down_label 6 up_in_key 00 zzz 1")
     assert lines[-1] == "error setLabelAttrs: bad command for label 5"
-    assert bench.exchange(flow) == before, "the endpoint was opened anew"
+    assert bench.exchange(flow) == before, "the endpoint was opened again"
 
 
 def test_a_refused_set_declares_nothing(bench: Bench) -> None:
@@ -69,7 +69,7 @@ def test_a_refused_set_declares_nothing(bench: Bench) -> None:
     refuses(bench, keyed(bench))
 
 
-# What a second "set" names is taken over; everything else stays.
+# A second "set" changes the attributes that it names and no others.
 @pytest.mark.parametrize("name, member, value", [
     ("up_label", "up_label", 77), ("down_label", "down_label", 78),
     ("down_in_key", "down_in", b"new"), ("down_out_key", "down_out", b"new"),
@@ -92,7 +92,7 @@ def test_a_second_set_changes_only_what_it_names(bench: Bench, name: str, member
     bench.exchange(flow)
 
 
-def test_a_shorter_key_leaves_nothing_of_the_longer_one(bench: Bench) -> None:
+def test_a_shorter_key_replaces_the_longer_one(bench: Bench) -> None:
     flow = keyed(bench)
     bench.declare(flow)
     bench.exchange(flow)
@@ -123,7 +123,7 @@ def test_a_second_set_changes_the_host_and_keeps_the_port(bench: Bench, new_end)
 
 
 def test_an_address_may_come_in_two_halves(bench: Bench) -> None:
-    """Host and port arrive in commands of their own; only together they are resolved."""
+    """Host and port are set by separate commands and resolved only together."""
     flow = keyed(bench)
     flow.upstream = None
     bench.declare(flow)
@@ -133,7 +133,7 @@ def test_an_address_may_come_in_two_halves(bench: Bench) -> None:
     bench.exchange(flow)
 
 
-def test_a_set_of_a_live_label_opens_new_sockets(bench: Bench) -> None:
+def test_a_set_of_a_label_in_use_opens_new_sockets(bench: Bench) -> None:
     flow = keyed(bench)
     bench.declare(flow)
     bench.exchange(flow)
@@ -148,8 +148,8 @@ def test_a_set_of_a_live_label_opens_new_sockets(bench: Bench) -> None:
     bench.vesk.wait_for_descriptor_count(descriptors)
 
 
-def test_a_mark_out_of_range_removes_the_mark(bench: Bench) -> None:
-    """The attribute was named, so its scratch value is taken over: no mark."""
+def test_a_dscp_out_of_range_removes_the_dscp(bench: Bench) -> None:
+    """The attribute is named, so its default value, no DSCP, is stored."""
     flow = keyed(bench)
     flow.options["up_out_dscp_v4"] = 46
     bench.declare(flow)
@@ -160,7 +160,7 @@ def test_a_mark_out_of_range_removes_the_mark(bench: Bench) -> None:
     assert bench.upstream.receive().dscp == 0
 
 
-def test_a_label_set_with_a_bad_mark_exists(bench: Bench) -> None:
+def test_a_label_set_with_a_bad_dscp_is_declared(bench: Bench) -> None:
     flow = keyed(bench)
     flow.options["up_out_dscp_v4"] = 99
     assert bench.vesk.lines_after(flow.set_command()) == [
@@ -171,7 +171,7 @@ def test_a_label_set_with_a_bad_mark_exists(bench: Bench) -> None:
 
 # Resolver failures ----------------------------------------------------------------------
 
-# A name with an unknown scope is refused without asking anybody on the network.
+# The resolver refuses a name with an unknown scope without a query on the network.
 UNRESOLVABLE = "fe80::1%nowhere"
 
 
@@ -189,8 +189,8 @@ def test_an_address_that_cannot_be_resolved_ends_the_process(bench: Bench, comma
                          core_allowed=True)
 
 
-def test_a_merged_address_that_cannot_be_resolved(bench: Bench) -> None:
-    """Found under the lock that the datapath reads with: the end must not hang."""
+def test_a_joined_address_that_cannot_be_resolved_ends_the_process(bench: Bench) -> None:
+    """The failure occurs under the lock that the datapath uses, so the end must not block."""
     flow = keyed(bench)
     bench.declare(flow)
     bench.exchange(flow)
@@ -216,7 +216,7 @@ def test_del_removes_the_flow_and_its_sockets(bench: Bench) -> None:
     refuses(bench, flow)
 
 
-def test_a_removed_flow_leaves_the_others_alone(bench: Bench) -> None:
+def test_removing_a_flow_does_not_affect_others(bench: Bench) -> None:
     first, second = keyed(bench, 5), keyed(bench, 6)
     bench.declare(first)
     bench.declare(second)
@@ -235,7 +235,7 @@ def test_a_removed_flow_can_be_declared_again_from_scratch(bench: Bench) -> None
     bench.exchange(keyless)
 
 
-def test_del_of_an_undeclared_label(bench: Bench) -> None:
+def test_del_of_an_unknown_label_is_silent(bench: Bench) -> None:
     assert bench.vesk.lines_after("del label 5", "del label 4294967295") == []
 
 
@@ -252,8 +252,8 @@ def test_del_of_an_undeclared_label(bench: Bench) -> None:
                             "name 'bogus' unrecognized", 0),
     ("del label 5 up_in_key abc", "Vesk_validateHmacKeyString: bad key, odd length", 5),
 ])
-def test_a_bad_del(bench: Bench, line: str, complaint: str, label: int) -> None:
-    """The second line has no name of a routine in front."""
+def test_a_bad_del_is_refused(bench: Bench, line: str, complaint: str, label: int) -> None:
+    """The second line does not begin with the name of a routine."""
     flow = keyed(bench)
     bench.declare(flow)
     before = bench.exchange(flow)
@@ -272,8 +272,8 @@ def test_other_attributes_of_a_del_have_no_effect(bench: Bench) -> None:
 
 # Many -----------------------------------------------------------------------------------
 
-def test_hundreds_of_flows_come_and_go(bench: Bench) -> None:
-    """More deletions at once than the poll thread's channel has room for."""
+def test_hundreds_of_flows_can_be_declared_and_removed(bench: Bench) -> None:
+    """More deletions at once than fit into the channel of the poll thread."""
     descriptors = bench.vesk.descriptor_count()
     flows = [keyed(bench, label) for label in range(1, 401)]
     bench.vesk.lines_after(*(flow.set_command() for flow in flows))

@@ -1,7 +1,7 @@
-"""Instances that hand each other what the other owns.
+"""Instances that forward datagrams to the instance that owns their label.
 
-In half of these tests a plain socket plays the other instance: it sees every byte that
-goes over the lateral stream, and sends bytes that no honest instance would send.
+In half of these tests a plain socket acts as the other instance: it receives every byte
+sent over the lateral stream, and sends bytes that no correct instance would send.
 """
 
 from __future__ import annotations
@@ -29,7 +29,7 @@ IPV4_HEADER, IPV6_HEADER = 34, 46
 
 
 class Joined:
-    """One forwarder (instance 0 of 2) whose only neighbour is a socket of the test's."""
+    """One forwarder (instance 0 of 2) whose only neighbour is a socket of the test."""
 
     def __init__(self, vesk: VeskProcess, new_end: NewEnd, framing: Framing = UDPV2,
                  listen: str = "127.0.0.1", instances: int = 2) -> None:
@@ -46,21 +46,21 @@ class Joined:
         vesk.lines_after(self.flow.set_command())
 
     def foreign(self, payload: bytes = b"foreign") -> bytes:
-        """A datagram whose label belongs to the neighbour; nobody here knows its keys."""
+        """A datagram whose label belongs to the neighbour. The forwarder has no key for it."""
         return self.framing.build(owned_label(OTHERS), payload, four_keys()["up_in"])
 
     def hand_over(self, datagram: bytes) -> LateralDatagram:
-        """Sends a datagram and returns what the neighbour gets."""
+        """Sends a datagram and returns what the neighbour receives."""
         self.peer.send(datagram, self.to)
         return parse_lateral(self.neighbour.receive().data)
 
     def forward(self, payload: bytes, address: bytes = socket_address_bytes("192.0.2.1", 7),
                 authentication: bytes = b"neighbour's code") -> bytes:
-        """What the neighbour sends when it hands over a datagram of our flow."""
+        """A lateral datagram in which the neighbour forwards a datagram of our flow."""
         return build_lateral(FORWARDED, address, authentication, self.flow.request(payload))
 
     def nothing_reached_the_peer(self) -> None:
-        """The lateral stream is read in order: something that is returned comes last."""
+        """Sends a good returned datagram last: the lateral stream is handled in order."""
         handed = self.hand_over(self.foreign(b"control"))
         self.neighbour.send(build_lateral(RETURNED, handed.address, handed.authentication,
                                           b"control answer"), self.lateral_to)
@@ -77,11 +77,12 @@ def joined(vesk: VeskProcess, new_end: NewEnd) -> Joined:
     return Joined(vesk, new_end)
 
 
-# Handing over ---------------------------------------------------------------------------
+# Sending to the owner -------------------------------------------------------------------
 
 @pytest.mark.parametrize("framing", [UDPV1, UDPV2], ids=lambda framing: framing.name)
-def test_a_foreign_datagram_is_handed_over_unchanged(start_vesk: StartVesk, new_end: NewEnd,
-                                                     framing: Framing) -> None:
+def test_a_datagram_is_sent_unchanged_to_the_owner_of_its_label(start_vesk: StartVesk,
+                                                                new_end: NewEnd,
+                                                                framing: Framing) -> None:
     joined = Joined(start_vesk(framing.name).ready(), new_end, framing)
     datagram = joined.foreign(b"some words")
     joined.peer.send(datagram, joined.to)
@@ -94,8 +95,8 @@ def test_a_foreign_datagram_is_handed_over_unchanged(start_vesk: StartVesk, new_
     assert handed.authentication != bytes(16)
 
 
-def test_an_ipv6_sender_is_handed_over_with_its_address(vesk: VeskProcess,
-                                                        new_end: NewEnd) -> None:
+def test_the_lateral_header_contains_the_address_of_an_ipv6_sender(vesk: VeskProcess,
+                                                                   new_end: NewEnd) -> None:
     joined = Joined(vesk, new_end, listen="::1")
     handed = joined.hand_over(joined.foreign())
     assert handed.address == socket_address_bytes("::1", joined.peer.port)
@@ -121,9 +122,9 @@ def test_every_start_draws_a_new_key(start_vesk: StartVesk, new_end: NewEnd) -> 
 
 
 @pytest.mark.parametrize("listen, header", [("127.0.0.1", IPV4_HEADER), ("::1", IPV6_HEADER)])
-def test_a_header_has_to_fit(vesk: VeskProcess, new_end: NewEnd, listen: str,
-                             header: int) -> None:
-    """2,048 bytes with the header are the most."""
+def test_a_datagram_that_does_not_fit_with_its_header_is_dropped(vesk: VeskProcess, new_end: NewEnd,
+                                                                 listen: str, header: int) -> None:
+    """The limit is 2,048 bytes including the header."""
     joined = Joined(vesk, new_end, listen=listen)
     room = 2048 - header - UDPV2.header_size
     too_long = joined.foreign(b"p" * (room + 1))
@@ -134,14 +135,15 @@ def test_a_header_has_to_fit(vesk: VeskProcess, new_end: NewEnd, listen: str,
     assert wait_for_report(vesk, lambda now: now.lateral["TxDg"] == 1).lateral["TxDgDropped"] == 1
 
 
-def test_own_labels_are_not_handed_over(joined: Joined) -> None:
+def test_datagrams_with_own_labels_are_not_sent_to_the_neighbour(joined: Joined) -> None:
     joined.peer.send(joined.flow.request(b"mine"), joined.to)
     assert joined.flow.open_request(joined.upstream.receive().data).payload == b"mine"
     joined.nothing_reached_the_peer()
     assert joined.neighbour.waiting() is None
 
 
-def test_no_peer_for_the_owner(vesk: VeskProcess, new_end: NewEnd) -> None:
+def test_a_datagram_whose_owner_is_not_a_peer_is_dropped(vesk: VeskProcess,
+                                                         new_end: NewEnd) -> None:
     joined = Joined(vesk, new_end, instances=3)
     unknown = owned_label(2, instances=3)
     joined.peer.send(UDPV2.build(unknown, b"x"), joined.to)
@@ -164,7 +166,7 @@ def _is_free(host: str, port: int) -> bool:
     return True
 
 
-def test_before_the_start_every_label_is_served_locally(vesk: VeskProcess, new_end: NewEnd) -> None:
+def test_before_the_start_an_instance_owns_every_label(vesk: VeskProcess, new_end: NewEnd) -> None:
     upstream, peer = new_end(), new_end()
     flow = Flow(owned_label(OTHERS), upstream.address)
     vesk.lines_after("add_lateral_peer idx 1 addr 127.0.0.2", flow.set_command())
@@ -172,8 +174,8 @@ def test_before_the_start_every_label_is_served_locally(vesk: VeskProcess, new_e
     flow.open_request(upstream.receive().data)
 
 
-def test_without_a_number_of_instances_every_label_is_served_locally(vesk: VeskProcess,
-                                                               new_end: NewEnd) -> None:
+def test_with_zero_instances_an_instance_owns_every_label(vesk: VeskProcess,
+                                                          new_end: NewEnd) -> None:
     port = shared_free_port([LOOPBACK[0]])
     join(vesk, MINE, {0: LOOPBACK[0], 1: LOOPBACK[1]}, port, instances=0)
     upstream, peer = new_end(), new_end()
@@ -185,14 +187,14 @@ def test_without_a_number_of_instances_every_label_is_served_locally(vesk: VeskP
         flow.open_request(upstream.receive().data)
 
 
-# Taking over ----------------------------------------------------------------------------
+# Receiving from another instance --------------------------------------------------------
 
 @pytest.mark.parametrize("framing", [UDPV1, UDPV2], ids=lambda framing: framing.name)
 @pytest.mark.parametrize("address", [socket_address_bytes("192.0.2.1", 7),
                                      socket_address_bytes("2001:db8::1", 7)], ids=["v4", "v6"])
-def test_a_handed_datagram_goes_upstream_and_its_reply_back(
+def test_a_lateral_datagram_is_forwarded_and_its_reply_is_returned(
         start_vesk: StartVesk, new_end: NewEnd, framing: Framing, address: bytes) -> None:
-    """The neighbour's code is kept and given back; only the neighbour can check it."""
+    """The neighbour's HMAC is stored and sent back; only the neighbour can check it."""
     joined = Joined(start_vesk(framing.name).ready(), new_end, framing)
     joined.neighbour.send(joined.forward(b"question", address), joined.lateral_to)
     arrived = joined.upstream.receive()
@@ -206,7 +208,7 @@ def test_a_handed_datagram_goes_upstream_and_its_reply_back(
     assert back.sender[1] == joined.lateral_port
 
 
-def test_a_handed_datagram_makes_one_hop_at_most(joined: Joined) -> None:
+def test_a_lateral_datagram_is_not_sent_to_a_third_instance(joined: Joined) -> None:
     handed = build_lateral(FORWARDED, socket_address_bytes("192.0.2.1", 7), bytes(16),
                            joined.foreign())
     joined.neighbour.send(handed, joined.lateral_to)
@@ -215,7 +217,7 @@ def test_a_handed_datagram_makes_one_hop_at_most(joined: Joined) -> None:
     assert joined.neighbour.waiting() is None
 
 
-def test_a_handed_datagram_is_checked_like_any_other(joined: Joined) -> None:
+def test_a_lateral_datagram_is_checked_with_the_key_of_its_flow(joined: Joined) -> None:
     handed = build_lateral(FORWARDED, socket_address_bytes("192.0.2.1", 7), bytes(16),
                            UDPV2.build(joined.flow.label, b"unsigned"))
     joined.neighbour.send(handed, joined.lateral_to)
@@ -223,7 +225,7 @@ def test_a_handed_datagram_is_checked_like_any_other(joined: Joined) -> None:
     assert report(joined.vesk).downstream["RxDgError"] == 1
 
 
-def test_a_direct_datagram_clears_the_lateral_return_path(joined: Joined) -> None:
+def test_a_direct_datagram_replaces_the_return_path_over_the_neighbour(joined: Joined) -> None:
     joined.neighbour.send(joined.forward(b"by the neighbour"), joined.lateral_to)
     sender = joined.upstream.receive().sender
     joined.upstream.send(joined.flow.reply(b"one"), sender)
@@ -234,7 +236,7 @@ def test_a_direct_datagram_clears_the_lateral_return_path(joined: Joined) -> Non
     answer = joined.peer.receive()
     assert joined.flow.open_reply(answer.data).payload == b"two" and answer.sender == joined.to
     assert joined.neighbour.waiting() is None
-    # And the other way round.
+    # A lateral datagram restores the return path.
     joined.neighbour.send(joined.forward(b"by the neighbour"), joined.lateral_to)
     joined.upstream.receive()
     joined.upstream.send(joined.flow.reply(b"three"), sender)
@@ -246,7 +248,8 @@ def test_a_direct_datagram_clears_the_lateral_return_path(joined: Joined) -> Non
 @pytest.mark.parametrize("address, header", [
     (socket_address_bytes("192.0.2.1", 7), IPV4_HEADER),
     (socket_address_bytes("2001:db8::1", 7), IPV6_HEADER)], ids=["v4", "v6"])
-def test_a_return_header_has_to_fit(joined: Joined, address: bytes, header: int) -> None:
+def test_a_reply_that_does_not_fit_with_its_return_header_is_dropped(joined: Joined, address: bytes,
+                                                                     header: int) -> None:
     joined.neighbour.send(joined.forward(b"question", address), joined.lateral_to)
     sender = joined.upstream.receive().sender
     room = 2048 - header - UDPV2.header_size
@@ -261,8 +264,8 @@ def test_a_return_header_has_to_fit(joined: Joined, address: bytes, header: int)
     assert seen.upstream[joined.flow.label]["DnTxDgDropped"] == 0
 
 
-def test_marks_are_set_on_the_way_to_the_neighbour(joined: Joined) -> None:
-    """A reply over the lateral stream is marked like any reply of its flow."""
+def test_a_reply_to_the_neighbour_has_the_dscp_of_its_flow(joined: Joined) -> None:
+    """A reply over the lateral stream has the same DSCP as any reply of its flow."""
     joined.vesk.lines_after(f"set label {joined.flow.label} down_out_dscp_v4 30")
     joined.neighbour.send(joined.forward(b"question"), joined.lateral_to)
     sender = joined.upstream.receive().sender
@@ -272,8 +275,8 @@ def test_marks_are_set_on_the_way_to_the_neighbour(joined: Joined) -> None:
 
 # Returning ------------------------------------------------------------------------------
 
-def test_a_returned_datagram_reaches_the_peer_as_it_is(joined: Joined, new_end: NewEnd) -> None:
-    """The code is the proof: it matters neither who sends it nor what it carries."""
+def test_a_returned_datagram_reaches_the_peer_unchanged(joined: Joined, new_end: NewEnd) -> None:
+    """Only the HMAC is checked, neither the sender nor the content."""
     handed = joined.hand_over(joined.foreign())
     for sender, content in ((joined.neighbour, b"anything at all"), (new_end(), b"x"),
                             (joined.neighbour, b"p" * (2048 - IPV4_HEADER))):
@@ -308,7 +311,8 @@ def test_a_changed_address_is_refused(joined: Joined, new_end: NewEnd) -> None:
     assert joined.lateral()["RxDgError"] == 1 and other.waiting() is None
 
 
-def test_a_lateral_hmac_of_another_instance_is_refused(start_vesk: StartVesk, new_end: NewEnd) -> None:
+def test_the_lateral_hmac_of_another_instance_is_refused(start_vesk: StartVesk,
+                                                         new_end: NewEnd) -> None:
     first, second = (Joined(start_vesk().ready(), new_end) for _ in range(2))
     second.peer = first.peer
     foreign = second.hand_over(second.foreign())
@@ -354,9 +358,9 @@ def test_bad_headers_are_counted_and_dropped(joined: Joined, datagram: bytes) ->
 
 
 @pytest.mark.parametrize("address_length", [16, 17, 22, 27, 28])
-def test_address_lengths_in_between_are_given_back_as_they_came(joined: Joined,
-                                                                address_length: int) -> None:
-    """Nobody but the instance that wrote an address reads it."""
+def test_addresses_of_other_lengths_are_returned_unchanged(joined: Joined,
+                                                           address_length: int) -> None:
+    """Only the instance that wrote an address reads it."""
     address = bytes(range(address_length))
     joined.neighbour.send(joined.forward(b"question", address), joined.lateral_to)
     sender = joined.upstream.receive().sender
@@ -364,14 +368,14 @@ def test_address_lengths_in_between_are_given_back_as_they_came(joined: Joined,
     assert parse_lateral(joined.neighbour.receive().data).address == address
 
 
-def test_a_header_with_nothing_behind_it(joined: Joined) -> None:
-    """Long enough for a lateral datagram; what it carries is too short to be one."""
+def test_a_lateral_header_without_a_datagram_is_counted(joined: Joined) -> None:
+    """It is long enough for a lateral header, but the datagram in it is too short."""
     joined.neighbour.send(build_lateral(FORWARDED, V4, bytes(16), b""), joined.lateral_to)
     seen = wait_for_report(joined.vesk, lambda now: now.downstream["RxDgError"] == 1)
     assert seen.lateral["RxDg"] == 1 and seen.lateral["RxDgError"] == 0
 
 
-def test_too_long_lateral_datagrams_are_cut(joined: Joined) -> None:
+def test_lateral_datagrams_that_are_too_long_are_truncated(joined: Joined) -> None:
     joined.neighbour.send(joined.forward(b"p" * 3000), joined.lateral_to)
     joined.vesk.wait_for_log("downstreamPacketReceivedFailed HMAC Check!")
     joined.nothing_reached_the_peer()
@@ -385,7 +389,7 @@ def lateral_threads(vesk: VeskProcess) -> List[int]:
     return vesk.threads_in("recvmsg")
 
 
-def test_an_error_while_receiving_is_reported(joined: Joined) -> None:
+def test_a_receive_error_is_reported(joined: Joined) -> None:
     with failing_calls(joined.vesk, lateral_threads(joined.vesk),
                        "recvmsg:error=ENOBUFS:when=1"):
         joined.vesk.wait_for_log("error Forwarder lateral stream endpoint got error while "
@@ -393,7 +397,7 @@ def test_an_error_while_receiving_is_reported(joined: Joined) -> None:
     joined.nothing_reached_the_peer()
 
 
-def test_an_empty_lateral_datagram_is_reported(joined: Joined) -> None:
+def test_an_empty_lateral_datagram_has_no_effect_on_later_ones(joined: Joined) -> None:
     joined.neighbour.send(b"", joined.lateral_to)
     joined.vesk.wait_for_log(re.compile(r"error Forwarder lateral stream endpoint got error while "
                                         r"receiving: errno = \d+ \(.+\)\."))
@@ -401,7 +405,8 @@ def test_an_empty_lateral_datagram_is_reported(joined: Joined) -> None:
 
 
 @pytest.mark.parametrize("error, dropped", [("ENOBUFS", 1), ("EAGAIN", 1), ("ECONNREFUSED", 0)])
-def test_handing_over_fails(joined: Joined, error: str, dropped: int) -> None:
+def test_a_failed_send_to_the_neighbour_is_counted(joined: Joined, error: str,
+                                                   dropped: int) -> None:
     with failing_calls(joined.vesk, lateral_threads(joined.vesk),
                        f"sendmsg:error={error}:when=1") as trace:
         joined.peer.send(joined.foreign(), joined.to)
@@ -412,7 +417,7 @@ def test_handing_over_fails(joined: Joined, error: str, dropped: int) -> None:
 
 
 @pytest.mark.parametrize("error, dropped", [("ENOBUFS", 1), ("EAGAIN", 1), ("ECONNREFUSED", 0)])
-def test_returning_to_the_peer_fails(joined: Joined, error: str, dropped: int) -> None:
+def test_a_failed_send_to_the_peer_is_counted(joined: Joined, error: str, dropped: int) -> None:
     handed = joined.hand_over(joined.foreign())
     with failing_calls(joined.vesk, lateral_threads(joined.vesk),
                        f"sendmsg:error={error}:when=1") as trace:
@@ -427,7 +432,7 @@ def test_returning_to_the_peer_fails(joined: Joined, error: str, dropped: int) -
 # Several forwarders ---------------------------------------------------------------------
 
 class Group:
-    """Real forwarders, each with a flow of its own, all of them joined."""
+    """Joined forwarders, each with its own flow."""
 
     def __init__(self, start_vesk: StartVesk, new_end: NewEnd, count: int,
                  framing: Framing = UDPV2, listen: str = "127.0.0.1") -> None:
@@ -467,7 +472,8 @@ def test_every_flow_is_reached_through_every_instance(
             group.exchange(peer, instance, flow)
 
 
-def test_an_auxiliary_flow_of_another_instance(start_vesk: StartVesk, new_end: NewEnd) -> None:
+def test_an_auxiliary_flow_of_another_instance_is_reached(start_vesk: StartVesk,
+                                                          new_end: NewEnd) -> None:
     group = Group(start_vesk, new_end, 2)
     prefix = owned_label(1) >> 16
     owner = group.flows[1]
@@ -479,8 +485,8 @@ def test_an_auxiliary_flow_of_another_instance(start_vesk: StartVesk, new_end: N
         group.exchange(new_end(), instance, flow)
 
 
-def test_instances_that_go_down_with_traffic_between_them(start_vesk: StartVesk,
-                                                          new_end: NewEnd) -> None:
+def test_instances_end_cleanly_with_traffic_between_them(start_vesk: StartVesk,
+                                                         new_end: NewEnd) -> None:
     group = Group(start_vesk, new_end, 2)
     peer = new_end()
     group.exchange(peer, 0, group.flows[1])

@@ -38,7 +38,7 @@ def remarks_after(vesk: VeskProcess, *commands: str) -> List[str]:
     ("idx 1", "missing or empty 'addr' attr"),
     ("idx 1 addr", "missing or empty 'addr' attr"),
 ])
-def test_bad_peers(vesk: VeskProcess, line: str, complaint: str) -> None:
+def test_bad_peers_are_refused(vesk: VeskProcess, line: str, complaint: str) -> None:
     assert vesk.lines_after(f"add_lateral_peer {line}") == [
         f"error addLateralPeer: bad command, {complaint}"]
 
@@ -46,7 +46,7 @@ def test_bad_peers(vesk: VeskProcess, line: str, complaint: str) -> None:
 @pytest.mark.parametrize("written, index", [("0", 0), ("1", 1), ("0x10", 16), ("010", 8),
                                             ("4294967295", 4294967295)])
 @pytest.mark.parametrize("address", ["127.0.0.2", "::1"])
-def test_good_peers(vesk: VeskProcess, written: str, index: int, address: str) -> None:
+def test_valid_peers_are_added(vesk: VeskProcess, written: str, index: int, address: str) -> None:
     assert vesk.lines_after(f"add_lateral_peer idx {written} addr {address}") == [
         added(index, address)]
 
@@ -79,10 +79,10 @@ def test_a_peer_that_cannot_be_resolved_ends_the_process(vesk: VeskProcess) -> N
     ("addr 127.0.0.1 port 1 idx 0 max_qels z", "Bad lateral Max Qels valuez"),
     ("addr 127.0.0.1 port 1 idx 0 max_qels 4294967296", "Bad lateral Max Qels value4294967296"),
     (f"addr {NOT_A_LINK} port 1 idx 0 max_qels 2", "Invalid lateral address and/or port "),
-    # The address is looked at before the index.
+    # The address is checked before the index.
     (f"addr {NOT_A_LINK} port 1", "Invalid lateral address and/or port "),
 ])
-def test_a_bad_start(vesk: VeskProcess, line: str, complaint: str) -> None:
+def test_a_bad_start_is_refused(vesk: VeskProcess, line: str, complaint: str) -> None:
     vesk.lines_after(PEER)
     descriptors = vesk.descriptor_count()
     assert vesk.lines_after(f"start_lateral {line}") == [
@@ -91,12 +91,12 @@ def test_a_bad_start(vesk: VeskProcess, line: str, complaint: str) -> None:
 
 
 @pytest.mark.parametrize("line", ["", "addr 127.0.0.1 port x", "nonsense"])
-def test_without_peers_nothing_else_is_looked_at(vesk: VeskProcess, line: str) -> None:
+def test_without_peers_no_attribute_is_checked(vesk: VeskProcess, line: str) -> None:
     assert vesk.lines_after(f"start_lateral {line}") == [
         "error startLateralStream: bad command, no peers configured"]
 
 
-def test_what_a_start_reports(vesk: VeskProcess) -> None:
+def test_a_start_logs_its_steps(vesk: VeskProcess) -> None:
     port = free_port()
     lines = remarks_after(vesk, PEER,
                           f"start_lateral addr 127.0.0.1 port {port:#x} idx 0 max_qels 0x2")
@@ -116,14 +116,14 @@ def start_command(port: int) -> str:
     return f"start_lateral addr 127.0.0.1 port {port} idx 0 max_qels 2"
 
 
-def test_it_starts_once(vesk: VeskProcess) -> None:
+def test_a_second_start_is_refused(vesk: VeskProcess) -> None:
     vesk.lines_after(PEER, start_command(free_port()))
     already = ["error startLateralStream: bad command, already started"]
     assert vesk.lines_after(start_command(free_port())) == already
     assert vesk.lines_after("start_lateral nonsense") == already
 
 
-def test_a_failed_bind_can_be_tried_again(vesk: VeskProcess, peer: UdpEnd) -> None:
+def test_a_failed_bind_can_be_repeated(vesk: VeskProcess, peer: UdpEnd) -> None:
     vesk.lines_after(PEER)
     lines = remarks_after(vesk, start_command(peer.port))
     assert lines[-2:] == ["error Failed bind syscall for endpoint socket: Address already in use",
@@ -132,7 +132,7 @@ def test_a_failed_bind_can_be_tried_again(vesk: VeskProcess, peer: UdpEnd) -> No
     assert "Vesk Lateral listener started" in lines[-1]
 
 
-def test_a_receive_thread_that_cannot_be_started(vesk: VeskProcess) -> None:
+def test_a_receive_thread_that_cannot_be_started_is_reported(vesk: VeskProcess) -> None:
     vesk.lines_after(PEER)
     since = vesk.mark()
     port = free_port()
@@ -141,7 +141,7 @@ def test_a_receive_thread_that_cannot_be_started(vesk: VeskProcess) -> None:
     assert vesk.remarks(since)[-2:] == [
         "error Failed to create lateral stream receive thread: Resource temporarily unavailable",
         "error Vesk Lateral listener failed to start, err: -11"]
-    # The first try's socket is given back as soon as another takes its place.
+    # The socket of the first attempt is closed as soon as another one replaces it.
     lines = vesk.lines_after(start_command(free_port()))
     assert "Vesk Lateral listener started" in lines[-1]
 
@@ -150,7 +150,7 @@ def test_the_lateral_thread_ends_with_the_process(vesk: VeskProcess) -> None:
     threads = len(vesk.threads())
     vesk.lines_after(PEER, start_command(free_port()))
     assert len(vesk.threads()) == threads + 1
-    # "stop" is about the listener; the lateral stream goes on.
+    # "stop" ends the listener only; the lateral stream continues.
     assert vesk.lines_after("stop") == []
     assert len(vesk.threads()) == threads + 1
     vesk.finish()

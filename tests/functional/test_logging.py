@@ -1,4 +1,4 @@
-"""Log levels, whole lines, warnings with a time stamp, and a log that nobody reads."""
+"""Log levels, whole lines, warnings with a time stamp, and a log without a reader."""
 
 from __future__ import annotations
 
@@ -19,7 +19,7 @@ from framework.udp import UdpEnd, UpstreamService
 from framework.vesk_process import VeskProcess
 
 
-def test_info_is_the_level_at_the_start(start_vesk: StartVesk) -> None:
+def test_the_default_level_is_info(start_vesk: StartVesk) -> None:
     vesk = start_vesk()
     vesk.settle()
     lines = vesk.lines_after("log", "set label 5 up_out_dscp_v4 64")
@@ -28,7 +28,7 @@ def test_info_is_the_level_at_the_start(start_vesk: StartVesk) -> None:
     assert [line.split()[0] for line in lines] == ["error", "warn"]
 
 
-# What each level lets through of one line of every kind.
+# The kinds of line that each level writes.
 @pytest.mark.parametrize("level, shown", [
     ("error", {"error"}),
     ("warn", {"error", "warn"}),
@@ -36,17 +36,17 @@ def test_info_is_the_level_at_the_start(start_vesk: StartVesk) -> None:
     ("debug", {"error", "warn", "info", "debug"}),
     ("trace", {"error", "warn", "info", "debug", "trace"}),
 ])
-def test_a_level_shows_itself_and_more_severe_levels(vesk: VeskProcess, peer: UdpEnd,
+def test_a_level_includes_all_more_severe_levels(vesk: VeskProcess, peer: UdpEnd,
                                                  upstream: UdpEnd, level: str,
                                                  shown: set) -> None:
     port = vesk.listen()
     flow = Flow(label=5, upstream=upstream.address)
     vesk.lines_after(flow.set_command(), f"log priority {level}")
     since = vesk.mark()
-    # A debug line comes with every command, the others with these:
+    # Every command logs a debug line; these cause the other lines:
     vesk.lines_after("log", "set label 6 up_out_dscp_v4 64", "stop",
                      f"start addr 127.0.0.1 port {port}")
-    # An unsigned datagram whose first payload bytes are zero is remarked upon at trace.
+    # An unsigned datagram whose first payload bytes are zero causes a trace line.
     peer.send(flow.request(bytes(12)), ("127.0.0.1", port))
     upstream.receive()
     vesk.settle()
@@ -60,18 +60,18 @@ def test_an_unknown_level_changes_nothing_and_is_not_logged(vesk: VeskProcess) -
         assert vesk.lines_after(line) == [f"debug Got message: {line}"]
 
 
-def test_the_first_of_two_levels_wins(vesk: VeskProcess) -> None:
+def test_the_first_of_two_levels_is_used(vesk: VeskProcess) -> None:
     vesk.lines_after("log priority debug priority error")
     assert vesk.lines_after("") == ["debug Got message: "]
 
 
-def test_other_words_beside_the_level_are_ignored(vesk: VeskProcess) -> None:
+def test_words_after_the_level_are_ignored(vesk: VeskProcess) -> None:
     vesk.lines_after("log colour red priority debug trailing")
     assert vesk.lines_after("") == ["debug Got message: "]
 
 
 def test_every_line_is_written_whole(start_vesk: StartVesk, tmp_path: Path, new_end) -> None:
-    """One write a line: lines of different threads never mix."""
+    """One write per line: lines of different threads never mix."""
     trace = tmp_path / "writes"
     vesk = start_vesk(prefix=recording_start(trace, "write,writev"))
     port = vesk.listen()
@@ -87,16 +87,16 @@ def test_every_line_is_written_whole(start_vesk: StartVesk, tmp_path: Path, new_
         for _ in range(1, 40):
             peer.receive()
         vesk.finish()
-    # Messages that carry a newline of their own bring an empty line along.
+    # A message that ends in a newline is followed by an empty line.
     writes = re.findall(r'write\(1, "(.*)", \d+\)', trace.read_text())
     assert len(writes) > 100
     for text in writes:
         assert re.fullmatch(r"(error|warn|info|debug|trace) .*?(\\n){1,2}", text), text
 
 
-# The path of the socket routines --------------------------------------------------------
+# Warnings of the socket routines --------------------------------------------------------
 
-def test_a_warning_of_the_socket_routines_carries_the_time(start_vesk: StartVesk) -> None:
+def test_a_warning_of_the_socket_routines_contains_the_time(start_vesk: StartVesk) -> None:
     """Two blanks, the time in UTC, and an empty line after it."""
     vesk = start_vesk(environment={"TZ": "Asia/Tokyo"})
     vesk.settle()
@@ -114,7 +114,7 @@ def test_a_warning_of_the_socket_routines_carries_the_time(start_vesk: StartVesk
     assert vesk.log_lines()[vesk.log_lines().index(line) + 1] == ""
 
 
-def test_the_same_warning_for_ipv6(vesk: VeskProcess) -> None:
+def test_the_warning_for_ipv6_contains_the_time(vesk: VeskProcess) -> None:
     since = vesk.mark()
     with failing_calls(vesk, [vesk.pid], "setsockopt:error=ENOMEM:when=3"):
         vesk.listen("::1")
@@ -124,7 +124,7 @@ def test_the_same_warning_for_ipv6(vesk: VeskProcess) -> None:
 
 
 def test_the_first_warning_opens_no_file(bench: Bench) -> None:
-    """On no thread: whoever closes a listening socket relies on who makes descriptors."""
+    """The thread that closes a listening socket relies on this: no other may make descriptors."""
     bench.declare(bench.flow())
     bench.nothing_went_upstream()
     since = bench.vesk.mark()
@@ -137,7 +137,7 @@ def test_the_first_warning_opens_no_file(bench: Bench) -> None:
     assert "open" not in trace.read_text()
 
 
-def test_warnings_of_the_socket_routines_obey_the_level(vesk: VeskProcess) -> None:
+def test_warnings_of_the_socket_routines_depend_on_the_level(vesk: VeskProcess) -> None:
     vesk.lines_after("log priority error")
     since = vesk.mark()
     with failing_calls(vesk, [vesk.pid], "setsockopt:error=ENOMEM:when=3"):
@@ -146,9 +146,9 @@ def test_warnings_of_the_socket_routines_obey_the_level(vesk: VeskProcess) -> No
     assert not [line for line in vesk.log_lines(since) if line.startswith("warn")]
 
 
-# Nobody reads ---------------------------------------------------------------------------
+# No reader ------------------------------------------------------------------------------
 
-def test_a_closed_log_does_not_stop_forwarding(
+def test_forwarding_continues_when_the_log_reader_has_gone(
         start_vesk: StartVesk, peer: UdpEnd) -> None:
     reading, writing = os.pipe()
     with os.fdopen(writing, "wb") as output:
@@ -157,8 +157,8 @@ def test_a_closed_log_does_not_stop_forwarding(
     flow_is_served_without_a_log(vesk, peer, lambda: os.close(reading))
 
 
-def test_a_full_log_does_not_stop_forwarding(start_vesk: StartVesk,
-                                                         peer: UdpEnd) -> None:
+def test_forwarding_continues_when_writes_to_the_log_fail(start_vesk: StartVesk,
+                                                          peer: UdpEnd) -> None:
     with open("/dev/full", "wb") as output:
         vesk = start_vesk(standard_output=output)
     flow_is_served_without_a_log(vesk, peer, lambda: None)
@@ -173,10 +173,10 @@ def flow_is_served_without_a_log(vesk: VeskProcess, peer: UdpEnd, prepare) -> No
         vesk.command("nonsense")
         vesk.command(flow.set_command())
         port = listen_unseen(vesk)
-        # Nothing tells when the listener is there, so the peer asks until it is answered.
+        # The log cannot show when the listener is ready, so the peer asks until it gets an answer.
         answer = ask_until_answered(peer, flow.request(b"x"), ("127.0.0.1", port))
         assert flow.open_reply(answer).payload == b"x"
-        # Every failing datagram writes a line straight to standard output.
+        # Every datagram that fails its check writes a line directly to standard output.
         for _ in range(100):
             peer.send(flow.framing.build(5, b"unsigned"), ("127.0.0.1", port))
         peer.send(flow.request(b"y"), ("127.0.0.1", port))
@@ -213,9 +213,9 @@ def ask_until_answered(peer: UdpEnd, request: bytes, to) -> bytes:
 
 
 def test_no_signal_is_raised_by_a_broken_pipe(start_vesk: StartVesk) -> None:
-    """Not even by the last lines, written while everything is taken down.
+    """Not even by the last lines, which are written while the threads are stopped.
 
-    A death by the signal would be exit status -13.
+    If the signal ended the process, the exit status would be -13.
     """
     reading, writing = os.pipe()
     with os.fdopen(writing, "wb") as output:

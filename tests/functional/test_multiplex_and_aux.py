@@ -1,4 +1,4 @@
-"""Flows that share an upstream port, and flows that nobody declared one by one."""
+"""Multiplexed flows, which share an upstream port, and auxiliary flows, which share a prefix."""
 
 from __future__ import annotations
 
@@ -20,7 +20,7 @@ UP_AUX_LABEL = 0x7DEF1234
 # Multiplexed flows ----------------------------------------------------------------------
 
 def multiplexed(bench: Bench, labels: List[int], host: str = "127.0.0.1") -> List[Flow]:
-    """Flows with keys of their own behind one upstream source address."""
+    """Flows that have different keys and share one upstream source address."""
     port = free_port(host)
     flows = [bench.flow(label, up_in=Key(f"up in {label}".encode()),
                         down_out=Key(f"down out {label}".encode()),
@@ -40,16 +40,16 @@ def test_multiplexed_flows_share_one_upstream_address(bench: Bench) -> None:
             r"sockfds \d+ \d+"))
 
 
-def test_the_label_finds_the_flow_of_a_multiplexed_reply(
+def test_the_label_selects_the_flow_of_a_multiplexed_reply(
         either_bench: Bench, new_end: Callable[..., UdpEnd]) -> None:
-    """Whichever socket the kernel chooses, each peer gets the answers to its questions."""
+    """Each peer gets the answers to its questions, whichever socket the kernel chooses."""
     bench = either_bench
     flows = multiplexed(bench, list(range(5, 13)))
     peers = {flow.label: new_end() for flow in flows}
     for flow in flows:
         peers[flow.label].send(flow.request(b"question"), bench.to)
         shared = bench.upstream.receive().sender
-    # Senders of different ports land on different sockets.
+    # The kernel assigns senders with different ports to different sockets.
     for sender in [bench.upstream] + [new_end() for _ in range(8)]:
         for flow in flows:
             payload = f"{sender.port} {flow.label}".encode()
@@ -58,7 +58,7 @@ def test_the_label_finds_the_flow_of_a_multiplexed_reply(
 
 
 @pytest.mark.parametrize("label", [0, 99, 0xFFFFFFFF])
-def test_a_multiplexed_reply_of_no_flow_is_dropped(bench: Bench, label: int) -> None:
+def test_a_multiplexed_reply_with_an_unknown_label_is_dropped(bench: Bench, label: int) -> None:
     (flow,) = multiplexed(bench, [5])
     bench.declare(bench.flow(99, up_in=flow.up_in))
     sender = bench.ask(flow).sender
@@ -66,7 +66,7 @@ def test_a_multiplexed_reply_of_no_flow_is_dropped(bench: Bench, label: int) -> 
     bench.nothing_came_back(flow, sender)
 
 
-def test_a_multiplexed_reply_is_checked_with_its_own_flows_key(bench: Bench) -> None:
+def test_a_multiplexed_reply_is_checked_with_the_key_of_its_flow(bench: Bench) -> None:
     first, second = multiplexed(bench, [5, 6])
     sender = bench.ask(first).sender
     bench.ask(second)
@@ -74,7 +74,7 @@ def test_a_multiplexed_reply_is_checked_with_its_own_flows_key(bench: Bench) -> 
     bench.nothing_came_back(first, sender)
 
 
-def test_without_multiplexing_an_address_is_not_shared(bench: Bench) -> None:
+def test_without_multiplexing_flows_cannot_share_an_address(bench: Bench) -> None:
     port = free_port()
     flows = [bench.flow(label, options={"up_src_ip": "127.0.0.1", "up_src_port": port})
              for label in (5, 6)]
@@ -85,18 +85,18 @@ def test_without_multiplexing_an_address_is_not_shared(bench: Bench) -> None:
         "error Failed bind syscall for upstream endpoint socket: Address already in use")
 
 
-def test_multiplexing_is_switched_off_again(bench: Bench) -> None:
+def test_multiplexing_can_be_disabled_again(bench: Bench) -> None:
     (flow,) = multiplexed(bench, [5])
     descriptors = bench.vesk.descriptor_count()
     bench.exchange(flow)
     bench.vesk.lines_after("set label 5 is_multiplex false")
-    # The poll thread closes the old socket, and frees its address, a moment later.
+    # The poll thread closes the old socket, which frees its address, a moment later.
     bench.vesk.wait_for_descriptor_count(descriptors)
     bench.exchange(flow)
     bench.vesk.wait_for_log(re.compile(r"info Created upstream endpoint: label 0x5/5 .*"))
 
 
-def test_removing_one_multiplexed_flow_leaves_the_rest(bench: Bench) -> None:
+def test_removing_one_multiplexed_flow_keeps_the_others(bench: Bench) -> None:
     first, second = multiplexed(bench, [5, 6])
     bench.ask(first)
     bench.ask(second)
@@ -110,7 +110,7 @@ def test_removing_one_multiplexed_flow_leaves_the_rest(bench: Bench) -> None:
 # Auxiliary flows ------------------------------------------------------------------------
 
 class Owner:
-    """A flow that owns a prefix, and the auxiliary flows that follow from it."""
+    """A flow that owns a prefix, and its auxiliary flows."""
 
     def __init__(self, bench: Bench, label: int = 5, **details) -> None:
         self.bench = bench
@@ -122,7 +122,7 @@ class Owner:
         return self
 
     def auxiliary(self, number: int) -> Flow:
-        """Everything as the owner has it, but for the labels."""
+        """An auxiliary flow, which has every attribute of the owner except the labels."""
         owner = self.flow
         return self.bench.flow((PREFIX << 16) | number,
                                up_label=(UP_AUX_LABEL & 0xFFFF0000) | number,
@@ -136,19 +136,19 @@ def owner(bench: Bench) -> Owner:
 
 
 @pytest.mark.parametrize("number", [0, 1, 0x1234, 0xFFFF])
-def test_a_label_with_a_registered_prefix_is_a_flow(owner: Owner, number: int) -> None:
+def test_a_label_with_a_registered_prefix_is_an_auxiliary_flow(owner: Owner, number: int) -> None:
     flow = owner.auxiliary(number)
     owner.bench.exchange(flow)
     owner.bench.vesk.wait_for_log(re.compile(
         rf"info Created upstream endpoint: label 0x{flow.label:x}/{flow.label} sockfds \d+ \d+"))
 
 
-def test_in_both_framings(either_bench: Bench) -> None:
+def test_auxiliary_flows_work_in_both_framings(either_bench: Bench) -> None:
     owner = Owner(either_bench).declare()
     either_bench.exchange(owner.auxiliary(7))
 
 
-def test_the_owner_stays_a_flow_of_its_own(owner: Owner) -> None:
+def test_the_owner_works_as_a_flow_itself(owner: Owner) -> None:
     owner.bench.exchange(owner.flow)
     owner.bench.exchange(owner.auxiliary(1))
     owner.bench.exchange(owner.flow)
@@ -159,7 +159,7 @@ def test_each_auxiliary_flow_has_its_own_socket(owner: Owner) -> None:
     assert len({owner.bench.exchange(flow) for flow in flows}) == len(flows)
 
 
-def test_auxiliary_flows_may_have_another_upstream_service(bench: Bench,
+def test_auxiliary_flows_can_have_another_upstream_service(bench: Bench,
                                                            new_end: Callable[..., UdpEnd]) -> None:
     owner = Owner(bench)
     service = new_end("127.0.0.6")
@@ -170,14 +170,14 @@ def test_auxiliary_flows_may_have_another_upstream_service(bench: Bench,
     bench.exchange(owner.auxiliary(1))
 
 
-def test_an_unresolved_auxiliary_address_falls_back_to_the_owners(bench: Bench) -> None:
+def test_without_an_auxiliary_address_the_owners_is_used(bench: Bench) -> None:
     owner = Owner(bench)
     owner.flow.options.update(up_aux_flow_ip="127.0.0.6")
     owner.declare()
     bench.exchange(owner.auxiliary(1))
 
 
-def test_a_declared_label_beats_the_prefix(owner: Owner) -> None:
+def test_a_declared_label_takes_precedence_over_a_prefix(owner: Owner) -> None:
     label = (PREFIX << 16) | 1
     declared = owner.bench.flow(label, up_label=1, down_label=2)
     owner.bench.declare(declared)
@@ -185,13 +185,13 @@ def test_a_declared_label_beats_the_prefix(owner: Owner) -> None:
 
 
 @pytest.mark.parametrize("missing", ["up_aux_flow_label", "down_aux_flow_label_prefix"])
-def test_half_of_the_two_attributes_registers_nothing(bench: Bench, missing: str) -> None:
+def test_one_of_the_two_attributes_alone_registers_nothing(bench: Bench, missing: str) -> None:
     owner = Owner(bench)
     value = owner.flow.options.pop(missing)
     owner.declare()
     bench.send(owner.auxiliary(1).request(b"x"))
     bench.nothing_went_upstream()
-    # The other half may come later.
+    # The other attribute may be set later.
     bench.vesk.lines_after(f"set label 5 {missing} {value}")
     bench.exchange(owner.auxiliary(1))
 
@@ -211,8 +211,8 @@ def test_an_auxiliary_datagram_is_checked_with_the_owners_key(owner: Owner) -> N
     owner.bench.vesk.wait_for_descriptor_count(descriptors)
 
 
-def test_a_refused_auxiliary_label_leaves_no_record_with_its_owner(owner: Owner) -> None:
-    """Declared later by itself, the label does not go when the owner goes."""
+def test_a_refused_auxiliary_datagram_leaves_no_record(owner: Owner) -> None:
+    """If the label is declared later, it is not removed together with the owner."""
     bench = owner.bench
     label = (PREFIX << 16) | 1
     bench.send(bench.framing.build(label, b"unsigned"))
@@ -232,12 +232,12 @@ def test_a_prefix_has_one_owner(owner: Owner) -> None:
     owner.bench.exchange(owner.auxiliary(1))
 
 
-def test_setting_the_owner_again_is_no_second_registration(owner: Owner) -> None:
+def test_setting_the_owner_again_keeps_its_registration(owner: Owner) -> None:
     assert owner.bench.vesk.lines_after(owner.flow.set_command()) == []
     owner.bench.exchange(owner.auxiliary(1))
 
 
-def test_a_changed_owner_changes_its_auxiliary_flows(owner: Owner) -> None:
+def test_changing_the_owner_changes_its_auxiliary_flows(owner: Owner) -> None:
     bench = owner.bench
     bench.exchange(owner.auxiliary(1))
     descriptors = bench.vesk.descriptor_count()
@@ -262,7 +262,7 @@ def test_del_of_the_owner_removes_its_auxiliary_flows(owner: Owner) -> None:
     assert bench.vesk.descriptor_count() == descriptors
 
 
-def test_del_of_one_auxiliary_flow_leaves_prefix_and_siblings(owner: Owner) -> None:
+def test_del_of_one_auxiliary_flow_keeps_the_prefix_and_the_others(owner: Owner) -> None:
     bench = owner.bench
     first, second = owner.auxiliary(1), owner.auxiliary(2)
     bench.exchange(first)
@@ -271,14 +271,14 @@ def test_del_of_one_auxiliary_flow_leaves_prefix_and_siblings(owner: Owner) -> N
     bench.vesk.lines_after(f"del label {first.label}")
     bench.vesk.wait_for_descriptor_count(descriptors - 2)
     assert bench.exchange(second) == before
-    # The next datagram of the removed label makes it anew.
+    # The next datagram of the removed label creates the flow again.
     bench.exchange(first)
-    # It is the owner's again: it goes when the owner goes.
+    # It is an auxiliary flow again, so it is removed with the owner.
     bench.vesk.lines_after("del label 5")
     bench.vesk.wait_for_descriptor_count(descriptors - 4)
 
 
-def test_del_of_the_second_claimant_leaves_the_prefix_with_its_owner(owner: Owner) -> None:
+def test_del_of_a_flow_refused_as_second_owner_keeps_the_prefix(owner: Owner) -> None:
     bench = owner.bench
     second = Owner(bench, label=6)
     bench.vesk.lines_after(second.flow.set_command())
@@ -295,8 +295,8 @@ def test_a_freed_prefix_can_be_registered_by_another(owner: Owner) -> None:
     bench.exchange(second.auxiliary(1))
 
 
-def test_set_of_an_auxiliary_label_declares_a_changed_copy(owner: Owner) -> None:
-    """The record that followed from the owner is the one that "set" merges into."""
+def test_set_of_an_auxiliary_label_changes_a_copy_of_its_record(owner: Owner) -> None:
+    """The "set" changes the record that was copied from the owner."""
     bench = owner.bench
     flow = owner.auxiliary(1)
     bench.exchange(flow)
@@ -305,8 +305,8 @@ def test_set_of_an_auxiliary_label_declares_a_changed_copy(owner: Owner) -> None
     bench.exchange(flow)
 
 
-def test_the_record_of_an_auxiliary_flow_outlives_a_network_error(bench: Bench) -> None:
-    """A broadcast address may not be sent to. What follows from the owner stays to be changed."""
+def test_the_record_of_an_auxiliary_flow_remains_after_a_network_error(bench: Bench) -> None:
+    """Sending to a broadcast address fails. A later "set" still changes the copied record."""
     owner = Owner(bench)
     owner.flow.options.update(up_aux_flow_ip="127.255.255.255",
                               up_aux_flow_port=bench.upstream.port)
@@ -320,7 +320,7 @@ def test_the_record_of_an_auxiliary_flow_outlives_a_network_error(bench: Bench) 
     bench.exchange(flow)
 
 
-def test_an_owner_may_be_changed_to_another_prefix(owner: Owner) -> None:
+def test_an_owner_can_be_changed_to_another_prefix(owner: Owner) -> None:
     bench = owner.bench
     bench.exchange(owner.auxiliary(1))
     bench.vesk.lines_after(f"set label 5 down_aux_flow_label_prefix {PREFIX + 1}")
@@ -331,8 +331,8 @@ def test_an_owner_may_be_changed_to_another_prefix(owner: Owner) -> None:
     bench.exchange(moved)
 
 
-def test_an_auxiliary_flow_of_a_multiplexed_owner(vesk: VeskProcess, peer: UdpEnd,
-                                                  upstream: UdpEnd) -> None:
+def test_an_auxiliary_flow_of_a_multiplexed_owner_is_multiplexed(vesk: VeskProcess, peer: UdpEnd,
+                                                                 upstream: UdpEnd) -> None:
     bench = Bench(vesk, peer, upstream)
     owner = Owner(bench)
     owner.flow.options.update(is_multiplex="true", up_src_ip="127.0.0.1",

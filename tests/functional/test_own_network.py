@@ -1,4 +1,4 @@
-"""The tests of a process have a network of their own, so that others cannot disturb them."""
+"""The tests of a process run in their own network, so that other processes cannot interfere."""
 
 from __future__ import annotations
 
@@ -11,7 +11,7 @@ from framework import own_network
 from framework.udp import UdpEnd
 
 
-def test_a_port_is_free_again_in_a_network_of_its_own(peer: UdpEnd) -> None:
+def test_a_taken_port_is_free_in_another_network(peer: UdpEnd) -> None:
     child = os.fork()
     if child == 0:
         try:

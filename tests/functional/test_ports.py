@@ -1,4 +1,4 @@
-"""Port numbers beyond 16 bits: which are cut, which the resolver refuses."""
+"""Port numbers above 16 bits: which are truncated, and which the resolver refuses."""
 
 from __future__ import annotations
 
@@ -16,14 +16,14 @@ from framework.vesk_process import VeskProcess
 
 TWO_TO_32 = 1 << 32
 
-# Cut to 32 bits they do not fit a signed number, and the resolver takes them for a service's name.
+# Truncated to 32 bits they exceed a signed number, so the resolver treats them as service names.
 REFUSED = ["-1", "-65536", "2147483648", "4294967295", str(TWO_TO_32 + 2147483648),
            "18446744073709551615"]
 NO_PORT = ["0", str(TWO_TO_32), str(-TWO_TO_32)]
 
 
 def beyond(port: int) -> List[int]:
-    """Numbers with this port in their low 16 bits that the resolver is content with."""
+    """Numbers with this port in their low 16 bits that the resolver accepts."""
     return [port + 65536, port + 2147418112, port + TWO_TO_32, port - TWO_TO_32]
 
 
@@ -57,7 +57,7 @@ def test_start_listens_on_the_low_16_bits(bench: Bench, case: int) -> None:
 
 
 @pytest.mark.parametrize("text", REFUSED)
-def test_start_ends_the_process(vesk: VeskProcess, text: str) -> None:
+def test_start_with_a_refused_port_ends_the_process(vesk: VeskProcess, text: str) -> None:
     vesk.command(f"start addr 127.0.0.1 port {text}")
     ends_with_resolver_failure(vesk, text)
 
@@ -109,7 +109,8 @@ def test_start_lateral_listens_on_the_low_16_bits(vesk: VeskProcess, case: int) 
 
 
 @pytest.mark.parametrize("text", REFUSED)
-def test_start_lateral_is_refused(vesk: VeskProcess, text: str) -> None:
+def test_start_lateral_refuses_a_port_that_the_resolver_refuses(vesk: VeskProcess,
+                                                                text: str) -> None:
     assert start_lateral(vesk, text) == [
         "error startLateralStream: bad command, Invalid lateral address and/or port "]
 
@@ -133,7 +134,8 @@ def test_set_sends_to_the_low_16_bits(bench: Bench, case: int) -> None:
 
 @pytest.mark.parametrize("command", ["set", "del"])
 @pytest.mark.parametrize("text", REFUSED)
-def test_set_and_del_end_the_process(vesk: VeskProcess, command: str, text: str) -> None:
+def test_set_and_del_with_a_refused_port_end_the_process(vesk: VeskProcess, command: str,
+                                                         text: str) -> None:
     vesk.command(f"{command} label 5 up_ip 127.0.0.1 up_port {text}")
     ends_with_resolver_failure(vesk, text)
 
@@ -147,7 +149,8 @@ def test_a_port_alone_whose_low_16_bits_are_0_changes_nothing(bench: Bench, text
 
 
 @pytest.mark.parametrize("multiple", [1, 32768, 65535])
-def test_a_port_alone_is_cut_before_it_is_looked_up(bench: Bench, new_end, multiple: int) -> None:
+def test_a_port_alone_is_truncated_before_it_is_resolved(bench: Bench, new_end,
+                                                         multiple: int) -> None:
     flow = bench.flow()
     bench.declare(flow)
     bench.upstream = new_end()

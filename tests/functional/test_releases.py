@@ -1,4 +1,4 @@
-"""What the release of many flows at once, or of one that is wanted again, does to the traffic."""
+"""Traffic while many flows are released at once, or while one is released and used again."""
 
 from __future__ import annotations
 
@@ -20,14 +20,14 @@ DESCRIPTORS_EACH = 2
 _, _MOST_DESCRIPTORS = resource.getrlimit(resource.RLIMIT_NOFILE)
 EXPIRING = min(5000, _MOST_DESCRIPTORS // DESCRIPTORS_EACH - 100)
 RELEASED = min(9500, _MOST_DESCRIPTORS // DESCRIPTORS_EACH - 100)
-# One of these rounds has to keep the limit: the machine may have other work in each of them.
+# At least one of these rounds has to meet the limit; other work on the machine may slow the rest.
 ROUNDS = 3
 
 pytestmark = pytest.mark.skipif(SANITIZER != "", reason="the limits are those of a release build")
 
 
 class Crowd:
-    """An owner and thousands of auxiliary flows with a socket each."""
+    """An owner and thousands of auxiliary flows, each with its own socket."""
 
     def __init__(self, bench: Bench, service: UdpEnd, size: int) -> None:
         self.bench = bench
@@ -38,7 +38,7 @@ class Crowd:
         bench.declare(self.owner)
 
     def open(self) -> None:
-        """Opens every socket by a datagram; few are on their way at once, so that none is lost."""
+        """Opens every socket with a datagram. Sends a few at a time, so that none is lost."""
         build = self.bench.framing.build
         for number in range(1, self.size + 1):
             self.bench.send(build((PREFIX << 16) | number, b"x"))
@@ -55,12 +55,12 @@ def declared_bound(bench: Bench, label: int) -> Flow:
 
 
 def slowest_round_trip(bench: Bench, until: Callable[[], bool], seconds: float) -> float:
-    """Exchanges datagrams of one flow one after another until a condition holds; in
+    """Exchanges datagrams of one flow until a condition holds. Returns the longest exchange in
     milliseconds."""
     slowest = 0.0
     deadline = time.monotonic() + seconds
     while not until():
-        assert time.monotonic() < deadline, "the flows are still there"
+        assert time.monotonic() < deadline, "the flows were not released in time"
         for _ in range(20):
             began = time.perf_counter()
             bench.exchange(bench.control)
@@ -80,7 +80,7 @@ def crowd_is_gone(bench: Bench) -> Callable[[], bool]:
 
 
 @pytest.mark.parametrize("command", ["del label 5", "set label 5 down_label 77"])
-def test_other_flows_are_served_while_an_owner_and_its_flows_are_removed(
+def test_other_flows_continue_while_an_owner_and_its_flows_are_removed(
         bench: Bench, new_end: Callable[..., UdpEnd], command: str) -> None:
     bench.vesk.unlimit_descriptors()
     bench.vesk.lines_after("log priority error")
@@ -96,9 +96,9 @@ def test_other_flows_are_served_while_an_owner_and_its_flows_are_removed(
     best_of_rounds(20, one_round)
 
 
-def test_other_flows_are_served_while_thousands_expire(start_vesk: StartVesk, peer: UdpEnd,
-                                                  upstream: UdpEnd,
-                                                  new_end: Callable[..., UdpEnd]) -> None:
+def test_other_flows_continue_while_thousands_expire(start_vesk: StartVesk, peer: UdpEnd,
+                                                     upstream: UdpEnd,
+                                                     new_end: Callable[..., UdpEnd]) -> None:
     bench = Bench(start_vesk("udpv2", "4").ready(), peer, upstream)
     bench.vesk.unlimit_descriptors()
     bench.vesk.lines_after("log priority error")
@@ -113,14 +113,14 @@ def test_other_flows_are_served_while_thousands_expire(start_vesk: StartVesk, pe
 
 
 @pytest.mark.limit_seconds(240)
-def test_a_bound_flow_is_made_again_while_thousands_expire(start_vesk: StartVesk, peer: UdpEnd,
-                                                           upstream: UdpEnd,
-                                                           new_end: Callable[..., UdpEnd]) -> None:
+def test_a_bound_flow_is_created_again_while_thousands_expire(
+        start_vesk: StartVesk, peer: UdpEnd, upstream: UdpEnd,
+        new_end: Callable[..., UdpEnd]) -> None:
     vesk = start_vesk("udpv2", "5").ready()
     bench = Bench(vesk, peer, upstream)
     vesk.unlimit_descriptors()
     crowd = Crowd(bench, new_end(), EXPIRING)
-    # Its label is the highest: it is the last that a pass comes to.
+    # Its label is the highest, so a pass handles it last.
     bound = declared_bound(bench, 0x7FFFFFF0)
     now = "info Task [FlowCleanUpTask] now executing"
 
@@ -139,7 +139,7 @@ def test_a_bound_flow_is_made_again_while_thousands_expire(start_vesk: StartVesk
         vesk.wait_for_log(re.compile("info Created upstream endpoint: label 0x7ffffff0/.*"), since)
         lines = vesk.log_lines(since)
         assert sum(line.startswith("debug Expiring label 0xabc") for line in lines) == EXPIRING
-        # Nothing is said of the flow that is made again before the old one is said to expire.
+        # The new flow is logged only after the expiry of the old one.
         of_bound = [line for line in lines if "label 0x7ffffff0/" in line]
         assert [line.split()[1] for line in of_bound] == ["Expiring", "Created"]
         return took * 1000
@@ -147,8 +147,8 @@ def test_a_bound_flow_is_made_again_while_thousands_expire(start_vesk: StartVesk
     best_of_rounds(10, one_round)
 
 
-def test_no_datagram_is_lost_after_a_bound_flow_was_set(bench: Bench) -> None:
-    """The worker that has just returned a reply may still hold the old socket."""
+def test_no_datagram_is_lost_after_a_set_of_a_bound_flow(bench: Bench) -> None:
+    """The worker that has just forwarded a reply may still hold the old socket."""
     bench.vesk.lines_after("log priority error")
     flow = declared_bound(bench, 6)
     sender = bench.exchange(flow)

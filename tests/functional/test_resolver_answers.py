@@ -1,4 +1,4 @@
-"""A resolver that succeeds without an address: the command is refused, the process goes on."""
+"""A resolver that succeeds without an address: the command is refused, the process continues."""
 
 from __future__ import annotations
 
@@ -14,7 +14,7 @@ from framework.timing import SANITIZER
 from framework.udp import UdpEnd, free_port
 from framework.vesk_process import VeskProcess
 
-pytestmark = pytest.mark.skipif(bool(SANITIZER), reason="the sanitizer's library has to come first")
+pytestmark = pytest.mark.skipif(bool(SANITIZER), reason="the sanitizer has to be loaded first")
 
 SOURCE = Path(__file__).resolve().parent / "resolver" / "empty_answer.c"
 StartWithEmptyAnswer = Callable[[int], VeskProcess]
@@ -22,7 +22,7 @@ StartWithEmptyAnswer = Callable[[int], VeskProcess]
 
 @pytest.fixture
 def start_with_empty_answer(start_vesk: StartVesk, tmp_path: Path) -> StartWithEmptyAnswer:
-    """Starts a forwarder whose resolver gives the answer of this number, from 1, empty."""
+    """Starts a forwarder whose resolver returns an empty answer to its n-th query, from 1."""
     library = tmp_path / "empty_answer.so"
     subprocess.run(["cc", "-shared", "-fPIC", "-O1", "-Wall", "-Wextra", "-Werror", str(SOURCE),
                     "-o", str(library)], check=True)
@@ -39,8 +39,8 @@ def remarks_after(vesk: VeskProcess, command: str) -> List[str]:
 
 
 @pytest.mark.parametrize("number", [1, 2])
-def test_start(start_with_empty_answer: StartWithEmptyAnswer, number: int) -> None:
-    """The address is looked up when the command is checked, and again for the socket."""
+def test_start_is_refused(start_with_empty_answer: StartWithEmptyAnswer, number: int) -> None:
+    """The address is resolved when the command is checked, and again for the socket."""
     vesk = start_with_empty_answer(number)
     descriptors = vesk.descriptor_count()
     port = free_port()
@@ -53,9 +53,9 @@ def test_start(start_with_empty_answer: StartWithEmptyAnswer, number: int) -> No
     vesk.listen()
 
 
-def test_a_refused_second_start_leaves_the_first_one_its_socket(
+def test_a_refused_second_start_keeps_the_socket_of_the_first(
         start_with_empty_answer: StartWithEmptyAnswer, peer: UdpEnd, upstream: UdpEnd) -> None:
-    """Two answers are for the first start, the third is for the flow, the fifth is empty."""
+    """Two answers belong to the first start and the third to the flow; the fifth is empty."""
     bench = Bench(start_with_empty_answer(5), peer, upstream)
     assert remarks_after(bench.vesk, f"start addr 127.0.0.1 port {free_port()}")[-1] == (
         "error startForwarder: bad command,  Invalid address and/or port ")
@@ -63,7 +63,8 @@ def test_a_refused_second_start_leaves_the_first_one_its_socket(
 
 
 @pytest.mark.parametrize("number", [2, 3])
-def test_start_lateral(start_with_empty_answer: StartWithEmptyAnswer, number: int) -> None:
+def test_start_lateral_is_refused(start_with_empty_answer: StartWithEmptyAnswer,
+                                  number: int) -> None:
     vesk = start_with_empty_answer(number)
     vesk.lines_after("add_lateral_peer idx 1 addr 127.0.0.2")
     descriptors = vesk.descriptor_count()
@@ -80,13 +81,13 @@ def test_start_lateral(start_with_empty_answer: StartWithEmptyAnswer, number: in
         f"info Vesk Lateral listener started on port {port} address 127.0.0.1 index 0 maxQels 2")
 
 
-def test_add_lateral_peer(start_with_empty_answer: StartWithEmptyAnswer) -> None:
+def test_add_lateral_peer_is_refused(start_with_empty_answer: StartWithEmptyAnswer) -> None:
     vesk = start_with_empty_answer(1)
     assert remarks_after(vesk, "add_lateral_peer idx 1 addr 127.0.0.2") == [
         "error addLateralPeer: bad command, Invalid address"]
 
 
-def test_set(start_with_empty_answer: StartWithEmptyAnswer) -> None:
+def test_set_is_refused(start_with_empty_answer: StartWithEmptyAnswer) -> None:
     vesk = start_with_empty_answer(1)
     assert remarks_after(vesk, "set label 5 up_ip 127.0.0.1 up_port 9") == [
         "error Vesk_validateAddrInfoString: up_addrinfo: unresolvable address '127.0.0.1|9'"
@@ -94,8 +95,8 @@ def test_set(start_with_empty_answer: StartWithEmptyAnswer) -> None:
         "error setLabelAttrs: bad command for label 5"]
 
 
-def test_set_of_half_an_address(start_with_empty_answer: StartWithEmptyAnswer) -> None:
-    """Looked up with the half that is stored; nothing changes."""
+def test_set_of_half_an_address_is_refused(start_with_empty_answer: StartWithEmptyAnswer) -> None:
+    """The address is resolved together with the stored half; nothing changes."""
     vesk = start_with_empty_answer(2)
     assert remarks_after(vesk, "set label 5 up_ip 127.0.0.1 up_port 9") == []
     assert remarks_after(vesk, "set label 5 up_port 10") == [

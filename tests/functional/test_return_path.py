@@ -20,8 +20,8 @@ from framework.vesk_process import VeskProcess
 
 @pytest.mark.parametrize("incoming", [None, "sha1", "sha256"])
 @pytest.mark.parametrize("outgoing", [None, "sha1", "sha256"])
-def test_replies_are_checked_and_signed_anew(either_bench: Bench, incoming: Optional[str],
-                                             outgoing: Optional[str]) -> None:
+def test_replies_are_checked_and_signed_again(either_bench: Bench, incoming: Optional[str],
+                                              outgoing: Optional[str]) -> None:
     flow = either_bench.flow(up_in=incoming and Key(b"upstream", incoming),
                              down_out=outgoing and Key(b"downstream", outgoing))
     either_bench.declare(flow)
@@ -47,7 +47,7 @@ def test_a_reply_that_fails_its_check_is_dropped_silently(either_bench: Bench) -
     assert either_bench.vesk.remarks(since) == []
 
 
-def test_a_keyless_flow_insists_on_zeros_in_replies(either_bench: Bench) -> None:
+def test_a_flow_without_a_key_requires_zeros_in_replies(either_bench: Bench) -> None:
     flow = either_bench.flow()
     either_bench.declare(flow)
     sender = either_bench.ask(flow).sender
@@ -61,7 +61,7 @@ def test_a_keyless_flow_insists_on_zeros_in_replies(either_bench: Bench) -> None
 # Framing --------------------------------------------------------------------------------
 
 @pytest.mark.parametrize("length", [2047, 2048])
-def test_the_largest_replies(either_bench: Bench, length: int) -> None:
+def test_the_largest_replies_are_forwarded(either_bench: Bench, length: int) -> None:
     flow = either_bench.flow(**four_keys())
     either_bench.declare(flow)
     sender = either_bench.ask(flow).sender
@@ -69,7 +69,7 @@ def test_the_largest_replies(either_bench: Bench, length: int) -> None:
     assert len(either_bench.answer(flow, sender, payload).data) == length
 
 
-def test_larger_replies_are_cut_and_handled_as_such(either_bench: Bench) -> None:
+def test_larger_replies_are_truncated_before_they_are_handled(either_bench: Bench) -> None:
     keyless, keyed = either_bench.flow(5), either_bench.flow(6, **four_keys())
     either_bench.declare(keyless, keyed)
     sender = either_bench.ask(keyless).sender
@@ -84,8 +84,8 @@ def test_larger_replies_are_cut_and_handled_as_such(either_bench: Bench) -> None
 
 @pytest.mark.parametrize("missing", [1, 4, 10, 19])
 def test_short_replies_are_dropped(either_bench: Bench, missing: int) -> None:
-    """Shorter than the smallest header by so many bytes, which are still in the buffer
-    from the reply before."""
+    """The smallest header without its last bytes, which the buffer still contains from the
+    reply before."""
     flow = either_bench.flow()
     either_bench.declare(flow)
     sender = either_bench.ask(flow).sender
@@ -106,8 +106,8 @@ def test_replies_with_a_bad_header_length_are_dropped(start_vesk: StartVesk, pee
     bench.nothing_came_back(flow, sender)
 
 
-def test_an_empty_reply_changes_nothing(bench: Bench) -> None:
-    """Neither is the flow taken down nor does its socket go deaf."""
+def test_an_empty_reply_has_no_effect(bench: Bench) -> None:
+    """The flow is kept, and its socket is armed again."""
     flow = bench.flow(**four_keys())
     bench.declare(flow)
     sender = bench.exchange(flow)
@@ -123,7 +123,7 @@ def test_an_empty_reply_changes_nothing(bench: Bench) -> None:
     assert bench.vesk.descriptor_count() == descriptors
 
 
-def test_what_looks_like_udpv1_is_logged_in_replies_too(bench: Bench) -> None:
+def test_a_reply_that_looks_like_udpv1_is_logged(bench: Bench) -> None:
     flow = bench.flow()
     bench.declare(flow)
     sender = bench.ask(flow).sender
@@ -136,8 +136,8 @@ def test_what_looks_like_udpv1_is_logged_in_replies_too(bench: Bench) -> None:
 # Labels ---------------------------------------------------------------------------------
 
 @pytest.mark.parametrize("label", [0, 5, 6, 0xFFFFFFFF])
-def test_the_label_of_a_reply_does_not_decide(either_bench: Bench, label: int) -> None:
-    """The socket names the flow; another label is counted and carried on with."""
+def test_the_label_of_a_reply_does_not_select_the_flow(either_bench: Bench, label: int) -> None:
+    """The socket selects the flow. Another label is counted, and the reply is forwarded."""
     flow = either_bench.flow(**four_keys())
     either_bench.declare(flow)
     sender = either_bench.ask(flow).sender
@@ -146,7 +146,7 @@ def test_the_label_of_a_reply_does_not_decide(either_bench: Bench, label: int) -
 
 
 def test_flows_do_not_mix(bench: Bench, new_end: Callable[..., UdpEnd]) -> None:
-    """Thirty flows with peers of their own: every answer finds its question's sender."""
+    """Thirty flows with one peer each: every answer reaches the sender of its question."""
     flows = [bench.flow(label, **four_keys()) for label in range(1, 31)]
     bench.declare(*flows)
     peers = {flow.label: new_end() for flow in flows}
@@ -183,8 +183,9 @@ def test_replies_without_a_request_go_to_the_last_sender(bench: Bench) -> None:
         bench.answer(flow, sender, f"answer {number}".encode())
 
 
-def test_replies_may_come_from_anywhere(bench: Bench, new_end: Callable[..., UdpEnd]) -> None:
-    """The socket is not tied to the upstream address; the key is what counts."""
+def test_replies_are_accepted_from_any_address(bench: Bench,
+                                               new_end: Callable[..., UdpEnd]) -> None:
+    """The socket is not connected to the upstream address; only the key is checked."""
     flow = bench.flow(**four_keys())
     bench.declare(flow)
     sender = bench.ask(flow).sender
@@ -199,7 +200,7 @@ def test_replies_come_from_the_port_that_received_the_request(bench: Bench) -> N
     assert bench.answer(flow, sender).sender == bench.to
 
 
-def test_a_closed_peer_is_no_error(bench: Bench, new_end: Callable[..., UdpEnd]) -> None:
+def test_a_peer_that_has_gone_is_no_error(bench: Bench, new_end: Callable[..., UdpEnd]) -> None:
     flow = bench.flow()
     bench.declare(flow)
     gone = new_end()
@@ -214,9 +215,9 @@ def test_a_closed_peer_is_no_error(bench: Bench, new_end: Callable[..., UdpEnd])
     assert bench.vesk.remarks(since) == []
 
 
-def test_an_upstream_service_that_is_not_there_is_no_error(
+def test_an_unreachable_upstream_service_is_no_error(
         bench: Bench, new_end: Callable[..., UdpEnd]) -> None:
-    """Its host answers with an error message; the flow just waits for the service."""
+    """Its host answers with an ICMP error, and the flow remains until the service is back."""
     port = free_port()
     flow = bench.flow(upstream=("127.0.0.1", port))
     bench.declare(flow)
@@ -236,9 +237,9 @@ def test_an_upstream_service_that_is_not_there_is_no_error(
 # From which address ---------------------------------------------------------------------
 
 @pytest.mark.parametrize("asked", ["127.0.0.1", "127.0.0.2", "127.1.2.3"])
-def test_an_ipv6_listener_answers_ipv4_peers_from_the_address_they_asked(
+def test_an_ipv6_listener_answers_ipv4_peers_from_their_destination(
         vesk: VeskProcess, peer: UdpEnd, upstream: UdpEnd, asked: str) -> None:
-    """Where the source address is honoured: in the packet information of IPv6."""
+    """The kernel uses the source address from the packet information of IPv6."""
     bench = Bench(vesk, peer, upstream, listen="::")
     bench.to = (asked, bench.to[1])
     flow = bench.flow(options={"down_out_dscp_v4": 30, "down_out_dscp_v6": 40}, **four_keys())
@@ -246,7 +247,7 @@ def test_an_ipv6_listener_answers_ipv4_peers_from_the_address_they_asked(
     sender = bench.ask(flow).sender
     answer = bench.answer(flow, sender)
     assert answer.sender == bench.to
-    # An IPv4 peer in IPv6 form gets the IPv4 mark.
+    # An IPv4-mapped peer gets the IPv4 DSCP.
     assert answer.dscp == 30
 
 
@@ -260,8 +261,8 @@ def test_an_ipv6_listener_answers_ipv6_peers(vesk: VeskProcess, upstream: UdpEnd
     assert answer.sender == bench.to and answer.dscp == 40
 
 
-def test_the_address_asked_last_is_the_one_that_answers(vesk: VeskProcess, peer: UdpEnd,
-                                                        upstream: UdpEnd) -> None:
+def test_replies_come_from_the_last_destination_of_the_peer(vesk: VeskProcess, peer: UdpEnd,
+                                                            upstream: UdpEnd) -> None:
     bench = Bench(vesk, peer, upstream, listen="::")
     port = bench.to[1]
     flow = bench.flow()
@@ -274,13 +275,13 @@ def test_the_address_asked_last_is_the_one_that_answers(vesk: VeskProcess, peer:
 @pytest.mark.parametrize("setting, named", [
     (None, "0.0.0.0"), ("", "0.0.0.0"), ("kernel", "0.0.0.0"), ("Arrival", "0.0.0.0"),
     ("arrival ", "0.0.0.0"), ("arrival", "127.0.0.2")])
-def test_the_packet_information_of_an_ipv4_reply(
+def test_an_ipv4_reply_contains_the_destination_of_the_request(
         start_vesk: StartVesk, peer: UdpEnd, upstream: UdpEnd, tmp_path: Path,
         setting: Optional[str], named: str) -> None:
-    """The address that was asked stands in the field that the kernel only reports with.
+    """By default it is in the field that the kernel uses only for received datagrams.
 
-    The kernel then chooses the source, even where the listener is bound to one address. On
-    request it stands in the field for the source as well.
+    The kernel then chooses the source, even if the listener is bound to one address. On
+    request the destination is also in the source field.
     """
     trace = tmp_path / "messages"
     vesk = start_vesk(prefix=recording_start(trace, "sendmsg"),
@@ -303,9 +304,9 @@ def test_the_packet_information_of_an_ipv4_reply(
     assert f"msg_control=[{mark}, {source}], msg_controllen=56," in reply, reply
 
 
-def test_requests_leave_from_the_address_that_replies_arrive_on(
+def test_requests_are_sent_from_the_address_at_which_replies_arrive(
         start_vesk: StartVesk, peer: UdpEnd, upstream: UdpEnd, tmp_path: Path) -> None:
-    """Before the first reply a request carries no control data; after it, the address."""
+    """Before the first reply a request has no control data; after it, it has the address."""
     trace = tmp_path / "messages"
     vesk = start_vesk(prefix=recording_start(trace, "sendmsg")).ready()
     bench = Bench(vesk, peer, upstream)
@@ -360,7 +361,7 @@ def test_a_thousand_requests_are_answered(either_bench: Bench) -> None:
             assert answers == payloads
 
 
-def test_a_flow_that_was_removed_takes_no_replies(bench: Bench) -> None:
+def test_a_removed_flow_forwards_no_replies(bench: Bench) -> None:
     flow, other = bench.flow(5, **four_keys()), bench.flow(6, **four_keys())
     bench.declare(flow, other)
     sender = bench.exchange(flow)

@@ -1,6 +1,6 @@
-"""A controlling service that does not read, does not finish its lines, or goes away.
+"""A controlling service that does not read, does not finish its lines, or ends.
 
-VESK_UNREAD_SECONDS says how long the log is left unread.
+VESK_UNREAD_SECONDS is the time for which the log is not read.
 """
 
 from __future__ import annotations
@@ -31,7 +31,7 @@ from test_logging import ask_until_answered, listen_unseen, read_until
 UNREAD_SECONDS = count_from_environment("VESK_UNREAD_SECONDS", 10)
 MEBIBYTE = 1 << 20
 
-# What the forwarder writes while it is flooded, from the first byte to the last.
+# Every line that the forwarder may write under this load.
 LINES_UNDER_LOAD = re.compile(
     r"info Created upstream endpoint: label 0x[0-9a-f]+/\d+ sockfds \d+ \d+"
     r"|downstreamPacketReceivedFailed HMAC Check!"
@@ -43,7 +43,7 @@ LINES_UNDER_LOAD = re.compile(
 
 
 class OwnLog:
-    """A forwarder whose log the test reads when it likes, under a load that fills the log."""
+    """A forwarder whose log only the test reads, with a load that fills the log."""
 
     def __init__(self, start_vesk: StartVesk, keep: ExitStack) -> None:
         self.reading, writing = os.pipe()
@@ -59,7 +59,7 @@ class OwnLog:
         for flow in (self.good, *self.idle):
             self.vesk.command(flow.set_command())
         self.listener: Address = ("127.0.0.1", listen_unseen(self.vesk))
-        # Also tells that the listener is there; its messages stay in the pipe.
+        # An answer shows that the listener is ready, without reading the log.
         self.is_served(b"first")
 
     def is_served(self, payload: bytes) -> None:
@@ -69,7 +69,7 @@ class OwnLog:
             pass
 
     def load(self, keep: ExitStack) -> None:
-        """Good datagrams and bad ones; each of the bad writes two lines."""
+        """Sends good datagrams and bad ones; each bad one writes two lines."""
         sender = keep.enter_context(UdpEnd())
         keep.enter_context(Drain(sender))
         datagrams = [(self.good.request(b"load"), self.listener)]
@@ -83,8 +83,8 @@ class OwnLog:
         return waiting[0]
 
     def wait_until_full(self) -> None:
-        """Under this load only a pipe that takes no more stands still for so long."""
-        wait_until(lambda: self._stands_still(scaled(0.1)), "nobody takes more of the log", 20)
+        """Waits until the pipe is full. Under this load its fill level is constant only then."""
+        wait_until(lambda: self._stands_still(scaled(0.1)), "the log is full", 20)
 
     def _stands_still(self, seconds: float) -> bool:
         before = self.unread_bytes()
@@ -92,7 +92,7 @@ class OwnLog:
         return self.unread_bytes() == before > 0
 
     def read_all(self) -> threading.Thread:
-        """Reads on from now, to the end of the log."""
+        """Starts to read the log to its end."""
         self.log = bytearray()
         reader = threading.Thread(target=self._read_all, daemon=True)
         reader.start()
@@ -125,8 +125,8 @@ def own_log(start_vesk: StartVesk) -> Iterator[OwnLog]:
 # The log is not read --------------------------------------------------------------------
 
 @pytest.mark.limit_seconds(60 + UNREAD_SECONDS)
-def test_a_log_that_is_not_read_for_a_while(own_log: OwnLog) -> None:
-    """Everything stands still and goes on where it stopped: nothing of the log is missing."""
+def test_an_unread_log_blocks_the_forwarder_until_it_is_read(own_log: OwnLog) -> None:
+    """Afterwards the forwarder continues, and no line of the log is missing."""
     with ExitStack() as keep:
         own_log.load(keep)
         own_log.wait_until_full()
@@ -135,7 +135,7 @@ def test_a_log_that_is_not_read_for_a_while(own_log: OwnLog) -> None:
         assert not ended.wait(UNREAD_SECONDS) and own_log.vesk.running()
         reader = own_log.read_all()
         own_log.is_served(b"again")
-        wait_until(lambda: b"'after'" in own_log.log, "commands are carried out again")
+        wait_until(lambda: b"'after'" in own_log.log, "commands are executed again")
     own_log.is_served(b"and again")
     own_log.vesk.finish()
     reader.join()
@@ -143,16 +143,16 @@ def test_a_log_that_is_not_read_for_a_while(own_log: OwnLog) -> None:
     lines = own_log.log.split(b"\n")
     refused = lines.count(b"downstreamPacketReceivedFailed HMAC Check!")
     opened = sum(line.startswith(b"info Created upstream endpoint") for line in lines)
-    # Each refused datagram opened a socket for itself, and the good flow has one.
+    # Each refused datagram opened its own socket, and the good flow has one.
     assert opened == refused + 1 and refused > 100
 
 
-def test_the_end_of_input_with_a_full_log(own_log: OwnLog) -> None:
+def test_the_end_waits_for_the_reader_of_a_full_log(own_log: OwnLog) -> None:
     with ExitStack() as keep:
         own_log.load(keep)
         own_log.wait_until_full()
         own_log.vesk.close_input()
-        # The last words do not fit: it waits for its reader, with everything in place.
+        # The last lines do not fit, so the forwarder waits for its reader.
         assert not threading.Event().wait(1) and own_log.vesk.running()
         reader = own_log.read_all()
         own_log.vesk.wait_exit(0, seconds=2)
@@ -161,11 +161,11 @@ def test_the_end_of_input_with_a_full_log(own_log: OwnLog) -> None:
     assert b"info cltMessageLoop: Got EOF, exiting...\n\n" in own_log.log
 
 
-# The log's reader goes away -------------------------------------------------------------
+# The reader of the log ends -------------------------------------------------------------
 
-@pytest.mark.parametrize("full", [False, True], ids=["at work", "with everybody waiting"])
-def test_a_reader_that_goes_away_under_load(own_log: OwnLog, full: bool) -> None:
-    """Forwarding goes on, in every thread, and the end of input still ends it in order."""
+@pytest.mark.parametrize("full", [False, True], ids=["running", "blocked"])
+def test_forwarding_continues_when_the_reader_of_the_log_ends(own_log: OwnLog, full: bool) -> None:
+    """Every thread continues, and the end of input still ends the process normally."""
     with ExitStack() as keep:
         own_log.load(keep)
         if full:
@@ -175,7 +175,7 @@ def test_a_reader_that_goes_away_under_load(own_log: OwnLog, full: bool) -> None
         own_log.vesk.command(f"set label 1 down_label {own_log.good.down_label + 1}")
         own_log.good.down_label += 1
         wait_until(lambda: _is_answered_by(own_log, own_log.good.down_label),
-                   "commands are carried out")
+                   "commands are executed")
         own_log.vesk.close_input()
         own_log.vesk.wait_exit(0, seconds=2)
 
@@ -185,9 +185,9 @@ def _is_answered_by(own_log: OwnLog, down_label: int) -> bool:
     return own_log.good.framing.parse(answer).label == down_label
 
 
-@pytest.mark.parametrize("full", [False, True], ids=["at work", "with everybody waiting"])
-def test_a_service_that_dies_under_load(own_log: OwnLog, full: bool) -> None:
-    """Both pipes break at once; nothing of the forwarder is left behind."""
+@pytest.mark.parametrize("full", [False, True], ids=["running", "blocked"])
+def test_the_forwarder_ends_when_its_service_dies_under_load(own_log: OwnLog, full: bool) -> None:
+    """Both pipes are closed at once."""
     with ExitStack() as keep:
         own_log.load(keep)
         if full:
@@ -199,7 +199,7 @@ def test_a_service_that_dies_under_load(own_log: OwnLog, full: bool) -> None:
 
 # Lines ----------------------------------------------------------------------------------
 
-def test_half_lines_wait_for_their_other_half(bench: Bench) -> None:
+def test_a_line_is_executed_only_when_complete(bench: Bench) -> None:
     flow = bench.flow(**four_keys())
     for piece in re.findall(r".{1,7}", flow.set_command()):
         bench.vesk.write_input(piece.encode())
@@ -213,7 +213,7 @@ def test_half_lines_wait_for_their_other_half(bench: Bench) -> None:
     bench.exchange(flow)
 
 
-def test_lines_of_a_mebibyte_do_not_hold_up_the_flows(bench: Bench) -> None:
+def test_lines_of_a_mebibyte_do_not_delay_the_flows(bench: Bench) -> None:
     flow = bench.flow(**four_keys())
     bench.declare(flow)
     sender = bench.exchange(flow)
@@ -232,13 +232,13 @@ def test_lines_of_a_mebibyte_do_not_hold_up_the_flows(bench: Bench) -> None:
         "error Vesk_validateHmacKeyString: bad key, too long",
         "error validateLabelLikeString: bad label-like value, 'label'"]
     assert bench.exchange(flow) == sender
-    # The first word counts, however many follow.
+    # The first word is the command, whatever follows.
     bench.vesk.write_input(words[-1] + b"\n")
     bench.vesk.wait_for_log("info Forwarder listener stopped")
 
 
-def test_bytes_of_every_value_on_the_channel(bench: Bench) -> None:
-    """Nothing of it is a command, and nothing of it does harm."""
+def test_random_bytes_on_the_channel_have_no_effect(bench: Bench) -> None:
+    """None of the lines is a command."""
     flow = bench.flow(**four_keys())
     bench.declare(flow)
     choose = random.Random(4)
@@ -248,8 +248,8 @@ def test_bytes_of_every_value_on_the_channel(bench: Bench) -> None:
     bench.exchange(flow)
 
 
-def test_a_session_with_carriage_returns(vesk: VeskProcess, peer: UdpEnd,
-                                         upstream: UdpEnd) -> None:
+def test_lines_may_end_in_a_carriage_return(vesk: VeskProcess, peer: UdpEnd,
+                                            upstream: UdpEnd) -> None:
     flow = Flow(5, upstream.address, **four_keys())
     port = vesk.listen()
     for line in ("stop", f"start addr 127.0.0.1 port {port}", flow.set_command(),
@@ -263,8 +263,8 @@ def test_a_session_with_carriage_returns(vesk: VeskProcess, peer: UdpEnd,
 
 
 @pytest.mark.parametrize("cut", [1, 3, 8, 9, 11, 20, 60])
-def test_the_end_of_input_in_the_middle_of_a_line(bench: Bench, cut: int) -> None:
-    """What there is of the line is carried out, for better or worse; then comes the end."""
+def test_an_incomplete_last_line_is_executed_before_the_end(bench: Bench, cut: int) -> None:
+    """The forwarder executes the part of the line it has and then ends."""
     flow = bench.flow(**four_keys())
     with Drain(bench.upstream), \
             Flood(bench.peer, [(bench.control.request(b"load"), bench.to)], pause_seconds=0.001):
@@ -274,7 +274,7 @@ def test_the_end_of_input_in_the_middle_of_a_line(bench: Bench, cut: int) -> Non
     assert "info cltMessageLoop: Got EOF, exiting..." in bench.vesk.log_lines()
 
 
-def test_a_service_that_sends_no_command(start_vesk: StartVesk) -> None:
-    """Neither does the forwarder mind that nobody hears it."""
+def test_the_forwarder_ends_without_input_and_output(start_vesk: StartVesk) -> None:
+    """Standard input and standard output are /dev/null."""
     vesk = start_vesk(standard_input=subprocess.DEVNULL, standard_output=subprocess.DEVNULL)
     vesk.wait_exit(0, seconds=2)

@@ -1,4 +1,4 @@
-"""Forwarders side by side, and one that takes the place of another that crashed."""
+"""Two forwarders in parallel, and one that replaces another after a crash."""
 
 from __future__ import annotations
 
@@ -20,8 +20,8 @@ def bench_of(vesk: VeskProcess, new_end) -> Bench:
     return Bench(vesk, new_end(), new_end())
 
 
-def test_two_forwarders_side_by_side(start_vesk: StartVesk, new_end) -> None:
-    """The same labels in both, and neither notices the other, nor its end."""
+def test_two_forwarders_do_not_affect_each_other(start_vesk: StartVesk, new_end) -> None:
+    """Both have the same labels. The end of one does not affect the other."""
     benches = [bench_of(start_vesk().ready(), new_end) for _ in range(2)]
     flows = [bench.flow(5, **four_keys()) for bench in benches]
     for bench, flow in zip(benches, flows):
@@ -29,7 +29,7 @@ def test_two_forwarders_side_by_side(start_vesk: StartVesk, new_end) -> None:
     for _ in range(10):
         senders = {bench.exchange(flow) for bench, flow in zip(benches, flows)}
         assert len(senders) == 2
-    # The port of the one is taken for the other, and that is all.
+    # The second forwarder cannot bind the port of the first.
     lines = benches[1].vesk.lines_after(f"start addr 127.0.0.1 port {benches[0].to[1]}")
     assert "error Failed bind syscall for endpoint socket: Address already in use" in lines
     benches[0].exchange(flows[0])
@@ -42,8 +42,8 @@ def crash(bench: Bench) -> None:
     bench.vesk.wait_exit(ABORTED, seconds=10, errors=RESOLVER_FAILURE, core_allowed=True)
 
 
-def test_a_new_forwarder_replaces_one_that_crashed(start_vesk: StartVesk, new_end) -> None:
-    """By a resolver failure with everything busy: the port is free as soon as it is gone."""
+def test_a_new_forwarder_can_replace_one_that_crashed(start_vesk: StartVesk, new_end) -> None:
+    """A resolver failure ends the first one under load. Its port is free once it has ended."""
     bench = bench_of(start_vesk().ready(), new_end)
     flows = [bench.flow(label, **four_keys()) for label in range(1, 51)]
     bench.declare(*flows)
@@ -66,7 +66,7 @@ def test_a_new_forwarder_replaces_one_that_crashed(start_vesk: StartVesk, new_en
     successor.finish()
 
 
-def test_one_forwarder_continues_while_another_crashes(start_vesk: StartVesk, new_end) -> None:
+def test_a_crash_does_not_affect_another_forwarder(start_vesk: StartVesk, new_end) -> None:
     crashing, neighbour = (bench_of(start_vesk().ready(), new_end) for _ in range(2))
     flow = neighbour.flow(5, **four_keys())
     neighbour.declare(flow)

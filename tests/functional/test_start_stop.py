@@ -31,13 +31,13 @@ STOPPED = "info Forwarder listener stopped"
     ("start addr 127.0.0.1 port 09", " Bad port value09"),
     ("start addr 127.0.0.1 port 99999999999999999999", " Bad port value99999999999999999999"),
 ])
-def test_bad_attributes(vesk: VeskProcess, line: str, complaint: str) -> None:
+def test_bad_attributes_are_refused(vesk: VeskProcess, line: str, complaint: str) -> None:
     descriptors = vesk.descriptor_count()
     assert vesk.lines_after(line) == [f"error startForwarder: bad command, {complaint}"]
     assert vesk.descriptor_count() == descriptors
 
 
-def test_what_a_start_reports(vesk: VeskProcess) -> None:
+def test_a_start_logs_its_steps(vesk: VeskProcess) -> None:
     port = free_port()
     lines = [line for line in vesk.lines_after(f"start addr 127.0.0.1 port {port}")
              if " sized to " not in line]
@@ -52,7 +52,7 @@ def test_what_a_start_reports(vesk: VeskProcess) -> None:
         assert re.fullmatch(pattern, line), line
 
 
-def test_the_reported_descriptor_is_the_socket(vesk: VeskProcess) -> None:
+def test_the_logged_descriptor_is_the_socket(vesk: VeskProcess) -> None:
     before = vesk.descriptors()
     port = vesk.listen()
     line = vesk.wait_for_log(re.compile(rf"info Endpoint socket bound: .*\|{port} \((\d+)\)"))
@@ -61,7 +61,7 @@ def test_the_reported_descriptor_is_the_socket(vesk: VeskProcess) -> None:
     assert new == {descriptor} and vesk.descriptors()[descriptor].startswith("socket:")
 
 
-def test_a_colon_selects_ipv6(vesk: VeskProcess) -> None:
+def test_an_address_with_a_colon_is_ipv6(vesk: VeskProcess) -> None:
     port = vesk.listen("::1")
     assert f"info Making socket with family 10 address ::1 port {port}" in vesk.log_lines()
     assert f"info Vesk started on port {port} address ::1" in vesk.log_lines()
@@ -76,7 +76,8 @@ def test_a_port_may_be_written_in_three_bases(vesk: VeskProcess, peer: UdpEnd, u
     assert_serves(vesk, peer, upstream, port)
 
 
-def test_a_port_beyond_16_bits_is_cut(vesk: VeskProcess, peer: UdpEnd, upstream: UdpEnd) -> None:
+def test_a_port_above_16_bits_is_truncated(vesk: VeskProcess, peer: UdpEnd,
+                                           upstream: UdpEnd) -> None:
     port = free_port()
     lines = vesk.lines_after(f"start addr 127.0.0.1 port {port + 65536}")
     assert lines[-1] == f"info Vesk started on port {port + 65536} address 127.0.0.1"
@@ -101,12 +102,12 @@ def failed_start(vesk: VeskProcess, address: str, port: int) -> List[str]:
     lines = [line for line in vesk.lines_after(f"start addr {address} port {port}")
              if " sized to " not in line]
     assert lines[0] == f"info Making downstream endpoint with address {address} port {port}"
-    # The last line says so even though nothing was started.
+    # The last line is logged even though nothing was started.
     assert lines[-1] == f"info Vesk started on port {port} address {address}"
     return lines[2:-1]
 
 
-def test_an_address_in_use(vesk: VeskProcess, peer: UdpEnd, upstream: UdpEnd) -> None:
+def test_an_address_in_use_is_reported(vesk: VeskProcess, peer: UdpEnd, upstream: UdpEnd) -> None:
     descriptors = vesk.descriptor_count()
     assert failed_start(vesk, "127.0.0.1", peer.port) == [
         "error Failed bind syscall for endpoint socket: Address already in use"]
@@ -115,18 +116,19 @@ def test_an_address_in_use(vesk: VeskProcess, peer: UdpEnd, upstream: UdpEnd) ->
     assert_serves(vesk, peer, upstream, vesk.listen())
 
 
-def test_an_address_of_another_host(vesk: VeskProcess) -> None:
+def test_an_address_of_another_host_is_reported(vesk: VeskProcess) -> None:
     assert failed_start(vesk, "192.0.2.1", free_port()) == [
         "error Failed bind syscall for endpoint socket: Cannot assign requested address"]
 
 
 def test_port_zero_cannot_be_bound(vesk: VeskProcess) -> None:
-    """An address without a port is unresolved."""
+    """An address without a port is not resolved."""
     assert failed_start(vesk, "127.0.0.1", 0) == [
         "error Failed bind syscall for endpoint socket: Invalid argument"]
 
 
-def test_no_descriptor_left(vesk: VeskProcess, peer: UdpEnd, upstream: UdpEnd) -> None:
+def test_a_shortage_of_descriptors_is_reported(vesk: VeskProcess, peer: UdpEnd,
+                                               upstream: UdpEnd) -> None:
     vesk.limit_descriptors(spare=0)
     assert failed_start(vesk, "127.0.0.1", free_port()) == [
         "error Failed socket syscall for endpoint: Too many open files"]
@@ -134,8 +136,8 @@ def test_no_descriptor_left(vesk: VeskProcess, peer: UdpEnd, upstream: UdpEnd) -
     assert_serves(vesk, peer, upstream, vesk.listen())
 
 
-def test_a_receive_thread_that_cannot_be_started(vesk: VeskProcess, peer: UdpEnd,
-                                                 upstream: UdpEnd) -> None:
+def test_a_receive_thread_that_cannot_be_started_is_reported(vesk: VeskProcess, peer: UdpEnd,
+                                                             upstream: UdpEnd) -> None:
     since = vesk.mark()
     with failing_calls(vesk, [vesk.pid], "clone3:error=EAGAIN"):
         port = vesk.listen()
@@ -143,14 +145,14 @@ def test_a_receive_thread_that_cannot_be_started(vesk: VeskProcess, peer: UdpEnd
     assert ("error Failed to create downstream receive thread: Resource temporarily unavailable"
             in lines)
     assert f"info Vesk started on port {port} address 127.0.0.1" in lines
-    # The endpoint stays; "stop" has no thread to speak of but closes the socket.
+    # The endpoint remains. "stop" ends no thread and prints nothing, but closes the socket.
     assert vesk.lines_after("stop") == []
     lines = vesk.lines_after(f"start addr 127.0.0.1 port {port}")
     assert not [line for line in lines if line.startswith("error")]
     assert_serves(vesk, peer, upstream, port)
 
 
-# A name with an unknown scope is refused without asking anybody on the network.
+# The resolver refuses a name with an unknown scope without a query on the network.
 UNRESOLVABLE = "fe80::1%nowhere"
 RESOLVER_FAILURE = re.compile(
     r"terminate called after throwing an instance of 'std::runtime_error'\n"
@@ -166,8 +168,8 @@ def test_an_address_that_cannot_be_resolved_ends_the_process(vesk: VeskProcess) 
 
 # Options of the socket ------------------------------------------------------------------
 
-def test_options_of_the_listening_socket(start_vesk: StartVesk) -> None:
-    """Twice the receive buffer, never the send buffer, and no port sharing."""
+def test_the_listener_sets_the_documented_socket_options(start_vesk: StartVesk) -> None:
+    """Two sizes of the receive buffer, no send buffer size, and no port sharing."""
     vesk = start_vesk()
     vesk.settle()
     with failing_calls(vesk, [vesk.pid], "setsockopt:delay_enter=1", "fcntl:delay_enter=1",
@@ -180,7 +182,7 @@ def test_options_of_the_listening_socket(start_vesk: StartVesk) -> None:
     assert "O_NONBLOCK" not in text
 
 
-def test_a_buffer_of_another_size_than_asked_for(vesk: VeskProcess) -> None:
+def test_a_buffer_of_another_size_than_requested_is_logged(vesk: VeskProcess) -> None:
     since = vesk.mark()
     with failing_calls(vesk, [vesk.pid], "getsockopt:poke_exit=@arg4=00000100:when=1"):
         vesk.listen()
@@ -202,9 +204,9 @@ def _is_granted(size: int) -> bool:
         return int(limit.read()) >= size
 
 
-def test_a_buffer_size_that_cannot_be_set(vesk: VeskProcess, peer: UdpEnd,
-                                          upstream: UdpEnd) -> None:
-    """The complaint goes straight to standard output, and the start goes on."""
+def test_a_buffer_size_that_cannot_be_set_is_reported(vesk: VeskProcess, peer: UdpEnd,
+                                                      upstream: UdpEnd) -> None:
+    """The message is written directly to standard output, and the start continues."""
     vesk.lines_after("log priority error")
     since = vesk.mark()
     with failing_calls(vesk, [vesk.pid], "setsockopt:error=ENOMEM:when=1"):
@@ -213,8 +215,8 @@ def test_a_buffer_size_that_cannot_be_set(vesk: VeskProcess, peer: UdpEnd,
     assert vesk.log_lines(since)[0] == "set SO_RCVBUF failed with error 12"
 
 
-def test_a_buffer_size_that_cannot_be_read_back(vesk: VeskProcess, peer: UdpEnd,
-                                                upstream: UdpEnd) -> None:
+def test_a_buffer_size_that_cannot_be_read_is_reported(vesk: VeskProcess, peer: UdpEnd,
+                                                       upstream: UdpEnd) -> None:
     since = vesk.mark()
     with failing_calls(vesk, [vesk.pid], "getsockopt:error=ENOMEM:when=1"):
         port = vesk.listen()
@@ -243,7 +245,7 @@ def test_stop_frees_the_port(vesk: VeskProcess, new_end: Callable[..., UdpEnd]) 
     new_end("127.0.0.1", port)
 
 
-def test_start_after_stop_serves_again(vesk: VeskProcess, peer: UdpEnd, upstream: UdpEnd) -> None:
+def test_start_after_stop_works(vesk: VeskProcess, peer: UdpEnd, upstream: UdpEnd) -> None:
     port = vesk.listen()
     assert_serves(vesk, peer, upstream, port)
     assert vesk.lines_after("stop") == [STOPPED]
@@ -252,8 +254,8 @@ def test_start_after_stop_serves_again(vesk: VeskProcess, peer: UdpEnd, upstream
     assert_serves(vesk, peer, upstream, port)
 
 
-def test_a_flow_outlives_the_listener(vesk: VeskProcess, peer: UdpEnd, upstream: UdpEnd) -> None:
-    """A reply that comes while nobody listens is lost; the flow is not."""
+def test_a_flow_remains_after_stop(vesk: VeskProcess, peer: UdpEnd, upstream: UdpEnd) -> None:
+    """A reply that arrives without a listener is lost, but the flow remains."""
     port = vesk.listen()
     flow = Flow(label=5, upstream=upstream.address)
     vesk.lines_after(flow.set_command())
@@ -263,7 +265,7 @@ def test_a_flow_outlives_the_listener(vesk: VeskProcess, peer: UdpEnd, upstream:
     since = vesk.mark()
     upstream.send(flow.reply(b"lost"), arrived.sender)
     port = vesk.listen()
-    # The upstream end still knows where the flow lives, and the flow who its peer is.
+    # The flow keeps its socket and the address of its peer.
     upstream.send(flow.reply(b"late"), arrived.sender)
     answer = peer.receive()
     while flow.open_reply(answer.data).payload != b"late":
@@ -272,9 +274,10 @@ def test_a_flow_outlives_the_listener(vesk: VeskProcess, peer: UdpEnd, upstream:
     assert not [line for line in vesk.log_lines(since) if "Created upstream" in line]
 
 
-def test_a_second_start_without_a_stop(vesk: VeskProcess, new_end: Callable[..., UdpEnd],
-                                       upstream: UdpEnd) -> None:
-    """Both ports are served; replies leave from the newer one; the end is clean."""
+def test_a_second_start_without_a_stop_serves_both_ports(vesk: VeskProcess,
+                                                         new_end: Callable[..., UdpEnd],
+                                                         upstream: UdpEnd) -> None:
+    """Replies are sent from the newer port, and the process ends normally."""
     flow = Flow(label=5, upstream=upstream.address)
     vesk.lines_after(flow.set_command())
     first, second = vesk.listen(), vesk.listen()
@@ -297,7 +300,7 @@ def test_a_second_start_on_the_same_port_is_refused(vesk: VeskProcess, upstream:
     vesk.finish()
 
 
-def test_stop_after_two_starts(vesk: VeskProcess) -> None:
+def test_stop_after_two_starts_ends_both_listeners(vesk: VeskProcess) -> None:
     vesk.listen()
     vesk.listen()
     assert vesk.lines_after("stop") == [STOPPED]

@@ -1,4 +1,4 @@
-"""Arguments, the order of the start-up, core dumps, exit statuses and the end of input."""
+"""Arguments, the steps of start-up, core dumps, exit statuses and the end of input."""
 
 from __future__ import annotations
 
@@ -39,8 +39,8 @@ def lines_of_a_run(vesk: VeskProcess, status: int = 0) -> List[str]:
     (["udpv2", "60", "true", "false", "extra", "0"], 2),
     (["udpv2", "9223372036"], 2),
 ])
-def test_good_arguments_are_taken(start_vesk: StartVesk, arguments: List[str],
-                                  version: int) -> None:
+def test_valid_arguments_are_accepted(start_vesk: StartVesk, arguments: List[str],
+                                      version: int) -> None:
     lines = lines_of_a_run(start_vesk(*arguments))
     assert f"info Starting forwarder with UDPv{version}" in lines
     assert not [line for line in lines if line.startswith("error")]
@@ -59,7 +59,7 @@ def test_good_arguments_are_taken(start_vesk: StartVesk, arguments: List[str],
     (["udpv1", ""], "Bad duration argument []"),
     (["udpv1", "60 "], "Bad duration argument [60 ]"),
     (["udpv1", "99999999999999999999"], "Bad duration argument [99999999999999999999]"),
-    # Nanoseconds have to fit 64 bits.
+    # The interval in nanoseconds has to fit into 64 bits.
     (["udpv1", "9223372037"], "Bad duration argument [9223372037]"),
     (["udpv1", "-1"], "Bad duration argument [-1]"),
     (["udpv2", "60", "yes"], "Bad flag argument at index [3]: [yes]"),
@@ -67,19 +67,19 @@ def test_good_arguments_are_taken(start_vesk: StartVesk, arguments: List[str],
     (["udpv2", "60", ""], "Bad flag argument at index [3]: []"),
     (["udpv2", "60", "true", "0"], "Bad flag argument at index [4]: [0]"),
     (["udpv2", "60", "no", "no"], "Bad flag argument at index [3]: [no]"),
-    # The first bad one is named, from left to right.
+    # The first bad argument from the left is reported.
     (["udpv9", "0", "no", "no"], "Bad UDP version argument [udpv9]"),
     (["udpv2", "0", "no", "no"], "Bad duration argument [0]"),
 ])
-def test_a_bad_argument_ends_the_start(start_vesk: StartVesk, arguments: List[str],
-                                       complaint: str) -> None:
+def test_a_bad_argument_ends_the_process(start_vesk: StartVesk, arguments: List[str],
+                                         complaint: str) -> None:
     lines = lines_of_a_run(start_vesk(*arguments), status=255)
     assert lines == ["info allowCoreDumps: removed core size limit", f"error {complaint}"]
 
 
 # Order ----------------------------------------------------------------------------------
 
-def test_start_up_reports_its_steps_in_order(start_vesk: StartVesk) -> None:
+def test_start_up_logs_its_steps_in_order(start_vesk: StartVesk) -> None:
     lines = lines_of_a_run(start_vesk())
     workers = [r"info created upstream recvThread \d+"] * max(1, os.cpu_count() or 1)
     steps = [r"info allowCoreDumps: removed core size limit",
@@ -95,15 +95,15 @@ def test_start_up_reports_its_steps_in_order(start_vesk: StartVesk) -> None:
     assert len(identities) == len(workers)
 
 
-def test_thread_identifiers_are_those_of_the_threads(start_vesk: StartVesk) -> None:
-    """Decimal for the workers, hexadecimal for the poll thread: both name live stacks."""
+def test_the_logged_thread_identifiers_are_those_of_the_threads(start_vesk: StartVesk) -> None:
+    """Decimal for the workers, hexadecimal for the poll thread; each is a mapped address."""
     vesk = start_vesk()
     worker = int(vesk.wait_for_log(
         re.compile(r"info created upstream recvThread \d+")).split()[-1])
     poll = int(vesk.wait_for_log(
         re.compile(r"info Created pollLoop thread: [0-9a-f]+")).split()[-1], 16)
     for identity in (worker, poll):
-        assert _is_mapped(vesk.pid, identity), f"{identity:#x} is no address of this process"
+        assert _is_mapped(vesk.pid, identity), f"{identity:#x} is not an address of this process"
 
 
 def _is_mapped(process: int, address: int) -> bool:
@@ -114,7 +114,7 @@ def _is_mapped(process: int, address: int) -> bool:
     return False
 
 
-def test_end_of_input_right_after_the_start(start_vesk: StartVesk) -> None:
+def test_end_of_input_right_after_the_start_ends_the_process(start_vesk: StartVesk) -> None:
     vesk = start_vesk(standard_input=subprocess.DEVNULL)
     vesk.wait_exit(0)
     assert [line for line in vesk.log_lines() if "Task [" not in line][-2:] == [END_OF_INPUT, ""]
@@ -132,19 +132,19 @@ def test_end_of_input_ends_every_thread(vesk: VeskProcess) -> None:
 # Core dumps -----------------------------------------------------------------------------
 
 def limited(core_limits: str) -> List[str]:
-    """Words in front of the executable that take away the right to raise the core limit."""
+    """The command prefix that removes the right to raise the core limit."""
     words = ["prlimit", f"--core={core_limits}"]
     if os.geteuid() == 0:
         words += ["setpriv", "--bounding-set=-sys_resource"]
     return words
 
 
-def test_the_core_limit_is_lifted(vesk: VeskProcess) -> None:
+def test_the_core_limit_is_removed(vesk: VeskProcess) -> None:
     unlimited = (resource.RLIM_INFINITY, resource.RLIM_INFINITY)
     assert resource.prlimit(vesk.pid, resource.RLIMIT_CORE) == unlimited
 
 
-def test_a_fixed_core_limit_is_reported_and_ignored(start_vesk: StartVesk) -> None:
+def test_a_fixed_core_limit_is_logged_and_ignored(start_vesk: StartVesk) -> None:
     lines = lines_of_a_run(start_vesk(prefix=limited("4096:4096"),
                                       environment=CORE_LIMIT_UNTOUCHED))
     assert lines[:3] == [
@@ -166,7 +166,7 @@ def test_the_core_limit_is_raised_as_far_as_allowed(start_vesk: StartVesk) -> No
 CORE_LIMIT_SET = r"RLIMIT_CORE, \{"
 
 
-def test_an_unlimited_core_limit_prints_as_the_largest_number(
+def test_an_unlimited_core_limit_is_logged_as_the_largest_number(
         start_vesk: StartVesk, tmp_path: Path) -> None:
     (first,) = call_numbers(tmp_path, "prlimit64", CORE_LIMIT_SET)[:1]
     prefix = ["prlimit", "--core=0:unlimited", *faulty_start(
@@ -179,7 +179,8 @@ def test_an_unlimited_core_limit_prints_as_the_largest_number(
         "info allowCoreDumps: raised core size limit to 18446744073709551615"]
 
 
-def test_a_core_limit_that_cannot_be_read(start_vesk: StartVesk, tmp_path: Path) -> None:
+def test_a_core_limit_that_cannot_be_read_is_reported(start_vesk: StartVesk,
+                                                      tmp_path: Path) -> None:
     (first,) = call_numbers(tmp_path, "prlimit64", CORE_LIMIT_SET)[:1]
     lines = lines_of_a_run(start_vesk(environment=CORE_LIMIT_UNTOUCHED, prefix=faulty_start(
         tmp_path / "trace", f"prlimit64:error=EFAULT:when={first}..{first + 1}")))
@@ -189,7 +190,8 @@ def test_a_core_limit_that_cannot_be_read(start_vesk: StartVesk, tmp_path: Path)
         "info Initial OpenSSL FIPS mode is inactive."]
 
 
-def test_a_core_limit_that_cannot_be_raised(start_vesk: StartVesk, tmp_path: Path) -> None:
+def test_a_core_limit_that_cannot_be_raised_is_reported(start_vesk: StartVesk,
+                                                        tmp_path: Path) -> None:
     (first,) = call_numbers(tmp_path, "prlimit64", CORE_LIMIT_SET)[:1]
     prefix = ["prlimit", "--core=0:4096", *faulty_start(
         tmp_path / "trace", f"prlimit64:error=EPERM:when={first}..{first + 2}+2")]
@@ -203,7 +205,7 @@ def test_a_core_limit_that_cannot_be_raised(start_vesk: StartVesk, tmp_path: Pat
 
 # Failures of the start ------------------------------------------------------------------
 
-def test_the_message_channel_cannot_be_made(start_vesk: StartVesk, tmp_path: Path) -> None:
+def test_a_missing_message_channel_ends_the_start(start_vesk: StartVesk, tmp_path: Path) -> None:
     vesk = start_vesk(prefix=faulty_start(tmp_path / "trace", "socketpair:error=EMFILE"))
     lines = lines_of_a_run(vesk, status=256 - 24)
     assert lines[-2:] == ["error Failed to create socketpair for poll socket: Too many open files",
@@ -211,8 +213,8 @@ def test_the_message_channel_cannot_be_made(start_vesk: StartVesk, tmp_path: Pat
 
 
 @pytest.mark.parametrize("call", ["F_GETFL", "F_SETFL"])
-def test_a_message_channel_that_stays_blocking(start_vesk: StartVesk, tmp_path: Path,
-                                               call: str) -> None:
+def test_a_message_channel_that_stays_blocking_ends_the_start(start_vesk: StartVesk, tmp_path: Path,
+                                                              call: str) -> None:
     number = call_numbers(tmp_path, "fcntl", call)[-1]
     vesk = start_vesk(prefix=faulty_start(tmp_path / "trace", f"fcntl:error=EPERM:when={number}"))
     lines = lines_of_a_run(vesk, status=256 - 1)
@@ -221,11 +223,12 @@ def test_a_message_channel_that_stays_blocking(start_vesk: StartVesk, tmp_path: 
 
 
 def thread_starts(folder: Path) -> List[int]:
-    """At which of its calls the main thread starts its workers, in order."""
+    """The numbers of the main thread's calls that start threads, in order."""
     return call_numbers(folder, "clone3", "CLONE_THREAD")
 
 
-def test_no_worker_can_be_started(start_vesk: StartVesk, tmp_path: Path) -> None:
+def test_a_first_worker_that_cannot_be_started_ends_the_start(start_vesk: StartVesk,
+                                                              tmp_path: Path) -> None:
     first = thread_starts(tmp_path)[0]
     vesk = start_vesk(prefix=faulty_start(tmp_path / "trace",
                                           f"clone3:error=EAGAIN:when={first}"))
@@ -236,7 +239,8 @@ def test_no_worker_can_be_started(start_vesk: StartVesk, tmp_path: Path) -> None
 
 
 @pytest.mark.skipif((os.cpu_count() or 1) < 2, reason="one processor means one worker")
-def test_the_second_worker_cannot_be_started(start_vesk: StartVesk, tmp_path: Path) -> None:
+def test_a_second_worker_that_cannot_be_started_ends_the_start(start_vesk: StartVesk,
+                                                               tmp_path: Path) -> None:
     second = thread_starts(tmp_path)[1]
     vesk = start_vesk(prefix=faulty_start(tmp_path / "trace",
                                           f"clone3:error=EAGAIN:when={second}"))
@@ -247,7 +251,8 @@ def test_the_second_worker_cannot_be_started(start_vesk: StartVesk, tmp_path: Pa
                           "error Failed to create upstream threads"]
 
 
-def test_the_poll_thread_cannot_be_started(start_vesk: StartVesk, tmp_path: Path) -> None:
+def test_a_poll_thread_that_cannot_be_started_ends_the_start(start_vesk: StartVesk,
+                                                             tmp_path: Path) -> None:
     number = thread_starts(tmp_path)[os.cpu_count() or 1]
     vesk = start_vesk(prefix=faulty_start(tmp_path / "trace",
                                           f"clone3:error=EAGAIN:when={number}"))
@@ -255,9 +260,9 @@ def test_the_poll_thread_cannot_be_started(start_vesk: StartVesk, tmp_path: Path
     assert lines[-1] == "error Failed to create pollLoop thread: Resource temporarily unavailable"
 
 
-# Threads that will not end --------------------------------------------------------------
+# Threads that cannot be ended -----------------------------------------------------------
 
-@pytest.mark.skipif(SANITIZER == "tsan", reason="its runtime sends signals of its own")
+@pytest.mark.skipif(SANITIZER == "tsan", reason="its runtime sends signals itself")
 def test_a_thread_that_cannot_be_cancelled_is_reported(start_vesk: StartVesk,
                                                        tmp_path: Path) -> None:
     """The result of stopping the poll thread becomes the exit status."""

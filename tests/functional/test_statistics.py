@@ -1,4 +1,4 @@
-"""The "stats" report, byte for byte, and what every kind of event counts as."""
+"""The exact text of the "stats" report, and the counter that each kind of event increments."""
 
 from __future__ import annotations
 
@@ -36,7 +36,7 @@ def idle_report(downstream: str, lateral: str) -> str:
 
 # Form -----------------------------------------------------------------------------------
 
-def test_the_report_before_anything_started(vesk: VeskProcess) -> None:
+def test_the_report_without_listener_and_flows(vesk: VeskProcess) -> None:
     assert report_text(vesk) == idle_report(NO_DOWNSTREAM, NO_LATERAL)
 
 
@@ -56,7 +56,7 @@ def test_the_report_of_an_idle_lateral_stream(vesk: VeskProcess) -> None:
 
 
 def test_the_report_of_two_flows(bench: Bench) -> None:
-    """Labels come in ascending order; two colons are missing in their lines."""
+    """Labels are in ascending order; two colons are missing in their lines."""
     flows = [bench.flow(label, up_label=1, down_label=2, **four_keys())
              for label in (0xFFFFFFFF, 5)]
     bench.declare(*flows)
@@ -83,7 +83,7 @@ def test_the_report_of_two_flows(bench: Bench) -> None:
 
 
 @pytest.mark.parametrize("level", ["error", "warn"])
-def test_below_info_nothing_is_written(vesk: VeskProcess, level: str) -> None:
+def test_the_report_is_not_written_below_info(vesk: VeskProcess, level: str) -> None:
     vesk.lines_after(f"log priority {level}")
     assert vesk.lines_after("stats") == []
 
@@ -92,7 +92,7 @@ def test_words_after_the_command_are_ignored(vesk: VeskProcess) -> None:
     assert vesk.lines_after("stats now please") == vesk.lines_after("stats")
 
 
-def test_reading_resets_nothing(bench: Bench) -> None:
+def test_a_report_resets_no_counter(bench: Bench) -> None:
     flow = bench.flow()
     bench.declare(flow)
     bench.exchange(flow)
@@ -101,7 +101,7 @@ def test_reading_resets_nothing(bench: Bench) -> None:
     assert report_text(bench.vesk) == report_text(bench.vesk)
 
 
-def test_counters_of_a_new_endpoint_start_at_zero(bench: Bench) -> None:
+def test_a_new_endpoint_starts_with_counters_at_zero(bench: Bench) -> None:
     flow = bench.flow()
     bench.declare(flow)
     bench.exchange(flow)
@@ -112,7 +112,7 @@ def test_counters_of_a_new_endpoint_start_at_zero(bench: Bench) -> None:
         "RxDg"] == 0
 
 
-def test_the_listener_counts_anew_after_a_restart(bench: Bench) -> None:
+def test_a_new_listener_starts_with_counters_at_zero(bench: Bench) -> None:
     bench.nothing_went_upstream()
     assert report(bench.vesk).downstream["RxDg"] == 1
     bench.vesk.lines_after("stop", f"start addr 127.0.0.1 port {bench.to[1]}")
@@ -127,10 +127,10 @@ def change(before: Counters, after: Counters) -> Counters:
 
 
 def downstream_change(bench: Bench, datagram: bytes) -> Dict[str, int]:
-    """What one datagram adds to the downstream counters."""
+    """The increments of the downstream counters for one datagram."""
     before = report(bench.vesk).downstream
     bench.send(datagram)
-    # One more good one, so that it is known to be dealt with.
+    # A good datagram follows, so that the first is known to have been handled.
     bench.nothing_went_upstream()
     after = report(bench.vesk).downstream
     after["RxDg"] -= 1
@@ -140,7 +140,7 @@ def downstream_change(bench: Bench, datagram: bytes) -> Dict[str, int]:
 REJECTED = {"RxDg": 1, "RxDgError": 1}
 
 
-def test_a_good_datagram(bench: Bench) -> None:
+def test_a_good_datagram_is_counted(bench: Bench) -> None:
     flow = bench.flow()
     bench.declare(flow)
     bench.ask(flow)
@@ -156,18 +156,20 @@ def test_a_good_datagram(bench: Bench) -> None:
     pytest.param(bytes(15) + b"x" + (5).to_bytes(4, "big"), id="bad HMAC"),
     pytest.param(bytes(16) + (6).to_bytes(4, "big"), id="no upstream address"),
 ])
-def test_rejected_datagrams(bench: Bench, datagram: bytes) -> None:
+def test_rejected_datagrams_are_counted(bench: Bench, datagram: bytes) -> None:
     bench.declare(bench.flow(5), bench.flow(6, upstream=None))
     assert downstream_change(bench, datagram) == REJECTED
 
 
-def test_a_bad_header_length(start_vesk: StartVesk, peer: UdpEnd, upstream: UdpEnd) -> None:
+def test_a_bad_header_length_is_counted(start_vesk: StartVesk, peer: UdpEnd,
+                                        upstream: UdpEnd) -> None:
     bench = Bench(start_vesk("udpv1").ready(), peer, upstream, UDPV1)
     bench.declare(bench.flow())
     assert downstream_change(bench, UDPV1.build(5, b"x", header_length=37)) == REJECTED
 
 
-def test_an_endpoint_that_cannot_be_bound(bench: Bench, new_end: Callable[..., UdpEnd]) -> None:
+def test_an_endpoint_that_cannot_be_bound_is_counted(bench: Bench,
+                                                     new_end: Callable[..., UdpEnd]) -> None:
     taken = new_end()
     flow = bench.flow(options={"up_src_ip": taken.host, "up_src_port": taken.port})
     bench.declare(flow)
@@ -175,8 +177,8 @@ def test_an_endpoint_that_cannot_be_bound(bench: Bench, new_end: Callable[..., U
     assert 5 not in report(bench.vesk).upstream
 
 
-def test_a_datagram_that_was_cut(bench: Bench) -> None:
-    """It counts as received; cut, it is a good datagram of a keyless flow."""
+def test_a_truncated_datagram_is_counted_as_received(bench: Bench) -> None:
+    """Truncated, it is a good datagram of a flow without a key."""
     flow = bench.flow()
     bench.declare(flow)
     before = report(bench.vesk).downstream
@@ -194,10 +196,11 @@ def test_an_empty_datagram_is_not_counted(bench: Bench) -> None:
 
 # Upstream -------------------------------------------------------------------------------
 
-# What is left of a datagram that could not be sent upstream.
+# The counters after a datagram that could not be sent upstream.
 @pytest.mark.parametrize("error, counted", [
     ("EAGAIN", {"TxDgDropped": 1}), ("ENOBUFS", {"TxDgDropped": 1}), ("ECONNREFUSED", {})])
-def test_sending_upstream_fails(bench: Bench, error: str, counted: Dict[str, int]) -> None:
+def test_a_failed_send_upstream_is_counted(bench: Bench, error: str,
+                                           counted: Dict[str, int]) -> None:
     flow = bench.flow()
     bench.declare(flow)
     bench.ask(flow)
@@ -210,7 +213,7 @@ def test_sending_upstream_fails(bench: Bench, error: str, counted: Dict[str, int
 
 def upstream_change(bench: Bench, label: int, settled: Callable[[Dict[str, int]], bool],
                     act: Callable[[], None]) -> Dict[str, int]:
-    # What was sent is counted after it has arrived.
+    # A datagram is counted after it was sent, and thus possibly after it has arrived.
     before = wait_for_report(bench.vesk,
                              lambda now: now.upstream[label]["TxDg"] > 0).upstream[label]
     act()
@@ -219,7 +222,7 @@ def upstream_change(bench: Bench, label: int, settled: Callable[[Dict[str, int]]
     return change(before, after)
 
 
-def test_a_good_reply(bench: Bench) -> None:
+def test_a_good_reply_is_counted(bench: Bench) -> None:
     flow = bench.flow(**four_keys())
     bench.declare(flow)
     sender = bench.ask(flow).sender
@@ -230,7 +233,7 @@ def test_a_good_reply(bench: Bench) -> None:
 
 @pytest.mark.parametrize("reply", [pytest.param(b"short", id="short"),
                                    pytest.param(bytes(16) + b"\0\0\0\5x", id="bad HMAC")])
-def test_rejected_replies(bench: Bench, reply: bytes) -> None:
+def test_rejected_replies_are_counted(bench: Bench, reply: bytes) -> None:
     flow = bench.flow(**four_keys())
     bench.declare(flow)
     sender = bench.ask(flow).sender
@@ -241,8 +244,8 @@ def test_rejected_replies(bench: Bench, reply: bytes) -> None:
 
 @pytest.mark.parametrize("label, counted", [
     (0, {"RxDg": 1, "DnTxDg": 1}), (6, {"RxDg": 1, "RxDgError": 1, "DnTxDg": 1})])
-def test_a_reply_under_another_label_is_counted_and_sent(bench: Bench, label: int,
-                                                         counted: Dict[str, int]) -> None:
+def test_a_reply_with_another_label_is_counted_and_sent(bench: Bench, label: int,
+                                                        counted: Dict[str, int]) -> None:
     flow = bench.flow(**four_keys())
     bench.declare(flow)
     sender = bench.ask(flow).sender
@@ -277,7 +280,8 @@ def test_a_reply_without_a_listener_is_dropped(bench: Bench) -> None:
 @pytest.mark.parametrize("error, counted", [
     ("EAGAIN", {"RxDg": 1, "DnTxDgDropped": 1}), ("ENOBUFS", {"RxDg": 1, "DnTxDgDropped": 1}),
     ("ECONNREFUSED", {"RxDg": 1})])
-def test_sending_back_fails(bench: Bench, error: str, counted: Dict[str, int]) -> None:
+def test_a_failed_send_to_the_peer_is_counted(bench: Bench, error: str,
+                                              counted: Dict[str, int]) -> None:
     flow = bench.flow()
     bench.declare(flow)
     sender = bench.ask(flow).sender
@@ -293,10 +297,10 @@ def test_sending_back_fails(bench: Bench, error: str, counted: Dict[str, int]) -
 
 @pytest.mark.parametrize("error, counted", [
     ("ENOBUFS", {"RxDg": 1, "RxDgError": 1, "DnTxDg": 1}),
-    # Nothing but the socket is drained after it.
+    # The socket is drained afterwards.
     ("ECONNREFUSED", {"RxDg": 1, "DnTxDg": 1})])
-def test_receiving_from_upstream_fails(bench: Bench, error: str,
-                                       counted: Dict[str, int]) -> None:
+def test_a_failed_receive_from_upstream_is_counted(bench: Bench, error: str,
+                                                   counted: Dict[str, int]) -> None:
     flow = bench.flow()
     bench.declare(flow)
     sender = bench.ask(flow).sender
@@ -310,7 +314,7 @@ def test_receiving_from_upstream_fails(bench: Bench, error: str,
 
 
 def test_a_multiplexed_reply_counts_on_socket_and_flow(bench: Bench) -> None:
-    """Received on the endpoint whose socket it was, sent by the flow whose label it bears."""
+    """It is received on the endpoint of its socket and sent on the flow of its label."""
     port = free_port()
     flows = [bench.flow(label, options={"is_multiplex": "true", "up_src_ip": "127.0.0.1",
                                         "up_src_port": port}) for label in (5, 6)]
@@ -323,7 +327,8 @@ def test_a_multiplexed_reply_counts_on_socket_and_flow(bench: Bench) -> None:
 
 
 @pytest.mark.parametrize("label", [0, 99])
-def test_a_multiplexed_reply_of_no_flow_counts_on_its_socket(bench: Bench, label: int) -> None:
+def test_a_multiplexed_reply_with_an_unknown_label_counts_on_its_socket(bench: Bench,
+                                                                        label: int) -> None:
     flow = bench.flow(options={"is_multiplex": "true", "up_src_ip": "127.0.0.1",
                                "up_src_port": free_port()})
     bench.declare(flow)
@@ -351,8 +356,8 @@ def test_sockets_are_armed_again_after_each_reply(bench: Bench) -> None:
     wait_for_report(bench.vesk, lambda now: now.poll["ActiveEvtNr"] == 0)
 
 
-def test_sockets_are_dealt_out_to_the_workers_in_turn(bench: Bench) -> None:
-    """Each ready socket goes to the next worker in turn."""
+def test_ready_sockets_are_distributed_to_the_workers_in_turn(bench: Bench) -> None:
+    """Each ready socket is queued for the next worker."""
     flow = bench.flow()
     bench.declare(flow)
     sender = bench.ask(flow).sender
@@ -364,11 +369,11 @@ def test_sockets_are_dealt_out_to_the_workers_in_turn(bench: Bench) -> None:
     assert seen.poll["RdReadyNr"] == rounds
     for worker in seen.receivers:
         assert worker["DgNr"] == 2
-        # A worker that has not yet gone back to wait takes a socket without a wake-up.
+        # A worker that is not waiting yet serves a socket without a wake-up.
         assert 1 <= worker["ReadyFdNr"] <= 2 and worker["WakeNr"] >= worker["ReadyFdNr"]
 
 
-def test_the_totals_add_up(bench: Bench) -> None:
+def test_the_totals_are_the_sums_of_the_workers(bench: Bench) -> None:
     flows = [bench.flow(label, down_in=Key(b"k")) for label in range(1, 21)]
     bench.declare(*flows)
     for flow in flows:

@@ -1,6 +1,6 @@
-"""The end of input while everything is busy.
+"""The end of input under load.
 
-VESK_REPEAT_ENDINGS says how often each ending is repeated.
+VESK_REPEAT_ENDINGS is the number of repetitions of each test.
 """
 
 from __future__ import annotations
@@ -25,7 +25,7 @@ PROMPT_SECONDS = 2
 
 
 def busy_flows(bench: Bench) -> List[Flow]:
-    """Fifty flows, keyed and keyless, each of which has seen a datagram each way."""
+    """Fifty declared flows, half of them with keys."""
     flows = [bench.flow(label, **(four_keys() if label % 2 else {}))
              for label in range(1, FLOWS + 1)]
     bench.declare(*flows)
@@ -35,7 +35,7 @@ def busy_flows(bench: Bench) -> List[Flow]:
 @pytest.mark.limit_seconds(60 + 10 * REPETITIONS)
 @pytest.mark.parametrize("arguments", [[], ["udpv1", "1"]], ids=["udpv2", "udpv1"])
 def test_end_of_input_under_full_load(start_vesk: StartVesk, arguments: List[str]) -> None:
-    """Exit status 0 within two seconds and nothing on standard error, every time."""
+    """The exit status is 0 within two seconds, and nothing is written to standard error."""
     for _ in range(REPETITIONS):
         with ExitStack() as ends:
             peer, upstream = (ends.enter_context(UdpEnd()) for _ in range(2))
@@ -59,7 +59,7 @@ def test_end_of_input_under_full_load(start_vesk: StartVesk, arguments: List[str
 
 @pytest.mark.limit_seconds(60 + 10 * REPETITIONS)
 def test_end_of_input_while_flows_are_opened(start_vesk: StartVesk) -> None:
-    """Hundreds of endpoints are made and removed while the process goes down."""
+    """Hundreds of endpoints are created and removed while the process ends."""
     for _ in range(REPETITIONS):
         with ExitStack() as ends:
             peer, upstream = (ends.enter_context(UdpEnd()) for _ in range(2))
@@ -68,7 +68,7 @@ def test_end_of_input_while_flows_are_opened(start_vesk: StartVesk) -> None:
             flows = [bench.flow(label) for label in range(1, 301)]
             bench.declare(*flows)
             with Flood(peer, [(flow.request(b"x"), bench.to) for flow in flows]) as flood:
-                wait_until(lambda: flood.rounds > 0, "every flow was asked once", seconds=20)
+                wait_until(lambda: flood.rounds > 0, "every flow has got a datagram", seconds=20)
                 for flow in flows:
                     vesk.command(f"del label {flow.label}")
                     vesk.command(flow.set_command())
@@ -78,7 +78,7 @@ def test_end_of_input_while_flows_are_opened(start_vesk: StartVesk) -> None:
 
 @pytest.mark.limit_seconds(60 + 5 * REPETITIONS)
 def test_end_of_input_right_after_the_start(start_vesk: StartVesk) -> None:
-    """Threads are cancelled before they have run far, or at all."""
+    """Threads are cancelled at the beginning of their work or before it."""
     for _ in range(4 * REPETITIONS):
         vesk = start_vesk()
         vesk.close_input()
@@ -98,7 +98,7 @@ def test_end_of_input_right_after_a_start_command(start_vesk: StartVesk) -> None
 
 @pytest.mark.limit_seconds(60 + 10 * REPETITIONS)
 def test_end_of_input_while_flows_expire(start_vesk: StartVesk) -> None:
-    """The pass that closes hundreds of them runs into the end of the process."""
+    """The process ends while a pass closes hundreds of flows."""
     for _ in range(REPETITIONS):
         with ExitStack() as ends:
             peer, upstream = (ends.enter_context(UdpEnd()) for _ in range(2))
@@ -116,7 +116,7 @@ def test_end_of_input_while_flows_expire(start_vesk: StartVesk) -> None:
 
 @pytest.mark.limit_seconds(60 + 10 * REPETITIONS)
 def test_end_of_input_with_a_flood_of_bad_datagrams(start_vesk: StartVesk) -> None:
-    """Each makes an endpoint, fails its check and removes it again."""
+    """Each datagram creates an endpoint, fails its check and removes the endpoint again."""
     for _ in range(REPETITIONS):
         with ExitStack() as ends:
             peer, upstream = (ends.enter_context(UdpEnd()) for _ in range(2))

@@ -1,6 +1,6 @@
-"""The same label arriving directly and over the lateral stream at the same time.
+"""Datagrams of one label that arrive directly and over the lateral stream at the same time.
 
-VESK_LATERAL_SECONDS says for how long.
+VESK_LATERAL_SECONDS is the duration.
 """
 
 from __future__ import annotations
@@ -37,8 +37,8 @@ def joined_pair(start_vesk: StartVesk,
 
 
 @pytest.mark.limit_seconds(60 + 4 * SECONDS)
-def test_one_label_arrives_directly_and_laterally(start_vesk: StartVesk) -> None:
-    """Whichever way a datagram came, what leaves is rightly signed, in both directions."""
+def test_one_label_is_served_directly_and_laterally_at_once(start_vesk: StartVesk) -> None:
+    """Every forwarded datagram is signed correctly in both directions."""
     instances, listeners = joined_pair(start_vesk)
     owner = instances[0]
     by_up_label = {}
@@ -57,7 +57,7 @@ def test_one_label_arrives_directly_and_laterally(start_vesk: StartVesk) -> None
             datagrams = [(flow.request(b"p" * 200), listener) for flow in flows]
             ends.enter_context(Flood(peer, datagrams, pause_seconds=scaled(0.001)))
         ended = time.monotonic() + SECONDS
-        wait_until(lambda: time.monotonic() > ended, "the time is over", SECONDS + 10)
+        wait_until(lambda: time.monotonic() > ended, "the time has elapsed", SECONDS + 10)
         assert all(drain.count > 100 for drain in drains), [drain.count for drain in drains]
         for drain in drains:
             drain.stop()
@@ -69,8 +69,8 @@ def test_one_label_arrives_directly_and_laterally(start_vesk: StartVesk) -> None
 
 
 @pytest.mark.limit_seconds(60)
-def test_both_receive_threads_need_a_missing_endpoint(start_vesk: StartVesk) -> None:
-    """New labels arrive on both ways at once: one endpoint is made, and made whole."""
+def test_two_threads_that_miss_an_endpoint_create_it_once(start_vesk: StartVesk) -> None:
+    """New labels arrive on both ways at once. One complete endpoint is created for each."""
     instances, listeners = joined_pair(start_vesk)
     labels = [owned_label(0, number) for number in range(1, 301)]
     with UdpEnd() as upstream, UdpEnd() as direct, UdpEnd() as other:
@@ -86,15 +86,15 @@ def test_both_receive_threads_need_a_missing_endpoint(start_vesk: StartVesk) -> 
         for _ in range(2 * len(flows)):
             data = upstream.receive().data
             by_up_label[UDPV2.parse(data).label].open_request(data)
-        # What has been written has been read as well, once the answer to a later command is there.
+        # Once a later command is answered, every line written before it has been read.
         instances[0].settle()
         created = [line for line in instances[0].remarks(since) if "Created upstream" in line]
         assert len(created) == len(flows)
 
 
 @pytest.mark.limit_seconds(60)
-def test_end_of_input_with_everything_busy(start_vesk: StartVesk) -> None:
-    """A clean-up every second, the lateral stream at full speed, and then the end."""
+def test_end_of_input_under_full_load(start_vesk: StartVesk) -> None:
+    """With a clean-up every second and the lateral stream at full speed."""
     for _ in range(2):
         instances, listeners = joined_pair(start_vesk, "udpv2", "1")
         with ExitStack() as ends:
@@ -108,7 +108,7 @@ def test_end_of_input_with_everything_busy(start_vesk: StartVesk) -> None:
             arrived = ends.enter_context(Drain(upstream))
             for peer, listener in ((first, listeners[0]), (second, listeners[1])):
                 ends.enter_context(Flood(peer, [(flow.request(b"x"), listener) for flow in flows]))
-            wait_until(lambda: arrived.count > 2000, "traffic flows", 20)
+            wait_until(lambda: arrived.count > 2000, "traffic arrives", 20)
             for vesk in instances:
                 vesk.close_input()
             for vesk in instances:

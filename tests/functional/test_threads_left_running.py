@@ -1,7 +1,7 @@
 """Threads that cannot be cancelled.
 
-Where a process may queue no signals, pthread_cancel fails with EAGAIN for a thread that waits.
-VESK_REPEAT_ENDINGS says how often each ending under load is repeated.
+In a process that may queue no signals, pthread_cancel fails with EAGAIN for a thread that waits.
+VESK_REPEAT_ENDINGS is the number of repetitions of each test under load.
 """
 
 from __future__ import annotations
@@ -51,12 +51,13 @@ def wait_until_asleep(vesk: VeskProcess) -> None:
 
 
 def own_threads(vesk: VeskProcess) -> int:
-    """Those that the forwarder has started; the thread sanitizer has one of its own."""
+    """The number of threads that the forwarder has started; the thread sanitizer adds one."""
     return len(vesk.threads()) - (2 if SANITIZER == "tsan" else 1)
 
 
-def test_stop_of_a_thread_that_cannot_be_cancelled(vesk: VeskProcess, bench: Bench) -> None:
-    """The error is logged, later commands are carried out, and no processor time is used."""
+def test_stop_leaves_a_thread_that_cannot_be_cancelled_running(vesk: VeskProcess,
+                                                               bench: Bench) -> None:
+    """The error is logged, later commands are executed, and no processor time is used."""
     flow = bench.flow(5)
     bench.declare(flow)
     bench.exchange(flow)
@@ -66,7 +67,7 @@ def test_stop_of_a_thread_that_cannot_be_cancelled(vesk: VeskProcess, bench: Ben
     wait_until_asleep(vesk)
     assert vesk.lines_after("stop") == []
     host, port = bench.to
-    # The thread keeps its socket, and with it the port.
+    # The thread keeps its socket and therefore the port.
     assert ("error Failed bind syscall for endpoint socket: Address already in use"
             in vesk.lines_after(f"start addr {host} port {port}"))
     bench.send(flow.request(b"to the thread that was left running"))
@@ -79,13 +80,14 @@ def test_stop_of_a_thread_that_cannot_be_cancelled(vesk: VeskProcess, bench: Ben
         assert vesk.lines_after("stop") == [NOT_CANCELLED, STOPPED]
         other.send(other_flow.request(b"to the second one"))
         wait_until_asleep(vesk)
-    # The two receive threads are not asked a second time.
+    # The two receive threads are not cancelled a second time.
     end_with_threads_left(vesk, own_threads(vesk) - 2)
 
 
 @pytest.mark.parametrize("traffic", [False, True], ids=["unused", "used"])
-def test_end_of_input_where_no_thread_can_be_cancelled(vesk: VeskProcess, bench: Bench,
-                                                       traffic: bool) -> None:
+def test_end_of_input_ends_the_process_when_no_thread_can_be_cancelled(vesk: VeskProcess,
+                                                                       bench: Bench,
+                                                                       traffic: bool) -> None:
     if traffic:
         flow = bench.flow(5)
         bench.declare(flow)
@@ -96,8 +98,8 @@ def test_end_of_input_where_no_thread_can_be_cancelled(vesk: VeskProcess, bench:
 
 
 @pytest.mark.parametrize("stopped_before", [False, True], ids=["running", "stopped"])
-def test_end_of_input_with_the_lateral_thread_running(vesk: VeskProcess, bench: Bench,
-                                                      stopped_before: bool) -> None:
+def test_end_of_input_ends_the_process_with_the_lateral_thread_running(
+        vesk: VeskProcess, bench: Bench, stopped_before: bool) -> None:
     hosts = {0: LOOPBACK[0], 1: LOOPBACK[1]}
     port = shared_free_port(list(hosts.values()))
     join(vesk, 0, hosts, port, 2)
@@ -118,8 +120,9 @@ def test_end_of_input_with_the_lateral_thread_running(vesk: VeskProcess, bench: 
 
 @pytest.mark.limit_seconds(60 + 10 * REPETITIONS)
 @pytest.mark.parametrize("stopped_before", [False, True], ids=["running", "stopped"])
-def test_end_of_input_under_load(start_vesk: StartVesk, stopped_before: bool) -> None:
-    """A busy thread can be cancelled at its next wait; shut-down does not wait for the others."""
+def test_end_of_input_under_load_does_not_wait_for_threads_left_running(
+        start_vesk: StartVesk, stopped_before: bool) -> None:
+    """A busy thread can be cancelled at its next wait. Shutdown does not wait for the others."""
     by_up_label: Dict[int, Flow] = {}
 
     def echo(data: bytes) -> bytes:
@@ -142,8 +145,8 @@ def test_end_of_input_under_load(start_vesk: StartVesk, stopped_before: bool) ->
                 vesk.wait_exit([0, errno.EAGAIN], seconds=PROMPT_SECONDS)
 
 
-def test_the_end_closes_nothing_that_a_thread_may_use(start_vesk: StartVesk,
-                                                      tmp_path: Path) -> None:
+def test_the_end_closes_no_descriptor_that_a_thread_may_use(start_vesk: StartVesk,
+                                                            tmp_path: Path) -> None:
     trace = tmp_path / "trace"
     vesk = start_vesk(prefix=recording_start(trace, "write,close,exit_group")).ready()
     vesk.listen()

@@ -1,6 +1,6 @@
-"""Commands on live flows: nothing stalls, nothing is signed wrongly, nothing leaks.
+"""Commands during traffic: no flow stalls, no datagram is signed wrongly, nothing leaks.
 
-VESK_LABEL_COMMANDS and VESK_RESTARTS say how many commands a run sends.
+VESK_LABEL_COMMANDS and VESK_RESTARTS are the numbers of commands in a run.
 """
 
 from __future__ import annotations
@@ -26,7 +26,7 @@ LONGEST_STALL_SECONDS = 0.1
 
 
 class Pacer:
-    """Asks one question after the other and remembers the longest wait for an answer."""
+    """Sends one question after another and records the longest wait for an answer."""
 
     def __init__(self, flows: List[Flow], to) -> None:
         self._flows = flows
@@ -62,9 +62,9 @@ class Pacer:
 
 
 class MachinePacer:
-    """The longest wait for an answer that did not pass the forwarder at all.
+    """The longest wait for an answer that does not pass through the forwarder.
 
-    A busy machine stalls everybody; only what comes on top is the forwarder's.
+    A busy machine delays every process; only a longer delay is caused by the forwarder.
     """
 
     def __init__(self) -> None:
@@ -88,8 +88,8 @@ class MachinePacer:
 
 
 @pytest.mark.limit_seconds(60 + COMMANDS // 20)
-def test_set_and_del_on_live_labels(vesk: VeskProcess, upstream: UdpEnd) -> None:
-    """Flows that are left alone are answered all the while, rightly signed and soon."""
+def test_set_and_del_do_not_delay_other_flows(vesk: VeskProcess, upstream: UdpEnd) -> None:
+    """Flows that are not changed get correctly signed answers without delay."""
     by_up_label: Dict[int, Flow] = {}
     framing = Flow(label=1).framing
 
@@ -130,8 +130,8 @@ def test_set_and_del_on_live_labels(vesk: VeskProcess, upstream: UdpEnd) -> None
 
 
 @pytest.mark.limit_seconds(60 + COMMANDS // 20)
-def test_keys_are_changed_under_traffic(vesk: VeskProcess, peer: UdpEnd) -> None:
-    """Every reply is signed with the key of before or of after, never with half of each."""
+def test_replies_are_signed_correctly_while_keys_change(vesk: VeskProcess, peer: UdpEnd) -> None:
+    """Every reply is signed with the old key or the new key, never with parts of both."""
     keys = [Key(bytes([number]) * length, algorithm)
             for number, (length, algorithm) in
             enumerate([(1, "sha1"), (128, "sha256"), (20, "sha256"), (64, "sha1")])]
@@ -148,7 +148,7 @@ def test_keys_are_changed_under_traffic(vesk: VeskProcess, peer: UdpEnd) -> None
                 vesk.command(f"set label 5 down_out_key {key.secret.hex()} "
                              f"down_out_algo {key.algorithm}")
                 before = answered.count
-                wait_until(lambda: answered.count > before + 2, "replies come again")
+                wait_until(lambda: answered.count > before + 2, "replies arrive again")
     allowed = [None, *keys]
     assert len(answered.samples) > COMMANDS // 20
     for sample in answered.samples:
@@ -158,8 +158,8 @@ def test_keys_are_changed_under_traffic(vesk: VeskProcess, peer: UdpEnd) -> None
 
 
 @pytest.mark.limit_seconds(60 + RESTARTS // 5)
-def test_stop_and_start_under_traffic(start_vesk: StartVesk) -> None:
-    """The port is free as soon as "stop" is done, although replies left from it just now."""
+def test_stop_frees_the_port_under_traffic(start_vesk: StartVesk) -> None:
+    """The port is free as soon as "stop" is done, although replies have just been sent from it."""
     vesk = start_vesk()
     with UdpEnd() as peer, UdpEnd() as upstream:
         bench = Bench(vesk, peer, upstream)
@@ -188,8 +188,8 @@ def test_stop_and_start_under_traffic(start_vesk: StartVesk) -> None:
 
 
 @pytest.mark.limit_seconds(90)
-def test_starts_without_stops_under_traffic(start_vesk: StartVesk) -> None:
-    """The service's mistake, made over and over: replies come, and the end is clean."""
+def test_repeated_starts_without_stops_keep_forwarding(start_vesk: StartVesk) -> None:
+    """Replies still arrive, and the process ends normally."""
     vesk = start_vesk()
     with UdpEnd() as peer, UdpEnd() as upstream:
         bench = Bench(vesk, peer, upstream)
@@ -206,8 +206,9 @@ def test_starts_without_stops_under_traffic(start_vesk: StartVesk) -> None:
 
 
 @pytest.mark.limit_seconds(90)
-def test_replies_of_one_multiplexed_flow_on_many_sockets(start_vesk: StartVesk) -> None:
-    """Several workers hold replies of the same flow at once, and sign each of them rightly."""
+def test_replies_of_one_multiplexed_flow_on_many_sockets_are_signed_correctly(
+        start_vesk: StartVesk) -> None:
+    """Several workers sign replies of the same flow at once."""
     vesk = start_vesk()
     with UdpEnd() as peer, UdpEnd() as upstream:
         bench = Bench(vesk, peer, upstream)

@@ -1,4 +1,4 @@
-// From a line to words and attributes; the input is the line.
+// Splits a line into words and parses them as attributes. The input is the line.
 #include <array>
 #include <string>
 
@@ -8,7 +8,7 @@
 namespace vesk::fuzz {
 namespace {
 
-/// Character by character.
+/// The same, character by character.
 TokenQueue expectedWords(const std::string& line) {
     TokenQueue words;
     bool inWord = false;

@@ -1,5 +1,5 @@
-// The walk over control messages in search of the address a datagram was sent to. The input is the
-// control data; both families look for theirs in it.
+// The search through control messages for the address to which a datagram was sent. The input is
+// the control data, which is searched for both families.
 #include <netinet/in.h>
 
 #include <cstring>
@@ -21,7 +21,7 @@ Value at(View bytes, std::size_t offset) {
 LocalAddress ipv4Address(View message) {
     sockaddr_in address{};
     address.sin_family = AF_INET;
-    // Interface, the address to answer from, the address of the datagram.
+    // Interface, the address to reply from, the destination address of the datagram.
     std::memcpy(&address.sin_addr, message.data() + 24, 4);
     return {{reinterpret_cast<const sockaddr*>(&address), sizeof(address)},
             std::memcmp(message.data() + 20, message.data() + 24, 4) == 0};
@@ -35,8 +35,8 @@ LocalAddress ipv6Address(View message) {
     return {{reinterpret_cast<const sockaddr*>(&address), sizeof(address)}, false};
 }
 
-/// The same by index over the whole: a message is its length (8 bytes), level, type (4 each) and
-/// data, and the next one begins at a multiple of 8.
+/// The same search by index: a message consists of its length (8 bytes), level and type (4 each)
+/// and data, and the next message begins at a multiple of 8.
 LocalAddress expectedDestination(int family, View control) {
     const bool ipv6 = family == AF_INET6;
     for (std::size_t offset = 0; offset + 16 <= control.size();) {

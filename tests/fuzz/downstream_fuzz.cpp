@@ -1,6 +1,6 @@
-// The whole way of a peer's datagrams towards upstream, over real sockets. The input says how the
-// forwarder is set up and then datagram by datagram what is sent: either bytes as they stand, or a
-// payload to be framed for a label, with a right tag or a wrong one.
+// The path of a peer's datagrams to upstream over real sockets. The input selects the set-up of the
+// forwarder and then each datagram that is sent: either raw bytes, or a payload to be framed for a
+// label, with a correct or a wrong HMAC.
 #include <unistd.h>
 
 #include <algorithm>
@@ -15,7 +15,7 @@
 namespace vesk::fuzz {
 namespace {
 
-/// One forwarder, and what must be true of it after each datagram.
+/// One forwarder, and the conditions that must hold after each datagram.
 class Run {
  public:
     Run(int version, bool joined)

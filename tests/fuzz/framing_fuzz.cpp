@@ -1,4 +1,4 @@
-// Parsing, checking, relabelling and signing of framed datagrams; the input is the datagram.
+// Parsing, checking, relabelling and signing of framed datagrams. The input is the datagram.
 #include <algorithm>
 #include <array>
 
@@ -15,7 +15,7 @@ namespace {
 constexpr int version = VESK_FRAMING_VERSION;
 constexpr const FramingDescriptor& framing = framingOfVersion(version);
 
-/// A receive buffer with a datagram in front, and bytes of an older, longer one behind it.
+/// A receive buffer that starts with a datagram, followed by bytes of an older, longer datagram.
 struct Received {
     explicit Received(View datagram) : length(std::min(datagram.size(), maxDatagramSize)) {
         buffer.fill(0xA5);

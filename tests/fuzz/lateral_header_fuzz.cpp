@@ -1,5 +1,5 @@
-// The lateral header: put in front, read, kept, given back and taken off. The input is a lateral
-// datagram, or any other bytes to be made one.
+// The lateral header: prepended, parsed, stored, returned and removed. The input is a lateral
+// datagram, or other bytes that are made into one.
 #include <sys/socket.h>
 
 #include <algorithm>
@@ -31,7 +31,7 @@ bool isLateral(View datagram) {
            datagram.size() >= std::size_t{2} + datagram[1];
 }
 
-/// Whether the header's address is one that a datagram could be sent to.
+/// Whether a datagram could be sent to the header's address.
 bool hasWholeAddress(View datagram) {
     sa_family_t family = 0;
     std::memcpy(&family, datagram.data() + 2, sizeof(family));
@@ -45,7 +45,7 @@ HmacInfo recordOf(const TestKey& key) {
     return record;
 }
 
-/// What another instance does with a datagram that came in, and this one with the reply.
+/// Another instance handles a datagram that was forwarded to it, and this one handles the reply.
 void keepAndReturn(const Buffer& received, const LateralHeader& header) {
     Buffer buffer = received;
     const ReturnPath kept = keepReturnPath(buffer.bytes, header);
@@ -104,7 +104,8 @@ void forward(View payload, const SocketAddress& sender) {
             "a header added and taken off leaves no trace");
 }
 
-/// A return path too long for the datagram leaves it untouched, to be counted and dropped.
+/// A return path that does not fit leaves the datagram unchanged, so that it is counted and
+/// dropped.
 void returnWhatIsTooLong(const Buffer& received) {
     Buffer buffer = received;
     const ReturnPath path(View(received.bytes).first(ReturnPath::capacity));

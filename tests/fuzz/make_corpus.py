@@ -1,6 +1,6 @@
-"""Writes the seed corpora of the fuzz targets: small inputs that lead past the first checks. The
-build runs it (see CMakeLists.txt). The same source always gives the same bytes. An input that once
-broke something is no seed: it is committed under finds/, in the folder of its target.
+"""Writes the seed corpora of the fuzz targets: small inputs that pass the first checks. The build
+runs this script (see CMakeLists.txt). The same source always gives the same bytes. An input that
+revealed a defect is not a seed: it is committed under finds/, in the folder of its target.
 
 Usage: make_corpus.py FOLDER
 """
@@ -16,14 +16,14 @@ sys.path.insert(0, str(Path(__file__).resolve().parent.parent / "functional"))
 from framework.framing import (LATERAL_HMAC_LENGTH, UDPV1, UDPV2, Key, build_lateral,
                                socket_address_bytes)
 
-# The keys that the fuzz targets check with (support/keys.h).
+# The keys with which the fuzz targets check datagrams (support/keys.h).
 NO_KEY = None
 SHA1 = Key(bytes(range(1, 21)), "sha1")
 SHA256 = Key(bytes(range(101, 201)))
 KEYS = {"no_key": NO_KEY, "sha1": SHA1, "sha256": SHA256}
 
 
-# Target and name of each input to its bytes.
+# Maps the target and name of each input to its bytes.
 inputs = {}
 
 
@@ -256,7 +256,7 @@ def make_all():
 
 
 def save(corpus):
-    """Nothing of an earlier build is left: an input that was renamed would be replayed twice."""
+    """Replaces all files of an earlier build, so that a renamed input is not replayed twice."""
     for target in {target for target, _ in inputs}:
         shutil.rmtree(corpus / target, ignore_errors=True)
         (corpus / target).mkdir(parents=True)

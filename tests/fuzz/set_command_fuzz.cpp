@@ -1,5 +1,5 @@
-// "set" and "del" with all their attributes, against the real tables. The input is lines of
-// commands; a line that begins with neither word is a "set" all the same.
+// "set" and "del" with all their attributes and the real tables. The input is a list of command
+// lines; a line that begins with neither word is treated as a "set".
 #include <cerrno>
 #include <memory>
 #include <optional>
@@ -20,11 +20,11 @@ namespace {
 
 using Context = std::shared_ptr<ForwarderContext>;
 
-/// Whether the command was accepted; nothing where the resolver failed, which leaves the handler as
-/// an exception.
+/// Whether the command was accepted; empty if the resolver failed, which the handler reports as an
+/// exception.
 std::optional<bool> carryOut(bool isDel, const TokenQueue& words, const Context& context) {
-    // As in a process that has seen no failure yet: a leftover range error would be taken for one
-    // of this command's.
+    // As in a process without earlier failures: the parsers treat an old range error in errno as
+    // their own.
     errno = 0;
     try {
         return isDel ? deleteLabel(words, context) : setLabelAttrs(words, context);
@@ -33,11 +33,11 @@ std::optional<bool> carryOut(bool isDel, const TokenQueue& words, const Context&
     }
 }
 
-/// A label that was set has a record that says what the command said.
+/// A label that was set has a record with the values of the command.
 void checkRecord(std::uint32_t label, const Attributes& attributes, EndpointManager& manager) {
     const EndpointPtr endpoint = manager.createEndpoint(label, closeEndpointSockets);
     if (!endpoint) {
-        return;  // Without an upstream address there is no socket to be had.
+        return;  // Without an upstream address no socket can be opened.
     }
     const FlowDesc& flow = endpoint->flow;
     require(flow.label == label && flow.isAuxFlow == 0, "a label that was set is a main flow");
@@ -57,11 +57,11 @@ void checkOutcome(bool isDel, const Attributes& attributes, std::optional<bool> 
                   const Context& context) {
     switch (verdictOnSet(attributes)) {
         case Verdict::accepted:
-            // An update may put a new port to an old host text that was never looked up.
+            // An update may add a port to an old host text that was never resolved.
             require(accepted != false && (accepted || !isDel), "a right command is accepted");
             break;
         case Verdict::refused:
-            // The resolver may have ended it before what is wrong was looked at.
+            // The resolver may have failed before the bad attribute was parsed.
             require(!accepted.value_or(false), "a wrong command is not carried out");
             break;
         case Verdict::undetermined:
@@ -72,7 +72,7 @@ void checkOutcome(bool isDel, const Attributes& attributes, std::optional<bool> 
     }
     const std::uint32_t label = labelOf(attributes);
     if (isDel) {
-        // A prefix of another flow's may still make it an auxiliary flow, but no longer a main one.
+        // Another flow's prefix may still make it an auxiliary flow, but it is not a main flow.
         const EndpointPtr left = context->endpointManager->findEndpointByLabel(label);
         require(left == nullptr, "a label that was deleted has no endpoint");
     } else {

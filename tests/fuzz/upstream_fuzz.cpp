@@ -1,6 +1,6 @@
-// The whole way of replies back to the peer, over real sockets. The input says how the forwarder is
-// set up and which flow is opened, and then reply by reply what upstream sends to that flow's
-// socket, in the same way as for the downstream target.
+// The path of replies to the peer over real sockets. The input selects the set-up of the forwarder,
+// the flow that is opened, and then each reply that upstream sends to that flow's socket, as in the
+// downstream target.
 #include <algorithm>
 #include <array>
 
@@ -13,7 +13,7 @@
 namespace vesk::fuzz {
 namespace {
 
-/// One forwarder with one flow, and what must be true of them after each reply.
+/// One forwarder with one flow, and the conditions that must hold after each reply.
 class Run {
  public:
     Run(int version, bool joined, std::uint32_t label, bool laterally)
@@ -41,7 +41,7 @@ class Run {
     }
 
  private:
-    /// The first request opens the flow and tells where replies go.
+    /// The first request opens the flow and sets the address to which replies are sent.
     EndpointPtr open(std::uint32_t label) {
         const Bytes request = signedWith(
             version_, framedDatagram(version_, label, std::array<std::uint8_t, 1>{}), *flow_.down);
@@ -55,7 +55,7 @@ class Run {
         const auto framed = readFramed(version_, reply);
         const bool otherFlow = framed && framed->label != endpoint_->label;
         if (!framed || (otherFlow && endpoint_->flow.isMultiplex)) {
-            // On a socket of several flows the label alone says whose a reply is.
+            // On a multiplexed socket only the label selects the flow of a reply.
             ++doubtful_;
             return;
         }
@@ -94,7 +94,7 @@ class Run {
     std::uint64_t tooLong_ = 0;
 };
 
-/// Flows that can be reached: the four declared ones and an auxiliary one.
+/// The flows with an upstream address: the four declared ones and an auxiliary one.
 std::uint32_t reachableLabel(unsigned number) {
     return someLabels().at(std::array<unsigned, 8>{0, 1, 2, 3, 5, 0, 1, 2}.at(number % 8));
 }

@@ -47,7 +47,8 @@ void Actor::enter() {
 }  // namespace vesk::model
 
 // NOLINTBEGIN(bugprone-reserved-identifier,cert-dcl37-c,cert-dcl51-cpp): the linker's names
-// The linker gives these names to the callers' functions and to the true ones.
+// With --wrap the linker resolves calls to the __wrap_ functions, and the __real_ names to the
+// original ones.
 extern "C" {
 ssize_t __real_recvmsg(int socket, msghdr* message, int flags);
 int __real_epoll_wait(int set, epoll_event* events, int count, int timeout);

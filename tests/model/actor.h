@@ -1,5 +1,5 @@
-// One of the forwarder's threads, run by the test as a context of its own on the test's thread: it
-// stops at chosen system calls, and goes on when the test says so. With a few actors a test puts
+// One of the forwarder's threads, run by the test as a separate context on the test's thread. It
+// pauses at chosen system calls and continues when the test lets it. With a few actors a test runs
 // the steps of different threads in any order, independent of the scheduler.
 //
 // For test programs that are linked with --wrap for recvmsg, epoll_wait and the Lingerer (see
@@ -21,12 +21,12 @@ class Actor {
     Actor() : stack_(stackSize) {}
     Actor(const Actor&) = delete;
     Actor& operator=(const Actor&) = delete;
-    /// The action must be done.
+    /// The action must have ended.
     ~Actor() = default;
 
-    /// Begins the action, and returns when the actor pauses or is done.
+    /// Begins the action and returns when the actor pauses or has ended.
     void run(std::function<void()> action);
-    /// Continues a paused action until it pauses again or is done.
+    /// Continues a paused action until it pauses again or has ended.
     void resume();
     bool paused() const { return busy_; }
 
@@ -35,7 +35,7 @@ class Actor {
 
     // For the wrapped calls.
 
-    /// The actor that runs, if any.
+    /// The actor that is running, if any.
     static Actor* current();
     void pause();
     std::optional<int> takeReceiveError() { return std::exchange(receiveError_, std::nullopt); }

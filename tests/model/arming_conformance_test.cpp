@@ -1,5 +1,5 @@
-// The model of arming against the forwarder: both run the same sequences of operations, which a
-// search of the model finds, and have to be in the same state after each operation.
+// Compares the model of arming with the forwarder: both run the same sequences of operations, which
+// a search of the model finds, and must be in the same state after each operation.
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -36,6 +36,7 @@ class ArmingConformance : public DatapathTest, public Surroundings {
         });
         std::cout << walks.situations() << " situations, " << walks.steps() << " different steps, "
                   << operations << " operations\n";
+        EXPECT_GT(operations, 0U);
         return difference;
     }
 
@@ -85,29 +86,29 @@ TEST_F(ArmingConformance, StatesMatchForAFlowWithTheDescriptorsOfAnEarlierOne) {
     EXPECT_EQ(compareAllWalks(twoFlows), "");
 }
 
-// Where the model is made to differ from the code, the comparison has to notice.
+// When the model is made to differ from the code, the comparison must detect it.
 
-TEST_F(ArmingConformance, FindsThatAModelHasNoClaims) {
+TEST_F(ArmingConformance, DetectsAModelWithoutClaims) {
     rules.claimsSocket = false;
     EXPECT_NE(compareAllWalks(twoFlows), "");
 }
 
-TEST_F(ArmingConformance, FindsThatAModelIgnoresTheOtherWorker) {
+TEST_F(ArmingConformance, DetectsAModelThatIgnoresTheOtherWorker) {
     rules.heedsOtherWorker = false;
     EXPECT_NE(compareAllWalks(twoFlows), "");
 }
 
-TEST_F(ArmingConformance, FindsThatAModelArmsASocketTwice) {
+TEST_F(ArmingConformance, DetectsAModelThatArmsASocketTwice) {
     rules.armsOnce = false;
     EXPECT_NE(compareAllWalks(twoFlows), "");
 }
 
-TEST_F(ArmingConformance, FindsThatAModelHoldsNoDrainedEndpoint) {
+TEST_F(ArmingConformance, DetectsAModelThatHoldsNoDrainedEndpoint) {
     rules.holdsDrained = false;
     EXPECT_NE(compareAllWalks(twoFlows), "");
 }
 
-TEST_F(ArmingConformance, FindsThatAModelDoesNotArmAfterARefusedReceive) {
+TEST_F(ArmingConformance, DetectsAModelThatDoesNotArmAfterARefusedReceive) {
     rules.armsAfterRefusedReceive = false;
     EXPECT_NE(compareAllWalks({.endpoints = 1, .failures = 1}), "");
 }

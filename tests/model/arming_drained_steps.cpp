@@ -1,4 +1,4 @@
-// What a receive worker does with a socket that it is done with for now.
+// The steps of a receive worker for a socket that it has drained.
 #include "arming_steps.h"
 
 namespace vesk::model {
@@ -26,10 +26,10 @@ void Stepper::giveBack(State& next, std::size_t who) const {
     }
 }
 
-/// The order that the forwarder does not follow.
+/// The order that the forwarder does not use.
 void Stepper::armClaimed(std::size_t who) {
     if (channelHasRoom()) {
-        add("worker asks for the claimed socket to be armed", [who](State& next) {
+        add("worker requests the arming of the claimed socket", [who](State& next) {
             Worker& worker = next.workers.at(who);
             next.channel.push({Op::rearm, worker.number, worker.endpoint});
             worker.step = WorkerStep::giveBack;
@@ -49,24 +49,24 @@ void Stepper::armDrained(std::size_t who) {
     };
     const std::uint8_t armings = worker.drainedArmings.items.at(worker.armed);
     if (rules_.armsOnce && from_.endpoints.at(index).armings != armings) {
-        add("worker finds a drained socket armed since", goOn);
+        add("worker finds a drained socket already armed", goOn);
         return;
     }
     if (channelHasRoom()) {
-        add("worker asks for a drained socket to be armed", [&](State& next) {
+        add("worker requests the arming of a drained socket", [&](State& next) {
             ++next.endpoints.at(index).armings;
             next.channel.push({Op::rearm, number, index});
             goOn(next);
         });
     }
-    mayFail("worker cannot ask for now", [&](State& next) {
+    mayFail("worker's request fails for now", [&](State& next) {
         ++next.endpoints.at(index).armings;
         if (rules_.triesAgain) {
             next.workers.at(who).refused.push(index);
         }
         goOn(next);
     });
-    mayFail("worker cannot ask and removes the endpoint", [&](State& next) {
+    mayFail("worker's request fails and it removes the endpoint", [&](State& next) {
         ++next.endpoints.at(index).armings;
         next.endpoints.at(index).filed = false;
         goOn(next);
@@ -81,7 +81,7 @@ void Stepper::retryRefused(std::size_t who) {
     if (!from_.endpoints.at(index).filed) {
         add("worker forgets a refused socket that was removed", letRefusedGo);
     } else if (channelHasRoom()) {
-        add("worker asks again for a refused socket to be armed", [&](State& next) {
+        add("worker retries the arming of a refused socket", [&](State& next) {
             next.channel.push({Op::rearm, next.endpoints.at(index).readNumber, index});
             letRefusedGo(next);
         });

@@ -1,4 +1,4 @@
-// Who makes an endpoint, who removes it, and its deleter.
+// The threads that create and remove an endpoint, and its deleter.
 #include <algorithm>
 
 #include "arming_steps.h"
@@ -27,7 +27,7 @@ void Stepper::creator() {
             forward(held);
             break;
         case CreatorStep::release:
-            add("its creator lets go", [this](State& next) {
+            add("its creator releases it", [this](State& next) {
                 next.creator = CreatorStep::idle;
                 letGo(next, next.creatorHolds);
             });
@@ -61,7 +61,7 @@ void Stepper::create(State& next) {
 
 void Stepper::registerSocket(std::uint8_t held) {
     if (channelHasRoom()) {
-        add("its creator asks for it to be watched", [held](State& next) {
+        add("its creator requests that it be watched", [held](State& next) {
             next.channel.push({Op::add, next.endpoints.at(held).readNumber, held});
             next.creator = CreatorStep::markPrepared;
         });
@@ -90,7 +90,7 @@ void Stepper::forward(std::uint8_t held) {
 
 void Stepper::remover() {
     if (from_.removerHolds != noOne) {
-        add("its remover lets go", [this](State& next) { letGo(next, next.removerHolds); });
+        add("its remover releases it", [this](State& next) { letGo(next, next.removerHolds); });
         return;
     }
     for (std::uint8_t i = 0; i < maxEndpoints; ++i) {
@@ -132,14 +132,14 @@ void Stepper::dispose(std::uint8_t index, std::uint8_t number, Deletion then) {
         return;
     }
     if (channelHasRoom()) {
-        add("the deleter asks for a socket to be closed", [&](State& next) {
+        add("the deleter requests that a socket be closed", [&](State& next) {
             next.endpoints.at(index).deletion = then;
             next.channel.push({Op::remove, number, index});
         });
     }
-    // The one case of closing what may still be watched, or be about to be: whom that wakes,
-    // or arms, until the poll thread has closed the other descriptor must do no harm.
-    mayFail("the deleter cannot ask and closes", [&](State& next) {
+    // The only case in which a socket is closed that is watched or is about to be. A worker that it
+    // wakes, or an arming, before the poll thread has closed the other descriptor must be harmless.
+    mayFail("the deleter's request fails and it closes the socket", [&](State& next) {
         next.closedUnasked = true;
         closeHere(next);
     });

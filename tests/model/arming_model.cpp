@@ -8,7 +8,7 @@ namespace vesk::model {
 
 namespace {
 
-/// Whether the worker has yet to read the socket or to ask for it to be armed.
+/// Whether the worker still has to read the socket or to request its arming.
 bool isAtIt(const Worker& worker, std::uint8_t endpoint, std::uint8_t number) {
     const bool onItsList = worker.queue.contains(number) || worker.serving.contains(number);
     const bool aboutToLook = worker.step == WorkerStep::lookUp && worker.number == number;

@@ -1,21 +1,21 @@
-// A model of how upstream read sockets are armed: who may do what next, and what that makes of the
-// whole. arming_conformance_test.cpp compares it with the code. A change of poll/epoll_set.cpp,
-// poll/poll_loop.cpp, poll/receive_worker.cpp, datapath/upstream.cpp, datapath/flow_endpoint.cpp or
-// net/endpoint_lifecycle.cpp needs a change of the model too.
+// A model of how upstream read sockets are armed: the steps that each thread may take next, and the
+// state after each. arming_conformance_test.cpp compares it with the code. A change of
+// poll/epoll_set.cpp, poll/poll_loop.cpp, poll/receive_worker.cpp, datapath/upstream.cpp,
+// datapath/flow_endpoint.cpp or net/endpoint_lifecycle.cpp needs a change of the model too.
 //
-// What is in it: the poll thread with the epoll set and the message channel; two workers with their
-// queues and private lists; one thread that creates endpoints and one that takes them out of the
-// tables; the deleter; datagrams arriving; calls that fail; descriptor numbers, of which the kernel
-// always gives out the lowest that is free. Each step is what happens under one lock or in one
+// It contains: the poll thread with the epoll set and the message channel; two workers with their
+// queues and private lists; one thread that creates endpoints and one that removes them from the
+// tables; the deleter; arriving datagrams; failing calls; and descriptor numbers, of which the
+// kernel always assigns the lowest free one. Each step is what happens under one lock or in one
 // system call.
 //
-// Some liberties, each of which allows more than can happen: a ready socket may go to either
-// worker's queue; a worker may collect its queue, and end its pass, between any two sockets; it
-// asks for drained sockets one by one, where a single datagram may ask for a row of them; a deleter
-// runs beside the thread that let go of the endpoint.
+// Some simplifications, each of which allows more than can happen: a ready socket may be added to
+// either worker's queue; a worker may collect its queue, and end its pass, between any two sockets;
+// it requests arming one socket at a time, while a real datagram may contain a row of them; a
+// deleter runs in parallel with the thread that released the endpoint.
 //
-// Not in it: events of nothing but an error. Upstream sockets are never connected, so the kernel
-// reports no error of an earlier datagram on them.
+// It does not contain events that report only an error. Upstream sockets are never connected, so
+// the kernel reports no error of an earlier datagram on them.
 #pragma once
 
 #include <algorithm>
@@ -27,41 +27,41 @@
 
 namespace vesk::model {
 
-/// What the forwarder does so that no wake-up is lost. Each can be taken away, to see that the
-/// search would notice.
+/// The rules that the forwarder follows so that no wake-up is lost. Each can be disabled to show
+/// that the search detects it.
 struct Rules {
     bool claimsSocket = true;
-    /// Reads once more where another worker came by meanwhile.
+    /// Reads again if another worker tried to claim the endpoint meanwhile.
     bool heedsOtherWorker = true;
     bool givesBackBeforeArming = true;
-    /// Keeps a drained endpoint until the poll thread was asked to arm its socket.
+    /// Keeps a drained endpoint until its arming has been requested.
     bool holdsDrained = true;
-    /// Sees to the sockets put off at the end of a pass, not only when many have gathered.
+    /// Arms the collected sockets at the end of a pass, not only when there are many.
     bool armsAfterEachPass = true;
     bool armsAfterRefusedReceive = true;
     bool pollThreadCloses = true;
-    /// What a worker does with an endpoint whose creator is not done with it.
+    /// What a worker does with an endpoint that its creator has not prepared yet.
     enum class Unprepared : std::uint8_t { waitForCreator, forget, serve };
     Unprepared unprepared = Unprepared::waitForCreator;
-    /// A socket that another worker armed since it was found drained is not armed again.
+    /// A socket that another worker has armed since it was drained is not armed again.
     bool armsOnce = true;
-    /// A socket that could not be armed is tried again.
+    /// The arming of a socket is retried if it failed.
     bool triesAgain = true;
 };
 
-/// How much happens.
+/// The size of the searched model.
 struct Bounds {
     std::uint8_t endpoints = 2;
-    /// Flows at one time; endpoints beyond that take the place of earlier ones.
+    /// Flows at one time; further endpoints replace earlier ones.
     std::uint8_t labels = 1;
     std::uint8_t arrivals = 2;
     std::uint8_t removals = 1;
     std::uint8_t failures = 0;
-    /// Records that the channel holds before a sender has to wait.
+    /// Records that fit into the channel before a sender has to wait.
     std::uint8_t channel = 3;
 };
 
-// Everything is made of bytes, with no gaps, since states are compared and hashed as bytes.
+// All members are bytes, without padding, because states are compared and hashed as bytes.
 
 inline constexpr std::size_t maxEndpoints = 3;
 inline constexpr std::size_t maxNumbers = 2 * maxEndpoints;
@@ -84,7 +84,7 @@ enum class Op : std::uint8_t { none, add, rearm, remove };
 struct Record {
     Op op = Op::none;
     std::uint8_t number = 0;
-    /// Whose descriptor was meant; the real record does not say.
+    /// The owner of the descriptor, which the real record does not contain.
     std::uint8_t endpoint = 0;
 };
 
@@ -97,7 +97,7 @@ struct Endpoint {
     /// In the tables, where datagrams and ready sockets find it.
     bool filed = false;
     bool prepared = false;
-    /// How often a worker has asked for it to be armed.
+    /// The number of requests to arm it.
     std::uint8_t armings = 0;
     Serving serving = Serving::nobody;
     /// Datagrams in the socket's buffer.
@@ -123,7 +123,7 @@ enum class WorkerStep : std::uint8_t {
     releaseDrained
 };
 
-/// What a receive call brought when it was no datagram.
+/// The result of a receive call that returned no datagram.
 enum class Outcome : std::uint8_t { drained, refused, passingFailure, lastingFailure };
 
 struct Worker {
@@ -134,13 +134,13 @@ struct Worker {
     bool keep = false;
     Fifo<std::uint8_t, 6> queue;
     Fifo<std::uint8_t, 6> serving;
-    /// What the endpoint's count was before the receive call.
+    /// The endpoint's number of requests before the receive call.
     std::uint8_t armings = 0;
-    /// Endpoints to be armed when the pass is over, each with that count, and how many of them are.
+    /// The endpoints to be armed at the end of the pass, each with that number, and their count.
     Fifo<std::uint8_t, 6> drained;
     Fifo<std::uint8_t, 6> drainedArmings;
     std::uint8_t armed = 0;
-    /// Endpoints that could not be armed, to be tried again.
+    /// Endpoints whose arming failed and is to be retried.
     Fifo<std::uint8_t, 6> refused;
 
     bool operator==(const Worker&) const = default;
@@ -148,7 +148,7 @@ struct Worker {
 
 enum class CreatorStep : std::uint8_t { idle, registerSocket, markPrepared, forward, release };
 
-/// What must never happen, found while a step is taken.
+/// Errors that must never occur, detected during a step.
 enum class Fault : std::uint8_t {
     none,
     sharedBuffer,
@@ -159,10 +159,10 @@ enum class Fault : std::uint8_t {
 
 struct State {
     std::array<Endpoint, maxEndpoints> endpoints{};
-    /// The endpoint that a descriptor number belongs to at present.
+    /// The endpoint to which a descriptor number currently belongs.
     std::array<std::uint8_t, maxNumbers> owner{};
     Fifo<Record, 4> channel;
-    /// The poll thread, between two waits: a record to be taken and numbers to be dealt out.
+    /// The poll thread between two waits: a record to execute and numbers to distribute.
     bool recordReady = false;
     Fifo<std::uint8_t, maxEndpoints> batch;
     std::array<Worker, 2> workers{};
@@ -173,7 +173,8 @@ struct State {
     std::uint8_t arrivals = 0;
     std::uint8_t removals = 0;
     std::uint8_t failures = 0;
-    /// A deleter closed what it could not ask for, and records of it may still be on their way.
+    /// A deleter closed a socket because its request failed, and records for the socket may still
+    /// be in the channel.
     bool closedUnasked = false;
     Fault fault = Fault::none;
 
@@ -182,19 +183,19 @@ struct State {
 
 struct Transition {
     std::string_view name;
-    /// Not of the forwarder's doing: a datagram, a command. Nobody may wait for one.
+    /// From outside the forwarder: a datagram or a command. No thread may depend on it.
     bool fromOutside;
     State next;
 };
 
-/// Every step that some thread could take next.
+/// Every step that a thread could take next.
 std::vector<Transition> stepsFrom(const State& state, const Rules& rules, const Bounds& bounds);
 
-/// Whether something is on its way that will read the endpoint's socket or have it watched.
+/// Whether a pending step will read the endpoint's socket or arm it.
 bool isCovered(const State& state, std::uint8_t endpoint);
 
-/// Whether all is as it should be where no thread has anything left to do: live flows armed and
-/// read, sockets of the others closed.
+/// Whether a state in which no thread has anything to do is correct: the sockets of existing flows
+/// are armed and read, and all others are closed.
 bool isAtRest(const State& state);
 
 template <typename Item, std::size_t Capacity>

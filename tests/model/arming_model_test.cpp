@@ -25,26 +25,26 @@ class ArmingModel : public testing::Test {
         std::cout << verdict.states << " states\n";
     }
 
-    /// The search has to notice that a rule was taken away.
+    /// Expects the search to detect that a rule is disabled.
     void expectComplaint(const char* complaint, const Bounds& bounds = {}) {
         const Verdict verdict = search(rules, bounds);
         EXPECT_EQ(verdict.complaint, complaint) << verdict;
     }
 
-    static constexpr const char* lost = "a live flow that nobody will ever read again";
+    static constexpr const char* lost = "a live flow that no thread will read again";
 
     Rules rules;
 };
 
-TEST_F(ArmingModel, OneFlowIsReadWheneverSomethingArrives) {
+TEST_F(ArmingModel, OneFlowIsReadAfterEveryDatagram) {
     expectNothingWrong({.endpoints = 1, .arrivals = 4, .removals = 1});
 }
 
-TEST_F(ArmingModel, AFlowWithTheNumbersOfAnEarlierOneIsRead) {
+TEST_F(ArmingModel, AFlowWithTheDescriptorsOfAnEarlierOneIsRead) {
     expectNothingWrong({.endpoints = 2, .arrivals = 3, .removals = 2});
 }
 
-TEST_F(ArmingModel, TwoFlowsAndOneThatTakesThePlaceOfTheFirstAreRead) {
+TEST_F(ArmingModel, TwoFlowsAndAReplacementOfTheFirstAreRead) {
     expectNothingWrong({.endpoints = 3, .labels = 2, .arrivals = 2, .removals = 1});
 }
 
@@ -57,9 +57,9 @@ TEST_F(ArmingModel, ASenderThatWaitsForRoomBlocksNoThreadForever) {
     expectNothingWrong({.endpoints = 2, .arrivals = 2, .removals = 2, .channel = 1});
 }
 
-// Where a socket may be armed twice, either of these is enough by itself: whoever gives back first
-// and arms then is woken by what came meanwhile; whoever heeds the other worker reads it. Without
-// both, see below.
+// If a socket may be armed twice, either rule is sufficient: a worker that releases its claim and
+// then arms is woken by a datagram that arrived meanwhile; a worker that notices the other worker
+// reads it. The tests below disable both.
 
 TEST_F(ArmingModel, ArmingBeforeReleasingTheClaimIsSafeUnlessTheOtherWorkerIsIgnored) {
     rules.givesBackBeforeArming = false;
@@ -73,7 +73,7 @@ TEST_F(ArmingModel, IgnoringTheOtherWorkerIsSafeIfArmingComesLast) {
     expectNothingWrong({.endpoints = 2, .arrivals = 2, .removals = 1, .failures = 1});
 }
 
-// What each rule is there for.
+// The error that each rule prevents.
 
 TEST_F(ArmingModel, WithoutAClaimTwoWorkersShareABuffer) {
     rules.claimsSocket = false;
@@ -98,7 +98,7 @@ TEST_F(ArmingModel, ArmingADrainedEndpointThatIsNotHeldUsesAClosedDescriptor) {
 
 TEST_F(ArmingModel, DrainedSocketsAreNeverArmedIfThePassDoesNotArmThem) {
     rules.armsAfterEachPass = false;
-    expectComplaint("nobody has anything to do, but not all is done", {.endpoints = 1});
+    expectComplaint("no thread has a step left, but work is left", {.endpoints = 1});
 }
 
 TEST_F(ArmingModel, ARefusedReceiveThatIsNotArmedAgainEndsTheFlow) {
@@ -106,7 +106,7 @@ TEST_F(ArmingModel, ARefusedReceiveThatIsNotArmedAgainEndsTheFlow) {
     expectComplaint(lost, {.endpoints = 1, .failures = 1});
 }
 
-TEST_F(ArmingModel, ClosingInTheDeleterClosesWhatIsWatched) {
+TEST_F(ArmingModel, ClosingInTheDeleterClosesAWatchedSocket) {
     rules.pollThreadCloses = false;
     expectComplaint("a descriptor closed while in the epoll set");
 }
@@ -121,12 +121,12 @@ TEST_F(ArmingModel, AnUnpreparedEndpointThatIsServedIsArmedBeforeItIsAdded) {
     expectComplaint("a record that the epoll set refuses");
 }
 
-TEST_F(ArmingModel, ARefusedSocketThatIsNotTriedAgainEndsTheFlow) {
+TEST_F(ArmingModel, AFailedArmingThatIsNotRetriedEndsTheFlow) {
     rules.triesAgain = false;
     expectComplaint(lost, {.endpoints = 1, .failures = 1});
 }
 
-TEST_F(ArmingModel, ArmingTwiceIsSafeToo) {
+TEST_F(ArmingModel, ArmingTwiceIsSafe) {
     rules.armsOnce = false;
     expectNothingWrong({.endpoints = 2, .arrivals = 2, .removals = 2});
 }

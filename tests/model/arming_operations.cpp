@@ -10,10 +10,10 @@ namespace {
 
 using Kind = Operation::Kind;
 
-/// Takes steps by name. Once a step was not to be found, nothing more is done.
+/// Takes steps by name. After a step that is not found it does nothing.
 class Steps {
  public:
-    /// `first` are the model's steps from the situation as it is.
+    /// `first` are the model's steps from the current situation.
     Steps(Situation& situation, const std::vector<Transition>& first, const Rules& rules,
           const Bounds& bounds)
         : situation_(situation), first_(first), rules_(rules), bounds_(bounds) {}
@@ -90,7 +90,7 @@ bool Steps::carryOut(const Operation& operation) {
             wake();
             break;
         case Kind::deal:
-            stepOf(which, "poll thread deals a socket out");
+            stepOf(which, "poll thread distributes a socket");
             break;
         case Kind::collect:
             possible_ = worker(which).step == WorkerStep::idle;
@@ -123,8 +123,9 @@ bool Steps::carryOut(const Operation& operation) {
 
 void Steps::create() {
     for (const std::string_view name :
-         {"an endpoint is created", "its creator asks for it to be watched",
-          "the endpoint is marked prepared", "its first datagram is sent", "its creator lets go"}) {
+         {"an endpoint is created", "its creator requests that it be watched",
+          "the endpoint is marked prepared", "its first datagram is sent",
+          "its creator releases it"}) {
         step(name);
     }
 }
@@ -132,21 +133,21 @@ void Steps::create() {
 void Steps::remove(std::uint8_t endpoint) {
     step("an endpoint is removed",
          [endpoint](const State& next) { return !next.endpoints.at(endpoint).filed; });
-    // Another endpoint's removal is no removal of this one.
+    // Not the removal of another endpoint.
     possible_ = possible_ && state().removerHolds == endpoint;
     situation_.removalUnseen = {true, true};
-    step("its remover lets go");
+    step("its remover releases it");
     dispose();
 }
 
 void Steps::wake() {
     step("poll thread wakes");
     if (state().recordReady) {
-        step("poll thread takes a record");
+        step("poll thread executes a record");
     }
 }
 
-/// Up to the receive call, or to the end where there is none.
+/// Up to the receive call, or to the end if there is none.
 void Steps::begin(std::uint8_t who) {
     if (worker(who).step == WorkerStep::release) {
         letGo(who);
@@ -187,7 +188,7 @@ void Steps::finish(std::uint8_t who) {
     } else {
         possible_ = worker(who).step == WorkerStep::giveBack;
         const bool filed = possible_ && state().endpoints.at(endpoint).filed;
-        stepOf(who, "worker gives the claim back");
+        stepOf(who, "worker releases its claim");
         if (filed && !state().endpoints.at(endpoint).filed) {
             situation_.removalUnseen = {true, true};
         }
@@ -201,27 +202,27 @@ void Steps::endPass(std::uint8_t who) {
     possible_ = possible_ && worker(who).step == WorkerStep::idle;
     stepOf(who, "worker ends its pass");
     while (possible_ && worker(who).step == WorkerStep::armDrained) {
-        possible_ = tryStepOf(who, "worker asks for a drained socket to be armed") ||
-                    tryStepOf(who, "worker finds a drained socket armed since");
+        possible_ = tryStepOf(who, "worker requests the arming of a drained socket") ||
+                    tryStepOf(who, "worker finds a drained socket already armed");
     }
     while (possible_ && worker(who).step == WorkerStep::releaseDrained) {
-        stepOf(who, "worker lets a drained socket go");
+        stepOf(who, "worker releases a drained endpoint");
     }
     dispose();
 }
 
 void Steps::letGo(std::uint8_t who) {
-    stepOf(who, "worker lets go");
+    stepOf(who, "worker releases the endpoint");
     dispose();
 }
 
-/// Whoever lets go of an endpoint last runs the deleter at once.
+/// The thread that releases an endpoint last runs the deleter at once.
 void Steps::dispose() {
     const auto isDue = [](const Endpoint& it) {
         return it.deletion == Deletion::writeSocket || it.deletion == Deletion::readSocket;
     };
     while (possible_ && std::ranges::any_of(state().endpoints, isDue)) {
-        step("the deleter asks for a socket to be closed");
+        step("the deleter requests that a socket be closed");
     }
 }
 

@@ -1,9 +1,9 @@
-// The model's steps put together to operations that a test can make the forwarder carry out: it can
-// stop the threads where they wait and around a receive call, but not between any two steps.
+// Combines the model's steps into operations that a test can make the forwarder execute: a test can
+// pause the threads where they wait and around a receive call, but not between any two steps.
 //
-// Two things differ in the forwarder, each allowed by the model: a worker keeps an endpoint that it
-// serves again until its next call, so the model's worker lets go only then; and a worker that sees
-// that endpoints were removed arms what is drained before it goes on.
+// The forwarder differs in two ways, which the model allows: a worker keeps an endpoint that it
+// serves again until its next call, so the model's worker releases it only then; and a worker that
+// notices removed endpoints arms the drained sockets before it continues.
 #pragma once
 
 #include <array>
@@ -16,11 +16,11 @@ namespace vesk::model {
 
 struct Situation {
     State state;
-    /// Whether endpoints were removed since the worker looked last.
+    /// Whether endpoints were removed since the worker checked last.
     std::array<bool, 2> removalUnseen{};
 };
 
-/// An operation that can be carried out, and what the model makes of it.
+/// A possible operation and the resulting state of the model.
 struct Outgoing {
     Operation operation;
     Situation then;

@@ -1,4 +1,4 @@
-// The world, which sends datagrams, and the poll thread.
+// The steps of the world, which sends datagrams, and of the poll thread.
 #include <algorithm>
 
 #include "arming_steps.h"
@@ -29,10 +29,10 @@ void Stepper::outside() {
 
 void Stepper::pollThread() {
     if (from_.recordReady) {
-        add("poll thread takes a record", [](State& next) { takeRecord(next); });
+        add("poll thread executes a record", [](State& next) { takeRecord(next); });
     } else if (!from_.batch.empty()) {
         for (std::size_t i = 0; i < from_.workers.size(); ++i) {
-            add("poll thread deals a socket out",
+            add("poll thread distributes a socket",
                 [i](State& next) { next.workers.at(i).queue.push(next.batch.pop()); });
         }
     } else if (!from_.channel.empty() || std::ranges::any_of(from_.endpoints, isReady)) {
@@ -57,14 +57,14 @@ void Stepper::takeRecord(State& next) {
     if (owner != record.endpoint) {
         complain(next, Fault::usedAfterClose);
     }
-    // A write descriptor that comes to be watched by mistake wakes a worker for nothing.
+    // A write descriptor that is watched by mistake wakes a worker without effect.
     if (owner != noOne &&
         (record.op == Op::remove || record.number == next.endpoints.at(owner).readNumber)) {
         apply(next, record, next.endpoints.at(owner));
     }
 }
 
-/// As the kernel does, whoever the descriptor belongs to by now.
+/// As the kernel does, regardless of the current owner of the descriptor.
 void Stepper::apply(State& next, const Record& record, Endpoint& endpoint) {
     if (record.op == Op::remove) {
         if (record.number == endpoint.readNumber) {
@@ -78,7 +78,7 @@ void Stepper::apply(State& next, const Record& record, Endpoint& endpoint) {
     }
 }
 
-/// After an unasked close a record may miss, which the poll thread logs and survives.
+/// After a close without the poll thread a record may fail, which the poll thread only logs.
 void Stepper::complain(State& next, Fault fault) {
     if (!next.closedUnasked) {
         next.fault = fault;

@@ -10,7 +10,7 @@ namespace vesk::model {
 namespace {
 
 static_assert(std::has_unique_object_representations_v<Fifo<std::uint8_t, 6>>);
-static_assert(std::is_trivially_copyable_v<State> && alignof(State) == 1, "states have no gaps");
+static_assert(std::is_trivially_copyable_v<State> && alignof(State) == 1, "states have no padding");
 
 std::string_view bytesOf(const State& state) {
     return {reinterpret_cast<const char*>(&state), sizeof(state)};
@@ -50,11 +50,11 @@ std::string_view complaintAbout(const State& state, bool mayGoOn) {
     for (std::uint8_t i = 0; i < state.endpointsMade; ++i) {
         const Endpoint& endpoint = state.endpoints.at(i);
         if (endpoint.filed && endpoint.prepared && !isCovered(state, i)) {
-            return "a live flow that nobody will ever read again";
+            return "a live flow that no thread will read again";
         }
     }
     return mayGoOn || isAtRest(state) ? std::string_view()
-                                      : "nobody has anything to do, but not all is done";
+                                      : "no thread has a step left, but work is left";
 }
 
 class Search {
@@ -115,7 +115,8 @@ class Search {
         return complaintAbout(state, mayGoOn);
     }
 
-    /// Goes the steps back from the states of rest; what that does not reach never comes to one.
+    /// Follows the steps backwards from the states of rest. A state that is not reached has no way
+    /// to rest.
     void findStateWithoutRest(Verdict& verdict) {
         std::ranges::sort(edges_, {}, &Edge::to);
         std::vector<bool> reached(visits_.size(), false);
@@ -134,7 +135,7 @@ class Search {
         }
         const auto lost = std::ranges::find(reached, false);
         if (lost != reached.end()) {
-            verdict.complaint = "a state that the threads cannot come to rest from";
+            verdict.complaint = "a state from which the threads cannot reach rest";
             verdict.trace = traceTo(static_cast<std::uint32_t>(lost - reached.begin()));
         }
     }
@@ -149,7 +150,7 @@ class Search {
 
     const Rules& rules_;
     const Bounds& bounds_;
-    // Nodes stay where they are, so that the visits can point at them.
+    // Nodes keep their addresses, so that the visits can point to them.
     std::unordered_map<State, std::uint32_t, HashBytes, EqualBytes> numbers_;
     std::vector<Visit> visits_;
     std::vector<Edge> edges_;

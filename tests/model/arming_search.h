@@ -1,4 +1,4 @@
-// Visits every state that the model can come to.
+// Visits every state that the model can reach.
 #pragma once
 
 #include <cstddef>
@@ -9,16 +9,16 @@
 namespace vesk::model {
 
 struct Verdict {
-    /// What is wrong with the state that the trace leads to; empty where nothing ever is.
+    /// The error in the state to which the trace leads; empty if there is none.
     std::string complaint;
-    /// The steps to it, one a line; as few as there can be.
+    /// The shortest sequence of steps to it, one per line.
     std::string trace;
     std::size_t states = 0;
 };
 
-/// Looks in every reachable state whether something has happened that must not, whether each live
-/// flow is covered, and whether a state without further steps is one of rest; and then whether from
-/// every state the threads can come to rest without help from outside.
+/// Checks in every reachable state that no error has occurred, that each existing flow will be read
+/// or armed, and that a state without further steps is a state of rest. Then checks that the
+/// threads can reach rest from every state without steps from outside.
 Verdict search(const Rules& rules, const Bounds& bounds);
 
 }  // namespace vesk::model

@@ -22,7 +22,7 @@ void closeNumber(State& state, std::uint8_t number) {
     const std::uint8_t index = state.owner.at(number);
     state.owner.at(number) = noOne;
     if (!socketIsOpen(state, index)) {
-        // The last descriptor of a socket takes it out of the epoll set, and what it held with it.
+        // Closing the last descriptor of a socket removes it and its events from the epoll set.
         state.endpoints.at(index).watch = Watch::none;
         state.endpoints.at(index).data = 0;
     }

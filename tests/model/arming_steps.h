@@ -1,5 +1,5 @@
-// The steps of the model: what each thread may do next in a state. Used by the model alone; the
-// file of a step is named after the thread that takes it.
+// The steps of the model: what each thread may do next in a state. Used only by the model. The file
+// of a step is named after the thread that takes it.
 #pragma once
 
 #include <cstddef>
@@ -14,11 +14,11 @@ namespace vesk::model {
 
 /// Whether a descriptor of the endpoint's socket is open.
 bool socketIsOpen(const State& state, std::uint8_t index);
-/// Whether anybody holds a reference to the endpoint.
+/// Whether any thread or table holds a reference to the endpoint.
 bool isHeld(const State& state, std::uint8_t index, const Rules& rules);
 void closeNumber(State& state, std::uint8_t number);
 
-/// Collects the transitions out of one state.
+/// Collects the transitions from one state.
 class Stepper {
  public:
     Stepper(const State& from, const Rules& rules, const Bounds& bounds,
@@ -48,7 +48,7 @@ class Stepper {
     static void apply(State& next, const Record& record, Endpoint& endpoint);
     static void complain(State& next, Fault fault);
 
-    // Making an endpoint.
+    // Creating an endpoint.
 
     void creator();
     bool mayCreate() const;
@@ -57,7 +57,7 @@ class Stepper {
     void registerSocket(std::uint8_t held);
     void forward(std::uint8_t held);
 
-    // Taking one away.
+    // Removing an endpoint.
 
     void remover();
     void deleter(std::uint8_t index);

@@ -8,7 +8,7 @@ namespace vesk::model {
 
 namespace {
 
-static_assert(std::has_unique_object_representations_v<Situation>, "situations have no gaps");
+static_assert(std::has_unique_object_representations_v<Situation>, "situations have no padding");
 
 std::string keyOf(const Situation& situation) {
     return {reinterpret_cast<const char*>(&situation), sizeof(situation)};

@@ -1,5 +1,5 @@
 // Sequences of operations that together try every operation in every situation that the model can
-// come to. A search finds the situations; the sequences are always the same ones.
+// reach. A search finds the situations. The sequences are the same in every run.
 #pragma once
 
 #include <cstddef>
@@ -14,7 +14,7 @@ class ArmingWalks {
  public:
     struct Step {
         Operation operation;
-        /// Where it leads to.
+        /// The situation to which it leads.
         std::uint32_t to;
         bool walked = false;
     };
@@ -26,8 +26,8 @@ class ArmingWalks {
     std::size_t situations() const { return places_.size(); }
     std::size_t steps() const;
 
-    /// A sequence from the first situation on that takes steps which no earlier sequence took;
-    /// empty when each was taken once.
+    /// A sequence from the first situation that takes steps which no earlier sequence took; empty
+    /// when all have been taken.
     std::vector<Step> next();
 
  private:
@@ -40,7 +40,7 @@ class ArmingWalks {
     std::vector<Step> shortestTo(std::uint32_t place) const;
 
     std::vector<Place> places_;
-    /// No earlier place has a step left that was not taken.
+    /// No earlier place has an untried step.
     std::uint32_t firstOpen_ = 0;
 };
 

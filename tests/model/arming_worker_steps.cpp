@@ -1,4 +1,4 @@
-// The receive workers.
+// The steps of the receive workers.
 #include "arming_steps.h"
 
 namespace vesk::model {
@@ -25,19 +25,20 @@ void Stepper::worker(std::size_t who) {
             process(who);
             break;
         case WorkerStep::giveBack:
-            add("worker gives the claim back", [&](State& next) { giveBack(next, who); });
+            add("worker releases its claim", [&](State& next) { giveBack(next, who); });
             break;
         case WorkerStep::armClaimed:
             armClaimed(who);
             break;
         case WorkerStep::release:
-            add("worker lets go", [&](State& next) { release(next, who); });
+            add("worker releases the endpoint", [&](State& next) { release(next, who); });
             break;
         case WorkerStep::armDrained:
             armDrained(who);
             break;
         case WorkerStep::releaseDrained:
-            add("worker lets a drained socket go", [&](State& next) { releaseDrained(next, who); });
+            add("worker releases a drained endpoint",
+                [&](State& next) { releaseDrained(next, who); });
             break;
     }
 }
@@ -67,7 +68,7 @@ void Stepper::beginNext(std::size_t who) {
     }
 }
 
-/// Done with the socket, but for the endpoint it holds.
+/// The worker has finished with the socket but still holds the endpoint.
 void Stepper::finish(Worker& worker, bool keep) {
     worker.keep = keep;
     worker.outcome = Outcome::drained;
@@ -77,7 +78,7 @@ void Stepper::finish(Worker& worker, bool keep) {
 void Stepper::lookUp(State& next, std::size_t who) {
     Worker& worker = next.workers.at(who);
     const std::uint8_t index = next.owner.at(worker.number);
-    // A filed endpoint's descriptors are open, so the tables and the kernel agree on them.
+    // The descriptors of an endpoint in the tables are open, so the tables and the kernel agree.
     const bool found = index != noOne && next.endpoints.at(index).filed;
     if (found && next.endpoints.at(index).readNumber == worker.number) {
         worker.endpoint = index;
@@ -95,10 +96,10 @@ void Stepper::checkPrepared(std::size_t who) {
         add("worker may use the endpoint",
             [who](State& next) { next.workers.at(who).step = WorkerStep::claim; });
     } else if (rules_.unprepared == Rules::Unprepared::forget || !isBeingPrepared(index)) {
-        add("worker gives an unprepared endpoint up",
+        add("worker drops an unprepared endpoint",
             [who](State& next) { finish(next.workers.at(who), false); });
     }
-    // Otherwise it waits.
+    // If the creator is not done, the worker waits.
 }
 
 bool Stepper::isBeingPrepared(std::uint8_t index) const {
@@ -158,7 +159,7 @@ void Stepper::broughtNothing(State& next, std::size_t who, Outcome outcome) cons
 void Stepper::process(std::size_t who) {
     const std::uint8_t index = from_.workers.at(who).endpoint;
     const Change done = [who, index](State& next) {
-        // Whatever was asked for meanwhile: it reads again anyway.
+        // Requests made meanwhile do not matter, since the worker reads again.
         next.endpoints.at(index).serving = Serving::nobody;
         finish(next.workers.at(who), true);
     };

@@ -12,8 +12,8 @@ namespace {
 using Kind = Operation::Kind;
 
 constexpr std::array<std::string_view, 13> names{
-    "arrive",  "create", "remove",  "wake",   "deal",         "collect",      "begin",
-    "receive", "finish", "endPass", "refuse", "fail for now", "fail for good"};
+    "arrive",  "create", "remove",  "wake",   "deal",         "collect",         "begin",
+    "receive", "finish", "endPass", "refuse", "fail for now", "fail permanently"};
 
 }  // namespace
 

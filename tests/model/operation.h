@@ -1,4 +1,4 @@
-// The operations that the model and the forwarder both carry out.
+// The operations that both the model and the forwarder execute.
 #pragma once
 
 #include <cstdint>
@@ -19,7 +19,7 @@ struct Operation {
         receive,
         finish,
         endPass,
-        // A receive call that fails: with ECONNREFUSED, with a passing error, with any other.
+        // A receive call that fails with ECONNREFUSED, with a passing error, or with another error.
         refuse,
         failForNow,
         failForGood
@@ -31,7 +31,7 @@ struct Operation {
 
 std::string nameOf(const Operation& operation);
 
-/// Every operation, possible at the moment or not.
+/// Every operation, whether it is currently possible or not.
 const std::vector<Operation>& allOperations();
 
 }  // namespace vesk::model

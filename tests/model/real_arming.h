@@ -1,6 +1,6 @@
-// The forwarder's pieces that arm upstream sockets, driven operation by operation: the poll loop
+// Runs the parts of the forwarder that arm upstream sockets one operation at a time. The poll loop
 // with its epoll set and channel, two upstream receivers, the tables and the deleter are the real
-// ones. The test stands in for the loops around them: it deals sockets out and keeps the workers'
+// ones. The test replaces the loops around them: it distributes sockets and keeps the workers'
 // lists.
 #pragma once
 
@@ -22,13 +22,13 @@ struct ForwarderContext;
 
 namespace vesk::model {
 
-/// The threads, with stacks that are made once.
+/// The threads. Their stacks are allocated once.
 struct Actors {
     Actor pollThread;
     std::array<Actor, 2> workers;
 };
 
-/// How the test makes a flow and answers it; the fixture has the sockets.
+/// How the test creates a flow and replies on it; the fixture has the sockets.
 class Surroundings {
  public:
     virtual ~Surroundings() = default;
@@ -51,8 +51,7 @@ class RealArming {
 
     void carryOut(const Operation& operation);
 
-    /// The first thing in which the forwarder and the model's state differ; empty where nothing
-    /// does.
+    /// The first difference between the forwarder and the model's state; empty if there is none.
     std::string differenceFrom(const State& expected);
 
  private:
@@ -89,11 +88,11 @@ class RealArming {
     Surroundings& surroundings_;
     Actors& actors_;
     PollThreadParam pollThread_;
-    /// What the poll loop reported and is still to be dealt out.
+    /// Sockets that the poll loop has reported and the test has not distributed yet.
     std::deque<int> ready_;
     std::array<Worker, 2> workers_;
     std::vector<Endpoint> endpoints_;
-    /// The descriptor behind each of the model's numbers, once it was used.
+    /// The descriptor for each of the model's numbers that has been used.
     std::array<int, maxNumbers> descriptors_;
 };
 

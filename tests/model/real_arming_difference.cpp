@@ -1,4 +1,4 @@
-// What of the forwarder is compared with the model's state.
+// Compares the forwarder with the model's state.
 #include <poll.h>
 #include <sys/epoll.h>
 
@@ -27,7 +27,7 @@ std::string compare(const std::string& what, Value real, Value expected) {
                                   ", in the model " + std::to_string(static_cast<int>(expected));
 }
 
-/// The first that is not empty.
+/// The first text that is not empty.
 std::string firstOf(std::initializer_list<std::string> differences) {
     const auto* const first =
         std::ranges::find_if(differences, [](const std::string& it) { return !it.empty(); });
@@ -84,7 +84,7 @@ std::string RealArming::socketDifference(const State& expected, std::size_t inde
                     compare(name + "data", isReadable(real.readSocket), model.data > 0)});
 }
 
-/// The kernel gives out the lowest number that is free, as the model does.
+/// The kernel assigns the lowest free number, as the model does.
 std::string RealArming::numberDifference(const State& expected) {
     const auto bind = [this](std::uint8_t number, int socket) {
         int& descriptor = descriptors_.at(number);
@@ -128,7 +128,7 @@ std::string RealArming::listDifference(const State& expected) const {
     return difference;
 }
 
-/// As the kernel shows it: a descriptor that fired has its events taken away.
+/// As the kernel shows it: a descriptor that has fired has no events.
 Watch RealArming::watchOf(int socket) const {
     std::ifstream set("/proc/self/fdinfo/" + std::to_string(pollThread_.epollSet.get()));
     for (std::string word; set >> word;) {

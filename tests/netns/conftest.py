@@ -14,7 +14,7 @@ pytest_plugins = ["framework.fixtures"]
 
 @pytest.fixture(scope="session")
 def network() -> Iterator[Network]:
-    """Three hosts on a bridge; skipped where the kernel does not let us build them."""
+    """Three hosts on a bridge. Skips the test if the kernel does not allow them."""
     reason = refusal()
     if reason:
         pytest.skip(f"network namespaces are not allowed here: {reason}")

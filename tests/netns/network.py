@@ -1,7 +1,7 @@
-"""Three hosts on one bridge, each a network namespace, and the tests' own end of it.
+"""Three hosts on one bridge, each a network namespace, and a namespace for the tests.
 
-Nothing outside these namespaces is touched: each is held open by a process that does
-nothing, and disappears with it.
+Nothing outside these namespaces is changed. An idle process keeps each namespace open, and the
+namespace disappears with it.
 """
 
 from __future__ import annotations
@@ -20,7 +20,7 @@ _libc = ctypes.CDLL(None, use_errno=True)
 
 
 def refusal() -> str:
-    """Why namespaces cannot be made here; empty when they can."""
+    """The reason why namespaces cannot be made here; empty if they can."""
     for tool in ("unshare", "nsenter", "ip"):
         if shutil.which(tool) is None:
             return f"{tool} is not installed"
@@ -30,7 +30,7 @@ def refusal() -> str:
 
 
 class Namespace:
-    """A network namespace that lives as long as this object."""
+    """A network namespace that exists as long as this object."""
 
     def __init__(self) -> None:
         self._holder = subprocess.Popen(
@@ -43,11 +43,11 @@ class Namespace:
 
     @property
     def prefix(self) -> List[str]:
-        """Words in front of a command that make it run in here."""
+        """The command prefix that runs a command in this namespace."""
         return ["nsenter", f"--net={self.path}"]
 
     def run(self, *words: str) -> None:
-        """Runs a command in here; raises CalledProcessError where it fails."""
+        """Runs a command in this namespace; raises CalledProcessError if it fails."""
         subprocess.run([*self.prefix, *words], check=True, capture_output=True)
 
     def ip(self, *words: str) -> None:
@@ -55,7 +55,7 @@ class Namespace:
 
     @contextmanager
     def inside(self) -> Iterator[None]:
-        """Sockets that this thread opens meanwhile belong to the namespace."""
+        """Inside this context sockets opened by this thread belong to the namespace."""
         with open("/proc/thread-self/ns/net", "rb") as outside, open(self.path, "rb") as within:
             _enter(within.fileno())
             try:
@@ -76,7 +76,7 @@ def _enter(descriptor: int) -> None:
 
 
 class Network:
-    """The tests sit on the bridge (host 254); forwarders run on hosts 1, 2 and 3."""
+    """The tests use the bridge itself (host 254); forwarders run on hosts 1, 2 and 3."""
 
     def __init__(self, hosts: int) -> None:
         self.hub = Namespace()
@@ -97,13 +97,13 @@ class Network:
 
     @staticmethod
     def _give_addresses(namespace: Namespace, device: str, number: int) -> None:
-        """Two of each family, so that the right one has to be chosen."""
+        """Two addresses of each family, so that the correct one has to be chosen."""
         for subnet in (77, 78):
             namespace.ip("address", "add", f"10.{subnet}.0.{number}/24", "dev", device)
             namespace.ip("address", "add", f"fd{subnet}::{number:x}/64", "dev", device, "nodad")
 
     def end(self, address: str, port: int = 0) -> UdpEnd:
-        """A socket of the tests', on the bridge."""
+        """A socket of the tests on the bridge."""
         with self.hub.inside():
             end = UdpEnd(address, port)
         self._ends.append(end)

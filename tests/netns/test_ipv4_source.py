@@ -1,7 +1,7 @@
-"""IPv4 datagrams leave from the address that the other side uses, where that is asked for.
+"""IPv4 datagrams are sent from the address that the other side uses, if that is requested.
 
-The forwarder's host has two addresses on one interface. So have the peer and the service, in the
-same two subnets, so that the kernel's own choice of source is the address in the subnet of the
+The forwarder's host has two addresses on one interface. The peer and the service have addresses in
+the same two subnets, so that the kernel itself would choose the source address in the subnet of the
 destination.
 """
 
@@ -83,7 +83,7 @@ def site(network: Network, start_vesk: StartVesk) -> Callable[..., Site]:
 
 
 def sources_in(trace: Path, destination: Address) -> List[Optional[str]]:
-    """What the control data of each datagram sent there say of its source."""
+    """The source in the control data of each datagram sent there."""
     target = f'sin_port=htons({destination[1]}), sin_addr=inet_addr("{destination[0]}")'
     calls = [line for line in trace.read_text(encoding="utf-8").splitlines()
              if "sendmsg(" in line and target in line]
@@ -104,9 +104,9 @@ def arrival_form(address: str) -> str:
 @pytest.mark.parametrize("peer_subnet", [77, 78])
 @pytest.mark.parametrize("asked", [77, 78])
 @pytest.mark.parametrize("on_wildcard", [True, False], ids=["wildcard", "one-address"])
-def test_replies_leave_from_the_address_that_was_asked(site: Callable[..., Site],
-                                                       on_wildcard: bool, asked: int,
-                                                       peer_subnet: int) -> None:
+def test_replies_are_sent_from_the_destination_of_the_request(site: Callable[..., Site],
+                                                              on_wildcard: bool, asked: int,
+                                                              peer_subnet: int) -> None:
     at = site(WILDCARD if on_wildcard else HOST[asked], HOST[asked], peer_subnet,
               environment=BY_ARRIVAL)
     flow = at.declare()
@@ -116,19 +116,19 @@ def test_replies_leave_from_the_address_that_was_asked(site: Callable[..., Site]
 
 @pytest.mark.parametrize("service_subnet", [77, 78])
 @pytest.mark.parametrize("source", [77, 78])
-def test_requests_leave_from_the_address_of_their_flow(site: Callable[..., Site], source: int,
-                                                       service_subnet: int) -> None:
+def test_requests_are_sent_from_the_address_of_their_flow(site: Callable[..., Site], source: int,
+                                                          service_subnet: int) -> None:
     at = site(WILDCARD, HOST[77], service_subnet=service_subnet, environment=BY_ARRIVAL)
     flow = at.declare(source=HOST[source])
     expected = (HOST[source], flow.options["up_src_port"])
     for _ in range(2):
         sender = at.ask(flow).sender
         assert sender == expected
-        # What the service sends there reaches the flow.
+        # A datagram that the service sends there reaches the flow.
         assert at.answer(flow, sender).sender == at.to
 
 
-def test_one_listener_answers_from_the_address_asked_last(site: Callable[..., Site]) -> None:
+def test_one_listener_replies_from_the_last_destination(site: Callable[..., Site]) -> None:
     at = site(WILDCARD, HOST[77], environment=BY_ARRIVAL)
     flow = at.declare()
     for subnet in (78, 77, 78):
@@ -172,11 +172,11 @@ def test_the_control_data_of_both_directions(
     assert sources_in(trace, at.peer.address) == [form(HOST[78])]
 
 
-# Destinations that are no source ---------------------------------------------------------
+# Destinations that are not valid sources -------------------------------------------------
 
 @contextmanager
 def group_joined(network: Network, group: str) -> Iterator[None]:
-    """While it lasts, the first host receives what is sent to the multicast group."""
+    """Inside this context the first host receives datagrams to the multicast group."""
     with network.hosts[0].inside():
         member = socket.socket(socket.AF_INET, socket.SOCK_DGRAM)
     with member:
@@ -187,7 +187,7 @@ def group_joined(network: Network, group: str) -> Iterator[None]:
 
 @pytest.mark.parametrize("asked", ["10.77.0.255", "255.255.255.255", "239.7.7.7"],
                          ids=["subnet-broadcast", "limited-broadcast", "multicast"])
-def test_what_cannot_be_a_source_is_left_to_the_kernel(
+def test_the_kernel_chooses_the_source_for_an_invalid_one(
         network: Network, site: Callable[..., Site], tmp_path: Path, asked: str) -> None:
     trace = tmp_path / "messages"
     at = site(WILDCARD, asked, environment=BY_ARRIVAL, trace=trace)
@@ -199,7 +199,7 @@ def test_what_cannot_be_a_source_is_left_to_the_kernel(
     with group_joined(network, "239.7.7.7"):
         sender = at.ask(flow).sender
         assert at.answer(flow, sender).sender == (HOST[77], at.to[1])
-        # The next sender of the same flow is answered from the address that it asked.
+        # The next sender of the same flow gets replies from its destination.
         at.to = (HOST[78], at.to[1])
         assert at.answer(flow, at.ask(flow).sender).sender == at.to
     at.vesk.finish()
@@ -208,7 +208,7 @@ def test_what_cannot_be_a_source_is_left_to_the_kernel(
 
 # Over the lateral stream -----------------------------------------------------------------
 
-def test_a_reply_handed_over_by_its_owner_names_no_source(
+def test_a_reply_returned_by_its_owner_contains_no_source(
         network: Network, site: Callable[..., Site], start_vesk: StartVesk,
         tmp_path: Path) -> None:
     trace = tmp_path / "messages"
@@ -220,17 +220,17 @@ def test_a_reply_handed_over_by_its_owner_names_no_source(
         join(vesk, index, addresses, port, len(addresses))
     flow = Flow(owned_label(1), at.service.address, **four_keys())
     assert owner.lines_after(flow.set_command()) == []
-    # The kernel's choice: without the address that was asked.
+    # The kernel chooses the source, because the destination of the request is not known here.
     assert at.answer(flow, at.ask(flow).sender).sender == (HOST[77], at.to[1])
     at.vesk.finish()
     assert sources_in(trace, at.peer.address) == [None]
 
 
-# Addresses that go away -----------------------------------------------------------------
+# Addresses that are removed -------------------------------------------------------------
 
 @contextmanager
 def passing_address(network: Network) -> Iterator[Callable[[], None]]:
-    """A third address of the first host, and what takes it away."""
+    """A third address of the first host, and the command that removes it."""
     host = network.hosts[0]
     words = ["10.77.0.201/24", "dev", "eth0"]
     host.ip("address", "add", *words)
@@ -238,12 +238,12 @@ def passing_address(network: Network) -> Iterator[Callable[[], None]]:
 
 
 def deleted_by(tag: str) -> "re.Pattern[str]":
-    """Kernels differ in the error: ENETUNREACH or EINVAL."""
+    """The error differs between kernels: ENETUNREACH or EINVAL."""
     return re.compile(rf"error {tag}: network error on upstream endpoint of label 0x5/5, "
                       r"errno (101|22) \(.*\)\. Endpoint Deleted")
 
 
-def test_a_reply_from_an_address_that_is_gone_is_a_network_error(
+def test_a_reply_from_a_removed_address_is_a_network_error(
         network: Network, site: Callable[..., Site]) -> None:
     with passing_address(network) as take_away:
         at = site(WILDCARD, "10.77.0.201", environment=BY_ARRIVAL)
@@ -254,13 +254,13 @@ def test_a_reply_from_an_address_that_is_gone_is_a_network_error(
         at.service.send(flow.reply(b"late"), sender)
         at.vesk.wait_for_log(deleted_by("UP_TO_DOWN_SEND"), since)
         assert at.peer.waiting() is None
-        # Its next datagram arrives on an address that is left, and makes the endpoint anew.
+        # The next datagram arrives at another address and creates the endpoint again.
         at.to = (HOST[77], at.to[1])
         assert at.answer(flow, at.ask(flow).sender).sender == at.to
         assert report(at.vesk).upstream[5]["DnTxDg"] == 1
 
 
-def test_a_request_from_an_address_that_is_gone_is_a_network_error(
+def test_a_request_from_a_removed_address_is_a_network_error(
         network: Network, site: Callable[..., Site]) -> None:
     with passing_address(network) as take_away:
         at = site(WILDCARD, HOST[77], environment=BY_ARRIVAL)

@@ -1,4 +1,4 @@
-"""Three instances on three hosts, with addresses of their own."""
+"""Three instances on three hosts, each with its own addresses."""
 
 from __future__ import annotations
 
@@ -16,7 +16,7 @@ from framework.vesk_process import VeskProcess
 
 from network import PEERS, Network, ipv4, ipv6
 
-# Every host has its addresses to itself, so that fixed ports cannot clash.
+# No host shares its addresses, so fixed ports cannot conflict.
 DOWNSTREAM_PORT = 4500
 LATERAL_PORT = 8445
 INSTANCES = 3
@@ -42,7 +42,7 @@ class Hosts:
             self.instances.append(vesk)
 
     def exchange(self, peer: UdpEnd, to: Address, flow: Flow) -> None:
-        """The reply has to come from the very address that the peer talks to."""
+        """The reply has to come from the address to which the peer sends."""
         peer.send(flow.request(b"question"), to)
         arrived = self.upstream.receive()
         assert flow.open_request(arrived.data).payload == b"question"
@@ -65,7 +65,7 @@ def test_every_owner_is_reached_through_every_host(
         for flow in hosts.flows:
             hosts.exchange(peer, (listener(number), DOWNSTREAM_PORT), flow)
     for index, vesk in enumerate(hosts.instances):
-        # Each handed over what belonged to the two others, and took over as much.
+        # Each instance forwarded datagrams to the two others and received as many from them.
         seen = wait_for_report(vesk, lambda now: now.lateral["TxDg"] == INSTANCES - 1
                                and now.lateral["DnTxDg"] == INSTANCES - 1)
         assert seen.lateral["RxDg"] == 2 * (INSTANCES - 1), index
@@ -75,10 +75,10 @@ def test_every_owner_is_reached_through_every_host(
 
 @pytest.mark.parametrize("subnet", [77, 78])
 @pytest.mark.parametrize("address", [ipv4, ipv6])
-def test_direct_replies_come_from_the_address_that_was_asked(
+def test_direct_replies_come_from_the_destination_of_the_request(
         network: Network, start_vesk: Callable[..., VeskProcess],
         address: Callable[..., str], subnet: int) -> None:
-    """Also for a peer whose own address would make the kernel choose another."""
+    """Also for a peer for whose address the kernel would choose another source."""
     hosts = Hosts(network, start_vesk, ipv4, ipv4(PEERS))
     for own_subnet in (77, 78):
         peer = network.end(address(PEERS, own_subnet))
@@ -91,19 +91,19 @@ def test_forged_and_foreign_returns_are_refused(network: Network,
     first = hosts.instances[0]
     victim, intruder = network.end(ipv4(PEERS)), network.end(ipv4(PEERS))
     to = (ipv4(1), LATERAL_PORT)
-    # The intruder takes the place of the second instance and sees an honest code.
+    # The intruder replaces the second instance and receives a valid HMAC.
     first.lines_after(f"add_lateral_peer idx 1 addr {ipv4(PEERS)}")
     neighbour = network.end(ipv4(PEERS), LATERAL_PORT)
     intruder.send(hosts.flows[1].request(b"x"), (ipv4(1), DOWNSTREAM_PORT))
     handed = parse_lateral(neighbour.receive().data)
     assert handed.kind == FORWARDED
-    # The listener knows IPv4 peers in their IPv6 form.
+    # The listener has IPv4 peers as IPv4-mapped addresses.
     redirected = socket_address_bytes(f"::ffff:{victim.host}", victim.port)
     for address, code in ((redirected, handed.authentication), (redirected, bytes(16)),
                           (handed.address, bytes(16))):
         neighbour.send(build_lateral(RETURNED, address, code, b"forged"), to)
     neighbour.send(build_lateral(RETURNED, handed.address, handed.authentication, b"honest"), to)
-    # A code of the first instance means nothing to the second.
+    # An HMAC of the first instance is not valid for the second.
     neighbour.send(build_lateral(RETURNED, handed.address, handed.authentication, b"foreign"),
                    (ipv4(2), LATERAL_PORT))
     assert intruder.receive().data == b"honest"

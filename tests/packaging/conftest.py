@@ -1,4 +1,4 @@
-"""Fixtures of the packaging tests: the packages of this build tree, and a root they are installed in."""
+"""Fixtures of the packaging tests: the packages of this build tree, and a root with the packages."""
 
 from __future__ import annotations
 
@@ -15,13 +15,13 @@ Packages = Dict[str, Path]
 
 @pytest.fixture(scope="session")
 def packages(tmp_path_factory: pytest.TempPathFactory) -> Packages:
-    """The packages by name, made from what is built."""
+    """The packages by name, made from the build tree."""
     return build_packages(tmp_path_factory.mktemp("packages"))
 
 
 @pytest.fixture
 def new_root(tmp_path: Path) -> Callable[[], Root]:
-    """Makes empty roots to install packages in."""
+    """Makes empty roots for the installation of packages."""
     reason = refusal_to_install()
     if reason:
         pytest.skip(reason)
@@ -38,5 +38,5 @@ def installed(new_root: Callable[[], Root], packages: Packages) -> Iterator[Root
 
 
 def pytest_configure() -> None:
-    # dpkg looks for programs that only root's path has.
+    # dpkg uses programs that are only in root's path.
     os.environ["PATH"] += ":/usr/local/sbin:/usr/sbin:/sbin"

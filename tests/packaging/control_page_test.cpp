@@ -1,5 +1,5 @@
-// The page for authors of a controlling service names every command and every attribute that the
-// forwarder knows.
+// The manual page for authors of a controlling service names every command and every attribute of
+// the forwarder.
 #include <gmock/gmock.h>
 
 #include <fstream>
@@ -20,7 +20,7 @@ std::string page() {
     return {std::istreambuf_iterator<char>(file), {}};
 }
 
-/// How the page's source writes a name: in bold, its underscores escaped.
+/// A name as the page's source contains it: in bold, with escaped underscores.
 std::string marked(std::string_view name) {
     std::string text = "*";
     for (const char character : name) {
@@ -33,7 +33,7 @@ TEST(ControlPage, NamesEveryCommand) {
     const std::string text = page();
     ASSERT_FALSE(commandTable().empty());
     for (const auto& [name, handler] : commandTable()) {
-        // Each command begins an entry of its own.
+        // Each command has its own entry.
         EXPECT_THAT(text, HasSubstr("\n" + marked(name)));
     }
 }

@@ -1,4 +1,4 @@
-"""Runs a controller as systemd does: told to notify, stopped by a signal."""
+"""Runs a controller as systemd does: with a notification socket, and stopped by a signal."""
 
 from __future__ import annotations
 
@@ -13,12 +13,12 @@ _SECONDS = 20.0
 
 
 class Controller:
-    """One controller with its forwarder, and what it tells the service manager."""
+    """One controller with its forwarder, and its notifications to the service manager."""
 
     def __init__(self, program: Path, file: Path, folder: Path) -> None:
         self._log = folder / "controller.log"
         self._notifications: List[str] = []
-        # Not by its path: that of a test's folder may be longer than such an address can be.
+        # An abstract address, since the path of a test's folder may be too long for a socket.
         address = f"\0vesk-test-{os.getpid()}-{id(self)}"
         self._manager = socket.socket(socket.AF_UNIX, socket.SOCK_DGRAM)
         self._manager.bind(address)
@@ -29,7 +29,7 @@ class Controller:
                 stderr=log, env={**os.environ, "NOTIFY_SOCKET": address.replace("\0", "@")})
 
     def wait_for(self, wanted: str) -> None:
-        """Waits until a notification not waited for before says this."""
+        """Waits for the next notification with this text."""
         while True:
             try:
                 lines = self._manager.recv(4096).decode().splitlines()
@@ -43,11 +43,11 @@ class Controller:
         self._process.send_signal(signal.SIGHUP)
 
     def close(self) -> None:
-        """After the last question to it; it has ended."""
+        """Called after the last request to it; it has ended."""
         self._manager.close()
 
     def finish(self) -> int:
-        """Stops it as the unit does; its exit status. May be called again."""
+        """Stops it as the unit does and returns its exit status. Can be called again."""
         if self._process.poll() is None:
             self._process.send_signal(signal.SIGTERM)
             try:
@@ -59,7 +59,7 @@ class Controller:
         return self._process.returncode
 
     def notifications(self) -> List[str]:
-        """All that was notified, that nobody waited for included."""
+        """All notifications, including those that no test waited for."""
         self._manager.setblocking(False)
         try:
             while True:

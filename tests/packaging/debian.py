@@ -1,4 +1,4 @@
-"""Makes the Debian packages and installs them below folders instead of on this host."""
+"""Makes the Debian packages and installs them in folders instead of on this host."""
 
 from __future__ import annotations
 
@@ -8,12 +8,12 @@ import subprocess
 from pathlib import Path
 from typing import Dict, List, NamedTuple, Tuple
 
-# Any fixed time: what is made is to be the same bytes whenever it is made.
+# Any fixed time, so that the packages always contain the same bytes.
 _BUILD_TIME = "1700000000"
 
 
 def run(*words: object) -> str:
-    """The output of a program that has to succeed."""
+    """The output of a program. Fails if the program does."""
     result = subprocess.run([str(word) for word in words], text=True, timeout=300,
                             stdout=subprocess.PIPE, stderr=subprocess.STDOUT, check=False)
     assert result.returncode == 0, f"{words} ended with {result.returncode}:\n{result.stdout}"
@@ -21,7 +21,7 @@ def run(*words: object) -> str:
 
 
 def build_packages(folder: Path) -> Dict[str, Path]:
-    """Runs CPack on the build tree under test; the packages by name."""
+    """Runs CPack on the build tree under test and returns the packages by name."""
     run("env", f"SOURCE_DATE_EPOCH={_BUILD_TIME}", os.environ["VESK_CPACK"],
         "--config", os.environ["VESK_CPACK_CONFIG"], "-B", folder)
     return {path.name.split("_")[0]: path for path in sorted(folder.glob("*.deb"))}
@@ -35,7 +35,7 @@ class Entry(NamedTuple):
 
 
 def contents(package: Path) -> Dict[str, Entry]:
-    """What a package installs, by path."""
+    """The entries that a package installs, by path."""
     found = {}
     for line in run("dpkg-deb", "--contents", package).splitlines():
         mode, owner, _size, _date, _time, path = line.split(maxsplit=5)
@@ -49,21 +49,21 @@ def field(package: Path, name: str) -> str:
 
 
 def _without_root() -> List[str]:
-    """Words in front of dpkg that let it believe that it owns what it unpacks."""
+    """The command prefix that lets dpkg run without the rights of root."""
     return [] if os.geteuid() == 0 else ["fakeroot"]
 
 
 def refusal_to_install() -> str:
-    """Why packages cannot be installed below a folder here, or nothing."""
+    """The reason why packages cannot be installed in a folder here, if any."""
     missing = [word for word in [*_without_root(), "dpkg"] if shutil.which(word) is None]
     return f"not installed: {', '.join(missing)}" if missing else ""
 
 
 class Root:
-    """A folder that dpkg takes for the root of a system.
+    """A folder that dpkg uses as the root of a system.
 
-    Nothing that the packages depend on is in it, and their scripts run outside of it with DPKG_ROOT
-    set, so that no system has to be put up first and no right is needed.
+    It contains none of the packages' dependencies, and their scripts run outside of it with DPKG_ROOT
+    set. Neither a complete system nor root's rights are needed.
     """
 
     def __init__(self, path: Path) -> None:
@@ -86,14 +86,14 @@ class Root:
         self._dpkg("--purge", *names)
 
     def states(self) -> Dict[str, str]:
-        """The packages that the root knows, with what has become of them."""
+        """The packages that dpkg knows in this root, with their states."""
         lines = run("dpkg-query", f"--admindir={self.path}/var/lib/dpkg", "--show",
                     "--showformat=${Package} ${db:Status-Status}\n").splitlines()
         pairs: List[Tuple[str, str]] = [(*line.split(),) for line in lines]  # type: ignore[misc]
         return dict(pairs)
 
     def files(self) -> List[str]:
-        """All files but dpkg's own."""
+        """All files except dpkg's own."""
         return sorted(str(path.relative_to(self.path)) for path in self.path.rglob("*")
                       if not path.is_dir() and "var/lib/dpkg" not in str(path))
 

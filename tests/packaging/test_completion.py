@@ -1,4 +1,4 @@
-"""What Bash offers behind the programs' names, with the files that the packages install."""
+"""Bash completion for the programs, with the files that the packages install."""
 
 from __future__ import annotations
 
@@ -13,7 +13,7 @@ import pytest
 _COMPLETIONS = Path(__file__).resolve().parents[2] / "packaging/completions"
 _PROGRAMS = {"vesk-controller": "VESK_CONTROLLER", "vesk-traffic": "VESK_TRAFFIC"}
 
-# As Bash does behind the last word.
+# Completes the last word as Bash does.
 _COMPLETE = """
 source "$1"
 shift
@@ -27,7 +27,7 @@ printf '%s\\n' "${COMPREPLY[@]}"
 
 
 def offered(folder: Path, program: str, *words: str) -> Set[str]:
-    """Run without the helpers of the package bash-completion, which may be missing."""
+    """Runs without the helpers of the package bash-completion, which may be missing."""
     done = subprocess.run(["bash", "--norc", "-c", _COMPLETE, "complete", str(_COMPLETIONS / program),
                            os.environ[_PROGRAMS[program]], *words], cwd=folder, capture_output=True,
                           text=True, check=False, timeout=30)
@@ -44,7 +44,7 @@ def test_every_option_is_offered(tmp_path: Path, program: str) -> None:
     assert offered(tmp_path, program, "-") == options
 
 
-def test_begun_option_is_completed(tmp_path: Path) -> None:
+def test_partial_option_is_completed(tmp_path: Path) -> None:
     assert offered(tmp_path, "vesk-controller", "--all") == {"--allow-readable-keys"}
     assert offered(tmp_path, "vesk-traffic", "--print-t") == {"--print-toml"}
 
@@ -64,5 +64,5 @@ def test_generator_is_offered_the_values_of_an_option(tmp_path: Path) -> None:
     assert offered(tmp_path, "vesk-traffic", "--algorithm", "sha") == {"sha1", "sha256"}
 
 
-def test_words_behind_the_generators_dashes_are_left_to_bash(tmp_path: Path) -> None:
+def test_words_after_the_generators_dashes_are_not_completed(tmp_path: Path) -> None:
     assert offered(tmp_path, "vesk-traffic", "--", "-") == set()

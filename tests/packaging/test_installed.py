@@ -29,7 +29,7 @@ def test_all_packages_are_installed(installed: Root, packages: Packages) -> None
     assert installed.states() == {name: "installed" for name in packages}
 
 
-def test_example_is_good_as_it_is(installed: Root) -> None:
+def test_example_is_valid_unchanged(installed: Root) -> None:
     said = run(installed / "usr/bin/vesk-controller", "--check", installed / _EXAMPLE)
     assert "start addr 127.0.0.1 port 4500" in said
     assert said.count("<key of 32 bytes>") == len(_KEYS)
@@ -37,26 +37,26 @@ def test_example_is_good_as_it_is(installed: Root) -> None:
         assert _key(installed, name).hex() not in said.lower()
 
 
-def test_example_has_nothing_that_is_warned_of(installed: Root) -> None:
+def test_example_causes_no_warning(installed: Root) -> None:
     said = run(installed / "usr/bin/vesk-controller", "--check", installed / _EXAMPLE)
     # This host's own limits may be too low.
     assert re.findall(r"warn controller: (?!net\.core\.|the hard limit )(.*)", said) == []
 
 
-def test_example_keys_are_drawn_and_private(installed: Root, new_root: Callable[[], Root],
-                                            packages: Packages) -> None:
+def test_example_keys_are_random_and_private(installed: Root, new_root: Callable[[], Root],
+                                             packages: Packages) -> None:
     other = new_root()
     other.install(*packages.values())
     for name in _KEYS:
         assert (installed / name).stat().st_mode & 0o7777 == 0o400
         text = (installed / name).read_text()
-        assert re.fullmatch(r"[0-9a-f]{64}\n", text), "one word, to copy from"
+        assert re.fullmatch(r"[0-9a-f]{64}\n", text), "one word that can be copied"
     assert len({_key(root, name) for root in (installed, other) for name in _KEYS}) == 4
 
 
 @pytest.fixture
 def ports() -> Dict[str, int]:
-    """For the example's ports those that this host has free."""
+    """Maps the ports of the example to free ports of this host."""
     return {"4500": free_port(), "9477": free_port()}
 
 
@@ -113,14 +113,14 @@ def test_reload_is_announced_and_stop_drains(running: Controller) -> None:
 
 def test_no_key_is_in_the_output(installed: Root, running: Controller) -> None:
     running.finish()
-    assert running.said(), "it logs"
+    assert running.said(), "the controller logs"
     for name in _KEYS:
         assert _key(installed, name).hex() not in running.said().lower()
 
 
 @pytest.mark.skipif(shutil.which("tshark") is None, reason="tshark is not installed")
 def test_dissector_is_loaded_from_its_folder(installed: Root, tmp_path: Path) -> None:
-    """Below the personal plugins, since this host's own folder is not ours to fill."""
+    """From the personal plugins, since the test must not change the host's folder."""
     (folder,) = installed.path.glob("usr/lib/*/wireshark/plugins")
     plugins = tmp_path / "home/.local/lib/wireshark/plugins"
     plugins.parent.mkdir(parents=True)
@@ -129,7 +129,7 @@ def test_dissector_is_loaded_from_its_folder(installed: Root, tmp_path: Path) ->
     assert "\tvesk\n" in said and "Error during loading" not in said
 
 
-def test_missing_file_is_reported_with_the_status_that_the_unit_knows(installed: Root) -> None:
+def test_missing_file_is_reported_with_the_status_in_the_unit(installed: Root) -> None:
     result = subprocess.run([str(installed / "usr/bin/vesk-controller"),
                              str(installed / "etc/vesk/none.toml")],
                             capture_output=True, text=True, timeout=30, check=False)

@@ -1,4 +1,4 @@
-"""The manual pages: well formed, complete, and their examples true."""
+"""The manual pages are well formed and complete, and their examples work as shown."""
 
 from __future__ import annotations
 
@@ -17,7 +17,8 @@ from framework.vesk_process import VeskProcess
 _ROOT = Path(__file__).resolve().parents[2]
 _PAGES = {path.name: path for path in map(Path, os.environ["VESK_PAGES"].split(":"))}
 
-# scdoc begins every block with a paragraph, also where mandoc has just begun one: no page without it.
+# scdoc starts every block with a paragraph, also where mandoc has just started one, so every page
+# has this warning.
 _HARMLESS = re.compile(r"WARNING: skipping paragraph macro: PP (empty|after S[HS])")
 
 # The calls by which a reader takes a key of the file.
@@ -27,14 +28,14 @@ _OPTION = re.compile(r"(?<![\w-])--[a-z][a-z-]*")
 
 
 def rendered(page: str) -> str:
-    """A page as it is read, as one line: where lines break is the reader's affair."""
+    """The rendered text of a page as one line, since line breaks depend on the reader's width."""
     said = subprocess.run(["mandoc", "-Tascii", str(_PAGES[page])], check=True, text=True,
                           stdout=subprocess.PIPE).stdout
     return re.sub(r"\s+", " ", re.sub(".\x08", "", said))
 
 
 def source(page: str) -> str:
-    """With the sections that it shares with docs/."""
+    """The source of a page with the sections that it shares with docs/."""
     return Path(f"{_PAGES[page]}.scd").read_text()
 
 
@@ -54,8 +55,8 @@ def test_every_source_is_a_page() -> None:
 
 
 @pytest.mark.parametrize("page", sorted(_PAGES))
-def test_references_lead_to_pages(page: str) -> None:
-    """To our own ones; those of others depend on what is installed."""
+def test_references_lead_to_existing_pages(page: str) -> None:
+    """Only references to our own pages; other pages may not be installed."""
     named = re.findall(r"\*(vesk[\w.-]*)\*\((\d)\)", source(page))
     assert named
     assert {f"{name}.{section}" for name, section in named} <= set(_PAGES)
@@ -63,7 +64,7 @@ def test_references_lead_to_pages(page: str) -> None:
 
 @pytest.mark.parametrize("page, program", [("vesk-traffic.1", "VESK_TRAFFIC"),
                                            ("vesk-controller.8", "VESK_CONTROLLER")])
-def test_page_names_exactly_the_options_that_the_program_has(page: str, program: str) -> None:
+def test_page_lists_exactly_the_options_of_the_program(page: str, program: str) -> None:
     said = subprocess.run([os.environ[program], "--help"], check=True, text=True,
                           stdout=subprocess.PIPE, timeout=30).stdout
     options = set(_OPTION.findall(said))
@@ -90,7 +91,7 @@ def test_example_of_the_file_is_accepted(tmp_path: Path) -> None:
                        timeout=30)
     said = subprocess.run([os.environ["VESK_CONTROLLER"], "--check", str(tmp_path / "vesk.toml")],
                           check=True, timeout=30, stderr=subprocess.PIPE, text=True).stderr
-    assert "flow" not in said, "it has none of the mistakes that are warned of"
+    assert "flow" not in said, "the example causes no warning"
 
 
 def test_answer_to_a_command_is_as_shown(tmp_path: Path) -> None:
@@ -109,12 +110,12 @@ def test_session_is_as_shown(tmp_path: Path) -> None:
 
 
 def _masked(line: str) -> str:
-    """Without the numbers of threads and descriptors."""
+    """The lines without the numbers of threads and descriptors."""
     return re.sub(r"thread: [0-9a-f]+|\(\d+\)", "...", line)
 
 
 def log_of(commands: str, folder: Path) -> List[str]:
-    """What a forwarder logs after these commands, the answer to the fence at their end included."""
+    """The log of a forwarder after these commands, including the answer to the final fence."""
     vesk = VeskProcess(folder).ready()
     since = vesk.mark()
     vesk.write_input(commands.encode())
@@ -126,7 +127,7 @@ def log_of(commands: str, folder: Path) -> List[str]:
             if line and " sized to " not in line and not line.startswith("info Task [")]
 
 
-def test_report_is_laid_out_as_shown(tmp_path: Path) -> None:
+def test_report_has_the_form_shown(tmp_path: Path) -> None:
     (shown,) = [block for block in literal_blocks("vesk-control.7") if "Poll stats" in block]
     vesk = VeskProcess(tmp_path).ready()
     with UdpEnd() as peer, UdpEnd() as upstream:
@@ -136,7 +137,7 @@ def test_report_is_laid_out_as_shown(tmp_path: Path) -> None:
     vesk.finish()
     workers = re.compile(r"(WakeNr:n,ReadyFdNr:n,DgNr:n )+")
     one_worker = [workers.sub("WakeNr:n,ReadyFdNr:n,DgNr:n ", line) for line in report]
-    # There is no lateral stream, so its last line, the figures, is missing.
+    # There is no lateral stream, so the line with its figures is missing.
     assert [line for line in one_worker if line] == [line for line in shown.splitlines()[:-1]
                                                      if line]
 

@@ -1,4 +1,4 @@
-"""What the packages are made of."""
+"""The contents of the packages."""
 
 from __future__ import annotations
 
@@ -18,7 +18,7 @@ _PROGRAM = "-rwxr-xr-x"
 
 _MULTIARCH = run("dpkg-architecture", "--query", "DEB_HOST_MULTIARCH").strip()
 
-# Every file that is installed, with its mode. A file that is missing or too many is a mistake.
+# Every installed file with its mode. A missing or additional file is a defect.
 _FILES: Dict[str, Dict[str, str]] = {
     "vesk": {
         "/etc/sysctl.d/20-vesk.conf": _FILE,
@@ -86,8 +86,8 @@ def test_package_installs_its_files_and_no_others(packages: Packages, name: str)
 
 
 @pytest.mark.parametrize("name", _NAMES)
-def test_what_an_operator_edits_survives_an_upgrade(packages: Packages, name: str,
-                                                    tmp_path: Path) -> None:
+def test_files_that_an_operator_edits_are_kept_on_upgrade(packages: Packages, name: str,
+                                                          tmp_path: Path) -> None:
     run("dpkg-deb", "--control", packages[name], tmp_path)
     listed = tmp_path / "conffiles"
     assert (listed.read_text().split() if listed.exists() else []) == _CONFIGURATION[name]
@@ -100,13 +100,13 @@ def test_package_describes_itself(packages: Packages, name: str) -> None:
     assert field(package, "Priority") == "optional"
     assert field(package, "Section") in ("net", "admin")
     assert len(field(package, "Description").splitlines()) > 3
-    assert "libc6 (>=" in field(package, "Depends"), "shared libraries are found by themselves"
+    assert "libc6 (>=" in field(package, "Depends"), "shared libraries are detected automatically"
     changelog = Path(__file__).parents[2] / "packaging/debian/changelog"
     newest = re.match(r"vesk \((\S+)\)", changelog.read_text())
     assert newest is not None and field(package, "Version") == newest[1]
 
 
-def test_controller_comes_with_its_own_forwarder(packages: Packages) -> None:
+def test_controller_depends_on_the_forwarder_of_its_version(packages: Packages) -> None:
     version = field(packages["vesk"], "Version")
     assert f"vesk (= {version})" in field(packages["vesk-controller"], "Depends").split(", ")
 
@@ -128,13 +128,13 @@ def test_programs_are_stripped(packages: Packages, name: str, tmp_path: Path) ->
         assert ".text" in sections and ".symtab" not in sections and ".debug" not in sections
 
 
-def test_symbols_are_kept_beside_the_packages(packages: Packages) -> None:
+def test_symbols_are_in_separate_files(packages: Packages) -> None:
     folder = packages["vesk"].parent
     assert {path.name.split("_")[0] for path in folder.glob("*.ddeb")} == {
         f"{name}-dbgsym" for name in _NAMES}
 
 
-def test_lintian_has_nothing_to_say(packages: Packages) -> None:
+def test_lintian_reports_nothing(packages: Packages) -> None:
     result = subprocess.run(
         ["lintian", "--allow-root", "--no-cfg", "--fail-on", "error,warning",
          "--suppress-tags", _SUPPRESSED, *map(str, packages.values())],
@@ -142,7 +142,7 @@ def test_lintian_has_nothing_to_say(packages: Packages) -> None:
     assert result.returncode == 0, result.stdout
 
 
-# initial-upload-closes-no-bugs: these packages are not for Debian's archive.
+# initial-upload-closes-no-bugs: these packages are not made for Debian's archive.
 _SUPPRESSED = "initial-upload-closes-no-bugs"
 
 

@@ -1,4 +1,4 @@
-"""Installing again, removing and purging: what an operator wrote stays, all else goes."""
+"""Upgrading, removing and purging keep the operator's files and remove all others."""
 
 from __future__ import annotations
 
@@ -9,7 +9,7 @@ _EXAMPLE = "etc/vesk/example.toml"
 _KEYS = ["etc/vesk/example-from-peer.key", "etc/vesk/example-to-peer.key"]
 
 
-def test_upgrade_keeps_what_was_edited(installed: Root, packages: Packages) -> None:
+def test_upgrade_keeps_edited_files(installed: Root, packages: Packages) -> None:
     (installed / _EXAMPLE).write_text("# edited\n")
     keys = [(installed / name).read_bytes() for name in _KEYS]
     installed.install(*packages.values())
@@ -17,14 +17,14 @@ def test_upgrade_keeps_what_was_edited(installed: Root, packages: Packages) -> N
     assert [(installed / name).read_bytes() for name in _KEYS] == keys
 
 
-def test_upgrade_does_not_bring_back_what_was_removed(installed: Root, packages: Packages) -> None:
+def test_upgrade_does_not_restore_removed_files(installed: Root, packages: Packages) -> None:
     for name in [_EXAMPLE, *_KEYS]:
         (installed / name).unlink()
     installed.install(*packages.values())
     assert not [name for name in [_EXAMPLE, *_KEYS] if (installed / name).exists()]
 
 
-def test_removal_leaves_configuration_and_keys(installed: Root, packages: Packages) -> None:
+def test_removal_keeps_configuration_and_keys(installed: Root, packages: Packages) -> None:
     installed.remove(*packages)
     assert installed.files() == ["etc/sysctl.d/20-vesk.conf", *_KEYS, _EXAMPLE]
 
@@ -42,7 +42,7 @@ def test_purge_leaves_nothing(installed: Root, packages: Packages) -> None:
     assert installed.states() == {}
 
 
-def test_purge_leaves_what_was_written_by_hand(installed: Root, packages: Packages) -> None:
+def test_purge_keeps_files_that_the_operator_wrote(installed: Root, packages: Packages) -> None:
     for name in ("edge.toml", "edge.key"):
         (installed / "etc/vesk" / name).write_text("ours\n")
     installed.purge(*packages)

@@ -1,4 +1,4 @@
-"""What scripts/setup asks apt-get for on a host that has none of it."""
+"""The packages that scripts/setup requests from apt-get on a host that has none of them."""
 
 from __future__ import annotations
 
@@ -13,18 +13,18 @@ import pytest
 
 _SETUP = Path(__file__).parents[2] / "scripts/setup"
 
-# Nothing is installed, and what is asked for is written down instead.
+# Installs nothing and records the requested packages instead.
 _PROGRAMS = {
     "dpkg-query": "exit 1",
     "id": "echo 0",
     "apt-get": 'case $1 in install) echo "$@" >>"$ASKED" ;; esac',
 }
 
-# What scripts/setup itself runs. With nothing else in the path there is no sudo.
+# The programs that scripts/setup runs. Nothing else is in the path, so there is no sudo.
 _OWN_TOOLS = ("bash", "cat", "dirname", "env", "grep", "mktemp", "rm", "sh")
 
-# debconf's remarks go to standard error, as they do on a host without apt-utils; a package that asks
-# shows up as what it was told of its front end.
+# debconf writes to standard error, as on a host without apt-utils. The recorded front end shows
+# whether a package may ask questions.
 _NOISY_APT = """echo "debconf: delaying package configuration" >&2
 echo "Reading package lists..."
 case $1 in install) echo "front end $DEBIAN_FRONTEND" >>"$ASKED"; cat >>"$ASKED" ;; esac"""
@@ -72,12 +72,12 @@ def test_each_purpose_includes_those_before_it(bare_host: Path) -> None:
     assert asked_for(bare_host) == testing
 
 
-def test_building_gets_the_http_server_of_the_controller(bare_host: Path) -> None:
+def test_building_installs_the_http_server_of_the_controller(bare_host: Path) -> None:
     assert "libmicrohttpd-dev" in asked_for(bare_host, "build")
 
 
-def test_packaging_gets_what_finds_the_libraries_of_a_program(bare_host: Path) -> None:
-    # Without dpkg-shlibdeps CPack makes packages that depend on no library, and says so in passing.
+def test_packaging_installs_the_tools_that_find_a_programs_libraries(bare_host: Path) -> None:
+    # Without dpkg-shlibdeps CPack makes packages without dependencies on libraries and only warns.
     assert {"dpkg-dev", "file"} <= asked_for(bare_host, "package")
 
 
@@ -88,23 +88,23 @@ def test_unknown_purpose_is_refused(bare_host: Path) -> None:
     assert not (bare_host / "asked").exists()
 
 
-def test_testing_gets_the_programs_without_which_tests_are_skipped(bare_host: Path) -> None:
-    # systemd holds systemd-analyze.
+def test_testing_installs_the_programs_without_which_tests_are_skipped(bare_host: Path) -> None:
+    # The package systemd contains systemd-analyze.
     assert {"curl", "systemd", "tshark", "iproute2", "strace"} <= asked_for(bare_host, "test")
 
 
 @pytest.mark.parametrize("user", ["0", "1000"])
-def test_nothing_is_printed_but_what_is_installed_and_how_long_it_takes(bare_host: Path,
-                                                                        user: str) -> None:
+def test_only_the_packages_and_the_time_are_printed(bare_host: Path,
+                                                    user: str) -> None:
     add_program(bare_host, "id", f"echo {user}")
-    # As sudo does, it passes no variable on.
+    # Passes no variable on, as sudo does.
     add_program(bare_host, "sudo", 'exec env -i PATH="$PATH" ASKED="$ASKED" "$@"')
     add_program(bare_host, "apt-get", _NOISY_APT)
     done = set_up(bare_host, "build")
     assert (done.returncode, done.stderr) == (0, "")
     (line,) = done.stdout.splitlines()
     assert re.match(r"Installing \d+ packages, which takes about \d+ minutes?: .*\bcmake\b", line)
-    # Nothing of what is typed ahead is taken for an answer.
+    # Input that was typed ahead is not read as an answer.
     assert (bare_host / "asked").read_text() == "front end noninteractive\n"
 
 
@@ -116,7 +116,7 @@ def test_failure_of_apt_get_is_shown(bare_host: Path) -> None:
     assert "apt-get install" in done.stderr.splitlines()[-1]
 
 
-def test_without_root_and_sudo_one_line_says_what_to_install(bare_host: Path) -> None:
+def test_without_root_and_sudo_one_line_names_the_packages(bare_host: Path) -> None:
     add_program(bare_host, "id", "echo 1000")
     done = set_up(bare_host, "build")
     assert done.returncode == 1

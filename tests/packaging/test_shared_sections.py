@@ -1,4 +1,4 @@
-"""What the manual pages take from the Markdown pages, as man/expand_page.py converts it."""
+"""The sections that man/expand_page.py converts from Markdown pages for the manual pages."""
 
 from __future__ import annotations
 
@@ -48,7 +48,7 @@ def test_section_is_converted(tmp_path: Path, markdown: str, scdoc: str) -> None
     "<!-- man part -->\nwithout an end",
     "<!-- man part -->\ntwice\n<!-- end part -->\n<!-- man part -->\ntwice\n<!-- end part -->\n",
 ])
-def test_missing_or_doubled_section_is_named(tmp_path: Path, markdown: str) -> None:
+def test_missing_or_duplicate_section_is_reported(tmp_path: Path, markdown: str) -> None:
     done = expand(tmp_path, markdown)
     assert done.returncode != 0
     assert "part" in done.stderr and "page.md" in done.stderr

@@ -1,4 +1,4 @@
-"""The unit, judged by systemd itself."""
+"""The systemd unit, checked by systemd-analyze."""
 
 from __future__ import annotations
 
@@ -11,7 +11,7 @@ from debian import Root, run
 
 _UNIT = "usr/lib/systemd/system/vesk-controller@.service"
 
-# In tenths, the greatest that systemd calls OK is 29. What is left is sockets and looking at /proc/sys.
+# In tenths; systemd rates up to 29 as OK. The rest is caused by sockets and by reading /proc/sys.
 _EXPOSURE = 15
 
 pytestmark = pytest.mark.skipif(shutil.which("systemd-analyze") is None,
@@ -20,16 +20,16 @@ pytestmark = pytest.mark.skipif(shutil.which("systemd-analyze") is None,
 
 @pytest.fixture
 def instance(installed: Root) -> Path:
-    """An instance of the unit where the commands below expect units."""
+    """An instance of the unit in the folder in which the commands below expect units."""
     path = (installed / _UNIT).with_name("vesk-controller@example.service")
     path.symlink_to("vesk-controller@.service")
-    # The system's own program that it names has to be there, too.
+    # The system program in the unit has to exist too.
     (installed / "usr/bin/kill").symlink_to("vesk")
     return path
 
 
-def test_systemd_understands_every_line(installed: Root, instance: Path) -> None:
-    # Pages are another test's matter, and so are the units of the system that are not in this root.
+def test_systemd_accepts_every_line(installed: Root, instance: Path) -> None:
+    # Manual pages are checked by another test, and units of the system are not in this root.
     said = run("systemd-analyze", "verify", "--man=no", "--recursive-errors=no",
                f"--root={installed.path}", instance.name)
     assert said == ""

@@ -1,4 +1,4 @@
-"""A shell that the tests type into, and what they need to adapt the text of a page to this host."""
+"""A shell into which the tests type, and functions that adapt the text of a page to this host."""
 
 from __future__ import annotations
 
@@ -17,7 +17,7 @@ DEADLINE_SECONDS = 60
 
 
 def free_ports(written: List[str]) -> Dict[str, str]:
-    """Other ports for those that a page names, which somebody may hold."""
+    """Maps the ports of a page, which may be taken on this host, to free ones."""
     with ExitStack() as stack:
         found = {}
         for name in written:
@@ -30,22 +30,22 @@ def free_ports(written: List[str]) -> Dict[str, str]:
 def wait_until(condition: Callable[[], bool], description: str) -> None:
     deadline = time.monotonic() + DEADLINE_SECONDS
     while not condition():
-        assert time.monotonic() < deadline, f"gave up waiting until {description}"
+        assert time.monotonic() < deadline, f"timed out while waiting until {description}"
         time.sleep(0.05)
 
 
 class Shell:
-    """A shell that is typed into."""
+    """A shell that gets its commands as if they were typed."""
 
     def __init__(self, tree: Path, temporary: Path, home: Path) -> None:
         environment = {**os.environ, "HOME": str(home), "WIRESHARK_CONFIG_DIR": str(home),
                        "TMPDIR": str(temporary)}
-        # As most accounts have it: files are readable by everybody unless they are made otherwise.
+        # The usual default: new files are readable by every user.
         self._process = subprocess.Popen(["bash"], cwd=tree, env=environment, stdin=subprocess.PIPE,
                                          stdout=subprocess.PIPE, start_new_session=True, umask=0o022)
 
     def type(self, commands: str) -> str:
-        """Returns what appears until all is done, and insists on success."""
+        """Returns the output of the commands. Fails if one of them fails."""
         assert self._process.stdin is not None and self._process.stdout is not None
         self._process.stdin.write(f"{commands}\necho \"end of block, status $?\"\n".encode())
         self._process.stdin.flush()
@@ -53,7 +53,7 @@ class Shell:
         while not (end := re.search(rb"end of block, status (\d+)\n", said)):
             readable, _, _ = select.select([self._process.stdout], [], [],
                                            max(0.0, deadline - time.monotonic()))
-            assert readable, f"{commands}\nis not through; so far: {said!r}"
+            assert readable, f"{commands}\nhas not ended; output so far: {said!r}"
             piece = os.read(self._process.stdout.fileno(), 1 << 16)
             assert piece, f"the shell ended: {said!r}"
             said += piece
@@ -61,7 +61,7 @@ class Shell:
         return said[:end.start()].decode()
 
     def end(self) -> None:
-        """With all that still runs in it."""
+        """Ends the shell and everything that still runs in it."""
         try:
             os.killpg(self._process.pid, signal.SIGKILL)
         except ProcessLookupError:

@@ -1,4 +1,4 @@
-"""The demonstration tells the truth: about what goes well, and about what does not."""
+"""The demonstration reports success and failure correctly."""
 
 from __future__ import annotations
 
@@ -26,14 +26,14 @@ def demonstrate(folder: Path, traffic: Path, *options: str) -> "subprocess.Compl
 
 
 def rows(output: str) -> List[List[str]]:
-    """Sent, answered and bad of each flow."""
+    """The sent, answered and bad datagrams of each flow."""
     lines = output.splitlines()
     table = lines[lines.index("Result") + 2:lines.index("", lines.index("Result"))]
     return [line.split()[-5:-2] for line in table]
 
 
 @pytest.mark.parametrize(("options", "flows"), [([], 2), (["--lateral"], 4)])
-def test_all_goes_well(tmp_path: Path, options: List[str], flows: int) -> None:
+def test_success_is_reported(tmp_path: Path, options: List[str], flows: int) -> None:
     done = demonstrate(tmp_path, TRAFFIC, *options)
     assert (done.returncode, done.stderr) == (0, ""), done.stdout
     assert done.stdout.splitlines()[-1] == FLAWLESS
@@ -43,8 +43,8 @@ def test_all_goes_well(tmp_path: Path, options: List[str], flows: int) -> None:
 
 @pytest.mark.parametrize("change", ['s/"answered": 1000/"answered": 999/', 's/"wrong": 0/"wrong": 1/',
                                     's/"verified": 2000/"verified": 1999/', "d"])
-def test_what_goes_wrong_is_told(tmp_path: Path, change: str) -> None:
-    """A report of the traffic generator that is not flawless, or none at all."""
+def test_failures_are_reported(tmp_path: Path, change: str) -> None:
+    """The traffic generator reports a failure or nothing."""
     traffic = tmp_path / "traffic"
     traffic.write_text(f"#!/bin/sh\n'{TRAFFIC}' \"$@\" | sed '/^{{/{change}'\n", encoding="utf-8")
     traffic.chmod(0o755)

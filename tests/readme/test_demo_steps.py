@@ -1,4 +1,4 @@
-"""scripts/demo says what it is doing: in a copy of the tree with stand-ins for all that takes long."""
+"""scripts/demo reports its steps. Runs in a copy of the tree with replacements for all long steps."""
 
 from __future__ import annotations
 
@@ -12,7 +12,7 @@ import pytest
 
 ROOT = Path(__file__).resolve().parent.parent.parent
 
-# As cmake with Ninja, which looks at the tree before it builds and reports each step.
+# Acts as cmake with Ninja, which checks the tree before it builds and reports each step.
 CMAKE = r"""
 case "$*" in
 --preset*) echo "-- Configuring done" ;;
@@ -55,7 +55,7 @@ def demonstrate(tree: Path) -> "subprocess.CompletedProcess[str]":
                           text=True, check=False, timeout=60)
 
 
-def test_each_step_is_named_with_its_time(tree: Path) -> None:
+def test_each_step_is_reported_with_its_time(tree: Path) -> None:
     done = demonstrate(tree)
     assert (done.returncode, done.stderr) == (0, "")
     steps = [line for line in done.stdout.splitlines() if line.startswith("Step ")]
@@ -64,10 +64,10 @@ def test_each_step_is_named_with_its_time(tree: Path) -> None:
     assert done.stdout.splitlines()[-1] == "the demonstration"
 
 
-def test_build_reports_its_progress_and_what_the_compiler_says(tree: Path) -> None:
+def test_build_reports_its_progress_and_compiler_messages(tree: Path) -> None:
     lines = demonstrate(tree).stdout.splitlines()
     progress = [line for line in lines if re.fullmatch(r"  \d+ of 88 build steps done", line)]
-    # Where output is no terminal, a line for each tenth is enough.
+    # If the output is not a terminal, there is one line for each tenth.
     assert 9 <= len(progress) <= 11
     assert progress[-1] == "  88 of 88 build steps done"
     assert "remark of the compiler" in lines
@@ -75,7 +75,7 @@ def test_build_reports_its_progress_and_what_the_compiler_says(tree: Path) -> No
 
 
 def test_terminal_has_one_line_of_progress(tree: Path) -> None:
-    """Drawn again for each step, and never in front of what the compiler says."""
+    """It is rewritten for each step, and cleared before a message of the compiler."""
     environment = {**os.environ, "PATH": f"{tree / 'bin'}:{os.environ['PATH']}"}
     add_program(tree / "bin" / "cmake", """case "$*" in --build*)
         printf '[1/3] Building\\n[2/3] Building\\nremark\\n[3/3] Linking\\n' ;; esac""")
@@ -88,14 +88,14 @@ def test_terminal_has_one_line_of_progress(tree: Path) -> None:
                                   "\r  3 of 3 build steps done")
 
 
-def test_tree_that_is_built_already_says_so(tree: Path) -> None:
+def test_a_tree_that_is_already_built_is_reported(tree: Path) -> None:
     add_program(tree / "bin" / "cmake", UP_TO_DATE)
     done = demonstrate(tree)
     assert done.returncode == 0
     assert "  everything is built already" in done.stdout.splitlines()
 
 
-def test_failed_build_ends_it_with_the_reason(tree: Path) -> None:
+def test_failed_build_ends_the_script_with_the_reason(tree: Path) -> None:
     add_program(tree / "bin" / "cmake", BROKEN)
     done = demonstrate(tree)
     assert done.returncode != 0
@@ -103,7 +103,7 @@ def test_failed_build_ends_it_with_the_reason(tree: Path) -> None:
     assert "the demonstration" not in done.stdout
 
 
-def test_missing_packages_end_it_with_the_one_line_that_names_them(tree: Path) -> None:
+def test_missing_packages_end_the_script_with_one_line_that_names_them(tree: Path) -> None:
     add_program(tree / "scripts" / "setup", 'echo "as root, run: apt-get install g++" >&2; exit 1')
     done = demonstrate(tree)
     assert done.returncode == 1

@@ -1,4 +1,4 @@
-"""The session of docs/tutorial.md that is led by hand: what is typed, sent, received and logged."""
+"""The raw protocol session of docs/tutorial.md: commands, datagrams and log lines."""
 
 from __future__ import annotations
 
@@ -22,19 +22,19 @@ def blocks() -> List[List[str]]:
 
 
 def datagram(line: str) -> bytes:
-    """The hex digits behind the words."""
+    """The bytes of the hex words in a line."""
     return bytes.fromhex("".join(re.findall(r"\b(?:[0-9a-f]{8,})\b", line)))
 
 
 def comparable(lines: List[str]) -> List[str]:
-    """Without what differs between hosts and runs; lines of two threads have no fixed order."""
+    """The lines without details that vary; lines of two threads have no fixed order."""
     text = "\n".join(line for line in lines if line and "SO_" not in line)
     text = re.sub(r"(thread: |recvThread |sockfds |\()[0-9a-f]+( \d+|\))?", r"\1N", text)
     text = re.sub(r"info allowCoreDumps: .*|warn allowCoreDumps: .*", "core size limit", text)
     text = re.sub(r"(ActiveEvtNr|WakeNr|ReadyFdNr|RdReadyNr|DgNr):\d+", r"\1:N", text)
     text = re.sub(r"(WakeNr:N,ReadyFdNr:N,DgNr:N )+", "workers ", text)
     found = text.split("\n")
-    # One for each processor, and one or several lines about core files.
+    # There is one such line for each processor, and one or more lines about core files.
     several = [line for line in found if re.match("info created upstream recvThread|core size", line)]
     return sorted(set(several)) + sorted(line for line in found if line not in several)
 
@@ -65,7 +65,7 @@ class Session:
             if not line.startswith("> "):
                 self.expected.append(line)
             elif line.startswith("> start "):
-                # The kernel's choice of a port that is free.
+                # The kernel assigns a free port.
                 self.port = self.vesk.listen(HOST)
             else:
                 self.vesk.command(line[2:].replace("up_port 5000", f"up_port {self.upstream_port}"))
@@ -89,7 +89,7 @@ def test_session_is_as_shown(tmp_path: Path, peer: UdpEnd, upstream: UdpEnd) -> 
     assert peer.receive().data == datagram(reply[1])
     for line in refused:
         peer.send(datagram(line), forwarder)
-    # The last of the two is counted before its line is logged.
+    # The second datagram is counted before its line is logged.
     session.vesk.wait_for_log("downstreamPacketReceivedFailed HMAC Check!")
     session.type(answers)
 

@@ -1,4 +1,4 @@
-"""README.md's example: the file and the command are typed, the lines that they lead to compared."""
+"""The example of README.md: runs the command with the file and compares the output."""
 
 from __future__ import annotations
 
@@ -38,7 +38,7 @@ def test_example_file_has_eight_lines() -> None:
     assert len(block("toml").splitlines()) == 8
 
 
-def test_command_ends_in_the_lines_shown(shell: Shell, tmp_path: Path) -> None:
+def test_output_of_the_command_ends_with_the_lines_shown(shell: Shell, tmp_path: Path) -> None:
     ports = free_ports(PORTS)
     file = tmp_path / "alice.toml"
     file.write_text(block("toml").replace("4500", ports["4500"]).replace("5000", ports["5000"])
@@ -47,7 +47,7 @@ def test_command_ends_in_the_lines_shown(shell: Shell, tmp_path: Path) -> None:
     expected = [line.replace("4500", ports["4500"]) for line in shown]
     assert len(expected) == 2
 
-    # The command does not end by itself, so it runs in the background, and its log goes to a file.
+    # The command does not end by itself, so it runs in the background and writes its log to a file.
     log = tmp_path / "log"
     log.touch()
     shell.type(f"({block('sh').strip()}) 2>> log &")

@@ -1,4 +1,4 @@
-"""--help and wrong options of every script that somebody may run: both are answered at once."""
+"""Every script answers --help and unknown options at once."""
 
 from __future__ import annotations
 
@@ -13,7 +13,7 @@ SCRIPTS = [path.relative_to(ROOT) for path in sorted(
     [*(path for path in (ROOT / "scripts").iterdir() if os.access(path, os.X_OK)),
      ROOT / "packaging/build-packages"])]
 
-# What a script begins its work with, and must not come to.
+# The first programs that the scripts call for their work, which must not be called here.
 WORKERS = ("cmake", "ctest", "apt-get", "dpkg-query", "sudo")
 
 
@@ -38,12 +38,12 @@ def run(workers: Path, script: Path, option: str) -> "subprocess.CompletedProces
 def test_help_is_printed(workers: Path, script: Path) -> None:
     helped = run(workers, script, "--help")
     assert (helped.returncode, helped.stderr) == (0, "")
-    assert script.name in helped.stdout, "it says how to call it"
+    assert script.name in helped.stdout, "the help text shows how to call it"
     assert not any(line.startswith(("#", "set -")) for line in helped.stdout.splitlines())
 
 
 @pytest.mark.parametrize("script", SCRIPTS, ids=str)
-def test_wrong_option_is_named(workers: Path, script: Path) -> None:
+def test_unknown_option_is_reported(workers: Path, script: Path) -> None:
     wrong = run(workers, script, "--nonsense")
     assert (wrong.returncode, wrong.stdout) == (2, "")
     assert "--nonsense" in wrong.stderr

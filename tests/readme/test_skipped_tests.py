@@ -1,4 +1,4 @@
-"""The list of skipped tests at the end of scripts/test: every one of them with its reason."""
+"""The list of skipped tests, with their reasons, at the end of scripts/test."""
 
 from __future__ import annotations
 
@@ -11,7 +11,7 @@ from typing import Dict
 
 ROOT = Path(__file__).resolve().parent.parent.parent
 
-# As CTest keeps it, with a test that was tried twice.
+# A log as CTest writes it, with a test that was run twice.
 CTEST_LOG = """Start testing: Nov 22 08:20 UTC
 ----------------------------------------------------------
 1/3 Testing: functional.faults
@@ -35,7 +35,7 @@ Output:
 [       OK ] CoreDumps.AreOff (0 ms)
 [ RUN      ] CoreDumps.AreUnlimited
 /tree/core_dumps_test.cpp:40: Skipped
-core files are limited for good here
+this process may not raise its core file limit
 
 [  SKIPPED ] CoreDumps.AreUnlimited (0 ms)
 <end of output>
@@ -49,7 +49,7 @@ SKIPPED [1] test_faults.py:9: no second processor
 LISTED = """Skipped tests:
   release: functional.faults: strace is not installed (3 tests)
   release: functional.faults: no second processor
-  release: unit/app/CoreDumps.AreUnlimited: core files are limited for good here
+  release: unit/app/CoreDumps.AreUnlimited: this process may not raise its core file limit
 """
 
 
@@ -74,20 +74,21 @@ def test_every_skipped_test_is_listed_once_with_its_reason(tmp_path: Path) -> No
     assert (done.returncode, done.stderr, done.stdout) == (0, "", LISTED)
 
 
-def test_run_without_skipped_tests_says_so(tmp_path: Path) -> None:
+def test_a_run_without_skipped_tests_is_reported(tmp_path: Path) -> None:
     done = list_skipped(tmp_path, {"release": "1/1 Testing: unit/a\nTest Passed.\n"})
     assert (done.returncode, done.stdout) == (0, "Skipped tests: none\n")
 
 
-def test_preset_that_left_no_log_is_named(tmp_path: Path) -> None:
+def test_a_preset_without_a_log_is_reported(tmp_path: Path) -> None:
     done = subprocess.run([sys.executable, "-B", str(ROOT / "tests/list_skipped.py"),
                            f"tsan={tmp_path / 'none'}"], capture_output=True, text=True, check=False,
                           timeout=60)
     assert (done.returncode, done.stdout) == (0, "Skipped tests: none\n  tsan: no test was run\n")
 
 
-def run_all_tests(tree: Path, ctest: str, cmake: str = "exit 0") -> "subprocess.CompletedProcess[str]":
-    """scripts/test in a copy of the tree, with stand-ins for all that takes long."""
+def run_all_tests(tree: Path, ctest: str,
+                  cmake: str = "exit 0") -> "subprocess.CompletedProcess[str]":
+    """scripts/test in a copy of the tree, with replacements for all long steps."""
     (tree / "scripts").mkdir()
     (tree / "tests").mkdir()
     for name in ("test", "options.sh", "stages.sh"):
@@ -97,7 +98,7 @@ def run_all_tests(tree: Path, ctest: str, cmake: str = "exit 0") -> "subprocess.
     add_program(tree / "bin/cmake", cmake)
     (tree / "given.log").write_text(CTEST_LOG, encoding="utf-8")
     add_program(tree / "bin/ctest", ctest)
-    # What an earlier run left is not to be told as this one's.
+    # The log of an earlier run must not be reported for this one.
     old = tree / "build/tsan/Testing/Temporary"
     old.mkdir(parents=True)
     (old / "LastTest.log").write_text(CTEST_LOG, encoding="utf-8")
@@ -111,13 +112,13 @@ mkdir -p "$folder"
 """
 
 
-def test_list_ends_the_output_of_all_tests(tmp_path: Path) -> None:
+def test_the_list_is_the_end_of_the_output(tmp_path: Path) -> None:
     done = run_all_tests(tmp_path, WRITE_LOG + "[ $2 != release ] || cp given.log $folder/LastTest.log")
     assert done.returncode == 0, done.stderr
     assert done.stdout.endswith(LISTED + "  asan: no test was run\n  tsan: no test was run\n")
 
 
-def test_list_is_printed_after_a_failure_too(tmp_path: Path) -> None:
+def test_the_list_is_printed_after_a_failure_too(tmp_path: Path) -> None:
     done = run_all_tests(tmp_path, WRITE_LOG + "cp given.log $folder/LastTest.log; exit 8")
     assert done.returncode == 8
     assert done.stdout.endswith(LISTED)

@@ -1,4 +1,4 @@
-"""The table of stages at the end of scripts/test: the processor time and the length of each."""
+"""The table of stages at the end of scripts/test: processor time and elapsed time of each."""
 
 from __future__ import annotations
 
@@ -11,7 +11,7 @@ from test_skipped_tests import WRITE_LOG, run_all_tests
 HEADING = re.compile(r"Stage +Processor +Elapsed")
 ROW = re.compile(r"  (\S.*?) +(\d+\.\d) s +(\d+\.\d) s")
 
-# Takes processor time in a process of its own, as a compiler below the build tool does.
+# Uses processor time in a child process, as a compiler under the build tool does.
 COMPUTE = """case "$*" in --build*asan*)
     sh -c 'i=0; while [ $i -lt 600000 ]; do i=$((i + 1)); done' ;;
 esac"""
@@ -37,7 +37,7 @@ def test_every_stage_has_a_row(tmp_path: Path) -> None:
                                         "asan tests", "tsan build", "tsan tests", "all"]
 
 
-def test_processor_time_is_that_of_the_stage_and_its_children(tmp_path: Path) -> None:
+def test_processor_time_includes_the_children_of_the_stage(tmp_path: Path) -> None:
     rows = table(run_all_tests(tmp_path, "exit 0", COMPUTE).stdout)
     processor = {name: row[0] for name, row in rows.items()}
     assert processor["asan build"] >= 0.2, rows
@@ -47,7 +47,7 @@ def test_processor_time_is_that_of_the_stage_and_its_children(tmp_path: Path) ->
     assert all(processor[name] < processor["asan build"] for name in others), rows
 
 
-def test_failure_ends_the_table_with_its_stage(tmp_path: Path) -> None:
+def test_the_table_ends_with_a_failed_stage(tmp_path: Path) -> None:
     done = run_all_tests(tmp_path, WRITE_LOG + "exit 8")
     assert done.returncode == 8
     assert list(table(done.stdout)) == ["setup", "release build", "release tests", "all"]

@@ -1,4 +1,4 @@
-"""The first five minutes of docs/tutorial.md: every command is typed, every output compared."""
+"""The first five minutes of docs/tutorial.md: types every command and compares every output."""
 
 from __future__ import annotations
 
@@ -28,7 +28,7 @@ SENT = re.compile(r"^vesk_upstream_sent_datagrams_total [1-9]", re.MULTILINE)
 
 @dataclass(frozen=True)
 class Block:
-    """What to type, and what then appears; nothing where the page shows nothing."""
+    """The commands to type and the expected output, which is empty if the page shows none."""
 
     commands: str
     output: str
@@ -41,7 +41,7 @@ def blocks() -> List[Block]:
 
 
 def adapted(text: str, ports: Dict[str, str]) -> str:
-    """The same for this build, on other ports and with less patience."""
+    """The same for this build, with other ports and shorter waits."""
     text = re.sub(rf"\b({'|'.join(ports)})\b", lambda found: ports[found[0]], text)
     text = text.replace("[controller]\n", f"[metrics]\nport = {ports[METRICS_PORT]}\n\n[controller]\n")
     return text.replace(TRAFFIC_SECONDS["written"], TRAFFIC_SECONDS["enough"])
@@ -49,7 +49,7 @@ def adapted(text: str, ports: Dict[str, str]) -> str:
 
 @pytest.fixture
 def tree(tmp_path: Path) -> Path:
-    """A source tree that is built, without everything that the walk does not need."""
+    """A built source tree with only the parts that the tutorial needs."""
     folder = tmp_path / "tree"
     (folder / "build").mkdir(parents=True)
     (folder / "build" / "release").symlink_to(BUILD)
@@ -59,7 +59,7 @@ def tree(tmp_path: Path) -> Path:
 
 @pytest.fixture
 def temporary(tmp_path: Path) -> Path:
-    """What the walk takes for /tmp."""
+    """The folder that replaces /tmp in the tutorial."""
     folder = tmp_path / "temporary"
     folder.mkdir()
     return folder
@@ -75,7 +75,7 @@ def shell(tmp_path: Path, tree: Path, temporary: Path) -> Iterator[Shell]:
 
 
 def own_files(folder: Path) -> Dict[Path, int]:
-    """The mode of each regular file; what symbolic links lead to is left out."""
+    """The mode of each regular file. Symbolic links are not followed."""
     return {path: path.stat().st_mode & 0o777 for path in folder.rglob("*")
             if path.is_file() and not path.is_symlink()}
 
@@ -93,7 +93,7 @@ def require_capturing() -> None:
         pytest.skip(f"capturing is not allowed here: {done.stderr.strip()}")
 
 
-# A newcomer's hands are slow enough for figures and reports to be there; these have to wait for them.
+# A reader types slowly enough for figures and reports to be available; the test has to wait for them.
 
 def has_figures(port: str) -> bool:
     try:
@@ -104,11 +104,11 @@ def has_figures(port: str) -> bool:
 
 
 def comparable(output: str) -> List[str]:
-    """Counts differ from run to run, and a capture may begin in the middle of an exchange."""
+    """Counts vary between runs, and a capture may begin in the middle of an exchange."""
     return sorted(re.sub(r"\b[1-9]\d+\s*$", "N", line) for line in output.splitlines())
 
 
-# A package that asks gets no answer, and apt-get takes what is typed ahead.
+# A package that asks a question gets no answer, and apt-get reads input that was typed ahead.
 STAND_INS = {
     "scripts/setup": "exit 0",
     "apt-get": 'cat >/dev/null; [ "$DEBIAN_FRONTEND" = noninteractive ]',
@@ -116,7 +116,7 @@ STAND_INS = {
 }
 
 
-def test_first_block_can_be_pasted_whole(tmp_path: Path) -> None:
+def test_first_block_can_be_pasted_as_a_whole(tmp_path: Path) -> None:
     for name, text in STAND_INS.items():
         program = tmp_path / name
         program.parent.mkdir(exist_ok=True)
@@ -132,12 +132,12 @@ def test_first_block_can_be_pasted_whole(tmp_path: Path) -> None:
 
 
 def test_every_command_does_what_is_shown(shell: Shell, tree: Path, temporary: Path) -> None:
-    """Also: no key is ever readable by others, and nothing is left behind."""
+    """Also checks that no key is readable by other users and that no process or file remains."""
     require_capturing()
     require("curl")
     ports = free_ports(["4500", "5000", METRICS_PORT])
     with_keys: List[Path] = []
-    # The first one builds, which has been done.
+    # The first command builds the tree, which has been done already.
     build, *walk = blocks()
     assert "cmake --build" in build.commands and len(walk) >= 5
     for block in walk:
@@ -154,5 +154,5 @@ def test_every_command_does_what_is_shown(shell: Shell, tree: Path, temporary: P
         assert [path for path in with_keys if path.exists() and path.stat().st_mode & 0o077] == []
         assert own_files(tree) == {}, block.commands
     assert any(block.output for block in walk)
-    assert with_keys, "the walk has keys"
+    assert with_keys, "the tutorial makes keys"
     assert list(temporary.iterdir()) == []

@@ -1,4 +1,4 @@
-"""Lets single allocations of a forwarder's threads fail."""
+"""Makes single allocations of a forwarder's threads fail."""
 
 from __future__ import annotations
 
@@ -13,7 +13,7 @@ _THREE_NUMBERS = struct.Struct("=qqq")
 
 
 class AllocationFault:
-    """The library to start a forwarder with, and the numbers that tell it what to do."""
+    """The library to preload into a forwarder, and the numbers that control it."""
 
     def __init__(self, folder: Path) -> None:
         library, shared = folder / "fail_allocation.so", folder / "allocation_fault"
@@ -26,13 +26,13 @@ class AllocationFault:
             self._numbers = mmap.mmap(file.fileno(), _THREE_NUMBERS.size)
 
     def strike(self, thread: int, number: int) -> None:
-        """The thread's allocation of this number from now on fails."""
-        # Last the thread, which is what switches it on.
+        """Makes the thread's allocation of this number, counted from now, fail."""
+        # The thread is written last, because it enables the fault.
         self._numbers[8:] = struct.pack("=qq", number, 0)
         self._numbers[:8] = struct.pack("=q", thread)
 
     def relent(self) -> bool:
-        """Whether an allocation failed; from now on none does."""
+        """Disables the fault and returns whether an allocation has failed."""
         self._numbers[:8] = bytes(8)
         return _THREE_NUMBERS.unpack(self._numbers)[2] > 0
 

@@ -1,3 +1,3 @@
-"""What the tests of this folder are given."""
+"""Fixtures of the tests in this folder."""
 
 pytest_plugins = ["framework.fixtures"]

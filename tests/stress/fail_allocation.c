@@ -1,5 +1,5 @@
-/* Makes one allocation of one thread fail, as on a machine without memory. Loaded in front of the C
-   library; VESK_ALLOCATION_FAULT names a file of three numbers that the test and this code share. */
+/* Preloaded before the C library, makes one allocation of one thread fail, as on a machine without
+   memory. VESK_ALLOCATION_FAULT names a file of three numbers that the test and this code share. */
 #define _GNU_SOURCE
 #include <dlfcn.h>
 #include <errno.h>
@@ -12,9 +12,9 @@
 #include <unistd.h>
 
 struct fault {
-    _Atomic int64_t thread;    /* the one to strike; 0 for none, -1 for whichever comes */
-    _Atomic int64_t countdown; /* its allocation that fails, counted from 1 */
-    _Atomic int64_t struck;    /* how many have failed so far */
+    _Atomic int64_t thread;    /* the thread that fails; 0 for none, -1 for the next to allocate */
+    _Atomic int64_t countdown; /* the number of its allocation that fails, from 1 */
+    _Atomic int64_t struck;    /* the number of failures so far */
 };
 
 static struct fault none;

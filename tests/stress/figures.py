@@ -1,4 +1,4 @@
-"""The one line of figures that a long run ends with."""
+"""Prints the line of figures at the end of a long run."""
 
 from __future__ import annotations
 
@@ -7,7 +7,7 @@ from pathlib import Path
 
 
 def record(line: str) -> None:
-    """Shows the line, and keeps it for the script that started the test, if one did."""
+    """Prints the line, and stores it for the script that started the test, if any."""
     print(line, flush=True)
     keep = os.environ.get("VESK_FIGURES")
     if keep:

@@ -1,4 +1,4 @@
-"""Well-behaved traffic from a process of its own, which checks every answer that it gets."""
+"""Valid traffic from a separate process that checks every answer it receives."""
 
 from __future__ import annotations
 
@@ -20,7 +20,7 @@ def traffic_program() -> str:
 
 @dataclass(frozen=True)
 class Outcome:
-    """What came of a round. `lost` were never answered, `late` were answered too late."""
+    """The result of a round. `lost` requests got no answer, `late` ones got it too late."""
 
     sent: int
     lost: int
@@ -44,7 +44,7 @@ class GoodTraffic:
                        "--verify-every", "1"]
 
     def set_commands(self) -> List[str]:
-        """Declares the flows, one line each."""
+        """The commands that declare the flows, one line each."""
         printed = subprocess.run([*self._words, "--print-commands"], check=True, text=True,
                                  stdout=subprocess.PIPE).stdout
         return [line for line in printed.splitlines() if line.startswith("set ")]
@@ -56,14 +56,14 @@ class GoodTraffic:
         return commands
 
     def round(self, seconds: float, rate: float = 0.0, window: int = 64) -> "Round":
-        """Starts so many seconds of traffic; without a rate as fast as answers come."""
+        """Starts traffic for a number of seconds; without a rate, as fast as answers arrive."""
         pace = ["--rate", f"{rate:.0f}"] if rate else ["--window", str(window)]
         return Round([*self._words, *pace, "--duration", f"{seconds:g}", "--warm-up", "0.2",
                       "--json", "--allow-loss"])
 
 
 class Round:
-    """One round while it lasts."""
+    """One running round."""
 
     def __init__(self, words: List[str]) -> None:
         self._process = subprocess.Popen(words, stdout=subprocess.PIPE, stderr=subprocess.PIPE,

@@ -1,4 +1,4 @@
-"""Datagrams that nobody should send, by kind, and the sockets they are sent from."""
+"""Kinds of hostile datagrams, and the sockets from which they are sent."""
 
 from __future__ import annotations
 
@@ -25,7 +25,7 @@ UPSTREAM = "upstream"
 
 @dataclass(frozen=True)
 class Kind:
-    """Some datagrams alike, and which of the forwarder's sockets they are for."""
+    """Similar datagrams, and the forwarder's socket to which they are sent."""
 
     name: str
     way: str
@@ -34,7 +34,7 @@ class Kind:
 
 @dataclass(frozen=True)
 class Surroundings:
-    """What an attacker knows: labels, recorded datagrams, and one lateral header it has seen."""
+    """What an attacker knows: labels, recorded datagrams and one recorded lateral header."""
 
     framing: Framing
     good_labels: Sequence[int]
@@ -48,7 +48,7 @@ class Surroundings:
 
 
 class KindMaker:
-    """Makes the kinds; the same ones for the same seed."""
+    """Makes the kinds. The same seed gives the same datagrams."""
 
     def __init__(self, around: Surroundings, seed: int = 1) -> None:
         self._around = around
@@ -78,14 +78,14 @@ class KindMaker:
         return self._random.choice(self._around.good_labels)
 
     def _wrong_tag(self, length: int, label: int = 0) -> bytes:
-        """A datagram of this length whose header is sound but for the HMAC."""
+        """A datagram of this length whose header is valid except for the HMAC."""
         framing = self._framing
         sound = framing.build(label or self._some_label(),
                               bytes(max(0, length - framing.header_size)))
         return (self._bytes(framing.hmac_length) + sound[framing.hmac_length:])[:length]
 
     def _relabelled(self) -> bytes:
-        """Rightly signed for another flow."""
+        """Signed correctly for another flow."""
         request = bytearray(self._around.victim.request(b"x" * 30))
         struct.pack_into("!I", request, self._framing.header_size - 4, self._some_label())
         return bytes(request)
@@ -95,7 +95,7 @@ class KindMaker:
         return self._framing.build(flow.label, b"unsigned")
 
     def _lying_header_length(self) -> bytes:
-        """Where the framing has no such field: what looks like the other framing."""
+        """If the framing has no such field, datagrams that look like the other framing."""
         if not self._framing.has_header_length:
             return self._framing.build(self._some_label(), bytes(18))
         length = self._random.choice([0, 1, 37, 78, 79, 2048, 65535])
@@ -178,7 +178,7 @@ class KindMaker:
         return [self._handed(framed, kind) for kind in range(256)]
 
     def _upstream(self) -> Dict[str, Callable[[], bytes]]:
-        """All of them under the flow's own label: of another one the counters would tell twice."""
+        """All of them with the flow's own label, since another label would be counted twice."""
         label = self._around.victim.label
         return {
             "empty": lambda: b"",
@@ -196,7 +196,7 @@ class KindMaker:
 
 
 class PortZeroSender:
-    """Sends UDP datagrams whose source port is 0, which only a raw socket can."""
+    """Sends UDP datagrams with source port 0, which only a raw socket can do."""
 
     def __init__(self) -> None:
         self._socket = socket.socket(socket.AF_INET, socket.SOCK_RAW, socket.IPPROTO_UDP)

@@ -1,4 +1,4 @@
-"""How much memory a process holds, and what the kernel threw away for want of room."""
+"""The memory that a process uses, and the datagrams that the kernel dropped."""
 
 from __future__ import annotations
 
@@ -15,7 +15,7 @@ def resident_kib(process: int) -> int:
 
 
 def drops_on_port(port: int) -> int:
-    """Datagrams that found the receive buffers of the sockets on this port full."""
+    """Datagrams that the kernel dropped because a receive buffer on this port was full."""
     drops = 0
     for table in ("/proc/net/udp", "/proc/net/udp6"):
         for row in _rows(table):
@@ -26,7 +26,7 @@ def drops_on_port(port: int) -> int:
 
 
 def drops_on_this_host() -> int:
-    """The same of all sockets together, those that are closed by now included."""
+    """The same for all sockets, including closed ones."""
     names, numbers = [line.split() for line in Path("/proc/net/snmp").read_text().splitlines()
                       if line.startswith("Udp:")]
     return int(numbers[names.index("RcvbufErrors")])

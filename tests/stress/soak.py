@@ -1,7 +1,7 @@
-"""Half load on thousands of flows for a long time, a hundred of them changed each second.
+"""Half load on thousands of flows for a long time, with a hundred flows changed each second.
 
-Usage: soak.py MINUTES, in an environment as `run` describes it. Prints a line each minute and one
-line of figures at the end; the exit status is 1 where something was lost or anything grew.
+Usage: soak.py MINUTES, in an environment as described in `run`. Prints a line each minute and one
+line of figures at the end. The exit status is 1 if a datagram was lost or a resource grew.
 """
 
 from __future__ import annotations
@@ -36,7 +36,7 @@ DESCRIPTORS_BESIDE_FLOWS = 64
 
 @dataclass(frozen=True)
 class Minute:
-    """What was seen in one minute."""
+    """The figures of one minute."""
 
     descriptors: int
     expected_descriptors: int
@@ -53,7 +53,7 @@ class Minute:
         if self.steady.lost > self.kernel_drops:
             found.append(f"{self.steady.lost} lost, of which the kernel dropped "
                          f"{self.kernel_drops} at most")
-        # Each change may cost what is on its way at that moment.
+        # Each change may lose the datagrams that are on their way at that moment.
         if self.changing.lost > self.changes + self.kernel_drops:
             found.append(f"{self.changing.lost} lost in {self.changes} changes")
         if self.steady.late > LATE_ALLOWED * self.steady.sent:
@@ -64,7 +64,7 @@ class Minute:
 
 
 class Soak:
-    """A forwarder under load, and what it had open before the first flow."""
+    """A forwarder under load, and the number of its descriptors before the first flow."""
 
     def __init__(self, folder: Path) -> None:
         self.vesk = VeskProcess(folder).ready()
@@ -82,7 +82,7 @@ class Soak:
             return alone.outcome().request_rate / 2
 
     def _change(self, count: int) -> None:
-        """By turns a flow is set again, or deleted and declared anew."""
+        """Alternately sets a flow again, or deletes and declares it again."""
         for _ in range(count):
             command = self._commands[self._changes % CHANGING_FLOWS]
             if self._changes // CHANGING_FLOWS % 2:
@@ -102,7 +102,7 @@ class Soak:
         try:
             self.vesk.wait_for_descriptor_count(expected)
         except AssertionError:
-            pass  # The minute's line says so.
+            pass  # The line of the minute shows it.
         return Minute(self.vesk.descriptor_count(), expected, resident_kib(self.vesk.pid),
                       *outcomes, self._changes - changes, drops_on_this_host() - drops)
 
@@ -117,7 +117,8 @@ class Soak:
 
 
 def memory_trend_kib(minutes: Sequence[Minute]) -> float:
-    """How much more it was at the end than at the beginning; the first minute warms up."""
+    """The growth of the median from the first third of the minutes to the last third, without the
+    first minute, which is a warm-up."""
     figures = [minute.memory_kib for minute in minutes[1:]] or [minutes[0].memory_kib]
     third = max(1, len(figures) // 3)
     return statistics.median(figures[-third:]) - statistics.median(figures[:third])

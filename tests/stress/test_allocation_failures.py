@@ -1,8 +1,8 @@
-"""Each allocation of the slow paths refused once: opening a flow's socket, and commands.
+"""Makes each allocation of the slow paths fail once: opening a flow's socket, and commands.
 
-Linux refuses memory to almost nobody; it ends processes instead. Where an allocation does fail, a
-datagram may be lost or the process may end, but nothing in between: it goes on and serves
-everybody, or it is gone at once, with its reason on standard error, and its port with it.
+Linux hardly ever refuses memory; it ends processes instead. If an allocation does fail, there are
+only two valid results: the process continues and serves every flow, possibly after the loss of a
+datagram, or it ends at once with the reason on standard error and releases its port.
 """
 
 from __future__ import annotations
@@ -26,12 +26,12 @@ from framework.vesk_process import VeskProcess
 from allocation_fault import AllocationFault
 from figures import record
 
-pytestmark = pytest.mark.skipif(SANITIZER != "", reason="sanitizers allocate for themselves")
+pytestmark = pytest.mark.skipif(SANITIZER != "", reason="sanitizers replace the allocator")
 
-# More than any of the paths makes.
+# More than the allocations of any path.
 MOST_ALLOCATIONS = 200
 ANY_THREAD = -1
-# The resolver says so in its own words: EAI_MEMORY.
+# The resolver has its own error for it: EAI_MEMORY.
 OUT_OF_MEMORY = re.compile(r".*(std::bad_alloc|getaddrinfo: \S+: err -10 ).*", re.DOTALL)
 
 
@@ -43,7 +43,7 @@ def fault(tmp_path: Path) -> Iterator[AllocationFault]:
 
 
 class Outcomes:
-    """What came of each allocation of a path."""
+    """The results of the failures in a path."""
 
     def __init__(self) -> None:
         self.survived: List[int] = []
@@ -51,12 +51,12 @@ class Outcomes:
 
 
 def has_ended(vesk: VeskProcess) -> bool:
-    """Whether it did, and if so as it should."""
+    """Whether the process has ended. If so, checks how."""
     try:
         vesk.settle()
         return False
     except (AssertionError, BrokenPipeError):
-        wait_until(lambda: not vesk.running(), "it ends, since it does not answer")
+        wait_until(lambda: not vesk.running(), "the process ends, since it does not answer")
     vesk.wait_exit(-6, errors=OUT_OF_MEMORY, core_allowed=True)
     return True
 
@@ -64,7 +64,7 @@ def has_ended(vesk: VeskProcess) -> bool:
 def refuse_each(start_vesk: StartVesk, fault: AllocationFault, new_end: Callable[..., UdpEnd],
                 thread_of: Callable[[VeskProcess], int],
                 act: Callable[[Bench], None]) -> Outcomes:
-    """`act` walks the path; it returns when the forwarder is through with it."""
+    """`act` runs the path and returns when the forwarder has completed it."""
     outcomes = Outcomes()
     for number in range(1, MOST_ALLOCATIONS):
         vesk = start_vesk(environment=fault.environment).ready()
@@ -72,7 +72,7 @@ def refuse_each(start_vesk: StartVesk, fault: AllocationFault, new_end: Callable
         flow = bench.flow(5, **four_keys())
         bench.declare(flow)
         warm_up(bench)
-        # Makes room for the longest line: without it, that failure would end the input instead.
+        # Allocates room for the longest line, since a failure of that would end the input.
         vesk.lines_after(" " * 4000)
         descriptors = vesk.descriptor_count()
         fault.strike(thread_of(vesk), number)
@@ -89,11 +89,11 @@ def refuse_each(start_vesk: StartVesk, fault: AllocationFault, new_end: Callable
         read_on(bench.peer)
         bench.exchange(flow)
         vesk.finish()
-    raise AssertionError("the path never ends")
+    raise AssertionError("the path has too many allocations")
 
 
 def warm_up(bench: Bench) -> None:
-    """Threads and libraries have made what they make once in their lives."""
+    """Lets threads and libraries make the allocations that they make only once."""
     keyed = bench.flow(9, **four_keys())
     bench.declare(keyed)
     for _ in range(4):
@@ -107,13 +107,13 @@ def read_on(end: UdpEnd) -> None:
 
 
 def waiting_in(vesk: VeskProcess, call: str) -> int:
-    """A thread that waits in this call, once there is one."""
+    """Waits for a thread in this call and returns it."""
     wait_until(lambda: bool(vesk.threads_in(call)), f"a thread waits in {call}")
     return vesk.threads_in(call)[0]
 
 
 def wait_for(bench: Bench, end: UdpEnd, payload: bytes) -> None:
-    """Reads on until this arrives, or the forwarder has ended."""
+    """Reads until this payload arrives or the forwarder has ended."""
     def has_come() -> bool:
         arrived = end.waiting()
         return arrived is not None and arrived.data.endswith(payload)
@@ -121,14 +121,14 @@ def wait_for(bench: Bench, end: UdpEnd, payload: bytes) -> None:
 
 
 def opening(bench: Bench) -> None:
-    """The flow's datagram may be lost; the control flow's comes through."""
+    """The flow's datagram may be lost, but the control flow's must arrive."""
     bench.send(bench.flow(5, **four_keys()).request(b"x"))
     bench.send(bench.control.request(b"control"))
     wait_for(bench, bench.upstream, b"control")
 
 
 def exchanging(bench: Bench) -> None:
-    """A question and its answer; either may be lost, the control flow's come through."""
+    """A question and its answer. Either may be lost, but the control flow's must arrive."""
     flow = bench.flow(5, **four_keys())
     bench.send(flow.request(b"question"))
     bench.send(bench.control.request(b"control"))
@@ -136,7 +136,7 @@ def exchanging(bench: Bench) -> None:
         if arrived.data.endswith(b"control"):
             bench.upstream.send(bench.control.reply(b"control"), arrived.sender)
             wait_for(bench, bench.peer, b"control")
-            # Another worker may still be at the flow's answer, or about to end the process.
+            # Another worker may still handle the flow's answer or be about to end the process.
             wait_until(lambda: not bench.vesk.running() or workers_wait(bench.vesk),
                        "the workers wait again, or the process has ended")
             return
@@ -149,7 +149,7 @@ def workers_wait(vesk: VeskProcess) -> bool:
 
 
 def next_of(bench: Bench) -> Optional[Received]:
-    """What arrives next at the service; none where the forwarder has ended."""
+    """The next datagram at the service, or None if the forwarder has ended."""
     found: List[Received] = []
 
     def look() -> bool:
@@ -170,9 +170,9 @@ def changing(bench: Bench) -> None:
 
 
 def carry_out(vesk: VeskProcess, command: str) -> None:
-    """Without a question of our own behind it, which would fail as well."""
+    """Does not use a further command to wait, since that would fail too."""
     vesk.command(command)
-    wait_until(lambda: not vesk.running() or has_read_everything(vesk), "the command is through")
+    wait_until(lambda: not vesk.running() or has_read_everything(vesk), "the command has been executed")
 
 
 def has_read_everything(vesk: VeskProcess) -> bool:
@@ -192,11 +192,10 @@ def has_read_everything(vesk: VeskProcess) -> bool:
     (lambda vesk: vesk.pid, changing),
 ], ids=["opening a socket", "a flow's first exchange", "set of a new label",
         "set of a known label"])
-def test_each_allocation_refused_once(start_vesk: StartVesk, fault: AllocationFault,
-                                      new_end: Callable[..., UdpEnd],
-                                      thread_of: Callable[[VeskProcess], int],
-                                      act: Callable[[Bench], None]) -> None:
+def test_each_failed_allocation_is_survived_or_ends_the_process(
+        start_vesk: StartVesk, fault: AllocationFault, new_end: Callable[..., UdpEnd],
+        thread_of: Callable[[VeskProcess], int], act: Callable[[Bench], None]) -> None:
     outcomes = refuse_each(start_vesk, fault, new_end, thread_of, act)
-    assert outcomes.survived or outcomes.ended, "the path allocates nothing"
+    assert outcomes.survived or outcomes.ended, "the path has no allocation"
     record(f"allocations, {act.__name__}: {len(outcomes.survived)} survived, "
            f"{len(outcomes.ended)} ended the process at once")

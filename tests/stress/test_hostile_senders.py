@@ -1,4 +1,4 @@
-"""Senders that cannot be answered."""
+"""Senders to which no reply can be sent."""
 
 from __future__ import annotations
 
@@ -10,9 +10,9 @@ from framework.flow import four_keys
 from hostile_kinds import PortZeroSender, raw_sockets_allowed
 
 
-def test_a_sender_with_port_0(bench: Bench) -> None:
-    """Its datagram counts, being rightly signed. The answer to it cannot be sent, and costs the
-    flow its socket; the next sender gets another one."""
+def test_a_sender_with_port_0_costs_only_the_socket_of_its_flow(bench: Bench) -> None:
+    """Its datagram is accepted, because it is signed correctly. The reply cannot be sent, so the
+    flow loses its socket; the next sender opens another one."""
     if not raw_sockets_allowed():
         pytest.skip("raw sockets are not allowed here")
     flow = bench.flow(5, **four_keys())

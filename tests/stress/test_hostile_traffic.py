@@ -1,6 +1,6 @@
-"""What nobody should send, mixed with what everybody sends: it costs time and nothing else.
+"""Hostile datagrams mixed with valid traffic cost time and nothing else.
 
-VESK_HOSTILE_DATAGRAMS says how many hostile datagrams each framing gets.
+VESK_HOSTILE_DATAGRAMS is the number of hostile datagrams for each framing.
 """
 
 from __future__ import annotations
@@ -28,7 +28,7 @@ from resources import drops_on_port, resident_kib
 DATAGRAMS = count_from_environment("VESK_HOSTILE_DATAGRAMS", 20_000)
 GOOD_FLOWS = 50
 INSTANCES = 3
-# As much as the forwarder's receive buffer is sure to hold, with what the kernel adds to each.
+# The amount that always fits into the forwarder's receive buffer, including the kernel's overhead.
 BURST_BYTES = 150_000
 KERNEL_BYTES = 1000
 MEMORY_GROWTH_KIB = 1024
@@ -37,7 +37,7 @@ Sending = Tuple[str, bytes, Callable[[bytes], object]]
 
 
 class HostileBench:
-    """One of three joined instances, with honest flows, a victim and an attacker."""
+    """One of three joined instances, with valid flows, a victim and an attacker."""
 
     def __init__(self, start_vesk: StartVesk, framing: Framing, ends: ExitStack) -> None:
         self.framing = framing
@@ -66,7 +66,7 @@ class HostileBench:
                     **four_keys())
 
     def _declare_own_flows(self) -> None:
-        """The victim's service never answers: a replay must not earn the attacker anything."""
+        """The victim's service never answers, so that the attacker gets nothing for a replay."""
         by_up_label: Dict[int, Flow] = {}
         service = self._keep.enter_context(UpstreamService(
             lambda data: by_up_label[self.framing.parse(data).label].echo(data)))
@@ -83,7 +83,7 @@ class HostileBench:
         return self.sink.receive().sender
 
     def sendings(self) -> List[Sending]:
-        """Every kind the same number of times over, with the way to send it."""
+        """Every kind the same number of times, with the function that sends it."""
         foreign = owned_label(1, 1, INSTANCES)
         self.peer.send(self.framing.build(foreign, b"x"), self.listener)
         seen = parse_lateral(self.neighbour.receive().data)
@@ -111,14 +111,14 @@ class HostileBench:
         return ways
 
     def keep_up(self) -> None:
-        """Waits until the forwarder is through with all that was sent: each socket is read in
-        order, and an honest question comes last on each."""
-        wait_until(self._questions_are_answered, "honest questions are answered", 20)
+        """Waits until the forwarder has handled all datagrams: each socket is read in order, and
+        a valid question is sent last to each."""
+        wait_until(self._questions_are_answered, "valid questions are answered", 20)
         while self.sink.waiting() is not None:
             pass
 
     def _questions_are_answered(self) -> bool:
-        """False where the kernel had no room for one of them."""
+        """False if the kernel had no room for one of them."""
         self.questions += 1
         payload = f"question {self.questions}".encode()
         self.peer.send(self.direct.request(payload), self.listener)
@@ -132,7 +132,7 @@ class HostileBench:
         return bool(answer and returned)
 
     def burst(self, sendings: List[Sending], choose: random.Random) -> int:
-        """A handful of random ones, no more than the receive buffers hold."""
+        """A few random ones, no more than fit into the receive buffers."""
         room, count = BURST_BYTES, 0
         while room > 0 and count < 64:
             way, data, send = choose.choice(sendings)
@@ -145,7 +145,7 @@ class HostileBench:
 
 
 def last_of(end: UdpEnd, ending: bytes) -> bytes:
-    """Reads on until something ends like this; nothing where it does not come."""
+    """Reads until a datagram ends like this; None if none arrives in time."""
     end.socket.settimeout(scaled(1))
     while True:
         try:
@@ -158,7 +158,7 @@ def last_of(end: UdpEnd, ending: bytes) -> bytes:
 
 def attack(bench: HostileBench, sendings: List[Sending], count: int, rate: float,
            seconds: float) -> Tuple[int, List[Outcome]]:
-    """At least `count` hostile datagrams, all of them while honest traffic goes on."""
+    """Sends at least `count` hostile datagrams, all of them during valid traffic."""
     choose = random.Random(2)
     sent = 0
     outcomes = []
@@ -186,20 +186,21 @@ def replies_accounted_for(seen: Report) -> bool:
 
 
 def half_load(bench: HostileBench) -> float:
-    """Half of what passes the forwarder when nothing but honest traffic is on its way."""
+    """Half of the rate that the forwarder reaches with valid traffic alone."""
     with bench.good.round(seconds=1.0) as alone:
         return alone.outcome().request_rate / 2
 
 
 @pytest.mark.limit_seconds(120 + DATAGRAMS // 500)
 @pytest.mark.parametrize("framing", [UDPV1, UDPV2], ids=lambda framing: framing.name)
-def test_hostile_datagrams_do_no_harm(start_vesk: StartVesk, framing: Framing) -> None:
+def test_hostile_datagrams_do_not_affect_valid_traffic(start_vesk: StartVesk,
+                                                       framing: Framing) -> None:
     with ExitStack() as ends:
         bench = HostileBench(start_vesk, framing, ends)
         vesk, sendings = bench.vesk, bench.sendings()
         rate = half_load(bench)
         seconds = 3.0 if DATAGRAMS < 100_000 else 10.0
-        # Every honest flow has its socket now; the first attack may warm up memory, and no more.
+        # Every valid flow now has its socket; only the first attack may increase the memory.
         bench.keep_up()
         descriptors, endpoints = vesk.descriptor_count(), report(vesk).totals["EptNr"]
         attack(bench, sendings, min(DATAGRAMS, 20_000) // 4, rate, seconds)
@@ -217,7 +218,7 @@ def test_hostile_datagrams_do_no_harm(start_vesk: StartVesk, framing: Framing) -
         seen = wait_for_report(vesk, lambda now: all_accounted_for(now)
                                and replies_accounted_for(now))
         assert seen.totals["EptNr"] == endpoints == len(seen.upstream)
-        # Everything that the neighbour sent; the first question came over the same socket.
+        # All datagrams of the neighbour, whose first question used the same socket.
         assert seen.lateral["RxDg"] + lateral_drops == bench.sent[LATERAL] + bench.questions
         wait_until(lambda: SANITIZER or resident_kib(vesk.pid) - memory <= MEMORY_GROWTH_KIB,
                    f"memory is back at {memory} KiB")

@@ -1,4 +1,4 @@
-"""The way to a service or to a peer disappears for a while and comes back."""
+"""The route to a service or to a peer is removed for a while and restored."""
 
 from __future__ import annotations
 
@@ -16,7 +16,7 @@ from framework.udp import UdpEnd
 from network import PEERS, Namespace, Network, ipv4, refusal
 
 SUBNET = "10.77.0.0/24"
-# What takes the route away, what gives it back, and what the forwarder says of each datagram.
+# The commands that remove and restore the route, and what the forwarder logs for each datagram.
 LOSSES: List[Tuple[List[str], List[str], str]] = [
     (["route", "del", SUBNET], ["route", "add", SUBNET, "dev", "eth0"],
      "error {} network error on upstream endpoint of label 0x5/5, errno 101 "
@@ -31,7 +31,7 @@ IDS = ["route deleted", "route unreachable", "link down"]
 
 
 class Host:
-    """A forwarder on a host of its own, with ends on that host and others across a wire."""
+    """A forwarder on its own host, with ends on that host and others over a link."""
 
     def __init__(self, start_vesk: StartVesk, network: Network, keep: ExitStack) -> None:
         self._keep = keep
@@ -60,8 +60,9 @@ def no_harm_to_others(host: Host) -> None:
 
 
 @pytest.mark.parametrize("away, back, complaint", LOSSES, ids=IDS)
-def test_the_way_to_the_service(host: Host, away: List[str], back: List[str],
-                                complaint: str) -> None:
+def test_a_flow_works_again_when_the_route_to_the_service_is_restored(host: Host, away: List[str],
+                                                                      back: List[str],
+                                                                      complaint: str) -> None:
     bench = host.bench
     flow = bench.flow(5, upstream=host.far.address, **four_keys())
     bench.declare(flow)
@@ -80,7 +81,7 @@ def test_the_way_to_the_service(host: Host, away: List[str], back: List[str],
 
 
 def wait_until_it_carries(send: Callable[[], object], end: UdpEnd) -> None:
-    """A link that has just come up may lose what is sent over it at once."""
+    """Repeats the datagram, since a link that has just come up may lose it."""
     def arrives() -> bool:
         send()
         return end.waiting() is not None
@@ -98,8 +99,9 @@ def exchange_with(service: UdpEnd, bench: Bench) -> Callable[[Flow], None]:
 
 
 @pytest.mark.parametrize("away, back, complaint", LOSSES, ids=IDS)
-def test_the_way_to_the_peer(host: Host, away: List[str], back: List[str],
-                             complaint: str) -> None:
+def test_a_flow_works_again_when_the_route_to_the_peer_is_restored(host: Host, away: List[str],
+                                                                   back: List[str],
+                                                                   complaint: str) -> None:
     bench = host.bench
     flow = bench.flow(5, **four_keys())
     bench.declare(flow)

@@ -1,8 +1,8 @@
-"""A thousand flows, each watched for a reply that never comes.
+"""No reply to any of a thousand flows is left unread.
 
-Replies arrive in every way that touches the arming of a socket: alone, behind a datagram that
-brings nothing, in a row, after a pause, and while other flows' sockets come and go and their
-numbers are used again. VESK_ARMING_SECONDS says for how long.
+Replies arrive in every way that affects the arming of a socket: alone, after an empty datagram, in a
+burst, after a pause, and while other flows' sockets are opened and closed and their numbers are
+reused. VESK_ARMING_SECONDS is the duration.
 """
 
 from __future__ import annotations
@@ -30,7 +30,7 @@ PATIENCE_SECONDS = 1.0
 
 
 class Watch:
-    """Asks the flows by turns and waits for the answer of each."""
+    """Asks the flows in turn and waits for the answer of each."""
 
     def __init__(self, bench: Bench) -> None:
         self.bench = bench
@@ -50,7 +50,7 @@ class Watch:
     def close(self) -> None:
         self._somebody.close()
 
-    # The ways to answer ---------------------------------------------------------------------
+    # Ways to answer -------------------------------------------------------------------------
 
     def _alone(self, flow: Flow, to: Address, payload: bytes) -> None:
         self.bench.upstream.send(flow.reply(payload), to)
@@ -78,17 +78,17 @@ class Watch:
     # Asking ---------------------------------------------------------------------------------
 
     def turn(self, flows: List[Flow]) -> None:
-        """One question to each of these flows and all of their answers."""
+        """Sends one question on each of these flows and waits for all answers."""
         self.questions += 1
         payload = f"question {self.questions}".encode()
         sockets = self._ask(flows, payload)
         missing = self._await(set(sockets), payload, PATIENCE_SECONDS)
-        # A lost datagram is the kernel's affair; a socket that gets the next one is armed.
+        # The kernel may drop a datagram; a socket on which the next one is read is armed.
         for label in missing:
             self.repeated += 1
             self._alone(self.flows[label - 1], sockets[label], payload)
         dead = self._await(missing, payload, 10)
-        assert not dead, f"flows {sorted(dead)} are never answered again"
+        assert not dead, f"flows {sorted(dead)} get no more answers"
 
     def _ask(self, flows: List[Flow], payload: bytes) -> Dict[int, Address]:
         """Sends the questions and the answers; returns the flows' sockets."""
@@ -116,7 +116,7 @@ class Watch:
                 self._random.choice(self._answers)(flow, sender[:2], payload)
 
     def _await(self, wanted: Set[int], payload: bytes, seconds: float) -> Set[int]:
-        """The flows whose answer does not come in this time."""
+        """The flows whose answers do not arrive in this time."""
         missing = set(wanted)
         deadline = time.monotonic() + scaled(seconds)
         while missing and time.monotonic() < deadline:
@@ -132,7 +132,7 @@ class Watch:
 
 
 class Changes:
-    """Other flows' sockets are opened and closed all the while, so that numbers are reused."""
+    """Opens and closes sockets of other flows meanwhile, so that numbers are reused."""
 
     def __init__(self, watch: Watch) -> None:
         self._watch = watch
@@ -161,13 +161,13 @@ class Changes:
 
 
 @pytest.mark.limit_seconds(90 + 3 * SECONDS)
-def test_every_flow_is_answered_as_long_as_it_lives(bench: Bench) -> None:
+def test_every_flow_is_answered_until_it_is_removed(bench: Bench) -> None:
     watch = Watch(bench)
     changes = Changes(watch)
     began = time.monotonic()
     rounds = 0
     try:
-        # Every flow gets its turns, however short the time.
+        # Every flow is asked several times, however short the time is.
         while rounds < 2 or time.monotonic() - began < SECONDS:
             for first in range(0, FLOWS, FLOWS_AT_A_TIME):
                 watch.turn(watch.flows[first:first + FLOWS_AT_A_TIME])

@@ -1,8 +1,9 @@
-"""Everything changes at once: flows are declared and deleted, expire, come directly and over the
-lateral stream, are answered on several sockets, and the listener comes and goes.
+"""Everything changes at once: flows are declared and deleted and expire, their datagrams arrive
+directly and over the lateral stream and are answered on several sockets, and the listener is stopped
+and started.
 
-What arrives has to be rightly signed and at the right place all the same.
-VESK_CHURN_SECONDS says for how long.
+Every datagram that arrives must be signed correctly and reach the correct end.
+VESK_CHURN_SECONDS is the duration.
 """
 
 from __future__ import annotations
@@ -34,7 +35,7 @@ DIRECT, LATERAL = 1, 2
 
 
 class Peer:
-    """Sends requests that name their sender, and checks every reply as it arrives."""
+    """Sends requests that contain their sender, and checks every reply on arrival."""
 
     def __init__(self, identity: int, flows: Dict[int, Flow], shared: Set[int]) -> None:
         self.identity = identity
@@ -53,13 +54,13 @@ class Peer:
         flow = self._flows[UDPV2.parse(data).label]
         identity, label = struct.unpack_from("!BI", flow.open_reply(data).payload)
         assert label == flow.label, f"a reply of flow {label:#x} came as one of {flow.label:#x}"
-        # On labels that both peers use replies follow whoever spoke last.
+        # On labels that both peers use, replies go to the peer that sent last.
         assert identity == self.identity or label in self._shared, \
             f"a reply to peer {identity} on flow {label:#x} came to peer {self.identity}"
 
 
 def free_ports(count: int) -> List[int]:
-    """Different ones."""
+    """Different free ports."""
     ports: Set[int] = set()
     while len(ports) < count:
         ports.add(free_port())
@@ -67,8 +68,8 @@ def free_ports(count: int) -> List[int]:
 
 
 def own_keys(label: int) -> Dict[str, Key]:
-    """Of one flow alone: a late reply may reach the port of a closed socket when another flow has it,
-    and must not pass for one of that flow."""
+    """Keys of one flow only. A late reply may reach the port of a closed socket when another flow
+    uses it, and must not be accepted as a reply of that flow."""
     return {name: Key(label.to_bytes(4, "big") + key.secret, key.algorithm)
             for name, key in four_keys().items()}
 
@@ -78,7 +79,7 @@ def payload_of(identity: int, flow: Flow) -> bytes:
 
 
 class Churn:
-    """Two joined instances. The first owns all flows and takes all commands."""
+    """Two joined instances. The first owns all flows and gets all commands."""
 
     def __init__(self, start_vesk: StartVesk, keep: ExitStack) -> None:
         self.instances = [start_vesk("udpv2", EXPIRY_SECONDS).ready() for _ in range(2)]
@@ -134,9 +135,9 @@ class Churn:
         for identity, own in ((DIRECT, self.direct), (LATERAL, self.lateral)):
             self._flood(floods, identity, [*own, *self.shared], pause)
         self._flood(floods, DIRECT, [*self.multiplexed, *self.bound], pause)
-        # Longer than two passes of the clean-up: every one of them finds the sockets gone.
+        # Longer than two passes of the clean-up, so each round starts without sockets.
         self._flood(floods, DIRECT, self.expiring, 2.5)
-        # Which of the sockets gets a reply the kernel decides, by its sender.
+        # The kernel selects the socket for a reply by its sender.
         for _ in range(4):
             end = floods.enter_context(UdpEnd())
             replies = [(flow.reply(payload_of(DIRECT, flow)), self.reply_port)
@@ -144,7 +145,7 @@ class Churn:
             floods.enter_context(Flood(end, replies, pause_seconds=pause / 5))
 
     def change(self, count: int) -> None:
-        """Half of the commands delete, the other half declare again."""
+        """Half of the commands delete flows, the other half declare them again."""
         for _ in range(count // 2):
             flow = self.changing[self.commands // 2 % len(self.changing)]
             self.owner.command(f"del label {flow.label}")
@@ -170,7 +171,7 @@ class Churn:
 
 
 def keep_changing(churn: Churn, seconds: float) -> float:
-    """Commands at their pace for so long; returns how long it took."""
+    """Sends commands at their rate for this time and returns how long it took."""
     pace = threading.Event()
     began = time.monotonic()
     ticks = 0
@@ -192,7 +193,7 @@ def complaints(vesk: VeskProcess) -> List[str]:
 
 
 @pytest.mark.limit_seconds(90 + 2 * SECONDS)
-def test_everything_changes_at_once(start_vesk: StartVesk) -> None:
+def test_replies_are_correct_while_everything_changes_at_once(start_vesk: StartVesk) -> None:
     with ExitStack() as keep:
         churn = Churn(start_vesk, keep)
         with ExitStack() as floods:

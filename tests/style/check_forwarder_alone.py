@@ -1,5 +1,5 @@
-"""Fails where the forwarder by itself needs more than a compiler, CMake and libcrypto: configures it with
-everything else switched off and every other package hidden, and looks at what the program links.
+"""Fails if the forwarder alone needs more than a compiler, CMake and libcrypto: configures it with
+everything else disabled and every other package hidden, and checks which libraries it links.
 
 Usage: check_forwarder_alone.py ROOT CMAKE
 """
@@ -19,7 +19,7 @@ _LINKS = re.compile(r"^build vesk: CXX_EXECUTABLE_LINKER.*?LINK_LIBRARIES = ([^\
 
 
 def other_packages(root: Path) -> "set[str]":
-    """Every package that any part of the project looks for."""
+    """Every package that any part of the project searches for."""
     found = set()
     for folder in ("cmake", "src", "tools", "bench", "controller", "man", "packaging", "tests"):
         for path in [*(root / folder).rglob("CMakeLists.txt"), *(root / folder).rglob("*.cmake")]:
@@ -31,7 +31,7 @@ def main() -> int:
     root, cmake = Path(sys.argv[1]), sys.argv[2]
     with tempfile.TemporaryDirectory(prefix="vesk-alone-") as tree:
         settings = [f"-DVESK_BUILD_{name}=OFF" for name in OPTIONS]
-        # Not disabled as the others are: the search for libcrypto calls it, found or not.
+        # Not disabled like the others, because the search for libcrypto always calls it.
         settings.append("-DPKG_CONFIG_EXECUTABLE=/nonexistent/pkg-config")
         settings += [f"-DCMAKE_DISABLE_FIND_PACKAGE_{name}=TRUE" for name in sorted(other_packages(root))]
         done = subprocess.run([cmake, "-S", str(root), "-B", tree, "-G", "Ninja", "-DVESK_HARDENING=ON",

@@ -1,6 +1,5 @@
-"""Fails where a header does not compile on its own. A header with a source file of the same name is
-compiled by the build, on its own as long as that file includes it before anything else; the others are
-compiled here.
+"""Fails if a header does not compile on its own. The build checks a header with a source file of the
+same name if that file includes the header first; the other headers are compiled here.
 
 Usage: check_headers.py ROOT COMPILER
 """

@@ -1,6 +1,6 @@
-"""Fails where a file includes, imports or loads what cmake/dependencies.ini does not allow its unit,
-where that table allows a pair that no file needs, and where a header includes the context, which would
-let every thread's state into every file.
+"""Fails if a file includes, imports or loads a file that cmake/dependencies.ini does not allow for its
+unit, if that table allows a pair that no file needs, or if a header includes the context, which would
+make the state of every thread visible in every file.
 
 Usage: check_includes.py ROOT
 """

@@ -1,5 +1,5 @@
-"""Fails on a link of a Markdown page that leads nowhere: the file or the heading is missing. Also on an
-installed page (/usr/share/doc/vesk/NAME.md) that a manual page, a unit or a rule names and docs/ lacks.
+"""Fails on a link in a Markdown page whose file or heading is missing, and on an installed page
+(/usr/share/doc/vesk/NAME.md) that a manual page, a unit or a rule names but docs/ lacks.
 
 Usage: check_links.py ROOT-DIRECTORY
 """
@@ -16,14 +16,14 @@ INSTALLED = re.compile(r"/usr/share/doc/vesk/([\w-]+\.md)")
 
 
 def pages(root: Path) -> list[Path]:
-    """Every page of the tree, those of build trees and hidden folders left out."""
+    """Every page of the tree, except those in build trees and hidden folders."""
     return [path for path in sorted(root.rglob("*.md"))
             if not any(part == "build" or part.startswith(".")
                        for part in path.relative_to(root).parts)]
 
 
 def anchor(heading: str) -> str:
-    """The name that the usual renderers give a heading."""
+    """The anchor that common renderers give a heading."""
     kept = re.sub(r"[^\w\- ]", "", heading.lower())
     return kept.replace(" ", "-")
 

@@ -1,8 +1,8 @@
-"""Fails where a file of the product is too long to be read in one go.
+"""Fails if a file of the product is too long to read in one sitting.
 
 Usage: check_sizes.py ROOT FOLDER...
 
-The length of functions is clang-tidy's (readability-function-size).
+clang-tidy checks the length of functions (readability-function-size).
 """
 
 from __future__ import annotations

@@ -1,4 +1,4 @@
-"""Fails where clang's thread-safety analysis finds guarded data used without its lock.
+"""Fails if clang's thread-safety analysis finds guarded data that is used without its lock.
 
 Usage: check_thread_safety.py ROOT BUILD-TREE
 """

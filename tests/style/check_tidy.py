@@ -1,4 +1,4 @@
-"""Fails where clang-tidy has anything to say about a folder of sources or the headers they include.
+"""Fails if clang-tidy reports anything for a folder of sources or the headers they include.
 
 Usage: check_tidy.py ROOT BUILD-TREE FOLDER
 """
@@ -16,8 +16,8 @@ def main() -> int:
     root, tree = Path(sys.argv[1]).resolve(), Path(sys.argv[2]).resolve()
 
     def check(path: Path, flags: Flags) -> str:
-        # The compiler's own flags that clang does not know would be its only complaint.
-        # "all": a function is analysed for every argument, even if others of its file call it.
+        # Without this clang would report flags of the compiler that it does not know.
+        # "all": a function is analysed for every argument, even if its file contains calls to it.
         done = subprocess.run(
             ["clang-tidy", "--quiet", f"--config-file={root / '.clang-tidy'}", str(path), "--", *flags,
              "-Wno-unknown-warning-option", "-Xclang", "-analyzer-inlining-mode=all"],

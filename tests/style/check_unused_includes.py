@@ -1,5 +1,5 @@
-"""Fails where a C++ file includes a header and uses no name of it: for headers of this project the names
-that the header declares, for all others those of tests/style/header_names.txt.
+"""Fails if a C++ file includes a header and uses none of its names: for headers of this project the
+names that the header declares, for all others those in tests/style/header_names.txt.
 
 Usage: check_unused_includes.py ROOT
 """
@@ -18,7 +18,7 @@ from source_files import Uses, is_cpp, source_files
 NAMES = "header_names.txt"
 
 _INCLUDE = re.compile(r'^\s*#\s*include\s+<([^>]+)>', re.MULTILINE)
-# Comments, and what stands between quotes, which is no name.
+# Comments and quoted text, which contain no names.
 _NO_CODE = re.compile(r'//[^\n]*|/\*.*?\*/|R"\((?:.*?)\)"|"(?:\\.|[^"\\\n])*"|\'(?:\\.|[^\'\\\n])+\'', re.DOTALL)
 _SEPARATOR = re.compile(r"(?<=\d)'(?=\d)")
 _DIRECTIVE = re.compile(r'^[ \t]*#[^\n]*(?:\\\n[^\n]*)*', re.MULTILINE)
@@ -26,10 +26,10 @@ _MACRO = re.compile(r'^[ \t]*#[ \t]*define[ \t]+(\w+)', re.MULTILINE)
 _TOKEN = re.compile(r'[A-Za-z_]\w*|[^\s\w]')
 _WORD = re.compile(r'[A-Za-z_]\w*')
 _MEMBER = re.compile(r'(?:\.|->)\s*([A-Za-z_]\w*)')
-# Names of members that half of all classes have: using one says nothing of a header.
+# Names of members that many classes have, so that their use does not prove the use of a header.
 _COMMON_MEMBERS = {"add", "begin", "bytes", "clear", "count", "data", "empty", "end", "find", "get", "length",
                    "name", "release", "reset", "size", "start", "stop", "text", "value"}
-# What stands where a name may, and is none; and the one name that every header opens.
+# Words in the place of a name that are not names, and the namespace that every header opens.
 _NO_NAMES = {"bool", "char", "const", "default", "delete", "double", "final", "int", "long", "noexcept", "operator",
              "override", "return", "short", "unsigned", "vesk", "void"}
 _FORWARD = re.compile(r'\b(?:class|struct|enum(?: class)?)\s+\w+\s*;')
@@ -37,7 +37,7 @@ _FORWARD = re.compile(r'\b(?:class|struct|enum(?: class)?)\s+\w+\s*;')
 
 @dataclass(frozen=True)
 class Declared:
-    """What a header declares: in namespaces and as macros, and in classes."""
+    """The names that a header declares: in namespaces and as macros, and in classes."""
 
     names: FrozenSet[str]
     members: FrozenSet[str]
@@ -57,8 +57,8 @@ def declared_in(text: str) -> Declared:
 
 
 def _declarations(code: str) -> Iterator[Tuple[str, bool]]:
-    """Each name before what may follow one that is declared, outside of function bodies and parentheses,
-    and whether it stands in a class."""
+    """Each name that is followed by what may follow a declared name, outside of function bodies and
+    parentheses, and whether it is in a class."""
     blocks: List[str] = []
     head: List[str] = []
     parentheses = 0

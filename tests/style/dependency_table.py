@@ -1,4 +1,4 @@
-"""The units of the source tree and which of them may include which: cmake/dependencies.ini."""
+"""Reads cmake/dependencies.ini: the units of the source tree and their allowed includes."""
 
 from __future__ import annotations
 
@@ -15,7 +15,7 @@ WHOLE_TREE = "/**"
 class Unit:
     name: str
     folder: str
-    # Whether the unit takes in subfolders that are no unit of their own.
+    # Whether the unit includes subfolders that are not units themselves.
     whole_tree: bool
     uses: List[str]
     holds: str
@@ -33,12 +33,12 @@ class Table:
         self._of_folder = {unit.folder: unit for unit in self.units.values()}
 
     def faults(self, root: Path) -> List[str]:
-        """Entries that are wrong by themselves."""
+        """Entries that are invalid regardless of the source files."""
         found, above = [], set(self.units)
         for name, unit in self.units.items():
             found += [f"{TABLE}: {name} uses {used}, which is not above it in the file"
                       for used in unit.uses if used in above]
-            found += [f"{TABLE}: {name} uses {used}, which is no unit"
+            found += [f"{TABLE}: {name} uses {used}, which is not a unit"
                       for used in unit.uses if used not in self.units]
             if not (root / unit.folder).is_dir():
                 found.append(f"{TABLE}: {name} has no folder {unit.folder}")

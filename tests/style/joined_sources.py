@@ -1,7 +1,7 @@
-"""Source files joined to a few translation units: for checks that take longer over the headers than over
+"""Joins source files to a few translation units, for checks that spend more time on the headers than on
 the files themselves. Used by check_tidy.py and check_thread_safety.py.
 
-The text of the files is joined, not included, so that each of them is checked as a main file.
+The text of the files is joined, not included, so that each file is checked as a main file.
 """
 
 from __future__ import annotations
@@ -16,11 +16,11 @@ from collections import defaultdict
 from pathlib import Path
 from typing import Callable, Dict, List, Tuple
 
-# Larger ones save little more, and a check of one uses one processor.
+# Larger units save little more time, and the check of one unit uses one processor only.
 FILES_IN_ONE = 24
 
 Flags = Tuple[str, ...]
-# Takes a source file and its compiler flags; returns what it found, empty where it found nothing.
+# Takes a source file and its compiler flags; returns the findings, or an empty text.
 Check = Callable[[Path, Flags], str]
 
 
@@ -34,7 +34,7 @@ def flags_of(command: Dict[str, str]) -> Flags:
 
 
 def groups_of(root: Path, tree: Path, folder: str) -> List[Tuple[List[Path], Flags]]:
-    """Every source file of the folder, with those that are compiled with the same flags."""
+    """The source files of the folder, grouped by equal compiler flags."""
     commands = json.loads((tree / "compile_commands.json").read_text(encoding="utf-8"))
     flags = {Path(command["file"]): flags_of(command) for command in commands}
     groups: Dict[Flags, List[Path]] = defaultdict(list)
@@ -47,14 +47,14 @@ def groups_of(root: Path, tree: Path, folder: str) -> List[Tuple[List[Path], Fla
 
 
 def compile_errors(path: Path, flags: Flags, *more: str) -> str:
-    """What clang has to say about a file, empty if nothing."""
+    """The messages of clang for a file; empty if there are none."""
     done = subprocess.run(["clang++", *flags, "-fsyntax-only", "-Wno-unknown-warning-option", *more, str(path)],
                           stdout=subprocess.PIPE, stderr=subprocess.STDOUT, text=True, check=False)
     return done.stdout if done.returncode else ""
 
 
 def joined(files: List[Path], path: Path) -> List[Tuple[Path, int]]:
-    """Writes the files' text to the path. Returns file and line of each line of it."""
+    """Writes the joined text to the path. Returns the original file and line of each line."""
     origins = []
     with path.open("w", encoding="utf-8") as out:
         for file in files:
@@ -70,7 +70,8 @@ def check_group(files: List[Path], flags: Flags, check: Check, folder: Path) -> 
         return check(files[0], flags)
     path = folder / "joined.cpp"
     origins = joined(files, path)
-    # Files that cannot be compiled as one, since they use a name twice, are checked in smaller groups.
+    # Files that cannot be compiled together because they use a name twice are checked in smaller
+    # groups.
     if compile_errors(path, flags, "-w"):
         half = len(files) // 2
         return (check_group(files[:half], flags, check, folder)
@@ -84,7 +85,7 @@ def check_group(files: List[Path], flags: Flags, check: Check, folder: Path) -> 
 
 
 def check_folder(root: Path, tree: Path, folder: str, check: Check) -> int:
-    """Prints the findings in every source file of the folder. The exit status: 1 if there are any."""
+    """Prints the findings in every source file of the folder. Returns 1 if there are any, else 0."""
     findings = ""
     with tempfile.TemporaryDirectory() as temporary:
         for files, flags in groups_of(root, tree, folder):

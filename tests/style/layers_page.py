@@ -1,6 +1,7 @@
-"""The picture and the table of the units of src/ in docs/architecture.md, made of cmake/dependencies.ini.
+"""Makes the picture and the table of the units of src/ in docs/architecture.md from
+cmake/dependencies.ini.
 
-Usage: layers_page.py ROOT [--write]   (fails where the page is out of date, or writes it)
+Usage: layers_page.py ROOT [--write]   (fails if the page is out of date, or updates it)
 """
 
 from __future__ import annotations
@@ -17,7 +18,7 @@ END = "<!-- End of what layers_page.py writes. -->"
 
 
 def levels_of(table: Table) -> Dict[str, int]:
-    """How far up each unit stands: above all that it uses."""
+    """The layer of each unit: above all units that it uses."""
     levels: Dict[str, int] = {}
     for name, unit in table.units.items():
         levels[name] = 1 + max((levels[used] for used in unit.uses), default=0)
@@ -73,7 +74,7 @@ def main() -> int:
     before, begin, rest = text.partition(BEGIN)
     _, end, after = rest.partition(END)
     if not begin or not end:
-        print(f"{PAGE} lacks the lines between which the layers are shown")
+        print(f"{PAGE} lacks the marker lines around the layers")
         return 1
     current = before + section(root) + after
     if "--write" in sys.argv[2:]:
@@ -81,7 +82,7 @@ def main() -> int:
     elif current != text:
         print(f"{PAGE} is out of date: run tests/style/layers_page.py . --write")
         return 1
-    print(f"{PAGE} shows the layers as they are")
+    print(f"{PAGE} shows the current layers")
     return 0
 
 

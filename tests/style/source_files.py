@@ -1,4 +1,4 @@
-"""The source files of the repository, and what each of them includes, imports or loads of the others."""
+"""The source files of the repository, and the files that each of them includes, imports or loads."""
 
 from __future__ import annotations
 
@@ -9,7 +9,7 @@ from pathlib import Path, PurePosixPath
 from typing import Dict, Iterator, List, Optional
 
 FOLDERS = ("src", "controller", "tools", "bench", "dissector", "scripts", "tests")
-# Where the C++ files below a folder find headers, besides in their own folder.
+# Where the C++ files in a folder find headers, in addition to their own folder.
 HEADER_FOLDERS = {
     "src": ("src",),
     "controller": ("controller", "src"),
@@ -21,7 +21,7 @@ HEADER_FOLDERS = {
     "tests/model": ("tests/unit", "tests", "src"),
     "tests": ("controller", "src"),
 }
-# Where Python files find modules, besides in their own folder.
+# Where Python files find modules, in addition to their own folder.
 MODULE_FOLDERS = ("tests/functional", "tests/netns", "tests/controller/functional", "bench")
 
 _INCLUDE = re.compile(r'^\s*#\s*include\s+"([^"]+)"', re.MULTILINE)
@@ -29,7 +29,7 @@ _LUA_PART = re.compile(r'\b(?:part|dofile|require)\(?\s*"([^"]+)"')
 
 
 def source_files(root: Path) -> List[str]:
-    """C++, Lua and Python files by their paths from the root."""
+    """The C++, Lua and Python files by their paths from the root."""
     return sorted(path.relative_to(root).as_posix() for folder in FOLDERS
                   for path in _files_below(root / folder) if _kind(path))
 
@@ -53,15 +53,15 @@ def is_cpp(path: str) -> bool:
 
 
 class Uses:
-    """What one file needs of others."""
+    """The files that one file needs."""
 
     def __init__(self, root: Path, files: List[str]) -> None:
         self._root = root
         self._files = set(files)
 
     def of(self, path: str) -> Dict[str, Optional[str]]:
-        """Each name that the file gives, and the project's file that it means; none for a quoted
-        include or a part that does not exist. Modules of others are left out."""
+        """Each name in the file with the project's file to which it refers; None for a quoted include
+        or a part that does not exist. External modules are omitted."""
         text = (self._root / path).read_text(encoding="utf-8")
         if is_cpp(path):
             return {name: self._find(name, path, header_folders(path))

@@ -1,4 +1,4 @@
-"""The checks that look at joined files find what they would find in each file, and name its place."""
+"""The checks of joined files report the same findings as those of each file, with their places."""
 
 from __future__ import annotations
 
@@ -15,7 +15,7 @@ CHECKS = Path(__file__).resolve().parent
 QUIET = "int doubled(int number) { return number * 2; }\n"
 HEADER = "#pragma once\nint* const nothing = 0;\n"
 INCLUDING = '#include "part.h"\n\nint first() { return 1; }\n'
-# Found by the static analyzer, and only if the function is looked at with every argument.
+# Found by the static analyzer only if the function is analysed for every argument.
 DEREFERENCING = """namespace {
 int text(const int* pointer) {
     if (pointer == nullptr) {
@@ -44,7 +44,8 @@ def root(tmp_path: Path) -> Path:
     return tmp_path
 
 
-def check(root: Path, name: str, files: Dict[str, str], *arguments: str) -> "subprocess.CompletedProcess[str]":
+def check(root: Path, name: str, files: Dict[str, str],
+          *arguments: str) -> "subprocess.CompletedProcess[str]":
     for file, text in files.items():
         (root / "src" / file).write_text(text, encoding="utf-8")
     commands = [{"directory": str(root), "file": str(path),
@@ -76,14 +77,14 @@ def test_finding_in_a_source_file_has_its_place(root: Path) -> None:
     assert f"{root}/src/z.cpp:4:16: error: Dereference of null pointer" in done.stdout
 
 
-def test_files_that_cannot_be_joined_are_checked_all_the_same(root: Path) -> None:
+def test_files_that_cannot_be_joined_are_checked_separately(root: Path) -> None:
     done = tidy(root, {"y.cpp": SAME_NAME, "z.cpp": DEREFERENCING})
     assert done.returncode == 1
     assert f"{root}/src/z.cpp:4:16: error: Dereference of null pointer" in done.stdout
     assert "redefinition" not in done.stdout
 
 
-def test_file_that_is_not_compiled_is_named(root: Path) -> None:
+def test_file_that_is_not_compiled_is_reported(root: Path) -> None:
     tidy(root, {})
     (root / "src/new.cpp").write_text(QUIET, encoding="utf-8")
     done = subprocess.run([sys.executable, "-B", str(CHECKS / "check_tidy.py"), str(root), str(root), "src"],

@@ -1,4 +1,4 @@
-// Byte strings as unit tests and fuzz targets write them.
+// Helpers with which unit tests and fuzz targets write byte strings.
 #pragma once
 
 #include <cstdint>
@@ -12,7 +12,7 @@ namespace vesk {
 
 using Bytes = std::vector<std::uint8_t>;
 
-/// From pairs of hexadecimal digits; blanks between them are ignored.
+/// Bytes from pairs of hexadecimal digits; blanks between them are ignored.
 Bytes fromHex(std::string_view text);
 std::string toHex(std::span<const std::uint8_t> bytes);
 

@@ -39,7 +39,7 @@ std::size_t numberAt(View bytes, std::size_t offset, std::size_t width) {
 
 using MacContext = std::unique_ptr<EVP_MAC_CTX, decltype(&EVP_MAC_CTX_free)>;
 
-/// A new context each time: nothing of one datagram may reach the next.
+/// Uses a new context each time, so that no state passes from one datagram to the next.
 MacContext keyedContext(const TestKey& key) {
     static EVP_MAC* const hmac = EVP_MAC_fetch(nullptr, "HMAC", nullptr);
     MacContext context(EVP_MAC_CTX_new(hmac), &EVP_MAC_CTX_free);

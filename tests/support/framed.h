@@ -1,6 +1,7 @@
-// The wire formats once more, for unit tests and fuzz targets: framed datagrams and lateral headers
-// are built, read and signed without the product's code, with plain numbers for offsets and
-// libcrypto's newer HMAC interface, so that a mistake of the product cannot hide in its tests.
+// A second implementation of the wire formats for unit tests and fuzz targets. It builds, reads and
+// signs framed datagrams and lateral headers without the product's code, with plain numbers for
+// offsets and libcrypto's newer HMAC interface, so that a defect of the product is not repeated in
+// its tests.
 #pragma once
 
 #include <cstddef>
@@ -13,13 +14,13 @@
 
 namespace vesk {
 
-/// A key with the name of its digest, "sha1" or "sha256"; without bytes, no key.
+/// A key with the name of its digest, "sha1" or "sha256". Without bytes there is no key.
 struct TestKey {
     std::string digest = "sha1";
     Bytes bytes;
 };
 
-/// The digest of `data`, cut or padded with zeros to `length`; zeros without a key. Throws where
+/// The HMAC of `data`, truncated or padded with zeros to `length`; zeros without a key. Throws if
 /// libcrypto fails.
 Bytes hmacOf(const TestKey& key, std::span<const std::uint8_t> data, std::size_t length);
 
@@ -40,16 +41,16 @@ struct FramedHeader {
     std::size_t length;
 };
 
-/// Nothing where a datagram of this version has to be refused.
+/// Empty if a datagram of this version must be refused.
 std::optional<FramedHeader> readFramed(int version, std::span<const std::uint8_t> datagram);
 
 /// The datagram with another label; its HMAC is left unchanged.
 Bytes relabelled(int version, std::span<const std::uint8_t> datagram, std::uint32_t label);
 
-/// The datagram, which has to be an acceptable one, with the HMAC of this key.
+/// The datagram, which must be valid, with the HMAC of this key.
 Bytes signedWith(int version, std::span<const std::uint8_t> datagram, const TestKey& key);
 
-/// What an instance with this key puts in front of a datagram: type, length, address and HMAC.
+/// The header that an instance with this key prepends to a datagram: type, length, address, HMAC.
 Bytes lateralHeader(std::uint8_t type, std::span<const std::uint8_t> address, const TestKey& key);
 
 }  // namespace vesk

@@ -1,6 +1,6 @@
-// Counts what the process that this library is preloaded into allocates, apart for libcrypto, which
-// allocates when it resets an HMAC context. The counts stand in the file that
-// VESK_ALLOCATION_COUNTS names, as two native 64-bit numbers: libcrypto's, everybody else's.
+// Preloaded into a process, counts its allocations. Those by libcrypto, which allocates when it
+// resets an HMAC context, are counted separately. The file named by VESK_ALLOCATION_COUNTS holds
+// both counts as native 64-bit numbers: allocations by libcrypto, then all others.
 #include <fcntl.h>
 #include <link.h>
 #include <sys/mman.h>
@@ -13,7 +13,7 @@
 #include <cstdlib>
 #include <string_view>
 
-// The C library's own names for its allocator, for those who put another in front of it.
+// The C library's internal names of its allocator, for libraries that replace the public ones.
 // NOLINTBEGIN(bugprone-reserved-identifier,cert-dcl37-c,cert-dcl51-cpp,readability-identifier-naming)
 extern "C" {
 void* __libc_malloc(std::size_t size);
@@ -65,7 +65,7 @@ Counts* openCounts() {
     return memory == MAP_FAILED ? nullptr : static_cast<Counts*>(memory);
 }
 
-// Written once, before main. Allocations made until then are not counted.
+// Written once, before main. Earlier allocations are not counted.
 CodeRange libcrypto;
 Counts* counts = nullptr;
 

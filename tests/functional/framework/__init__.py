@@ -1,5 +1,5 @@
 """Everything a functional test needs to drive the forwarder from outside.
 
-Nothing in here shares code with the product: framing and HMAC are written a second
-time, in Python, so that a mistake in one of the two cannot hide in the other.
+The framework shares no code with the product. Framing and HMAC are implemented a second
+time in Python, so that a defect in the product is not repeated in its tests.
 """

@@ -1,4 +1,4 @@
-"""A forwarder that listens, with a peer on one side and an upstream end on the other."""
+"""A listening forwarder between a peer and an upstream end."""
 
 from __future__ import annotations
 
@@ -11,7 +11,7 @@ CONTROL_LABEL = 0xFEED
 
 
 class Bench:
-    """The short words of most tests: declare a flow, ask, answer, and prove a silence."""
+    """The steps of most tests: declare a flow, ask, answer, and prove that nothing was sent."""
 
     def __init__(self, vesk: VeskProcess, peer: UdpEnd, upstream: UdpEnd,
                  framing: Framing = UDPV2, listen: str = "127.0.0.1") -> None:
@@ -25,7 +25,7 @@ class Bench:
         self.declare(self.control)
 
     def flow(self, label: int = 5, **details) -> Flow:
-        """A flow to this bench's upstream end, in its framing; not yet declared."""
+        """A flow to this bench's upstream end in its framing. It is not declared yet."""
         details.setdefault("upstream", self.upstream.address)
         return Flow(label=label, framing=self.framing, **details)
 
@@ -38,7 +38,7 @@ class Bench:
         self.peer.send(datagram, self.to)
 
     def ask(self, flow: Flow, payload: bytes = b"question", extra: bytes = b"") -> Received:
-        """One datagram upstream, checked on arrival."""
+        """Sends one datagram upstream and checks it on arrival."""
         self.send(flow.request(payload, extra))
         arrived = self.upstream.receive()
         parsed = flow.open_request(arrived.data)
@@ -47,7 +47,7 @@ class Bench:
 
     def answer(self, flow: Flow, to: Address, payload: bytes = b"answer",
                extra: bytes = b"") -> Received:
-        """One datagram back, checked on arrival."""
+        """Sends one reply and checks it on arrival."""
         self.upstream.send(flow.reply(payload, extra), to)
         arrived = self.peer.receive()
         parsed = flow.open_reply(arrived.data)
@@ -55,17 +55,17 @@ class Bench:
         return arrived
 
     def exchange(self, flow: Flow) -> Address:
-        """A question and its answer; returns the address that upstream sees."""
+        """Sends a question and its answer. Returns the address that the upstream end sees."""
         sender = self.ask(flow).sender
         self.answer(flow, sender)
         return sender
 
     def nothing_went_upstream(self) -> None:
-        """Datagrams of one listener are handled in order: one that works comes last."""
+        """Sends a good datagram last: the datagrams of one listener are handled in order."""
         self.ask(self.control, b"control")
 
     def nothing_came_back(self, flow: Flow, to: Address) -> None:
-        """Replies on one upstream socket are handled in order: a good one comes last."""
+        """Sends a good reply last: the replies on one upstream socket are handled in order."""
         self._control_answers += 1
         payload = f"control answer {self._control_answers}".encode()
         self.answer(flow, to, payload)

@@ -1,4 +1,4 @@
-"""Makes system calls of a running forwarder fail, as a tired kernel would."""
+"""Makes system calls of a running forwarder fail."""
 
 from __future__ import annotations
 
@@ -19,8 +19,8 @@ from .timing import SANITIZER, scaled, wait_until
 from .vesk_process import VeskProcess, binary
 
 
-# The address sanitizer's runtime sets the core limit itself unless told not to. Its leak
-# check stops threads with the same system call that a tracer uses.
+# By default the runtime of the address sanitizer sets the core limit itself. Its leak check
+# stops threads with the same system call that a tracer uses.
 CORE_LIMIT_UNTOUCHED = {"ASAN_OPTIONS": "disable_coredump=0:detect_leaks=0",
                         "TSAN_OPTIONS": "disable_coredump=0"}
 
@@ -37,15 +37,15 @@ def _tracing_refusal() -> str:
 def require_tracing() -> None:
     refusal = _tracing_refusal()
     if refusal:
-        pytest.skip(f"system calls cannot be made to fail here: {refusal}")
+        pytest.skip(f"cannot make system calls fail here: {refusal}")
     if SANITIZER == "tsan":
-        pytest.skip("the thread sanitizer's own system calls would be hit as well")
+        pytest.skip("the system calls of the thread sanitizer would fail too")
 
 
 def faulty_start(log: Path, *injections: str) -> List[str]:
-    """Words in front of the executable that make its system calls fail from the start.
+    """The command prefix that makes system calls of the executable fail from the start.
 
-    The tracer detaches itself, so the forwarder stays the test's own child.
+    The tracer runs as a detached process, so the forwarder remains a child of the test.
     """
     require_tracing()
     words = ["strace", "-D", "-f", "-qq", "-o", str(log)]
@@ -57,16 +57,16 @@ def faulty_start(log: Path, *injections: str) -> List[str]:
 
 
 def recording_start(log: Path, calls: str) -> List[str]:
-    """Words in front of the executable that write its system calls down."""
+    """The command prefix that records the system calls of the executable."""
     require_tracing()
     return ["strace", "-D", "-f", "-qq", "-s", "4096", "-e", f"trace={calls}", "-o", str(log)]
 
 
 def call_numbers(folder: Path, call: str, pattern: str) -> List[int]:
-    """At which of its calls (from 1) an idle start does what `pattern` describes.
+    """The numbers (from 1) of the main thread's calls that match `pattern` in an idle start.
 
     The loader and the runtime libraries make calls of the same name before the
-    forwarder does; their number differs between builds.
+    forwarder does. Their number differs between builds.
     """
     require_tracing()
     trace = folder / "rehearsal.strace"
@@ -82,10 +82,10 @@ def call_numbers(folder: Path, call: str, pattern: str) -> List[int]:
 
 @contextmanager
 def failing_calls(vesk: VeskProcess, threads: Sequence[int], *injections: str) -> Iterator[Path]:
-    """While this lasts, calls of the given threads fail as `injections` say.
+    """Inside this context calls of the given threads fail as `injections` specify.
 
-    An injection reads like "sendto:error=ENOBUFS:when=1"; the count begins with the
-    first call after the tracer came. Yields the trace.
+    An injection is a text such as "sendto:error=ENOBUFS:when=1". The count starts with the
+    first call after the tracer has attached. Yields the path of the trace.
     """
     require_tracing()
     trace = vesk.folder / f"faults-{len(list(vesk.folder.glob('faults-*')))}.strace"
@@ -108,7 +108,7 @@ def failing_calls(vesk: VeskProcess, threads: Sequence[int], *injections: str) -
 
 
 def failing_listener(vesk: VeskProcess, *injections: str) -> ContextManager[Path]:
-    """The same for the downstream receive thread, the only one that waits for datagrams."""
+    """The same for the downstream receive thread, the only thread that waits in recvmsg."""
     return failing_calls(vesk, [_thread_in(vesk, "recvmsg")], *injections)
 
 
@@ -117,7 +117,7 @@ def failing_poll_thread(vesk: VeskProcess, *injections: str) -> ContextManager[P
 
 
 def failing_workers(vesk: VeskProcess, *injections: str) -> ContextManager[Path]:
-    """The same for the upstream receive workers; an idle one waits for its queue."""
+    """The same for the upstream receive workers, which wait for their queues when idle."""
     count = len([line for line in vesk.log_lines() if "created upstream recvThread" in line])
     wait_until(lambda: len(vesk.threads_in("futex")) >= count, "all workers are idle")
     return failing_calls(vesk, vesk.threads_in("futex"), *injections)
@@ -130,12 +130,12 @@ def _thread_in(vesk: VeskProcess, system_call: str) -> int:
 
 
 def _wait_for_tracer(tracer: "subprocess.Popen[bytes]", threads: int) -> None:
-    """The tracer says so when it has stopped a thread; from then on no call escapes it."""
+    """Waits until the tracer reports every thread as attached; it misses no later call."""
     assert tracer.stderr is not None
     said = b""
     while said.count(b" attached") < threads:
         readable, _, _ = select.select([tracer.stderr], [], [], scaled(5))
         piece = os.read(tracer.stderr.fileno(), 4096) if readable else b""
         if not piece:
-            raise AssertionError(f"the tracer did not come: {said.decode(errors='replace')}")
+            raise AssertionError(f"the tracer did not attach: {said.decode(errors='replace')}")
         said += piece

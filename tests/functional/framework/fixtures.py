@@ -1,4 +1,4 @@
-"""Fixtures of all tests that run a forwarder. A folder of them names this module in its conftest.py."""
+"""Fixtures of all tests that run a forwarder. The conftest.py of a folder names this module."""
 
 from __future__ import annotations
 
@@ -17,7 +17,7 @@ from .vesk_process import VeskProcess, binary
 
 StartVesk = Callable[..., VeskProcess]
 
-# No single test waits longer than this, whatever hangs.
+# A test that runs longer than this fails.
 _TEST_LIMIT_SECONDS = 120
 
 
@@ -26,7 +26,7 @@ def pytest_configure(config: pytest.Config) -> None:
         binary()
     except RuntimeError as error:
         pytest.exit(str(error), returncode=2)
-    # Where it is refused the tests share the machine's network.
+    # If this is refused, the tests share the network of the machine.
     own_network.enter()
 
 
@@ -47,7 +47,7 @@ _STARTED = pytest.StashKey[List[VeskProcess]]()
 
 @pytest.fixture(autouse=True)
 def time_limit(request: pytest.FixtureRequest) -> Iterator[None]:
-    """A test that hangs fails by itself instead of waiting for somebody's patience."""
+    """Fails a test that hangs."""
     marker = request.node.get_closest_marker("limit_seconds")
     seconds = marker.args[0] if marker else _TEST_LIMIT_SECONDS
 
@@ -63,10 +63,10 @@ def time_limit(request: pytest.FixtureRequest) -> Iterator[None]:
 
 @pytest.fixture
 def start_vesk(request: pytest.FixtureRequest, tmp_path: Path) -> Iterator[StartVesk]:
-    """Starts forwarders; those still running after the test are ended in order.
+    """Starts forwarders and ends those that still run after the test.
 
-    Every forwarder has to end well, also in a test about something else, unless the
-    test failed already.
+    Every forwarder has to end without an error, whatever the test is about, unless the
+    test has failed already.
     """
     started: List[VeskProcess] = []
     request.node.stash[_STARTED] = started
@@ -126,13 +126,13 @@ def upstream(new_end: Callable[..., UdpEnd]) -> UdpEnd:
 
 @pytest.fixture
 def bench(vesk: VeskProcess, peer: UdpEnd, upstream: UdpEnd) -> Bench:
-    """The usual bench: second framing version, everything on 127.0.0.1."""
+    """The default bench: framing udpv2, all ends on 127.0.0.1."""
     return Bench(vesk, peer, upstream)
 
 
 @pytest.fixture(params=[UDPV1, UDPV2], ids=lambda framing: framing.name)
 def either_bench(request: pytest.FixtureRequest, start_vesk: StartVesk, peer: UdpEnd,
                  upstream: UdpEnd) -> Bench:
-    """The same bench once in each framing version."""
+    """The same bench, once for each framing version."""
     vesk = start_vesk(request.param.name).ready()
     return Bench(vesk, peer, upstream, request.param)

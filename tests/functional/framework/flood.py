@@ -1,4 +1,4 @@
-"""Traffic at full speed: threads that send prepared datagrams as fast as they can."""
+"""Traffic at full speed: threads that send prepared datagrams as fast as possible."""
 
 from __future__ import annotations
 
@@ -9,10 +9,10 @@ from .udp import Address, UdpEnd
 
 
 class Flood:
-    """Sends (datagram, destination) pairs round and round until it is stopped.
+    """Sends (datagram, destination) pairs in a loop until it is stopped.
 
-    With a pause after each round it is traffic that can be answered in full; without
-    one it is more than any receiver takes.
+    With a pause after each round every datagram can be answered. Without one the traffic
+    exceeds what any receiver can handle.
     """
 
     def __init__(self, end: UdpEnd, datagrams: Sequence[Tuple[bytes, Address]],
@@ -53,7 +53,7 @@ class Flood:
 
 
 class Drain:
-    """Reads everything that arrives and counts it; keeps some datagrams to look at."""
+    """Reads and counts everything that arrives, and keeps some datagrams for checks."""
 
     def __init__(self, end: UdpEnd, keep_every: int = 64) -> None:
         self._keep_every = keep_every

@@ -1,4 +1,4 @@
-"""A flow as the controlling service declares it, with both of its outer ends."""
+"""A flow as the controlling service declares it, with the datagrams of both its ends."""
 
 from __future__ import annotations
 
@@ -11,7 +11,7 @@ from .udp import Address
 
 @dataclass
 class Flow:
-    """The attributes of one label, and the datagrams they allow."""
+    """The attributes of one label, and the datagrams that match them."""
 
     label: int
     upstream: Optional[Address] = None
@@ -25,7 +25,7 @@ class Flow:
     options: Dict[str, object] = field(default_factory=dict)
 
     def __post_init__(self) -> None:
-        # Labels differ on every leg, so that a forgotten rewrite shows.
+        # The labels of both sides differ, so that a missing rewrite is detected.
         self.up_label = self.up_label or self.label + 1_000_000
         self.down_label = self.down_label or self.label + 2_000_000
 
@@ -41,33 +41,33 @@ class Flow:
         return " ".join(words)
 
     def request(self, payload: bytes, extra: bytes = b"") -> bytes:
-        """What a peer sends."""
+        """A datagram as a peer sends it."""
         return self.framing.build(self.label, payload, self.down_in, extra)
 
     def open_request(self, datagram: bytes) -> Datagram:
-        """What the upstream service got: rightly signed, under the upstream label."""
+        """Parses a datagram that upstream received and checks its HMAC and upstream label."""
         parsed = self.framing.open(datagram, self.up_out)
         assert parsed.label == self.up_label, f"upstream label is {parsed.label:#x}"
         return parsed
 
     def reply(self, payload: bytes, extra: bytes = b"", label: Optional[int] = None) -> bytes:
-        """What the upstream service answers: it names the flow by the forwarder's label."""
+        """A reply as the upstream service sends it, with the label that the forwarder uses."""
         return self.framing.build(self.label if label is None else label, payload, self.up_in,
                                   extra)
 
     def open_reply(self, datagram: bytes) -> Datagram:
-        """What the peer got: rightly signed, under the downstream label."""
+        """Parses a datagram that the peer received and checks its HMAC and downstream label."""
         parsed = self.framing.open(datagram, self.down_out)
         assert parsed.label == self.down_label, f"downstream label is {parsed.label:#x}"
         return parsed
 
     def echo(self, datagram: bytes) -> bytes:
-        """What an upstream service does that checks, and sends the payload back."""
+        """Checks a datagram as the upstream service and returns the reply with the same payload."""
         parsed = self.open_request(datagram)
         return self.reply(parsed.payload, parsed.extra)
 
 
 def four_keys(algorithm: str = "sha256") -> Dict[str, Key]:
-    """Four different keys, so that using the wrong one shows."""
+    """Four different keys, so that the use of a wrong one is detected."""
     return {name: Key(bytes([number]) * 16 + name.encode(), algorithm)
             for number, name in enumerate(("down_in", "down_out", "up_in", "up_out"), start=1)}

@@ -1,10 +1,10 @@
-"""The two datagram framings and the lateral header, written down a second time.
+"""A second implementation of the two datagram framings and the lateral header.
 
 udpv1:  HMAC (32) | header length (2) | label (4) | further header bytes | payload
 udpv2:  HMAC (16) | label (4) | payload
 
-All numbers are big-endian. Everything behind the HMAC field is covered by it, but
-udpv1 hashes the payload first and the header bytes after it.
+All numbers are big-endian. The HMAC covers everything after its field, but udpv1 hashes
+the payload first and then the header bytes.
 """
 
 from __future__ import annotations
@@ -28,7 +28,7 @@ _DIGESTS = {"sha1": hashlib.sha1, "sha256": hashlib.sha256}
 
 @dataclass(frozen=True)
 class Key:
-    """A shared secret and the algorithm it is used with."""
+    """A shared secret and its algorithm."""
 
     secret: bytes
     algorithm: str = "sha256"
@@ -42,7 +42,7 @@ class Key:
 
 @dataclass(frozen=True)
 class Datagram:
-    """A framed datagram taken apart."""
+    """The fields of a framed datagram."""
 
     authentication: bytes
     label: int
@@ -52,7 +52,7 @@ class Datagram:
 
 @dataclass(frozen=True)
 class Framing:
-    """Where the fields of one framing version lie."""
+    """The offsets of the fields in one framing version."""
 
     version: int
     hmac_length: int
@@ -103,7 +103,7 @@ class Framing:
                         datagram[position:payload_at], datagram[payload_at:])
 
     def open(self, datagram: bytes, key: Optional[Key]) -> Datagram:
-        """Takes a datagram apart and insists on its HMAC."""
+        """Parses a datagram and checks its HMAC."""
         parsed = self.parse(datagram)
         fields = datagram[self.hmac_length:len(datagram) - len(parsed.payload)]
         expected = self.authentication(fields, parsed.payload, key)
@@ -119,7 +119,7 @@ UDPV2 = Framing(version=2, hmac_length=16, has_header_length=False)
 
 
 def socket_address_bytes(host: str, port: int) -> bytes:
-    """A socket address in the layout of this host, as the lateral header carries it."""
+    """A socket address in this host's layout, as the lateral header contains it."""
     address = ipaddress.ip_address(host)
     if address.version == 4:
         return (struct.pack("=H", socket.AF_INET) + struct.pack("!H", port) + address.packed
@@ -130,7 +130,7 @@ def socket_address_bytes(host: str, port: int) -> bytes:
 
 @dataclass(frozen=True)
 class LateralDatagram:
-    """A lateral datagram taken apart."""
+    """The fields of a lateral datagram."""
 
     kind: int
     address: bytes

@@ -1,4 +1,4 @@
-"""Joined forwarders, and ends that play one of them."""
+"""Joined forwarders, and ends that act as one of them."""
 
 from __future__ import annotations
 
@@ -10,7 +10,7 @@ from .vesk_process import VeskProcess
 
 
 def shared_free_port(hosts: Sequence[str]) -> int:
-    """A port that is free on every one of these addresses: a group of instances shares it."""
+    """A port that is free on all these addresses, for a group of instances that share it."""
     for _ in range(50):
         with ExitStack() as ends:
             port = ends.enter_context(UdpEnd(hosts[0])).port
@@ -25,7 +25,7 @@ def shared_free_port(hosts: Sequence[str]) -> int:
 
 def join(vesk: VeskProcess, own_index: int, hosts: Dict[int, str], port: int,
          instances: int) -> None:
-    """Tells a forwarder about its peers and starts its lateral stream."""
+    """Adds the peers of a forwarder and starts its lateral stream."""
     lines = vesk.lines_after(
         *(f"add_lateral_peer idx {index} addr {host}"
           for index, host in hosts.items() if index != own_index),

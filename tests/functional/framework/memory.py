@@ -9,7 +9,7 @@ from typing import List, Sequence
 
 from .vesk_process import VeskProcess
 
-# Every command leaves its text in the input buffer until later ones take its place.
+# The text of a command remains in the input buffer until later commands overwrite it.
 _INPUT_BUFFER_SIZE = 4096
 
 
@@ -25,7 +25,7 @@ class Mapping:
 
     @property
     def dumped(self) -> bool:
-        """Whether a core file has it."""
+        """Whether a core file contains the mapping."""
         return "dd" not in self.flags
 
 
@@ -38,8 +38,8 @@ def mappings(vesk: VeskProcess) -> List[Mapping]:
 
 
 def places_of(vesk: VeskProcess, secret: bytes) -> List[Mapping]:
-    """The writable mappings that hold either half of the secret; what is freed is written over
-    at its beginning."""
+    """The writable mappings that contain either half of the secret. The allocator overwrites the
+    beginning of freed memory, so the first half may be missing."""
     halves = secret[:len(secret) // 2], secret[len(secret) // 2:]
     found = []
     with open(f"/proc/{vesk.pid}/mem", "rb", buffering=0) as memory:

@@ -1,8 +1,9 @@
-"""A network of the test process's own, so that tests that run side by side cannot reach each other.
+"""Gives the test process its own network, so that tests that run in parallel cannot interfere.
 
-A test that ends gives its ports back. Another process may get one of them at once, and would then
-receive what was still on its way to the first, or find a port taken that it saw free. In a network
-namespace of its own a process shares its loopback interface and its ports with its children only.
+A test releases its ports when it ends. Another process may be assigned one of them at once. It
+would receive datagrams that are still on their way to the first process, or find that a port it has
+just seen free is taken. In its own network namespace a process shares its loopback interface and
+its ports only with its children.
 """
 
 from __future__ import annotations
@@ -17,13 +18,13 @@ _CLONE_NEWNET = 0x40000000
 _SIOCGIFFLAGS = 0x8913
 _SIOCSIFFLAGS = 0x8914
 _IFF_UP = 0x1
-# struct ifreq: the name, then a union of which the flags are the first two bytes.
+# struct ifreq: the name, then a union whose first two bytes are the flags.
 _INTERFACE_FLAGS = struct.Struct("=16sh22x")
 
 
 def enter() -> Optional[str]:
-    """Moves the calling process, while it has a single thread, into a new network namespace whose
-    loopback interface is up. Returns why that is not allowed here, if so; nothing has changed then."""
+    """Moves the calling process, which must have a single thread, into a new network namespace with
+    its loopback interface up. If this is not allowed, changes nothing and returns the reason."""
     libc = ctypes.CDLL(None, use_errno=True)
     if libc.unshare(_CLONE_NEWNET) != 0:
         return OSError(ctypes.get_errno(), "unshare").strerror

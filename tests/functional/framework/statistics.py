@@ -1,4 +1,4 @@
-"""Reads the report of the "stats" command, insisting on its exact form."""
+"""Reads the report of the "stats" command and checks its exact form."""
 
 from __future__ import annotations
 
@@ -16,7 +16,7 @@ _OF_THE_DATAPATH = ("downstreamPacketReceived", "info Created", "info Bound", "d
 _WORKER = r"WakeNr:\d+,ReadyFdNr:\d+,DgNr:\d+ "
 _BOTH_WAYS = r"RxDg:\d+,TxDg:\d+,RxDgError:\d+,TxDgDropped:\d+"
 
-# Every section is one log record and ends in a newline of its own.
+# Every section is one log record that ends in a newline.
 _REPORT = re.compile(
     r"info \nPoll stats:\n(?P<poll>ActiveEvtNr:\d+ RdReadyNr:\d+ WrReadyNr:\d+ ErrorNr:\d+)\n\n"
     r"info Upstream Stats:\n(?P<upstream>(?:Label:\d+,RxDg:\d+,TxDg:\d+,RxDgError\d+,"
@@ -30,7 +30,7 @@ _REPORT = re.compile(
 
 @dataclass(frozen=True)
 class Report:
-    """One report, taken apart."""
+    """The values of one report."""
 
     poll: Counters
     upstream: Dict[int, Counters]
@@ -66,7 +66,7 @@ def parse_report(text: str) -> Report:
 
 
 def report_text(vesk: VeskProcess) -> str:
-    """The report as it was written, without what the datapath said in between."""
+    """The report as written, without the lines that the datapath logged meanwhile."""
     return "".join(f"{line}\n" for line in vesk.lines_after("stats")
                    if not line.startswith(_OF_THE_DATAPATH))
 
@@ -77,7 +77,7 @@ def report(vesk: VeskProcess) -> Report:
 
 def wait_for_report(vesk: VeskProcess, condition: Callable[[Report], bool],
                     seconds: float = 5.0) -> Report:
-    """Asks until the counters have arrived where they should."""
+    """Requests reports until the counters have the expected values."""
     deadline = time.monotonic() + scaled(seconds)
     while True:
         current = report(vesk)

@@ -1,4 +1,4 @@
-"""Deadlines: how long a test is willing to wait before it calls a silence a failure."""
+"""Deadlines: how long a test waits before it fails."""
 
 from __future__ import annotations
 
@@ -8,8 +8,8 @@ from typing import Callable
 
 SANITIZER = os.environ.get("VESK_SANITIZER", "")
 
-# Instrumented builds run several times slower; a deadline that is generous for the
-# release build would be a coin toss for them.
+# Instrumented builds are several times slower, so a deadline that suits the release build
+# would be too short for them.
 _SLOWDOWN = {"": 1.0, "asan": 3.0, "tsan": 6.0}
 
 if SANITIZER not in _SLOWDOWN:
@@ -17,19 +17,19 @@ if SANITIZER not in _SLOWDOWN:
 
 
 def scaled(seconds: float) -> float:
-    """A deadline stretched to the build under test."""
+    """A deadline multiplied by the slowdown of the build under test."""
     return seconds * _SLOWDOWN[SANITIZER]
 
 
 def count_from_environment(name: str, default: int) -> int:
-    """How often a test repeats itself; long runs are asked for through the environment."""
+    """A number from an environment variable, such as the repetitions of a test, or its default."""
     return int(os.environ.get(name, default))
 
 
 def wait_until(condition: Callable[[], bool], description: str, seconds: float = 5.0) -> None:
-    """Waits for something that has no event to wait on (the state of a process in /proc)."""
+    """Polls for a condition without an event to wait for, such as a process state in /proc."""
     deadline = time.monotonic() + scaled(seconds)
     while not condition():
         if time.monotonic() > deadline:
-            raise AssertionError(f"gave up waiting until {description}")
+            raise AssertionError(f"timed out while waiting until {description}")
         time.sleep(0.005)

@@ -1,4 +1,4 @@
-"""UDP ends of the tests: the peers on one side and the upstream services on the other."""
+"""UDP ends of the tests: peers and upstream services."""
 
 from __future__ import annotations
 
@@ -20,7 +20,7 @@ _ANCILLARY_ROOM = socket.CMSG_SPACE(4) + socket.CMSG_SPACE(12) + socket.CMSG_SPA
 
 @dataclass(frozen=True)
 class Received:
-    """One datagram with everything the network layer said about it."""
+    """One datagram with everything that the network layer reported about it."""
 
     data: bytes
     sender: Address
@@ -36,8 +36,8 @@ def family_of(host: str) -> socket.AddressFamily:
 
 
 def free_port(host: str = "127.0.0.1") -> int:
-    """A port that nobody holds right now. Somebody may take it before it is used, but no socket
-    that lets the kernel choose: it lies below what the kernel gives out."""
+    """A port that is free at the moment. It is below the range from which the kernel assigns
+    ports, so only a socket that requests this port can take it before it is used."""
     ports = Path("/proc/sys/net/ipv4/ip_local_port_range").read_text(encoding="ascii")
     while True:
         port = random.randrange(FIRST_FREE_PORT, int(ports.split()[0]))
@@ -57,7 +57,7 @@ def kernels_choice(destination: str) -> str:
 
 
 class UdpEnd:
-    """A bound UDP socket whose every wait has a deadline."""
+    """A bound UDP socket. Every wait has a deadline."""
 
     def __init__(self, host: str = "127.0.0.1", port: int = 0) -> None:
         self.family = family_of(host)
@@ -69,7 +69,7 @@ class UdpEnd:
                 self.socket.setsockopt(socket.IPPROTO_IPV6, socket.IPV6_RECVTCLASS, 1)
                 self.socket.setsockopt(socket.IPPROTO_IPV6, socket.IPV6_V6ONLY,
                                        0 if host == "::" else 1)
-            # Bursts of a whole test must fit; a datagram lost here looks like a defect.
+            # All datagrams of a burst must fit; a datagram lost here would look like a defect.
             self.socket.setsockopt(socket.SOL_SOCKET, socket.SO_RCVBUF, 1 << 22)
             self.socket.bind((host, port))
         except BaseException:
@@ -94,7 +94,7 @@ class UdpEnd:
         return Received(data, sender[:2], _dscp_of(ancillary))
 
     def waiting(self) -> Optional[Received]:
-        """A datagram that is already here, or none."""
+        """The next datagram if one has arrived, else None."""
         self.socket.settimeout(0)
         try:
             data, ancillary, _, sender = self.socket.recvmsg(65536, _ANCILLARY_ROOM)
@@ -122,11 +122,11 @@ def _dscp_of(ancillary: list) -> int:
 
 
 class UpstreamService:
-    """An upstream service on a thread of its own, answering every datagram it gets.
+    """An upstream service on its own thread that answers every datagram it receives.
 
-    `answer` takes the datagram as received and returns the reply, or None to keep
-    silent. What it raises is kept and raised again by `close`, so that a datagram
-    that arrived wrong fails the test instead of vanishing in a thread.
+    `answer` takes the received datagram and returns the reply, or None for no reply.
+    `close` raises the exceptions of `answer` again, so that a wrong datagram fails the
+    test instead of only ending a call in the thread.
     """
 
     def __init__(self, answer: Callable[[bytes], Optional[bytes]],

@@ -1,4 +1,4 @@
-"""Runs the forwarder as its controlling service does and watches everything it says."""
+"""Runs the forwarder as its controlling service does and reads everything it writes."""
 
 from __future__ import annotations
 
@@ -36,10 +36,10 @@ def binary() -> str:
 
 
 class VeskProcess:
-    """One forwarder in a folder of its own.
+    """One forwarder in its own folder.
 
-    Anything on standard error, an exit status other than the expected one and a core
-    file are failures unless the test says that it waits for them.
+    Text on standard error, an unexpected exit status and a core file are failures unless
+    the test expects them.
     """
 
     def __init__(self, folder: Path, *arguments: str,
@@ -66,7 +66,7 @@ class VeskProcess:
         for reader in self._readers:
             reader.start()
 
-    # What it says -----------------------------------------------------------------------
+    # Output -----------------------------------------------------------------------------
 
     def _read_output(self) -> None:
         assert self._process.stdout is not None
@@ -105,7 +105,7 @@ class VeskProcess:
             return self._lines[since:]
 
     def mark(self) -> int:
-        """The place in the log behind everything written so far, read or still on its way."""
+        """The place in the log after everything written so far, including lines not yet read."""
         return self.settle() + 2
 
     def wait_for_log(self, expected: Expected, since: int = 0, seconds: float = 5.0,
@@ -142,7 +142,7 @@ class VeskProcess:
         with self._changed:
             return self._tail()
 
-    # What it is told --------------------------------------------------------------------
+    # Input ------------------------------------------------------------------------------
 
     def command(self, line: str) -> None:
         self.write_input(line.encode("utf-8", "surrogateescape") + b"\n")
@@ -159,7 +159,7 @@ class VeskProcess:
             data = data[os.write(descriptor, data):]
 
     def ready(self) -> "VeskProcess":
-        """Waits until the start-up is through, that of every thread included."""
+        """Waits until start-up is complete and every thread runs."""
         self.settle()
         self.wait_for_log(re.compile(r"info Task \[FlowCleanUpTask\] will execute in \[\d+s\]"))
         wait_until(lambda: "anon_inode:[eventpoll]" in self.descriptors().values(),
@@ -167,11 +167,10 @@ class VeskProcess:
         return self
 
     def settle(self) -> int:
-        """Waits until every command sent so far was carried out.
+        """Waits until every command sent so far has been executed.
 
-        A command word that nobody knows is answered by an error line at every log
-        level, and commands are carried out one after the other. Returns the place of
-        that line in the log.
+        Commands are executed in order, and an unknown command is answered by an error
+        line at every log level. Returns the place of that line in the log.
         """
         self._fences += 1
         word = f"fence-{self._fences}"
@@ -182,7 +181,7 @@ class VeskProcess:
         self.wait_for_log(line, since)
         with self._changed:
             place = self._lines.index(line, since)
-            # The message brings an empty line along; keep it out of later readings.
+            # An empty line follows the message; skip it, so that later reads do not include it.
             while len(self._lines) < place + 2:
                 if not self._changed.wait(scaled(5)):
                     raise AssertionError("no empty line after an unknown command")
@@ -190,7 +189,7 @@ class VeskProcess:
             return place
 
     def lines_after(self, *commands: str) -> List[str]:
-        """Carries commands out and returns the lines logged meanwhile."""
+        """Executes commands and returns the lines logged meanwhile."""
         since = self.mark()
         for line in commands:
             self.command(line)
@@ -198,13 +197,13 @@ class VeskProcess:
         return [line for line in self.log_lines()[since:place] if not _is_background(line)]
 
     def remarks(self, since: int = 0) -> List[str]:
-        """What was logged, without empty lines and the sizes of socket buffers (whether
-        they are worth a word depends on the machine)."""
+        """The logged lines without empty lines and without the sizes of socket buffers,
+        which are logged on some machines only."""
         return [line for line in self.log_lines(since)
                 if line and not _is_background(line) and " sized to " not in line]
 
     def listen(self, address: str = "127.0.0.1") -> int:
-        """Starts the listener on a port of the kernel's choice and returns the port."""
+        """Starts the listener on a free port and returns the port."""
         for _ in range(10):
             port = free_port(address)
             lines = self.lines_after(f"start addr {address} port {port}")
@@ -212,16 +211,16 @@ class VeskProcess:
                    for line in lines):
                 return port
             assert any("Address already in use" in line for line in lines), lines
-        raise AssertionError("ten ports in a row were taken by others")
+        raise AssertionError("ten ports in a row were taken by other sockets")
 
-    # What it is -------------------------------------------------------------------------
+    # State ------------------------------------------------------------------------------
 
     @property
     def pid(self) -> int:
         return self._process.pid
 
     def descriptors(self) -> Dict[int, str]:
-        """Open descriptors and what they lead to."""
+        """Open descriptors and their targets."""
         found = {}
         for entry in Path(f"/proc/{self.pid}/fd").iterdir():
             try:
@@ -241,13 +240,13 @@ class VeskProcess:
                                  f"{count}: {self.descriptors()}") from None
 
     def limit_descriptors(self, spare: int) -> None:
-        """Lets the forwarder open only so many descriptors more than it holds now."""
+        """Lets the forwarder open only `spare` more descriptors than it has now."""
         taken = set(self.descriptors())
         limit = 0
         while spare or limit in taken:
             spare -= limit not in taken
             limit += 1
-        # The limit names the first number that is refused, so no free one may lie below.
+        # The limit is the first refused number: exactly `spare` free numbers are below it.
         _, hard = resource.prlimit(self.pid, resource.RLIMIT_NOFILE)
         resource.prlimit(self.pid, resource.RLIMIT_NOFILE, (limit, hard))
 
@@ -259,7 +258,7 @@ class VeskProcess:
         return sorted(int(entry.name) for entry in Path(f"/proc/{self.pid}/task").iterdir())
 
     def threads_in(self, system_call: str) -> List[int]:
-        """Threads that wait in a system call right now."""
+        """Threads that are waiting in a system call."""
         numbers = _WAITING_CALLS[platform.machine()][system_call]
         found = []
         for thread in self.threads():
@@ -271,7 +270,7 @@ class VeskProcess:
                 found.append(thread)
         return found
 
-    # How it ends ------------------------------------------------------------------------
+    # End --------------------------------------------------------------------------------
 
     def running(self) -> bool:
         return self._process.poll() is None
@@ -282,9 +281,9 @@ class VeskProcess:
 
     def wait_exit(self, status: Union[int, Sequence[int]] = 0, seconds: float = 5.0,
                   errors: Expected = "", core_allowed: bool = False) -> float:
-        """Waits for the end, checks how it came, and returns how long it took.
+        """Waits for the end of the process, checks it, and returns how long it took.
 
-        The status is one, or one of several.
+        `status` is the expected exit status or a sequence of possible ones.
         """
         began = time.monotonic()
         try:
@@ -301,7 +300,7 @@ class VeskProcess:
         if actual not in ([status] if isinstance(status, int) else status):
             problems.append(f"exit status {actual} instead of {status}")
         if not _matches(errors, said):
-            problems.append(f"unexpected words on standard error:\n{said[-8000:]}")
+            problems.append(f"unexpected text on standard error:\n{said[-8000:]}")
         if not core_allowed and self.core_files():
             problems.append(f"core files: {self.core_files()}")
         if problems:
@@ -312,12 +311,12 @@ class VeskProcess:
         return sorted(self.folder.glob("core*"))
 
     def finish(self) -> float:
-        """The ordinary end: the controlling service closes the channel."""
+        """Ends the forwarder as its controlling service does, by closing its input."""
         self.close_input()
         return self.wait_exit()
 
     def abandon(self) -> None:
-        """For a test that failed already: no questions asked."""
+        """Kills the forwarder without checks, for a test that has failed already."""
         if self.running():
             os.kill(self.pid, signal.SIGKILL)
             self._process.wait()
@@ -334,7 +333,7 @@ class VeskProcess:
 
 
 def _is_background(line: str) -> bool:
-    """The periodic task speaks when it likes, and this class asks questions of its own."""
+    """Whether a line comes from the periodic task or from the commands of this class."""
     return (line.startswith(("info Task [", "debug Got message: fence-"))
             or "'fence-" in line)
 

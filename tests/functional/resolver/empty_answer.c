@@ -1,5 +1,5 @@
-/* Lets the resolver's n-th answer be empty: success, without an address. Loaded in front of the C
-   library; VESK_EMPTY_ANSWER says which. */
+/* Preloaded before the C library, makes one answer of the resolver empty: success without an
+   address. VESK_EMPTY_ANSWER is the number of this answer. */
 #define _GNU_SOURCE
 #include <dlfcn.h>
 #include <netdb.h>
@@ -9,7 +9,7 @@ typedef int (*resolver)(const char*, const char*, const struct addrinfo*, struct
 
 int getaddrinfo(const char* host, const char* service, const struct addrinfo* hints,
                 struct addrinfo** results) {
-    /* Commands are carried out by one thread. */
+    /* Commands are executed by one thread. */
     static int answers;
     if (++answers == atoi(getenv("VESK_EMPTY_ANSWER"))) {
         *results = NULL;

@@ -1,5 +1,5 @@
-// An input taken apart from its front. What is asked for beyond its end reads as zeros or as
-// nothing, so that every input has a meaning.
+// Reads an input from its beginning. A read after its end returns zeros or nothing, so that every
+// input is valid.
 #pragma once
 
 #include <cstddef>
@@ -18,7 +18,7 @@ class ByteReader {
     std::uint8_t byte();
     /// Big-endian.
     std::uint16_t number16();
-    /// At most as many as are left.
+    /// At most the remaining bytes.
     View take(std::size_t count);
     View rest() { return take(bytes_.size()); }
 

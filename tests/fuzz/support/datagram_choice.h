@@ -1,12 +1,12 @@
-// How an input says which datagram comes next: a byte of choices, a length, and that many bytes of
-// datagram or payload.
+// How an input selects the next datagram: a byte of choices, a length, and this number of bytes of
+// the datagram or its payload.
 #pragma once
 
 #include "support/loopback_forwarder.h"
 
 namespace vesk::fuzz {
 
-/// The bits of the byte in front of each datagram; the lowest three choose the label.
+/// The bits of the byte before each datagram. The lowest three select the label.
 enum Choice : unsigned {
     asItIs = 0x08,
     wellSigned = 0x10,
@@ -17,10 +17,10 @@ enum Choice : unsigned {
 
 enum class Towards { upstream, downstream };
 
-/// The bytes as they stand, or framed for the label chosen, with the right tag or an empty one.
+/// The raw bytes, or a datagram framed for the selected label with a correct or an empty HMAC.
 Bytes nextDatagram(ByteReader& input, unsigned choice, int version, Towards side);
 
-/// What comes with a datagram over the lateral stream.
+/// The return path of a datagram that arrives over the lateral stream.
 ReturnPath someReturnPath();
 
 }  // namespace vesk::fuzz

@@ -4,8 +4,8 @@
 #include "log/log.h"
 #include "support/require.h"
 
-/// Lets every message be composed, since that is code too, and none of them be seen: the fuzzer and
-/// `require` speak on standard error.
+/// Makes the forwarder compose every message, since that code is tested too, and discards them all:
+/// the fuzzer and `require` write to standard error.
 extern "C" int LLVMFuzzerInitialize(int* /*argc*/, char*** /*argv*/) {
     const int nowhere = open("/dev/null", O_WRONLY | O_CLOEXEC);
     vesk::fuzz::require(nowhere != -1 && dup2(nowhere, STDOUT_FILENO) != -1, "log is silenced");

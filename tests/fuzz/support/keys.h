@@ -1,4 +1,4 @@
-// The keys that the fuzz targets check and sign with.
+// The keys with which the fuzz targets check and sign datagrams.
 #pragma once
 
 #include <array>
@@ -7,7 +7,7 @@
 
 namespace vesk::fuzz {
 
-/// None, a short key for SHA-1, and one longer than a SHA-256 block. The seeds are signed with
+/// No key, a short key for SHA-1, and one longer than a SHA-256 block. The seeds are signed with
 /// them.
 const std::array<TestKey, 3>& someKeys();
 

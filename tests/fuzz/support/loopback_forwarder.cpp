@@ -51,7 +51,7 @@ UniqueFd loopbackSocket(int family) {
     return fd;
 }
 
-/// As "start" makes one, but on a port of the kernel's choice, and never blocking the fuzzer.
+/// As "start" makes one, but non-blocking and on a port chosen by the kernel.
 EndpointPtr listeningEndpoint() {
     UniqueFd fd = loopbackSocket(AF_INET);
     Vesk_requestLocalDestAddr(fd.get(), AF_INET);
@@ -136,7 +136,7 @@ void LoopbackForwarder::declareFlows() const {
         {0x10003, " up_out_dscp_v6 10 is_multiplex true"},
         {0x10004, " down_aux_flow_label_prefix " + std::to_string(auxPrefix) +
                       " up_aux_flow_label " + std::to_string(auxUpLabel)},
-        // Declared, but with no address to send to.
+        // Declared, but without an upstream address.
         {0x10005, ""}};
     for (const std::uint32_t label : {0x10001U, 0x10002U, 0x10003U, 0x10004U, 0x10005U}) {
         std::string words = "label " + std::to_string(label);
@@ -209,7 +209,7 @@ PollRequests LoopbackForwarder::applyPollRequests() const {
     PollRequests requests;
     PollRecord record{};
     while (recv(context_->serverPollSock.get(), record.data(), record.size(), MSG_DONTWAIT) > 0) {
-        // One socket at a time is served here, so no datagram carries more than one record.
+        // Only one socket at a time is served here, so every datagram contains one record.
         const auto request = decodePollCtlMsg(record).value();
         if (request.op == EPOLL_CTL_ADD) {
             ++requests.watched;

@@ -1,5 +1,5 @@
-// A forwarder without its threads, between a peer and upstream services that are real sockets on
-// the loopback interface, with a handful of flows declared.
+// A forwarder without threads and with a few declared flows. The peer and the upstream services are
+// real sockets on the loopback interface.
 #pragma once
 
 #include <memory>
@@ -14,32 +14,32 @@
 
 namespace vesk::fuzz {
 
-/// One end of the traffic, there for the life of the process.
+/// One end of the traffic, which exists as long as the process.
 struct LoopbackSocket {
     explicit LoopbackSocket(int family);
 
-    /// The next datagram that arrived; nothing where there is none.
+    /// The next datagram that has arrived; empty if there is none.
     Bytes receive() const;
 
     UniqueFd fd;
     SocketAddress address;
 };
 
-/// The ends around every forwarder.
+/// The ends that all forwarders use.
 struct Surroundings {
     LoopbackSocket peer{AF_INET};
     LoopbackSocket upstreamV4{AF_INET};
     LoopbackSocket upstreamV6{AF_INET6};
     LoopbackSocket otherInstance{AF_INET};
 
-    /// Whether nothing waits to be received by anybody that the forwarder sends to.
+    /// Whether no end has a datagram to receive.
     bool quiet() const;
 };
 
 const Surroundings& surroundings();
 
-/// A flow as a datagram sees it. Replies are checked and signed with the same two keys the other
-/// way round.
+/// The labels and keys of a flow. Replies are checked with the key that signs requests, and signed
+/// with the key that checks requests.
 struct KnownFlow {
     const TestKey* down;
     const TestKey* up;
@@ -47,23 +47,23 @@ struct KnownFlow {
     const LoopbackSocket* upstream;
 };
 
-/// Written into replies of every flow.
+/// The label in the replies of every flow.
 inline constexpr std::uint32_t downLabel = 0x3456789A;
 
-/// What the poll loop was asked for.
+/// The requests to the poll loop.
 struct PollRequests {
     int watched = 0;
     int armed = 0;
 };
 
-// Of four instances this is number 1, number 2 is there too, and number 3 is not. Their labels are
-// those whose upper half is 1, 2 and 3 modulo 4.
+// This is instance 1 of four. Instance 2 is a known peer, and instance 3 is not. An instance owns
+// the labels whose upper half is its number modulo 4.
 inline constexpr std::uint32_t instanceCount = 4;
 inline constexpr std::uint32_t thisInstance = 1;
 inline constexpr std::uint32_t otherInstance = 2;
 
-/// Labels for datagrams: flows with and without keys, an auxiliary one, one that cannot be reached,
-/// unknown ones and those of other instances.
+/// Labels for datagrams: flows with and without keys, an auxiliary flow, a flow without an upstream
+/// address, unknown labels and labels of other instances.
 const std::vector<std::uint32_t>& someLabels();
 
 class LoopbackForwarder {
@@ -72,15 +72,15 @@ class LoopbackForwarder {
     LoopbackForwarder(const LoopbackForwarder&) = delete;
     LoopbackForwarder& operator=(const LoopbackForwarder&) = delete;
 
-    /// Nothing where datagrams of the label have nowhere to go.
+    /// Empty if datagrams with this label cannot be forwarded.
     static std::optional<KnownFlow> flowOf(std::uint32_t label);
 
-    /// Sends the datagram from the peer and hands it on as the receive threads do: as the peer's
-    /// own, or as forwarded by another instance, with what is to go back with the reply.
+    /// Sends the datagram from the peer and passes it on as the receive threads do: as sent by the
+    /// peer, or as forwarded by another instance with the return path for the reply.
     void carry(View datagram, const ReturnPath& returnPath);
 
-    /// Sends the datagram from upstream to the flow's own socket and serves that one as a worker
-    /// does, until it is drained.
+    /// Sends the datagram from upstream to the flow's socket and serves the socket as a worker does
+    /// until it is drained.
     void carryReply(View datagram, const VeskEndpointDescriptor& flow);
 
     /// Does the poll loop's work.

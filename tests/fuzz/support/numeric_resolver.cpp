@@ -1,8 +1,8 @@
-// The linker puts this in the place of the resolver: names are not looked up, so that a fuzzer that
-// makes some up sends nothing anywhere. Numeric addresses are read as ever.
+// The linker replaces the resolver with this one, which resolves numeric addresses only, so that
+// names invented by the fuzzer cause no queries on the network.
 #include <netdb.h>
 
-// NOLINTBEGIN(bugprone-reserved-identifier): the names that the linker's --wrap asks for
+// NOLINTBEGIN(bugprone-reserved-identifier): the names required by the linker's --wrap
 extern "C" int __real_getaddrinfo(const char* host, const char* service, const addrinfo* hints,
                                   addrinfo** results);
 

@@ -1,5 +1,5 @@
-// Stands in for libFuzzer where there is none: feeds a target the files and folders named on the
-// command line, each once.
+// Replaces libFuzzer where it is missing: runs a target once with each file on the command line and
+// in its folders.
 #include <algorithm>
 #include <cstdint>
 #include <cstdio>
@@ -32,11 +32,11 @@ std::vector<fs::path> filesAt(const fs::path& place) {
 }
 
 void replay(const fs::path& file) {
-    // Told beforehand: an input that ends the process is then the last one named.
+    // Printed before the run, so that an input that ends the process is the last one printed.
     std::fprintf(stderr, "%s\n", file.c_str());
     std::ifstream in(file, std::ios::binary);
     const std::string text{std::istreambuf_iterator<char>(in), {}};
-    // In memory of just this size, so that a sanitizer sees the first byte read beyond it.
+    // In a buffer of exactly this size, so that a sanitizer detects a read after its end.
     const std::vector<std::uint8_t> bytes(text.begin(), text.end());
     LLVMFuzzerTestOneInput(bytes.data(), bytes.size());
 }
@@ -52,6 +52,6 @@ int main(int argc, char** argv) {
     std::ranges::for_each(files, replay);
     LLVMFuzzerTestOneInput(nullptr, 0);
     std::fprintf(stderr, "%zu inputs replayed\n", files.size());
-    // A corpus that went missing is no corpus that passed.
+    // A missing corpus is a failure.
     return files.empty() ? 1 : 0;
 }

@@ -1,5 +1,5 @@
-// What must hold for every input. A fuzz target says it with this; the fuzzer, or the replay, stops
-// at the input that breaks it.
+// Checks a condition that must hold for every input. The fuzzer or the replay stops at an input for
+// which it does not hold.
 #pragma once
 
 #include <cstdio>

@@ -12,7 +12,7 @@ namespace vesk::fuzz {
 
 namespace {
 
-/// A number as C programs write it: sign and magnitude, the magnitude cut at 64 bits.
+/// A number in C notation: sign and magnitude, the magnitude limited to 64 bits.
 struct Number {
     bool negative = false;
     bool overflow = false;
@@ -26,7 +26,7 @@ int digitValue(char character) {
     return value == std::string_view::npos ? 99 : static_cast<int>(value);
 }
 
-/// Takes the base's mark off the front.
+/// Removes the prefix that selects the base.
 unsigned takeBase(std::string_view& text) {
     const bool zero = text.starts_with('0');
     if (zero && text.size() > 2 && (text[1] == 'x' || text[1] == 'X') && digitValue(text[2]) < 16) {
@@ -79,7 +79,7 @@ Verdict verdictOnLabel(const std::string& value, unsigned long long maximum) {
 }
 
 Verdict verdictOnMark(const std::string& value) {
-    // A mark out of range is ignored; only what is beyond the type is refused, and only upwards.
+    // A DSCP out of range is ignored. Only a value above the range of the type is refused.
     constexpr unsigned long long greatest = 0x7FFFFFFFFFFFFFFF;
     const auto number = readNumber(value);
     if (!number || number->negative) {
@@ -175,7 +175,7 @@ Verdict verdictOnSet(const Attributes& attributes) {
     if (!attributes.contains("label")) {
         return Verdict::refused;
     }
-    // In the order of names: what comes before the first refusal decides whether it is reached.
+    // In the order of names: attributes before the first refused one may end the command earlier.
     Verdict verdict = Verdict::accepted;
     for (const auto& [name, value] : attributes) {
         switch (verdictOn(name, value)) {

@@ -1,5 +1,5 @@
-// What "set" makes of its attributes, written once more for the fuzz target: a plain description of
-// each kind of value in place of the forwarder's table of validators.
+// A second implementation of how "set" handles its attributes, for the fuzz target: a plain
+// description of each kind of value instead of the forwarder's attribute table.
 #pragma once
 
 #include <map>
@@ -10,14 +10,14 @@ namespace vesk::fuzz {
 enum class Verdict {
     accepted,
     refused,
-    /// The resolver has the say, on an address that is perhaps none; or the C library, on whether
-    /// the greatest number is out of range.
+    /// Depends on the resolver, which may refuse the address, or on the C library, which may treat
+    /// the largest number as out of range.
     undetermined
 };
 
 using Attributes = std::map<std::string, std::string, std::less<>>;
 
-/// For attributes as a line's words were folded into.
+/// For the attributes parsed from the words of a line.
 Verdict verdictOnSet(const Attributes& attributes);
 
 /// The value of a label that was accepted.

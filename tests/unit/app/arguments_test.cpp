@@ -39,7 +39,7 @@ void expectRefused(const std::vector<const char*>& texts, const std::string& lin
     EXPECT_FALSE(outcome.arguments.has_value());
 }
 
-TEST(ArgumentsTest, HasDefaultsForAllArguments) {
+TEST(ArgumentsTest, HasADefaultForEveryArgument) {
     const Arguments arguments = expectAccepted({});
     EXPECT_EQ(arguments.framingVersion, 2);
     EXPECT_EQ(arguments.cleanUpInterval, 600 * second);
@@ -47,7 +47,7 @@ TEST(ArgumentsTest, HasDefaultsForAllArguments) {
     EXPECT_TRUE(arguments.cleanUp.aux);
 }
 
-TEST(ArgumentsTest, AcceptsBothVersions) {
+TEST(ArgumentsTest, AcceptsBothFramingVersions) {
     EXPECT_EQ(expectAccepted({"udpv1"}).framingVersion, 1);
     EXPECT_EQ(expectAccepted({"udpv2"}).framingVersion, 2);
     EXPECT_EQ(expectAccepted({"udpv1"}).cleanUpInterval, 600 * second);
@@ -70,14 +70,14 @@ TEST(ArgumentsTest, AcceptsAnIntervalInAnyBase) {
     EXPECT_EQ(intervalOf("9223372036"), 9223372036 * second);
 }
 
-TEST(ArgumentsTest, RefusesABadInterval) {
+TEST(ArgumentsTest, RefusesAnInvalidInterval) {
     for (const std::string text : {"0", "", "x", "60s", "1.5", "9223372037", "18446744073709551616",
                                    "-1", "-0", "-18446744073709551615", " -18446744073709551615"}) {
         expectRefused({"udpv1", text.c_str()}, "error Bad duration argument [" + text + "]\n");
     }
 }
 
-TEST(ArgumentsTest, AcceptsSwitches) {
+TEST(ArgumentsTest, AcceptsTrueAndFalseAsSwitches) {
     const Arguments arguments = expectAccepted({"udpv2", "60", "false", "true"});
     EXPECT_FALSE(arguments.cleanUp.main);
     EXPECT_TRUE(arguments.cleanUp.aux);
@@ -98,7 +98,7 @@ TEST(ArgumentsTest, IgnoresArgumentsAfterTheFourth) {
     EXPECT_FALSE(arguments.cleanUp.aux);
 }
 
-TEST(ArgumentsTest, ReportsTheFirstBadArgument) {
+TEST(ArgumentsTest, ReportsTheFirstInvalidArgument) {
     expectRefused({"x", "0", "y", "z"}, "error Bad UDP version argument [x]\n");
     expectRefused({"udpv1", "0", "y", "z"}, "error Bad duration argument [0]\n");
 }

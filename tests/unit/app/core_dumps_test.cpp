@@ -1,4 +1,4 @@
-// Each test runs in a process of its own: a limit that is lowered for good cannot be raised again.
+// Each test runs in its own process: a process cannot raise a hard limit that it has lowered.
 
 #include "app/core_dumps.h"
 
@@ -15,7 +15,7 @@ namespace {
 
 constexpr uid_t nobody = 65534;
 
-/// Lowers the limits, gives the right to raise them up, and tries.
+/// Lowers the limits, gives up the right to raise them, and calls allowCoreDumps().
 ChildResult tryWith(rlim_t soft, rlim_t hard) {
     return runInChild([=] {
         const rlimit limit{soft, hard};
@@ -35,9 +35,9 @@ bool hardLimitIs(rlim_t expected) {
     return limit.rlim_max == expected;
 }
 
-TEST(CoreDumpsTest, RemovesTheLimit) {
+TEST(CoreDumpsTest, RemovesTheLimitWhereItMay) {
     if (!hardLimitIs(RLIM_INFINITY)) {
-        GTEST_SKIP() << "core files are limited for good here";
+        GTEST_SKIP() << "this process may not raise its core file limit";
     }
     const ChildResult child = runInChild([] {
         const rlimit low{0, RLIM_INFINITY};
@@ -54,16 +54,16 @@ TEST(CoreDumpsTest, RemovesTheLimit) {
 const std::string failure =
     "warn allowCoreDumps: failed to remove core size limit, Operation not permitted\n";
 
-TEST(CoreDumpsTest, RaisesTheLimitAsFarAsAllowed) {
+TEST(CoreDumpsTest, RaisesTheSoftLimitToTheHardLimit) {
     const ChildResult child = tryWith(0, 0);
     ASSERT_NE(child.exitCode, 1);
     EXPECT_EQ(child.exitCode, 0);
     EXPECT_EQ(child.printed, failure + "info allowCoreDumps: core size limit is 0, max is 0\n");
 }
 
-TEST(CoreDumpsTest, LogsHowFarTheLimitWasRaised) {
+TEST(CoreDumpsTest, LogsTheLimitItRaisedTo) {
     if (hardLimitIs(0)) {
-        GTEST_SKIP() << "no core files are allowed at all here";
+        GTEST_SKIP() << "this host allows no core files";
     }
     const ChildResult child = tryWith(0, 4096);
     EXPECT_EQ(child.exitCode, 0);

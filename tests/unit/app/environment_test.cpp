@@ -19,7 +19,7 @@ TEST_F(EnvironmentTest, LeavesTheSourceToTheKernelByDefault) {
     EXPECT_EQ(ipv4SourceFromEnvironment(), Ipv4Source::kernel);
 }
 
-TEST_F(EnvironmentTest, ChoosesTheArrivalAddressOnTheExactWord) {
+TEST_F(EnvironmentTest, RepliesFromTheArrivalAddressForTheExactWordOnly) {
     setenv(variable, "arrival", 1);
     EXPECT_EQ(ipv4SourceFromEnvironment(), Ipv4Source::arrival);
     for (const char* const other :

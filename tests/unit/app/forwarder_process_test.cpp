@@ -1,4 +1,4 @@
-// The whole life of the process, in a child.
+// The forwarder process from start to end, in a child process.
 
 #include "app/forwarder_process.h"
 
@@ -25,7 +25,7 @@ using testing::EndsWith;
 using testing::HasSubstr;
 using testing::MatchesRegex;
 
-/// Runs the forwarder over this input, after what `prepare` does to the process.
+/// Calls `prepare` in a child, then runs the forwarder there with `input` as standard input.
 ChildResult runWith(
     const std::vector<const char*>& texts, const std::string& input,
     const std::function<void()>& prepare = [] {}) {
@@ -53,23 +53,23 @@ TEST(ForwarderProcessTest, EndsAtOnceWithBadArguments) {
     }
 }
 
-TEST(ForwarderProcessTest, EndsAtOnceWithoutTheRequiredCryptography) {
+TEST(ForwarderProcessTest, EndsAtOnceWhenTheRequiredFipsModeIsMissing) {
     const ChildResult child = runWith({}, "", [] { setenv("__MIRVOX_OPENSSL_FIPS", "", 1); });
     if (child.exitCode == 0) {
-        GTEST_SKIP() << "this host's libcrypto comes with FIPS mode";
+        GTEST_SKIP() << "this host's libcrypto has a FIPS provider";
     }
     EXPECT_EQ(child.exitCode, failureStatus);
     EXPECT_THAT(child.printed, EndsWith("error Failed to initialize FIPS mode!\n"));
 }
 
-TEST(ForwarderProcessTest, StartsEverythingAndEndsWithItsInput) {
+TEST(ForwarderProcessTest, StartsEveryThreadAndEndsAtTheEndOfInput) {
     const ChildResult child = runWith({"udpv1", "60", "true", "false", "extra"}, "");
     EXPECT_EQ(child.exitCode, 0);
     std::string workers;
     for (unsigned i = 0; i < std::max(1U, std::thread::hardware_concurrency()); ++i) {
         workers += "info created upstream recvThread [0-9]+\n";
     }
-    // The task says when it will run, on its own thread.
+    // The task logs its schedule from its own thread, so the line may come at any of these places.
     const std::string task = "(info Task \\[FlowCleanUpTask\\] will execute in \\[60s\\]\n)?";
     EXPECT_THAT(
         child.printed,
@@ -98,15 +98,15 @@ TEST(ForwarderProcessTest, ExecutesCommandsInOrder) {
     EXPECT_THAT(child.printed, testing::Not(HasSubstr("Got EOF")));
 }
 
-TEST(ForwarderProcessTest, EndsWhileItListens) {
+TEST(ForwarderProcessTest, EndsAtTheEndOfInputWhileListening) {
     const ChildResult child = runWith({}, "start addr ::1 port 0\nstart addr 127.0.0.1 port 0\n");
     EXPECT_EQ(child.exitCode, 0);
     EXPECT_THAT(child.printed, HasSubstr("info Vesk started on port 0 address ::1\n"));
 }
 
-TEST(ForwarderProcessTest, ReportsThatThereAreNoDescriptors) {
+TEST(ForwarderProcessTest, ReportsAShortageOfDescriptors) {
     const ChildResult child = runWith({}, "", [] {
-        // See DescriptorShortage: the sanitizers know this type from here on.
+        // See DescriptorShortage: the sanitizers must have seen this type before.
         std::make_shared<ForwarderContext>(2).reset();
         static const DescriptorShortage shortage(0);
     });
@@ -116,7 +116,7 @@ TEST(ForwarderProcessTest, ReportsThatThereAreNoDescriptors) {
                          "error Failed to create poll socks\n"));
 }
 
-TEST(ForwarderProcessTest, ReportsThatThereAreNoThreads) {
+TEST(ForwarderProcessTest, ReportsAShortageOfThreads) {
     const ChildResult child = runWith({}, "", [] { static const ThreadShortage shortage; });
     EXPECT_THAT(child.printed,
                 EndsWith("error Failed to create Upstream Recv Threads, Error: Resource "
@@ -124,7 +124,7 @@ TEST(ForwarderProcessTest, ReportsThatThereAreNoThreads) {
     EXPECT_NE(child.exitCode, 0);
 }
 
-TEST(ForwarderProcessTest, ContinuesWithoutAReaderOfItsLog) {
+TEST(ForwarderProcessTest, KeepsRunningWhenTheReaderOfItsLogHasGone) {
     const ChildResult child = runWith({}, "bogus\n", [] {
         Pipe log;
         dup2(log.write.get(), STDOUT_FILENO);
@@ -132,12 +132,12 @@ TEST(ForwarderProcessTest, ContinuesWithoutAReaderOfItsLog) {
     EXPECT_EQ(child.exitCode, 0);
 }
 
-TEST(ForwarderProcessTest, KeepsClosedStandardDescriptorsFromItsSockets) {
+TEST(ForwarderProcessTest, NeverGivesClosedStandardDescriptorsToItsSockets) {
     const ChildResult child = runWith({}, "", [] {
         close(STDIN_FILENO);
         close(STDERR_FILENO);
     });
-    // Nothing can be read, which is not an end of input.
+    // Reading fails, which is not the end of input.
     EXPECT_EQ(child.exitCode, 0);
     EXPECT_THAT(child.printed, testing::Not(HasSubstr("Got EOF")));
     EXPECT_THAT(child.printed, HasSubstr("info Created pollLoop thread: "));

@@ -14,12 +14,12 @@ using testing::ElementsAre;
 using testing::IsEmpty;
 using testing::Pair;
 
-TEST(SplitCommandLineTest, TreatsEveryRunOfOtherCharactersAsAWord) {
+TEST(SplitCommandLineTest, SplitsALineIntoWords) {
     EXPECT_THAT(splitCommandLine("start addr 0.0.0.0 port 4500"),
                 ElementsAre("start", "addr", "0.0.0.0", "port", "4500"));
 }
 
-TEST(SplitCommandLineTest, AcceptsAnySeparatorsBetweenWords) {
+TEST(SplitCommandLineTest, AcceptsAnyRunOfSeparators) {
     EXPECT_EQ(splitCommandLine("  start\taddr 0.0.0.0 \n port\r\n4500\r"),
               splitCommandLine("start addr 0.0.0.0 port 4500"));
 }
@@ -40,12 +40,12 @@ TEST(SplitCommandLineTest, TreatsNulAsText) {
                 ElementsAre(std::string("a\0b", 3), "c"));
 }
 
-TEST(SplitCommandLineTest, TreatsQuotesAndEscapesAsText) {
+TEST(SplitCommandLineTest, TreatsQuotesAndBackslashesAsText) {
     EXPECT_THAT(splitCommandLine("set 'a b' \"c\" d\\ e"),
                 ElementsAre("set", "'a", "b'", "\"c\"", "d\\", "e"));
 }
 
-TEST(SplitCommandLineTest, AcceptsAWordOfAnyLength) {
+TEST(SplitCommandLineTest, AcceptsAWordOfAMegabyte) {
     const std::string word(1 << 20, 'x');
     EXPECT_THAT(splitCommandLine(" " + word + " y"), ElementsAre(word, "y"));
 }
@@ -73,7 +73,7 @@ TEST(ParseCommandAttrsTest, KeepsTheFirstValueOfAName) {
     EXPECT_THAT(parse("label a label b"), ElementsAre(Pair("label", "a")));
 }
 
-TEST(ParseCommandAttrsTest, FoldsTheHalvesOfEveryAddress) {
+TEST(ParseCommandAttrsTest, JoinsTheHalvesOfEveryAddress) {
     EXPECT_THAT(parse("down_ip a down_port 1 up_ip b up_port 2 up_src_ip c up_src_port 3 "
                       "up_aux_flow_ip d up_aux_flow_port 4"),
                 ElementsAre(Pair("down_addrinfo", "a|1"), Pair("up_addrinfo", "b|2"),
@@ -85,7 +85,7 @@ TEST(ParseCommandAttrsTest, KeepsTheLastValueOfAHalf) {
                 ElementsAre(Pair("up_addrinfo", "10.0.0.1|4600")));
 }
 
-TEST(ParseCommandAttrsTest, FoldsOneHalfAlone) {
+TEST(ParseCommandAttrsTest, JoinsASingleHalfWithAnEmptyOne) {
     EXPECT_THAT(parse("up_port 4500"), ElementsAre(Pair("up_addrinfo", "|4500")));
     EXPECT_THAT(parse("up_ip 10.0.0.1"), ElementsAre(Pair("up_addrinfo", "10.0.0.1|")));
 }
@@ -97,12 +97,12 @@ TEST(ParseCommandAttrsTest, PrefersAWholeAddressToItsHalves) {
                 ElementsAre(Pair("up_addrinfo", "1.2.3.4|5")));
 }
 
-TEST(ParseCommandAttrsTest, LeavesNamesUnchanged) {
+TEST(ParseCommandAttrsTest, MatchesNamesExactly) {
     EXPECT_THAT(parse("Up_ip a UP_PORT 1"), ElementsAre(Pair("UP_PORT", "1"), Pair("Up_ip", "a")));
     EXPECT_THAT(parse("down_src_ip a"), ElementsAre(Pair("down_src_ip", "a")));
 }
 
-TEST(FindNonEmptyTest, FindsOnlyNamesWithAValue) {
+TEST(FindNonEmptyTest, FindsOnlyNonEmptyValues) {
     const AttributeMap attributes{{"a", "1"}, {"b", ""}};
     ASSERT_NE(findNonEmpty(attributes, "a"), nullptr);
     EXPECT_EQ(*findNonEmpty(attributes, "a"), "1");
@@ -110,7 +110,7 @@ TEST(FindNonEmptyTest, FindsOnlyNamesWithAValue) {
     EXPECT_EQ(findNonEmpty(attributes, "c"), nullptr);
 }
 
-TEST(DescribeLeftoverTest, NamesTheFirstWordLeft) {
+TEST(DescribeLeftoverTest, ReportsTheNameThatLacksAValue) {
     EXPECT_EQ(printedBy([] {
                   EXPECT_FALSE(consumedWhole({"port", "x"}, "setLogParams"));
               }),

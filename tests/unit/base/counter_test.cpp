@@ -24,7 +24,7 @@ TEST(CounterTest, IsSixtyFourBitsWide) {
     EXPECT_EQ(counter.value(), std::uint64_t{1} << 32);
 }
 
-TEST(CounterTest, MayBeReadWhileItIsCounted) {
+TEST(CounterTest, CanBeReadWhileAnotherThreadCounts) {
     constexpr std::uint64_t total = 100000;
     Counter counter;
     std::thread counting([&counter] {

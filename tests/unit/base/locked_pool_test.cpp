@@ -10,7 +10,7 @@
 namespace vesk {
 namespace {
 
-/// Counts what the pool takes from the system.
+/// Counts the bytes that the pool takes from the system.
 class CountingResource : public std::pmr::memory_resource {
  public:
     std::size_t taken() const { return taken_; }
@@ -60,7 +60,7 @@ TEST(LockedPoolTest, ReusesTheMemoryOfAThreadThatHasEnded) {
     EXPECT_EQ(system.taken(), taken);
 }
 
-TEST(LockedPoolTest, MayBeUsedByTwoThreadsAtOnce) {
+TEST(LockedPoolTest, CanBeUsedByTwoThreadsAtOnce) {
     CountingResource system;
     LockedPool pool(&system);
     std::thread other([&] {

@@ -12,7 +12,7 @@
 namespace vesk {
 namespace {
 
-TEST(NonBlockingTest, SocketIsMadeNonBlockingOnceAndForAll) {
+TEST(NonBlockingTest, MakesASocketNonBlockingAndCanBeRepeated) {
     const UniqueFd ipv4(socket(AF_INET, SOCK_DGRAM, 0));
     const int before = fcntl(ipv4.get(), F_GETFL);
     EXPECT_EQ(before & O_NONBLOCK, 0);
@@ -22,7 +22,7 @@ TEST(NonBlockingTest, SocketIsMadeNonBlockingOnceAndForAll) {
     }
 }
 
-TEST(NonBlockingTest, WhatIsNoSocketCannotBeMadeNonBlocking) {
+TEST(NonBlockingTest, FailsSilentlyForAnInvalidDescriptor) {
     EXPECT_EQ(printedBy([] { EXPECT_EQ(setNonBlocking(-1), -EBADF); }), "");
 }
 

@@ -53,7 +53,7 @@ INSTANTIATE_TEST_SUITE_P(Texts, RefusedNumberTest,
                          testing::Values("x", "10abc", "45x", "7 ", " ", "0x", "08", "1.5", "1e3",
                                          "--1", "+", "-", "0b1", "99999999999999999999999999"));
 
-TEST_F(ParseNumberTest, RefusesATextWithANulInside) {
+TEST_F(ParseNumberTest, RefusesATextThatContainsANul) {
     EXPECT_EQ(parseUnsigned(std::string("12\0", 3)), std::nullopt);
     EXPECT_EQ(parseUnsigned(std::string("12\0"
                                         "34",
@@ -62,12 +62,12 @@ TEST_F(ParseNumberTest, RefusesATextWithANulInside) {
     EXPECT_EQ(parseSigned(std::string("\0", 1)), std::nullopt);
 }
 
-TEST_F(ParseNumberTest, RefusesNumbersOutOfRange) {
+TEST_F(ParseNumberTest, RefusesANumberAboveTheRange) {
     EXPECT_EQ(parseUnsigned("18446744073709551616"), std::nullopt);
     EXPECT_EQ(parseSigned("9223372036854775808"), std::nullopt);
 }
 
-TEST_F(ParseNumberTest, RefusesTheGreatestNumberWhileErrnoIsERANGE) {
+TEST_F(ParseNumberTest, RefusesTheLargestNumberWhileErrnoIsErange) {
     errno = ERANGE;
     EXPECT_EQ(parseUnsigned("18446744073709551615"), std::nullopt);
     errno = ERANGE;
@@ -84,7 +84,7 @@ TEST_F(ParseNumberTest, LeavesErrnoUnchanged) {
     EXPECT_EQ(parseUnsigned("18446744073709551615"), largestUnsigned);
 }
 
-TEST_F(ParseNumberTest, RefusesNumbersOverThirtyTwoBits) {
+TEST_F(ParseNumberTest, RefusesANumberAboveThirtyTwoBits) {
     EXPECT_EQ(parseUnsigned32("4294967295"), 4294967295U);
     EXPECT_EQ(parseUnsigned32("4294967296"), std::nullopt);
     EXPECT_EQ(parseUnsigned32("-1"), std::nullopt);
@@ -101,7 +101,7 @@ TEST_F(ParseNumberTest, ReadsSignedNumbers) {
     EXPECT_EQ(parseSigned("9223372036854775807"), std::numeric_limits<std::int64_t>::max());
 }
 
-TEST_F(ParseNumberTest, ReadsASignedNumberBelowTheRangeAsTheMinimum) {
+TEST_F(ParseNumberTest, ReadsASignedNumberBelowTheRangeAsTheSmallest) {
     EXPECT_EQ(parseSigned("-9223372036854775809"), std::numeric_limits<std::int64_t>::min());
 }
 

@@ -28,7 +28,7 @@ TEST(SocketAddressTest, DiffersInBytesAndInLength) {
     EXPECT_FALSE(address == SocketAddress());
 }
 
-TEST(SocketAddressTest, GivesTheBytesAsTheKernelHasThem) {
+TEST(SocketAddressTest, ReturnsTheBytesInTheKernelsLayout) {
     const SocketAddress address = ipv4("1.2.3.4", 0x0506);
     const auto bytes = address.bytes();
     ASSERT_EQ(bytes.size(), 16U);
@@ -36,7 +36,7 @@ TEST(SocketAddressTest, GivesTheBytesAsTheKernelHasThem) {
     EXPECT_THAT(portAndAddress, testing::ElementsAre(5, 6, 1, 2, 3, 4));
 }
 
-TEST(WithPortTest, ReplacesThePortAndNothingElse) {
+TEST(WithPortTest, ReplacesOnlyThePort) {
     EXPECT_EQ(withPort(ipv4("127.0.0.1", 1), 4500), ipv4("127.0.0.1", 4500));
     EXPECT_EQ(withPort(ipv6("::1", 1), 4500), ipv6("::1", 4500));
     EXPECT_EQ(withPort(ipv4("127.0.0.1", 1), 0), ipv4("127.0.0.1", 0));

@@ -11,7 +11,7 @@
 namespace vesk {
 namespace {
 
-TEST(MutexTest, LetsOneThreadInAtATime) {
+TEST(MutexTest, AdmitsOneThreadAtATime) {
     constexpr int each = 20000;
     Mutex mutex;
     int count = 0;
@@ -27,14 +27,14 @@ TEST(MutexTest, LetsOneThreadInAtATime) {
     EXPECT_EQ(count, 2 * each);
 }
 
-TEST(RwLockTest, LetsReadersShare) {
+TEST(RwLockTest, AdmitsSeveralReadersAtOnce) {
     RwLock lock;
     const ReadLock mine(lock);
     std::thread other([&lock] { const ReadLock theirs(lock); });
     other.join();
 }
 
-TEST(RwLockTest, ExcludesReadersWhileAWriterHoldsIt) {
+TEST(RwLockTest, AdmitsAWriterAlone) {
     RwLock lock;
     int value = 0;
     ThreadMark reader;
@@ -52,7 +52,7 @@ TEST(RwLockTest, ExcludesReadersWhileAWriterHoldsIt) {
     other.join();
 }
 
-TEST(RwLockTest, PrefersAWaitingWriterToNewReaders) {
+TEST(RwLockTest, AdmitsAWaitingWriterBeforeNewReaders) {
     RwLock lock;
     Mutex orderLock;
     std::string order;
@@ -77,7 +77,7 @@ TEST(RwLockTest, PrefersAWaitingWriterToNewReaders) {
             const ReadLock theirs(lock);
             note('r');
         });
-        // Given the lock at once, the reader would have finished here instead.
+        // If the reader got the lock at once, it would end here instead of blocking.
         ASSERT_TRUE(readerMark.eventuallyBlocks());
     }
     writer.join();
@@ -97,13 +97,13 @@ TEST(WakeUpTest, WakesAWaitingThread) {
     waiter.join();
 }
 
-TEST(WakeUpTest, KeepsAPostThatNobodyWaitedFor) {
+TEST(WakeUpTest, KeepsAPostUntilAThreadWaits) {
     WakeUp wakeUp;
     wakeUp.post();
     wakeUp.wait();
 }
 
-TEST(WakeUpTest, MayBeCancelledWhileWaiting) {
+TEST(WakeUpTest, CanBeCancelledWhileWaiting) {
     WakeUp wakeUp;
     ThreadMark waiting;
     CancellableThread waiter;

@@ -70,7 +70,7 @@ TEST_F(CancellableThreadTest, CannotBeCancelledOutsideAScope) {
     ASSERT_EQ(thread.start([&] {
         mark.set();
         char byte = 0;
-        // A cancellation point: with cancellation on it would not come back.
+        // A cancellation point: with cancellation enabled the thread would end here.
         EXPECT_EQ(read(pipe.read.get(), &byte, 1), 1);
         finished = true;
     }),
@@ -108,7 +108,7 @@ TEST_F(CancellableThreadTest, RunsDestructorsOfACancelledBody) {
     EXPECT_TRUE(destroyed);
 }
 
-TEST_F(CancellableThreadTest, EndsABusyThreadAtItsCancellationPoint) {
+TEST_F(CancellableThreadTest, EndsABusyThreadWhereItChecksForCancellation) {
     std::atomic<int> passes{0};
     ASSERT_EQ(thread.start([&passes] {
         while (true) {
@@ -121,22 +121,22 @@ TEST_F(CancellableThreadTest, EndsABusyThreadAtItsCancellationPoint) {
     EXPECT_EQ(thread.stop(), 0);
 }
 
-TEST_F(CancellableThreadTest, ReportsSilentlyThatNothingRuns) {
+TEST_F(CancellableThreadTest, StopWithoutAThreadFailsSilently) {
     EXPECT_EQ(printedBy([this] { EXPECT_EQ(thread.stop(), ESRCH); }), "");
 }
 
-TEST_F(CancellableThreadTest, ReportsTheSecondStopLikeOneOfAThreadNeverStarted) {
+TEST_F(CancellableThreadTest, SecondStopFailsSilently) {
     ASSERT_EQ(thread.start(waitForCancellation), 0);
     EXPECT_EQ(thread.stop(), 0);
     EXPECT_EQ(printedBy([this] { EXPECT_EQ(thread.stop(), ESRCH); }), "");
 }
 
-TEST_F(CancellableThreadTest, JoinsAThreadThatEndedByItselfSilently) {
+TEST_F(CancellableThreadTest, StopJoinsAThreadThatEndedByItselfSilently) {
     ThreadMark mark;
     ASSERT_EQ(thread.start([&mark] { mark.set(); }), 0);
     ASSERT_TRUE(mark.eventuallyEnds());
-    // What pthread_cancel says of a thread that has ended but was not joined differs between
-    // versions of the C library.
+    // The result of pthread_cancel for a thread that has ended but was not joined differs
+    // between versions of the C library.
     EXPECT_EQ(printedBy([this] {
                   const int result = thread.stop();
                   EXPECT_TRUE(result == 0 || result == ESRCH) << result;
@@ -164,14 +164,14 @@ TEST_F(CancellableThreadTest, StopsInItsDestructor) {
     EXPECT_EQ(held.use_count(), 1);
 }
 
-TEST_F(CancellableThreadTest, MayBeStartedAgain) {
+TEST_F(CancellableThreadTest, CanBeStartedAgain) {
     for (int round = 0; round < 3; ++round) {
         ASSERT_EQ(thread.start(waitForCancellation), 0);
         EXPECT_EQ(thread.stop(), 0);
     }
 }
 
-TEST_F(CancellableThreadTest, RunsNothingIfNoThreadCanBeStarted) {
+TEST_F(CancellableThreadTest, ReleasesItsBodyWhenTheThreadCannotBeCreated) {
     const auto held = std::make_shared<int>(1);
     int error = 0;
     int errnoAfter = 0;
@@ -192,7 +192,7 @@ TEST_F(CancellableThreadTest, RunsNothingIfNoThreadCanBeStarted) {
 const std::string notCancelled =
     "error Failed pthread_cancel: error Resource temporarily unavailable\n";
 
-/// A thread that waits in what it owns, and cannot be cancelled. Made in a child.
+/// A thread that reads from a pipe it owns and cannot be cancelled. To be made in a child process.
 struct ThreadLeftRunning {
     struct Used {
         Pipe pipe;
@@ -245,7 +245,7 @@ TEST(ThreadLeftRunningTest, IsNotStoppedASecondTime) {
     EXPECT_EQ(child.printed, notCancelled);
 }
 
-TEST(ThreadLeftRunningTest, KeepsWhatItsBodyOwnsAfterItsHandleIsGone) {
+TEST(ThreadLeftRunningTest, KeepsTheObjectsOfItsBodyAfterItsHandleIsDestroyed) {
     const ChildResult child = runInChild([] {
         ThreadLeftRunning left;
         left.thread.reset();
@@ -256,7 +256,7 @@ TEST(ThreadLeftRunningTest, KeepsWhatItsBodyOwnsAfterItsHandleIsGone) {
     EXPECT_EQ(child.printed, notCancelled);
 }
 
-TEST(CancellationScopeTest, SwitchesCancellationOffAgain) {
+TEST(CancellationScopeTest, DisablesCancellationAtItsEnd) {
     CancellableThread thread;
     std::atomic<int> stateInside{-1};
     std::atomic<int> stateAfter{-1};

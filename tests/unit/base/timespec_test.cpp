@@ -13,7 +13,7 @@ TEST(TimespecTest, SplitsADurationIntoSecondsAndNanoseconds) {
     EXPECT_EQ(time.tv_nsec, 5);
 }
 
-TEST(TimespecTest, GivesTheDurationBack) {
+TEST(TimespecTest, ConvertsBackToTheSameDuration) {
     for (const std::chrono::nanoseconds duration :
          {0ns, 1ns, 999999999ns, 1000000000ns, 61000000001ns}) {
         EXPECT_EQ(toDuration(toTimespec(duration)), duration);

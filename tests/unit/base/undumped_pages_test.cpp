@@ -13,7 +13,7 @@
 namespace vesk {
 namespace {
 
-/// The kernel's two-letter flags of the mapping that holds the address; empty where none does.
+/// The kernel's two-letter flags of the mapping that contains the address; empty if there is none.
 std::string flagsOf(const void* place) {
     const auto address = reinterpret_cast<std::uintptr_t>(place);
     std::ifstream file("/proc/self/smaps");
@@ -32,7 +32,7 @@ std::string flagsOf(const void* place) {
     return {};
 }
 
-TEST(UndumpedPagesTest, AreLeftOutOfACoreFile) {
+TEST(UndumpedPagesTest, AreExcludedFromCoreFiles) {
     UndumpedPages pages;
     constexpr std::size_t pageBytes = 10000;
     auto* const memory = static_cast<char*>(pages.allocate(pageBytes));
@@ -42,7 +42,7 @@ TEST(UndumpedPagesTest, AreLeftOutOfACoreFile) {
     pages.deallocate(memory, pageBytes);
 }
 
-TEST(UndumpedPagesTest, AreReturnedToTheSystem) {
+TEST(UndumpedPagesTest, AreUnmappedWhenDeallocated) {
     UndumpedPages pages;
     void* const memory = pages.allocate(1);
     EXPECT_NE(flagsOf(memory), "");
@@ -50,13 +50,13 @@ TEST(UndumpedPagesTest, AreReturnedToTheSystem) {
     EXPECT_EQ(flagsOf(memory), "");
 }
 
-TEST(UndumpedPagesTest, ReportAnAllocationFailure) {
+TEST(UndumpedPagesTest, ThrowBadAllocWhenMemoryIsShort) {
     UndumpedPages pages;
     EXPECT_THROW(static_cast<void>(pages.allocate(std::numeric_limits<std::ptrdiff_t>::max())),
                  std::bad_alloc);
 }
 
-TEST(UndumpedPagesTest, MayBeFreedByAnotherResourceOfTheirKind) {
+TEST(UndumpedPagesTest, CanBeFreedByAnotherResourceOfTheSameType) {
     const UndumpedPages pages;
     const UndumpedPages others;
     EXPECT_TRUE(pages.is_equal(others));

@@ -21,13 +21,13 @@ int openAny() {
 
 class UniqueFdTest : public DescriptorCountingTest {};
 
-TEST_F(UniqueFdTest, HoldsNothingAtFirst) {
+TEST_F(UniqueFdTest, HoldsNothingByDefault) {
     const UniqueFd fd;
     EXPECT_EQ(fd.get(), -1);
     EXPECT_FALSE(fd);
 }
 
-TEST_F(UniqueFdTest, ClosesItsDescriptorOnDestruction) {
+TEST_F(UniqueFdTest, ClosesItsDescriptorInItsDestructor) {
     int number = -1;
     {
         const UniqueFd fd(openAny());
@@ -48,12 +48,12 @@ TEST_F(UniqueFdTest, MovesWithoutClosing) {
     UniqueFd from(openAny());
     const int number = from.get();
     UniqueFd to(std::move(from));
-    EXPECT_EQ(from.get(), -1);  // NOLINT(bugprone-use-after-move): what is left is what is tested
+    EXPECT_EQ(from.get(), -1);  // NOLINT(bugprone-use-after-move): the moved-from state is tested
     EXPECT_EQ(to.get(), number);
     EXPECT_TRUE(isOpen(number));
 }
 
-TEST_F(UniqueFdTest, ClosesTheOldOneWhenANewOneIsAssigned) {
+TEST_F(UniqueFdTest, ClosesTheOldDescriptorOnAssignment) {
     UniqueFd first(openAny());
     UniqueFd second(openAny());
     const int old = first.get();
@@ -64,7 +64,7 @@ TEST_F(UniqueFdTest, ClosesTheOldOneWhenANewOneIsAssigned) {
     EXPECT_TRUE(isOpen(kept));
 }
 
-TEST_F(UniqueFdTest, SurvivesBeingAssignedToItself) {
+TEST_F(UniqueFdTest, KeepsItsDescriptorOnSelfAssignment) {
     UniqueFd fd(openAny());
     const int number = fd.get();
     UniqueFd& same = fd;
@@ -88,7 +88,7 @@ TEST_F(UniqueFdTest, ClosesOnReset) {
     EXPECT_FALSE(fd);
 }
 
-TEST_F(UniqueFdTest, KeepsADescriptorThatItIsResetTo) {
+TEST_F(UniqueFdTest, KeepsItsDescriptorWhenResetToTheSameOne) {
     UniqueFd fd(openAny());
     fd.reset(fd.get());
     EXPECT_TRUE(isOpen(fd.get()));

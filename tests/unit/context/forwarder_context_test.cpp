@@ -10,17 +10,17 @@
 namespace vesk {
 namespace {
 
-TEST(ForwarderContextTest, IsMadeForOneFramingVersion) {
+TEST(ForwarderContextTest, UsesTheFramingVersionItIsGiven) {
     EXPECT_EQ(ForwarderContext(1).framing.version, 1U);
     EXPECT_EQ(ForwarderContext(2).framing.version, 2U);
 }
 
-TEST(ForwarderContextTest, LeavesTheSourceToTheKernelUnlessItIsTold) {
+TEST(ForwarderContextTest, LeavesTheSourceToTheKernelByDefault) {
     EXPECT_EQ(ForwarderContext(2).ipv4Source, Ipv4Source::kernel);
     EXPECT_EQ(ForwarderContext(2, Ipv4Source::arrival).ipv4Source, Ipv4Source::arrival);
 }
 
-TEST(ForwarderContextTest, HoldsNothingButItsTables) {
+TEST(ForwarderContextTest, StartsWithEmptyTablesOnly) {
     const auto context = std::make_shared<ForwarderContext>(2);
     ASSERT_NE(context->endpointManager, nullptr);
     EXPECT_TRUE(context->endpointManager->endpoints().empty());

@@ -8,7 +8,7 @@
 namespace vesk {
 namespace {
 
-TEST(LateralPeersTest, GivesAPeersAddressWithThePortAskedFor) {
+TEST(LateralPeersTest, ReturnsThePeersAddressWithTheRequestedPort) {
     LateralPeers peers;
     peers.set(2, IPAddrInfo("127.0.0.1", 8445));
     peers.set(3, IPAddrInfo("::1", 8445));
@@ -32,7 +32,7 @@ TEST(LateralPeersTest, ReplacesAPeer) {
     EXPECT_EQ(peers.find(2, 1), IPAddrInfo("127.0.0.2", 1).socketAddress());
 }
 
-TEST(LateralPeersTest, MayBeAddedWhileOthersLookThemUp) {
+TEST(LateralPeersTest, CanBeAddedWhileAnotherThreadLooksThemUp) {
     LateralPeers peers;
     std::atomic<bool> done{false};
     std::thread reader([&] {
@@ -48,7 +48,7 @@ TEST(LateralPeersTest, MayBeAddedWhileOthersLookThemUp) {
     EXPECT_TRUE(peers.find(999, 1).has_value());
 }
 
-TEST(LateralStreamTest, DoesNotRunAtFirst) {
+TEST(LateralStreamTest, IsNotRunningByDefault) {
     const LateralStream lateral;
     EXPECT_FALSE(lateral.running);
     EXPECT_EQ(lateral.port, 0U);

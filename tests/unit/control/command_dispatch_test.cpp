@@ -21,7 +21,7 @@ class CommandDispatchTest : public ForwarderTest {
     }
 };
 
-TEST_F(CommandDispatchTest, KnowsEightCommands) {
+TEST_F(CommandDispatchTest, HasEightCommands) {
     std::vector<std::string_view> words;
     for (const auto& [word, handler] : commandTable()) {
         words.push_back(word);
@@ -38,7 +38,7 @@ struct CommandCase {
 class EveryCommandTest : public CommandDispatchTest,
                          public testing::WithParamInterface<CommandCase> {};
 
-TEST_P(EveryCommandTest, ReachesItsHandler) {
+TEST_P(EveryCommandTest, CallsItsHandler) {
     EXPECT_EQ(dispatch(GetParam().line), GetParam().printed);
 }
 
@@ -59,18 +59,18 @@ INSTANTIATE_TEST_SUITE_P(
                     "error startLateralStream: bad command, no peers configured\n"},
         CommandCase{"stop", ""}));
 
-TEST_F(CommandDispatchTest, ReachesTheReport) {
+TEST_F(CommandDispatchTest, StatsPrintsTheReport) {
     EXPECT_THAT(dispatch("stats"), testing::StartsWith("info \nPoll stats:\n"));
 }
 
-TEST_F(CommandDispatchTest, PassesTheWordsAfterTheCommandOn) {
+TEST_F(CommandDispatchTest, PassesTheWordsAfterTheCommandToTheHandler) {
     dispatch(" \tlog  priority warn\r");
     EXPECT_FALSE(logEnabled(LogLevel::info));
     dispatch("log priority info");
     EXPECT_TRUE(logEnabled(LogLevel::info));
 }
 
-TEST_F(CommandDispatchTest, ReportsUnknownWords) {
+TEST_F(CommandDispatchTest, ReportsUnknownCommands) {
     EXPECT_EQ(dispatch("Start addr 0.0.0.0 port 4500"), "error Unrecognised command 'Start'\n\n");
     EXPECT_EQ(dispatch("lo"), "error Unrecognised command 'lo'\n\n");
     EXPECT_EQ(dispatch("log\v"), "error Unrecognised command 'log\v'\n\n");
@@ -83,7 +83,7 @@ TEST_F(CommandDispatchTest, DoesNothingForABlankLine) {
     EXPECT_EQ(dispatch(" \t\r"), "");
 }
 
-TEST_F(CommandDispatchTest, LogsEveryLineUnchanged) {
+TEST_F(CommandDispatchTest, LogsEveryLineUnchangedAtDebugLevel) {
     const AtLogLevel level("debug");
     EXPECT_EQ(dispatch(""), "debug Got message: \n");
     EXPECT_EQ(dispatch("  stop  now "), "debug Got message:   stop  now \n");

@@ -23,7 +23,7 @@ using File = std::unique_ptr<std::FILE, decltype(&std::fclose)>;
 
 const char* const endOfInput = "info cltMessageLoop: Got EOF, exiting...\n\n";
 
-/// An input that gives `text` and then an end or an error.
+/// An input that yields `text`, then the end of input or a read error.
 struct ScriptedInput {
     std::string text;
     bool failsAtTheEnd = false;
@@ -40,7 +40,7 @@ struct ScriptedInput {
 
 class CommandLoopTest : public testing::Test {
  protected:
-    /// Runs the loop over the input; the lines are collected, what is printed is returned.
+    /// Runs the loop over the input, collects the lines and returns what is printed.
     std::string run(std::FILE* input) {
         return printedBy([&] {
             EXPECT_EQ(
@@ -63,12 +63,12 @@ TEST_F(CommandLoopTest, PassesEveryLineOnWithoutItsNewline) {
     EXPECT_THAT(lines, ElementsAre("one", "two words", "", " three "));
 }
 
-TEST_F(CommandLoopTest, EndsWithoutAnyInput) {
+TEST_F(CommandLoopTest, EndsOnEmptyInput) {
     EXPECT_EQ(run(""), endOfInput);
     EXPECT_THAT(lines, IsEmpty());
 }
 
-TEST_F(CommandLoopTest, ExecutesALastLineWithoutANewline) {
+TEST_F(CommandLoopTest, PassesOnALastLineWithoutANewline) {
     EXPECT_EQ(run("one\ntwo"), endOfInput);
     EXPECT_THAT(lines, ElementsAre("one", "two"));
 }
@@ -90,12 +90,12 @@ TEST_F(CommandLoopTest, EndsSilentlyAfterAReadError) {
     EXPECT_THAT(lines, ElementsAre("one"));
 }
 
-TEST_F(CommandLoopTest, DropsALineThatAReadErrorCutsOff) {
+TEST_F(CommandLoopTest, DropsALineCutOffByAReadError) {
     EXPECT_EQ(run("one\ndel label 1", true), "");
     EXPECT_THAT(lines, ElementsAre("one"));
 }
 
-TEST_F(CommandLoopTest, EndsWhereThereIsNothingToRead) {
+TEST_F(CommandLoopTest, EndsSilentlyWhenTheInputCannotBeRead) {
     const File directory(fdopen(open("/", O_RDONLY), "r"), &std::fclose);
     ASSERT_NE(directory, nullptr);
     EXPECT_EQ(run(directory.get()), "");

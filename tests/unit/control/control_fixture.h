@@ -1,4 +1,4 @@
-// A forwarder whose commands are carried out by calling their handlers.
+// A forwarder whose commands are executed by calling their handlers.
 #pragma once
 
 #include <string>
@@ -9,10 +9,10 @@ namespace vesk {
 
 class ControlTest : public ForwarderTest {
  protected:
-    /// Ends what the commands have started.
+    /// Ends the threads that the commands have started.
     void TearDown() override;
 
-    /// Runs a command that has to fail with this line and nothing else.
+    /// Runs a command and expects it to fail and to print exactly `line`.
     void expectRefused(Handler handler, const std::string& words, const std::string& line);
 };
 

@@ -1,4 +1,4 @@
-// Each test runs in a process of its own: what is switched on in the library stays on.
+// Each test runs in its own process: a mode that is enabled in the library stays enabled.
 
 #include "control/crypto_provider.h"
 
@@ -29,7 +29,7 @@ const std::string required = "info OpenSSL FIPS mode activation is required.\n";
 const std::string activated = "info OpenSSL FIPS mode has been activated.\n";
 const std::string initiallyActive = "info Initial OpenSSL FIPS mode is active.\n";
 
-/// A provider that is there and offers nothing.
+/// A provider that exists and offers no algorithms.
 int initEmptyProvider(const OSSL_CORE_HANDLE*, const OSSL_DISPATCH*, const OSSL_DISPATCH** out,
                       void** context) {
     static const std::array<OSSL_DISPATCH, 1> nothing{};
@@ -38,7 +38,7 @@ int initEmptyProvider(const OSSL_CORE_HANDLE*, const OSSL_DISPATCH*, const OSSL_
     return 1;
 }
 
-/// Makes a provider of this name available, as a host's configuration would.
+/// Makes a provider of this name available, as the configuration of a host would.
 void provide(const char* name) {
     OSSL_PROVIDER_add_builtin(nullptr, name, initEmptyProvider);
     if (OSSL_PROVIDER_load(nullptr, "default") == nullptr ||
@@ -54,12 +54,12 @@ class CryptoProviderTest : public testing::Test {
  protected:
     void SetUp() override {
         if (OSSL_PROVIDER_available(nullptr, "fips") == 1) {
-            GTEST_SKIP() << "this host's libcrypto comes with FIPS mode";
+            GTEST_SKIP() << "this host's libcrypto has a FIPS provider";
         }
     }
 
-    /// Prepares a process and asks for the mode in it. Its exit code is the flag afterwards, with
-    /// `failed` added where the call failed.
+    /// Prepares a child process and calls initFipsMode() there. The exit code is the flag
+    /// afterwards, plus `failed` if the call failed.
     static ChildResult initAfter(const std::function<void()>& prepare) {
         return runInChild([&] {
             unsetenv(primaryVariable);
@@ -78,7 +78,7 @@ TEST_F(CryptoProviderTest, IsNotRequiredByDefault) {
     EXPECT_EQ(child.printed, inactive + notRequired);
 }
 
-TEST_F(CryptoProviderTest, DoesWithoutTheFlag) {
+TEST_F(CryptoProviderTest, WorksWithoutTheFlag) {
     const ChildResult child = runInChild([] {
         unsetenv(primaryVariable);
         unsetenv(secondaryVariable);
@@ -87,7 +87,7 @@ TEST_F(CryptoProviderTest, DoesWithoutTheFlag) {
     EXPECT_EQ(child.exitCode, 0);
 }
 
-TEST_F(CryptoProviderTest, FailsIfRequiredButMissing) {
+TEST_F(CryptoProviderTest, FailsWhenRequiredButMissing) {
     for (const char* variable : {primaryVariable, secondaryVariable}) {
         for (const char* value : {"", "0", "1"}) {
             const ChildResult child = initAfter([&] { setenv(variable, value, 1); });
@@ -99,7 +99,7 @@ TEST_F(CryptoProviderTest, FailsIfRequiredButMissing) {
     }
 }
 
-TEST_F(CryptoProviderTest, IsActivatedIfRequired) {
+TEST_F(CryptoProviderTest, IsActivatedWhenRequired) {
     for (const char* variable : {primaryVariable, secondaryVariable}) {
         const ChildResult child = initAfter([&] {
             setenv(variable, "", 1);
@@ -110,13 +110,13 @@ TEST_F(CryptoProviderTest, IsActivatedIfRequired) {
     }
 }
 
-TEST_F(CryptoProviderTest, IsNotActivatedIfNotRequired) {
+TEST_F(CryptoProviderTest, StaysInactiveWhenNotRequired) {
     const ChildResult child = initAfter([] { provide("fips"); });
     EXPECT_EQ(child.exitCode, 0);
     EXPECT_EQ(child.printed, inactive + notRequired);
 }
 
-TEST_F(CryptoProviderTest, IsFoundActive) {
+TEST_F(CryptoProviderTest, ReportsThatItIsAlreadyActive) {
     const ChildResult child = initAfter([] {
         setenv(primaryVariable, "", 1);
         provide("fips");
@@ -127,7 +127,7 @@ TEST_F(CryptoProviderTest, IsFoundActive) {
     EXPECT_EQ(child.printed, initiallyActive);
 }
 
-TEST_F(CryptoProviderTest, IsNotActiveWithoutItsSourceOfRandomNumbers) {
+TEST_F(CryptoProviderTest, IsActivatedAgainWithoutItsRandomNumberProvider) {
     const ChildResult child = initAfter([] {
         setenv(primaryVariable, "", 1);
         provide("fips");
@@ -137,11 +137,11 @@ TEST_F(CryptoProviderTest, IsNotActiveWithoutItsSourceOfRandomNumbers) {
     EXPECT_EQ(child.printed, inactive + required + activated);
 }
 
-TEST_F(CryptoProviderTest, FailsIfTheSeedSourceCannotBeChosen) {
+TEST_F(CryptoProviderTest, FailsWhenTheSeedSourceCanNoLongerBeChanged) {
     const ChildResult child = initAfter([] {
         setenv(primaryVariable, "", 1);
         provide("fips");
-        // From the first random byte on the source stands.
+        // The source of random numbers is fixed once the first byte is drawn.
         unsigned char byte = 0;
         RAND_bytes(&byte, 1);
     });
@@ -151,7 +151,7 @@ TEST_F(CryptoProviderTest, FailsIfTheSeedSourceCannotBeChosen) {
                                                      "error:[0-9A-F]*[1-9A-F][0-9A-F]*:.*\n"));
 }
 
-TEST_F(CryptoProviderTest, DecidesTheSameAtEveryLevel) {
+TEST_F(CryptoProviderTest, IsActivatedAtEveryLogLevel) {
     const ChildResult child = initAfter([] {
         setenv(primaryVariable, "", 1);
         provide("fips");
@@ -161,7 +161,7 @@ TEST_F(CryptoProviderTest, DecidesTheSameAtEveryLevel) {
     EXPECT_EQ(child.printed, "");
 }
 
-TEST(LoadDigestsTest, LogsNothing) {
+TEST(LoadDigestsTest, PrintsNothing) {
     const ChildResult child = runInChild([] {
         loadDigests();
         return 0;

@@ -29,7 +29,7 @@ class ForwarderCommandsTest : public ControlTest {
     }
     std::string stop() { return run(stopForwarder, "").printed; }
 
-    /// Whether somebody listens on the port.
+    /// Whether a socket is bound to the port.
     static bool isTaken(std::uint16_t port) {
         const UniqueFd fd(socket(AF_INET, SOCK_DGRAM, 0));
         const IPAddrInfo address("127.0.0.1", port);
@@ -40,7 +40,7 @@ class ForwarderCommandsTest : public ControlTest {
 const std::string refusal = "error startForwarder: bad command, ";
 const std::string unavailable = "Resource temporarily unavailable";
 
-TEST_F(ForwarderCommandsTest, StartNeedsAnAddressFirstAndThenAPort) {
+TEST_F(ForwarderCommandsTest, StartChecksForAnAddressAndThenForAPort) {
     const std::string missingAddress = refusal + "missing or empty 'addr' attr\n";
     expectRefused(startForwarder, "", missingAddress);
     expectRefused(startForwarder, "port 4500", missingAddress);
@@ -79,7 +79,7 @@ TEST_F(ForwarderCommandsTest, StartListens) {
     EXPECT_TRUE(eventually([&] { return endpoint->counters.rxDgError.value() == 1; }));
 }
 
-TEST_F(ForwarderCommandsTest, StartTakesAPortOfAnyBase) {
+TEST_F(ForwarderCommandsTest, StartAcceptsAPortInAnyBase) {
     const std::uint16_t port = freePort();
     std::ostringstream hexadecimal;
     hexadecimal << "0x" << std::hex << port;
@@ -89,7 +89,7 @@ TEST_F(ForwarderCommandsTest, StartTakesAPortOfAnyBase) {
                                           " address 127.0.0.1\n"));
 }
 
-TEST_F(ForwarderCommandsTest, StartReportsSuccessEvenIfItFails) {
+TEST_F(ForwarderCommandsTest, FailedStartStillLogsThatItStarted) {
     const UdpSocket occupied;
     const Outcome outcome = startOn(occupied.port());
     EXPECT_FALSE(outcome.succeeded);
@@ -115,7 +115,7 @@ TEST_F(ForwarderCommandsTest, StartPropagatesAResolverFailure) {
     EXPECT_EQ(context->downstreamEndpoint.load(), nullptr);
 }
 
-TEST_F(ForwarderCommandsTest, StartKeepsTheEndpointIfItsThreadFailsToStart) {
+TEST_F(ForwarderCommandsTest, StartKeepsTheEndpointWhenItsThreadCannotBeCreated) {
     const std::uint16_t port = freePort();
     Outcome outcome;
     {
@@ -127,7 +127,7 @@ TEST_F(ForwarderCommandsTest, StartKeepsTheEndpointIfItsThreadFailsToStart) {
                                           unavailable + "\ninfo Vesk started on port " +
                                           std::to_string(port) + " address 127.0.0.1\n"));
     EXPECT_NE(context->downstreamEndpoint.load(), nullptr);
-    // Another attempt on the same port finds it free.
+    // A second attempt on the same port succeeds.
     EXPECT_TRUE(startOn(port).succeeded);
 }
 
@@ -153,7 +153,7 @@ TEST_F(ForwarderCommandsTest, StopEndsTheThreadAndClosesTheSocket) {
     EXPECT_EQ(context.use_count(), 1);
 }
 
-TEST_F(ForwarderCommandsTest, StopWithNothingRunningLogsNothing) {
+TEST_F(ForwarderCommandsTest, StopIsSilentWhenNothingIsRunning) {
     EXPECT_EQ(stop(), "");
     startOn(freePort());
     stop();
@@ -179,10 +179,10 @@ TEST_F(ForwarderCommandsTest, StopKeepsTheEndpointOfAThreadThatCannotBeCancelled
     EXPECT_EQ(child.exitCode, 0) << child.printed;
 }
 
-TEST_F(ForwarderCommandsTest, StopAndStartOnTheSamePortManyTimes) {
+TEST_F(ForwarderCommandsTest, StopAndStartSucceedOnTheSamePortManyTimes) {
     const std::uint16_t port = freePort();
     std::atomic<bool> done{false};
-    // Whoever holds the endpoint to send from it lets go in a moment.
+    // A thread that sends from the endpoint holds it only briefly.
     std::thread sender([&] {
         while (!done) {
             const EndpointPtr endpoint = context->downstreamEndpoint.load();
@@ -196,7 +196,7 @@ TEST_F(ForwarderCommandsTest, StopAndStartOnTheSamePortManyTimes) {
     sender.join();
 }
 
-TEST_F(ForwarderCommandsTest, SecondStartLeavesTheFirstThreadItsEndpoint) {
+TEST_F(ForwarderCommandsTest, SecondStartKeepsTheEndpointOfTheFirstThread) {
     const std::uint16_t firstPort = freePort();
     startOn(firstPort);
     const std::weak_ptr<VeskEndpointDescriptor> first = context->downstreamEndpoint.load();
@@ -214,7 +214,7 @@ TEST_F(ForwarderCommandsTest, SecondStartLeavesTheFirstThreadItsEndpoint) {
     EXPECT_FALSE(isTaken(firstPort));
 }
 
-TEST_F(ForwarderCommandsTest, SecondStartOnTheSamePortFailsAndLeavesTheThread) {
+TEST_F(ForwarderCommandsTest, SecondStartOnTheSamePortFailsAndKeepsTheFirstThread) {
     const std::uint16_t port = freePort();
     startOn(port);
     const Outcome outcome = startOn(port);

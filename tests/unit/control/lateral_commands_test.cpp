@@ -68,12 +68,12 @@ TEST_F(LateralCommandsTest, RefusesABadIndexBeforeTheAddress) {
     EXPECT_TRUE(addPeer("idx 4294967295 addr 127.0.0.1").succeeded);
 }
 
-TEST_F(LateralCommandsTest, PropagatesAResolverFailureOfAPeer) {
+TEST_F(LateralCommandsTest, PropagatesAResolverFailureForAPeer) {
     EXPECT_THROW(addPeer("idx 2 addr fe80::1::2"), std::runtime_error);
     EXPECT_TRUE(context->lateral.peers.empty());
 }
 
-TEST_F(LateralCommandsTest, StartsNothingWithoutPeers) {
+TEST_F(LateralCommandsTest, RefusesToStartWithoutPeers) {
     expectRefused(startLateralStream, "bogus", startRefusal + "no peers configured\n");
     expectRefused(startLateralStream, "addr 127.0.0.1 port 1 idx 0 max_qels 1",
                   startRefusal + "no peers configured\n");
@@ -93,7 +93,7 @@ class LateralStartTest : public LateralCommandsTest {
     }
 };
 
-TEST_F(LateralStartTest, RequiresItsAttributesInOrder) {
+TEST_F(LateralStartTest, ChecksItsAttributesInOrder) {
     expectStartRefused("", "missing or empty 'addr' attr");
     expectStartRefused("port x idx y max_qels z", "missing or empty 'addr' attr");
     expectStartRefused("addr fe80::1::2 idx y max_qels z", "missing or empty 'port' attr");
@@ -105,7 +105,7 @@ TEST_F(LateralStartTest, RequiresItsAttributesInOrder) {
     expectStartRefused("addr 127.0.0.1 port 53 idx 0 max_qels z", "Bad lateral Max Qels valuez");
 }
 
-TEST_F(LateralStartTest, RefusesNumbersBeyondThirtyTwoBits) {
+TEST_F(LateralStartTest, RefusesNumbersAboveThirtyTwoBits) {
     expectStartRefused("addr 127.0.0.1 port 53 idx 4294967296 max_qels 1",
                        "Bad lateral index value4294967296");
     expectStartRefused("addr 127.0.0.1 port 53 idx 0 max_qels 4294967296",
@@ -138,13 +138,13 @@ TEST_F(LateralStartTest, ListensAndKeepsItsSettings) {
     EXPECT_TRUE(eventually([&] { return endpoint->counters.rxDgError.value() == 1; }));
 }
 
-TEST_F(LateralStartTest, AcceptsNoNumberOfInstances) {
+TEST_F(LateralStartTest, AcceptsZeroInstances) {
     EXPECT_TRUE(
         startLateral("addr 127.0.0.1 port " + std::to_string(freePort()) + " idx 0 max_qels 0")
             .succeeded);
 }
 
-TEST_F(LateralStartTest, DrawsANewKeyForBothUses) {
+TEST_F(LateralStartTest, DrawsANewKeyForSigningAndChecking) {
     LateralStream& lateral = context->lateral;
     EXPECT_EQ(lateral.signingKey.algoName, "sha1");
     EXPECT_EQ(lateral.checkingKey.digest, &EVP_sha1);
@@ -155,7 +155,7 @@ TEST_F(LateralStartTest, DrawsANewKeyForBothUses) {
         EXPECT_EQ(slot->digest, &EVP_sha256);
     }
     EXPECT_EQ(lateral.signingKey.key, lateral.checkingKey.key);
-    // Whatever another start draws, it is not this.
+    // Another start draws another key.
     const auto first = lateral.signingKey.key;
     lateral.thread.stop();
     lateral.running = false;
@@ -170,7 +170,7 @@ TEST_F(LateralStartTest, StartsOnce) {
     EXPECT_EQ(context->lateralEndpoint.load(), endpoint);
 }
 
-TEST_F(LateralStartTest, ReportsAPortInUseAndMayBeRepeated) {
+TEST_F(LateralStartTest, ReportsAPortInUseAndCanBeStartedAgain) {
     const UdpSocket occupied;
     const Outcome outcome = startOn(occupied.port());
     EXPECT_FALSE(outcome.succeeded);
@@ -181,7 +181,7 @@ TEST_F(LateralStartTest, ReportsAPortInUseAndMayBeRepeated) {
     EXPECT_TRUE(startOn(freePort()).succeeded);
 }
 
-TEST_F(LateralStartTest, ReportsAThreadThatFailsToStartAndMayBeRepeated) {
+TEST_F(LateralStartTest, ReportsThatItsThreadCannotBeCreatedAndCanBeStartedAgain) {
     const std::uint16_t port = freePort();
     Outcome outcome;
     {
@@ -211,7 +211,8 @@ TEST_F(LateralStartTest, ReportsThatNoKeyCanBeDrawn) {
 
 TEST_F(LateralStartTest, HandlesNoDatagramBeforeItsSettingsArePublished) {
     LateralStream& lateral = context->lateral;
-    // Made here: no thread may make descriptors while a listening endpoint is being closed.
+    // Made before the sender starts: no thread may open descriptors while a listening endpoint is
+    // being closed.
     UdpSocket socket;
     for (int round = 0; round < 50; ++round) {
         const std::uint16_t port = freePort();
@@ -241,7 +242,7 @@ TEST_F(LateralStartTest, HandlesNoDatagramBeforeItsSettingsArePublished) {
     }
 }
 
-TEST_F(LateralStartTest, TakesPeersAfterTheStart) {
+TEST_F(LateralStartTest, AcceptsPeersAfterTheStart) {
     startOn(freePort());
     EXPECT_TRUE(addPeer("idx 0 addr 127.0.0.7").succeeded);
     EXPECT_EQ(peerHost(0), "127.0.0.7");

@@ -21,7 +21,7 @@ class ListeningEndpointTest : public ForwarderTest {
     }
 };
 
-TEST_F(ListeningEndpointTest, TakesNoEndpoint) {
+TEST_F(ListeningEndpointTest, AcceptsAnEmptyEndpoint) {
     closeListeningEndpoint(LentEndpoint(), *context);
 }
 
@@ -33,7 +33,7 @@ TEST_F(ListeningEndpointTest, ClosesTheSocketBeforeItReturns) {
     EXPECT_FALSE(isOpen(fd));
 }
 
-TEST_F(ListeningEndpointTest, SleepsUntilTheLastSenderIsDone) {
+TEST_F(ListeningEndpointTest, SleepsUntilTheLastSenderHasFinished) {
     std::thread::id closedBy;
     LentEndpoint endpoint =
         endpointWith([&closedBy](int, int) { closedBy = std::this_thread::get_id(); });
@@ -50,11 +50,11 @@ TEST_F(ListeningEndpointTest, SleepsUntilTheLastSenderIsDone) {
     EXPECT_FALSE(returned);
     sender.reset();
     closing.join();
-    // Not by the sender: whoever closes knows when it is done.
+    // The closing thread destroys the endpoint, so it knows when the sockets are closed.
     EXPECT_EQ(closedBy, closingThread);
 }
 
-TEST_F(ListeningEndpointTest, BlocksSocketCreationWhileItCloses) {
+TEST_F(ListeningEndpointTest, PreventsOtherThreadsFromMakingSocketsMeanwhile) {
     declare("label 5 up_ip 127.0.0.1 up_port 4500");
     std::atomic<bool> made{false};
     ThreadMark mark;

@@ -26,7 +26,7 @@ TEST_F(LogCommandTest, ChangesTheLevel) {
     EXPECT_FALSE(logEnabled(LogLevel::warn));
 }
 
-TEST_F(LogCommandTest, IgnoresAnUnknownNameSilently) {
+TEST_F(LogCommandTest, RefusesAnUnknownPrioritySilently) {
     expectRefused(setLogParams, "priority verbose", "");
     expectRefused(setLogParams, "priority INFO", "");
     EXPECT_TRUE(logEnabled(LogLevel::info));

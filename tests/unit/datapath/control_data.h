@@ -1,4 +1,4 @@
-// Control data as the kernel writes it and wants it written.
+// Control data in the form in which the kernel delivers and accepts it.
 #pragma once
 
 #include <netinet/in.h>

@@ -25,14 +25,14 @@ TEST(LocalDestinationTest, IsFoundForEitherFamily) {
               ipv6Destination());
 }
 
-TEST(LocalDestinationTest, IsNoSourceIfTheHostsAddressDiffers) {
+TEST(LocalDestinationTest, IsNotAValidSourceWhenTheHostHasAnotherAddress) {
     EXPECT_EQ(
         findLocalDestination(AF_INET, control(IPPROTO_IP, IP_PKTINFO, ipv4BroadcastInformation)),
         ipv4BroadcastDestination());
 }
 
-TEST(LocalDestinationTest, IsFoundBehindOtherMessages) {
-    // Data lengths that need padding, so that the walk has to round up.
+TEST(LocalDestinationTest, IsFoundAfterOtherMessages) {
+    // Data lengths that need padding, so the search has to round up.
     for (const std::size_t length : {0U, 1U, 4U, 8U, 9U}) {
         const Bytes other = control(SOL_SOCKET, SO_TIMESTAMP, Bytes(length, 1));
         EXPECT_EQ(findLocalDestination(
@@ -42,7 +42,7 @@ TEST(LocalDestinationTest, IsFoundBehindOtherMessages) {
     }
 }
 
-TEST(LocalDestinationTest, IsTakenFromTheFamilysOwnMessageOnly) {
+TEST(LocalDestinationTest, IsReadOnlyFromTheMessageOfItsFamily) {
     const Bytes both = control(IPPROTO_IP, IP_PKTINFO, ipv4Information) +
                        control(IPPROTO_IPV6, IPV6_PKTINFO, ipv6Information);
     EXPECT_EQ(findLocalDestination(AF_INET6, both), ipv6Destination());
@@ -52,7 +52,7 @@ TEST(LocalDestinationTest, IsTakenFromTheFamilysOwnMessageOnly) {
               0U);
     EXPECT_EQ(findLocalDestination(AF_UNIX, both).address.length, 0U);
     EXPECT_EQ(findLocalDestination(0, both).address.length, 0U);
-    // The right type at the wrong level, and the other way round.
+    // The right type at the wrong level, then the wrong type at the right level.
     EXPECT_EQ(findLocalDestination(AF_INET, control(IPPROTO_IPV6, IP_PKTINFO, ipv4Information))
                   .address.length,
               0U);
@@ -66,7 +66,7 @@ TEST(LocalDestinationTest, IsEmptyWithoutControlData) {
     EXPECT_EQ(findLocalDestination(AF_INET6, {}).address.length, 0U);
 }
 
-TEST(LocalDestinationTest, IsEmptyIfTheMessageIsCut) {
+TEST(LocalDestinationTest, IsEmptyWhenTheMessageIsTruncated) {
     const Bytes whole = control(IPPROTO_IP, IP_PKTINFO, ipv4Information);
     for (std::size_t length = 0; length < CMSG_LEN(ipv4Information.size()); ++length) {
         EXPECT_EQ(findLocalDestination(AF_INET, std::span(whole).first(length)).address.length, 0U)
@@ -74,7 +74,7 @@ TEST(LocalDestinationTest, IsEmptyIfTheMessageIsCut) {
     }
 }
 
-TEST(LocalDestinationTest, IsEmptyIfTheInformationIsTooShort) {
+TEST(LocalDestinationTest, IsEmptyWhenTheInformationIsTooShort) {
     EXPECT_EQ(
         findLocalDestination(AF_INET, control(IPPROTO_IP, IP_PKTINFO, Bytes(11, 1))).address.length,
         0U);
@@ -83,23 +83,23 @@ TEST(LocalDestinationTest, IsEmptyIfTheInformationIsTooShort) {
               0U);
 }
 
-TEST(LocalDestinationTest, StopsAtAHeaderWithABadLength) {
+TEST(LocalDestinationTest, StopsAtAHeaderWithAnInvalidLength) {
     const Bytes good = control(IPPROTO_IP, IP_PKTINFO, ipv4Information);
     for (const std::size_t claimed : {std::size_t{0}, std::size_t{15}, std::size_t{1000},
                                       ~std::size_t{0}, ~std::size_t{0} - 7}) {
-        Bytes liar = control(SOL_SOCKET, SO_TIMESTAMP, Bytes(8));
-        std::memcpy(liar.data(), &claimed, sizeof(claimed));
-        EXPECT_EQ(findLocalDestination(AF_INET, liar + good).address.length, 0U) << claimed;
+        Bytes invalid = control(SOL_SOCKET, SO_TIMESTAMP, Bytes(8));
+        std::memcpy(invalid.data(), &claimed, sizeof(claimed));
+        EXPECT_EQ(findLocalDestination(AF_INET, invalid + good).address.length, 0U) << claimed;
     }
 }
 
-TEST(LocalDestinationTest, TakesALastMessageWithoutItsPadding) {
+TEST(LocalDestinationTest, AcceptsALastMessageWithoutPadding) {
     Bytes bytes = control(IPPROTO_IP, IP_PKTINFO, ipv4Information);
     bytes.resize(CMSG_LEN(ipv4Information.size()));
     EXPECT_EQ(findLocalDestination(AF_INET, bytes), ipv4Destination());
 }
 
-/// An endpoint around a socket that belongs to the test.
+/// An endpoint that uses a socket of the test and does not close it.
 EndpointPtr endpointAround(const UdpSocket& socket, int family) {
     Vesk_requestLocalDestAddr(socket.fd(), family);
     const SocketAddress& bound = socket.address();
@@ -140,7 +140,7 @@ TEST_P(ReceiveTest, ReportsNoDestinationOfTheOtherFamily) {
               0U);
 }
 
-TEST_P(ReceiveTest, ReportsNoDestinationThatWasNotRequested) {
+TEST_P(ReceiveTest, ReportsNoDestinationWhenNoneWasRequested) {
     UdpSocket plain(GetParam());
     VeskEndpointDescriptor unasked(0, plain.fd(), plain.fd(), FlowDesc(), [](int, int) {});
     peer.send(toBytes("first"), socket.address());
@@ -165,7 +165,7 @@ TEST_P(ReceiveTest, ReportsADrainedSocket) {
     EXPECT_EQ(result.error, EAGAIN);
 }
 
-TEST_P(ReceiveTest, ReportsAnEmptyDatagramLikeADrainedSocket) {
+TEST_P(ReceiveTest, ReportsAnEmptyDatagramAsADrainedSocket) {
     peer.send({}, socket.address());
     errno = ENOTSOCK;
     const ReceiveResult result = receiveNow(message, *endpoint);
@@ -184,7 +184,7 @@ TEST_P(ReceiveTest, WaitsUntilItIsCancelled) {
         EXPECT_EQ(awaitDatagram(incoming, *waiting, "test"), 5U);
         mark.set();
         awaitDatagram(incoming, *waiting, "test");
-        ADD_FAILURE() << "came back";
+        ADD_FAILURE() << "the second receive call returned";
     }),
               0);
     peer.send(toBytes("first"), blocking.address());

@@ -1,5 +1,5 @@
-// A forwarder whose receive threads are the test itself, between a peer and an upstream service on
-// loopback.
+// A forwarder between a peer and an upstream service on loopback. The test acts as its receive
+// threads.
 #pragma once
 
 #include <cstdint>
@@ -28,7 +28,7 @@ struct Counts {
 Counts countsOf(const VeskEndpointDescriptor& endpoint);
 std::ostream& operator<<(std::ostream& out, const Counts& counts);
 
-/// An endpoint without a flow around a socket that stays the test's.
+/// An endpoint without a flow that uses a socket of the test.
 EndpointPtr listeningEndpoint(const UdpSocket& socket);
 
 class DatapathTest : public ForwarderTest {
@@ -39,25 +39,25 @@ class DatapathTest : public ForwarderTest {
     void SetUp() override;
     void TearDown() override;
 
-    /// Declares a flow to the upstream service, with the labels 0x1111 upwards and 0x2222
-    /// downwards.
+    /// Declares a flow to the upstream service that uses label 0x1111 upstream and label 0x2222
+    /// downstream.
     void declareFlow(std::uint32_t label, const std::string& furtherWords = "");
-    /// The words that give a flow this key: name is "down_in", for instance.
+    /// The words of a "set" command that give a flow this key; `name` is "down_in", for example.
     static std::string keyWords(const std::string& name, const TestKey& key);
-    /// A datagram of the forwarder's framing version.
+    /// A datagram in the forwarder's framing version.
     Bytes framed(std::uint32_t label, const Bytes& content, const TestKey& key = {}) const;
 
-    /// Hands a datagram over as the downstream receive thread does; what is printed is returned.
+    /// Passes a datagram on as the downstream receive thread does, and returns what is printed.
     std::string arrive(const Bytes& datagram) { return arriveFrom(peer, datagram); }
     std::string arriveFrom(const UdpSocket& from, const Bytes& datagram);
-    /// As the lateral receive thread does, with what came in front of the datagram.
+    /// As the lateral receive thread does, with the return path from the lateral header.
     std::string arriveLaterally(const Bytes& datagram, const ReturnPath& returnPath);
 
-    /// The flow's endpoint, made by a datagram and registered with the poll loop.
+    /// The flow's endpoint, created by a datagram and registered with the poll loop.
     EndpointPtr openFlow(std::uint32_t label);
     ReplyRoute routeOf(VeskEndpointDescriptor& endpoint);
 
-    /// Switches the lateral stream on, as instance `index` of `instances`.
+    /// Enables the lateral stream as instance `index` of `instances`.
     void startLateral(std::uint32_t index, std::uint32_t instances);
 
     const Bytes payload = toBytes("payload");
@@ -67,9 +67,9 @@ class DatapathTest : public ForwarderTest {
     UdpSocket lateralSocket;
     EndpointPtr downstream;
     EndpointPtr lateral;
-    /// What this instance signs lateral headers with.
+    /// The key with which this instance signs lateral headers.
     const TestKey lateralKey{"sha256", Bytes(16, 0x42)};
-    /// Where datagrams of peers arrive; as the kernel tells it.
+    /// The local address at which datagrams of peers arrive, as the kernel reports it.
     LocalAddress localDestination;
 
  private:

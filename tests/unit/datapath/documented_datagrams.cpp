@@ -13,7 +13,7 @@ namespace vesk {
 
 namespace {
 
-/// Line breaks of the page are of no meaning within a paragraph.
+/// Line breaks within a paragraph of the page have no meaning.
 std::string withBlanksForNewlines(std::string text) {
     std::ranges::replace(text, '\n', ' ');
     return text;
@@ -28,7 +28,7 @@ std::size_t endOf(const std::string& text, std::string_view phrase) {
 }
 
 DocumentedDatagram parseDump(const std::string& dump) {
-    // Offset, bytes, and behind three blanks or more a note.
+    // Offset, bytes and, after three or more blanks, a note.
     static const std::regex line("([0-9a-f]{4})  ([0-9a-f]{2}(?: [0-9a-f]{2})*)(?:   +(.*))?");
     Bytes bytes;
     std::vector<DocumentedDatagram::Row> rows;

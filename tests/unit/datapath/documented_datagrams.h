@@ -11,10 +11,10 @@
 
 namespace vesk {
 
-/// A hexadecimal dump of the page, with the fields that its notes name.
+/// A hexadecimal dump from the page, with the fields named in its notes.
 class DocumentedDatagram {
  public:
-    /// One line of the dump. A field may take several; the first one bears its name.
+    /// One line of the dump. A field may span several lines; the first one has its name.
     struct Row {
         std::size_t offset;
         std::string note;
@@ -23,7 +23,7 @@ class DocumentedDatagram {
     DocumentedDatagram(Bytes bytes, std::vector<Row> rows);
 
     const Bytes& bytes() const { return bytes_; }
-    /// The offset of the row whose note begins with `name`. Throws where there is none.
+    /// The offset of the row whose note begins with `name`. Throws if there is none.
     std::uint32_t startOf(std::string_view name) const;
 
  private:
@@ -33,13 +33,13 @@ class DocumentedDatagram {
 
 class WireFormatPage {
  public:
-    /// Throws where the page cannot be read.
+    /// Throws if the page cannot be read.
     WireFormatPage();
 
     /// The datagram whose description, the paragraph above its dump, begins with `description`.
     DocumentedDatagram datagram(std::string_view description) const;
 
-    /// What follows `phrase` in the page, as far as it is made of letters and digits.
+    /// The letters and digits that follow `phrase` in the page.
     std::string wordAfter(std::string_view phrase) const;
 
  private:

@@ -16,7 +16,7 @@ using testing::IsEmpty;
 constexpr std::uint32_t foreignLabel = 0x10005;
 constexpr std::uint32_t ownLabel = 0x20005;
 
-/// Instance 0 of two; the other one listens on `neighbour`.
+/// Instance 0 of two; instance 1 listens on `neighbour`.
 class LateralDispatchTest : public DatapathTest {
  protected:
     void SetUp() override {
@@ -32,7 +32,7 @@ class LateralDispatchTest : public DatapathTest {
 
 const ReturnPath somePath(Bytes(33, 9));
 
-TEST_F(LateralDispatchTest, SendsADatagramToTheOwnerOfItsLabel) {
+TEST_F(LateralDispatchTest, ForwardsADatagramToTheOwnerOfItsLabel) {
     const Bytes datagram = framed(foreignLabel, payload);
     EXPECT_EQ(arrive(datagram), "");
     EXPECT_EQ(neighbour.receive(),
@@ -43,7 +43,7 @@ TEST_F(LateralDispatchTest, SendsADatagramToTheOwnerOfItsLabel) {
     EXPECT_THAT(manager().endpoints(), IsEmpty());
 }
 
-TEST_F(LateralDispatchTest, HandsOverADeclaredLabelToo) {
+TEST_F(LateralDispatchTest, ForwardsADatagramOfADeclaredLabelToItsOwner) {
     declareFlow(foreignLabel);
     arrive(framed(foreignLabel, payload));
     EXPECT_TRUE(neighbour.receive().has_value());
@@ -56,7 +56,7 @@ TEST_F(LateralDispatchTest, ServesItsOwnLabels) {
     EXPECT_TRUE(neighbour.empty());
 }
 
-TEST_F(LateralDispatchTest, ServesEveryLabelWithoutANumberOfInstances) {
+TEST_F(LateralDispatchTest, ServesEveryLabelWhenTheNumberOfInstancesIsZero) {
     startLateral(0, 0);
     declareFlow(foreignLabel);
     arrive(framed(foreignLabel, payload));
@@ -64,7 +64,7 @@ TEST_F(LateralDispatchTest, ServesEveryLabelWithoutANumberOfInstances) {
     EXPECT_TRUE(neighbour.empty());
 }
 
-TEST_F(LateralDispatchTest, ServesEveryLabelWhileTheStreamDoesNotRun) {
+TEST_F(LateralDispatchTest, ServesEveryLabelWhileTheStreamIsNotRunning) {
     context->lateral.running = false;
     declareFlow(foreignLabel);
     arrive(framed(foreignLabel, payload));
@@ -80,27 +80,27 @@ TEST_F(LateralDispatchTest, CountsALabelOfAnUnknownOwner) {
     EXPECT_TRUE(upstream.empty());
 }
 
-TEST_F(LateralDispatchTest, CountsALabelThatCannotBeHandedOn) {
+TEST_F(LateralDispatchTest, CountsALabelThatCannotBeForwardedToItsOwner) {
     context->lateralEndpoint.withdraw();
     arrive(framed(foreignLabel, payload));
     EXPECT_EQ(countsOf(*downstream), (Counts{.rxDgError = 1}));
 }
 
-TEST_F(LateralDispatchTest, ForwardsADatagramOnlyOnce) {
+TEST_F(LateralDispatchTest, ForwardsALateralDatagramNoFurther) {
     arriveLaterally(framed(foreignLabel, payload), somePath);
     EXPECT_EQ(countsOf(*downstream), (Counts{.rxDgError = 1}));
     EXPECT_EQ(countsOf(*lateral), Counts());
     EXPECT_TRUE(neighbour.empty());
 }
 
-TEST_F(LateralDispatchTest, CountsWhereTheDatagramCameInWithoutADownstreamEndpoint) {
+TEST_F(LateralDispatchTest, CountsOnTheLateralEndpointWithoutADownstreamEndpoint) {
     context->downstreamEndpoint.withdraw();
     arriveLaterally(framed(foreignLabel, payload), somePath);
     EXPECT_EQ(countsOf(*lateral), (Counts{.rxDgError = 1}));
 }
 
 TEST_F(LateralDispatchTest, CountsADatagramThatIsTooLongForItsHeader) {
-    // Header and datagram together: 2049 bytes, then 2048.
+    // Header plus datagram: 2049 bytes, then 2048.
     arrive(framed(foreignLabel, Bytes(2048 - 34 - 20 + 1, 1)));
     EXPECT_EQ(countsOf(*lateral), (Counts{.txDgDropped = 1}));
     EXPECT_TRUE(neighbour.empty());
@@ -123,17 +123,17 @@ TEST_F(LateralDispatchTest, DoesNotCountARefusal) {
     EXPECT_EQ(countsOf(*lateral), Counts());
 }
 
-TEST_F(LateralDispatchTest, RemembersTheReturnPathOfALateralDatagram) {
+TEST_F(LateralDispatchTest, StoresTheReturnPathOfALateralDatagram) {
     EXPECT_NE(arriveLaterally(framed(ownLabel, payload), somePath), "");
     EXPECT_EQ(upstream.receive(), framed(0x1111, payload));
     const EndpointPtr flow = manager().findEndpointByLabel(ownLabel);
     EXPECT_EQ(routeOf(*flow).returnPath, somePath);
-    // The same sender directly: all that differs is the way.
+    // The same sender, but not over the lateral stream.
     arrive(framed(ownLabel, payload));
     EXPECT_TRUE(routeOf(*flow).returnPath.empty());
 }
 
-TEST_F(LateralDispatchTest, LeavesTheReturnPathUnchangedWhileTheStreamDoesNotRun) {
+TEST_F(LateralDispatchTest, KeepsTheReturnPathWhileTheStreamIsNotRunning) {
     arriveLaterally(framed(ownLabel, payload), somePath);
     const EndpointPtr flow = manager().findEndpointByLabel(ownLabel);
     context->lateral.running = false;
@@ -143,11 +143,11 @@ TEST_F(LateralDispatchTest, LeavesTheReturnPathUnchangedWhileTheStreamDoesNotRun
     EXPECT_EQ(routeOf(*flow).peer, other.address());
 }
 
-TEST_F(LateralDispatchTest, DistinguishesDirectAndLateralCopiesOfADatagram) {
+TEST_F(LateralDispatchTest, ForwardsTheSameDatagramFromBothReceiveThreads) {
     declareFlow(ownLabel, keyWords("down_in", {"sha256", {1}}) + keyWords("up_out", {"sha1", {2}}));
     const Bytes datagram = framed(ownLabel, payload, {"sha256", {1}});
     const Bytes expected = framed(0x1111, payload, {"sha1", {2}});
-    // As many as wait in a socket's buffer.
+    // Few enough to fit into the receive buffer.
     constexpr int each = 80;
     printedBy([&] {
         const SocketAddress sender = peer.address();
@@ -162,7 +162,7 @@ TEST_F(LateralDispatchTest, DistinguishesDirectAndLateralCopiesOfADatagram) {
         deliver(*downstream, {});
         laterally.join();
     });
-    // Of two threads that miss the same endpoint one makes it, and every datagram is signed well.
+    // One of the two threads creates the endpoint, and every datagram is signed correctly.
     EXPECT_EQ(manager().endpoints().size(), 1U);
     EXPECT_EQ(countsOf(*manager().findEndpointByLabel(ownLabel)), (Counts{.txDg = 2 * each}));
     for (int i = 0; i < 2 * each; ++i) {

@@ -24,7 +24,7 @@ const TestKey outKey{"sha1", {4, 5}};
 
 class DownstreamTest : public DatapathTest {};
 
-/// The same for both framing versions.
+/// Tests that apply to both framing versions.
 class BothVersionsTest : public DatapathTest, public testing::WithParamInterface<int> {
  protected:
     BothVersionsTest() : DatapathTest(GetParam()) {}
@@ -55,7 +55,7 @@ TEST_P(BothVersionsTest, SendsUnsignedWithoutAKey) {
     EXPECT_EQ(upstream.receive(), framed(0x1111, payload));
 }
 
-TEST_P(BothVersionsTest, CountsMalformedDatagrams) {
+TEST_P(BothVersionsTest, CountsAnInvalidDatagram) {
     std::uint64_t rejected = 0;
     for (const std::size_t length : {1U, 19U}) {
         EXPECT_EQ(arrive(Bytes(length)), "");
@@ -84,7 +84,7 @@ TEST_F(DownstreamTest, CountsADatagramOfAnUnknownLabel) {
 
 const std::string forgedText = "downstreamPacketReceivedFailed HMAC Check!\n";
 
-TEST_F(DownstreamTest, KeepsNoEndpointAfterAForgedFirstDatagram) {
+TEST_F(DownstreamTest, DeletesTheEndpointOfAForgedFirstDatagram) {
     declareFlow(5, keyWords("down_in", inKey));
     EXPECT_THAT(arrive(framed(5, payload, outKey)), EndsWith("\n" + forgedText));
     EXPECT_EQ(manager().findEndpointByLabel(5), nullptr);
@@ -93,7 +93,7 @@ TEST_F(DownstreamTest, KeepsNoEndpointAfterAForgedFirstDatagram) {
     EXPECT_THAT(takePollRequests(), testing::SizeIs(3));
 }
 
-TEST_F(DownstreamTest, KeepsTheEndpointThatWasThereBeforeAForgedDatagram) {
+TEST_F(DownstreamTest, KeepsAnExistingEndpointAfterAForgedDatagram) {
     declareFlow(5, keyWords("down_in", inKey));
     arrive(framed(5, payload, inKey));
     const EndpointPtr flow = manager().findEndpointByLabel(5);
@@ -105,12 +105,13 @@ TEST_F(DownstreamTest, KeepsTheEndpointThatWasThereBeforeAForgedDatagram) {
     EXPECT_EQ(countsOf(*flow), (Counts{.txDg = 1}));
     EXPECT_EQ(countsOf(*downstream), (Counts{.rxDgError = 1}));
     EXPECT_TRUE(upstream.empty());
-    // Nor does the forger get the replies.
+    // Replies still go to the peer.
     EXPECT_EQ(routeOf(*flow).peer, peer.address());
 }
 
-TEST_F(DownstreamTest, NeverSendsOnADroppedEndpoint) {
-    // As the other receive thread leaves it between a forged first datagram and its deletion.
+TEST_F(DownstreamTest, NeverSendsFromAnEndpointWhoseFirstDatagramWasForged) {
+    // The state in which the other receive thread leaves an endpoint after a forged first datagram
+    // and before its deletion.
     declareFlow(5, keyWords("down_in", inKey));
     arrive(framed(5, payload, inKey));
     const EndpointPtr givenUp = manager().findEndpointByLabel(5);
@@ -151,7 +152,7 @@ TEST_F(DownstreamTest, DropsADatagramThatCannotBeSigned) {
     EXPECT_TRUE(upstream.empty());
 }
 
-TEST_F(DownstreamTest, DropsADatagramThatCannotBeChecked) {
+TEST_F(DownstreamTest, RefusesADatagramThatCannotBeChecked) {
     FlowDesc scratch;
     scratch.up.addrInfo = IPAddrInfo("127.0.0.1", upstream.port());
     scratch.down.inHmac.setKey(inKey.bytes);
@@ -162,7 +163,7 @@ TEST_F(DownstreamTest, DropsADatagramThatCannotBeChecked) {
     EXPECT_TRUE(upstream.empty());
 }
 
-TEST_F(DownstreamTest, RemembersTheLastSenderAndWhereItsDatagramArrived) {
+TEST_F(DownstreamTest, StoresTheLastSenderAndItsLocalAddress) {
     declareFlow(5);
     const EndpointPtr flow = openFlow(5);
     EXPECT_EQ(routeOf(*flow).peer, peer.address());
@@ -174,7 +175,7 @@ TEST_F(DownstreamTest, RemembersTheLastSenderAndWhereItsDatagramArrived) {
     EXPECT_EQ(routeOf(*flow).local, localDestination);
 }
 
-TEST_F(DownstreamTest, MarksWhatItSends) {
+TEST_F(DownstreamTest, SetsTheDscpOfADatagram) {
     declareFlow(5, "up_out_dscp_v4 46");
     const int on = 1;
     ASSERT_EQ(setsockopt(upstream.fd(), IPPROTO_IP, IP_RECVTOS, &on, sizeof(on)), 0);
@@ -202,7 +203,7 @@ TEST_F(DownstreamTest, ClearsTheIdleMarkWithEveryDatagramSentInFull) {
     EXPECT_FALSE(flow->idle);
 }
 
-TEST_F(DownstreamTest, DoesNotCountARefusalAndLeavesTheFlowIdle) {
+TEST_F(DownstreamTest, RefusalIsNotCountedAndLeavesTheFlowIdle) {
     declareFlow(5);
     const EndpointPtr flow = openFlow(5);
     provokeRefusal(flow->wrsockfd);
@@ -215,8 +216,8 @@ TEST_F(DownstreamTest, DoesNotCountARefusalAndLeavesTheFlowIdle) {
     EXPECT_EQ(upstream.receive(), framed(0x1111, payload));
 }
 
-TEST_F(DownstreamTest, DropsAnEndpointThatCannotSend) {
-    // Broadcasting was never asked for, so the kernel refuses by itself.
+TEST_F(DownstreamTest, DeletesAnEndpointThatCannotSend) {
+    // SO_BROADCAST is not set, so the kernel refuses to send.
     declare("label 5 up_ip 255.255.255.255 up_port 4500");
     EXPECT_THAT(arrive(framed(5, payload)),
                 EndsWith("error DOWN_TO_UP_SEND: network error on upstream endpoint of label "
@@ -225,7 +226,7 @@ TEST_F(DownstreamTest, DropsAnEndpointThatCannotSend) {
     EXPECT_EQ(countsOf(*downstream), Counts());
 }
 
-TEST_F(DownstreamTest, CountsWhatCouldNotBeSentOnTheFlow) {
+TEST_F(DownstreamTest, CountsAFailedSendOnTheFlow) {
     declareFlow(5);
     const EndpointPtr flow = openFlow(5);
     ASSERT_EQ(connect(flow->wrsockfd, upstream.address().get(), upstream.address().length), 0);

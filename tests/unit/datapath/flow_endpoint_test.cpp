@@ -1,4 +1,4 @@
-// How the endpoint of a flow is made for its first datagram.
+// Creation of a flow's endpoint for its first datagram.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <netinet/in.h>
@@ -20,13 +20,13 @@ const Bytes payload = toBytes("payload");
 
 class FlowEndpointTest : public DatapathTest {};
 
-TEST_F(FlowEndpointTest, SetsTheSocketsOfANewFlowUp) {
+TEST_F(FlowEndpointTest, SetsTheOptionsOfANewFlowsSockets) {
     declareFlow(5);
     const EndpointPtr flow = openFlow(5);
     ASSERT_NE(flow, nullptr);
     EXPECT_EQ(socketOption(flow->rdsockfd, IPPROTO_IP, IP_PKTINFO), 1);
     EXPECT_EQ(socketOption(flow->rdsockfd, SOL_SOCKET, SO_REUSEPORT), 0);
-    // What the kernel makes of the same requests here.
+    // The sizes that this kernel grants for the same requests.
     const UdpSocket plain;
     const int receiveRequest = 524288;
     const int sendRequest = 262144;
@@ -58,7 +58,7 @@ TEST_F(FlowEndpointTest, BindsToTheSourceAddress) {
     EXPECT_EQ(portOf(upstream.sender()), std::stoi(port));
 }
 
-TEST_F(FlowEndpointTest, GivesAFlowUpWhoseSourceAddressIsTaken) {
+TEST_F(FlowEndpointTest, DeletesAnEndpointWhoseSourceAddressIsTaken) {
     const UdpSocket occupied;
     declareFlow(5, "up_src_ip 127.0.0.1 up_src_port " + std::to_string(occupied.port()));
     EXPECT_EQ(arrive(framed(5, payload)),
@@ -66,11 +66,11 @@ TEST_F(FlowEndpointTest, GivesAFlowUpWhoseSourceAddressIsTaken) {
     EXPECT_EQ(manager().findEndpointByLabel(5), nullptr);
     EXPECT_EQ(countsOf(*downstream), (Counts{.rxDgError = 1}));
     EXPECT_TRUE(upstream.empty());
-    // Never registered, but asked to be closed.
+    // The sockets were never added to the poll loop, but it is asked to close them.
     EXPECT_THAT(takePollRequests(), testing::SizeIs(2));
 }
 
-TEST_F(FlowEndpointTest, GivesAFlowUpThatThePollLoopCannotWatch) {
+TEST_F(FlowEndpointTest, DeletesAnEndpointThatThePollLoopCannotWatch) {
     declareFlow(5);
     context->pollSocket.reset();
     const std::string failure =
@@ -93,7 +93,7 @@ TEST_F(FlowEndpointTest, GivesAFlowUpThatThePollLoopCannotWatch) {
     EXPECT_TRUE(upstream.empty());
 }
 
-TEST_F(FlowEndpointTest, CountsADatagramWhoseFlowHasNoAddress) {
+TEST_F(FlowEndpointTest, CountsADatagramWhoseFlowHasNoUpstreamAddress) {
     declare("label 5");
     const AtLogLevel level("debug");
     EXPECT_THAT(arrive(framed(5, payload)),
@@ -108,7 +108,7 @@ TEST_F(FlowEndpointTest, WaitsForAnEndpointThatAnotherThreadPrepares) {
     ThreadMark mark;
     std::thread receiving;
     {
-        // Whoever makes an endpoint holds this until it is ready.
+        // The thread that creates an endpoint holds this lock until the endpoint is prepared.
         const MutexLock preparing(context->endpointCreation);
         receiving = std::thread([&] {
             mark.set();

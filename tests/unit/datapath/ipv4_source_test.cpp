@@ -1,5 +1,5 @@
-// From which IPv4 address replies and requests leave, by the kernel's choice and by arrival. On
-// loopback the kernel chooses 127.0.0.1 for them all.
+// The IPv4 source address of replies and requests, chosen by the kernel or taken from the arrival
+// address. On loopback the kernel always chooses 127.0.0.1.
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -19,7 +19,7 @@ class Ipv4SourceTest : public UpstreamTest {
  protected:
     explicit Ipv4SourceTest(Ipv4Source source = Ipv4Source::arrival) : UpstreamTest(2, source) {}
 
-    /// Where a reply comes from to a peer that has asked this address.
+    /// The source of a reply to a peer that sent its request to this address.
     std::string replySource(const LocalAddress& asked) {
         localDestination = asked;
         arrive(framed(label, toBytes("request")));
@@ -30,7 +30,7 @@ class Ipv4SourceTest : public UpstreamTest {
         return IPAddrInfo(peer.sender().get(), peer.sender().length).host();
     }
 
-    /// Where a request comes from, by a flow that is sent from this address.
+    /// The source of a request on a flow whose local address is this one.
     std::string requestSource(const LocalAddress& local) {
         {
             const WriteLock lock(flow->routeLock);
@@ -47,31 +47,31 @@ class KernelSourceTest : public Ipv4SourceTest {
     KernelSourceTest() : Ipv4SourceTest(Ipv4Source::kernel) {}
 };
 
-TEST_F(Ipv4SourceTest, IsTheAddressWhereThePeersDatagramArrived) {
+TEST_F(Ipv4SourceTest, OfAReplyIsTheArrivalAddressOfTheRequest) {
     EXPECT_EQ(replySource(localAddress("127.0.0.7")), "127.0.0.7");
     EXPECT_EQ(replySource(localAddress("127.0.0.8")), "127.0.0.8");
 }
 
-TEST_F(Ipv4SourceTest, IsTheFlowsOwnTowardsUpstream) {
+TEST_F(Ipv4SourceTest, OfARequestIsTheFlowsLocalAddress) {
     EXPECT_EQ(requestSource(localAddress("127.0.0.7")), "127.0.0.7");
 }
 
-TEST_F(Ipv4SourceTest, IsTheKernelsChoiceForWhatIsNoSource) {
+TEST_F(Ipv4SourceTest, IsTheKernelsChoiceForAnInvalidSource) {
     EXPECT_EQ(replySource(localAddress("127.255.255.255", false)), "127.0.0.1");
     EXPECT_EQ(requestSource(localAddress("127.255.255.255", false)), "127.0.0.1");
 }
 
-TEST_F(Ipv4SourceTest, FollowsTheRouteWhereOnlyItsValidityChanges) {
+TEST_F(Ipv4SourceTest, ChangesWhenOnlyTheValidityOfTheAddressChanges) {
     EXPECT_EQ(replySource(localAddress("127.0.0.7", false)), "127.0.0.1");
     EXPECT_EQ(replySource(localAddress("127.0.0.7")), "127.0.0.7");
 }
 
-TEST_F(KernelSourceTest, IsTheKernelsChoice) {
+TEST_F(KernelSourceTest, IgnoresTheArrivalAddress) {
     EXPECT_EQ(replySource(localAddress("127.0.0.7")), "127.0.0.1");
     EXPECT_EQ(requestSource(localAddress("127.0.0.7")), "127.0.0.1");
 }
 
-TEST_F(Ipv4SourceTest, DeletesTheEndpointIfAReplysSourceAddressIsGone) {
+TEST_F(Ipv4SourceTest, ReplyFromAMissingAddressDeletesTheEndpoint) {
     localDestination = localAddress("192.0.2.1");
     arrive(framed(label, toBytes("request")));
     EXPECT_TRUE(upstream.receive().has_value());
@@ -84,7 +84,7 @@ TEST_F(Ipv4SourceTest, DeletesTheEndpointIfAReplysSourceAddressIsGone) {
     EXPECT_EQ(manager().findEndpointByLabel(label), nullptr);
 }
 
-TEST_F(Ipv4SourceTest, DeletesTheEndpointIfARequestsSourceAddressIsGone) {
+TEST_F(Ipv4SourceTest, RequestFromAMissingAddressDeletesTheEndpoint) {
     {
         const WriteLock lock(flow->routeLock);
         flow->upstreamLocal = localAddress("192.0.2.1");
@@ -97,7 +97,7 @@ TEST_F(Ipv4SourceTest, DeletesTheEndpointIfARequestsSourceAddressIsGone) {
     EXPECT_EQ(manager().findEndpointByLabel(label), nullptr);
 }
 
-TEST_F(KernelSourceTest, IsNotAskedWhetherTheAddressIsGone) {
+TEST_F(KernelSourceTest, IgnoresThatTheArrivalAddressIsMissing) {
     EXPECT_EQ(replySource(localAddress("192.0.2.1")), "127.0.0.1");
 }
 

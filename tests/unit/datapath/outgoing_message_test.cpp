@@ -14,8 +14,8 @@
 namespace vesk {
 namespace {
 
-/// What an outgoing message hands to the kernel besides the datagram. The padding, which means
-/// nothing, is made zero.
+/// The control data that an outgoing message passes to the kernel, with its padding, which has no
+/// meaning, set to zero.
 Bytes controlOf(const OutgoingMessage& message) {
     const msghdr& header = *message.header();
     const auto* const first = static_cast<const std::uint8_t*>(header.msg_control);
@@ -62,7 +62,7 @@ TEST_F(OutgoingMessageTest, CarriesDatagramAndDestination) {
               destination);
 }
 
-TEST_F(OutgoingMessageTest, CarriesNoControlDataOfItsOwn) {
+TEST_F(OutgoingMessageTest, CarriesNoControlDataByDefault) {
     message.setDestination(IPAddrInfo("::1", 4500).socketAddress());
     message.addTrafficClass(noDscp, noDscp);
     message.addSource(LocalAddress());
@@ -70,31 +70,31 @@ TEST_F(OutgoingMessageTest, CarriesNoControlDataOfItsOwn) {
     EXPECT_EQ(message.header()->msg_controllen, 0U);
 }
 
-TEST_F(OutgoingMessageTest, MarksIpv4) {
+TEST_F(OutgoingMessageTest, SetsTheDscpOfIpv4) {
     EXPECT_EQ(classFor("127.0.0.1", 46, 10), trafficClass(IPPROTO_IP, IP_TOS, 184));
     EXPECT_EQ(classFor("127.0.0.1", 0, 10), trafficClass(IPPROTO_IP, IP_TOS, 0));
     EXPECT_EQ(classFor("127.0.0.1", 63, 10), trafficClass(IPPROTO_IP, IP_TOS, 252));
     EXPECT_EQ(classFor("127.0.0.1", 46, 10).size(), 24U);
 }
 
-TEST_F(OutgoingMessageTest, MarksIpv6) {
+TEST_F(OutgoingMessageTest, SetsTheDscpOfIpv6) {
     EXPECT_EQ(classFor("::1", 10, 46), trafficClass(IPPROTO_IPV6, IPV6_TCLASS, 184));
 }
 
-TEST_F(OutgoingMessageTest, MarksMappedIpv4LikeIpv4) {
+TEST_F(OutgoingMessageTest, SetsTheDscpOfMappedIpv4LikeThatOfIpv4) {
     EXPECT_EQ(classFor("::ffff:127.0.0.1", 46, 10), trafficClass(IPPROTO_IP, IP_TOS, 184));
-    // Neither of these is of the mapped form.
+    // Neither of these is a mapped address.
     EXPECT_EQ(classFor("::127.0.0.1", 46, 10), trafficClass(IPPROTO_IPV6, IPV6_TCLASS, 40));
     EXPECT_EQ(classFor("1::ffff:127.0.0.1", 46, 10), trafficClass(IPPROTO_IPV6, IPV6_TCLASS, 40));
 }
 
-TEST_F(OutgoingMessageTest, LeavesAFamilyWithoutAMarkUnmarked) {
+TEST_F(OutgoingMessageTest, SetsNoDscpForAFamilyWithoutOne) {
     EXPECT_THAT(classFor("127.0.0.1", noDscp, 10), testing::IsEmpty());
     EXPECT_THAT(classFor("::1", 10, noDscp), testing::IsEmpty());
     EXPECT_THAT(classFor("::ffff:127.0.0.1", noDscp, 10), testing::IsEmpty());
 }
 
-TEST_F(OutgoingMessageTest, NamesAnIpv4SourceInTheAddressField) {
+TEST_F(OutgoingMessageTest, WritesAnIpv4SourceIntoTheAddressField) {
     message.setDestination(IPAddrInfo("127.0.0.1", 4500).socketAddress());
     message.addSource({IPAddrInfo("192.0.2.1", 9).socketAddress(), true});
     EXPECT_EQ(controlOf(message),
@@ -102,7 +102,7 @@ TEST_F(OutgoingMessageTest, NamesAnIpv4SourceInTheAddressField) {
     EXPECT_EQ(controlOf(message).size(), 32U);
 }
 
-TEST(ArrivalSourceTest, NamesAnIpv4SourceInBothFields) {
+TEST(ArrivalSourceTest, WritesAValidIpv4SourceIntoBothFields) {
     OutgoingMessage message(Ipv4Source::arrival);
     message.setDestination(IPAddrInfo("127.0.0.1", 4500).socketAddress());
     message.addTrafficClass(46, noDscp);
@@ -112,7 +112,7 @@ TEST(ArrivalSourceTest, NamesAnIpv4SourceInBothFields) {
                   control(IPPROTO_IP, IP_PKTINFO, fromHex("00000000 c0000201 c0000201")));
 }
 
-TEST(ArrivalSourceTest, LeavesWhatIsNoSourceInTheAddressField) {
+TEST(ArrivalSourceTest, WritesAnInvalidSourceIntoTheAddressFieldOnly) {
     OutgoingMessage message(Ipv4Source::arrival);
     message.setDestination(IPAddrInfo("127.0.0.1", 4500).socketAddress());
     message.addSource(ipv4BroadcastDestination());
@@ -120,14 +120,14 @@ TEST(ArrivalSourceTest, LeavesWhatIsNoSourceInTheAddressField) {
               control(IPPROTO_IP, IP_PKTINFO, fromHex("00000000 00000000 c00002ff")));
 }
 
-TEST(ArrivalSourceTest, LeavesIpv6AsItIs) {
+TEST(ArrivalSourceTest, WritesAnIpv6SourceWithItsInterface) {
     OutgoingMessage message(Ipv4Source::arrival);
     message.setDestination(IPAddrInfo("::1", 4500).socketAddress());
     message.addSource(ipv6Destination());
     EXPECT_EQ(controlOf(message), control(IPPROTO_IPV6, IPV6_PKTINFO, ipv6Information));
 }
 
-TEST(ArrivalSourceTest, IsFollowedByTheKernel) {
+TEST(ArrivalSourceTest, IsUsedByTheKernel) {
     for (const auto& [mode, source] : {std::pair(Ipv4Source::kernel, "127.0.0.1"),
                                        std::pair(Ipv4Source::arrival, "127.0.0.9")}) {
         UdpSocket from(AF_INET);
@@ -143,14 +143,14 @@ TEST(ArrivalSourceTest, IsFollowedByTheKernel) {
     }
 }
 
-TEST_F(OutgoingMessageTest, NamesAnIpv6SourceWithItsInterface) {
+TEST_F(OutgoingMessageTest, WritesAnIpv6SourceWithItsInterface) {
     message.setDestination(IPAddrInfo("::1", 4500).socketAddress());
     message.addSource(ipv6Destination());
     EXPECT_EQ(controlOf(message), control(IPPROTO_IPV6, IPV6_PKTINFO, ipv6Information));
     EXPECT_EQ(controlOf(message).size(), 40U);
 }
 
-TEST_F(OutgoingMessageTest, NamesNoSourceOfAnotherFamily) {
+TEST_F(OutgoingMessageTest, WritesNoSourceOfAnotherFamily) {
     sockaddr_storage other{};
     other.ss_family = AF_UNIX;
     message.setDestination(IPAddrInfo("::1", 4500).socketAddress());
@@ -158,7 +158,7 @@ TEST_F(OutgoingMessageTest, NamesNoSourceOfAnotherFamily) {
     EXPECT_EQ(message.header()->msg_control, nullptr);
 }
 
-TEST_F(OutgoingMessageTest, PutsTheSourceBehindTheMark) {
+TEST_F(OutgoingMessageTest, WritesTheSourceAfterTheDscp) {
     EXPECT_EQ(classFor("127.0.0.1", 46, noDscp), trafficClass(IPPROTO_IP, IP_TOS, 184));
     message.addSource(ipv4Destination());
     EXPECT_EQ(controlOf(message),
@@ -170,7 +170,7 @@ TEST_F(OutgoingMessageTest, PutsTheSourceBehindTheMark) {
     EXPECT_EQ(controlOf(message).size(), 64U);
 }
 
-TEST_F(OutgoingMessageTest, StartsAfreshWithANewDestination) {
+TEST_F(OutgoingMessageTest, NewDestinationClearsTheControlData) {
     classFor("127.0.0.1", 46, noDscp);
     message.addSource(ipv4Destination());
     message.setDestination(IPAddrInfo("::1", 4500).socketAddress());
@@ -178,7 +178,7 @@ TEST_F(OutgoingMessageTest, StartsAfreshWithANewDestination) {
     EXPECT_EQ(message.header()->msg_control, nullptr);
 }
 
-TEST_F(OutgoingMessageTest, IsTakenByTheKernelWithEverythingOnIt) {
+TEST_F(OutgoingMessageTest, IsAcceptedByTheKernelWithDscpAndSource) {
     for (const int family : {AF_INET, AF_INET6}) {
         UdpSocket from(family);
         UdpSocket to(family);

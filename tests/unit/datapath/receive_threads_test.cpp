@@ -33,7 +33,7 @@ class ReceiveThreadTest : public DatapathTest {
         ASSERT_EQ(thread.start([this] { lateralStreamRecv(context, lateral); }), 0);
     }
 
-    /// Whether the endpoint's counters come to stand like this.
+    /// Whether the endpoint's counters reach these values before a deadline.
     static void expectCounts(const VeskEndpointDescriptor& endpoint, const Counts& expected) {
         EXPECT_TRUE(eventually([&] { return countsOf(endpoint) == expected; }))
             << countsOf(endpoint) << " and not " << expected;
@@ -42,7 +42,7 @@ class ReceiveThreadTest : public DatapathTest {
     CancellableThread thread;
 };
 
-TEST_F(ReceiveThreadTest, DownstreamForwardsAndRemembersTheSender) {
+TEST_F(ReceiveThreadTest, DownstreamForwardsAndStoresTheSender) {
     declareFlow(5);
     EXPECT_THAT(printedBy([this] {
                     startDownstream();
@@ -59,7 +59,7 @@ TEST_F(ReceiveThreadTest, DownstreamForwardsAndRemembersTheSender) {
               withPort(IPAddrInfo("127.0.0.1", 1).socketAddress(), 0));
 }
 
-TEST_F(ReceiveThreadTest, DownstreamProcessesATruncatedDatagram) {
+TEST_F(ReceiveThreadTest, DownstreamForwardsATruncatedDatagram) {
     declareFlow(5);
     printedBy([this] {
         startDownstream();
@@ -114,7 +114,7 @@ class LateralThreadTest : public ReceiveThreadTest {
         startLateralThread();
     }
 
-    /// A header as the instance with this key would make it, with a datagram behind it.
+    /// A lateral header as the instance with this key makes it, followed by a datagram.
     static Bytes wrapped(std::uint8_t type, const SocketAddress& address, const TestKey& key,
                          const Bytes& datagram) {
         return join({lateralHeader(type, address.bytes(), key), datagram});
@@ -128,9 +128,9 @@ class LateralThreadTest : public ReceiveThreadTest {
     const TestKey foreignKey{"sha256", Bytes(16, 0x43)};
 };
 
-TEST_F(LateralThreadTest, ForwardsWhatAnotherInstanceHandsOver) {
+TEST_F(LateralThreadTest, ForwardsADatagramFromAnotherInstance) {
     declareFlow(5);
-    // Only the instance that made the header can check it.
+    // Only the instance that made the header has the key to check it.
     const Bytes datagram = wrapped(1, peer.address(), foreignKey, framed(5, payload));
     printedBy([&] {
         sendToInstance(datagram);
@@ -162,7 +162,7 @@ TEST_F(LateralThreadTest, CountsAReplyWithTheHmacOfAnotherInstance) {
     EXPECT_TRUE(peer.empty());
 }
 
-TEST_F(LateralThreadTest, CountsMalformedLateralDatagrams) {
+TEST_F(LateralThreadTest, CountsAnInvalidLateralDatagram) {
     std::uint64_t count = 0;
     const Bytes good = wrapped(2, peer.address(), lateralKey, {});
     Bytes longByte = good;
@@ -179,7 +179,7 @@ TEST_F(LateralThreadTest, CountsMalformedLateralDatagrams) {
     EXPECT_TRUE(peer.empty());
 }
 
-TEST_F(LateralThreadTest, SendsNothingToAnInvalidAddress) {
+TEST_F(LateralThreadTest, DropsAReplyWithAnInvalidAddress) {
     SocketAddress longIpv4 = peer.address();
     longIpv4.length = 28;
     SocketAddress otherFamily = peer.address();
@@ -193,7 +193,7 @@ TEST_F(LateralThreadTest, SendsNothingToAnInvalidAddress) {
 }
 
 TEST_F(LateralThreadTest, DropsAReplyThatCannotBeSent) {
-    // An IPv6 peer, and an IPv4 socket to reach it from.
+    // An IPv6 peer and an IPv4 socket to send from.
     const UdpSocket ipv6Peer(AF_INET6);
     sendToInstance(wrapped(2, ipv6Peer.address(), lateralKey, framed(0x2222, payload)));
     expectCounts(*lateral, {.rxDg = 1, .dnTxDgDropped = 1});
@@ -205,7 +205,7 @@ TEST_F(LateralThreadTest, DropsAReplyAfterStop) {
     expectCounts(*lateral, {.rxDg = 1, .dnTxDgDropped = 1});
 }
 
-TEST_F(LateralThreadTest, DoesNotCountARefusalOfThePeer) {
+TEST_F(LateralThreadTest, DoesNotCountARefusalByThePeer) {
     provokeRefusal(downstreamSocket.fd());
     sendToInstance(wrapped(2, peer.address(), lateralKey, framed(0x2222, payload)));
     expectCounts(*lateral, {.rxDg = 1});

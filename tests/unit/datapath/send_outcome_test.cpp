@@ -25,14 +25,14 @@ class SendOutcomeTest : public testing::Test {
     OutgoingMessage message;
 };
 
-TEST_F(SendOutcomeTest, IsSentWhereAllBytesWentOut) {
+TEST_F(SendOutcomeTest, IsSentWhenAllBytesWereSent) {
     UdpSocket receiver;
     UdpSocket sender;
     message.setDestination(receiver.address());
     EXPECT_EQ(send(sender.fd()).outcome, SendOutcome::sent);
 }
 
-TEST_F(SendOutcomeTest, HasFailedWhereTooFewBytesWentOut) {
+TEST_F(SendOutcomeTest, IsFailedWhenTooFewBytesWereSent) {
     UdpSocket receiver;
     UdpSocket sender;
     message.setDestination(receiver.address());
@@ -40,7 +40,7 @@ TEST_F(SendOutcomeTest, HasFailedWhereTooFewBytesWentOut) {
               SendOutcome::failed);
 }
 
-TEST_F(SendOutcomeTest, HasNoRoomWhereTheBufferIsFull) {
+TEST_F(SendOutcomeTest, IsNoRoomWhenTheBufferIsFull) {
     std::array<int, 2> pair{-1, -1};
     ASSERT_EQ(socketpair(AF_UNIX, SOCK_DGRAM, 0, pair.data()), 0);
     const UniqueFd sender(pair[0]);
@@ -53,7 +53,7 @@ TEST_F(SendOutcomeTest, HasNoRoomWhereTheBufferIsFull) {
     EXPECT_EQ(result.error, EAGAIN);
 }
 
-TEST_F(SendOutcomeTest, IsRefusedWhereAnEarlierDatagramWas) {
+TEST_F(SendOutcomeTest, IsRefusedAfterAnEarlierDatagramWasRefused) {
     UdpSocket sender;
     SocketAddress closedPort;
     {
@@ -65,13 +65,13 @@ TEST_F(SendOutcomeTest, IsRefusedWhereAnEarlierDatagramWas) {
     EXPECT_EQ(send(sender.fd()).outcome, SendOutcome::refused);
 }
 
-TEST_F(SendOutcomeTest, HasFailedOnAnyOtherError) {
+TEST_F(SendOutcomeTest, IsFailedOnAnyOtherError) {
     const SendResult result = send(-1);
     EXPECT_EQ(result.outcome, SendOutcome::failed);
     EXPECT_EQ(result.error, EBADF);
 }
 
-TEST_F(SendOutcomeTest, CountsARefusalNowhere) {
+TEST_F(SendOutcomeTest, RefusalIsNotCounted) {
     SharedCounter sent;
     SharedCounter dropped;
     countSend(SendOutcome::refused, sent, dropped);

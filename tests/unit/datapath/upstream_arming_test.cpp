@@ -1,4 +1,4 @@
-// When a socket is read again, and when the poll loop is asked to watch it again.
+// When a socket is read again and when it is armed again in the poll loop.
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -24,8 +24,8 @@ using testing::IsEmpty;
 
 class UpstreamArmingTest : public UpstreamTest {
  protected:
-    /// Serves a socket that brings no datagram: at the end of the pass it has to be watched again,
-    /// and nothing may have become of its flow.
+    /// Serves a socket that yields no datagram. Expects that the end of the pass arms it again and
+    /// that its flow is unchanged.
     void expectArmed() {
         serveFlow(false);
         EXPECT_THAT(takePollRequests(), IsEmpty());
@@ -72,7 +72,7 @@ TEST_F(UpstreamArmingTest, WaitsForTheCreatorOfAnEndpointThatIsNotPrepared) {
     EXPECT_TRUE(peer.receive().has_value());
 }
 
-TEST_F(UpstreamArmingTest, ArmsWhatIsDrainedBeforeItWaitsForACreator) {
+TEST_F(UpstreamArmingTest, ArmsDrainedSocketsBeforeItWaitsForACreator) {
     serveFlow(false);
     declareFlow(1000);
     const EndpointPtr unprepared = createEndpoint(1000);
@@ -115,7 +115,7 @@ TEST_F(UpstreamArmingTest, HoldsADrainedEndpointUntilItsSocketIsArmed) {
     EXPECT_EQ(requests[2], (PollCtlMsg{EPOLL_CTL_DEL, 0, socket}));
 }
 
-TEST_F(UpstreamArmingTest, DeletesTheEndpointIfItCannotBeArmed) {
+TEST_F(UpstreamArmingTest, DeletesAnEndpointThatCannotBeArmed) {
     serveFlow(false);
     context->pollSocket.reset();
     const std::string failure =
@@ -130,7 +130,7 @@ TEST_F(UpstreamArmingTest, DeletesTheEndpointIfItCannotBeArmed) {
     printedBy([this] { flow.reset(); });
 }
 
-TEST_F(UpstreamArmingTest, ReturnsEveryReplyWhenTwoWorkersServeOneSocket) {
+TEST_F(UpstreamArmingTest, ForwardsEveryReplyWhenTwoWorkersServeOneSocket) {
     constexpr int count = 60;
     for (int i = 0; i < count; ++i) {
         reply(framed(label, payload, inKey));
@@ -154,12 +154,12 @@ TEST_F(UpstreamArmingTest, ReturnsEveryReplyWhenTwoWorkersServeOneSocket) {
     }
     EXPECT_EQ(countsOf(*flow), (Counts{.rxDg = count, .txDg = 1, .dnTxDg = count}));
     EXPECT_EQ(flow->serving.load(), Serving::nobody);
-    // Whoever found it drained last has it watched again.
+    // The worker that drained the socket last arms it.
     EXPECT_THAT(takePollRequests(),
                 testing::Each(PollCtlMsg{EPOLL_CTL_MOD, EPOLLIN, flow->rdsockfd}));
 }
 
-TEST_F(UpstreamArmingTest, ArmsASocketOnceThatTwoWorkersFoundDrained) {
+TEST_F(UpstreamArmingTest, ArmsASocketOnceWhenTwoWorkersFoundItDrained) {
     UpstreamReceiver other(context);
     bool keep = true;
     serveFlow(false);
@@ -168,14 +168,14 @@ TEST_F(UpstreamArmingTest, ArmsASocketOnceThatTwoWorkersFoundDrained) {
     endPassOf(other);
     EXPECT_THAT(takePollRequests(),
                 ElementsAre(PollCtlMsg{EPOLL_CTL_MOD, EPOLLIN, flow->rdsockfd}));
-    // Drained once more, it is armed once more.
+    // When it is drained again, it is armed again.
     upstreamSocketRecv(flow->rdsockfd, keep, other);
     endPassOf(other);
     EXPECT_THAT(takePollRequests(),
                 ElementsAre(PollCtlMsg{EPOLL_CTL_MOD, EPOLLIN, flow->rdsockfd}));
 }
 
-TEST_F(UpstreamArmingTest, ReportsAnErrorAlthoughAnotherWorkerFoundTheSocket) {
+TEST_F(UpstreamArmingTest, ReportsASocketErrorWhenAnotherWorkerTriedToClaimIt) {
     const UniqueFd notASocket(memfd_create("not a socket", 0));
     ASSERT_EQ(dup2(notASocket.get(), flow->rdsockfd), flow->rdsockfd);
     bool foundClaimed = false;
@@ -189,13 +189,13 @@ TEST_F(UpstreamArmingTest, ReportsAnErrorAlthoughAnotherWorkerFoundTheSocket) {
               "(Socket operation on non-socket). Endpoint Deleted\n");
 }
 
-TEST_F(UpstreamArmingTest, ReadsADrainedSocketAgainAfterAnotherWorkersAttempt) {
+TEST_F(UpstreamArmingTest, ReadsADrainedSocketAgainWhenAnotherWorkerTriedToClaimIt) {
     duringNextReceive([this] { EXPECT_FALSE(ServingClaim(*flow).held()); });
     serveFlow(true);
     expectArmed();
 }
 
-TEST_F(UpstreamArmingTest, LogsNoArmingFailureAtShutDown) {
+TEST_F(UpstreamArmingTest, LogsNoArmingFailureDuringShutdown) {
     serveFlow(false);
     context->shuttingDown = true;
     retirePollChannel(context->serverPollSock.get());
@@ -214,7 +214,7 @@ TEST_F(UpstreamArmingTest, DeletesTheEndpointAfterThePollLoopFailed) {
     EXPECT_EQ(manager().findEndpointByLabel(label), nullptr);
 }
 
-TEST_F(UpstreamArmingTest, ReleasesEverythingBeforeLinesAreWritten) {
+TEST_F(UpstreamArmingTest, ReleasesItsEndpointsBeforeLinesAreWritten) {
     reply(framed(label, payload, inKey));
     serveFlow(true);
     const int socket = flow->rdsockfd;
@@ -231,18 +231,18 @@ TEST_F(UpstreamArmingTest, ReleasesEverythingBeforeLinesAreWritten) {
     EXPECT_FALSE(isOpen(socket));
 }
 
-TEST_F(UpstreamArmingTest, IgnoresANumberKeptFromAnEarlierSocketOnce) {
+TEST_F(UpstreamArmingTest, DropsADescriptorNumberOfAnEarlierSocket) {
     reply(framed(label, payload, inKey));
     serveFlow(true);
     const int socket = flow->rdsockfd;
-    // The number is used again while the worker has it.
+    // The number is reused while the worker still has it.
     manager().deleteEndpoint(label);
     flow.reset();
     bool keep = true;
     upstreamSocketRecv(-1, keep, *receiver);
     takePollRequests();
     ASSERT_FALSE(isOpen(socket));
-    // The kernel gives out the lowest number that is free.
+    // The kernel assigns the lowest free number.
     std::vector<UniqueFd> lower;
     while (lower.empty() || lower.back().get() < socket) {
         lower.emplace_back(dup(STDIN_FILENO));
@@ -257,7 +257,7 @@ TEST_F(UpstreamArmingTest, IgnoresANumberKeptFromAnEarlierSocketOnce) {
     EXPECT_FALSE(keep);
     endPass();
     EXPECT_THAT(takePollRequests(), IsEmpty());
-    // Its own event comes later.
+    // The event for the new socket comes later.
     upstreamSocketRecv(next->rdsockfd, keep, *receiver);
     endPass();
     EXPECT_THAT(takePollRequests(),

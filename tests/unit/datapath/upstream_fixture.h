@@ -1,4 +1,4 @@
-// One flow that a peer has opened, with the test in place of the receive worker.
+// One flow that a peer has opened. The test acts as the receive worker.
 #pragma once
 
 #include <gtest/gtest.h>
@@ -30,7 +30,7 @@ class UpstreamTest : public DatapathTest {
         DatapathTest::TearDown();
     }
 
-    /// Opens the flow afresh with these attributes besides its addresses and labels.
+    /// Opens the flow again, with these attributes in addition to its addresses and labels.
     void open(const std::string& words) {
         flow.reset();
         printedBy([this] { manager().removeLabel(label); });
@@ -57,14 +57,14 @@ class UpstreamTest : public DatapathTest {
             printedBy([&] { served.result = upstreamSocketRecv(socket, served.keep, *receiver); });
         return served;
     }
-    /// Serves the flow's socket once; it must say what is expected and print nothing.
+    /// Serves the flow's socket once. Expects this value of `keep` and no output.
     void serveFlow(bool expectedKeep) {
         const Served served = serve(flow->rdsockfd);
         EXPECT_EQ(served.keep, expectedKeep);
         EXPECT_EQ(served.result, expectedKeep ? 1 : 0);
         EXPECT_EQ(served.printed, "");
     }
-    /// Ends the worker's pass; nothing may have to be tried again.
+    /// Ends the worker's pass. Expects that there is nothing to retry.
     void endPass() { endPassOf(*receiver); }
     static void endPassOf(UpstreamReceiver& worker) {
         EXPECT_EQ(worker.endPass(LogDelay()), std::nullopt);

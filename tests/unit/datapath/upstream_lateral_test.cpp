@@ -9,7 +9,7 @@ namespace {
 const Bytes answerPayload = toBytes("reply");
 constexpr std::uint32_t replyLabel = 5;
 
-/// A flow whose last datagram came over the lateral stream, from the instance at `peer`.
+/// A flow whose last datagram came over the lateral stream from the instance at `peer`.
 class LateralReplyTest : public DatapathTest {
  protected:
     void SetUp() override {
@@ -26,7 +26,7 @@ class LateralReplyTest : public DatapathTest {
         DatapathTest::TearDown();
     }
 
-    /// Serves one reply of the upstream service.
+    /// Sends one reply from the upstream service and serves it.
     void answer(const Bytes& datagram) {
         upstream.send(datagram, withPort(IPAddrInfo("127.0.0.1", 1).socketAddress(),
                                          portOf(boundAddress(flow->rdsockfd))));
@@ -39,7 +39,7 @@ class LateralReplyTest : public DatapathTest {
     EndpointPtr flow;
 };
 
-TEST_F(LateralReplyTest, ReturnsToTheForwardingInstance) {
+TEST_F(LateralReplyTest, IsReturnedOverTheLateralStream) {
     answer(framed(replyLabel, answerPayload));
     EXPECT_EQ(peer.receive(), join({Bytes{2}, kept, framed(0x2222, answerPayload)}));
     EXPECT_EQ(peer.sender(), lateralSocket.address());
@@ -47,7 +47,7 @@ TEST_F(LateralReplyTest, ReturnsToTheForwardingInstance) {
     EXPECT_EQ(countsOf(*lateral), Counts());
 }
 
-TEST_F(LateralReplyTest, IsDroppedIfItsHeaderDoesNotFit) {
+TEST_F(LateralReplyTest, IsDroppedWhenItsHeaderDoesNotFit) {
     answer(framed(replyLabel, Bytes(2048 - 34 - 20 + 1, 1)));
     EXPECT_TRUE(peer.empty());
     EXPECT_EQ(countsOf(*lateral), (Counts{.txDgDropped = 1}));
@@ -56,14 +56,14 @@ TEST_F(LateralReplyTest, IsDroppedIfItsHeaderDoesNotFit) {
     EXPECT_EQ(peer.receive()->size(), 2048U);
 }
 
-TEST_F(LateralReplyTest, GoesDirectlyAfterADirectRequest) {
+TEST_F(LateralReplyTest, IsSentToThePeerAfterADirectRequest) {
     arrive(framed(replyLabel, toBytes("request")));
     answer(framed(replyLabel, answerPayload));
     EXPECT_EQ(peer.receive(), framed(0x2222, answerPayload));
     EXPECT_EQ(peer.sender(), downstreamSocket.address());
 }
 
-TEST_F(LateralReplyTest, GoesDirectlyWhileTheStreamDoesNotRun) {
+TEST_F(LateralReplyTest, IsSentToThePeerWhileTheStreamIsNotRunning) {
     context->lateral.running = false;
     answer(framed(replyLabel, answerPayload));
     EXPECT_EQ(peer.receive(), framed(0x2222, answerPayload));

@@ -1,4 +1,4 @@
-// How the sockets of many flows are armed again.
+// Arming the sockets of many flows again.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <sys/epoll.h>
@@ -14,7 +14,7 @@ namespace {
 
 using testing::IsEmpty;
 
-/// More flows than this one, all of them drained.
+/// Further flows, whose sockets are all drained.
 class ManyFlowsTest : public UpstreamTest {
  protected:
     void drain(std::uint32_t count) {
@@ -47,14 +47,14 @@ TEST_F(ManyFlowsTest, AreArmedTogetherAtTheEndOfThePass) {
     EXPECT_EQ(armedSockets(), sockets);
 }
 
-TEST_F(ManyFlowsTest, AreArmedEarlierIfTheyFillARow) {
+TEST_F(ManyFlowsTest, AreArmedEarlyWhenTheyFillADatagramOfThePollChannel) {
     drain(maxPollRecords);
     EXPECT_EQ(armedSockets(), sockets);
     endPass();
     EXPECT_THAT(armedSockets(), IsEmpty());
 }
 
-TEST_F(ManyFlowsTest, AreArmedOneByOneIfTheyCannotBeArmedTogether) {
+TEST_F(ManyFlowsTest, AreArmedOneByOneWhenArmingThemTogetherFails) {
     drain(2);
     context->pollSocket.reset();
     const std::string failure =

@@ -1,4 +1,4 @@
-// Replies on the socket of a multiplexed flow, where those of any flow may arrive.
+// Replies on the socket of a multiplexed flow, which receives replies to any multiplexed flow.
 #include <gtest/gtest.h>
 
 #include "datapath/upstream_fixture.h"
@@ -48,7 +48,7 @@ TEST_F(MultiplexedUpstreamTest, CountsAForgedReplyOnTheFlowOfItsLabel) {
     EXPECT_EQ(countsOf(*other), (Counts{.txDg = 1, .rxDgError = 1}));
 }
 
-TEST_F(MultiplexedUpstreamTest, CountsAnUnknownLabelOnItsOwnEndpoint) {
+TEST_F(MultiplexedUpstreamTest, CountsAnUnknownLabelOnTheReceivingEndpoint) {
     for (const std::uint32_t unknown : {0x888U, 0U}) {
         reply(framed(unknown, payload));
         serveFlow(true);
@@ -57,7 +57,7 @@ TEST_F(MultiplexedUpstreamTest, CountsAnUnknownLabelOnItsOwnEndpoint) {
     EXPECT_TRUE(peer.empty());
 }
 
-/// The sibling flow after a "set", when a reply labelled with it arrives before its next request.
+/// The other flow after a "set", when a reply with its label arrives before its next request.
 class MultiplexedSiblingTest : public MultiplexedUpstreamTest {
  protected:
     void SetUp() override {

@@ -39,14 +39,14 @@ TEST_P(UpstreamBothVersionsTest, DropsAForgedReplySilently) {
     EXPECT_TRUE(peer.empty());
 }
 
-TEST_P(UpstreamBothVersionsTest, CountsMalformedDatagrams) {
+TEST_P(UpstreamBothVersionsTest, CountsAnInvalidDatagram) {
     reply(Bytes(19, 1));
     serveFlow(true);
     EXPECT_EQ(countsOf(*flow), (Counts{.rxDg = 1, .txDg = 1, .rxDgError = 1}));
     EXPECT_TRUE(peer.empty());
 }
 
-TEST_F(UpstreamTest, AnswersTheSenderOfTheNewestDatagram) {
+TEST_F(UpstreamTest, ForwardsToTheSenderOfTheNewestDatagram) {
     UdpSocket newer;
     arriveFrom(newer, framed(label, toBytes("request")));
     reply(framed(label, payload, inKey));
@@ -55,7 +55,7 @@ TEST_F(UpstreamTest, AnswersTheSenderOfTheNewestDatagram) {
     EXPECT_TRUE(peer.empty());
 }
 
-TEST_F(UpstreamTest, CountsADifferentLabelAndReturnsTheReply) {
+TEST_F(UpstreamTest, CountsADifferentLabelAndForwardsTheReply) {
     reply(framed(0x999, payload, inKey));
     serveFlow(true);
     EXPECT_EQ(peer.receive(), framed(0x2222, payload, outKey));
@@ -80,7 +80,7 @@ TEST_F(UpstreamTest, DropsAReplyThatCannotBeSigned) {
     EXPECT_TRUE(peer.empty());
 }
 
-TEST_F(UpstreamTest, LearnsTheAddressThatRepliesArriveOn) {
+TEST_F(UpstreamTest, StoresTheAddressAtWhichRepliesArrive) {
     reply(framed(label, payload, inKey));
     serveFlow(true);
     const ReadLock lock(flow->routeLock);
@@ -106,7 +106,7 @@ TEST_F(UpstreamTest, DropsAReplyForAFlowThatNoPeerHasUsed) {
     EXPECT_EQ(manager().findEndpointByLabel(label), flow);
 }
 
-TEST_F(UpstreamTest, DoesNotCountARefusalOfThePeer) {
+TEST_F(UpstreamTest, DoesNotCountARefusalByThePeer) {
     provokeRefusal(downstreamSocket.fd());
     reply(framed(label, payload, inKey));
     serveFlow(true);
@@ -114,7 +114,7 @@ TEST_F(UpstreamTest, DoesNotCountARefusalOfThePeer) {
     EXPECT_EQ(manager().findEndpointByLabel(label), flow);
 }
 
-TEST_F(UpstreamTest, ProcessesATruncatedDatagram) {
+TEST_F(UpstreamTest, ForwardsATruncatedDatagram) {
     open("");
     reply(framed(label, Bytes(2100, 1)));
     serveFlow(true);
@@ -123,7 +123,7 @@ TEST_F(UpstreamTest, ProcessesATruncatedDatagram) {
 }
 
 TEST_F(UpstreamTest, DeletesAnEndpointWhoseSocketFails) {
-    // Something that is no socket, under the socket's number.
+    // The socket's descriptor number now refers to a file.
     const UniqueFd other(::open("/dev/null", O_RDONLY));
     ASSERT_EQ(dup2(other.get(), flow->rdsockfd), flow->rdsockfd);
     const Served served = serve(flow->rdsockfd);
@@ -147,7 +147,7 @@ TEST_F(UpstreamTest, IgnoresAnUnknownSocketSilently) {
     }
 }
 
-TEST_F(UpstreamTest, LogsAStaleSocketNumber) {
+TEST_F(UpstreamTest, LogsAndIgnoresAStaleSocketNumber) {
     const std::string read = std::to_string(flow->rdsockfd);
     const std::string write = std::to_string(flow->wrsockfd);
     const Served served = serve(flow->wrsockfd);
@@ -159,7 +159,7 @@ TEST_F(UpstreamTest, LogsAStaleSocketNumber) {
     EXPECT_EQ(countsOf(*flow), (Counts{.txDg = 1}));
 }
 
-TEST_F(UpstreamTest, LogsThatWritingIsNotImplemented) {
+TEST_F(UpstreamTest, SendingOnAnUpstreamSocketIsNotImplemented) {
     bool keep = true;
     EXPECT_EQ(printedBy([&keep] { EXPECT_EQ(upstreamSocketSend(7, keep), 0); }),
               "error upstreamSocketSend:Not Implemented yet\n");

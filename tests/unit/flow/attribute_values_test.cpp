@@ -1,4 +1,4 @@
-// The values of each kind of attribute, parsed through the table that names their members.
+// The accepted and refused values of each kind of attribute, parsed through the attribute table.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <openssl/evp.h>
@@ -15,7 +15,7 @@
 namespace vesk {
 namespace {
 
-/// Sends one attribute through the table's validator.
+/// Parses one attribute with the parser in its table row.
 ParsedAttributes validate(const std::string& name, const std::string& value,
                           const FlowDesc& before = FlowDesc()) {
     ParsedAttributes outcome{false, "", before};
@@ -39,7 +39,7 @@ FlowDesc expectAccepted(const std::string& name, const std::string& value) {
     return std::move(outcome.scratch);
 }
 
-TEST(LabelAttributeTest, StoresNumbersOfAnyBase) {
+TEST(LabelAttributeTest, StoresNumbersInAnyBase) {
     EXPECT_EQ(expectAccepted("label", "0x10").label, 16U);
     EXPECT_EQ(expectAccepted("label", "010").label, 8U);
     EXPECT_EQ(expectAccepted("label", "4294967295").label, 4294967295U);
@@ -51,7 +51,7 @@ TEST(LabelAttributeTest, StoresNumbersOfAnyBase) {
 
 const std::string labelPrefix = "error validateLabelLikeString: bad label-like value, ";
 
-TEST(LabelAttributeTest, RefusesNonNumericText) {
+TEST(LabelAttributeTest, RefusesAValueThatIsNotANumber) {
     expectRefused("label", "10abc", labelPrefix + "'label': bogus labelVal '10abc'\n");
     expectRefused("down_aux_flow_label_prefix", "x",
                   labelPrefix + "'down_aux_flow_label_prefix': bogus labelVal 'x'\n");
@@ -67,7 +67,7 @@ TEST(LabelAttributeTest, RefusesZero) {
                   labelPrefix + "'down_aux_flow_label_prefix': reserved labelVal ''\n");
 }
 
-TEST(LabelAttributeTest, RefusesNumbersThatAreTooLarge) {
+TEST(LabelAttributeTest, RefusesANumberThatIsTooLarge) {
     expectRefused("label", "4294967296",
                   labelPrefix + "'label': illegal labelVal '4294967296' exceeds '4294967295'\n");
     expectRefused("down_aux_flow_label_prefix", "65536",
@@ -76,7 +76,7 @@ TEST(LabelAttributeTest, RefusesNumbersThatAreTooLarge) {
                       "'65535'\n");
 }
 
-TEST(LabelAttributeTest, RefusesANegativeTextAsTooLarge) {
+TEST(LabelAttributeTest, RefusesANegativeNumberAsTooLarge) {
     expectRefused("down_label", "-1",
                   labelPrefix + "'down_label': illegal labelVal '-1' exceeds '4294967295'\n");
     expectRefused(
@@ -84,14 +84,14 @@ TEST(LabelAttributeTest, RefusesANegativeTextAsTooLarge) {
         labelPrefix + "'down_aux_flow_label_prefix': illegal labelVal '-1' exceeds '65535'\n");
 }
 
-TEST(LabelAttributeTest, LeavesTheMemberUnchangedOnRefusal) {
+TEST(LabelAttributeTest, LeavesTheMemberUnchangedWhenItRefuses) {
     FlowDesc before(7);
     EXPECT_EQ(validate("label", "0", before).scratch.label, 7U);
 }
 
 const std::string dscpPrefix = "Vesk_validateDscpString: '";
 
-TEST(DscpAttributeTest, StoresSixBitValuesAndNoMark) {
+TEST(DscpAttributeTest, StoresSixBitValuesAndMinusOne) {
     EXPECT_EQ(expectAccepted("down_out_dscp_v4", "0").down.dscpV4, 0);
     EXPECT_EQ(expectAccepted("down_out_dscp_v6", "63").down.dscpV6, 63);
     EXPECT_EQ(expectAccepted("up_out_dscp_v4", "0x2e").up.dscpV4, 46);
@@ -100,7 +100,7 @@ TEST(DscpAttributeTest, StoresSixBitValuesAndNoMark) {
     EXPECT_EQ(validate("up_out_dscp_v6", "-1", marked).scratch.up.dscpV6, -1);
 }
 
-TEST(DscpAttributeTest, IgnoresValuesOutOfRange) {
+TEST(DscpAttributeTest, IgnoresAValueOutOfRange) {
     for (const char* value : {"64", "-2", "256", "4294967295", "9223372036854775807",
                               "-9223372036854775808", "-99999999999999999999"}) {
         FlowDesc marked;
@@ -113,7 +113,7 @@ TEST(DscpAttributeTest, IgnoresValuesOutOfRange) {
     }
 }
 
-TEST(DscpAttributeTest, RefusesNonNumericText) {
+TEST(DscpAttributeTest, RefusesAValueThatIsNotANumber) {
     expectRefused("up_out_dscp_v4", "EF", "error " + dscpPrefix + " Bad dscp value: EF\n");
     expectRefused("up_out_dscp_v6", "9223372036854775808",
                   "error " + dscpPrefix + " Bad dscp value: 9223372036854775808\n");
@@ -128,7 +128,7 @@ TEST(KeyAttributeTest, DecodesPairsOfDigits) {
                 testing::ElementsAre(0x00, 0xa1, 0xff, 0xe5, 0x00));
 }
 
-TEST(KeyAttributeTest, StoresEachKeyInItsPlace) {
+TEST(KeyAttributeTest, StoresEachKeyInItsMember) {
     EXPECT_TRUE(expectAccepted("down_out_key", "01").down.outHmac.hasKey());
     EXPECT_TRUE(expectAccepted("up_in_key", "01").up.inHmac.hasKey());
     EXPECT_TRUE(expectAccepted("up_out_key", "01").up.outHmac.hasKey());
@@ -140,7 +140,7 @@ TEST(KeyAttributeTest, AcceptsUpTo256Digits) {
     EXPECT_THAT(flow.up.inHmac.key, testing::Each(0xaa));
 }
 
-TEST(KeyAttributeTest, NamesWhatIsWrongInOrder) {
+TEST(KeyAttributeTest, ReportsTheFirstFault) {
     expectRefused("up_in_key", "", keyPrefix + "empty\n");
     expectRefused("up_in_key", "abc", keyPrefix + "odd length\n");
     expectRefused("up_in_key", "xyz", keyPrefix + "odd length\n");
@@ -152,7 +152,7 @@ TEST(KeyAttributeTest, NamesWhatIsWrongInOrder) {
     }
 }
 
-TEST(KeyAttributeTest, KeepsTheOldBytesBehindAShorterKey) {
+TEST(KeyAttributeTest, KeepsTheOldBytesAfterAShorterKey) {
     const FlowDesc before = expectAccepted("up_in_key", "01020304");
     const FlowDesc after = validate("up_in_key", "ff", before).scratch;
     EXPECT_EQ(after.up.inHmac.keyLen, 1U);
@@ -172,14 +172,14 @@ TEST(AlgorithmAttributeTest, StoresNameAndDigest) {
     EXPECT_EQ(expectAccepted("up_out_algo", "sha256").up.outHmac.algoName, "sha256");
 }
 
-TEST(AlgorithmAttributeTest, RefusesOtherSpellings) {
+TEST(AlgorithmAttributeTest, RefusesAnyOtherSpelling) {
     for (const std::string value : {"SHA1", "sha", "sha1 ", "sha-256", "md5", ""}) {
         expectRefused("down_in_algo", value,
                       "error Vesk_validateHmacAlgoString: unknown algo '" + value + "'\n");
     }
 }
 
-TEST(MultiplexAttributeTest, AcceptsOnlyTrueAndFalse) {
+TEST(MultiplexAttributeTest, AcceptsTrueAndFalseOnly) {
     EXPECT_TRUE(expectAccepted("is_multiplex", "true").isMultiplex);
     FlowDesc multiplexed;
     multiplexed.isMultiplex = true;
@@ -198,7 +198,7 @@ TEST(AddressAttributeTest, StoresAResolvedAddress) {
     EXPECT_TRUE(flow.up.addrInfo.resolved());
 }
 
-TEST(AddressAttributeTest, StoresEachAddressInItsPlace) {
+TEST(AddressAttributeTest, StoresEachAddressInItsMember) {
     EXPECT_TRUE(expectAccepted("down_addrinfo", "::1|1").down.addrInfo.resolved());
     EXPECT_TRUE(expectAccepted("up_src_addrinfo", "::1|1").up.srcAddrInfo.resolved());
     EXPECT_TRUE(expectAccepted("up_aux_flow_addrinfo", "::1|1").upAuxFlowAddrInfo.resolved());
@@ -215,7 +215,7 @@ TEST(AddressAttributeTest, LeavesHalfAnAddressUnresolved) {
     EXPECT_FALSE(portOnly.resolved());
 }
 
-TEST(AddressAttributeTest, IgnoresTextWithoutASeparator) {
+TEST(AddressAttributeTest, ReadsAnAddressWithoutSeparatorAsEmpty) {
     const IPAddrInfo nothing = expectAccepted("up_addrinfo", "10.0.0.1").up.addrInfo;
     EXPECT_EQ(nothing.host(), "");
     EXPECT_EQ(nothing.port(), 0);
@@ -233,7 +233,7 @@ TEST(AddressAttributeTest, RefusesABadPort) {
 
 TEST(AddressAttributeTest, DoesNotCheckTheRangeOfThePort) {
     EXPECT_EQ(expectAccepted("up_addrinfo", "127.0.0.1|70000").up.addrInfo.port(), 4464);
-    // Handed on as 32 bits.
+    // Passed to the resolver as 32 bits.
     EXPECT_EQ(expectAccepted("up_addrinfo", "127.0.0.1|4294971796").up.addrInfo.port(), 4500);
 }
 

@@ -16,7 +16,7 @@ namespace {
 
 using testing::ThrowsMessage;
 
-TEST(FlowAttributeTableTest, HasExactlyTheAttributesOfAFlow) {
+TEST(FlowAttributeTableTest, HasExactlyTheTwentyTwoAttributes) {
     std::vector<std::string_view> names;
     for (const auto& [name, attribute] : flowAttributeTable()) {
         names.push_back(name);
@@ -51,7 +51,7 @@ TEST_F(AllAttributesTest, StoresEveryAttribute) {
     EXPECT_TRUE(outcome.scratch.isMultiplex);
 }
 
-TEST_F(AllAttributesTest, RequiresALabelFirst) {
+TEST_F(AllAttributesTest, RequiresALabelBeforeItChecksOtherAttributes) {
     const std::string line =
         "error Vesk_setFlowDescLabelAttrs: Invalid Attr,  'label' field is missing\n";
     EXPECT_EQ(validateAll({{"up_label", "6"}}).printed, line);
@@ -69,7 +69,7 @@ TEST_F(AllAttributesTest, RefusesUnknownNames) {
     EXPECT_EQ(outcome.scratch.label, 0U);
 }
 
-TEST_F(AllAttributesTest, StopsAtTheFirstRefusedAttributeInNameOrder) {
+TEST_F(AllAttributesTest, StopsAtTheFirstRefusedAttributeInTheOrderOfNames) {
     const ParsedAttributes outcome = validateAll(
         {{"down_label", "7"}, {"is_multiplex", "maybe"}, {"label", "5"}, {"zeta", "1"}});
     EXPECT_FALSE(outcome.accepted);
@@ -79,7 +79,7 @@ TEST_F(AllAttributesTest, StopsAtTheFirstRefusedAttributeInNameOrder) {
     EXPECT_EQ(outcome.scratch.label, 0U);
 }
 
-TEST_F(AllAttributesTest, ContinuesAfterAnIgnoredTrafficMark) {
+TEST_F(AllAttributesTest, ContinuesAfterAnIgnoredDscp) {
     const ParsedAttributes outcome = validateAll({{"label", "5"}, {"up_out_dscp_v4", "99"}});
     EXPECT_TRUE(outcome.accepted);
     EXPECT_EQ(outcome.printed, "warn Vesk_validateDscpString: ' Ignore invalid DSCP value: 99'\n");
@@ -116,14 +116,14 @@ TEST_F(ByNameTest, FindsKeyRecordsByKeyAndByAlgorithm) {
     EXPECT_EQ(&refHmacInfoByName(flow, "up_out_algo"), &flow.up.outHmac);
 }
 
-TEST_F(ByNameTest, FindsTrafficMarks) {
+TEST_F(ByNameTest, FindsDscpValues) {
     EXPECT_EQ(&refDscpByName(flow, "down_out_dscp_v4"), &flow.down.dscpV4);
     EXPECT_EQ(&refDscpByName(flow, "down_out_dscp_v6"), &flow.down.dscpV6);
     EXPECT_EQ(&refDscpByName(flow, "up_out_dscp_v4"), &flow.up.dscpV4);
     EXPECT_EQ(&refDscpByName(flow, "up_out_dscp_v6"), &flow.up.dscpV6);
 }
 
-TEST_F(ByNameTest, ThrowsForNamesOfAnotherKind) {
+TEST_F(ByNameTest, ThrowsForTheNameOfAnotherKind) {
     EXPECT_THAT([this] { refLabelByName(flow, "up_addrinfo"); },
                 ThrowsMessage<std::invalid_argument>("refLabelByName: Unknown name: up_addrinfo"));
     EXPECT_THAT([this] { refAddrInfoByName(flow, "label"); },

@@ -11,7 +11,7 @@
 namespace vesk {
 namespace {
 
-TEST(FlowDescTest, HasTheStatedDefaults) {
+TEST(FlowDescTest, HasTheDocumentedDefaults) {
     const FlowDesc flow(7);
     EXPECT_EQ(flow.label, 7U);
     EXPECT_EQ(flow.isAuxFlow, 0);
@@ -65,7 +65,7 @@ bool sameAddress(const IPAddrInfo& left, const IPAddrInfo& right) {
            left.family() == right.family() && left.socketAddress() == right.socketAddress();
 }
 
-/// Every member that an attribute reaches, with the comparison of exactly that member.
+/// A member that an attribute sets, with a function that compares only this member.
 struct Member {
     std::string name;
     std::function<bool(const FlowDesc&, const FlowDesc&)> same;

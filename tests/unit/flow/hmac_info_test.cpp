@@ -27,7 +27,7 @@ HmacInfo keyed(const Bytes& key) {
     return info;
 }
 
-/// Makes the record keep a context, as the datapath does.
+/// Makes the record create and keep a context, as the datapath does.
 void use(HmacInfo& info) {
     std::array<std::uint8_t, 16> tag{};
     ASSERT_TRUE(computeTag(info, {}, tag));
@@ -52,7 +52,7 @@ TEST(HmacInfoTest, MapsNamesToDigests) {
     EXPECT_EQ(hmacSha256.digest, &EVP_sha256);
 }
 
-TEST(HmacInfoTest, KeepsOldBytesBehindAShorterKey) {
+TEST(HmacInfoTest, KeepsTheOldBytesAfterAShorterKey) {
     HmacInfo info = keyed({1, 2, 3, 4});
     info.setKey(Bytes{9, 8});
     EXPECT_EQ(info.keyLen, 2U);
@@ -60,7 +60,7 @@ TEST(HmacInfoTest, KeepsOldBytesBehindAShorterKey) {
     EXPECT_THAT(Bytes(info.key.begin(), info.key.begin() + 5), testing::ElementsAre(9, 8, 3, 4, 0));
 }
 
-TEST(HmacInfoTest, TakesAKeyOfFullLength) {
+TEST(HmacInfoTest, AcceptsAKeyOfFullLength) {
     const HmacInfo info = keyed(Bytes(128, 0xab));
     EXPECT_EQ(info.keyLen, 128U);
     EXPECT_THAT(info.key, testing::Each(0xab));
@@ -84,7 +84,7 @@ TEST(HmacInfoTest, CopiesKeyAndAlgorithmButNeverTheContext) {
     EXPECT_NE(info.context, nullptr);
 }
 
-TEST(HmacInfoTest, SurvivesBeingAssignedToItself) {
+TEST(HmacInfoTest, KeepsKeyAndContextOnSelfAssignment) {
     HmacInfo info = keyed({1, 2, 3});
     use(info);
     const HmacInfo& same = info;
@@ -110,7 +110,7 @@ TEST(HmacInfoTest, DropsAContextMadeWithAnotherKeyOrAlgorithm) {
     EXPECT_EQ(info.context, nullptr);
 }
 
-TEST(HmacInfoTest, CopiesTheKeyAlone) {
+TEST(HmacInfoTest, CopiesOnlyTheKey) {
     HmacInfo from = keyed(Bytes(128, 5));
     from.setAlgorithm(hmacSha256);
     HmacInfo to;
@@ -121,7 +121,7 @@ TEST(HmacInfoTest, CopiesTheKeyAlone) {
     EXPECT_EQ(to.digest, &EVP_sha1);
 }
 
-TEST(HmacInfoTest, CopiesTheAlgorithmAlone) {
+TEST(HmacInfoTest, CopiesOnlyTheAlgorithm) {
     HmacInfo from = keyed({5});
     from.setAlgorithm(hmacSha256);
     HmacInfo to;
@@ -156,7 +156,7 @@ TEST(HmacInfoTextTest, ShowsTheAddressOfTheContext) {
     EXPECT_THAT(textOf(info), testing::EndsWith(" ctx: " + address.str()));
 }
 
-TEST(HmacInfoTextTest, LeavesTheStreamAsItWas) {
+TEST(HmacInfoTextTest, LeavesTheFormatOfTheStreamUnchanged) {
     std::ostringstream text;
     text << std::hex << std::setfill('*') << keyed({16}) << std::setw(4) << 255;
     EXPECT_THAT(text.str(), testing::EndsWith("**ff"));

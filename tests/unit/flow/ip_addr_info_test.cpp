@@ -17,7 +17,7 @@ namespace {
 using testing::MatchesRegex;
 using testing::ThrowsMessage;
 
-/// A text that the resolver refuses by itself, without asking anybody on the network.
+/// A text that the resolver refuses without a query on the network.
 constexpr const char* unresolvableHost = "fe80::1::2";
 
 void expectUnresolved(const IPAddrInfo& info, const std::string& host, std::uint16_t port) {
@@ -59,9 +59,9 @@ TEST(IPAddrInfoTest, ResolvesAnIpv6Address) {
     EXPECT_EQ(info.socketAddress(), ipv6("::1", 9000));
 }
 
-TEST(IPAddrInfoTest, ResolvesNames) {
+TEST(IPAddrInfoTest, ResolvesAName) {
     if (gethostbyname("localhost") == nullptr) {
-        GTEST_SKIP() << "this host has no name for itself";
+        GTEST_SKIP() << "this host cannot resolve localhost";
     }
     const IPAddrInfo info("localhost", 9000);
     EXPECT_EQ(info.host(), "localhost");
@@ -74,20 +74,20 @@ TEST(IPAddrInfoTest, StoresTheLowSixteenBitsOfThePort) {
     EXPECT_TRUE(info.resolved());
 }
 
-TEST(IPAddrInfoTest, AsksForAPortWhoseLowBitsAreZero) {
+TEST(IPAddrInfoTest, ResolvesAPortWhoseLowBitsAreZero) {
     const IPAddrInfo info("127.0.0.1", 65536);
     EXPECT_EQ(info.port(), 0);
     EXPECT_TRUE(info.resolved());
 }
 
-TEST(IPAddrInfoTest, ReportsWhatTheResolverDidNotFind) {
+TEST(IPAddrInfoTest, ThrowsTheNameThatTheResolverCannotFind) {
     EXPECT_THAT([] { IPAddrInfo(unresolvableHost, 53); },
                 ThrowsMessage<std::runtime_error>(
                     MatchesRegex("getaddrinfo: fe80::1::2\\|53: err -[0-9]+ errno [0-9]+")));
 }
 
 TEST(IPAddrInfoTest, PassesTheWholePortToTheResolver) {
-    // Cut to its low bits it would have been 65535 and good.
+    // The low bits alone are 65535, a valid port.
     EXPECT_THAT([] { IPAddrInfo("127.0.0.1", 4294967295U); },
                 ThrowsMessage<std::runtime_error>(MatchesRegex(
                     "getaddrinfo: 127\\.0\\.0\\.1\\|4294967295: err -[0-9]+ errno [0-9]+")));
@@ -111,7 +111,7 @@ TEST(IPAddrInfoTest, PrintsAnIpv6AddressFromTheNetwork) {
     EXPECT_EQ(info.addrLen(), 28U);
 }
 
-TEST(IPAddrInfoTest, PrintsTheLongestIpv6AddressWhole) {
+TEST(IPAddrInfoTest, PrintsTheLongestIpv6AddressInFull) {
     const SocketAddress received = ipv6("ffff:ffff:ffff:ffff:ffff:ffff:ffff:ffff", 65535);
     const IPAddrInfo info(received.get(), received.length);
     EXPECT_EQ(info.host(), "ffff:ffff:ffff:ffff:ffff:ffff:ffff:ffff");
@@ -142,7 +142,7 @@ TEST(IPAddrInfoTest, IsCopiedWithEveryField) {
     }
 }
 
-TEST(MergeAddressesTest, TakesAWholeNewAddress) {
+TEST(MergeAddressesTest, UsesACompleteNewAddress) {
     const IPAddrInfo merged =
         mergeAddresses(IPAddrInfo("127.0.0.2", 2), IPAddrInfo("127.0.0.1", 1));
     EXPECT_EQ(merged.socketAddress(), ipv4("127.0.0.2", 2));
@@ -166,12 +166,12 @@ TEST(MergeAddressesTest, StaysUnresolvedWhileAPartIsMissing) {
                      0);
 }
 
-TEST(MergeAddressesTest, ResolvesAgainWhereBothPartsAreMissing) {
+TEST(MergeAddressesTest, ResolvesAgainWhenBothPartsAreMissing) {
     const IPAddrInfo merged = mergeAddresses(IPAddrInfo(), IPAddrInfo("127.0.0.1", 1));
     EXPECT_EQ(merged.socketAddress(), ipv4("127.0.0.1", 1));
 }
 
-TEST(MergeAddressesTest, ThrowsTheResolversErrorForTheMergedAddress) {
+TEST(MergeAddressesTest, ThrowsWhenTheMergedAddressCannotBeResolved) {
     EXPECT_THROW(mergeAddresses(IPAddrInfo(unresolvableHost, 0), IPAddrInfo("127.0.0.1", 1)),
                  std::runtime_error);
 }
@@ -190,7 +190,7 @@ TEST(WildcardAddressTest, FollowsTheText) {
     EXPECT_EQ(wildcardAddress(std::string_view("")), "0.0.0.0");
 }
 
-TEST(FamilyOfAddressTextTest, LooksForAColon) {
+TEST(FamilyOfAddressTextTest, IsIpv6WhenTheTextContainsAColon) {
     EXPECT_EQ(familyOfAddressText("::"), AF_INET6);
     EXPECT_EQ(familyOfAddressText("a:b"), AF_INET6);
     EXPECT_EQ(familyOfAddressText("127.0.0.1"), AF_INET);

@@ -1,4 +1,4 @@
-// What a test sees of attributes that were parsed.
+// The result of parsing attributes, as tests compare it.
 #pragma once
 
 #include <string>

@@ -20,7 +20,7 @@ TEST(SecretKeysTest, AreWipedWithTheirRecord) {
     EXPECT_FALSE(room.holds(Bytes(4, 0xa7)));
 }
 
-TEST(SecretKeysTest, LeaveNothingOfALongerKeyThatWasReplaced) {
+TEST(SecretKeysTest, AreWipedWhenAShorterKeyReplacesThem) {
     HmacInfo shorter;
     shorter.setKey(Bytes(4, 0x11));
     Room<HmacInfo> room;

@@ -7,7 +7,7 @@
 namespace vesk {
 namespace {
 
-TEST(ErrorTextTest, ReturnsTheSystemsErrorText) {
+TEST(ErrorTextTest, IsTheTextOfTheSystem) {
     EXPECT_EQ(errorText(EADDRINUSE), "Address already in use");
     EXPECT_EQ(errorText(0), "Success");
     EXPECT_EQ(errorText(99999), "Unknown error 99999");

@@ -38,7 +38,7 @@ struct LevelCase {
 
 class LogLevelTest : public testing::TestWithParam<LevelCase> {};
 
-TEST_P(LogLevelTest, ShowsItsOwnLevelAndAllBelow) {
+TEST_P(LogLevelTest, ShowsItsOwnAndAllMoreSevereLevels) {
     const AtLogLevel level(GetParam().name);
     EXPECT_EQ(printedBy(logAtEveryLevel), GetParam().printed);
 }
@@ -83,7 +83,7 @@ TEST(LogTest, ComposesAMessageFromItsParts) {
               "info label 5/x ff\n");
 }
 
-/// Notes that somebody printed it.
+/// Records whether it was printed.
 struct Tattler {
     bool& printed;
     friend std::ostream& operator<<(std::ostream& out, const Tattler& tattler) {
@@ -92,18 +92,18 @@ struct Tattler {
     }
 };
 
-TEST(LogTest, FormatsNothingForADisabledLevel) {
+TEST(LogTest, ComposesNoMessageForADisabledLevel) {
     bool composed = false;
     logDebug(Tattler{composed});
     EXPECT_FALSE(composed);
 }
 
-TEST(LogTest, WritesALineWithoutAskingForTheLevel) {
+TEST(LogTest, WritesALineAtEveryLevel) {
     const AtLogLevel level("error");
     EXPECT_EQ(printedBy([] { emitLine("trace", "text"); }), "trace text\n");
 }
 
-TEST(LogTest, WritesAStreamLikeAText) {
+TEST(LogTest, WritesTheContentOfAStream) {
     EXPECT_EQ(printedBy([] {
                   std::ostringstream message;
                   message << "a" << 1;
@@ -112,7 +112,7 @@ TEST(LogTest, WritesAStreamLikeAText) {
               "info a1\n");
 }
 
-TEST(LogTest, KeepsTheTrailingNewlineOfAMessage) {
+TEST(LogTest, KeepsTheNewlineOfAMessage) {
     EXPECT_EQ(printedBy([] { emitLine("info", "text\n"); }), "info text\n\n");
 }
 
@@ -125,13 +125,13 @@ TEST(LogTest, WritesEveryByteOfAMessage) {
     EXPECT_EQ(printedBy([&] { emitLine("info", message); }), "info " + message + "\n");
 }
 
-TEST(LogTest, WritesPlainTextAsItIs) {
+TEST(LogTest, WritesPlainTextUnchanged) {
     EXPECT_EQ(printedBy([] { writeToStandardOutput("plain"); }), "plain");
     EXPECT_EQ(printedBy([] { writeToStandardOutput(""); }), "");
 }
 
 TEST(LogTest, FlushesEveryLine) {
-    // The child ends without flushing anything: what arrives was flushed before.
+    // The child ends without a flush, so the line that arrives was flushed before.
     const ChildResult child = runInChild([]() -> int {
         logInfo("flushed");
         _exit(0);
@@ -139,7 +139,7 @@ TEST(LogTest, FlushesEveryLine) {
     EXPECT_EQ(child.printed, "info flushed\n");
 }
 
-TEST(LogTest, IgnoresAWriteThatFails) {
+TEST(LogTest, IgnoresAFailedWrite) {
     const ChildResult child = runInChild([] {
         const UniqueFd full(open("/dev/full", O_WRONLY));
         dup2(full.get(), STDOUT_FILENO);
@@ -177,7 +177,7 @@ TEST(LogTest, NeverMixesLinesOfSeveralThreads) {
     EXPECT_EQ(count, lineCount * static_cast<int>(texts.size()));
 }
 
-TEST(LogDelayTest, WritesTheLinesOfItsThreadInOrderWhenDestroyed) {
+TEST(LogDelayTest, WritesTheLinesOfItsThreadInOrderAtItsEnd) {
     EXPECT_EQ(printedBy([] {
                   {
                       const LogDelay delay;
@@ -192,7 +192,7 @@ TEST(LogDelayTest, WritesTheLinesOfItsThreadInOrderWhenDestroyed) {
               "error other thread\nerror first\nas it is\nerror last\n");
 }
 
-TEST(LogDelayTest, InnerDelayLeavesTheLinesToTheOuterOne) {
+TEST(LogDelayTest, HoldsLinesUntilTheOuterOfTwoEnds) {
     EXPECT_EQ(printedBy([] {
                   const LogDelay outer;
                   {
@@ -205,7 +205,7 @@ TEST(LogDelayTest, InnerDelayLeavesTheLinesToTheOuterOne) {
               "error inner\nerror outer\n");
 }
 
-TEST(LogDelayTest, IgnoresLinesOfADisabledLevel) {
+TEST(LogDelayTest, HoldsNoLineOfADisabledLevel) {
     EXPECT_EQ(printedBy([] {
                   const LogDelay delay;
                   logDebug("off");

@@ -13,7 +13,7 @@ namespace {
 
 using testing::MatchesRegex;
 
-// POSIX syntax, as the matchers have it.
+// In POSIX syntax, which the matchers use.
 const std::string timestampPattern =
     "\\[[0-9]{4}-[0-9]{2}-[0-9]{2}T[0-9]{2}:[0-9]{2}:[0-9]{2}\\.[0-9]{3}\\]";
 
@@ -72,7 +72,7 @@ TEST(PrintfMessageTest, KeepsTheBlanksWithoutATimestamp) {
     EXPECT_EQ(compose("Warning", "", "text"), "  text");
 }
 
-TEST(PrintfMessageTest, CutsWhatIsLongerThan399Characters) {
+TEST(PrintfMessageTest, TruncatesAMessageTo399Characters) {
     for (const std::size_t length : {398U, 399U, 400U, 401U, 5000U}) {
         const std::string text(length, 'x');
         EXPECT_EQ(compose("Log", "[t]", "%s", text.c_str()),
@@ -81,7 +81,7 @@ TEST(PrintfMessageTest, CutsWhatIsLongerThan399Characters) {
     }
 }
 
-TEST(PrintfMessageTest, CutsANewlineAtTheEndOfALongMessage) {
+TEST(PrintfMessageTest, TruncatesTheNewlineOfALongMessage) {
     const std::string text(399, 'x');
     EXPECT_EQ(compose("Panic", "[t]", "%s\n", text.c_str()), "[t] " + text);
 }
@@ -109,7 +109,7 @@ TEST(PrintfLogTest, WarningIsSilentBelowItsLevel) {
     EXPECT_EQ(printedBy([] { Warning("text"); }), "");
 }
 
-TEST(PrintfLogTest, CutsTheMessageAndNotTheTimestamp) {
+TEST(PrintfLogTest, TruncatesTheMessageAndNotTheTimestamp) {
     const std::string text(450, 'x');
     EXPECT_THAT(printedBy([&] { Panic("%s", text.c_str()); }),
                 MatchesRegex("error " + timestampPattern + " " + text.substr(0, 399) + "\n"));
@@ -117,12 +117,12 @@ TEST(PrintfLogTest, CutsTheMessageAndNotTheTimestamp) {
 
 class SuppressedFormatTest : public testing::TestWithParam<const char*> {};
 
-TEST_P(SuppressedFormatTest, IsSuppressedWhateverFollows) {
+TEST_P(SuppressedFormatTest, IsSuppressedWithAnyTextAfterIt) {
     EXPECT_TRUE(isSuppressedWarning(GetParam()));
     EXPECT_TRUE(isSuppressedWarning((std::string(GetParam()) + "more %s\n").c_str()));
 }
 
-TEST_P(SuppressedFormatTest, IsWrittenIfIncomplete) {
+TEST_P(SuppressedFormatTest, IsNotSuppressedWhenIncomplete) {
     const std::string part = std::string(GetParam()).substr(0, std::string(GetParam()).size() - 1);
     EXPECT_FALSE(isSuppressedWarning(part.c_str()));
     EXPECT_FALSE(isSuppressedWarning((" " + std::string(GetParam())).c_str()));
@@ -137,12 +137,12 @@ TEST(SuppressionTest, PrintsNothingForASuppressedFormat) {
     EXPECT_EQ(printedBy([] { Warning("socket %d loss: %d\n", 3, 4); }), "");
 }
 
-TEST(SuppressionTest, PrintsPartOfAPrefix) {
+TEST(SuppressionTest, PrintsAnIncompletePrefix) {
     EXPECT_THAT(printedBy([] { Warning("socket %d los", 3); }),
                 MatchesRegex("warn .*socket 3 los\n"));
 }
 
-TEST(SuppressionTest, ComparesTheFormatAndNotTheText) {
+TEST(SuppressionTest, ChecksTheFormatAndNotTheText) {
     EXPECT_THAT(printedBy([] { Warning("%s", "socket %d loss: 4"); }),
                 MatchesRegex("warn .*socket %d loss: 4\n"));
 }

@@ -26,7 +26,7 @@ class EndpointCacheTest : public ForwarderTest {
         EXPECT_NE(endpoint, nullptr);
         return endpoint;
     }
-    /// Whether nobody but the manager and the test holds it.
+    /// Whether only the manager and the test hold the endpoint.
     static bool isLetGo(const EndpointPtr& endpoint) { return endpoint.use_count() == 4; }
 
     std::unique_ptr<EndpointCache> kept;
@@ -106,7 +106,7 @@ TEST_F(EndpointCacheTest, FindsTheSuccessorOfARemovedEndpoint) {
     EXPECT_EQ(kept->findByLabel(5), second);
 }
 
-TEST_F(EndpointCacheTest, IgnoresAReusedDescriptorOnce) {
+TEST_F(EndpointCacheTest, FindsAReusedDescriptorOnlyAtTheSecondAttempt) {
     EndpointPtr first = newEndpoint(5);
     const int fd = first->rdsockfd;
     kept->findByFd(fd);
@@ -129,7 +129,7 @@ TEST_F(EndpointCacheTest, FindsTheSameEndpointAgainAfterAnotherWasRemoved) {
     EXPECT_EQ(kept->findByFd(endpoint->rdsockfd), endpoint);
 }
 
-TEST_F(EndpointCacheTest, FindsTheNewEndpointOfAReleasedDescriptor) {
+TEST_F(EndpointCacheTest, FindsANewEndpointUnderAReleasedDescriptor) {
     EndpointPtr first = newEndpoint(5);
     const int fd = first->rdsockfd;
     kept->findByFd(fd);

@@ -45,7 +45,7 @@ TEST_F(ExpiryTest, MarksInOnePassAndRemovesInTheNext) {
     EXPECT_THAT(expire(true, true), IsEmpty());
 }
 
-TEST_F(ExpiryTest, ReportsWhatExpires) {
+TEST_F(ExpiryTest, ReportsExpiredEndpoints) {
     expire(true, true);
     EXPECT_THAT(reported, IsEmpty());
     expire(true, true);
@@ -72,14 +72,14 @@ TEST_F(ExpiryTest, ReportsAnEndpointBeforeItLeavesTheTables) {
     EXPECT_EQ(manager->removals(), 3U);
 }
 
-TEST_F(ExpiryTest, KeepsEndpointsWithTraffic) {
+TEST_F(ExpiryTest, KeepsAFlowThatHadTraffic) {
     expire(true, true);
     manager->findEndpointByLabel(7)->markActive();
     EXPECT_THAT(expire(true, true), ElementsAre(5, 0x120001));
     EXPECT_THAT(expire(true, true), ElementsAre(7));
 }
 
-TEST_F(ExpiryTest, LeavesMainFlowsAlone) {
+TEST_F(ExpiryTest, KeepsMainFlowsWhenOnlyAuxiliaryFlowsExpire) {
     expire(false, true);
     EXPECT_FALSE(manager->findEndpointByLabel(5)->idle);
     EXPECT_THAT(expire(false, true), ElementsAre(0x120001));
@@ -87,7 +87,7 @@ TEST_F(ExpiryTest, LeavesMainFlowsAlone) {
     EXPECT_THAT(labels(), ElementsAre(5, 7));
 }
 
-TEST_F(ExpiryTest, LeavesAuxiliaryFlowsAlone) {
+TEST_F(ExpiryTest, KeepsAuxiliaryFlowsWhenOnlyMainFlowsExpire) {
     expire(true, false);
     EXPECT_FALSE(manager->findEndpointByLabel(0x120001)->idle);
     EXPECT_THAT(expire(true, false), ElementsAre(5, 7));
@@ -102,7 +102,7 @@ TEST_F(ExpiryTest, KeepsMainLabelsDeclared) {
     EXPECT_NE(create(0x120002), nullptr);
 }
 
-TEST_F(ExpiryTest, ForgetsTheRecordOfAnAuxiliaryFlow) {
+TEST_F(ExpiryTest, DeletesTheRecordOfAnAuxiliaryFlow) {
     expire(false, true);
     expire(false, true);
     FlowDesc changed;

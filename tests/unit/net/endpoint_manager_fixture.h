@@ -1,4 +1,4 @@
-// The tables of labels and endpoints alone, with endpoints that close their sockets themselves.
+// Only the tables of labels and endpoints. The endpoints close their sockets themselves.
 #pragma once
 
 #include <cstdint>
@@ -14,7 +14,7 @@ namespace vesk {
 
 class EndpointManagerTest : public DescriptorCountingTest {
  protected:
-    /// Declares a label with an upstream address and what `change` adds.
+    /// Declares a label with an upstream address and the named members of `change`.
     void declare(std::uint32_t label, FlowDesc scratch = FlowDesc(),
                  std::vector<std::string> members = {}) {
         scratch.up.addrInfo = IPAddrInfo("127.0.0.1", 4500);
@@ -35,7 +35,7 @@ class EndpointManagerTest : public DescriptorCountingTest {
         return manager->createEndpoint(label, closeEndpointSockets);
     }
 
-    /// An endpoint that was not made by the tables.
+    /// An endpoint that the tables did not create.
     static EndpointPtr endpointOf(std::uint32_t label, int rdsockfd, int wrsockfd) {
         return std::make_unique<VeskEndpointDescriptor>(label, rdsockfd, wrsockfd, FlowDesc(label),
                                                         [](int, int) {});

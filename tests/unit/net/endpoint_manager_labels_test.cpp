@@ -14,7 +14,7 @@ using testing::IsEmpty;
 
 class LabelTablesTest : public EndpointManagerTest {};
 
-TEST_F(LabelTablesTest, MakesAuxiliaryFlowsFromTheirOwnersRecord) {
+TEST_F(LabelTablesTest, CreatesAuxiliaryFlowsFromTheRecordOfTheirOwner) {
     declareOwner(5, 0x12, 0xabcd9999);
     const EndpointPtr endpoint = create(0x120034);
     ASSERT_NE(endpoint, nullptr);
@@ -26,7 +26,7 @@ TEST_F(LabelTablesTest, MakesAuxiliaryFlowsFromTheirOwnersRecord) {
     EXPECT_NE(create(0x120034), nullptr);
 }
 
-TEST_F(LabelTablesTest, SendsAuxiliaryFlowsToAnAddressOfTheirOwn) {
+TEST_F(LabelTablesTest, SendsAuxiliaryFlowsToTheAuxiliaryAddress) {
     FlowDesc scratch;
     scratch.upAuxFlowAddrInfo = IPAddrInfo("::1", 4600);
     scratch.downAuxFlowLabelPrefix = 0x12;
@@ -39,7 +39,7 @@ TEST_F(LabelTablesTest, SendsAuxiliaryFlowsToAnAddressOfTheirOwn) {
     EXPECT_EQ(endpoint->flow.up.addrInfo.port(), 4600);
 }
 
-TEST_F(LabelTablesTest, PrefersADeclaredLabelToItsPrefix) {
+TEST_F(LabelTablesTest, PrefersADeclaredLabelToAPrefix) {
     declareOwner(5, 0x12, 0xab000000);
     declare(0x120034);
     const EndpointPtr endpoint = create(0x120034);
@@ -48,21 +48,21 @@ TEST_F(LabelTablesTest, PrefersADeclaredLabelToItsPrefix) {
     EXPECT_EQ(endpoint->flow.up.label, 0U);
 }
 
-TEST_F(LabelTablesTest, TurnsADeclaredAuxiliaryLabelIntoAMainFlow) {
+TEST_F(LabelTablesTest, DeclaringAnAuxiliaryLabelMakesItAMainLabel) {
     declareOwner(5, 0x12, 0xab000000);
     ASSERT_NE(create(0x120034), nullptr);
-    // Its record came from the owner's, and with it what makes an owner.
+    // Its record is a copy of the owner's record and includes the prefix, hence the warning.
     EXPECT_EQ(printedBy([this] { declare(0x120034); }),
               "warn setLabelAttrs: Aux. flow label prefix added more than once; ignoring; label "
               "1179700; label prefix 18\n");
     EXPECT_EQ(create(0x120034)->flow.isAuxFlow, 0);
-    // It no longer goes with the owner.
+    // It is no longer removed with the owner.
     manager->removeLabel(5);
     EXPECT_NE(manager->findEndpointByLabel(0x120034), nullptr);
     EXPECT_TRUE(manager->knowsLabel(0x120034));
 }
 
-/// What becomes of an auxiliary flow's record shows when the label is declared: it is merged into.
+/// Shows whether an auxiliary flow's record still exists: declaring the label merges into it.
 class AuxiliaryRecordTest : public EndpointManagerTest {
  protected:
     void SetUp() override {
@@ -87,23 +87,23 @@ class AuxiliaryRecordTest : public EndpointManagerTest {
     EndpointPtr endpoint;
 };
 
-TEST_F(AuxiliaryRecordTest, StaysWhenTheEndpointIsDeleted) {
+TEST_F(AuxiliaryRecordTest, RemainsWhenTheEndpointIsDeleted) {
     manager->deleteEndpoint(*endpoint);
     EXPECT_EQ(upLabelWhenDeclared(), upLabel);
 }
 
-TEST_F(AuxiliaryRecordTest, StaysWhenTheLabelsEndpointIsDeleted) {
+TEST_F(AuxiliaryRecordTest, RemainsWhenTheEndpointOfTheLabelIsDeleted) {
     manager->deleteEndpoint(label);
     EXPECT_EQ(upLabelWhenDeclared(), upLabel);
 }
 
-TEST_F(AuxiliaryRecordTest, IsRemovedWithTheCreationThatMadeIt) {
+TEST_F(AuxiliaryRecordTest, IsDeletedWhenTheCreationThatMadeItIsUndone) {
     manager->undoCreation(*endpoint);
     EXPECT_EQ(manager->findEndpointByLabel(label), nullptr);
     EXPECT_EQ(upLabelWhenDeclared(), 0U);
 }
 
-TEST_F(AuxiliaryRecordTest, StaysIfALaterCreationIsUndone) {
+TEST_F(AuxiliaryRecordTest, RemainsWhenALaterCreationIsUndone) {
     manager->deleteEndpoint(*endpoint);
     endpoint = create(label);
     manager->undoCreation(*endpoint);
@@ -111,7 +111,7 @@ TEST_F(AuxiliaryRecordTest, StaysIfALaterCreationIsUndone) {
     EXPECT_EQ(upLabelWhenDeclared(), upLabel);
 }
 
-TEST_F(AuxiliaryRecordTest, StaysIfALaterCreationFails) {
+TEST_F(AuxiliaryRecordTest, RemainsWhenALaterCreationFails) {
     manager->deleteEndpoint(*endpoint);
     printedBy([this] {
         const DescriptorShortage shortage(0);
@@ -120,7 +120,7 @@ TEST_F(AuxiliaryRecordTest, StaysIfALaterCreationFails) {
     EXPECT_EQ(upLabelWhenDeclared(), upLabel);
 }
 
-TEST_F(AuxiliaryRecordTest, IsRemovedIfTheFirstCreationFails) {
+TEST_F(AuxiliaryRecordTest, IsDeletedWhenTheFirstCreationFails) {
     printedBy([this] {
         const DescriptorShortage shortage(0);
         EXPECT_EQ(create(label + 1), nullptr);
@@ -129,14 +129,14 @@ TEST_F(AuxiliaryRecordTest, IsRemovedIfTheFirstCreationFails) {
     EXPECT_EQ(create(label + 1)->flow.up.label, 0U);
 }
 
-TEST_F(AuxiliaryRecordTest, StaysIfTheCreationOfAnOldEndpointIsUndone) {
+TEST_F(AuxiliaryRecordTest, KeepsTheSuccessorWhenTheCreationOfAnOldEndpointIsUndone) {
     manager->deleteEndpoint(*endpoint);
     const EndpointPtr successor = create(label);
     manager->undoCreation(*endpoint);
     EXPECT_EQ(manager->findEndpointByLabel(label), successor);
 }
 
-TEST_F(AuxiliaryRecordTest, IsRemovedForALaterOwnerToo) {
+TEST_F(AuxiliaryRecordTest, OfALaterOwnerIsDeletedWhenItsCreationIsUndone) {
     manager->deleteEndpoint(*endpoint);
     manager->removeLabel(5);
     declareOwner(6, 0x12, 0xac000000);
@@ -177,7 +177,7 @@ TEST_F(LabelTablesTest, RemovesAnOwnerWithItsPrefixAndAuxiliaryFlows) {
     EXPECT_TRUE(manager->knowsLabel(0x130002));
 }
 
-TEST_F(LabelTablesTest, LeavesAPrefixToItsOwner) {
+TEST_F(LabelTablesTest, RemovingASecondOwnerKeepsThePrefixOfTheFirst) {
     declareOwner(5, 0x12, 0xab000000);
     printedBy([this] { declareOwner(6, 0x12, 0xac000000); });
     ASSERT_NE(create(0x120001), nullptr);
@@ -186,7 +186,7 @@ TEST_F(LabelTablesTest, LeavesAPrefixToItsOwner) {
     EXPECT_EQ(create(0x120002)->flow.up.label, 0xab000002U);
 }
 
-TEST_F(LabelTablesTest, RemovesAnAuxiliaryLabelAndLeavesItsSiblings) {
+TEST_F(LabelTablesTest, RemovesAnAuxiliaryLabelAndKeepsTheOthers) {
     declareOwner(5, 0x12, 0xab000000);
     ASSERT_NE(create(0x120001), nullptr);
     ASSERT_NE(create(0x120002), nullptr);
@@ -209,14 +209,14 @@ TEST_F(LabelTablesTest, MovesAPrefixWithItsOwner) {
     EXPECT_TRUE(manager->knowsLabel(0x140001));
 }
 
-TEST_F(LabelTablesTest, WarnsOfASecondOwner) {
+TEST_F(LabelTablesTest, WarnsAboutASecondOwner) {
     declareOwner(5, 0x12, 0xab000000);
     EXPECT_EQ(printedBy([this] { declareOwner(4000000000, 0x12, 0xac000000); }),
               "warn setLabelAttrs: Aux. flow label prefix added more than once; ignoring; label "
               "4000000000; label prefix 18\n");
 }
 
-TEST_F(LabelTablesTest, ReleasesWhatASetRemovesOutsideItsLock) {
+TEST_F(LabelTablesTest, SetReleasesTheOldEndpointOutsideTheLock) {
     declare(5);
     bool lookedUp = false;
     manager->createEndpoint(5, [&](int rdsockfd, int wrsockfd) {
@@ -227,7 +227,7 @@ TEST_F(LabelTablesTest, ReleasesWhatASetRemovesOutsideItsLock) {
     EXPECT_TRUE(lookedUp);
 }
 
-TEST_F(LabelTablesTest, KeepsTheRecordIfTheMergedAddressFails) {
+TEST_F(LabelTablesTest, KeepsTheRecordWhenTheMergedAddressCannotBeResolved) {
     declare(5);
     ASSERT_NE(create(5), nullptr);
     FlowDesc scratch;

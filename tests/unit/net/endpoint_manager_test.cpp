@@ -68,7 +68,7 @@ TEST_F(EndpointManagerTest, ReportsAFlowWithoutAnUpstreamAddress) {
     EXPECT_EQ(manager->findEndpointByLabel(5), nullptr);
 }
 
-TEST_F(EndpointManagerTest, ReportsThatNoSocketsCanBeMade) {
+TEST_F(EndpointManagerTest, ReportsAShortageOfDescriptors) {
     declare(5);
     const std::string printed = printedBy([this] {
         const DescriptorShortage shortage(0);
@@ -80,9 +80,9 @@ TEST_F(EndpointManagerTest, ReportsThatNoSocketsCanBeMade) {
     EXPECT_NE(create(5), nullptr);
 }
 
-TEST_F(EndpointManagerTest, RefusesASecondEndpointForADescriptorThatIsFiled) {
+TEST_F(EndpointManagerTest, RefusesASecondEndpointForADescriptor) {
     declare(5);
-    // A stale entry under the number that the kernel gives out next.
+    // A stale entry under the number that the kernel assigns next.
     int next = -1;
     {
         const UniqueFd lowest(dup(0));
@@ -92,7 +92,7 @@ TEST_F(EndpointManagerTest, RefusesASecondEndpointForADescriptorThatIsFiled) {
     ASSERT_EQ(manager->addEndpoint(stale), 0);
     std::vector<std::pair<int, int>> deleted;
     const std::string printed = printedBy([&] {
-        // The capture holds a descriptor open, which moves the lowest number.
+        // The capture of the output holds one descriptor, so the next number may be one higher.
         const EndpointPtr other = endpointOf(7, next + 1, 1001);
         EXPECT_EQ(manager->addEndpoint(other), 0);
         EXPECT_EQ(manager->createEndpoint(5,
@@ -107,14 +107,14 @@ TEST_F(EndpointManagerTest, RefusesASecondEndpointForADescriptorThatIsFiled) {
               "error createEndpoint: Failed to add new endpoint to collection: -1\n");
     EXPECT_EQ(deleted.size(), 1U);
     EXPECT_EQ(manager->findEndpointByLabel(5), nullptr);
-    // What was filed before is untouched, and the label can be had once the number is free.
+    // The old entry is unchanged, and the endpoint can be created once the number is free.
     EXPECT_EQ(manager->findEndpointByFd(next), stale);
     manager->deleteEndpoint(6);
     manager->deleteEndpoint(7);
     EXPECT_NE(create(5), nullptr);
 }
 
-TEST_F(EndpointManagerTest, ReleasesARefusedEndpointOutsideItsLock) {
+TEST_F(EndpointManagerTest, ReleasesARefusedEndpointOutsideTheLock) {
     declare(5);
     EndpointPtr stale;
     printedBy([&] {
@@ -125,7 +125,7 @@ TEST_F(EndpointManagerTest, ReleasesARefusedEndpointOutsideItsLock) {
         bool lookedUp = false;
         create(6);
         manager->createEndpoint(5, [&](int rdsockfd, int wrsockfd) {
-            // With the lock held this would never come back.
+            // This would block for ever if the lock were held.
             lookedUp = manager->findEndpointByLabel(6) == stale;
             closeEndpointSockets(rdsockfd, wrsockfd);
         });
@@ -140,7 +140,7 @@ TEST_F(EndpointManagerTest, AddsAnEndpointOnce) {
               "error Endpoint exists for rdsockfd\n");
 }
 
-TEST_F(EndpointManagerTest, KeepsTheEndpointThatALabelHas) {
+TEST_F(EndpointManagerTest, KeepsTheFirstEndpointOfALabel) {
     const EndpointPtr first = endpointOf(5, 100, 101);
     const EndpointPtr second = endpointOf(5, 102, 103);
     EXPECT_EQ(manager->addEndpoint(first), 0);
@@ -149,18 +149,18 @@ TEST_F(EndpointManagerTest, KeepsTheEndpointThatALabelHas) {
     EXPECT_EQ(manager->findEndpointByFd(102), second);
 }
 
-TEST_F(EndpointManagerTest, RemovesTheReadDescriptorIfTheWriteDescriptorIsTaken) {
+TEST_F(EndpointManagerTest, RemovesTheReadDescriptorAgainWhenTheWriteDescriptorIsTaken) {
     ASSERT_EQ(manager->addEndpoint(endpointOf(5, 100, 101)), 0);
     const EndpointPtr second = endpointOf(6, 102, 101);
     EXPECT_EQ(printedBy([&] { EXPECT_EQ(manager->addEndpoint(second), -1); }),
               "error Endpoint exists for wrsockfd\n");
     EXPECT_EQ(manager->findEndpointByFd(102), nullptr);
     EXPECT_EQ(manager->findEndpointByFd(101)->label, 5U);
-    // The label itself stays filed.
+    // The entry of the label remains.
     EXPECT_EQ(manager->findEndpointByLabel(6), second);
 }
 
-TEST_F(EndpointManagerTest, DoesNotFindADeletedEndpointThatIsStillHeld) {
+TEST_F(EndpointManagerTest, FindsNoDeletedEndpointWhileAHolderKeepsIt) {
     declare(5);
     const EndpointPtr held = create(5);
     ASSERT_NE(held, nullptr);
@@ -173,7 +173,7 @@ TEST_F(EndpointManagerTest, DoesNotFindADeletedEndpointThatIsStillHeld) {
     manager->deleteEndpoint(5);
 }
 
-TEST_F(EndpointManagerTest, ReleasesADeletedEndpointOutsideItsLock) {
+TEST_F(EndpointManagerTest, ReleasesADeletedEndpointOutsideTheLock) {
     declare(5);
     bool lookedUp = false;
     manager->createEndpoint(5, [&](int rdsockfd, int wrsockfd) {
@@ -233,7 +233,7 @@ TEST_F(EndpointManagerTest, ListsEndpointsInTheOrderOfTheirLabels) {
     EXPECT_THAT(labels(), ElementsAre(5, 6, 7, 0xffffffff));
 }
 
-TEST_F(EndpointManagerTest, RunsAnActionWithoutConcurrentCreation) {
+TEST_F(EndpointManagerTest, RunsAnActionWhileNoEndpointIsCreated) {
     bool ran = false;
     manager->withoutCreation([&ran] { ran = true; });
     EXPECT_TRUE(ran);

@@ -52,7 +52,7 @@ TEST(LentEndpointTest, IsTakenBackAtOnceWithoutLeases) {
     EXPECT_TRUE(watched.expired());
 }
 
-TEST(LentEndpointTest, SleepsUntilTheLastLeaseIsReturned) {
+TEST(LentEndpointTest, SleepsUntilTheLastLeaseEnds) {
     LentEndpoint lent(anyEndpoint());
     EndpointPtr first = lent.lease();
     EndpointPtr second = first;
@@ -96,7 +96,7 @@ TEST(LentEndpointTest, KeepsTheEndpointForALeaseThatOutlivesIt) {
     EXPECT_TRUE(destroyed);
 }
 
-TEST(EndpointSlotTest, LendsWhatWasPublishedLast) {
+TEST(EndpointSlotTest, LendsTheEndpointPublishedLast) {
     EndpointSlot slot;
     EXPECT_EQ(slot.load(), nullptr);
     const LentEndpoint first(anyEndpoint());
@@ -109,7 +109,7 @@ TEST(EndpointSlotTest, LendsWhatWasPublishedLast) {
     EXPECT_EQ(slot.load(), nullptr);
 }
 
-TEST(EndpointSlotTest, HoldsALeaseOfItsOwn) {
+TEST(EndpointSlotTest, HoldsItsOwnLease) {
     EndpointSlot slot;
     LentEndpoint lent(anyEndpoint());
     slot.publish(lent);
@@ -140,7 +140,7 @@ TEST(EndpointSlotTest, ChangesItsGenerationWithEveryReplacement) {
     EXPECT_FALSE(changed());
 }
 
-TEST(EndpointSlotTest, MayBeReplacedWhileOthersReadIt) {
+TEST(EndpointSlotTest, CanBeReplacedWhileOtherThreadsReadIt) {
     EndpointSlot slot;
     std::atomic<bool> done{false};
     std::thread reader([&] {
@@ -159,7 +159,7 @@ TEST(EndpointSlotTest, MayBeReplacedWhileOthersReadIt) {
     reader.join();
 }
 
-/// Keeps its lease as long as the generation says that it is the current one.
+/// Keeps its lease while the generation is unchanged.
 TEST(EndpointSlotTest, GenerationShowsThatALeaseIsOutdated) {
     EndpointSlot slot;
     std::atomic<std::uint32_t> published{0};

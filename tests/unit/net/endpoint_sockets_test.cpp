@@ -30,7 +30,7 @@ class EndpointSocketsTest : public DescriptorCountingTest {
         DescriptorCountingTest::TearDown();
     }
 
-    /// Makes an endpoint; what is printed meanwhile is returned.
+    /// Makes an endpoint and returns what is printed meanwhile.
     std::string make(const std::string& address, int port) {
         return printedBy([&] { endpoint = makeEndpointSocket(address, port); });
     }
@@ -38,7 +38,7 @@ class EndpointSocketsTest : public DescriptorCountingTest {
     EndpointPtr endpoint;
 };
 
-TEST_F(EndpointSocketsTest, BindsOneSocketForBothWays) {
+TEST_F(EndpointSocketsTest, BindsOneSocketForBothDirections) {
     const int port = freePort();
     const std::string printed = make("127.0.0.1", port);
     ASSERT_NE(endpoint, nullptr);
@@ -57,7 +57,7 @@ TEST_F(EndpointSocketsTest, BindsOneSocketForBothWays) {
                                std::to_string(endpoint->rdsockfd) + ")\n")));
 }
 
-TEST_F(EndpointSocketsTest, TakesAnAddressWithAColonForIpv6) {
+TEST_F(EndpointSocketsTest, UsesIpv6ForAnAddressWithAColon) {
     const int port = freePort(AF_INET6);
     const std::string printed = make("::1", port);
     ASSERT_NE(endpoint, nullptr);
@@ -69,21 +69,21 @@ TEST_F(EndpointSocketsTest, TakesAnAddressWithAColonForIpv6) {
                       HasSubstr("info Endpoint socket bound: ::1|" + std::to_string(port) + " (")));
 }
 
-TEST_F(EndpointSocketsTest, SetsTheReceiveBufferAndNoOther) {
+TEST_F(EndpointSocketsTest, SetsOnlyTheReceiveBuffer) {
     make("127.0.0.1", freePort());
     ASSERT_NE(endpoint, nullptr);
     const UniqueFd plain(socket(AF_INET, SOCK_DGRAM, 0));
     EXPECT_EQ(socketOption(endpoint->rdsockfd, SOL_SOCKET, SO_SNDBUF),
               socketOption(plain.get(), SOL_SOCKET, SO_SNDBUF));
-    // What the kernel makes of the same request here; a host may allow less than twice of it.
+    // The size that this kernel grants for the same request, which a host may limit.
     const int request = 524288;
     ASSERT_EQ(setsockopt(plain.get(), SOL_SOCKET, SO_RCVBUF, &request, sizeof(request)), 0);
     EXPECT_EQ(socketOption(endpoint->rdsockfd, SOL_SOCKET, SO_RCVBUF),
               socketOption(plain.get(), SOL_SOCKET, SO_RCVBUF));
 }
 
-TEST_F(EndpointSocketsTest, AsksForBothReceiveBufferSizes) {
-    // The larger request first, so that a host that grants neither says so of both.
+TEST_F(EndpointSocketsTest, RequestsBothReceiveBufferSizes) {
+    // The larger request comes first, so a host that grants neither logs both.
     const UniqueFd plain(socket(AF_INET, SOCK_DGRAM, 0));
     std::string expected;
     for (const int request : {1048576, 524288}) {
@@ -112,7 +112,7 @@ TEST_F(EndpointSocketsTest, LeavesTheSocketBlockingAndItsPortUnshared) {
     EXPECT_EQ(socketOption(endpoint->rdsockfd, SOL_SOCKET, SO_PROTOCOL), IPPROTO_UDP);
 }
 
-TEST_F(EndpointSocketsTest, ClosesItsSocketOnDestruction) {
+TEST_F(EndpointSocketsTest, ClosesItsSocketInItsDestructor) {
     make("127.0.0.1", freePort());
     ASSERT_NE(endpoint, nullptr);
     const int fd = endpoint->rdsockfd;
@@ -128,8 +128,8 @@ TEST_F(EndpointSocketsTest, ReportsAnAddressInUse) {
     EXPECT_EQ(endpoint, nullptr);
 }
 
-TEST_F(EndpointSocketsTest, ReportsAnAddressThatIsNotBindable) {
-    // Without a port nothing is resolved, and an empty address cannot be bound.
+TEST_F(EndpointSocketsTest, ReportsAnAddressThatCannotBeBound) {
+    // Without a port the address is not resolved, and an empty address cannot be bound.
     for (const char* address : {"no:address", "127.0.0.1"}) {
         const std::string family = std::string(address) == "127.0.0.1" ? "2" : "10";
         EXPECT_THAT(
@@ -141,12 +141,12 @@ TEST_F(EndpointSocketsTest, ReportsAnAddressThatIsNotBindable) {
     }
 }
 
-TEST_F(EndpointSocketsTest, PropagatesAResolverFailureWithoutLeakingTheSocket) {
+TEST_F(EndpointSocketsTest, PropagatesAResolverFailureAndClosesTheSocket) {
     EXPECT_THROW(make("fe80::1::2", 53), std::runtime_error);
     EXPECT_EQ(endpoint, nullptr);
 }
 
-TEST_F(EndpointSocketsTest, ReportsThatNoSocketCanBeMade) {
+TEST_F(EndpointSocketsTest, ReportsAShortageOfDescriptors) {
     const std::string printed = printedBy([this] {
         const DescriptorShortage shortage(0);
         endpoint = makeEndpointSocket("127.0.0.1", 1);
@@ -157,7 +157,7 @@ TEST_F(EndpointSocketsTest, ReportsThatNoSocketCanBeMade) {
     EXPECT_EQ(endpoint, nullptr);
 }
 
-TEST_F(EndpointSocketsTest, NamesTheKindOfEndpoint) {
+TEST_F(EndpointSocketsTest, LogsWhichKindOfEndpointIsMade) {
     const std::string port = std::to_string(freePort());
     EXPECT_THAT(
         printedBy([&] { endpoint = makeDownstreamEndpoint("127.0.0.1", std::stoi(port)); }),
@@ -208,7 +208,7 @@ TEST_F(SocketPairTest, ReportsThatTheSocketCannotBeDuplicated) {
     EXPECT_FALSE(pair.rdsockfd);
 }
 
-TEST(CloseEndpointSocketsTest, ClosesWhatIsNotMinusOne) {
+TEST(CloseEndpointSocketsTest, ClosesDescriptorsThatAreNotMinusOne) {
     const int first = dup(0);
     const int second = dup(0);
     closeEndpointSockets(first, -1);
@@ -219,7 +219,7 @@ TEST(CloseEndpointSocketsTest, ClosesWhatIsNotMinusOne) {
     closeEndpointSockets(-1, -1);
 }
 
-TEST(CloseEndpointSocketsTest, ClosesBothOfTwo) {
+TEST(CloseEndpointSocketsTest, ClosesBothDescriptors) {
     const int first = dup(0);
     const int second = dup(0);
     closeEndpointSockets(first, second);

@@ -24,7 +24,7 @@ std::vector<std::uint32_t> labelsOf(const std::vector<EndpointPtr>& endpoints) {
     return labels;
 }
 
-TEST(DescriptorTableTest, FindsAnEntry) {
+TEST(DescriptorTableTest, FindsInsertedEntries) {
     DescriptorTable table;
     const EndpointPtr first = endpointOf(1);
     const EndpointPtr second = endpointOf(2);
@@ -37,7 +37,7 @@ TEST(DescriptorTableTest, FindsAnEntry) {
     }
 }
 
-TEST(DescriptorTableTest, KeepsAnExistingEntry) {
+TEST(DescriptorTableTest, KeepsTheFirstEntryOfADescriptor) {
     DescriptorTable table;
     const EndpointPtr first = endpointOf(1);
     EXPECT_TRUE(table.insert(9, first));
@@ -80,7 +80,7 @@ TEST_F(LabelTableTest, KeepsLabelsInAscendingOrder) {
     EXPECT_THAT(labelsOf(table.rows()), ElementsAre(0, 1, 3, 5, 0xffffffff));
 }
 
-TEST_F(LabelTableTest, FindsAnEntry) {
+TEST_F(LabelTableTest, FindsInsertedEntries) {
     fill({5, 1, 3});
     for (const std::uint32_t label : {1U, 3U, 5U}) {
         ASSERT_NE(table.find(label), nullptr);
@@ -107,7 +107,7 @@ TEST_F(LabelTableTest, KeepsTheFirstEndpointOfALabel) {
     EXPECT_EQ(table.rows().size(), 1U);
 }
 
-TEST_F(LabelTableTest, ReturnsAndRemovesAnEntry) {
+TEST_F(LabelTableTest, DoesNotFindATakenEntry) {
     fill({5, 1, 3});
     const EndpointPtr taken = table.take(3);
     ASSERT_NE(taken, nullptr);
@@ -118,7 +118,7 @@ TEST_F(LabelTableTest, ReturnsAndRemovesAnEntry) {
     EXPECT_NE(table.find(5), nullptr);
 }
 
-TEST_F(LabelTableTest, RemovesAllChosenEntries) {
+TEST_F(LabelTableTest, TakesAllChosenEntries) {
     fill({1, 2, 3, 4, 5, 6, 7});
     const auto taken = table.takeIf([](const auto& endpoint) { return endpoint.label % 3 == 1; });
     EXPECT_THAT(labelsOf(taken), ElementsAre(1, 4, 7));
@@ -130,7 +130,7 @@ TEST_F(LabelTableTest, RemovesAllChosenEntries) {
     EXPECT_FALSE(table.contains(4));
 }
 
-TEST_F(LabelTableTest, RemovesAllEntriesOrNone) {
+TEST_F(LabelTableTest, TakesAllEntriesOrNone) {
     fill({1, 2});
     EXPECT_THAT(table.takeIf([](const auto&) { return false; }), IsEmpty());
     EXPECT_THAT(labelsOf(table.rows()), ElementsAre(1, 2));

@@ -25,7 +25,7 @@ FlowDesc upstreamFlow() {
     return flow;
 }
 
-TEST(EndpointTest, KeepsItsConstructorArguments) {
+TEST(EndpointTest, StartsWithTheGivenValues) {
     const VeskEndpointDescriptor endpoint(5, 7, 8, upstreamFlow(), ignoreSockets);
     EXPECT_EQ(endpoint.label, 5U);
     EXPECT_EQ(endpoint.rdsockfd, 7);
@@ -39,7 +39,7 @@ TEST(EndpointTest, KeepsItsConstructorArguments) {
     EXPECT_FALSE(endpoint.prepared);
 }
 
-TEST(EndpointTest, StartsWithZeroCounters) {
+TEST(EndpointTest, StartsWithCountersAtZero) {
     const VeskEndpointDescriptor endpoint(0, 7, 7, FlowDesc(), ignoreSockets);
     const EndpointCounters& counters = endpoint.counters;
     EXPECT_EQ(counters.rxDg.value(), 0U);
@@ -77,7 +77,7 @@ TEST(EndpointTest, HandsItsSocketsToTheDeleterOnce) {
     EXPECT_THAT(deleted, testing::ElementsAre(std::pair(7, 8)));
 }
 
-TEST(EndpointTest, LivesUntilItsLastReferenceIsReleased) {
+TEST(EndpointTest, ExistsUntilItsLastHolderReleasesIt) {
     int deletions = 0;
     EndpointPtr first = std::make_unique<VeskEndpointDescriptor>(
         5, 7, 8, FlowDesc(), [&deletions](int, int) { ++deletions; });
@@ -88,9 +88,9 @@ TEST(EndpointTest, LivesUntilItsLastReferenceIsReleased) {
     EXPECT_EQ(deletions, 1);
 }
 
-TEST(EndpointTest, EndsTheProcessWithoutADeleter) {
+TEST(EndpointTest, TerminatesTheProcessWhenItHasNoDeleter) {
     const ChildResult child = runInChild([] {
-        // What the runtime says of it on standard error is no concern of ours.
+        // The message of the runtime on standard error is not part of the test.
         if (std::freopen("/dev/null", "w", stderr) == nullptr) {
             return 0;
         }

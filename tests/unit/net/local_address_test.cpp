@@ -20,7 +20,7 @@ TEST(LocalAddressTest, KeepsTheConfiguredAddressAndPort) {
     EXPECT_EQ(configuredLocalAddress(SocketAddress()), LocalAddress());
 }
 
-TEST(LocalAddressTest, KnowsConfiguredAddressesThatAreNoSource) {
+TEST(LocalAddressTest, RecognizesConfiguredAddressesThatAreNotValidSources) {
     const auto rows = std::to_array<std::pair<const char*, bool>>({
         {"192.0.2.1", true},
         {"127.0.0.1", true},

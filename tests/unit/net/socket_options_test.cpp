@@ -35,7 +35,7 @@ class SocketOptionsTest : public DescriptorCountingTest {
     UniqueFd ipv6;
 };
 
-TEST_F(SocketOptionsTest, BufferGrantedAtDoubleSizeIsNotLogged) {
+TEST_F(SocketOptionsTest, BufferOfTwiceTheRequestedSizeIsNotLogged) {
     for (const int name : {SO_RCVBUF, SO_SNDBUF}) {
         EXPECT_EQ(printedBy([&] { EXPECT_EQ(Vesk_setSocketBuf(ipv4.get(), name, 8192), 0); }), "");
         EXPECT_EQ(socketOption(ipv4.get(), SOL_SOCKET, name), 16384);
@@ -43,7 +43,7 @@ TEST_F(SocketOptionsTest, BufferGrantedAtDoubleSizeIsNotLogged) {
 }
 
 TEST_F(SocketOptionsTest, BufferOfAnotherSizeIsLogged) {
-    // The kernel has a least size of its own.
+    // The kernel enforces a minimum size.
     const std::string receive = printedBy([this] { Vesk_setSocketBuf(ipv4.get(), SO_RCVBUF, 1); });
     const int granted = socketOption(ipv4.get(), SOL_SOCKET, SO_RCVBUF);
     ASSERT_NE(granted, 2);
@@ -54,7 +54,7 @@ TEST_F(SocketOptionsTest, BufferOfAnotherSizeIsLogged) {
                         " wanted 1\n");
 }
 
-TEST_F(SocketOptionsTest, BufferOptionMustBeABufferSize) {
+TEST_F(SocketOptionsTest, OptionOtherThanABufferSizeIsRefused) {
     const int before = socketOption(ipv4.get(), SOL_SOCKET, SO_BROADCAST);
     EXPECT_EQ(printedBy([this] { EXPECT_EQ(Vesk_setSocketBuf(ipv4.get(), 9, 1), -1); }),
               "error Vesk_setSocketBuf: bad SO_xxxBUF value 9\n");
@@ -68,7 +68,7 @@ TEST_F(SocketOptionsTest, BufferOptionIsCheckedBeforeTheSocket) {
               "error Vesk_setSocketBuf: bad SO_xxxBUF value 0\n");
 }
 
-TEST_F(SocketOptionsTest, FailureToSetABufferIsReportedAtEveryLevel) {
+TEST_F(SocketOptionsTest, BufferThatCannotBeSetIsReportedAtEveryLogLevel) {
     const AtLogLevel level("error");
     EXPECT_EQ(printedBy([] { EXPECT_EQ(Vesk_setSocketBuf(-1, SO_RCVBUF, 1), -EBADF); }),
               "set SO_RCVBUF failed with error 9\n");
@@ -76,7 +76,7 @@ TEST_F(SocketOptionsTest, FailureToSetABufferIsReportedAtEveryLevel) {
               "set SO_SNDBUF failed with error 9\n");
 }
 
-TEST_F(SocketOptionsTest, RequestForTheDestinationAddressSucceeds) {
+TEST_F(SocketOptionsTest, RequestForTheDestinationAddressReturnsMinusEinvalOnSuccess) {
     EXPECT_EQ(printedBy([this] { EXPECT_EQ(Vesk_requestLocalDestAddr(ipv4.get(), AF_INET), -22); }),
               "");
     EXPECT_EQ(socketOption(ipv4.get(), IPPROTO_IP, IP_PKTINFO), 1);
@@ -85,7 +85,7 @@ TEST_F(SocketOptionsTest, RequestForTheDestinationAddressSucceeds) {
     EXPECT_EQ(socketOption(ipv6.get(), IPPROTO_IPV6, IPV6_RECVPKTINFO), 1);
 }
 
-TEST_F(SocketOptionsTest, FailedRequestForTheDestinationAddressIsWarnedOf) {
+TEST_F(SocketOptionsTest, FailedRequestForTheDestinationAddressIsLogged) {
     EXPECT_THAT(
         printedBy([] { EXPECT_EQ(Vesk_requestLocalDestAddr(-1, AF_INET), -EBADF); }),
         MatchesRegex("warn  " + timestampPattern +
@@ -96,7 +96,7 @@ TEST_F(SocketOptionsTest, FailedRequestForTheDestinationAddressIsWarnedOf) {
                              "errno=9\n\n"));
 }
 
-TEST_F(SocketOptionsTest, DestinationAddressOfAnUnknownFamilyIsWarnedOf) {
+TEST_F(SocketOptionsTest, RequestForTheDestinationAddressOfAnUnknownFamilyIsLogged) {
     EXPECT_THAT(
         printedBy([this] { EXPECT_EQ(Vesk_requestLocalDestAddr(ipv4.get(), AF_UNIX), -97); }),
         MatchesRegex("warn  " + timestampPattern +

@@ -24,7 +24,7 @@ class UpstreamBindingTest : public EndpointManagerTest {
 
     bool bindTo(const EndpointPtr& endpoint) { return bindUpstreamSocket(*endpoint, *manager); }
 
-    /// What is printed by the attempt to bind a port that is taken.
+    /// What an attempt to bind a taken port prints.
     std::string refusalOf(const EndpointPtr& endpoint) {
         return printedBy([&] { EXPECT_FALSE(bindTo(endpoint)); });
     }
@@ -56,7 +56,7 @@ TEST_F(UpstreamBindingTest, FailsOnAPortOfAnotherSocket) {
     const EndpointPtr endpoint = boundTo(5, "127.0.0.1", other.port());
     EXPECT_EQ(refusalOf(endpoint), refusal);
     EXPECT_EQ(endpoint->boundPort, 0);
-    // It never held the port, so nobody has to wait for it.
+    // The endpoint never held the port, so its successor need not wait for it.
     manager->undoCreation(*endpoint);
     EXPECT_FALSE(manager->portLeftRecently(other.port()));
 }
@@ -77,15 +77,15 @@ TEST_F(UpstreamBindingTest, RemembersReleasedPortsBriefly) {
     EXPECT_TRUE(eventually([this] { return !manager->portLeftRecently(port); }));
 }
 
-TEST_F(UpstreamBindingTest, FailsIfAnOldEndpointStays) {
+TEST_F(UpstreamBindingTest, FailsWhenTheOldEndpointIsNotReleased) {
     const EndpointPtr old = boundTo(5, "127.0.0.1", port);
     ASSERT_TRUE(bindTo(old));
     EXPECT_EQ(refusalOf(boundTo(5, "127.0.0.1", port)), refusal);
     EXPECT_EQ(refusalOf(boundTo(5, "0.0.0.0", port)), refusal);
 }
 
-/// The old endpoint is let go while its successor waits. More than one attempt, since the machine
-/// may take longer than the successor waits.
+/// The old endpoint is released while its successor waits. A slow machine may take longer than
+/// the successor waits, so there is more than one attempt.
 TEST_F(UpstreamBindingTest, WaitsForAnOldEndpointToBeClosed) {
     bool bound = false;
     for (int attempt = 0; attempt < 50 && !bound; ++attempt) {

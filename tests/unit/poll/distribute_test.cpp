@@ -39,7 +39,7 @@ class DistributeTest : public testing::Test {
     unsigned long start = 0;
 };
 
-TEST_F(DistributeTest, DealsFiveOutToTwo) {
+TEST_F(DistributeTest, DistributesFiveDescriptorsToTwoQueues) {
     makeQueues(2);
     distributeReadyFds({11, 12, 13, 14, 15}, queues, start);
     EXPECT_THAT(queueOf(*queues[0]), ElementsAre(11, 13, 15));
@@ -47,7 +47,7 @@ TEST_F(DistributeTest, DealsFiveOutToTwo) {
     EXPECT_EQ(start, 5U);
 }
 
-TEST_F(DistributeTest, BeginsWhereTheLastBatchEnded) {
+TEST_F(DistributeTest, StartsAtTheQueueAfterTheLastBatch) {
     makeQueues(2);
     distributeReadyFds({11, 12, 13, 14, 15}, queues, start);
     distributeReadyFds({21, 22, 23}, queues, start);
@@ -56,7 +56,7 @@ TEST_F(DistributeTest, BeginsWhereTheLastBatchEnded) {
     EXPECT_EQ(start, 8U);
 }
 
-TEST_F(DistributeTest, GivesOneToTheQueueWhoseTurnItIs) {
+TEST_F(DistributeTest, AppendsOneDescriptorToTheNextQueue) {
     makeQueues(3);
     start = 7;
     distributeReadyFds({11}, queues, start);
@@ -66,19 +66,19 @@ TEST_F(DistributeTest, GivesOneToTheQueueWhoseTurnItIs) {
     EXPECT_EQ(start, 8U);
 }
 
-TEST_F(DistributeTest, DoesNothingWithoutQueues) {
+TEST_F(DistributeTest, DropsDescriptorsWithoutQueues) {
     distributeReadyFds({11, 12}, queues, start);
     EXPECT_EQ(start, 2U);
 }
 
-TEST_F(DistributeTest, DoesNothingWithoutDescriptors) {
+TEST_F(DistributeTest, DoesNothingForAnEmptyBatch) {
     makeQueues(2);
     distributeReadyFds({}, queues, start);
     EXPECT_THAT(queueOf(*queues[0]), IsEmpty());
     EXPECT_EQ(start, 0U);
 }
 
-TEST_F(DistributeTest, AppendsBehindWhatIsQueuedAlready) {
+TEST_F(DistributeTest, AppendsAfterQueuedDescriptors) {
     makeQueues(1);
     {
         const MutexLock lock(queues[0]->mutex);
@@ -88,7 +88,7 @@ TEST_F(DistributeTest, AppendsBehindWhatIsQueuedAlready) {
     EXPECT_THAT(queueOf(*queues[0]), ElementsAre(1, 2, 3));
 }
 
-TEST_F(DistributeTest, WakesAWorkerOnceAndOnlyWhileItWaits) {
+TEST_F(DistributeTest, WakesOnlyAWaitingWorkerAndWakesItOnce) {
     makeQueues(1);
     PollParam& worker = *queues[0];
     ThreadMark mark;
@@ -118,7 +118,7 @@ TEST_F(DistributeTest, WakesAWorkerOnceAndOnlyWhileItWaits) {
     worker.thread.stop();
 }
 
-TEST(ReportPollErrorsTest, LogsNothing) {
+TEST(ReportPollErrorsTest, PrintsNothing) {
     const AtLogLevel level("trace");
     EXPECT_EQ(printedBy([] { reportPollErrors({1, 2}); }), "");
 }
@@ -132,12 +132,12 @@ class PollThreadTest : public PollLoopTest {
     }
 };
 
-TEST_F(PollThreadTest, DealsReadableSocketsOutToTheReadQueues) {
+TEST_F(PollThreadTest, DistributesReadableSocketsToTheReadQueues) {
     readQueues = {idleWorker(), idleWorker()};
     startThread();
     std::deque<WatchedSocket>& sockets = newSockets(3);
     for (WatchedSocket& socket : sockets) {
-        // One by one, so that each is a batch of its own.
+        // One by one, so that each socket is its own batch.
         const std::uint64_t expected = param->RdReadyNr.value() + 1;
         socket.makeReady();
         add(socket.fd(), EPOLLIN);
@@ -148,7 +148,7 @@ TEST_F(PollThreadTest, DealsReadableSocketsOutToTheReadQueues) {
     EXPECT_THAT(queueOf(*readQueues[1]), ElementsAre(sockets[1].fd()));
 }
 
-TEST_F(PollThreadTest, DealsWritableSocketsOutToTheWriteQueues) {
+TEST_F(PollThreadTest, DistributesWritableSocketsToTheWriteQueues) {
     readQueues = {idleWorker()};
     writeQueues = {idleWorker()};
     startThread();
@@ -159,7 +159,7 @@ TEST_F(PollThreadTest, DealsWritableSocketsOutToTheWriteQueues) {
     EXPECT_THAT(queueOf(*readQueues[0]), IsEmpty());
 }
 
-TEST_F(PollThreadTest, RunsWithoutQueues) {
+TEST_F(PollThreadTest, WorksWithoutQueues) {
     startThread();
     WatchedSocket& socket = newSocket();
     socket.makeReady();

@@ -9,7 +9,7 @@ namespace {
 
 using std::chrono::microseconds;
 
-/// A gauge over one window in which the process and the thread used so much processor time.
+/// A gauge after one window in which the process and the thread used these processor times.
 SaturationGauge afterWindow(std::chrono::nanoseconds length, std::chrono::nanoseconds process,
                             std::chrono::nanoseconds thread) {
     constexpr SpentTime start{std::chrono::seconds(5), std::chrono::seconds(2),
@@ -28,19 +28,19 @@ TEST(SaturationGaugeTest, IsNotSaturatedBeforeItHasMeasured) {
     EXPECT_FALSE(SaturationGauge().saturated());
 }
 
-TEST(SaturationGaugeTest, IsSaturatedWhereTheProcessKeptAProcessorBusy) {
+TEST(SaturationGaugeTest, IsSaturatedWhenTheProcessKeptAProcessorBusy) {
     EXPECT_TRUE(saturatedAfter(microseconds(1000), microseconds(1000), microseconds(300)));
     EXPECT_TRUE(saturatedAfter(microseconds(1000), microseconds(900), microseconds(300)));
     EXPECT_TRUE(saturatedAfter(microseconds(1000), microseconds(1700), microseconds(300)));
 }
 
-TEST(SaturationGaugeTest, IsNotSaturatedWhereTheProcessWasIdleOrHadToShare) {
+TEST(SaturationGaugeTest, IsNotSaturatedWhenTheProcessWasIdleOrSharedTheProcessor) {
     EXPECT_FALSE(saturatedAfter(microseconds(1000), microseconds(899), microseconds(300)));
     EXPECT_FALSE(saturatedAfter(microseconds(3000), microseconds(1500), microseconds(500)));
     EXPECT_FALSE(saturatedAfter(std::chrono::hours(1), microseconds(1000), microseconds(1000)));
 }
 
-TEST(SaturationGaugeTest, IsNotSaturatedWhereOtherThreadsKeptTheProcessorBusy) {
+TEST(SaturationGaugeTest, IsNotSaturatedWhenOtherThreadsKeptTheProcessorBusy) {
     EXPECT_TRUE(saturatedAfter(microseconds(1000), microseconds(1000), microseconds(50)));
     EXPECT_FALSE(saturatedAfter(microseconds(1000), microseconds(1000), microseconds(49)));
 }
@@ -52,7 +52,7 @@ TEST(SaturationGaugeTest, MeasuresWindowsOfAMillisecond) {
     EXPECT_TRUE(gauge.windowIsOver(microseconds(1500)));
 }
 
-TEST(SaturationGaugeTest, ForgetsTheWindowBefore) {
+TEST(SaturationGaugeTest, IgnoresEarlierWindows) {
     SaturationGauge gauge = afterWindow(microseconds(1000), microseconds(1000), microseconds(1000));
     gauge.endWindow({std::chrono::seconds(6), std::chrono::seconds(2), std::chrono::seconds(1)});
     EXPECT_FALSE(gauge.saturated());

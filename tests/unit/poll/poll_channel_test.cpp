@@ -23,7 +23,7 @@
 namespace vesk {
 namespace {
 
-TEST(PollRecordTest, HasTheDocumentedLayout) {
+TEST(PollRecordTest, HasItsFieldsAtTheDocumentedOffsets) {
     const PollRecord record = encodePollCtlMsg({3, 0x04030201, 0x0d0c0b0a});
     PollRecord expected{};
     const std::uint32_t op = 3;
@@ -52,7 +52,7 @@ TEST(PollRecordTest, IsDecodedAsItWasEncoded) {
     EXPECT_EQ(message->fd, 77);
 }
 
-TEST(PollRecordTest, IsRejectedIfTooShort) {
+TEST(PollRecordTest, IsNotDecodedWhenBytesAreMissing) {
     const PollRecord record{};
     EXPECT_FALSE(decodePollCtlMsg(std::span(record).first(15)));
     EXPECT_FALSE(decodePollCtlMsg(std::span(record).first(0)));
@@ -75,7 +75,7 @@ Bytes recordOf(const PollCtlMsg& message) {
     return toBytes(encodePollCtlMsg(message));
 }
 
-/// A row's header: its op, nothing, and the number of records in eight bytes.
+/// A row's header: "Rows", four zero bytes and the number of records in eight bytes.
 Bytes rowHeader(std::uint64_t count) {
     Bytes header{'R', 'o', 'w', 's', 0, 0, 0, 0};
     header.resize(16);
@@ -104,7 +104,7 @@ TEST(PollDatagramTest, IsSplitIntoRecordsInOrder) {
     EXPECT_THAT(taken.fds, testing::ElementsAre(7, 5, 6));
 }
 
-TEST(PollDatagramTest, IsARecordWithoutTheHeaderOfARow) {
+TEST(PollDatagramTest, IsOneRecordWithoutTheHeaderOfARow) {
     for (const std::size_t length : {16U, 17U, 20U, 32U, 64U}) {
         Bytes datagram = recordOf({EPOLL_CTL_MOD, EPOLLIN, 7});
         const Bytes other = recordOf({EPOLL_CTL_MOD, EPOLLIN, 8});
@@ -118,7 +118,7 @@ TEST(PollDatagramTest, IsARecordWithoutTheHeaderOfARow) {
     }
 }
 
-TEST(PollDatagramTest, IsNoRowIfLengthAndNumberOfRecordsDiffer) {
+TEST(PollDatagramTest, IsNotARowWhenLengthAndNumberOfRecordsDiffer) {
     Bytes oneMissing = rowOf({7, 5});
     oneMissing.resize(32);
     Bytes byteMissing = rowOf({7, 5});
@@ -134,7 +134,7 @@ TEST(PollDatagramTest, IsNoRowIfLengthAndNumberOfRecordsDiffer) {
     }
 }
 
-TEST(PollDatagramTest, IsRejectedIfShorterThanARecord) {
+TEST(PollDatagramTest, HoldsNoRecordWhenShorterThanARecord) {
     for (const std::size_t length : {0U, 1U, 12U, 15U}) {
         Bytes datagram = recordOf({EPOLL_CTL_MOD, EPOLLIN, 7});
         datagram.resize(length);
@@ -157,7 +157,7 @@ class PollChannelTest : public DescriptorCountingTest {
         DescriptorCountingTest::TearDown();
     }
 
-    /// The next datagram in the channel, however long it is.
+    /// The next datagram in the channel, whatever its length.
     Bytes receive() {
         Bytes bytes(1024);
         const ssize_t count = recv(server.get(), bytes.data(), bytes.size(), MSG_DONTWAIT);
@@ -165,7 +165,7 @@ class PollChannelTest : public DescriptorCountingTest {
         return bytes;
     }
 
-    /// Sends until no record goes in any more.
+    /// Sends until the channel is full.
     void fill() {
         const PollRecord record = encodePollCtlMsg({EPOLL_CTL_MOD, EPOLLIN, -1});
         while (send(sender.get(), record.data(), record.size(), MSG_DONTWAIT) != -1) {
@@ -184,7 +184,7 @@ TEST_F(PollChannelTest, ConnectsTwoLocalDatagramSockets) {
     }
 }
 
-TEST_F(PollChannelTest, NeverBlocksThePollLoopsEnd) {
+TEST_F(PollChannelTest, IsNonBlockingAtThePollLoopsEndOnly) {
     EXPECT_NE(fcntl(server.get(), F_GETFL) & O_NONBLOCK, 0);
     EXPECT_EQ(fcntl(sender.get(), F_GETFL) & O_NONBLOCK, 0);
 }
@@ -196,7 +196,7 @@ TEST_F(PollChannelTest, SendsAnAddition) {
     EXPECT_EQ(receive(), recordOf({EPOLL_CTL_ADD, EPOLLIN, 7}));
 }
 
-TEST_F(PollChannelTest, LogsEveryOtherEventMaskAsWriting) {
+TEST_F(PollChannelTest, LogsEveryOtherEventMaskAsEpollout) {
     const AtLogLevel level("debug");
     EXPECT_EQ(printedBy([this] { EXPECT_EQ(pollLoop_add_fd(sender.get(), 7, EPOLLOUT), 0); }),
               "debug Successfully sent fd 7 (add, EPOLLOUT) to poll loop\n");
@@ -259,7 +259,7 @@ TEST_F(PollChannelTest, IsSilentAtTheDefaultLevel) {
               "");
 }
 
-TEST_F(PollChannelTest, KeepsRecordsWholeAndInOrder) {
+TEST_F(PollChannelTest, DeliversRecordsWholeAndInOrder) {
     for (int fd = 10; fd < 15; ++fd) {
         pollLoop_mod_fd(sender.get(), fd, EPOLLIN);
     }
@@ -280,7 +280,7 @@ TEST_F(PollChannelTest, ReportsARecordThatCannotBeSent) {
               "error pollLoop_del_fd" + failureText);
 }
 
-TEST_F(PollChannelTest, LeavesTheErrorInErrnoForItsCallers) {
+TEST_F(PollChannelTest, LeavesTheErrorInErrno) {
     printedBy([] {
         errno = 0;
         pollLoop_del_fd(-1, 7);
@@ -294,14 +294,14 @@ TEST_F(PollChannelTest, DoesNotCloseADescriptorWhoseDeletionCouldNotBeSent) {
     EXPECT_TRUE(isOpen(fd.get()));
 }
 
-TEST_F(PollChannelTest, ReportsThatTheOtherEndIsGone) {
+TEST_F(PollChannelTest, ReportsThatTheOtherEndIsClosed) {
     server.reset();
     EXPECT_EQ(printedBy([this] { EXPECT_LT(pollLoop_mod_fd(sender.get(), 7, EPOLLIN), 0); }),
               "error pollLoop_mod_fdError writing a control message to poll socket: bytes: -1 "
               "Error: Connection refused\n");
 }
 
-TEST_F(PollChannelTest, ReportsThatNoDescriptorsAreLeft) {
+TEST_F(PollChannelTest, ReportsAShortageOfDescriptors) {
     UniqueFd first;
     UniqueFd second;
     int result = 0;
@@ -315,7 +315,7 @@ TEST_F(PollChannelTest, ReportsThatNoDescriptorsAreLeft) {
     EXPECT_FALSE(second);
 }
 
-TEST_F(PollChannelTest, MakesSendersWaitForRoom) {
+TEST_F(PollChannelTest, BlocksSendersWhileItIsFull) {
     fill();
     ThreadMark mark;
     std::thread waiting([&] {
@@ -328,7 +328,7 @@ TEST_F(PollChannelTest, MakesSendersWaitForRoom) {
     waiting.join();
 }
 
-TEST_F(PollChannelTest, RetiringClosesOnlyDescriptorsToBeDeleted) {
+TEST_F(PollChannelTest, RetiringClosesOnlyDescriptorsWithAPendingDeletion) {
     const int deleted = dup(sender.get());
     const UniqueFd armed(dup(sender.get()));
     const UniqueFd added(dup(sender.get()));
@@ -342,7 +342,7 @@ TEST_F(PollChannelTest, RetiringClosesOnlyDescriptorsToBeDeleted) {
     EXPECT_TRUE(isOpen(added.get()));
 }
 
-TEST_F(PollChannelTest, RetiringClosesTheDescriptorsOfADeletionRow) {
+TEST_F(PollChannelTest, RetiringClosesTheDescriptorsOfAPendingRowOfDeletions) {
     const std::vector<int> deleted{dup(sender.get()), dup(sender.get()), dup(sender.get())};
     ASSERT_EQ(pollLoop_del_fds(sender.get(), deleted), 0);
     retirePollChannel(server.get());
@@ -351,7 +351,7 @@ TEST_F(PollChannelTest, RetiringClosesTheDescriptorsOfADeletionRow) {
     }
 }
 
-TEST_F(PollChannelTest, ReportsAnAddAfterTheLoopHasEnded) {
+TEST_F(PollChannelTest, ReportsAnAdditionAfterTheLoopHasEnded) {
     const AtLogLevel level("trace");
     retirePollChannel(server.get());
     EXPECT_EQ(
@@ -360,7 +360,7 @@ TEST_F(PollChannelTest, ReportsAnAddAfterTheLoopHasEnded) {
         "Broken pipe\n");
 }
 
-TEST_F(PollChannelTest, LogsNoOtherRequestAfterTheLoopHasEnded) {
+TEST_F(PollChannelTest, DoesNotLogOtherRequestsAfterTheLoopHasEnded) {
     const AtLogLevel level("trace");
     retirePollChannel(server.get());
     const UniqueFd deleted(dup(sender.get()));
@@ -373,7 +373,7 @@ TEST_F(PollChannelTest, LogsNoOtherRequestAfterTheLoopHasEnded) {
 }
 
 TEST_F(PollChannelTest, RetiringReleasesEveryWaitingSender) {
-    // More senders than the smallest queue holds records.
+    // More senders than the smallest queue has room for.
     constexpr std::size_t senderCount = 24;
     fill();
     std::list<ThreadMark> marks(senderCount);
@@ -382,7 +382,7 @@ TEST_F(PollChannelTest, RetiringReleasesEveryWaitingSender) {
         waiting.emplace_back([this, &mark] {
             UniqueFd fd(dup(sender.get()));
             mark.set();
-            // Either it slipped in, and whoever drains the channel closes the descriptor, or not.
+            // If the request was sent, the thread that drains the channel closes the descriptor.
             if (pollLoop_del_fd(sender.get(), fd.get()) == 0) {
                 fd.release();
             }
@@ -398,7 +398,7 @@ TEST_F(PollChannelTest, RetiringReleasesEveryWaitingSender) {
                   }
               }),
               "");
-    // What slipped in between the shutdown and the end of the draining.
+    // Drains requests that were sent while the channel was being retired.
     retirePollChannel(server.get());
 }
 

@@ -37,7 +37,7 @@ void WatchedSocket::drain() {
 }
 
 bool WatchedSocket::awaitClosed() {
-    // With something unread it shows as an end by force.
+    // A socket that is closed with unread data resets the connection.
     char byte = 0;
     const ssize_t count = read(other_.get(), &byte, 1);
     return count == 0 || (count == -1 && errno == ECONNRESET);
@@ -89,7 +89,7 @@ Batch PollLoopTest::nextBatch() {
 }
 
 void PollLoopTest::awaitRequests() {
-    // Deleting what was never added closes it; requests are carried out in order.
+    // The loop executes requests in order, and the deletion of an unknown socket closes it.
     WatchedSocket last;
     remove(last.giveAway());
     EXPECT_TRUE(last.awaitClosed());
@@ -99,7 +99,7 @@ void PollLoopTest::expectNoFurtherBatch() {
     WatchedSocket last;
     last.makeReady();
     add(last.fd(), EPOLLIN);
-    // Whatever was ready before would be reported before it, or with it.
+    // Any socket that was ready earlier would be reported before this one or with it.
     EXPECT_EQ(nextBatch(), (Batch{"read", {last.fd()}}));
     remove(last.giveAway());
     EXPECT_TRUE(last.awaitClosed());

@@ -1,4 +1,4 @@
-// The poll loop on a thread of its own, over a real epoll set, with all that it reports collected.
+// Runs the poll loop on its own thread with a real epoll set and collects its reports.
 #pragma once
 
 #include <unistd.h>
@@ -28,13 +28,13 @@ struct Batch {
 
 std::ostream& operator<<(std::ostream& out, const Batch& batch);
 
-/// A local stream socket, and its other end to make it ready or to see it closed.
+/// A local stream socket. The other end makes it ready and detects that it is closed.
 class WatchedSocket {
  public:
     WatchedSocket();
 
     int fd() const { return watched_.get(); }
-    /// Gives the descriptor to the loop, which closes it when it is deleted.
+    /// Releases the descriptor to the loop, which closes it when it is deleted.
     int giveAway() { return watched_.release(); }
     void makeReady();
     void drain();
@@ -54,14 +54,14 @@ class PollLoopTest : public DescriptorCountingTest {
 
     /// Starts the loop with callbacks that collect batches.
     void startLoop();
-    /// The next batch reported; an empty one where none comes.
+    /// The next reported batch; empty if none arrives in time.
     Batch nextBatch();
-    /// Returns when the loop has carried out every request sent so far.
+    /// Returns when the loop has executed every request sent so far.
     void awaitRequests();
-    /// Fails the test if the loop has anything to report that is not asked for.
+    /// Fails the test if the loop has any further batch to report.
     void expectNoFurtherBatch();
 
-    // What the loop watches lives until the loop has ended.
+    // Watched sockets exist until the loop has ended.
 
     WatchedSocket& newSocket() { return sockets_.emplace_back(); }
     std::deque<WatchedSocket>& newSockets(std::size_t count) { return rows_.emplace_back(count); }
@@ -69,7 +69,7 @@ class PollLoopTest : public DescriptorCountingTest {
     /// A second descriptor of the same socket.
     int duplicate(int fd) { return duplicates_.emplace_back(dup(fd)).get(); }
 
-    /// While it lives, the loop stands in a callback and comes to no wait.
+    /// While it exists, the loop is blocked in a callback and does not wait for events.
     class Standstill {
      public:
         explicit Standstill(PollLoopTest& test);

@@ -46,7 +46,7 @@ TEST_F(PollLoopTest, ReportsASocketThatBecomesReadyLater) {
     EXPECT_EQ(nextBatch(), (Batch{"read", {socket.fd()}}));
 }
 
-TEST_F(PollLoopTest, DoesNotReportASocketUntilItIsArmedAgain) {
+TEST_F(PollLoopTest, ReportsASocketAgainOnlyAfterItIsArmedAgain) {
     startLoop();
     WatchedSocket& socket = newSocket();
     socket.makeReady();
@@ -104,7 +104,7 @@ TEST_F(PollLoopTest, ClosesASocketThatWasNeverAddedSilently) {
     EXPECT_EQ(activeCount(), 0);
 }
 
-TEST_F(PollLoopTest, TreatsADuplicateOfAWatchedSocketAsNeverAdded) {
+TEST_F(PollLoopTest, ClosesADuplicateOfAWatchedSocketSilently) {
     startLoop();
     WatchedSocket& socket = newSocket();
     add(socket.fd(), EPOLLIN);
@@ -130,7 +130,7 @@ TEST_F(PollLoopTest, ReportsReadinessForWriting) {
     EXPECT_EQ(activeCount(), 0);
 }
 
-TEST_F(PollLoopTest, ReportsOneSocketForEachOfItsEvents) {
+TEST_F(PollLoopTest, ReportsOneSocketForEveryEventItHas) {
     startLoop();
     WatchedSocket& socket = newSocket();
     socket.makeReady();
@@ -142,7 +142,7 @@ TEST_F(PollLoopTest, ReportsOneSocketForEachOfItsEvents) {
     EXPECT_EQ(param->RdReadyNr.value(), 1U);
     EXPECT_EQ(param->WrReadyNr.value(), 1U);
     EXPECT_EQ(param->ErrorNr.value(), 1U);
-    // Both ways take one from a single registration.
+    // The socket was counted once when it was added, and once less for each direction.
     EXPECT_EQ(activeCount(), -1);
 }
 
@@ -150,7 +150,7 @@ TEST_F(PollLoopTest, CountsAHangUpAndPrintsNothing) {
     Pipe& pipe = newPipe();
     EXPECT_EQ(printedBy([&] {
                   startLoop();
-                  // Nothing to read is waited for, so only the hang-up itself shows.
+                  // Without EPOLLIN the loop reports only the hang-up.
                   add(pipe.read.get(), EPOLLOUT);
                   awaitRequests();
                   pipe.write.reset();
@@ -162,7 +162,7 @@ TEST_F(PollLoopTest, CountsAHangUpAndPrintsNothing) {
     EXPECT_TRUE(isOpen(pipe.read.get()));
 }
 
-TEST_F(PollLoopTest, TakesAsManyEventsAtOnceAsThereAreSockets) {
+TEST_F(PollLoopTest, ReportsAllReadySocketsInOneBatch) {
     startLoop();
     std::deque<WatchedSocket>& sockets = newSockets(5);
     for (WatchedSocket& socket : sockets) {
@@ -180,7 +180,7 @@ TEST_F(PollLoopTest, TakesAsManyEventsAtOnceAsThereAreSockets) {
     EXPECT_EQ(nextBatch(), (Batch{"read", expected}));
 }
 
-TEST_F(PollLoopTest, SortsOneBatchByWhatHappened) {
+TEST_F(PollLoopTest, SortsOneBatchByEvent) {
     startLoop();
     WatchedSocket& readable = newSocket();
     WatchedSocket& writable = newSocket();
@@ -199,7 +199,7 @@ TEST_F(PollLoopTest, SortsOneBatchByWhatHappened) {
     EXPECT_EQ(nextBatch(), (Batch{"write", {writable.fd()}}));
 }
 
-TEST_F(PollLoopTest, ServesManySocketsComingAndGoing) {
+TEST_F(PollLoopTest, ServesManySocketsThatAreAddedAndDeleted) {
     startLoop();
     for (int round = 0; round < 20; ++round) {
         std::deque<WatchedSocket>& sockets = newSockets(8);
@@ -220,7 +220,7 @@ TEST_F(PollLoopTest, ServesManySocketsComingAndGoing) {
     }
     awaitRequests();
     EXPECT_EQ(param->RdReadyNr.value(), 160U);
-    // Each socket was armed once, fired once, and went.
+    // Each socket was counted once and subtracted twice: when it was ready and when it was deleted.
     EXPECT_EQ(activeCount(), -160);
 }
 
@@ -258,7 +258,7 @@ TEST_F(PollLoopTest, EndsWhenTheChannelIsRetired) {
               "");
 }
 
-TEST_F(PollLoopTest, EndsIfItCannotWatchTheChannel) {
+TEST_F(PollLoopTest, EndsWhenItCannotWatchTheChannel) {
     PollThreadParam broken(-1, readQueues, writeQueues);
     const auto never = [](const std::vector<int>&) { ADD_FAILURE(); };
     EXPECT_EQ(printedBy([&] { EXPECT_EQ(pollLoop(broken, never, never, never), -EBADF); }),
@@ -277,14 +277,14 @@ TEST_F(PollLoopTest, EndsWithoutAnEpollSet) {
               "error Failed to add msgchanfd to epoll set: Too many open files\n");
 }
 
-TEST_F(PollLoopTest, EndsIfItCannotWait) {
+TEST_F(PollLoopTest, EndsWhenItCanNoLongerWait) {
     std::atomic<int> result{0};
     const UniqueFd noEpollSet(open("/dev/null", O_RDONLY));
     EXPECT_EQ(printedBy([&] {
                   ASSERT_EQ(param->thread.start([&] {
                       result = pollLoop(*param,
                                         [&](const std::vector<int>&) {
-                                            // Something else under the set's number, before the
+                                            // The set's descriptor number refers to a file at the
                                             // next wait.
                                             dup2(noEpollSet.get(), param->epollSet.get());
                                         },
@@ -300,8 +300,8 @@ TEST_F(PollLoopTest, EndsIfItCannotWait) {
     EXPECT_EQ(result, -EINVAL);
 }
 
-TEST_F(PollLoopTest, ReportsAnUnreadableChannelAndContinues) {
-    // A socket that fails once.
+TEST_F(PollLoopTest, ReportsAFailedReadOfTheChannelAndContinues) {
+    // A socket whose next receive call fails.
     const UdpSocket refused;
     provokeRefusal(refused.fd());
     PollThreadParam failing(refused.fd(), readQueues, writeQueues);
@@ -313,10 +313,10 @@ TEST_F(PollLoopTest, ReportsAnUnreadableChannelAndContinues) {
               "error recv: msgchanfd\n");
 }
 
-TEST_F(PollLoopTest, ReleasesWaitingSendersWhenItEndsByItself) {
+TEST_F(PollLoopTest, RetiresTheChannelWhenItEndsByItself) {
     const int deleted = duplicate(sender.get());
     remove(deleted);
-    // Where no set is, the loop cannot even begin.
+    // Without an epoll set the loop ends at once.
     std::unique_ptr<PollThreadParam> broken;
     {
         const DescriptorShortage shortage(0);

@@ -15,7 +15,7 @@
 namespace vesk {
 namespace {
 
-TEST(PollParamTest, StartsWithZeroCounters) {
+TEST(PollParamTest, StartsWithCountersAtZero) {
     PollParam worker([](int, bool&, std::uint32_t) { return 0; });
     EXPECT_EQ(worker.workerParameter, 0U);
     EXPECT_EQ(worker.pause, 0U);
@@ -25,7 +25,7 @@ TEST(PollParamTest, StartsWithZeroCounters) {
     EXPECT_FALSE(worker.thread.started());
 }
 
-TEST(PollThreadParamTest, StartsWithZeroCounters) {
+TEST(PollThreadParamTest, StartsWithCountersAtZero) {
     const PollParams workers;
     const PollThreadParam param(7, workers, workers);
     EXPECT_EQ(param.msgchanfd, 7);
@@ -53,9 +53,9 @@ TEST(StopThreadsTest, EndsEveryThreadAndReleasesEveryRecord) {
     }
 }
 
-TEST(StopThreadsTest, EndsThemInTheOrderOfTheList) {
-    // Atomic, and not a list under a lock: the thread sanitizer does not see locks that are taken
-    // while a cancelled wait for a semaphore unwinds.
+TEST(StopThreadsTest, EndsThreadsInTheOrderOfTheList) {
+    // Atomics instead of a list with a lock: the thread sanitizer does not see locks that are
+    // taken while a cancelled wait for a semaphore unwinds.
     std::atomic<int> ended{0};
     std::array<std::atomic<int>, 3> places{};
     struct Witness {
@@ -83,7 +83,7 @@ TEST(StopThreadsTest, EndsThemInTheOrderOfTheList) {
     EXPECT_EQ(places[2], 3);
 }
 
-TEST(StopThreadsTest, ReportsAThreadThatWasLeftRunning) {
+TEST(StopThreadsTest, ReportsThatAThreadWasLeftRunning) {
     const ChildResult child = runInChild([] {
         PollParams threads;
         for (int i = 0; i < 2; ++i) {

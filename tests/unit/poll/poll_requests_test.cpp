@@ -1,4 +1,4 @@
-// Requests that make no sense to the poll loop, and several in one datagram.
+// Invalid requests to the poll loop, and several requests in one datagram.
 
 #include <gtest/gtest.h>
 #include <sys/epoll.h>
@@ -82,7 +82,7 @@ TEST_F(PollRequestsTest, ReportsAShortRecordAndIgnoresIt) {
     expectNoFurtherBatch();
 }
 
-TEST_F(PollRequestsTest, CarriesOutEveryRecordOfADatagram) {
+TEST_F(PollRequestsTest, ExecutesEveryRecordOfADatagram) {
     startLoop();
     std::deque<WatchedSocket>& sockets = newSockets(3);
     std::vector<int> fds;
@@ -96,7 +96,7 @@ TEST_F(PollRequestsTest, CarriesOutEveryRecordOfADatagram) {
     EXPECT_EQ(activeCount(), 6);
 }
 
-TEST_F(PollRequestsTest, ClosesEveryDescriptorThatARowDeletes) {
+TEST_F(PollRequestsTest, ClosesEveryDescriptorOfARowOfDeletions) {
     startLoop();
     std::deque<WatchedSocket>& sockets = newSockets(3);
     std::vector<int> fds;
@@ -112,7 +112,7 @@ TEST_F(PollRequestsTest, ClosesEveryDescriptorThatARowDeletes) {
     EXPECT_EQ(activeCount(), 0);
 }
 
-TEST_F(PollRequestsTest, CarriesOutTheFirstRecordOfALongerDatagramAndIgnoresTheRest) {
+TEST_F(PollRequestsTest, ExecutesOnlyTheFirstRecordOfALongerDatagramWithoutARowHeader) {
     startLoop();
     for (const std::size_t length : {20U, 32U}) {
         std::deque<WatchedSocket>& sockets = newSockets(2);

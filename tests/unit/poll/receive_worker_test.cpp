@@ -25,7 +25,7 @@ namespace {
 using Clock = std::chrono::steady_clock;
 using testing::ElementsAre;
 
-/// A worker on its thread, with a receive function that the test scripts.
+/// A worker on its thread. The test supplies the receive function.
 class ReceiveWorkerTest : public testing::Test {
  protected:
     void TearDown() override { worker.thread.stop(); }
@@ -58,12 +58,12 @@ class ReceiveWorkerTest : public testing::Test {
         return eventually([&] { return served() == expected; });
     }
 
-    /// What one receive call does; by default it clears `keep` and brings one datagram.
+    /// The receive call; by default it clears `keep` and returns one datagram.
     std::function<int(int fd, bool& keep)> receive = [](int, bool& keep) {
         keep = false;
         return 1;
     };
-    /// What is done between two passes.
+    /// Called between two passes.
     PassEndFunction passEnd = [](const LogDelay&) { return std::nullopt; };
     std::vector<std::uint32_t> parameters;
     PollParam worker{[this](int fd, bool& keep, std::uint32_t parameter) {
@@ -103,7 +103,7 @@ TEST_F(ReceiveWorkerTest, ServesADescriptorAgainUntilItIsDrained) {
     EXPECT_EQ(served().size(), 4U);
 }
 
-TEST_F(ReceiveWorkerTest, KeepsADescriptorByDefault) {
+TEST_F(ReceiveWorkerTest, KeepsADescriptorUntilKeepIsCleared) {
     std::atomic<int> calls{0};
     receive = [&calls](int, bool&) {
         ++calls;
@@ -112,7 +112,7 @@ TEST_F(ReceiveWorkerTest, KeepsADescriptorByDefault) {
     startWorker();
     hand({5});
     EXPECT_TRUE(eventually([&calls] { return calls > 20; }));
-    // It never stops by itself, and counts into what ends here.
+    // The worker never stops by itself and uses `calls`, which is destroyed at the end of the test.
     worker.thread.stop();
 }
 
@@ -127,8 +127,8 @@ TEST_F(ReceiveWorkerTest, ServesEachDescriptorOnceInEveryPass) {
     EXPECT_TRUE(eventuallyServed({0, 1, 2, 0, 2, 0}));
 }
 
-TEST_F(ReceiveWorkerTest, CollectsNewDescriptorsWhileItHasOthers) {
-    // Handed over in the middle of a pass, and without waking anybody.
+TEST_F(ReceiveWorkerTest, AcceptsNewDescriptorsDuringAPass) {
+    // Queued in the middle of a pass, without a wake-up.
     bool handed = false;
     receive = [this, &handed](int fd, bool& keep) {
         keep = fd == 5 && !handed;
@@ -143,7 +143,7 @@ TEST_F(ReceiveWorkerTest, CollectsNewDescriptorsWhileItHasOthers) {
     EXPECT_TRUE(eventuallyServed({5, 5, 6}));
 }
 
-TEST_F(ReceiveWorkerTest, EndsEachPassBeforeTheNextPassOrWait) {
+TEST_F(ReceiveWorkerTest, CallsThePassEndBeforeTheNextPassOrWait) {
     std::vector<std::size_t> servedBefore;
     std::atomic<int> passes{0};
     receive = [this](int fd, bool& keep) {
@@ -172,7 +172,7 @@ TEST_F(ReceiveWorkerTest, WritesItsLinesAfterTheEndOfThePass) {
     };
     passEnd = [&](const LogDelay& lines) {
         EXPECT_TRUE(lines.holdsLines());
-        // Past the log, which is held back.
+        // Written directly, not through the log, whose lines are held back.
         EXPECT_EQ(write(STDOUT_FILENO, "end of the pass\n", 16), 16);
         return std::nullopt;
     };
@@ -185,7 +185,7 @@ TEST_F(ReceiveWorkerTest, WritesItsLinesAfterTheEndOfThePass) {
               "end of the pass\nerror served 5\nerror served 6\n");
 }
 
-TEST_F(ReceiveWorkerTest, EndsAPassAgainAfterTheGivenTime) {
+TEST_F(ReceiveWorkerTest, CallsThePassEndAgainAfterTheDelayItReturned) {
     std::atomic<int> passes{0};
     passEnd = [&](const LogDelay&) -> std::optional<std::chrono::milliseconds> {
         return ++passes < 4 ? std::optional(std::chrono::milliseconds(1)) : std::nullopt;
@@ -200,7 +200,7 @@ TEST_F(ReceiveWorkerTest, EndsAPassAgainAfterTheGivenTime) {
     EXPECT_TRUE(eventuallyServed({5, 6}));
 }
 
-TEST(PlainReceiveWorkerTest, RunsWithoutAPassEndFunction) {
+TEST(PlainReceiveWorkerTest, WorksWithoutAPassEnd) {
     std::atomic<int> calls{0};
     PollParam worker([&calls](int, bool& keep, std::uint32_t) {
         keep = ++calls < 3;
@@ -248,7 +248,7 @@ TEST_F(ReceiveWorkerTest, CountsAWakeAndTheDepthOfTheQueue) {
     EXPECT_EQ(worker.queueDepthSum.load(), 4U);
 }
 
-TEST_F(ReceiveWorkerTest, CountsASpuriousWakeAndWaitsAgain) {
+TEST_F(ReceiveWorkerTest, CountsAWakeWithAnEmptyQueueAndWaitsAgain) {
     startWaitingWorker();
     worker.wakeUp.post();
     EXPECT_TRUE(eventually([this] { return worker.wakeCount.value() == 1; }));
@@ -257,7 +257,7 @@ TEST_F(ReceiveWorkerTest, CountsASpuriousWakeAndWaitsAgain) {
     EXPECT_THAT(served(), testing::IsEmpty());
 }
 
-TEST_F(ReceiveWorkerTest, CountsNoWakeWhereItFindsDescriptorsWithoutWaiting) {
+TEST_F(ReceiveWorkerTest, CountsNoWakeWhenDescriptorsAreQueuedBeforeItWaits) {
     hand({5, 6});
     startWorker();
     ASSERT_TRUE(eventuallyServed({5, 6}));
@@ -265,7 +265,7 @@ TEST_F(ReceiveWorkerTest, CountsNoWakeWhereItFindsDescriptorsWithoutWaiting) {
     EXPECT_EQ(worker.queueDepthSum.load(), 0U);
 }
 
-TEST_F(ReceiveWorkerTest, WaitsAgainAfterMuchWork) {
+TEST_F(ReceiveWorkerTest, WaitsAgainAfterManyDescriptors) {
     std::vector<int> many(40);
     std::iota(many.begin(), many.end(), 0);
     startWorker();
@@ -291,7 +291,7 @@ TEST_F(ReceiveWorkerTest, HoldsNoLockWhileItReceives) {
 TEST_F(ReceiveWorkerTest, CanBeEndedWhileItWaits) {
     startWaitingWorker();
     EXPECT_EQ(printedBy([this] { EXPECT_EQ(worker.thread.stop(), 0); }), "");
-    // The lock is nobody's.
+    // The lock is free.
     const MutexLock lock(worker.mutex);
 }
 
@@ -312,7 +312,7 @@ TEST_F(ReceiveWorkerTest, IsNotEndedInTheMiddleOfAReceiveCall) {
     std::atomic<bool> finished{false};
     receive = [&](int, bool& keep) {
         inside = true;
-        // A cancellation point, which must not strike here.
+        // A cancellation point, at which the thread must not be cancelled here.
         pthread_testcancel();
         finished = true;
         keep = true;
@@ -325,7 +325,7 @@ TEST_F(ReceiveWorkerTest, IsNotEndedInTheMiddleOfAReceiveCall) {
     EXPECT_TRUE(finished);
 }
 
-/// The times between one pass and the next, with a descriptor that stays.
+/// Measures the time between passes with a descriptor that is never drained.
 class WorkerPauseTest : public ReceiveWorkerTest {
  protected:
     std::vector<Clock::duration> intervals(std::uint32_t pause, std::size_t count) {
@@ -364,11 +364,11 @@ TEST_F(WorkerPauseTest, SleepsTheLongestShortPauseToTheMicrosecond) {
 TEST_F(WorkerPauseTest, SleepsWholeSecondsOfALongPause) {
     const std::vector<Clock::duration> slept = intervals(1500000, 2);
     EXPECT_THAT(slept, testing::Each(testing::Ge(std::chrono::seconds(1))));
-    // A busy machine may add to one of them, but hardly half a second to each.
+    // A busy machine may delay one pass, but is unlikely to delay each by half a second.
     EXPECT_THAT(slept, testing::Contains(testing::Lt(std::chrono::milliseconds(1500))));
 }
 
-TEST_F(WorkerPauseTest, CanBeEndedInItsPause) {
+TEST_F(WorkerPauseTest, CanBeEndedDuringItsPause) {
     receive = [](int, bool&) { return 0; };
     worker.pause = 3600000000;
     startWorker();

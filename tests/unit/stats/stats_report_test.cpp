@@ -44,8 +44,7 @@ std::shared_ptr<PollParam> countingWorker(std::uint64_t first) {
     return worker;
 }
 
-/// While it lives standard output is a pipe that is full; what is written to it waits until
-/// `readOn`.
+/// While it exists, standard output is a full pipe, and every write to it blocks until readOn().
 class StalledOutput {
  public:
     StalledOutput() : before_(dup(STDOUT_FILENO)) {
@@ -99,7 +98,7 @@ class StatsReportTest : public ForwarderTest {
     }
 };
 
-TEST_F(StatsReportTest, ShowsHeadingsOfMissingEndpoints) {
+TEST_F(StatsReportTest, ShowsTheHeadingsOfEmptySections) {
     EXPECT_EQ(report(),
               "info \nPoll stats:\n\n"
               "info Upstream Stats:\n\n"
@@ -174,7 +173,8 @@ TEST_F(StatsReportTest, HoldsNoEndpointWhileItIsWritten) {
     bool blocked = false;
     bool allClosed = false;
     {
-        // No expectation in here: a failure is printed.
+        // No expectations in this block: gtest would print a failure to the blocked standard
+        // output.
         ThreadMark writing;
         StalledOutput output;
         std::thread reporter([&] {

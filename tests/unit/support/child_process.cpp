@@ -27,7 +27,7 @@ std::string readToEnd(int fd) {
 
 ChildResult runInChild(const std::function<int()>& body) {
     Pipe output;
-    // The child inherits what stands in the buffer and would write it a second time.
+    // The child inherits the content of the buffer and would write it a second time.
     std::fflush(stdout);
     const pid_t child = fork();
     if (child == 0) {

@@ -1,4 +1,4 @@
-// Running code in a process of its own: for what ends the process or changes it for good.
+// Runs code in a child process, for tests that end the process or change it permanently.
 #pragma once
 
 #include <functional>
@@ -14,8 +14,8 @@ struct ChildResult {
     std::string printed;
 };
 
-/// Runs `body` in a child, with standard output caught; the child ends with its result as exit
-/// code, without running what the test process registered for its own end.
+/// Runs `body` in a child process and captures its standard output. The child ends with the result
+/// of `body` as its exit code and does not run the exit handlers of the test process.
 ChildResult runInChild(const std::function<int()>& body);
 
 }  // namespace vesk

@@ -27,7 +27,7 @@ int socketOption(int fd, int level, int name) {
 }
 
 std::size_t countOpenDescriptors() {
-    // The directory's own descriptor is in every count, and so in none of the differences.
+    // Every count includes the descriptor of the directory, so differences do not.
     return static_cast<std::size_t>(
         std::distance(std::filesystem::directory_iterator("/proc/self/fd"),
                       std::filesystem::directory_iterator()));
@@ -57,8 +57,8 @@ void DescriptorCountingTest::TearDown() {
 
 namespace {
 
-/// A sanitizer that meets a type for the first time opens a pipe to look at the object; what log
-/// lines are composed with has to be known to it before there is a shortage.
+/// A sanitizer that checks a type for the first time opens a pipe to read the object. It must
+/// therefore have seen the types used for log lines before descriptors are short.
 void logOnceUnseen() {
     std::fflush(stdout);
     const UniqueFd before(dup(STDOUT_FILENO));

@@ -1,4 +1,4 @@
-// Descriptors as the tests need them: counted, checked for being open, and running out on demand.
+// Helpers for tests that count descriptors, check whether they are open, or make them run short.
 #pragma once
 
 #include <gtest/gtest.h>
@@ -11,11 +11,11 @@
 namespace vesk {
 
 bool isOpen(int fd);
-/// A socket option that is a number.
+/// The value of an integer socket option.
 int socketOption(int fd, int level, int name);
 std::size_t countOpenDescriptors();
 
-/// A pipe; what is written into `write` comes out of `read`.
+/// A pipe: `read` returns the bytes written to `write`.
 struct Pipe {
     Pipe();
     UniqueFd read;
@@ -29,7 +29,7 @@ struct SocketCouple {
     UniqueFd second;
 };
 
-/// Fails the test that leaves a descriptor open, or closes one that was not its own.
+/// Fails a test that leaves a descriptor open or closes one that it did not open.
 class DescriptorCountingTest : public testing::Test {
  protected:
     void SetUp() override;
@@ -39,7 +39,7 @@ class DescriptorCountingTest : public testing::Test {
     std::size_t openBefore_ = 0;
 };
 
-/// While it lives, the process can open only `spare` more descriptors.
+/// While it exists, the process can open only `spare` more descriptors.
 class DescriptorShortage {
  public:
     explicit DescriptorShortage(int spare);

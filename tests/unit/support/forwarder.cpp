@@ -22,14 +22,14 @@ void ForwarderTest::SetUp() {
 
 void ForwarderTest::TearDown() {
     takePollRequests();
-    // From here on endpoints close their sockets themselves.
+    // From now on endpoints close their sockets themselves.
     context.reset();
     DescriptorCountingTest::TearDown();
 }
 
 ForwarderTest::Outcome ForwarderTest::run(Handler handler, const std::string& words) {
     Outcome outcome;
-    // Numbers are read as they come only while no old range error stands.
+    // The number parsers refuse the largest number while errno is ERANGE.
     errno = 0;
     outcome.printed =
         printedBy([&] { outcome.succeeded = handler(splitCommandLine(words), context); });

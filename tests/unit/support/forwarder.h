@@ -1,5 +1,5 @@
-// A forwarder without its threads: the context, the tables, and a message channel that the test
-// reads in place of the poll loop.
+// A forwarder without threads: the context, the tables, and a poll channel that the test reads
+// instead of the poll loop.
 #pragma once
 
 #include <memory>
@@ -24,7 +24,7 @@ class ForwarderTest : public DescriptorCountingTest {
 
     EndpointManager& manager() { return *context->endpointManager; }
 
-    /// What came of a command.
+    /// The result of a command.
     struct Outcome {
         bool succeeded = false;
         std::string printed;
@@ -32,13 +32,13 @@ class ForwarderTest : public DescriptorCountingTest {
     using Handler = bool (*)(TokenQueue, const std::shared_ptr<ForwarderContext>&);
     Outcome run(Handler handler, const std::string& words);
 
-    /// Carries out "set" with the words of `text`; the test fails where it is refused.
+    /// Executes "set" with the words of `text` and fails the test if it is refused.
     void declare(const std::string& text);
 
-    /// Makes the label's endpoint as a datagram would, but without its sockets' set-up.
+    /// Creates the label's endpoint as a datagram would, but does not set up its sockets.
     EndpointPtr createEndpoint(std::uint32_t label);
 
-    /// What was asked of the poll loop since the last time. Deletions are carried out.
+    /// The requests to the poll loop since the last call. Deletions are executed.
     std::vector<PollCtlMsg> takePollRequests();
 
     std::shared_ptr<ForwarderContext> context;

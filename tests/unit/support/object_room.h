@@ -1,4 +1,4 @@
-// Memory that is looked at after the object in it has gone.
+// Memory whose content a test reads after the object in it has been destroyed.
 #pragma once
 
 #include <algorithm>
@@ -8,7 +8,7 @@
 
 namespace vesk {
 
-/// Room for one object, to be looked at after the object has gone.
+/// Memory for one object that can be read after the object has been destroyed.
 template <typename Object>
 class Room {
  public:
@@ -18,7 +18,7 @@ class Room {
     }
 
     Bytes contents() const {
-        // Not by the compiler's own knowledge of what a destructor leaves.
+        // Volatile, so that the compiler cannot assume what the destructor leaves.
         const volatile unsigned char* const bytes = bytes_;
         return {bytes, bytes + sizeof(bytes_)};
     }

@@ -8,7 +8,7 @@ namespace vesk {
 
 namespace {
 
-/// Gives standard output back even when the code under test throws.
+/// Restores standard output even when the code under test throws.
 class Capture {
  public:
     Capture() { testing::internal::CaptureStdout(); }

@@ -1,4 +1,4 @@
-// What the code under test prints, and the log level it prints at.
+// Captures what the code under test prints and sets the log level.
 #pragma once
 
 #include <functional>
@@ -7,10 +7,10 @@
 
 namespace vesk {
 
-/// Everything that reaches standard output while `action` runs, threads included.
+/// Everything that any thread writes to standard output while `action` runs.
 std::string printedBy(const std::function<void()>& action);
 
-/// Makes a level the current one for as long as it lives; afterwards the default is back.
+/// Sets the log level while it exists and restores the default level afterwards.
 class AtLogLevel {
  public:
     explicit AtLogLevel(std::string_view name);

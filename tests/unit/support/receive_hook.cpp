@@ -16,7 +16,8 @@ void runPendingAction() {
 
 }  // namespace
 
-// The linker gives these two names to the callers' function and to the C library's.
+// With --wrap the linker resolves recvmsg to __wrap_recvmsg and __real_recvmsg to the C library's
+// recvmsg.
 extern "C" {
 ssize_t __real_recvmsg(int socket, msghdr* message, int flags);
 

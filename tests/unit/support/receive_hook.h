@@ -1,4 +1,4 @@
-// Lets a unit test act in the middle of a receive call, at a moment that no timing can miss.
+// Lets a unit test run code in the middle of a receive call, independent of timing.
 //
 // For test programs that are linked with -Wl,--wrap=recvmsg (vesk_unit_receive_hook).
 #pragma once
@@ -7,7 +7,7 @@
 
 namespace vesk {
 
-/// Runs `action` once, in the calling thread's next recvmsg, before the kernel is asked.
+/// Runs `action` once, in the calling thread's next recvmsg(), before the system call.
 void duringNextReceive(std::function<void()> action);
 
 }  // namespace vesk

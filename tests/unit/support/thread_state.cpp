@@ -21,8 +21,8 @@ constexpr char sleeping = 'S';
 constexpr char gone = '-';
 constexpr std::size_t impossibleStackSize = std::size_t{1} << 50;
 
-/// The state letter of the kernel's line for the thread; it stands behind the name, which is
-/// bracketed and may hold anything.
+/// The state letter from the kernel's line for the thread. It follows the name, which is in
+/// parentheses and may contain any character.
 char stateOf(pid_t thread) {
     std::ifstream file("/proc/self/task/" + std::to_string(thread) + "/stat");
     std::string line;

@@ -1,4 +1,4 @@
-// Waiting for what other threads do: for a condition, or for a thread to block.
+// Waits for other threads: for a condition, or for a thread to block or to end.
 #pragma once
 
 #include <sys/types.h>
@@ -9,33 +9,33 @@
 
 namespace vesk {
 
-/// Whether `condition` comes true before a deadline that is generous for the slowest machine. For
-/// what changes without telling anybody, such as a counter.
+/// Whether `condition` becomes true before a deadline that suits the slowest machine. For values
+/// that change without a notification, such as counters.
 bool eventually(const std::function<bool()>& condition);
 
-/// The kernel's id of a thread: written by the thread, waited for by the test.
+/// The kernel's id of a thread. The thread stores it, and the test waits for it.
 class ThreadMark {
  public:
     /// To be called by the thread itself.
     void set();
-    /// Whether the marked thread comes to sleep in the kernel.
+    /// Whether the marked thread sleeps in the kernel before the deadline.
     bool eventuallyBlocks() const;
     bool eventuallySet() const;
-    /// Whether the marked thread comes to its end.
+    /// Whether the marked thread ends before the deadline.
     bool eventuallyEnds() const;
 
  private:
     std::atomic<pid_t> thread_{0};
 };
 
-/// Whether all other threads of this process come to sleep in the kernel.
+/// Whether all other threads of this process sleep in the kernel before the deadline.
 bool othersEventuallyBlock();
 
-/// From here on pthread_cancel fails with EAGAIN in this process for a thread that waits where it
-/// may be cancelled, since the signal for that thread cannot be queued. Call it in a child.
+/// From now on pthread_cancel fails with EAGAIN in this process for a thread that waits where it
+/// may be cancelled, because the signal cannot be queued. Call it in a child process.
 void forbidCancelling();
 
-/// While it lives no thread can be started: the default stack is larger than any address space.
+/// While it exists, no thread can be started: the default stack exceeds any address space.
 class ThreadShortage {
  public:
     ThreadShortage();

@@ -12,7 +12,7 @@ namespace {
 
 constexpr int patienceMilliseconds = 30000;
 
-/// Loopback, with no port yet.
+/// The loopback address with port 0.
 SocketAddress loopback(int family) {
     return withPort(IPAddrInfo(family == AF_INET6 ? "::1" : "127.0.0.1", 1).socketAddress(), 0);
 }

@@ -1,5 +1,5 @@
-// A UDP socket on loopback, with a port of the kernel's choice: a peer, an upstream service or
-// another instance.
+// A UDP socket on loopback with a port chosen by the kernel. It acts as a peer, an upstream service
+// or another instance.
 #pragma once
 
 #include <cstdint>
@@ -16,16 +16,17 @@ class UdpSocket {
     explicit UdpSocket(int family = AF_INET);
 
     int fd() const { return fd_.get(); }
-    /// Where it can be reached.
+    /// The address to which the socket is bound.
     const SocketAddress& address() const { return address_; }
     std::uint16_t port() const;
 
     void send(const Bytes& datagram, const SocketAddress& to);
-    /// The next datagram, waited for; nothing where none comes.
+    /// Waits for the next datagram; empty if none arrives in time.
     std::optional<Bytes> receive();
-    /// Who sent the datagram received last.
+    /// The sender of the datagram received last.
     const SocketAddress& sender() const { return sender_; }
-    /// Whether nothing has arrived. On loopback a datagram is there when its sending returns.
+    /// Whether no datagram has arrived. On loopback a datagram has arrived when its send call
+    /// returns.
     bool empty() const;
 
  private:
@@ -38,12 +39,12 @@ class UdpSocket {
 SocketAddress boundAddress(int fd);
 std::uint16_t portOf(const SocketAddress& address);
 
-/// Makes the next use of a UDP socket fail with ECONNREFUSED, once.
+/// Makes the next call on a UDP socket fail once with ECONNREFUSED.
 void provokeRefusal(int fd);
-/// Whether the socket has an error to report yet.
+/// Whether the socket still has an error to report.
 bool hasPendingError(int fd);
 
-/// A port that nobody has at the moment.
+/// A port that is free at the moment.
 std::uint16_t freePort(int family = AF_INET);
 
 }  // namespace vesk

@@ -38,7 +38,7 @@ class FlowCleanUpTest : public ForwarderTest {
 constexpr CleanUpSwitches both{true, true};
 const std::string polled = "debug Successfully sent fd [0-9]+ \\(del\\) to poll loop\n";
 
-TEST_F(FlowCleanUpTest, ExpiresFlowsThatWereIdleForAWholePeriod) {
+TEST_F(FlowCleanUpTest, ExpiresAFlowThatWasIdleForAWholePeriod) {
     EXPECT_EQ(pass(both), "");
     EXPECT_THAT(manager().endpoints(), SizeIs(2));
     EXPECT_THAT(pass(both), testing::MatchesRegex(
@@ -60,7 +60,7 @@ TEST_F(FlowCleanUpTest, AsksThePollLoopToCloseTheSockets) {
     EXPECT_THAT(requests, testing::Each(testing::Field(&PollCtlMsg::op, EPOLL_CTL_DEL)));
 }
 
-TEST_F(FlowCleanUpTest, SparesAFlowThatSomebodyHolds) {
+TEST_F(FlowCleanUpTest, KeepsTheSocketsOfAHeldFlowOpen) {
     const EndpointPtr held = manager().findEndpointByLabel(0xab);
     pass(both);
     pass(both);
@@ -90,7 +90,7 @@ TEST_F(FlowCleanUpTest, ExpiresAuxiliaryFlowsOnly) {
     EXPECT_EQ(manager().findEndpointByLabel(0x120034), nullptr);
 }
 
-TEST_F(FlowCleanUpTest, KeepsAFlowWithTraffic) {
+TEST_F(FlowCleanUpTest, KeepsAFlowThatHadTraffic) {
     pass(both);
     manager().findEndpointByLabel(0xab)->markActive();
     pass(both);

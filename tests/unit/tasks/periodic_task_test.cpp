@@ -22,7 +22,7 @@ using Clock = std::chrono::steady_clock;
 constexpr std::chrono::nanoseconds second = std::chrono::seconds(1);
 constexpr std::chrono::nanoseconds millisecond = std::chrono::milliseconds(1);
 
-/// Thrown by an action to end the run of a task on the test's own thread.
+/// An action throws this to end a task that runs on the test's own thread.
 struct Enough {};
 
 std::string passOf(const std::string& name, const std::string& seconds) {
@@ -32,7 +32,7 @@ std::string passOf(const std::string& name, const std::string& seconds) {
 
 class PeriodicTaskTest : public testing::Test {
  protected:
-    // The task leaves the thread that runs it with cancellation off.
+    // The task disables cancellation in the thread that runs it.
     void TearDown() override { pthread_setcancelstate(PTHREAD_CANCEL_ENABLE, nullptr); }
 
     /// Runs the task on this thread until the action has run `passes` times.
@@ -55,17 +55,17 @@ class PeriodicTaskTest : public testing::Test {
     std::vector<Clock::time_point> times;
 };
 
-TEST_F(PeriodicTaskTest, RunsBackToBackWithoutAPeriod) {
+TEST_F(PeriodicTaskTest, RunsWithoutPauseWithAPeriodOfZero) {
     std::chrono::nanoseconds period{0};
     EXPECT_EQ(runPasses(3, period), passOf("T", "0") + passOf("T", "0") + passOf("T", "0"));
 }
 
-TEST_F(PeriodicTaskTest, RunsBackToBackWithANegativePeriod) {
+TEST_F(PeriodicTaskTest, RunsWithoutPauseWithANegativePeriod) {
     std::chrono::nanoseconds period = -2 * second;
     EXPECT_EQ(runPasses(2, period), passOf("T", "-2") + passOf("T", "-2"));
 }
 
-TEST_F(PeriodicTaskTest, AnnouncesLessThanASecondAsZeroAndSleepsIt) {
+TEST_F(PeriodicTaskTest, LogsAPeriodBelowASecondAsZeroAndSleepsIt) {
     std::chrono::nanoseconds period = 50 * millisecond;
     const auto begin = Clock::now();
     EXPECT_EQ(runPasses(2, period), passOf("T", "0") + passOf("T", "0"));
@@ -73,20 +73,20 @@ TEST_F(PeriodicTaskTest, AnnouncesLessThanASecondAsZeroAndSleepsIt) {
     EXPECT_GE(times[1] - times[0], std::chrono::milliseconds(50));
 }
 
-TEST_F(PeriodicTaskTest, AnnouncesWholeSecondsRoundedDownAndSleepsAllOfThem) {
+TEST_F(PeriodicTaskTest, LogsThePeriodInWholeSecondsAndSleepsAllOfIt) {
     std::chrono::nanoseconds period = second + 100 * millisecond;
     const auto begin = Clock::now();
     EXPECT_EQ(runPasses(1, period), passOf("T", "1"));
     EXPECT_GE(times[0] - begin, std::chrono::milliseconds(1100));
 }
 
-TEST_F(PeriodicTaskTest, RereadsThePeriodForEachPass) {
+TEST_F(PeriodicTaskTest, ReadsThePeriodBeforeEachPass) {
     std::chrono::nanoseconds period{0};
     EXPECT_EQ(runPasses(3, period, [&period] { period -= second; }),
               passOf("T", "0") + passOf("T", "-1") + passOf("T", "-2"));
 }
 
-TEST_F(PeriodicTaskTest, RunsNothingWithoutAnAction) {
+TEST_F(PeriodicTaskTest, ThrowsWithoutAnAction) {
     const std::chrono::nanoseconds period{0};
     printedBy([&] { EXPECT_THROW(runPeriodicTask("T", period, {}), std::bad_function_call); });
 }
@@ -97,7 +97,7 @@ TEST_F(PeriodicTaskTest, IsSilentBelowItsLevel) {
     EXPECT_EQ(runPasses(2, period), "");
 }
 
-TEST_F(PeriodicTaskTest, RunsOnAThreadOfItsOwn) {
+TEST_F(PeriodicTaskTest, RunsOnItsOwnThread) {
     std::atomic<pthread_t> ran{};
     std::atomic<int> passes{0};
     PeriodicTask task("Named", millisecond, [&] {
@@ -120,7 +120,7 @@ TEST_F(PeriodicTaskTest, CanBeEndedWhileItWaits) {
         ASSERT_EQ(task.start(), 0);
         EXPECT_EQ(task.stop(), 0);
     });
-    // It may be ended even before it says a word.
+    // The task may be ended before it logs its first line.
     EXPECT_THAT(printed, testing::AnyOf("", "info Task [T] will execute in [3600s]\n"));
 }
 
@@ -150,7 +150,7 @@ TEST_F(PeriodicTaskTest, IsNotEndedInTheMiddleOfItsAction) {
     EXPECT_TRUE(finished);
 }
 
-TEST_F(PeriodicTaskTest, ReportsThatNoThreadCanBeStarted) {
+TEST_F(PeriodicTaskTest, ReportsThatItsThreadCannotBeCreated) {
     PeriodicTask task("T", std::chrono::nanoseconds(0), [] {});
     int error = 0;
     {
@@ -161,7 +161,7 @@ TEST_F(PeriodicTaskTest, ReportsThatNoThreadCanBeStarted) {
     EXPECT_EQ(task.stop(), ESRCH);
 }
 
-TEST_F(PeriodicTaskTest, ContinuesSleepingAfterASignal) {
+TEST_F(PeriodicTaskTest, ContinuesItsSleepAfterASignal) {
     struct sigaction action {};
     action.sa_handler = [](int) {};
     struct sigaction before {};

@@ -30,7 +30,7 @@ const EVP_MD* noDigest() {
     return nullptr;
 }
 
-/// A record that libcrypto refuses to work with.
+/// A record that makes libcrypto fail.
 HmacInfo refusedRecord() {
     HmacInfo info = recordOf({"sha256", {1}});
     info.digest = noDigest;
@@ -69,14 +69,14 @@ std::vector<KnownAnswer> knownAnswers() {
 
 class KnownAnswerTest : public testing::TestWithParam<KnownAnswer> {};
 
-TEST_P(KnownAnswerTest, IsGivenInFull) {
+TEST_P(KnownAnswerTest, IsComputedInFull) {
     HmacInfo sha256 = recordOf({"sha256", GetParam().key});
     EXPECT_EQ(toHex(tagOf(sha256, {GetParam().data}, 32)), GetParam().sha256);
     HmacInfo sha1 = recordOf({"sha1", GetParam().key});
     EXPECT_EQ(toHex(tagOf(sha1, {GetParam().data}, 20)), GetParam().sha1);
 }
 
-TEST_P(KnownAnswerTest, IsCutToTheFirstSixteenBytes) {
+TEST_P(KnownAnswerTest, IsTruncatedToSixteenBytes) {
     HmacInfo sha256 = recordOf({"sha256", GetParam().key});
     EXPECT_EQ(toHex(tagOf(sha256, {GetParam().data}, 16)),
               std::string(GetParam().sha256).substr(0, 32));
@@ -90,7 +90,7 @@ TEST_P(KnownAnswerTest, IsPaddedWithZeros) {
     EXPECT_EQ(toHex(tagOf(sha1, {GetParam().data}, 32)), GetParam().sha1 + std::string(24, '0'));
 }
 
-TEST_P(KnownAnswerTest, DoesNotDependOnWhereTheDataIsSplit) {
+TEST_P(KnownAnswerTest, IsTheSameHoweverTheDataIsSplit) {
     const Region data(GetParam().data);
     HmacInfo info = recordOf({"sha256", GetParam().key});
     for (std::size_t at = 0; at <= data.size(); ++at) {
@@ -98,7 +98,7 @@ TEST_P(KnownAnswerTest, DoesNotDependOnWhereTheDataIsSplit) {
     }
 }
 
-TEST_P(KnownAnswerTest, IsTheSameWithAContextThatIsUsedAgain) {
+TEST_P(KnownAnswerTest, IsTheSameWithAReusedContext) {
     HmacInfo info = recordOf({"sha256", GetParam().key});
     tagOf(info, {GetParam().data}, 32);
     const HMAC_CTX* const kept = info.context.get();
@@ -132,7 +132,7 @@ TEST(ComputeTagTest, IsZeroWithoutAKey) {
     EXPECT_EQ(info.context, nullptr);
 }
 
-TEST(ComputeTagTest, TakesTheLongestKey) {
+TEST(ComputeTagTest, AcceptsTheLongestKey) {
     const TestKey key{"sha256", Bytes(128, 0x5a)};
     HmacInfo info = recordOf(key);
     const Bytes data(5, 1);
@@ -149,12 +149,12 @@ TEST(ComputeTagTest, UsesANewKeyAtOnce) {
     EXPECT_EQ(tagOf(info, {data}, 32), hmacOf({"sha1", {2}}, data, 32));
 }
 
-TEST(ComputeTagTest, FailsIfTheLibraryFails) {
+TEST(ComputeTagTest, FailsWhenLibcryptoFails) {
     HmacInfo info = refusedRecord();
     const Bytes data(5, 1);
     const std::vector<Region> regions{data};
     Bytes tag(16);
-    // The second time too: a context without a key must not be taken for a good one.
+    // The second call fails too: a context without a key must not be reused.
     EXPECT_FALSE(computeTag(info, regions, tag));
     EXPECT_EQ(info.context, nullptr);
     EXPECT_FALSE(computeTag(info, regions, tag));
@@ -162,7 +162,7 @@ TEST(ComputeTagTest, FailsIfTheLibraryFails) {
     EXPECT_TRUE(computeTag(info, regions, tag));
 }
 
-TEST(CheckTagTest, RequiresZerosWithoutAKey) {
+TEST(CheckTagTest, ExpectsZerosWithoutAKey) {
     HmacInfo info;
     Bytes tag(32);
     EXPECT_TRUE(checkTag(info, {}, tag));
@@ -173,12 +173,12 @@ TEST(CheckTagTest, RequiresZerosWithoutAKey) {
     }
 }
 
-TEST(CheckTagTest, NeverPassesIfTheLibraryFails) {
+TEST(CheckTagTest, FailsWhenLibcryptoFails) {
     HmacInfo info = refusedRecord();
     EXPECT_FALSE(checkTag(info, {}, Bytes(16)));
 }
 
-/// Both ways of the framed functions over one buffer.
+/// Signs and checks one framed datagram in one buffer.
 struct Framed {
     Framed(const FramingDescriptor& descriptor, const Bytes& datagram, std::size_t header)
         : framing(descriptor), headerLength(header), length(datagram.size()) {
@@ -199,7 +199,7 @@ struct Framed {
     std::size_t length;
 };
 
-/// The known text, cut up so that the bytes in the order in which they are covered give it.
+/// A datagram whose covered bytes, in the order in which they are covered, are the known text.
 Framed greetingV1() {
     Bytes datagram(32, 0x77);
     const Bytes headerThenPayload = toBytes(" ThereHi");
@@ -207,7 +207,7 @@ Framed greetingV1() {
     return {framingV1, datagram, 38};
 }
 
-TEST(SignDatagramTest, CoversThePayloadAndThenTheHeaderInUdpv1) {
+TEST(SignDatagramTest, CoversThePayloadThenTheHeaderInUdpv1) {
     const KnownAnswer known = knownAnswers().front();
     Framed framed = greetingV1();
     HmacInfo sha256 = recordOf({"sha256", known.key});
@@ -276,7 +276,7 @@ TEST(SignDatagramTest, WritesZerosWithoutAKey) {
     }
 }
 
-TEST(SignDatagramTest, FailsIfTheLibraryFails) {
+TEST(SignDatagramTest, FailsWhenLibcryptoFails) {
     HmacInfo refused = refusedRecord();
     Framed framed(framingV2, framedV2(7, {}), 20);
     EXPECT_EQ(printedBy([&] {
@@ -311,7 +311,7 @@ TEST(CheckDatagramTest, IgnoresBytesAfterTheDatagram) {
     EXPECT_TRUE(framed.check(info));
 }
 
-TEST(CheckDatagramTest, DependsOnKeyAndDigest) {
+TEST(CheckDatagramTest, FailsForAnotherKeyOrDigest) {
     Framed framed(framingV2, framedV2(7, toBytes("payload"), {"sha1", {1}}), 20);
     HmacInfo otherKey = recordOf({"sha1", {2}});
     EXPECT_FALSE(framed.check(otherKey));
@@ -321,13 +321,13 @@ TEST(CheckDatagramTest, DependsOnKeyAndDigest) {
     EXPECT_FALSE(framed.check(none));
 }
 
-TEST(CheckDatagramTest, RefusesAnUnsignedDatagramWhereThereIsAKey) {
+TEST(CheckDatagramTest, RefusesAnUnsignedDatagramWhenThereIsAKey) {
     HmacInfo info = recordOf({"sha256", {1}});
     const Framed framed(framingV2, framedV2(7, toBytes("payload")), 20);
     EXPECT_FALSE(framed.check(info));
 }
 
-TEST(CheckDatagramTest, TakesTheLargestDatagram) {
+TEST(CheckDatagramTest, AcceptsTheLargestDatagram) {
     const TestKey key{"sha256", {1}};
     HmacInfo info = recordOf(key);
     const Framed framed(framingV2, framedV2(7, Bytes(2028, 3), key), 20);

@@ -46,7 +46,7 @@ TEST(ParseUdpv2Test, AcceptsTheLargestDatagram) {
 
 const char* const remark = "trace Dropping UDPv1 packet!\n";
 
-TEST(ParseUdpv2Test, LogsTwelveZerosAndAccepts) {
+TEST(ParseUdpv2Test, LogsATraceLineForTwelveZerosAndAccepts) {
     const AtLogLevel level("trace");
     Bytes datagram = framedV2(5, Bytes(20));
     EXPECT_EQ(printedBy([&] { EXPECT_TRUE(parse(framingV2, datagram)); }), remark);
@@ -54,7 +54,7 @@ TEST(ParseUdpv2Test, LogsTwelveZerosAndAccepts) {
     EXPECT_EQ(printedBy([&] { EXPECT_TRUE(parse(framingV2, datagram)); }), remark);
 }
 
-TEST(ParseUdpv2Test, LogsOnlyIfAllTwelveAreZero) {
+TEST(ParseUdpv2Test, LogsNothingUnlessAllTwelveAreZero) {
     const AtLogLevel level("trace");
     for (std::size_t offset = 20; offset < 32; ++offset) {
         Bytes datagram = framedV2(5, Bytes(20));
@@ -63,7 +63,7 @@ TEST(ParseUdpv2Test, LogsOnlyIfAllTwelveAreZero) {
     }
 }
 
-TEST(ParseUdpv2Test, LogsAtTraceLevelOnly) {
+TEST(ParseUdpv2Test, LogsTwelveZerosAtTraceLevelOnly) {
     const AtLogLevel level("debug");
     EXPECT_EQ(printedBy([] { EXPECT_TRUE(parse(framingV2, framedV2(5, Bytes(20)))); }), "");
 }
@@ -77,12 +77,12 @@ TEST(ParseUdpv2Test, ReadsTheBufferAfterAShortDatagram) {
     EXPECT_EQ(printedBy([&] { EXPECT_TRUE(parseDatagram(framingV2, others, 20)); }), "");
 }
 
-TEST(ParseUdpv2Test, DoesNotLogARejectedDatagram) {
+TEST(ParseUdpv2Test, LogsNothingForARejectedDatagram) {
     const AtLogLevel level("trace");
     EXPECT_EQ(printedBy([] { EXPECT_FALSE(parse(framingV2, Bytes(19))); }), "");
 }
 
-/// A datagram of 50 bytes that claims its payload to begin at `headerLength`.
+/// A datagram of 50 bytes whose header length field is `headerLength`.
 Bytes claiming(std::uint16_t headerLength, std::size_t length = 50) {
     Bytes datagram(length);
     datagram[32] = static_cast<std::uint8_t>(headerLength >> 8);
@@ -135,7 +135,7 @@ TEST(ParseUdpv1Test, LogsNothing) {
 
 class RewriteLabelTest : public testing::TestWithParam<const FramingDescriptor*> {};
 
-TEST_P(RewriteLabelTest, ChangesFourBytesAndNothingElse) {
+TEST_P(RewriteLabelTest, ChangesOnlyTheFourBytesOfTheLabel) {
     const FramingDescriptor& framing = *GetParam();
     Buffer buffer;
     buffer.fill(0xee);
@@ -146,7 +146,7 @@ TEST_P(RewriteLabelTest, ChangesFourBytesAndNothingElse) {
     EXPECT_EQ(buffer, expected);
 }
 
-TEST_P(RewriteLabelTest, IsReadBack) {
+TEST_P(RewriteLabelTest, IsReadByTheParser) {
     Buffer buffer = bufferWith(GetParam()->version == 1 ? framedV1(5, Bytes(1)) : framedV2(5, {}));
     for (const std::uint32_t label : {0U, 1U, 0x80000000U, 0xffffffffU}) {
         rewriteLabel(*GetParam(), buffer, label);

@@ -63,7 +63,7 @@ TEST_F(LateralHeaderTest, AcceptsLengthBytesFrom32To44) {
     }
 }
 
-TEST_F(LateralHeaderTest, RequiresTheWholeHeader) {
+TEST_F(LateralHeaderTest, RejectsAnIncompleteHeader) {
     put({1, 32});
     EXPECT_FALSE(parseLateralHeader(buffer, 0));
     EXPECT_FALSE(parseLateralHeader(buffer, 33));
@@ -74,14 +74,14 @@ TEST_F(LateralHeaderTest, RequiresTheWholeHeader) {
     EXPECT_TRUE(parseLateralHeader(buffer, 46));
 }
 
-TEST_F(LateralHeaderTest, LeavesTheTypeToItsCallers) {
+TEST_F(LateralHeaderTest, AcceptsEveryType) {
     for (const int type : {0, 1, 2, 3, 255}) {
         put({static_cast<std::uint8_t>(type), 32});
         EXPECT_EQ(parseLateralHeader(buffer, 34)->type, type);
     }
 }
 
-TEST_F(LateralHeaderTest, PutsTheSenderInFrontAndSignsIt) {
+TEST_F(LateralHeaderTest, PrependsTheSignedAddressOfTheSender) {
     for (const SocketAddress& sender : {ipv4Sender(), ipv6Sender()}) {
         put(datagram);
         const auto length = addLateralHeader(buffer, datagram.size(), sender, info);
@@ -107,7 +107,7 @@ TEST_F(LateralHeaderTest, AddsNoHeaderThatDoesNotFit) {
     EXPECT_FALSE(addLateralHeader(buffer, 2048, ipv4Sender(), info));
 }
 
-TEST_F(LateralHeaderTest, AddsNoAddressLongerThanThoseOfIp) {
+TEST_F(LateralHeaderTest, AddsNoAddressLongerThanAnIpAddress) {
     SocketAddress sender = ipv6Sender();
     sender.length = 29;
     EXPECT_FALSE(addLateralHeader(buffer, 100, sender, info));
@@ -115,12 +115,12 @@ TEST_F(LateralHeaderTest, AddsNoAddressLongerThanThoseOfIp) {
     EXPECT_FALSE(addLateralHeader(buffer, 100, sender, info));
 }
 
-TEST_F(LateralHeaderTest, AddsNoUnsignedHeader) {
+TEST_F(LateralHeaderTest, AddsNoHeaderThatCannotBeSigned) {
     info.digest = []() -> const EVP_MD* { return nullptr; };
     EXPECT_FALSE(addLateralHeader(buffer, 100, ipv4Sender(), info));
 }
 
-TEST_F(LateralHeaderTest, KeepsTheReturnPath) {
+TEST_F(LateralHeaderTest, KeepsTheReturnPathForAReply) {
     const Bytes forward = headerFor(1, ipv6Sender(), key);
     put(join({forward, datagram}));
     const auto header = parseLateralHeader(buffer, forward.size() + datagram.size());
@@ -130,7 +130,7 @@ TEST_F(LateralHeaderTest, KeepsTheReturnPath) {
     EXPECT_EQ(kept.bytes().size(), 45U);
 }
 
-TEST_F(LateralHeaderTest, PutsTheReturnPathInFrontOfAReply) {
+TEST_F(LateralHeaderTest, PrependsTheReturnPathToAReply) {
     const Bytes kept = headerFor(1, ipv4Sender(), key);
     put(datagram);
     const auto length =
@@ -139,7 +139,7 @@ TEST_F(LateralHeaderTest, PutsTheReturnPathInFrontOfAReply) {
     EXPECT_EQ(front(*length), join({headerFor(2, ipv4Sender(), key), datagram}));
 }
 
-TEST_F(LateralHeaderTest, LeavesAReplyThatDoesNotFitUnchanged) {
+TEST_F(LateralHeaderTest, LeavesAReplyUnchangedWhenTheHeaderDoesNotFit) {
     const ReturnPath path(Bytes(33, 1));
     put(datagram);
     const Buffer before = buffer;
@@ -148,19 +148,19 @@ TEST_F(LateralHeaderTest, LeavesAReplyThatDoesNotFitUnchanged) {
     EXPECT_EQ(addReturnHeader(buffer, 2048 - 34, path), 2048U);
 }
 
-TEST_F(LateralHeaderTest, StripsTheHeader) {
+TEST_F(LateralHeaderTest, RemovesTheHeader) {
     put(join({headerFor(1, ipv4Sender(), key), datagram}));
     const auto header = parseLateralHeader(buffer, 34 + datagram.size());
     EXPECT_EQ(stripLateralHeader(buffer, 34 + datagram.size(), *header), datagram.size());
     EXPECT_EQ(front(datagram.size()), datagram);
 }
 
-TEST_F(LateralHeaderTest, StripsTheHeaderOfAnEmptyDatagram) {
+TEST_F(LateralHeaderTest, RemovesTheHeaderOfAnEmptyDatagram) {
     put(headerFor(1, ipv4Sender(), key));
     EXPECT_EQ(stripLateralHeader(buffer, 34, *parseLateralHeader(buffer, 34)), 0U);
 }
 
-TEST_F(LateralHeaderTest, IsReadAsItWasWritten) {
+TEST_F(LateralHeaderTest, ReturnsTheDatagramUnchanged) {
     put(datagram);
     const auto forwarded = addLateralHeader(buffer, datagram.size(), ipv6Sender(), info);
     const auto forward = parseLateralHeader(buffer, *forwarded);
@@ -176,7 +176,7 @@ TEST_F(LateralHeaderTest, IsReadAsItWasWritten) {
     EXPECT_EQ(front(datagram.size()), datagram);
 }
 
-TEST_F(LateralHeaderTest, RefusesAnAddressOrHmacThatWasChanged) {
+TEST_F(LateralHeaderTest, RefusesAChangedAddressOrHmac) {
     put(join({headerFor(2, ipv4Sender(), key), datagram}));
     const auto header = parseLateralHeader(buffer, 100);
     EXPECT_TRUE(checkLateralHmac(buffer, *header, info));
@@ -197,14 +197,14 @@ TEST_F(LateralHeaderTest, RefusesTheHmacOfAnotherInstance) {
     EXPECT_FALSE(checkLateralHmac(buffer, *header, info));
 }
 
-TEST_F(LateralHeaderTest, GivesTheAddressOfEitherFamily) {
+TEST_F(LateralHeaderTest, ReturnsTheAddressOfEitherFamily) {
     for (const SocketAddress& sender : {ipv4Sender(), ipv6Sender()}) {
         put(headerFor(2, sender, key));
         EXPECT_EQ(lateralAddress(buffer, *parseLateralHeader(buffer, 100)), sender);
     }
 }
 
-TEST_F(LateralHeaderTest, RejectsAnAddressWhoseLengthIsNotItsFamilys) {
+TEST_F(LateralHeaderTest, ReturnsNoAddressWithTheLengthOfAnotherFamily) {
     SocketAddress ipv4TooLong = ipv4Sender();
     ipv4TooLong.length = 28;
     SocketAddress ipv6TooShort = ipv6Sender();

@@ -1,5 +1,5 @@
-// The layout tables, and what parses and signs by them, against the example datagrams of
-// docs/wire-format.md.
+// Compares the layout tables, and the functions that parse and sign by them, with the example
+// datagrams of docs/wire-format.md.
 #include "datapath/wire/layout.h"
 
 #include <gtest/gtest.h>
@@ -84,7 +84,7 @@ TEST_F(WireLayoutTest, PlacesTheFieldsOfTheLateralHeaderAsDocumented) {
     EXPECT_EQ(std::to_string(lateralLayout.maxAddressLength + lateralLayout.hmacLength), longest);
 }
 
-TEST_F(WireLayoutTest, HasOneTablePerFramingVersion) {
+TEST_F(WireLayoutTest, HasOneTableForEachFramingVersion) {
     EXPECT_EQ(&framingOfVersion(1), &framingV1);
     EXPECT_EQ(&framingOfVersion(2), &framingV2);
 }
@@ -118,7 +118,7 @@ TEST_P(DocumentedExampleTest, IsParsedAndPassesItsCheck) {
     EXPECT_FALSE(checkDatagram(framing, buffer, parsed->headerLength, length, record));
 }
 
-TEST_P(DocumentedExampleTest, IsMadeBySigning) {
+TEST_P(DocumentedExampleTest, IsReproducedBySigning) {
     std::fill_n(buffer.begin(), framing.hmacLength, std::uint8_t{0xee});
     ASSERT_TRUE(signDatagram(framing, buffer, example.startOf("payload"), length, record));
     EXPECT_EQ(buffer.front(length), example.bytes());
@@ -142,7 +142,7 @@ TEST_F(WireLayoutTest, ForwardsTheFirstExampleAsDocumented) {
     EXPECT_EQ(buffer.front(length), sent.bytes());
 }
 
-TEST_F(WireLayoutTest, HandsTheFirstExampleOverAndReturnsItAsDocumented) {
+TEST_F(WireLayoutTest, SendsTheFirstExampleOverTheLateralStreamAsDocumented) {
     if constexpr (std::endian::native != std::endian::little) {
         GTEST_SKIP() << "the page shows the header of a little-endian host";
     }

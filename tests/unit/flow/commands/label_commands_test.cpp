@@ -19,7 +19,7 @@ class LabelCommandsTest : public ForwarderTest {
     Outcome set(const std::string& words) { return run(setLabelAttrs, words); }
     Outcome del(const std::string& words) { return run(deleteLabel, words); }
 
-    /// The label's record, as its endpoint gets it; the label is left without an endpoint.
+    /// The label's record as its endpoint receives it. The label has no endpoint afterwards.
     FlowDesc recordOf(std::uint32_t label) {
         const EndpointPtr endpoint = createEndpoint(label);
         EXPECT_NE(endpoint, nullptr) << label;
@@ -63,7 +63,7 @@ TEST_F(LabelCommandsTest, SetWithoutWordsNeedsALabelToo) {
               "error setLabelAttrs: bad command for label 0\n");
 }
 
-TEST_F(LabelCommandsTest, SetNamesTheLabelThatWasReadBeforeTheFailure) {
+TEST_F(LabelCommandsTest, SetReportsTheLabelReadBeforeTheFailure) {
     EXPECT_EQ(set("label 5 up_label x").printed,
               "error validateLabelLikeString: bad label-like value, 'up_label': bogus labelVal "
               "'x'\nerror setLabelAttrs: bad command for label 5\n");
@@ -87,14 +87,14 @@ TEST_F(LabelCommandsTest, RefusedSetChangesNothing) {
     EXPECT_FALSE(isDeclared(6));
 }
 
-TEST_F(LabelCommandsTest, SetIgnoresATrafficMarkOutOfRange) {
+TEST_F(LabelCommandsTest, SetIgnoresADscpOutOfRange) {
     const Outcome outcome = set("label 5 up_out_dscp_v4 99" + upstream);
     EXPECT_TRUE(outcome.succeeded);
     EXPECT_EQ(outcome.printed, "warn Vesk_validateDscpString: ' Ignore invalid DSCP value: 99'\n");
     EXPECT_EQ(recordOf(5).up.dscpV4, -1);
 }
 
-TEST_F(LabelCommandsTest, SetRemovesAMarkIfTheNewOneIsOutOfRange) {
+TEST_F(LabelCommandsTest, SetRemovesADscpWhenTheNewOneIsOutOfRange) {
     declare("label 5 up_out_dscp_v4 46 down_out_dscp_v6 7" + upstream);
     EXPECT_TRUE(set("label 5 up_out_dscp_v4 64").succeeded);
     const FlowDesc flow = recordOf(5);
@@ -131,7 +131,7 @@ TEST_F(LabelCommandsTest, SetRemovesTheLabelsEndpoint) {
                                                          PollCtlMsg{EPOLL_CTL_DEL, 0, readSocket}));
 }
 
-TEST_F(LabelCommandsTest, SetRegistersAPrefixOnce) {
+TEST_F(LabelCommandsTest, SetRegistersAPrefixForItsFirstOwnerOnly) {
     declare("label 5 up_aux_flow_label 0xab000000 down_aux_flow_label_prefix 0x12" + upstream);
     const Outcome second =
         set("label 6 up_aux_flow_label 0xcd000000 down_aux_flow_label_prefix 0x12" + upstream);
@@ -142,7 +142,7 @@ TEST_F(LabelCommandsTest, SetRegistersAPrefixOnce) {
     EXPECT_EQ(recordOf(0x120034).up.label, 0xab000034U);
 }
 
-TEST_F(LabelCommandsTest, SetOfTheOwnerRegistersItsPrefixAgainWithoutAWarning) {
+TEST_F(LabelCommandsTest, SetByTheOwnerRegistersItsPrefixAgainWithoutAWarning) {
     declare("label 5 up_aux_flow_label 0xab000000 down_aux_flow_label_prefix 0x12" + upstream);
     EXPECT_EQ(set("label 5 up_label 3").printed, "");
     EXPECT_EQ(recordOf(0x120034).up.label, 0xab000034U);
@@ -162,10 +162,10 @@ TEST_F(LabelCommandsTest, SetPropagatesAResolverFailure) {
     EXPECT_FALSE(isDeclared(5));
 }
 
-TEST_F(LabelCommandsTest, SetLeavesTheLabelUnchangedIfTheMergedAddressFails) {
+TEST_F(LabelCommandsTest, UnresolvableMergeLeavesTheLabelUnchanged) {
     declare("label 5" + upstream);
     EXPECT_THROW(set("label 5 up_ip fe80::1::2"), std::runtime_error);
-    // The lock is free again, or this would wait for ever.
+    // This would block for ever if the lock were still held.
     EXPECT_EQ(recordOf(5).up.addrInfo.host(), "127.0.0.1");
 }
 
@@ -183,7 +183,7 @@ TEST_F(LabelCommandsTest, DelOfAnUnknownLabelIsNoError) {
     EXPECT_EQ(outcome.printed, "");
 }
 
-TEST_F(LabelCommandsTest, DelTakesFurtherValidAttributesWithoutEffect) {
+TEST_F(LabelCommandsTest, DelIgnoresFurtherValidAttributes) {
     declare("label 5" + upstream);
     declare("label 7 up_label 1" + upstream);
     EXPECT_TRUE(del("label 5 up_label 7 up_ip 127.0.0.1").succeeded);
@@ -191,7 +191,7 @@ TEST_F(LabelCommandsTest, DelTakesFurtherValidAttributesWithoutEffect) {
     EXPECT_EQ(recordOf(7).up.label, 1U);
 }
 
-TEST_F(LabelCommandsTest, DelRefusesABadAttribute) {
+TEST_F(LabelCommandsTest, DelRefusesAnUnknownAttribute) {
     declare("label 5" + upstream);
     const Outcome outcome = del("label 5 bogus 1");
     EXPECT_FALSE(outcome.succeeded);
@@ -201,7 +201,7 @@ TEST_F(LabelCommandsTest, DelRefusesABadAttribute) {
     EXPECT_TRUE(isDeclared(5));
 }
 
-TEST_F(LabelCommandsTest, DelNamesTheLabelThatWasReadBeforeTheFailure) {
+TEST_F(LabelCommandsTest, DelReportsTheLabelReadBeforeTheFailure) {
     EXPECT_EQ(del("label 5 zeta 1").printed,
               "error Vesk_setFlowDescLabelAttrs: Invalid Attr,  name 'zeta' unrecognized\n"
               "error label 5\n");

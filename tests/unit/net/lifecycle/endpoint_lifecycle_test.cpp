@@ -44,7 +44,7 @@ TEST_F(EndpointLifecycleTest, DeleterAsksThePollLoopToCloseBothSockets) {
                                                 PollCtlMsg{EPOLL_CTL_DEL, 0, readSocket}));
 }
 
-TEST_F(EndpointLifecycleTest, DeleterClosesTheSocketsIfThePollLoopCannotBeAsked) {
+TEST_F(EndpointLifecycleTest, DeleterClosesTheSocketsWhenAskingThePollLoopFails) {
     const int readSocket = endpoint->rdsockfd;
     const int writeSocket = endpoint->wrsockfd;
     manager().deleteEndpoint(0xab12);
@@ -53,7 +53,7 @@ TEST_F(EndpointLifecycleTest, DeleterClosesTheSocketsIfThePollLoopCannotBeAsked)
         "error pollLoop_del_fdError writing a control message to poll socket: bytes: -1 Error: "
         "Bad file descriptor\n";
     const std::string number = std::to_string(writeSocket);
-    // Both lines show the write descriptor.
+    // Both lines print the write descriptor.
     EXPECT_EQ(printedBy([this] { endpoint.reset(); }),
               failure + "error endpointSocketDestructor: Failed to del wrsockfd " + number +
                   " error: Bad file descriptor\n" + failure +
@@ -97,7 +97,7 @@ struct NetworkError {
 class PassingErrorTest : public EndpointLifecycleTest,
                          public testing::WithParamInterface<NetworkError> {};
 
-TEST_P(PassingErrorTest, IsWarnedOfAndKeepsTheEndpoint) {
+TEST_P(PassingErrorTest, LogsAWarningAndKeepsTheEndpoint) {
     const auto [error, text] = GetParam();
     EXPECT_EQ(printedBy([&] {
                   EXPECT_EQ(
@@ -119,7 +119,7 @@ INSTANTIATE_TEST_SUITE_P(Errors, PassingErrorTest,
 class FatalErrorTest : public EndpointLifecycleTest,
                        public testing::WithParamInterface<NetworkError> {};
 
-TEST_P(FatalErrorTest, IsReportedAndDeletesTheEndpoint) {
+TEST_P(FatalErrorTest, LogsAnErrorAndDeletesTheEndpoint) {
     const auto [error, text] = GetParam();
     EXPECT_EQ(printedBy([&] {
                   EXPECT_EQ(reportUpstreamNetworkError(*endpoint, "UP_RECEIVE:", error, *context),
@@ -149,14 +149,14 @@ TEST_F(EndpointLifecycleTest, FailureKeepsTheRecordOfAnAuxiliaryFlow) {
     EXPECT_EQ(createEndpoint(0x120034)->flow.up.label, 0xab0034U);
 }
 
-TEST_F(EndpointLifecycleTest, FailureOfAnOldEndpointLeavesItsSuccessor) {
+TEST_F(EndpointLifecycleTest, FailureOfAnOldEndpointKeepsItsSuccessor) {
     manager().deleteEndpoint(*endpoint);
     const EndpointPtr successor = createEndpoint(0xab12);
     printedBy([&] { reportUpstreamNetworkError(*endpoint, "UP_RECEIVE:", EINVAL, *context); });
     EXPECT_EQ(manager().findEndpointByLabel(0xab12), successor);
 }
 
-TEST_F(EndpointLifecycleTest, FailureIsHandledAtEveryLogLevel) {
+TEST_F(EndpointLifecycleTest, FailureDeletesTheEndpointAtEveryLogLevel) {
     const AtLogLevel level("error");
     EXPECT_EQ(printedBy([this] {
                   reportUpstreamNetworkError(*endpoint, "UP_RECEIVE:", ENOBUFS, *context);

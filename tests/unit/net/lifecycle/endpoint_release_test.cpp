@@ -40,14 +40,14 @@ class EndpointReleaseTest : public ForwarderTest {
         releaseEndpoints(std::move(endpoints), context);
     }
 
-    /// A poll loop that is not started: the test carries its deletions out.
+    /// A poll loop that is not started: the test executes its deletions.
     void makePollLoop() {
         context->pollThread = std::make_shared<PollThreadParam>(
             context->serverPollSock.get(), context->receiveWorkers, context->sendWorkers);
     }
 };
 
-/// What the poll loop is asked for when the endpoint goes.
+/// The requests to the poll loop when the endpoint is released.
 std::vector<PollCtlMsg> deletionsOf(const VeskEndpointDescriptor& endpoint) {
     return {{EPOLL_CTL_DEL, 0, endpoint.wrsockfd}, {EPOLL_CTL_DEL, 0, endpoint.rdsockfd}};
 }
@@ -102,7 +102,7 @@ TEST_F(EndpointReleaseTest, LeavesAHeldEndpointToItsHolder) {
     EXPECT_EQ(takePollRequests(), expected);
 }
 
-TEST_F(EndpointReleaseTest, ClosesTheSocketsIfThePollLoopCannotBeAsked) {
+TEST_F(EndpointReleaseTest, ClosesTheSocketsWhenAskingThePollLoopFails) {
     std::vector<EndpointPtr> endpoints = removedEndpoints(2);
     const std::vector<PollCtlMsg> sockets = deletionsOf(endpoints);
     const std::string failure =
@@ -110,7 +110,7 @@ TEST_F(EndpointReleaseTest, ClosesTheSocketsIfThePollLoopCannotBeAsked) {
         "Bad file descriptor\n";
     std::string lines;
     for (const EndpointPtr& endpoint : endpoints) {
-        // Both lines show the write descriptor.
+        // Both lines print the write descriptor.
         for (const char* const which : {"wrsockfd ", "rdsockfd "}) {
             lines += failure + "error endpointSocketDestructor: Failed to del " + which +
                      std::to_string(endpoint->wrsockfd) + " error: Bad file descriptor\n";
@@ -135,7 +135,7 @@ TEST_F(EndpointReleaseTest, ClosesAtOnceWhenThePollLoopHasEnded) {
     }
 }
 
-TEST_F(EndpointReleaseTest, WaitsForThePollLoop) {
+TEST_F(EndpointReleaseTest, WaitsForThePollLoopBetweenRows) {
     makePollLoop();
     std::vector<EndpointPtr> endpoints = removedEndpoints(200);
     std::atomic<bool> done{false};
@@ -171,13 +171,13 @@ TEST_F(EndpointReleaseTest, EndsWhenThePollLoopEnds) {
     }
 }
 
-TEST_F(EndpointReleaseTest, DoesNotWaitForDeletionsThatWereNotSent) {
+TEST_F(EndpointReleaseTest, DoesNotWaitForADeletionThatCouldNotBeSent) {
     makePollLoop();
     std::vector<EndpointPtr> endpoints = removedEndpoints(200);
     context->pollSocket.reset();
     const auto began = std::chrono::steady_clock::now();
     printedBy([&] { release(std::move(endpoints)); });
-    // Each row would wait for a second.
+    // A wait would take one second for each row.
     EXPECT_LT(std::chrono::steady_clock::now() - began, std::chrono::seconds(5));
 }
 
