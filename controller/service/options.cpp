@@ -8,6 +8,46 @@
 
 namespace vesk::controller {
 
+namespace {
+
+/// The words of the command line that `Options` does not hold as they are.
+struct Words {
+    std::string file;
+    std::string newKeyFile;
+    const CLI::Option* newKey = nullptr;
+};
+
+void declareOptions(CLI::App& app, Options& options, Words& words) {
+    // Not marked as required, so that a wrong option is reported first.
+    app.add_option("FILE", words.file, "configuration file, in TOML");
+    app.add_flag("--check", options.check,
+                 "check the file, print the commands that would be sent, and exit");
+    app.add_flag("--allow-readable-keys", options.allowReadableKeys,
+                 "accept files with keys that are readable by others");
+    app.add_option("--program", options.program, "path of the forwarder");
+    words.newKey =
+        app.add_option("--new-key", words.newKeyFile,
+                       "print a new random key, or write it to a new file with mode 600, and exit")
+            ->expected(0, 1)
+            ->option_text("[FILE]");
+    app.set_version_flag("--version", "vesk-controller " VESK_VERSION);
+}
+
+/// Throws a CLI::ParseError for a combination that makes no sense.
+void checkCombination(const Options& options, const Words& words) {
+    if (options.newKey && !words.file.empty()) {
+        throw CLI::ValidationError("--new-key cannot be used with a configuration file");
+    }
+    if (options.program && options.program->empty()) {
+        throw CLI::ValidationError("--program", "must be a path");
+    }
+    if (!options.newKey && words.file.empty()) {
+        throw CLI::RequiredError("FILE");
+    }
+}
+
+}  // namespace
+
 std::variant<Options, int> parseOptions(int argumentCount, char** arguments) {
     CLI::App app(
         "Runs the UDP forwarder vesk with the flows of a configuration file, restarts it if it "
@@ -15,33 +55,12 @@ std::variant<Options, int> parseOptions(int argumentCount, char** arguments) {
         "exit.",
         "vesk-controller");
     Options options;
-    std::string file;
-    // Not marked as required, so that a wrong option is reported first.
-    app.add_option("FILE", file, "configuration file, in TOML");
-    app.add_flag("--check", options.check,
-                 "check the file, print the commands that would be sent, and exit");
-    app.add_flag("--allow-readable-keys", options.allowReadableKeys,
-                 "accept files with keys that are readable by others");
-    app.add_option("--program", options.program, "path of the forwarder");
-    std::string newKeyFile;
-    const CLI::Option* const newKey =
-        app.add_option("--new-key", newKeyFile,
-                       "print a new random key, or write it to a new file with mode 600, and exit")
-            ->expected(0, 1)
-            ->option_text("[FILE]");
-    app.set_version_flag("--version", "vesk-controller " VESK_VERSION);
+    Words words;
+    declareOptions(app, options, words);
     try {
         app.parse(argumentCount, arguments);
-        options.newKey = newKey->count() > 0;
-        if (options.newKey && !file.empty()) {
-            throw CLI::ValidationError("--new-key cannot be used with a configuration file");
-        }
-        if (options.program && options.program->empty()) {
-            throw CLI::ValidationError("--program", "must be a path");
-        }
-        if (!options.newKey && file.empty()) {
-            throw CLI::RequiredError("FILE");
-        }
+        options.newKey = words.newKey->count() > 0;
+        checkCombination(options, words);
     } catch (const CLI::ParseError& error) {
         // The message repeats arguments, and one of them may be a key that was entered as a path.
         std::ostringstream complaint;
@@ -49,8 +68,8 @@ std::variant<Options, int> parseOptions(int argumentCount, char** arguments) {
         std::cerr << maskKeyDigits(complaint.str());
         return status == 0 ? exit_status::success : exit_status::badUsage;
     }
-    options.file = file;
-    options.newKeyFile = newKeyFile;
+    options.file = words.file;
+    options.newKeyFile = words.newKeyFile;
     return options;
 }
 

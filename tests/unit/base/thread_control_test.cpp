@@ -199,9 +199,9 @@ struct ThreadLeftRunning {
         ThreadMark mark;
     };
 
-    ThreadLeftRunning() {
-        auto used = std::make_shared<Used>();
-        watched = used;
+    ThreadLeftRunning() : ThreadLeftRunning(std::make_shared<Used>()) {}
+
+    explicit ThreadLeftRunning(std::shared_ptr<Used> used) : watched(used) {
         const Used& seen = *used;
         thread.emplace();
         EXPECT_EQ(thread->start([used = std::move(used)] {

@@ -24,7 +24,7 @@ class Ipv4SourceTest : public UpstreamTest {
         localDestination = asked;
         arrive(framed(label, toBytes("request")));
         EXPECT_TRUE(upstream.receive().has_value());
-        reply(framed(label, payload, inKey));
+        reply(framed(label, replyPayload, inKey));
         serveFlow(true);
         EXPECT_TRUE(peer.receive().has_value());
         return IPAddrInfo(peer.sender().get(), peer.sender().length).host();
@@ -75,7 +75,7 @@ TEST_F(Ipv4SourceTest, ReplyFromAMissingAddressDeletesTheEndpoint) {
     localDestination = localAddress("192.0.2.1");
     arrive(framed(label, toBytes("request")));
     EXPECT_TRUE(upstream.receive().has_value());
-    reply(framed(label, payload, inKey));
+    reply(framed(label, replyPayload, inKey));
     const Served served = serve(flow->rdsockfd);
     EXPECT_THAT(served.printed,
                 testing::StartsWith("error UP_TO_DOWN_SEND: network error on upstream endpoint of "

@@ -55,7 +55,7 @@ TEST_F(UpstreamArmingTest, ArmsASocketAgainAfterAnIcmpError) {
 
 TEST_F(UpstreamArmingTest, WaitsForTheCreatorOfAnEndpointThatIsNotPrepared) {
     flow->prepared = false;
-    reply(framed(label, payload, inKey));
+    reply(framed(label, replyPayload, inKey));
     ThreadMark mark;
     std::thread worker;
     {
@@ -86,7 +86,7 @@ TEST_F(UpstreamArmingTest, ArmsDrainedSocketsBeforeItWaitsForACreator) {
 
 TEST_F(UpstreamArmingTest, LeavesAClaimedEndpointToItsWorker) {
     flow->serving = Serving::claimed;
-    reply(framed(label, payload, inKey));
+    reply(framed(label, replyPayload, inKey));
     serveFlow(false);
     EXPECT_EQ(flow->serving.load(), Serving::moreWanted);
     EXPECT_EQ(countsOf(*flow), (Counts{.txDg = 1}));
@@ -97,7 +97,7 @@ TEST_F(UpstreamArmingTest, LeavesAClaimedEndpointToItsWorker) {
 TEST_F(UpstreamArmingTest, ReleasesItsClaimAfterEveryCall) {
     serveFlow(false);
     EXPECT_EQ(flow->serving.load(), Serving::nobody);
-    reply(framed(label, payload, inKey));
+    reply(framed(label, replyPayload, inKey));
     serveFlow(true);
     EXPECT_EQ(flow->serving.load(), Serving::nobody);
 }
@@ -133,7 +133,7 @@ TEST_F(UpstreamArmingTest, DeletesAnEndpointThatCannotBeArmed) {
 TEST_F(UpstreamArmingTest, ForwardsEveryReplyWhenTwoWorkersServeOneSocket) {
     constexpr int count = 60;
     for (int i = 0; i < count; ++i) {
-        reply(framed(label, payload, inKey));
+        reply(framed(label, replyPayload, inKey));
     }
     const auto work = [this] {
         UpstreamReceiver mine(context);
@@ -150,7 +150,7 @@ TEST_F(UpstreamArmingTest, ForwardsEveryReplyWhenTwoWorkersServeOneSocket) {
               }),
               "");
     for (int i = 0; i < count; ++i) {
-        ASSERT_EQ(peer.receive(), framed(0x2222, payload, outKey));
+        ASSERT_EQ(peer.receive(), framed(0x2222, replyPayload, outKey));
     }
     EXPECT_EQ(countsOf(*flow), (Counts{.rxDg = count, .txDg = 1, .dnTxDg = count}));
     EXPECT_EQ(flow->serving.load(), Serving::nobody);
@@ -215,7 +215,7 @@ TEST_F(UpstreamArmingTest, DeletesTheEndpointAfterThePollLoopFailed) {
 }
 
 TEST_F(UpstreamArmingTest, ReleasesItsEndpointsBeforeLinesAreWritten) {
-    reply(framed(label, payload, inKey));
+    reply(framed(label, replyPayload, inKey));
     serveFlow(true);
     const int socket = flow->rdsockfd;
     manager().deleteEndpoint(label);
@@ -232,7 +232,7 @@ TEST_F(UpstreamArmingTest, ReleasesItsEndpointsBeforeLinesAreWritten) {
 }
 
 TEST_F(UpstreamArmingTest, DropsADescriptorNumberOfAnEarlierSocket) {
-    reply(framed(label, payload, inKey));
+    reply(framed(label, replyPayload, inKey));
     serveFlow(true);
     const int socket = flow->rdsockfd;
     // The number is reused while the worker still has it.

@@ -73,7 +73,7 @@ class UpstreamTest : public DatapathTest {
     static constexpr std::uint32_t label = 0x5a;
     const TestKey inKey{"sha256", {1, 2, 3}};
     const TestKey outKey{"sha1", {4, 5}};
-    const Bytes payload = toBytes("reply");
+    const Bytes replyPayload = toBytes("reply");
 
     std::unique_ptr<UpstreamReceiver> receiver;
     EndpointPtr flow;

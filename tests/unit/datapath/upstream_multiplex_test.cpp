@@ -32,16 +32,16 @@ class MultiplexedUpstreamTest : public UpstreamTest {
 };
 
 TEST_F(MultiplexedUpstreamTest, ReturnsAReplyToTheFlowOfItsLabel) {
-    reply(framed(otherLabel, payload, otherKey));
+    reply(framed(otherLabel, replyPayload, otherKey));
     serveFlow(true);
-    EXPECT_EQ(otherPeer.receive(), framed(0x2222, payload));
+    EXPECT_EQ(otherPeer.receive(), framed(0x2222, replyPayload));
     EXPECT_TRUE(peer.empty());
     EXPECT_EQ(countsOf(*flow), (Counts{.rxDg = 1, .txDg = 1}));
     EXPECT_EQ(countsOf(*other), (Counts{.txDg = 1, .dnTxDg = 1}));
 }
 
 TEST_F(MultiplexedUpstreamTest, CountsAForgedReplyOnTheFlowOfItsLabel) {
-    reply(framed(otherLabel, payload));
+    reply(framed(otherLabel, replyPayload));
     serveFlow(true);
     EXPECT_TRUE(otherPeer.empty());
     EXPECT_EQ(countsOf(*flow), (Counts{.rxDg = 1, .txDg = 1}));
@@ -50,7 +50,7 @@ TEST_F(MultiplexedUpstreamTest, CountsAForgedReplyOnTheFlowOfItsLabel) {
 
 TEST_F(MultiplexedUpstreamTest, CountsAnUnknownLabelOnTheReceivingEndpoint) {
     for (const std::uint32_t unknown : {0x888U, 0U}) {
-        reply(framed(unknown, payload));
+        reply(framed(unknown, replyPayload));
         serveFlow(true);
     }
     EXPECT_EQ(countsOf(*flow), (Counts{.rxDg = 2, .txDg = 1, .rxDgError = 2}));
@@ -70,7 +70,7 @@ class MultiplexedSiblingTest : public MultiplexedUpstreamTest {
     }
     void expectReplyDropped() {
         const LocalAddress localBefore = upstreamLocalOf(*other);
-        reply(framed(otherLabel, payload, otherKey));
+        reply(framed(otherLabel, replyPayload, otherKey));
         serveFlow(true);
         EXPECT_TRUE(otherPeer.empty());
         EXPECT_EQ(countsOf(*other), (Counts{.dnTxDgDropped = 1}));
@@ -95,7 +95,7 @@ TEST_F(MultiplexedSiblingTest, DropsAReplyBeforeTheFirstRequest) {
 
 TEST_F(MultiplexedSiblingTest, CountsAForgedReplyBeforeTheFirstRequestAsAnError) {
     other->prepared = true;
-    reply(framed(otherLabel, payload));
+    reply(framed(otherLabel, replyPayload));
     serveFlow(true);
     EXPECT_EQ(countsOf(*other), (Counts{.rxDgError = 1}));
 }

@@ -20,10 +20,10 @@ INSTANTIATE_TEST_SUITE_P(Udp, UpstreamBothVersionsTest, testing::Values(1, 2),
                          [](const auto& row) { return "v" + std::to_string(row.param); });
 
 TEST_P(UpstreamBothVersionsTest, RelabelsSignsAndSendsToTheLastSender) {
-    reply(framed(label, payload, inKey));
+    reply(framed(label, replyPayload, inKey));
     flow->idle = true;
     serveFlow(true);
-    EXPECT_EQ(peer.receive(), framed(0x2222, payload, outKey));
+    EXPECT_EQ(peer.receive(), framed(0x2222, replyPayload, outKey));
     EXPECT_EQ(peer.sender(), downstreamSocket.address());
     EXPECT_EQ(countsOf(*flow), (Counts{.rxDg = 1, .txDg = 1, .dnTxDg = 1}));
     EXPECT_EQ(countsOf(*downstream), Counts());
@@ -31,8 +31,8 @@ TEST_P(UpstreamBothVersionsTest, RelabelsSignsAndSendsToTheLastSender) {
 }
 
 TEST_P(UpstreamBothVersionsTest, DropsAForgedReplySilently) {
-    reply(framed(label, payload, outKey));
-    reply(framed(label, payload));
+    reply(framed(label, replyPayload, outKey));
+    reply(framed(label, replyPayload));
     serveFlow(true);
     serveFlow(true);
     EXPECT_EQ(countsOf(*flow), (Counts{.rxDg = 2, .txDg = 1, .rxDgError = 2}));
@@ -49,21 +49,21 @@ TEST_P(UpstreamBothVersionsTest, CountsAnInvalidDatagram) {
 TEST_F(UpstreamTest, ForwardsToTheSenderOfTheNewestDatagram) {
     UdpSocket newer;
     arriveFrom(newer, framed(label, toBytes("request")));
-    reply(framed(label, payload, inKey));
+    reply(framed(label, replyPayload, inKey));
     serveFlow(true);
     EXPECT_TRUE(newer.receive().has_value());
     EXPECT_TRUE(peer.empty());
 }
 
 TEST_F(UpstreamTest, CountsADifferentLabelAndForwardsTheReply) {
-    reply(framed(0x999, payload, inKey));
+    reply(framed(0x999, replyPayload, inKey));
     serveFlow(true);
-    EXPECT_EQ(peer.receive(), framed(0x2222, payload, outKey));
+    EXPECT_EQ(peer.receive(), framed(0x2222, replyPayload, outKey));
     EXPECT_EQ(countsOf(*flow), (Counts{.rxDg = 1, .txDg = 1, .rxDgError = 1, .dnTxDg = 1}));
 }
 
 TEST_F(UpstreamTest, DoesNotCountAMissingLabel) {
-    reply(framed(0, payload, inKey));
+    reply(framed(0, replyPayload, inKey));
     serveFlow(true);
     EXPECT_TRUE(peer.receive().has_value());
     EXPECT_EQ(countsOf(*flow), (Counts{.rxDg = 1, .txDg = 1, .dnTxDg = 1}));
@@ -74,14 +74,14 @@ TEST_F(UpstreamTest, DropsAReplyThatCannotBeSigned) {
     scratch.down.outHmac.digest = []() -> const EVP_MD* { return nullptr; };
     open(keyWords("down_out", outKey));
     flow->flow.down.outHmac.copyAlgorithmFrom(scratch.down.outHmac);
-    reply(framed(label, payload));
+    reply(framed(label, replyPayload));
     serveFlow(true);
     EXPECT_EQ(countsOf(*flow), (Counts{.rxDg = 1, .txDg = 1, .dnTxDgDropped = 1}));
     EXPECT_TRUE(peer.empty());
 }
 
 TEST_F(UpstreamTest, StoresTheAddressAtWhichRepliesArrive) {
-    reply(framed(label, payload, inKey));
+    reply(framed(label, replyPayload, inKey));
     serveFlow(true);
     const ReadLock lock(flow->routeLock);
     EXPECT_EQ(flow->upstreamLocal,
@@ -90,7 +90,7 @@ TEST_F(UpstreamTest, StoresTheAddressAtWhichRepliesArrive) {
 
 TEST_F(UpstreamTest, DropsAReplyAfterStop) {
     context->downstreamEndpoint.withdraw();
-    reply(framed(label, payload, inKey));
+    reply(framed(label, replyPayload, inKey));
     serveFlow(true);
     EXPECT_EQ(countsOf(*flow), (Counts{.rxDg = 1, .txDg = 1, .dnTxDgDropped = 1}));
 }
@@ -100,7 +100,7 @@ TEST_F(UpstreamTest, DropsAReplyForAFlowThatNoPeerHasUsed) {
         const WriteLock lock(flow->routeLock);
         flow->route = {};
     }
-    reply(framed(label, payload, inKey));
+    reply(framed(label, replyPayload, inKey));
     serveFlow(true);
     EXPECT_EQ(countsOf(*flow), (Counts{.rxDg = 1, .txDg = 1, .dnTxDgDropped = 1}));
     EXPECT_EQ(manager().findEndpointByLabel(label), flow);
@@ -108,7 +108,7 @@ TEST_F(UpstreamTest, DropsAReplyForAFlowThatNoPeerHasUsed) {
 
 TEST_F(UpstreamTest, DoesNotCountARefusalByThePeer) {
     provokeRefusal(downstreamSocket.fd());
-    reply(framed(label, payload, inKey));
+    reply(framed(label, replyPayload, inKey));
     serveFlow(true);
     EXPECT_EQ(countsOf(*flow), (Counts{.rxDg = 1, .txDg = 1}));
     EXPECT_EQ(manager().findEndpointByLabel(label), flow);

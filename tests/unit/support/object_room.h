@@ -25,7 +25,7 @@ class Room {
 
     bool holds(const Bytes& secret) const {
         const Bytes all = contents();
-        return std::ranges::search(all, secret).begin() != all.end();
+        return !std::ranges::search(all, secret).empty();
     }
 
  private:
