@@ -49,7 +49,7 @@ std::string FenceLedger::expect(Command command) {
 }
 
 FenceReading FenceLedger::read(const LogLine& line) {
-    // The error for the fence ends in a newline of its own, so an empty line follows it.
+    // The error for the fence itself ends in a newline, so an empty line follows it.
     if (std::exchange(emptyLineFollows_, false) && line.level == LogLevel::none &&
         line.text.empty()) {
         return {true, std::nullopt};

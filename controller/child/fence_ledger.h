@@ -1,6 +1,6 @@
 // Finds the command that a log line is about. The forwarder does not answer commands, but it
 // carries them out one after the other, and it logs an error for an unknown command word. So each
-// command is followed by an unknown word of its own, the fence. What the main thread logs before
+// command is followed by a different unknown word, the fence. What the main thread logs before
 // the error for the fence is about the command before it. Fences have no other effect.
 //
 // Called by child/forwarder_session with each command it sends, and by child/output_interpreter

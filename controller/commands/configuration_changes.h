@@ -27,7 +27,7 @@ struct ConfigurationChanges {
     Configuration after;
 };
 
-/// `running` is what the forwarder was told; `refusals` are the parts of it that it refused.
+/// `running` is what was sent to the forwarder; `refusals` are the parts of it that it refused.
 ConfigurationChanges changesBetween(const Configuration& running, const Configuration& wanted,
                                     const Refusals& refusals);
 

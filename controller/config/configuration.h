@@ -99,7 +99,7 @@ struct Configuration {
     std::optional<Lateral> lateral;
     SupervisionSettings supervision;
     MetricsSettings metrics;
-    std::map<std::uint32_t, Flow> flows;  ///< by label; the forwarder does not know names
+    std::map<std::uint32_t, Flow> flows;  ///< by label; names are not sent to the forwarder
 };
 
 }  // namespace vesk::controller

@@ -35,7 +35,7 @@ class Findings {
 
     bool any() const { return count_ != 0; }
 
-    /// "1 flow has" or "7 flows have", of "flow has" and "flows have".
+    /// "1 flow has" or "7 flows have", from "flow has" and "flows have".
     std::string counted(const char* one, const char* several) const {
         return std::to_string(count_) + " " + (count_ == 1 ? one : several);
     }

@@ -1,5 +1,5 @@
-// Reads the kernel's figures in a thread of its own, because a reading with thousands of sockets
-// takes a good part of a second and the controller's loop must not wait that long. Called by
+// Reads the kernel's figures in a separate thread, because a reading with thousands of sockets
+// takes tenths of a second and the controller's loop must not wait that long. Called by
 // service/supervisor, from its one thread.
 #pragma once
 

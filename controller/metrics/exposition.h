@@ -28,7 +28,7 @@ enum class ReloadOutcome {
 enum class Stage {
     settingUp,  ///< outcomes of commands to the child are outstanding
     settled,    ///< each flow of the file was accepted, or refused by name
-    draining,   ///< the controller was told to end
+    draining,   ///< the controller is shutting down
 };
 
 inline constexpr std::size_t reloadOutcomes = 3;

@@ -2,11 +2,12 @@
 // it every line that the child writes. Lines of a report are kept out of the controller's log, and
 // each complete report goes to the metrics.
 //
-// A report consists of seven messages at info level. Each is written in one piece and ends in a
-// newline of its own, so an empty line follows it. Messages of other threads may come in between:
+// A report consists of seven messages at info level. Each is written in one piece and itself
+// ends in a newline, so an empty line follows it. Messages of other threads may come in between:
 //
-//     info                                         (with its blank: the message begins with a
-//     newline) Poll stats: ActiveEvtNr:1 RdReadyNr:1 WrReadyNr:0 ErrorNr:0
+//     info                  ("info" and a blank only: the message begins with a newline)
+//     Poll stats:
+//     ActiveEvtNr:1 RdReadyNr:1 WrReadyNr:0 ErrorNr:0
 //
 //     info Upstream Stats:
 //     Label:65537,RxDg:1,TxDg:1,RxDgError0,TxDgDropped0,DnTxDg:1,DnTxDgDropped:0

@@ -1,5 +1,5 @@
-// What the running forwarder has been told and has accepted. Called by service/supervisor, which
-// sends the resulting commands and reports their outcomes back.
+// What was sent to the running forwarder, and what it has accepted. Called by service/supervisor,
+// which sends the resulting commands and reports their outcomes back.
 #pragma once
 
 #include <cstddef>
@@ -27,7 +27,7 @@ class Deployment {
     /// Records the outcome of a command.
     void note(const Outcome& outcome);
 
-    /// What the forwarder was told; refusals() says which parts it refused.
+    /// What was sent to the forwarder; refusals() has the parts that it refused.
     const Configuration& running() const { return running_; }
 
     /// The level at which the forwarder logs.
@@ -39,8 +39,8 @@ class Deployment {
 
     /// Whether the forwarder, or the last one if none runs, listens for peers.
     bool listening() const { return listeningOn_.has_value(); }
-    /// The address on which it listens. During a move this may differ from the address it was last
-    /// told.
+    /// The address on which it listens. During a move this may differ from the address that was
+    /// last sent to it.
     const std::optional<HostPort>& listeningOn() const { return listeningOn_; }
     /// Whether it listens for other instances; none if no lateral stream is configured.
     std::optional<bool> lateralListening() const;

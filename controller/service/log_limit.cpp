@@ -76,7 +76,7 @@ LogLimit::Verdict LogLimit::take(const LogLine& line, Clock::time_point now) {
     Kind* kind = find(named);
     const bool spent = kind != nullptr && !kind->budget.has(now);
     // A label that has used up its own budget does not use the common budget of all labels. New
-    // kinds are not stored while that is used up, to save memory.
+    // kinds are not stored while the common budget is used up, to save memory.
     if (!spent && named.namesLabel && !labelLines_.has(now)) {
         leaveOut(labelLinesLeftOut_, line, false, now);
         return {};

@@ -123,8 +123,8 @@ void Supervisor::handleSignal(int number) {
             endStatus_ = session_->reap();
         }
     } else if (number == SIGUSR1 || number == SIGUSR2) {
-        // Some services rotate their logs on one of these signals. Unhandled, it would end this
-        // one.
+        // Some services rotate their logs on one of these signals. Unhandled, it would end
+        // the controller.
         log_.say(LogLevel::warn,
                  std::string("SIG") + sigabbrev_np(number) +
                      " is ignored: SIGHUP reloads the file, SIGTERM ends the controller");

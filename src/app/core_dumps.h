@@ -4,8 +4,8 @@
 
 namespace vesk {
 
-/// Removes the limit, or else raises it to the hard limit. The result is logged; on failure the
-/// process starts all the same.
+/// Removes the limit or, if that fails, raises it to the hard limit. The result is logged; a
+/// failure does not prevent the start.
 void allowCoreDumps();
 
 }  // namespace vesk

@@ -20,8 +20,7 @@ void stopReceiving(ForwarderContext& context) {
     context.lateral.thread.stop();
 }
 
-/// Stops the poll thread. Returns the result of that, which replaces `status`; `status` if there
-/// was no thread to stop.
+/// Stops the poll thread. Returns the result, or `status` if there was no thread to stop.
 int stopPollThread(ForwarderContext& context, int status) {
     if (!context.pollThread || !context.pollThread->thread.started()) {
         return status;

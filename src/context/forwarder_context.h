@@ -49,7 +49,7 @@ struct ForwarderContext : std::enable_shared_from_this<ForwarderContext> {
     UniqueFd serverPollSock;
     std::shared_ptr<PollThreadParam> pollThread;
     PollParams receiveWorkers;
-    // Kept: reported as send workers, of which there are none.
+    // Kept: always empty; the report has a section for send workers.
     PollParams sendWorkers;
     std::shared_ptr<PeriodicTask> cleanUpTask;
 
@@ -66,8 +66,8 @@ struct ForwarderContext : std::enable_shared_from_this<ForwarderContext> {
 
     // Taken by the receive threads and the workers.
 
-    /// Held from the look-up of a label's endpoint until the endpoint is ready for use: of two
-    /// threads that find none, one makes it, and the other finds it prepared.
+    /// Held from the look-up of a label's endpoint until the endpoint is ready for use: if
+    /// two threads need the same endpoint, one makes it and the other finds it ready.
     Mutex endpointCreation;
 
     // Used by the main thread only. There are several listeners if "start" was sent twice without

@@ -21,8 +21,8 @@ namespace vesk {
 
 namespace {
 
-/// Lets the address type resolve a peer's address, which needs a port. Datagrams go to the stream's
-/// port instead.
+/// A peer's address cannot be resolved without a port. Datagrams are sent to the stream's port
+/// instead.
 constexpr std::uint32_t placeholderPort = 8445;
 
 constexpr std::size_t lateralKeyLength = 16;

@@ -3,8 +3,8 @@
 //
 // The request to the poll thread is the most expensive step of a reply. Sockets are therefore
 // collected and requested together: at the end of a pass, or earlier if they fill a row of the
-// message channel. Their endpoints are held meanwhile, so that no socket is closed, and its number
-// reused, before the poll thread is asked.
+// message channel. Their endpoints are held meanwhile, so that no socket is closed and no number
+// reused before the poll thread is asked.
 #pragma once
 
 #include <chrono>

@@ -46,8 +46,8 @@ bool addressToUpstream(OutgoingMessage& message, const ReceivedDatagram& datagra
     return isKnownRoute(datagram, flow, lateralRuns);
 }
 
-/// Replies go to the last sender, from the address on which its datagram arrived, and by the same
-/// way.
+/// Stores the datagram's route. Replies are sent to the last sender, from the address on which its
+/// datagram arrived, and over the lateral stream if the datagram came over it.
 void rememberRoute(const ReceivedDatagram& datagram, VeskEndpointDescriptor& flow,
                    bool lateralRuns) {
     const WriteLock lock(flow.routeLock);

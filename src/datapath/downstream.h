@@ -1,4 +1,4 @@
-// The way towards upstream: a peer's datagram is checked, relabelled, signed and sent from the
+// Forwards datagrams upstream: a peer's datagram is checked, relabelled, signed and sent from the
 // flow's own socket, or handed to the instance that owns its label. Runs on the downstream and the
 // lateral receive thread.
 #pragma once

@@ -14,8 +14,8 @@ namespace vesk {
 namespace {
 
 /// Addresses the message to the flow's last sender, if there is one, and sets `returnPath` to that
-/// sender's, which is empty if the sender is reached directly. Returns whether `localDestination`
-/// is already the source address of datagrams sent upstream.
+/// sender's return path, which is empty if the sender is reached directly. Returns whether
+/// `localDestination` is already the source address of datagrams sent upstream.
 bool addressToLastSender(OutgoingMessage& message, ReturnPath& returnPath,
                          const LocalAddress& localDestination, VeskEndpointDescriptor& flow) {
     const ReadLock lock(flow.routeLock);

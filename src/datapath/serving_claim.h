@@ -21,8 +21,8 @@ class ServingClaim {
 
     bool held() const { return held_; }
 
-    /// Ends the claim. True if another worker came meanwhile: the socket then has to be read once
-    /// more, so that the wake-up of that worker is not lost.
+    /// Ends the claim. True if another worker tried to claim meanwhile: the socket must then be
+    /// read once more, so that no wake-up is lost.
     bool giveBack() {
         return std::exchange(held_, false) &&
                endpoint_.serving.exchange(Serving::nobody, std::memory_order_acq_rel) ==

@@ -84,7 +84,7 @@ bool UpstreamReceiver::serveEndpoint(const EndpointPtr& endpoint) {
         replyReceived(endpoint, static_cast<std::size_t>(result.received));
         return true;
     }
-    // Ended before the socket is armed, since the next worker may then serve it at once.
+    // The claim ends before the socket is armed, since another worker may then serve it at once.
     const bool moreWanted = claim.giveBack();
     if (!isDrained(incoming_, result.error)) {
         return handleReceiveFailure(*endpoint, result.error, *context_);

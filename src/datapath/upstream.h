@@ -1,4 +1,4 @@
-// The way back: a reply from upstream is checked, relabelled, signed and sent to the flow's last
+// Returns replies: a reply from upstream is checked, relabelled, signed and sent to the flow's last
 // sender, or to the instance that forwarded that sender's datagram. Runs on the receive workers.
 #pragma once
 

@@ -17,7 +17,7 @@ namespace {
 constexpr std::string_view hexDigits = "0123456789abcdefABCDEF";
 
 /// Longer key texts are refused. The bound is odd, which has no effect: texts of odd length are
-/// refused before.
+/// refused anyway.
 constexpr std::size_t maxKeyTextLength = 2 * maxHmacKeyLength + 1;
 
 unsigned hexValue(char digit) {

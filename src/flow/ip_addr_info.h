@@ -41,8 +41,8 @@ class IPAddrInfo {
     socklen_t addrLen() const { return other_ ? other_->length : address_.length; }
 
  private:
-    /// An address that is too long for SocketAddress. Stored apart, since Vesk itself never has
-    /// one.
+    /// An address that is too long for SocketAddress. Stored separately, since Vesk itself never
+    /// has one.
     struct OtherAddress {
         sockaddr_storage storage{};
         socklen_t length = 0;

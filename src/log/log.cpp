@@ -21,7 +21,7 @@ constexpr std::array<NamedLevel, 5> namedLevels{{{"error", LogLevel::error},
                                                  {"trace", LogLevel::trace}}};
 
 /// The calling thread's innermost delay. It cannot be an argument, since a delay covers calls that
-/// do not know of it.
+/// have no parameter for it.
 thread_local LogDelay* innermostDelay = nullptr;
 
 void writeNow(std::string_view text) {

@@ -127,7 +127,7 @@ class VeskEndpointDescriptor {
 
     // Used by the workers that are woken for the read socket, several at once.
 
-    /// Whether a worker serves the socket. A worker may come here with a descriptor number left
+    /// Whether a worker serves the socket. A worker may have a descriptor number left
     /// over from a removed endpoint while another worker serves this one.
     std::atomic<Serving> serving{Serving::nobody};
     /// How often the read socket was armed again. Two workers may find the socket drained; the

@@ -33,7 +33,7 @@ class EndpointCache {
     const EndpointPtr& findByLabel(std::uint32_t label);
 
     /// Releases the descriptor's endpoint, once the worker has finished with the descriptor. The
-    /// functions below release those looked up by label, and all.
+    /// functions below release the endpoints looked up by label, and all endpoints.
     void letGoOfFd(int fd);
     void letGoOfLabels();
     void letGo();

@@ -29,8 +29,9 @@ EndpointPtr openEndpoint(const FlowDesc& flow, const EndpointDeleter& deleter) {
 
 }  // namespace
 
-// A function that takes something out of the tables declares it before the lock, and the delay of
-// its log lines too: destructors run in reverse order, so the lock is released first.
+// A function that takes something out of the tables declares the delay of its log lines, and the
+// object that it takes out, before the lock: destructors run in reverse order, so the lock is
+// released first.
 
 EndpointPtr EndpointManager::createEndpoint(std::uint32_t label, const EndpointDeleter& deleter) {
     const LogDelay delay;

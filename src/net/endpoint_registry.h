@@ -5,8 +5,8 @@
 // Nothing is destroyed here: what an operation takes out goes into a `TakenOut`, which the manager
 // destroys after it has released its lock.
 //
-// There is one verb for each reason to take an endpoint out. They differ in the records that are
-// removed with it. The record of an auxiliary flow is made, from its owner's, with its first
+// There is one function for each reason to take an endpoint out. They differ in the records that
+// are removed with it. The record of an auxiliary flow is made, from its owner's, with its first
 // endpoint.
 //
 //   deleteEndpoint   it failed: no record is removed

@@ -12,7 +12,7 @@ struct GiveBack {
     std::shared_ptr<WakeUp> returned;
 
     void operator()(VeskEndpointDescriptor* /*endpoint*/) {
-        // Before the post, so that the owner, once awake, holds the only reference.
+        // Released before the post, so that the owner, once awake, holds the only reference.
         endpoint.reset();
         returned->post();
     }

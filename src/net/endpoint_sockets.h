@@ -1,4 +1,4 @@
-// Makes the sockets of endpoints, and has the deleter of endpoints that the poll loop does not
+// Makes the sockets of endpoints, and defines the deleter of endpoints that the poll loop does not
 // watch. Called by "start" and "start_lateral" on the main thread, and by the endpoint manager on a
 // receive thread.
 #pragma once
@@ -18,7 +18,7 @@ struct SocketPair {
 
 /// A bound endpoint with one blocking socket; empty, after logging, on failure. The address text
 /// determines the family; the port is in host byte order. If the resolver fails, std::runtime_error
-/// is thrown; if it has no usable address, std::invalid_argument.
+/// is thrown; if it returns no usable address, std::invalid_argument.
 EndpointPtr makeEndpointSocket(const std::string& address, int port);
 /// As above; the log line names the kind of endpoint.
 EndpointPtr makeDownstreamEndpoint(const std::string& address, int port);

@@ -19,8 +19,8 @@ struct AuxPrefixEntry {
     /// The owner: it registered the prefix, and its record is the template.
     std::uint32_t baseLabel = 0;
     std::unordered_set<std::uint32_t> auxLabels;
-    /// Those of `auxLabels` whose record outlived an endpoint. It is not removed if the creation of
-    /// a later endpoint is undone.
+    /// Those of `auxLabels` whose record outlived an endpoint. Such a record is not removed if the
+    /// creation of a later endpoint is undone.
     std::unordered_set<std::uint32_t> lastingLabels;
 };
 

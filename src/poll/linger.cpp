@@ -27,7 +27,7 @@ bool SaturationGauge::windowIsOver(nanoseconds clock) const {
 void SaturationGauge::endWindow(const SpentTime& now) {
     const nanoseconds length = now.clock - start_.clock;
     // Nine tenths, since clock ticks, interrupts and kernel threads take a part of each window. A
-    // twentieth, since at saturation the poll thread, which uses least, has twice that share.
+    // twentieth, since at saturation the poll thread, which has the smallest share, has twice that.
     saturated_ = 10 * (now.process - start_.process) >= 9 * length &&
                  20 * (now.thread - start_.thread) >= length;
     start_ = now;

@@ -1,7 +1,7 @@
 // The message channel, by which all other threads ask the poll thread to change the epoll set.
 //
-// It is a pair of local datagram sockets, so records stay whole, and the kernel puts the records of
-// different threads in an order. A datagram contains one record or, if several sockets are armed or
+// It is a pair of local datagram sockets, so records stay whole, and the kernel orders the
+// records of different threads. A datagram contains one record or, if several sockets are armed or
 // deleted together, a row of records. The send buffer has room for a few hundred datagrams; if it
 // is full, a sender waits.
 #pragma once

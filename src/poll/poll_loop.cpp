@@ -19,9 +19,9 @@ void callUnlessEmpty(const ReadyCallback& callback, const std::vector<int>& fds)
 
 }  // namespace
 
-// It lingers after a single ready socket. When this thread runs again, the worker has usually
-// drained the socket and asked for it to be armed again, so the record can be taken without a wait
-// and a wake-up. With more sockets ready, a yield costs more than it gains, since requests
+// The loop yields only after a single ready socket. When this thread runs again, the worker has
+// usually drained the socket and asked for it to be armed again, so the record can be taken without
+// a wait and a wake-up. With more sockets ready, a yield costs more than it gains, since requests
 // accumulate meanwhile.
 int pollLoop(PollThreadParam& param, const ReadyCallback& onRead, const ReadyCallback& onWrite,
              const ReadyCallback& onError) {
@@ -32,7 +32,7 @@ int pollLoop(PollThreadParam& param, const ReadyCallback& onRead, const ReadyCal
     while (result == 0) {
         result = set.wait();
         if (result == 0 && param.ended.load(std::memory_order_acquire)) {
-            // The channel is retired, and would be reported readable for ever although it is empty.
+            // The channel is retired, and would be reported readable forever although it is empty.
             return 0;
         }
         if (result == 0) {
@@ -73,7 +73,8 @@ void distributeReadyFds(const std::vector<int>& fds, const PollParams& queues,
             }
             waits = std::exchange(worker.waiting, false);
         }
-        // After the lock is released; otherwise the woken worker would first have to wait for it.
+        // Posted after the lock is released; otherwise the woken worker would first have to wait
+        // for it.
         if (waits) {
             worker.wakeUp.post();
         }

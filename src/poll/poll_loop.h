@@ -1,6 +1,6 @@
 // The loop of the poll thread: it watches descriptors and hands ready ones to the queues of the
 // workers. Only this thread changes the epoll set; other threads ask it through the message
-// channel. The loop knows descriptors and callables, but no datagrams.
+// channel. The loop handles descriptors and callables, but no datagrams.
 //
 // Descriptors are armed edge-triggered and for one event. After an event a descriptor reports
 // nothing until the worker that drained it asks for it to be armed again, so one worker at a time

@@ -1,5 +1,5 @@
-// Signing and checking the HMAC field of a framed datagram, for whatever computes the digest: the
-// bench programs differ in how they drive libcrypto, and in nothing else.
+// Signs and checks the HMAC field of a framed datagram. The class that computes the digest is a
+// template parameter, since the bench programs use libcrypto in different ways.
 #pragma once
 
 #include <openssl/crypto.h>
@@ -31,14 +31,14 @@ inline constexpr std::size_t maxDigestSize = 64;
 using DigestBuffer = std::span<std::byte, maxDigestSize>;
 using HashedRanges = std::array<std::span<const std::byte>, 2>;
 
-/// digest() returns the digest's length, or 0 for a record without a key.
+/// digest() returns the digest's length, or 0 if there is no key.
 template <typename T>
 concept HmacEngine = requires(T engine, const HashedRanges& ranges, DigestBuffer out) {
     { engine.digest(ranges, out) } -> std::same_as<std::size_t>;
 };
 
-/// The plain way through libcrypto's one-call HMAC, slow and easily believed. It is what the
-/// traffic generator holds the forwarder's signatures against.
+/// Uses libcrypto's one-call HMAC, which is slow but simple. The traffic generator checks the
+/// forwarder's signatures with it.
 class OneCallHmac {
  public:
     explicit OneCallHmac(const HmacKey& key) : key_(key) {}
@@ -48,8 +48,8 @@ class OneCallHmac {
     const HmacKey& key_;
 };
 
-/// Fills `field`: digests are cut to its length or followed by zeros; without a key it is all
-/// zeros.
+/// Fills `field` with the digest, cut or padded with zeros to its length; with zeros if there is no
+/// key.
 template <HmacEngine Engine>
 void computeHmacField(Engine& engine, const HashedRanges& ranges, std::span<std::byte> field) {
     std::array<std::byte, maxDigestSize> digest;

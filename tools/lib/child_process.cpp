@@ -36,7 +36,7 @@ pid_t spawn(const std::vector<std::string>& command, int input, int output) {
     std::vector<char*> words;
     words.reserve(command.size() + 1);
     for (const std::string& word : command) {
-        words.push_back(const_cast<char*>(word.c_str()));  // posix_spawn leaves them alone
+        words.push_back(const_cast<char*>(word.c_str()));  // posix_spawn does not change them
     }
     words.push_back(nullptr);
     posix_spawn_file_actions_t actions;
@@ -56,7 +56,7 @@ pid_t spawn(const std::vector<std::string>& command, int input, int output) {
 
 ChildProcess::ChildProcess(const std::vector<std::string>& command, LogListener listener)
     : listener_(std::move(listener)) {
-    // A child that died makes writing to it fail; that is reported by finish(), not by a signal.
+    // A write to a child that has ended must fail without a signal; finish() reports the end.
     ::signal(SIGPIPE, SIG_IGN);
     Pipe input;
     Pipe output;

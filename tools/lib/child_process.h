@@ -1,5 +1,5 @@
-// A forwarding program run as a child: commands go to its standard input, its log is read and kept
-// in part.
+// Runs a forwarding program as a child process: writes commands to its standard input, reads its
+// log and keeps part of it.
 #pragma once
 
 #include <sys/types.h>
@@ -21,18 +21,18 @@ class ChildProcess {
  public:
     using LogListener = std::function<void(std::string_view line)>;
 
-    /// The listener is called for every line of the log, on a thread of its own. Throws
-    /// std::system_error when the program cannot be started.
+    /// The listener is called for every line of the log, on a separate thread. Throws
+    /// std::system_error if the program cannot be started.
     explicit ChildProcess(const std::vector<std::string>& command, LogListener listener = {});
     ChildProcess(const ChildProcess&) = delete;
     ChildProcess& operator=(const ChildProcess&) = delete;
-    ~ChildProcess();  // kills a child that finish() was not called for
+    ~ChildProcess();  // kills the child if finish() was not called
 
     pid_t pid() const { return pid_; }
     void sendLine(std::string_view line);
 
-    /// Ends the child's standard input and waits for its end, for five seconds at most. Returns the
-    /// exit status, or 128 plus the number of the signal that ended the child.
+    /// Closes the child's standard input and waits until the child ends; kills it after five
+    /// seconds. Returns the exit status, or 128 plus the number of the signal that ended the child.
     int finish();
 
     struct Log {

@@ -1,4 +1,4 @@
-// Time on the wall, in one unit everywhere.
+// The monotonic clock, in nanoseconds.
 #pragma once
 
 #include <cstdint>

@@ -5,7 +5,7 @@
 namespace vesk::bench {
 
 void SendBatch::add(std::span<const std::byte> datagram) {
-    // The kernel reads from this vector only; its type knows no const.
+    // The kernel only reads the bytes, but the type iovec has no const.
     vectors_[count_] = {const_cast<std::byte*>(datagram.data()), datagram.size()};
     msghdr& header = messages_[count_].msg_hdr;
     header = {};
@@ -24,8 +24,8 @@ void SendBatch::add(std::span<const std::byte> datagram, const sockaddr_in& dest
 
 std::size_t SendBatch::send(int fd) {
     std::size_t sent = 0;
-    // An earlier datagram's ICMP error fails the next call once; more errors than datagrams means
-    // that nothing gets through.
+    // An ICMP error for an earlier datagram makes the next call fail once. If there are more errors
+    // than datagrams, no datagram gets through.
     for (std::size_t failures = 0; sent < count_ && failures <= count_;) {
         const int result =
             ::sendmmsg(fd, &messages_[sent], static_cast<unsigned>(count_ - sent), 0);
@@ -52,7 +52,7 @@ ReceiveBatch::ReceiveBatch() : buffers_(batchSize) {
 }
 
 std::size_t ReceiveBatch::receive(int fd, int flags) {
-    // The kernel wrote the address lengths of the datagrams that it delivered, and of no others.
+    // The last call changed the address lengths only for the datagrams that it received.
     for (std::size_t i = 0; i < received_; ++i) {
         messages_[i].msg_hdr.msg_namelen = sizeof(sockaddr_in);
     }

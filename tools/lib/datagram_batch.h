@@ -1,5 +1,5 @@
-// Many datagrams per system call, so that a program at the edge of the measurement costs little
-// beside the one that is measured.
+// Sends and receives many datagrams per system call, so that the programs around the measured one
+// use little processor time.
 #pragma once
 
 #include <netinet/in.h>
@@ -16,21 +16,21 @@ namespace vesk::bench {
 
 inline constexpr std::size_t batchSize = 64;
 
-/// Collects datagrams that live elsewhere and hands them to the kernel together.
+/// Collects datagrams, which are not copied, and passes them to the kernel together.
 class SendBatch {
  public:
     SendBatch() = default;
     SendBatch(const SendBatch&) = delete;
     SendBatch& operator=(const SendBatch&) = delete;
 
-    /// Without a destination the datagram goes where the socket is connected to. The bytes must
-    /// stand until send(); the destination is copied.
+    /// Without a destination the datagram is sent to the address that the socket is connected to.
+    /// The bytes must stay valid until send(); the destination is copied.
     void add(std::span<const std::byte> datagram);
     void add(std::span<const std::byte> datagram, const sockaddr_in& destination);
 
     bool full() const { return count_ == batchSize; }
 
-    /// Sends what was added and forgets it. Returns how many datagrams the kernel took.
+    /// Sends the datagrams added and empties the batch. Returns how many the kernel accepted.
     std::size_t send(int fd);
 
  private:
@@ -46,8 +46,8 @@ class ReceiveBatch {
     ReceiveBatch(const ReceiveBatch&) = delete;
     ReceiveBatch& operator=(const ReceiveBatch&) = delete;
 
-    /// Takes what is waiting, up to batchSize datagrams. `flags` says what to do when nothing is:
-    /// MSG_DONTWAIT returns 0, MSG_WAITFORONE blocks for the first.
+    /// Receives the waiting datagrams, at most batchSize. If there is none, the call returns 0 with
+    /// the flag MSG_DONTWAIT, and waits for the first with MSG_WAITFORONE.
     std::size_t receive(int fd, int flags);
 
     std::span<std::byte> datagram(std::size_t i);

@@ -65,7 +65,7 @@ Number decimal(const std::string& text) {
     return value;
 }
 
-// The attributes of a line that begins with `command`; nothing for any other line.
+// The attributes of a line that begins with `command`; none for any other line.
 std::optional<std::map<std::string, std::string>> attributesOf(std::string_view line,
                                                                std::string_view command) {
     std::istringstream words{std::string(line)};

@@ -1,5 +1,5 @@
-// What the bench programs agree on about each flow: its labels and keys, made from a seed by the
-// traffic generator and handed to the forwarding program as command lines.
+// The labels and keys of each flow. The traffic generator makes them from a seed and passes them to
+// the forwarding program as commands.
 #pragma once
 
 #include <cstddef>
@@ -22,23 +22,23 @@ struct FlowPlan {
     HmacKey upIn;
     HmacKey upOut;
     std::uint16_t upPort = 0;
-    std::string source;  // where the forwarder sends from; empty leaves it to the forwarder
+    std::string source;  // address from which the forwarder sends; empty: it chooses
     std::uint16_t sourcePort = 0;
 };
 
-/// Each flow with a source has a port of its own, up from the first one; below those that the
-/// kernel gives out by itself.
+/// Flows with a source have consecutive ports from this one on, all below the kernel's usual
+/// ephemeral ports.
 inline constexpr std::uint16_t firstSourcePort = 10000;
 inline constexpr std::size_t mostSources = 32768 - firstSourcePort;
 
 struct FlowPlanOptions {
     std::size_t flows = 1;
     std::uint32_t labelBase = 0x10000;
-    std::vector<Algorithm> algorithms = {Algorithm::sha256};  // taken in turn by the flows
+    std::vector<Algorithm> algorithms = {Algorithm::sha256};  // used by the flows in turn
     std::uint64_t seed = 1;
     std::uint16_t upPort = 0;
     std::string source;      // of all flows; empty for none
-    bool unchanged = false;  // for a forwarder that passes datagrams on as they are
+    bool unchanged = false;  // for a forwarder that does not change datagrams
 };
 
 std::vector<FlowPlan> makeFlowPlans(const FlowPlanOptions& options);
@@ -49,8 +49,9 @@ std::string toHex(const std::vector<std::byte>& bytes);
 std::string setCommand(const FlowPlan& plan);
 std::string startCommand(const std::string& address, std::uint16_t port);
 
-/// Reading the two commands back, for the loops that stand in for the forwarder. They know exactly
-/// the attributes that the functions above write; anything else is a std::logic_error.
+/// Parse the two commands, for the programs that replace the forwarder in measurements; none for
+/// any other line. Throw std::logic_error if a value is missing or invalid. The source address and
+/// attributes that the functions above do not write are ignored.
 std::optional<FlowPlan> parseSetCommand(std::string_view line);
 std::optional<std::uint16_t> parseStartCommand(std::string_view line);
 

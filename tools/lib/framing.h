@@ -1,5 +1,5 @@
-// The two framings as they stand on the wire. The bench programs judge the forwarder, so they state
-// the layout themselves instead of reading it from the forwarder's own sources.
+// The two framings as they are sent. The bench programs check the forwarder, so they define the
+// layout themselves and do not include the forwarder's headers.
 //
 //   UDPv1   0        32        34      38             H
 //           | HMAC   | H (2)   | label | more header  | payload
@@ -21,7 +21,7 @@ inline constexpr std::size_t maxDatagramSize = 2048;
 struct FramingLayout {
     std::string_view name;
     std::size_t hmacLength;
-    std::size_t headerLengthSize;  // UDPv2 has no such field: its payload always begins at 20
+    std::size_t headerLengthSize;  // 0 for UDPv2, whose payload always begins at 20
     std::size_t labelOffset;
     std::size_t headerSize;
 };
@@ -29,10 +29,10 @@ struct FramingLayout {
 inline constexpr FramingLayout udpV1{"udpv1", 32, 2, 34, 38};
 inline constexpr FramingLayout udpV2{"udpv2", 16, 0, 16, 20};
 
-/// Throws std::invalid_argument for any name but "udpv1" and "udpv2".
+/// Throws std::invalid_argument for any name except "udpv1" and "udpv2".
 const FramingLayout& framingByName(std::string_view name);
 
-/// Big-endian, as all numbers on the wire.
+/// Big-endian, like all numbers in datagrams.
 std::uint32_t readNumber(std::span<const std::byte> fourBytes);
 void writeNumber(std::span<std::byte> fourBytes, std::uint32_t value);
 
@@ -45,15 +45,15 @@ inline void writeLabel(const FramingLayout& layout, std::span<std::byte> datagra
     writeNumber(datagram.subspan(layout.labelOffset, 4), label);
 }
 
-/// Writes the header-length field of a framing that has one; the header is then complete but for
+/// Writes the header-length field if the framing has one. The header is then complete except for
 /// label and HMAC.
 void writeHeaderLength(const FramingLayout& layout, std::span<std::byte> datagram);
 
-/// Where the payload begins, or nothing for a datagram that is not well formed.
+/// The offset of the payload; none for a malformed datagram.
 std::optional<std::size_t> findPayload(const FramingLayout& layout,
                                        std::span<const std::byte> datagram);
 
-/// What the HMAC covers, in the order in which it is hashed.
+/// The bytes that the HMAC covers, in the order in which they are hashed.
 std::array<std::span<const std::byte>, 2> authenticatedRanges(const FramingLayout& layout,
                                                               std::span<const std::byte> datagram,
                                                               std::size_t payloadOffset);

@@ -9,7 +9,7 @@ namespace vesk::bench {
 
 void LatencyHistogram::add(std::int64_t nanoseconds) {
     const auto value = static_cast<std::uint64_t>(std::max<std::int64_t>(nanoseconds, 0));
-    // Below one octave's steps the value is its own bucket; above, its leading bits are.
+    // A value below stepsPerOctave is its own bucket; the leading bits of a larger one select it.
     const unsigned octave =
         value < stepsPerOctave ? 0 : static_cast<unsigned>(std::bit_width(value / stepsPerOctave));
     const std::uint64_t step = octave == 0 ? value : (value >> (octave - 1)) - stepsPerOctave;

@@ -1,5 +1,5 @@
 // Counts durations in buckets whose width grows with the value, so that millions of samples take a
-// fixed amount of memory and percentiles are right within two percent.
+// fixed amount of memory and percentiles are accurate to two percent.
 #pragma once
 
 #include <array>

@@ -15,7 +15,7 @@ namespace vesk::bench {
 namespace {
 
 std::int64_t cpuNanoseconds(pid_t pid) {
-    // Counted in nanoseconds by the scheduler, where /proc/PID/stat counts ticks of 10 ms.
+    // This clock counts nanoseconds, whereas /proc/PID/stat counts ticks of 10 ms.
     clockid_t clock{};
     if (const int error = ::clock_getcpuclockid(pid, &clock); error != 0) {
         throw std::system_error(error, std::generic_category(), "clock_getcpuclockid");
@@ -35,7 +35,7 @@ std::uint64_t voluntarySwitches(const std::filesystem::path& task) {
             return count;
         }
     }
-    return 0;  // the thread has ended meanwhile
+    return 0;  // the thread has ended
 }
 
 }  // namespace

@@ -11,8 +11,8 @@
 namespace vesk::bench {
 namespace {
 
-// Room for some thousand datagrams: a full buffer at either end of the path would be charged to the
-// forwarder as loss. The kernel cuts the request down to its own limit.
+// Room for a few thousand datagrams: datagrams lost to a full buffer at either end would be counted
+// as lost by the forwarder. The kernel reduces the request to its limit.
 constexpr int socketBufferSize = 4 << 20;
 
 // Below the usual ip_local_port_range.
@@ -64,7 +64,7 @@ void UdpSocket::connectTo(const sockaddr_in& address) {
 }
 
 void UdpSocket::wakeReceivers() {
-    // An unconnected socket answers ENOTCONN, and its receivers are woken all the same.
+    // Fails with ENOTCONN on an unconnected socket, but wakes its receivers nevertheless.
     ::shutdown(fd(), SHUT_RDWR);
 }
 

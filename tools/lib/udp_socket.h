@@ -12,12 +12,12 @@ namespace vesk::bench {
 
 sockaddr_in loopbackAddress(std::uint16_t port);
 
-/// Of a numeric host; any other is a std::invalid_argument.
+/// Throws std::invalid_argument if `host` is not a numeric IPv4 address.
 sockaddr_in ipv4Address(const std::string& host, std::uint16_t port);
 
 bool sameAddress(const sockaddr_in& left, const sockaddr_in& right);
 
-/// A UDP socket bound to a loopback port. Failures of the calls behind it are std::system_error.
+/// A UDP socket bound to a loopback port. Failed system calls throw std::system_error.
 class UdpSocket {
  public:
     /// Port 0 lets the kernel choose.
@@ -25,7 +25,7 @@ class UdpSocket {
 
     void connectTo(const sockaddr_in& address);
 
-    /// Makes every receive on this socket return at once, now and later, also one that is blocked.
+    /// Makes every receive call on this socket return at once, including one that is blocked now.
     void wakeReceivers();
 
     int fd() const { return fd_.get(); }
@@ -35,8 +35,8 @@ class UdpSocket {
     UniqueFd fd_;
 };
 
-/// A port that was free a moment ago, out of a range that the kernel chooses none from by itself:
-/// it stays free until the program that it is meant for binds it.
+/// A port that was free a moment ago. It is below the usual ephemeral ports, so the kernel does not
+/// assign it to another socket before the intended program binds it.
 std::uint16_t freeUdpPort();
 
 }  // namespace vesk::bench

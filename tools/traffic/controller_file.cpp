@@ -8,7 +8,7 @@
 namespace vesk::bench {
 namespace {
 
-/// `more` is what the leg has besides its signature; a leg without either is left out.
+/// `more` has the entries of the leg besides its signature. A leg without any entry is left out.
 void printLeg(std::ostream& out, std::string_view name, const HmacKey& key,
               const std::string& more = "") {
     std::string signature;

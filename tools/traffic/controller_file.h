@@ -1,5 +1,5 @@
-// The flows of the traffic generator as a configuration file of vesk-controller. Called by main for
-// --print-toml.
+// Writes the flows of the traffic generator as a configuration file of vesk-controller. Called by
+// main for --print-toml.
 #pragma once
 
 #include <cstdint>
@@ -12,7 +12,7 @@
 
 namespace vesk::bench {
 
-/// Writes the whole file, keys included; flows are called flow1 and on.
+/// Writes the whole file, keys included; flows are named flow1, flow2 and so on.
 void printControllerFile(std::ostream& out, const FramingLayout& framing,
                          const std::vector<FlowPlan>& plans, const std::string& address,
                          std::uint16_t port);

@@ -36,7 +36,7 @@ void DatagramPool::fill(std::vector<std::byte>& images, bool replies, std::uint6
         const auto datagram = std::span(images).subspan(number * datagramSize(), datagramSize());
         const FlowPlan& plan = planOf(number);
         writeHeaderLength(layout_, datagram);
-        // A service answers with the label that the flow is declared by.
+        // A service replies with the label under which the flow is declared.
         writeLabel(layout_, datagram, plan.label);
         const auto payload = datagram.subspan(layout_.headerSize);
         for (std::byte& byte : payload) {

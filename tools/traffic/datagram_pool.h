@@ -1,6 +1,6 @@
 // All datagrams of a run, framed and signed before it begins: one request and its reply for every
-// number of the pool. The payload begins with that number, so an arrival tells which request it
-// belongs to, and it reaches the other end unchanged, whatever is done to the header.
+// number of the pool. The payload begins with that number, which shows to which request an arrival
+// belongs. The forwarder changes the header, but not the payload.
 #pragma once
 
 #include <cstddef>
@@ -16,7 +16,7 @@ namespace vesk::bench {
 
 class DatagramPool {
  public:
-    /// Number i belongs to flow i modulo the number of flows: sent in order, all flows take turns.
+    /// Number i belongs to flow i modulo the number of flows, so the flows take turns.
     DatagramPool(const FramingLayout& layout, const std::vector<FlowPlan>& plans,
                  std::size_t payloadSize, std::size_t size);
 
@@ -28,7 +28,7 @@ class DatagramPool {
     std::span<const std::byte> request(std::size_t number) const;
     std::span<const std::byte> reply(std::size_t number) const;
 
-    /// The number that a datagram of this pool carries; nothing for one that cannot be of it.
+    /// The number in a datagram of this pool; none if it cannot be from this pool.
     std::optional<std::size_t> numberIn(std::span<const std::byte> datagram) const;
 
  private:

@@ -25,12 +25,12 @@ std::vector<std::string> commandsFor(const std::vector<FlowPlan>& plans, const s
     for (const FlowPlan& plan : plans) {
         lines.push_back(setCommand(plan));
     }
-    // Last, so that a forwarder that answers knows all flows.
+    // Last, so that all flows are declared when the forwarder begins to forward.
     lines.push_back(startCommand(address, port));
     return lines;
 }
 
-// One insertion for each line: the log's lines come from another thread.
+// One insertion for each line, since another thread prints the lines of the log.
 void show(const char* mark, std::string_view line) {
     std::cout << mark + std::string(line) + '\n';
 }

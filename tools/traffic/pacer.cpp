@@ -7,8 +7,8 @@
 namespace vesk::bench {
 namespace {
 
-// After a stall the requests that should have been sent meanwhile would go out as one burst, and
-// the forwarder would be blamed for what the burst does to its queues.
+// Without this limit, all requests that became due during a stall would be sent as one burst, and
+// datagrams lost to the burst would be counted as lost by the forwarder.
 constexpr std::uint64_t longestBacklog = 64;
 
 constexpr std::int64_t longestPause = 10'000'000;

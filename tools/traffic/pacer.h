@@ -1,5 +1,5 @@
 // Decides how many requests are due: a closed loop keeps a number of them outstanding, an open loop
-// follows the clock whatever comes back.
+// sends at a fixed rate, whether or not answers arrive.
 #pragma once
 
 #include <cstddef>
@@ -17,7 +17,7 @@ class Pacer {
     std::size_t due(std::int64_t now, std::size_t outstanding);
     void sent(std::size_t count) { issued_ += count; }
 
-    /// Nanoseconds until more may be due without anything having arrived.
+    /// Nanoseconds until more requests may be due even if nothing arrives.
     std::int64_t pause(std::int64_t now) const;
 
     /// Requests that an open loop left out because it could not keep up.

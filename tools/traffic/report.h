@@ -1,4 +1,4 @@
-// What a run has to say, for people and for programs.
+// Prints the result of a run, as a table or as JSON. Called by main.
 #pragma once
 
 #include <iosfwd>

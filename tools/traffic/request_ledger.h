@@ -1,5 +1,5 @@
-// Keeps account of every request between its sending and its answer or loss. Numbers are handed out
-// in order, round and round the pool, so the oldest open request is always at one end.
+// Tracks every request until it is answered or lost. The numbers of the pool are used in order,
+// again and again, so the open requests are between the oldest and the next number.
 #pragma once
 
 #include <cstddef>
@@ -14,7 +14,7 @@ struct RequestCounts {
     std::uint64_t sent = 0;
     std::uint64_t answered = 0;
     std::uint64_t lost = 0;
-    std::uint64_t late = 0;  // answered after they were given up as lost, which they stay
+    std::uint64_t late = 0;  // answered after they were counted as lost; still counted as lost
 };
 
 class RequestLedger {
@@ -22,20 +22,20 @@ class RequestLedger {
     RequestLedger(std::size_t poolSize, std::int64_t lossTimeout)
         : requests_(poolSize), lossTimeout_(lossTimeout) {}
 
-    /// Requests that are sent while this is on are the ones that count.
+    /// Only requests sent while this is on are counted.
     void measure(bool on) { measuring_ = on; }
 
     std::size_t nextNumber() const { return next_ % requests_.size(); }
-    /// How many requests may be sent before a number would be used that is still open.
+    /// How many requests may be sent before a number would be reused that is still open.
     std::size_t room() const { return requests_.size() - (next_ - oldest_); }
     std::size_t outstanding() const { return outstanding_; }
 
     void sent(std::size_t count, std::int64_t now);
 
-    /// False for an answer that nothing asked for: a second one to the same request.
+    /// False for an unexpected answer: a second one to the same request.
     bool answered(std::size_t number, std::int64_t now);
 
-    /// Gives up on requests that have waited for too long.
+    /// Counts requests as lost that have been open for too long.
     void expire(std::int64_t now);
 
     const RequestCounts& counts() const { return counts_; }

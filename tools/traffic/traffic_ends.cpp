@@ -30,7 +30,7 @@ TrafficEnds::TrafficEnds(const TrafficOptions& options, std::uint16_t forwarderP
     for (std::size_t i = 0; i < options.peers; ++i) {
         UdpSocket& peer = peers_.emplace_back();
         if (!options.checkSource) {
-            // Connected, so that only what comes from the forwarder's own address is taken.
+            // Connected, so that the socket receives only from the forwarder's address.
             peer.connectTo(forwarder_);
         }
         watch(peers_.back(), static_cast<std::uint32_t>(i));

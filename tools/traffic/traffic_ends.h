@@ -1,5 +1,5 @@
-// The two ends of the path in one thread: the peers that send requests and take the replies, and
-// the upstream service that takes the requests and replies to them.
+// The two ends of the path, in one thread: the peers, which send requests and receive replies, and
+// the upstream service, which receives the requests and replies to them.
 #pragma once
 
 #include <cstddef>
@@ -19,10 +19,10 @@ namespace vesk::bench {
 struct ArrivalCounts {
     std::uint64_t upstream = 0;     // requests that reached the service
     std::uint64_t peers = 0;        // replies that reached a peer
-    std::uint64_t wrong = 0;        // arrivals that are not what the forwarder had to make of them
+    std::uint64_t wrong = 0;        // arrivals that the forwarder should have sent differently
     std::uint64_t unexpected = 0;   // second answers to a request
-    std::uint64_t wrongSource = 0;  // arrivals from another address than was to be checked
-    std::uint64_t verified = 0;     // arrivals whose HMAC and payload were looked at
+    std::uint64_t wrongSource = 0;  // arrivals from another address than expected
+    std::uint64_t verified = 0;     // arrivals whose HMAC and payload were checked
 };
 
 class TrafficEnds {
@@ -30,17 +30,18 @@ class TrafficEnds {
     TrafficEnds(const TrafficOptions& options, std::uint16_t forwarderPort, UdpSocket& service,
                 const DatagramPool& pool, RequestLedger& ledger);
 
-    /// Sends that many requests, or fewer where the kernel takes no more. Returns how many.
+    /// Sends `count` requests, fewer if too many are open or the kernel accepts no more. Returns
+    /// how many were sent.
     std::size_t sendRequests(std::size_t count);
 
-    /// Waits for arrivals, not longer than told, and deals with those that are there.
+    /// Waits for arrivals, for `patience` nanoseconds at most, and handles them.
     void serve(std::int64_t patience);
 
     const ArrivalCounts& counts() const { return counts_; }
 
  private:
     std::size_t peerOf(std::size_t number) const;
-    /// Where requests of a flow have to come from while sources are checked.
+    /// The address from which requests of a flow must come if sources are checked.
     sockaddr_in sourceOf(const FlowPlan& plan) const;
     void countSource(const sockaddr_in& source, const sockaddr_in& expected);
     void watch(const UdpSocket& socket, std::uint32_t name);

@@ -21,8 +21,8 @@ std::int64_t nanoseconds(double seconds) {
     return static_cast<std::int64_t>(seconds * nanosecondsPerSecond);
 }
 
-// Large enough that a number is not due again while its last request may still be answered, and a
-// multiple of the flows, so that they keep taking turns.
+// Large enough that a number is not reused while its last request may still be answered, and a
+// multiple of the number of flows, so that they take turns.
 std::size_t poolSize(const TrafficOptions& options) {
     const auto open = static_cast<std::size_t>(options.rate * options.lossTimeout);
     const std::size_t wanted = std::max({smallestPool, 4 * options.window, open});
@@ -77,7 +77,7 @@ TrafficResult TrafficRun::run() {
     ledger_.measure(false);
     drain();
 
-    // What was sent in the measured time may prove wrong or unasked for only now.
+    // Faults of datagrams sent in the measured time may be detected only during the drain.
     result.arrivals.wrong = ends_.counts().wrong - before.wrong;
     result.arrivals.unexpected = ends_.counts().unexpected - before.unexpected;
     result.arrivals.wrongSource = ends_.counts().wrongSource - before.wrongSource;
@@ -90,7 +90,7 @@ TrafficResult TrafficRun::run() {
 
 void TrafficRun::awaitForwarder() {
     const std::int64_t deadline = nowNanoseconds() + longestStart;
-    // One that makes something wrong of every datagram is awake too; the report will tell.
+    // A forwarder that sends only wrong datagrams has started too; the report shows the fault.
     while (ends_.counts().upstream + ends_.counts().wrong == 0) {
         if (nowNanoseconds() > deadline) {
             throw std::runtime_error("the forwarder passes nothing on");

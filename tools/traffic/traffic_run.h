@@ -1,4 +1,4 @@
-// One run against one forwarder, from its first probe to the last reply.
+// One run against one forwarder, from the first probe to the last reply. Called by main.
 #pragma once
 
 #include <cstdint>
@@ -19,8 +19,8 @@ struct TrafficResult {
     RequestCounts requests;
     ArrivalCounts arrivals;     // of the measured time
     std::int64_t elapsed = 0;   // all times in nanoseconds
-    std::int64_t opening = 0;   // the first datagram of every flow, one after the other
-    std::uint64_t skipped = 0;  // requests left out of an open loop
+    std::int64_t opening = 0;   // time for the first datagrams of all flows
+    std::uint64_t skipped = 0;  // requests that an open loop left out
     LatencyHistogram roundTrips;
     std::optional<ProcessUsage> usage;  // of the measured process, over the measured time
 };
@@ -30,7 +30,7 @@ class TrafficRun {
     TrafficRun(const TrafficOptions& options, std::uint16_t forwarderPort, pid_t measuredPid,
                UdpSocket& service, const std::vector<FlowPlan>& plans);
 
-    /// Throws std::runtime_error when the forwarder does not answer at all.
+    /// Throws std::runtime_error if the forwarder forwards nothing.
     TrafficResult run();
 
  private:

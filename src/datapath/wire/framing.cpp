@@ -8,8 +8,8 @@ namespace vesk {
 
 namespace {
 
-/// Bytes 20 to 31, which are zero in an unsigned UDPv1 datagram: the end of its HMAC field, behind
-/// the header of UDPv2.
+/// Bytes 20 to 31, which are zero in an unsigned UDPv1 datagram: the end of its HMAC field, and
+/// payload in UDPv2.
 constexpr std::size_t zeroTailOffset = framingV2.minHeaderSize;
 constexpr std::size_t zeroTailLength = framingV1.hmacLength - zeroTailOffset;
 

@@ -51,7 +51,7 @@ struct HmacKey {
 
     /// Number of key bytes. 0 means no key: datagrams are not authenticated.
     std::uint64_t keyLen = 0;
-    /// Made at first use, with the key and digest of that moment. Released when either changes.
+    /// Made at first use, with the key and digest set at that time. Released when either changes.
     std::unique_ptr<HMAC_CTX, HmacContextDeleter> context;
     DigestSelector digest;
     SecretBytes<maxHmacKeyLength> key{};

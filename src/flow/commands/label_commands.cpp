@@ -57,8 +57,8 @@ bool setLabelAttrs(TokenQueue tokens, const std::shared_ptr<ForwarderContext>& c
         releaseEndpoints(context->endpointManager->setLabel(scratch.label, scratch, members),
                          context);
     } catch (const std::invalid_argument&) {
-        // The command gave half of an address, and together with the stored half it has no usable
-        // address.
+        // The command gave half of an address, which does not form a usable address with the
+        // stored half.
         return refuseSet(scratch.label);
     }
     return true;
@@ -71,7 +71,7 @@ bool deleteLabel(TokenQueue tokens, const std::shared_ptr<ForwarderContext>& con
     }
     FlowDesc scratch;
     if (!Vesk_setFlowDescLabelAttrs(*attributes, scratch) || scratch.label == 0) {
-        // Kept: this line lacks the name of the routine; that of "set" begins with it.
+        // Kept: unlike the line of "set", this one lacks the routine's name.
         logError("label ", scratch.label);
         return false;
     }

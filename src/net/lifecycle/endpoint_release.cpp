@@ -47,8 +47,8 @@ class DeletionRows {
 };
 
 void DeletionRows::release(EndpointPtr endpoint) {
-    // Another thread that still holds it asks for the deletion when it releases it. No thread can
-    // start to hold it, since it is in no table.
+    // Another thread that still holds it asks for the deletion when it releases it. No
+    // further thread can get a reference, since the endpoint is in no table.
     if (endpoint.use_count() != 1) {
         return;
     }
