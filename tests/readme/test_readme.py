@@ -38,7 +38,7 @@ def test_example_file_has_eight_lines() -> None:
     assert len(block("toml").splitlines()) == 8
 
 
-def test_output_of_the_command_ends_with_the_lines_shown(shell: Shell, tmp_path: Path) -> None:
+def test_output_of_the_command_has_the_lines_shown(shell: Shell, tmp_path: Path) -> None:
     ports = free_ports(PORTS)
     file = tmp_path / "alice.toml"
     file.write_text(block("toml").replace("4500", ports["4500"]).replace("5000", ports["5000"])
@@ -51,6 +51,8 @@ def test_output_of_the_command_ends_with_the_lines_shown(shell: Shell, tmp_path:
     log = tmp_path / "log"
     log.touch()
     shell.type(f"({block('sh').strip()}) 2>> log &")
-    wait_until(lambda: log.read_text(encoding="utf-8").splitlines()[-2:] == expected,
-               "the log ends in the lines that README.md shows")
+    # Lines of the forwarder's other threads may come between and after them.
+    wait_until(lambda: [line for line in log.read_text(encoding="utf-8").splitlines()
+                        if line in expected] == expected,
+               "the log has the lines that README.md shows")
     assert (tmp_path / "alice.key").stat().st_mode & 0o777 == 0o600
