@@ -13,7 +13,7 @@ from configuration_file import ConfigurationFile
 from monitored_host import Host, StartController
 from network import refusal
 from probe import Probe
-from prometheus_process import PrometheusProcess
+from prometheus_process import PrometheusProcess, free_tcp_port
 
 pytest_plugins = ["framework.fixtures", "controller_fixtures"]
 
@@ -30,6 +30,15 @@ def start_probe() -> Iterator[Callable[..., Probe]]:
     yield start
     for probe in started:
         probe.finish()
+
+
+@pytest.fixture
+def port(configuration: ConfigurationFile) -> int:
+    """The port of the metrics."""
+    chosen = free_tcp_port()
+    configuration.tables["metrics"] = f"port = {chosen}"
+    configuration.write()
+    return chosen
 
 
 @pytest.fixture

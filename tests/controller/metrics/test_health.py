@@ -24,15 +24,6 @@ from prometheus_process import free_tcp_port
 StartController = Callable[..., ControllerProcess]
 
 
-@pytest.fixture
-def port(configuration: ConfigurationFile) -> int:
-    """The port of the metrics."""
-    chosen = free_tcp_port()
-    configuration.tables["metrics"] = f"port = {chosen}"
-    configuration.write()
-    return chosen
-
-
 def test_a_forwarder_that_does_not_listen_is_shown(
         configuration: ConfigurationFile, port: int, start_controller: StartController) -> None:
     with UdpEnd(*configuration.listen):

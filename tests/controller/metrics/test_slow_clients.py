@@ -10,12 +10,10 @@ from typing import Callable, Iterator
 
 import pytest
 
-from configuration_file import ConfigurationFile
 from controller_process import ControllerProcess
 from framework.timing import scaled, wait_until
 
 from page import fetch
-from prometheus_process import free_tcp_port
 
 StartController = Callable[..., ControllerProcess]
 Connect = Callable[..., socket.socket]
@@ -25,15 +23,6 @@ WHOLE_REQUEST = HALF_A_REQUEST + b"Connection: close\r\n\r\n"
 AT_ONCE = 0.5
 MOST_OF_ONE_ADDRESS = 576
 """The limit in docs/metrics.md."""
-
-
-@pytest.fixture
-def port(configuration: ConfigurationFile) -> int:
-    """The port of the metrics."""
-    chosen = free_tcp_port()
-    configuration.tables["metrics"] = f"port = {chosen}"
-    configuration.write()
-    return chosen
 
 
 @pytest.fixture
