@@ -26,8 +26,7 @@ void Deployment::note(const Outcome& outcome) {
     const Command& command = outcome.command;
     const bool refused = !outcome.errors.empty();
     if (command.word == "start") {
-        refusals_.downstream = refused;
-        listeningOn_ = refused ? std::nullopt : addressOf(command);
+        noteStart(addressOf(command), refused);
     } else if (command.word == "stop") {
         listeningOn_.reset();
     } else if (command.word == "start_lateral") {
@@ -39,6 +38,21 @@ void Deployment::note(const Outcome& outcome) {
     } else if (command.label != 0 && running_.flows.contains(command.label)) {
         refusals_.flows.insert(command.label);
     }
+}
+
+void Deployment::noteStart(const std::optional<HostPort>& address, bool refused) {
+    refusals_.downstream = refused;
+    listeningOn_ = refused ? std::nullopt : address;
+    if (!refused) {
+        lastListenedOn_ = address;
+    } else if (lastListenedOn_ == address) {
+        lastListenedOn_.reset();
+    }
+}
+
+std::optional<HostPort> Deployment::addressToReturnTo(const Outcome& start) const {
+    const bool last = addressOf(start.command) == running_.downstream;
+    return last && !start.errors.empty() ? lastListenedOn_ : std::nullopt;
 }
 
 std::optional<bool> Deployment::lateralListening() const {

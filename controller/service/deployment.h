@@ -42,6 +42,11 @@ class Deployment {
     /// The address on which it listens. During a move this may differ from the address that was
     /// last sent to it.
     const std::optional<HostPort>& listeningOn() const { return listeningOn_; }
+    /// The last address that a forwarder listened on; none once it could not be opened again.
+    const std::optional<HostPort>& lastListenedOn() const { return lastListenedOn_; }
+    /// The address to return to after a start that was refused, once its outcome has been noted.
+    /// None if the start succeeded, if another was sent after it, or if there is no such address.
+    std::optional<HostPort> addressToReturnTo(const Outcome& start) const;
     /// Whether it listens for other instances; none if no lateral stream is configured.
     std::optional<bool> lateralListening() const;
     /// Whether it listens on every configured address.
@@ -58,10 +63,12 @@ class Deployment {
 
  private:
     void take(Configuration running);
+    void noteStart(const std::optional<HostPort>& address, bool refused);
 
     Configuration running_;
     Refusals refusals_;
     std::optional<HostPort> listeningOn_;
+    std::optional<HostPort> lastListenedOn_;
     bool lateralListening_ = false;
     std::map<std::uint32_t, std::string> names_;
 };

@@ -129,8 +129,7 @@ class Supervisor {
     std::optional<int> endStatus_;  // of a forwarder whose output has not been read to its end
     bool ready_ = false;            // the service manager has been told that the service is ready
     bool reloadTold_ = false;  // the service manager has been told of a reload, but not of its end
-    std::optional<ReloadOutcome> reload_;      // of the last reload, until it is counted
-    std::optional<HostPort> previousAddress_;  // to go back to if the new one is refused
+    std::optional<ReloadOutcome> reload_;  // of the last reload, until it is counted
     ReportClock reportClock_;
     bool hung_ = false;  // the forwarder did not answer and was killed
     Deadline startAgainAt_;

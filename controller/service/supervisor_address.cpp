@@ -12,32 +12,29 @@
 
 namespace vesk::controller {
 
-/// Only if the forwarder listens, so that it could lose its address.
+/// Only if the forwarder has an address that it could lose, or is about to return to it.
 void Supervisor::tryNewAddress() {
-    if (!session_) {
-        previousAddress_.reset();
-    }
-    if (!deployment_.listening() || wanted_.downstream == deployment_.running().downstream) {
+    const HostPort& running = deployment_.running().downstream;
+    if (!deployment_.lastListenedOn() || wanted_.downstream == running ||
+        usesItself(wanted_.downstream)) {
         return;
     }
-    const HostPort old = previousAddress_.value_or(deployment_.running().downstream);
-    const int error = usesItself(wanted_.downstream) ? 0 : tryToListen(wanted_.downstream);
-    if (error != 0) {
-        keepAddress(deployment_.running().downstream, std::generic_category().message(-error));
-    } else {
-        previousAddress_ = old;
+    if (const int error = tryToListen(wanted_.downstream); error != 0) {
+        keepAddress(running, std::generic_category().message(-error));
     }
 }
 
 /// A trial would collide with the forwarder's own sockets, which it closes before it opens the new
-/// one.
+/// one. While it moves, it may still have the socket of the address before.
 bool Supervisor::usesItself(const HostPort& address) const {
     const Configuration& running = deployment_.running();
-    return session_ && (mayCollide(address, running.downstream) ||
-                        std::ranges::any_of(running.flows, [&](const auto& entry) {
-                            const std::optional<HostPort>& source = entry.second.source;
-                            return source && mayCollide(address, *source);
-                        }));
+    const std::optional<HostPort>& before = deployment_.lastListenedOn();
+    return session_ &&
+           (mayCollide(address, running.downstream) || (before && mayCollide(address, *before)) ||
+            std::ranges::any_of(running.flows, [&](const auto& entry) {
+                const std::optional<HostPort>& source = entry.second.source;
+                return source && mayCollide(address, *source);
+            }));
 }
 
 void Supervisor::keepAddress(const HostPort& old, std::string_view reason) {
@@ -54,15 +51,11 @@ void Supervisor::keepAddress(const HostPort& old, std::string_view reason) {
     }
 }
 
-/// If several changes are outstanding, only the outcome of the last one counts.
 void Supervisor::noteStart(const Outcome& outcome) {
-    const bool last =
-        outcome.command.attributes == startCommand(deployment_.running().downstream).attributes;
-    const std::optional<HostPort> old =
-        last ? std::exchange(previousAddress_, std::nullopt) : std::nullopt;
     if (outcome.errors.empty()) {
         return;
     }
+    const std::optional<HostPort> old = deployment_.addressToReturnTo(outcome);
     if (!old) {
         log_.say(LogLevel::error, cannotListen(outcome.command, outcome.errors.front()));
         return;

@@ -12,7 +12,7 @@ from controller_process import ControllerProcess
 from conversation import Conversation, ask_until_answered
 from framework.flow import Flow
 from framework.udp import Address, UdpEnd, free_port
-from programs import spoiling_program
+from programs import Gate, spoiling_program, unusable
 
 
 def line_of(configuration: ConfigurationFile, key: str) -> int:
@@ -91,9 +91,7 @@ def test_a_move_that_fails_in_the_forwarder_is_reverted(
     old = configuration.listen
     new = ("127.0.0.1", free_port())
     # The controller can listen on the new port; the forwarder gets an address on which it cannot.
-    program = spoiling_program(configuration.folder,
-                               f"s/^start addr {new[0]} port {new[1]}$/"
-                               f"start addr 192.0.2.1 port {new[1]}/")
+    program = spoiling_program(configuration.folder, unusable(new[1]))
     controller = start_controller("--program", program).ready()
     configuration.listen = new
     configuration.flows["bob"] = bob
@@ -102,6 +100,52 @@ def test_a_move_that_fails_in_the_forwarder_is_reverted(
     said_refusal(controller, configuration, "port", old)
     for flow in (alice, bob):
         ask_until_answered(peer, flow, old)
+
+
+def test_a_reload_while_a_failed_move_is_reverted_also_returns_to_the_old_address(
+        configuration: ConfigurationFile, start_controller: StartController, peer: UdpEnd,
+        alice: Flow) -> None:
+    configuration.write()
+    old = configuration.listen
+    ports = free_port(), free_port()
+    # The first "stop" is that of the move; the second is that of the return.
+    with Gate(configuration.folder, stop=2) as gate:
+        program = spoiling_program(configuration.folder, unusable(*ports), gate.program)
+        controller = start_controller("--program", program).ready()
+        for port in ports:
+            since = controller.mark()
+            configuration.listen = ("127.0.0.1", port)
+            configuration.write()
+            controller.signal(signal.SIGHUP)
+            controller.wait_for(re.compile("info controller: reload: 2 commands to send.*"), since)
+            if port == ports[0]:
+                said_refusal(controller, configuration, "port", old)
+        gate.open()
+        said_refusal(controller, configuration, "port", old)
+        controller.wait_for("info controller: reloaded: 1 flow")
+        ask_until_answered(peer, alice, old)
+        assert controller.finish() == 0
+
+
+def test_a_reload_may_take_back_a_move_that_has_not_begun(
+        configuration: ConfigurationFile, start_controller: StartController, peer: UdpEnd,
+        alice: Flow) -> None:
+    configuration.write()
+    old = configuration.listen
+    with Gate(configuration.folder, stop=1) as gate:
+        controller = start_controller(
+            "--program", spoiling_program(configuration.folder, "", gate.program)).ready()
+        for listen in (("127.0.0.1", free_port()), old):
+            since = controller.mark()
+            configuration.listen = listen
+            configuration.write()
+            controller.signal(signal.SIGHUP)
+            controller.wait_for(re.compile("info controller: reload: .* to send.*"), since)
+        gate.open()
+        controller.wait_for("info controller: reloaded: 1 flow")
+        assert not [line for line in controller.lines if "cannot listen" in line]
+        ask_until_answered(peer, alice, old)
+        assert controller.finish() == 0
 
 
 def test_a_reload_during_the_pause_with_a_port_in_use_keeps_the_old_address(

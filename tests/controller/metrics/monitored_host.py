@@ -6,7 +6,7 @@ import contextlib
 import http.client
 import itertools
 from pathlib import Path
-from typing import Callable, Dict, List, Union
+from typing import Callable, Dict, List, Optional, Union
 
 from configuration_file import ConfigurationFile
 from controller_process import ControllerProcess
@@ -55,9 +55,11 @@ class Host:
             self._ends.append(UdpEnd(*address))  # type: ignore[arg-type]
         return self._ends[-1]
 
-    def start(self, *prefix: str) -> ControllerProcess:
+    def start(self, *prefix: str, program: Optional[str] = None) -> ControllerProcess:
+        """Starts a controller, with `program` instead of the forwarder if that is given."""
         self._configuration.write()
-        return self._start(prefix=[*self.namespace.prefix, *prefix]).ready()
+        arguments = ["--program", program] if program else []
+        return self._start(*arguments, prefix=[*self.namespace.prefix, *prefix]).ready()
 
     def metrics(self) -> Dict[str, float]:
         """The samples on the page. Each request has its own port below the ephemeral ones, because one

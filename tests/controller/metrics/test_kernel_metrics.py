@@ -16,6 +16,7 @@ from controller_process import ControllerProcess
 from conversation import ask, ask_until_answered
 from framework.timing import scaled
 from framework.udp import UdpEnd
+from programs import spoiling_program, unusable
 
 from monitored_host import Host
 
@@ -181,3 +182,15 @@ def test_the_lateral_stream_is_found_after_a_reload_that_changes_its_port(
         "warn controller: lateral: the change applies at the next start of the forwarder")
     host.wait_for(next_reading(host), "there is another reading")
     assert sockets(host.metrics()) == {"downstream": 1, "lateral": 1, "upstream": 0}
+
+
+def test_the_listener_is_found_after_a_move_that_failed(
+        configuration: ConfigurationFile, host: Host) -> None:
+    controller = host.start(program=spoiling_program(configuration.folder, unusable(4600)))
+    host.wait_for(lambda now: "vesk_descriptors_used" in now, "there is a reading")
+    configuration.listen = ("127.0.0.1", 4600)
+    configuration.write()
+    assert controller.reload() == "info controller: reloaded: 0 flows"
+    controller.wait_for(re.compile("error controller: .*The forwarder continues to listen on .*"))
+    host.wait_for(next_reading(host), "there is another reading")
+    assert sockets(host.metrics()) == {"downstream": 1, "lateral": 0, "upstream": 0}

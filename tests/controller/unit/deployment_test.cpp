@@ -71,6 +71,79 @@ TEST(Deployment, KnowsTheListeningAddressFromOutcomes) {
     EXPECT_EQ(deployment.listeningOn(), before.downstream);
 }
 
+class MovingDeployment : public testing::Test {
+ protected:
+    static Configuration at(std::uint16_t port) {
+        Configuration configuration = listeningWith("");
+        configuration.downstream.port = port;
+        return configuration;
+    }
+
+    /// Notes the outcomes of commands that end with a start; returns that of the start.
+    Outcome start(const std::vector<Command>& commands, bool refused) {
+        for (const Command& command : commands) {
+            deployment.note(outcomeOf(command, refused && command.word == "start"));
+        }
+        return outcomeOf(commands.back(), refused);
+    }
+
+    const HostPort first = at(1).downstream;
+    Deployment deployment = deployed(at(1), {});
+};
+
+TEST_F(MovingDeployment, ReturnsToTheAddressBeforeTheMove) {
+    EXPECT_EQ(deployment.lastListenedOn(), first);
+    const Outcome refused = start(deployment.change(at(2)).commands, true);
+    EXPECT_EQ(deployment.addressToReturnTo(refused), first);
+    const Outcome back = start(deployment.listenOn(first), false);
+    EXPECT_EQ(deployment.addressToReturnTo(back), std::nullopt);
+}
+
+TEST_F(MovingDeployment, ReturnsToTheSameAddressIfAReloadArrivesWhileItReturns) {
+    start(deployment.change(at(2)).commands, true);
+    const std::vector<Command> back = deployment.listenOn(first);
+    deployment.note(outcomeOf(back.front(), false));
+    EXPECT_EQ(deployment.lastListenedOn(), first);
+    const std::vector<Command> again = deployment.change(at(3)).commands;
+    EXPECT_EQ(deployment.addressToReturnTo(start({back.back()}, false)), std::nullopt);
+    EXPECT_EQ(deployment.addressToReturnTo(start(again, true)), first);
+}
+
+TEST_F(MovingDeployment, WaitsForTheLastOfSeveralMoves) {
+    const std::vector<Command> second = deployment.change(at(2)).commands;
+    const std::vector<Command> third = deployment.change(at(3)).commands;
+    EXPECT_EQ(deployment.addressToReturnTo(start(second, true)), std::nullopt);
+    EXPECT_EQ(deployment.addressToReturnTo(start(third, true)), first);
+}
+
+TEST_F(MovingDeployment, ReturnsToTheLastAddressThatCouldBeOpened) {
+    start(deployment.change(at(2)).commands, false);
+    const Outcome refused = start(deployment.change(at(3)).commands, true);
+    EXPECT_EQ(deployment.addressToReturnTo(refused), at(2).downstream);
+}
+
+TEST_F(MovingDeployment, DoesNotReturnToAnAddressThatIsRefusedToo) {
+    start(deployment.change(at(2)).commands, true);
+    const Outcome back = start(deployment.listenOn(first), true);
+    EXPECT_EQ(deployment.lastListenedOn(), std::nullopt);
+    EXPECT_EQ(deployment.addressToReturnTo(back), std::nullopt);
+    const Outcome next = start(deployment.change(at(3)).commands, true);
+    EXPECT_EQ(deployment.addressToReturnTo(next), std::nullopt);
+}
+
+TEST_F(MovingDeployment, ANewForwarderMayReturnToTheAddressOfTheLast) {
+    const Outcome refused = start(deployment.begin(at(2)), true);
+    EXPECT_EQ(deployment.addressToReturnTo(refused), first);
+    EXPECT_EQ(deployment.addressToReturnTo(start(deployment.listenOn(first), false)), std::nullopt);
+}
+
+TEST(Deployment, HasNoAddressToReturnToBeforeItListens) {
+    Deployment deployment = deployed(listeningWith(""), {"start"});
+    EXPECT_EQ(deployment.lastListenedOn(), std::nullopt);
+    const Command only = listenCommands(listeningWith("").downstream).back();
+    EXPECT_EQ(deployment.addressToReturnTo(outcomeOf(only, true)), std::nullopt);
+}
+
 const std::string withLateral =
     "[lateral]\naddress = \"127.0.0.1\"\nport = 1\nindex = 0\ninstances = 2\n"
     "peers = [{ index = 1, address = \"127.0.0.2\" }]\n";
