@@ -3,7 +3,6 @@
 // cannot open it, the controller moves the forwarder back. The loop is in supervisor.cpp.
 #include <algorithm>
 #include <system_error>
-#include <utility>
 
 #include "commands/command_lines.h"
 #include "service/listener_remedy.h"
