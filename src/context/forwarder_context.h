@@ -75,7 +75,9 @@ struct ForwarderContext : std::enable_shared_from_this<ForwarderContext> {
     // not be stopped stays until the process ends.
 
     std::list<DownstreamListener> downstreamListeners;
-    /// Whether a worker could not be stopped. That worker is no longer in the lists.
+    /// Whether a worker could not be stopped, at a failed start or at the shut-down. A member since
+    /// the shut-down may come long after the failed start, and the worker is no longer in the
+    /// lists.
     bool workerLeftRunning = false;
 };
 

@@ -94,6 +94,8 @@ struct PollThreadParam {
     const int msgchanfd;
     /// Copies of the context's lists, since the main thread empties those. Constant while the
     /// thread runs.
+    /// Kept: the start indexes are part of the interface. Nothing changes them, since the loop's
+    /// callbacks count in copies.
     PollParams readQueues;
     unsigned long readStart = 0;
     PollParams writeQueues;
