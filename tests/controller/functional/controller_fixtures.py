@@ -11,8 +11,10 @@ from configuration_file import ConfigurationFile
 from controller_process import ControllerProcess
 from framework.flow import Flow, four_keys
 from framework.udp import UpstreamService
+from programs import script
 
 StartController = Callable[..., ControllerProcess]
+StartWith = Callable[..., ControllerProcess]
 Answer = Callable[[Flow], UpstreamService]
 
 
@@ -37,6 +39,20 @@ def start_controller(configuration: ConfigurationFile) -> Iterator[StartControll
         controller.abandon()
     for controller in started:
         controller.check_secrecy()
+
+
+@pytest.fixture
+def start_with(configuration: ConfigurationFile, start_controller: StartController) -> StartWith:
+    """Writes the file with the given lines in [controller] and starts a controller, with `program`, a text
+    for the shell, instead of the forwarder if that is given."""
+
+    def start(settings: str, program: str = "", **details: object) -> ControllerProcess:
+        configuration.tables["controller"] = settings
+        configuration.write()
+        arguments = ["--program", script(configuration.folder, program)] if program else []
+        return start_controller(*arguments, **details)
+
+    return start
 
 
 @pytest.fixture

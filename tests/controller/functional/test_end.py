@@ -9,7 +9,7 @@ import time
 import pytest
 
 from configuration_file import ConfigurationFile
-from controller_fixtures import StartController
+from controller_fixtures import StartController, StartWith
 from controller_process import is_alive
 from conversation import Conversation, ask_until_answered
 from framework.flow import Flow
@@ -22,12 +22,10 @@ from service_manager import ServiceManager
 @pytest.mark.parametrize("number", [signal.SIGTERM, signal.SIGINT])
 @pytest.mark.parametrize("level", ["info", "warn"])
 def test_forwards_until_the_traffic_stops(
-        configuration: ConfigurationFile, start_controller: StartController, alice: Flow,
-        number: int, level: str) -> None:
-    configuration.tables["controller"] = "drain_seconds = 60"
+        configuration: ConfigurationFile, start_with: StartWith, alice: Flow, number: int,
+        level: str) -> None:
     configuration.tables["forwarder"] = f'log_level = "{level}"'
-    configuration.write()
-    controller = start_controller().ready()
+    controller = start_with("drain_seconds = 60").ready()
     forwarder = controller.forwarder()
     with Conversation(alice, configuration.listen) as conversation:
         conversation.wait_for_answers(10)
@@ -43,11 +41,9 @@ def test_forwards_until_the_traffic_stops(
     assert not is_alive(forwarder)
 
 
-def test_drain_time_is_limited(configuration: ConfigurationFile, start_controller: StartController,
+def test_drain_time_is_limited(configuration: ConfigurationFile, start_with: StartWith,
                                alice: Flow) -> None:
-    configuration.tables["controller"] = "drain_seconds = 2"
-    configuration.write()
-    controller = start_controller().ready()
+    controller = start_with("drain_seconds = 2").ready()
     with Conversation(alice, configuration.listen) as conversation:
         conversation.wait_for_answers(10)
         began = time.monotonic()
@@ -57,23 +53,16 @@ def test_drain_time_is_limited(configuration: ConfigurationFile, start_controlle
     controller.wait_for("warn controller: the drain time is over, but there is still traffic")
 
 
-def test_drain_without_reports_is_logged_as_such(
-        configuration: ConfigurationFile, start_controller: StartController) -> None:
-    configuration.tables["controller"] = "drain_seconds = 1"
-    configuration.write()
-    silent = script(configuration.folder, SILENT)
-    controller = start_controller("--program", silent)
+def test_drain_without_reports_is_logged_as_such(start_with: StartWith) -> None:
+    controller = start_with("drain_seconds = 1", SILENT)
     controller.wait_for(re.compile("info controller: started .*"))
     assert controller.finish() == 0
     controller.wait_for("warn controller: the drain time is over, and no report has arrived")
 
 
-def test_a_forwarder_that_does_not_end_is_killed(configuration: ConfigurationFile,
-                                                 start_controller: StartController) -> None:
-    configuration.tables["controller"] = "drain_seconds = 0"
-    configuration.write()
+def test_a_forwarder_that_does_not_end_is_killed(start_with: StartWith) -> None:
     stubborn = f"trap '' TERM\n{ANSWERING}\nwhile :; do sleep 0.1; done"
-    controller = start_controller("--program", script(configuration.folder, stubborn)).ready()
+    controller = start_with("drain_seconds = 0", stubborn).ready()
     controller.signal(signal.SIGTERM)
     assert controller.wait_exit(20) == 3
     controller.wait_for("error controller: the forwarder does not end: sending SIGTERM")
@@ -115,14 +104,11 @@ def test_a_reload_before_readiness_does_not_send_ready(configuration: Configurat
 
 
 def test_ready_is_not_sent_while_stopping(configuration: ConfigurationFile,
-                                          start_controller: StartController) -> None:
-    configuration.tables["controller"] = "drain_seconds = 3"
-    configuration.write()
+                                          start_with: StartWith) -> None:
     # It answers only once a certain file exists, which is created after the signal.
     hesitant = f"while [ ! -e go ]; do sleep 0.01; done\n{ANSWERING}"
     with ServiceManager(configuration.folder) as manager:
-        controller = start_controller(
-            "--program", script(configuration.folder, hesitant), environment=manager.environment)
+        controller = start_with("drain_seconds = 3", hesitant, environment=manager.environment)
         controller.wait_for(re.compile("info controller: started .*"))
         controller.signal(signal.SIGTERM)
         assert manager.told()[0] == "STOPPING=1"

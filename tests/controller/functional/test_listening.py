@@ -7,7 +7,7 @@ import re
 import signal
 
 from configuration_file import ConfigurationFile
-from controller_fixtures import StartController
+from controller_fixtures import StartController, StartWith
 from conversation import ask_until_answered
 from framework.flow import Flow
 from framework.lateral import LOOPBACK
@@ -57,12 +57,9 @@ def test_it_is_ready_once_the_lateral_stream_also_listens(
 
 
 def test_a_new_forwarder_also_tries_again(
-        configuration: ConfigurationFile, start_controller: StartController, peer: UdpEnd,
-        alice: Flow) -> None:
-    configuration.tables["controller"] = "restart_pause_ms = 500"
-    configuration.write()
+        configuration: ConfigurationFile, start_with: StartWith, peer: UdpEnd, alice: Flow) -> None:
     with ServiceManager(configuration.folder) as manager:
-        controller = start_controller(environment=manager.environment)
+        controller = start_with("restart_pause_ms = 500", environment=manager.environment)
         assert manager.told()[0] == "READY=1"
         os.kill(controller.forwarder(), signal.SIGKILL)
         controller.wait_for("warn controller: starts the forwarder again in 500 ms")
@@ -74,10 +71,8 @@ def test_a_new_forwarder_also_tries_again(
 
 
 def test_it_ends_while_it_does_not_listen(
-        configuration: ConfigurationFile, start_controller: StartController) -> None:
-    configuration.tables["controller"] = "drain_seconds = 0"
-    configuration.write()
+        configuration: ConfigurationFile, start_with: StartWith) -> None:
     with UdpEnd(*configuration.listen):
-        controller = start_controller().ready()
+        controller = start_with("drain_seconds = 0").ready()
         controller.wait_for("warn controller: tries to listen again in 200 ms")
         assert controller.finish() == 0

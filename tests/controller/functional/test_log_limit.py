@@ -6,9 +6,8 @@ import re
 import urllib.request
 from typing import List
 
-
 from configuration_file import ConfigurationFile
-from controller_fixtures import StartController
+from controller_fixtures import StartWith
 from controller_process import ControllerProcess
 from conversation import ask_until_answered
 from framework.flow import Flow
@@ -58,12 +57,9 @@ def left_out(controller: ControllerProcess) -> int:
 
 
 def test_a_flood_of_bad_datagrams_leaves_a_few_lines_and_their_count(
-        configuration: ConfigurationFile, start_controller: StartController, peer: UdpEnd,
-        alice: Flow) -> None:
+        configuration: ConfigurationFile, start_with: StartWith, peer: UdpEnd, alice: Flow) -> None:
     errors = Errors(configuration)
-    configuration.tables["controller"] = "stats_seconds = 1"
-    configuration.write()
-    controller = start_controller().ready()
+    controller = start_with("stats_seconds = 1").ready()
     flood(peer, alice, configuration, FLOOD)
     wait_until(lambda: len(passed_on(controller)) + left_out(controller) == FLOOD,
                "every line is logged or counted", 10)
@@ -72,11 +68,8 @@ def test_a_flood_of_bad_datagrams_leaves_a_few_lines_and_their_count(
 
 
 def test_the_count_is_logged_at_the_end(
-        configuration: ConfigurationFile, start_controller: StartController, peer: UdpEnd,
-        alice: Flow) -> None:
-    configuration.tables["controller"] = "drain_seconds = 0"
-    configuration.write()
-    controller = start_controller().ready()
+        configuration: ConfigurationFile, start_with: StartWith, peer: UdpEnd, alice: Flow) -> None:
+    controller = start_with("drain_seconds = 0").ready()
     flood(peer, alice, configuration, 300)
     assert controller.finish() == 0
     assert left_out(controller) > 0
@@ -84,11 +77,8 @@ def test_the_count_is_logged_at_the_end(
 
 
 def test_the_limit_can_be_turned_off(
-        configuration: ConfigurationFile, start_controller: StartController, peer: UdpEnd,
-        alice: Flow) -> None:
-    configuration.tables["controller"] = "log_limit = false"
-    configuration.write()
-    controller = start_controller().ready()
+        configuration: ConfigurationFile, start_with: StartWith, peer: UdpEnd, alice: Flow) -> None:
+    controller = start_with("log_limit = false").ready()
     flood(peer, alice, configuration, 300)
     wait_until(lambda: len(passed_on(controller)) == 300, "every line is passed on", 10)
 

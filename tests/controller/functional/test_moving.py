@@ -7,7 +7,7 @@ import re
 import signal
 
 from configuration_file import ConfigurationFile
-from controller_fixtures import StartController
+from controller_fixtures import StartController, StartWith
 from controller_process import ControllerProcess
 from conversation import Conversation, ask_until_answered
 from framework.flow import Flow
@@ -149,12 +149,9 @@ def test_a_reload_may_take_back_a_move_that_has_not_begun(
 
 
 def test_a_reload_during_the_pause_with_a_port_in_use_keeps_the_old_address(
-        configuration: ConfigurationFile, start_controller: StartController, peer: UdpEnd,
-        alice: Flow) -> None:
-    configuration.tables["controller"] = "restart_pause_ms = 1000"
-    configuration.write()
+        configuration: ConfigurationFile, start_with: StartWith, peer: UdpEnd, alice: Flow) -> None:
     old = configuration.listen
-    controller = start_controller().ready()
+    controller = start_with("restart_pause_ms = 1000").ready()
     with UdpEnd() as taken:
         configuration.listen = taken.address
         configuration.write()

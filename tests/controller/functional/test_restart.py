@@ -8,13 +8,12 @@ import signal
 import time
 
 from configuration_file import ConfigurationFile
-from controller_fixtures import Answer, StartController
+from controller_fixtures import Answer, StartController, StartWith
 from controller_process import is_alive
 from conversation import Conversation, ask_until_answered
 from framework.flow import Flow, four_keys
 from framework.timing import scaled, wait_until
 from framework.udp import UdpEnd
-from programs import script
 
 FLOWS = 20
 
@@ -44,11 +43,8 @@ def test_a_killed_forwarder_is_back_within_a_second(
     assert controller.finish() == 0
 
 
-def test_a_forwarder_that_ends_at_once_is_started_with_growing_pauses(
-        configuration: ConfigurationFile, start_controller: StartController) -> None:
-    configuration.tables["controller"] = "restart_pause_ms = 1\nrestart_pause_max_ms = 3"
-    configuration.write()
-    controller = start_controller("--program", script(configuration.folder, "exit 7"))
+def test_a_forwarder_that_ends_at_once_is_started_with_growing_pauses(start_with: StartWith) -> None:
+    controller = start_with("restart_pause_ms = 1\nrestart_pause_max_ms = 3", "exit 7")
     for pause in (1, 2, 3):
         controller.wait_for(f"warn controller: starts the forwarder again in {pause} ms")
     controller.wait_for(re.compile(
@@ -70,13 +66,11 @@ def test_the_forwarder_ends_with_the_controller(
 
 
 def test_the_next_forwarder_gets_a_reload_during_the_pause(
-        configuration: ConfigurationFile, start_controller: StartController, peer: UdpEnd,
+        configuration: ConfigurationFile, start_with: StartWith, peer: UdpEnd,
         answer: Answer) -> None:
     flow = Flow(label=1, **four_keys())
     answer(flow)
-    configuration.tables["controller"] = "restart_pause_ms = 1000"
-    configuration.write()
-    controller = start_controller().ready()
+    controller = start_with("restart_pause_ms = 1000").ready()
     configuration.flows["alice"] = flow
     configuration.write()
     os.kill(controller.forwarder(), signal.SIGKILL)
