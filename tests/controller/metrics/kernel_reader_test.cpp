@@ -18,8 +18,6 @@
 
 #include "base/unique_fd.h"
 #include "kernel/kernel_watch.h"
-#include "kernel/port_warning.h"
-#include "kernel/socket_totals.h"
 
 namespace vesk::controller {
 namespace {
@@ -27,88 +25,7 @@ namespace {
 using testing::ElementsAre;
 using testing::HasSubstr;
 
-UdpSocket udpSocket(std::uint64_t inode, std::uint16_t port, std::uint64_t drops) {
-    return {"0100007F", port, 1, 10, inode, drops};
-}
-
-/// Sockets of the forwarder. Inode 3 is the socket of flow 100.
-std::vector<OwnSocket> own(std::initializer_list<std::uint64_t> inodes) {
-    std::vector<OwnSocket> sockets;
-    for (const std::uint64_t inode : inodes) {
-        sockets.push_back({inode, inode == 3 ? 100U : 0U});
-    }
-    return sockets;
-}
-
-const Listeners listeners{{"0100007F", 4500}, {"0100007F", 4600}};
-
-TEST(SocketTotalsTest, DistinguishesTheSides) {
-    EXPECT_EQ(sideOf(udpSocket(1, 4500, 0), listeners), Side::downstream);
-    EXPECT_EQ(sideOf(udpSocket(1, 4600, 0), listeners), Side::lateral);
-    EXPECT_EQ(sideOf(udpSocket(1, 4700, 0), listeners), Side::upstream);
-    // A flow's source may be the same port of another address.
-    EXPECT_EQ(sideOf({"0200007F", 4500, 0, 0, 1, 0}, listeners), Side::upstream);
-    EXPECT_EQ(sideOf({"00000000", 40000, 0, 0, 1, 0}, Listeners()), Side::upstream);
-}
-
-TEST(SocketTotalsTest, AddsUpTheSocketsOfASide) {
-    SocketTotals totals;
-    totals.add(std::vector{udpSocket(1, 4500, 5), udpSocket(2, 4600, 6), udpSocket(3, 4700, 7),
-                           udpSocket(4, 4701, 8), udpSocket(5, 4702, 9)},
-               own({1, 2, 3, 4}), listeners);
-    EXPECT_THAT(totals.present(), ElementsAre(SocketFigures{1, 10, 1}, SocketFigures{1, 10, 1},
-                                              SocketFigures{2, 20, 2}));
-    EXPECT_THAT(totals.drops(), ElementsAre(5, 6, 15));
-}
-
-TEST(SocketTotalsTest, DropsNeverFall) {
-    SocketTotals totals;
-    totals.add(std::vector{udpSocket(3, 1, 7), udpSocket(4, 2, 8)}, own({3, 4}), listeners);
-    totals.add(std::vector{udpSocket(3, 1, 9)}, own({3}), listeners);
-    EXPECT_THAT(totals.drops(), ElementsAre(0, 0, 17));
-    EXPECT_EQ(totals.present().at(2), (SocketFigures{1, 10, 1}));
-    totals.add({}, {}, listeners);
-    totals.add(std::vector{udpSocket(5, 1, 3)}, own({5}), listeners);
-    EXPECT_THAT(totals.drops(), ElementsAre(0, 0, 20));
-    // A new socket with the inode of a closed one.
-    totals.add(std::vector{udpSocket(5, 1, 1)}, own({5}), listeners);
-    EXPECT_THAT(totals.drops(), ElementsAre(0, 0, 21));
-}
-
-TEST(SocketTotalsTest, DistinguishesKnownFlows) {
-    using testing::Pair;
-    SocketTotals totals;
-    totals.add(std::vector{udpSocket(3, 1, 7), udpSocket(4, 2, 8)}, own({3, 4}), listeners);
-    EXPECT_THAT(totals.flows(), ElementsAre(Pair(100, FlowSocket{{1, 10, 1}, 7})));
-    totals.add(std::vector{udpSocket(3, 1, 9)}, own({3}), listeners);
-    EXPECT_THAT(totals.flows(), ElementsAre(Pair(100, FlowSocket{{1, 10, 1}, 2})));
-    totals.add({}, {}, listeners);
-    EXPECT_THAT(totals.flows(), testing::IsEmpty());
-}
-
-TEST(SocketTotalsTest, CountsASocketThatIsInTheTableTwiceOnce) {
-    SocketTotals totals;
-    totals.add(std::vector{udpSocket(3, 1, 7), udpSocket(3, 1, 7)}, own({3}), listeners);
-    EXPECT_THAT(totals.drops(), ElementsAre(0, 0, 7));
-    EXPECT_EQ(totals.present().at(2).sockets, 1U);
-}
-
-TEST(PortWarningTest, WarnsAgainOnlyAfterEnoughPortsWereFree) {
-    PortWarning warning;
-    EXPECT_FALSE(warning.check({89, 11}));
-    EXPECT_THAT(warning.check({90, 10}).value(),
-                HasSubstr("ephemeral ports are running out: 10 of 100 are left"));
-    EXPECT_FALSE(warning.check({95, 5}));
-    EXPECT_FALSE(warning.check({81, 19}));
-    EXPECT_FALSE(warning.check({95, 5}));
-    EXPECT_FALSE(warning.check({80, 20}));
-    EXPECT_TRUE(warning.check({100, 0}));
-}
-
-TEST(PortWarningTest, NamesTheSetting) {
-    PortWarning warning;
-    EXPECT_THAT(warning.check({1, 0}).value(), HasSubstr("net.ipv4.ip_local_port_range"));
-}
+const Listeners listeners{{"0100007F", 4500}, {}};
 
 /// An artificial proc file system with a few files, for process 7.
 class KernelReaderTest : public testing::Test {

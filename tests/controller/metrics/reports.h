@@ -63,4 +63,11 @@ inline std::vector<std::string> ordinaryLines(ReportParser& parser, std::string_
     return ordinary;
 }
 
+/// The first report in the text.
+inline Report parsed(std::string_view text) {
+    ReportParser parser;
+    ordinaryLines(parser, text);
+    return parser.takeReport().value();
+}
+
 }  // namespace vesk::controller

@@ -6,12 +6,8 @@
 #include <atomic>
 #include <cerrno>
 #include <memory>
-#include <optional>
-#include <string>
 #include <thread>
-#include <utility>
 
-#include "support/child_process.h"
 #include "support/descriptors.h"
 #include "support/printed.h"
 #include "support/thread_state.h"
@@ -187,73 +183,6 @@ TEST_F(CancellableThreadTest, ReleasesItsBodyWhenTheThreadCannotBeCreated) {
     EXPECT_EQ(thread.id(), pthread_t{});
     EXPECT_EQ(held.use_count(), 1);
     EXPECT_EQ(thread.stop(), ESRCH);
-}
-
-const std::string notCancelled =
-    "error Failed pthread_cancel: error Resource temporarily unavailable\n";
-
-/// A thread that reads from a pipe it owns and cannot be cancelled. To be made in a child process.
-struct ThreadLeftRunning {
-    struct Used {
-        Pipe pipe;
-        ThreadMark mark;
-    };
-
-    ThreadLeftRunning() : ThreadLeftRunning(std::make_shared<Used>()) {}
-
-    explicit ThreadLeftRunning(std::shared_ptr<Used> used) : watched(used) {
-        const Used& seen = *used;
-        thread.emplace();
-        EXPECT_EQ(thread->start([used = std::move(used)] {
-            used->mark.set();
-            const CancellationScope cancellable;
-            char byte = 0;
-            while (read(used->pipe.read.get(), &byte, 1) == 1) {
-            }
-        }),
-                  0);
-        EXPECT_TRUE(seen.mark.eventuallyBlocks());
-        forbidCancelling();
-    }
-
-    std::optional<CancellableThread> thread;
-    std::weak_ptr<Used> watched;
-};
-
-TEST(ThreadLeftRunningTest, IsReported) {
-    const ChildResult child = runInChild([] {
-        ThreadLeftRunning left;
-        EXPECT_EQ(left.thread->stop(), EAGAIN);
-        EXPECT_TRUE(left.thread->leftRunning());
-        EXPECT_FALSE(left.thread->started());
-        EXPECT_EQ(left.thread->id(), pthread_t{});
-        return testing::Test::HasFailure() ? 1 : 0;
-    });
-    EXPECT_EQ(child.exitCode, 0);
-    EXPECT_EQ(child.printed, notCancelled);
-}
-
-TEST(ThreadLeftRunningTest, IsNotStoppedASecondTime) {
-    const ChildResult child = runInChild([] {
-        ThreadLeftRunning left;
-        left.thread->stop();
-        EXPECT_EQ(left.thread->stop(), ESRCH);
-        EXPECT_TRUE(left.thread->leftRunning());
-        return testing::Test::HasFailure() ? 1 : 0;
-    });
-    EXPECT_EQ(child.exitCode, 0);
-    EXPECT_EQ(child.printed, notCancelled);
-}
-
-TEST(ThreadLeftRunningTest, KeepsTheObjectsOfItsBodyAfterItsHandleIsDestroyed) {
-    const ChildResult child = runInChild([] {
-        ThreadLeftRunning left;
-        left.thread.reset();
-        EXPECT_FALSE(left.watched.expired());
-        return testing::Test::HasFailure() ? 1 : 0;
-    });
-    EXPECT_EQ(child.exitCode, 0);
-    EXPECT_EQ(child.printed, notCancelled);
 }
 
 TEST(CancellationScopeTest, DisablesCancellationAtItsEnd) {
