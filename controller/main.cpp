@@ -62,7 +62,7 @@ int run(const Options& options, LogOutput& log) {
     const ReadingRules rules{options.allowReadableKeys};
     ConfigurationReading reading = readConfiguration(options.file, rules);
     for (const Problem& problem : reading.problems) {
-        log.write(LogLevel::error, describe(problem, options.file.string()));
+        log.say(LogLevel::error, describe(problem, options.file.string()));
     }
     if (!reading.configuration) {
         return exit_status::unusableFile;

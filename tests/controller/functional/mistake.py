@@ -70,17 +70,19 @@ class Section:
     rows: Sequence[Mistake]
 
 
+def _said(row: FileMistake) -> str:
+    return f"error controller: FILE:LINE: {row.says}"
+
+
 def at_start(row: FileMistake) -> Mistake:
-    return Mistake(row.what, lambda trial: trial.make_in_file(row),
-                   (f"error FILE:LINE: {row.says}",), Traffic.NOTHING, 1)
+    return Mistake(row.what, lambda trial: trial.make_in_file(row), (_said(row),), Traffic.NOTHING, 1)
 
 
 def at_reload(row: FileMistake) -> Mistake:
     def make(trial: "Trial") -> None:
         trial.make_in_file(row)
         trial.reload()
-    return Mistake(row.what, make, (f"error controller: FILE:LINE: {row.says}", UNUSABLE),
-                   Traffic.UNAFFECTED)
+    return Mistake(row.what, make, (_said(row), UNUSABLE), Traffic.UNAFFECTED)
 
 
 def pattern(message: str, names: Dict[str, str]) -> "re.Pattern[str]":

@@ -141,16 +141,16 @@ CHECK = Section("`vesk-controller --check FILE`", False, [
 
 FILE_ITSELF = Section("The file itself", False, [
     Mistake("it does not exist", _file(Path.unlink),
-            ("error FILE: cannot be read: No such file or directory",), Traffic.NOTHING, 1),
-    Mistake("it is a directory", _file(_directory), ("error FILE: is not a regular file",),
+            ("error controller: FILE: cannot be read: No such file or directory",), Traffic.NOTHING, 1),
+    Mistake("it is a directory", _file(_directory), ("error controller: FILE: is not a regular file",),
             Traffic.NOTHING, 1),
-    Mistake("it is not readable", _unreadable, ("error FILE: cannot be read: Permission denied",),
-            Traffic.NOTHING, 1),
+    Mistake("it is not readable", _unreadable,
+            ("error controller: FILE: cannot be read: Permission denied",), Traffic.NOTHING, 1),
     Mistake("it is empty", _file(lambda path: path.write_text("")),
-            ("error FILE:1: downstream is missing",), Traffic.NOTHING, 1),
+            ("error controller: FILE:1: downstream is missing",), Traffic.NOTHING, 1),
     Mistake("it contains keys, and others can read it", _file(lambda path: path.chmod(0o644)),
-            ("error FILE:...: the file contains a key and is readable by others: run chmod go-r on it, "
-             "or use --allow-readable-keys",), Traffic.NOTHING, 1),
+            ("error controller: FILE:...: the file contains a key and is readable by others: run chmod "
+             "go-r on it, or use --allow-readable-keys",), Traffic.NOTHING, 1),
     Mistake("it has no flows", _no_flows, ("info controller: the forwarder is set up: 0 flows",),
             Traffic.UNHEARD),
 ])

@@ -33,6 +33,8 @@ SYNTAX = FileSection("Lines that are not TOML", [
                 '...column 13: "]" is missing after the name of the table'),
     FileMistake("key given twice", _CAROL + "label = 4",
                 "table flows.carol, key label, column 9: the key is given twice"),
+    FileMistake("NUL byte", _upstream('"127.0.0.1:5000"') + " # a\0b",
+                "table flows.carol, key upstream, column 32: there is a NUL byte"),
     FileMistake("table defined twice", _CAROL + _CAROL,
                 "table flows.carol is defined twice, first on line ...", wrong=3),
 ])

@@ -32,9 +32,10 @@ If a row has no exit status, the controller continues to run.
 
 ## Wrong lines in the file
 
-Each message begins with `FILE:LINE: `. At the start the exit status is 1, and nothing is started. At a
-reload nothing changes: no flow loses a datagram, the correct lines of the file have no effect either, and
-the last line of the log is `{UNUSABLE}`.
+Each message begins with `error controller: FILE:LINE: `. At the start the exit status is 1, and nothing
+is started. At a reload nothing changes: no flow loses a datagram, the correct lines of the file have no effect
+either, and the last line of the log is
+`{UNUSABLE}`.
 """
 
 
@@ -52,7 +53,7 @@ def table(heads: List[str], rows: Iterable[List[str]]) -> str:
 
 
 def file_row(row: FileMistake) -> List[str]:
-    line = row.lines.splitlines()[row.wrong]
+    line = row.lines.splitlines()[row.wrong].replace("\0", "\\0")
     return [cell(row.what), code(line if len(line) <= 60 else line[:50] + " ..."), code(row.says)]
 
 

@@ -56,7 +56,7 @@ def test_every_mistake_is_reported_at_once(configuration: ConfigurationFile,
     refused = run_once(configuration, *arguments)
     assert refused.returncode == 1
     assert refused.stdout == ""
-    place = f"error {configuration.path}"
+    place = f"error controller: {configuration.path}"
     assert refused.stderr.splitlines() == [
         f"{place}:2: downstream.address must be a numeric address",
         f"{place}:5: flows.alice.upstream is missing",
@@ -67,7 +67,7 @@ def test_every_mistake_is_reported_at_once(configuration: ConfigurationFile,
 def test_missing_file(configuration: ConfigurationFile) -> None:
     refused = run_once(configuration, "--check")
     assert refused.returncode == 1
-    assert refused.stderr == (f"error {configuration.path}: cannot be read: "
+    assert refused.stderr == (f"error controller: {configuration.path}: cannot be read: "
                               "No such file or directory\n")
 
 
@@ -114,5 +114,5 @@ def test_check_describes_a_toml_syntax_error(configuration: ConfigurationFile) -
     refused = run_once(configuration, "--check")
     assert refused.returncode == 1
     assert refused.stderr == (
-        f"error {configuration.path}:2: table downstream, key address, column 16: the value is "
+        f"error controller: {configuration.path}:2: table downstream, key address, column 16: the value is "
         "not a number, true, false or a string in quotes\n")

@@ -1,13 +1,20 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <algorithm>
+#include <string>
+#include <utility>
+
 #include "configuration_text.h"
 
 namespace vesk::controller {
 namespace {
 
+using testing::AllOf;
+using testing::EndsWith;
 using testing::HasSubstr;
 using testing::Not;
+using testing::StartsWith;
 
 TEST(SyntaxError, NamesTableKeyColumnAndCause) {
     const std::pair<std::string_view, std::string_view> cases[] = {
@@ -64,7 +71,7 @@ TEST(SyntaxError, DoesNotQuoteTheParser) {
           "[]", "[flows.]", "[a b]", "x = 99999999999999999999", "x = {,}", "x = \xff", "x",
           "x = \"\\u12\"", "x = [1,,2]", "# \x01", "\"x = 1", "x = _1"}) {
         const std::string problem = problemsOf(text);
-        EXPECT_THAT(problem, testing::StartsWith("1: ")) << text;
+        EXPECT_THAT(problem, StartsWith("1: ")) << text;
         EXPECT_THAT(problem, HasSubstr("column ")) << text;
         EXPECT_THAT(problem, Not(HasSubstr("expected"))) << text;
         EXPECT_THAT(problem, Not(HasSubstr("saw"))) << text;
@@ -113,6 +120,48 @@ constexpr std::string_view fileWithKeys =
     "[flows.alice]\nlabel = 0x10001\nupstream = \"127.0.0.1:1\"\n"
     "from_peer = { key = \"7e7e7e7e7e7e7e7e7e7e7e7e7e7e7e7e\", algorithm = \"sha1\" }\n"
     "to_peer = { label = 7, key = '7e7e7e7e7e7e7e7e7e7e7e7e7e7e7e7e' }\n";
+
+TEST(SyntaxError, NamesThePlaceOfANulByte) {
+    for (std::size_t at = 0; at < fileWithKeys.size(); ++at) {
+        std::string text(fileWithKeys);
+        text.insert(at, 1, '\0');
+        const std::string_view before = fileWithKeys.substr(0, at);
+        const auto line = 1 + std::ranges::count(before, '\n');
+        const std::size_t column = at - (before.rfind('\n') + 1) + 1;
+        EXPECT_THAT(problemsOf(text),
+                    AllOf(StartsWith(std::to_string(line) + ": "),
+                          EndsWith("column " + std::to_string(column) + ": there is a NUL byte\n")))
+            << at;
+    }
+}
+
+TEST(SyntaxError, NamesThePlaceOfAControlCharacter) {
+    const std::string table = "[downstream]\n";
+    const std::pair<std::string, std::string> cases[] = {
+        {"\x01", "2: table downstream, column 1: there is a control character\n"},
+        {"# a comment \x7f", "2: table downstream, column 13: there is a control character\n"},
+        {"port = 1 # a port \x02",
+         "2: table downstream, key port, column 19: there is a control "
+         "character\n"},
+        {"port = \"\xc3\xa4\xc3\xb6\" \x02",
+         "2: table downstream, key port, column 13: there is a control "
+         "character\n"},
+        {"address = '\x1b[m'",
+         "2: table downstream, key address, column 12: there is a control "
+         "character\n"},
+    };
+    for (const auto& [line, expected] : cases) {
+        EXPECT_EQ(problemsOf(table + line + "\n"), expected);
+    }
+}
+
+TEST(SyntaxError, NamesACarriageReturnWithinALine) {
+    for (const std::string_view text : {"port = 1\rx = 2\n", "# text\rx = 2\n"}) {
+        EXPECT_THAT(problemsOf(text),
+                    EndsWith("a carriage return is not followed by a line feed\n"));
+    }
+    EXPECT_EQ(problemsOf("port =\r\n"), "1: key port, column 7: the value is missing\n");
+}
 
 TEST(SyntaxError, DoesNotShowKeysOfAFileWithOneCharacterChanged) {
     ASSERT_EQ(problemsOf(fileWithKeys), "");
