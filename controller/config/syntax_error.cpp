@@ -65,7 +65,8 @@ std::string_view inWords(std::string_view description) {
     return meaning != meanings.end() ? meaning->words : noValue;
 }
 
-/// The control character with which the text begins, if any. A carriage return may end a line.
+/// What to report about a control character with which the text begins; empty if there is none. A
+/// carriage return may end a line.
 std::string_view controlCharacter(std::string_view text) {
     if (text.starts_with('\0')) {
         return "there is a NUL byte";
