@@ -8,7 +8,7 @@ from __future__ import annotations
 import sys
 from pathlib import Path
 
-from joined_sources import Flags, check_folder, compile_errors
+from joined_sources import Flags, check_folders, compile_errors
 
 
 def check(path: Path, flags: Flags) -> str:
@@ -16,7 +16,7 @@ def check(path: Path, flags: Flags) -> str:
 
 
 def main() -> int:
-    status = check_folder(Path(sys.argv[1]).resolve(), Path(sys.argv[2]).resolve(), "src", check)
+    status = check_folders(Path(sys.argv[1]).resolve(), Path(sys.argv[2]).resolve(), ["src"], check)
     if status == 0:
         print("every lock is held where it is needed")
     return status

@@ -12,83 +12,139 @@ import shlex
 import subprocess
 import sys
 import tempfile
-from collections import defaultdict
+from dataclasses import dataclass
 from pathlib import Path
-from typing import Callable, Dict, List, Tuple
+from typing import Callable, Dict, Iterator, List, Sequence, Set, Tuple
 
-# Larger units save little more time, and the check of one unit uses one processor only.
-FILES_IN_ONE = 24
+# The check of one unit needs memory for all its files.
+FILES_IN_ONE = 90
 
 Flags = Tuple[str, ...]
 # Takes a source file and its compiler flags; returns the findings, or an empty text.
 Check = Callable[[Path, Flags], str]
 
+_INCLUDE = re.compile(r'^(\s*#\s*include\s+)"([^"]+)"')
+_MACRO = re.compile(r"-D(\w+)")
+# Every fuzz target defines this function.
+_ENTRY = "LLVMFuzzerTestOneInput"
+
 
 def flags_of(command: Dict[str, str]) -> Flags:
-    """The compiler's flags without the compiler, its launcher, the file and the output."""
+    """The flags that the meaning of the file depends on."""
     words = shlex.split(command["command"])
-    words = words[next(i for i, word in enumerate(words) if word.startswith("-")):]
-    output = words.index("-o")
-    del words[output:output + 2]
-    return tuple(word for word in words if word not in ("-c", command["file"]))
+    flags = []
+    for word, following in zip(words, [*words[1:], ""]):
+        if word == "-isystem":
+            flags.append(word + following)
+        # Only an optimising compiler can fortify; clang-tidy would report the flag.
+        elif word.startswith(("-I", "-D", "-std=")) and not word.startswith("-D_FORTIFY_SOURCE"):
+            flags.append(word)
+    return tuple(flags)
 
 
-def groups_of(root: Path, tree: Path, folder: str) -> List[Tuple[List[Path], Flags]]:
-    """The source files of the folder, grouped by equal compiler flags."""
-    commands = json.loads((tree / "compile_commands.json").read_text(encoding="utf-8"))
-    flags = {Path(command["file"]): flags_of(command) for command in commands}
-    groups: Dict[Flags, List[Path]] = defaultdict(list)
-    for path in sorted((root / folder).rglob("*.cpp")):
+def flags_by_file(tree: Path) -> Dict[Path, Flags]:
+    """The flags of each compiled file, also of those that the build includes in a batch."""
+    found: Dict[Path, Flags] = {}
+    for command in json.loads((tree / "compile_commands.json").read_text(encoding="utf-8")):
+        path = Path(command["file"])
+        files = re.findall(r'^#include "(.*)"', path.read_text(encoding="utf-8"), re.MULTILINE) \
+            if path.is_relative_to(tree) and path.suffix == ".cxx" else [command["file"]]
+        found.update((Path(file), flags_of(command)) for file in files)
+    return found
+
+
+@dataclass
+class Group:
+    """Files that can be compiled with the same flags."""
+
+    files: List[Path]
+    flags: Flags
+
+    def takes(self, flags: Flags) -> bool:
+        """Whether no macro is defined differently by these flags."""
+        own = {macro[1]: flag for flag in self.flags if (macro := _MACRO.match(flag))}
+        return len(self.files) < FILES_IN_ONE and all(
+            own.get(macro[1], flag) == flag for flag in flags if (macro := _MACRO.match(flag)))
+
+    def add(self, file: Path, flags: Flags) -> None:
+        self.files.append(file)
+        self.flags = tuple(dict.fromkeys((*self.flags, *flags)))
+
+
+def groups_of(root: Path, tree: Path, folders: Sequence[str]) -> List[Group]:
+    """The source files of the folders, in as few groups as possible."""
+    flags = flags_by_file(tree)
+    groups: List[Group] = []
+    for path in (path for folder in folders for path in sorted((root / folder).rglob("*.cpp"))):
         if path not in flags:
             sys.exit(f"{path}: is compiled by no target of {tree}")
-        groups[flags[path]].append(path)
-    return [(paths[first:first + FILES_IN_ONE], key) for key, paths in groups.items()
-            for first in range(0, len(paths), FILES_IN_ONE)]
+        group = next((group for group in groups if group.takes(flags[path])), None)
+        if group is None:
+            group = Group([], ())
+            groups.append(group)
+        group.add(path, flags[path])
+    return groups
 
 
 def compile_errors(path: Path, flags: Flags, *more: str) -> str:
     """The messages of clang for a file; empty if there are none."""
-    done = subprocess.run(["clang++", *flags, "-fsyntax-only", "-Wno-unknown-warning-option", *more, str(path)],
+    done = subprocess.run(["clang++", *flags, "-fsyntax-only", "-ferror-limit=0", "-Wno-unknown-warning-option",
+                           *more, str(path)],
                           stdout=subprocess.PIPE, stderr=subprocess.STDOUT, text=True, check=False)
     return done.stdout if done.returncode else ""
 
 
 def joined(files: List[Path], path: Path) -> List[Tuple[Path, int]]:
     """Writes the joined text to the path. Returns the original file and line of each line."""
+
+    def beside(match: "re.Match[str]") -> str:
+        header = file.parent / match[2]
+        return f'{match[1]}"{header}"' if header.exists() else match[0]
+
     origins = []
     with path.open("w", encoding="utf-8") as out:
-        for file in files:
-            lines = file.read_text(encoding="utf-8").splitlines()
-            out.writelines(f"{line}\n" for line in lines)
+        for place, file in enumerate(files):
+            lines = file.read_text(encoding="utf-8").replace(_ENTRY, f"{_ENTRY}{place}").splitlines()
+            out.writelines(f"{_INCLUDE.sub(beside, line)}\n" for line in lines)
             origins += [(file, number) for number in range(1, len(lines) + 1)]
     return origins
 
 
-def check_group(files: List[Path], flags: Flags, check: Check, folder: Path) -> str:
-    """The findings of a check in files that are compiled with the same flags."""
-    if len(files) == 1:
-        return check(files[0], flags)
-    path = folder / "joined.cpp"
-    origins = joined(files, path)
-    # Files that cannot be compiled together because they use a name twice are checked in smaller
-    # groups.
-    if compile_errors(path, flags, "-w"):
-        half = len(files) // 2
-        return (check_group(files[:half], flags, check, folder)
-                + check_group(files[half:], flags, check, folder))
-
-    def origin(match: "re.Match[str]") -> str:
-        file, line = origins[int(match[1]) - 1]
-        return f"{file}:{line}"
-
-    return re.sub(re.escape(str(path)) + r":(\d+)", origin, check(path, flags))
+def files_with_errors(path: Path, flags: Flags, origins: List[Tuple[Path, int]]) -> Set[Path]:
+    """The files with the text or the includes that do not compile in the joined text."""
+    errors = compile_errors(path, flags, "-w")
+    lines = re.findall(re.escape(str(path)) + r":(\d+)(?::\n(?:In file included from .*\n)*\S+)?:\d+: (?:fatal )?error:",
+                       errors)
+    if errors and not lines:
+        sys.exit(errors)
+    return {origins[int(line) - 1][0] for line in lines}
 
 
-def check_folder(root: Path, tree: Path, folder: str, check: Check) -> int:
-    """Prints the findings in every source file of the folder. Returns 1 if there are any, else 0."""
+def units_of(group: Group, path: Path) -> Iterator[List[Tuple[Path, int]]]:
+    """Writes the text of one unit after the other to the path. Files that cannot be compiled together because
+    they use a name twice are in different units."""
+    waiting = group.files
+    while waiting:
+        files, waiting = waiting, []
+        origins = joined(files, path)
+        while len(files) > 1 and (wrong := files_with_errors(path, group.flags, origins)):
+            # The first file has only errors of its own, which the check reports.
+            kept = files[:1] if files[0] in wrong else [file for file in files if file not in wrong]
+            waiting += [file for file in files if file not in kept]
+            files = kept
+            origins = joined(files, path)
+        yield origins
+
+
+def check_folders(root: Path, tree: Path, folders: Sequence[str], check: Check) -> int:
+    """Prints the findings in every source file of the folders. Returns 1 if there are any, else 0."""
     findings = ""
     with tempfile.TemporaryDirectory() as temporary:
-        for files, flags in groups_of(root, tree, folder):
-            findings += check_group(files, flags, check, Path(temporary))
+        path = Path(temporary) / "joined.cpp"
+        for group in groups_of(root, tree, folders):
+            for origins in units_of(group, path):
+                findings += re.sub(re.escape(str(path)) + r":(\d+)",
+                                   lambda match: "{}:{}".format(*origins[int(match[1]) - 1]),
+                                   check(path, group.flags))
     print(findings, end="")
     return 1 if findings else 0

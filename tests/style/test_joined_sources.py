@@ -26,6 +26,21 @@ int text(const int* pointer) {
 }  // namespace
 int second(const int& number) { return text(&number); }
 """
+MOVED = """#include <string>
+#include <utility>
+std::string twice(std::string text) {
+    std::string moved = std::move(text);
+    return moved + text;
+}
+"""
+UNREADABLE = """int sign(int number) {
+    if (number < 0) {
+        return -1;
+    } else {
+        return 1;
+    }
+}
+"""
 SAME_NAME = "namespace {\nint text(const int*) { return 3; }\n}  // namespace\nint third() { return text(nullptr); }\n"
 UNLOCKED = """struct __attribute__((capability("mutex"))) Lock {};
 Lock lock;
@@ -39,7 +54,8 @@ def root(tmp_path: Path) -> Path:
     (tmp_path / "src").mkdir()
     (tmp_path / "src/quiet.cpp").write_text(QUIET, encoding="utf-8")
     (tmp_path / ".clang-tidy").write_text(
-        "Checks: '-*,clang-analyzer-core.*,modernize-use-nullptr'\nWarningsAsErrors: '*'\n"
+        "Checks: '-*,clang-analyzer-core.*,bugprone-use-after-move,modernize-use-nullptr,"
+        "readability-else-after-return'\nWarningsAsErrors: '*'\n"
         "HeaderFilterRegex: 'src/.*'\n", encoding="utf-8")
     return tmp_path
 
@@ -50,7 +66,7 @@ def check(root: Path, name: str, files: Dict[str, str],
         (root / "src" / file).write_text(text, encoding="utf-8")
     commands = [{"directory": str(root), "file": str(path),
                  "command": f"ccache c++ -I{root}/src -std=c++20 -Wall -o {path.name}.o -c {path}"}
-                for path in (root / "src").glob("*.cpp")]
+                for path in (root / "src").rglob("*.cpp")]
     (root / "compile_commands.json").write_text(json.dumps(commands), encoding="utf-8")
     return subprocess.run([sys.executable, "-B", str(CHECKS / name), str(root), str(root), *arguments],
                           capture_output=True, text=True, check=False, timeout=120)
@@ -82,6 +98,45 @@ def test_files_that_cannot_be_joined_are_checked_separately(root: Path) -> None:
     assert done.returncode == 1
     assert f"{root}/src/z.cpp:4:16: error: Dereference of null pointer" in done.stdout
     assert "redefinition" not in done.stdout
+
+
+def test_findings_of_each_kind_are_reported_with_their_places(root: Path) -> None:
+    done = tidy(root, {"a.cpp": "int first() { return 1; }\n", "l.cpp": UNREADABLE, "m.cpp": MOVED,
+                       "z.cpp": DEREFERENCING})
+    assert done.returncode == 1
+    assert f"{root}/src/l.cpp:4:7: error: do not use 'else' after 'return'" in done.stdout
+    assert f"{root}/src/m.cpp:5:20: error: 'text' used after it was moved" in done.stdout
+    assert f"{root}/src/z.cpp:4:16: error: Dereference of null pointer" in done.stdout
+
+
+def test_header_beside_a_source_file_is_found(root: Path) -> None:
+    (root / "src/part").mkdir()
+    (root / "src/part/beside.h").write_text(HEADER, encoding="utf-8")
+    done = tidy(root, {"a.cpp": QUIET.replace("doubled", "first"), "part/b.cpp": '#include "beside.h"\n'})
+    assert done.returncode == 1
+    assert f"{root}/src/part/beside.h:2:22: error: use nullptr" in done.stdout
+
+
+def test_file_that_does_not_compile_is_reported_beside_others(root: Path) -> None:
+    done = tidy(root, {"a.cpp": "int first() { return unknown; }\n", "z.cpp": DEREFERENCING})
+    assert done.returncode == 1
+    assert f"{root}/src/a.cpp:1:22: error: use of undeclared identifier 'unknown'" in done.stdout
+    assert f"{root}/src/z.cpp:4:16: error: Dereference of null pointer" in done.stdout
+
+
+def test_file_compiled_in_a_batch_is_checked(root: Path) -> None:
+    tidy(root, {"z.cpp": DEREFERENCING})
+    batch = root / "tree/unity_0.cxx"
+    batch.parent.mkdir()
+    batch.write_text("".join(f'#include "{path}"\n' for path in (root / "src").glob("*.cpp")), encoding="utf-8")
+    (root / "tree/compile_commands.json").write_text(json.dumps(
+        [{"directory": str(root), "file": str(batch), "command": f"c++ -std=c++20 -o batch.o -c {batch}"}]),
+        encoding="utf-8")
+    done = subprocess.run(
+        [sys.executable, "-B", str(CHECKS / "check_tidy.py"), str(root), str(root / "tree"), "src"],
+        capture_output=True, text=True, check=False, timeout=120)
+    assert done.returncode == 1
+    assert f"{root}/src/z.cpp:4:16: error: Dereference of null pointer" in done.stdout
 
 
 def test_file_that_is_not_compiled_is_reported(root: Path) -> None:

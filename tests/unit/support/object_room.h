@@ -25,7 +25,7 @@ class Room {
 
     bool holds(const Bytes& secret) const {
         const Bytes all = contents();
-        return !std::ranges::search(all, secret).empty();
+        return std::search(all.begin(), all.end(), secret.begin(), secret.end()) != all.end();
     }
 
  private:

@@ -13,6 +13,7 @@
 #include "datapath/documented_datagrams.h"
 #include "datapath/wire/authentication.h"
 #include "datapath/wire/lateral_header.h"
+#include "flow/hmac_info.h"
 
 #include "support/bytes.h"
 

@@ -99,7 +99,7 @@ class PassingErrorTest : public EndpointLifecycleTest,
 
 TEST_P(PassingErrorTest, LogsAWarningAndKeepsTheEndpoint) {
     const auto [error, text] = GetParam();
-    EXPECT_EQ(printedBy([&] {
+    EXPECT_EQ(printedBy([&, error = error] {
                   EXPECT_EQ(
                       reportUpstreamNetworkError(*endpoint, "DOWN_TO_UP_SEND:", error, *context),
                       0);
@@ -121,7 +121,7 @@ class FatalErrorTest : public EndpointLifecycleTest,
 
 TEST_P(FatalErrorTest, LogsAnErrorAndDeletesTheEndpoint) {
     const auto [error, text] = GetParam();
-    EXPECT_EQ(printedBy([&] {
+    EXPECT_EQ(printedBy([&, error = error] {
                   EXPECT_EQ(reportUpstreamNetworkError(*endpoint, "UP_RECEIVE:", error, *context),
                             1);
               }),
