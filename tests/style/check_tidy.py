@@ -1,10 +1,13 @@
 """Fails if clang-tidy reports anything for the source files of some folders or the headers they include.
 
+The settings are those of the first folder: its .clang-tidy may extend those of the folders above it.
+
 Usage: check_tidy.py ROOT BUILD-TREE FOLDER...
 """
 
 from __future__ import annotations
 
+import shutil
 import subprocess
 import sys
 from pathlib import Path
@@ -16,13 +19,18 @@ from joined_sources import Flags, check_folders
 # one function costs six times as much.
 ANALYZER = ("-analyzer-inlining-mode=all", "-analyzer-config", "max-nodes=30000")
 
+SETTINGS = ".clang-tidy"
+
 
 def main() -> int:
-    root, tree = Path(sys.argv[1]).resolve(), Path(sys.argv[2]).resolve()
+    root, tree, first = Path(sys.argv[1]).resolve(), Path(sys.argv[2]).resolve(), Path(sys.argv[3])
 
     def check(path: Path, flags: Flags) -> str:
+        for folder in (first, *first.parents):
+            if (root / folder / SETTINGS).exists():
+                shutil.copy(root / folder / SETTINGS, path.parents[len(first.parts)] / folder)
         done = subprocess.run(
-            ["clang-tidy", "--quiet", f"--config-file={root / '.clang-tidy'}", str(path), "--", *flags,
+            ["clang-tidy", "--quiet", str(path), "--", *flags,
              *(word for option in ANALYZER for word in ("-Xclang", option))],
             stdout=subprocess.PIPE, stderr=subprocess.PIPE, text=True, check=False)
         return done.stdout or (done.stderr if done.returncode else "")

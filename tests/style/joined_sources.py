@@ -17,7 +17,7 @@ from pathlib import Path
 from typing import Callable, Dict, Iterator, List, Sequence, Set, Tuple
 
 # The check of one unit needs memory for all its files.
-FILES_IN_ONE = 90
+FILES_IN_ONE = 200
 
 Flags = Tuple[str, ...]
 # Takes a source file and its compiler flags; returns the findings, or an empty text.
@@ -25,8 +25,8 @@ Check = Callable[[Path, Flags], str]
 
 _INCLUDE = re.compile(r'^(\s*#\s*include\s+)"([^"]+)"')
 _MACRO = re.compile(r"-D(\w+)")
-# Every fuzz target defines this function.
-_ENTRY = "LLVMFuzzerTestOneInput"
+# Every fuzz target defines the one, every program the other.
+_ENTRY = re.compile(r"\b(LLVMFuzzerTestOneInput|int main)(?=\()")
 
 
 def flags_of(command: Dict[str, str]) -> Flags:
@@ -63,8 +63,7 @@ class Group:
     def takes(self, flags: Flags) -> bool:
         """Whether no macro is defined differently by these flags."""
         own = {macro[1]: flag for flag in self.flags if (macro := _MACRO.match(flag))}
-        return len(self.files) < FILES_IN_ONE and all(
-            own.get(macro[1], flag) == flag for flag in flags if (macro := _MACRO.match(flag)))
+        return all(own.get(macro[1], flag) == flag for flag in flags if (macro := _MACRO.match(flag)))
 
     def add(self, file: Path, flags: Flags) -> None:
         self.files.append(file)
@@ -104,17 +103,19 @@ def joined(files: List[Path], path: Path) -> List[Tuple[Path, int]]:
     origins = []
     with path.open("w", encoding="utf-8") as out:
         for place, file in enumerate(files):
-            lines = file.read_text(encoding="utf-8").replace(_ENTRY, f"{_ENTRY}{place}").splitlines()
+            lines = _ENTRY.sub(rf"\g<1>{place}", file.read_text(encoding="utf-8")).splitlines()
             out.writelines(f"{_INCLUDE.sub(beside, line)}\n" for line in lines)
             origins += [(file, number) for number in range(1, len(lines) + 1)]
     return origins
 
 
 def files_with_errors(path: Path, flags: Flags, origins: List[Tuple[Path, int]]) -> Set[Path]:
-    """The files with the text or the includes that do not compile in the joined text."""
+    """The files with the text that does not compile in the joined text, or else with the includes. The first file
+    that includes a template is not the one whose use of it is wrong."""
     errors = compile_errors(path, flags, "-w")
-    lines = re.findall(re.escape(str(path)) + r":(\d+)(?::\n(?:In file included from .*\n)*\S+)?:\d+: (?:fatal )?error:",
-                       errors)
+    place = re.escape(str(path)) + r":(\d+)"
+    lines = re.findall(place + r":\d+: (?:fatal )?error:", errors) or re.findall(
+        place + r":\n(?:In file included from .*\n)*\S+:\d+: (?:fatal )?error:", errors)
     if errors and not lines:
         sys.exit(errors)
     return {origins[int(line) - 1][0] for line in lines}
@@ -125,7 +126,7 @@ def units_of(group: Group, path: Path) -> Iterator[List[Tuple[Path, int]]]:
     they use a name twice are in different units."""
     waiting = group.files
     while waiting:
-        files, waiting = waiting, []
+        files, waiting = waiting[:FILES_IN_ONE], waiting[FILES_IN_ONE:]
         origins = joined(files, path)
         while len(files) > 1 and (wrong := files_with_errors(path, group.flags, origins)):
             # The first file has only errors of its own, which the check reports.
@@ -137,10 +138,12 @@ def units_of(group: Group, path: Path) -> Iterator[List[Tuple[Path, int]]]:
 
 
 def check_folders(root: Path, tree: Path, folders: Sequence[str], check: Check) -> int:
-    """Prints the findings in every source file of the folders. Returns 1 if there are any, else 0."""
+    """Prints the findings in every source file of the folders. Returns 1 if there are any, else 0. The joined text is
+    in a folder that is named as the first one."""
     findings = ""
     with tempfile.TemporaryDirectory() as temporary:
-        path = Path(temporary) / "joined.cpp"
+        path = Path(temporary) / folders[0] / "joined.cpp"
+        path.parent.mkdir(parents=True)
         for group in groups_of(root, tree, folders):
             for origins in units_of(group, path):
                 findings += re.sub(re.escape(str(path)) + r":(\d+)",

@@ -109,6 +109,34 @@ def test_findings_of_each_kind_are_reported_with_their_places(root: Path) -> Non
     assert f"{root}/src/z.cpp:4:16: error: Dereference of null pointer" in done.stdout
 
 
+def test_program_is_joined_with_others(root: Path) -> None:
+    (root / "src/part.h").write_text(HEADER, encoding="utf-8")
+    program = '#include "part.h"\nint main() { return 0; }\n'
+    done = tidy(root, {"a.cpp": program, "b.cpp": program})
+    assert done.stdout.count("use nullptr") == 1, done.stdout
+
+
+def test_only_the_file_that_uses_a_template_wrongly_is_separate(root: Path) -> None:
+    (root / "src/part.h").write_text(
+        HEADER + "template <typename A, typename B> auto sum(A a, B b) { return a + b; }\n", encoding="utf-8")
+    done = tidy(root, {"a.cpp": INCLUDING, "b.cpp": INCLUDING.replace("first", "second"),
+                       "c.cpp": '#include "part.h"\nnamespace {\nstruct Size {};\nSize size;\n}\n',
+                       "z.cpp": '#include "part.h"\nnamespace {\nint size = 1;\n}\n'
+                                "int third() { return sum(size, 1); }\n"})
+    assert "invalid operands" not in done.stdout
+    assert done.stdout.count("use nullptr") == 2, done.stdout
+
+
+def test_folder_extends_the_settings(root: Path) -> None:
+    (root / "src/part").mkdir()
+    (root / "src/.clang-tidy").write_text(
+        "InheritParentConfig: true\nChecks: '-readability-else-after-return'\n", encoding="utf-8")
+    done = check(root, "check_tidy.py", {"part/l.cpp": UNREADABLE, "part/m.cpp": MOVED}, "src/part")
+    assert done.returncode == 1
+    assert "do not use 'else'" not in done.stdout
+    assert f"{root}/src/part/m.cpp:5:20: error: 'text' used after it was moved" in done.stdout
+
+
 def test_header_beside_a_source_file_is_found(root: Path) -> None:
     (root / "src/part").mkdir()
     (root / "src/part/beside.h").write_text(HEADER, encoding="utf-8")
