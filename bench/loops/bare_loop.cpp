@@ -12,10 +12,10 @@ namespace vesk::bench {
 namespace {
 
 using BareLoop = Loop<CachedHmac>;
-using Buffer = std::array<std::byte, maxDatagramSize>;
+using DatagramBuffer = std::array<std::byte, maxDatagramSize>;
 
 // Returns an empty span for a failed or empty receive.
-std::span<std::byte> receive(const UdpSocket& socket, Buffer& buffer, sockaddr_in& source) {
+std::span<std::byte> receive(const UdpSocket& socket, DatagramBuffer& buffer, sockaddr_in& source) {
     socklen_t length = sizeof source;
     const ssize_t got = ::recvfrom(socket.fd(), buffer.data(), buffer.size(), 0,
                                    reinterpret_cast<sockaddr*>(&source), &length);
@@ -29,7 +29,7 @@ void send(const UdpSocket& socket, std::span<const std::byte> datagram,
 }
 
 void upward(BareLoop& loop) {
-    Buffer buffer;
+    DatagramBuffer buffer;
     sockaddr_in source{};
     while (!loop.stopping.load(std::memory_order_relaxed)) {
         const auto datagram = receive(loop.downstream, buffer, source);
@@ -41,7 +41,7 @@ void upward(BareLoop& loop) {
 }
 
 void downward(BareLoop& loop) {
-    Buffer buffer;
+    DatagramBuffer buffer;
     sockaddr_in source{};
     while (!loop.stopping.load(std::memory_order_relaxed)) {
         const auto datagram = receive(loop.upstream, buffer, source);

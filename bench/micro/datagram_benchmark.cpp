@@ -38,14 +38,14 @@ HmacInfo makeKey(const HmacAlgorithm& algorithm) {
 
 void parse(benchmark::State& state, const FramingDescriptor& framing) {
     const Buffer buffer = makeDatagram(framing);
-    for (auto _ : state) {
+    for ([[maybe_unused]] auto _ : state) {
         benchmark::DoNotOptimize(parseDatagram(framing, buffer, 532));
     }
 }
 
 void relabel(benchmark::State& state) {
     Buffer buffer = makeDatagram(framingV2);
-    for (auto _ : state) {
+    for ([[maybe_unused]] auto _ : state) {
         rewriteLabel(framingV2, buffer, 0x12345678);
         benchmark::ClobberMemory();
     }
@@ -55,7 +55,7 @@ void sign(benchmark::State& state, const HmacAlgorithm& algorithm) {
     Buffer buffer = makeDatagram(framingV2);
     HmacInfo key = makeKey(algorithm);
     const std::size_t length = framingV2.minHeaderSize + static_cast<std::size_t>(state.range(0));
-    for (auto _ : state) {
+    for ([[maybe_unused]] auto _ : state) {
         benchmark::DoNotOptimize(
             signDatagram(framingV2, buffer, framingV2.minHeaderSize, length, key));
     }
@@ -67,7 +67,7 @@ void check(benchmark::State& state, const HmacAlgorithm& algorithm) {
     HmacInfo key = makeKey(algorithm);
     const std::size_t length = framingV2.minHeaderSize + static_cast<std::size_t>(state.range(0));
     signDatagram(framingV2, buffer, framingV2.minHeaderSize, length, key);
-    for (auto _ : state) {
+    for ([[maybe_unused]] auto _ : state) {
         if (!checkDatagram(framingV2, buffer, framingV2.minHeaderSize, length, key)) {
             state.SkipWithError("its own signature fails the check");
             break;

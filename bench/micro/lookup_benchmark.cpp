@@ -46,7 +46,7 @@ void lookUp(benchmark::State& state, Find find) {
     // A stride that is coprime to the sizes visits every flow, and never two adjacent ones in turn.
     constexpr int stride = 37;
     int flow = state.thread_index() % flows;
-    for (auto _ : state) {
+    for ([[maybe_unused]] auto _ : state) {
         benchmark::DoNotOptimize(find(manager, flow));
         flow = (flow + stride) % flows;
     }

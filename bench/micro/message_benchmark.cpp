@@ -17,7 +17,7 @@ void buildOutgoing(benchmark::State& state, const char* address, std::int32_t ds
     const IPAddrInfo peer(address, 4500);
     const LocalAddress local{IPAddrInfo(address, 9000).socketAddress(), true};
     std::array<std::uint8_t, 532> datagram{};
-    for (auto _ : state) {
+    for ([[maybe_unused]] auto _ : state) {
         OutgoingMessage message;
         message.setDatagram(datagram);
         message.setDestination(peer.socketAddress());
@@ -30,7 +30,7 @@ void buildOutgoing(benchmark::State& state, const char* address, std::int32_t ds
 
 void prepareIncoming(benchmark::State& state) {
     VeskEndpointDescriptor endpoint(0, 100, 100, FlowDesc(), [](int, int) {});
-    for (auto _ : state) {
+    for ([[maybe_unused]] auto _ : state) {
         IncomingMessage message;
         message.prepare(endpoint);
         benchmark::DoNotOptimize(message.header());

@@ -29,7 +29,7 @@ using testing::StartsWith;
 using Clock = std::chrono::steady_clock;
 
 // More than the kernel buffers for a client that does not read.
-constexpr std::size_t longText = 8 * 1024 * 1024;
+constexpr std::size_t longText = std::size_t{8} * 1024 * 1024;
 constexpr const char* halfARequest = "GET /short HTTP/1.1\r\nHost: localhost\r\n";
 
 class HttpServerTest : public testing::Test {
@@ -189,8 +189,10 @@ TEST_F(HttpServerTest, LimitsTheLongAnswersThatAreNotRead) {
 }
 
 TEST_F(HttpServerTest, EndsWithoutWaitingForItsClients) {
+    constexpr std::size_t clients = 61;
     std::vector<UniqueFd> waiting;
-    for (int i = 0; i < 60; ++i) {
+    waiting.reserve(clients);
+    while (waiting.size() < clients - 1) {
         waiting.push_back(connectionThatSays(halfARequest));
     }
     waiting.push_back(connectionThatSays("GET /long HTTP/1.1\r\nHost: localhost\r\n\r\n"));

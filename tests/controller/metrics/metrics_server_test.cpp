@@ -140,6 +140,7 @@ TEST_F(MetricsServerTest, LosesNoCountsDuringRequests) {
     constexpr int reports = 200;
     std::atomic<bool> done{false};
     std::vector<std::thread> readers;
+    readers.reserve(2);
     for (int i = 0; i < 2; ++i) {
         readers.emplace_back([&] {
             do {

@@ -12,6 +12,7 @@ using testing::ElementsAre;
 
 std::vector<std::string> linesOf(const std::vector<Command>& commands) {
     std::vector<std::string> lines;
+    lines.reserve(commands.size());
     for (const Command& command : commands) {
         lines.push_back(toLine(command));
     }

@@ -13,6 +13,7 @@ using testing::IsEmpty;
 
 std::vector<std::string> changedLines(const std::vector<Command>& commands) {
     std::vector<std::string> lines;
+    lines.reserve(commands.size());
     for (const Command& command : commands) {
         lines.push_back(toLine(command));
     }

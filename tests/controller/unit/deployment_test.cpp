@@ -150,6 +150,7 @@ const std::string withLateral =
 
 std::vector<std::string> wordsOf(const std::vector<Command>& commands) {
     std::vector<std::string> words;
+    words.reserve(commands.size());
     for (const Command& command : commands) {
         words.push_back(command.word);
     }

@@ -21,14 +21,15 @@ TEST(LogEventsTest, FindsCountedLines) {
 }
 
 TEST(LogEventsTest, IgnoresOtherLines) {
+    constexpr const char* noRoute =
+        "warn DOWN_TO_UP_SEND: network error on upstream endpoint of label 0x5/5, errno 113 "
+        "(No route to host).";
     for (const char* line :
          {"", "info ", "info downstreamPacketReceivedFailed HMAC Check!",
           "debug Got message: downstreamPacketReceivedFailed HMAC Check!",
           "downstreamPacketReceivedFailed HMAC Check! ",
           "debug Created upstream endpoint: label 0x10001/65537 sockfds 7 8",
-          "debug Failed to create upstream endpoint with label 5",
-          "warn DOWN_TO_UP_SEND: network error on upstream endpoint of label 0x5/5, errno 113 (No "
-          "route to host).",
+          "debug Failed to create upstream endpoint with label 5", noRoute,
           "error Unrecognised command ' Endpoint Deleted'", "error Endpoint Deleted"}) {
         EXPECT_FALSE(eventOf(classify(line))) << line;
     }

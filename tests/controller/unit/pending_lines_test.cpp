@@ -53,7 +53,7 @@ TEST(PendingLines, KeepsAllBytesOfALongBacklog) {
         const std::string piece(lines.front(777));
         seen += piece;
         lines.drop(piece.size());
-        if (seen.size() == 777 * 400) {
+        if (seen.size() == std::size_t{777} * 400) {
             lines.add("late");
             expected += "late\n";
         }
@@ -67,7 +67,7 @@ TEST(PendingLines, DetectsTheBeginningOfALineInALongBacklog) {
     for (int i = 0; i < 4; ++i) {
         lines.add(line);
     }
-    lines.drop(3 * 50001);
+    lines.drop(3 * (line.size() + 1));
     EXPECT_EQ(lines.size(), 50001U);
     lines.keepLineBegun();
     EXPECT_TRUE(lines.empty());

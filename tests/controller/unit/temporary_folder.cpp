@@ -24,7 +24,7 @@ TemporaryFolder::~TemporaryFolder() {
 
 std::filesystem::path TemporaryFolder::write(const std::string& name, std::string_view text,
                                              mode_t mode) const {
-    const std::filesystem::path file = path_ / name;
+    std::filesystem::path file = path_ / name;
     std::ofstream(file) << text;
     if (chmod(file.c_str(), mode) != 0) {
         throw std::runtime_error("no such permissions for " + file.string());

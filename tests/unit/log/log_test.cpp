@@ -156,6 +156,7 @@ TEST(LogTest, NeverMixesLinesOfSeveralThreads) {
                                          std::string(1000, 'c')};
     const std::string printed = printedBy([&] {
         std::vector<std::thread> threads;
+        threads.reserve(texts.size());
         for (const std::string& text : texts) {
             threads.emplace_back([&text] {
                 for (int i = 0; i < lineCount; ++i) {

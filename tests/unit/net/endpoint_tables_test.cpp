@@ -18,6 +18,7 @@ EndpointPtr endpointOf(std::uint32_t label) {
 
 std::vector<std::uint32_t> labelsOf(const std::vector<EndpointPtr>& endpoints) {
     std::vector<std::uint32_t> labels;
+    labels.reserve(endpoints.size());
     for (const EndpointPtr& endpoint : endpoints) {
         labels.push_back(endpoint->label);
     }

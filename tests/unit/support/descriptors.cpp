@@ -75,7 +75,7 @@ DescriptorShortage::DescriptorShortage(int spare) {
     EXPECT_EQ(getrlimit(RLIMIT_NOFILE, &before_), 0);
     const UniqueFd lowestFree(open("/dev/null", O_RDONLY));
     rlimit tight = before_;
-    tight.rlim_cur = static_cast<rlim_t>(lowestFree.get() + spare);
+    tight.rlim_cur = static_cast<rlim_t>(lowestFree.get()) + static_cast<rlim_t>(spare);
     EXPECT_EQ(setrlimit(RLIMIT_NOFILE, &tight), 0);
 }
 

@@ -18,6 +18,7 @@ void runPendingAction() {
 
 // With --wrap the linker resolves recvmsg to __wrap_recvmsg and __real_recvmsg to the C library's
 // recvmsg.
+// NOLINTBEGIN(bugprone-reserved-identifier)
 extern "C" {
 ssize_t __real_recvmsg(int socket, msghdr* message, int flags);
 
@@ -28,6 +29,7 @@ ssize_t __wrap_recvmsg(int socket, msghdr* message, int flags) {
     return __real_recvmsg(socket, message, flags);
 }
 }
+// NOLINTEND(bugprone-reserved-identifier)
 
 namespace vesk {
 

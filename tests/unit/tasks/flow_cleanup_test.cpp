@@ -31,7 +31,7 @@ class FlowCleanUpTest : public ForwarderTest {
     }
 
     void cleanUp(CleanUpSwitches switches) {
-        cleanUpFlows(manager(), switches, [](std::vector<EndpointPtr>) {});
+        cleanUpFlows(manager(), switches, [](const std::vector<EndpointPtr>&) {});
     }
 };
 
