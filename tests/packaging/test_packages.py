@@ -3,6 +3,7 @@
 from __future__ import annotations
 
 import hashlib
+import os
 import re
 import subprocess
 from pathlib import Path
@@ -144,6 +145,11 @@ def test_lintian_reports_nothing(packages: Packages) -> None:
 
 # initial-upload-closes-no-bugs: these packages are not made for Debian's archive.
 _SUPPRESSED = "initial-upload-closes-no-bugs"
+
+
+def test_shipped_packages_are_compressed_with_xz() -> None:
+    settings = Path(os.environ["VESK_CPACK_CONFIG"]).read_text(encoding="utf-8")
+    assert 'set(CPACK_DEBIAN_COMPRESSION_TYPE "xz")' in settings
 
 
 def test_same_tree_makes_the_same_bytes(packages: Packages, tmp_path: Path) -> None:
