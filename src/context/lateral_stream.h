@@ -48,7 +48,7 @@ struct LateralStream {
 
     LateralPeers peers;
 
-    /// The same key twice, since each use has its own context.
+    /// The same key twice, since only one thread at a time may use each.
     Mutex signingLock;
     HmacInfo signingKey VESK_GUARDED_BY(signingLock);
     /// Used only by the lateral receive thread, and by "start_lateral" before that thread starts.

@@ -140,7 +140,7 @@ class VeskEndpointDescriptor {
 
     // Guarded by the locks below, as each member says.
 
-    /// The flow as declared. Constant except for its HMAC contexts: `towardsUpstream` guards those
+    /// The flow as declared. Constant except for its HMAC states: `towardsUpstream` guards those
     /// of `down.inHmac` and `up.outHmac`, `towardsDownstream` those of `up.inHmac` and
     /// `down.outHmac`. The locks are contended only if datagrams of one flow arrive both directly
     /// and over the lateral stream, or if replies of a multiplexed flow arrive on several sockets.

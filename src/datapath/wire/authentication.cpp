@@ -8,7 +8,6 @@
 #include <array>
 
 #include "base/secret_bytes.h"
-#include "log/log.h"
 
 namespace vesk {
 
@@ -20,23 +19,20 @@ bool isAllZero(std::span<const std::uint8_t> bytes) {
     return std::ranges::all_of(bytes, [](std::uint8_t byte) { return byte == 0; });
 }
 
-/// Prepares the key's context for a new digest: keys a new context, resets a kept one.
-bool beginDigest(HmacKey& hmacKey) {
-    if (hmacKey.context) {
-        return HMAC_Init_ex(hmacKey.context.get(), nullptr, 0, nullptr, nullptr) == 1;
+/// The HMAC by libcrypto's HMAC calls, with a keyed context. Returns its length; 0 if libcrypto
+/// fails.
+std::size_t computeByContext(HMAC_CTX& context, std::span<const Region> regions,
+                             std::span<std::uint8_t, EVP_MAX_MD_SIZE> out) {
+    if (HMAC_Init_ex(&context, nullptr, 0, nullptr, nullptr) != 1) {
+        return 0;
     }
-    hmacKey.context.reset(HMAC_CTX_new());
-    if (!hmacKey.context) {
-        logWarn("Failed to create an HMAC context");
-        return false;
+    for (const Region& region : regions) {
+        if (!region.empty() && HMAC_Update(&context, region.data(), region.size()) != 1) {
+            return 0;
+        }
     }
-    if (HMAC_Init_ex(hmacKey.context.get(), hmacKey.key.data(), static_cast<int>(hmacKey.keyLen),
-                     hmacKey.digest(), nullptr) != 1) {
-        // Released, so that the next datagram does not use a context without a key.
-        hmacKey.context.reset();
-        return false;
-    }
-    return true;
+    unsigned int length = 0;
+    return HMAC_Final(&context, out.data(), &length) == 1 ? length : 0;
 }
 
 /// The regions that the HMAC of a framed datagram covers, in order; never the HMAC field itself.
@@ -58,22 +54,16 @@ bool computeTag(HmacKey& hmacKey, std::span<const Region> regions, std::span<std
     if (!hmacKey.hasKey()) {
         return true;
     }
-    if (!beginDigest(hmacKey)) {
+    if (!hmacKey.prepare()) {
         return false;
-    }
-    for (const Region& region : regions) {
-        if (!region.empty() &&
-            HMAC_Update(hmacKey.context.get(), region.data(), region.size()) != 1) {
-            return false;
-        }
     }
     SecretBytes<EVP_MAX_MD_SIZE> digest;
-    unsigned int digestLength = 0;
-    if (HMAC_Final(hmacKey.context.get(), digest.data(), &digestLength) != 1) {
-        return false;
-    }
-    std::copy_n(digest.begin(), std::min<std::size_t>(digestLength, tag.size()), tag.begin());
-    return true;
+    const std::size_t length =
+        hmacKey.states
+            ? hmacKey.states->compute(regions, std::span(digest).first<maxDigestLength>())
+            : computeByContext(*hmacKey.context, regions, digest);
+    std::copy_n(digest.begin(), std::min(length, tag.size()), tag.begin());
+    return length != 0;
 }
 
 bool checkTag(HmacKey& hmacKey, std::span<const Region> regions,

@@ -1,6 +1,6 @@
-// Signs and checks framed datagrams by HMAC, with the libcrypto context that is kept with the key.
-// The caller has exclusive use of the key (see HmacKey). Called by the receive threads and the
-// workers for each datagram.
+// Signs and checks framed datagrams by HMAC, with what is kept with the key. The caller has
+// exclusive use of the key (see HmacKey). Called by the receive threads and the workers for each
+// datagram.
 #pragma once
 
 #include <cstddef>

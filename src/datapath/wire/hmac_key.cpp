@@ -4,6 +4,8 @@
 
 #include <algorithm>
 
+#include "log/log.h"
+
 namespace vesk {
 
 void HmacContextDeleter::operator()(HMAC_CTX* context) const {
@@ -24,17 +26,45 @@ HmacKey& HmacKey::operator=(const HmacKey& other) {
 void HmacKey::setKey(std::span<const std::uint8_t> newKey) {
     std::copy(newKey.begin(), newKey.end(), key.begin());
     keyLen = newKey.size();
-    context.reset();
+    release();
 }
 
 void HmacKey::setDigest(DigestSelector selector) {
     digest = selector;
-    context.reset();
+    release();
 }
 
 void HmacKey::copyKeyFrom(const HmacKey& other) {
     keyLen = other.keyLen;
     key = other.key;
+    release();
+}
+
+bool HmacKey::prepare() {
+    if (states || context) {
+        return true;
+    }
+    states = KeyedDigest::make(digest(), std::span(key).first(keyLen));
+    return states || makeContext();
+}
+
+bool HmacKey::makeContext() {
+    release();
+    context.reset(HMAC_CTX_new());
+    if (!context) {
+        logWarn("Failed to create an HMAC context");
+        return false;
+    }
+    if (HMAC_Init_ex(context.get(), key.data(), static_cast<int>(keyLen), digest(), nullptr) != 1) {
+        // Released, so that the next datagram does not use a context without a key.
+        context.reset();
+        return false;
+    }
+    return true;
+}
+
+void HmacKey::release() {
+    states.reset();
     context.reset();
 }
 

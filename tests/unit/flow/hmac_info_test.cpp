@@ -27,12 +27,24 @@ HmacInfo keyed(const Bytes& key) {
     return info;
 }
 
-/// Makes the record create and keep a context, as the datapath does.
+/// Uses the record, as the datapath does, so that it keeps something.
 void use(HmacInfo& info) {
     std::array<std::uint8_t, 16> tag{};
     ASSERT_TRUE(computeTag(info, {}, tag));
-    ASSERT_NE(info.context, nullptr);
 }
+
+bool keepsNothing(const HmacInfo& info) {
+    return info.states == nullptr && info.context == nullptr;
+}
+
+/// How a record is made ready: with hash states, or with a context as in FIPS mode.
+class PreparedHmacInfoTest : public testing::TestWithParam<bool (HmacKey::*)()> {
+ protected:
+    static void prepare(HmacInfo& info) {
+        ASSERT_TRUE((info.*GetParam())());
+        ASSERT_FALSE(keepsNothing(info));
+    }
+};
 
 TEST(HmacInfoTest, HasNoKeyAndSha1ByDefault) {
     const HmacInfo info;
@@ -66,12 +78,20 @@ TEST(HmacInfoTest, AcceptsAKeyOfFullLength) {
     EXPECT_THAT(info.key, testing::Each(0xab));
 }
 
-TEST(HmacInfoTest, CopiesKeyAndAlgorithmButNeverTheContext) {
+TEST(HmacInfoTest, KeepsStatesAfterItsFirstUse) {
+    HmacInfo info = keyed({1});
+    EXPECT_TRUE(keepsNothing(info));
+    use(info);
+    EXPECT_NE(info.states, nullptr);
+    EXPECT_EQ(info.context, nullptr);
+}
+
+TEST_P(PreparedHmacInfoTest, CopiesKeyAndAlgorithmOnly) {
     HmacInfo info = keyed({1, 2, 3});
     info.setAlgorithm(hmacSha256);
-    use(info);
+    prepare(info);
     HmacInfo assigned = keyed({7});
-    use(assigned);
+    prepare(assigned);
     assigned = info;
     const HmacInfo constructed(info);
     for (const HmacInfo* copy : std::array<const HmacInfo*, 2>{&assigned, &constructed}) {
@@ -79,36 +99,42 @@ TEST(HmacInfoTest, CopiesKeyAndAlgorithmButNeverTheContext) {
         EXPECT_EQ(copy->key, info.key);
         EXPECT_EQ(copy->algoName, "sha256");
         EXPECT_EQ(copy->digest, &EVP_sha256);
-        EXPECT_EQ(copy->context, nullptr);
+        EXPECT_TRUE(keepsNothing(*copy));
     }
-    EXPECT_NE(info.context, nullptr);
+    EXPECT_FALSE(keepsNothing(info));
 }
 
-TEST(HmacInfoTest, KeepsKeyAndContextOnSelfAssignment) {
+TEST_P(PreparedHmacInfoTest, IsUnchangedBySelfAssignment) {
     HmacInfo info = keyed({1, 2, 3});
-    use(info);
+    prepare(info);
     const HmacInfo& same = info;
     info = same;
     EXPECT_EQ(info.keyLen, 3U);
-    EXPECT_NE(info.context, nullptr);
+    EXPECT_FALSE(keepsNothing(info));
 }
 
-TEST(HmacInfoTest, DropsAContextMadeWithAnotherKeyOrAlgorithm) {
+TEST_P(PreparedHmacInfoTest, KeepsNothingOfAnotherKeyOrAlgorithm) {
     HmacInfo other = keyed({4});
     HmacInfo info = keyed({1});
-    use(info);
+    prepare(info);
     info.setKey(Bytes{2});
-    EXPECT_EQ(info.context, nullptr);
-    use(info);
+    EXPECT_TRUE(keepsNothing(info));
+    prepare(info);
     info.setAlgorithm(hmacSha256);
-    EXPECT_EQ(info.context, nullptr);
-    use(info);
+    EXPECT_TRUE(keepsNothing(info));
+    prepare(info);
     info.copyKeyFrom(other);
-    EXPECT_EQ(info.context, nullptr);
-    use(info);
+    EXPECT_TRUE(keepsNothing(info));
+    prepare(info);
     info.copyAlgorithmFrom(other);
-    EXPECT_EQ(info.context, nullptr);
+    EXPECT_TRUE(keepsNothing(info));
 }
+
+INSTANTIATE_TEST_SUITE_P(BothWays, PreparedHmacInfoTest,
+                         testing::Values(&HmacKey::prepare, &HmacKey::makeContext),
+                         [](const auto& row) {
+                             return row.index == 0 ? "WithStates" : "WithContext";
+                         });
 
 TEST(HmacInfoTest, CopiesOnlyTheKey) {
     HmacInfo from = keyed(Bytes(128, 5));
@@ -150,7 +176,7 @@ TEST(HmacInfoTextTest, ShowsAMissingDigest) {
 
 TEST(HmacInfoTextTest, ShowsTheAddressOfTheContext) {
     HmacInfo info = keyed({1});
-    use(info);
+    ASSERT_TRUE(info.makeContext());
     std::ostringstream address;
     address << static_cast<const void*>(info.context.get());
     EXPECT_THAT(textOf(info), testing::EndsWith(" ctx: " + address.str()));
