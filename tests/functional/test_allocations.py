@@ -1,11 +1,14 @@
-"""In the steady state no datagram causes an allocation, except by libcrypto."""
+"""In the steady state no datagram causes an allocation, neither in the forwarder nor in libcrypto.
+
+This is so without FIPS mode. In FIPS mode libcrypto copies contexts for each HMAC.
+"""
 
 from __future__ import annotations
 
 import os
 import struct
 from pathlib import Path
-from typing import Callable, Dict, List, NamedTuple
+from typing import Callable, Dict, List
 
 import pytest
 
@@ -24,23 +27,18 @@ WARM_UP = 300
 MEASURED = 1000
 
 
-class Allocations(NamedTuple):
-    libcrypto: int
-    others: int
-
-
 class CountedVesk:
     """A forwarder whose allocations are counted in a file."""
 
     def __init__(self, start_vesk: StartVesk, folder: Path) -> None:
-        self._counts = folder / "counts"
-        self._counts.write_bytes(bytes(16))
+        self._count = folder / "count"
+        self._count.write_bytes(bytes(8))
         environment: Dict[str, str] = {"LD_PRELOAD": COUNTER,
-                                       "VESK_ALLOCATION_COUNTS": str(self._counts)}
+                                       "VESK_ALLOCATION_COUNT": str(self._count)}
         self.vesk: VeskProcess = start_vesk(environment=environment).ready()
 
-    def allocations(self) -> Allocations:
-        return Allocations(*struct.unpack("QQ", self._counts.read_bytes()))
+    def allocations(self) -> int:
+        return struct.unpack("Q", self._count.read_bytes())[0]
 
 
 @pytest.fixture
@@ -48,15 +46,14 @@ def counted(start_vesk: StartVesk, tmp_path: Path) -> CountedVesk:
     return CountedVesk(start_vesk, tmp_path)
 
 
-def in_the_steady_state(counted: CountedVesk, exchange: Callable[[int], None]) -> Allocations:
+def in_the_steady_state(counted: CountedVesk, exchange: Callable[[int], None]) -> int:
     """The allocations of MEASURED exchanges, after a warm-up that fills every cache and buffer."""
     for number in range(WARM_UP):
         exchange(number)
     before = counted.allocations()
     for number in range(MEASURED):
         exchange(number)
-    after = counted.allocations()
-    return Allocations(*(late - early for late, early in zip(after, before)))
+    return counted.allocations() - before
 
 
 def test_the_counter_counts_the_allocations_of_a_new_flow(counted: CountedVesk, peer: UdpEnd,
@@ -66,22 +63,20 @@ def test_the_counter_counts_the_allocations_of_a_new_flow(counted: CountedVesk, 
     bench.declare(flow)
     before = counted.allocations()
     bench.exchange(flow)
-    assert counted.allocations().others > before.others
-    assert counted.allocations().libcrypto > before.libcrypto
+    assert counted.allocations() > before
 
 
+@pytest.mark.parametrize("algorithm", ["sha1", "sha256"])
 @pytest.mark.parametrize("flows", [1, 40])
 def test_forwarding_allocates_nothing(counted: CountedVesk, peer: UdpEnd, upstream: UdpEnd,
-                                      flows: int) -> None:
+                                      flows: int, algorithm: str) -> None:
     bench = Bench(counted.vesk, peer, upstream)
-    all_flows: List[Flow] = [bench.flow(label, **four_keys("sha256"))
+    all_flows: List[Flow] = [bench.flow(label, **four_keys(algorithm))
                              for label in range(1, flows + 1)]
     bench.declare(*all_flows)
 
-    spent = in_the_steady_state(counted, lambda number: bench.exchange(all_flows[number % flows]))
-
-    assert spent.others == 0
-    assert spent.libcrypto > 0, "the allocation counter does not count"
+    assert in_the_steady_state(
+        counted, lambda number: bench.exchange(all_flows[number % flows])) == 0
 
 
 def test_a_refused_datagram_allocates_nothing(counted: CountedVesk, peer: UdpEnd,
@@ -94,7 +89,7 @@ def test_a_refused_datagram_allocates_nothing(counted: CountedVesk, peer: UdpEnd
         bench.send(b"short")
         bench.nothing_went_upstream()
 
-    assert in_the_steady_state(counted, refuse) == Allocations(0, 0)
+    assert in_the_steady_state(counted, refuse) == 0
 
 
 def test_forwarding_to_another_instance_allocates_nothing(
@@ -108,7 +103,4 @@ def test_forwarding_to_another_instance_allocates_nothing(
     flow = bench.flow(owned_label(1), **four_keys("sha256"))
     owner.lines_after(flow.set_command())
 
-    spent = in_the_steady_state(counted, lambda _: bench.exchange(flow))
-
-    assert spent.others == 0
-    assert spent.libcrypto > 0
+    assert in_the_steady_state(counted, lambda _: bench.exchange(flow)) == 0
