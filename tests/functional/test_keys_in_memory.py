@@ -12,6 +12,7 @@ from framework.fixtures import StartVesk
 from framework.flow import Flow
 from framework.framing import Key
 from framework.memory import Mapping, displace_input, mappings, places_of
+from framework.sha256_state import kept_states
 from framework.timing import SANITIZER
 from framework.vesk_process import VeskProcess
 
@@ -38,9 +39,11 @@ def keys_of(flow: Flow) -> List[Key]:
 
 
 def found(bench: Bench, keys: Iterable[Key]) -> List[Mapping]:
-    """The places that contain any of the keys, as bytes or as the text of a command."""
+    """The places that contain any of the keys: as bytes, as the text of a command, or as the hash
+    states that are computed from them, with which one can sign."""
     displace_input(bench.vesk)
-    return [place for key in keys for secret in (key.secret, key.secret.hex().encode())
+    return [place for key in keys
+            for secret in (key.secret, key.secret.hex().encode(), *kept_states(key.secret))
             for place in places_of(bench.vesk, secret)]
 
 
@@ -54,6 +57,15 @@ def test_keys_of_declared_flows_are_in_no_core_file(bench: Bench) -> None:
     flow = declared(bench)
     for key in keys_of(flow):
         assert [place.dumped for place in found(bench, [key])] == [False]
+
+
+def test_states_are_kept_once_for_each_key_in_use(bench: Bench) -> None:
+    """The other tests would find no traces of states if they looked for the wrong bytes."""
+    flow = declared(bench)
+    states = [state for key in keys_of(flow) for state in kept_states(key.secret)]
+    assert [places_of(bench.vesk, state) for state in states] == [[]] * 8
+    bench.exchange(flow)
+    assert [len(places_of(bench.vesk, state)) for state in states] == [1] * 8
 
 
 def test_keys_are_wiped_when_their_flow_is_removed(bench: Bench) -> None:
