@@ -1,6 +1,6 @@
 // The baseline for the forwarder: receives, checks, relabels, signs and sends one datagram at a
-// time with two system calls and the forwarder's own HMAC calls. One upstream socket serves all
-// flows, there are no lookups, and no thread wakes another one.
+// time with two system calls and libcrypto's HMAC calls. One upstream socket serves all flows,
+// there are no lookups, and no thread wakes another one.
 #include <sys/socket.h>
 
 #include <array>

@@ -11,8 +11,8 @@
 
 namespace vesk::bench {
 
-/// The same calls as in the forwarder: one context per key, created for the first datagram and
-/// reset for every further one.
+/// libcrypto's HMAC calls: one context per key, created for the first datagram and reset for every
+/// further one.
 class CachedHmac {
  public:
     explicit CachedHmac(const HmacKey& key) : key_(key) {}
