@@ -1,6 +1,7 @@
 #include "lib/udp_socket.h"
 
 #include <arpa/inet.h>
+#include <netinet/udp.h>
 #include <sys/socket.h>
 
 #include <cerrno>
@@ -61,6 +62,11 @@ UdpSocket::UdpSocket(std::uint16_t port) : fd_(::socket(AF_INET, SOCK_DGRAM | SO
 
 void UdpSocket::connectTo(const sockaddr_in& address) {
     throwOnFailure(::connect(fd(), generic(address), sizeof address), "connect");
+}
+
+void UdpSocket::mergeReceives() {
+    const int on = 1;
+    ::setsockopt(fd(), SOL_UDP, UDP_GRO, &on, sizeof on);
 }
 
 void UdpSocket::wakeReceivers() {

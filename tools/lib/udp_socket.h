@@ -25,6 +25,10 @@ class UdpSocket {
 
     void connectTo(const sockaddr_in& address);
 
+    /// Lets the kernel return several datagrams of one sender as one message. A kernel that cannot
+    /// returns each by itself, as before.
+    void mergeReceives();
+
     /// Makes every receive call on this socket return at once, including one that is blocked now.
     void wakeReceivers();
 

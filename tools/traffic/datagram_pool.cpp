@@ -7,8 +7,8 @@
 namespace vesk::bench {
 
 DatagramPool::DatagramPool(const FramingLayout& layout, const std::vector<FlowPlan>& plans,
-                           std::size_t payloadSize, std::size_t size)
-    : layout_(layout), plans_(plans), payloadSize_(payloadSize), size_(size) {
+                           std::size_t payloadSize, std::size_t size, std::size_t burst)
+    : layout_(layout), plans_(plans), payloadSize_(payloadSize), size_(size), burst_(burst) {
     fill(requests_, false, 1);
     fill(replies_, true, 2);
 }

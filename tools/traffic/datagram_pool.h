@@ -16,14 +16,15 @@ namespace vesk::bench {
 
 class DatagramPool {
  public:
-    /// Number i belongs to flow i modulo the number of flows, so the flows take turns.
+    /// The flows take turns, each with `burst` consecutive numbers. `size` is a multiple of the
+    /// number of flows times `burst`.
     DatagramPool(const FramingLayout& layout, const std::vector<FlowPlan>& plans,
-                 std::size_t payloadSize, std::size_t size);
+                 std::size_t payloadSize, std::size_t size, std::size_t burst);
 
     std::size_t size() const { return size_; }
     std::size_t datagramSize() const { return layout_.headerSize + payloadSize_; }
     const FlowPlan& planOf(std::size_t number) const { return plans_[flowOf(number)]; }
-    std::size_t flowOf(std::size_t number) const { return number % plans_.size(); }
+    std::size_t flowOf(std::size_t number) const { return number / burst_ % plans_.size(); }
 
     std::span<const std::byte> request(std::size_t number) const;
     std::span<const std::byte> reply(std::size_t number) const;
@@ -38,6 +39,7 @@ class DatagramPool {
     const std::vector<FlowPlan>& plans_;
     std::size_t payloadSize_;
     std::size_t size_;
+    std::size_t burst_;
     std::vector<std::byte> requests_;
     std::vector<std::byte> replies_;
 };

@@ -3,6 +3,8 @@
 #include <CLI/CLI.hpp>
 #include <algorithm>
 
+#include "lib/datagram_batch.h"
+
 namespace vesk::bench {
 namespace {
 
@@ -22,6 +24,7 @@ void addTraffic(CLI::App& app, TrafficOptions& options, Names& names) {
            "sha256, sha1 or none; with several, separated by commas, the flows use them in turn")
         ->check(CLI::IsMember({"sha256", "sha1", "none"}))
         ->delimiter(',')
+        ->allow_extra_args(false)
         ->capture_default_str();
     app.add_option("--flows", options.flows.flows, "number of flows")
         ->check(CLI::Range(1, 60000))
@@ -47,6 +50,10 @@ void addPace(CLI::App& app, TrafficOptions& options) {
     app.add_option("--window", options.window, "closed loop: number of requests outstanding")
         ->check(CLI::Range(1, 16384))
         ->capture_default_str();
+    app.add_option("--burst", options.burst,
+                   "send requests in bursts of so many of one flow; the flows take turns")
+        ->check(CLI::Range(1, static_cast<int>(batchSize)))
+        ->capture_default_str();
     app.add_option("--warm-up", options.warmUp, "seconds of traffic before the measured time")
         ->check(CLI::Range(0.0, 3600.0))
         ->capture_default_str();
@@ -65,6 +72,9 @@ void addPace(CLI::App& app, TrafficOptions& options) {
         ->capture_default_str();
     app.add_flag("--spin", options.spin,
                  "poll for datagrams instead of sleeping until one arrives");
+    app.add_flag("--merge-sends", options.mergeSends,
+                 "hand consecutive datagrams of one length and destination to the kernel as one "
+                 "message, and let it merge arrivals");
 }
 
 void addForwarder(CLI::App& app, TrafficOptions& options) {
@@ -97,6 +107,9 @@ void check(const TrafficOptions& options) {
     }
     if (options.command.empty() && options.flows.upPort == 0) {
         throw CLI::ValidationError("--port requires --upstream-port");
+    }
+    if (options.rate == 0 && options.burst > options.window) {
+        throw CLI::ValidationError("--burst: more requests than --window allows");
     }
     if (!options.flows.source.empty() && options.flows.flows > mostSources) {
         throw CLI::ValidationError("--check-source: too many flows, not enough ports");

@@ -23,12 +23,14 @@ struct TrafficOptions {
 
     double rate = 0;                 // requests per second; 0: keep `window` of them outstanding
     std::size_t window = 256;        // requests
+    std::size_t burst = 1;           // consecutive requests of one flow, sent back to back
     double warmUp = 0.5;             // seconds
     double duration = 2;             // seconds
     std::uint64_t requests = 0;      // ends the measured time early; 0: no limit
     double lossTimeout = 0.25;       // seconds after which an unanswered request is lost
     std::uint64_t verifyEvery = 64;  // HMAC and payload of every n-th arrival are verified
     bool spin = false;
+    bool mergeSends = false;  // let the kernel segment and merge datagrams at both ends
 
     std::string address = "127.0.0.1";  // of the forwarder
     bool checkSource = false;           // check the source addresses of arrivals

@@ -17,15 +17,18 @@ constexpr std::int64_t longestPause = 10'000'000;
 
 std::size_t Pacer::due(std::int64_t now, std::size_t outstanding) {
     if (window_ > 0) {
-        return window_ - std::min(window_, outstanding);
+        const std::size_t free = window_ - std::min(window_, outstanding);
+        return free - free % burst_;
     }
     const double elapsed = static_cast<double>(now - start_) / nanosecondsPerSecond;
-    const auto scheduled = static_cast<std::uint64_t>(elapsed * perSecond_) + 1;
-    const std::uint64_t backlog = scheduled - issued_ - skipped_;
-    if (backlog > longestBacklog) {
-        skipped_ += backlog - longestBacklog;
+    const auto bursts =
+        static_cast<std::uint64_t>(elapsed * perSecond_ / static_cast<double>(burst_)) + 1;
+    const std::uint64_t backlog = bursts * burst_ - issued_ - skipped_;
+    const std::uint64_t limit = longestBacklog - longestBacklog % burst_;
+    if (backlog > limit) {
+        skipped_ += backlog - limit;
     }
-    return std::min(backlog, longestBacklog);
+    return std::min(backlog, limit);
 }
 
 std::int64_t Pacer::pause(std::int64_t now) const {

@@ -38,6 +38,7 @@ std::vector<Figure> figures(const TrafficResult& result) {
         {"wrong_source", "from a wrong address", count(result.arrivals.wrongSource), 0, ""},
         {"verified", "arrivals verified whole", count(result.arrivals.verified), 0, ""},
         {"skipped", "requests behind schedule", count(result.skipped), 0, ""},
+        {"merged_sends", "messages of several datagrams", count(result.mergedSends), 0, ""},
         {"seconds", "measured time", seconds, 3, "s"},
         {"opening_ms", "opening all flows",
          microseconds(microseconds(count(static_cast<std::uint64_t>(result.opening)))), 1, "ms"},
@@ -73,6 +74,10 @@ void printTable(std::ostream& out, const TrafficOptions& options, const TrafficR
     } else {
         out << options.window << " requests outstanding";
     }
+    if (options.burst > 1) {
+        out << " in bursts of " << options.burst;
+    }
+    out << (options.mergeSends ? ", sends merged" : "");
     out << (options.oneWay ? ", one way\n" : "\n");
     for (const Figure& figure : figures(result)) {
         out << "  " << std::left << std::setw(34) << figure.title << std::right << std::fixed
@@ -85,7 +90,8 @@ void printJson(std::ostream& out, const TrafficOptions& options, const TrafficRe
     out << "{\"framing\": \"" << options.framing->name << "\", \"flows\": " << options.flows.flows
         << ", \"peers\": " << options.peers << ", \"payload\": " << options.payload
         << ", \"rate\": " << options.rate << ", \"window\": " << options.window
-        << ", \"one_way\": " << std::boolalpha << options.oneWay;
+        << ", \"burst\": " << options.burst << std::boolalpha
+        << ", \"merge_sends\": " << options.mergeSends << ", \"one_way\": " << options.oneWay;
     for (const Figure& figure : figures(result)) {
         out << ", \"" << figure.key << "\": " << std::fixed << std::setprecision(figure.decimals)
             << figure.value;

@@ -25,7 +25,9 @@ TrafficEnds::TrafficEnds(const TrafficOptions& options, std::uint16_t forwarderP
       forwarder_(ipv4Address(options.address, forwarderPort)),
       pool_(pool),
       ledger_(ledger),
-      watched_(::epoll_create1(EPOLL_CLOEXEC)) {
+      watched_(::epoll_create1(EPOLL_CLOEXEC)),
+      toSend_(merging(options)),
+      received_(merging(options)) {
     watch(service_, serviceName);
     for (std::size_t i = 0; i < options.peers; ++i) {
         UdpSocket& peer = peers_.emplace_back();
@@ -78,6 +80,10 @@ void TrafficEnds::serve(std::int64_t patience) {
     }
 }
 
+Merging TrafficEnds::merging(const TrafficOptions& options) {
+    return options.mergeSends ? Merging::on : Merging::off;
+}
+
 std::size_t TrafficEnds::peerOf(std::size_t number) const {
     // Neighbouring flows share a peer, so that datagrams sent in turn can share a system call.
     return pool_.flowOf(number) * peers_.size() / options_.flows.flows;
@@ -95,7 +101,10 @@ void TrafficEnds::countSource(const sockaddr_in& source, const sockaddr_in& expe
     }
 }
 
-void TrafficEnds::watch(const UdpSocket& socket, std::uint32_t name) {
+void TrafficEnds::watch(UdpSocket& socket, std::uint32_t name) {
+    if (options_.mergeSends) {
+        socket.mergeReceives();
+    }
     epoll_event event{};
     event.events = EPOLLIN;
     event.data.u32 = name;
@@ -119,6 +128,9 @@ void TrafficEnds::takeRequests() {
         countSource(received_.source(i), sourceOf(pool_.planOf(*number)));
         if (!options_.oneWay) {
             toSend_.add(pool_.reply(*number), received_.source(i));
+            if (toSend_.full()) {
+                toSend_.send(service_.fd());
+            }
         } else if (!ledger_.answered(*number, now)) {
             ++counts_.unexpected;
         }

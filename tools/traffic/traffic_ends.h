@@ -38,13 +38,16 @@ class TrafficEnds {
     void serve(std::int64_t patience);
 
     const ArrivalCounts& counts() const { return counts_; }
+    /// How many messages of several datagrams both ends have sent.
+    std::uint64_t mergedSends() const { return toSend_.mergedMessages(); }
 
  private:
+    static Merging merging(const TrafficOptions& options);
     std::size_t peerOf(std::size_t number) const;
     /// The address from which requests of a flow must come if sources are checked.
     sockaddr_in sourceOf(const FlowPlan& plan) const;
     void countSource(const sockaddr_in& source, const sockaddr_in& expected);
-    void watch(const UdpSocket& socket, std::uint32_t name);
+    void watch(UdpSocket& socket, std::uint32_t name);
     void takeRequests();
     void takeReplies(const UdpSocket& peer);
     bool isRight(std::span<const std::byte> arrival, std::span<const std::byte> original,

@@ -22,12 +22,13 @@ std::int64_t nanoseconds(double seconds) {
 }
 
 // Large enough that a number is not reused while its last request may still be answered, and a
-// multiple of the number of flows, so that they take turns.
+// multiple of the number of flows, so that they take turns, each with whole bursts.
 std::size_t poolSize(const TrafficOptions& options) {
     const auto open = static_cast<std::size_t>(options.rate * options.lossTimeout);
-    const std::size_t wanted = std::max({smallestPool, 4 * options.window, open});
-    const std::size_t perFlow = std::max<std::size_t>(2, wanted / options.flows.flows + 1);
-    return perFlow * options.flows.flows;
+    const std::size_t wanted =
+        std::max({smallestPool, 4 * options.window, 2 * options.flows.flows, open});
+    const std::size_t turn = options.burst * options.flows.flows;
+    return (wanted + turn - 1) / turn * turn;
 }
 
 ArrivalCounts difference(const ArrivalCounts& end, const ArrivalCounts& start) {
@@ -49,7 +50,7 @@ TrafficRun::TrafficRun(const TrafficOptions& options, std::uint16_t forwarderPor
                        pid_t measuredPid, UdpSocket& service, const std::vector<FlowPlan>& plans)
     : options_(options),
       measuredPid_(measuredPid),
-      pool_(*options.framing, plans, options.payload, poolSize(options)),
+      pool_(*options.framing, plans, options.payload, poolSize(options), options.burst),
       ledger_(pool_.size(), nanoseconds(options.lossTimeout)),
       ends_(options, forwarderPort, service, pool_, ledger_) {}
 
@@ -66,6 +67,7 @@ TrafficResult TrafficRun::run() {
     ledger_.measure(true);
     Pacer pacer = makePacer();
     const ArrivalCounts before = ends_.counts();
+    const std::uint64_t mergedBefore = ends_.mergedSends();
     const auto usageBefore = measuredUsage();
     const std::int64_t start = nowNanoseconds();
     carry(pacer, options_.duration, options_.requests > 0 ? options_.requests : unlimited);
@@ -74,6 +76,7 @@ TrafficResult TrafficRun::run() {
     }
     result.elapsed = nowNanoseconds() - start;
     result.arrivals = difference(ends_.counts(), before);
+    result.mergedSends = ends_.mergedSends() - mergedBefore;
     ledger_.measure(false);
     drain();
 
@@ -104,7 +107,10 @@ void TrafficRun::awaitForwarder() {
 
 void TrafficRun::openFlows() {
     Pacer pacer = Pacer::closedLoop(openingWindow);
-    carry(pacer, longestOpening, options_.flows.flows);
+    // The probes may have begun a burst. Its rest and whole bursts of all other flows: the measured
+    // time begins with the first number of a burst.
+    const std::size_t begun = ledger_.nextNumber() % options_.burst;
+    carry(pacer, longestOpening, options_.flows.flows * options_.burst - begun);
     drain();
 }
 
@@ -129,8 +135,8 @@ void TrafficRun::drain() {
 }
 
 Pacer TrafficRun::makePacer() const {
-    return options_.rate > 0 ? Pacer::openLoop(options_.rate, nowNanoseconds())
-                             : Pacer::closedLoop(options_.window);
+    return options_.rate > 0 ? Pacer::openLoop(options_.rate, nowNanoseconds(), options_.burst)
+                             : Pacer::closedLoop(options_.window, options_.burst);
 }
 
 std::optional<ProcessUsage> TrafficRun::measuredUsage() const {

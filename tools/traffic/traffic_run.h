@@ -17,10 +17,11 @@ namespace vesk::bench {
 
 struct TrafficResult {
     RequestCounts requests;
-    ArrivalCounts arrivals;     // of the measured time
-    std::int64_t elapsed = 0;   // all times in nanoseconds
-    std::int64_t opening = 0;   // time for the first datagrams of all flows
-    std::uint64_t skipped = 0;  // requests that an open loop left out
+    ArrivalCounts arrivals;         // of the measured time
+    std::int64_t elapsed = 0;       // all times in nanoseconds
+    std::int64_t opening = 0;       // time for the first datagrams of all flows
+    std::uint64_t skipped = 0;      // requests that an open loop left out
+    std::uint64_t mergedSends = 0;  // messages of several datagrams in the measured time
     LatencyHistogram roundTrips;
     std::optional<ProcessUsage> usage;  // of the measured process, over the measured time
 };
