@@ -13,7 +13,7 @@ from contextlib import contextmanager, nullcontext
 from pathlib import Path
 
 from compare.busy_process import BusyProcess
-from compare.scenarios import Condition, Plan, Scenario
+from compare.scenarios import Condition, Generator, Plan, Scenario
 
 # The forwarder has one processor to itself. The generator, which is both ends of the path, has the
 # other one.
@@ -56,9 +56,14 @@ def company(condition: Condition, seconds: float):
 def run_traffic(build: Path, plan: Plan, scenario: Scenario, arguments: list) -> dict:
     command = [str(build / "vesk-traffic"), "--json", "--allow-loss", "--spin",
                "--warm-up", str(plan.warm_up), "--duration", str(plan.duration),
-               "--payload", str(scenario.payload), "--flows", str(scenario.flows)]
+               "--algorithm", scenario.algorithm, "--payload", str(scenario.payload),
+               "--flows", str(scenario.flows)]
     if scenario.rate:
         command += ["--rate", str(scenario.rate)]
+    if scenario.burst > 1:
+        command += ["--burst", str(scenario.burst)]
+    if scenario.generator == Generator.MERGED:
+        command.append("--merge-sends")
     command = placed(scenario.condition, GENERATOR_CPU, command + arguments)
     limit = plan.warm_up + plan.duration + SECONDS_TO_START_AND_END
     try:

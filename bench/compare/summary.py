@@ -49,7 +49,7 @@ def print_table(summary: dict) -> None:
     header = (f"{'':14}{'CPU us/datagram':>22}{'ratio':>20}{'replies/s':>12}"
               f"{'p50 us':>10}{'p99 us':>10}{'lost':>7}")
     for scenario, by_forwarder in summary.items():
-        print(f"\n{scenario.name}\n{header}")
+        print(f"\n{scenario.title}\n{header}")
         for forwarder, figures in by_forwarder.items():
             ratio = figures.get("cpu_us_per_datagram_ratio")
             print(f"{forwarder:14}{figures['cpu_us_per_datagram'].text(2):>22}"
@@ -61,7 +61,9 @@ def print_table(summary: dict) -> None:
 
 def as_json(summary: dict) -> list:
     return [{"payload": scenario.payload, "flows": scenario.flows, "rate": scenario.rate,
-             "condition": scenario.condition.value, "forwarder": forwarder,
+             "burst": scenario.burst, "generator": scenario.generator.value,
+             "algorithm": scenario.algorithm, "condition": scenario.condition.value,
+             "forwarder": forwarder,
              **{key: vars(spread) for key, spread in figures.items()}}
             for scenario, by_forwarder in summary.items()
             for forwarder, figures in by_forwarder.items()]

@@ -130,7 +130,7 @@ def test_only_measured_conditions_are_judged(given: Given, options: tuple) -> No
 
 def test_a_failed_measurement_fails_the_bench(given: Given) -> None:
     done = given.run({"vesk": {"beside": [None]}}, "--rounds", "1", *SINGLE)
-    assert "vesk, 1000/s, 512 bytes, 1 flow (beside): this turn fails" in done.stderr
+    assert "vesk, 1000/s, 512 bytes, 1 flow (single, beside): this turn fails" in done.stderr
     assert verdicts(done)["vesk"] == "not measured"
     assert done.returncode == 1
 
