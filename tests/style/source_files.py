@@ -16,6 +16,7 @@ HEADER_FOLDERS = {
     "tools": ("tools", "src"),
     "bench": ("bench", "tools", "src"),
     "tests/support": ("tests", "src"),
+    "tests/unit/tools": ("tools", "src"),
     "tests/unit": ("tests/unit", "tests", "src"),
     "tests/fuzz": ("tests/fuzz", "tests", "src"),
     "tests/model": ("tests/unit", "tests", "src"),

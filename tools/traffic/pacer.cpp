@@ -35,8 +35,8 @@ std::int64_t Pacer::pause(std::int64_t now) const {
     if (window_ > 0) {
         return longestPause;
     }
-    const double nextAt =
-        static_cast<double>(issued_ + skipped_) / perSecond_ * nanosecondsPerSecond;
+    const std::uint64_t wholeBursts = (issued_ + skipped_) / burst_ * burst_;
+    const double nextAt = static_cast<double>(wholeBursts) / perSecond_ * nanosecondsPerSecond;
     const std::int64_t wait = start_ + static_cast<std::int64_t>(nextAt) - now;
     return std::clamp<std::int64_t>(wait, 0, longestPause);
 }
