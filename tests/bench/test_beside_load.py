@@ -4,52 +4,19 @@ from __future__ import annotations
 
 import json
 import os
-import shutil
-import subprocess
-import sys
 from pathlib import Path
-from typing import Dict, List
+from typing import Dict
 
 import pytest
 
-ROOT = Path(__file__).resolve().parent.parent.parent
-DEADLINE_SECONDS = 60
+from given_tree import GivenTree, Run, bench, values_of
 
 pytestmark = pytest.mark.skipif(not {0, 1} <= os.sched_getaffinity(0),
                                 reason="the bench needs processors 0 and 1")
 
-Run = "subprocess.CompletedProcess[str]"
-
-
-def bench(tree: Path, *options: str, **environment: str) -> Run:
-    return subprocess.run([sys.executable, "-B", str(ROOT / "scripts/bench"), "--beside-load",
-                           "--build", str(tree), *options], capture_output=True, text=True,
-                          check=False, timeout=DEADLINE_SECONDS,
-                          env={**os.environ, **environment})
-
-
-class Given:
-    """A build tree whose traffic generator reports the figures given by the test."""
-
-    def __init__(self, folder: Path) -> None:
-        self._folder = folder
-        (folder / "bench").mkdir()
-        shutil.copy(Path(__file__).parent / "given_traffic.py", folder / "vesk-traffic")
-        for program in ("vesk", "bench/bare-loop", "bench/batched-loop"):
-            (folder / program).touch()
-
-    def run(self, figures: Dict[str, Dict[str, list]], *options: str) -> Run:
-        (self._folder / "figures").write_text(json.dumps(figures), encoding="utf-8")
-        return bench(self._folder, *options, VESK_GIVEN=str(self._folder))
-
-    def turns(self) -> List[dict]:
-        lines = (self._folder / "turns").read_text(encoding="utf-8").splitlines()
-        return [json.loads(line) for line in lines]
-
-
 @pytest.fixture
-def given(tmp_path: Path) -> Given:
-    return Given(tmp_path)
+def given(tmp_path: Path) -> GivenTree:
+    return GivenTree(tmp_path, "--beside-load")
 
 
 def verdicts(done: Run) -> Dict[str, str]:
@@ -63,7 +30,7 @@ def verdicts(done: Run) -> Dict[str, str]:
 SINGLE = ("--match", "^1000/s")
 
 
-def test_each_condition_uses_its_processors(given: Given) -> None:
+def test_each_condition_uses_its_processors(given: GivenTree) -> None:
     done = given.run({}, "--quick", "--rounds", "1")
     assert done.returncode == 0, done.stderr
     everywhere = sorted(os.sched_getaffinity(0))
@@ -73,14 +40,13 @@ def test_each_condition_uses_its_processors(given: Given) -> None:
                       "shared": (None, everywhere, [])}
 
 
-def test_every_forwarder_is_measured_with_all_work_in_every_condition(given: Given) -> None:
+def test_every_forwarder_is_measured_with_all_work_in_every_condition(given: GivenTree) -> None:
     done = given.run({}, "--rounds", "2", "--duration", "0.3")
     assert done.returncode == 0, done.stderr
     turns = given.turns()
     work = []
     for turn in turns:
-        option = dict(zip(*[iter(word for word in turn["options"] if word not in
-                                 ("--json", "--allow-loss", "--spin"))] * 2))
+        option = values_of(turn)
         assert (option["--payload"], option["--duration"]) == ("512", "0.3")
         work.append((option.get("--rate"), option["--flows"], turn["condition"], turn["forwarder"]))
     one_round = [(rate, flows, condition, forwarder)
@@ -98,7 +64,7 @@ def test_every_forwarder_is_measured_with_all_work_in_every_condition(given: Giv
     (900, 1000, "1.000 ms, 1.1 times the quiet 0.900 ms: passed"),
     (900, 1001, "1.001 ms, 1.1 times the quiet 0.900 ms: failed"),
 ])
-def test_the_limit_decides_the_verdict(given: Given, quiet: float, beside: float,
+def test_the_limit_decides_the_verdict(given: GivenTree, quiet: float, beside: float,
                                        said: str) -> None:
     done = given.run({"vesk": {"quiet": [quiet], "beside": [beside]}}, "--rounds", "1", *SINGLE)
     assert verdicts(done)["vesk"] == said
@@ -108,12 +74,12 @@ def test_the_limit_decides_the_verdict(given: Given, quiet: float, beside: float
 
 
 @pytest.mark.parametrize(("beside", "status"), [([9000, 100, 200], 0), ([9000, 100, 2000], 1)])
-def test_the_medians_of_the_rounds_are_judged(given: Given, beside: list, status: int) -> None:
+def test_the_medians_of_the_rounds_are_judged(given: GivenTree, beside: list, status: int) -> None:
     done = given.run({"vesk": {"beside": beside}}, "--rounds", "3", *SINGLE)
     assert done.returncode == status, done.stdout
 
 
-def test_the_verdict_on_other_forwarders_does_not_fail_the_bench(given: Given) -> None:
+def test_the_verdict_on_other_forwarders_does_not_fail_the_bench(given: GivenTree) -> None:
     done = given.run({"bare-loop": {"beside": [5000]}}, "--rounds", "1", *SINGLE)
     assert verdicts(done)["vesk"].endswith("passed")
     assert "bare-loop    5.000 ms, 50.0 times the quiet 0.100 ms: failed" in done.stdout
@@ -122,27 +88,27 @@ def test_the_verdict_on_other_forwarders_does_not_fail_the_bench(given: Given) -
 
 
 @pytest.mark.parametrize("options", [("--only", "bare-loop", *SINGLE), ("--match", "^2000/s")])
-def test_only_measured_conditions_are_judged(given: Given, options: tuple) -> None:
+def test_only_measured_conditions_are_judged(given: GivenTree, options: tuple) -> None:
     done = given.run({}, "--rounds", "1", *options)
     assert verdicts(done)["vesk"] == "not measured"
     assert done.returncode == 0
 
 
-def test_a_failed_measurement_fails_the_bench(given: Given) -> None:
+def test_a_failed_measurement_fails_the_bench(given: GivenTree) -> None:
     done = given.run({"vesk": {"beside": [None]}}, "--rounds", "1", *SINGLE)
     assert "vesk, 1000/s, 512 bytes, 1 flow (single, beside): this turn fails" in done.stderr
     assert verdicts(done)["vesk"] == "not measured"
     assert done.returncode == 1
 
 
-def test_a_busy_process_that_ends_early_fails_the_measurement(given: Given) -> None:
+def test_a_busy_process_that_ends_early_fails_the_measurement(given: GivenTree) -> None:
     done = given.run({"vesk": {"beside": ["alone"]}}, "--rounds", "1", *SINGLE)
     assert "the busy process ended before the measurement did" in done.stderr
     assert verdicts(done)["vesk"] == "not measured"
     assert done.returncode == 1
 
 
-def test_the_tables_have_this_form(given: Given) -> None:
+def test_the_tables_have_this_form(given: GivenTree) -> None:
     done = given.run({"vesk": {"quiet": [90, 80, 110]}}, "--rounds", "3", "--match",
                      "^1000/s|saturation.* 1 flow$")
     assert done.returncode == 0, done.stderr
@@ -168,7 +134,7 @@ saturation, 512 bytes, 1 flow
 Medians""" in done.stdout, done.stdout
 
 
-def test_figures_and_verdicts_are_written_as_json(given: Given, tmp_path: Path) -> None:
+def test_figures_and_verdicts_are_written_as_json(given: GivenTree, tmp_path: Path) -> None:
     file = tmp_path / "figures.json"
     done = given.run({"vesk": {"quiet": [90, 80], "beside": [4000, 3000]}}, "--rounds", "2",
                      *SINGLE, "--json", str(file))
@@ -186,8 +152,8 @@ def test_figures_and_verdicts_are_written_as_json(given: Given, tmp_path: Path) 
 
 def test_the_real_forwarder_can_be_measured() -> None:
     """For any result on this machine the table is complete and the status matches the verdict."""
-    done = bench(Path(os.environ["VESK_BINARY"]).resolve().parent, "--quick", "--rounds", "1",
-                 "--duration", "0.2", *SINGLE)
+    done = bench(Path(os.environ["VESK_BINARY"]).resolve().parent, "--beside-load", "--quick",
+                 "--rounds", "1", "--duration", "0.2", *SINGLE)
     words = [line.split() for line in done.stdout.splitlines()]
     rows = [line[:2] for line in words if line and line[0] in ("quiet", "beside", "shared")]
     assert rows == [[condition, forwarder] for condition in ("quiet", "beside", "shared")
