@@ -4,8 +4,9 @@ import importlib.util
 import sys
 from pathlib import Path
 
-from compare.scenarios import FLOWS, PAYLOADS, QUIET_RATE, Scenario
+from compare.scenarios import BURST, FLOWS, PAYLOADS, QUIET_RATE, Generator, Scenario
 
+COLUMNS = 3
 COLOURS = {"vesk": "#1f6feb", "bare-loop": "#8b949e", "batched-loop": "#c9d1d9",
            "nginx": "#d29922"}
 
@@ -19,13 +20,20 @@ def require_matplotlib() -> None:
 def _panels() -> list:
     """Title, and the scenarios of the panel with their labels."""
     flows = {count: f"{count} flows" if count > 1 else "1 flow" for count in FLOWS}
+
+    def by_flows(title: str, rate=None, **details) -> tuple:
+        return title, [(Scenario(512, count, rate, **details), label)
+                       for count, label in flows.items()]
+
+    bursts = f"bursts of {BURST}, {QUIET_RATE:,} pairs a second"
     return [
-        ("saturation, 512 bytes",
-         [(Scenario(512, count, None), label) for count, label in flows.items()]),
+        by_flows("saturation, 512 bytes"),
+        by_flows("saturation, 512 bytes, sends merged", generator=Generator.MERGED),
         ("saturation, 100 flows",
          [(Scenario(payload, 100, None), f"{payload} bytes") for payload in PAYLOADS]),
-        (f"{QUIET_RATE:,} pairs a second, 512 bytes",
-         [(Scenario(512, count, QUIET_RATE), label) for count, label in flows.items()]),
+        by_flows(bursts, QUIET_RATE, burst=BURST),
+        by_flows(f"{bursts}, sends merged", QUIET_RATE, burst=BURST, generator=Generator.MERGED),
+        by_flows(f"{QUIET_RATE:,} pairs a second, evenly", QUIET_RATE),
     ]
 
 
@@ -55,12 +63,17 @@ def draw(summary: dict, path: Path) -> None:
     if not panels:
         sys.exit("the run measured nothing that the chart shows")
     forwarders = [name for name in COLOURS if name in next(iter(summary.values()))]
-    figure, all_axes = pyplot.subplots(1, len(panels), figsize=(4 * len(panels), 3.8),
+    columns = min(COLUMNS, len(panels))
+    rows = -(-len(panels) // columns)
+    figure, all_axes = pyplot.subplots(rows, columns, figsize=(4 * columns, 3.8 * rows),
                                        squeeze=False)
-    for axes, (title, measured) in zip(all_axes[0], panels):
+    for axes, (title, measured) in zip(all_axes.flat, panels):
         _bars(axes, summary, measured, forwarders)
         axes.set_title(title, fontsize=10)
-    all_axes[0][0].set_ylabel("processor time per datagram, µs")
+    for axes in all_axes.flat[len(panels):]:
+        axes.set_visible(False)
+    for axes in all_axes[:, 0]:
+        axes.set_ylabel("processor time per datagram, µs")
     all_axes[0][0].legend(fontsize=8)
     figure.tight_layout()
     figure.savefig(path, metadata={"Date": None} if path.suffix == ".svg" else None)
