@@ -1,13 +1,12 @@
-// The cost of building the message of a send call and of preparing one for a receive call.
+// The cost of building the message of a send call.
 #include <benchmark/benchmark.h>
 
 #include <array>
 #include <cstdint>
 
-#include "datapath/datagram_io.h"
+#include "datapath/outgoing_message.h"
 #include "flow/flow_desc.h"
 #include "flow/ip_addr_info.h"
-#include "net/endpoint.h"
 #include "net/local_address.h"
 
 namespace vesk::bench {
@@ -22,17 +21,7 @@ void buildOutgoing(benchmark::State& state, const char* address, std::int32_t ds
         message.setDatagram(datagram);
         message.setDestination(peer.socketAddress());
         message.addTrafficClass(dscp, dscp);
-        message.addSource(local);
-        benchmark::DoNotOptimize(message.header());
-        benchmark::ClobberMemory();
-    }
-}
-
-void prepareIncoming(benchmark::State& state) {
-    VeskEndpointDescriptor endpoint(0, 100, 100, FlowDesc(), [](int, int) {});
-    for ([[maybe_unused]] auto _ : state) {
-        IncomingMessage message;
-        message.prepare(endpoint);
+        message.addSource(local, Ipv4Source::kernel);
         benchmark::DoNotOptimize(message.header());
         benchmark::ClobberMemory();
     }
@@ -41,7 +30,6 @@ void prepareIncoming(benchmark::State& state) {
 BENCHMARK_CAPTURE(buildOutgoing, ipv4, "127.0.0.1", noDscp);
 BENCHMARK_CAPTURE(buildOutgoing, ipv4_marked, "127.0.0.1", 46);
 BENCHMARK_CAPTURE(buildOutgoing, ipv6, "::1", noDscp);
-BENCHMARK(prepareIncoming);
 
 }  // namespace
 }  // namespace vesk::bench

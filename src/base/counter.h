@@ -25,7 +25,8 @@ class Counter {
 /// counters of a socket would no longer add up to the datagrams that it received.
 class SharedCounter {
  public:
-    void increment() { value_.fetch_add(1, std::memory_order_relaxed); }
+    void increment() { add(1); }
+    void add(std::uint64_t amount) { value_.fetch_add(amount, std::memory_order_relaxed); }
     std::uint64_t value() const { return value_.load(std::memory_order_relaxed); }
 
  private:

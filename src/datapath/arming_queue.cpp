@@ -8,6 +8,7 @@
 #include <utility>
 
 #include "context/forwarder_context.h"
+#include "datapath/serving_claim.h"
 #include "log/log.h"
 #include "net/endpoint_manager.h"
 #include "net/lifecycle/endpoint_lifecycle.h"
@@ -19,7 +20,7 @@ namespace {
 
 constexpr std::string_view failedArming = "Re-add UpEpt recv sockfd to poll set:";
 
-/// Takes the right to arm the socket. False if another worker has armed it since.
+/// Takes the right to arm the socket. False if it was armed since it was drained.
 bool takeArming(VeskEndpointDescriptor& endpoint, std::uint32_t armings) {
     return endpoint.armings.compare_exchange_strong(armings, armings + 1,
                                                     std::memory_order_acq_rel);
@@ -34,9 +35,6 @@ ArmingQueue::ArmingQueue(ForwarderContext& context) : context_(context) {
 
 void ArmingQueue::add(const EndpointPtr& endpoint, std::uint32_t armings) {
     drained_.push_back({endpoint, armings});
-    if (drained_.size() == maxPollRecords) {
-        armDrained();
-    }
 }
 
 void ArmingQueue::arm() {
@@ -46,9 +44,13 @@ void ArmingQueue::arm() {
     }
 }
 
+/// Takes the right to arm a socket while it still has the claim, so that a worker that claims the
+/// socket next is sure to arm it too. Of a socket that was drained twice, the second entry has no
+/// claim of ours to end: another worker may have claimed the socket.
 void ArmingQueue::armDrained() {
     for (Drained& it : drained_) {
         if (takeArming(*it.endpoint, it.armings)) {
+            endServing(*it.endpoint);
             ours_.push_back(std::move(it.endpoint));
         }
     }

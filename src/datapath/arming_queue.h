@@ -14,6 +14,7 @@
 #include <vector>
 
 #include "net/endpoint.h"
+#include "poll/poll_channel.h"
 
 namespace vesk {
 
@@ -23,9 +24,13 @@ class ArmingQueue {
  public:
     explicit ArmingQueue(ForwarderContext& context);
 
-    /// Adds an endpoint whose socket is drained. `armings` is the endpoint's count before the
-    /// receive call that found nothing: a socket that another worker has armed since is skipped.
+    /// Adds an endpoint whose socket this worker has claimed and drained. `armings` is the
+    /// endpoint's count before the receive call: a socket that was drained twice is armed once. The
+    /// queue must not be full.
     void add(const EndpointPtr& endpoint, std::uint32_t armings);
+
+    /// Whether the endpoints fill a row of the message channel, so that `arm` has to be called.
+    bool full() const { return drained_.size() == maxPollRecords; }
 
     /// Asks the poll loop to arm all sockets collected, and those refused before whose next attempt
     /// is due. A refusal is logged once, when it begins. After an error that is not temporary the

@@ -36,6 +36,10 @@ bool prepareEndpoint(VeskEndpointDescriptor& endpoint, const ForwarderContext& c
     Vesk_setSocketBuf(endpoint.rdsockfd, SO_RCVBUF, receiveBufferSize);
     Vesk_setSocketBuf(endpoint.wrsockfd, SO_SNDBUF, sendBufferSize);
     Vesk_requestLocalDestAddr(endpoint.rdsockfd, endpoint.family);
+    requestMergedDatagrams(endpoint.rdsockfd);
+    if (!offersSegmentation(endpoint.wrsockfd)) {
+        endpoint.segmentLimit = 0;
+    }
     if (!bindUpstreamSocket(endpoint, *context.endpointManager) ||
         !registerWithPollLoop(endpoint, context)) {
         return false;

@@ -2,82 +2,123 @@
 
 #include <sys/socket.h>
 
+#include <cstddef>
 #include <span>
 
 #include "context/forwarder_context.h"
-#include "datapath/datagram_io.h"
 #include "datapath/downstream.h"
-#include "datapath/send_outcome.h"
-#include "datapath/wire/framing.h"
+#include "datapath/receive_thread.h"
+#include "datapath/send_batch.h"
 #include "datapath/wire/lateral_header.h"
 
 namespace vesk {
 
 namespace {
 
-/// Handles a datagram that another instance forwarded because this one owns its label.
-void forwardedReceived(VeskEndpointDescriptor& lateral, std::size_t length,
-                       const LateralHeader& header, IncomingMessage& message,
-                       ForwarderContext& context) {
-    const DatagramBuffer buffer(lateral.receiveBuffer);
-    const ReturnPath returnPath = keepReturnPath(buffer, header);
-    const std::size_t framedLength = stripLateralHeader(buffer, length, header);
-    downstreamPacketReceived({lateral, framedLength, message.sender(),
-                              message.localDestination(lateral.family), returnPath},
-                             context);
+/// The state of the lateral receive thread.
+class LateralReceiver {
+ public:
+    explicit LateralReceiver(ForwarderContext& context);
+
+    void receive(const ReceivedDatagram& datagram);
+    void endBatch();
+
+ private:
+    void forwardedReceived(const ReceivedDatagram& datagram, const LateralHeader& header);
+    void returnedReceived(const ReceivedDatagram& datagram, const LateralHeader& header);
+    void holdForPeer(std::span<std::uint8_t> datagram, const SocketAddress& peer,
+                     VeskEndpointDescriptor& lateral);
+    void sendToPeers();
+
+    ForwarderContext& context_;
+    DownstreamReceiver requests_;
+    /// Replies without their lateral header, on their way to the peers.
+    SendBatch replies_;
+};
+
+LateralReceiver::LateralReceiver(ForwarderContext& context)
+    : context_(context),
+      requests_(context),
+      replies_(
+          MSG_DONTWAIT, false,
+          [](VeskEndpointDescriptor& lateral, const SendResult& result, std::size_t datagrams) {
+              countSend(result.outcome, lateral.counters.dnTxDg, lateral.counters.dnTxDgDropped,
+                        datagrams);
+          }) {}
+
+void LateralReceiver::receive(const ReceivedDatagram& datagram) {
+    const auto header = parseLateralHeader(datagram.buffer, datagram.length);
+    if (header && header->type == lateralForward) {
+        forwardedReceived(datagram, *header);
+    } else if (header && header->type == lateralReturn) {
+        returnedReceived(datagram, *header);
+    } else {
+        datagram.endpoint.counters.rxDgError.increment();
+    }
 }
 
-/// Sends a reply without its lateral header to the peer, and counts the result.
-void sendToPeer(std::span<std::uint8_t> datagram, const SocketAddress& peer,
-                EndpointCounters& counters, ForwarderContext& context) {
-    const EndpointPtr downstream = context.downstreamEndpoint.load();
-    if (!downstream || peer.length == 0) {
-        counters.dnTxDgDropped.increment();
-        return;
-    }
-    OutgoingMessage message;
-    message.setDatagram(datagram);
-    message.setDestination(peer);
-    const SendResult result = sendMessage(message, downstream->wrsockfd, MSG_DONTWAIT, 1);
-    countSend(result.outcome, counters.dnTxDg, counters.dnTxDgDropped);
+/// Handles a datagram that another instance forwarded because this one owns its label.
+void LateralReceiver::forwardedReceived(const ReceivedDatagram& datagram,
+                                        const LateralHeader& header) {
+    const ReturnPath returnPath = keepReturnPath(datagram.buffer, header);
+    const std::size_t framedLength = stripLateralHeader(datagram.buffer, datagram.length, header);
+    downstreamPacketReceived({datagram.endpoint, datagram.buffer, framedLength, datagram.sender,
+                              datagram.localDestination, returnPath},
+                             requests_);
 }
 
 /// Handles a reply that the owner of a label returned to a datagram that this instance forwarded.
-void returnedReceived(VeskEndpointDescriptor& lateral, std::size_t length,
-                      const LateralHeader& header, ForwarderContext& context) {
-    const DatagramBuffer buffer(lateral.receiveBuffer);
-    if (!checkLateralHmac(buffer, header, context.lateral.checkingKey)) {
-        lateral.counters.rxDgError.increment();
+void LateralReceiver::returnedReceived(const ReceivedDatagram& datagram,
+                                       const LateralHeader& header) {
+    if (!checkLateralHmac(datagram.buffer, header, context_.lateral.checkingKey)) {
+        datagram.endpoint.counters.rxDgError.increment();
         return;
     }
-    const SocketAddress peer = lateralAddress(buffer, header);
-    const std::size_t framedLength = stripLateralHeader(buffer, length, header);
-    sendToPeer(buffer.first(framedLength), peer, lateral.counters, context);
+    const SocketAddress peer = lateralAddress(datagram.buffer, header);
+    const std::size_t framedLength = stripLateralHeader(datagram.buffer, datagram.length, header);
+    holdForPeer(datagram.buffer.first(framedLength), peer, datagram.endpoint);
 }
 
-void lateralReceived(VeskEndpointDescriptor& lateral, std::size_t length, IncomingMessage& message,
-                     ForwarderContext& context) {
-    const auto header = parseLateralHeader(ConstDatagramBuffer(lateral.receiveBuffer), length);
-    if (header && header->type == lateralForward) {
-        forwardedReceived(lateral, length, *header, message, context);
-    } else if (header && header->type == lateralReturn) {
-        returnedReceived(lateral, length, *header, context);
-    } else {
-        lateral.counters.rxDgError.increment();
+/// Holds a reply for the peer. The result is counted on the lateral endpoint.
+void LateralReceiver::holdForPeer(std::span<std::uint8_t> datagram, const SocketAddress& peer,
+                                  VeskEndpointDescriptor& lateral) {
+    if (peer.length == 0) {
+        lateral.counters.dnTxDgDropped.increment();
+        return;
     }
+    if (replies_.full()) {
+        sendToPeers();
+    }
+    replies_.nextRoute().setDestination(peer);
+    replies_.add(datagram, lateral);
+}
+
+void LateralReceiver::sendToPeers() {
+    if (replies_.empty()) {
+        return;
+    }
+    const EndpointPtr downstream = context_.downstreamEndpoint.load();
+    if (downstream) {
+        replies_.sendFrom(*downstream);
+    } else {
+        replies_.settleAll({SendOutcome::noRoom, 0});
+    }
+}
+
+void LateralReceiver::endBatch() {
+    requests_.endBatch();
+    sendToPeers();
 }
 
 }  // namespace
 
 void lateralStreamRecv(const std::shared_ptr<ForwarderContext>& context,
                        const EndpointPtr& endpoint) {
-    IncomingMessage message;
-    while (true) {
-        const std::size_t length = awaitDatagram(message, *endpoint, "lateral stream");
-        if (length != 0) {
-            lateralReceived(*endpoint, length, message, *context);
-        }
-    }
+    LateralReceiver receiver(*context);
+    serveListener(*endpoint,
+                  {"lateral stream",
+                   [&receiver](const ReceivedDatagram& datagram) { receiver.receive(datagram); },
+                   [&receiver] { receiver.endBatch(); }});
 }
 
 }  // namespace vesk

@@ -1,9 +1,11 @@
 #include "datapath/lateral_handover.h"
 
+#include <algorithm>
+#include <array>
 #include <span>
 
 #include "context/forwarder_context.h"
-#include "datapath/datagram_io.h"
+#include "datapath/outgoing_message.h"
 #include "datapath/send_outcome.h"
 #include "datapath/wire/lateral_header.h"
 
@@ -11,18 +13,22 @@ namespace vesk {
 
 namespace {
 
-std::optional<std::size_t> wrapForOwner(const ReceivedDatagram& datagram, LateralStream& lateral) {
+/// Copies the datagram into a buffer of its own, since the header makes it longer, and adds the
+/// header. Returns the new length; none if the header does not fit or libcrypto fails.
+std::optional<std::size_t> wrapForOwner(const ReceivedDatagram& datagram, DatagramBuffer buffer,
+                                        LateralStream& lateral) {
+    std::ranges::copy(datagram.buffer.first(datagram.length), buffer.begin());
     const MutexLock lock(lateral.signingLock);
-    return addLateralHeader(datagram.endpoint.receiveBuffer, datagram.length, datagram.sender,
-                            lateral.signingKey);
+    return addLateralHeader(buffer, datagram.length, datagram.sender, lateral.signingKey);
 }
 
-void sendToOwner(const ReceivedDatagram& datagram, std::size_t length,
-                 const SocketAddress& ownerAddress, VeskEndpointDescriptor& lateralEndpoint) {
+void sendToOwner(std::span<std::uint8_t> datagram, const SocketAddress& ownerAddress,
+                 VeskEndpointDescriptor& lateralEndpoint) {
     OutgoingMessage message;
-    message.setDatagram(std::span(datagram.endpoint.receiveBuffer).first(length));
+    message.setDatagram(datagram);
     message.setDestination(ownerAddress);
-    const SendResult result = sendMessage(message, lateralEndpoint.wrsockfd, 0, length);
+    const SendResult result =
+        sendMessage(*message.header(), lateralEndpoint.wrsockfd, 0, datagram.size());
     countSend(result.outcome, lateralEndpoint.counters.txDg, lateralEndpoint.counters.txDgDropped);
 }
 
@@ -53,12 +59,13 @@ bool handOverToOwner(const ReceivedDatagram& datagram, std::uint32_t owner,
     if (!datagram.returnPath.empty() || !ownerAddress || !lateralEndpoint) {
         return false;
     }
-    const std::optional<std::size_t> length = wrapForOwner(datagram, context.lateral);
+    std::array<std::uint8_t, maxDatagramSize> buffer;
+    const std::optional<std::size_t> length = wrapForOwner(datagram, buffer, context.lateral);
     if (!length) {
         lateralEndpoint->counters.txDgDropped.increment();
         return true;
     }
-    sendToOwner(datagram, *length, *ownerAddress, *lateralEndpoint);
+    sendToOwner(std::span(buffer).first(*length), *ownerAddress, *lateralEndpoint);
     return true;
 }
 

@@ -4,17 +4,20 @@
 
 #include <cstddef>
 
+#include "datapath/wire/framing.h"
 #include "net/endpoint.h"
 #include "net/local_address.h"
 
 namespace vesk {
 
-/// A datagram in an endpoint's receive buffer, with its length in bytes and its addresses.
+/// A datagram in a receive buffer, with its length in bytes, its addresses and the endpoint on
+/// which it arrived.
 struct ReceivedDatagram {
     VeskEndpointDescriptor& endpoint;
+    DatagramBuffer buffer;
     std::size_t length;
     const SocketAddress& sender;
-    LocalAddress localDestination;
+    const LocalAddress& localDestination;
     /// Empty for a datagram received directly from a peer.
     ReturnPath returnPath;
 };

@@ -2,9 +2,10 @@
 
 #include <sys/socket.h>
 
+#include <algorithm>
+#include <span>
+
 #include "context/forwarder_context.h"
-#include "datapath/datagram_io.h"
-#include "datapath/send_outcome.h"
 #include "datapath/wire/authentication.h"
 #include "datapath/wire/lateral_header.h"
 #include "net/lifecycle/endpoint_lifecycle.h"
@@ -13,95 +14,134 @@ namespace vesk {
 
 namespace {
 
-/// Addresses the message to the flow's last sender, if there is one, and sets `returnPath` to that
-/// sender's return path, which is empty if the sender is reached directly. Returns whether
-/// `localDestination` is already the source address of datagrams sent upstream.
-bool addressToLastSender(OutgoingMessage& message, ReturnPath& returnPath,
-                         const LocalAddress& localDestination, VeskEndpointDescriptor& flow) {
-    const ReadLock lock(flow.routeLock);
-    message.setDestination(flow.route.peer);
-    message.addTrafficClass(flow.flow.down.dscpV4, flow.flow.down.dscpV6);
-    message.addSource(flow.route.local);
-    returnPath = flow.route.returnPath;
-    return localDestination == flow.upstreamLocal;
-}
-
-void rememberUpstreamLocal(const LocalAddress& localDestination, VeskEndpointDescriptor& flow) {
-    const WriteLock lock(flow.routeLock);
-    flow.upstreamLocal = localDestination;
-}
-
-/// `peerless`: no sender is known yet.
-enum class ReplyVerdict { send, forged, peerless, unsignable };
-
-/// Checks, relabels and signs the reply, and addresses the message that sends it downstream.
-ReplyVerdict convertForDownstream(const Reply& reply, OutgoingMessage& message,
-                                  ReturnPath& returnPath, VeskEndpointDescriptor& flow,
-                                  const ForwarderContext& context) {
-    const MutexLock lock(flow.towardsDownstream);
-    if (!checkDatagram(context.framing, reply.buffer(), reply.headerLength, reply.length,
-                       flow.flow.up.inHmac)) {
-        return ReplyVerdict::forged;
-    }
-    const bool localIsKnown =
-        addressToLastSender(message, returnPath, reply.localDestination, flow);
-    if (!message.hasDestination()) {
-        return ReplyVerdict::peerless;
-    }
-    if (!localIsKnown) {
-        rememberUpstreamLocal(reply.localDestination, flow);
-    }
-    rewriteLabel(context.framing, reply.buffer(), flow.flow.down.label);
-    const bool isSigned = signDatagram(context.framing, reply.buffer(), reply.headerLength,
-                                       reply.length, flow.flow.down.outHmac);
-    return isSigned ? ReplyVerdict::send : ReplyVerdict::unsignable;
-}
-
-void sendDownstream(const Reply& reply, OutgoingMessage& message, const ReturnPath& returnPath,
-                    VeskEndpointDescriptor& flow, const WayOut& wayOut, ForwarderContext& context) {
-    const bool laterally =
-        !returnPath.empty() && context.lateral.running.load(std::memory_order_acquire);
-    const EndpointPtr& from = laterally ? wayOut.lateral.get() : wayOut.downstream.get();
-    if (!from) {
-        flow.counters.dnTxDgDropped.increment();
-        return;
-    }
-    std::size_t length = reply.length;
-    if (laterally) {
-        const auto wrapped = addReturnHeader(reply.buffer(), reply.length, returnPath);
-        if (!wrapped) {
-            from->counters.txDgDropped.increment();
-            return;
-        }
-        length = *wrapped;
-    }
-    message.setDatagram(reply.buffer().first(length));
-    // One byte suffices: a partial send counts as sent.
-    const SendResult result = sendMessage(message, from->wrsockfd, MSG_DONTWAIT, 1);
-    countSend(result.outcome, flow.counters.dnTxDg, flow.counters.dnTxDgDropped);
-    if (result.outcome == SendOutcome::failed) {
-        reportUpstreamNetworkError(flow, "UP_TO_DOWN_SEND:", result.error, context);
-    }
+SendBatch::Settle settleInto(ForwarderContext& context) {
+    return
+        [&context](VeskEndpointDescriptor& flow, const SendResult& result, std::size_t datagrams) {
+            countSend(result.outcome, flow.counters.dnTxDg, flow.counters.dnTxDgDropped, datagrams);
+            if (result.outcome == SendOutcome::failed) {
+                reportUpstreamNetworkError(flow, "UP_TO_DOWN_SEND:", result.error, context);
+            }
+        };
 }
 
 }  // namespace
 
-void returnReply(const Reply& reply, VeskEndpointDescriptor& flow, const WayOut& wayOut,
-                 ForwarderContext& context) {
-    OutgoingMessage message(context.ipv4Source);
-    ReturnPath returnPath;
-    switch (convertForDownstream(reply, message, returnPath, flow, context)) {
-        case ReplyVerdict::forged:
+// One byte of a reply suffices: a partial send counts as sent.
+ReplySender::ReplySender(ForwarderContext& context)
+    : context_(context),
+      downstream_(context.downstreamEndpoint),
+      lateral_(context.lateralEndpoint),
+      toPeers_(MSG_DONTWAIT, false, settleInto(context)),
+      toInstances_(MSG_DONTWAIT, false, settleInto(context)) {}
+
+void ReplySender::returnReply(const Reply& reply, VeskEndpointDescriptor& flow) {
+    ReplyRoute route;
+    switch (convert(reply, route, flow)) {
+        case Verdict::forged:
             flow.counters.rxDgError.increment();
             break;
-        case ReplyVerdict::peerless:
-        case ReplyVerdict::unsignable:
+        case Verdict::peerless:
+        case Verdict::unsignable:
             flow.counters.dnTxDgDropped.increment();
             break;
-        case ReplyVerdict::send:
-            sendDownstream(reply, message, returnPath, flow, wayOut, context);
+        case Verdict::accepted:
+            hold(reply, route, flow);
             break;
     }
+}
+
+/// Checks, relabels and signs the reply, and reads the route on which it is sent.
+ReplySender::Verdict ReplySender::convert(const Reply& reply, ReplyRoute& route,
+                                          VeskEndpointDescriptor& flow) const {
+    const MutexLock lock(flow.towardsDownstream);
+    if (!checkDatagram(context_.framing, reply.buffer, reply.headerLength, reply.length,
+                       flow.flow.up.inHmac)) {
+        return Verdict::forged;
+    }
+    route = flow.route.load();
+    if (route.peer.length == 0) {
+        return Verdict::peerless;
+    }
+    if (flow.upstreamLocal.load() != reply.localDestination) {
+        flow.upstreamLocal.store(reply.localDestination);
+    }
+    rewriteLabel(context_.framing, reply.buffer, flow.flow.down.label);
+    const bool isSigned = signDatagram(context_.framing, reply.buffer, reply.headerLength,
+                                       reply.length, flow.flow.down.outHmac);
+    return isSigned ? Verdict::accepted : Verdict::unsignable;
+}
+
+void ReplySender::hold(const Reply& reply, const ReplyRoute& route, VeskEndpointDescriptor& flow) {
+    if (!route.returnPath.empty() && context_.lateral.running.load(std::memory_order_acquire)) {
+        holdForInstance(reply, route, flow);
+        return;
+    }
+    if (!downstream_.get()) {
+        flow.counters.dnTxDgDropped.increment();
+        return;
+    }
+    if (toPeers_.full()) {
+        sendHeld();
+    }
+    address(toPeers_.nextRoute(), route, flow);
+    toPeers_.add(reply.buffer.first(reply.length), flow);
+}
+
+/// Holds the reply, with a lateral header, for the instance that forwarded the last sender's
+/// datagram.
+void ReplySender::holdForInstance(const Reply& reply, const ReplyRoute& route,
+                                  VeskEndpointDescriptor& flow) {
+    const EndpointPtr& lateral = lateral_.get();
+    if (!lateral) {
+        flow.counters.dnTxDgDropped.increment();
+        return;
+    }
+    if (toInstances_.full()) {
+        sendHeld();
+    }
+    if (!wrapped_) {
+        wrapped_ = std::make_unique<std::array<Wrapped, SendBatch::capacity>>();
+    }
+    Wrapped& buffer = wrapped_->at(wrappedCount_);
+    std::ranges::copy(reply.buffer.first(reply.length), buffer.begin());
+    const auto length = addReturnHeader(buffer, reply.length, route.returnPath);
+    if (!length) {
+        lateral->counters.txDgDropped.increment();
+        return;
+    }
+    ++wrappedCount_;
+    address(toInstances_.nextRoute(), route, flow);
+    toInstances_.add(std::span(buffer).first(*length), flow);
+}
+
+void ReplySender::address(OutgoingMessage& message, const ReplyRoute& route,
+                          const VeskEndpointDescriptor& flow) const {
+    message.setDestination(route.peer);
+    message.addTrafficClass(flow.flow.down.dscpV4, flow.flow.down.dscpV6);
+    message.addSource(route.local, context_.ipv4Source);
+}
+
+void ReplySender::sendHeld() {
+    sendFrom(downstream_, toPeers_);
+    sendFrom(lateral_, toInstances_);
+    wrappedCount_ = 0;
+}
+
+/// Sends the replies from the slot's endpoint. Without one they are dropped.
+void ReplySender::sendFrom(CachedSlot& slot, SendBatch& replies) {
+    if (replies.empty()) {
+        return;
+    }
+    if (const EndpointPtr& from = slot.get()) {
+        replies.sendFrom(*from);
+    } else {
+        replies.settleAll({SendOutcome::noRoom, 0});
+    }
+}
+
+void ReplySender::letGo() {
+    downstream_.letGo();
+    lateral_.letGo();
 }
 
 }  // namespace vesk

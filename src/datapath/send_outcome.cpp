@@ -1,12 +1,10 @@
 #include "datapath/send_outcome.h"
 
-#include <sys/socket.h>
-
 #include <cerrno>
 
-namespace vesk {
+#include "datapath/system_calls.h"
 
-namespace {
+namespace vesk {
 
 SendOutcome outcomeOfError(int error) {
     switch (error) {
@@ -19,10 +17,8 @@ SendOutcome outcomeOfError(int error) {
     }
 }
 
-}  // namespace
-
-SendResult sendMessage(const OutgoingMessage& message, int socket, int flags, std::size_t least) {
-    const ssize_t sent = sendmsg(socket, message.header(), flags);
+SendResult sendMessage(const msghdr& message, int socket, int flags, std::size_t least) {
+    const ssize_t sent = sendOneMessage(socket, message, flags);
     const int error = errno;
     if (sent == -1) {
         return {outcomeOfError(error), error};

@@ -1,12 +1,13 @@
-// Sends a datagram and classifies the result. Called by the receive threads and the workers for
-// each datagram that they send.
+// The result of sending datagrams, and how it is counted. Used by the receive threads and the
+// workers.
 #pragma once
+
+#include <sys/socket.h>
 
 #include <cstddef>
 #include <cstdint>
 
 #include "base/counter.h"
-#include "datapath/datagram_io.h"
 
 namespace vesk {
 
@@ -25,15 +26,19 @@ struct SendResult {
     int error;
 };
 
-/// Sends the message from the socket. The outcome is `sent` if at least `least` bytes were sent.
-SendResult sendMessage(const OutgoingMessage& message, int socket, int flags, std::size_t least);
+/// The outcome of a send call that failed with this errno.
+SendOutcome outcomeOfError(int error);
 
-/// Counts a datagram as sent or dropped; one that is `refused` is not counted.
-inline void countSend(SendOutcome outcome, SharedCounter& sent, SharedCounter& dropped) {
+/// Sends the message from the socket. The outcome is `sent` if at least `least` bytes were sent.
+SendResult sendMessage(const msghdr& message, int socket, int flags, std::size_t least);
+
+/// Counts datagrams as sent or dropped; those that are `refused` are not counted.
+inline void countSend(SendOutcome outcome, SharedCounter& sent, SharedCounter& dropped,
+                      std::uint64_t datagrams = 1) {
     if (outcome == SendOutcome::sent) {
-        sent.increment();
+        sent.add(datagrams);
     } else if (outcome != SendOutcome::refused) {
-        dropped.increment();
+        dropped.add(datagrams);
     }
 }
 

@@ -1,47 +1,31 @@
-// The exclusive right to use an upstream endpoint's receive buffer. Taken by the receive workers.
+// The exclusive right of one receive worker to serve an upstream endpoint's read socket. It keeps
+// the replies of a flow in order: from the first receive call until the replies have been sent and
+// the socket is to be armed, no other worker receives from the socket.
 //
-// A worker may still have the descriptor number of a removed endpoint when the number belongs to a
-// new one. It must not disturb the worker that serves the new endpoint, and no wake-up may be lost.
+// A worker that is refused the right forgets the socket. It may have the descriptor number of a
+// removed endpoint, which now belongs to a new one. Its wake-up is not lost even if it was meant
+// for the new socket: the worker that serves the socket arms it at the end, and the poll loop then
+// reports it again if it has datagrams.
 #pragma once
 
 #include <atomic>
-#include <utility>
 
 #include "net/endpoint.h"
 
 namespace vesk {
 
-class ServingClaim {
- public:
-    explicit ServingClaim(VeskEndpointDescriptor& endpoint)
-        : endpoint_(endpoint), held_(claimOrAskForMore(endpoint.serving)) {}
-    ~ServingClaim() { giveBack(); }
-    ServingClaim(const ServingClaim&) = delete;
-    ServingClaim& operator=(const ServingClaim&) = delete;
+/// Takes the right for `worker`. True if it has the right, now or already.
+inline bool claimServing(VeskEndpointDescriptor& endpoint, const void* worker) {
+    const void* holder = nullptr;
+    return endpoint.server.compare_exchange_strong(holder, worker, std::memory_order_acq_rel,
+                                                   std::memory_order_acquire) ||
+           holder == worker;
+}
 
-    bool held() const { return held_; }
-
-    /// Ends the claim. True if another worker tried to claim meanwhile: the socket must then be
-    /// read once more, so that no wake-up is lost.
-    bool giveBack() {
-        return std::exchange(held_, false) &&
-               endpoint_.serving.exchange(Serving::nobody, std::memory_order_acq_rel) ==
-                   Serving::moreWanted;
-    }
-
- private:
-    /// True if the claim was free. Otherwise records that its holder has to read once more.
-    static bool claimOrAskForMore(std::atomic<Serving>& serving) {
-        Serving state = Serving::nobody;
-        while (!serving.compare_exchange_weak(
-            state, state == Serving::nobody ? Serving::claimed : Serving::moreWanted,
-            std::memory_order_acq_rel, std::memory_order_acquire)) {
-        }
-        return state == Serving::nobody;
-    }
-
-    VeskEndpointDescriptor& endpoint_;
-    bool held_;
-};
+/// Gives the right back. Called by the worker that has it, after it took the right to arm the
+/// socket and before the socket is armed, since another worker may then be woken for it at once.
+inline void endServing(VeskEndpointDescriptor& endpoint) {
+    endpoint.server.store(nullptr, std::memory_order_release);
+}
 
 }  // namespace vesk

@@ -4,7 +4,7 @@
 #include <utility>
 
 #include "context/forwarder_context.h"
-#include "datapath/reply.h"
+#include "datapath/flow_prefetch.h"
 #include "datapath/serving_claim.h"
 #include "datapath/wire/framing.h"
 #include "log/log.h"
@@ -14,98 +14,113 @@ namespace vesk {
 
 namespace {
 
-/// Whether the socket has no more datagrams for now, after a receive call that returned none.
-bool isDrained(const IncomingMessage& message, int error) {
-    // ECONNREFUSED comes from an ICMP message and does not affect the next reply.
-    return message.truncated() || error == EAGAIN || error == ECONNREFUSED;
-}
+/// The fewest messages worth a receive call: with less room the replies are sent first.
+constexpr std::size_t leastRoom = 16;
 
-/// Counts and logs a failed receive call. Returns whether to read again.
-bool handleReceiveFailure(VeskEndpointDescriptor& endpoint, int error, ForwarderContext& context) {
-    endpoint.counters.rxDgError.increment();
-    return reportUpstreamNetworkError(endpoint, "UP_RECEIVE:", error, context) == 0;
+/// Whether the socket has no more datagrams for now, after a receive call with this error.
+bool isDrained(int error) {
+    // ECONNREFUSED comes from an ICMP message and does not affect the next reply.
+    return error == EAGAIN || error == ECONNREFUSED;
 }
 
 }  // namespace
 
 UpstreamReceiver::UpstreamReceiver(std::shared_ptr<ForwarderContext> context)
     : context_(std::move(context)),
+      replies_(*context_),
       arming_(*context_),
-      endpoints_(*context_->endpointManager),
-      downstream_(context_->downstreamEndpoint),
-      lateral_(context_->lateralEndpoint) {}
+      endpoints_(*context_->endpointManager) {}
 
-bool UpstreamReceiver::serve(int socket) {
+UpstreamReceiver::Served UpstreamReceiver::serve(int socket) {
     if (endpoints_.noticeRemovals()) {
         // References to removed endpoints are released, since they keep ports from being reused.
-        arming_.arm();
-        arming_.forgetRemoved();
+        letGo();
     }
     const EndpointPtr& endpoint = endpoints_.findByFd(socket);
     if (!endpoint) {
-        return false;
+        return {};
     }
-    bool again = false;
+    Served served;
     if (endpoint->rdsockfd != socket) {
         logInfo("upstreamSocketRecv Woke up from a stale sockfd ", socket, " for upEpt label ",
                 endpoint->label, " rdsockfd ", endpoint->rdsockfd, " wrsockfd ", endpoint->wrsockfd,
                 ", ignored.");
     } else if (!endpoint->prepared.load(std::memory_order_acquire)) {
-        again = serveUnprepared(endpoint);
+        served = serveUnprepared(socket);
     } else {
-        again = serveEndpoint(endpoint);
+        served = serveEndpoint(endpoint);
     }
-    if (!again) {
-        endpoints_.letGoOfFd(socket);
+    if (!served.again) {
+        endpoints_.endFd(socket);
     }
-    return again;
+    return served;
 }
 
-/// Waits for the creator of the endpoint. A worker finds an unprepared endpoint if the creator is
-/// about to finish, or if it has a descriptor number left over from an earlier socket. The creator
-/// may wait for the port of an endpoint that this worker holds, so all endpoints are released
-/// first.
-// NOLINTNEXTLINE(performance-unnecessary-value-param): letGo releases all other references.
-bool UpstreamReceiver::serveUnprepared(EndpointPtr endpoint) {
+/// Waits for the creator of the socket's endpoint. A worker finds an unprepared endpoint if the
+/// creator is about to finish, or if it has a descriptor number left over from an earlier socket.
+/// The creator may wait for the port of an endpoint that this worker holds, so all endpoints are
+/// released first. The endpoint is then looked up again, so that it is held until its replies have
+/// been sent.
+UpstreamReceiver::Served UpstreamReceiver::serveUnprepared(int socket) {
     letGo();
     { const MutexLock creatorIsDone(context_->endpointCreation); }
-    // If it is still unprepared, it was removed.
-    return endpoint->prepared.load(std::memory_order_acquire) && serveEndpoint(endpoint);
+    const EndpointPtr& endpoint = endpoints_.findByFd(socket);
+    if (!endpoint || !endpoint->prepared.load(std::memory_order_acquire)) {
+        // It was removed.
+        return {};
+    }
+    return serveEndpoint(endpoint);
 }
 
-bool UpstreamReceiver::serveEndpoint(const EndpointPtr& endpoint) {
-    ServingClaim claim(*endpoint);
-    if (!claim.held()) {
-        return false;
+UpstreamReceiver::Served UpstreamReceiver::serveEndpoint(const EndpointPtr& endpoint) {
+    if (!claimServing(*endpoint, this)) {
+        return {};
     }
+    if (batch_.room() < leastRoom) {
+        sendReplies();
+    }
+    prefetchTowardsDownstream(*endpoint);
+    const std::size_t asked = batch_.room();
     const std::uint32_t armings = endpoint->armings.load(std::memory_order_acquire);
-    const ReceiveResult result = receiveNow(incoming_, *endpoint);
-    if (result.received >= 1) {
-        replyReceived(endpoint, static_cast<std::size_t>(result.received));
-        return true;
+    const int received = batch_.receiveNow(endpoint->rdsockfd);
+    const int datagrams = handleMessages(received, *endpoint);
+    if (received == static_cast<int>(asked)) {
+        return {datagrams, true};
     }
-    // The claim ends before the socket is armed, since another worker may then serve it at once.
-    const bool moreWanted = claim.giveBack();
-    if (!isDrained(incoming_, result.error)) {
-        return handleReceiveFailure(*endpoint, result.error, *context_);
-    }
-    if (incoming_.truncated()) {
+    if (received < 0 && !isDrained(-received)) {
         endpoint->counters.rxDgError.increment();
+        const bool stays =
+            reportUpstreamNetworkError(*endpoint, "UP_RECEIVE:", -received, *context_) == 0;
+        return {0, stays};
     }
-    if (!moreWanted) {
-        arming_.add(endpoint, armings);
-    }
-    return moreWanted;
+    arm(endpoint, armings);
+    return {datagrams, false};
 }
 
-void UpstreamReceiver::replyReceived(const EndpointPtr& endpoint, std::size_t length) {
-    endpoint->counters.rxDg.increment();
-    endpoint->markActive();
-    const auto parsed =
-        parseDatagram(context_->framing, ConstDatagramBuffer(endpoint->receiveBuffer), length);
-    VeskEndpointDescriptor* const flow = parsed ? flowOfReply(*endpoint, parsed->label) : nullptr;
+/// Handles the messages of the last receive call. Returns the number of datagrams in them.
+int UpstreamReceiver::handleMessages(int received, VeskEndpointDescriptor& endpoint) {
+    int datagrams = 0;
+    for (int i = 0; i < received; ++i) {
+        const ReceivedMessage message =
+            batch_.message(static_cast<std::size_t>(i), endpoint.family);
+        for (std::size_t k = 0; k < message.datagramCount(); ++k) {
+            replyReceived(message, k, endpoint);
+            ++datagrams;
+        }
+    }
+    return datagrams;
+}
+
+void UpstreamReceiver::replyReceived(const ReceivedMessage& message, std::size_t index,
+                                     VeskEndpointDescriptor& endpoint) {
+    const DatagramBuffer buffer = message.datagram(index);
+    const std::size_t length = message.datagramLength(index);
+    endpoint.counters.rxDg.increment();
+    endpoint.markActive();
+    const auto parsed = parseDatagram(context_->framing, buffer, length);
+    VeskEndpointDescriptor* const flow = parsed ? flowOfReply(endpoint, parsed->label) : nullptr;
     if (!flow) {
-        endpoint->counters.rxDgError.increment();
+        endpoint.counters.rxDgError.increment();
         return;
     }
     if (parsed->label != 0 && parsed->label != flow->label) {
@@ -116,24 +131,40 @@ void UpstreamReceiver::replyReceived(const EndpointPtr& endpoint, std::size_t le
         flow->counters.dnTxDgDropped.increment();
         return;
     }
-    returnReply(
-        {*endpoint, length, parsed->headerLength, incoming_.localDestination(endpoint->family)},
-        *flow, {downstream_, lateral_}, *context_);
+    replies_.returnReply({buffer, length, parsed->headerLength, message.localDestination()}, *flow);
 }
 
 /// The flow that a reply belongs to. On a multiplexed socket replies of other flows may arrive too.
-/// Null for a label without an endpoint.
+/// Null for a label without an endpoint, and for an endpoint that was removed after its datagrams
+/// were received.
 VeskEndpointDescriptor* UpstreamReceiver::flowOfReply(VeskEndpointDescriptor& endpoint,
                                                       std::uint32_t label) {
     const bool own = !endpoint.flow.isMultiplex || label == endpoint.label;
-    return own ? &endpoint : endpoints_.findByLabel(label).get();
+    VeskEndpointDescriptor* const flow = own ? &endpoint : endpoints_.findByLabel(label).get();
+    return flow != nullptr && endpoints_.isCurrent(*flow) ? flow : nullptr;
+}
+
+/// Adds a drained socket to those to be armed. Replies that arrived on a socket are sent before it
+/// is armed: another worker may then serve it, and must not overtake them.
+void UpstreamReceiver::arm(const EndpointPtr& endpoint, std::uint32_t armings) {
+    if (arming_.full()) {
+        sendReplies();
+        arming_.arm();
+    }
+    arming_.add(endpoint, armings);
+}
+
+/// Sends the replies held, and frees their buffers.
+void UpstreamReceiver::sendReplies() {
+    replies_.sendHeld();
+    batch_.clear();
 }
 
 std::optional<std::chrono::milliseconds> UpstreamReceiver::endPass(const LogDelay& lines) {
+    sendReplies();
     arming_.arm();
-    downstream_.letGo();
-    lateral_.letGo();
-    endpoints_.letGoOfLabels();
+    replies_.letGo();
+    endpoints_.letGoOfEnded();
     if (lines.holdsLines()) {
         letGo();
     }
@@ -142,16 +173,17 @@ std::optional<std::chrono::milliseconds> UpstreamReceiver::endPass(const LogDela
 
 /// Releases all that other threads may need while this worker waits.
 void UpstreamReceiver::letGo() {
+    sendReplies();
     arming_.arm();
     arming_.forgetRemoved();
-    downstream_.letGo();
-    lateral_.letGo();
+    replies_.letGo();
     endpoints_.letGo();
 }
 
 int upstreamSocketRecv(int socket, bool& keep, UpstreamReceiver& receiver) {
-    keep = receiver.serve(socket);
-    return keep ? 1 : 0;
+    const UpstreamReceiver::Served served = receiver.serve(socket);
+    keep = served.again;
+    return served.datagrams;
 }
 
 int upstreamSocketSend(int /*socket*/, bool& keep) {

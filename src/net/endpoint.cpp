@@ -14,9 +14,9 @@ VeskEndpointDescriptor::VeskEndpointDescriptor(std::uint32_t flowLabel, int read
       family(boundTo.resolved() ? boundTo.family() : flowDesc.up.addrInfo.family()),
       localAddress(boundTo),
       flow(flowDesc),
-      route{flowDesc.down.addrInfo.socketAddress(),
-            configuredLocalAddress(flowDesc.down.srcAddrInfo.socketAddress()),
-            {}},
+      route({flowDesc.down.addrInfo.socketAddress(),
+             configuredLocalAddress(flowDesc.down.srcAddrInfo.socketAddress()),
+             {}}),
       upstreamLocal(configuredLocalAddress(flowDesc.up.srcAddrInfo.socketAddress())),
       deleter_(std::move(endpointDeleter)) {}
 

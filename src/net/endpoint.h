@@ -5,15 +5,13 @@
 // the deleter that its creator passes in disposes of the sockets.
 #pragma once
 
-#include <sys/uio.h>
-
-#include <array>
 #include <atomic>
 #include <cstdint>
 #include <functional>
 #include <memory>
 
 #include "base/counter.h"
+#include "base/sequenced.h"
 #include "base/socket_address.h"
 #include "base/sync.h"
 #include "datapath/wire/layout.h"
@@ -34,15 +32,12 @@ struct ReplyRoute {
     /// The address of this host on which that datagram arrived.
     LocalAddress local;
     ReturnPath returnPath;
+
+    friend bool operator==(const ReplyRoute&, const ReplyRoute&) = default;
 };
 
 /// In bytes. Data that different threads write for each datagram is at least this far apart.
 inline constexpr std::size_t cacheLineSize = 64;
-
-/// Room for one datagram, in cache lines that nothing else shares.
-struct alignas(cacheLineSize) ReceiveBuffer : std::array<std::uint8_t, maxDatagramSize> {};
-static_assert(alignof(ReceiveBuffer) == cacheLineSize && sizeof(ReceiveBuffer) == maxDatagramSize,
-              "nothing that another thread writes shares a cache line with a datagram");
 
 struct EndpointCounters {
     /// Datagrams sent in full.
@@ -57,10 +52,6 @@ struct EndpointCounters {
     SharedCounter dnTxDg;
     SharedCounter dnTxDgDropped;
 };
-
-/// `claimed`: a worker serves the endpoint's read socket. `moreWanted`: meanwhile another worker
-/// was woken for the same socket and left it to the first.
-enum class Serving : std::uint8_t { nobody, claimed, moreWanted };
 
 /// Whether a datagram of a new endpoint has passed its check. `failed`: the datagram that the
 /// endpoint was made for was forged, and no other had passed before; the endpoint is removed.
@@ -109,6 +100,9 @@ class VeskEndpointDescriptor {
 
     /// Set by the clean-up pass, cleared by traffic.
     std::atomic<bool> idle{false};
+    /// The longest datagrams that the kernel sends from the write socket several at a time, in
+    /// bytes. Lowered where it refuses; 0 if it cannot do that at all.
+    std::atomic<std::uint16_t> segmentLimit{maxDatagramSize};
 
     // Written by the thread that makes the endpoint, read by any.
 
@@ -120,18 +114,14 @@ class VeskEndpointDescriptor {
     /// `endpointCreation`.
     std::atomic<bool> prepared{false};
 
-    // Used by the thread that receives on the read socket, one at a time.
-
-    ReceiveBuffer receiveBuffer{};
-    iovec scatter{receiveBuffer.data(), maxDatagramSize};
-
     // Used by the workers that are woken for the read socket, several at once.
 
-    /// Whether a worker serves the socket. A worker may have a descriptor number left
-    /// over from a removed endpoint while another worker serves this one.
-    std::atomic<Serving> serving{Serving::nobody};
-    /// How often the read socket was armed again. Two workers may find the socket drained; the
-    /// second one sees from this number that the first has armed it.
+    /// The worker that serves the socket; null if there is none. A worker may have a descriptor
+    /// number left over from a removed endpoint while another worker serves this one.
+    std::atomic<const void*> server{nullptr};
+    /// How often the read socket was armed again. Changed only by the worker that serves it. A
+    /// worker may drain the socket twice before it arms it; from this number it sees that it has
+    /// armed it.
     std::atomic<std::uint32_t> armings{0};
 
     // Any thread.
@@ -149,13 +139,13 @@ class VeskEndpointDescriptor {
     Trial trial VESK_GUARDED_BY(towardsUpstream) = Trial::pending;
     alignas(cacheLineSize) Mutex towardsDownstream;
 
-    /// Guards the addresses learned from traffic, which are read for each datagram and rarely
-    /// written.
-    alignas(cacheLineSize) RwLock routeLock;
-    ReplyRoute route VESK_GUARDED_BY(routeLock);
+    // Learned from traffic: read for each datagram, written rarely. Any thread.
+
+    /// Written by a thread that holds `towardsUpstream`.
+    alignas(cacheLineSize) Sequenced<ReplyRoute> route;
     /// The source address of datagrams sent upstream: first as configured, then the address on
     /// which replies arrive.
-    LocalAddress upstreamLocal VESK_GUARDED_BY(routeLock);
+    Sequenced<LocalAddress> upstreamLocal;
 
  private:
     EndpointDeleter deleter_;

@@ -6,17 +6,42 @@
 
 namespace vesk {
 
+const EndpointPtr& LabelCache::find(std::uint32_t label) {
+    EndpointPtr& place = byLabel_.at(label % byLabel_.size());
+    if (place && place->label == label) {
+        return place;
+    }
+    return keep(label, manager_.findEndpointByLabel(label));
+}
+
+const EndpointPtr& LabelCache::keep(std::uint32_t label, EndpointPtr endpoint) {
+    EndpointPtr& place = byLabel_.at(label % byLabel_.size());
+    if (place) {
+        displaced_.push_back(std::move(place));
+    }
+    place = std::move(endpoint);
+    used_ = true;
+    return place;
+}
+
+void LabelCache::letGo() {
+    if (used_) {
+        byLabel_.fill(nullptr);
+        displaced_.clear();
+        used_ = false;
+    }
+}
+
 EndpointCache::EndpointCache(const EndpointManager& manager)
-    : manager_(manager), removals_(manager.removals()) {}
+    : manager_(manager), removals_(manager.removals()), labels_(manager) {}
 
 bool EndpointCache::noticeRemovals() {
-    const std::uint64_t removals = manager_.removals();
-    if (removals == removals_) {
-        return false;
-    }
-    removals_ = removals;
-    letGo();
-    return true;
+    return std::exchange(removals_, manager_.removals()) != removals_;
+}
+
+bool EndpointCache::isCurrent(const VeskEndpointDescriptor& endpoint) const {
+    return manager_.removals() == removals_ ||
+           manager_.findEndpointByLabel(endpoint.label).get() == &endpoint;
 }
 
 const EndpointPtr& EndpointCache::findByFd(int fd) {
@@ -48,34 +73,23 @@ bool EndpointCache::isStale(const Place& place, const EndpointPtr& found) {
            (place.former.owner_before(found) || found.owner_before(place.former));
 }
 
-void EndpointCache::letGoOfFd(int fd) {
+void EndpointCache::endFd(int fd) {
     Place& place = byFd_.at(static_cast<std::size_t>(fd));
     place.former.reset();
     place.hasFormer = false;
     if (!place.endpoint) {
         return;
     }
-    place.endpoint.reset();
+    ended_.push_back(std::exchange(place.endpoint, nullptr));
     const int last = fds_.back();
     fds_[place.position] = last;
     byFd_[static_cast<std::size_t>(last)].position = place.position;
     fds_.pop_back();
 }
 
-const EndpointPtr& EndpointCache::findByLabel(std::uint32_t label) {
-    EndpointPtr& place = byLabel_.at(label % byLabel_.size());
-    if (!place || place->label != label) {
-        place = manager_.findEndpointByLabel(label);
-        labelsKept_ = true;
-    }
-    return place;
-}
-
-void EndpointCache::letGoOfLabels() {
-    if (labelsKept_) {
-        byLabel_.fill(nullptr);
-        labelsKept_ = false;
-    }
+void EndpointCache::letGoOfEnded() {
+    ended_.clear();
+    labels_.letGo();
 }
 
 void EndpointCache::letGo() {
@@ -86,7 +100,7 @@ void EndpointCache::letGo() {
         place.endpoint.reset();
     }
     fds_.clear();
-    letGoOfLabels();
+    letGoOfEnded();
 }
 
 const EndpointPtr& CachedSlot::get() {

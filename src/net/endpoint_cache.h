@@ -1,9 +1,9 @@
-// The endpoints that one receive worker has looked up and keeps for a while, so that it does not
-// take a lock shared by all threads for each datagram. Used by that worker only.
+// The endpoints that one receive thread or worker has looked up and keeps for a while, so that it
+// does not take a lock shared by all threads for each datagram. Used by that thread only.
 //
-// Endpoints that are kept cannot be destroyed. A worker therefore releases them before it waits for
-// descriptors or writes to the log, and as soon as an endpoint is removed or replaced. That check
-// costs one load.
+// Endpoints that are kept cannot be destroyed. A thread therefore releases them before it waits for
+// datagrams or descriptors or writes to the log, and as soon as an endpoint is removed or replaced.
+// That check costs one load.
 #pragma once
 
 #include <array>
@@ -19,23 +19,46 @@ namespace vesk {
 
 class EndpointManager;
 
+/// The endpoints looked up by label.
+class LabelCache {
+ public:
+    explicit LabelCache(const EndpointManager& manager) : manager_(manager) {}
+
+    /// The label's endpoint; empty if there is none. Valid until `letGo`.
+    const EndpointPtr& find(std::uint32_t label);
+    /// Keeps what another look-up has found for the label.
+    const EndpointPtr& keep(std::uint32_t label, EndpointPtr endpoint);
+    void letGo();
+
+ private:
+    const EndpointManager& manager_;
+    /// By label modulo its size. Small, since a thread has few labels to look up at a time.
+    std::array<EndpointPtr, 64> byLabel_;
+    /// The endpoints that others have displaced. Their users may still refer to them.
+    std::vector<EndpointPtr> displaced_;
+    bool used_ = false;
+};
+
 class EndpointCache {
  public:
     explicit EndpointCache(const EndpointManager& manager);
 
-    /// Whether endpoints have left the tables since the last call. If so, releases everything.
+    /// Whether endpoints have left the tables since the last call. If so, the caller has to call
+    /// `letGo`.
     bool noticeRemovals();
+    /// Whether the endpoint, looked up since the last `noticeRemovals`, is still in the tables.
+    bool isCurrent(const VeskEndpointDescriptor& endpoint) const;
 
     /// As the manager's look-ups; the result is valid until it is released. A descriptor that
     /// belonged to one endpoint and now belongs to another is not found the first time: the worker
     /// got the number for the old socket, and the new socket has its own ready event.
     const EndpointPtr& findByFd(int fd);
-    const EndpointPtr& findByLabel(std::uint32_t label);
+    const EndpointPtr& findByLabel(std::uint32_t label) { return labels_.find(label); }
 
-    /// Releases the descriptor's endpoint, once the worker has finished with the descriptor. The
-    /// functions below release the endpoints looked up by label, and all endpoints.
-    void letGoOfFd(int fd);
-    void letGoOfLabels();
+    /// Ends the use of the descriptor. Its endpoint is released by the functions below: the one
+    /// releases the endpoints of ended descriptors and those looked up by label, the other all.
+    void endFd(int fd);
+    void letGoOfEnded();
     void letGo();
 
  private:
@@ -57,10 +80,9 @@ class EndpointCache {
     /// order.
     std::vector<Place> byFd_;
     std::vector<int> fds_;
-    /// By label modulo its size. Small, since it is needed only for flows that share a multiplexed
-    /// socket.
-    std::array<EndpointPtr, 64> byLabel_;
-    bool labelsKept_ = false;
+    std::vector<EndpointPtr> ended_;
+    /// Needed only for flows that share a multiplexed socket.
+    LabelCache labels_;
 };
 
 /// The endpoint of a slot, kept in the same way.

@@ -26,6 +26,7 @@ EndpointPtr makeEndpointSocket(const std::string& address, int port) {
     Vesk_setSocketBuf(fd.get(), SO_RCVBUF, 2 * receiveBufferSize);
     Vesk_setSocketBuf(fd.get(), SO_RCVBUF, receiveBufferSize);
     Vesk_requestLocalDestAddr(fd.get(), family);
+    requestMergedDatagrams(fd.get());
 
     const IPAddrInfo local(address, static_cast<std::uint32_t>(port));
     if (bind(fd.get(), local.addr(), local.addrLen()) != 0) {
@@ -36,6 +37,9 @@ EndpointPtr makeEndpointSocket(const std::string& address, int port) {
 
     auto endpoint = std::make_unique<VeskEndpointDescriptor>(0, fd.get(), fd.get(), FlowDesc(),
                                                              closeEndpointSockets, local);
+    if (!offersSegmentation(fd.get())) {
+        endpoint->segmentLimit = 0;
+    }
     fd.release();
     return endpoint;
 }

@@ -1,6 +1,7 @@
 #include "net/socket_options.h"
 
 #include <netinet/in.h>
+#include <netinet/udp.h>
 #include <sys/socket.h>
 
 #include <cerrno>
@@ -81,6 +82,16 @@ int Vesk_requestLocalDestAddr(int fd, int family) {
             return -EAFNOSUPPORT;
     }
     return result == 0 ? -EINVAL : result;
+}
+
+void requestMergedDatagrams(int fd) {
+    static_cast<void>(setIntOption(fd, IPPROTO_UDP, UDP_GRO, 1));
+}
+
+bool offersSegmentation(int fd) {
+    int size = 0;
+    socklen_t length = sizeof(size);
+    return getsockopt(fd, IPPROTO_UDP, UDP_SEGMENT, &size, &length) == 0;
 }
 
 int setReusePort(int fd) {

@@ -18,6 +18,14 @@ int Vesk_setSocketBuf(int fd, int optname, int size);
 /// success. Callers ignore the result: a socket without this option is still used.
 int Vesk_requestLocalDestAddr(int fd, int family);
 
+/// Asks the kernel to merge datagrams of one sender that arrive together (UDP_GRO, udp(7)). Without
+/// a result: a kernel that cannot do it passes on each datagram alone.
+void requestMergedDatagrams(int fd);
+
+/// Whether the kernel can cut one message into datagrams (UDP_SEGMENT, udp(7)). A kernel that
+/// cannot would ignore the request and send the message as it is.
+bool offersSegmentation(int fd);
+
 /// Sets SO_REUSEPORT. 0, or -errno after logging.
 int setReusePort(int fd);
 

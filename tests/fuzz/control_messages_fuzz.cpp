@@ -1,10 +1,13 @@
-// The search through control messages for the address to which a datagram was sent. The input is
-// the control data, which is searched for both families.
+// The search through control messages for the address to which a datagram was sent and for the
+// segment size of merged datagrams. The input is the control data, which is searched for both
+// families.
 #include <netinet/in.h>
+#include <netinet/udp.h>
 
 #include <cstring>
+#include <functional>
 
-#include "datapath/datagram_io.h"
+#include "datapath/received_control.h"
 #include "support/byte_reader.h"
 #include "support/require.h"
 
@@ -35,25 +38,41 @@ LocalAddress ipv6Address(View message) {
     return {{reinterpret_cast<const sockaddr*>(&address), sizeof(address)}, false};
 }
 
-/// The same search by index: a message consists of its length (8 bytes), level and type (4 each)
-/// and data, and the next message begins at a multiple of 8.
-LocalAddress expectedDestination(int family, View control) {
-    const bool ipv6 = family == AF_INET6;
+/// The first message of this kind with at least this much data; empty if there is none. By index: a
+/// message consists of its length (8 bytes), level and type (4 each) and data, and the next message
+/// begins at a multiple of 8.
+View firstMessage(
+    View control, int level, int type, std::size_t dataLength,
+    const std::function<bool(View)>& isWanted = [](View) { return true; }) {
     for (std::size_t offset = 0; offset + 16 <= control.size();) {
         const auto length = at<std::uint64_t>(control, offset);
         if (length < 16 || length > control.size() - offset) {
             break;
         }
-        const bool wanted =
-            at<std::int32_t>(control, offset + 8) == (ipv6 ? 41 : 0) &&
-            at<std::int32_t>(control, offset + 12) == (ipv6 ? IPV6_PKTINFO : IP_PKTINFO);
         const View message = control.subspan(offset, length);
-        if (wanted && length >= (ipv6 ? 36U : 28U)) {
-            return ipv6 ? ipv6Address(message) : ipv4Address(message);
+        if (at<std::int32_t>(message, 8) == level && at<std::int32_t>(message, 12) == type &&
+            length >= 16 + dataLength && isWanted(message)) {
+            return message;
         }
         offset += (length + 7) / 8 * 8;
     }
     return {};
+}
+
+LocalAddress expectedDestination(int family, View control) {
+    const bool ipv6 = family == AF_INET6;
+    const View message = ipv6 ? firstMessage(control, 41, IPV6_PKTINFO, 20)
+                              : firstMessage(control, 0, IP_PKTINFO, 12);
+    if (message.empty()) {
+        return {};
+    }
+    return ipv6 ? ipv6Address(message) : ipv4Address(message);
+}
+
+std::size_t expectedSegmentSize(View control) {
+    const auto isPositive = [](View message) { return at<std::int32_t>(message, 16) > 0; };
+    const View message = firstMessage(control, 17, UDP_GRO, 4, isPositive);
+    return message.empty() ? 0 : at<std::uint32_t>(message, 16);
 }
 
 }  // namespace
@@ -64,9 +83,12 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     using namespace vesk::fuzz;
     const View control(data, size);
     for (const int family : {AF_INET, AF_INET6}) {
-        require(findLocalDestination(family, control) == expectedDestination(family, control),
+        const ReceivedControl found = readControl(family, control);
+        require(found.localDestination == expectedDestination(family, control),
                 "the address a datagram was sent to is found");
+        require(found.segmentSize == expectedSegmentSize(control), "the segment size is found");
     }
-    require(findLocalDestination(AF_UNSPEC, control).address.length == 0, "no family, no address");
+    require(readControl(AF_UNSPEC, control).localDestination.address.length == 0,
+            "no family, no address");
     return 0;
 }

@@ -98,8 +98,8 @@ class Run {
         const EndpointPtr endpoint =
             forwarder_.context().endpointManager->findEndpointByLabel(label);
         require(endpoint != nullptr, "a flow that had a good datagram stays");
-        const ReadLock lock(endpoint->routeLock);
-        require(endpoint->route.peer == surroundings().peer.address, "the sender is remembered");
+        require(endpoint->route.load().peer == surroundings().peer.address,
+                "the sender is remembered");
     }
 
     const int version_;

@@ -115,6 +115,22 @@ def control_messages():
     add(target, "length_past_end", control_message(0, 8, ipv4, length=2**64 - 1))
     add(target, "length_wraps_when_rounded_up", control_message(0, 8, ipv4, length=2**64 - 7))
     add(target, "header_cut", v4[:15])
+    merged = control_message(socket.IPPROTO_UDP, 104, struct.pack("=i", 1200))
+    add(target, "merged", v4 + merged)
+    add(target, "segment_size_0_then_1200",
+          control_message(socket.IPPROTO_UDP, 104, bytes(4)) + merged)
+    add(target, "segment_size_negative",
+          control_message(socket.IPPROTO_UDP, 104, struct.pack("=i", -1)))
+    add(target, "segment_size_too_short", control_message(socket.IPPROTO_UDP, 104, b"\1\2\3"))
+
+
+def merged_datagrams():
+    target = "merged_datagrams"
+    for name, length, segment in (("alone", 532, 0), ("empty", 0, 0), ("empty_merged", 0, 100),
+                                  ("equal", 1200, 400), ("last_shorter", 1000, 400),
+                                  ("one_of_many_lengths", 65535, 1), ("shorter_than_one", 3, 400),
+                                  ("longer_than_the_buffer", 9000, 2049)):
+        add(target, name, struct.pack(">HH", length, segment))
 
 
 LINES = {
@@ -250,6 +266,7 @@ def make_all():
     framing()
     lateral_header()
     control_messages()
+    merged_datagrams()
     commands()
     downstream()
     upstream()

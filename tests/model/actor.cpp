@@ -5,13 +5,52 @@
 
 #include <cerrno>
 
+#include "support/receive_hook.h"
+
 namespace vesk::model {
 
 namespace {
 
 thread_local Actor* currentActor = nullptr;
 
+/// Receives one datagram, and as many empty ones as the call still has room for.
+long receiveOneAndFill(const ReceiveCall& call) {
+    if (call.makeForOne() != 1) {
+        return -1;
+    }
+    for (mmsghdr& message : call.messages().subspan(1)) {
+        message.msg_len = 0;
+        message.msg_hdr.msg_controllen = 0;
+    }
+    return static_cast<long>(call.messages().size());
+}
+
+long receive(Actor& actor, const ReceiveCall& call) {
+    if (const std::optional<int> failure = actor.takeReceiveError()) {
+        errno = *failure;
+        return -1;
+    }
+    return actor.takeFillsReceive() ? receiveOneAndFill(call) : call.make();
+}
+
+long receiveWithPauses(const ReceiveCall& call) {
+    Actor* const actor = Actor::current();
+    if (actor == nullptr) {
+        return call.make();
+    }
+    actor->pause();
+    const long received = receive(*actor, call);
+    const int error = errno;
+    actor->pause();
+    errno = error;
+    return received;
+}
+
 }  // namespace
+
+Actor::Actor() : stack_(stackSize) {
+    hookReceives(receiveWithPauses);
+}
 
 void Actor::run(std::function<void()> action) {
     action_ = std::move(action);
@@ -50,22 +89,7 @@ void Actor::enter() {
 // With --wrap the linker resolves calls to the __wrap_ functions, and the __real_ names to the
 // original ones.
 extern "C" {
-ssize_t __real_recvmsg(int socket, msghdr* message, int flags);
 int __real_epoll_wait(int set, epoll_event* events, int count, int timeout);
-
-ssize_t __wrap_recvmsg(int socket, msghdr* message, int flags) {
-    vesk::model::Actor* const actor = vesk::model::Actor::current();
-    if (actor == nullptr) {
-        return __real_recvmsg(socket, message, flags);
-    }
-    actor->pause();
-    const std::optional<int> failure = actor->takeReceiveError();
-    const ssize_t received = failure ? -1 : __real_recvmsg(socket, message, flags);
-    const int error = failure.value_or(errno);
-    actor->pause();
-    errno = error;
-    return received;
-}
 
 int __wrap_epoll_wait(int set, epoll_event* events, int count, int timeout) {
     vesk::model::Actor* const actor = vesk::model::Actor::current();

@@ -2,9 +2,9 @@
 // pauses at chosen system calls and continues when the test lets it. With a few actors a test runs
 // the steps of different threads in any order, independent of the scheduler.
 //
-// For test programs that are linked with --wrap for recvmsg, epoll_wait and the Lingerer (see
-// CMakeLists.txt): an actor pauses before and after each recvmsg, and before each epoll_wait. It
-// must not pause while it holds a lock.
+// For test programs that are linked with --wrap for epoll_wait and the Lingerer (see
+// CMakeLists.txt) and with vesk_unit_receive_hook: an actor pauses before and after each receive
+// call that does not wait, and before each epoll_wait. It must not pause while it holds a lock.
 #pragma once
 
 #include <ucontext.h>
@@ -18,7 +18,8 @@ namespace vesk::model {
 
 class Actor {
  public:
-    Actor() : stack_(stackSize) {}
+    /// Must be called on the thread on which the actor will run.
+    Actor();
     Actor(const Actor&) = delete;
     Actor& operator=(const Actor&) = delete;
     /// The action must have ended.
@@ -32,6 +33,8 @@ class Actor {
 
     /// Makes the receive call that the actor pauses before fail with this error.
     void failReceive(int error) { receiveError_ = error; }
+    /// Makes that call return one datagram, and empty ones in all other places of the batch.
+    void fillReceive() { fillsReceive_ = true; }
 
     // For the wrapped calls.
 
@@ -39,6 +42,7 @@ class Actor {
     static Actor* current();
     void pause();
     std::optional<int> takeReceiveError() { return std::exchange(receiveError_, std::nullopt); }
+    bool takeFillsReceive() { return std::exchange(fillsReceive_, false); }
 
  private:
     static constexpr std::size_t stackSize = std::size_t{256} * 1024;
@@ -50,6 +54,7 @@ class Actor {
     ucontext_t test_{};
     std::function<void()> action_;
     std::optional<int> receiveError_;
+    bool fillsReceive_ = false;
     bool busy_ = false;
 };
 

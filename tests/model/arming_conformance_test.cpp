@@ -2,7 +2,6 @@
 // a search of the model finds, and must be in the same state after each operation.
 #include <gtest/gtest.h>
 
-#include <algorithm>
 #include <iostream>
 
 #include "arming_walks.h"
@@ -41,16 +40,20 @@ class ArmingConformance : public DatapathTest, public Surroundings {
     }
 
     EndpointPtr openFlow() override {
-        const Bytes datagram = framed(label, toBytes("request"));
-        std::ranges::copy(datagram, downstream->receiveBuffer.begin());
-        downstreamPacketReceived(
-            {*downstream, datagram.size(), peer.address(), localDestination, {}}, *context);
+        hand(*downstream, framed(label, toBytes("request")), peer.address(), {});
         upstream.receive();
         return manager().findEndpointByLabel(label);
     }
     void removeFlow() override { manager().deleteEndpoint(label); }
     void sendReply(const SocketAddress& to) override {
         upstream.send(framed(label, toBytes("reply")), to);
+    }
+    std::size_t takeReplies() override {
+        std::size_t count = 0;
+        for (; !peer.empty(); ++count) {
+            peer.receive();
+        }
+        return count;
     }
     SocketAddress addressOf(const VeskEndpointDescriptor& endpoint) override {
         return withPort(upstream.address(), portOf(boundAddress(endpoint.rdsockfd)));
@@ -93,8 +96,8 @@ TEST_F(ArmingConformance, DetectsAModelWithoutClaims) {
     EXPECT_NE(compareAllWalks(twoFlows), "");
 }
 
-TEST_F(ArmingConformance, DetectsAModelThatIgnoresTheOtherWorker) {
-    rules.heedsOtherWorker = false;
+TEST_F(ArmingConformance, DetectsAModelThatEndsTheClaimWhenTheSocketIsDrained) {
+    rules.claimsUntilSent = false;
     EXPECT_NE(compareAllWalks(twoFlows), "");
 }
 
@@ -103,7 +106,8 @@ TEST_F(ArmingConformance, DetectsAModelThatArmsASocketTwice) {
     EXPECT_NE(compareAllWalks(twoFlows), "");
 }
 
-TEST_F(ArmingConformance, DetectsAModelThatHoldsNoDrainedEndpoint) {
+TEST_F(ArmingConformance, DetectsAModelThatHoldsNoServedEndpoint) {
+    rules.holdsUntilSent = false;
     rules.holdsDrained = false;
     EXPECT_NE(compareAllWalks(twoFlows), "");
 }

@@ -12,16 +12,29 @@ namespace {
 bool isAtIt(const Worker& worker, std::uint8_t endpoint, std::uint8_t number) {
     const bool onItsList = worker.queue.contains(number) || worker.serving.contains(number);
     const bool aboutToLook = worker.step == WorkerStep::lookUp && worker.number == number;
-    const bool inHand =
-        worker.endpoint == endpoint && (worker.step != WorkerStep::release || worker.keep);
-    const auto& drained = worker.drained.items;
-    const bool toBeArmed =
-        std::find(drained.begin() + worker.armed, drained.begin() + worker.drained.size,
-                  endpoint) != drained.begin() + worker.drained.size;
-    return onItsList || aboutToLook || inHand || toBeArmed || worker.refused.contains(endpoint);
+    return onItsList || aboutToLook || worker.endpoint == endpoint ||
+           worker.drained.contains(endpoint) || worker.toArm.contains(endpoint) ||
+           worker.refused.contains(endpoint);
+}
+
+bool isIdle(const Worker& worker) {
+    const auto isNone = [](Hold hold) { return hold == Hold::none; };
+    return worker.step == WorkerStep::idle && worker.queue.empty() && worker.serving.empty() &&
+           worker.drained.empty() && worker.refused.empty() && hasNoUnsentReply(worker) &&
+           std::ranges::all_of(worker.holds, isNone);
 }
 
 }  // namespace
+
+State firstState(const Bounds& bounds) {
+    State state;
+    for (std::size_t who = 0; who < state.workers.size(); ++who) {
+        for (std::uint8_t i = 0; i < bounds.leftOver.at(who); ++i) {
+            state.workers.at(who).queue.push(0);
+        }
+    }
+    return state;
+}
 
 std::vector<Transition> stepsFrom(const State& state, const Rules& rules, const Bounds& bounds) {
     std::vector<Transition> steps;
@@ -35,7 +48,7 @@ bool isCovered(const State& state, std::uint8_t index) {
         return record.endpoint == index && (record.op == Op::add || record.op == Op::rearm);
     };
     const auto& records = state.channel.items;
-    return endpoint.watch == Watch::armed || state.batch.contains(endpoint.readNumber) ||
+    return endpoint.watch == Watch::armed || state.ready.contains(endpoint.readNumber) ||
            std::any_of(records.begin(), records.begin() + state.channel.size, onItsWay) ||
            std::ranges::any_of(state.workers, [&](const Worker& worker) {
                return isAtIt(worker, index, endpoint.readNumber);
@@ -43,20 +56,16 @@ bool isCovered(const State& state, std::uint8_t index) {
 }
 
 bool isAtRest(const State& state) {
-    const auto idle = [](const Worker& it) {
-        return it.step == WorkerStep::idle && it.queue.empty() && it.serving.empty() &&
-               it.drained.empty() && it.refused.empty();
-    };
-    if (!std::ranges::all_of(state.workers, idle) || state.creator != CreatorStep::idle ||
+    if (!std::ranges::all_of(state.workers, isIdle) || state.creator != CreatorStep::idle ||
         state.removerHolds != noOne || !state.channel.empty()) {
         return false;
     }
     for (std::uint8_t i = 0; i < state.endpointsMade; ++i) {
         const Endpoint& endpoint = state.endpoints.at(i);
-        const bool good =
-            endpoint.filed
-                ? endpoint.prepared && endpoint.data == 0 && endpoint.watch == Watch::armed
-                : endpoint.deletion == Deletion::done && !socketIsOpen(state, i);
+        const bool good = endpoint.filed
+                              ? endpoint.prepared && endpoint.data == 0 &&
+                                    endpoint.server == noOne && endpoint.watch == Watch::armed
+                              : endpoint.deletion == Deletion::done && !socketIsOpen(state, i);
         if (!good) {
             return false;
         }

@@ -1,18 +1,24 @@
 // A model of how upstream read sockets are armed: the steps that each thread may take next, and the
 // state after each. arming_conformance_test.cpp compares it with the code. A change of
 // poll/epoll_set.cpp, poll/poll_loop.cpp, poll/receive_worker.cpp, datapath/upstream.cpp,
-// datapath/flow_endpoint.cpp or net/endpoint_lifecycle.cpp needs a change of the model too.
+// datapath/serving_claim.h, datapath/arming_queue.cpp, datapath/flow_endpoint.cpp,
+// net/endpoint_cache.cpp or net/lifecycle/endpoint_lifecycle.cpp needs a change of the model too.
 //
 // It contains: the poll thread with the epoll set and the message channel; two workers with their
-// queues and private lists; one thread that creates endpoints and one that removes them from the
-// tables; the deleter; arriving datagrams; failing calls; and descriptor numbers, of which the
-// kernel always assigns the lowest free one. Each step is what happens under one lock or in one
-// system call.
+// queues, private lists and unsent replies; one thread that creates endpoints and one that removes
+// them from the tables; the deleter; arriving datagrams; failing calls; and descriptor numbers, of
+// which the kernel always assigns the lowest free one. Each step is what happens under one lock, in
+// one atomic operation or in one system call.
 //
 // Some simplifications, each of which allows more than can happen: a ready socket may be added to
 // either worker's queue; a worker may collect its queue, and end its pass, between any two sockets;
-// it requests arming one socket at a time, while a real datagram may contain a row of them; a
-// deleter runs in parallel with the thread that released the endpoint.
+// any receive call that finds a datagram may fill the batch; a worker requests arming one socket at
+// a time, while a real datagram may contain a row of them; a worker does not drop a number that it
+// served for an earlier endpoint; a deleter runs in parallel with the thread that released the
+// endpoint.
+//
+// A receive call that fails after its first datagram returns those before the failure. That is the
+// same as a later arrival of the others.
 //
 // It does not contain events that report only an error. Upstream sockets are never connected, so
 // the kernel reports no error of an earlier datagram on them.
@@ -27,13 +33,20 @@
 
 namespace vesk::model {
 
-/// The rules that the forwarder follows so that no wake-up is lost. Each can be disabled to show
-/// that the search detects it.
+/// The rules that the forwarder follows so that no wake-up is lost and the replies of a flow stay
+/// in order. Each can be disabled to show that the search detects it.
 struct Rules {
     bool claimsSocket = true;
-    /// Reads again if another worker tried to claim the endpoint meanwhile.
-    bool heedsOtherWorker = true;
-    bool givesBackBeforeArming = true;
+    /// Keeps the claim of a drained socket until its replies have been sent.
+    bool claimsUntilSent = true;
+    bool sendsBeforeArming = true;
+    bool endsClaimBeforeArming = true;
+    /// Takes the right to arm the socket while no other worker can claim it.
+    bool takesArmingBeforeEndingClaim = true;
+    /// Arms a socket that was drained twice in one pass once, and ends its claim once.
+    bool armsOnce = true;
+    /// Keeps an endpoint until its replies have been sent.
+    bool holdsUntilSent = true;
     /// Keeps a drained endpoint until its arming has been requested.
     bool holdsDrained = true;
     /// Arms the collected sockets at the end of a pass, not only when there are many.
@@ -43,8 +56,6 @@ struct Rules {
     /// What a worker does with an endpoint that its creator has not prepared yet.
     enum class Unprepared : std::uint8_t { waitForCreator, forget, serve };
     Unprepared unprepared = Unprepared::waitForCreator;
-    /// A socket that another worker has armed since it was drained is not armed again.
-    bool armsOnce = true;
     /// The arming of a socket is retried if it failed.
     bool triesAgain = true;
 };
@@ -59,12 +70,19 @@ struct Bounds {
     std::uint8_t failures = 0;
     /// Records that fit into the channel before a sender has to wait.
     std::uint8_t channel = 3;
+    /// How often each worker's queue contains, at the start, the first endpoint's number: left over
+    /// from earlier endpoints.
+    std::array<std::uint8_t, 2> leftOver{};
+    /// Whether it is a fault to arm an armed socket. A left-over number causes that.
+    bool armedOnce = false;
 };
 
 // All members are bytes, without padding, because states are compared and hashed as bytes.
 
 inline constexpr std::size_t maxEndpoints = 3;
 inline constexpr std::size_t maxNumbers = 2 * maxEndpoints;
+/// The longest list of a worker.
+inline constexpr std::size_t listLength = 4;
 inline constexpr std::uint8_t noOne = 0xFF;
 
 template <typename Item, std::size_t Capacity>
@@ -89,7 +107,6 @@ struct Record {
 };
 
 enum class Watch : std::uint8_t { none, armed, fired };
-enum class Serving : std::uint8_t { nobody, claimed, moreWanted };
 enum class Deletion : std::uint8_t { notYet, writeSocket, readSocket, done };
 
 struct Endpoint {
@@ -99,7 +116,8 @@ struct Endpoint {
     bool prepared = false;
     /// The number of requests to arm it.
     std::uint8_t armings = 0;
-    Serving serving = Serving::nobody;
+    /// The worker that has the claim.
+    std::uint8_t server = noOne;
     /// Datagrams in the socket's buffer.
     std::uint8_t data = 0;
     /// Of the read descriptor in the epoll set.
@@ -115,33 +133,45 @@ enum class WorkerStep : std::uint8_t {
     checkPrepared,
     claim,
     receive,
-    process,
-    giveBack,
-    armClaimed,
-    release,
-    armDrained,
-    releaseDrained
+    handle,
+    // The end of a pass.
+    sendReplies,
+    takeArming,
+    endClaim,
+    requestArming,
+    endClaimLate,
+    release
 };
 
-/// The result of a receive call that returned no datagram.
-enum class Outcome : std::uint8_t { drained, refused, passingFailure, lastingFailure };
+/// The result of a receive call. `filled`: as many datagrams as the batch had room for; all others
+/// leave the socket drained or returned an error.
+enum class Outcome : std::uint8_t { drained, filled, refused, passingFailure, lastingFailure };
+
+/// Whether a worker keeps an endpoint that it has served: until the end of the pass, or because it
+/// will serve the socket again.
+enum class Hold : std::uint8_t { none, ended, again };
 
 struct Worker {
     WorkerStep step = WorkerStep::idle;
     std::uint8_t number = 0;
     std::uint8_t endpoint = noOne;
     Outcome outcome = Outcome::drained;
-    bool keep = false;
-    Fifo<std::uint8_t, 6> queue;
-    Fifo<std::uint8_t, 6> serving;
+    /// The batch has no room: the replies must be sent before the next receive call.
+    bool batchIsFull = false;
+    Fifo<std::uint8_t, listLength> queue;
+    Fifo<std::uint8_t, listLength> serving;
     /// The endpoint's number of requests before the receive call.
     std::uint8_t armings = 0;
-    /// The endpoints to be armed at the end of the pass, each with that number, and their count.
-    Fifo<std::uint8_t, 6> drained;
-    Fifo<std::uint8_t, 6> drainedArmings;
-    std::uint8_t armed = 0;
+    std::array<Hold, maxEndpoints> holds{};
+    /// The replies of each endpoint that are held back.
+    std::array<std::uint8_t, maxEndpoints> unsent{};
+    /// The drained endpoints, each with that number.
+    Fifo<std::uint8_t, listLength> drained;
+    Fifo<std::uint8_t, listLength> drainedArmings;
+    /// Those that this worker has the right to arm.
+    Fifo<std::uint8_t, listLength> toArm;
     /// Endpoints whose arming failed and is to be retried.
-    Fifo<std::uint8_t, 6> refused;
+    Fifo<std::uint8_t, listLength> refused;
 
     bool operator==(const Worker&) const = default;
 };
@@ -151,9 +181,11 @@ enum class CreatorStep : std::uint8_t { idle, registerSocket, markPrepared, forw
 /// Errors that must never occur, detected during a step.
 enum class Fault : std::uint8_t {
     none,
-    sharedBuffer,
+    overtaken,
+    usedAfterRelease,
     closedWhileWatched,
     usedAfterClose,
+    armedTwice,
     refusedByEpoll
 };
 
@@ -164,7 +196,7 @@ struct State {
     Fifo<Record, 4> channel;
     /// The poll thread between two waits: a record to execute and numbers to distribute.
     bool recordReady = false;
-    Fifo<std::uint8_t, maxEndpoints> batch;
+    Fifo<std::uint8_t, maxEndpoints> ready;
     std::array<Worker, 2> workers{};
     CreatorStep creator = CreatorStep::idle;
     std::uint8_t creatorHolds = noOne;
@@ -187,6 +219,9 @@ struct Transition {
     bool fromOutside;
     State next;
 };
+
+/// The state in which a search begins.
+State firstState(const Bounds& bounds);
 
 /// Every step that a thread could take next.
 std::vector<Transition> stepsFrom(const State& state, const Rules& rules, const Bounds& bounds);

@@ -32,6 +32,8 @@ class ArmingModel : public testing::Test {
     }
 
     static constexpr const char* lost = "a live flow that no thread will read again";
+    static constexpr const char* overtaken =
+        "a worker receives from a socket while another holds unsent replies of it";
 
     Rules rules;
 };
@@ -57,38 +59,56 @@ TEST_F(ArmingModel, ASenderThatWaitsForRoomBlocksNoThreadForever) {
     expectNothingWrong({.endpoints = 2, .arrivals = 2, .removals = 2, .channel = 1});
 }
 
-// If a socket may be armed twice, either rule is sufficient: a worker that releases its claim and
-// then arms is woken by a datagram that arrived meanwhile; a worker that notices the other worker
-// reads it. The tests below disable both.
-
-TEST_F(ArmingModel, ArmingBeforeReleasingTheClaimIsSafeUnlessTheOtherWorkerIsIgnored) {
-    rules.givesBackBeforeArming = false;
-    expectNothingWrong({.endpoints = 2, .arrivals = 2, .removals = 2});
+TEST_F(ArmingModel, AWorkerWithALeftOverNumberLosesNoWakeUp) {
+    expectNothingWrong({.endpoints = 1, .arrivals = 3, .leftOver = {1, 0}});
+    expectNothingWrong({.endpoints = 1, .arrivals = 2, .failures = 1, .leftOver = {1, 0}});
 }
 
-TEST_F(ArmingModel, IgnoringTheOtherWorkerIsSafeIfArmingComesLast) {
-    rules.heedsOtherWorker = false;
-    rules.armsOnce = false;
-    expectNothingWrong({.endpoints = 2, .arrivals = 2, .removals = 2});
-    expectNothingWrong({.endpoints = 2, .arrivals = 2, .removals = 1, .failures = 1});
+TEST_F(ArmingModel, TwoWorkersWithLeftOverNumbersLoseNoWakeUp) {
+    expectNothingWrong({.endpoints = 1, .arrivals = 3, .removals = 0, .leftOver = {1, 1}});
+}
+
+TEST_F(ArmingModel, ASocketIsArmedOnceUnlessANumberIsLeftOver) {
+    expectNothingWrong({.endpoints = 1, .arrivals = 3, .failures = 1, .armedOnce = true});
+    expectComplaint("a socket armed twice",
+                    {.endpoints = 1, .leftOver = {1, 0}, .armedOnce = true});
 }
 
 // The error that each rule prevents.
 
-TEST_F(ArmingModel, WithoutAClaimTwoWorkersShareABuffer) {
+TEST_F(ArmingModel, WithoutAClaimAWorkerOvertakesAnother) {
     rules.claimsSocket = false;
-    expectComplaint("two workers in one receive buffer");
+    expectComplaint(overtaken, {.endpoints = 1, .leftOver = {1, 0}});
 }
 
-TEST_F(ArmingModel, ArmingBeforeReleasingTheClaimLosesAWakeUpIfTheOtherWorkerIsIgnored) {
-    rules.givesBackBeforeArming = false;
-    rules.heedsOtherWorker = false;
+TEST_F(ArmingModel, AClaimThatEndsWhenTheSocketIsDrainedLetsAWorkerOvertake) {
+    rules.claimsUntilSent = false;
+    expectComplaint(overtaken, {.endpoints = 1, .leftOver = {1, 0}});
+}
+
+TEST_F(ArmingModel, ArmingBeforeSendingLetsAWorkerOvertake) {
+    rules.sendsBeforeArming = false;
+    expectComplaint(overtaken, {.endpoints = 1});
+}
+
+TEST_F(ArmingModel, ArmingBeforeEndingTheClaimLosesAWakeUp) {
+    rules.endsClaimBeforeArming = false;
     expectComplaint(lost, {.endpoints = 1});
 }
 
-TEST_F(ArmingModel, ArmingOnceLosesAWakeUpIfTheOtherWorkerIsIgnored) {
-    rules.heedsOtherWorker = false;
-    expectComplaint(lost, {.endpoints = 2, .arrivals = 2, .removals = 1, .failures = 1});
+TEST_F(ArmingModel, TakingTheArmingAfterTheClaimHasEndedLosesAWakeUp) {
+    rules.takesArmingBeforeEndingClaim = false;
+    expectComplaint(lost, {.endpoints = 1, .leftOver = {1, 0}});
+}
+
+TEST_F(ArmingModel, EndingAClaimTwiceLetsAWorkerOvertake) {
+    rules.armsOnce = false;
+    expectComplaint(overtaken, {.endpoints = 1, .arrivals = 3, .leftOver = {1, 1}});
+}
+
+TEST_F(ArmingModel, SendingForAnEndpointThatIsNotHeldUsesItAfterItsRelease) {
+    rules.holdsUntilSent = false;
+    expectComplaint("an endpoint used after it was released", {.endpoints = 1});
 }
 
 TEST_F(ArmingModel, ArmingADrainedEndpointThatIsNotHeldUsesAClosedDescriptor) {
@@ -124,11 +144,6 @@ TEST_F(ArmingModel, AnUnpreparedEndpointThatIsServedIsArmedBeforeItIsAdded) {
 TEST_F(ArmingModel, AFailedArmingThatIsNotRetriedEndsTheFlow) {
     rules.triesAgain = false;
     expectComplaint(lost, {.endpoints = 1, .failures = 1});
-}
-
-TEST_F(ArmingModel, ArmingTwiceIsSafe) {
-    rules.armsOnce = false;
-    expectNothingWrong({.endpoints = 2, .arrivals = 2, .removals = 2});
 }
 
 }  // namespace

@@ -47,6 +47,7 @@ class Steps {
     void fail(std::uint8_t who, Outcome outcome);
     void finish(std::uint8_t who);
     void endPass(std::uint8_t who);
+    void finishPass(std::uint8_t who, bool all);
     void letGo(std::uint8_t who);
     void dispose();
 
@@ -102,6 +103,10 @@ bool Steps::carryOut(const Operation& operation) {
         case Kind::receive:
             receive(which);
             break;
+        case Kind::fill:
+            possible_ = worker(which).step == WorkerStep::receive;
+            stepOf(which, "worker fills its batch");
+            break;
         case Kind::finish:
             finish(which);
             break;
@@ -149,11 +154,9 @@ void Steps::wake() {
 
 /// Up to the receive call, or to the end if there is none.
 void Steps::begin(std::uint8_t who) {
-    if (worker(who).step == WorkerStep::release) {
+    possible_ = worker(who).step == WorkerStep::idle;
+    if (possible_ && situation_.removalUnseen.at(who)) {
         letGo(who);
-    }
-    if (situation_.removalUnseen.at(who) && !worker(who).drained.empty()) {
-        endPass(who);
     }
     situation_.removalUnseen.at(who) = false;
     stepOf(who, "worker takes a socket");
@@ -161,16 +164,15 @@ void Steps::begin(std::uint8_t who) {
     if (possible_ && worker(who).step == WorkerStep::checkPrepared) {
         stepOf(who, "worker may use the endpoint");
         stepOf(who, "worker claims the socket");
-        if (worker(who).step == WorkerStep::release) {
-            letGo(who);
+        if (possible_ && worker(who).step == WorkerStep::receive && worker(who).batchIsFull) {
+            stepOf(who, "worker sends its replies to make room");
         }
     }
 }
 
 void Steps::receive(std::uint8_t who) {
-    possible_ = worker(who).step == WorkerStep::receive &&
-                (tryStepOf(who, "worker receives a datagram") ||
-                 tryStepOf(who, "worker finds the socket drained"));
+    possible_ = worker(who).step == WorkerStep::receive;
+    stepOf(who, "worker drains the socket");
 }
 
 void Steps::fail(std::uint8_t who, Outcome outcome) {
@@ -182,38 +184,42 @@ void Steps::fail(std::uint8_t who, Outcome outcome) {
 }
 
 void Steps::finish(std::uint8_t who) {
-    const std::uint8_t endpoint = worker(who).endpoint;
-    if (worker(who).step == WorkerStep::process) {
-        stepOf(who, "worker sends a reply");
-    } else {
-        possible_ = worker(who).step == WorkerStep::giveBack;
-        const bool filed = possible_ && state().endpoints.at(endpoint).filed;
-        stepOf(who, "worker releases its claim");
-        if (filed && !state().endpoints.at(endpoint).filed) {
-            situation_.removalUnseen = {true, true};
-        }
+    possible_ = worker(who).step == WorkerStep::handle;
+    if (worker(who).outcome == Outcome::lastingFailure &&
+        state().endpoints.at(worker(who).endpoint).filed) {
+        situation_.removalUnseen = {true, true};
     }
-    if (possible_ && !worker(who).keep) {
-        letGo(who);
-    }
+    stepOf(who, "worker handles what it received");
 }
 
 void Steps::endPass(std::uint8_t who) {
-    possible_ = possible_ && worker(who).step == WorkerStep::idle;
+    possible_ = worker(who).step == WorkerStep::idle;
     stepOf(who, "worker ends its pass");
-    while (possible_ && worker(who).step == WorkerStep::armDrained) {
-        possible_ = tryStepOf(who, "worker requests the arming of a drained socket") ||
-                    tryStepOf(who, "worker finds a drained socket already armed");
+    finishPass(who, false);
+}
+
+/// `all`: releases all endpoints, not only those of the pass.
+void Steps::finishPass(std::uint8_t who, bool all) {
+    while (possible_ && worker(who).step != WorkerStep::release) {
+        possible_ = tryStepOf(who, "worker sends its replies") ||
+                    tryStepOf(who, "worker takes the right to arm") ||
+                    tryStepOf(who, "worker ends its claim") ||
+                    tryStepOf(who, "worker requests the arming of a drained socket");
     }
-    while (possible_ && worker(who).step == WorkerStep::releaseDrained) {
-        stepOf(who, "worker releases a drained endpoint");
+    const bool releasedAll =
+        possible_ && all && tryStepOf(who, "worker releases all its endpoints");
+    if (!releasedAll) {
+        stepOf(who, "worker releases the endpoints of its pass");
     }
     dispose();
 }
 
 void Steps::letGo(std::uint8_t who) {
-    stepOf(who, "worker releases the endpoint");
-    dispose();
+    if (tryStepOf(who, "worker ends its pass")) {
+        finishPass(who, true);
+    } else if (tryStepOf(who, "worker releases all its endpoints")) {
+        dispose();
+    }
 }
 
 /// The thread that releases an endpoint last runs the deleter at once.

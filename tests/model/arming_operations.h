@@ -1,9 +1,9 @@
 // Combines the model's steps into operations that a test can make the forwarder execute: a test can
 // pause the threads where they wait and around a receive call, but not between any two steps.
 //
-// The forwarder differs in two ways, which the model allows: a worker keeps an endpoint that it
-// serves again until its next call, so the model's worker releases it only then; and a worker that
-// notices removed endpoints arms the drained sockets before it continues.
+// Where the model allows more than the forwarder does, the operations follow the forwarder: a
+// worker that notices removed endpoints sends its replies, arms the drained sockets and releases
+// all its endpoints before it continues.
 #pragma once
 
 #include <array>

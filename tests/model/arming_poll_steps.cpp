@@ -29,11 +29,11 @@ void Stepper::outside() {
 
 void Stepper::pollThread() {
     if (from_.recordReady) {
-        add("poll thread executes a record", [](State& next) { takeRecord(next); });
-    } else if (!from_.batch.empty()) {
+        add("poll thread executes a record", [this](State& next) { takeRecord(next); });
+    } else if (!from_.ready.empty()) {
         for (std::size_t i = 0; i < from_.workers.size(); ++i) {
             add("poll thread distributes a socket",
-                [i](State& next) { next.workers.at(i).queue.push(next.batch.pop()); });
+                [i](State& next) { next.workers.at(i).queue.push(next.ready.pop()); });
         }
     } else if (!from_.channel.empty() || std::ranges::any_of(from_.endpoints, isReady)) {
         add("poll thread wakes", [](State& next) { wake(next); });
@@ -45,12 +45,12 @@ void Stepper::wake(State& next) {
     for (Endpoint& endpoint : next.endpoints) {
         if (isReady(endpoint)) {
             endpoint.watch = Watch::fired;
-            next.batch.push(endpoint.readNumber);
+            next.ready.push(endpoint.readNumber);
         }
     }
 }
 
-void Stepper::takeRecord(State& next) {
+void Stepper::takeRecord(State& next) const {
     next.recordReady = false;
     const Record record = next.channel.pop();
     const std::uint8_t owner = next.owner.at(record.number);
@@ -65,7 +65,7 @@ void Stepper::takeRecord(State& next) {
 }
 
 /// As the kernel does, regardless of the current owner of the descriptor.
-void Stepper::apply(State& next, const Record& record, Endpoint& endpoint) {
+void Stepper::apply(State& next, const Record& record, Endpoint& endpoint) const {
     if (record.op == Op::remove) {
         if (record.number == endpoint.readNumber) {
             endpoint.watch = Watch::none;
@@ -73,6 +73,8 @@ void Stepper::apply(State& next, const Record& record, Endpoint& endpoint) {
         closeNumber(next, record.number);
     } else if ((record.op == Op::add) != (endpoint.watch == Watch::none)) {
         complain(next, Fault::refusedByEpoll);
+    } else if (bounds_.armedOnce && endpoint.watch == Watch::armed) {
+        complain(next, Fault::armedTwice);
     } else {
         endpoint.watch = Watch::armed;
     }

@@ -9,7 +9,7 @@ namespace vesk::model {
 
 namespace {
 
-static_assert(std::has_unique_object_representations_v<Fifo<std::uint8_t, 6>>);
+static_assert(std::has_unique_object_representations_v<Fifo<std::uint8_t, listLength>>);
 static_assert(std::is_trivially_copyable_v<State> && alignof(State) == 1, "states have no padding");
 
 std::string_view bytesOf(const State& state) {
@@ -29,12 +29,16 @@ struct EqualBytes {
 
 std::string_view nameOf(Fault fault) {
     switch (fault) {
-        case Fault::sharedBuffer:
-            return "two workers in one receive buffer";
+        case Fault::overtaken:
+            return "a worker receives from a socket while another holds unsent replies of it";
+        case Fault::usedAfterRelease:
+            return "an endpoint used after it was released";
         case Fault::closedWhileWatched:
             return "a descriptor closed while in the epoll set";
         case Fault::usedAfterClose:
             return "a descriptor used after it was closed";
+        case Fault::armedTwice:
+            return "a socket armed twice";
         case Fault::refusedByEpoll:
             return "a record that the epoll set refuses";
         case Fault::none:
@@ -63,7 +67,7 @@ class Search {
 
     Verdict run() {
         Verdict verdict;
-        visit(State(), 0, "start");
+        visit(firstState(bounds_), 0, "start");
         for (std::uint32_t index = 0; index < visits_.size(); ++index) {
             const std::string_view complaint = expand(index);
             if (!complaint.empty()) {

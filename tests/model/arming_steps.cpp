@@ -11,11 +11,16 @@ bool socketIsOpen(const State& state, std::uint8_t index) {
 
 bool isHeld(const State& state, std::uint8_t index, const Rules& rules) {
     const auto holds = [index, &rules](const Worker& it) {
-        return it.endpoint == index || it.refused.contains(index) ||
-               (rules.holdsDrained && it.drained.contains(index));
+        const bool toBeArmed = it.drained.contains(index) || it.toArm.contains(index);
+        return it.endpoint == index || it.holds.at(index) != Hold::none ||
+               it.refused.contains(index) || (rules.holdsDrained && toBeArmed);
     };
     return state.endpoints.at(index).filed || state.creatorHolds == index ||
            state.removerHolds == index || std::ranges::any_of(state.workers, holds);
+}
+
+bool hasNoUnsentReply(const Worker& worker) {
+    return std::ranges::all_of(worker.unsent, [](std::uint8_t count) { return count == 0; });
 }
 
 void closeNumber(State& state, std::uint8_t number) {

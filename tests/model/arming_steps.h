@@ -16,6 +16,7 @@ namespace vesk::model {
 bool socketIsOpen(const State& state, std::uint8_t index);
 /// Whether any thread or table holds a reference to the endpoint.
 bool isHeld(const State& state, std::uint8_t index, const Rules& rules);
+bool hasNoUnsentReply(const Worker& worker);
 void closeNumber(State& state, std::uint8_t number);
 
 /// Collects the transitions from one state.
@@ -44,8 +45,8 @@ class Stepper {
 
     void pollThread();
     static void wake(State& next);
-    static void takeRecord(State& next);
-    static void apply(State& next, const Record& record, Endpoint& endpoint);
+    void takeRecord(State& next) const;
+    void apply(State& next, const Record& record, Endpoint& endpoint) const;
     static void complain(State& next, Fault fault);
 
     // Creating an endpoint.
@@ -67,21 +68,32 @@ class Stepper {
 
     void worker(std::size_t who);
     void beginNext(std::size_t who);
-    static void finish(Worker& worker, bool keep);
+    void mayEndPass(std::size_t who);
     static void lookUp(State& next, std::size_t who);
     void checkPrepared(std::size_t who);
     bool isBeingPrepared(std::uint8_t index) const;
     void claim(State& next, std::size_t who) const;
-    static bool isInBuffer(const Worker& other, const Worker& worker);
     void receive(std::size_t who);
-    void broughtNothing(State& next, std::size_t who, Outcome outcome) const;
-    void process(std::size_t who);
-    void giveBack(State& next, std::size_t who) const;
-    void armClaimed(std::size_t who);
-    void armDrained(std::size_t who);
+    static void take(State& next, std::size_t who, std::uint8_t datagrams, Outcome outcome);
+    void handle(State& next, std::size_t who) const;
+    void addDrained(State& next, std::size_t who) const;
+    void finish(State& next, std::size_t who, bool again) const;
+
+    // A worker at the end of its pass.
+
+    void endOfPass(std::size_t who);
+    void sendReplies(std::size_t who);
+    void sendAll(State& next, std::size_t who) const;
+    void afterSending(Worker& worker) const;
+    void beginDrained(Worker& worker) const;
+    void takeArming(State& next, std::size_t who) const;
+    void endClaim(State& next, std::size_t who) const;
+    void nextDrained(State& next, std::size_t who) const;
+    void requestArming(std::size_t who);
+    void nextToArm(State& next, std::size_t who) const;
+    void afterArming(Worker& worker) const;
     void retryRefused(std::size_t who);
-    void releaseDrained(State& next, std::size_t who) const;
-    void release(State& next, std::size_t who) const;
+    void release(State& next, std::size_t who, bool all) const;
 
     const State& from_;
     const Rules& rules_;

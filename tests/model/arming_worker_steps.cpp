@@ -1,4 +1,6 @@
-// The steps of the receive workers.
+// The steps of the receive workers for one socket.
+#include <utility>
+
 #include "arming_steps.h"
 
 namespace vesk::model {
@@ -21,58 +23,36 @@ void Stepper::worker(std::size_t who) {
         case WorkerStep::receive:
             receive(who);
             break;
-        case WorkerStep::process:
-            process(who);
+        case WorkerStep::handle:
+            add("worker handles what it received", [&](State& next) { handle(next, who); });
             break;
-        case WorkerStep::giveBack:
-            add("worker releases its claim", [&](State& next) { giveBack(next, who); });
-            break;
-        case WorkerStep::armClaimed:
-            armClaimed(who);
-            break;
-        case WorkerStep::release:
-            add("worker releases the endpoint", [&](State& next) { release(next, who); });
-            break;
-        case WorkerStep::armDrained:
-            armDrained(who);
-            break;
-        case WorkerStep::releaseDrained:
-            add("worker releases a drained endpoint",
-                [&](State& next) { releaseDrained(next, who); });
+        default:
+            endOfPass(who);
             break;
     }
 }
 
 void Stepper::beginNext(std::size_t who) {
-    if (!from_.workers.at(who).queue.empty()) {
+    const Worker& worker = from_.workers.at(who);
+    if (!worker.queue.empty()) {
         add("worker collects its queue", [who](State& next) {
-            Worker& worker = next.workers.at(who);
-            while (!worker.queue.empty()) {
-                worker.serving.push(worker.queue.pop());
+            Worker& it = next.workers.at(who);
+            while (!it.queue.empty()) {
+                it.serving.push(it.queue.pop());
             }
         });
     }
-    if (!from_.workers.at(who).serving.empty()) {
+    if (!worker.serving.empty()) {
         add("worker takes a socket", [who](State& next) {
-            Worker& worker = next.workers.at(who);
-            worker.number = worker.serving.pop();
-            worker.step = WorkerStep::lookUp;
+            Worker& it = next.workers.at(who);
+            it.number = it.serving.pop();
+            it.step = WorkerStep::lookUp;
         });
     }
-    if (!from_.workers.at(who).refused.empty()) {
+    if (!worker.refused.empty()) {
         retryRefused(who);
     }
-    if (!from_.workers.at(who).drained.empty() && rules_.armsAfterEachPass) {
-        add("worker ends its pass",
-            [who](State& next) { next.workers.at(who).step = WorkerStep::armDrained; });
-    }
-}
-
-/// The worker has finished with the socket but still holds the endpoint.
-void Stepper::finish(Worker& worker, bool keep) {
-    worker.keep = keep;
-    worker.outcome = Outcome::drained;
-    worker.step = WorkerStep::release;
+    mayEndPass(who);
 }
 
 void Stepper::lookUp(State& next, std::size_t who) {
@@ -83,10 +63,16 @@ void Stepper::lookUp(State& next, std::size_t who) {
     if (found && next.endpoints.at(index).readNumber == worker.number) {
         worker.endpoint = index;
         worker.step = WorkerStep::checkPrepared;
-    } else {
-        worker.number = 0;
-        worker.step = WorkerStep::idle;
+        return;
     }
+    for (std::size_t i = 0; i < maxEndpoints; ++i) {
+        Hold& hold = worker.holds.at(i);
+        if (hold == Hold::again && next.endpoints.at(i).readNumber == worker.number) {
+            hold = Hold::ended;
+        }
+    }
+    worker.number = 0;
+    worker.step = WorkerStep::idle;
 }
 
 void Stepper::checkPrepared(std::size_t who) {
@@ -96,8 +82,7 @@ void Stepper::checkPrepared(std::size_t who) {
         add("worker may use the endpoint",
             [who](State& next) { next.workers.at(who).step = WorkerStep::claim; });
     } else if (rules_.unprepared == Rules::Unprepared::forget || !isBeingPrepared(index)) {
-        add("worker drops an unprepared endpoint",
-            [who](State& next) { finish(next.workers.at(who), false); });
+        add("worker drops an unprepared endpoint", [&](State& next) { finish(next, who, false); });
     }
     // If the creator is not done, the worker waits.
 }
@@ -107,67 +92,108 @@ bool Stepper::isBeingPrepared(std::uint8_t index) const {
                                            from_.creator == CreatorStep::markPrepared);
 }
 
+/// A worker that has the claim already keeps it. One that is refused the claim forgets the socket.
 void Stepper::claim(State& next, std::size_t who) const {
     Worker& worker = next.workers.at(who);
-    Serving& serving = next.endpoints.at(worker.endpoint).serving;
-    if (!rules_.claimsSocket) {
-        worker.step = WorkerStep::receive;
-    } else if (serving == Serving::nobody) {
-        serving = Serving::claimed;
-        worker.step = WorkerStep::receive;
-    } else {
-        serving = Serving::moreWanted;
-        finish(worker, false);
+    Endpoint& endpoint = next.endpoints.at(worker.endpoint);
+    if (rules_.claimsSocket && endpoint.server != noOne && endpoint.server != who) {
+        finish(next, who, false);
+        return;
     }
-    worker.armings = next.endpoints.at(worker.endpoint).armings;
-    if (worker.step == WorkerStep::receive && isInBuffer(next.workers.at(1 - who), worker)) {
-        next.fault = Fault::sharedBuffer;
+    if (rules_.claimsSocket) {
+        endpoint.server = static_cast<std::uint8_t>(who);
     }
-}
-
-bool Stepper::isInBuffer(const Worker& other, const Worker& worker) {
-    return other.endpoint == worker.endpoint &&
-           (other.step == WorkerStep::receive || other.step == WorkerStep::process);
+    worker.armings = endpoint.armings;
+    worker.step = WorkerStep::receive;
 }
 
 void Stepper::receive(std::size_t who) {
+    if (from_.workers.at(who).batchIsFull) {
+        add("worker sends its replies to make room", [&](State& next) { sendAll(next, who); });
+        return;
+    }
     const std::uint8_t index = from_.workers.at(who).endpoint;
+    const std::uint8_t waiting = from_.endpoints.at(index).data;
     if (from_.owner.at(from_.endpoints.at(index).readNumber) != index) {
         add("worker reads a socket", [](State& next) { next.fault = Fault::usedAfterClose; });
-    } else if (from_.endpoints.at(index).data > 0) {
-        add("worker receives a datagram", [who, index](State& next) {
-            --next.endpoints.at(index).data;
-            next.workers.at(who).step = WorkerStep::process;
-        });
     } else {
-        add("worker finds the socket drained",
-            [&](State& next) { broughtNothing(next, who, Outcome::drained); });
+        add("worker drains the socket",
+            [&](State& next) { take(next, who, waiting, Outcome::drained); });
+    }
+    if (waiting > 0) {
+        add("worker fills its batch", [who](State& next) { take(next, who, 1, Outcome::filled); });
     }
     for (const Outcome outcome :
          {Outcome::refused, Outcome::passingFailure, Outcome::lastingFailure}) {
         mayFail("worker fails to receive",
-                [&](State& next) { broughtNothing(next, who, outcome); });
+                [who, outcome](State& next) { take(next, who, 0, outcome); });
     }
 }
 
-void Stepper::broughtNothing(State& next, std::size_t who, Outcome outcome) const {
+void Stepper::take(State& next, std::size_t who, std::uint8_t datagrams, Outcome outcome) {
     Worker& worker = next.workers.at(who);
+    const std::uint8_t index = worker.endpoint;
+    if (datagrams > 0 && next.workers.at(1 - who).unsent.at(index) > 0) {
+        next.fault = Fault::overtaken;
+    }
+    std::uint8_t& data = next.endpoints.at(index).data;
+    data = static_cast<std::uint8_t>(data - datagrams);
+    std::uint8_t& unsent = worker.unsent.at(index);
+    unsent = static_cast<std::uint8_t>(unsent + datagrams);
     worker.outcome = outcome;
-    worker.step = rules_.givesBackBeforeArming ? WorkerStep::giveBack : WorkerStep::armClaimed;
+    worker.step = WorkerStep::handle;
 }
 
-void Stepper::process(std::size_t who) {
-    const std::uint8_t index = from_.workers.at(who).endpoint;
-    const Change done = [who, index](State& next) {
-        // Requests made meanwhile do not matter, since the worker reads again.
-        next.endpoints.at(index).serving = Serving::nobody;
-        finish(next.workers.at(who), true);
-    };
-    add("worker sends a reply", done);
-    mayFail("worker fails to send and removes the endpoint", [&](State& next) {
-        next.endpoints.at(index).filed = false;
-        done(next);
-    });
+void Stepper::handle(State& next, std::size_t who) const {
+    Worker& worker = next.workers.at(who);
+    bool again = false;
+    switch (worker.outcome) {
+        case Outcome::filled:
+            worker.batchIsFull = true;
+            again = true;
+            break;
+        case Outcome::passingFailure:
+            again = true;
+            break;
+        case Outcome::lastingFailure:
+            next.endpoints.at(worker.endpoint).filed = false;
+            break;
+        case Outcome::refused:
+            if (rules_.armsAfterRefusedReceive) {
+                addDrained(next, who);
+            }
+            break;
+        case Outcome::drained:
+            addDrained(next, who);
+            break;
+    }
+    finish(next, who, again);
+}
+
+void Stepper::addDrained(State& next, std::size_t who) const {
+    Worker& worker = next.workers.at(who);
+    worker.drained.push(worker.endpoint);
+    worker.drainedArmings.push(worker.armings);
+    if (!rules_.claimsUntilSent) {
+        next.endpoints.at(worker.endpoint).server = noOne;
+    }
+}
+
+/// The worker has finished with the socket, for ever or for this pass.
+void Stepper::finish(State& next, std::size_t who, bool again) const {
+    Worker& worker = next.workers.at(who);
+    const std::uint8_t index = std::exchange(worker.endpoint, noOne);
+    if (again) {
+        worker.serving.push(worker.number);
+    }
+    worker.number = 0;
+    worker.armings = 0;
+    worker.outcome = Outcome::drained;
+    worker.step = WorkerStep::idle;
+    if (rules_.holdsUntilSent) {
+        worker.holds.at(index) = again ? Hold::again : Hold::ended;
+    }
+    disposeIfFree(next, index);
 }
 
 }  // namespace vesk::model

@@ -11,9 +11,9 @@ namespace {
 
 using Kind = Operation::Kind;
 
-constexpr std::array<std::string_view, 13> names{
-    "arrive",  "create", "remove",  "wake",   "deal",         "collect",         "begin",
-    "receive", "finish", "endPass", "refuse", "fail for now", "fail permanently"};
+constexpr std::array<std::string_view, 14> names{
+    "arrive",  "create", "remove", "wake",    "deal",   "collect",      "begin",
+    "receive", "fill",   "finish", "endPass", "refuse", "fail for now", "fail permanently"};
 
 }  // namespace
 
@@ -30,8 +30,9 @@ const std::vector<Operation>& allOperations() {
                 all.push_back({kind, endpoint});
             }
         }
-        for (const Kind kind : {Kind::deal, Kind::collect, Kind::begin, Kind::receive, Kind::finish,
-                                Kind::endPass, Kind::refuse, Kind::failForNow, Kind::failForGood}) {
+        for (const Kind kind :
+             {Kind::deal, Kind::collect, Kind::begin, Kind::receive, Kind::fill, Kind::finish,
+              Kind::endPass, Kind::refuse, Kind::failForNow, Kind::failForGood}) {
             all.push_back({kind, 0});
             all.push_back({kind, 1});
         }

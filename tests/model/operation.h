@@ -17,6 +17,8 @@ struct Operation {
         collect,
         begin,
         receive,
+        // A receive call that returns as many datagrams as the batch has room for.
+        fill,
         finish,
         endPass,
         // A receive call that fails with ECONNREFUSED, with a passing error, or with another error.

@@ -21,6 +21,7 @@ RealArming::RealArming(const std::shared_ptr<ForwarderContext>& context, Surroun
       actors_(actors),
       pollThread_(context->serverPollSock.get(), {}, {}) {
     descriptors_.fill(-1);
+    surroundings_.takeReplies();
     for (Worker& worker : workers_) {
         worker.receiver = std::make_unique<UpstreamReceiver>(context);
     }
@@ -82,6 +83,9 @@ void RealArming::carryOut(const Operation& operation) {
         case Kind::finish:
             proceed(which);
             break;
+        case Kind::fill:
+            fill(which);
+            break;
         case Kind::refuse:
             fail(which, ECONNREFUSED);
             break;
@@ -127,6 +131,11 @@ void RealArming::noteResult(std::uint8_t who) {
 
 void RealArming::fail(std::uint8_t who, int error) {
     actors_.workers.at(who).failReceive(error);
+    proceed(who);
+}
+
+void RealArming::fill(std::uint8_t who) {
+    actors_.workers.at(who).fillReceive();
     proceed(who);
 }
 

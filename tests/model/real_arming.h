@@ -5,6 +5,8 @@
 #pragma once
 
 #include <array>
+#include <cstddef>
+#include <cstdint>
 #include <deque>
 #include <memory>
 #include <string>
@@ -36,6 +38,8 @@ class Surroundings {
     virtual EndpointPtr openFlow() = 0;
     virtual void removeFlow() = 0;
     virtual void sendReply(const SocketAddress& to) = 0;
+    /// Takes the replies that have reached the peer, and returns their number.
+    virtual std::size_t takeReplies() = 0;
     virtual SocketAddress addressOf(const VeskEndpointDescriptor& endpoint) = 0;
 };
 
@@ -73,6 +77,7 @@ class RealArming {
     void begin(std::uint8_t who);
     void proceed(std::uint8_t who);
     void fail(std::uint8_t who, int error);
+    void fill(std::uint8_t who);
     void endPass(std::uint8_t who);
     void noteResult(std::uint8_t who);
     bool recordIsWaiting() const;
@@ -81,6 +86,8 @@ class RealArming {
     std::string socketDifference(const State& expected, std::size_t index) const;
     std::string numberDifference(const State& expected);
     std::string listDifference(const State& expected) const;
+    std::string replyDifference(const State& expected);
+    std::uint8_t serverOf(const VeskEndpointDescriptor& endpoint) const;
     Watch watchOf(int socket) const;
     std::vector<int> socketsOf(const std::vector<std::uint8_t>& numbers) const;
 
@@ -94,6 +101,8 @@ class RealArming {
     std::vector<Endpoint> endpoints_;
     /// The descriptor for each of the model's numbers that has been used.
     std::array<int, maxNumbers> descriptors_;
+    /// The replies that the workers held after the last operation, in the model.
+    std::size_t unsent_ = 0;
 };
 
 }  // namespace vesk::model

@@ -5,6 +5,8 @@
 #include <algorithm>
 #include <fstream>
 #include <initializer_list>
+#include <numeric>
+#include <utility>
 
 #include "context/forwarder_context.h"
 #include "net/endpoint_manager.h"
@@ -52,7 +54,7 @@ std::string RealArming::differenceFrom(const State& expected) {
             firstOf({difference, endpointDifference(expected, i), socketDifference(expected, i)});
     }
     return firstOf(
-        {difference, listDifference(expected),
+        {difference, listDifference(expected), replyDifference(expected),
          compare("a record in the channel", recordIsWaiting(), !expected.channel.empty())});
 }
 
@@ -68,8 +70,7 @@ std::string RealArming::endpointDifference(const State& expected, std::size_t in
         {compare(name + "in the tables",
                  context_->endpointManager->findEndpointByFd(real.readSocket) == held, model.filed),
          compare(name + "prepared", held->prepared.load(), model.prepared),
-         compare(name + "claim", static_cast<int>(held->serving.load()),
-                 static_cast<int>(model.serving)),
+         compare(name + "worker that has the claim", serverOf(*held), model.server),
          compare(name + "count of armings", held->armings.load(), std::uint32_t{model.armings})});
 }
 
@@ -108,24 +109,38 @@ std::string RealArming::numberDifference(const State& expected) {
 }
 
 std::string RealArming::listDifference(const State& expected) const {
-    const std::vector<int> batch = socketsOf(itemsOf(expected.batch));
-    std::string difference =
-        std::ranges::equal(ready_, batch) ? "" : "other sockets are ready than in the model";
+    std::string difference = std::ranges::equal(ready_, socketsOf(itemsOf(expected.ready)))
+                                 ? ""
+                                 : "other sockets are ready than in the model";
     for (std::size_t who = 0; who < workers_.size(); ++who) {
         const model::Worker& model = expected.workers.at(who);
-        std::vector<std::uint8_t> serving = itemsOf(model.serving);
-        if (model.step == WorkerStep::release && model.keep) {
-            serving.push_back(model.number);
-        }
-        if (!std::ranges::equal(workers_.at(who).serving, socketsOf(serving))) {
+        if (!std::ranges::equal(workers_.at(who).serving, socketsOf(itemsOf(model.serving)))) {
             difference = "worker " + std::to_string(who) + " has other sockets to serve";
         }
-        const bool inCall = model.step == WorkerStep::receive ||
-                            model.step == WorkerStep::process || model.step == WorkerStep::giveBack;
+        const bool inCall = model.step == WorkerStep::receive || model.step == WorkerStep::handle;
         difference = firstOf(
             {difference, compare("worker in a call", actors_.workers.at(who).paused(), inCall)});
     }
     return difference;
+}
+
+/// An operation either receives replies or sends them.
+std::string RealArming::replyDifference(const State& expected) {
+    std::size_t unsent = 0;
+    for (const model::Worker& worker : expected.workers) {
+        unsent = std::reduce(worker.unsent.begin(), worker.unsent.end(), unsent);
+    }
+    const std::size_t before = std::exchange(unsent_, unsent);
+    return compare("number of replies sent", surroundings_.takeReplies(),
+                   before > unsent ? before - unsent : 0);
+}
+
+std::uint8_t RealArming::serverOf(const VeskEndpointDescriptor& endpoint) const {
+    const auto has = [server = endpoint.server.load()](const Worker& worker) {
+        return worker.receiver.get() == server;
+    };
+    const auto worker = std::ranges::find_if(workers_, has);
+    return worker == workers_.end() ? noOne : static_cast<std::uint8_t>(worker - workers_.begin());
 }
 
 /// As the kernel shows it: a descriptor that has fired has no events.

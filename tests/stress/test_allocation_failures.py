@@ -186,7 +186,7 @@ def has_read_everything(vesk: VeskProcess) -> bool:
 
 
 @pytest.mark.parametrize("thread_of, act", [
-    (lambda vesk: waiting_in(vesk, "recvmsg"), opening),
+    (lambda vesk: waiting_in(vesk, "recvmmsg"), opening),
     (lambda vesk: ANY_THREAD, exchanging),
     (lambda vesk: vesk.pid, declaring),
     (lambda vesk: vesk.pid, changing),

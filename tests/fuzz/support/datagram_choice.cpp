@@ -12,7 +12,7 @@ Bytes nextDatagram(ByteReader& input, unsigned choice, int version, Towards side
         return payload;
     }
     const std::uint32_t label = someLabels().at(choice % 8);
-    const Bytes framed = framedDatagram(version, label, payload);
+    Bytes framed = framedDatagram(version, label, payload);
     const auto flow = LoopbackForwarder::flowOf(label);
     const bool signable = readFramed(version, framed) && framed.size() <= maxDatagramSize;
     if ((choice & wellSigned) == 0 || !flow || !signable) {

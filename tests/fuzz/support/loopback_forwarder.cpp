@@ -10,8 +10,8 @@
 #include <string>
 
 #include "base/command_line.h"
-#include "datapath/datagram_io.h"
 #include "datapath/downstream.h"
+#include "datapath/receive_batch.h"
 #include "flow/commands/label_commands.h"
 #include "net/endpoint_sockets.h"
 #include "net/socket_options.h"
@@ -176,15 +176,19 @@ void LoopbackForwarder::carry(View datagram, const ReturnPath& returnPath) {
     const ssize_t sent = sendto(surroundings().peer.fd.get(), datagram.data(), datagram.size(), 0,
                                 to.get(), to.length);
     require(sent == static_cast<ssize_t>(datagram.size()), "the peer can send");
-    IncomingMessage message;
-    const ReceiveResult result = receiveNow(message, *endpoint);
-    if (result.received < 1) {
-        require(datagram.empty(), "what is sent on the loopback interface arrives");
+    ReceiveBatch batch;
+    require(batch.receiveNow(endpoint->rdsockfd) == 1,
+            "what is sent on the loopback interface arrives");
+    const ReceivedMessage message = batch.message(0, AF_INET);
+    if (message.datagramCount() == 0) {
+        require(datagram.empty(), "only an empty datagram has no bytes");
         return;
     }
-    downstreamPacketReceived({*endpoint, static_cast<std::size_t>(result.received),
-                              message.sender(), message.localDestination(AF_INET), returnPath},
-                             *context_);
+    DownstreamReceiver receiver(*context_);
+    downstreamPacketReceived({*endpoint, message.datagram(0), message.datagramLength(0),
+                              message.sender(), message.localDestination(), returnPath},
+                             receiver);
+    receiver.endBatch();
 }
 
 void LoopbackForwarder::carryReply(View datagram, const VeskEndpointDescriptor& flow) {
@@ -197,11 +201,9 @@ void LoopbackForwarder::carryReply(View datagram, const VeskEndpointDescriptor& 
         sendto(from.fd.get(), datagram.data(), datagram.size(), 0, to.get(), to.length);
     require(sent == static_cast<ssize_t>(datagram.size()), "upstream can send");
     bool keep = true;
-    for (int calls = 0; keep; ++calls) {
-        require(calls < 2, "one datagram is received in one call, and then the socket is drained");
-        const int result = upstreamSocketRecv(flow.rdsockfd, keep, receiver_);
-        require((result == 1) == keep, "the result says the same as the flag");
-    }
+    const int result = upstreamSocketRecv(flow.rdsockfd, keep, receiver_);
+    require(!keep, "one receive call drains the socket");
+    require(result == (datagram.empty() ? 0 : 1), "the datagram is received");
     require(!receiver_.endPass(LogDelay()).has_value(), "a drained socket can be armed");
 }
 

@@ -10,6 +10,7 @@
 #include <string>
 #include <vector>
 
+// NOLINTNEXTLINE(readability-redundant-declaration): defined in a file without a header
 extern "C" int LLVMFuzzerInitialize(int* argc, char*** argv);
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size);
 

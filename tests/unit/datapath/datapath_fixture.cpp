@@ -1,6 +1,7 @@
 #include "datapath/datapath_fixture.h"
 
 #include <algorithm>
+#include <array>
 #include <ostream>
 
 #include "datapath/downstream.h"
@@ -58,9 +59,12 @@ Bytes DatapathTest::framed(std::uint32_t label, const Bytes& content, const Test
 
 void DatapathTest::hand(VeskEndpointDescriptor& endpoint, const Bytes& datagram,
                         const SocketAddress& sender, const ReturnPath& returnPath) {
-    std::ranges::copy(datagram, endpoint.receiveBuffer.begin());
-    downstreamPacketReceived({endpoint, datagram.size(), sender, localDestination, returnPath},
-                             *context);
+    DownstreamReceiver receiver(*context);
+    std::array<std::uint8_t, maxDatagramSize> buffer{};
+    std::ranges::copy(datagram, buffer.begin());
+    downstreamPacketReceived(
+        {endpoint, buffer, datagram.size(), sender, localDestination, returnPath}, receiver);
+    receiver.endBatch();
 }
 
 std::string DatapathTest::arriveFrom(const UdpSocket& from, const Bytes& datagram) {
@@ -83,8 +87,7 @@ EndpointPtr DatapathTest::openFlow(std::uint32_t label) {
 }
 
 ReplyRoute DatapathTest::routeOf(VeskEndpointDescriptor& endpoint) {
-    const ReadLock lock(endpoint.routeLock);
-    return endpoint.route;
+    return endpoint.route.load();
 }
 
 void DatapathTest::startLateral(std::uint32_t index, std::uint32_t instances) {

@@ -53,6 +53,10 @@ class DatapathTest : public ForwarderTest {
     /// As the lateral receive thread does, with the return path from the lateral header.
     std::string arriveLaterally(const Bytes& datagram, const ReturnPath& returnPath);
 
+    /// Passes a datagram on as the receive thread of this endpoint does with a batch of one.
+    void hand(VeskEndpointDescriptor& endpoint, const Bytes& datagram, const SocketAddress& sender,
+              const ReturnPath& returnPath);
+
     /// The flow's endpoint, created by a datagram and registered with the poll loop.
     EndpointPtr openFlow(std::uint32_t label);
     ReplyRoute routeOf(VeskEndpointDescriptor& endpoint);
@@ -71,10 +75,6 @@ class DatapathTest : public ForwarderTest {
     const TestKey lateralKey{"sha256", Bytes(16, 0x42)};
     /// The local address at which datagrams of peers arrive, as the kernel reports it.
     LocalAddress localDestination;
-
- private:
-    void hand(VeskEndpointDescriptor& endpoint, const Bytes& datagram, const SocketAddress& sender,
-              const ReturnPath& returnPath);
 };
 
 }  // namespace vesk

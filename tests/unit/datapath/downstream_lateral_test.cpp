@@ -148,14 +148,12 @@ TEST_F(LateralDispatchTest, ForwardsTheSameDatagramFromBothReceiveThreads) {
     const Bytes datagram = framed(ownLabel, payload, {"sha256", {1}});
     const Bytes expected = framed(0x1111, payload, {"sha1", {2}});
     // Few enough to fit into the receive buffer.
-    constexpr int each = 80;
+    constexpr std::uint64_t each = 80;
     printedBy([&] {
         const SocketAddress sender = peer.address();
         const auto deliver = [&](VeskEndpointDescriptor& endpoint, const ReturnPath& path) {
-            for (int i = 0; i < each; ++i) {
-                std::ranges::copy(datagram, endpoint.receiveBuffer.begin());
-                downstreamPacketReceived(
-                    {endpoint, datagram.size(), sender, localDestination, path}, *context);
+            for (std::uint64_t i = 0; i < each; ++i) {
+                hand(endpoint, datagram, sender, path);
             }
         };
         std::thread laterally([&] { deliver(*lateral, somePath); });
@@ -165,7 +163,7 @@ TEST_F(LateralDispatchTest, ForwardsTheSameDatagramFromBothReceiveThreads) {
     // One of the two threads creates the endpoint, and every datagram is signed correctly.
     EXPECT_EQ(manager().endpoints().size(), 1U);
     EXPECT_EQ(countsOf(*manager().findEndpointByLabel(ownLabel)), (Counts{.txDg = 2 * each}));
-    for (int i = 0; i < 2 * each; ++i) {
+    for (std::uint64_t i = 0; i < 2 * each; ++i) {
         ASSERT_EQ(upstream.receive(), expected);
     }
 }

@@ -25,17 +25,14 @@ class Ipv4SourceTest : public UpstreamTest {
         arrive(framed(label, toBytes("request")));
         EXPECT_TRUE(upstream.receive().has_value());
         reply(framed(label, replyPayload, inKey));
-        serveFlow(true);
+        makePass();
         EXPECT_TRUE(peer.receive().has_value());
         return IPAddrInfo(peer.sender().get(), peer.sender().length).host();
     }
 
     /// The source of a request on a flow whose local address is this one.
     std::string requestSource(const LocalAddress& local) {
-        {
-            const WriteLock lock(flow->routeLock);
-            flow->upstreamLocal = local;
-        }
+        flow->upstreamLocal.store(local);
         arrive(framed(label, toBytes("request")));
         EXPECT_TRUE(upstream.receive().has_value());
         return IPAddrInfo(upstream.sender().get(), upstream.sender().length).host();
@@ -76,8 +73,8 @@ TEST_F(Ipv4SourceTest, ReplyFromAMissingAddressDeletesTheEndpoint) {
     arrive(framed(label, toBytes("request")));
     EXPECT_TRUE(upstream.receive().has_value());
     reply(framed(label, replyPayload, inKey));
-    const Served served = serve(flow->rdsockfd);
-    EXPECT_THAT(served.printed,
+    serveFlow(1);
+    EXPECT_THAT(printedBy([this] { endPass(); }),
                 testing::StartsWith("error UP_TO_DOWN_SEND: network error on upstream endpoint of "
                                     "label 0x5a/90, errno "));
     EXPECT_EQ(countsOf(*flow), (Counts{.rxDg = 1, .txDg = 2, .dnTxDgDropped = 1}));
@@ -85,10 +82,7 @@ TEST_F(Ipv4SourceTest, ReplyFromAMissingAddressDeletesTheEndpoint) {
 }
 
 TEST_F(Ipv4SourceTest, RequestFromAMissingAddressDeletesTheEndpoint) {
-    {
-        const WriteLock lock(flow->routeLock);
-        flow->upstreamLocal = localAddress("192.0.2.1");
-    }
+    flow->upstreamLocal.store(localAddress("192.0.2.1"));
     EXPECT_THAT(arrive(framed(label, toBytes("request"))),
                 testing::StartsWith("error DOWN_TO_UP_SEND: network error on upstream endpoint of "
                                     "label 0x5a/90, errno "));

@@ -1,6 +1,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <netinet/in.h>
+#include <netinet/udp.h>
 #include <sys/socket.h>
 
 #include <algorithm>
@@ -8,7 +9,7 @@
 #include <utility>
 
 #include "datapath/control_data.h"
-#include "datapath/datagram_io.h"
+#include "datapath/outgoing_message.h"
 #include "support/udp_socket.h"
 
 namespace vesk {
@@ -65,7 +66,7 @@ TEST_F(OutgoingMessageTest, CarriesDatagramAndDestination) {
 TEST_F(OutgoingMessageTest, CarriesNoControlDataByDefault) {
     message.setDestination(IPAddrInfo("::1", 4500).socketAddress());
     message.addTrafficClass(noDscp, noDscp);
-    message.addSource(LocalAddress());
+    message.addSource(LocalAddress(), Ipv4Source::kernel);
     EXPECT_EQ(message.header()->msg_control, nullptr);
     EXPECT_EQ(message.header()->msg_controllen, 0U);
 }
@@ -96,34 +97,34 @@ TEST_F(OutgoingMessageTest, SetsNoDscpForAFamilyWithoutOne) {
 
 TEST_F(OutgoingMessageTest, WritesAnIpv4SourceIntoTheAddressField) {
     message.setDestination(IPAddrInfo("127.0.0.1", 4500).socketAddress());
-    message.addSource({IPAddrInfo("192.0.2.1", 9).socketAddress(), true});
+    message.addSource({IPAddrInfo("192.0.2.1", 9).socketAddress(), true}, Ipv4Source::kernel);
     EXPECT_EQ(controlOf(message),
               control(IPPROTO_IP, IP_PKTINFO, fromHex("00000000 00000000 c0000201")));
     EXPECT_EQ(controlOf(message).size(), 32U);
 }
 
 TEST(ArrivalSourceTest, WritesAValidIpv4SourceIntoBothFields) {
-    OutgoingMessage message(Ipv4Source::arrival);
+    OutgoingMessage message;
     message.setDestination(IPAddrInfo("127.0.0.1", 4500).socketAddress());
     message.addTrafficClass(46, noDscp);
-    message.addSource(ipv4Destination());
+    message.addSource(ipv4Destination(), Ipv4Source::arrival);
     EXPECT_EQ(controlOf(message),
               trafficClass(IPPROTO_IP, IP_TOS, 184) +
                   control(IPPROTO_IP, IP_PKTINFO, fromHex("00000000 c0000201 c0000201")));
 }
 
 TEST(ArrivalSourceTest, WritesAnInvalidSourceIntoTheAddressFieldOnly) {
-    OutgoingMessage message(Ipv4Source::arrival);
+    OutgoingMessage message;
     message.setDestination(IPAddrInfo("127.0.0.1", 4500).socketAddress());
-    message.addSource(ipv4BroadcastDestination());
+    message.addSource(ipv4BroadcastDestination(), Ipv4Source::arrival);
     EXPECT_EQ(controlOf(message),
               control(IPPROTO_IP, IP_PKTINFO, fromHex("00000000 00000000 c00002ff")));
 }
 
 TEST(ArrivalSourceTest, WritesAnIpv6SourceWithItsInterface) {
-    OutgoingMessage message(Ipv4Source::arrival);
+    OutgoingMessage message;
     message.setDestination(IPAddrInfo("::1", 4500).socketAddress());
-    message.addSource(ipv6Destination());
+    message.addSource(ipv6Destination(), Ipv4Source::arrival);
     EXPECT_EQ(controlOf(message), control(IPPROTO_IPV6, IPV6_PKTINFO, ipv6Information));
 }
 
@@ -133,10 +134,10 @@ TEST(ArrivalSourceTest, IsUsedByTheKernel) {
         UdpSocket from(AF_INET);
         UdpSocket to(AF_INET);
         Bytes datagram = toBytes("from");
-        OutgoingMessage message(mode);
+        OutgoingMessage message;
         message.setDatagram(datagram);
         message.setDestination(to.address());
-        message.addSource({IPAddrInfo("127.0.0.9", 1).socketAddress(), true});
+        message.addSource({IPAddrInfo("127.0.0.9", 1).socketAddress(), true}, mode);
         EXPECT_EQ(sendmsg(from.fd(), message.header(), 0), 4);
         EXPECT_EQ(to.receive(), datagram);
         EXPECT_EQ(to.sender(), IPAddrInfo(source, from.port()).socketAddress());
@@ -145,7 +146,7 @@ TEST(ArrivalSourceTest, IsUsedByTheKernel) {
 
 TEST_F(OutgoingMessageTest, WritesAnIpv6SourceWithItsInterface) {
     message.setDestination(IPAddrInfo("::1", 4500).socketAddress());
-    message.addSource(ipv6Destination());
+    message.addSource(ipv6Destination(), Ipv4Source::kernel);
     EXPECT_EQ(controlOf(message), control(IPPROTO_IPV6, IPV6_PKTINFO, ipv6Information));
     EXPECT_EQ(controlOf(message).size(), 40U);
 }
@@ -154,25 +155,25 @@ TEST_F(OutgoingMessageTest, WritesNoSourceOfAnotherFamily) {
     sockaddr_storage other{};
     other.ss_family = AF_UNIX;
     message.setDestination(IPAddrInfo("::1", 4500).socketAddress());
-    message.addSource({{reinterpret_cast<const sockaddr*>(&other), 16}, true});
+    message.addSource({{reinterpret_cast<const sockaddr*>(&other), 16}, true}, Ipv4Source::kernel);
     EXPECT_EQ(message.header()->msg_control, nullptr);
 }
 
 TEST_F(OutgoingMessageTest, WritesTheSourceAfterTheDscp) {
     EXPECT_EQ(classFor("127.0.0.1", 46, noDscp), trafficClass(IPPROTO_IP, IP_TOS, 184));
-    message.addSource(ipv4Destination());
+    message.addSource(ipv4Destination(), Ipv4Source::kernel);
     EXPECT_EQ(controlOf(message),
               trafficClass(IPPROTO_IP, IP_TOS, 184) +
                   control(IPPROTO_IP, IP_PKTINFO, fromHex("00000000 00000000 c0000201")));
     EXPECT_EQ(controlOf(message).size(), 56U);
     classFor("::1", noDscp, 46);
-    message.addSource(ipv6Destination());
+    message.addSource(ipv6Destination(), Ipv4Source::kernel);
     EXPECT_EQ(controlOf(message).size(), 64U);
 }
 
 TEST_F(OutgoingMessageTest, NewDestinationClearsTheControlData) {
     classFor("127.0.0.1", 46, noDscp);
-    message.addSource(ipv4Destination());
+    message.addSource(ipv4Destination(), Ipv4Source::kernel);
     message.setDestination(IPAddrInfo("::1", 4500).socketAddress());
     EXPECT_THAT(controlOf(message), testing::IsEmpty());
     EXPECT_EQ(message.header()->msg_control, nullptr);
@@ -186,11 +187,47 @@ TEST_F(OutgoingMessageTest, IsAcceptedByTheKernelWithDscpAndSource) {
         message.setDatagram(datagram);
         message.setDestination(to.address());
         message.addTrafficClass(46, 46);
-        message.addSource({withPort(from.address(), 0), true});
+        message.addSource({withPort(from.address(), 0), true}, Ipv4Source::kernel);
         EXPECT_EQ(sendmsg(from.fd(), message.header(), 0), 6);
         EXPECT_EQ(to.receive(), datagram);
         EXPECT_EQ(to.sender(), from.address());
     }
+}
+
+TEST(RouteComparisonTest, ComparesDestinationAndControlData) {
+    const auto addressed = [](OutgoingMessage& message, const char* host, std::int32_t dscp,
+                              const LocalAddress& source) -> OutgoingMessage& {
+        message.setDestination(IPAddrInfo(host, 4500).socketAddress());
+        message.addTrafficClass(dscp, dscp);
+        message.addSource(source, Ipv4Source::kernel);
+        return message;
+    };
+    OutgoingMessage first;
+    addressed(first, "127.0.0.1", 46, ipv4Destination());
+    // A message that was used before for a longer route.
+    OutgoingMessage other;
+    addressed(other, "::1", 10, ipv6Destination());
+    EXPECT_FALSE(first.hasRouteOf(other));
+    EXPECT_TRUE(first.hasRouteOf(addressed(other, "127.0.0.1", 46, ipv4Destination())));
+    EXPECT_FALSE(first.hasRouteOf(addressed(other, "127.0.0.2", 46, ipv4Destination())));
+    EXPECT_FALSE(first.hasRouteOf(addressed(other, "127.0.0.1", 45, ipv4Destination())));
+    EXPECT_FALSE(first.hasRouteOf(addressed(other, "127.0.0.1", 46, {})));
+    EXPECT_FALSE(first.hasRouteOf(addressed(other, "127.0.0.1", noDscp, ipv4Destination())));
+    EXPECT_FALSE(first.hasRouteOf(addressed(other, "127.0.0.1", 46, ipv4BroadcastDestination())));
+}
+
+TEST_F(OutgoingMessageTest, AddsTheSegmentSizeToACopyOfItsHeader) {
+    message.setDestination(IPAddrInfo("::1", 4500).socketAddress());
+    message.addTrafficClass(46, 46);
+    message.addSource(ipv6Destination(), Ipv4Source::kernel);
+    const Bytes before = controlOf(message);
+    const msghdr segmented = message.segmentedHeader(1200);
+    EXPECT_EQ(segmented.msg_name, message.header()->msg_name);
+    const auto* const control = static_cast<const std::uint8_t*>(segmented.msg_control);
+    EXPECT_EQ(Bytes(control, control + before.size()), before);
+    EXPECT_EQ(Bytes(control + before.size(), control + segmented.msg_controllen),
+              vesk::control(IPPROTO_UDP, UDP_SEGMENT, fromHex("b004")));
+    EXPECT_EQ(controlOf(message), before);
 }
 
 }  // namespace

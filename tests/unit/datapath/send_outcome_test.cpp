@@ -18,7 +18,7 @@ class SendOutcomeTest : public testing::Test {
     SendOutcomeTest() { message.setDatagram(datagram); }
 
     SendResult send(int socket, int flags = MSG_DONTWAIT) const {
-        return sendMessage(message, socket, flags, datagram.size());
+        return sendMessage(*message.header(), socket, flags, datagram.size());
     }
 
     std::array<std::uint8_t, 3> datagram{1, 2, 3};
@@ -36,7 +36,7 @@ TEST_F(SendOutcomeTest, IsFailedWhenTooFewBytesWereSent) {
     UdpSocket receiver;
     UdpSocket sender;
     message.setDestination(receiver.address());
-    EXPECT_EQ(sendMessage(message, sender.fd(), 0, datagram.size() + 1).outcome,
+    EXPECT_EQ(sendMessage(*message.header(), sender.fd(), 0, datagram.size() + 1).outcome,
               SendOutcome::failed);
 }
 

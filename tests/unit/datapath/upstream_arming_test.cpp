@@ -3,14 +3,14 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <sys/epoll.h>
-#include <sys/mman.h>
 #include <unistd.h>
 
+#include <memory>
 #include <string>
 #include <thread>
+#include <utility>
 #include <vector>
 
-#include "datapath/serving_claim.h"
 #include "datapath/upstream_fixture.h"
 #include "support/printed.h"
 #include "support/receive_hook.h"
@@ -24,10 +24,17 @@ using testing::IsEmpty;
 
 class UpstreamArmingTest : public UpstreamTest {
  protected:
+    /// Sends as many replies as the worker has room for, so that it serves the socket again.
+    void fillTheBatch() {
+        for (std::size_t i = 0; i < ReceiveBatch::capacity; ++i) {
+            reply(framed(label, replyPayload, inKey));
+        }
+    }
+
     /// Serves a socket that yields no datagram. Expects that the end of the pass arms it again and
     /// that its flow is unchanged.
     void expectArmed() {
-        serveFlow(false);
+        serveFlow(0);
         EXPECT_THAT(takePollRequests(), IsEmpty());
         endPass();
         EXPECT_THAT(takePollRequests(),
@@ -43,7 +50,7 @@ TEST_F(UpstreamArmingTest, ArmsADrainedSocketOnceAtTheEndOfThePass) {
     EXPECT_THAT(takePollRequests(), IsEmpty());
 }
 
-TEST_F(UpstreamArmingTest, TreatsAnEmptyDatagramAsADrainedSocket) {
+TEST_F(UpstreamArmingTest, IgnoresAnEmptyDatagram) {
     reply({});
     expectArmed();
 }
@@ -62,7 +69,7 @@ TEST_F(UpstreamArmingTest, WaitsForTheCreatorOfAnEndpointThatIsNotPrepared) {
         const MutexLock creator(context->endpointCreation);
         worker = std::thread([&] {
             mark.set();
-            serveFlow(true);
+            makePass();
         });
         EXPECT_TRUE(mark.eventuallyBlocks());
         EXPECT_EQ(countsOf(*flow), (Counts{.txDg = 1}));
@@ -72,8 +79,33 @@ TEST_F(UpstreamArmingTest, WaitsForTheCreatorOfAnEndpointThatIsNotPrepared) {
     EXPECT_TRUE(peer.receive().has_value());
 }
 
+TEST_F(UpstreamArmingTest, HoldsAnEndpointThatItWaitedForUntilItsRepliesAreSent) {
+    flow->prepared = false;
+    fillTheBatch();
+    ThreadMark mark;
+    bool keep = false;
+    std::thread worker;
+    {
+        const MutexLock creator(context->endpointCreation);
+        worker = std::thread([&] {
+            mark.set();
+            upstreamSocketRecv(flow->rdsockfd, keep, *receiver);
+        });
+        EXPECT_TRUE(mark.eventuallyBlocks());
+        flow->prepared = true;
+    }
+    worker.join();
+    EXPECT_TRUE(keep);
+    const std::weak_ptr<VeskEndpointDescriptor> served = std::exchange(flow, nullptr);
+    manager().deleteEndpoint(label);
+    ASSERT_FALSE(served.expired());
+    EXPECT_TRUE(peer.empty());
+    endPass();
+    EXPECT_TRUE(peer.receive().has_value());
+}
+
 TEST_F(UpstreamArmingTest, ArmsDrainedSocketsBeforeItWaitsForACreator) {
-    serveFlow(false);
+    serveFlow(0);
     declareFlow(1000);
     const EndpointPtr unprepared = createEndpoint(1000);
     ASSERT_NE(unprepared, nullptr);
@@ -84,26 +116,51 @@ TEST_F(UpstreamArmingTest, ArmsDrainedSocketsBeforeItWaitsForACreator) {
                 ElementsAre(PollCtlMsg{EPOLL_CTL_MOD, EPOLLIN, flow->rdsockfd}));
 }
 
-TEST_F(UpstreamArmingTest, LeavesAClaimedEndpointToItsWorker) {
-    flow->serving = Serving::claimed;
+TEST_F(UpstreamArmingTest, LeavesASocketToTheWorkerThatServesIt) {
+    const int otherWorker = 0;
+    flow->server = &otherWorker;
     reply(framed(label, replyPayload, inKey));
-    serveFlow(false);
-    EXPECT_EQ(flow->serving.load(), Serving::moreWanted);
+    serveFlow(0);
+    EXPECT_EQ(flow->server.load(), &otherWorker);
     EXPECT_EQ(countsOf(*flow), (Counts{.txDg = 1}));
     endPass();
     EXPECT_THAT(takePollRequests(), IsEmpty());
 }
 
-TEST_F(UpstreamArmingTest, ReleasesItsClaimAfterEveryCall) {
-    serveFlow(false);
-    EXPECT_EQ(flow->serving.load(), Serving::nobody);
+TEST_F(UpstreamArmingTest, ServesASocketUntilItsRepliesAreSent) {
     reply(framed(label, replyPayload, inKey));
-    serveFlow(true);
-    EXPECT_EQ(flow->serving.load(), Serving::nobody);
+    serveFlow(1);
+    EXPECT_EQ(flow->server.load(), receiver.get());
+    EXPECT_TRUE(peer.empty());
+    endPass();
+    EXPECT_EQ(flow->server.load(), nullptr);
+    EXPECT_TRUE(peer.receive().has_value());
+}
+
+TEST_F(UpstreamArmingTest, ArmsASocketOnceThatItDrainedTwiceInAPass) {
+    serveFlow(0);
+    reply(framed(label, replyPayload, inKey));
+    serveFlow(1);
+    endPass();
+    EXPECT_THAT(takePollRequests(),
+                ElementsAre(PollCtlMsg{EPOLL_CTL_MOD, EPOLLIN, flow->rdsockfd}));
+    EXPECT_EQ(flow->server.load(), nullptr);
+}
+
+// The worker comes to the second entry of a socket that it drained twice. It ended its claim with
+// the first entry, and another worker has claimed the socket since.
+TEST_F(UpstreamArmingTest, DoesNotEndTheClaimOfAnotherWorker) {
+    const int otherWorker = 0;
+    serveFlow(0);
+    flow->server = &otherWorker;
+    ++flow->armings;
+    endPass();
+    EXPECT_EQ(flow->server.load(), &otherWorker);
+    EXPECT_THAT(takePollRequests(), IsEmpty());
 }
 
 TEST_F(UpstreamArmingTest, HoldsADrainedEndpointUntilItsSocketIsArmed) {
-    serveFlow(false);
+    serveFlow(0);
     const int socket = flow->rdsockfd;
     manager().deleteEndpoint(label);
     flow.reset();
@@ -116,7 +173,7 @@ TEST_F(UpstreamArmingTest, HoldsADrainedEndpointUntilItsSocketIsArmed) {
 }
 
 TEST_F(UpstreamArmingTest, DeletesAnEndpointThatCannotBeArmed) {
-    serveFlow(false);
+    serveFlow(0);
     context->pollSocket.reset();
     const std::string failure =
         "error pollLoop_mod_fdError writing a control message to poll socket: bytes: -1 Error: "
@@ -153,7 +210,7 @@ TEST_F(UpstreamArmingTest, ForwardsEveryReplyWhenTwoWorkersServeOneSocket) {
         ASSERT_EQ(peer.receive(), framed(0x2222, replyPayload, outKey));
     }
     EXPECT_EQ(countsOf(*flow), (Counts{.rxDg = count, .txDg = 1, .dnTxDg = count}));
-    EXPECT_EQ(flow->serving.load(), Serving::nobody);
+    EXPECT_EQ(flow->server.load(), nullptr);
     // The worker that drained the socket last arms it.
     EXPECT_THAT(takePollRequests(),
                 testing::Each(PollCtlMsg{EPOLL_CTL_MOD, EPOLLIN, flow->rdsockfd}));
@@ -162,7 +219,7 @@ TEST_F(UpstreamArmingTest, ForwardsEveryReplyWhenTwoWorkersServeOneSocket) {
 TEST_F(UpstreamArmingTest, ArmsASocketOnceWhenTwoWorkersFoundItDrained) {
     UpstreamReceiver other(context);
     bool keep = true;
-    serveFlow(false);
+    serveFlow(0);
     upstreamSocketRecv(flow->rdsockfd, keep, other);
     endPass();
     endPassOf(other);
@@ -175,28 +232,20 @@ TEST_F(UpstreamArmingTest, ArmsASocketOnceWhenTwoWorkersFoundItDrained) {
                 ElementsAre(PollCtlMsg{EPOLL_CTL_MOD, EPOLLIN, flow->rdsockfd}));
 }
 
-TEST_F(UpstreamArmingTest, ReportsASocketErrorWhenAnotherWorkerTriedToClaimIt) {
-    const UniqueFd notASocket(memfd_create("not a socket", 0));
-    ASSERT_EQ(dup2(notASocket.get(), flow->rdsockfd), flow->rdsockfd);
-    bool foundClaimed = false;
-    duringNextReceive([&] { foundClaimed = !ServingClaim(*flow).held(); });
-    const Served served = serve(flow->rdsockfd);
-    EXPECT_TRUE(foundClaimed);
-    EXPECT_FALSE(served.keep);
-    EXPECT_EQ(countsOf(*flow), (Counts{.txDg = 1, .rxDgError = 1}));
-    EXPECT_EQ(served.printed,
-              "error UP_RECEIVE: network error on upstream endpoint of label 0x5a/90, errno 88 "
-              "(Socket operation on non-socket). Endpoint Deleted\n");
-}
-
-TEST_F(UpstreamArmingTest, ReadsADrainedSocketAgainWhenAnotherWorkerTriedToClaimIt) {
-    duringNextReceive([this] { EXPECT_FALSE(ServingClaim(*flow).held()); });
-    serveFlow(true);
+TEST_F(UpstreamArmingTest, ArmsASocketThatAnotherWorkerWasWokenFor) {
+    UpstreamReceiver other(context);
+    duringNextReceive([&] {
+        bool keep = true;
+        EXPECT_EQ(upstreamSocketRecv(flow->rdsockfd, keep, other), 0);
+        EXPECT_FALSE(keep);
+        endPassOf(other);
+        EXPECT_THAT(takePollRequests(), IsEmpty());
+    });
     expectArmed();
 }
 
 TEST_F(UpstreamArmingTest, LogsNoArmingFailureDuringShutdown) {
-    serveFlow(false);
+    serveFlow(0);
     context->shuttingDown = true;
     retirePollChannel(context->serverPollSock.get());
     EXPECT_EQ(printedBy([this] { endPass(); }), "");
@@ -204,7 +253,7 @@ TEST_F(UpstreamArmingTest, LogsNoArmingFailureDuringShutdown) {
 }
 
 TEST_F(UpstreamArmingTest, DeletesTheEndpointAfterThePollLoopFailed) {
-    serveFlow(false);
+    serveFlow(0);
     retirePollChannel(context->serverPollSock.get());
     EXPECT_EQ(printedBy([this] { endPass(); }),
               "error pollLoop_mod_fdError writing a control message to poll socket: bytes: -1 "
@@ -215,8 +264,8 @@ TEST_F(UpstreamArmingTest, DeletesTheEndpointAfterThePollLoopFailed) {
 }
 
 TEST_F(UpstreamArmingTest, ReleasesItsEndpointsBeforeLinesAreWritten) {
-    reply(framed(label, replyPayload, inKey));
-    serveFlow(true);
+    fillTheBatch();
+    EXPECT_TRUE(serve(flow->rdsockfd).keep);
     const int socket = flow->rdsockfd;
     manager().deleteEndpoint(label);
     flow.reset();
@@ -232,8 +281,8 @@ TEST_F(UpstreamArmingTest, ReleasesItsEndpointsBeforeLinesAreWritten) {
 }
 
 TEST_F(UpstreamArmingTest, DropsADescriptorNumberOfAnEarlierSocket) {
-    reply(framed(label, replyPayload, inKey));
-    serveFlow(true);
+    fillTheBatch();
+    EXPECT_TRUE(serve(flow->rdsockfd).keep);
     const int socket = flow->rdsockfd;
     // The number is reused while the worker still has it.
     manager().deleteEndpoint(label);
@@ -269,7 +318,7 @@ TEST_F(UpstreamArmingTest, ReleasesADrainedEndpointWhenAnyEndpointIsRemoved) {
     const EndpointPtr other = createEndpoint(1000);
     ASSERT_NE(other, nullptr);
     other->prepared = true;
-    serveFlow(false);
+    serveFlow(0);
     const int socket = flow->rdsockfd;
     manager().deleteEndpoint(label);
     flow.reset();

@@ -57,11 +57,18 @@ class UpstreamTest : public DatapathTest {
             printedBy([&] { served.result = upstreamSocketRecv(socket, served.keep, *receiver); });
         return served;
     }
-    /// Serves the flow's socket once. Expects this value of `keep` and no output.
-    void serveFlow(bool expectedKeep) {
+    /// Makes a pass over the flow's socket, on which this number of datagrams waits. Expects no
+    /// output.
+    void makePass(int datagrams = 1) {
+        serveFlow(datagrams);
+        EXPECT_EQ(printedBy([this] { endPass(); }), "");
+    }
+    /// Serves the flow's socket until it is drained, which one receive call does. Expects this
+    /// number of datagrams and no output.
+    void serveFlow(int datagrams) {
         const Served served = serve(flow->rdsockfd);
-        EXPECT_EQ(served.keep, expectedKeep);
-        EXPECT_EQ(served.result, expectedKeep ? 1 : 0);
+        EXPECT_FALSE(served.keep);
+        EXPECT_EQ(served.result, datagrams);
         EXPECT_EQ(served.printed, "");
     }
     /// Ends the worker's pass. Expects that there is nothing to retry.

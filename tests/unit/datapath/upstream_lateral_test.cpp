@@ -33,6 +33,7 @@ class LateralReplyTest : public DatapathTest {
         UpstreamReceiver receiver(context);
         bool keep = false;
         EXPECT_EQ(upstreamSocketRecv(flow->rdsockfd, keep, receiver), 1);
+        receiver.endPass(LogDelay());
     }
 
     const Bytes kept = Bytes(33, 9);

@@ -7,6 +7,7 @@
 
 #include "datapath/upstream_fixture.h"
 #include "support/printed.h"
+#include "support/receive_hook.h"
 
 namespace vesk {
 namespace {
@@ -22,7 +23,7 @@ INSTANTIATE_TEST_SUITE_P(Udp, UpstreamBothVersionsTest, testing::Values(1, 2),
 TEST_P(UpstreamBothVersionsTest, RelabelsSignsAndSendsToTheLastSender) {
     reply(framed(label, replyPayload, inKey));
     flow->idle = true;
-    serveFlow(true);
+    makePass();
     EXPECT_EQ(peer.receive(), framed(0x2222, replyPayload, outKey));
     EXPECT_EQ(peer.sender(), downstreamSocket.address());
     EXPECT_EQ(countsOf(*flow), (Counts{.rxDg = 1, .txDg = 1, .dnTxDg = 1}));
@@ -33,15 +34,14 @@ TEST_P(UpstreamBothVersionsTest, RelabelsSignsAndSendsToTheLastSender) {
 TEST_P(UpstreamBothVersionsTest, DropsAForgedReplySilently) {
     reply(framed(label, replyPayload, outKey));
     reply(framed(label, replyPayload));
-    serveFlow(true);
-    serveFlow(true);
+    makePass(2);
     EXPECT_EQ(countsOf(*flow), (Counts{.rxDg = 2, .txDg = 1, .rxDgError = 2}));
     EXPECT_TRUE(peer.empty());
 }
 
 TEST_P(UpstreamBothVersionsTest, CountsAnInvalidDatagram) {
     reply(Bytes(19, 1));
-    serveFlow(true);
+    makePass();
     EXPECT_EQ(countsOf(*flow), (Counts{.rxDg = 1, .txDg = 1, .rxDgError = 1}));
     EXPECT_TRUE(peer.empty());
 }
@@ -50,21 +50,21 @@ TEST_F(UpstreamTest, ForwardsToTheSenderOfTheNewestDatagram) {
     UdpSocket newer;
     arriveFrom(newer, framed(label, toBytes("request")));
     reply(framed(label, replyPayload, inKey));
-    serveFlow(true);
+    makePass();
     EXPECT_TRUE(newer.receive().has_value());
     EXPECT_TRUE(peer.empty());
 }
 
 TEST_F(UpstreamTest, CountsADifferentLabelAndForwardsTheReply) {
     reply(framed(0x999, replyPayload, inKey));
-    serveFlow(true);
+    makePass();
     EXPECT_EQ(peer.receive(), framed(0x2222, replyPayload, outKey));
     EXPECT_EQ(countsOf(*flow), (Counts{.rxDg = 1, .txDg = 1, .rxDgError = 1, .dnTxDg = 1}));
 }
 
 TEST_F(UpstreamTest, DoesNotCountAMissingLabel) {
     reply(framed(0, replyPayload, inKey));
-    serveFlow(true);
+    makePass();
     EXPECT_TRUE(peer.receive().has_value());
     EXPECT_EQ(countsOf(*flow), (Counts{.rxDg = 1, .txDg = 1, .dnTxDg = 1}));
 }
@@ -75,33 +75,44 @@ TEST_F(UpstreamTest, DropsAReplyThatCannotBeSigned) {
     open(keyWords("down_out", outKey));
     flow->flow.down.outHmac.copyAlgorithmFrom(scratch.down.outHmac);
     reply(framed(label, replyPayload));
-    serveFlow(true);
+    makePass();
     EXPECT_EQ(countsOf(*flow), (Counts{.rxDg = 1, .txDg = 1, .dnTxDgDropped = 1}));
     EXPECT_TRUE(peer.empty());
 }
 
 TEST_F(UpstreamTest, StoresTheAddressAtWhichRepliesArrive) {
     reply(framed(label, replyPayload, inKey));
-    serveFlow(true);
-    const ReadLock lock(flow->routeLock);
-    EXPECT_EQ(flow->upstreamLocal,
+    makePass();
+    EXPECT_EQ(flow->upstreamLocal.load(),
               (LocalAddress{withPort(IPAddrInfo("127.0.0.1", 1).socketAddress(), 0), true}));
 }
 
 TEST_F(UpstreamTest, DropsAReplyAfterStop) {
     context->downstreamEndpoint.withdraw();
     reply(framed(label, replyPayload, inKey));
-    serveFlow(true);
+    makePass();
     EXPECT_EQ(countsOf(*flow), (Counts{.rxDg = 1, .txDg = 1, .dnTxDgDropped = 1}));
 }
 
-TEST_F(UpstreamTest, DropsAReplyForAFlowThatNoPeerHasUsed) {
-    {
-        const WriteLock lock(flow->routeLock);
-        flow->route = {};
-    }
+TEST_F(UpstreamTest, DropsRepliesOfAFlowThatIsRemovedAfterTheReceiveCall) {
     reply(framed(label, replyPayload, inKey));
-    serveFlow(true);
+    reply(framed(label, replyPayload, inKey));
+    hookReceives([this](const ReceiveCall& call) {
+        const long received = call.make();
+        manager().removeLabel(label);
+        return received;
+    });
+    serve(flow->rdsockfd);
+    hookReceives({});
+    endPass();
+    EXPECT_TRUE(peer.empty());
+    EXPECT_EQ(countsOf(*flow), (Counts{.rxDg = 2, .txDg = 1, .rxDgError = 2}));
+}
+
+TEST_F(UpstreamTest, DropsAReplyForAFlowThatNoPeerHasUsed) {
+    flow->route.store({});
+    reply(framed(label, replyPayload, inKey));
+    makePass();
     EXPECT_EQ(countsOf(*flow), (Counts{.rxDg = 1, .txDg = 1, .dnTxDgDropped = 1}));
     EXPECT_EQ(manager().findEndpointByLabel(label), flow);
 }
@@ -109,7 +120,7 @@ TEST_F(UpstreamTest, DropsAReplyForAFlowThatNoPeerHasUsed) {
 TEST_F(UpstreamTest, DoesNotCountARefusalByThePeer) {
     provokeRefusal(downstreamSocket.fd());
     reply(framed(label, replyPayload, inKey));
-    serveFlow(true);
+    makePass();
     EXPECT_EQ(countsOf(*flow), (Counts{.rxDg = 1, .txDg = 1}));
     EXPECT_EQ(manager().findEndpointByLabel(label), flow);
 }
@@ -117,7 +128,7 @@ TEST_F(UpstreamTest, DoesNotCountARefusalByThePeer) {
 TEST_F(UpstreamTest, ForwardsATruncatedDatagram) {
     open("");
     reply(framed(label, Bytes(2100, 1)));
-    serveFlow(true);
+    makePass();
     EXPECT_EQ(peer.receive(), framed(0x2222, Bytes(2028, 1)));
     EXPECT_EQ(countsOf(*flow), (Counts{.rxDg = 1, .txDg = 1, .dnTxDg = 1}));
 }

@@ -57,18 +57,21 @@ TEST_F(EndpointCacheTest, DistinguishesLabelsThatShareAnEntry) {
     EXPECT_EQ(kept->findByLabel(5), first);
 }
 
-TEST_F(EndpointCacheTest, ReleasesOneDescriptor) {
+TEST_F(EndpointCacheTest, ReleasesEndedDescriptors) {
     const EndpointPtr first = newEndpoint(5);
     const EndpointPtr second = newEndpoint(6);
     const EndpointPtr third = newEndpoint(7);
     for (const EndpointPtr& endpoint : {first, second, third}) {
         kept->findByFd(endpoint->rdsockfd);
     }
-    kept->letGoOfFd(first->rdsockfd);
-    kept->letGoOfFd(first->rdsockfd);
+    kept->endFd(first->rdsockfd);
+    kept->endFd(first->rdsockfd);
+    EXPECT_FALSE(isLetGo(first));
+    kept->letGoOfEnded();
     EXPECT_TRUE(isLetGo(first));
     EXPECT_FALSE(isLetGo(second));
-    kept->letGoOfFd(third->rdsockfd);
+    kept->endFd(third->rdsockfd);
+    kept->letGoOfEnded();
     EXPECT_TRUE(isLetGo(third));
     kept->letGo();
     EXPECT_TRUE(isLetGo(second));
@@ -79,11 +82,22 @@ TEST_F(EndpointCacheTest, ReleasesLabels) {
     const EndpointPtr endpoint = newEndpoint(5);
     kept->findByLabel(5);
     EXPECT_FALSE(isLetGo(endpoint));
-    kept->letGoOfLabels();
+    kept->letGoOfEnded();
     EXPECT_TRUE(isLetGo(endpoint));
 }
 
-TEST_F(EndpointCacheTest, ReleasesEverythingWhenAnEndpointIsRemoved) {
+TEST_F(EndpointCacheTest, KeepsALabelsEndpointThatAnotherHasDisplaced) {
+    const EndpointPtr first = newEndpoint(5);
+    const EndpointPtr second = newEndpoint(5 + 64);
+    kept->findByLabel(5);
+    kept->findByLabel(5 + 64);
+    EXPECT_FALSE(isLetGo(first));
+    kept->letGoOfEnded();
+    EXPECT_TRUE(isLetGo(first));
+    EXPECT_TRUE(isLetGo(second));
+}
+
+TEST_F(EndpointCacheTest, NoticesThatAnEndpointIsRemoved) {
     const EndpointPtr endpoint = newEndpoint(5);
     const EndpointPtr other = newEndpoint(6);
     kept->noticeRemovals();
@@ -93,8 +107,10 @@ TEST_F(EndpointCacheTest, ReleasesEverythingWhenAnEndpointIsRemoved) {
     EXPECT_FALSE(isLetGo(endpoint));
     manager().deleteEndpoint(6);
     EXPECT_TRUE(kept->noticeRemovals());
-    EXPECT_TRUE(isLetGo(endpoint));
+    EXPECT_FALSE(isLetGo(endpoint));
     EXPECT_FALSE(kept->noticeRemovals());
+    kept->letGo();
+    EXPECT_TRUE(isLetGo(endpoint));
 }
 
 TEST_F(EndpointCacheTest, FindsTheSuccessorOfARemovedEndpoint) {
@@ -102,7 +118,7 @@ TEST_F(EndpointCacheTest, FindsTheSuccessorOfARemovedEndpoint) {
     EXPECT_EQ(kept->findByLabel(5), first);
     manager().deleteEndpoint(5);
     const EndpointPtr second = createEndpoint(5);
-    kept->noticeRemovals();
+    kept->letGo();
     EXPECT_EQ(kept->findByLabel(5), second);
 }
 
@@ -112,7 +128,7 @@ TEST_F(EndpointCacheTest, FindsAReusedDescriptorOnlyAtTheSecondAttempt) {
     kept->findByFd(fd);
     manager().deleteEndpoint(5);
     first.reset();
-    kept->noticeRemovals();
+    kept->letGo();
     takePollRequests();
     const EndpointPtr second = createEndpoint(5);
     ASSERT_EQ(second->rdsockfd, fd);
@@ -125,7 +141,7 @@ TEST_F(EndpointCacheTest, FindsTheSameEndpointAgainAfterAnotherWasRemoved) {
     const EndpointPtr other = newEndpoint(6);
     kept->findByFd(endpoint->rdsockfd);
     manager().deleteEndpoint(6);
-    kept->noticeRemovals();
+    kept->letGo();
     EXPECT_EQ(kept->findByFd(endpoint->rdsockfd), endpoint);
 }
 
@@ -133,10 +149,11 @@ TEST_F(EndpointCacheTest, FindsANewEndpointUnderAReleasedDescriptor) {
     EndpointPtr first = newEndpoint(5);
     const int fd = first->rdsockfd;
     kept->findByFd(fd);
-    kept->letGoOfFd(fd);
+    kept->endFd(fd);
+    kept->letGoOfEnded();
     manager().deleteEndpoint(5);
     first.reset();
-    kept->noticeRemovals();
+    kept->letGo();
     takePollRequests();
     const EndpointPtr second = createEndpoint(5);
     EXPECT_EQ(kept->findByFd(fd), second);

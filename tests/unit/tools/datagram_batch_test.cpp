@@ -3,39 +3,12 @@
 #include <gtest/gtest.h>
 #include <netinet/udp.h>
 
-#include <algorithm>
 #include <cerrno>
 #include <deque>
 #include <numeric>
 
 #include "lib/udp_socket.h"
-
-namespace {
-
-// The error with which merged messages are refused; 0 lets the kernel decide.
-int refusal = 0;
-
-}  // namespace
-
-// With --wrap the linker resolves sendmmsg to __wrap_sendmmsg and __real_sendmmsg to the C
-// library's sendmmsg.
-extern "C" {
-int __real_sendmmsg(int socket, mmsghdr* messages, unsigned count, int flags);
-
-int __wrap_sendmmsg(int socket, mmsghdr* messages, unsigned count, int flags) {
-    if (refusal == 0) {
-        return __real_sendmmsg(socket, messages, count, flags);
-    }
-    const auto* const merged = std::find_if(messages, messages + count, [](const mmsghdr& message) {
-        return message.msg_hdr.msg_iovlen > 1;
-    });
-    if (merged == messages) {
-        errno = refusal;
-        return -1;
-    }
-    return __real_sendmmsg(socket, messages, static_cast<unsigned>(merged - messages), flags);
-}
-}
+#include "refused_messages.h"
 
 namespace vesk::bench {
 namespace {
@@ -53,7 +26,7 @@ Bytes numbered(std::size_t number, std::size_t size) {
 class DatagramBatchTest : public testing::Test {
  protected:
     DatagramBatchTest() { sender_.connectTo(loopbackAddress(receiver_.port())); }
-    ~DatagramBatchTest() override { refusal = 0; }
+    ~DatagramBatchTest() override { refuseMergedMessages(0); }
 
     /// Adds datagrams with these sizes, numbered from 0.
     void addConnected(SendBatch& batch, const Sizes& sizes) {
@@ -169,7 +142,7 @@ TEST_F(DatagramBatchTest, SendsSinglyIfTheKernelRefuses) {
 
 TEST_F(DatagramBatchTest, SendsSinglyFromTheFirstRefusedMessageOn) {
     for (const int error : {EIO, EINVAL, EMSGSIZE}) {
-        refusal = error;
+        refuseMergedMessages(error);
         SendBatch batch(Merging::on);
         stored_.clear();
         addConnected(batch, {10, 20, 30, 30, 40, 50, 50, 50});
@@ -180,10 +153,10 @@ TEST_F(DatagramBatchTest, SendsSinglyFromTheFirstRefusedMessageOn) {
 }
 
 TEST_F(DatagramBatchTest, DoesNotMergeAgainAfterARefusal) {
-    refusal = EIO;
+    refuseMergedMessages(EIO);
     addConnected(merging_, {10, 10});
     EXPECT_EQ(merging_.send(sender_.fd()), 2);
-    refusal = 0;
+    refuseMergedMessages(0);
     addConnected(merging_, {10, 10});
     EXPECT_EQ(merging_.send(sender_.fd()), 2);
     EXPECT_EQ(merging_.mergedMessages(), 0);
@@ -191,11 +164,11 @@ TEST_F(DatagramBatchTest, DoesNotMergeAgainAfterARefusal) {
 }
 
 TEST_F(DatagramBatchTest, ReportsTheDatagramsSentBeforeAnotherError) {
-    refusal = ENOBUFS;
+    refuseMergedMessages(ENOBUFS);
     addConnected(merging_, {10, 20, 30, 30, 40});
     EXPECT_EQ(merging_.send(sender_.fd()), 2);
     EXPECT_EQ(receivedNumbers(), upTo(2));
-    refusal = 0;
+    refuseMergedMessages(0);
     addConnected(merging_, {10, 10});
     EXPECT_EQ(merging_.send(sender_.fd()), 2);
     EXPECT_EQ(merging_.mergedMessages(), 1);
