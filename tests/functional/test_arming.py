@@ -100,7 +100,7 @@ def test_no_flow_is_opened_after_the_poll_loop_has_ended(bench: Bench) -> None:
 def lines_of_listener(trace: Path) -> List[str]:
     """The calls of the thread that receives from peers and registers new sockets."""
     lines = trace.read_text(errors="replace").splitlines()
-    threads = {line.split()[0] for line in lines if re.search(r" recvmsg\(", line)}
+    threads = {line.split()[0] for line in lines if re.search(r" recvmmsg\(", line)}
     registering = [line.split()[0] for line in lines
                    if re.search(r' sendto\(\d+, "\\1\\0\\0\\0', line)]
     assert len(set(registering)) == 1 and registering[0] in threads
@@ -111,7 +111,7 @@ def test_nothing_is_logged_before_a_new_socket_is_watched(
         start_vesk: StartVesk, peer: UdpEnd, upstream: UdpEnd, tmp_path: Path) -> None:
     require_tracing()
     trace = tmp_path / "order.strace"
-    vesk = start_vesk(prefix=recording_start(trace, "socket,write,sendto,recvmsg"))
+    vesk = start_vesk(prefix=recording_start(trace, "socket,write,sendto,recvmmsg"))
     bench = Bench(vesk, peer, upstream)
     flow = bench.flow(options={"up_src_ip": "127.0.0.1", "up_src_port": free_port("127.0.0.1")},
                       **four_keys())

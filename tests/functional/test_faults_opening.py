@@ -111,7 +111,7 @@ def test_upstream_sockets_have_the_documented_options(bench: Bench) -> None:
                        (writing, "SOL_SOCKET, SO_REUSEPORT", "1"),
                        (reading, "SOL_SOCKET, SO_RCVBUF", "524288"),
                        (writing, "SOL_SOCKET, SO_SNDBUF", "262144"),
-                       (reading, "SOL_IP, IP_PKTINFO", "1")]
+                       (reading, "SOL_IP, IP_PKTINFO", "1"), (reading, "SOL_UDP, UDP_GRO", "1")]
     assert re.search(rf"fcntl\({reading}, F_SETFL, .*O_NONBLOCK\)", text)
     assert re.search(rf"dup\({reading}\) += {writing}", text)
 

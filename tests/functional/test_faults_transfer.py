@@ -48,7 +48,7 @@ def reply(bench: Bench, flow: Flow, endpoint: Address) -> None:
 
 
 SEND_UPSTREAM = Step("DOWN_TO_UP_SEND", "sendmsg", failing_listener, request)
-RECEIVE_FROM_UPSTREAM = Step("UP_RECEIVE", "recvmsg", failing_workers, reply)
+RECEIVE_FROM_UPSTREAM = Step("UP_RECEIVE", "recvmmsg", failing_workers, reply)
 SEND_DOWNSTREAM = Step("UP_TO_DOWN_SEND", "sendmsg", failing_workers, reply)
 STEPS = [SEND_UPSTREAM, RECEIVE_FROM_UPSTREAM, SEND_DOWNSTREAM]
 
@@ -68,7 +68,7 @@ def flow(bench: Bench) -> Flow:
 # Receiving downstream -------------------------------------------------------------------
 
 def test_a_receive_error_is_reported(bench: Bench) -> None:
-    with failing_listener(bench.vesk, "recvmsg:error=ENOBUFS:when=1"):
+    with failing_listener(bench.vesk, "recvmmsg:error=ENOBUFS:when=1"):
         bench.send(b"lost")
         bench.vesk.wait_for_log("error Forwarder downstream endpoint got error while receiving: "
                                 "errno = 105 (No buffer space available).")
@@ -77,7 +77,7 @@ def test_a_receive_error_is_reported(bench: Bench) -> None:
 
 def test_a_refused_connection_is_not_reported(bench: Bench) -> None:
     since = bench.vesk.mark()
-    with failing_listener(bench.vesk, "recvmsg:error=ECONNREFUSED:when=1..3"):
+    with failing_listener(bench.vesk, "recvmmsg:error=ECONNREFUSED:when=1..3"):
         bench.nothing_went_upstream()
     assert not [line for line in bench.vesk.remarks(since) if "Created" not in line]
 

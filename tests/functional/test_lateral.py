@@ -7,69 +7,23 @@ sent over the lateral stream, and sends bytes that no correct instance would sen
 from __future__ import annotations
 
 import re
-from typing import Callable, Dict, List, Optional
+from typing import List, Optional
 
 import pytest
 
 from framework.fixtures import StartVesk
 from framework.faults import failing_calls
 from framework.flow import Flow, four_keys
-from framework.framing import (FORWARDED, RETURNED, UDPV1, UDPV2, Framing, LateralDatagram,
-                               build_lateral, parse_lateral, socket_address_bytes)
-from framework.lateral import LOOPBACK, join, owned_label, shared_free_port
+from framework.framing import (FORWARDED, RETURNED, UDPV1, UDPV2, Framing, build_lateral,
+                               parse_lateral, socket_address_bytes)
+from framework.lateral import (LOOPBACK, MINE, OTHERS, Joined, NewEnd, join, owned_label,
+                               shared_free_port)
 from framework.statistics import report, wait_for_report
 from framework.timing import wait_until
 from framework.udp import UdpEnd
 from framework.vesk_process import VeskProcess
 
-NewEnd = Callable[..., UdpEnd]
-
-MINE, OTHERS = 0, 1
 IPV4_HEADER, IPV6_HEADER = 34, 46
-
-
-class Joined:
-    """One forwarder (instance 0 of 2) whose only neighbour is a socket of the test."""
-
-    def __init__(self, vesk: VeskProcess, new_end: NewEnd, framing: Framing = UDPV2,
-                 listen: str = "127.0.0.1", instances: int = 2) -> None:
-        self.vesk = vesk
-        self.framing = framing
-        self.upstream = new_end()
-        self.peer = new_end(listen)
-        self.lateral_port = shared_free_port([LOOPBACK[MINE], LOOPBACK[OTHERS]])
-        self.neighbour = new_end(LOOPBACK[OTHERS], self.lateral_port)
-        self.lateral_to = (LOOPBACK[MINE], self.lateral_port)
-        join(vesk, MINE, {0: LOOPBACK[0], 1: LOOPBACK[1]}, self.lateral_port, instances)
-        self.to = (listen, vesk.listen(listen))
-        self.flow = Flow(owned_label(MINE), self.upstream.address, framing=framing, **four_keys())
-        vesk.lines_after(self.flow.set_command())
-
-    def foreign(self, payload: bytes = b"foreign") -> bytes:
-        """A datagram whose label belongs to the neighbour. The forwarder has no key for it."""
-        return self.framing.build(owned_label(OTHERS), payload, four_keys()["up_in"])
-
-    def hand_over(self, datagram: bytes) -> LateralDatagram:
-        """Sends a datagram and returns what the neighbour receives."""
-        self.peer.send(datagram, self.to)
-        return parse_lateral(self.neighbour.receive().data)
-
-    def forward(self, payload: bytes, address: bytes = socket_address_bytes("192.0.2.1", 7),
-                authentication: bytes = b"neighbour's code") -> bytes:
-        """A lateral datagram in which the neighbour forwards a datagram of our flow."""
-        return build_lateral(FORWARDED, address, authentication, self.flow.request(payload))
-
-    def nothing_reached_the_peer(self) -> None:
-        """Sends a good returned datagram last: the lateral stream is handled in order."""
-        handed = self.hand_over(self.foreign(b"control"))
-        self.neighbour.send(build_lateral(RETURNED, handed.address, handed.authentication,
-                                          b"control answer"), self.lateral_to)
-        assert self.peer.receive().data == b"control answer"
-
-    def lateral(self) -> Dict[str, int]:
-        counters = report(self.vesk).lateral
-        assert counters is not None
-        return counters
 
 
 @pytest.fixture
@@ -385,13 +339,13 @@ def test_lateral_datagrams_that_are_too_long_are_truncated(joined: Joined) -> No
 
 def lateral_threads(vesk: VeskProcess) -> List[int]:
     """Both receive threads wait in the same call."""
-    wait_until(lambda: len(vesk.threads_in("recvmsg")) == 2, "both receive threads are idle")
-    return vesk.threads_in("recvmsg")
+    wait_until(lambda: len(vesk.threads_in("recvmmsg")) == 2, "both receive threads are idle")
+    return vesk.threads_in("recvmmsg")
 
 
 def test_a_receive_error_is_reported(joined: Joined) -> None:
     with failing_calls(joined.vesk, lateral_threads(joined.vesk),
-                       "recvmsg:error=ENOBUFS:when=1"):
+                       "recvmmsg:error=ENOBUFS:when=1"):
         joined.vesk.wait_for_log("error Forwarder lateral stream endpoint got error while "
                                  "receiving: errno = 105 (No buffer space available).")
     joined.nothing_reached_the_peer()

@@ -178,7 +178,7 @@ def test_the_listener_sets_the_documented_socket_options(start_vesk: StartVesk) 
     text = trace.read_text()
     options = re.findall(r"setsockopt\(\d+, (\w+, \w+), \[(\d+)\]", text)
     assert options == [("SOL_SOCKET, SO_RCVBUF", "1048576"), ("SOL_SOCKET, SO_RCVBUF", "524288"),
-                       ("SOL_IP, IP_PKTINFO", "1")]
+                       ("SOL_IP, IP_PKTINFO", "1"), ("SOL_UDP, UDP_GRO", "1")]
     assert "O_NONBLOCK" not in text
 
 

@@ -304,7 +304,7 @@ def test_a_failed_receive_from_upstream_is_counted(bench: Bench, error: str,
     flow = bench.flow()
     bench.declare(flow)
     sender = bench.ask(flow).sender
-    with failing_workers(bench.vesk, f"recvmsg:error={error}:when=1") as trace:
+    with failing_workers(bench.vesk, f"recvmmsg:error={error}:when=1") as trace:
 
         def send_and_fail() -> None:
             bench.upstream.send(flow.reply(b"x"), sender)

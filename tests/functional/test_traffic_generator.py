@@ -2,38 +2,17 @@
 
 from __future__ import annotations
 
-import json
-import os
 import subprocess
 from itertools import groupby
-from pathlib import Path
-from typing import List, Sequence, Tuple
+from typing import List, Tuple
 
 import pytest
 
+from framework.traffic import figures, run_generator
 from framework.unchanged_relay import Message, UnchangedRelay, label_of
 from framework.vesk_process import binary
 
 BURST = 16
-
-
-def generator() -> str:
-    return os.environ.get("VESK_TRAFFIC", str(Path(binary()).parent / "vesk-traffic"))
-
-
-def run(*words: object, before: Sequence[str] = ()) -> "subprocess.CompletedProcess[str]":
-    return subprocess.run([*before, generator(), *map(str, words)], capture_output=True, text=True,
-                          check=False, timeout=60)
-
-
-def figures(*words: object, before: Sequence[str] = ()) -> dict:
-    """The report of a run without losses and faults."""
-    done = run("--json", "--warm-up", 0, "--duration", 20, "--loss-timeout", 5, "--verify-every", 1,
-               *words, before=before)
-    assert done.returncode == 0, done.stdout + done.stderr
-    report = json.loads(done.stdout)
-    assert report["answered"] == report["sent"] > 0
-    return report
 
 
 def through_relay(requests: int, *words: object) -> Tuple[dict, List[Message], List[Message]]:
@@ -127,7 +106,7 @@ def test_datagrams_longer_than_a_packet_are_sent_singly(payload: int, merged: bo
     (("--burst", 16, "--window", 15), "--burst: more requests than --window allows"),
 ])
 def test_impossible_bursts_are_refused(options: tuple, said: str) -> None:
-    done = run(*options, "--", "true")
+    done = run_generator(*options, "--", "true")
     assert done.returncode > 2
     assert said in done.stderr
 

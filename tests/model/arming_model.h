@@ -163,6 +163,8 @@ struct Worker {
     /// The endpoint's number of requests before the receive call.
     std::uint8_t armings = 0;
     std::array<Hold, maxEndpoints> holds{};
+    /// The replies that the last receive call returned, until they are handled.
+    std::uint8_t received = 0;
     /// The replies of each endpoint that are held back.
     std::array<std::uint8_t, maxEndpoints> unsent{};
     /// The drained endpoints, each with that number.

@@ -76,6 +76,7 @@ class Stepper {
     void receive(std::size_t who);
     static void take(State& next, std::size_t who, std::uint8_t datagrams, Outcome outcome);
     void handle(State& next, std::size_t who) const;
+    static void holdReplies(State& next, std::size_t who);
     void addDrained(State& next, std::size_t who) const;
     void finish(State& next, std::size_t who, bool again) const;
 

@@ -1,6 +1,8 @@
 // The steps of the receive workers for one socket.
 #include <utility>
 
+#include <utility>
+
 #include "arming_steps.h"
 
 namespace vesk::model {
@@ -138,14 +140,14 @@ void Stepper::take(State& next, std::size_t who, std::uint8_t datagrams, Outcome
     }
     std::uint8_t& data = next.endpoints.at(index).data;
     data = static_cast<std::uint8_t>(data - datagrams);
-    std::uint8_t& unsent = worker.unsent.at(index);
-    unsent = static_cast<std::uint8_t>(unsent + datagrams);
+    worker.received = datagrams;
     worker.outcome = outcome;
     worker.step = WorkerStep::handle;
 }
 
 void Stepper::handle(State& next, std::size_t who) const {
     Worker& worker = next.workers.at(who);
+    holdReplies(next, who);
     bool again = false;
     switch (worker.outcome) {
         case Outcome::filled:
@@ -168,6 +170,16 @@ void Stepper::handle(State& next, std::size_t who) const {
             break;
     }
     finish(next, who, again);
+}
+
+/// Replies of a flow that was removed meanwhile are dropped.
+void Stepper::holdReplies(State& next, std::size_t who) {
+    Worker& worker = next.workers.at(who);
+    const std::uint8_t received = std::exchange(worker.received, std::uint8_t{0});
+    if (next.endpoints.at(worker.endpoint).filed) {
+        std::uint8_t& unsent = worker.unsent.at(worker.endpoint);
+        unsent = static_cast<std::uint8_t>(unsent + received);
+    }
 }
 
 void Stepper::addDrained(State& next, std::size_t who) const {

@@ -108,8 +108,8 @@ def failing_calls(vesk: VeskProcess, threads: Sequence[int], *injections: str) -
 
 
 def failing_listener(vesk: VeskProcess, *injections: str) -> ContextManager[Path]:
-    """The same for the downstream receive thread, the only thread that waits in recvmsg."""
-    return failing_calls(vesk, [_thread_in(vesk, "recvmsg")], *injections)
+    """The same for the downstream receive thread, the only thread that waits in recvmmsg."""
+    return failing_calls(vesk, [_thread_in(vesk, "recvmmsg")], *injections)
 
 
 def failing_poll_thread(vesk: VeskProcess, *injections: str) -> ContextManager[Path]:

@@ -9,11 +9,15 @@ import struct
 import threading
 from dataclasses import dataclass
 from pathlib import Path
-from typing import Callable, Optional, Tuple
+from typing import Callable, Optional, Sequence, Tuple
 
 from .timing import scaled
 
 Address = Tuple[str, int]
+
+# From linux/udp.h; the module socket does not have them.
+UDP_SEGMENT = 103
+UDP_GRO = 104
 
 _ANCILLARY_ROOM = socket.CMSG_SPACE(4) + socket.CMSG_SPACE(12) + socket.CMSG_SPACE(20)
 
@@ -56,6 +60,16 @@ def kernels_choice(destination: str) -> str:
         return probe.getsockname()[0]
 
 
+def send_merged(end: socket.socket, datagrams: Sequence[bytes], to: Address) -> None:
+    """Sends datagrams with one call, as one message that the kernel cuts if anybody needs it cut.
+
+    All have the length of the first one, except the last, which may be shorter.
+    """
+    size = struct.pack("=H", len(datagrams[0]))
+    ancillary = [(socket.IPPROTO_UDP, UDP_SEGMENT, size)] if len(datagrams) > 1 else []
+    end.sendmsg(datagrams, ancillary, 0, to)
+
+
 class UdpEnd:
     """A bound UDP socket. Every wait has a deadline."""
 
@@ -83,6 +97,9 @@ class UdpEnd:
 
     def send(self, data: bytes, to: Address) -> None:
         self.socket.sendto(data, to)
+
+    def send_merged(self, datagrams: Sequence[bytes], to: Address) -> None:
+        send_merged(self.socket, datagrams, to)
 
     def receive(self, seconds: float = 5.0) -> Received:
         self.socket.settimeout(scaled(seconds))

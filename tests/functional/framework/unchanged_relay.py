@@ -9,11 +9,7 @@ import threading
 from typing import Dict, List, Tuple
 
 from .framing import UDPV2
-from .udp import Address, free_port
-
-# From linux/udp.h; the module socket does not have them.
-_UDP_SEGMENT = 103
-_UDP_GRO = 104
+from .udp import UDP_GRO, Address, free_port, send_merged
 
 Message = List[bytes]
 
@@ -55,13 +51,13 @@ class UnchangedRelay:
         for datagram in message:
             self._peers[label_of(datagram)] = peer
         self.requests.append(message)
-        _send(self._back, message, ("127.0.0.1", self.upstream_port))
+        send_merged(self._back, message, ("127.0.0.1", self.upstream_port))
 
     def _pass_reply(self) -> None:
         message, _ = _receive(self._back)
         self.replies.append(message)
         for datagram in message:
-            _send(self._front, [datagram], self._peers[label_of(datagram)])
+            send_merged(self._front, [datagram], self._peers[label_of(datagram)])
 
 
 def label_of(datagram: bytes) -> int:
@@ -70,7 +66,7 @@ def label_of(datagram: bytes) -> int:
 
 def _merging_socket(port: int) -> socket.socket:
     end = socket.socket(socket.AF_INET, socket.SOCK_DGRAM)
-    end.setsockopt(socket.IPPROTO_UDP, _UDP_GRO, 1)
+    end.setsockopt(socket.IPPROTO_UDP, UDP_GRO, 1)
     end.setsockopt(socket.SOL_SOCKET, socket.SO_RCVBUF, 1 << 22)
     end.bind(("127.0.0.1", port))
     return end
@@ -78,12 +74,6 @@ def _merging_socket(port: int) -> socket.socket:
 
 def _receive(end: socket.socket) -> Tuple[Message, Address]:
     data, ancillary, _, sender = end.recvmsg(1 << 16, socket.CMSG_SPACE(4))
-    sizes = [struct.unpack("=i", value)[0] for _, kind, value in ancillary if kind == _UDP_GRO]
+    sizes = [struct.unpack("=i", value)[0] for _, kind, value in ancillary if kind == UDP_GRO]
     size = sizes[0] if sizes else len(data)
     return [data[at:at + size] for at in range(0, len(data), size)], sender
-
-
-def _send(end: socket.socket, message: Message, to: Address) -> None:
-    size = struct.pack("=H", len(message[0]))
-    ancillary = [(socket.IPPROTO_UDP, _UDP_SEGMENT, size)] if len(message) > 1 else []
-    end.sendmsg(message, ancillary, 0, to)

@@ -1,0 +1,143 @@
+"""Flows that are deleted while batches of their datagrams wait.
+
+The process is stopped, its queues are filled, the command is written, and the process continues.
+The command and the batches then meet in any order.
+
+VESK_BATCH_COMMANDS is the number of repetitions of each test.
+"""
+
+from __future__ import annotations
+
+import pytest
+
+from framework.batches import receive_all, stopped, wait_until_idle
+from framework.batch_flows import COUNT, TwoFlows, numbered, unread_bytes, waiting
+from framework.faults import failing_listener, failing_workers
+from framework.lateral import NewEnd
+from framework.statistics import report
+from framework.timing import SANITIZER, count_from_environment, wait_until
+from framework.vesk_process import VeskProcess
+
+REPETITIONS = count_from_environment("VESK_BATCH_COMMANDS", 20 if not SANITIZER else 5)
+HELD_MICROSECONDS = 500_000
+#: Datagrams that have been checked and signed, but not sent, when the flow is deleted.
+IN_HAND = 128
+
+both_orders = pytest.mark.parametrize("chunk", [1, 16, COUNT],
+                                      ids=["turns", "bursts", "one flow after the other"])
+both_ways = pytest.mark.parametrize("merge", [False, True], ids=["single", "merged"])
+
+
+@pytest.fixture
+def site(vesk: VeskProcess, new_end: NewEnd, chunk: int, merge: bool) -> TwoFlows:
+    return TwoFlows(vesk, new_end, chunk, merge)
+
+
+@both_ways
+@both_orders
+def test_no_request_of_a_deleted_flow_is_forwarded_after_its_deletion(site: TwoFlows) -> None:
+    bench = site.bench
+    for _ in range(REPETITIONS):
+        site.open_both()
+        before = report(site.vesk).downstream
+        with stopped(site.vesk):
+            site.fill_requests()
+            site.vesk.command(f"del label {site.changed.label}")
+        site.vesk.settle()
+        arrived = waiting(bench.upstream)
+        wait_until_idle(site.vesk)
+        late = waiting(bench.upstream)
+        changed, kept = site.requests_of(arrived)
+        changed_late, kept_late = site.requests_of(late)
+        assert len(changed_late) <= IN_HAND
+        assert kept + kept_late == numbered()
+        # The flow's datagrams up to some point, then no more of them.
+        changed += changed_late
+        assert changed == numbered(len(changed))
+        now = report(site.vesk).downstream
+        assert before is not None and now is not None
+        assert now["RxDg"] - before["RxDg"] == 2 * COUNT
+        assert now["RxDgError"] - before["RxDgError"] == COUNT - len(changed)
+        bench.declare(site.changed)
+
+
+@pytest.mark.parametrize("chunk", [1, 30], ids=["turns", "bursts"])
+@both_ways
+def test_a_batch_in_memory_is_not_forwarded_after_the_deletion(site: TwoFlows) -> None:
+    """The batch has been received, and the flow is deleted before its first datagram is handled."""
+    bench = site.bench
+    site.open_both()
+    with failing_listener(site.vesk, f"recvmmsg:delay_exit={HELD_MICROSECONDS}"):
+        with stopped(site.vesk):
+            site.fill_requests(count=30)
+            site.vesk.command(f"del label {site.changed.label}")
+        site.vesk.settle()
+        assert waiting(bench.upstream) == []
+        arrived = receive_all(bench.upstream, 30)
+    assert site.requests_of(arrived) == ([], numbered(30))
+    wait_until_idle(site.vesk)
+    assert waiting(bench.upstream) == []
+    seen = report(site.vesk).downstream
+    assert seen is not None and seen["RxDg"] == 62 and seen["RxDgError"] == 30
+
+
+def test_a_batch_is_left_where_its_flow_is_deleted(vesk: VeskProcess, new_end: NewEnd) -> None:
+    """The flow is deleted while its first datagram is sent."""
+    site = TwoFlows(vesk, new_end, chunk=1, merge=False)
+    site.open_both()
+    with failing_listener(vesk, f"sendmsg:delay_enter={HELD_MICROSECONDS}:when=1"):
+        with stopped(vesk):
+            site.fill_requests(count=30)
+        wait_until(lambda: unread_bytes(site.bench.to[1]) == 0, "the listener has got the batch")
+        vesk.command(f"del label {site.changed.label}")
+        vesk.settle()
+        assert waiting(site.bench.upstream) == []
+        arrived = receive_all(site.bench.upstream, 31)
+    wait_until_idle(vesk)
+    assert site.requests_of(arrived + waiting(site.bench.upstream)) == (numbered(1), numbered(30))
+    seen = report(vesk).downstream
+    assert seen is not None and seen["RxDg"] == 62 and seen["RxDgError"] == 29
+
+
+@both_ways
+def test_replies_in_memory_are_not_forwarded_after_the_deletion(
+        vesk: VeskProcess, new_end: NewEnd, merge: bool) -> None:
+    site = TwoFlows(vesk, new_end, 30, merge)
+    endpoint = site.open_both()[site.changed.label]
+    with failing_workers(vesk, f"recvmmsg:delay_exit={HELD_MICROSECONDS}"):
+        with stopped(vesk):
+            site.send(site.bench.upstream, [site.changed.reply(payload) for payload in
+                                            numbered(30)], endpoint)
+        wait_until(lambda: unread_bytes(endpoint[1]) == 0, "a worker has received the replies")
+        vesk.command(f"del label {site.changed.label}")
+        vesk.settle()
+        assert waiting(site.bench.peer) == []
+    wait_until_idle(vesk)
+    assert waiting(site.bench.peer) == []
+
+
+@both_ways
+@both_orders
+def test_no_reply_of_a_deleted_flow_is_forwarded_after_its_deletion(site: TwoFlows) -> None:
+    bench = site.bench
+    for _ in range(REPETITIONS):
+        endpoints = site.open_both()
+        before = report(site.vesk).upstream[site.kept.label]
+        with stopped(site.vesk):
+            site.fill_replies(endpoints)
+            site.vesk.command(f"del label {site.changed.label}")
+        site.vesk.settle()
+        arrived = waiting(bench.peer)
+        wait_until_idle(site.vesk)
+        late = waiting(bench.peer)
+        changed, kept = site.replies_of(arrived)
+        changed_late, kept_late = site.replies_of(late)
+        assert len(changed_late) <= IN_HAND
+        assert kept + kept_late == numbered()
+        changed += changed_late
+        assert changed == numbered(len(changed))
+        now = report(site.vesk).upstream
+        assert site.changed.label not in now
+        for name in ("RxDg", "DnTxDg"):
+            assert now[site.kept.label][name] - before[name] == COUNT
+        bench.declare(site.changed)
