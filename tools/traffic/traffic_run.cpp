@@ -27,7 +27,8 @@ std::size_t poolSize(const TrafficOptions& options) {
     const auto open = static_cast<std::size_t>(options.rate * options.lossTimeout);
     const std::size_t wanted =
         std::max({smallestPool, 4 * options.window, 2 * options.flows.flows, open});
-    const std::size_t turn = options.burst * options.flows.flows;
+    // Neither is 0.
+    const std::size_t turn = std::max<std::size_t>(options.burst * options.flows.flows, 1);
     return (wanted + turn - 1) / turn * turn;
 }
 
