@@ -147,8 +147,7 @@ enum class WorkerStep : std::uint8_t {
 /// leave the socket drained or returned an error.
 enum class Outcome : std::uint8_t { drained, filled, refused, passingFailure, lastingFailure };
 
-/// Whether a worker keeps an endpoint that it has served: until the end of the pass, or because it
-/// will serve the socket again.
+/// Why a worker keeps an endpoint that it has served: for its pass, or to serve the socket again.
 enum class Hold : std::uint8_t { none, ended, again };
 
 struct Worker {
@@ -163,9 +162,8 @@ struct Worker {
     /// The endpoint's number of requests before the receive call.
     std::uint8_t armings = 0;
     std::array<Hold, maxEndpoints> holds{};
-    /// The replies that the last receive call returned, until they are handled.
+    /// The replies received and not yet handled, and those of each endpoint that are held back.
     std::uint8_t received = 0;
-    /// The replies of each endpoint that are held back.
     std::array<std::uint8_t, maxEndpoints> unsent{};
     /// The drained endpoints, each with that number.
     Fifo<std::uint8_t, listLength> drained;
