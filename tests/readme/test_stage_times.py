@@ -2,10 +2,11 @@
 
 from __future__ import annotations
 
+import os
 import re
+import select
 from pathlib import Path
 from typing import Dict, Tuple
-
 from test_skipped_tests import WRITE_LOG, run_all_tests
 
 HEADING = re.compile(r"Stage +Processor +Elapsed")
@@ -30,11 +31,22 @@ def table(output: str) -> Dict[str, Tuple[float, float]]:
     return rows
 
 
+def ends(process: int) -> bool:
+    try:
+        descriptor = os.pidfd_open(process)
+    except ProcessLookupError:
+        return True
+    try:
+        return bool(select.select([descriptor], [], [], 10)[0])
+    finally:
+        os.close(descriptor)
+
+
 def test_every_stage_has_a_row(tmp_path: Path) -> None:
     done = run_all_tests(tmp_path, "exit 0")
     assert (done.returncode, done.stderr) == (0, "")
-    assert list(table(done.stdout)) == ["setup", "release build", "release tests", "asan build",
-                                        "asan tests", "tsan build", "tsan tests", "all"]
+    assert list(table(done.stdout)) == ["setup", "release build", "asan build", "release tests",
+                                        "tsan build", "asan tests", "tsan tests", "all"]
 
 
 def test_processor_time_includes_the_children_of_the_stage(tmp_path: Path) -> None:
@@ -50,4 +62,19 @@ def test_processor_time_includes_the_children_of_the_stage(tmp_path: Path) -> No
 def test_the_table_ends_with_a_failed_stage(tmp_path: Path) -> None:
     done = run_all_tests(tmp_path, WRITE_LOG + "exit 8")
     assert done.returncode == 8
-    assert list(table(done.stdout)) == ["setup", "release build", "release tests", "all"]
+    # The build of the next preset was running beside the tests.
+    assert list(table(done.stdout)) == ["setup", "release build", "asan build", "release tests", "all"]
+
+
+def test_a_failed_test_ends_the_build_beside_it(tmp_path: Path) -> None:
+    # Neither would end without the failure.
+    cmake = """case "$*" in --build*asan*) echo $$ >building; exec sleep 300 ;; esac"""
+    done = run_all_tests(tmp_path, "until [ -s building ]; do sleep 0.01; done; exit 8", cmake)
+    assert done.returncode == 8
+    assert ends(int((tmp_path / "building").read_text(encoding="ascii")))
+
+
+def test_a_build_that_fails_beside_tests_fails_the_run(tmp_path: Path) -> None:
+    done = run_all_tests(tmp_path, "exit 0", """case "$*" in --build*asan*) exit 3 ;; esac""")
+    assert done.returncode == 3
+    assert list(table(done.stdout)) == ["setup", "release build", "asan build", "release tests", "all"]
