@@ -7,7 +7,7 @@ import os
 import subprocess
 from dataclasses import dataclass
 from pathlib import Path
-from typing import List
+from typing import List, Sequence
 
 from framework.udp import free_port
 from framework.vesk_process import VeskProcess, binary
@@ -55,11 +55,12 @@ class GoodTraffic:
         assert not complaints, complaints
         return commands
 
-    def round(self, seconds: float, rate: float = 0.0, window: int = 64) -> "Round":
+    def round(self, seconds: float, rate: float = 0.0, window: int = 64,
+              options: Sequence[str] = ()) -> "Round":
         """Starts traffic for a number of seconds; without a rate, as fast as answers arrive."""
         pace = ["--rate", f"{rate:.0f}"] if rate else ["--window", str(window)]
         return Round([*self._words, *pace, "--duration", f"{seconds:g}", "--warm-up", "0.2",
-                      "--json", "--allow-loss"])
+                      "--json", "--allow-loss", *options])
 
 
 class Round:

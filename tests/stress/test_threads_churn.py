@@ -1,6 +1,6 @@
 """Everything changes at once: flows are declared and deleted and expire, their datagrams arrive
-directly and over the lateral stream and are answered on several sockets, and the listener is stopped
-and started.
+directly and over the lateral stream, one by one, in bursts and merged, and are answered on several
+sockets, and the listener is stopped and started.
 
 Every datagram that arrives must be signed correctly and reach the correct end.
 VESK_CHURN_SECONDS is the duration.
@@ -26,12 +26,19 @@ from framework.udp import Address, UdpEnd, UpstreamService, free_port
 from framework.vesk_process import VeskProcess
 
 from figures import record
+from good_traffic import GoodTraffic, Round
 
 SECONDS = count_from_environment("VESK_CHURN_SECONDS", 10)
 COMMANDS_A_SECOND = 1000
 TICKS_A_SECOND = 10
 EXPIRY_SECONDS = "1"
 DIRECT, LATERAL = 1, 2
+#: Requests of different flows in one message.
+MERGED = 16
+# The traffic of separate processes: flows, requests a second, and how they are sent.
+BURST_FLOWS = 40
+BURST_RATE = 3200
+BURSTS = {DIRECT: ["--burst", "16", "--merge-sends"], LATERAL: ["--burst", "16"]}
 
 
 class Peer:
@@ -78,6 +85,10 @@ def payload_of(identity: int, flow: Flow) -> bytes:
     return struct.pack("!BI", identity, flow.label) + b"p" * 100
 
 
+def deletion(set_command: str) -> str:
+    return f"del label {set_command.split()[2]}"
+
+
 class Churn:
     """Two joined instances. The first owns all flows and gets all commands."""
 
@@ -100,8 +111,19 @@ class Churn:
                       for identity in (DIRECT, LATERAL)}
         for peer in self.peers.values():
             keep.enter_context(peer.service)
-        self.owner.lines_after(*(flow.set_command() for flow in self.flows))
+        self.owner.lines_after(*self.declared)
+        self._declare_bursts()
         self.commands = 0
+
+    def _declare_bursts(self) -> None:
+        """Half of the flows of each process change."""
+        self.bursts: Dict[int, GoodTraffic] = {}
+        for identity, (_, port) in zip((DIRECT, LATERAL), self.listeners):
+            traffic = GoodTraffic(port, BURST_FLOWS, owned_label(0, 1000 * identity))
+            self.bursts[identity] = traffic
+            declared = traffic.declare(self.owner)
+            self.declared += declared
+            self.changing += declared[:BURST_FLOWS // 2]
 
     def _flows(self, first: int, count: int, **options: object) -> List[Flow]:
         return [self._flow(number, options) for number in range(first, first + count)]
@@ -120,20 +142,22 @@ class Churn:
                       for number, port in enumerate(free_ports(8))]
         self.flows = [*self.direct, *self.lateral, *self.shared, *self.expiring,
                       *self.multiplexed, *self.bound]
-        self.changing = [*self.direct, *self.lateral, *self.shared, *self.multiplexed[4:],
-                         *self.bound]
+        self.declared = [flow.set_command() for flow in self.flows]
+        changing = [*self.direct, *self.lateral, *self.shared, *self.multiplexed[4:], *self.bound]
+        self.changing = [flow.set_command() for flow in changing]
 
     def _flood(self, floods: ExitStack, identity: int, flows: Sequence[Flow],
-               pause_seconds: float) -> None:
+               pause_seconds: float, merge: int = 1) -> None:
         peer = self.peers[identity]
         to = self.listeners[0 if identity == DIRECT else 1]
         floods.enter_context(Flood(peer.end, [(peer.request(flow), to) for flow in flows],
-                                   pause_seconds=pause_seconds))
+                                   pause_seconds, merge))
 
     def flood_everything(self, floods: ExitStack) -> None:
         pause = scaled(0.05)
         for identity, own in ((DIRECT, self.direct), (LATERAL, self.lateral)):
             self._flood(floods, identity, [*own, *self.shared], pause)
+            self._flood(floods, identity, [*own, *self.shared], 4 * pause, merge=MERGED)
         self._flood(floods, DIRECT, [*self.multiplexed, *self.bound], pause)
         # Longer than two passes of the clean-up, so each round starts without sockets.
         self._flood(floods, DIRECT, self.expiring, 2.5)
@@ -142,14 +166,20 @@ class Churn:
             end = floods.enter_context(UdpEnd())
             replies = [(flow.reply(payload_of(DIRECT, flow)), self.reply_port)
                        for flow in self.multiplexed]
-            floods.enter_context(Flood(end, replies, pause_seconds=pause / 5))
+            floods.enter_context(Flood(end, replies, pause / 5, merge=len(replies)))
+
+    def start_bursts(self, rounds: ExitStack, seconds: float) -> List[Round]:
+        """Traffic of separate processes, whose datagrams arrive and leave in batches."""
+        return [rounds.enter_context(traffic.round(seconds, BURST_RATE / scaled(1),
+                                                   options=BURSTS[identity]))
+                for identity, traffic in self.bursts.items()]
 
     def change(self, count: int) -> None:
         """Half of the commands delete flows, the other half declare them again."""
         for _ in range(count // 2):
-            flow = self.changing[self.commands // 2 % len(self.changing)]
-            self.owner.command(f"del label {flow.label}")
-            self.owner.command(flow.set_command())
+            command = self.changing[self.commands // 2 % len(self.changing)]
+            self.owner.command(deletion(command))
+            self.owner.command(command)
             self.commands += 2
 
     def restart_listener(self) -> None:
@@ -197,16 +227,21 @@ def test_replies_are_correct_while_everything_changes_at_once(start_vesk: StartV
     with ExitStack() as keep:
         churn = Churn(start_vesk, keep)
         with ExitStack() as floods:
+            rounds = churn.start_bursts(floods, SECONDS)
             churn.flood_everything(floods)
             took = keep_changing(churn, SECONDS)
-        churn.owner.lines_after(*(f"del label {flow.label}" for flow in churn.flows))
+            outcomes = [one.outcome() for one in rounds]
+        churn.owner.lines_after(*map(deletion, churn.declared))
         churn.owner.wait_for_descriptor_count(churn.descriptors)
         for vesk in churn.instances:
             assert complaints(vesk) == []
             vesk.finish()
         service, direct, lateral = churn.received()
+        assert [one.wrong for one in outcomes] == [0, 0], outcomes
         expired = sum(line == "info Task [FlowCleanUpTask] now executing"
                       for line in churn.owner.log_lines())
         record(f"churn {SANITIZER or 'release'}: {took:.0f} s, {churn.commands / took:.0f} set/del "
                f"a second, {expired} clean-up passes, {service} requests and {direct} direct and "
-               f"{lateral} lateral replies, every one rightly signed and at the right peer")
+               f"{lateral} lateral replies, every one correctly signed and at the correct peer; in "
+               f"bursts {sum(one.sent for one in outcomes)} requests, of which "
+               f"{sum(one.sent - one.lost - one.late for one in outcomes)} were answered")

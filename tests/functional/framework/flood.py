@@ -5,21 +5,23 @@ from __future__ import annotations
 import threading
 from typing import List, Sequence, Tuple
 
-from .udp import Address, UdpEnd
+from .udp import Address, UdpEnd, send_merged
 
 
 class Flood:
     """Sends (datagram, destination) pairs in a loop until it is stopped.
 
     With a pause after each round every datagram can be answered. Without one the traffic
-    exceeds what any receiver can handle.
+    exceeds what any receiver can handle. `merge` is the number of consecutive datagrams that
+    leave as one message; all of them have one length and one destination.
     """
 
     def __init__(self, end: UdpEnd, datagrams: Sequence[Tuple[bytes, Address]],
-                 pause_seconds: float = 0) -> None:
+                 pause_seconds: float = 0, merge: int = 1) -> None:
         self._pause_seconds = pause_seconds
         self._end = end
-        self._datagrams = list(datagrams)
+        self._messages = [_message(datagrams[first:first + merge])
+                          for first in range(0, len(datagrams), merge)]
         self._stop = threading.Event()
         self._rounds = 0
         self._thread = threading.Thread(target=self._run, daemon=True)
@@ -30,11 +32,11 @@ class Flood:
         return self._rounds
 
     def _run(self) -> None:
-        send = self._end.socket.sendto
+        end = self._end.socket
         while not self._stop.is_set():
-            for datagram, to in self._datagrams:
+            for datagrams, to in self._messages:
                 try:
-                    send(datagram, to)
+                    send_merged(end, datagrams, to)
                 except (BlockingIOError, ConnectionRefusedError):
                     pass
             self._rounds += 1
@@ -50,6 +52,12 @@ class Flood:
 
     def __exit__(self, *_: object) -> None:
         self.stop()
+
+
+def _message(pairs: Sequence[Tuple[bytes, Address]]) -> Tuple[List[bytes], Address]:
+    to = pairs[0][1]
+    assert all(other == to for _, other in pairs), "a message has one destination"
+    return [datagram for datagram, _ in pairs], to
 
 
 class Drain:
