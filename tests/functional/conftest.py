@@ -1,3 +1,3 @@
 """Fixtures of the tests in this folder."""
 
-pytest_plugins = ["framework.fixtures"]
+pytest_plugins = ["framework.fixtures", "framework.batch_flows"]

@@ -2,8 +2,6 @@
 
 The process is stopped, its queues are filled, the command is written, and the process continues.
 The command and the batches then meet in any order.
-
-VESK_BATCH_COMMANDS is the number of repetitions of each test.
 """
 
 from __future__ import annotations
@@ -11,30 +9,19 @@ from __future__ import annotations
 import pytest
 
 from framework.batches import receive_all, stopped, wait_until_idle
-from framework.batch_flows import COUNT, TwoFlows, numbered, waiting
+from framework.batch_flows import (COUNT, REPETITIONS, TwoFlows, each_order, numbered,
+                                   single_or_merged, waiting)
 from framework.fixtures import StartVesk
 from framework.flow import four_keys
 from framework.framing import Key
 from framework.lateral import NewEnd
 from framework.statistics import report
-from framework.timing import SANITIZER, count_from_environment
-from framework.vesk_process import VeskProcess
 
-REPETITIONS = count_from_environment("VESK_BATCH_COMMANDS", 20 if not SANITIZER else 5)
 PROMPT_SECONDS = 2
 
-both_orders = pytest.mark.parametrize("chunk", [1, 16, COUNT],
-                                      ids=["turns", "bursts", "one flow after the other"])
-both_ways = pytest.mark.parametrize("merge", [False, True], ids=["single", "merged"])
 
-
-@pytest.fixture
-def site(vesk: VeskProcess, new_end: NewEnd, chunk: int, merge: bool) -> TwoFlows:
-    return TwoFlows(vesk, new_end, chunk, merge)
-
-
-@both_ways
-@both_orders
+@single_or_merged
+@each_order
 def test_set_takes_effect_between_two_requests_of_a_batch(site: TwoFlows) -> None:
     """Each datagram is signed with the old or the new key, and none with the old one after that."""
     keys = [four_keys()["up_out"], Key(b"another key", "sha1")]
@@ -58,8 +45,8 @@ def test_set_takes_effect_between_two_requests_of_a_batch(site: TwoFlows) -> Non
             site.bench.framing.open(datagram, old)
 
 
-@both_ways
-@both_orders
+@single_or_merged
+@each_order
 def test_stop_and_start_between_batches(site: TwoFlows) -> None:
     """Nothing is lost but what is in the queue of the closed socket."""
     for _ in range(REPETITIONS):
@@ -86,8 +73,8 @@ def test_stop_and_start_between_batches(site: TwoFlows) -> None:
         site.vesk.lines_after(f"start addr {site.bench.to[0]} port {site.bench.to[1]}")
 
 
-@both_ways
-@both_orders
+@single_or_merged
+@each_order
 @pytest.mark.parametrize("command", ["", "del label 5", "stop"])
 def test_the_input_ends_between_batches(start_vesk: StartVesk, new_end: NewEnd, chunk: int,
                                         merge: bool, command: str) -> None:

@@ -2,8 +2,6 @@
 
 The process is stopped, its queues are filled, the command is written, and the process continues.
 The command and the batches then meet in any order.
-
-VESK_BATCH_COMMANDS is the number of repetitions of each test.
 """
 
 from __future__ import annotations
@@ -11,30 +9,21 @@ from __future__ import annotations
 import pytest
 
 from framework.batches import receive_all, stopped, wait_until_idle
-from framework.batch_flows import COUNT, TwoFlows, numbered, unread_bytes, waiting
+from framework.batch_flows import (COUNT, REPETITIONS, TwoFlows, each_order, numbered,
+                                   single_or_merged, unread_bytes, waiting)
 from framework.faults import failing_listener, failing_workers
 from framework.lateral import NewEnd
 from framework.statistics import report
-from framework.timing import SANITIZER, count_from_environment, wait_until
+from framework.timing import wait_until
 from framework.vesk_process import VeskProcess
 
-REPETITIONS = count_from_environment("VESK_BATCH_COMMANDS", 20 if not SANITIZER else 5)
 HELD_MICROSECONDS = 500_000
 #: Datagrams that have been checked and signed, but not sent, when the flow is deleted.
 IN_HAND = 128
 
-both_orders = pytest.mark.parametrize("chunk", [1, 16, COUNT],
-                                      ids=["turns", "bursts", "one flow after the other"])
-both_ways = pytest.mark.parametrize("merge", [False, True], ids=["single", "merged"])
 
-
-@pytest.fixture
-def site(vesk: VeskProcess, new_end: NewEnd, chunk: int, merge: bool) -> TwoFlows:
-    return TwoFlows(vesk, new_end, chunk, merge)
-
-
-@both_ways
-@both_orders
+@single_or_merged
+@each_order
 def test_no_request_of_a_deleted_flow_is_forwarded_after_its_deletion(site: TwoFlows) -> None:
     bench = site.bench
     for _ in range(REPETITIONS):
@@ -62,7 +51,7 @@ def test_no_request_of_a_deleted_flow_is_forwarded_after_its_deletion(site: TwoF
 
 
 @pytest.mark.parametrize("chunk", [1, 30], ids=["turns", "bursts"])
-@both_ways
+@single_or_merged
 def test_a_batch_in_memory_is_not_forwarded_after_the_deletion(site: TwoFlows) -> None:
     """The batch has been received, and the flow is deleted before its first datagram is handled."""
     bench = site.bench
@@ -99,7 +88,7 @@ def test_a_batch_is_left_where_its_flow_is_deleted(vesk: VeskProcess, new_end: N
     assert seen is not None and seen["RxDg"] == 62 and seen["RxDgError"] == 29
 
 
-@both_ways
+@single_or_merged
 def test_replies_in_memory_are_not_forwarded_after_the_deletion(
         vesk: VeskProcess, new_end: NewEnd, merge: bool) -> None:
     site = TwoFlows(vesk, new_end, 30, merge)
@@ -116,8 +105,8 @@ def test_replies_in_memory_are_not_forwarded_after_the_deletion(
     assert waiting(site.bench.peer) == []
 
 
-@both_ways
-@both_orders
+@single_or_merged
+@each_order
 def test_no_reply_of_a_deleted_flow_is_forwarded_after_its_deletion(site: TwoFlows) -> None:
     bench = site.bench
     for _ in range(REPETITIONS):

@@ -5,16 +5,27 @@ from __future__ import annotations
 from pathlib import Path
 from typing import Callable, Dict, List, Tuple
 
+import pytest
+
 from .batches import wait_until_idle
 from .bench import Bench
 from .flow import four_keys
+from .timing import SANITIZER, count_from_environment
 from .udp import Address, UdpEnd
 from .vesk_process import VeskProcess
 
 #: The datagrams of each flow.
 COUNT = 192
+#: How often each command meets waiting batches.
+REPETITIONS = count_from_environment("VESK_BATCH_COMMANDS", 20 if not SANITIZER else 5)
 
 NewEnd = Callable[..., UdpEnd]
+
+# What the fixture `site` needs to know: how the datagrams of both flows take turns in the queues,
+# and whether they are sent merged.
+each_order = pytest.mark.parametrize("chunk", [1, 16, COUNT],
+                                     ids=["turns", "bursts", "one flow after the other"])
+single_or_merged = pytest.mark.parametrize("merge", [False, True], ids=["single", "merged"])
 
 
 def numbered(count: int = COUNT) -> List[bytes]:
@@ -79,6 +90,11 @@ class TwoFlows:
     def _payloads(self, arrived: List[bytes], label: int) -> List[bytes]:
         parsed = [self.bench.framing.parse(datagram) for datagram in arrived]
         return [datagram.payload for datagram in parsed if datagram.label == label]
+
+
+@pytest.fixture
+def site(vesk: VeskProcess, new_end: NewEnd, chunk: int, merge: bool) -> TwoFlows:
+    return TwoFlows(vesk, new_end, chunk, merge)
 
 
 def unread_bytes(port: int) -> int:
