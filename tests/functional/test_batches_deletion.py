@@ -6,6 +6,9 @@ The command and the batches then meet in any order.
 
 from __future__ import annotations
 
+from functools import partial
+from typing import Callable, List, Tuple
+
 import pytest
 
 from framework.batches import receive_all, stopped, wait_until_idle
@@ -15,6 +18,7 @@ from framework.faults import failing_listener, failing_workers
 from framework.lateral import NewEnd
 from framework.statistics import report
 from framework.timing import wait_until
+from framework.udp import UdpEnd
 from framework.vesk_process import VeskProcess
 
 HELD_MICROSECONDS = 500_000
@@ -22,32 +26,40 @@ HELD_MICROSECONDS = 500_000
 IN_HAND = 128
 
 
+def delete_between(site: TwoFlows, fill: Callable[[], None], end: UdpEnd,
+                   payloads_of: Callable[[List[bytes]], Tuple[List[bytes], List[bytes]]]) -> int:
+    """Deletes the changed flow while the datagrams of both wait.
+
+    Returns how many of its datagrams arrived at this end.
+    """
+    with stopped(site.vesk):
+        fill()
+        site.vesk.command(f"del label {site.changed.label}")
+    site.vesk.settle()
+    arrived = waiting(end)
+    wait_until_idle(site.vesk)
+    late = waiting(end)
+    assert len(payloads_of(late)[0]) <= IN_HAND
+    # The flow's datagrams up to some point, then no more of them.
+    changed, kept = payloads_of(arrived + late)
+    assert changed == numbered(len(changed))
+    assert kept == numbered()
+    return len(changed)
+
+
 @single_or_merged
 @each_order
 def test_no_request_of_a_deleted_flow_is_forwarded_after_its_deletion(site: TwoFlows) -> None:
-    bench = site.bench
     for _ in range(REPETITIONS):
         site.open_both()
         before = report(site.vesk).downstream
-        with stopped(site.vesk):
-            site.fill_requests()
-            site.vesk.command(f"del label {site.changed.label}")
-        site.vesk.settle()
-        arrived = waiting(bench.upstream)
-        wait_until_idle(site.vesk)
-        late = waiting(bench.upstream)
-        changed, kept = site.requests_of(arrived)
-        changed_late, kept_late = site.requests_of(late)
-        assert len(changed_late) <= IN_HAND
-        assert kept + kept_late == numbered()
-        # The flow's datagrams up to some point, then no more of them.
-        changed += changed_late
-        assert changed == numbered(len(changed))
+        forwarded = delete_between(site, site.fill_requests, site.bench.upstream,
+                                   site.requests_of)
         now = report(site.vesk).downstream
         assert before is not None and now is not None
         assert now["RxDg"] - before["RxDg"] == 2 * COUNT
-        assert now["RxDgError"] - before["RxDgError"] == COUNT - len(changed)
-        bench.declare(site.changed)
+        assert now["RxDgError"] - before["RxDgError"] == COUNT - forwarded
+        site.bench.declare(site.changed)
 
 
 @pytest.mark.parametrize("chunk", [1, 30], ids=["turns", "bursts"])
@@ -108,25 +120,13 @@ def test_replies_in_memory_are_not_forwarded_after_the_deletion(
 @single_or_merged
 @each_order
 def test_no_reply_of_a_deleted_flow_is_forwarded_after_its_deletion(site: TwoFlows) -> None:
-    bench = site.bench
     for _ in range(REPETITIONS):
         endpoints = site.open_both()
         before = report(site.vesk).upstream[site.kept.label]
-        with stopped(site.vesk):
-            site.fill_replies(endpoints)
-            site.vesk.command(f"del label {site.changed.label}")
-        site.vesk.settle()
-        arrived = waiting(bench.peer)
-        wait_until_idle(site.vesk)
-        late = waiting(bench.peer)
-        changed, kept = site.replies_of(arrived)
-        changed_late, kept_late = site.replies_of(late)
-        assert len(changed_late) <= IN_HAND
-        assert kept + kept_late == numbered()
-        changed += changed_late
-        assert changed == numbered(len(changed))
+        delete_between(site, partial(site.fill_replies, endpoints), site.bench.peer,
+                       site.replies_of)
         now = report(site.vesk).upstream
         assert site.changed.label not in now
         for name in ("RxDg", "DnTxDg"):
             assert now[site.kept.label][name] - before[name] == COUNT
-        bench.declare(site.changed)
+        site.bench.declare(site.changed)
