@@ -16,13 +16,6 @@ from framework.timing import wait_until
 from framework.udp import UdpEnd
 
 
-@pytest.fixture
-def flow(bench: Bench) -> Flow:
-    declared = bench.flow(**four_keys())
-    bench.declare(declared)
-    return declared
-
-
 @both_ways
 def test_a_failed_call_loses_one_datagram(bench: Bench, flow: Flow, way: Way) -> None:
     """The first one of the call; the others leave with the next call."""

@@ -19,13 +19,6 @@ from framework.udp import UdpEnd
 from framework.vesk_process import VeskProcess
 
 
-@pytest.fixture
-def flow(bench: Bench) -> Flow:
-    declared = bench.flow(**four_keys())
-    bench.declare(declared)
-    return declared
-
-
 @both_ways
 def test_a_device_that_cannot_cut_is_remembered(bench: Bench, flow: Flow, way: Way) -> None:
     """After EIO no message of that socket is to be cut again, whatever its length."""

@@ -10,7 +10,7 @@ import pytest
 
 from framework.bench import Bench
 from framework.faults import failing_listener, failing_workers
-from framework.flow import Flow, four_keys
+from framework.flow import Flow
 from framework.timing import wait_until
 from framework.udp import Address
 from framework.vesk_process import VeskProcess
@@ -55,14 +55,6 @@ STEPS = [SEND_UPSTREAM, RECEIVE_FROM_UPSTREAM, SEND_DOWNSTREAM]
 
 def each(*steps: Step) -> pytest.MarkDecorator:
     return pytest.mark.parametrize("step", steps, ids=[step.name for step in steps])
-
-
-@pytest.fixture
-def flow(bench: Bench) -> Flow:
-    """A declared flow without an endpoint."""
-    declared = bench.flow(**four_keys())
-    bench.declare(declared)
-    return declared
 
 
 # Receiving downstream -------------------------------------------------------------------

@@ -10,6 +10,7 @@ import pytest
 
 from . import own_network
 from .bench import Bench
+from .flow import Flow, four_keys
 from .framing import UDPV1, UDPV2
 from .timing import scaled
 from .udp import UdpEnd
@@ -128,6 +129,14 @@ def upstream(new_end: Callable[..., UdpEnd]) -> UdpEnd:
 def bench(vesk: VeskProcess, peer: UdpEnd, upstream: UdpEnd) -> Bench:
     """The default bench: framing udpv2, all ends on 127.0.0.1."""
     return Bench(vesk, peer, upstream)
+
+
+@pytest.fixture
+def flow(bench: Bench) -> Flow:
+    """A flow of the default bench, declared and without an endpoint."""
+    declared = bench.flow(**four_keys())
+    bench.declare(declared)
+    return declared
 
 
 @pytest.fixture(params=[UDPV1, UDPV2], ids=lambda framing: framing.name)
