@@ -4,7 +4,7 @@ from __future__ import annotations
 
 import re
 from pathlib import Path
-from typing import Callable, List
+from typing import Callable, List, Tuple
 
 import pytest
 
@@ -140,17 +140,23 @@ def test_a_merged_message_has_the_addresses_of_its_datagrams(start_vesk: StartVe
     assert {(reply.sender, reply.dscp) for reply in replies} == {((asked, port), 12)}
 
 
-def test_datagrams_of_one_length_leave_as_one_message(start_vesk: StartVesk, tmp_path: Path,
-                                                      peer: UdpEnd, upstream: UdpEnd) -> None:
-    """In both directions, whether they arrived merged or one by one."""
+@pytest.fixture
+def traced(start_vesk: StartVesk, tmp_path: Path, peer: UdpEnd,
+           upstream: UdpEnd) -> Tuple[Bench, Path]:
+    """A bench, and a trace of the send calls of its forwarder."""
     trace = tmp_path / "trace"
     vesk = start_vesk(prefix=recording_start(trace, "sendmsg,sendmmsg")).ready()
-    bench = Bench(vesk, peer, upstream)
+    return Bench(vesk, peer, upstream), trace
+
+
+def test_datagrams_of_one_length_leave_as_one_message(traced: Tuple[Bench, Path]) -> None:
+    """In both directions, whether they arrived merged or one by one."""
+    bench, trace = traced
     flow = bench.flow(**four_keys())
     bench.declare(flow)
     sender = bench.exchange(flow)
     for number in range(1, 4):
-        with stopped(vesk):
+        with stopped(bench.vesk):
             if number == 1:
                 bench.peer.send_merged([flow.request(b"same")] * 20, bench.to)
                 bench.upstream.send_merged([flow.reply(b"same")] * 20, sender)
@@ -165,16 +171,13 @@ def test_datagrams_of_one_length_leave_as_one_message(start_vesk: StartVesk, tmp
     assert all("msg_iovlen=20," in call for call in cut_sends(trace))
 
 
-def test_different_lengths_leave_with_one_call(start_vesk: StartVesk, tmp_path: Path,
-                                               peer: UdpEnd, upstream: UdpEnd) -> None:
-    trace = tmp_path / "trace"
-    vesk = start_vesk(prefix=recording_start(trace, "sendmsg,sendmmsg")).ready()
-    bench = Bench(vesk, peer, upstream)
+def test_different_lengths_leave_with_one_call(traced: Tuple[Bench, Path]) -> None:
+    bench, trace = traced
     flow = bench.flow(**four_keys())
     bench.declare(flow)
     sender = bench.exchange(flow)
     lengths = list(range(1, 21))
-    with stopped(vesk):
+    with stopped(bench.vesk):
         for length in lengths:
             bench.send(flow.request(bytes(length)))
             bench.upstream.send(flow.reply(bytes(length)), sender)
