@@ -48,4 +48,13 @@ ChildResult runInChild(const std::function<int()>& body) {
     return result;
 }
 
+ChildResult checkInChild(const std::function<void()>& body) {
+    ChildResult result = runInChild([&body] {
+        body();
+        return testing::Test::HasFailure() ? 1 : 0;
+    });
+    EXPECT_EQ(result.exitCode, 0) << result.printed;
+    return result;
+}
+
 }  // namespace vesk

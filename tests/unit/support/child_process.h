@@ -18,4 +18,7 @@ struct ChildResult {
 /// of `body` as its exit code and does not run the exit handlers of the test process.
 ChildResult runInChild(const std::function<int()>& body);
 
+/// Runs `body` in a child process too. The test fails if an expectation fails there.
+ChildResult checkInChild(const std::function<void()>& body);
+
 }  // namespace vesk
