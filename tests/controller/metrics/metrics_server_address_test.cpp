@@ -15,10 +15,20 @@
 namespace vesk::controller {
 namespace {
 
-using testing::EndsWith;
 using testing::HasSubstr;
 using testing::Not;
 using testing::StartsWith;
+
+/// Why metrics cannot be served there. The test fails if they can.
+std::string refusalToServe(const std::string& host, std::uint16_t port) {
+    try {
+        const MetricsServer server(host, port);
+    } catch (const std::runtime_error& error) {
+        return error.what();
+    }
+    ADD_FAILURE() << "metrics are served on " << host;
+    return "";
+}
 
 TEST(MetricsServerAddressTest, ServesOnIpv6) {
     if (!hasIpv6()) {
@@ -29,13 +39,9 @@ TEST(MetricsServerAddressTest, ServesOnIpv6) {
     const MetricsServer both("::", 0);
     EXPECT_THAT(ask("GET", "/metrics", both.port(), "::1"), HasSubstr("\nvesk_up 0\n"));
     EXPECT_THAT(ask("GET", "/metrics", both.port()), HasSubstr("\nvesk_up 0\n"));
-    try {
-        const MetricsServer second("::1", server.port());
-        FAIL() << "two servers on one port";
-    } catch (const std::runtime_error& error) {
-        EXPECT_EQ(error.what(), "cannot serve metrics on [::1]:" + std::to_string(server.port()) +
-                                    ": Address already in use");
-    }
+    EXPECT_EQ(refusalToServe("::1", server.port()),
+              "cannot serve metrics on [::1]:" + std::to_string(server.port()) +
+                  ": Address already in use");
 }
 
 TEST(MetricsServerAddressTest, PublishesFlowsOnlyOnRequest) {
@@ -47,17 +53,13 @@ TEST(MetricsServerAddressTest, PublishesFlowsOnlyOnRequest) {
 
 TEST(MetricsServerAddressTest, ReportsWhyItCannotListen) {
     const MetricsServer first("127.0.0.1", 0);
-    try {
-        const MetricsServer second("127.0.0.1", first.port());
-        FAIL() << "two servers on one port";
-    } catch (const std::runtime_error& error) {
-        EXPECT_THAT(
-            error.what(),
-            StartsWith("cannot serve metrics on 127.0.0.1:" + std::to_string(first.port()) + ": "));
-        EXPECT_THAT(error.what(), Not(EndsWith(": ")));
+    EXPECT_EQ(refusalToServe("127.0.0.1", first.port()),
+              "cannot serve metrics on 127.0.0.1:" + std::to_string(first.port()) +
+                  ": Address already in use");
+    for (const char* host : {"192.0.2.1", "no address"}) {
+        EXPECT_THAT(refusalToServe(host, 0),
+                    StartsWith("cannot serve metrics on " + std::string(host) + ":0: "));
     }
-    EXPECT_THROW(MetricsServer("192.0.2.1", 0), std::runtime_error);
-    EXPECT_THROW(MetricsServer("no address", 0), std::runtime_error);
 }
 
 TEST(MetricsServerAddressTest, CountsBeforeItCanServe) {
