@@ -64,19 +64,16 @@ TEST_F(ForwarderCommandsTest, StartListens) {
     const std::string text = std::to_string(port);
     EXPECT_TRUE(outcome.succeeded);
     ASSERT_EQ(context->downstreamListeners.size(), 1U);
-    std::ostringstream id;
-    id << std::hex << context->downstreamListeners.front().thread.id();
     EXPECT_THAT(outcome.printed,
                 testing::StartsWith("info Making downstream endpoint with address 127.0.0.1 port " +
                                     text + "\ninfo Making socket with family 2 "));
     EXPECT_THAT(outcome.printed,
-                EndsWith("info Created downstream receive thread: " + id.str() +
+                EndsWith("info Created downstream receive thread: " +
+                         logged(context->downstreamListeners.front().thread.id()) +
                          "\ninfo Vesk started on port " + text + " address 127.0.0.1\n"));
     const EndpointPtr endpoint = context->downstreamEndpoint.load();
     ASSERT_NE(endpoint, nullptr);
-    UdpSocket peer;
-    peer.send(Bytes(1), endpoint->localAddress.socketAddress());
-    EXPECT_TRUE(eventually([&] { return endpoint->counters.rxDgError.value() == 1; }));
+    expectReceives(*endpoint);
 }
 
 TEST_F(ForwarderCommandsTest, StartAcceptsAPortInAnyBase) {
@@ -117,11 +114,7 @@ TEST_F(ForwarderCommandsTest, StartPropagatesAResolverFailure) {
 
 TEST_F(ForwarderCommandsTest, StartKeepsTheEndpointWhenItsThreadCannotBeCreated) {
     const std::uint16_t port = freePort();
-    Outcome outcome;
-    {
-        const ThreadShortage shortage;
-        outcome = startOn(port);
-    }
+    const Outcome outcome = withoutThreads([&] { return startOn(port); });
     EXPECT_FALSE(outcome.succeeded);
     EXPECT_THAT(outcome.printed, EndsWith("error Failed to create downstream receive thread: " +
                                           unavailable + "\ninfo Vesk started on port " +
@@ -133,10 +126,7 @@ TEST_F(ForwarderCommandsTest, StartKeepsTheEndpointWhenItsThreadCannotBeCreated)
 
 TEST_F(ForwarderCommandsTest, StopReleasesAnEndpointWithoutAThreadSilently) {
     const std::uint16_t port = freePort();
-    {
-        const ThreadShortage shortage;
-        startOn(port);
-    }
+    withoutThreads([&] { return startOn(port); });
     EXPECT_TRUE(isTaken(port));
     EXPECT_EQ(stop(), "");
     EXPECT_FALSE(isTaken(port));
@@ -203,9 +193,7 @@ TEST_F(ForwarderCommandsTest, SecondStartKeepsTheEndpointOfTheFirstThread) {
     {
         const EndpointPtr held = first.lock();
         ASSERT_NE(held, nullptr);
-        UdpSocket peer;
-        peer.send(Bytes(1), held->localAddress.socketAddress());
-        EXPECT_TRUE(eventually([&] { return held->counters.rxDgError.value() == 1; }));
+        expectReceives(*held);
     }
     EXPECT_EQ(stop(), "info Forwarder listener stopped\n");
     EXPECT_TRUE(first.expired());

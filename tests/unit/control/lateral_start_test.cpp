@@ -5,14 +5,11 @@
 #include <openssl/rand.h>
 
 #include <atomic>
-#include <ios>
-#include <sstream>
 #include <string>
 #include <thread>
 
 #include "control/lateral_fixture.h"
 #include "support/framed.h"
-#include "support/thread_state.h"
 #include "support/udp_socket.h"
 
 namespace vesk {
@@ -65,26 +62,22 @@ TEST_F(LateralStartTest, ListensAndKeepsItsSettings) {
     const std::uint16_t port = freePort();
     const Outcome outcome = startOn(port);
     EXPECT_TRUE(outcome.succeeded);
-    std::ostringstream id;
-    id << std::hex << context->lateral.thread.id();
     const std::string text = std::to_string(port);
     EXPECT_THAT(
         outcome.printed,
         testing::StartsWith("info Making lateral stream endpoint with address 127.0.0.1 port " +
                             text + "\n"));
-    EXPECT_THAT(outcome.printed,
-                EndsWith("info Created lateral stream receive thread: " + id.str() +
-                         "\ninfo Vesk Lateral listener started on port " + text +
-                         " address 127.0.0.1 index 1 maxQels 3\n"));
+    EXPECT_THAT(outcome.printed, EndsWith("info Created lateral stream receive thread: " +
+                                          logged(context->lateral.thread.id()) +
+                                          "\ninfo Vesk Lateral listener started on port " + text +
+                                          " address 127.0.0.1 index 1 maxQels 3\n"));
     EXPECT_TRUE(context->lateral.running);
     EXPECT_EQ(context->lateral.port, port);
     EXPECT_EQ(context->lateral.index, 1U);
     EXPECT_EQ(context->lateral.maxQels, 3U);
     const EndpointPtr endpoint = context->lateralEndpoint.load();
     ASSERT_NE(endpoint, nullptr);
-    UdpSocket neighbour;
-    neighbour.send(Bytes(1), endpoint->localAddress.socketAddress());
-    EXPECT_TRUE(eventually([&] { return endpoint->counters.rxDgError.value() == 1; }));
+    expectReceives(*endpoint);
 }
 
 TEST_F(LateralStartTest, AcceptsZeroInstances) {
@@ -132,11 +125,7 @@ TEST_F(LateralStartTest, ReportsAPortInUseAndCanBeStartedAgain) {
 
 TEST_F(LateralStartTest, ReportsThatItsThreadCannotBeCreatedAndCanBeStartedAgain) {
     const std::uint16_t port = freePort();
-    Outcome outcome;
-    {
-        const ThreadShortage shortage;
-        outcome = startOn(port);
-    }
+    const Outcome outcome = withoutThreads([&] { return startOn(port); });
     EXPECT_FALSE(outcome.succeeded);
     EXPECT_THAT(outcome.printed,
                 EndsWith("error Failed to create lateral stream receive thread: Resource "
