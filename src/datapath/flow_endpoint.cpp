@@ -68,18 +68,24 @@ FlowEndpoint createFlowEndpoint(std::uint32_t label, ForwarderContext& context) 
     return {std::move(endpoint), true};
 }
 
+/// The label's endpoint if it is ready for use. One that is not ready is not held: the caller waits
+/// for its creator, who may make the label's next endpoint first and need the port of this one.
+EndpointPtr findPreparedEndpoint(std::uint32_t label, const ForwarderContext& context) {
+    EndpointPtr endpoint = context.endpointManager->findEndpointByLabel(label);
+    return endpoint && endpoint->prepared.load(std::memory_order_acquire) ? endpoint : nullptr;
+}
+
 }  // namespace
 
 FlowEndpoint findOrCreateFlowEndpoint(std::uint32_t label, ForwarderContext& context) {
-    EndpointPtr endpoint = context.endpointManager->findEndpointByLabel(label);
-    if (endpoint && endpoint->prepared.load(std::memory_order_acquire)) {
+    if (EndpointPtr endpoint = findPreparedEndpoint(label, context)) {
         return {std::move(endpoint)};
     }
     // Lines are written after the endpoint is ready and the lock is released, since a worker and
     // the other receive thread may wait for both.
     const LogDelay delay;
     const MutexLock lock(context.endpointCreation);
-    endpoint = context.endpointManager->findEndpointByLabel(label);
+    EndpointPtr endpoint = context.endpointManager->findEndpointByLabel(label);
     if (endpoint) {
         return {std::move(endpoint)};
     }

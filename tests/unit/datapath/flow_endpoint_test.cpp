@@ -4,6 +4,7 @@
 #include <netinet/in.h>
 #include <sys/socket.h>
 
+#include <memory>
 #include <string>
 #include <thread>
 
@@ -121,6 +122,26 @@ TEST_F(FlowEndpointTest, WaitsForAnEndpointThatAnotherThreadPrepares) {
     receiving.join();
     EXPECT_EQ(upstream.receive(), framed(0x1111, payload));
     EXPECT_EQ(manager().findEndpointByLabel(5), flow);
+}
+
+// The other thread may make the label's next endpoint first, which may need the port of this one.
+TEST_F(FlowEndpointTest, HoldsNoEndpointWhileItWaitsForAnotherThread) {
+    declareFlow(5);
+    const std::weak_ptr<VeskEndpointDescriptor> unprepared = createEndpoint(5);
+    ThreadMark mark;
+    std::thread receiving;
+    {
+        const MutexLock preparing(context->endpointCreation);
+        receiving = std::thread([&] {
+            mark.set();
+            arrive(framed(5, payload));
+        });
+        EXPECT_TRUE(mark.eventuallyBlocks());
+        manager().deleteEndpoint(5);
+        EXPECT_TRUE(unprepared.expired());
+    }
+    receiving.join();
+    EXPECT_EQ(upstream.receive(), framed(0x1111, payload));
 }
 
 }  // namespace
