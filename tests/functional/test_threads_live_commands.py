@@ -7,7 +7,8 @@ from __future__ import annotations
 
 import threading
 import time
-from typing import Dict, List
+from contextlib import contextmanager
+from typing import Dict, Iterator, List, Tuple
 
 import pytest
 
@@ -157,52 +158,52 @@ def test_replies_are_signed_correctly_while_keys_change(vesk: VeskProcess, peer:
                    for key in allowed), "signed with no key that was ever set"
 
 
-@pytest.mark.limit_seconds(60 + RESTARTS // 5)
-def test_stop_frees_the_port_under_traffic(start_vesk: StartVesk) -> None:
-    """The port is free as soon as "stop" is done, although replies have just been sent from it."""
-    vesk = start_vesk()
+@contextmanager
+def busy_bench(vesk: VeskProcess) -> Iterator[Tuple[Bench, List[Flow], Drain]]:
+    """A bench with ten flows at full load both ways, and what its peer receives."""
     with UdpEnd() as peer, UdpEnd() as upstream:
         bench = Bench(vesk, peer, upstream)
         flows = [bench.flow(label, **four_keys()) for label in range(1, 11)]
         bench.declare(*flows)
         senders = {flow.label: bench.exchange(flow) for flow in flows}
-        port = bench.to[1]
-        since = vesk.mark()
         with Drain(peer) as returned, Drain(upstream), \
                 Flood(peer, [(flow.request(b"x"), bench.to) for flow in flows]), \
                 Flood(upstream, [(flow.reply(b"y"), senders[flow.label]) for flow in flows]):
-            for _ in range(RESTARTS):
-                vesk.command("stop")
-                vesk.command(f"start addr 127.0.0.1 port {port}")
-                vesk.settle()
-        lines = vesk.remarks(since)
-        assert not [line for line in lines if line.startswith("error")]
-        assert lines.count("info Forwarder listener stopped") == RESTARTS
-        bound = [line for line in lines
-                 if line.startswith(f"info Endpoint socket bound: 127.0.0.1|{port} ")]
-        assert len(bound) == RESTARTS
-        by_label = {flow.down_label: flow for flow in flows}
-        for sample in returned.samples:
-            by_label[bench.framing.parse(sample).label].open_reply(sample)
-        vesk.finish()
+            yield bench, flows, returned
+
+
+@pytest.mark.limit_seconds(60 + RESTARTS // 5)
+def test_stop_frees_the_port_under_traffic(start_vesk: StartVesk) -> None:
+    """The port is free as soon as "stop" is done, although replies have just been sent from it."""
+    vesk = start_vesk()
+    with busy_bench(vesk) as (bench, flows, returned):
+        port = bench.to[1]
+        since = vesk.mark()
+        for _ in range(RESTARTS):
+            vesk.command("stop")
+            vesk.command(f"start addr 127.0.0.1 port {port}")
+            vesk.settle()
+    lines = vesk.remarks(since)
+    assert not [line for line in lines if line.startswith("error")]
+    assert lines.count("info Forwarder listener stopped") == RESTARTS
+    bound = [line for line in lines
+             if line.startswith(f"info Endpoint socket bound: 127.0.0.1|{port} ")]
+    assert len(bound) == RESTARTS
+    by_label = {flow.down_label: flow for flow in flows}
+    for sample in returned.samples:
+        by_label[bench.framing.parse(sample).label].open_reply(sample)
+    vesk.finish()
 
 
 @pytest.mark.limit_seconds(90)
 def test_repeated_starts_without_stops_keep_forwarding(start_vesk: StartVesk) -> None:
     """Replies still arrive, and the process ends normally."""
     vesk = start_vesk()
-    with UdpEnd() as peer, UdpEnd() as upstream:
-        bench = Bench(vesk, peer, upstream)
-        flows = [bench.flow(label, **four_keys()) for label in range(1, 11)]
-        bench.declare(*flows)
-        senders = {flow.label: bench.exchange(flow) for flow in flows}
-        with Drain(peer), Drain(upstream), \
-                Flood(peer, [(flow.request(b"x"), bench.to) for flow in flows]), \
-                Flood(upstream, [(flow.reply(b"y"), senders[flow.label]) for flow in flows]):
-            for _ in range(20):
-                vesk.listen()
-            vesk.close_input()
-            vesk.wait_exit(0, seconds=2)
+    with busy_bench(vesk):
+        for _ in range(20):
+            vesk.listen()
+        vesk.close_input()
+        vesk.wait_exit(0, seconds=2)
 
 
 @pytest.mark.limit_seconds(90)
