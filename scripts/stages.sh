@@ -26,6 +26,7 @@ stage_command() {
     stage_file=$1 stage_name=$2 stage_start=$(clock_milliseconds)
     shift 2
     trap write_stage EXIT
+    trap 'exit 143' TERM
     "$@"
 }
 

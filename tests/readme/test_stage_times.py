@@ -62,8 +62,9 @@ def test_processor_time_includes_the_children_of_the_stage(tmp_path: Path) -> No
 def test_the_table_ends_with_a_failed_stage(tmp_path: Path) -> None:
     done = run_all_tests(tmp_path, WRITE_LOG + "exit 8")
     assert done.returncode == 8
-    # The build of the next preset was running beside the tests.
-    assert list(table(done.stdout)) == ["setup", "release build", "asan build", "release tests", "all"]
+    rows = list(table(done.stdout))
+    # The build beside the tests may have been ended before it began.
+    assert [row for row in rows if row != "asan build"] == ["setup", "release build", "release tests", "all"]
 
 
 def test_a_failed_test_ends_the_build_beside_it(tmp_path: Path) -> None:
