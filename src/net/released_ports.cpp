@@ -1,27 +1,47 @@
 #include "net/released_ports.h"
 
+#include <netinet/in.h>
+#include <sys/socket.h>
+
 #include <algorithm>
+#include <cstddef>
+
+#include "base/socket_address.h"
 
 namespace vesk {
 
-void ReleasedPorts::add(std::uint16_t port) {
+namespace {
+
+static_assert(offsetof(sockaddr_in, sin_port) == offsetof(sockaddr_in6, sin6_port));
+
+bool isBoundTo(int fd, std::uint16_t port) {
+    SocketAddress local;
+    local.length = SocketAddress::capacity;
+    return getsockname(fd, local.get(), &local.length) == 0 &&
+           ntohs(local.storage.sin6_port) == port;
+}
+
+}  // namespace
+
+void ReleasedPorts::add(std::uint16_t port, int rdsockfd, int wrsockfd) {
     const Clock::time_point now = Clock::now();
-    while (!ports_.empty() && isPast(ports_.front(), now)) {
-        ports_.pop_front();
-    }
-    ports_.push_back({port, now});
+    std::erase_if(released_, [now](const Released& released) { return !isOpen(released, now); });
+    released_.push_back({port, rdsockfd, wrsockfd, now});
 }
 
 bool ReleasedPorts::contains(std::uint16_t port) const {
     const Clock::time_point now = Clock::now();
-    return std::ranges::any_of(ports_, [port, now](const Released& released) {
-        return released.port == port && !isPast(released, now);
+    return std::ranges::any_of(released_, [port, now](const Released& released) {
+        return released.port == port && isOpen(released, now);
     });
 }
 
-bool ReleasedPorts::isPast(const Released& released, Clock::time_point now) {
-    constexpr std::chrono::milliseconds recent{50};
-    return now - released.when > recent;
+/// A descriptor's number may belong to another socket by now, even to one that got the same port.
+/// The time limit ends such a mistake.
+bool ReleasedPorts::isOpen(const Released& released, Clock::time_point now) {
+    constexpr std::chrono::seconds longest{1};
+    return now - released.when < longest && (isBoundTo(released.rdsockfd, released.port) ||
+                                             isBoundTo(released.wrsockfd, released.port));
 }
 
 }  // namespace vesk

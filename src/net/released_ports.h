@@ -1,17 +1,18 @@
-// Ports whose sockets were released recently and may still be open. Part of the endpoint registry;
-// guarded by the endpoint manager's lock.
+// Ports of sockets that were released recently and are not closed yet. Part of the endpoint
+// registry; guarded by the endpoint manager's lock.
 #pragma once
 
 #include <chrono>
 #include <cstdint>
-#include <deque>
+#include <vector>
 
 namespace vesk {
 
 class ReleasedPorts {
  public:
-    void add(std::uint16_t port);
-    /// Whether the port (in host byte order) was added within the last 50 milliseconds.
+    /// The port, in host byte order, of the socket with these descriptors.
+    void add(std::uint16_t port, int rdsockfd, int wrsockfd);
+    /// Whether a socket of the port was added within the last second and is still open.
     bool contains(std::uint16_t port) const;
 
  private:
@@ -19,13 +20,15 @@ class ReleasedPorts {
 
     struct Released {
         std::uint16_t port;
+        int rdsockfd;
+        int wrsockfd;
         Clock::time_point when;
     };
 
-    static bool isPast(const Released& released, Clock::time_point now);
+    static bool isOpen(const Released& released, Clock::time_point now);
 
-    /// Oldest first. Old entries are removed when a port is added.
-    std::deque<Released> ports_;
+    /// Those that are no longer open are removed when another is added.
+    std::vector<Released> released_;
 };
 
 }  // namespace vesk
