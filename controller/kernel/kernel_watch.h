@@ -1,6 +1,6 @@
 // Reads the kernel's figures in a separate thread, because a reading with thousands of sockets
 // takes tenths of a second and the controller's loop must not wait that long. Called by
-// service/supervisor, from its one thread.
+// service/instance, from its one thread.
 #pragma once
 
 #include <chrono>

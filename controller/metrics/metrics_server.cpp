@@ -31,7 +31,7 @@ std::string placeOf(const std::string& address, std::uint16_t port) {
 
 }  // namespace
 
-MetricsServer::MetricsServer(bool perFlow) : totals_(perFlow) {}
+MetricsServer::MetricsServer(bool perFlow) : perFlow_(perFlow), totals_(perFlow) {}
 
 MetricsServer::MetricsServer(const std::string& address, std::uint16_t port, bool perFlow)
     : MetricsServer(perFlow) {

@@ -51,6 +51,9 @@ class MetricsServer {
     /// The port on which it listens.
     std::uint16_t port() const;
 
+    /// Whether each flow's counters are published.
+    bool perFlow() const { return perFlow_; }
+
     /// Takes a report of the child. `flowNames`: the names of the declared flows by label.
     void update(const Report& report, const std::map<std::uint32_t, std::string>& flowNames);
 
@@ -91,6 +94,7 @@ class MetricsServer {
     HttpServer::Pages pages() const;
     std::vector<prometheus::MetricFamily> metrics() const;
 
+    const bool perFlow_;
     mutable Mutex mutex_;
     ReportTotals totals_ VESK_GUARDED_BY(mutex_);
     ControllerState state_ VESK_GUARDED_BY(mutex_);

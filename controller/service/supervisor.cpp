@@ -3,17 +3,13 @@
 #include <poll.h>
 
 #include <algorithm>
-#include <array>
 #include <cerrno>
+#include <chrono>
 #include <csignal>
 #include <cstring>
+#include <iterator>
 #include <system_error>
 #include <utility>
-
-#include "commands/command_lines.h"
-#include "config/key_mask.h"
-#include "service/listener_remedy.h"
-#include "service/program_path.h"
 
 namespace vesk::controller {
 
@@ -23,9 +19,7 @@ Supervisor::Supervisor(const Options& options, Configuration configuration, LogO
       log_(log),
       signals_({SIGHUP, SIGTERM, SIGINT, SIGCHLD, SIGUSR1, SIGUSR2}),
       servedMetrics_(wanted_.metrics),
-      restartPause_(firstPause()),
-      listenPause_(restartPause_),
-      servePause_(restartPause_) {
+      servePause_(wanted_.supervision.restartPause, wanted_.supervision.restartPauseMax) {
     log_.setLimited(wanted_.supervision.logLimit);
 }
 
@@ -36,13 +30,23 @@ int Supervisor::run() {
     if (notification_.watchdogInterval()) {
         aliveAt_ = Clock::now();
     }
-    if (!startForwarder()) {
+    if (!begin()) {
         return exit_status::forwarderFailed;
     }
-    while (!ended_) {
+    while (!ended()) {
         waitAndHandle();
     }
-    return exitStatus_;
+    const bool well =
+        std::ranges::all_of(instances_, [](const auto& it) { return it->endedWell(); });
+    return well ? exit_status::success : exit_status::forwarderFailed;
+}
+
+/// Makes and starts the instances. False, after logging, if one cannot be started.
+bool Supervisor::begin() {
+    surroundings_.emplace(InstanceSurroundings{options_, notification_, metrics_.get()});
+    instances_.push_back(
+        std::make_unique<Instance>(*surroundings_, InstanceLog(log_, ""), wanted_));
+    return std::ranges::all_of(instances_, [](const auto& instance) { return instance->start(); });
 }
 
 // ---- One turn of the loop. ----
@@ -56,10 +60,12 @@ bool Supervisor::due(Deadline& deadline) {
 }
 
 int Supervisor::pollTimeout() const {
+    std::vector<Deadline> deadlines{aliveAt_, serveAgainAt_, log_.countDueAt()};
+    for (const auto& instance : instances_) {
+        deadlines.push_back(instance->dueAt());
+    }
     Deadline nearest;
-    for (const Deadline& deadline :
-         {startAgainAt_, listenAgainAt_, reportClock_.dueAt(), shutdown_.dueAt(), aliveAt_,
-          serveAgainAt_, answerDue(), log_.countDueAt()}) {
+    for (const Deadline& deadline : deadlines) {
         if (deadline && (!nearest || *deadline < *nearest)) {
             nearest = deadline;
         }
@@ -73,40 +79,29 @@ int Supervisor::pollTimeout() const {
 }
 
 void Supervisor::waitAndHandle() {
-    // poll(2) ignores a descriptor of -1.
-    const bool reading = session_ && !session_->outputEnded();
-    std::array<pollfd, 4> watched{{
-        {signals_.descriptor(), POLLIN, 0},
-        {reading ? session_->output() : -1, POLLIN, 0},
-        {session_ && session_->wantsToWrite() ? session_->input() : -1, POLLOUT, 0},
-        {log_.pending() ? log_.descriptor() : -1, POLLOUT, 0},
-    }};
+    std::vector<pollfd> watched{{signals_.descriptor(), POLLIN, 0},
+                                {log_.pending() ? log_.descriptor() : -1, POLLOUT, 0}};
+    const std::size_t first = watched.size();
+    for (const auto& instance : instances_) {
+        std::ranges::copy(instance->watched(), std::back_inserter(watched));
+    }
     if (poll(watched.data(), watched.size(), pollTimeout()) < 0 && errno != EINTR) {
         throw std::system_error(errno, std::generic_category(), "poll");
     }
-    if (watched[1].revents != 0) {
-        readForwarder();
+    for (std::size_t i = 0; i < instances_.size(); ++i) {
+        if (watched[first + 2 * i].revents != 0) {
+            instances_[i]->read();
+        }
     }
     if (watched[0].revents != 0) {
         handleSignals();
     }
-    if (round_ != Round::none && session_ && session_->unanswered() == 0) {
-        finishRound();
-    }
-    if (endStatus_ && session_->outputEnded()) {
-        forwarderEnded();
-    }
+    handleInstances();
     handleTime();
-    if (session_) {
-        session_->write();
+    for (const auto& instance : instances_) {
+        instance->write();
     }
     log_.flush();
-}
-
-void Supervisor::readForwarder() {
-    for (const OutputEvent& event : session_->read()) {
-        handle(event);
-    }
 }
 
 void Supervisor::handleSignals() {
@@ -119,8 +114,8 @@ void Supervisor::handleSignal(int number) {
     if (number == SIGHUP) {
         reload();
     } else if (number == SIGCHLD) {
-        if (session_ && !endStatus_) {
-            endStatus_ = session_->reap();
+        for (const auto& instance : instances_) {
+            instance->reap();
         }
     } else if (number == SIGUSR1 || number == SIGUSR2) {
         // Some services rotate their logs on one of these signals. Unhandled, it would end
@@ -133,101 +128,51 @@ void Supervisor::handleSignal(int number) {
     }
 }
 
+void Supervisor::handleInstances() {
+    for (const auto& instance : instances_) {
+        if (instance->finishRound() != Instance::Round::none) {
+            finishRound();
+        }
+        instance->handleEnd();
+    }
+}
+
 void Supervisor::handleTime() {
-    if (due(startAgainAt_)) {
-        startAgain();
-    }
-    if (due(listenAgainAt_)) {
-        listenAgain();
-    }
     if (due(aliveAt_)) {
         answerWatchdog();
     }
-    watchForwarder();
     if (due(serveAgainAt_)) {
         serveMetrics();
     }
-    if (reportClock_.due(Clock::now())) {
-        askForReport();
-    }
-    if (session_) {
-        carryOut(shutdown_.goOn(Clock::now()));
+    for (const auto& instance : instances_) {
+        instance->handleTime();
     }
 }
 
-// ---- Start and end of the forwarder. ----
-
-bool Supervisor::startForwarder() {
-    const std::string program =
-        programPath(options_.program, wanted_.forwarder.program, ownFolder());
-    try {
-        session_.emplace(program, programArguments(wanted_.forwarder),
-                         programEnvironment(wanted_.forwarder));
-    } catch (const std::system_error& error) {
-        const bool full = error.code() == std::errc::too_many_files_open;
-        log_.say(LogLevel::error,
-                 "cannot run " + maskKeyDigits(program) + ": " +
-                     (full ? std::string(noDescriptorsLeft) : error.code().message()));
-        return false;
-    }
-    log_.say(LogLevel::info,
-             "started " + maskKeyDigits(program) + ", process " + std::to_string(session_->pid()));
-    round_ = Round::replay;
-    reportClock_.reset();
-    flowDescriptors_.clear();
-    publishStage(Stage::settingUp);
-    sendAll(deployment_.begin(wanted_));
-    if (metrics_) {
-        metrics_->childUp(true);
-    }
-    return true;
+void Supervisor::answerWatchdog() {
+    notification_.alive();
+    aliveAt_ = Clock::now() + *notification_.watchdogInterval() / 2;
 }
 
-void Supervisor::startAgain() {
-    if (!startForwarder()) {
-        pauseAfter(Clock::duration::zero());
-        return;
+// ---- The end of the controller. ----
+
+void Supervisor::terminate() {
+    if (!std::exchange(ending_, true)) {
+        notification_.stopping("Draining");
     }
-    if (metrics_) {
-        metrics_->countRestart();
+    bool drains = false;
+    for (const auto& instance : instances_) {
+        drains = instance->terminate() || drains;
+    }
+    if (drains) {
+        log_.say(LogLevel::info, "draining: ends after a second without traffic, or in " +
+                                     std::to_string(wanted_.supervision.drain.count()) +
+                                     " s at the latest");
     }
 }
 
-RestartPause Supervisor::firstPause() const {
-    return {wanted_.supervision.restartPause, wanted_.supervision.restartPauseMax};
-}
-
-void Supervisor::pauseAfter(Clock::duration lived) {
-    const std::chrono::milliseconds pause = restartPause_.after(lived);
-    startAgainAt_ = Clock::now() + pause;
-    log_.say(LogLevel::warn,
-             "starts the forwarder again in " + std::to_string(pause.count()) + " ms");
-    notification_.status("The forwarder ended and will be started again");
-}
-
-void Supervisor::forwarderEnded() {
-    const int status = *std::exchange(endStatus_, std::nullopt);
-    const Command* const current = session_->current();
-    const Clock::duration lived = session_->age();
-    const bool good = endedWell(status) && !running() && !shutdown_.draining();
-    std::string text = "the forwarder " + describeEnd(status);
-    if (running() && current != nullptr) {
-        text += " while handling the command for " + describe(*current);
-    }
-    log_.say(good ? LogLevel::info : LogLevel::error, text);
-    session_.reset();
-    hung_ = false;
-    reportClock_.stop();
-    listenAgainAt_.reset();
-    if (metrics_) {
-        metrics_->childUp(false);
-    }
-    if (running()) {
-        pauseAfter(lived);
-        return;
-    }
-    exitStatus_ = good ? exit_status::success : exit_status::forwarderFailed;
-    ended_ = true;
+bool Supervisor::ended() const {
+    return std::ranges::all_of(instances_, [](const auto& instance) { return instance->ended(); });
 }
 
 }  // namespace vesk::controller
