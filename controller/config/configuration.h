@@ -7,6 +7,7 @@
 #include <map>
 #include <optional>
 #include <string>
+#include <vector>
 
 namespace vesk::controller {
 
@@ -65,6 +66,17 @@ struct ForwarderSettings {
     bool expireAuxiliaryFlows = true;
     std::string ipv4Source = "arrival";
     std::string logLevel = "info";
+    std::uint32_t instances = 1;  ///< on this host; a power of two
+};
+
+/// Where the instances of this host listen, each on a port of its own, if the datagrams to the
+/// public port are steered to them. Both ends are included.
+struct InstancePorts {
+    std::uint16_t first = 0;
+    std::uint16_t last = 0;
+    /// Of the lateral stream between the instances, on loopback addresses.
+    std::uint16_t lateral = 0;
+    bool operator==(const InstancePorts&) const = default;
 };
 
 struct Lateral {
@@ -72,6 +84,16 @@ struct Lateral {
     std::uint32_t index = 0;
     std::uint32_t instances = 0;
     std::map<std::uint32_t, std::string> peers;  ///< addresses by index
+};
+
+/// A lateral stream of several hosts with several instances each. Each instance has an address.
+struct LateralHosts {
+    std::uint16_t port = 0;
+    std::uint32_t index = 0;             ///< of this host
+    std::uint32_t hosts = 0;             ///< their number
+    std::vector<std::string> addresses;  ///< of this host's instances, by instance
+    std::map<std::uint32_t, std::vector<std::string>> peers;  ///< addresses by host and instance
+    bool operator==(const LateralHosts&) const = default;
 };
 
 struct SupervisionSettings {
@@ -96,7 +118,9 @@ struct Configuration {
     ForwarderSettings forwarder;
     HostPort downstream;
     ListenLines downstreamLines;
-    std::optional<Lateral> lateral;
+    std::optional<InstancePorts> instancePorts;
+    std::optional<Lateral> lateral;            ///< of a host with one instance
+    std::optional<LateralHosts> lateralHosts;  ///< of a host with several
     SupervisionSettings supervision;
     MetricsSettings metrics;
     std::map<std::uint32_t, Flow> flows;  ///< by label; names are not sent to the forwarder
