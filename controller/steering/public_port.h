@@ -2,6 +2,8 @@
 // service/supervisor, on the main thread.
 #pragma once
 
+#include <cstdint>
+
 #include "base/unique_fd.h"
 #include "config/configuration.h"
 
@@ -22,6 +24,7 @@ class PublicPort {
  private:
     UniqueFd socket_;
     UniqueFd claim_;
+    std::uint16_t port_ = 0;
 };
 
 }  // namespace vesk::controller

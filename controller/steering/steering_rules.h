@@ -29,8 +29,9 @@ SteeringPlan steeringPlan(const Configuration& configuration,
 /// One transaction that creates the table. A table that a crash has left behind is replaced.
 std::string steeringRules(const SteeringPlan& plan);
 
-/// One transaction after which datagrams for the instance go to another port.
-std::string steeringSwap(std::uint16_t publicPort, std::size_t instance, std::uint16_t newPort);
+/// One transaction after which datagrams go to these ports, by instance. Entries that somebody has
+/// removed are added again.
+std::string steeringSwap(std::uint16_t publicPort, const std::vector<std::uint16_t>& ports);
 
 /// Removes the table, if it exists.
 std::string steeringRemoval(std::uint16_t publicPort);
