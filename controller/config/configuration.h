@@ -81,19 +81,18 @@ struct InstancePorts {
 
 struct Lateral {
     HostPort listen;
-    std::uint32_t index = 0;
+    /// Of this host's instances, if it has several; the host of `listen` is then empty.
+    std::vector<std::string> addresses;
+    std::uint32_t index = 0;  ///< of this host's first instance
     std::uint32_t instances = 0;
     std::map<std::uint32_t, std::string> peers;  ///< addresses by index
-};
 
-/// A lateral stream of several hosts with several instances each. Each instance has an address.
-struct LateralHosts {
-    std::uint16_t port = 0;
-    std::uint32_t index = 0;             ///< of this host
-    std::uint32_t hosts = 0;             ///< their number
-    std::vector<std::string> addresses;  ///< of this host's instances, by instance
-    std::map<std::uint32_t, std::vector<std::string>> peers;  ///< addresses by host and instance
-    bool operator==(const LateralHosts&) const = default;
+    std::uint32_t instancesHere() const {
+        return addresses.empty() ? 1 : static_cast<std::uint32_t>(addresses.size());
+    }
+    bool isHere(std::uint32_t other) const {
+        return other >= index && other - index < instancesHere();
+    }
 };
 
 struct SupervisionSettings {
@@ -119,8 +118,7 @@ struct Configuration {
     HostPort downstream;
     ListenLines downstreamLines;
     std::optional<InstancePorts> instancePorts;
-    std::optional<Lateral> lateral;            ///< of a host with one instance
-    std::optional<LateralHosts> lateralHosts;  ///< of a host with several
+    std::optional<Lateral> lateral;
     SupervisionSettings supervision;
     MetricsSettings metrics;
     std::map<std::uint32_t, Flow> flows;  ///< by label; names are not sent to the forwarder

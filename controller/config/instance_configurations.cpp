@@ -1,7 +1,7 @@
 #include "config/instance_configurations.h"
 
+#include <optional>
 #include <string>
-#include <utility>
 
 namespace vesk::controller {
 
@@ -34,37 +34,30 @@ Lateral streamOfThisHost(const InstancePorts& range, const std::vector<std::uint
     return lateral;
 }
 
-/// The index of instance i of host h is h * N + i, so that index mod N is i: the owner of a label
-/// among all hosts is the instance to which each host steers it.
-Lateral streamOfHosts(const LateralHosts& hosts, std::size_t instance) {
-    const std::size_t perHost = hosts.addresses.size();
-    const auto indexOf = [&](std::uint32_t host, std::size_t number) {
-        return static_cast<std::uint32_t>(host * perHost + number);
-    };
-    Lateral lateral;
-    lateral.listen = {hosts.addresses[instance], hosts.port};
-    lateral.index = indexOf(hosts.index, instance);
-    lateral.instances = indexOf(hosts.hosts, 0);
-    const auto addPeers = [&](std::uint32_t host, const std::vector<std::string>& addresses) {
-        for (std::size_t number = 0; number < addresses.size(); ++number) {
-            lateral.peers.emplace(indexOf(host, number), addresses[number]);
+/// The part of one instance of a stream that joins several hosts. The indices of a host begin with
+/// a multiple of its number of instances, so the owner of a label is, on each host, the instance to
+/// which the host steers it.
+Lateral partOf(const Lateral& whole, std::size_t instance) {
+    Lateral lateral = whole;
+    lateral.listen.host = whole.addresses[instance];
+    lateral.addresses.clear();
+    lateral.index = whole.index + static_cast<std::uint32_t>(instance);
+    for (std::size_t other = 0; other < whole.addresses.size(); ++other) {
+        if (other != instance) {
+            lateral.peers.emplace(whole.index + static_cast<std::uint32_t>(other),
+                                  whole.addresses[other]);
         }
-    };
-    addPeers(hosts.index, hosts.addresses);
-    for (const auto& [host, addresses] : hosts.peers) {
-        addPeers(host, addresses);
     }
-    lateral.peers.erase(lateral.index);
     return lateral;
 }
 
 std::optional<Lateral> lateralOf(const Configuration& configuration,
                                  const std::vector<std::uint16_t>& ports, std::size_t instance) {
-    if (configuration.lateralHosts) {
-        return streamOfHosts(*configuration.lateralHosts, instance);
+    if (ports.size() == 1) {
+        return configuration.lateral;
     }
-    return ports.size() == 1 ? configuration.lateral
-                             : streamOfThisHost(*configuration.instancePorts, ports, instance);
+    return configuration.lateral ? partOf(*configuration.lateral, instance)
+                                 : streamOfThisHost(*configuration.instancePorts, ports, instance);
 }
 
 /// A flow whose prefix belongs to another instance than its label is declared on both. Only one of
@@ -112,7 +105,6 @@ std::vector<Configuration> instanceConfigurations(const Configuration& configura
     common.flows.clear();
     common.forwarder.instances = 1;
     common.instancePorts.reset();
-    common.lateralHosts.reset();
     std::vector<Configuration> parts(ports.size(), common);
     for (std::size_t instance = 0; instance < ports.size(); ++instance) {
         parts[instance].downstream.port = ports[instance];
