@@ -11,11 +11,24 @@
 
 namespace vesk::controller {
 
-Instance::Instance(const InstanceSurroundings& surroundings, InstanceLog log, Configuration wanted)
+namespace {
+
+/// Precedes the lines of an instance; empty if there is only one.
+std::string prefixOf(const InstanceSurroundings& surroundings, std::size_t number) {
+    return surroundings.instances > 1 ? "instance " + std::to_string(number) + ": " : "";
+}
+
+}  // namespace
+
+Instance::Instance(const InstanceSurroundings& surroundings, InstanceIdentity identity,
+                   Configuration wanted, InstanceRole role)
     : surroundings_(surroundings),
       metrics_(surroundings.metrics),
-      log_(std::move(log)),
+      identity_(identity),
+      role_(role),
+      log_(surroundings.log, prefixOf(surroundings, identity.number)),
       wanted_(std::move(wanted)),
+      kernelWatch_("/proc", surroundings.instances),
       restartPause_(firstPause()),
       listenPause_(restartPause_) {}
 
@@ -115,7 +128,7 @@ bool Instance::startForwarder() {
     publishStage(Stage::settingUp);
     sendAll(deployment_.begin(wanted_));
     if (metrics_ != nullptr) {
-        metrics_->childUp(true);
+        metrics_->childUp(true, identity_.child);
     }
     return true;
 }
@@ -126,7 +139,7 @@ void Instance::startAgain() {
         return;
     }
     if (metrics_ != nullptr) {
-        metrics_->countRestart();
+        metrics_->countRestart(identity_.child);
     }
 }
 
@@ -161,9 +174,9 @@ void Instance::forwarderEnded() {
     reportClock_.stop();
     listenAgainAt_.reset();
     if (metrics_ != nullptr) {
-        metrics_->childUp(false);
+        metrics_->childUp(false, identity_.child);
     }
-    if (running()) {
+    if (running() && role_ == InstanceRole::kept) {
         pauseAfter(lived);
         return;
     }

@@ -7,6 +7,7 @@
 
 #include <array>
 #include <chrono>
+#include <cstddef>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -20,6 +21,7 @@
 #include "service/deployment.h"
 #include "service/graceful_shutdown.h"
 #include "service/instance_log.h"
+#include "service/log_output.h"
 #include "service/options.h"
 #include "service/report_clock.h"
 #include "service/service_notification.h"
@@ -30,7 +32,21 @@ namespace vesk::controller {
 struct InstanceSurroundings {
     const Options& options;
     const ServiceNotification& notification;
+    LogOutput& log;
     MetricsServer* metrics;  ///< null if there are none
+    std::size_t instances;   ///< their number
+};
+
+/// Which of the instances it is, and for the metrics, which of their forwarders.
+struct InstanceIdentity {
+    std::size_t number = 0;
+    ChildId child = 0;
+};
+
+/// What an instance does when its forwarder ends.
+enum class InstanceRole {
+    kept,     ///< it starts the forwarder again
+    onTrial,  ///< it ends too: another instance is to be replaced, and is kept then
 };
 
 class Instance {
@@ -42,7 +58,8 @@ class Instance {
     /// try refused listeners again.
     enum class Round { none, replay, reload, listen };
 
-    Instance(const InstanceSurroundings& surroundings, InstanceLog log, Configuration wanted);
+    Instance(const InstanceSurroundings& surroundings, InstanceIdentity identity,
+             Configuration wanted, InstanceRole role = InstanceRole::kept);
 
     Instance(const Instance&) = delete;
     Instance& operator=(const Instance&) = delete;
@@ -73,13 +90,22 @@ class Instance {
     void take(Configuration wanted);
     /// Sends what differs to the forwarder, if one runs.
     void applyReload();
+    /// Takes other addresses of the lateral stream and sends them to the forwarder, if one runs.
+    void follow(const std::optional<Lateral>& lateral);
     /// Whether a downstream address has been refused, and the old one kept, since the last call.
     bool takeAddressRefusal();
 
-    // The end of the controller.
+    // Replacement, and the end of the controller.
 
-    /// Begins to end the forwarder; a second call ends the drain. True if a drain has begun.
-    bool terminate();
+    /// Ends the trial: the forwarder is started again from now on when it ends.
+    void keep() { role_ = InstanceRole::kept; }
+    /// Why this instance cannot take the place of `old`; empty if it can.
+    std::string obstacleToReplace(const Instance& old) const;
+    /// Deletes the flows that send from an address of their own, which another forwarder needs.
+    void releaseSources();
+    /// Begins to end the forwarder, which drains for this time at most; a second call ends the
+    /// drain. True if a drain has begun.
+    bool terminate(std::chrono::seconds drain);
 
     /// Whether the forwarder is to be kept running.
     bool running() const { return !shutdown_.begun() && !ended_; }
@@ -88,11 +114,20 @@ class Instance {
     bool endedWell() const { return endedWell_; }
 
     bool hasForwarder() const { return session_.has_value(); }
-    Round round() const { return round_; }
+    /// Whether no outcome of a command is awaited.
+    bool settled() const { return round_ == Round::none || !session_; }
+    /// Whether its forwarder has all its flows and listens.
+    bool serves() const {
+        return session_ && round_ == Round::none && deployment_.listensEverywhere();
+    }
+    const InstanceIdentity& identity() const { return identity_; }
+    const Configuration& wanted() const { return wanted_; }
     const Deployment& deployment() const { return deployment_; }
 
     /// "3 flows, 1 refused, not listening".
     std::string summary() const;
+    /// ", not listening", or empty.
+    std::string listenerTroubles() const;
 
  private:
     static bool due(Deadline& deadline);
@@ -132,6 +167,8 @@ class Instance {
     void keepAddress(const HostPort& old, std::string_view reason);
     void noteStart(const Outcome& outcome);
 
+    bool isOneOfSeveral() const { return surroundings_.instances > 1; }
+
     // Metrics.
     void publishFlows();
     void publishListening();
@@ -141,6 +178,8 @@ class Instance {
 
     const InstanceSurroundings& surroundings_;
     MetricsServer* const metrics_;
+    const InstanceIdentity identity_;
+    InstanceRole role_;
     InstanceLog log_;
     Configuration wanted_;
     KernelWatch kernelWatch_;

@@ -61,9 +61,11 @@ void Instance::handleOutcome(const Outcome& outcome) {
 
 void Instance::handleReport(const Report& report) {
     if (metrics_ != nullptr) {
-        metrics_->update(report, deployment_.flowNames());
+        metrics_->update(report, deployment_.flowNames(), identity_.child);
     }
-    if (const std::optional<std::string> warning = kernelWatch_.takeWarning()) {
+    const std::optional<std::string> warning = kernelWatch_.takeWarning();
+    // It is about the host, so one instance reports it for all.
+    if (warning && identity_.number == 0) {
         log_.say(LogLevel::warn, *warning);
     }
     if (shutdown_.draining()) {
@@ -111,8 +113,10 @@ void Instance::applyReload() {
         log_.say(LogLevel::warn, name + ": the change applies at the next start of the forwarder");
     }
     const std::string subjects = listSubjects(changes.commands);
-    log_.say(LogLevel::info, "reload: " + countOf(changes.commands.size(), "command") + " to send" +
-                                 (subjects.empty() ? "" : ": " + subjects));
+    if (!isOneOfSeveral() || !subjects.empty()) {
+        log_.say(LogLevel::info, "reload: " + countOf(changes.commands.size(), "command") +
+                                     " to send" + (subjects.empty() ? "" : ": " + subjects));
+    }
     round_ = Round::reload;
     publishStage(Stage::settingUp);
     reportClock_.stop();
@@ -121,7 +125,7 @@ void Instance::applyReload() {
 
 // ---- The end of the controller. ----
 
-bool Instance::terminate() {
+bool Instance::terminate(std::chrono::seconds drain) {
     if (running()) {
         startAgainAt_.reset();
         listenAgainAt_.reset();
@@ -131,8 +135,8 @@ bool Instance::terminate() {
         ended_ = true;
         return false;
     }
-    const bool drains = !shutdown_.begun() && wanted_.supervision.drain != std::chrono::seconds(0);
-    carryOut(shutdown_.ask(wanted_.supervision.drain, Clock::now()));
+    const bool drains = !shutdown_.begun() && drain != std::chrono::seconds(0);
+    carryOut(shutdown_.ask(drain, Clock::now()));
     if (drains) {
         askForReport();
     }

@@ -23,7 +23,7 @@ void Instance::count(const LogLine& line) {
     if (metrics_ == nullptr || !event || line.level > levelNamed(wanted_.forwarder.logLevel)) {
         return;
     }
-    metrics_->count(*event);
+    metrics_->count(*event, identity_.child);
     if (event == LogEvent::endpointCreated) {
         noteCreatedEndpoint(line.text, flowDescriptors_);
     }
@@ -45,11 +45,12 @@ void Instance::askTheKernel() {
     } else if (metrics_ != nullptr && metrics_->perFlow()) {
         target.flows = flowDescriptors_;
     }
-    kernelWatch_.look(std::move(target), [metrics = metrics_](const KernelFigures& figures) {
-        if (metrics != nullptr) {
-            metrics->setKernelFigures(figures);
-        }
-    });
+    kernelWatch_.look(std::move(target),
+                      [metrics = metrics_, child = identity_.child](const KernelFigures& figures) {
+                          if (metrics != nullptr) {
+                              metrics->setKernelFigures(figures, child);
+                          }
+                      });
 }
 
 }  // namespace vesk::controller

@@ -42,7 +42,7 @@ void Instance::endHungForwarder() {
                                   session_->current()->subject + ": killing it");
     tellStatus("The forwarder hangs and is being killed");
     if (metrics_ != nullptr) {
-        metrics_->childUp(false);
+        metrics_->childUp(false, identity_.child);
     }
     session_->signal(SIGKILL);
 }

@@ -17,9 +17,9 @@ Instance::Round Instance::finishRound() {
     publishFlows();
     if (finished == Round::replay) {
         log_.say(LogLevel::info, "the forwarder is set up: " + summary());
-    } else if (finished == Round::reload) {
+    } else if (finished == Round::reload && !isOneOfSeveral()) {
         log_.say(LogLevel::info, "reloaded: " + summary());
-    } else if (deployment_.listensEverywhere()) {
+    } else if (finished == Round::listen && deployment_.listensEverywhere()) {
         log_.say(LogLevel::info, "the forwarder listens: " + summary());
     }
     if (running()) {
@@ -64,6 +64,11 @@ std::string Instance::summary() const {
     if (const std::size_t refused = deployment_.refusals().flows.size(); refused > 0) {
         text += ", " + std::to_string(refused) + " refused";
     }
+    return text + listenerTroubles();
+}
+
+std::string Instance::listenerTroubles() const {
+    std::string text;
     if (deployment_.refusals().downstream) {
         text += ", not listening";
     }
@@ -75,20 +80,22 @@ std::string Instance::summary() const {
 
 void Instance::publishFlows() {
     if (metrics_ != nullptr) {
-        metrics_->setFlows(deployment_.declaredFlows(), deployment_.acceptedFlows());
+        metrics_->setFlows(deployment_.declaredFlows(), deployment_.acceptedFlows(),
+                           identity_.child);
     }
     publishListening();
 }
 
 void Instance::publishListening() {
     if (metrics_ != nullptr) {
-        metrics_->setListening(deployment_.listening(), deployment_.lateralListening());
+        metrics_->setListening(deployment_.listening(), deployment_.lateralListening(),
+                               identity_.child);
     }
 }
 
 void Instance::publishStage(Stage stage) {
     if (metrics_ != nullptr) {
-        metrics_->setStage(stage);
+        metrics_->setStage(stage, identity_.child);
     }
 }
 

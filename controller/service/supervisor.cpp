@@ -6,10 +6,11 @@
 #include <cerrno>
 #include <chrono>
 #include <csignal>
-#include <cstring>
 #include <iterator>
 #include <system_error>
 #include <utility>
+
+#include "config/instance_configurations.h"
 
 namespace vesk::controller {
 
@@ -19,7 +20,8 @@ Supervisor::Supervisor(const Options& options, Configuration configuration, LogO
       log_(log),
       signals_({SIGHUP, SIGTERM, SIGINT, SIGCHLD, SIGUSR1, SIGUSR2}),
       servedMetrics_(wanted_.metrics),
-      servePause_(wanted_.supervision.restartPause, wanted_.supervision.restartPauseMax) {
+      servePause_(wanted_.supervision.restartPause, wanted_.supervision.restartPauseMax),
+      steerPause_(servePause_) {
     log_.setLimited(wanted_.supervision.logLimit);
 }
 
@@ -37,16 +39,8 @@ int Supervisor::run() {
         waitAndHandle();
     }
     const bool well =
-        std::ranges::all_of(instances_, [](const auto& it) { return it->endedWell(); });
+        std::ranges::all_of(instances_, [](const auto& instance) { return instance->endedWell(); });
     return well ? exit_status::success : exit_status::forwarderFailed;
-}
-
-/// Makes and starts the instances. False, after logging, if one cannot be started.
-bool Supervisor::begin() {
-    surroundings_.emplace(InstanceSurroundings{options_, notification_, metrics_.get()});
-    instances_.push_back(
-        std::make_unique<Instance>(*surroundings_, InstanceLog(log_, ""), wanted_));
-    return std::ranges::all_of(instances_, [](const auto& instance) { return instance->start(); });
 }
 
 // ---- One turn of the loop. ----
@@ -60,9 +54,12 @@ bool Supervisor::due(Deadline& deadline) {
 }
 
 int Supervisor::pollTimeout() const {
-    std::vector<Deadline> deadlines{aliveAt_, serveAgainAt_, log_.countDueAt()};
-    for (const auto& instance : instances_) {
+    std::vector<Deadline> deadlines{aliveAt_, serveAgainAt_, steerAgainAt_, log_.countDueAt()};
+    for (const Instance* const instance : allInstances()) {
         deadlines.push_back(instance->dueAt());
+    }
+    if (replacement_) {
+        deadlines.push_back(replacement_->giveUpAt);
     }
     Deadline nearest;
     for (const Deadline& deadline : deadlines) {
@@ -82,23 +79,25 @@ void Supervisor::waitAndHandle() {
     std::vector<pollfd> watched{{signals_.descriptor(), POLLIN, 0},
                                 {log_.pending() ? log_.descriptor() : -1, POLLOUT, 0}};
     const std::size_t first = watched.size();
-    for (const auto& instance : instances_) {
+    const std::vector<Instance*> instances = allInstances();
+    for (const Instance* const instance : instances) {
         std::ranges::copy(instance->watched(), std::back_inserter(watched));
     }
     if (poll(watched.data(), watched.size(), pollTimeout()) < 0 && errno != EINTR) {
         throw std::system_error(errno, std::generic_category(), "poll");
     }
-    for (std::size_t i = 0; i < instances_.size(); ++i) {
+    for (std::size_t i = 0; i < instances.size(); ++i) {
         if (watched[first + 2 * i].revents != 0) {
-            instances_[i]->read();
+            instances[i]->read();
         }
     }
     if (watched[0].revents != 0) {
         handleSignals();
     }
     handleInstances();
+    continueReplacement();
     handleTime();
-    for (const auto& instance : instances_) {
+    for (Instance* const instance : allInstances()) {
         instance->write();
     }
     log_.flush();
@@ -114,26 +113,37 @@ void Supervisor::handleSignal(int number) {
     if (number == SIGHUP) {
         reload();
     } else if (number == SIGCHLD) {
-        for (const auto& instance : instances_) {
+        for (Instance* const instance : allInstances()) {
             instance->reap();
         }
-    } else if (number == SIGUSR1 || number == SIGUSR2) {
-        // Some services rotate their logs on one of these signals. Unhandled, it would end
-        // the controller.
+    } else if (number == SIGUSR2) {
+        beginReplacement();
+    } else if (number == SIGUSR1) {
+        // Some services rotate their logs on this signal. Unhandled, it would end the controller.
         log_.say(LogLevel::warn,
-                 std::string("SIG") + sigabbrev_np(number) +
-                     " is ignored: SIGHUP reloads the file, SIGTERM ends the controller");
+                 "SIGUSR1 is ignored: SIGHUP reloads the file, SIGTERM ends the controller");
     } else {
         terminate();
     }
 }
 
+/// One of several instances that ends no longer delays the report of the others.
 void Supervisor::handleInstances() {
     for (const auto& instance : instances_) {
-        if (instance->finishRound() != Instance::Round::none) {
+        const bool finished = instance->finishRound() != Instance::Round::none;
+        const bool forwarderEnded = instance->handleEnd();
+        if (finished || (forwarderEnded && areSeveral())) {
             finishRound();
         }
-        instance->handleEnd();
+    }
+    if (replacement_) {
+        for (Instance* const instance :
+             {replacement_->incoming.get(), replacement_->outgoing.get()}) {
+            if (instance != nullptr) {
+                instance->finishRound();
+                instance->handleEnd();
+            }
+        }
     }
 }
 
@@ -144,7 +154,10 @@ void Supervisor::handleTime() {
     if (due(serveAgainAt_)) {
         serveMetrics();
     }
-    for (const auto& instance : instances_) {
+    if (due(steerAgainAt_)) {
+        checkSteering();
+    }
+    for (Instance* const instance : allInstances()) {
         instance->handleTime();
     }
 }
@@ -157,12 +170,16 @@ void Supervisor::answerWatchdog() {
 // ---- The end of the controller. ----
 
 void Supervisor::terminate() {
-    if (!std::exchange(ending_, true)) {
+    const bool first = !std::exchange(ending_, true);
+    if (first) {
         notification_.stopping("Draining");
     }
     bool drains = false;
     for (const auto& instance : instances_) {
-        drains = instance->terminate() || drains;
+        drains = instance->terminate(wanted_.supervision.drain) || drains;
+    }
+    if (!first && replacement_ && replacement_->outgoing) {
+        replacement_->outgoing->terminate(wanted_.supervision.drain);
     }
     if (drains) {
         log_.say(LogLevel::info, "draining: ends after a second without traffic, or in " +
@@ -172,7 +189,8 @@ void Supervisor::terminate() {
 }
 
 bool Supervisor::ended() const {
-    return std::ranges::all_of(instances_, [](const auto& instance) { return instance->ended(); });
+    return !replacement_ &&
+           std::ranges::all_of(instances_, [](const auto& instance) { return instance->ended(); });
 }
 
 }  // namespace vesk::controller

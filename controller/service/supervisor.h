@@ -2,6 +2,8 @@
 // forwarder's instances and deadlines. Called by main.
 #pragma once
 
+#include <cstddef>
+#include <cstdint>
 #include <memory>
 #include <optional>
 #include <string>
@@ -17,8 +19,17 @@
 #include "service/options.h"
 #include "service/service_notification.h"
 #include "service/signal_source.h"
+#include "service/steering.h"
 
 namespace vesk::controller {
+
+/// A replacement of all instances, one after the other.
+struct Replacement {
+    std::size_t next = 0;                ///< the instance to be replaced
+    std::unique_ptr<Instance> incoming;  ///< the new one, until it takes over
+    std::unique_ptr<Instance> outgoing;  ///< the old one after that, until it has ended
+    Instance::Deadline giveUpAt;
+};
 
 class Supervisor {
  public:
@@ -33,7 +44,6 @@ class Supervisor {
     using Deadline = Instance::Deadline;
 
     // One turn of the loop.
-    bool begin();
     int pollTimeout() const;
     void waitAndHandle();
     static bool due(Deadline& deadline);
@@ -43,20 +53,44 @@ class Supervisor {
     void handleTime();
     void answerWatchdog();
 
+    // The instances.
+    bool begin();
+    std::unique_ptr<Instance> makeInstance(std::size_t number, Configuration part,
+                                           InstanceRole role);
+    /// Also those of a replacement.
+    std::vector<Instance*> allInstances() const;
+    bool areSeveral() const { return instances_.size() > 1; }
+    void steer();
+    void checkSteering();
+
     // Reload.
     void reload();
     void refuseReload(const Problems& problems);
     void applyReload(Configuration configuration);
+    void shareOut(const Configuration& configuration);
+
+    // Replacement.
+    void beginReplacement();
+    void continueReplacement();
+    bool startIncoming();
+    void judgeIncoming();
+    void takeOver();
+    void dropOutgoing();
+    void failReplacement(const std::string& reason);
+    void endReplacement(ReplacementOutcome outcome);
+    std::vector<std::uint16_t> portsWithSpare() const;
+    std::string nameOf(std::size_t instance) const;
 
     // Readiness of the service.
     void finishRound();
+    void sayRound();
     void tellReloaded(std::string_view status);
     std::string summary() const;
 
     // Metrics.
     bool beginMetrics();
     void serveMetrics();
-    void reloadMetrics(const MetricsSettings& wanted);
+    void reloadMetrics();
     void countReload();
 
     // The end of the controller.
@@ -65,7 +99,7 @@ class Supervisor {
     bool ended() const;
 
     const Options& options_;
-    Configuration wanted_;
+    Configuration wanted_;  // without the flows, which the instances have
     LogOutput& log_;
     SignalSource signals_;
     ServiceNotification notification_ = ServiceNotification::fromEnvironment();
@@ -73,14 +107,23 @@ class Supervisor {
     std::unique_ptr<MetricsServer> metrics_;
     std::optional<InstanceSurroundings> surroundings_;
     RestartPause servePause_;
+    RestartPause steerPause_;
+
+    Steering steering_;
+    std::vector<std::uint16_t> ports_;  // of the instances
     // Declared after what they use.
     std::vector<std::unique_ptr<Instance>> instances_;
+    std::optional<Replacement> replacement_;
 
     bool ending_ = false;
-    bool ready_ = false;       // the service manager has been told that the service is ready
-    bool reloadTold_ = false;  // the service manager has been told of a reload, but not of its end
+    bool ready_ = false;        // the service manager has been told that the service is ready
+    bool reloadTold_ = false;   // the service manager has been told of a reload, but not of its end
+    bool reloadWaits_ = false;  // until the replacement has ended
     std::optional<ReloadOutcome> reload_;  // of the last reload, until it is counted
+    /// Of several instances: what all of them do at present.
+    Instance::Round commonRound_ = Instance::Round::none;
     Deadline serveAgainAt_;
+    Deadline steerAgainAt_;
     Deadline aliveAt_;
 };
 

@@ -38,7 +38,8 @@ void Supervisor::serveMetrics() {
 }
 
 /// A new address or port is used only if the pages are not being served yet.
-void Supervisor::reloadMetrics(const MetricsSettings& wanted) {
+void Supervisor::reloadMetrics() {
+    const MetricsSettings& wanted = wanted_.metrics;
     if (metrics_ && !metrics_->serving()) {
         servedMetrics_.address = wanted.address;
         servedMetrics_.port = wanted.port;

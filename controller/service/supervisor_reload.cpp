@@ -1,10 +1,13 @@
 // Reads the configuration file again on SIGHUP. The loop is in supervisor.cpp.
 #include <string>
 #include <utility>
+#include <vector>
 
 #include "config/configuration_reader.h"
+#include "config/instance_configurations.h"
 #include "config/key_mask.h"
 #include "service/host_limits.h"
+#include "service/steered_reload.h"
 #include "service/supervisor.h"
 
 namespace vesk::controller {
@@ -12,6 +15,11 @@ namespace vesk::controller {
 void Supervisor::reload() {
     if (!running()) {
         log_.say(LogLevel::warn, "SIGHUP is ignored: the controller is ending");
+        return;
+    }
+    if (replacement_) {
+        log_.say(LogLevel::info, "reloads the file after the replacement");
+        reloadWaits_ = true;
         return;
     }
     if (ready_) {
@@ -42,20 +50,34 @@ void Supervisor::refuseReload(const Problems& problems) {
 
 void Supervisor::applyReload(Configuration configuration) {
     reload_ = ReloadOutcome::done;
-    wanted_ = std::move(configuration);
-    log_.setLimited(wanted_.supervision.logLimit);
-    for (const std::string& warning : limitWarnings(wanted_)) {
+    for (const std::string& key : keepSteering(wanted_, configuration)) {
+        log_.say(LogLevel::warn, key + ": the change applies at the next start of the controller");
+    }
+    log_.setLimited(configuration.supervision.logLimit);
+    for (const std::string& warning : limitWarnings(configuration)) {
         log_.say(LogLevel::warn, warning);
     }
-    reloadMetrics(wanted_.metrics);
+    shareOut(configuration);
+    wanted_ = std::move(configuration);
+    wanted_.flows.clear();
+    reloadMetrics();
+    commonRound_ = Instance::Round::reload;
     bool sent = false;
     for (const auto& instance : instances_) {
-        instance->take(wanted_);
         instance->applyReload();
         sent = sent || instance->hasForwarder();
     }
     if (!sent) {
         tellReloaded("The forwarder will be started again");
+    }
+}
+
+/// Gives each instance its part.
+void Supervisor::shareOut(const Configuration& configuration) {
+    std::vector<Configuration> parts = instanceConfigurations(
+        configuration, isSteered(configuration) ? ports_ : firstPorts(configuration));
+    for (const auto& instance : instances_) {
+        instance->take(std::move(parts[instance->identity().number]));
     }
 }
 
