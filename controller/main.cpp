@@ -13,6 +13,7 @@
 #include "config/configuration_warnings.h"
 #include "config/instance_configurations.h"
 #include "config/new_key.h"
+#include "service/filter_right.h"
 #include "service/host_limits.h"
 #include "service/log_output.h"
 #include "service/options.h"
@@ -150,6 +151,7 @@ int runGuarded(int argumentCount, char** arguments) {
 
 int main(int argumentCount, char** arguments) {
     vesk::controller::holdBackReloads();
+    vesk::controller::keepFilterRightFromChildren();
     vesk::occupyStandardDescriptors(vesk::ClosedStream::isEmpty);
     // The forwarder's end is reported by SIGCHLD, and a closed log must not end the controller.
     std::signal(SIGPIPE, SIG_IGN);

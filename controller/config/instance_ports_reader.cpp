@@ -73,13 +73,38 @@ struct User {
 using Users = std::map<std::pair<std::string, std::uint16_t>, User>;
 
 /// A reply to a shared source arrives at one of the sockets, so they have to be in one process.
-void checkSharedSource(TableReader& flow, const HostPort& source, const User& user, Users& users) {
+void checkSharedSource(TableReader& table, const HostPort& source, const User& user, Users& users) {
     const auto [first, added] = users.try_emplace({source.host, source.port}, user);
     if (!added && first->second.instance != user.instance) {
-        flow.complain("source", "is also that of " + first->second.place +
-                                    ", which belongs to another instance: instance (label >> 16) "
-                                    "mod forwarder.instances has the flow");
+        table.complain("source", "is also that of " + first->second.place +
+                                     ", which belongs to another instance: instance (label >> 16) "
+                                     "mod forwarder.instances has the flow");
     }
+}
+
+void checkSource(TableReader& table, const Flow& flow, const Configuration& configuration,
+                 Users& users) {
+    if (!flow.source) {
+        return;
+    }
+    if (contains(*configuration.instancePorts, flow.source->port)) {
+        table.complain("source", "has one of downstream.instance_ports");
+    }
+    const std::string& place = table.place();
+    checkSharedSource(table, *flow.source,
+                      {instanceOf(configuration, flow.label >> prefixBits), place}, users);
+    if (flow.auxiliary) {
+        checkSharedSource(table, *flow.source,
+                          {instanceOf(configuration, flow.auxiliary->prefix), place + ".auxiliary"},
+                          users);
+    }
+}
+
+/// The flow that was read from the table; none if it has no label.
+const Flow* flowOf(const toml::table& table, const Configuration& configuration) {
+    const std::int64_t label = table["label"].value_exact<std::int64_t>().value_or(0);
+    const auto flow = configuration.flows.find(static_cast<std::uint32_t>(label));
+    return flow == configuration.flows.end() ? nullptr : &flow->second;
 }
 
 }  // namespace
@@ -105,24 +130,11 @@ std::optional<InstancePorts> readInstancePorts(TableReader& downstream,
 void checkSources(TableReader& flows, const Configuration& configuration) {
     Users users;
     for (const auto& [key, node] : flows.raw()) {
-        const toml::table* const table = node.as_table();
-        const std::int64_t label =
-            table == nullptr ? 0 : (*table)["label"].value_exact<std::int64_t>().value_or(0);
-        const auto found = configuration.flows.find(static_cast<std::uint32_t>(label));
-        if (found == configuration.flows.end() || !found->second.source) {
-            continue;
-        }
-        const Flow& flow = found->second;
-        const std::string place = flows.placeOf(key.str());
-        TableReader reader(*table, place, flows.problems());
-        if (contains(*configuration.instancePorts, flow.source->port)) {
-            reader.complain("source", "has one of downstream.instance_ports");
-        }
-        const std::size_t owner = instanceOf(configuration, flow.label >> prefixBits);
-        checkSharedSource(reader, *flow.source, {owner, place}, users);
-        if (flow.auxiliary) {
-            const std::size_t other = instanceOf(configuration, flow.auxiliary->prefix);
-            checkSharedSource(reader, *flow.source, {other, place + ".auxiliary"}, users);
+        if (const toml::table* const table = node.as_table()) {
+            TableReader reader(*table, flows.placeOf(key.str()), flows.problems());
+            if (const Flow* const flow = flowOf(*table, configuration)) {
+                checkSource(reader, *flow, configuration, users);
+            }
         }
     }
 }

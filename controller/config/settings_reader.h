@@ -4,7 +4,6 @@
 #pragma once
 
 #include <filesystem>
-#include <optional>
 
 #include "config/configuration.h"
 #include "config/table_reader.h"

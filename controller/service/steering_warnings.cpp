@@ -1,6 +1,6 @@
 #include "service/steering_warnings.h"
 
-#include <charconv>
+#include <algorithm>
 #include <fstream>
 #include <string_view>
 

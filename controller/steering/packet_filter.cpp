@@ -1,9 +1,12 @@
 #include "steering/packet_filter.h"
 
+#include <linux/netfilter/nf_tables.h>
+#include <linux/netfilter/nfnetlink.h>
 #include <linux/netlink.h>
 #include <nftables/libnftables.h>
 #include <sys/socket.h>
 
+#include <array>
 #include <cerrno>
 #include <memory>
 #include <system_error>
@@ -24,10 +27,38 @@ std::string systemText(int error) {
     return std::generic_category().message(error);
 }
 
-/// 0, or the error. The library ends the process if it cannot open this socket.
-int netlinkError() {
-    const UniqueFd trial(socket(AF_NETLINK, SOCK_RAW | SOCK_CLOEXEC, NETLINK_NETFILTER));
-    return trial ? 0 : errno;
+/// The request for the number of the present rules, the smallest that there is.
+struct Request {
+    nlmsghdr header;
+    nfgenmsg filter;
+};
+
+/// The error in the kernel's answer, or 0.
+int errorIn(int socket) {
+    struct {
+        nlmsghdr header;
+        nlmsgerr refusal;
+        std::array<char, 256> rest;
+    } answer{};
+    if (recv(socket, &answer, sizeof answer, 0) < 0) {
+        return errno;
+    }
+    return answer.header.nlmsg_type == NLMSG_ERROR ? -answer.refusal.error : 0;
+}
+
+/// 0, or the reason why this process cannot use the packet filter. The library ends the process if
+/// it has no netlink socket, and writes to standard error if it lacks the privilege.
+int filterError() {
+    const UniqueFd netlink(socket(AF_NETLINK, SOCK_RAW | SOCK_CLOEXEC, NETLINK_NETFILTER));
+    if (!netlink) {
+        return errno;
+    }
+    Request request{};
+    request.header.nlmsg_len = sizeof request;
+    request.header.nlmsg_type = (NFNL_SUBSYS_NFTABLES << 8) | NFT_MSG_GETGEN;
+    request.header.nlmsg_flags = NLM_F_REQUEST;
+    request.filter.version = NFNETLINK_V0;
+    return send(netlink.get(), &request, sizeof request, 0) < 0 ? errno : errorIn(netlink.get());
 }
 
 /// The first line without the place, such as "/dev/stdin:1:7-10: ".
@@ -50,8 +81,8 @@ FilterAnswer answerOf(nft_ctx* context, int result) {
 }
 
 FilterAnswer run(const std::string& commands, bool change) {
-    if (const int error = netlinkError()) {
-        return {"", systemText(error), error != EPERM && error != EACCES};
+    if (const int error = filterError()) {
+        return {"", systemText(error), error != EPERM};
     }
     const Context context(nft_ctx_new(NFT_CTX_DEFAULT));
     if (!context || nft_ctx_buffer_output(context.get()) != 0 ||

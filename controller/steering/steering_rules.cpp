@@ -47,7 +47,7 @@ std::string addressMatch(const std::string& host, std::string_view field) {
     if (text.starts_with(mapped) && isIPv4(std::string(text.substr(mapped.size())))) {
         return addressMatch(std::string(text.substr(mapped.size())), field);
     }
-    const std::string own = "fib " + std::string(field) + " type local ";
+    std::string own = "fib " + std::string(field) + " type local ";
     if (host == "::") {
         return own;
     }
