@@ -111,6 +111,27 @@ void addReplacements(Families& families, const ControllerState& state) {
     families.push_back(std::move(family));
 }
 
+constexpr std::array<FigureMetric<SteeringCounters>, 4> steeringMetrics{{
+    {&SteeringCounters::tooShort, "vesk_steering_short_packets_total",
+     "Packets to the public port without a whole label, which instance 0 gets and refuses."},
+    {&SteeringCounters::fragments, "vesk_steering_fragmented_packets_total",
+     "Datagrams to the public port that arrived in fragments. Lower the MTU of the peers."},
+    {&SteeringCounters::unmatched, "vesk_steering_unmatched_packets_total",
+     "Packets whose instance was missing in the rules; they take the lateral stream. Restart the "
+     "controller."},
+    {&SteeringCounters::direct, "vesk_steering_direct_packets_total",
+     "Packets that a sender addressed to the port of an instance itself, which are dropped."},
+}};
+
+void addSteering(Families& families, const ControllerState& state) {
+    if (state.steering) {
+        addGauge(families, "vesk_steering_active",
+                 "1 while the packet filter sends datagrams to the instances, otherwise 0.",
+                 state.steering->active ? 1 : 0);
+        addTable(families, MetricType::Counter, steeringMetrics, state.steering->counters);
+    }
+}
+
 void addController(Families& families, const ControllerState& state) {
     addGauge(families, "vesk_build_info", "Always 1; the version is in its label.", 1,
              {{"version", VESK_VERSION}});
@@ -161,6 +182,7 @@ std::vector<prometheus::MetricFamily> describeMetrics(const Totals& totals,
     addController(families, state);
     addReloads(families, state);
     addReplacements(families, state);
+    addSteering(families, state);
     addTable(families, MetricType::Counter, downstreamMetrics, totals.downstream);
     addTable(families, MetricType::Counter, upstreamMetrics, totals.upstream);
     addTable(families, MetricType::Counter, lateralMetrics, totals.lateral);

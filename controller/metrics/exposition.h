@@ -7,10 +7,12 @@
 #include <array>
 #include <cstddef>
 #include <cstdint>
+#include <optional>
 #include <vector>
 
 #include "metrics/child_state.h"
 #include "metrics/report_totals.h"
+#include "steering/steering_counters.h"
 
 namespace vesk::controller {
 
@@ -32,11 +34,18 @@ enum class ReplacementOutcome {
 
 inline constexpr std::size_t replacementOutcomes = 2;
 
+/// The rules of the packet filter that send the datagrams to the instances.
+struct SteeringState {
+    bool active = false;
+    SteeringCounters counters;
+};
+
 /// The state of the controller that does not come from a report.
 struct ControllerState : ChildState {
     std::array<std::uint64_t, reloadOutcomes> reloads{};            ///< by outcome
     std::array<std::uint64_t, replacementOutcomes> replacements{};  ///< by outcome
-    bool lastReloadSuccessful = true;                               ///< true before the first one
+    std::optional<SteeringState> steering;  ///< none if the forwarder has the public port
+    bool lastReloadSuccessful = true;       ///< true before the first one
 };
 
 /// One family for each metric. Gauges of the child's present state are 0 while no child runs. With

@@ -135,6 +135,11 @@ void MetricsServer::countReload(ReloadOutcome outcome) {
     state_.lastReloadSuccessful = outcome == ReloadOutcome::done;
 }
 
+void MetricsServer::setSteering(const SteeringState& steering) {
+    const MutexLock lock(mutex_);
+    state_.steering = steering;
+}
+
 void MetricsServer::countReplacement(ReplacementOutcome outcome) {
     const MutexLock lock(mutex_);
     ++state_.replacements[static_cast<std::size_t>(outcome)];
@@ -176,7 +181,10 @@ void MetricsServer::setStage(Stage stage, ChildId child) {
 
 std::string MetricsServer::obstacle() const {
     const MutexLock lock(mutex_);
-    return firstObstacle(children_.states());
+    const std::string obstacle = firstObstacle(children_.states());
+    const bool steered = !state_.steering || state_.steering->active;
+    return obstacle.empty() && !steered ? "the public port is not steered to the instances"
+                                        : obstacle;
 }
 
 bool MetricsServer::healthy() const {

@@ -83,6 +83,8 @@ class MetricsServer {
     void count(LogEvent event, ChildId child = 0);
     /// Counts a reload that has ended.
     void countReload(ReloadOutcome outcome);
+    /// Whether the packet filter steers datagrams to the instances, and what it has counted.
+    void setSteering(const SteeringState& steering);
     /// Counts a replacement that has ended.
     void countReplacement(ReplacementOutcome outcome);
 

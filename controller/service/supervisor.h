@@ -92,6 +92,7 @@ class Supervisor {
     void serveMetrics();
     void reloadMetrics();
     void countReload();
+    void publishSteering(const SteeringCounters& counters);
 
     // The end of the controller.
     bool running() const { return !ending_; }

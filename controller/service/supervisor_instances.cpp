@@ -56,6 +56,7 @@ std::vector<Instance*> Supervisor::allInstances() const {
 
 void Supervisor::steer() {
     const std::string problem = steering_.begin(wanted_, ports_);
+    publishSteering({});
     if (problem.empty()) {
         steerPause_ = {wanted_.supervision.restartPause, wanted_.supervision.restartPauseMax};
         steerAgainAt_ = Clock::now() + wanted_.supervision.stats;
@@ -71,7 +72,10 @@ void Supervisor::steer() {
 
 /// Rules are also lost if somebody else flushes all of the packet filter.
 void Supervisor::checkSteering() {
-    if (steering_.active() && steering_.counters()) {
+    const std::optional<SteeringCounters> counters =
+        steering_.active() ? steering_.counters() : std::nullopt;
+    if (counters) {
+        publishSteering(*counters);
         steerAgainAt_ = Clock::now() + wanted_.supervision.stats;
         return;
     }

@@ -49,6 +49,12 @@ void Supervisor::reloadMetrics() {
     }
 }
 
+void Supervisor::publishSteering(const SteeringCounters& counters) {
+    if (metrics_) {
+        metrics_->setSteering({steering_.active(), counters});
+    }
+}
+
 void Supervisor::countReload() {
     for (const auto& instance : instances_) {
         if (instance->takeAddressRefusal() && reload_) {
