@@ -16,9 +16,11 @@ import subprocess
 import sys
 from contextlib import ExitStack
 from dataclasses import dataclass
+from pathlib import Path
 from typing import Dict, List, Sequence
 
 sys.dont_write_bytecode = True
+sys.path.insert(0, str(Path(__file__).resolve().parent.parent / "bench"))
 
 from demo_forwarder import Address, Forwarder, free_port  # noqa: E402
 from demo_instances import show_instances  # noqa: E402

@@ -5,21 +5,18 @@ Works in a network namespace of its own, so the packet filter of the host is lef
 
 from __future__ import annotations
 
-import fcntl
 import json
-import os
 import re
 import signal
-import socket
-import struct
 import subprocess
-import sys
 import tempfile
 import time
 import urllib.request
 from contextlib import contextmanager
 from pathlib import Path
 from typing import Iterator, List
+
+from compare import own_network
 
 PORT = 4500
 UPSTREAM_PORT = 5000
@@ -28,19 +25,6 @@ RATE = 2000
 READY_SECONDS = 20
 COUNTER_SECONDS = 3
 REPLACEMENT_SECONDS = 60
-
-_SIOCSIFFLAGS, _IFF_UP = 0x8914, 1
-
-
-def enter_own_network() -> None:
-    """Runs this program again in a new network namespace, unless it runs in one already."""
-    if "VESK_DEMO_NETWORK" not in os.environ:
-        privilege = [] if os.geteuid() == 0 else ["--map-root-user"]
-        os.environ["VESK_DEMO_NETWORK"] = "own"
-        sys.stdout.flush()
-        os.execvp("unshare", ["unshare", "--net", *privilege, sys.executable, *sys.argv])
-    with socket.socket(socket.AF_INET, socket.SOCK_DGRAM) as control:
-        fcntl.ioctl(control, _SIOCSIFFLAGS, struct.pack("=16sh22x", b"lo", _IFF_UP))
 
 
 class Traffic:
@@ -136,7 +120,7 @@ def flawless(name: str, traffic: "subprocess.Popen[str]", row: List[str]) -> boo
 
 
 def show_instances(instances: int, forwarder: str, traffic_program: str, controller: str) -> bool:
-    enter_own_network()
+    own_network.enter()
     rows: List[str] = []
     traffic = Traffic(traffic_program, instances)
     with tempfile.TemporaryDirectory() as folder:
