@@ -25,7 +25,7 @@ std::string cannotTake(const HostPort& address, int error) {
 std::string Steering::begin(const Configuration& configuration,
                             const std::vector<std::uint16_t>& ports) {
     number_ = configuration.downstream.port;
-    if (const int error = port_.take(configuration.downstream)) {
+    if (const int error = port_.held() ? 0 : port_.take(configuration.downstream)) {
         return cannotTake(configuration.downstream, error);
     }
     const FilterAnswer answer =
