@@ -1,4 +1,4 @@
-"""The rules of the controller in a network namespace, and sockets that stand in for its instances."""
+"""The controller's rules in a network namespace, and sockets that stand in for its instances."""
 
 from __future__ import annotations
 
