@@ -2,18 +2,24 @@
 #include <csignal>
 #include <exception>
 #include <iostream>
+#include <string>
 #include <utility>
 #include <variant>
+#include <vector>
 
 #include "base/standard_descriptors.h"
 #include "commands/command_lines.h"
 #include "config/configuration_reader.h"
 #include "config/configuration_warnings.h"
+#include "config/instance_configurations.h"
 #include "config/new_key.h"
+#include "service/filter_right.h"
 #include "service/host_limits.h"
 #include "service/log_output.h"
 #include "service/options.h"
+#include "service/steering_warnings.h"
 #include "service/supervisor.h"
+#include "steering/steering_rules.h"
 
 namespace vesk::controller {
 
@@ -28,20 +34,61 @@ void holdBackReloads() {
     pthread_sigmask(SIG_BLOCK, &reload, nullptr);
 }
 
-/// False if they could not be written.
-bool printCommands(const Configuration& configuration) {
+void printCommandsOf(const Configuration& instance) {
     std::cout << "# vesk";
-    for (const std::string& argument : programArguments(configuration.forwarder)) {
+    for (const std::string& argument : programArguments(instance.forwarder)) {
         std::cout << " " << argument;
     }
     std::cout << "\n";
-    for (const Command& command : allCommands(configuration)) {
+    for (const Command& command : allCommands(instance)) {
         if (command.label != 0) {
             std::cout << "# " << describe(command) << "\n";
         }
         std::cout << maskKeys(toLine(command)) << "\n";
     }
+}
+
+/// False if they could not be written.
+bool printCommands(const Configuration& configuration) {
+    const std::vector<Configuration> instances =
+        instanceConfigurations(configuration, firstPorts(configuration));
+    for (std::size_t instance = 0; instance < instances.size(); ++instance) {
+        if (instances.size() > 1) {
+            std::cout << "# instance " << instance << "\n";
+        }
+        printCommandsOf(instances[instance]);
+    }
     return static_cast<bool>(std::cout.flush());
+}
+
+/// False if they could not be written.
+bool printRules(const Configuration& configuration) {
+    if (isSteered(configuration)) {
+        std::cout << steeringRules(steeringPlan(configuration, firstPorts(configuration)));
+    } else {
+        std::cout << "# none: the forwarder itself listens on the public port\n";
+    }
+    return static_cast<bool>(std::cout.flush());
+}
+
+void warn(const std::vector<std::string>& warnings, LogOutput& log) {
+    for (const std::string& warning : warnings) {
+        log.say(LogLevel::warn, warning);
+    }
+}
+
+/// For --check and --print-nft; the exit status.
+int print(const Options& options, const Configuration& configuration, LogOutput& log) {
+    if (options.check) {
+        warn(configurationWarnings(configuration), log);
+        warn(steeringWarnings(configuration), log);
+    }
+    if (options.check ? printCommands(configuration) : printRules(configuration)) {
+        return exit_status::success;
+    }
+    log.say(LogLevel::error, options.check ? "the commands cannot be written to standard output"
+                                           : "the rules cannot be written to standard output");
+    return exit_status::unusableFile;
 }
 
 int makeKey(const std::filesystem::path& file) {
@@ -67,19 +114,13 @@ int run(const Options& options, LogOutput& log) {
     if (!reading.configuration) {
         return exit_status::unusableFile;
     }
-    raiseDescriptorLimit();
-    for (const std::string& warning : limitWarnings(*reading.configuration)) {
-        log.say(LogLevel::warn, warning);
+    if (options.printRules) {
+        return print(options, *reading.configuration, log);
     }
+    raiseDescriptorLimit();
+    warn(limitWarnings(*reading.configuration), log);
     if (options.check) {
-        for (const std::string& warning : configurationWarnings(*reading.configuration)) {
-            log.say(LogLevel::warn, warning);
-        }
-        if (printCommands(*reading.configuration)) {
-            return exit_status::success;
-        }
-        log.say(LogLevel::error, "the commands cannot be written to standard output");
-        return exit_status::unusableFile;
+        return print(options, *reading.configuration, log);
     }
     Supervisor supervisor(options, std::move(*reading.configuration), log);
     return supervisor.run();
@@ -110,6 +151,7 @@ int runGuarded(int argumentCount, char** arguments) {
 
 int main(int argumentCount, char** arguments) {
     vesk::controller::holdBackReloads();
+    vesk::controller::keepFilterRightFromChildren();
     vesk::occupyStandardDescriptors(vesk::ClosedStream::isEmpty);
     // The forwarder's end is reported by SIGCHLD, and a closed log must not end the controller.
     std::signal(SIGPIPE, SIG_IGN);

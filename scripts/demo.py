@@ -16,11 +16,14 @@ import subprocess
 import sys
 from contextlib import ExitStack
 from dataclasses import dataclass
+from pathlib import Path
 from typing import Dict, List, Sequence
 
 sys.dont_write_bytecode = True
+sys.path.insert(0, str(Path(__file__).resolve().parent.parent / "bench"))
 
 from demo_forwarder import Address, Forwarder, free_port  # noqa: E402
+from demo_instances import show_instances  # noqa: E402
 
 DATAGRAMS = 1000
 ANSWER_SECONDS = 1
@@ -224,10 +227,18 @@ def main() -> int:
     parser.add_argument("--binary", required=True, help="path of the forwarder")
     parser.add_argument("--traffic", required=True, help="path of the traffic generator")
     parser.add_argument("--lateral", action="store_true", help="demonstrate two connected instances")
+    parser.add_argument("--instances", type=int, choices=(2, 4, 8),
+                        help="demonstrate so many instances behind one port")
+    parser.add_argument("--controller", default="vesk-controller", help="path of the controller")
     arguments = parser.parse_args()
-    with ExitStack() as stack:
-        show = show_lateral if arguments.lateral else show_forwarding
-        flawless = show(stack, os.path.abspath(arguments.binary), os.path.abspath(arguments.traffic))
+    binary, traffic = os.path.abspath(arguments.binary), os.path.abspath(arguments.traffic)
+    if arguments.instances:
+        flawless = show_instances(arguments.instances, binary, traffic,
+                                  os.path.abspath(arguments.controller))
+    else:
+        with ExitStack() as stack:
+            show = show_lateral if arguments.lateral else show_forwarding
+            flawless = show(stack, binary, traffic)
     print("\nEvery datagram was answered, with a correct signature and label." if flawless
           else "\nDatagrams were lost or wrong; see the table.")
     return 0 if flawless else 1

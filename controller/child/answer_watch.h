@@ -1,5 +1,5 @@
 // Detects a forwarder that hangs: a fence is outstanding, and no line has arrived for the time
-// allowed. Kept by child/forwarder_session, queried by service/supervisor.
+// allowed. Kept by child/forwarder_session, queried by service/instance.
 #pragma once
 
 #include <chrono>

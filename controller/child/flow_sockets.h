@@ -1,5 +1,5 @@
 // Finds out from the forwarder's log which flow a descriptor belongs to. Called by
-// service/supervisor, which keeps the result for each child.
+// service/instance, which keeps the result for each child.
 #pragma once
 
 #include <string_view>

@@ -1,5 +1,5 @@
 // One run of the forwarder: sends commands and returns events, without waiting. Called by
-// service/supervisor, which polls its descriptors and makes a new session for each run.
+// service/instance, which polls its descriptors and makes a new session for each run.
 #pragma once
 
 #include <chrono>

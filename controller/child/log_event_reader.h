@@ -1,4 +1,4 @@
-// Finds the lines of the forwarder's log that the metrics count. Called by service/supervisor for
+// Finds the lines of the forwarder's log that the metrics count. Called by service/instance for
 // each line.
 #pragma once
 

@@ -1,6 +1,6 @@
 // How long to wait before a forwarder that ended by itself is started again, or before another
 // failed attempt is repeated: longer after each failure in a row, so that repeated failures do not
-// keep the machine busy. Called by service/supervisor.
+// keep the machine busy. Called by service/instance.
 #pragma once
 
 #include <chrono>

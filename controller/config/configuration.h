@@ -7,6 +7,7 @@
 #include <map>
 #include <optional>
 #include <string>
+#include <vector>
 
 namespace vesk::controller {
 
@@ -65,13 +66,33 @@ struct ForwarderSettings {
     bool expireAuxiliaryFlows = true;
     std::string ipv4Source = "arrival";
     std::string logLevel = "info";
+    std::uint32_t instances = 1;  ///< on this host; a power of two
+};
+
+/// Where the instances of this host listen, each on a port of its own, if the datagrams to the
+/// public port are steered to them. Both ends are included.
+struct InstancePorts {
+    std::uint16_t first = 0;
+    std::uint16_t last = 0;
+    /// Of the lateral stream between the instances, on loopback addresses.
+    std::uint16_t lateral = 0;
+    bool operator==(const InstancePorts&) const = default;
 };
 
 struct Lateral {
     HostPort listen;
-    std::uint32_t index = 0;
+    /// Of this host's instances, if it has several; the host of `listen` is then empty.
+    std::vector<std::string> addresses;
+    std::uint32_t index = 0;  ///< of this host's first instance
     std::uint32_t instances = 0;
     std::map<std::uint32_t, std::string> peers;  ///< addresses by index
+
+    std::uint32_t instancesHere() const {
+        return addresses.empty() ? 1 : static_cast<std::uint32_t>(addresses.size());
+    }
+    bool isHere(std::uint32_t other) const {
+        return other >= index && other - index < instancesHere();
+    }
 };
 
 struct SupervisionSettings {
@@ -96,6 +117,7 @@ struct Configuration {
     ForwarderSettings forwarder;
     HostPort downstream;
     ListenLines downstreamLines;
+    std::optional<InstancePorts> instancePorts;
     std::optional<Lateral> lateral;
     SupervisionSettings supervision;
     MetricsSettings metrics;

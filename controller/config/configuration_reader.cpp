@@ -5,6 +5,9 @@
 #include <utility>
 
 #include "config/flow_reader.h"
+#include "config/instance_configurations.h"
+#include "config/instance_ports_reader.h"
+#include "config/lateral_reader.h"
 #include "config/protected_file.h"
 #include "config/settings_reader.h"
 #include "config/syntax_error.h"
@@ -19,12 +22,15 @@ constexpr std::size_t maxFile = std::size_t{256} << 20U;
 Configuration readRoot(TableReader& root, KeySources& keys) {
     Configuration configuration;
     configuration.forwarder = readForwarder(root, keys.folder);
-    configuration.downstream = readDownstream(root, configuration.downstreamLines);
-    configuration.lateral = readLateral(root, configuration.downstream);
+    readDownstream(root, configuration);
+    configuration.lateral = readLateral(root, configuration);
     configuration.supervision = readSupervision(root);
     configuration.metrics = readMetrics(root);
     if (std::optional<TableReader> flows = root.table("flows")) {
         configuration.flows = readFlows(*flows, keys);
+        if (isSteered(configuration)) {
+            checkSources(*flows, configuration);
+        }
     }
     root.refuseUnknown();
     return configuration;

@@ -169,7 +169,7 @@ void warnOfForeignLabels(const Configuration& configuration, const Lateral& late
     const auto look = [&](const Flow& flow, const char* kind, std::uint32_t number,
                           std::uint32_t prefix) {
         const std::uint32_t owner = prefix % lateral.instances;
-        if (owner != lateral.index) {
+        if (!lateral.isHere(owner)) {
             foreign.add(placeOf(flow) + " (" + kind + " " + hexadecimal(number) + ", instance " +
                         std::to_string(owner) + ")");
         }
@@ -189,7 +189,7 @@ void warnOfForeignLabels(const Configuration& configuration, const Lateral& late
 }
 
 void warnOfMissingPeers(const Lateral& lateral, std::vector<std::string>& warnings) {
-    const std::uint32_t others = lateral.instances - 1;
+    const std::uint32_t others = lateral.instances - lateral.instancesHere();
     if (lateral.peers.size() >= others) {
         return;
     }
@@ -197,7 +197,7 @@ void warnOfMissingPeers(const Lateral& lateral, std::vector<std::string>& warnin
     Findings missing;
     std::uint64_t named = 0;
     for (std::uint32_t index = 0; named < std::min<std::uint64_t>(unnamed, mostExamples); ++index) {
-        if (index != lateral.index && !lateral.peers.contains(index)) {
+        if (!lateral.isHere(index) && !lateral.peers.contains(index)) {
             missing.add(std::to_string(index));
             ++named;
         }

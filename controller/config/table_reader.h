@@ -45,6 +45,7 @@ class TableReader {
     /// The line of a key's value, or of the table if the key is not in it.
     std::uint32_t lineOf(std::string_view key) const;
 
+    const std::string& place() const { return place_; }
     std::string placeOf(std::string_view key) const;
     const toml::table& raw() const { return table_; }
     Problems& problems() { return *problems_; }

@@ -30,7 +30,7 @@ std::optional<std::string> KernelWatch::takeWarning() {
 }
 
 void KernelWatch::readAndPublish(const KernelTarget& target, const Publish& publish) {
-    constexpr int share = 50;
+    constexpr std::size_t share = 50;
     const Clock::time_point began = Clock::now();
     const KernelFigures figures = reader_.read(target);
     if (figures.ports) {
@@ -41,7 +41,7 @@ void KernelWatch::readAndPublish(const KernelTarget& target, const Publish& publ
     }
     publish(figures);
     const Clock::time_point ended = Clock::now();
-    restsUntil_ = ended + share * (ended - began);
+    restsUntil_ = ended + share * watches_ * (ended - began);
 }
 
 }  // namespace vesk::controller

@@ -1,9 +1,10 @@
 // Reads the kernel's figures in a separate thread, because a reading with thousands of sockets
 // takes tenths of a second and the controller's loop must not wait that long. Called by
-// service/supervisor, from its one thread.
+// service/instance, from its one thread.
 #pragma once
 
 #include <chrono>
+#include <cstddef>
 #include <functional>
 #include <future>
 #include <optional>
@@ -20,8 +21,10 @@ class KernelWatch {
  public:
     using Publish = std::function<void(const KernelFigures&)>;
 
-    /// `root` is the mount point of the proc file system.
-    explicit KernelWatch(std::string root = "/proc") : reader_(std::move(root)) {}
+    /// `root` is the mount point of the proc file system. `watches` is the number of watches of
+    /// this process, which share the processor time that readings may use.
+    explicit KernelWatch(std::string root = "/proc", std::size_t watches = 1)
+        : reader_(std::move(root)), watches_(watches) {}
 
     /// Starts a reading, unless one is still in progress, or the last one ended so recently that
     /// readings would use more than a fiftieth of a processor. `publish` is called with the figures
@@ -38,6 +41,7 @@ class KernelWatch {
 
     // Used only by the reading while one is in progress.
     KernelReader reader_;
+    const std::size_t watches_;
     PortWarning portWarning_;
     Clock::time_point restsUntil_;
 

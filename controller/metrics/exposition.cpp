@@ -5,6 +5,7 @@
 #include <utility>
 
 #include "config/label_text.h"
+#include "metrics/datagram_metrics.h"
 #include "metrics/kernel_exposition.h"
 
 namespace vesk::controller {
@@ -13,49 +14,6 @@ namespace {
 
 using prometheus::MetricFamily;
 using prometheus::MetricType;
-
-using SocketMetric = FigureMetric<DatagramCounters>;
-
-constexpr std::array<SocketMetric, 4> downstreamMetrics{{
-    {&DatagramCounters::received, "vesk_downstream_received_datagrams_total",
-     "Datagrams received from peers."},
-    {&DatagramCounters::receiveErrors, "vesk_downstream_receive_errors_total",
-     "Datagrams from peers that were refused: framing, label, socket or HMAC."},
-    {&DatagramCounters::sent, "vesk_downstream_sent_datagrams_total",
-     "Always 0: replies are counted upstream, with their flow."},
-    {&DatagramCounters::dropped, "vesk_downstream_dropped_datagrams_total",
-     "Always 0: replies are counted upstream, with their flow."},
-}};
-
-constexpr std::array<SocketMetric, 6> lateralMetrics{{
-    {&DatagramCounters::received, "vesk_lateral_received_datagrams_total",
-     "Datagrams received from other instances."},
-    {&DatagramCounters::receiveErrors, "vesk_lateral_receive_errors_total",
-     "Datagrams from other instances that were refused."},
-    {&DatagramCounters::sent, "vesk_lateral_sent_datagrams_total",
-     "Datagrams handed to the instance that owns their label."},
-    {&DatagramCounters::dropped, "vesk_lateral_dropped_datagrams_total",
-     "Datagrams and replies that could not be handed to another instance."},
-    {&DatagramCounters::repliesSent, "vesk_lateral_sent_replies_total",
-     "Replies returned by other instances and sent to their peer."},
-    {&DatagramCounters::repliesDropped, "vesk_lateral_dropped_replies_total",
-     "Replies returned by other instances that could not be sent to their peer."},
-}};
-
-constexpr std::array<SocketMetric, 6> upstreamMetrics{{
-    {&DatagramCounters::received, "vesk_upstream_received_datagrams_total",
-     "Replies received from upstream services, all flows."},
-    {&DatagramCounters::receiveErrors, "vesk_upstream_receive_errors_total",
-     "Replies refused or under another flow's label, and failed receive calls, all flows."},
-    {&DatagramCounters::sent, "vesk_upstream_sent_datagrams_total",
-     "Datagrams sent to upstream services, all flows."},
-    {&DatagramCounters::dropped, "vesk_upstream_dropped_datagrams_total",
-     "Datagrams that could not be signed or sent upstream, all flows."},
-    {&DatagramCounters::repliesSent, "vesk_upstream_sent_replies_total",
-     "Replies sent to peers or returned to another instance, all flows."},
-    {&DatagramCounters::repliesDropped, "vesk_upstream_dropped_replies_total",
-     "Replies that could not be signed or sent, all flows."},
-}};
 
 constexpr std::array<SocketMetric, 6> flowMetrics{{
     {&DatagramCounters::received, "vesk_flow_received_datagrams_total",
@@ -139,6 +97,41 @@ void addReloads(Families& families, const ControllerState& state) {
              state.lastReloadSuccessful ? 1 : 0);
 }
 
+void addReplacements(Families& families, const ControllerState& state) {
+    constexpr std::array<const char*, replacementOutcomes> names{"done", "failed"};
+    MetricFamily family{
+        "vesk_replacements_total",
+        "Replacements of the forwarder by a new one, by outcome: done; failed, which kept the old "
+        "forwarder of at least one instance.",
+        MetricType::Counter,
+        {}};
+    for (std::size_t i = 0; i < names.size(); ++i) {
+        family.metric.push_back(counter(state.replacements[i], {{"outcome", names[i]}}));
+    }
+    families.push_back(std::move(family));
+}
+
+constexpr std::array<FigureMetric<SteeringCounters>, 4> steeringMetrics{{
+    {&SteeringCounters::tooShort, "vesk_steering_short_packets_total",
+     "Packets to the public port without a whole label, which instance 0 gets and refuses."},
+    {&SteeringCounters::fragments, "vesk_steering_fragmented_packets_total",
+     "Datagrams to the public port that arrived in fragments. Lower the MTU of the peers."},
+    {&SteeringCounters::unmatched, "vesk_steering_unmatched_packets_total",
+     "Packets whose instance was missing in the rules; they take the lateral stream. Restart the "
+     "controller."},
+    {&SteeringCounters::direct, "vesk_steering_direct_packets_total",
+     "Packets that a sender addressed to the port of an instance itself, which are dropped."},
+}};
+
+void addSteering(Families& families, const ControllerState& state) {
+    if (state.steering) {
+        addGauge(families, "vesk_steering_active",
+                 "1 while the packet filter sends datagrams to the instances, otherwise 0.",
+                 state.steering->active ? 1 : 0);
+        addTable(families, MetricType::Counter, steeringMetrics, state.steering->counters);
+    }
+}
+
 void addController(Families& families, const ControllerState& state) {
     addGauge(families, "vesk_build_info", "Always 1; the version is in its label.", 1,
              {{"version", VESK_VERSION}});
@@ -150,7 +143,7 @@ void addController(Families& families, const ControllerState& state) {
              static_cast<double>(state.flowsDeclared));
     addGauge(families, "vesk_flows_active",
              "Flows of the configuration that the running forwarder has accepted.",
-             state.childUp ? static_cast<double>(state.flowsActive) : 0);
+             state.childUp || state.partlyUp ? static_cast<double>(state.flowsActive) : 0);
     addGauge(families, "vesk_listening",
              "1 while the forwarder listens for peers at the configured address, otherwise 0.",
              state.childUp && state.listening ? 1 : 0);
@@ -188,12 +181,14 @@ std::vector<prometheus::MetricFamily> describeMetrics(const Totals& totals,
     Families families;
     addController(families, state);
     addReloads(families, state);
+    addReplacements(families, state);
+    addSteering(families, state);
     addTable(families, MetricType::Counter, downstreamMetrics, totals.downstream);
     addTable(families, MetricType::Counter, upstreamMetrics, totals.upstream);
     addTable(families, MetricType::Counter, lateralMetrics, totals.lateral);
     addFlows(families, totals);
     addWorkers(families, totals);
-    addPoll(families, totals, state.childUp);
+    addPoll(families, totals, state.childUp || state.partlyUp);
     addKernelFigures(families, state.kernel);
     if (state.kernel.flows) {
         addFlowSockets(families, totals);

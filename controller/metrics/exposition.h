@@ -5,15 +5,14 @@
 #include <prometheus/metric_family.h>
 
 #include <array>
-#include <chrono>
 #include <cstddef>
 #include <cstdint>
 #include <optional>
 #include <vector>
 
-#include "kernel/kernel_figures.h"
-#include "metrics/log_event.h"
+#include "metrics/child_state.h"
 #include "metrics/report_totals.h"
+#include "steering/steering_counters.h"
 
 namespace vesk::controller {
 
@@ -25,31 +24,32 @@ enum class ReloadOutcome {
                      ///< applied
 };
 
-enum class Stage {
-    settingUp,  ///< outcomes of commands to the child are outstanding
-    settled,    ///< each flow of the file was accepted, or refused by name
-    draining,   ///< the controller is shutting down
-};
-
 inline constexpr std::size_t reloadOutcomes = 3;
 
-/// The state of the controller that does not come from a report.
-struct ControllerState {
-    bool childUp = false;
-    Stage stage = Stage::settingUp;
-    std::uint64_t restarts = 0;
-    std::uint64_t flowsDeclared = 0;
-    std::uint64_t flowsActive = 0;
-    bool listening = false;
-    std::optional<bool> lateralListening;                 ///< none if no stream is configured
-    std::array<std::uint64_t, reloadOutcomes> reloads{};  ///< by outcome
-    bool lastReloadSuccessful = true;                     ///< true before the first one
-    std::optional<std::chrono::system_clock::time_point> lastReport;
-    LogEventCounts events{};
-    KernelFigures kernel;
+/// The outcome of a replacement of the forwarder by a new one.
+enum class ReplacementOutcome {
+    done,    ///< all instances were replaced
+    failed,  ///< an instance was not replaced, and neither were those after it
 };
 
-/// One family for each metric. Gauges of the child's present state are 0 while no child runs.
+inline constexpr std::size_t replacementOutcomes = 2;
+
+/// The rules of the packet filter that send the datagrams to the instances.
+struct SteeringState {
+    bool active = false;
+    SteeringCounters counters;
+};
+
+/// The state of the controller that does not come from a report.
+struct ControllerState : ChildState {
+    std::array<std::uint64_t, reloadOutcomes> reloads{};            ///< by outcome
+    std::array<std::uint64_t, replacementOutcomes> replacements{};  ///< by outcome
+    std::optional<SteeringState> steering;  ///< none if the forwarder has the public port
+    bool lastReloadSuccessful = true;       ///< true before the first one
+};
+
+/// One family for each metric. Gauges of the child's present state are 0 while no child runs. With
+/// several instances, `totals` and `state` are those of all of them.
 std::vector<prometheus::MetricFamily> describeMetrics(const Totals& totals,
                                                       const ControllerState& state);
 

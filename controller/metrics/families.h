@@ -4,14 +4,20 @@
 
 #include <prometheus/metric_family.h>
 
+#include <array>
 #include <cstdint>
 #include <utility>
 #include <vector>
+
+#include "kernel/kernel_figures.h"
 
 namespace vesk::controller {
 
 using Labels = std::vector<prometheus::ClientMetric::Label>;
 using Families = std::vector<prometheus::MetricFamily>;
+
+/// The values of the label `side`, in the order of Side.
+inline constexpr std::array<const char*, sides> sideNames{"downstream", "lateral", "upstream"};
 
 /// One series. A counter's value beyond 2^53 is rounded.
 prometheus::ClientMetric counter(std::uint64_t value, Labels labels = {});

@@ -12,8 +12,6 @@ namespace {
 using prometheus::MetricFamily;
 using prometheus::MetricType;
 
-constexpr std::array<const char*, sides> sideNames{"downstream", "lateral", "upstream"};
-
 constexpr std::array<FigureMetric<SocketFigures>, 3> socketMetrics{{
     {&SocketFigures::sockets, "vesk_udp_sockets",
      "UDP sockets of the forwarder that have a port, by side."},

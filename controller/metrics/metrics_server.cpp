@@ -2,9 +2,12 @@
 
 #include <prometheus/text_serializer.h>
 
+#include <algorithm>
 #include <chrono>
 #include <stdexcept>
+#include <utility>
 
+#include "metrics/instance_exposition.h"
 #include "metrics/listening_socket.h"
 #include "metrics/readiness.h"
 
@@ -31,7 +34,7 @@ std::string placeOf(const std::string& address, std::uint16_t port) {
 
 }  // namespace
 
-MetricsServer::MetricsServer(bool perFlow) : totals_(perFlow) {}
+MetricsServer::MetricsServer(bool perFlow) : perFlow_(perFlow), children_(perFlow) {}
 
 MetricsServer::MetricsServer(const std::string& address, std::uint16_t port, bool perFlow)
     : MetricsServer(perFlow) {
@@ -62,49 +65,68 @@ std::uint16_t MetricsServer::port() const {
     return http_->port();
 }
 
+ChildId MetricsServer::addChild(std::size_t instance) {
+    const MutexLock lock(mutex_);
+    return children_.add(instance);
+}
+
+void MetricsServer::makeCurrent(ChildId child) {
+    const MutexLock lock(mutex_);
+    children_.makeCurrent(child);
+}
+
+void MetricsServer::removeChild(ChildId child) {
+    const MutexLock lock(mutex_);
+    children_.remove(child);
+}
+
 void MetricsServer::update(const Report& report,
-                           const std::map<std::uint32_t, std::string>& flowNames) {
+                           const std::map<std::uint32_t, std::string>& flowNames, ChildId child) {
     const MutexLock lock(mutex_);
-    totals_.add(report, flowNames);
-    state_.lastReport = std::chrono::system_clock::now();
+    children_.totals(child).add(report, flowNames);
+    children_.state(child).lastReport = std::chrono::system_clock::now();
 }
 
-void MetricsServer::childUp(bool up) {
+void MetricsServer::childUp(bool up, ChildId child) {
     const MutexLock lock(mutex_);
-    if (up && !state_.childUp) {
-        totals_.childStarted();
+    ChildState& state = children_.state(child);
+    if (up && !state.childUp) {
+        children_.totals(child).childStarted();
     }
-    state_.childUp = up;
+    state.childUp = up;
     // These figures are those of the previous child, or out of date.
-    state_.kernel.sockets.reset();
-    state_.kernel.flows.reset();
-    state_.kernel.descriptors.reset();
-    state_.kernel.ports.reset();
-    state_.kernel.conntrack.reset();
+    state.kernel.sockets.reset();
+    state.kernel.flows.reset();
+    state.kernel.descriptors.reset();
+    state.kernel.ports.reset();
+    state.kernel.conntrack.reset();
 }
 
-void MetricsServer::countRestart() {
+void MetricsServer::countRestart(ChildId child) {
     const MutexLock lock(mutex_);
-    ++state_.restarts;
+    ++children_.state(child).restarts;
 }
 
-void MetricsServer::setFlows(std::size_t declared, std::size_t active) {
+void MetricsServer::setFlows(std::size_t declared, std::size_t active, ChildId child) {
     const MutexLock lock(mutex_);
-    state_.flowsDeclared = declared;
-    state_.flowsActive = active;
+    ChildState& state = children_.state(child);
+    state.flowsDeclared = declared;
+    state.flowsActive = active;
 }
 
-void MetricsServer::setKernelFigures(const KernelFigures& figures) {
+void MetricsServer::setKernelFigures(const KernelFigures& figures, ChildId child) {
     const MutexLock lock(mutex_);
-    state_.kernel = figures;
+    children_.state(child).kernel = figures;
     if (figures.flows) {
-        totals_.addFlowSockets(*figures.flows);
+        children_.totals(child).addFlowSockets(*figures.flows);
+        // Kept with the flows; here it matters only that they are known.
+        children_.state(child).kernel.flows->clear();
     }
 }
 
-void MetricsServer::count(LogEvent event) {
+void MetricsServer::count(LogEvent event, ChildId child) {
     const MutexLock lock(mutex_);
-    ++state_.events.at(placeOf(event));
+    ++children_.state(child).events.at(placeOf(event));
 }
 
 void MetricsServer::countReload(ReloadOutcome outcome) {
@@ -113,10 +135,20 @@ void MetricsServer::countReload(ReloadOutcome outcome) {
     state_.lastReloadSuccessful = outcome == ReloadOutcome::done;
 }
 
-void MetricsServer::setListening(bool downstream, std::optional<bool> lateral) {
+void MetricsServer::setSteering(const SteeringState& steering) {
     const MutexLock lock(mutex_);
-    state_.listening = downstream;
-    state_.lateralListening = lateral;
+    state_.steering = steering;
+}
+
+void MetricsServer::countReplacement(ReplacementOutcome outcome) {
+    const MutexLock lock(mutex_);
+    ++state_.replacements[static_cast<std::size_t>(outcome)];
+}
+
+void MetricsServer::setListening(bool downstream, std::optional<bool> lateral, ChildId child) {
+    const MutexLock lock(mutex_);
+    children_.state(child).listening = downstream;
+    children_.state(child).lateralListening = lateral;
 }
 
 std::string MetricsServer::page() const {
@@ -127,22 +159,37 @@ std::string MetricsServer::page() const {
 
 std::vector<prometheus::MetricFamily> MetricsServer::metrics() const {
     const MutexLock lock(mutex_);
-    return describeMetrics(totals_.totals(), state_);
+    ControllerState state = state_;
+    if (const ReportTotals* const only = children_.onlyTotals()) {
+        static_cast<ChildState&>(state) = children_.states().front();
+        return describeMetrics(only->totals(), state);
+    }
+    const std::vector<InstanceFigures> instances = children_.instances();
+    InstanceFigures sum = sumOf(instances);
+    static_cast<ChildState&>(state) = std::move(sum.state);
+    Families families = describeMetrics(sum.totals, state);
+    if (instances.size() > 1) {
+        addInstances(families, instances);
+    }
+    return families;
 }
 
-void MetricsServer::setStage(Stage stage) {
+void MetricsServer::setStage(Stage stage, ChildId child) {
     const MutexLock lock(mutex_);
-    state_.stage = stage;
+    children_.state(child).stage = stage;
 }
 
-std::string_view MetricsServer::obstacle() const {
+std::string MetricsServer::obstacle() const {
     const MutexLock lock(mutex_);
-    return notReadyBecause(state_);
+    const std::string obstacle = firstObstacle(children_.states());
+    const bool steered = !state_.steering || state_.steering->active;
+    return obstacle.empty() && !steered ? "the public port is not steered to the instances"
+                                        : obstacle;
 }
 
 bool MetricsServer::healthy() const {
     const MutexLock lock(mutex_);
-    return state_.childUp;
+    return std::ranges::all_of(children_.states(), &ChildState::childUp);
 }
 
 }  // namespace vesk::controller

@@ -17,14 +17,13 @@
 #include <memory>
 #include <optional>
 #include <string>
-#include <string_view>
 #include <vector>
 
 #include "base/sync.h"
 #include "metrics/exposition.h"
 #include "metrics/http_server.h"
+#include "metrics/instance_figures.h"
 #include "metrics/report.h"
-#include "metrics/report_totals.h"
 
 namespace vesk::controller {
 
@@ -51,49 +50,66 @@ class MetricsServer {
     /// The port on which it listens.
     std::uint16_t port() const;
 
+    /// Whether each flow's counters are published.
+    bool perFlow() const { return perFlow_; }
+
+    /// Keeps the figures of a further child. The instances, numbered from 0, are shown apart once
+    /// there are several.
+    ChildId addChild(std::size_t instance);
+    /// The instance's state is that of this child from now on.
+    void makeCurrent(ChildId child);
+    /// The counts of the child stay with its instance.
+    void removeChild(ChildId child);
+
     /// Takes a report of the child. `flowNames`: the names of the declared flows by label.
-    void update(const Report& report, const std::map<std::uint32_t, std::string>& flowNames);
+    void update(const Report& report, const std::map<std::uint32_t, std::string>& flowNames,
+                ChildId child = 0);
 
     /// The child has been started, or has ended. The counters of a new child begin at 0, so the
     /// last reports of the previous one must be passed to update() before.
-    void childUp(bool up);
+    void childUp(bool up, ChildId child = 0);
 
     /// Counts a child that replaces one that ended unexpectedly.
-    void countRestart();
+    void countRestart(ChildId child = 0);
 
     /// `declared`: flows in the configuration. `active`: those that the running child has
     /// accepted.
-    void setFlows(std::size_t declared, std::size_t active);
+    void setFlows(std::size_t declared, std::size_t active, ChildId child = 0);
 
     /// Takes the kernel's figures for the child and the host.
-    void setKernelFigures(const KernelFigures& figures);
+    void setKernelFigures(const KernelFigures& figures, ChildId child = 0);
 
     /// Counts an event that was found in the child's log.
-    void count(LogEvent event);
+    void count(LogEvent event, ChildId child = 0);
     /// Counts a reload that has ended.
     void countReload(ReloadOutcome outcome);
+    /// Whether the packet filter steers datagrams to the instances, and what it has counted.
+    void setSteering(const SteeringState& steering);
+    /// Counts a replacement that has ended.
+    void countReplacement(ReplacementOutcome outcome);
 
     /// Whether the child listens for peers, and for other instances; `lateral` is none if no
     /// lateral stream is configured.
-    void setListening(bool downstream, std::optional<bool> lateral);
+    void setListening(bool downstream, std::optional<bool> lateral, ChildId child = 0);
 
     /// The stage that the child has reached.
-    void setStage(Stage stage);
+    void setStage(Stage stage, ChildId child = 0);
 
     /// The present text of the metrics page.
     std::string page() const;
     /// Whether the health page answers 200.
     bool healthy() const;
     /// The reason on the ready page; empty if the service is ready.
-    std::string_view obstacle() const;
+    std::string obstacle() const;
 
  private:
     HttpServer::Pages pages() const;
     std::vector<prometheus::MetricFamily> metrics() const;
 
+    const bool perFlow_;
     mutable Mutex mutex_;
-    ReportTotals totals_ VESK_GUARDED_BY(mutex_);
-    ControllerState state_ VESK_GUARDED_BY(mutex_);
+    Children children_ VESK_GUARDED_BY(mutex_);
+    ControllerState state_ VESK_GUARDED_BY(mutex_);  // without that of the children
     // Last, so that its threads end before the members that they read are destroyed.
     std::unique_ptr<HttpServer> http_;
 };

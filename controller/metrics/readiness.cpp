@@ -2,7 +2,7 @@
 
 namespace vesk::controller {
 
-std::string_view notReadyBecause(const ControllerState& state) {
+std::string_view notReadyBecause(const ChildState& state) {
     if (state.stage == Stage::draining) {
         return "the forwarder is about to end";
     }
@@ -17,6 +17,17 @@ std::string_view notReadyBecause(const ControllerState& state) {
     }
     if (!state.lateralListening.value_or(true)) {
         return "the forwarder does not listen to other instances";
+    }
+    return "";
+}
+
+std::string firstObstacle(const std::vector<ChildState>& instances) {
+    for (std::size_t number = 0; number < instances.size(); ++number) {
+        if (const std::string_view obstacle = notReadyBecause(instances[number]);
+            !obstacle.empty()) {
+            return (instances.size() > 1 ? "instance " + std::to_string(number) + ": " : "") +
+                   std::string(obstacle);
+        }
     }
     return "";
 }

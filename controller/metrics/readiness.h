@@ -2,13 +2,18 @@
 // MetricsServer.
 #pragma once
 
+#include <string>
 #include <string_view>
+#include <vector>
 
-#include "metrics/exposition.h"
+#include "metrics/child_state.h"
 
 namespace vesk::controller {
 
-/// The reason why the service is not ready; empty if it is ready.
-std::string_view notReadyBecause(const ControllerState& state);
+/// The reason why a child is not ready; empty if it is ready.
+std::string_view notReadyBecause(const ChildState& state);
+
+/// The same for several instances: of the first one that is not ready, with its number.
+std::string firstObstacle(const std::vector<ChildState>& instances);
 
 }  // namespace vesk::controller

@@ -1,4 +1,4 @@
-// What was sent to the running forwarder, and what it has accepted. Called by service/supervisor,
+// What was sent to the running forwarder, and what it has accepted. Called by service/instance,
 // which sends the resulting commands and reports their outcomes back.
 #pragma once
 

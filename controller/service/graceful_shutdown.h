@@ -1,6 +1,6 @@
 // The steps that end a forwarder: it drains if configured, then its input is closed, and if it does
 // not end by itself it gets SIGTERM and finally SIGKILL. Decides what to do and when;
-// service/supervisor does it.
+// service/instance does it.
 #pragma once
 
 #include <chrono>

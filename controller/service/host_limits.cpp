@@ -28,12 +28,6 @@ std::optional<std::uint64_t> readNumber(const char* path) {
     return file >> number ? std::optional(number) : std::nullopt;
 }
 
-std::optional<PortRange> readPortRange() {
-    std::ifstream file("/proc/sys/net/ipv4/ip_local_port_range");
-    PortRange range;
-    return file >> range.first >> range.last ? std::optional(range) : std::nullopt;
-}
-
 void warnOfBuffer(const char* name, std::optional<std::uint64_t> limit, std::uint64_t wanted,
                   std::vector<std::string>& warnings) {
     if (limit && *limit < wanted) {
@@ -44,6 +38,12 @@ void warnOfBuffer(const char* name, std::optional<std::uint64_t> limit, std::uin
 }
 
 }  // namespace
+
+std::optional<PortRange> readPortRange() {
+    std::ifstream file("/proc/sys/net/ipv4/ip_local_port_range");
+    PortRange range;
+    return file >> range.first >> range.last ? std::optional(range) : std::nullopt;
+}
 
 std::vector<std::string> descriptorWarnings(const Configuration& configuration,
                                             std::uint64_t hardLimit) {

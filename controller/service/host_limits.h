@@ -24,6 +24,9 @@ struct PortRange {
     std::uint32_t last = 0;
 };
 
+/// The host's, if it can be read.
+std::optional<PortRange> readPortRange();
+
 /// One warning for each limit that is too low, with its remedy.
 std::vector<std::string> descriptorWarnings(const Configuration& configuration,
                                             std::uint64_t hardLimit);

@@ -1,5 +1,5 @@
 // What an operator can do if the forwarder cannot listen on an address. Called by
-// service/supervisor with the error that the forwarder logged, or the error of a trial.
+// service/instance with the error that the forwarder logged, or the error of a trial.
 #pragma once
 
 #include <string>

@@ -1,6 +1,6 @@
 // The controller's log on standard error: its own messages and the lines of the forwarder. Writing
 // never waits for the reader, because the forwarder's output must be read even if nobody reads this
-// log. Called by service/supervisor and main.
+// log. Called by service/supervisor, service/instance and main.
 #pragma once
 
 #include <chrono>

@@ -22,6 +22,8 @@ void declareOptions(CLI::App& app, Options& options, Words& words) {
     app.add_option("FILE", words.file, "configuration file, in TOML");
     app.add_flag("--check", options.check,
                  "check the file, print the commands that would be sent, and exit");
+    app.add_flag("--print-nft", options.printRules,
+                 "print the rules of the packet filter for several instances, and exit");
     app.add_flag("--allow-readable-keys", options.allowReadableKeys,
                  "accept files with keys that are readable by others");
     app.add_option("--program", options.program, "path of the forwarder");
@@ -37,6 +39,9 @@ void declareOptions(CLI::App& app, Options& options, Words& words) {
 void checkCombination(const Options& options, const Words& words) {
     if (options.newKey && !words.file.empty()) {
         throw CLI::ValidationError("--new-key cannot be used with a configuration file");
+    }
+    if (options.printRules && (options.check || options.newKey)) {
+        throw CLI::ValidationError("--print-nft cannot be used with --check or --new-key");
     }
     if (options.program && options.program->empty()) {
         throw CLI::ValidationError("--program", "must be a path");

@@ -19,6 +19,7 @@ inline constexpr int metricsFailed = 4;
 struct Options {
     std::filesystem::path file;
     bool check = false;
+    bool printRules = false;  ///< print the rules of the packet filter and exit
     bool allowReadableKeys = false;
     std::optional<std::string> program;
 

@@ -1,4 +1,4 @@
-// A number with its noun, for log messages. Called by service/supervisor.
+// A number with its noun, for log messages. Called by service/.
 #pragma once
 
 #include <cstddef>

@@ -1,4 +1,4 @@
-// Finds the forwarder's program. Called by service/supervisor before each start.
+// Finds the forwarder's program. Called by service/instance before each start.
 #pragma once
 
 #include <filesystem>

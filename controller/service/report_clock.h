@@ -1,5 +1,5 @@
 // When the forwarder is asked for its next report: at an interval, with at most one request
-// outstanding. Called by service/supervisor.
+// outstanding. Called by service/instance.
 #pragma once
 
 #include <chrono>

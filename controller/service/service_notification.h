@@ -1,5 +1,5 @@
 // Reports the controller's state to the service manager, with datagrams to the socket in
-// NOTIFY_SOCKET. Without that variable nothing is sent. Called by service/supervisor.
+// NOTIFY_SOCKET. Without that variable nothing is sent. Called by service/.
 #pragma once
 
 #include <chrono>

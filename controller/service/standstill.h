@@ -1,5 +1,5 @@
 // Detects from the forwarder's reports that traffic has stopped. Called by
-// service/graceful_shutdown and service/supervisor during a drain.
+// service/graceful_shutdown and service/instance during a drain.
 #pragma once
 
 #include <chrono>

@@ -3,17 +3,14 @@
 #include <poll.h>
 
 #include <algorithm>
-#include <array>
 #include <cerrno>
+#include <chrono>
 #include <csignal>
-#include <cstring>
+#include <iterator>
 #include <system_error>
 #include <utility>
 
-#include "commands/command_lines.h"
-#include "config/key_mask.h"
-#include "service/listener_remedy.h"
-#include "service/program_path.h"
+#include "config/instance_configurations.h"
 
 namespace vesk::controller {
 
@@ -23,9 +20,8 @@ Supervisor::Supervisor(const Options& options, Configuration configuration, LogO
       log_(log),
       signals_({SIGHUP, SIGTERM, SIGINT, SIGCHLD, SIGUSR1, SIGUSR2}),
       servedMetrics_(wanted_.metrics),
-      restartPause_(firstPause()),
-      listenPause_(restartPause_),
-      servePause_(restartPause_) {
+      servePause_(wanted_.supervision.restartPause, wanted_.supervision.restartPauseMax),
+      steerPause_(servePause_) {
     log_.setLimited(wanted_.supervision.logLimit);
 }
 
@@ -36,13 +32,15 @@ int Supervisor::run() {
     if (notification_.watchdogInterval()) {
         aliveAt_ = Clock::now();
     }
-    if (!startForwarder()) {
+    if (!begin()) {
         return exit_status::forwarderFailed;
     }
-    while (!ended_) {
+    while (!ended()) {
         waitAndHandle();
     }
-    return exitStatus_;
+    const bool well =
+        std::ranges::all_of(instances_, [](const auto& instance) { return instance->endedWell(); });
+    return well ? exit_status::success : exit_status::forwarderFailed;
 }
 
 // ---- One turn of the loop. ----
@@ -56,10 +54,15 @@ bool Supervisor::due(Deadline& deadline) {
 }
 
 int Supervisor::pollTimeout() const {
+    std::vector<Deadline> deadlines{aliveAt_, serveAgainAt_, steerAgainAt_, log_.countDueAt()};
+    for (const Instance* const instance : allInstances()) {
+        deadlines.push_back(instance->dueAt());
+    }
+    if (replacement_) {
+        deadlines.push_back(replacement_->giveUpAt);
+    }
     Deadline nearest;
-    for (const Deadline& deadline :
-         {startAgainAt_, listenAgainAt_, reportClock_.dueAt(), shutdown_.dueAt(), aliveAt_,
-          serveAgainAt_, answerDue(), log_.countDueAt()}) {
+    for (const Deadline& deadline : deadlines) {
         if (deadline && (!nearest || *deadline < *nearest)) {
             nearest = deadline;
         }
@@ -73,40 +76,31 @@ int Supervisor::pollTimeout() const {
 }
 
 void Supervisor::waitAndHandle() {
-    // poll(2) ignores a descriptor of -1.
-    const bool reading = session_ && !session_->outputEnded();
-    std::array<pollfd, 4> watched{{
-        {signals_.descriptor(), POLLIN, 0},
-        {reading ? session_->output() : -1, POLLIN, 0},
-        {session_ && session_->wantsToWrite() ? session_->input() : -1, POLLOUT, 0},
-        {log_.pending() ? log_.descriptor() : -1, POLLOUT, 0},
-    }};
+    std::vector<pollfd> watched{{signals_.descriptor(), POLLIN, 0},
+                                {log_.pending() ? log_.descriptor() : -1, POLLOUT, 0}};
+    const std::size_t first = watched.size();
+    const std::vector<Instance*> instances = allInstances();
+    for (const Instance* const instance : instances) {
+        std::ranges::copy(instance->watched(), std::back_inserter(watched));
+    }
     if (poll(watched.data(), watched.size(), pollTimeout()) < 0 && errno != EINTR) {
         throw std::system_error(errno, std::generic_category(), "poll");
     }
-    if (watched[1].revents != 0) {
-        readForwarder();
+    for (std::size_t i = 0; i < instances.size(); ++i) {
+        if (watched[first + 2 * i].revents != 0) {
+            instances[i]->read();
+        }
     }
     if (watched[0].revents != 0) {
         handleSignals();
     }
-    if (round_ != Round::none && session_ && session_->unanswered() == 0) {
-        finishRound();
-    }
-    if (endStatus_ && session_->outputEnded()) {
-        forwarderEnded();
-    }
+    handleInstances();
+    continueReplacement();
     handleTime();
-    if (session_) {
-        session_->write();
+    for (Instance* const instance : allInstances()) {
+        instance->write();
     }
     log_.flush();
-}
-
-void Supervisor::readForwarder() {
-    for (const OutputEvent& event : session_->read()) {
-        handle(event);
-    }
 }
 
 void Supervisor::handleSignals() {
@@ -119,115 +113,84 @@ void Supervisor::handleSignal(int number) {
     if (number == SIGHUP) {
         reload();
     } else if (number == SIGCHLD) {
-        if (session_ && !endStatus_) {
-            endStatus_ = session_->reap();
+        for (Instance* const instance : allInstances()) {
+            instance->reap();
         }
-    } else if (number == SIGUSR1 || number == SIGUSR2) {
-        // Some services rotate their logs on one of these signals. Unhandled, it would end
-        // the controller.
+    } else if (number == SIGUSR2) {
+        beginReplacement();
+    } else if (number == SIGUSR1) {
+        // Some services rotate their logs on this signal. Unhandled, it would end the controller.
         log_.say(LogLevel::warn,
-                 std::string("SIG") + sigabbrev_np(number) +
-                     " is ignored: SIGHUP reloads the file, SIGTERM ends the controller");
+                 "SIGUSR1 is ignored: SIGHUP reloads the file, SIGTERM ends the controller");
     } else {
         terminate();
     }
 }
 
+/// One of several instances that ends no longer delays the report of the others.
+void Supervisor::handleInstances() {
+    for (const auto& instance : instances_) {
+        const bool finished = instance->finishRound() != Instance::Round::none;
+        const bool forwarderEnded = instance->handleEnd();
+        if (finished || (forwarderEnded && areSeveral())) {
+            finishRound();
+        }
+    }
+    if (replacement_) {
+        for (Instance* const instance :
+             {replacement_->incoming.get(), replacement_->outgoing.get()}) {
+            if (instance != nullptr) {
+                instance->finishRound();
+                instance->handleEnd();
+            }
+        }
+    }
+}
+
 void Supervisor::handleTime() {
-    if (due(startAgainAt_)) {
-        startAgain();
-    }
-    if (due(listenAgainAt_)) {
-        listenAgain();
-    }
     if (due(aliveAt_)) {
         answerWatchdog();
     }
-    watchForwarder();
     if (due(serveAgainAt_)) {
         serveMetrics();
     }
-    if (reportClock_.due(Clock::now())) {
-        askForReport();
+    if (due(steerAgainAt_)) {
+        checkSteering();
     }
-    if (session_) {
-        carryOut(shutdown_.goOn(Clock::now()));
-    }
-}
-
-// ---- Start and end of the forwarder. ----
-
-bool Supervisor::startForwarder() {
-    const std::string program =
-        programPath(options_.program, wanted_.forwarder.program, ownFolder());
-    try {
-        session_.emplace(program, programArguments(wanted_.forwarder),
-                         programEnvironment(wanted_.forwarder));
-    } catch (const std::system_error& error) {
-        const bool full = error.code() == std::errc::too_many_files_open;
-        log_.say(LogLevel::error,
-                 "cannot run " + maskKeyDigits(program) + ": " +
-                     (full ? std::string(noDescriptorsLeft) : error.code().message()));
-        return false;
-    }
-    log_.say(LogLevel::info,
-             "started " + maskKeyDigits(program) + ", process " + std::to_string(session_->pid()));
-    round_ = Round::replay;
-    reportClock_.reset();
-    flowDescriptors_.clear();
-    publishStage(Stage::settingUp);
-    sendAll(deployment_.begin(wanted_));
-    if (metrics_) {
-        metrics_->childUp(true);
-    }
-    return true;
-}
-
-void Supervisor::startAgain() {
-    if (!startForwarder()) {
-        pauseAfter(Clock::duration::zero());
-        return;
-    }
-    if (metrics_) {
-        metrics_->countRestart();
+    for (Instance* const instance : allInstances()) {
+        instance->handleTime();
     }
 }
 
-RestartPause Supervisor::firstPause() const {
-    return {wanted_.supervision.restartPause, wanted_.supervision.restartPauseMax};
+void Supervisor::answerWatchdog() {
+    notification_.alive();
+    aliveAt_ = Clock::now() + *notification_.watchdogInterval() / 2;
 }
 
-void Supervisor::pauseAfter(Clock::duration lived) {
-    const std::chrono::milliseconds pause = restartPause_.after(lived);
-    startAgainAt_ = Clock::now() + pause;
-    log_.say(LogLevel::warn,
-             "starts the forwarder again in " + std::to_string(pause.count()) + " ms");
-    notification_.status("The forwarder ended and will be started again");
+// ---- The end of the controller. ----
+
+void Supervisor::terminate() {
+    const bool first = !std::exchange(ending_, true);
+    if (first) {
+        notification_.stopping("Draining");
+    }
+    bool drains = false;
+    for (const auto& instance : instances_) {
+        drains = instance->terminate(wanted_.supervision.drain) || drains;
+    }
+    if (!first && replacement_ && replacement_->outgoing) {
+        replacement_->outgoing->terminate(wanted_.supervision.drain);
+    }
+    if (drains) {
+        log_.say(LogLevel::info, "draining: ends after a second without traffic, or in " +
+                                     std::to_string(wanted_.supervision.drain.count()) +
+                                     " s at the latest");
+    }
 }
 
-void Supervisor::forwarderEnded() {
-    const int status = *std::exchange(endStatus_, std::nullopt);
-    const Command* const current = session_->current();
-    const Clock::duration lived = session_->age();
-    const bool good = endedWell(status) && !running() && !shutdown_.draining();
-    std::string text = "the forwarder " + describeEnd(status);
-    if (running() && current != nullptr) {
-        text += " while handling the command for " + describe(*current);
-    }
-    log_.say(good ? LogLevel::info : LogLevel::error, text);
-    session_.reset();
-    hung_ = false;
-    reportClock_.stop();
-    listenAgainAt_.reset();
-    if (metrics_) {
-        metrics_->childUp(false);
-    }
-    if (running()) {
-        pauseAfter(lived);
-        return;
-    }
-    exitStatus_ = good ? exit_status::success : exit_status::forwarderFailed;
-    ended_ = true;
+bool Supervisor::ended() const {
+    return !replacement_ &&
+           std::ranges::all_of(instances_, [](const auto& instance) { return instance->ended(); });
 }
 
 }  // namespace vesk::controller

@@ -1,28 +1,35 @@
-// The controller's main loop: one thread with one poll(2), which handles signals, the forwarder's
-// output and deadlines. Called by main.
+// The controller's main loop: one thread with one poll(2), which handles signals, the output of the
+// forwarder's instances and deadlines. Called by main.
 #pragma once
 
-#include <chrono>
+#include <cstddef>
+#include <cstdint>
 #include <memory>
 #include <optional>
 #include <string>
 #include <string_view>
+#include <vector>
 
-#include "child/forwarder_session.h"
 #include "child/restart_pause.h"
 #include "config/configuration.h"
 #include "config/problem.h"
-#include "kernel/kernel_watch.h"
 #include "metrics/metrics_server.h"
-#include "service/deployment.h"
-#include "service/graceful_shutdown.h"
+#include "service/instance.h"
 #include "service/log_output.h"
 #include "service/options.h"
-#include "service/report_clock.h"
 #include "service/service_notification.h"
 #include "service/signal_source.h"
+#include "service/steering.h"
 
 namespace vesk::controller {
+
+/// A replacement of all instances, one after the other.
+struct Replacement {
+    std::size_t next = 0;                ///< the instance to be replaced
+    std::unique_ptr<Instance> incoming;  ///< the new one, until it takes over
+    std::unique_ptr<Instance> outgoing;  ///< the old one after that, until it has ended
+    Instance::Deadline giveUpAt;
+};
 
 class Supervisor {
  public:
@@ -33,110 +40,92 @@ class Supervisor {
     int run();
 
  private:
-    using Clock = std::chrono::steady_clock;
-    using Deadline = std::optional<Clock::time_point>;
-
-    /// The group of commands whose outcomes are awaited: for a new forwarder, for a reload, or to
-    /// try refused listeners again.
-    enum class Round { none, replay, reload, listen };
+    using Clock = Instance::Clock;
+    using Deadline = Instance::Deadline;
 
     // One turn of the loop.
     int pollTimeout() const;
     void waitAndHandle();
-    void readForwarder();
     static bool due(Deadline& deadline);
     void handleSignals();
     void handleSignal(int number);
+    void handleInstances();
     void handleTime();
-
-    // Start and end of the forwarder.
-    bool startForwarder();
-    void startAgain();
-    RestartPause firstPause() const;
-    void pauseAfter(Clock::duration lived);
-    void forwarderEnded();
-
-    // Detection of a forwarder that hangs.
-    Deadline answerDue() const;
-    void watchForwarder();
-    void endHungForwarder();
     void answerWatchdog();
 
-    // Output of the forwarder.
-    void handle(const OutputEvent& event);
-    void count(const LogLine& line);
-    void republish(const LogLine& line);
-    void handleOutcome(const Outcome& outcome);
-    void handleReport(const Report& report);
-    void askForReport();
-    void askTheKernel();
+    // The instances.
+    bool begin();
+    std::unique_ptr<Instance> makeInstance(std::size_t number, Configuration part,
+                                           InstanceRole role);
+    /// Also those of a replacement.
+    std::vector<Instance*> allInstances() const;
+    bool areSeveral() const { return instances_.size() > 1; }
+    void steer();
+    void checkSteering();
 
-    // Commands to the forwarder.
-    void sendAll(const std::vector<Command>& commands);
+    // Reload.
     void reload();
     void refuseReload(const Problems& problems);
-    void applyReload();
+    void applyReload(Configuration configuration);
+    void shareOut(const Configuration& configuration);
 
-    // Readiness of the service, and the listeners that were refused.
+    // Replacement.
+    void beginReplacement();
+    void continueReplacement();
+    bool startIncoming();
+    void judgeIncoming();
+    void takeOver();
+    void dropOutgoing();
+    void failReplacement(const std::string& reason);
+    void endReplacement(ReplacementOutcome outcome);
+    std::vector<std::uint16_t> portsWithSpare() const;
+    std::string nameOf(std::size_t instance) const;
+
+    // Readiness of the service.
     void finishRound();
+    void sayRound();
     void tellReloaded(std::string_view status);
-    void noteListener(const Outcome& outcome);
-    void planListening();
-    void listenAgain();
     std::string summary() const;
-
-    // A reload that changes the downstream address.
-    void tryNewAddress();
-    bool usesItself(const HostPort& address) const;
-    void keepAddress(const HostPort& old, std::string_view reason);
-    void noteStart(const Outcome& outcome);
 
     // Metrics.
     bool beginMetrics();
     void serveMetrics();
     void reloadMetrics();
-    void publishFlows();
-    void publishListening();
-    void publishStage(Stage stage);
     void countReload();
+    void publishSteering(const SteeringCounters& counters);
 
     // The end of the controller.
-    bool running() const { return !shutdown_.begun() && !ended_; }
+    bool running() const { return !ending_; }
     void terminate();
-    void carryOut(const GracefulShutdown::Step& step);
+    bool ended() const;
 
     const Options& options_;
-    Configuration wanted_;
+    Configuration wanted_;  // without the flows, which the instances have
     LogOutput& log_;
     SignalSource signals_;
     ServiceNotification notification_ = ServiceNotification::fromEnvironment();
     MetricsSettings servedMetrics_;
     std::unique_ptr<MetricsServer> metrics_;
-    // Declared after metrics_, to which its thread publishes.
-    KernelWatch kernelWatch_;
-    FlowDescriptors flowDescriptors_;
-    RestartPause restartPause_;
-    RestartPause listenPause_;
+    std::optional<InstanceSurroundings> surroundings_;
     RestartPause servePause_;
+    RestartPause steerPause_;
 
-    // While running() there may be no session: a forwarder has ended, and the next starts after a
-    // pause.
-    GracefulShutdown shutdown_;
-    bool ended_ = false;
-    Round round_ = Round::none;
-    Deployment deployment_;
-    std::optional<ForwarderSession> session_;
-    std::optional<int> endStatus_;  // of a forwarder whose output has not been read to its end
-    bool ready_ = false;            // the service manager has been told that the service is ready
-    bool reloadTold_ = false;  // the service manager has been told of a reload, but not of its end
+    Steering steering_;
+    std::vector<std::uint16_t> ports_;  // of the instances
+    // Declared after what they use.
+    std::vector<std::unique_ptr<Instance>> instances_;
+    std::optional<Replacement> replacement_;
+
+    bool ending_ = false;
+    bool ready_ = false;        // the service manager has been told that the service is ready
+    bool reloadTold_ = false;   // the service manager has been told of a reload, but not of its end
+    bool reloadWaits_ = false;  // until the replacement has ended
     std::optional<ReloadOutcome> reload_;  // of the last reload, until it is counted
-    ReportClock reportClock_;
-    bool hung_ = false;  // the forwarder did not answer and was killed
-    Deadline startAgainAt_;
-    Deadline listenAgainAt_;
+    /// Of several instances: what all of them do at present.
+    Instance::Round commonRound_ = Instance::Round::none;
     Deadline serveAgainAt_;
+    Deadline steerAgainAt_;
     Deadline aliveAt_;
-    int exitStatus_ = exit_status::success;
 };
 
 }  // namespace vesk::controller

@@ -39,35 +39,28 @@ void Supervisor::serveMetrics() {
 
 /// A new address or port is used only if the pages are not being served yet.
 void Supervisor::reloadMetrics() {
+    const MetricsSettings& wanted = wanted_.metrics;
     if (metrics_ && !metrics_->serving()) {
-        servedMetrics_.address = wanted_.metrics.address;
-        servedMetrics_.port = wanted_.metrics.port;
+        servedMetrics_.address = wanted.address;
+        servedMetrics_.port = wanted.port;
     }
-    if (wanted_.metrics != servedMetrics_) {
+    if (wanted != servedMetrics_) {
         log_.say(LogLevel::warn, "metrics: the change applies at the next start of the controller");
     }
 }
 
-void Supervisor::publishFlows() {
+void Supervisor::publishSteering(const SteeringCounters& counters) {
     if (metrics_) {
-        metrics_->setFlows(deployment_.declaredFlows(), deployment_.acceptedFlows());
-    }
-    publishListening();
-}
-
-void Supervisor::publishListening() {
-    if (metrics_) {
-        metrics_->setListening(deployment_.listening(), deployment_.lateralListening());
-    }
-}
-
-void Supervisor::publishStage(Stage stage) {
-    if (metrics_) {
-        metrics_->setStage(stage);
+        metrics_->setSteering({steering_.active(), counters});
     }
 }
 
 void Supervisor::countReload() {
+    for (const auto& instance : instances_) {
+        if (instance->takeAddressRefusal() && reload_) {
+            reload_ = ReloadOutcome::addressRefused;
+        }
+    }
     if (reload_ && metrics_) {
         metrics_->countReload(*reload_);
     }

@@ -1,37 +1,48 @@
-// Reports to the log, the service manager and the metrics whether the service is ready, and tries
-// refused listeners again. The loop is in supervisor.cpp.
+// Reports to the log, the service manager and the metrics whether the service is ready. The loop is
+// in supervisor.cpp.
+#include <algorithm>
+#include <cstddef>
 #include <string>
 #include <utility>
 
-#include "service/listener_remedy.h"
+#include "config/instance_configurations.h"
 #include "service/plural_text.h"
 #include "service/supervisor.h"
 
 namespace vesk::controller {
 
+/// Called when an instance has finished its round; waits for those of the others.
 void Supervisor::finishRound() {
-    const Round finished = std::exchange(round_, Round::none);
-    publishFlows();
-    countReload();
-    if (finished == Round::replay) {
-        log_.say(LogLevel::info, "the forwarder is set up: " + summary());
-    } else if (finished == Round::reload) {
-        log_.say(LogLevel::info, "reloaded: " + summary());
-    } else if (deployment_.listensEverywhere()) {
-        log_.say(LogLevel::info, "the forwarder listens: " + summary());
+    if (!std::ranges::all_of(instances_, [](const auto& it) { return it->settled(); })) {
+        return;
     }
+    countReload();
+    sayRound();
     if (!running()) {
         return;
     }
-    publishStage(Stage::settled);
-    reportClock_.start(Clock::now());
-    planListening();
-    if (deployment_.listensEverywhere()) {
+    const bool serves =
+        steering_.active() == isSteered(wanted_) &&
+        std::ranges::all_of(instances_, [](const auto& it) { return it->serves(); });
+    if (serves) {
         ready_ = true;
         reloadTold_ = false;
         notification_.ready(summary());
     } else {
         tellReloaded(summary());
+    }
+}
+
+/// A single instance reports its rounds itself.
+void Supervisor::sayRound() {
+    const Instance::Round finished = std::exchange(commonRound_, Instance::Round::none);
+    if (!areSeveral()) {
+        return;
+    }
+    if (finished == Instance::Round::replay) {
+        log_.say(LogLevel::info, "the forwarder is set up: " + summary());
+    } else if (finished == Instance::Round::reload) {
+        log_.say(LogLevel::info, "reloaded: " + summary());
     }
 }
 
@@ -45,47 +56,24 @@ void Supervisor::tellReloaded(std::string_view status) {
     }
 }
 
-void Supervisor::noteListener(const Outcome& outcome) {
-    const std::string& word = outcome.command.word;
-    if (word == "start") {
-        noteStart(outcome);
-    } else if (word == "start_lateral" && !outcome.errors.empty()) {
-        log_.say(LogLevel::error, cannotListen(outcome.command, outcome.errors.front()));
-    }
-    publishListening();
-}
-
-void Supervisor::planListening() {
-    if (deployment_.listensEverywhere()) {
-        listenAgainAt_.reset();
-        listenPause_ = firstPause();
-        return;
-    }
-    const std::chrono::milliseconds pause = listenPause_.after(Clock::duration::zero());
-    listenAgainAt_ = Clock::now() + pause;
-    log_.say(LogLevel::warn, "tries to listen again in " + std::to_string(pause.count()) + " ms");
-}
-
-/// Does nothing while commands are outstanding: finishRound() plans the next attempt.
-void Supervisor::listenAgain() {
-    if (session_ && round_ == Round::none) {
-        round_ = Round::listen;
-        sendAll(deployment_.listenAgain());
-    }
-}
-
 std::string Supervisor::summary() const {
-    std::string text = countOf(deployment_.acceptedFlows(), "flow");
-    if (const std::size_t refused = deployment_.refusals().flows.size(); refused > 0) {
-        text += ", " + std::to_string(refused) + " refused";
+    if (!areSeveral()) {
+        return instances_.front()->summary();
     }
-    if (deployment_.refusals().downstream) {
-        text += ", not listening";
+    std::size_t accepted = 0;
+    std::size_t refused = 0;
+    std::string troubles;
+    for (const auto& instance : instances_) {
+        accepted += instance->deployment().acceptedFlows();
+        refused += instance->deployment().refusals().flows.size();
+        const std::string trouble =
+            instance->hasForwarder() ? instance->listenerTroubles() : ", not running";
+        if (!trouble.empty()) {
+            troubles += ", " + nameOf(instance->identity().number) + trouble.substr(1);
+        }
     }
-    if (deployment_.refusals().lateral) {
-        text += ", without lateral stream";
-    }
-    return text;
+    return countOf(accepted, "flow") + ", " + countOf(instances_.size(), "instance") +
+           (refused > 0 ? ", " + std::to_string(refused) + " refused" : "") + troubles;
 }
 
 }  // namespace vesk::controller

@@ -2,13 +2,12 @@
 
 #include <arpa/inet.h>
 #include <netinet/in.h>
-#include <sys/socket.h>
 
 #include <algorithm>
-#include <cerrno>
 #include <string>
 
 #include "base/unique_fd.h"
+#include "steering/bound_socket.h"
 
 namespace vesk::controller {
 
@@ -31,30 +30,11 @@ bool isEverywhere(const in6_addr& address) {
     return same(address, in6addr_any) || same(address, bytesOf("0.0.0.0"));
 }
 
-int bindTo(int socket, const HostPort& address, int family) {
-    sockaddr_in6 six{};
-    six.sin6_family = AF_INET6;
-    six.sin6_port = htons(address.port);
-    sockaddr_in four{};
-    four.sin_family = AF_INET;
-    four.sin_port = htons(address.port);
-    if (family == AF_INET6) {
-        inet_pton(AF_INET6, address.host.c_str(), &six.sin6_addr);
-        return bind(socket, reinterpret_cast<const sockaddr*>(&six), sizeof six);
-    }
-    inet_pton(AF_INET, address.host.c_str(), &four.sin_addr);
-    return bind(socket, reinterpret_cast<const sockaddr*>(&four), sizeof four);
-}
-
 }  // namespace
 
 int tryToListen(const HostPort& address) {
-    const int family = address.host.find(':') == std::string::npos ? AF_INET : AF_INET6;
-    const UniqueFd trial(socket(family, SOCK_DGRAM | SOCK_CLOEXEC, IPPROTO_UDP));
-    if (!trial || bindTo(trial.get(), address, family) != 0) {
-        return -errno;
-    }
-    return 0;
+    UniqueFd trial;
+    return bindSocket(address, trial);
 }
 
 bool mayCollide(const HostPort& one, const HostPort& other) {

@@ -1,5 +1,5 @@
 // Finds out whether the forwarder can listen on an address by binding a socket to it briefly.
-// Called by service/supervisor before the forwarder closes its present address.
+// Called by service/instance before the forwarder closes its present address.
 #pragma once
 
 #include "config/configuration.h"

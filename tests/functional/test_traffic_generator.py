@@ -57,6 +57,11 @@ def test_flows_take_turns_without_bursts() -> None:
     assert labels(requests) == in_turn(3, requests)
 
 
+def test_labels_have_the_distance_of_the_step() -> None:
+    _, requests, _ = through_relay(6, "--flows", 3, "--label-base", 100, "--label-step", 65536)
+    assert set(labels(requests)) == {100, 100 + 65536, 100 + 2 * 65536}
+
+
 def test_both_ends_merge_their_sends() -> None:
     report, requests, replies = through_relay(4 * BURST, "--rate", 1600, "--burst", BURST,
                                               "--merge-sends")

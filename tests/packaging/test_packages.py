@@ -115,6 +115,7 @@ def test_controller_depends_on_the_forwarder_of_its_version(packages: Packages) 
 def test_controller_depends_on_one_http_server(packages: Packages) -> None:
     depends = field(packages["vesk-controller"], "Depends")
     assert "libmicrohttpd12 (>=" in depends
+    assert "libnftables1 (>=" in depends
     assert "libprometheus-cpp-core" in depends
     assert "libprometheus-cpp-pull" not in depends and "libcivetweb" not in depends
 

@@ -74,6 +74,7 @@ def test_each_purpose_includes_those_before_it(bare_host: Path) -> None:
 
 def test_building_installs_the_http_server_of_the_controller(bare_host: Path) -> None:
     assert "libmicrohttpd-dev" in asked_for(bare_host, "build")
+    assert "libnftables-dev" in asked_for(bare_host, "build")
 
 
 def test_packaging_installs_the_tools_that_find_a_programs_libraries(bare_host: Path) -> None:

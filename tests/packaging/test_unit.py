@@ -10,6 +10,7 @@ import pytest
 from debian import Root, run
 
 _UNIT = "usr/lib/systemd/system/vesk-controller@.service"
+_DROP_IN = "usr/share/vesk/systemd/steering.conf"
 
 # In tenths; systemd rates up to 29 as OK. The rest is caused by sockets and by reading /proc/sys.
 _EXPOSURE = 15
@@ -30,6 +31,17 @@ def instance(installed: Root) -> Path:
 
 def test_systemd_accepts_every_line(installed: Root, instance: Path) -> None:
     # Manual pages are checked by another test, and units of the system are not in this root.
+    said = run("systemd-analyze", "verify", "--man=no", "--recursive-errors=no",
+               f"--root={installed.path}", instance.name)
+    assert said == ""
+
+
+def test_systemd_accepts_the_drop_in_for_several_instances(installed: Root,
+                                                           instance: Path) -> None:
+    folder = instance.with_name("vesk-controller@example.service.d")
+    assert not folder.exists()
+    folder.mkdir()
+    (folder / "steering.conf").write_text((installed / _DROP_IN).read_text())
     said = run("systemd-analyze", "verify", "--man=no", "--recursive-errors=no",
                f"--root={installed.path}", instance.name)
     assert said == ""

@@ -21,7 +21,8 @@ NOT_FLAWLESS = "Datagrams were lost or wrong; see the table."
 
 def demonstrate(folder: Path, traffic: Path, *options: str) -> "subprocess.CompletedProcess[str]":
     return subprocess.run([sys.executable, "-B", str(ROOT / "scripts" / "demo.py"), "--binary",
-                           str(BUILD / "vesk"), "--traffic", str(traffic), *options], cwd=folder,
+                           str(BUILD / "vesk"), "--traffic", str(traffic), "--controller",
+                           str(BUILD / "vesk-controller"), *options], cwd=folder,
                           capture_output=True, text=True, check=False, timeout=DEADLINE_SECONDS)
 
 
@@ -39,6 +40,17 @@ def test_success_is_reported(tmp_path: Path, options: List[str], flows: int) -> 
     assert done.stdout.splitlines()[-1] == FLAWLESS
     assert rows(done.stdout) == [["1000", "1000", "0"]] * flows
     assert "exit status 0" in done.stdout
+
+
+def test_instances_are_replaced_without_a_loss(tmp_path: Path) -> None:
+    namespace = subprocess.run(["unshare", "--net", "nft", "add table inet probe"],
+                               capture_output=True, text=True, check=False)
+    if namespace.returncode != 0:
+        pytest.skip(f"the packet filter is not allowed here: {namespace.stderr.strip()}")
+    done = demonstrate(tmp_path, TRAFFIC, "--instances", "2")
+    assert (done.returncode, done.stderr) == (0, ""), done.stdout
+    assert done.stdout.splitlines()[-1] == FLAWLESS
+    assert "info controller: replaced 2 instances" in done.stdout
 
 
 @pytest.mark.parametrize("change", ['s/"answered": 1000/"answered": 999/', 's/"wrong": 0/"wrong": 1/',

@@ -12,7 +12,7 @@ namespace {
 
 constexpr std::size_t keySize = 32;
 constexpr std::uint32_t upLabelDistance = 0x40000000;
-constexpr std::uint32_t downLabelDistance = 0x20000000;
+constexpr std::uint32_t downLabelDistance = firstForeignLabel;
 constexpr std::string_view hexDigits = "0123456789abcdef";
 
 struct KeyUse {
@@ -97,7 +97,7 @@ std::vector<FlowPlan> makeFlowPlans(const FlowPlanOptions& options) {
     for (std::size_t i = 0; i < options.flows; ++i) {
         const Algorithm algorithm = options.algorithms.at(i % options.algorithms.size());
         FlowPlan plan;
-        plan.label = options.labelBase + static_cast<std::uint32_t>(i);
+        plan.label = options.labelBase + static_cast<std::uint32_t>(i) * options.labelStep;
         plan.upLabel = options.unchanged ? plan.label : plan.label + upLabelDistance;
         plan.downLabel = options.unchanged ? plan.label : plan.label + downLabelDistance;
         for (const KeyUse& use : keyUses) {

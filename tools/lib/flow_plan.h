@@ -31,9 +31,13 @@ struct FlowPlan {
 inline constexpr std::uint16_t firstSourcePort = 10000;
 inline constexpr std::size_t mostSources = 32768 - firstSourcePort;
 
+/// The labels of peers are below this one; those of the other directions follow.
+inline constexpr std::uint32_t firstForeignLabel = 0x20000000;
+
 struct FlowPlanOptions {
     std::size_t flows = 1;
     std::uint32_t labelBase = 0x10000;
+    std::uint32_t labelStep = 1;  // from the label of a flow to that of the next
     std::vector<Algorithm> algorithms = {Algorithm::sha256};  // used by the flows in turn
     std::uint64_t seed = 1;
     std::uint16_t upPort = 0;

@@ -38,6 +38,10 @@ void addTraffic(CLI::App& app, TrafficOptions& options, Names& names) {
     app.add_option("--label-base", options.flows.labelBase, "label of the first flow")
         ->check(CLI::Range(1U, 0x1fff0000U))
         ->capture_default_str();
+    app.add_option("--label-step", options.flows.labelStep,
+                   "difference of the labels of two flows; with 65536 several instances share them")
+        ->check(CLI::Range(1U, 65537U))
+        ->capture_default_str();
     app.add_option("--seed", options.flows.seed, "seed of the keys")->capture_default_str();
     app.add_flag("--one-way", options.oneWay, "requests only, no replies");
     app.add_flag("--unchanged", options.flows.unchanged,
@@ -107,6 +111,10 @@ void check(const TrafficOptions& options) {
     }
     if (options.command.empty() && options.flows.upPort == 0) {
         throw CLI::ValidationError("--port requires --upstream-port");
+    }
+    const FlowPlanOptions& flows = options.flows;
+    if (flows.labelBase + flows.flows * std::uint64_t{flows.labelStep} > firstForeignLabel) {
+        throw CLI::ValidationError("--label-step: the labels of so many flows are too high");
     }
     if (options.rate == 0 && options.burst > options.window) {
         throw CLI::ValidationError("--burst: more requests than --window allows");

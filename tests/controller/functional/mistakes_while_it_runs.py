@@ -160,8 +160,7 @@ PROCESSES = Section("Signals and processes", True, [
              "controller",),
             Traffic.UNAFFECTED),
     Mistake("SIGUSR2", _signal(signal.SIGUSR2),
-            ("warn controller: SIGUSR2 is ignored: SIGHUP reloads the file, SIGTERM ends the "
-             "controller",),
+            ("warn controller: SIGUSR2 is ignored: a replacement needs downstream.instance_ports",),
             Traffic.UNAFFECTED),
     Mistake("SIGTERM twice", _terminate_twice,
             ("info controller: draining: ...", "info controller: the forwarder ended with status 0"),

@@ -47,6 +47,58 @@ def test_wrong_option_is_named(name: str) -> None:
     assert "--nonsense" in wrong.stderr
 
 
+STEERED = """[forwarder]
+instances = 4
+[downstream]
+address = "::"
+port = 4500
+instance_ports = [4501, 4505]
+[flows.alice]
+label = 0x30001
+upstream = "127.0.0.1:5000"
+"""
+
+
+def test_the_rules_for_the_packet_filter_are_printed(tmp_path: Path) -> None:
+    file = tmp_path / "steered.toml"
+    file.write_text(STEERED)
+    printed = run(binary(), "--print-nft", file)
+    assert (printed.returncode, printed.stderr) == (0, "")
+    assert "elements = { 0 : 4501, 1 : 4502, 2 : 4503, 3 : 4504 }" in printed.stdout
+    file.write_text(STEERED.replace("instances = 4", "").replace("instance_ports", "# "))
+    printed = run(binary(), "--print-nft", file)
+    assert (printed.returncode, printed.stderr) == (0, "")
+    assert printed.stdout == "# none: the forwarder itself listens on the public port\n"
+    assert run(binary(), "--print-nft", "--check", file).returncode == 2
+    with open("/dev/full", "w", encoding="ascii") as full:
+        assert run(binary(), "--print-nft", file, stdout=full.fileno()).returncode == 1
+
+
+def test_a_check_prints_what_each_instance_gets(tmp_path: Path) -> None:
+    file = tmp_path / "steered.toml"
+    file.write_text(STEERED)
+    said = run(binary(), "--check", file)
+    assert said.returncode == 0
+    parts = re.split(r"# instance \d\n", said.stdout)
+    assert len(parts) == 5
+    assert ["set label 0x30001" in part for part in parts[1:]] == [False, False, False, True]
+    assert [f"start addr :: port {4501 + number}" in part
+            for number, part in enumerate(parts[1:])] == [True] * 4
+
+
+def test_a_check_names_the_remedy_for_a_missing_right(tmp_path: Path) -> None:
+    file = tmp_path / "steered.toml"
+    file.write_text(STEERED)
+    without = ["setpriv", "--bounding-set=-net_admin", "--inh-caps=-net_admin"]
+    if os.geteuid() != 0 or run(*without, "true").returncode != 0:
+        pytest.skip("only root with all capabilities can run a program without CAP_NET_ADMIN")
+    said = run(*without, binary(), "--check", file)
+    assert said.returncode == 0
+    assert ('warn controller: cannot steer port 4500 to the instances: the packet filter says '
+            '"Operation not permitted"; grant CAP_NET_ADMIN') in said.stderr
+    assert said.stderr.count("Operation not permitted") == 1
+
+
 def test_new_key_is_printed() -> None:
     keys = [run(binary(), "--new-key") for _ in range(3)]
     assert all(key.returncode == 0 and KEY_LINE.fullmatch(key.stdout) for key in keys)

@@ -5,8 +5,9 @@
 //
 // It first writes its port. The lines `@up`, `@down`, `@restart`, `@flows DECLARED ACTIVE`,
 // `@listening DOWNSTREAM LATERAL` (0 or 1 each), `@kernel N` (each figure of the kernel is N) and
-// `@event` (one log event of each kind) stand for calls of the controller; each other line is a
-// line of the child's log. It writes `report` for each report, `line TEXT` for each line outside of
+// `@event` (one log event of each kind), `@instances N` (N instances in all) and `@steering N`
+// (each counter of the steering is N) stand for calls of the controller; each other line is a line
+// of the child's log. It writes `report` for each report, `line TEXT` for each line outside of
 // reports, and `done` for each line that begins with @.
 #include <cstdint>
 #include <iostream>
@@ -54,6 +55,16 @@ void countEach(vesk::controller::MetricsServer& server) {
     }
 }
 
+/// Each further instance runs, listens and has no flows.
+void addInstances(vesk::controller::MetricsServer& server, std::size_t number) {
+    for (std::size_t instance = 1; instance < number; ++instance) {
+        const vesk::controller::ChildId child = server.addChild(instance);
+        server.makeCurrent(child);
+        server.childUp(true, child);
+        server.setListening(true, true, child);
+    }
+}
+
 void act(vesk::controller::MetricsServer& server, const std::string& line) {
     std::istringstream words(line);
     std::string word;
@@ -72,6 +83,11 @@ void act(vesk::controller::MetricsServer& server, const std::string& line) {
         server.setKernelFigures(allOf(first));
     } else if (word == "@event") {
         countEach(server);
+    }
+    if (word == "@instances") {
+        addInstances(server, first);
+    } else if (word == "@steering") {
+        server.setSteering({true, {first, first, first, first}});
     }
     std::cout << "done" << std::endl;
 }

@@ -56,6 +56,8 @@ def probe(start_probe: Callable[..., Probe]) -> Probe:
     started.act("kernel 1")
     started.act("event")
     started.act("listening 1 1")
+    started.act("instances 2")
+    started.act("steering 1")
     started.tell(report(1))
     assert started.act("settle") == ["report"]
     return started
@@ -103,6 +105,11 @@ def shown_on_the_dashboard() -> Set[str]:
 def test_the_dashboard_shows_metrics_of_the_kernel_and_the_log() -> None:
     section = _DOCUMENT.split("## What the kernel says\n")[1].split("\n## Alerts")[0]
     assert set(re.findall(r"^\| `(vesk_\w+)`", section, re.MULTILINE)) <= shown_on_the_dashboard()
+
+
+def test_the_dashboard_shows_the_spread_over_the_instances() -> None:
+    assert {"vesk_instance_downstream_received_datagrams_total", "vesk_instance_up",
+            "vesk_steering_active", "vesk_replacements_total"} - shown_on_the_dashboard() == set()
 
 
 def asked_by_alerts() -> Set[str]:

@@ -77,9 +77,10 @@ class UdpEnd:
         self.family = family_of(host)
         self.socket = socket.socket(self.family, socket.SOCK_DGRAM)
         try:
-            if self.family == socket.AF_INET:
+            # A socket on "::" also receives IPv4 datagrams.
+            if self.family == socket.AF_INET or host == "::":
                 self.socket.setsockopt(socket.IPPROTO_IP, socket.IP_RECVTOS, 1)
-            else:
+            if self.family == socket.AF_INET6:
                 self.socket.setsockopt(socket.IPPROTO_IPV6, socket.IPV6_RECVTCLASS, 1)
                 self.socket.setsockopt(socket.IPPROTO_IPV6, socket.IPV6_V6ONLY,
                                        0 if host == "::" else 1)

@@ -1,10 +1,10 @@
-// What the supervisor does for the metrics apart from reports: it counts lines of the log, and
+// What an instance does for the metrics apart from reports: it counts lines of the log, and
 // starts readings of the kernel's figures.
 #include <utility>
 
 #include "child/flow_sockets.h"
 #include "child/log_event_reader.h"
-#include "service/supervisor.h"
+#include "service/instance.h"
 
 namespace vesk::controller {
 
@@ -18,18 +18,18 @@ Listener listenerOn(const HostPort& place) {
 
 /// Lines that appear only while the level is raised for a report are not counted: they would be a
 /// random part of all such lines.
-void Supervisor::count(const LogLine& line) {
+void Instance::count(const LogLine& line) {
     const std::optional<LogEvent> event = eventOf(line);
-    if (!metrics_ || !event || line.level > levelNamed(wanted_.forwarder.logLevel)) {
+    if (metrics_ == nullptr || !event || line.level > levelNamed(wanted_.forwarder.logLevel)) {
         return;
     }
-    metrics_->count(*event);
+    metrics_->count(*event, identity_.child);
     if (event == LogEvent::endpointCreated) {
         noteCreatedEndpoint(line.text, flowDescriptors_);
     }
 }
 
-void Supervisor::askTheKernel() {
+void Instance::askTheKernel() {
     // The forwarder's addresses may differ from the file's: the lateral stream never moves, and the
     // listener for peers moves after a delay.
     const Configuration& running = deployment_.running();
@@ -42,14 +42,15 @@ void Supervisor::askTheKernel() {
     // reused for another flow.
     if (levelNamed(wanted_.forwarder.logLevel) < LogLevel::info) {
         flowDescriptors_.clear();
-    } else if (servedMetrics_.perFlow) {
+    } else if (metrics_ != nullptr && metrics_->perFlow()) {
         target.flows = flowDescriptors_;
     }
-    kernelWatch_.look(std::move(target), [metrics = metrics_.get()](const KernelFigures& figures) {
-        if (metrics != nullptr) {
-            metrics->setKernelFigures(figures);
-        }
-    });
+    kernelWatch_.look(std::move(target),
+                      [metrics = metrics_, child = identity_.child](const KernelFigures& figures) {
+                          if (metrics != nullptr) {
+                              metrics->setKernelFigures(figures, child);
+                          }
+                      });
 }
 
 }  // namespace vesk::controller

@@ -1,15 +1,12 @@
-// The supervisor's exchange with the forwarder: its output, the commands to it, and how it is
-// ended. The loop and the start of the forwarder are in supervisor.cpp.
+// An instance's exchange with its forwarder: its output, the commands to it, and how it is ended.
+// The loop is in supervisor.cpp, the start of the forwarder in instance.cpp.
 #include <csignal>
 #include <string>
 #include <utility>
 
 #include "commands/command_lines.h"
-#include "config/configuration_reader.h"
-#include "config/key_mask.h"
-#include "service/host_limits.h"
+#include "service/instance.h"
 #include "service/plural_text.h"
-#include "service/supervisor.h"
 
 namespace vesk::controller {
 
@@ -29,7 +26,7 @@ std::string join(const std::vector<std::string>& texts) {
 
 // ---- Output of the forwarder. ----
 
-void Supervisor::handle(const OutputEvent& event) {
+void Instance::handle(const OutputEvent& event) {
     if (const auto* const line = std::get_if<LogLine>(&event)) {
         count(*line);
         republish(*line);
@@ -41,13 +38,13 @@ void Supervisor::handle(const OutputEvent& event) {
 }
 
 /// During a report the forwarder logs at info level even if a lower level is configured.
-void Supervisor::republish(const LogLine& line) {
+void Instance::republish(const LogLine& line) {
     if (line.level <= levelNamed(wanted_.forwarder.logLevel)) {
         log_.passOn(line);
     }
 }
 
-void Supervisor::handleOutcome(const Outcome& outcome) {
+void Instance::handleOutcome(const Outcome& outcome) {
     const std::string subject = describe(outcome.command);
     if (!outcome.errors.empty()) {
         log_.say(LogLevel::error, subject + " was refused: " + join(outcome.errors));
@@ -62,11 +59,13 @@ void Supervisor::handleOutcome(const Outcome& outcome) {
     }
 }
 
-void Supervisor::handleReport(const Report& report) {
-    if (metrics_) {
-        metrics_->update(report, deployment_.flowNames());
+void Instance::handleReport(const Report& report) {
+    if (metrics_ != nullptr) {
+        metrics_->update(report, deployment_.flowNames(), identity_.child);
     }
-    if (const std::optional<std::string> warning = kernelWatch_.takeWarning()) {
+    const std::optional<std::string> warning = kernelWatch_.takeWarning();
+    // It is about the host, so one instance reports it for all.
+    if (warning && identity_.number == 0) {
         log_.say(LogLevel::warn, *warning);
     }
     if (shutdown_.draining()) {
@@ -75,7 +74,7 @@ void Supervisor::handleReport(const Report& report) {
 }
 
 /// The forwarder writes reports only at info level and above, so the level is raised if necessary.
-void Supervisor::askForReport() {
+void Instance::askForReport() {
     if (!reportClock_.ask(Clock::now(), running() ? wanted_.supervision.stats : drainingReports)) {
         return;
     }
@@ -93,64 +92,31 @@ void Supervisor::askForReport() {
 
 // ---- Commands to the forwarder. ----
 
-void Supervisor::sendAll(const std::vector<Command>& commands) {
+void Instance::sendAll(const std::vector<Command>& commands) {
     for (const Command& command : commands) {
         session_->send(command);
     }
 }
 
-void Supervisor::reload() {
-    if (!running()) {
-        log_.say(LogLevel::warn, "SIGHUP is ignored: the controller is ending");
-        return;
-    }
-    if (ready_) {
-        reloadTold_ = true;
-        notification_.reloading();
-    }
-    ConfigurationReading reading =
-        readConfiguration(options_.file, ReadingRules{options_.allowReadableKeys});
-    countReload();
-    if (!reading.configuration) {
-        refuseReload(reading.problems);
-        return;
-    }
-    reload_ = ReloadOutcome::done;
-    wanted_ = std::move(*reading.configuration);
+void Instance::take(Configuration wanted) {
+    wanted_ = std::move(wanted);
     restartPause_ = firstPause();
-    log_.setLimited(wanted_.supervision.logLimit);
-    for (const std::string& warning : limitWarnings(wanted_)) {
-        log_.say(LogLevel::warn, warning);
-    }
-    reloadMetrics();
     tryNewAddress();
-    if (session_) {
-        applyReload();
-    } else {
-        tellReloaded("The forwarder will be started again");
-    }
 }
 
-void Supervisor::refuseReload(const Problems& problems) {
-    const std::string file = options_.file.string();
-    for (const Problem& problem : problems) {
-        log_.say(LogLevel::error, describe(problem, file));
+void Instance::applyReload() {
+    if (!session_) {
+        return;
     }
-    log_.say(LogLevel::error,
-             maskKeyDigits(file) + " is not usable: the running configuration is unchanged");
-    reload_ = ReloadOutcome::fileRefused;
-    countReload();
-    tellReloaded("The last reload failed; " + summary());
-}
-
-void Supervisor::applyReload() {
     const ConfigurationChanges changes = deployment_.change(wanted_);
     for (const std::string& name : changes.waiting) {
         log_.say(LogLevel::warn, name + ": the change applies at the next start of the forwarder");
     }
     const std::string subjects = listSubjects(changes.commands);
-    log_.say(LogLevel::info, "reload: " + countOf(changes.commands.size(), "command") + " to send" +
-                                 (subjects.empty() ? "" : ": " + subjects));
+    if (!isOneOfSeveral() || !subjects.empty()) {
+        log_.say(LogLevel::info, "reload: " + countOf(changes.commands.size(), "command") +
+                                     " to send" + (subjects.empty() ? "" : ": " + subjects));
+    }
     round_ = Round::reload;
     publishStage(Stage::settingUp);
     reportClock_.stop();
@@ -159,28 +125,25 @@ void Supervisor::applyReload() {
 
 // ---- The end of the controller. ----
 
-void Supervisor::terminate() {
+bool Instance::terminate(std::chrono::seconds drain) {
     if (running()) {
         startAgainAt_.reset();
         listenAgainAt_.reset();
-        notification_.stopping("Draining");
         publishStage(Stage::draining);
     }
     if (!session_) {
         ended_ = true;
-        return;
+        return false;
     }
-    const bool drains = !shutdown_.begun() && wanted_.supervision.drain != std::chrono::seconds(0);
-    carryOut(shutdown_.ask(wanted_.supervision.drain, Clock::now()));
+    const bool drains = !shutdown_.begun() && drain != std::chrono::seconds(0);
+    carryOut(shutdown_.ask(drain, Clock::now()));
     if (drains) {
-        log_.say(LogLevel::info, "draining: ends after a second without traffic, or in " +
-                                     std::to_string(wanted_.supervision.drain.count()) +
-                                     " s at the latest");
         askForReport();
     }
+    return drains;
 }
 
-void Supervisor::carryOut(const GracefulShutdown::Step& step) {
+void Instance::carryOut(const GracefulShutdown::Step& step) {
     if (!step.reason.empty()) {
         log_.say(
             step.action == GracefulShutdown::Action::closeInput ? LogLevel::warn : LogLevel::error,

@@ -3,16 +3,18 @@
 // cannot open it, the controller moves the forwarder back. The loop is in supervisor.cpp.
 #include <algorithm>
 #include <system_error>
+#include <utility>
 
 #include "commands/command_lines.h"
+#include "config/problem.h"
+#include "service/instance.h"
 #include "service/listener_remedy.h"
-#include "service/supervisor.h"
 #include "service/trial_listen.h"
 
 namespace vesk::controller {
 
 /// Only if the forwarder has an address that it could lose, or is about to return to it.
-void Supervisor::tryNewAddress() {
+void Instance::tryNewAddress() {
     const HostPort& running = deployment_.running().downstream;
     if (!deployment_.lastListenedOn() || wanted_.downstream == running ||
         usesItself(wanted_.downstream)) {
@@ -25,7 +27,7 @@ void Supervisor::tryNewAddress() {
 
 /// A trial would collide with the forwarder's own sockets, which it closes before it opens the new
 /// one. While it moves, it may still have the socket of the address before.
-bool Supervisor::usesItself(const HostPort& address) const {
+bool Instance::usesItself(const HostPort& address) const {
     const Configuration& running = deployment_.running();
     const std::optional<HostPort>& before = deployment_.lastListenedOn();
     return session_ &&
@@ -36,21 +38,23 @@ bool Supervisor::usesItself(const HostPort& address) const {
             }));
 }
 
-void Supervisor::keepAddress(const HostPort& old, std::string_view reason) {
+void Instance::keepAddress(const HostPort& old, std::string_view reason) {
     const ListenLines& lines = wanted_.downstreamLines;
     const bool samePort = wanted_.downstream.port == old.port;
     const Problem problem{samePort ? lines.address : lines.port,
                           cannotListen(startCommand(wanted_.downstream), reason) +
                               ". The forwarder continues to listen on " + old.host + ", port " +
                               std::to_string(old.port)};
-    log_.say(LogLevel::error, describe(problem, options_.file.string()));
+    log_.say(LogLevel::error, describe(problem, surroundings_.options.file.string()));
     wanted_.downstream = old;
-    if (reload_) {
-        reload_ = ReloadOutcome::addressRefused;
-    }
+    addressRefused_ = true;
 }
 
-void Supervisor::noteStart(const Outcome& outcome) {
+bool Instance::takeAddressRefusal() {
+    return std::exchange(addressRefused_, false);
+}
+
+void Instance::noteStart(const Outcome& outcome) {
     if (outcome.errors.empty()) {
         return;
     }

@@ -1,27 +1,26 @@
-// Detects a forwarder that no longer answers, and answers the service manager's watchdog. The loop
-// is in supervisor.cpp.
+// Detects a forwarder that no longer answers. The loop is in supervisor.cpp.
 #include <csignal>
 #include <string>
 
-#include "service/supervisor.h"
+#include "service/instance.h"
 
 namespace vesk::controller {
 
 /// None while the forwarder drains and ends: GracefulShutdown has the deadlines then.
-Supervisor::Deadline Supervisor::answerDue() const {
+Instance::Deadline Instance::answerDue() const {
     if (!session_ || endStatus_ || hung_ || !running()) {
         return std::nullopt;
     }
     return session_->watch().due(wanted_.supervision.answer);
 }
 
-void Supervisor::watchForwarder() {
+void Instance::watchForwarder() {
     Deadline deadline = answerDue();
     if (!due(deadline)) {
         return;
     }
     // Output may have arrived since poll(2) returned.
-    readForwarder();
+    read();
     switch (session_->judge(wanted_.supervision.answer)) {
         case AnswerWatch::Verdict::waiting:
             break;
@@ -35,22 +34,17 @@ void Supervisor::watchForwarder() {
 }
 
 /// SIGKILL at once: a stopped process handles no other signal.
-void Supervisor::endHungForwarder() {
+void Instance::endHungForwarder() {
     hung_ = true;
     log_.say(LogLevel::error, "no output from the forwarder for " +
                                   std::to_string(wanted_.supervision.answer.count()) +
                                   " s while handling the command for " +
                                   session_->current()->subject + ": killing it");
-    notification_.status("The forwarder hangs and is being killed");
-    if (metrics_) {
-        metrics_->childUp(false);
+    tellStatus("The forwarder hangs and is being killed");
+    if (metrics_ != nullptr) {
+        metrics_->childUp(false, identity_.child);
     }
     session_->signal(SIGKILL);
-}
-
-void Supervisor::answerWatchdog() {
-    notification_.alive();
-    aliveAt_ = Clock::now() + *notification_.watchdogInterval() / 2;
 }
 
 }  // namespace vesk::controller

@@ -1,0 +1,45 @@
+// What an instance does while it is replaced by another one, or takes the place of one. The steps
+// are in supervisor_replacement.cpp.
+#include <algorithm>
+#include <string>
+
+#include "commands/command_lines.h"
+#include "service/instance.h"
+#include "service/plural_text.h"
+
+namespace vesk::controller {
+
+void Instance::follow(const std::optional<Lateral>& lateral) {
+    wanted_.lateral = lateral;
+    if (session_) {
+        sendAll(deployment_.change(wanted_).commands);
+    }
+}
+
+std::string Instance::obstacleToReplace(const Instance& old) const {
+    if (!session_) {
+        return "it ended";
+    }
+    const std::set<std::uint32_t>& before = old.deployment_.refusals().flows;
+    const std::set<std::uint32_t>& now = deployment_.refusals().flows;
+    const auto more =
+        std::ranges::count_if(now, [&](std::uint32_t label) { return !before.contains(label); });
+    if (more > 0) {
+        return "it refuses " + countOf(static_cast<std::size_t>(more), "flow") +
+               " that the old one accepted";
+    }
+    return deployment_.listensEverywhere() ? "" : "it does not listen";
+}
+
+void Instance::releaseSources() {
+    if (!session_) {
+        return;
+    }
+    for (const auto& [label, flow] : deployment_.running().flows) {
+        if (flow.source) {
+            session_->send(delCommand(flow));
+        }
+    }
+}
+
+}  // namespace vesk::controller

@@ -1,0 +1,170 @@
+#include "steering/steering_rules.h"
+
+#include <string_view>
+
+#include "config/numeric_address.h"
+
+namespace vesk::controller {
+
+namespace {
+
+constexpr std::size_t udpHeader = 8;
+constexpr std::size_t labelSize = 4;
+constexpr std::size_t bitsOfByte = 8;
+
+// Where a framed datagram has its label, in bytes.
+constexpr std::size_t labelOffsetV1 = 34;
+constexpr std::size_t labelOffsetV2 = 16;
+
+std::string tableName(std::uint16_t publicPort) {
+    return "inet vesk_" + std::to_string(publicPort);
+}
+
+/// The upper 16 bits of the label.
+std::string prefixField(const SteeringPlan& plan) {
+    return "@th," + std::to_string((udpHeader + plan.labelOffset) * bitsOfByte) + ",16";
+}
+
+std::string listOf(const std::vector<std::uint16_t>& ports) {
+    std::string list;
+    for (std::size_t instance = 0; instance < ports.size(); ++instance) {
+        list.append(list.empty() ? "" : ", ")
+            .append(std::to_string(instance) + " : " + std::to_string(ports[instance]));
+    }
+    return list;
+}
+
+/// The map has no default, and a rule can have no fixed port that is changed with the map.
+std::string fallbackOf(std::uint16_t publicPort, const std::vector<std::uint16_t>& ports) {
+    return std::to_string(publicPort) + " : " + std::to_string(ports.front());
+}
+
+/// The part of a rule that matches the host's address in this field, "daddr" or "saddr". A host
+/// that forwards packets to others has wildcard addresses match only its own.
+std::string addressMatch(const std::string& host, std::string_view field) {
+    constexpr std::string_view mapped = "::ffff:";
+    const std::string_view text(host);
+    if (text.starts_with(mapped) && isIPv4(std::string(text.substr(mapped.size())))) {
+        return addressMatch(std::string(text.substr(mapped.size())), field);
+    }
+    std::string own = "fib " + std::string(field) + " type local ";
+    if (host == "::") {
+        return own;
+    }
+    if (host == "0.0.0.0") {
+        return "meta nfproto ipv4 " + own;
+    }
+    return (isIPv4(host) ? "ip " : "ip6 ") + std::string(field) + " " + host + " ";
+}
+
+std::string portRange(const SteeringPlan& plan) {
+    const std::string first = std::to_string(plan.firstPort);
+    return plan.firstPort == plan.lastPort ? first : first + "-" + std::to_string(plan.lastPort);
+}
+
+std::string mapsAndCounters(const SteeringPlan& plan) {
+    return "    map instances {\n"
+           "        typeof " +
+           prefixField(plan) +
+           " : udp dport\n"
+           "        elements = { " +
+           listOf(plan.ports) +
+           " }\n"
+           "    }\n"
+           "    map fallback {\n"
+           "        typeof udp dport : udp dport\n"
+           "        elements = { " +
+           fallbackOf(plan.publicPort, plan.ports) +
+           " }\n"
+           "    }\n"
+           "    counter too_short { }\n"
+           "    counter fragments { }\n"
+           "    counter unmatched { }\n"
+           "    counter direct { }\n";
+}
+
+/// The rules that rewrite the port. `suffix` follows each of them.
+std::string rewriting(const SteeringPlan& plan, const std::string& suffix) {
+    const std::string whole = std::to_string(udpHeader + plan.labelOffset + labelSize);
+    const std::string last = std::to_string(plan.ports.size() - 1);
+    const std::string toFirst = "udp dport set udp dport map @fallback" + suffix + " accept\n";
+    return "        udp length >= " + whole + " udp dport set " + prefixField(plan) + " & " + last +
+           " map @instances" + suffix +
+           " accept\n"
+           "        udp length < " +
+           whole + " counter name too_short " + toFirst + "        counter name unmatched " +
+           toFirst;
+}
+
+/// A rewritten port changes the checksum. A datagram without one has to stay without.
+std::string steeringChains(const SteeringPlan& plan) {
+    return "    chain without_checksum {\n" + rewriting(plan, " udp checksum set 0") +
+           "    }\n"
+           "    chain steer {\n"
+           "        notrack\n"
+           "        ip frag-off & 0x2000 != 0 counter name fragments\n"
+           "        meta nfproto ipv6 exthdr frag exists counter name fragments\n"
+           "        udp checksum 0 goto without_checksum\n" +
+           rewriting(plan, "") + "    }\n";
+}
+
+/// Datagrams of peers on this host are seen by connection tracking before they are received.
+std::string hookedChains(const SteeringPlan& plan) {
+    const std::string toHost = addressMatch(plan.host, "daddr");
+    const std::string fromHost = addressMatch(plan.host, "saddr");
+    const std::string port = std::to_string(plan.publicPort);
+    return "    chain prerouting {\n"
+           "        type filter hook prerouting priority raw; policy accept;\n"
+           "        udp dport " +
+           port + " " + toHost +
+           "jump steer\n"
+           "        udp dport " +
+           portRange(plan) + " " + toHost +
+           "counter name direct drop\n"
+           "    }\n"
+           "    chain output {\n"
+           "        type filter hook output priority raw; policy accept;\n"
+           "        udp dport " +
+           port + " " + toHost +
+           "notrack\n"
+           "        udp sport " +
+           portRange(plan) + " " + fromHost + "notrack udp sport set " + port +
+           "\n"
+           "    }\n";
+}
+
+}  // namespace
+
+SteeringPlan steeringPlan(const Configuration& configuration,
+                          const std::vector<std::uint16_t>& ports) {
+    return {configuration.downstream.host,
+            configuration.downstream.port,
+            configuration.forwarder.framing == "udpv1" ? labelOffsetV1 : labelOffsetV2,
+            ports,
+            configuration.instancePorts->first,
+            configuration.instancePorts->last};
+}
+
+std::string steeringRules(const SteeringPlan& plan) {
+    return steeringRemoval(plan.publicPort) + "table " + tableName(plan.publicPort) + " {\n" +
+           mapsAndCounters(plan) + steeringChains(plan) + hookedChains(plan) + "}\n";
+}
+
+std::string steeringSwap(std::uint16_t publicPort, const std::vector<std::uint16_t>& ports) {
+    const std::string table = tableName(publicPort);
+    return "flush map " + table + " instances\nadd element " + table + " instances { " +
+           listOf(ports) + " }\nflush map " + table + " fallback\nadd element " + table +
+           " fallback { " + fallbackOf(publicPort, ports) + " }\n";
+}
+
+std::string steeringRemoval(std::uint16_t publicPort) {
+    // Deleting a table that does not exist is an error.
+    const std::string table = tableName(publicPort);
+    return "table " + table + "\ndelete table " + table + "\n";
+}
+
+std::string steeringCountersQuery(std::uint16_t publicPort) {
+    return "list counters table " + tableName(publicPort) + "\n";
+}
+
+}  // namespace vesk::controller

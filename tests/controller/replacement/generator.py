@@ -1,0 +1,59 @@
+"""Runs vesk-traffic beside the test, with labels that all instances share."""
+
+from __future__ import annotations
+
+import json
+import os
+import subprocess
+from typing import Dict, List
+
+from framework.timing import scaled
+
+PORT = 4500
+_UPSTREAM = 5000
+
+
+def _words(*more: object) -> List[str]:
+    return [os.environ["VESK_TRAFFIC"], "--label-step", "65536", "--port", str(PORT),
+            "--upstream-port", str(_UPSTREAM), *map(str, more)]
+
+
+def configuration_text(flows: int, *options: object) -> str:
+    """The tables of the file with the generator's flows."""
+    return subprocess.run(_words("--flows", flows, *options, "--print-toml"), check=True,
+                          capture_output=True, text=True).stdout
+
+
+class Generator:
+    """Sends at a fixed rate for some seconds and verifies every reply."""
+
+    def __init__(self, controller: int, flows: int, rate: int, seconds: float,
+                 *options: object) -> None:
+        self._seconds = seconds
+        # One process id is required; the time that it uses is not looked at.
+        self._process = subprocess.Popen(
+            _words("--flows", flows, "--rate", rate, "--duration", seconds, "--loss-timeout", 1,
+                   "--verify-every", 1, "--pid", controller, "--allow-loss", "--json", *options),
+            stdout=subprocess.PIPE, stderr=subprocess.PIPE, text=True)
+
+    def is_sending(self) -> bool:
+        return self._process.poll() is None
+
+    def result(self) -> Dict[str, float]:
+        """Waits for its end."""
+        printed, said = self._process.communicate(timeout=self._seconds + scaled(20))
+        assert printed, said
+        counts: Dict[str, float] = json.loads(printed)
+        assert counts["sent"] > 0
+        return counts
+
+    def check_nothing_lost(self) -> Dict[str, float]:
+        """Waits for its end; returns its counts."""
+        counts = self.result()
+        assert not any(counts[name] for name in ("lost", "late", "wrong", "unexpected")), counts
+        return counts
+
+    def end(self) -> None:
+        if self.is_sending():
+            self._process.kill()
+        self._process.communicate()

@@ -1,0 +1,74 @@
+#include "steering/steering_rules.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include "config/instance_configurations.h"
+#include "configuration_text.h"
+#include "steering/steering_counters.h"
+
+namespace vesk::controller {
+namespace {
+
+using testing::AllOf;
+using testing::HasSubstr;
+using testing::Not;
+
+constexpr std::string_view twoInstances =
+    "[downstream]\naddress = \"0.0.0.0\"\nport = 4500\ninstance_ports = [4501, 4503]\n"
+    "[forwarder]\ninstances = 2\n";
+
+std::string rulesFor(const std::string& host) {
+    return steeringRules({host, 4500, 16, {4501, 4502}, 4501, 4503});
+}
+
+TEST(SteeringRules, TakeTheLabelFromTheFramingsPlace) {
+    Configuration configuration = configurationOf(twoInstances);
+    const SteeringPlan plan = steeringPlan(configuration, {4502, 4503});
+    EXPECT_EQ(plan.host, "0.0.0.0");
+    EXPECT_EQ(plan.publicPort, 4500);
+    EXPECT_EQ(plan.firstPort, 4501);
+    EXPECT_EQ(plan.lastPort, 4503);
+    EXPECT_EQ(plan.ports, (std::vector<std::uint16_t>{4502, 4503}));
+    // 8 bytes of the UDP header and 16 of the HMAC.
+    EXPECT_THAT(steeringRules(plan), AllOf(HasSubstr("@th,192,16 & 1 map @instances"),
+                                           HasSubstr("udp length < 28 counter name too_short")));
+    configuration.forwarder.framing = "udpv1";
+    EXPECT_THAT(steeringRules(steeringPlan(configuration, {4502, 4503})),
+                AllOf(HasSubstr("@th,336,16 & 1 map @instances"),
+                      HasSubstr("udp length < 46 counter name too_short")));
+}
+
+TEST(SteeringRules, MatchOnlyTheAddressesOfThisHost) {
+    EXPECT_THAT(rulesFor("192.0.2.1"), AllOf(HasSubstr("ip daddr 192.0.2.1 jump steer"),
+                                             HasSubstr("ip saddr 192.0.2.1 notrack udp sport set"),
+                                             Not(HasSubstr("fib"))));
+    EXPECT_THAT(rulesFor("::ffff:192.0.2.1"), HasSubstr("ip daddr 192.0.2.1 jump steer"));
+    EXPECT_THAT(rulesFor("2001:db8::1"), HasSubstr("ip6 daddr 2001:db8::1 jump steer"));
+    EXPECT_THAT(rulesFor("0.0.0.0"),
+                HasSubstr("udp dport 4500 meta nfproto ipv4 fib daddr type local jump steer"));
+    EXPECT_THAT(rulesFor("::"), HasSubstr("udp dport 4500 fib daddr type local jump steer"));
+}
+
+TEST(SteeringRules, ReplaceAllPortsInOneSwap) {
+    EXPECT_EQ(steeringSwap(4500, {4503, 4502}),
+              "flush map inet vesk_4500 instances\n"
+              "add element inet vesk_4500 instances { 0 : 4503, 1 : 4502 }\n"
+              "flush map inet vesk_4500 fallback\n"
+              "add element inet vesk_4500 fallback { 4500 : 4503 }\n");
+}
+
+TEST(SteeringCounters, AreReadFromTheListing) {
+    const SteeringCounters counters = parseSteeringCounters(
+        "table inet vesk_4500 {\n\tcounter too_short {\n\t\tpackets 1 bytes 30\n\t}\n\n"
+        "\tcounter fragments {\n\t\tpackets 22 bytes 5\n\t}\n\n"
+        "\tcounter direct {\n\t\tpackets 4 bytes 5\n\t}\n}\n");
+    EXPECT_EQ(counters.tooShort, 1U);
+    EXPECT_EQ(counters.fragments, 22U);
+    EXPECT_EQ(counters.unmatched, 0U);
+    EXPECT_EQ(counters.direct, 4U);
+    EXPECT_EQ(parseSteeringCounters("").direct, 0U);
+}
+
+}  // namespace
+}  // namespace vesk::controller
