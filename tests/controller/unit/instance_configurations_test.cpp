@@ -156,7 +156,7 @@ TEST(Instances, HaveAPortForTheirLateralStream) {
 }
 
 TEST(Instances, AreCheckedWithTheLateralTable) {
-    const auto with = [](std::string from, const std::string& to) {
+    const auto with = [](const std::string& from, const std::string& to) {
         std::string text(twoHosts);
         text.replace(text.find(from), from.size(), to);
         return problemsOf(file(text));
