@@ -84,7 +84,7 @@ class EndpointManager {
     std::uint64_t removals() const { return removals_.load(std::memory_order_acquire); }
 
     /// Whether an endpoint that was bound to the port (in host byte order) left the tables within
-    /// the last second, and its socket is still open.
+    /// the last second, and its socket may still be open.
     bool portLeftRecently(std::uint16_t port) const VESK_EXCLUDES(lock_);
 
     /// Calls `action` under the write lock, so that no endpoint and no upstream socket is made

@@ -25,23 +25,26 @@ bool isBoundTo(int fd, std::uint16_t port) {
 
 void ReleasedPorts::add(std::uint16_t port, int rdsockfd, int wrsockfd) {
     const Clock::time_point now = Clock::now();
-    std::erase_if(released_, [now](const Released& released) { return !isOpen(released, now); });
+    std::erase_if(released_, [now](const Released& released) { return !mayBeOpen(released, now); });
     released_.push_back({port, rdsockfd, wrsockfd, now});
 }
 
 bool ReleasedPorts::contains(std::uint16_t port) const {
     const Clock::time_point now = Clock::now();
     return std::ranges::any_of(released_, [port, now](const Released& released) {
-        return released.port == port && isOpen(released, now);
+        return released.port == port && mayBeOpen(released, now);
     });
 }
 
-/// A descriptor's number may belong to another socket by now, even to one that got the same port.
-/// The time limit ends such a mistake.
-bool ReleasedPorts::isOpen(const Released& released, Clock::time_point now) {
+/// A call of another thread keeps a closed socket open until it returns, which the descriptors do
+/// not show. The number of a descriptor may belong to another socket by now, even to one that got
+/// the same port; the time limit ends such a mistake.
+bool ReleasedPorts::mayBeOpen(const Released& released, Clock::time_point now) {
+    constexpr std::chrono::milliseconds callInProgress{50};
     constexpr std::chrono::seconds longest{1};
-    return now - released.when < longest && (isBoundTo(released.rdsockfd, released.port) ||
-                                             isBoundTo(released.wrsockfd, released.port));
+    const Clock::duration age = now - released.when;
+    return age < callInProgress || (age < longest && (isBoundTo(released.rdsockfd, released.port) ||
+                                                      isBoundTo(released.wrsockfd, released.port)));
 }
 
 }  // namespace vesk

@@ -1,4 +1,4 @@
-// Ports of sockets that were released recently and are not closed yet. Part of the endpoint
+// Ports of sockets that were released recently and may still be open. Part of the endpoint
 // registry; guarded by the endpoint manager's lock.
 #pragma once
 
@@ -12,7 +12,8 @@ class ReleasedPorts {
  public:
     /// The port, in host byte order, of the socket with these descriptors.
     void add(std::uint16_t port, int rdsockfd, int wrsockfd);
-    /// Whether a socket of the port was added within the last second and is still open.
+    /// Whether a socket of the port was added within the last second and may still be open: its
+    /// descriptors are, or it was added within the last 50 milliseconds.
     bool contains(std::uint16_t port) const;
 
  private:
@@ -25,9 +26,9 @@ class ReleasedPorts {
         Clock::time_point when;
     };
 
-    static bool isOpen(const Released& released, Clock::time_point now);
+    static bool mayBeOpen(const Released& released, Clock::time_point now);
 
-    /// Those that are no longer open are removed when another is added.
+    /// Those that are closed are removed when another is added.
     std::vector<Released> released_;
 };
 

@@ -17,7 +17,7 @@ namespace {
 /// How long to retry. A worker may hold the old endpoint until the end of its pass; then the poll
 /// thread closes its sockets. If other processes use the processors, both may have to wait for a
 /// time slice. While this thread waits, it handles no other datagram.
-constexpr std::chrono::milliseconds patience{15};
+constexpr std::chrono::milliseconds patience{50};
 constexpr useconds_t retryMicroseconds = 100;
 
 /// Binds the socket, and retries while a released port is still in use. 0 or a positive errno.

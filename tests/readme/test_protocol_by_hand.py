@@ -8,6 +8,7 @@ from typing import Iterator, List
 
 import pytest
 
+from framework.batches import wait_until_idle
 from framework.udp import UdpEnd
 from framework.vesk_process import VeskProcess
 
@@ -89,8 +90,9 @@ def test_session_is_as_shown(tmp_path: Path, peer: UdpEnd, upstream: UdpEnd) -> 
     assert peer.receive().data == datagram(reply[1])
     for line in refused:
         peer.send(datagram(line), forwarder)
-    # The second datagram is counted before its line is logged.
+    # The second datagram is counted before its line is logged, the reply after it has been sent.
     session.vesk.wait_for_log("downstreamPacketReceivedFailed HMAC Check!")
+    wait_until_idle(session.vesk)
     session.type(answers)
 
     session.vesk.finish()
