@@ -10,7 +10,7 @@ class EndpointManager;
 
 /// Binds the read socket, and with it the write socket, to `up_src_addrinfo`. Does nothing if the
 /// flow has none. If the port is still held by an endpoint that has just left the tables, it
-/// retries for up to 15 ms. False, after logging, if the bind fails.
+/// retries for up to 50 ms. False, after logging, if the bind fails.
 bool bindUpstreamSocket(VeskEndpointDescriptor& endpoint, const EndpointManager& manager);
 
 }  // namespace vesk
