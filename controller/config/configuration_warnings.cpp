@@ -11,6 +11,7 @@
 #include <string_view>
 #include <utility>
 
+#include "config/instance_configurations.h"
 #include "config/key_mask.h"
 #include "config/numeric_address.h"
 
@@ -164,7 +165,6 @@ void warnOfShortKeys(const Configuration& configuration, std::vector<std::string
 
 void warnOfForeignLabels(const Configuration& configuration, const Lateral& lateral,
                          std::vector<std::string>& warnings) {
-    constexpr std::uint32_t prefixBits = 16;
     Findings foreign;
     const auto look = [&](const Flow& flow, const char* kind, std::uint32_t number,
                           std::uint32_t prefix) {

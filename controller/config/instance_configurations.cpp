@@ -7,8 +7,6 @@ namespace vesk::controller {
 
 namespace {
 
-constexpr std::uint32_t prefixBits = 16;
-
 /// The address for the lateral stream of an instance on the port: one of 127.86.0.0/16. `first` is
 /// the first port of the range.
 std::string loopbackAddress(std::uint16_t port, std::uint16_t first) {

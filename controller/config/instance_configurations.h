@@ -14,6 +14,9 @@ namespace vesk::controller {
 /// Whether the public port is not that of the forwarder: rules send its datagrams on.
 bool isSteered(const Configuration& configuration);
 
+/// A label shifted by this is its upper 16 bits, the prefix.
+inline constexpr std::uint32_t prefixBits = 16;
+
 /// The instance that gets the datagrams with these upper 16 bits of the label.
 std::size_t instanceOf(const Configuration& configuration, std::uint32_t prefix);
 

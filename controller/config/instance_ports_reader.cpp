@@ -13,8 +13,6 @@ namespace vesk::controller {
 
 namespace {
 
-constexpr std::uint32_t prefixBits = 16;
-
 bool contains(const InstancePorts& range, std::uint16_t port) {
     return port >= range.first && port <= range.last;
 }
