@@ -36,15 +36,16 @@ bool ReleasedPorts::contains(std::uint16_t port) const {
     });
 }
 
-/// A call of another thread keeps a closed socket open until it returns, which the descriptors do
-/// not show. The number of a descriptor may belong to another socket by now, even to one that got
-/// the same port; the time limit ends such a mistake.
+/// close(2) frees the number of the descriptor before it releases the port, and the closing thread
+/// may be preempted in between, so closed descriptors prove nothing for a while. The number of a
+/// descriptor may belong to another socket by now, even to one that got the same port; the time
+/// limit ends such a mistake.
 bool ReleasedPorts::mayBeOpen(const Released& released, Clock::time_point now) {
-    constexpr std::chrono::milliseconds callInProgress{50};
+    constexpr std::chrono::milliseconds closing{50};
     constexpr std::chrono::seconds longest{1};
     const Clock::duration age = now - released.when;
-    return age < callInProgress || (age < longest && (isBoundTo(released.rdsockfd, released.port) ||
-                                                      isBoundTo(released.wrsockfd, released.port)));
+    return age < closing || (age < longest && (isBoundTo(released.rdsockfd, released.port) ||
+                                               isBoundTo(released.wrsockfd, released.port)));
 }
 
 }  // namespace vesk

@@ -21,7 +21,7 @@ class ReleasedPortsTest : public testing::Test {
     }
 
     /// The time during which a port is contained even if its descriptors are closed.
-    static void waitForCallsToEnd() { usleep(51 * 1000); }
+    static void waitForCloseToEnd() { usleep(51 * 1000); }
 
     static UniqueFd duplicateOf(const UdpSocket& original) { return UniqueFd(dup(original.fd())); }
 
@@ -39,7 +39,7 @@ TEST_F(ReleasedPortsTest, ContainsNothingAtFirst) {
 
 TEST_F(ReleasedPortsTest, ContainsAPortUntilBothDescriptorsAreClosed) {
     release(*socket, duplicate);
-    waitForCallsToEnd();
+    waitForCloseToEnd();
     EXPECT_TRUE(ports.contains(port));
     socket.reset();
     EXPECT_TRUE(ports.contains(port));
@@ -49,14 +49,14 @@ TEST_F(ReleasedPortsTest, ContainsAPortUntilBothDescriptorsAreClosed) {
 
 TEST_F(ReleasedPortsTest, ContainsAPortUntilTheReadDescriptorIsClosed) {
     release(*socket, duplicate);
-    waitForCallsToEnd();
+    waitForCloseToEnd();
     duplicate.reset();
     EXPECT_TRUE(ports.contains(port));
     socket.reset();
     EXPECT_FALSE(ports.contains(port));
 }
 
-// A thread may still be in a call on the socket, which keeps its port.
+// close(2) frees the number of the descriptor before it releases the port.
 TEST_F(ReleasedPortsTest, ContainsAClosedPortForFiftyMilliseconds) {
     const auto before = ReleaseClock::now();
     release(*socket, duplicate);
@@ -84,7 +84,7 @@ TEST_F(ReleasedPortsTest, ContainsOnlyThePortsAdded) {
 TEST_F(ReleasedPortsTest, RecognizesNumbersThatOtherSocketsHaveByNow) {
     const std::uint16_t closed = freePort();
     ports.add(closed, socket->fd(), duplicate.get());
-    waitForCallsToEnd();
+    waitForCloseToEnd();
     EXPECT_FALSE(ports.contains(closed));
 }
 
