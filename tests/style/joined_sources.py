@@ -1,5 +1,5 @@
-"""Joins source files to a few translation units, for checks that spend more time on the headers than on
-the files themselves. Used by check_tidy.py and check_thread_safety.py.
+"""Joins source files to a few translation units, for a check that spends more time on the headers than on
+the files themselves. Used by check_tidy.py.
 
 The text of the files is joined, not included, so that each file is checked as a main file.
 """

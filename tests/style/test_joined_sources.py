@@ -54,8 +54,8 @@ def root(tmp_path: Path) -> Path:
     (tmp_path / "src").mkdir()
     (tmp_path / "src/quiet.cpp").write_text(QUIET, encoding="utf-8")
     (tmp_path / ".clang-tidy").write_text(
-        "Checks: '-*,clang-analyzer-core.*,bugprone-use-after-move,modernize-use-nullptr,"
-        "readability-else-after-return'\nWarningsAsErrors: '*'\n"
+        "Checks: '-*,clang-analyzer-core.*,clang-diagnostic-thread-safety-*,bugprone-use-after-move,"
+        "modernize-use-nullptr,readability-else-after-return'\nWarningsAsErrors: '*'\n"
         "HeaderFilterRegex: 'src/.*'\n", encoding="utf-8")
     return tmp_path
 
@@ -177,6 +177,6 @@ def test_file_that_is_not_compiled_is_reported(root: Path) -> None:
 
 
 def test_guarded_data_without_its_lock_fails(root: Path) -> None:
-    done = check(root, "check_thread_safety.py", {"z.cpp": UNLOCKED})
+    done = tidy(root, {"z.cpp": UNLOCKED})
     assert done.returncode == 1
     assert f"{root}/src/z.cpp:4:23: error: reading variable 'guarded' requires holding" in done.stdout

@@ -9,7 +9,7 @@ from typing import Type
 from configuration_file import ConfigurationFile
 from controller_fixtures import StartController
 from controller_process import ControllerProcess, is_alive
-from framework.timing import scaled, wait_until
+from framework.timing import wait_until
 from generator import Generator
 from instances import (DONE, FLOWS, INSTANCES, METRICS, RATE, READY, children, forwarders,
                        port_of_instances, replace, tables, write_for_generator)
@@ -46,7 +46,7 @@ def test_a_broken_program_changes_nothing(configuration: ConfigurationFile,
     write_for_generator(configuration, "answer_seconds = 1")
     controller = start_controller("--program", program)
     controller.wait_for(READY)
-    generator = start_generator(controller.pid, FLOWS, RATE, scaled(12))
+    generator = start_generator(controller.pid, FLOWS, RATE, 15)
     for text, reason in _BROKEN.items():
         script(configuration.folder, text)
         _fail(controller, reason)
@@ -85,7 +85,7 @@ def test_a_controller_killed_in_the_middle_can_be_started_again(
     controller.wait_for(READY)
     assert tables() == ["table inet vesk_4500"]
     assert port_of_instances() == {0: 4501, 1: 4502}
-    generator = start_generator(controller.pid, FLOWS, RATE, scaled(4))
+    generator = start_generator(controller.pid, FLOWS, RATE, 6)
     controller.wait_for(DONE, replace(controller))
     assert generator.is_sending(), "the traffic ended too early for this check"
     generator.check_nothing_lost()

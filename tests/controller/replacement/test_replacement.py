@@ -8,23 +8,23 @@ import pytest
 
 from configuration_file import ConfigurationFile
 from controller_fixtures import StartController
-from framework.timing import scaled, wait_until
+from framework.timing import wait_until
 from generator import Generator
-from instances import (DONE, FLOWS, INSTANCES, METRICS, RATE, READY, forwarders, replace, tables,
-                       write_for_generator)
+from instances import (DONE, FLOWS, INSTANCES, METRICS, RATE, READY, REPLACEMENTS, forwarders,
+                       replace, tables, write_for_generator)
 from page import samples
 
 
-@pytest.mark.limit_seconds(180)
-def test_ten_replacements_lose_nothing(configuration: ConfigurationFile,
+@pytest.mark.limit_seconds(120)
+def test_replacements_lose_nothing(configuration: ConfigurationFile,
                                        start_controller: StartController,
                                        start_generator: Type[Generator]) -> None:
     write_for_generator(configuration)
     controller = start_controller()
     controller.wait_for(READY)
     first = forwarders(controller, INSTANCES)
-    generator = start_generator(controller.pid, FLOWS, RATE, scaled(27))
-    for _ in range(10):
+    generator = start_generator(controller.pid, FLOWS, RATE, 27)
+    for _ in range(REPLACEMENTS):
         controller.wait_for(DONE, replace(controller), 20)
     assert generator.is_sending(), "the traffic ended too early for this check"
     assert not set(forwarders(controller, INSTANCES)) & set(first)
@@ -37,6 +37,6 @@ def test_ten_replacements_lose_nothing(configuration: ConfigurationFile,
     for name in ("downstream_received_datagrams", "upstream_sent_datagrams"):
         parts = [page[f'vesk_instance_{name}_total{{instance="{i}"}}'] for i in range(INSTANCES)]
         assert sum(parts) == page[f"vesk_{name}_total"] and min(parts) > 0
-    assert page['vesk_replacements_total{outcome="done"}'] == 10
+    assert page['vesk_replacements_total{outcome="done"}'] == REPLACEMENTS
     assert controller.finish() == 0
     assert not tables()
