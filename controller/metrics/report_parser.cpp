@@ -21,11 +21,11 @@ constexpr std::array<std::string_view, 8> headings{"info ",
 
 // The text before each figure of a socket, in the order of datagramFields. The child writes the
 // rows of flows without some of the colons.
-constexpr std::array<std::string_view, 4> downstreamNames{
+constexpr std::array<std::string_view, 4> downstreamTexts{
     "RxDg:", ",TxDg:", ",RxDgError:", ",TxDgDropped:"};
-constexpr std::array<std::string_view, 6> lateralNames{
+constexpr std::array<std::string_view, 6> lateralTexts{
     "RxDg:", ",TxDg:", ",RxDgError:", ",TxDgDropped:", ",DnTxDg:", ",DnTxDgDropped:"};
-constexpr std::array<std::string_view, 6> flowNames{",RxDg:",       ",TxDg:",   ",RxDgError",
+constexpr std::array<std::string_view, 6> flowTexts{",RxDg:",       ",TxDg:",   ",RxDgError",
                                                     ",TxDgDropped", ",DnTxDg:", ",DnTxDgDropped:"};
 
 // Removes `name` and the decimal number after it from the front of the text. False if the text
@@ -74,7 +74,7 @@ bool parsePoll(std::string_view line, std::optional<PollCounters>& poll) {
 
 bool parseFlow(std::string_view line, std::vector<FlowRow>& flows) {
     FlowRow row;
-    if (!takeFigure(line, "Label:", row.label) || !parseSocket(line, flowNames, row.counters)) {
+    if (!takeFigure(line, "Label:", row.label) || !parseSocket(line, flowTexts, row.counters)) {
         return false;
     }
     // A label that occurs twice would be counted twice.
@@ -167,8 +167,8 @@ ReportParser::Verdict ReportParser::takeRow(std::string_view line) {
     } else if (line.starts_with("RxDg:")) {
         good =
             (section_ == Section::downstream &&
-             parseOnlySocket(line, downstreamNames, partial_.downstream)) ||
-            (section_ == Section::lateral && parseOnlySocket(line, lateralNames, partial_.lateral));
+             parseOnlySocket(line, downstreamTexts, partial_.downstream)) ||
+            (section_ == Section::lateral && parseOnlySocket(line, lateralTexts, partial_.lateral));
     } else {
         return Verdict::foreign;
     }

@@ -80,7 +80,7 @@ RequestVerdict convertForUpstream(const ReceivedDatagram& datagram, std::size_t 
 DownstreamReceiver::DownstreamReceiver(ForwarderContext& context)
     : context_(context),
       flows_(*context.endpointManager),
-      removals_(context.endpointManager->removals()),
+      removals_(*context.endpointManager),
       held_(0, true,
             [this](VeskEndpointDescriptor& flow, const SendResult& result, std::size_t datagrams) {
                 settle(flow, result, datagrams);
@@ -140,10 +140,10 @@ RequestVerdict DownstreamReceiver::holdForUpstream(const ReceivedDatagram& datag
     const RequestVerdict verdict = convertForUpstream(datagram, headerLength, held_.nextRoute(),
                                                       flow, found.created, context_);
     switch (verdict) {
+        // The thread that found the forged datagram may not have removed the endpoint yet.
         case RequestVerdict::flowGivenUp:
-            // The thread that found the forged datagram may not have removed the endpoint yet.
+        // Before the failure is logged, so that a reader of the log finds the label unchanged.
         case RequestVerdict::forgedFirst:
-            // Before the failure is logged, so that a reader of the log finds the label unchanged.
             context_.endpointManager->undoCreation(flow);
             break;
         case RequestVerdict::forged:
@@ -161,8 +161,7 @@ RequestVerdict DownstreamReceiver::holdForUpstream(const ReceivedDatagram& datag
 
 /// The label's endpoint, made if there is none.
 DownstreamReceiver::Flow DownstreamReceiver::findFlow(std::uint32_t label) {
-    if (std::exchange(removals_, context_.endpointManager->removals()) != removals_) {
-        // References to removed endpoints are released, since they keep ports from being reused.
+    if (removals_.noticeRemovals()) {
         endBatch();
     }
     const EndpointPtr& kept = flows_.find(label);

@@ -58,7 +58,7 @@ class DownstreamReceiver {
 
     ForwarderContext& context_;
     LabelCache flows_;
-    std::uint64_t removals_;
+    RemovalWatch removals_;
     /// The datagrams held, all of one flow, and that flow.
     SendBatch held_;
     VeskEndpointDescriptor* heldFlow_ = nullptr;

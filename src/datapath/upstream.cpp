@@ -33,7 +33,6 @@ UpstreamReceiver::UpstreamReceiver(std::shared_ptr<ForwarderContext> context)
 
 UpstreamReceiver::Served UpstreamReceiver::serve(int socket) {
     if (endpoints_.noticeRemovals()) {
-        // References to removed endpoints are released, since they keep ports from being reused.
         letGo();
     }
     const EndpointPtr& endpoint = endpoints_.findByFd(socket);

@@ -6,6 +6,17 @@
 
 namespace vesk {
 
+RemovalWatch::RemovalWatch(const EndpointManager& manager)
+    : manager_(manager), seen_(manager.removals()) {}
+
+bool RemovalWatch::noticeRemovals() {
+    return std::exchange(seen_, manager_.removals()) != seen_;
+}
+
+bool RemovalWatch::unchanged() const {
+    return manager_.removals() == seen_;
+}
+
 const EndpointPtr& LabelCache::find(std::uint32_t label) {
     EndpointPtr& place = byLabel_.at(label % byLabel_.size());
     if (place && place->label == label) {
@@ -32,16 +43,8 @@ void LabelCache::letGo() {
     }
 }
 
-EndpointCache::EndpointCache(const EndpointManager& manager)
-    : manager_(manager), removals_(manager.removals()), labels_(manager) {}
-
-bool EndpointCache::noticeRemovals() {
-    return std::exchange(removals_, manager_.removals()) != removals_;
-}
-
 bool EndpointCache::isCurrent(const VeskEndpointDescriptor& endpoint) const {
-    return manager_.removals() == removals_ ||
-           manager_.findEndpointByLabel(endpoint.label).get() == &endpoint;
+    return removals_.unchanged() || manager_.findEndpointByLabel(endpoint.label).get() == &endpoint;
 }
 
 const EndpointPtr& EndpointCache::findByFd(int fd) {

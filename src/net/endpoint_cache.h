@@ -19,6 +19,22 @@ namespace vesk {
 
 class EndpointManager;
 
+/// Whether endpoints have left the manager's tables.
+class RemovalWatch {
+ public:
+    explicit RemovalWatch(const EndpointManager& manager);
+
+    /// Whether some have left since the last call. If so, the caller has to release its endpoints,
+    /// since references to removed ones keep ports from being reused.
+    bool noticeRemovals();
+    /// Whether none has left since the last call of `noticeRemovals`.
+    bool unchanged() const;
+
+ private:
+    const EndpointManager& manager_;
+    std::uint64_t seen_;
+};
+
 /// The endpoints looked up by label.
 class LabelCache {
  public:
@@ -41,11 +57,11 @@ class LabelCache {
 
 class EndpointCache {
  public:
-    explicit EndpointCache(const EndpointManager& manager);
+    explicit EndpointCache(const EndpointManager& manager)
+        : manager_(manager), removals_(manager), labels_(manager) {}
 
-    /// Whether endpoints have left the tables since the last call. If so, the caller has to call
-    /// `letGo`.
-    bool noticeRemovals();
+    /// As RemovalWatch. If so, the caller has to call `letGo`.
+    bool noticeRemovals() { return removals_.noticeRemovals(); }
     /// Whether the endpoint, looked up since the last `noticeRemovals`, is still in the tables.
     bool isCurrent(const VeskEndpointDescriptor& endpoint) const;
 
@@ -75,7 +91,7 @@ class EndpointCache {
 
     const EndpointManager& manager_;
     const EndpointPtr none_;
-    std::uint64_t removals_ = 0;
+    RemovalWatch removals_;
     /// The index is the descriptor. `fds_` lists the descriptors of the places in use, in any
     /// order.
     std::vector<Place> byFd_;

@@ -20,7 +20,7 @@ import pytest
 from framework.faults import recording_start
 from framework.flow import Flow, four_keys
 from framework.lateral import join, owned_label
-from framework.statistics import report, wait_for_report
+from framework.statistics import wait_for_report
 from framework.udp import Address, Received, UdpEnd
 from framework.vesk_process import VeskProcess
 
@@ -257,7 +257,7 @@ def test_a_reply_from_a_removed_address_is_a_network_error(
         # The next datagram arrives at another address and creates the endpoint again.
         at.to = (HOST[77], at.to[1])
         assert at.answer(flow, at.ask(flow).sender).sender == at.to
-        assert report(at.vesk).upstream[5]["DnTxDg"] == 1
+        wait_for_report(at.vesk, lambda now: now.upstream[5]["DnTxDg"] == 1)
 
 
 def test_a_request_from_a_removed_address_is_a_network_error(

@@ -156,12 +156,14 @@ def taken(port: int) -> Iterator[socket.socket]:
 def test_a_metrics_port_that_is_taken_is_tried_again(
         port: int, taken: socket.socket, start_controller: StartController) -> None:
     controller = start_controller().ready()
+    since = controller.mark()
     os.kill(controller.forwarder(), signal.SIGKILL)
     for pause in (100, 200):
         controller.wait_for("warn controller: continues without metrics and tries to serve them "
                             f"again in {pause} ms")
     controller.wait_for(f"error controller: cannot serve metrics on 127.0.0.1:{port}: "
                         "Address already in use")
+    controller.wait_for(re.compile("info controller: the forwarder is set up: .*"), since)
     taken.close()
     controller.wait_for(f"info controller: serving metrics on 127.0.0.1, port {port}")
     # The restart before it could serve is counted.

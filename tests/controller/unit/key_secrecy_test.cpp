@@ -29,8 +29,8 @@ constexpr std::size_t shortestRun = 16;
 
 using Random = std::mt19937;
 
-int between(Random& random, int least, int greatest) {
-    return std::uniform_int_distribution<int>(least, greatest)(random);
+std::size_t between(Random& random, std::size_t least, std::size_t greatest) {
+    return std::uniform_int_distribution<std::size_t>(least, greatest)(random);
 }
 
 /// Lines of files; the key replaces each "@".
@@ -104,7 +104,7 @@ constexpr std::array places{
 
 std::string digitsOf(Random& random) {
     std::string digits;
-    for (int i = between(random, 16, 80); i > 0; --i) {
+    for (std::size_t i = between(random, 16, 80); i > 0; --i) {
         digits += "0123456789abcdefABCDEF"[between(random, 0, 21)];
     }
     return digits;
@@ -114,7 +114,7 @@ std::string digitsOf(Random& random) {
 std::string written(const std::string& digits, Random& random) {
     constexpr std::array separators{"", "", ":", "-", " ", "  ", "_", " - "};
     const std::string separator = separators.at(between(random, 0, separators.size() - 1));
-    const int group = between(random, 1, 8);
+    const std::size_t group = between(random, 1, 8);
     std::string text;
     for (std::size_t i = 0; i < digits.size(); ++i) {
         text += i > 0 && i % group == 0 ? separator : "";
@@ -140,7 +140,7 @@ int occurrences(std::string_view text, std::string_view of) {
 
 /// Makes typing mistakes: sometimes a character is removed or added.
 std::string mistyped(std::string text, Random& random) {
-    const std::size_t at = between(random, 0, static_cast<int>(text.size()) - 1);
+    const std::size_t at = between(random, 0, text.size() - 1);
     switch (between(random, 0, 5)) {
         case 0:
             text.erase(at, 1);

@@ -37,6 +37,11 @@ class LateralStartTest : public LateralCommandsTest {
         EXPECT_FALSE(context->lateral.running);
         EXPECT_FALSE(context->lateral.checkingKey.hasKey());
     }
+
+    HmacInfo signingKey() const {
+        const MutexLock lock(context->lateral.signingLock);
+        return context->lateral.signingKey;
+    }
 };
 
 TEST_F(LateralStartTest, ChecksItsAttributesInOrder) {
@@ -88,21 +93,21 @@ TEST_F(LateralStartTest, AcceptsZeroInstances) {
 
 TEST_F(LateralStartTest, DrawsANewKeyForSigningAndChecking) {
     LateralStream& lateral = context->lateral;
-    EXPECT_EQ(lateral.signingKey.algoName, "sha1");
+    EXPECT_EQ(signingKey().algoName, "sha1");
     EXPECT_EQ(lateral.checkingKey.digest, &EVP_sha1);
     startOn(freePort());
-    for (const HmacInfo* slot : {&lateral.signingKey, &lateral.checkingKey}) {
-        EXPECT_EQ(slot->keyLen, 16U);
-        EXPECT_EQ(slot->algoName, "sha256");
-        EXPECT_EQ(slot->digest, &EVP_sha256);
+    for (const HmacInfo& key : {signingKey(), lateral.checkingKey}) {
+        EXPECT_EQ(key.keyLen, 16U);
+        EXPECT_EQ(key.algoName, "sha256");
+        EXPECT_EQ(key.digest, &EVP_sha256);
     }
-    EXPECT_EQ(lateral.signingKey.key, lateral.checkingKey.key);
+    const HmacInfo first = signingKey();
+    EXPECT_EQ(first.key, lateral.checkingKey.key);
     // Another start draws another key.
-    const auto first = lateral.signingKey.key;
     lateral.thread.stop();
     lateral.running = false;
     startOn(freePort());
-    EXPECT_NE(lateral.signingKey.key, first);
+    EXPECT_NE(signingKey().key, first.key);
 }
 
 TEST_F(LateralStartTest, StartsOnce) {

@@ -44,7 +44,7 @@ TEST(PacerTest, RestOfABurstThatWasCutIsDueAtOnce) {
 }
 
 TEST(PacerTest, OpenLoopSkipsWholeBurstsBeyondTheLongestBacklog) {
-    for (const std::size_t burst : {1, 16, 24, 64}) {
+    for (const std::size_t burst : {1U, 16U, 24U, 64U}) {
         Pacer pacer = Pacer::openLoop(1000, start, burst);
         const std::size_t longest = 64 / burst * burst;
         EXPECT_EQ(sendDue(pacer, 2'000), longest) << burst;
