@@ -18,6 +18,7 @@
 #include "config/configuration.h"
 #include "kernel/kernel_watch.h"
 #include "metrics/metrics_server.h"
+#include "service/deadline.h"
 #include "service/deployment.h"
 #include "service/graceful_shutdown.h"
 #include "service/instance_log.h"
@@ -52,7 +53,6 @@ enum class InstanceRole {
 class Instance {
  public:
     using Clock = std::chrono::steady_clock;
-    using Deadline = std::optional<Clock::time_point>;
 
     /// The group of commands whose outcomes are awaited: for a new forwarder, for a reload, or to
     /// try refused listeners again.
@@ -64,7 +64,7 @@ class Instance {
     Instance(const Instance&) = delete;
     Instance& operator=(const Instance&) = delete;
 
-    /// Starts the forwarder for the first time. False, after logging, if it cannot be run.
+    /// Starts the forwarder. False, after logging, if it cannot be run.
     bool start();
 
     // One turn of the loop, in this order.
@@ -130,10 +130,7 @@ class Instance {
     std::string listenerTroubles() const;
 
  private:
-    static bool due(Deadline& deadline);
-
     // Start and end of the forwarder.
-    bool startForwarder();
     void startAgain();
     RestartPause firstPause() const;
     void pauseAfter(Clock::duration lived);

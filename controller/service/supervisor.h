@@ -14,6 +14,7 @@
 #include "config/configuration.h"
 #include "config/problem.h"
 #include "metrics/metrics_server.h"
+#include "service/deadline.h"
 #include "service/instance.h"
 #include "service/log_output.h"
 #include "service/options.h"
@@ -28,7 +29,7 @@ struct Replacement {
     std::size_t next = 0;                ///< the instance to be replaced
     std::unique_ptr<Instance> incoming;  ///< the new one, until it takes over
     std::unique_ptr<Instance> outgoing;  ///< the old one after that, until it has ended
-    Instance::Deadline giveUpAt;
+    Deadline giveUpAt;
 };
 
 class Supervisor {
@@ -41,12 +42,10 @@ class Supervisor {
 
  private:
     using Clock = Instance::Clock;
-    using Deadline = Instance::Deadline;
 
     // One turn of the loop.
     int pollTimeout() const;
     void waitAndHandle();
-    static bool due(Deadline& deadline);
     void handleSignals();
     void handleSignal(int number);
     void handleInstances();
