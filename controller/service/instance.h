@@ -26,6 +26,7 @@
 #include "service/options.h"
 #include "service/report_clock.h"
 #include "service/service_notification.h"
+#include "service/source_move.h"
 
 namespace vesk::controller {
 
@@ -48,6 +49,7 @@ struct InstanceIdentity {
 enum class InstanceRole {
     kept,     ///< it starts the forwarder again
     onTrial,  ///< it ends too: another instance is to be replaced, and is kept then
+    retired,  ///< it ends too: another instance has taken its place
 };
 
 class Instance {
@@ -101,8 +103,16 @@ class Instance {
     void keep() { role_ = InstanceRole::kept; }
     /// Why this instance cannot take the place of `old`; empty if it can.
     std::string obstacleToReplace(const Instance& old) const;
-    /// Deletes the flows that send from an address of their own, which another forwarder needs.
-    void releaseSources();
+    /// The flows to be moved one by one to the forwarder that takes its place; none if no forwarder
+    /// runs.
+    std::vector<SourceFlow> sourceFlows() const;
+    /// The forwarder is not started again from now on when it ends: another instance has taken its
+    /// place. Deletes the flows that share a source: their replies must arrive at the other one.
+    void retire();
+    /// Deletes the flow, if a forwarder runs.
+    void release(std::uint32_t label);
+    /// Whether the forwarder has carried out all commands, or none runs.
+    bool answered() const { return !session_ || session_->unanswered() == 0; }
     /// Begins to end the forwarder, which drains for this time at most; a second call ends the
     /// drain. True if a drain has begun.
     bool terminate(std::chrono::seconds drain);

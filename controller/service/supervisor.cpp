@@ -52,6 +52,9 @@ int Supervisor::pollTimeout() const {
     }
     if (replacement_) {
         deadlines.push_back(replacement_->giveUpAt);
+        if (replacement_->sources) {
+            deadlines.push_back(replacement_->sources->dueAt());
+        }
     }
     const Deadline nearest = nearestOf(deadlines);
     if (!nearest) {

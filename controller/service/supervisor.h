@@ -20,6 +20,7 @@
 #include "service/options.h"
 #include "service/service_notification.h"
 #include "service/signal_source.h"
+#include "service/source_move.h"
 #include "service/steering.h"
 
 namespace vesk::controller {
@@ -29,6 +30,7 @@ struct Replacement {
     std::size_t next = 0;                ///< the instance to be replaced
     std::unique_ptr<Instance> incoming;  ///< the new one, until it takes over
     std::unique_ptr<Instance> outgoing;  ///< the old one after that, until it has ended
+    std::optional<SourceMove> sources;   ///< before the old one drains
     Deadline giveUpAt;
 };
 
@@ -74,6 +76,10 @@ class Supervisor {
     bool startIncoming();
     void judgeIncoming();
     void takeOver();
+    SourceMoveActions sourceMoveActions();
+    void moveSources();
+    void endSourceMove();
+    void drainOutgoing();
     void dropOutgoing();
     void failReplacement(const std::string& reason);
     void endReplacement(ReplacementOutcome outcome);

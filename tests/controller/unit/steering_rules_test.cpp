@@ -58,6 +58,22 @@ TEST(SteeringRules, ReplaceAllPortsInOneSwap) {
               "add element inet vesk_4500 fallback { 4500 : 4503 }\n");
 }
 
+TEST(SteeringRules, LetLabelsStayAndFollowOneByOne) {
+    const SteeringPlan plan{"127.0.0.1", 4500, 16, {4501, 4502}, 4501, 4503};
+    EXPECT_EQ(steeringStay(plan, 4501, {}), "");
+    EXPECT_EQ(steeringStay(plan, 4501, {65537, 2}),
+              "add element inet vesk_4500 staying { 65537 : 4501, 2 : 4501 }\n"
+              "add rule inet vesk_4500 stay udp length < 28 return\n"
+              "add rule inet vesk_4500 stay @th,192,32 @moved return\n"
+              "add rule inet vesk_4500 stay udp checksum 0 udp dport set @th,192,32 map @staying "
+              "udp checksum set 0 accept\n"
+              "add rule inet vesk_4500 stay udp dport set @th,192,32 map @staying accept\n");
+    EXPECT_EQ(steeringFollow(4500, 65537), "add element inet vesk_4500 moved { 65537 }\n");
+    EXPECT_EQ(steeringStayEnd(4500),
+              "flush chain inet vesk_4500 stay\nflush map inet vesk_4500 staying\n"
+              "flush set inet vesk_4500 moved\n");
+}
+
 TEST(SteeringCounters, AreReadFromTheListing) {
     const SteeringCounters counters = parseSteeringCounters(
         "table inet vesk_4500 {\n\tcounter too_short {\n\t\tpackets 1 bytes 30\n\t}\n\n"
