@@ -2,9 +2,11 @@
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <netinet/udp.h>
 
 #include "config/instance_configurations.h"
 #include "configuration_text.h"
+#include "datapath/wire/layout.h"
 #include "steering/steering_counters.h"
 
 namespace vesk::controller {
@@ -37,6 +39,27 @@ TEST(SteeringRules, TakeTheLabelFromTheFramingsPlace) {
     EXPECT_THAT(steeringRules(steeringPlan(configuration, {4502, 4503})),
                 AllOf(HasSubstr("@th,336,16 & 1 map @instances"),
                       HasSubstr("udp length < 46 counter name too_short")));
+}
+
+TEST(SteeringRules, HaveTheLabelWhereTheForwarderHasIt) {
+    Configuration configuration = configurationOf(twoInstances);
+    for (const FramingDescriptor& framing : {framingV1, framingV2}) {
+        configuration.forwarder.framing = "udpv" + std::to_string(framing.version);
+        const SteeringPlan plan = steeringPlan(configuration, {4501, 4502});
+        const std::size_t place = sizeof(udphdr) + framing.labelOffset;
+        const std::string label = "@th," + std::to_string(8 * place) + ",";
+        const std::string prefixBitsText = std::to_string(4 * framing.labelSize);
+        const std::string labelBitsText = std::to_string(8 * framing.labelSize);
+        const std::string whole = std::to_string(place + framing.labelSize);
+        EXPECT_EQ(plan.labelOffset, framing.labelOffset);
+        EXPECT_THAT(steeringRules(plan),
+                    AllOf(HasSubstr("typeof " + label + prefixBitsText + " : udp dport"),
+                          HasSubstr("typeof " + label + labelBitsText + " : udp dport"),
+                          HasSubstr("udp length < " + whole + " counter name too_short")));
+        EXPECT_THAT(steeringStay(plan, 4501, {7}),
+                    AllOf(HasSubstr("udp length < " + whole + " return"),
+                          HasSubstr(label + labelBitsText + " @moved return")));
+    }
 }
 
 TEST(SteeringRules, MatchOnlyTheAddressesOfThisHost) {
