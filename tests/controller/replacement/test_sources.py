@@ -2,15 +2,18 @@
 
 from __future__ import annotations
 
+import os
 import re
+import signal
 from typing import Type
 
 from configuration_file import ConfigurationFile
 from controller_fixtures import StartController
 from framework.timing import SANITIZER, scaled, wait_until
 from framework.udp import UdpEnd
-from generator import Generator, configuration_text
-from instances import DONE, FLOWS, INSTANCES, METRICS, replace, write_for_generator
+from generator import PORT, Generator, configuration_text
+from instances import (DONE, FLOWS, INSTANCES, METRICS, forwarders, listener, nft, replace,
+                       write_for_generator)
 from page import samples
 
 _SOURCES = 4
@@ -76,4 +79,28 @@ def test_a_flow_whose_address_is_in_use_is_named(configuration: ConfigurationFil
             rf"127\.0\.0\.1, port {_FIRST_PORT} is in use, although the old forwarder has deleted "
             "the flow: the new forwarder tries to bind it with each request"), since)
         controller.wait_for(DONE, since)
+    assert controller.finish() == 0
+
+
+def test_the_new_forwarder_gets_all_flows_if_the_old_one_ends(
+        configuration: ConfigurationFile, start_controller: StartController) -> None:
+    _write(configuration)
+    controller = start_controller()
+    controller.wait_for(_READY)
+    old = listener(PORT + 1, forwarders(controller, INSTANCES))
+    assert old is not None
+    # The first flow does not come to its end before.
+    with UdpEnd("127.0.0.1", _FIRST_PORT):
+        since = replace(controller)
+        left = _SOURCES // INSTANCES
+        controller.wait_for(
+            "info controller: instance 0: the new forwarder has taken over on port 4503; to be moved: "
+            f"{left} flows with a source", since)
+        os.kill(old, signal.SIGKILL)
+        controller.wait_for(
+            "error controller: instance 0: the old forwarder ended before all its flows with a source "
+            f"had been moved; left: {left}", since)
+    assert re.search(r"map staying \{\s*typeof @th,192,32 : udp dport\s*\}",
+                     nft("list", "map", "inet", f"vesk_{PORT}", "staying"))
+    controller.wait_for(DONE, since)
     assert controller.finish() == 0
