@@ -55,6 +55,8 @@ struct Flow {
     Leg fromUpstream;
     Leg toPeer;
     std::optional<AuxiliaryFlows> auxiliary;
+    /// Of an instance's part: another instance has the flow, too.
+    bool onTwoInstances = false;
 };
 
 /// The arguments and environment of the forwarder, and its log level.

@@ -69,7 +69,8 @@ void addFlow(const Configuration& whole, const Flow& flow, std::vector<Configura
     const std::size_t auxiliaryOwner = instanceOf(whole, flow.auxiliary->prefix);
     if (auxiliaryOwner != owner) {
         declared.auxiliary.reset();
-        parts[auxiliaryOwner].flows.emplace(flow.label, flow);
+        declared.onTwoInstances = true;
+        parts[auxiliaryOwner].flows.emplace(flow.label, flow).first->second.onTwoInstances = true;
     }
 }
 

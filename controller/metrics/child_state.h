@@ -4,6 +4,7 @@
 
 #include <chrono>
 #include <cstdint>
+#include <map>
 #include <optional>
 
 #include "kernel/kernel_figures.h"
@@ -25,6 +26,8 @@ struct ChildState {
     std::uint64_t restarts = 0;
     std::uint64_t flowsDeclared = 0;
     std::uint64_t flowsActive = 0;
+    /// Those of the flows that another instance has, too: by label, whether this one accepted it.
+    std::map<std::uint32_t, bool> sharedFlows;
     bool listening = false;
     std::optional<bool> lateralListening;  ///< none if no stream is configured
     std::optional<std::chrono::system_clock::time_point> lastReport;

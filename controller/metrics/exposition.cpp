@@ -79,36 +79,35 @@ void addWorkers(Families& families, const Totals& totals) {
     addTable(families, MetricType::Counter, workerMetrics, workers);
 }
 
-void addReloads(Families& families, const ControllerState& state) {
-    constexpr std::array<const char*, reloadOutcomes> names{"done", "file_refused",
-                                                            "address_refused"};
-    MetricFamily family{
-        "vesk_reloads_total",
-        "Reloads of the configuration, by outcome: done; file_refused, which changed "
-        "nothing; address_refused, which kept the old downstream address.",
-        MetricType::Counter,
-        {}};
-    for (std::size_t i = 0; i < names.size(); ++i) {
-        family.metric.push_back(counter(state.reloads[i], {{"outcome", names[i]}}));
+/// A counter of an action, with a series for each outcome.
+template <std::size_t outcomes>
+void addOutcomes(Families& families, const char* name, const char* help,
+                 const std::array<const char*, outcomes>& names,
+                 const std::array<std::uint64_t, outcomes>& counts) {
+    MetricFamily family{name, help, MetricType::Counter, {}};
+    for (std::size_t i = 0; i < outcomes; ++i) {
+        family.metric.push_back(counter(counts[i], {{"outcome", names[i]}}));
     }
     families.push_back(std::move(family));
+}
+
+void addReloads(Families& families, const ControllerState& state) {
+    addOutcomes<reloadOutcomes>(
+        families, "vesk_reloads_total",
+        "Reloads of the configuration, by outcome: done; file_refused, which changed "
+        "nothing; address_refused, which kept the old downstream address.",
+        {"done", "file_refused", "address_refused"}, state.reloads);
     addGauge(families, "vesk_last_reload_successful",
              "1 unless the last reload's outcome was file_refused or address_refused.",
              state.lastReloadSuccessful ? 1 : 0);
 }
 
 void addReplacements(Families& families, const ControllerState& state) {
-    constexpr std::array<const char*, replacementOutcomes> names{"done", "failed"};
-    MetricFamily family{
-        "vesk_replacements_total",
+    addOutcomes<replacementOutcomes>(
+        families, "vesk_replacements_total",
         "Replacements of the forwarder by a new one, by outcome: done; failed, which kept the old "
         "forwarder of at least one instance.",
-        MetricType::Counter,
-        {}};
-    for (std::size_t i = 0; i < names.size(); ++i) {
-        family.metric.push_back(counter(state.replacements[i], {{"outcome", names[i]}}));
-    }
-    families.push_back(std::move(family));
+        {"done", "failed"}, state.replacements);
 }
 
 constexpr std::array<FigureMetric<SteeringCounters>, 4> steeringMetrics{{

@@ -1,6 +1,7 @@
 #include "metrics/instance_figures.h"
 
 #include <algorithm>
+#include <ranges>
 
 namespace vesk::controller {
 
@@ -132,6 +133,22 @@ void addInstance(ChildState& sum, const ChildState& more) {
     addPresent(sum.kernel, more.kernel);
 }
 
+/// A flow that two instances have counts once, and as active if both have accepted it.
+void countSharedFlowsOnce(ChildState& sum, const std::vector<InstanceFigures>& instances) {
+    std::map<std::uint32_t, bool> active;
+    for (const InstanceFigures& instance : instances) {
+        for (const auto& [label, accepted] : instance.state.sharedFlows) {
+            const bool activeHere = accepted && instance.state.childUp;
+            sum.flowsActive -= activeHere ? 1 : 0;
+            const auto [flow, isFirst] = active.emplace(label, activeHere);
+            sum.flowsDeclared -= isFirst ? 0 : 1;
+            flow->second = flow->second && activeHere;
+        }
+    }
+    sum.flowsActive +=
+        static_cast<std::uint64_t>(std::ranges::count(active | std::views::values, true));
+}
+
 }  // namespace
 
 InstanceFigures sumOf(const std::vector<InstanceFigures>& instances) {
@@ -143,6 +160,7 @@ InstanceFigures sumOf(const std::vector<InstanceFigures>& instances) {
         addChild(sum.totals, instance.totals, true);
         addInstance(sum.state, instance.state);
     }
+    countSharedFlowsOnce(sum.state, instances);
     return sum;
 }
 

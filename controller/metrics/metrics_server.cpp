@@ -114,6 +114,11 @@ void MetricsServer::setFlows(std::size_t declared, std::size_t active, ChildId c
     state.flowsActive = active;
 }
 
+void MetricsServer::setSharedFlows(std::map<std::uint32_t, bool> flows, ChildId child) {
+    const MutexLock lock(mutex_);
+    children_.state(child).sharedFlows = std::move(flows);
+}
+
 void MetricsServer::setKernelFigures(const KernelFigures& figures, ChildId child) {
     const MutexLock lock(mutex_);
     children_.state(child).kernel = figures;

@@ -75,6 +75,8 @@ class MetricsServer {
     /// `declared`: flows in the configuration. `active`: those that the running child has
     /// accepted.
     void setFlows(std::size_t declared, std::size_t active, ChildId child = 0);
+    /// Those of the flows that another instance has, too: by label, whether this child accepted it.
+    void setSharedFlows(std::map<std::uint32_t, bool> flows, ChildId child = 0);
 
     /// Takes the kernel's figures for the child and the host.
     void setKernelFigures(const KernelFigures& figures, ChildId child = 0);

@@ -40,6 +40,16 @@ void Deployment::note(const Outcome& outcome) {
     }
 }
 
+std::map<std::uint32_t, bool> Deployment::sharedFlows() const {
+    std::map<std::uint32_t, bool> shared;
+    for (const auto& [label, flow] : running_.flows) {
+        if (flow.onTwoInstances) {
+            shared.emplace(label, !refusals_.flows.contains(label));
+        }
+    }
+    return shared;
+}
+
 void Deployment::noteStart(const std::optional<HostPort>& address, bool refused) {
     refusals_.downstream = refused;
     listeningOn_ = refused ? std::nullopt : address;

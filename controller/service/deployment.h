@@ -35,6 +35,8 @@ class Deployment {
 
     std::size_t declaredFlows() const { return running_.flows.size(); }
     std::size_t acceptedFlows() const { return declaredFlows() - refusals_.flows.size(); }
+    /// The flows that another instance has, too: by label, whether this forwarder accepted it.
+    std::map<std::uint32_t, bool> sharedFlows() const;
     const Refusals& refusals() const { return refusals_; }
 
     /// Whether the forwarder, or the last one if none runs, listens for peers.

@@ -34,29 +34,15 @@ Instance::Instance(const InstanceSurroundings& surroundings, InstanceIdentity id
 
 // ---- One turn of the loop. ----
 
-bool Instance::due(Deadline& deadline) {
-    if (!deadline || *deadline > Clock::now()) {
-        return false;
-    }
-    deadline.reset();
-    return true;
-}
-
 std::array<pollfd, 2> Instance::watched() const {
     const bool reading = session_ && !session_->outputEnded();
     return {{{reading ? session_->output() : -1, POLLIN, 0},
              {session_ && session_->wantsToWrite() ? session_->input() : -1, POLLOUT, 0}}};
 }
 
-Instance::Deadline Instance::dueAt() const {
-    Deadline nearest;
-    for (const Deadline& deadline :
-         {startAgainAt_, listenAgainAt_, reportClock_.dueAt(), shutdown_.dueAt(), answerDue()}) {
-        if (deadline && (!nearest || *deadline < *nearest)) {
-            nearest = deadline;
-        }
-    }
-    return nearest;
+Deadline Instance::dueAt() const {
+    return nearestOf(
+        {startAgainAt_, listenAgainAt_, reportClock_.dueAt(), shutdown_.dueAt(), answerDue()});
 }
 
 void Instance::read() {
@@ -104,10 +90,6 @@ void Instance::write() {
 // ---- Start and end of the forwarder. ----
 
 bool Instance::start() {
-    return startForwarder();
-}
-
-bool Instance::startForwarder() {
     const std::string program =
         programPath(surroundings_.options.program, wanted_.forwarder.program, ownFolder());
     try {
@@ -134,7 +116,7 @@ bool Instance::startForwarder() {
 }
 
 void Instance::startAgain() {
-    if (!startForwarder()) {
+    if (!start()) {
         pauseAfter(Clock::duration::zero());
         return;
     }

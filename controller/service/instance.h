@@ -18,6 +18,7 @@
 #include "config/configuration.h"
 #include "kernel/kernel_watch.h"
 #include "metrics/metrics_server.h"
+#include "service/deadline.h"
 #include "service/deployment.h"
 #include "service/graceful_shutdown.h"
 #include "service/instance_log.h"
@@ -25,6 +26,7 @@
 #include "service/options.h"
 #include "service/report_clock.h"
 #include "service/service_notification.h"
+#include "service/source_move.h"
 
 namespace vesk::controller {
 
@@ -47,12 +49,12 @@ struct InstanceIdentity {
 enum class InstanceRole {
     kept,     ///< it starts the forwarder again
     onTrial,  ///< it ends too: another instance is to be replaced, and is kept then
+    retired,  ///< it ends too: another instance has taken its place
 };
 
 class Instance {
  public:
     using Clock = std::chrono::steady_clock;
-    using Deadline = std::optional<Clock::time_point>;
 
     /// The group of commands whose outcomes are awaited: for a new forwarder, for a reload, or to
     /// try refused listeners again.
@@ -64,7 +66,7 @@ class Instance {
     Instance(const Instance&) = delete;
     Instance& operator=(const Instance&) = delete;
 
-    /// Starts the forwarder for the first time. False, after logging, if it cannot be run.
+    /// Starts the forwarder. False, after logging, if it cannot be run.
     bool start();
 
     // One turn of the loop, in this order.
@@ -101,8 +103,16 @@ class Instance {
     void keep() { role_ = InstanceRole::kept; }
     /// Why this instance cannot take the place of `old`; empty if it can.
     std::string obstacleToReplace(const Instance& old) const;
-    /// Deletes the flows that send from an address of their own, which another forwarder needs.
-    void releaseSources();
+    /// The flows to be moved one by one to the forwarder that takes its place; none if no forwarder
+    /// runs.
+    std::vector<SourceFlow> sourceFlows() const;
+    /// The forwarder is not started again from now on when it ends: another instance has taken its
+    /// place. Deletes the flows that share a source: their replies must arrive at the other one.
+    void retire();
+    /// Deletes the flow, if a forwarder runs.
+    void release(std::uint32_t label);
+    /// Whether the forwarder has carried out all commands, or none runs.
+    bool answered() const { return !session_ || session_->unanswered() == 0; }
     /// Begins to end the forwarder, which drains for this time at most; a second call ends the
     /// drain. True if a drain has begun.
     bool terminate(std::chrono::seconds drain);
@@ -130,10 +140,7 @@ class Instance {
     std::string listenerTroubles() const;
 
  private:
-    static bool due(Deadline& deadline);
-
     // Start and end of the forwarder.
-    bool startForwarder();
     void startAgain();
     RestartPause firstPause() const;
     void pauseAfter(Clock::duration lived);

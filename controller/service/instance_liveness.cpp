@@ -7,7 +7,7 @@
 namespace vesk::controller {
 
 /// None while the forwarder drains and ends: GracefulShutdown has the deadlines then.
-Instance::Deadline Instance::answerDue() const {
+Deadline Instance::answerDue() const {
     if (!session_ || endStatus_ || hung_ || !running()) {
         return std::nullopt;
     }

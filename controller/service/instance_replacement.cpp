@@ -31,14 +31,32 @@ std::string Instance::obstacleToReplace(const Instance& old) const {
     return deployment_.listensEverywhere() ? "" : "it does not listen";
 }
 
-void Instance::releaseSources() {
+std::vector<SourceFlow> Instance::sourceFlows() const {
+    std::vector<SourceFlow> found;
     if (!session_) {
-        return;
+        return found;
     }
     for (const auto& [label, flow] : deployment_.running().flows) {
-        if (flow.source) {
-            session_->send(delCommand(flow));
+        if (const std::optional<HostPort> source = ownSource(flow)) {
+            found.push_back({flow.name, label, *source});
         }
+    }
+    return found;
+}
+
+void Instance::retire() {
+    role_ = InstanceRole::retired;
+    for (const auto& [label, flow] : deployment_.running().flows) {
+        if (flow.source && !ownSource(flow)) {
+            release(label);
+        }
+    }
+}
+
+void Instance::release(std::uint32_t label) {
+    const auto found = deployment_.running().flows.find(label);
+    if (session_ && found != deployment_.running().flows.end()) {
+        session_->send(delCommand(found->second));
     }
 }
 

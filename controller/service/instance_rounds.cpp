@@ -82,6 +82,7 @@ void Instance::publishFlows() {
     if (metrics_ != nullptr) {
         metrics_->setFlows(deployment_.declaredFlows(), deployment_.acceptedFlows(),
                            identity_.child);
+        metrics_->setSharedFlows(deployment_.sharedFlows(), identity_.child);
     }
     publishListening();
 }

@@ -7,7 +7,6 @@
 #include "service/listener_remedy.h"
 #include "service/steering_warnings.h"
 #include "steering/packet_filter.h"
-#include "steering/steering_rules.h"
 
 namespace vesk::controller {
 
@@ -24,30 +23,45 @@ std::string cannotTake(const HostPort& address, int error) {
 
 std::string Steering::begin(const Configuration& configuration,
                             const std::vector<std::uint16_t>& ports) {
-    number_ = configuration.downstream.port;
+    plan_ = steeringPlan(configuration, ports);
     if (const int error = port_.held() ? 0 : port_.take(configuration.downstream)) {
         return cannotTake(configuration.downstream, error);
     }
-    const FilterAnswer answer =
-        runFilterCommands(steeringRules(steeringPlan(configuration, ports)));
-    active_ = answer.error.empty();
-    return active_ ? "" : cannotSteer(number_, answer);
+    const std::string problem = change(plan_.publicPort, steeringRules(plan_));
+    active_ = problem.empty();
+    return problem;
 }
 
-std::string Steering::move(const std::vector<std::uint16_t>& ports) const {
-    const FilterAnswer answer = runFilterCommands(steeringSwap(number_, ports));
-    return answer.error.empty() ? "" : cannotSteer(number_, answer);
+std::string Steering::move(const std::vector<std::uint16_t>& ports, std::uint16_t formerPort,
+                           const std::vector<std::uint32_t>& staying) const {
+    return change(plan_.publicPort, steeringStayEnd(plan_.publicPort) +
+                                        steeringSwap(plan_.publicPort, ports) +
+                                        steeringStay(plan_, formerPort, staying));
+}
+
+std::string Steering::follow(std::uint32_t label) const {
+    return change(plan_.publicPort, steeringFollow(plan_.publicPort, label));
+}
+
+std::string Steering::followAll() const {
+    return change(plan_.publicPort, steeringStayEnd(plan_.publicPort));
+}
+
+/// Empty, or why the packet filter refused the commands.
+std::string Steering::change(std::uint16_t publicPort, const std::string& commands) {
+    const FilterAnswer answer = runFilterCommands(commands);
+    return answer.error.empty() ? "" : cannotSteer(publicPort, answer);
 }
 
 std::optional<SteeringCounters> Steering::counters() const {
-    const FilterAnswer answer = runFilterCommands(steeringCountersQuery(number_));
+    const FilterAnswer answer = runFilterCommands(steeringCountersQuery(plan_.publicPort));
     return answer.error.empty() ? std::optional(parseSteeringCounters(answer.output))
                                 : std::nullopt;
 }
 
 void Steering::end() {
     if (active_) {
-        static_cast<void>(runFilterCommands(steeringRemoval(number_)));
+        static_cast<void>(runFilterCommands(steeringRemoval(plan_.publicPort)));
         active_ = false;
     }
     port_.release();

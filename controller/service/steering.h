@@ -10,6 +10,7 @@
 #include "config/configuration.h"
 #include "steering/public_port.h"
 #include "steering/steering_counters.h"
+#include "steering/steering_rules.h"
 
 namespace vesk::controller {
 
@@ -26,9 +27,18 @@ class Steering {
     /// `ports` are those of the instances. Empty; or why that failed, and nothing is steered.
     std::string begin(const Configuration& configuration, const std::vector<std::uint16_t>& ports);
 
-    /// Sends the datagrams to other ports from now on. Empty; or why that failed, with nothing
-    /// changed.
-    std::string move(const std::vector<std::uint16_t>& ports) const;
+    /// Sends the datagrams to other ports from now on, but those of `staying` to this port until
+    /// they follow. Empty; or why that failed, with nothing changed.
+    std::string move(const std::vector<std::uint16_t>& ports, std::uint16_t formerPort,
+                     const std::vector<std::uint32_t>& staying) const;
+
+    /// Sends the datagrams of a label that stayed to the port of its instance, too. Empty; or why
+    /// that failed.
+    std::string follow(std::uint32_t label) const;
+
+    /// Sends the datagrams of all labels that stayed to the port of their instance. Empty; or why
+    /// that failed.
+    std::string followAll() const;
 
     /// Whether the rules were created.
     bool active() const { return active_; }
@@ -40,8 +50,10 @@ class Steering {
     void end();
 
  private:
+    static std::string change(std::uint16_t publicPort, const std::string& commands);
+
     PublicPort port_;
-    std::uint16_t number_ = 0;  // of the port
+    SteeringPlan plan_;  // its ports are those of the start
     bool active_ = false;
 };
 

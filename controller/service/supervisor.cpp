@@ -45,14 +45,6 @@ int Supervisor::run() {
 
 // ---- One turn of the loop. ----
 
-bool Supervisor::due(Deadline& deadline) {
-    if (!deadline || *deadline > Clock::now()) {
-        return false;
-    }
-    deadline.reset();
-    return true;
-}
-
 int Supervisor::pollTimeout() const {
     std::vector<Deadline> deadlines{aliveAt_, serveAgainAt_, steerAgainAt_, log_.countDueAt()};
     for (const Instance* const instance : allInstances()) {
@@ -60,13 +52,11 @@ int Supervisor::pollTimeout() const {
     }
     if (replacement_) {
         deadlines.push_back(replacement_->giveUpAt);
-    }
-    Deadline nearest;
-    for (const Deadline& deadline : deadlines) {
-        if (deadline && (!nearest || *deadline < *nearest)) {
-            nearest = deadline;
+        if (replacement_->sources) {
+            deadlines.push_back(replacement_->sources->dueAt());
         }
     }
+    const Deadline nearest = nearestOf(deadlines);
     if (!nearest) {
         return -1;
     }

@@ -14,11 +14,13 @@
 #include "config/configuration.h"
 #include "config/problem.h"
 #include "metrics/metrics_server.h"
+#include "service/deadline.h"
 #include "service/instance.h"
 #include "service/log_output.h"
 #include "service/options.h"
 #include "service/service_notification.h"
 #include "service/signal_source.h"
+#include "service/source_move.h"
 #include "service/steering.h"
 
 namespace vesk::controller {
@@ -28,7 +30,8 @@ struct Replacement {
     std::size_t next = 0;                ///< the instance to be replaced
     std::unique_ptr<Instance> incoming;  ///< the new one, until it takes over
     std::unique_ptr<Instance> outgoing;  ///< the old one after that, until it has ended
-    Instance::Deadline giveUpAt;
+    std::optional<SourceMove> sources;   ///< before the old one drains
+    Deadline giveUpAt;
 };
 
 class Supervisor {
@@ -41,12 +44,10 @@ class Supervisor {
 
  private:
     using Clock = Instance::Clock;
-    using Deadline = Instance::Deadline;
 
     // One turn of the loop.
     int pollTimeout() const;
     void waitAndHandle();
-    static bool due(Deadline& deadline);
     void handleSignals();
     void handleSignal(int number);
     void handleInstances();
@@ -75,6 +76,10 @@ class Supervisor {
     bool startIncoming();
     void judgeIncoming();
     void takeOver();
+    SourceMoveActions sourceMoveActions();
+    void moveSources();
+    void endSourceMove();
+    void drainOutgoing();
     void dropOutgoing();
     void failReplacement(const std::string& reason);
     void endReplacement(ReplacementOutcome outcome);

@@ -1,7 +1,10 @@
 // Reports to the log, the service manager and the metrics whether the service is ready. The loop is
 // in supervisor.cpp.
 #include <algorithm>
-#include <cstddef>
+#include <cstdint>
+#include <iterator>
+#include <ranges>
+#include <set>
 #include <string>
 #include <utility>
 
@@ -60,20 +63,24 @@ std::string Supervisor::summary() const {
     if (!areSeveral()) {
         return instances_.front()->summary();
     }
-    std::size_t accepted = 0;
-    std::size_t refused = 0;
+    // Two instances may have the same flow.
+    std::set<std::uint32_t> declared;
+    std::set<std::uint32_t> refused;
     std::string troubles;
     for (const auto& instance : instances_) {
-        accepted += instance->deployment().acceptedFlows();
-        refused += instance->deployment().refusals().flows.size();
+        std::ranges::copy(instance->deployment().running().flows | std::views::keys,
+                          std::inserter(declared, declared.end()));
+        refused.insert(instance->deployment().refusals().flows.begin(),
+                       instance->deployment().refusals().flows.end());
         const std::string trouble =
             instance->hasForwarder() ? instance->listenerTroubles() : ", not running";
         if (!trouble.empty()) {
             troubles += ", " + nameOf(instance->identity().number) + trouble.substr(1);
         }
     }
-    return countOf(accepted, "flow") + ", " + countOf(instances_.size(), "instance") +
-           (refused > 0 ? ", " + std::to_string(refused) + " refused" : "") + troubles;
+    return countOf(declared.size() - refused.size(), "flow") + ", " +
+           countOf(instances_.size(), "instance") +
+           (refused.empty() ? "" : ", " + std::to_string(refused.size()) + " refused") + troubles;
 }
 
 }  // namespace vesk::controller

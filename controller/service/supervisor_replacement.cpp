@@ -2,12 +2,14 @@
 // set up on a port that is not in use, the rules of the packet filter send the datagrams there, and
 // the old one drains and ends. The loop is in supervisor.cpp.
 #include <algorithm>
+#include <iterator>
 #include <string>
 #include <utility>
 
 #include "config/instance_configurations.h"
 #include "service/plural_text.h"
 #include "service/supervisor.h"
+#include "service/trial_listen.h"
 
 namespace vesk::controller {
 
@@ -53,6 +55,7 @@ void Supervisor::continueReplacement() {
         dropOutgoing();
     }
     if (replacement_->outgoing) {
+        moveSources();
         return;
     }
     if (!running()) {
@@ -108,7 +111,11 @@ void Supervisor::judgeIncoming() {
 
 void Supervisor::takeOver() {
     std::vector<std::uint16_t> ports = portsWithSpare();
-    if (const std::string problem = steering_.move(ports); !problem.empty()) {
+    std::vector<SourceFlow> sources = instances_[replacement_->next]->sourceFlows();
+    std::vector<std::uint32_t> staying;
+    std::ranges::transform(sources, std::back_inserter(staying), &SourceFlow::label);
+    if (const std::string problem = steering_.move(ports, ports_[replacement_->next], staying);
+        !problem.empty()) {
         failReplacement(problem);
         return;
     }
@@ -120,7 +127,7 @@ void Supervisor::takeOver() {
     if (metrics_) {
         metrics_->makeCurrent(present->identity().child);
     }
-    replacement_->outgoing->releaseSources();
+    replacement_->outgoing->retire();
     if (!wanted_.lateral) {
         const std::vector<Configuration> places = instanceConfigurations(wanted_, ports_);
         for (const auto& instance : instances_) {
@@ -131,11 +138,62 @@ void Supervisor::takeOver() {
     }
     log_.say(LogLevel::info,
              nameOf(replacement_->next) + ": the new forwarder has taken over on port " +
-                 std::to_string(ports_[replacement_->next]) + "; the old one drains");
+                 std::to_string(ports_[replacement_->next]) +
+                 (sources.empty()
+                      ? "; the old one drains"
+                      : "; to be moved: " + countOf(sources.size(), "flow") + " with a source"));
+    if (sources.empty()) {
+        drainOutgoing();
+    } else {
+        replacement_->sources.emplace(std::move(sources), sourceMoveActions());
+    }
+}
+
+SourceMoveActions Supervisor::sourceMoveActions() {
+    return {[this](std::uint32_t label) { replacement_->outgoing->release(label); },
+            [this] { return replacement_->outgoing->answered(); }, tryToListen,
+            [this](std::uint32_t label) { return steering_.follow(label); },
+            [this, name = nameOf(replacement_->next)](const std::string& text) {
+                log_.say(LogLevel::error, name + ": " + text);
+            }};
+}
+
+void Supervisor::moveSources() {
+    if (!replacement_->sources) {
+        return;
+    }
+    replacement_->sources->goOn(Clock::now());
+    if (replacement_->sources->done()) {
+        log_.say(LogLevel::info, nameOf(replacement_->next) + ": moved " +
+                                     countOf(replacement_->sources->flows(), "flow") +
+                                     " with a source to the new forwarder; the old one drains");
+        endSourceMove();
+        drainOutgoing();
+    }
+}
+
+/// The datagrams of flows that have not been moved go to the new forwarder, too.
+void Supervisor::endSourceMove() {
+    replacement_->sources.reset();
+    if (const std::string problem = steering_.followAll(); !problem.empty()) {
+        log_.say(LogLevel::error, problem);
+        steer();
+    }
+}
+
+void Supervisor::drainOutgoing() {
     replacement_->outgoing->terminate(std::max(wanted_.supervision.drain, shortestDrain));
 }
 
 void Supervisor::dropOutgoing() {
+    if (replacement_->sources) {
+        log_.say(LogLevel::error,
+                 nameOf(replacement_->next) +
+                     ": the old forwarder ended before all its flows with a source "
+                     "had been moved; left: " +
+                     std::to_string(replacement_->sources->left()));
+        endSourceMove();
+    }
     const ChildId child = replacement_->outgoing->identity().child;
     replacement_->outgoing.reset();
     if (metrics_) {

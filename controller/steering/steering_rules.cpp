@@ -25,6 +25,15 @@ std::string prefixField(const SteeringPlan& plan) {
     return "@th," + std::to_string((udpHeader + plan.labelOffset) * bitsOfByte) + ",16";
 }
 
+std::string labelField(const SteeringPlan& plan) {
+    return "@th," + std::to_string((udpHeader + plan.labelOffset) * bitsOfByte) + ",32";
+}
+
+/// The length of the smallest datagram with a whole label, as the UDP header counts it.
+std::string wholeLength(const SteeringPlan& plan) {
+    return std::to_string(udpHeader + plan.labelOffset + labelSize);
+}
+
 std::string listOf(const std::vector<std::uint16_t>& ports) {
     std::string list;
     for (std::size_t instance = 0; instance < ports.size(); ++instance) {
@@ -77,6 +86,16 @@ std::string mapsAndCounters(const SteeringPlan& plan) {
            fallbackOf(plan.publicPort, plan.ports) +
            " }\n"
            "    }\n"
+           "    map staying {\n"
+           "        typeof " +
+           labelField(plan) +
+           " : udp dport\n"
+           "    }\n"
+           "    set moved {\n"
+           "        typeof " +
+           labelField(plan) +
+           "\n"
+           "    }\n"
            "    counter too_short { }\n"
            "    counter fragments { }\n"
            "    counter unmatched { }\n"
@@ -85,7 +104,7 @@ std::string mapsAndCounters(const SteeringPlan& plan) {
 
 /// The rules that rewrite the port. `suffix` follows each of them.
 std::string rewriting(const SteeringPlan& plan, const std::string& suffix) {
-    const std::string whole = std::to_string(udpHeader + plan.labelOffset + labelSize);
+    const std::string whole = wholeLength(plan);
     const std::string last = std::to_string(plan.ports.size() - 1);
     const std::string toFirst = "udp dport set udp dport map @fallback" + suffix + " accept\n";
     return "        udp length >= " + whole + " udp dport set " + prefixField(plan) + " & " + last +
@@ -100,10 +119,13 @@ std::string rewriting(const SteeringPlan& plan, const std::string& suffix) {
 std::string steeringChains(const SteeringPlan& plan) {
     return "    chain without_checksum {\n" + rewriting(plan, " udp checksum set 0") +
            "    }\n"
+           "    chain stay {\n"
+           "    }\n"
            "    chain steer {\n"
            "        notrack\n"
            "        ip frag-off & 0x2000 != 0 counter name fragments\n"
            "        meta nfproto ipv6 exthdr frag exists counter name fragments\n"
+           "        jump stay\n"
            "        udp checksum 0 goto without_checksum\n" +
            rewriting(plan, "") + "    }\n";
 }
@@ -155,6 +177,34 @@ std::string steeringSwap(std::uint16_t publicPort, const std::vector<std::uint16
     return "flush map " + table + " instances\nadd element " + table + " instances { " +
            listOf(ports) + " }\nflush map " + table + " fallback\nadd element " + table +
            " fallback { " + fallbackOf(publicPort, ports) + " }\n";
+}
+
+std::string steeringStay(const SteeringPlan& plan, std::uint16_t port,
+                         const std::vector<std::uint32_t>& labels) {
+    if (labels.empty()) {
+        return "";
+    }
+    std::string elements;
+    for (const std::uint32_t label : labels) {
+        elements.append(elements.empty() ? "" : ", ")
+            .append(std::to_string(label) + " : " + std::to_string(port));
+    }
+    const std::string table = tableName(plan.publicPort);
+    const std::string rule = "add rule " + table + " stay ";
+    const std::string toOld = "udp dport set " + labelField(plan) + " map @staying";
+    return "add element " + table + " staying { " + elements + " }\n" + rule + "udp length < " +
+           wholeLength(plan) + " return\n" + rule + labelField(plan) + " @moved return\n" + rule +
+           "udp checksum 0 " + toOld + " udp checksum set 0 accept\n" + rule + toOld + " accept\n";
+}
+
+std::string steeringFollow(std::uint16_t publicPort, std::uint32_t label) {
+    return "add element " + tableName(publicPort) + " moved { " + std::to_string(label) + " }\n";
+}
+
+std::string steeringStayEnd(std::uint16_t publicPort) {
+    const std::string table = tableName(publicPort);
+    return "flush chain " + table + " stay\nflush map " + table + " staying\nflush set " + table +
+           " moved\n";
 }
 
 std::string steeringRemoval(std::uint16_t publicPort) {

@@ -33,6 +33,17 @@ std::string steeringRules(const SteeringPlan& plan);
 /// removed are added again.
 std::string steeringSwap(std::uint16_t publicPort, const std::vector<std::uint16_t>& ports);
 
+/// Added to a swap: the datagrams of these labels still go to this port. One label after the other
+/// follows the swap with steeringFollow(). A label is added to a set for that: the transaction that
+/// removes an element from a map lets its sender wait some 10 ms for the other processors. Empty
+/// without labels.
+std::string steeringStay(const SteeringPlan& plan, std::uint16_t port,
+                         const std::vector<std::uint32_t>& labels);
+std::string steeringFollow(std::uint16_t publicPort, std::uint32_t label);
+
+/// Removes what steeringStay() and steeringFollow() have added.
+std::string steeringStayEnd(std::uint16_t publicPort);
+
 /// Removes the table, if it exists.
 std::string steeringRemoval(std::uint16_t publicPort);
 

@@ -32,6 +32,7 @@ std::vector<Figure> figures(const TrafficResult& result) {
         {"sent", "requests sent", count(result.requests.sent), 0, ""},
         {"answered", "answered", count(result.requests.answered), 0, ""},
         {"lost", "lost", count(result.requests.lost), 0, ""},
+        {"most_lost", "lost of one flow, at most", count(result.requests.mostLost), 0, ""},
         {"late", "answered after all", count(result.requests.late), 0, ""},
         {"wrong", "wrong", count(result.arrivals.wrong), 0, ""},
         {"unexpected", "unexpected", count(result.arrivals.unexpected), 0, ""},

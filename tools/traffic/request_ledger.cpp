@@ -1,5 +1,7 @@
 #include "traffic/request_ledger.h"
 
+#include <algorithm>
+
 namespace vesk::bench {
 
 void RequestLedger::sent(std::size_t count, std::int64_t now) {
@@ -37,10 +39,17 @@ void RequestLedger::expire(std::int64_t now) {
             }
             request.state = State::lost;
             --outstanding_;
-            counts_.lost += request.measured ? 1 : 0;
+            if (request.measured) {
+                countLost(oldest_ % requests_.size());
+            }
         }
         ++oldest_;
     }
+}
+
+void RequestLedger::countLost(std::size_t number) {
+    ++counts_.lost;
+    counts_.mostLost = std::max(counts_.mostLost, ++lostOfFlow_[flowOf_(number)]);
 }
 
 }  // namespace vesk::bench

@@ -4,6 +4,9 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <functional>
+#include <map>
+#include <utility>
 #include <vector>
 
 #include "lib/latency_histogram.h"
@@ -14,13 +17,17 @@ struct RequestCounts {
     std::uint64_t sent = 0;
     std::uint64_t answered = 0;
     std::uint64_t lost = 0;
-    std::uint64_t late = 0;  // answered after they were counted as lost; still counted as lost
+    std::uint64_t late = 0;      // answered after they were counted as lost; still counted as lost
+    std::uint64_t mostLost = 0;  // of one flow
 };
 
 class RequestLedger {
  public:
-    RequestLedger(std::size_t poolSize, std::int64_t lossTimeout)
-        : requests_(poolSize), lossTimeout_(lossTimeout) {}
+    using FlowOf = std::function<std::size_t(std::size_t)>;
+
+    /// `flowOf` tells the flow of a number of the pool.
+    RequestLedger(std::size_t poolSize, std::int64_t lossTimeout, FlowOf flowOf)
+        : requests_(poolSize), lossTimeout_(lossTimeout), flowOf_(std::move(flowOf)) {}
 
     /// Only requests sent while this is on are counted.
     void measure(bool on) { measuring_ = on; }
@@ -50,8 +57,12 @@ class RequestLedger {
         bool measured = false;
     };
 
+    void countLost(std::size_t number);
+
     std::vector<Request> requests_;
     std::int64_t lossTimeout_;
+    FlowOf flowOf_;
+    std::map<std::size_t, std::uint64_t> lostOfFlow_;
     bool measuring_ = false;
     std::uint64_t next_ = 0;
     std::uint64_t oldest_ = 0;

@@ -52,7 +52,8 @@ TrafficRun::TrafficRun(const TrafficOptions& options, std::uint16_t forwarderPor
     : options_(options),
       measuredPid_(measuredPid),
       pool_(*options.framing, plans, options.payload, poolSize(options), options.burst),
-      ledger_(pool_.size(), nanoseconds(options.lossTimeout)),
+      ledger_(pool_.size(), nanoseconds(options.lossTimeout),
+              [this](std::size_t number) { return pool_.flowOf(number); }),
       ends_(options, forwarderPort, service, pool_, ledger_) {}
 
 TrafficResult TrafficRun::run() {

@@ -123,6 +123,21 @@ TEST(SumOfInstancesTest, AddsUpTheCountsOfAll) {
     EXPECT_EQ(sum.state.kernel.ports, (Room{1, 2}));
 }
 
+TEST(SumOfInstancesTest, AFlowOfTwoInstancesCountsOnceAndIsActiveIfBothAcceptedIt) {
+    InstanceFigures first = runningInstance();
+    InstanceFigures second = runningInstance();
+    first.state.sharedFlows = {{1, true}, {2, true}, {3, false}};
+    second.state.sharedFlows = {{1, true}, {2, false}};
+    InstanceFigures third = runningInstance();
+    third.state.sharedFlows = {{3, true}};
+    // 4 flows each, and of those active 3 each; two are shared and active at one instance only.
+    EXPECT_EQ(sumOf({first, second, third}).state.flowsDeclared, 9U);
+    EXPECT_EQ(sumOf({first, second, third}).state.flowsActive, 6U);
+    third.state.childUp = false;
+    EXPECT_EQ(sumOf({first, second, third}).state.flowsDeclared, 9U);
+    EXPECT_EQ(sumOf({first, second, third}).state.flowsActive, 4U);
+}
+
 TEST(SumOfInstancesTest, OneInstanceThatIsDownCountsForAll) {
     InstanceFigures down = runningInstance();
     down.state.childUp = false;

@@ -14,8 +14,9 @@ _UPSTREAM = 5000
 
 
 def _words(*more: object) -> List[str]:
+    upstream = () if "--upstream-port" in more else ("--upstream-port", _UPSTREAM)
     return [os.environ["VESK_TRAFFIC"], "--label-step", "65536", "--port", str(PORT),
-            "--upstream-port", str(_UPSTREAM), *map(str, more)]
+            *map(str, (*upstream, *more))]
 
 
 def configuration_text(flows: int, *options: object) -> str:

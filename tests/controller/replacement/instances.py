@@ -38,9 +38,10 @@ def steer(file: ConfigurationFile, instances: int) -> None:
     file.tables["metrics"] = f"port = {METRICS}"
 
 
-def write_for_generator(file: ConfigurationFile, controller: str = "", *options: object) -> None:
-    """Writes the file of INSTANCES instances with the flows of vesk-traffic."""
-    text = configuration_text(FLOWS, *options)
+def write_for_generator(file: ConfigurationFile, controller: str = "", *options: object,
+                        more: str = "") -> None:
+    """Writes the file of INSTANCES instances with the flows of vesk-traffic, and `more` flows."""
+    text = configuration_text(FLOWS, *options) + more
     for found, put in (("[forwarder]\n", f"[forwarder]\ninstances = {INSTANCES}\n"),
                        (f"port = {PORT}\n", "\n".join(downstream(INSTANCES).splitlines()[1:]) + "\n")):
         assert text.count(found) == 1

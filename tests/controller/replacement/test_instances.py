@@ -135,3 +135,20 @@ def test_a_reload_reaches_the_instance_of_the_flow(
     for flow in flows:
         ask_until_answered(peer, flow, configuration.listen)
     assert controller.finish() == 0
+
+
+def test_a_flow_of_two_instances_counts_once(configuration: ConfigurationFile,
+                                             flows: "list[Flow]",
+                                             start_controller: StartController) -> None:
+    # Its label belongs to instance 0, its prefix to instance 1.
+    configuration.tables["flows.both"] = (
+        'label = 0x20005\nupstream = "127.0.0.1:1"\n'
+        "auxiliary = { prefix = 5, upstream_label = 0x70000 }")
+    configuration.write()
+    controller = start_controller()
+    controller.wait_for(
+        f"info controller: the forwarder is set up: {len(flows) + 1} flows, 2 instances")
+    page = samples(METRICS)
+    assert page["vesk_flows_declared"] == page["vesk_flows_active"] == len(flows) + 1
+    assert [page[f'vesk_instance_flows_active{{instance="{i}"}}'] for i in range(2)] == [2, 2]
+    assert controller.finish() == 0

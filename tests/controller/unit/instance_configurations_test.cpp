@@ -70,6 +70,9 @@ TEST(InstanceConfigurations, DeclareAFlowOnBothOwnersOfItsLabelAndItsPrefix) {
     EXPECT_EQ(parts[0].flows.at(0x10002).auxiliary->prefix, 4);
     EXPECT_EQ(parts[1].flows.at(0x10001).auxiliary->prefix, 3);
     EXPECT_FALSE(parts[1].flows.at(0x10002).auxiliary);
+    EXPECT_TRUE(parts[0].flows.at(0x10002).onTwoInstances);
+    EXPECT_TRUE(parts[1].flows.at(0x10002).onTwoInstances);
+    EXPECT_FALSE(parts[1].flows.at(0x10001).onTwoInstances);
 }
 
 TEST(InstanceConfigurations, JoinTheInstancesByAddressesThatDependOnTheirPorts) {

@@ -141,6 +141,36 @@ TEST(PacketFilter, SwapsAnInstanceUnderTrafficWithoutALoss) {
     });
 }
 
+TEST(PacketFilter, LetsLabelsStayAfterASwapUntilTheyFollow) {
+    inFilteredNetwork([] {
+        const UniqueFd former = bound(4501);
+        const UniqueFd present = bound(4503);
+        const UniqueFd sender = bound(5000);
+        const auto expectArrivals = [&](std::size_t atFormer, std::size_t atPresent) {
+            // Labels 0x20000 and 0x40000 and, with an upper half that does not stay, 0x60000.
+            for (const std::uint8_t prefix : std::array<std::uint8_t, 3>{2, 4, 6}) {
+                sendTo(sender.get(), prefix);
+            }
+            EXPECT_EQ(received(former.get()), atFormer);
+            EXPECT_EQ(received(present.get()), atPresent);
+        };
+        expectDone(steeringRules(plan));
+        const std::string before = ruleset();
+        expectDone(steeringStayEnd(plan.publicPort) + steeringSwap(plan.publicPort, {4503, 4502}) +
+                   steeringStay(plan, 4501, {0x20000, 0x40000}));
+        expectArrivals(2, 1);
+        expectDone(steeringFollow(plan.publicPort, 0x40000));
+        expectArrivals(1, 2);
+        const int none = 1;
+        ASSERT_EQ(setsockopt(sender.get(), SOL_SOCKET, SO_NO_CHECK, &none, sizeof none), 0);
+        expectArrivals(1, 2);
+        expectDone(steeringStayEnd(plan.publicPort));
+        expectArrivals(0, 3);
+        expectDone(steeringSwap(plan.publicPort, plan.ports));
+        EXPECT_EQ(ruleset(), before);
+    });
+}
+
 TEST(PacketFilter, SendsToInstanceZeroWhatHasNoEntryAndASwapAddsTheEntryAgain) {
     inFilteredNetwork([] {
         const UniqueFd first = bound(4501);

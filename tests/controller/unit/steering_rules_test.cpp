@@ -2,9 +2,11 @@
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <netinet/udp.h>
 
 #include "config/instance_configurations.h"
 #include "configuration_text.h"
+#include "datapath/wire/layout.h"
 #include "steering/steering_counters.h"
 
 namespace vesk::controller {
@@ -39,6 +41,27 @@ TEST(SteeringRules, TakeTheLabelFromTheFramingsPlace) {
                       HasSubstr("udp length < 46 counter name too_short")));
 }
 
+TEST(SteeringRules, HaveTheLabelWhereTheForwarderHasIt) {
+    Configuration configuration = configurationOf(twoInstances);
+    for (const FramingDescriptor& framing : {framingV1, framingV2}) {
+        configuration.forwarder.framing = "udpv" + std::to_string(framing.version);
+        const SteeringPlan plan = steeringPlan(configuration, {4501, 4502});
+        const std::size_t place = sizeof(udphdr) + framing.labelOffset;
+        const std::string label = "@th," + std::to_string(8 * place) + ",";
+        const std::string prefixBitsText = std::to_string(4 * framing.labelSize);
+        const std::string labelBitsText = std::to_string(8 * framing.labelSize);
+        const std::string whole = std::to_string(place + framing.labelSize);
+        EXPECT_EQ(plan.labelOffset, framing.labelOffset);
+        EXPECT_THAT(steeringRules(plan),
+                    AllOf(HasSubstr("typeof " + label + prefixBitsText + " : udp dport"),
+                          HasSubstr("typeof " + label + labelBitsText + " : udp dport"),
+                          HasSubstr("udp length < " + whole + " counter name too_short")));
+        EXPECT_THAT(steeringStay(plan, 4501, {7}),
+                    AllOf(HasSubstr("udp length < " + whole + " return"),
+                          HasSubstr(label + labelBitsText + " @moved return")));
+    }
+}
+
 TEST(SteeringRules, MatchOnlyTheAddressesOfThisHost) {
     EXPECT_THAT(rulesFor("192.0.2.1"), AllOf(HasSubstr("ip daddr 192.0.2.1 jump steer"),
                                              HasSubstr("ip saddr 192.0.2.1 notrack udp sport set"),
@@ -56,6 +79,22 @@ TEST(SteeringRules, ReplaceAllPortsInOneSwap) {
               "add element inet vesk_4500 instances { 0 : 4503, 1 : 4502 }\n"
               "flush map inet vesk_4500 fallback\n"
               "add element inet vesk_4500 fallback { 4500 : 4503 }\n");
+}
+
+TEST(SteeringRules, LetLabelsStayAndFollowOneByOne) {
+    const SteeringPlan plan{"127.0.0.1", 4500, 16, {4501, 4502}, 4501, 4503};
+    EXPECT_EQ(steeringStay(plan, 4501, {}), "");
+    EXPECT_EQ(steeringStay(plan, 4501, {65537, 2}),
+              "add element inet vesk_4500 staying { 65537 : 4501, 2 : 4501 }\n"
+              "add rule inet vesk_4500 stay udp length < 28 return\n"
+              "add rule inet vesk_4500 stay @th,192,32 @moved return\n"
+              "add rule inet vesk_4500 stay udp checksum 0 udp dport set @th,192,32 map @staying "
+              "udp checksum set 0 accept\n"
+              "add rule inet vesk_4500 stay udp dport set @th,192,32 map @staying accept\n");
+    EXPECT_EQ(steeringFollow(4500, 65537), "add element inet vesk_4500 moved { 65537 }\n");
+    EXPECT_EQ(steeringStayEnd(4500),
+              "flush chain inet vesk_4500 stay\nflush map inet vesk_4500 staying\n"
+              "flush set inet vesk_4500 moved\n");
 }
 
 TEST(SteeringCounters, AreReadFromTheListing) {

@@ -3,13 +3,13 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include "warning_matchers.h"
+
 namespace vesk::controller {
 namespace {
 
 using testing::AllOf;
-using testing::ElementsAre;
 using testing::HasSubstr;
-using testing::IsEmpty;
 
 TEST(SteeringWarnings, NameTheReasonAndTheRemedy) {
     EXPECT_THAT(cannotSteer(4500, {"", "Operation not permitted", false}),
@@ -25,14 +25,14 @@ TEST(SteeringWarnings, WarnOfPortsThatTheKernelMayGiveAway) {
         return instancePortWarnings(ports, range, reserved);
     };
     EXPECT_THAT(warnings({32768, 60999}, ""),
-                ElementsAre(HasSubstr("sysctl -w net.ipv4.ip_local_reserved_ports=32766-32770")));
+                isOneWarningWith("sysctl -w net.ipv4.ip_local_reserved_ports=32766-32770"));
     EXPECT_THAT(warnings({32768, 60999}, "5,32768-32769,40000"), testing::SizeIs(1));
-    EXPECT_THAT(warnings({32768, 60999}, "5,32768-32769,32770"), IsEmpty());
-    EXPECT_THAT(warnings({32771, 60999}, ""), IsEmpty());
+    EXPECT_THAT(warnings({32768, 60999}, "5,32768-32769,32770"), hasNoWarning());
+    EXPECT_THAT(warnings({32771, 60999}, ""), hasNoWarning());
 }
 
 TEST(SteeringWarnings, AreNotGivenForAFileWithoutInstancePorts) {
-    EXPECT_THAT(steeringWarnings(Configuration{}), IsEmpty());
+    EXPECT_THAT(steeringWarnings(Configuration{}), hasNoWarning());
 }
 
 }  // namespace
