@@ -98,10 +98,12 @@ struct Lateral {
 struct SupervisionSettings {
     std::chrono::milliseconds restartPause{100};
     std::chrono::milliseconds restartPauseMax{30000};
+    std::chrono::seconds leave{0};  ///< from the request to end to the drain
     std::chrono::seconds drain{10};
     std::chrono::seconds stats{10};
     bool logLimit = true;
     std::chrono::seconds answer{10};
+    bool strict = false;  ///< not ready while a flow of the file is refused
 };
 
 struct MetricsSettings {

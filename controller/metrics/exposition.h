@@ -46,6 +46,8 @@ struct ControllerState : ChildState {
     std::array<std::uint64_t, replacementOutcomes> replacements{};  ///< by outcome
     std::optional<SteeringState> steering;  ///< none if the forwarder has the public port
     bool lastReloadSuccessful = true;       ///< true before the first one
+    bool leaving = false;                   ///< the controller has been told to end
+    bool strict = false;                    ///< a refused flow makes the service unready
 };
 
 /// One family for each metric. Gauges of the child's present state are 0 while no child runs. With

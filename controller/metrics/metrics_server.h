@@ -95,6 +95,11 @@ class MetricsServer {
     /// The stage that the child has reached.
     void setStage(Stage stage, ChildId child = 0);
 
+    /// Whether the service is unready while a flow of the file is refused.
+    void setStrict(bool strict);
+    /// The service is unready from now on, whatever the children do.
+    void leave();
+
     /// The present text of the metrics page.
     std::string page() const;
     /// Whether the health page answers 200.

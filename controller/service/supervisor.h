@@ -97,6 +97,8 @@ class Supervisor {
     // The end of the controller.
     bool running() const { return !ending_; }
     void terminate();
+    void leave();
+    void drain();
     bool ended() const;
 
     const Options& options_;
@@ -123,6 +125,8 @@ class Supervisor {
     std::optional<ReloadOutcome> reload_;  // of the last reload, until it is counted
     /// Of several instances: what all of them do at present.
     Instance::Round commonRound_ = Instance::Round::none;
+    Deadline leaveUntil_;  // the drain begins then
+    bool draining_ = false;
     Deadline serveAgainAt_;
     Deadline steerAgainAt_;
     Deadline aliveAt_;
