@@ -86,6 +86,9 @@ struct Lateral {
     std::uint32_t index = 0;  ///< of this host's first instance
     std::uint32_t instances = 0;
     std::map<std::uint32_t, std::string> peers;  ///< addresses by index
+    /// By index; what they are resolved to is added to `peers` while the controller runs.
+    std::map<std::uint32_t, std::string> peerNames;
+    std::chrono::seconds resolve{30};  ///< from the answers to the next questions
 
     std::uint32_t instancesHere() const {
         return addresses.empty() ? 1 : static_cast<std::uint32_t>(addresses.size());

@@ -179,6 +179,11 @@ void MetricsServer::setStage(Stage stage, ChildId child) {
     children_.state(child).stage = stage;
 }
 
+void MetricsServer::setPeers(std::map<std::uint32_t, bool> resolved) {
+    const MutexLock lock(mutex_);
+    state_.peers = std::move(resolved);
+}
+
 void MetricsServer::setStrict(bool strict) {
     const MutexLock lock(mutex_);
     state_.strict = strict;

@@ -54,8 +54,8 @@ bool Supervisor::due(Deadline& deadline) {
 }
 
 int Supervisor::pollTimeout() const {
-    std::vector<Deadline> deadlines{aliveAt_, serveAgainAt_, steerAgainAt_, leaveUntil_,
-                                    log_.countDueAt()};
+    std::vector<Deadline> deadlines{aliveAt_,    serveAgainAt_,  steerAgainAt_,
+                                    leaveUntil_, peers_.dueAt(), log_.countDueAt()};
     for (const Instance* const instance : allInstances()) {
         deadlines.push_back(instance->dueAt());
     }
@@ -84,6 +84,8 @@ void Supervisor::waitAndHandle() {
     for (const Instance* const instance : instances) {
         std::ranges::copy(instance->watched(), std::back_inserter(watched));
     }
+    const std::size_t asked = watched.size();
+    std::ranges::copy(peers_.watched(), std::back_inserter(watched));
     if (poll(watched.data(), watched.size(), pollTimeout()) < 0 && errno != EINTR) {
         throw std::system_error(errno, std::generic_category(), "poll");
     }
@@ -98,6 +100,7 @@ void Supervisor::waitAndHandle() {
     handleInstances();
     continueReplacement();
     handleTime();
+    handlePeers(std::span(watched).subspan(asked));
     for (Instance* const instance : allInstances()) {
         instance->write();
     }

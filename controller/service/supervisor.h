@@ -2,10 +2,13 @@
 // forwarder's instances and deadlines. Called by main.
 #pragma once
 
+#include <poll.h>
+
 #include <cstddef>
 #include <cstdint>
 #include <memory>
 #include <optional>
+#include <span>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -14,6 +17,7 @@
 #include "config/configuration.h"
 #include "config/problem.h"
 #include "metrics/metrics_server.h"
+#include "names/peer_lookup.h"
 #include "service/instance.h"
 #include "service/log_output.h"
 #include "service/options.h"
@@ -81,6 +85,11 @@ class Supervisor {
     std::vector<std::uint16_t> portsWithSpare() const;
     std::string nameOf(std::size_t instance) const;
 
+    // Lateral peers with names.
+    void handlePeers(std::span<const pollfd> watched);
+    void publishPeers();
+    void followPeers();
+
     // Readiness of the service.
     void finishRound();
     void sayRound();
@@ -112,6 +121,7 @@ class Supervisor {
     RestartPause servePause_;
     RestartPause steerPause_;
 
+    PeerLookup peers_;
     Steering steering_;
     std::vector<std::uint16_t> ports_;  // of the instances
     // Declared after what they use.

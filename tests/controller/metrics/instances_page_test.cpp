@@ -113,6 +113,14 @@ TEST_F(InstancesPageTest, ShowsTheSteering) {
     EXPECT_EQ(server_.obstacle(), "the public port is not steered to the instances");
 }
 
+TEST_F(InstancesPageTest, ShowsWhichNamesOfPeersAreResolved) {
+    EXPECT_THAT(server_.page(), Not(HasSubstr("vesk_lateral_peer_resolved")));
+    server_.setPeers({{0, true}, {12, false}});
+    EXPECT_THAT(server_.page(), HasSubstr("\nvesk_lateral_peer_resolved{peer=\"0\"} 1\n"));
+    EXPECT_THAT(server_.page(), HasSubstr("\nvesk_lateral_peer_resolved{peer=\"12\"} 0\n"));
+    EXPECT_EQ(server_.obstacle(), "");
+}
+
 TEST_F(InstancesPageTest, CountsReplacementsByOutcome) {
     server_.countReplacement(ReplacementOutcome::failed);
     EXPECT_THAT(server_.page(), HasSubstr("\nvesk_replacements_total{outcome=\"done\"} 0\n"));
