@@ -48,6 +48,17 @@ void printCommandsOf(const Configuration& instance) {
     }
 }
 
+/// These commands depend on answers of the name servers.
+void printPeerNames(const Configuration& configuration) {
+    if (!configuration.lateral) {
+        return;
+    }
+    for (const auto& [index, name] : configuration.lateral->peerNames) {
+        std::cout << "# add_lateral_peer idx " << index << " addr (the address of " << name
+                  << ", once the name is resolved)\n";
+    }
+}
+
 /// False if they could not be written.
 bool printCommands(const Configuration& configuration) {
     const std::vector<Configuration> instances =
@@ -58,6 +69,7 @@ bool printCommands(const Configuration& configuration) {
         }
         printCommandsOf(instances[instance]);
     }
+    printPeerNames(configuration);
     return static_cast<bool>(std::cout.flush());
 }
 

@@ -116,10 +116,11 @@ bool samePlace(const Lateral& one, const Lateral& other) {
            one.instances == other.instances;
 }
 
-/// Adds the commands for new and changed peers. A removed peer cannot be removed from the forwarder
+/// The commands for new and changed peers. A removed peer cannot be removed from the forwarder
 /// before its next start, so `after` keeps it.
-void changePeers(const Lateral& running, const Lateral& wanted, ConfigurationChanges& changes) {
-    Lateral& after = changes.after.lateral.emplace(running);
+LateralChanges peerChanges(const Lateral& running, const Lateral& wanted) {
+    LateralChanges changes{{}, {}, running};
+    Lateral& after = *changes.after;
     for (const auto& [index, address] : wanted.peers) {
         const auto before = running.peers.find(index);
         if (before == running.peers.end() || before->second != address) {
@@ -130,26 +131,21 @@ void changePeers(const Lateral& running, const Lateral& wanted, ConfigurationCha
     if (after.peers.size() != wanted.peers.size()) {
         changes.waiting.emplace_back("lateral.peers");
     }
-}
-
-void changeLateral(const Configuration& running, const Configuration& wanted, bool refused,
-                   ConfigurationChanges& changes) {
-    const bool started = running.lateral && !refused;
-    if (!started) {
-        if (wanted.lateral) {
-            append(changes.commands, lateralCommands(*wanted.lateral));
-        }
-        return;
-    }
-    if (wanted.lateral && samePlace(*running.lateral, *wanted.lateral)) {
-        changePeers(*running.lateral, *wanted.lateral, changes);
-        return;
-    }
-    changes.waiting.emplace_back("lateral");
-    changes.after.lateral = running.lateral;
+    return changes;
 }
 
 }  // namespace
+
+LateralChanges lateralChangesBetween(const std::optional<Lateral>& running,
+                                     const std::optional<Lateral>& wanted, bool refused) {
+    if (!running || refused) {
+        return {wanted ? lateralCommands(*wanted) : std::vector<Command>(), {}, wanted};
+    }
+    if (wanted && samePlace(*running, *wanted)) {
+        return peerChanges(*running, *wanted);
+    }
+    return {{}, {"lateral"}, running};
+}
 
 ConfigurationChanges changesBetween(const Configuration& running, const Configuration& wanted,
                                     const Refusals& refusals) {
@@ -162,7 +158,11 @@ ConfigurationChanges changesBetween(const Configuration& running, const Configur
     FlowCommands flows = flowCommands(running, wanted, refusals);
     append(changes.commands, std::move(flows.removals));
     append(changes.commands, std::move(flows.others));
-    changeLateral(running, wanted, refusals.lateral, changes);
+    LateralChanges lateral =
+        lateralChangesBetween(running.lateral, wanted.lateral, refusals.lateral);
+    append(changes.commands, std::move(lateral.commands));
+    std::ranges::move(lateral.waiting, std::back_inserter(changes.waiting));
+    changes.after.lateral = std::move(lateral.after);
     if (refusals.downstream || running.downstream != wanted.downstream) {
         append(changes.commands, listenCommands(wanted.downstream));
     }

@@ -3,6 +3,7 @@
 #pragma once
 
 #include <cstdint>
+#include <optional>
 #include <set>
 #include <string>
 #include <vector>
@@ -26,6 +27,17 @@ struct ConfigurationChanges {
     /// The forwarder's configuration once it has carried out the commands.
     Configuration after;
 };
+
+/// The part of the changes that concerns the lateral stream.
+struct LateralChanges {
+    std::vector<Command> commands;
+    std::vector<std::string> waiting;
+    std::optional<Lateral> after;
+};
+
+/// `refused`: the running stream could not be started.
+LateralChanges lateralChangesBetween(const std::optional<Lateral>& running,
+                                     const std::optional<Lateral>& wanted, bool refused);
 
 /// `running` is what was sent to the forwarder; `refusals` are the parts of it that it refused.
 ConfigurationChanges changesBetween(const Configuration& running, const Configuration& wanted,

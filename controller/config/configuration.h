@@ -88,6 +88,9 @@ struct Lateral {
     std::uint32_t index = 0;  ///< of this host's first instance
     std::uint32_t instances = 0;
     std::map<std::uint32_t, std::string> peers;  ///< addresses by index
+    /// By index; what they are resolved to is added to `peers` while the controller runs.
+    std::map<std::uint32_t, std::string> peerNames;
+    std::chrono::seconds resolve{30};  ///< from the answers to the next questions
 
     std::uint32_t instancesHere() const {
         return addresses.empty() ? 1 : static_cast<std::uint32_t>(addresses.size());
@@ -100,10 +103,12 @@ struct Lateral {
 struct SupervisionSettings {
     std::chrono::milliseconds restartPause{100};
     std::chrono::milliseconds restartPauseMax{30000};
+    std::chrono::seconds leave{0};  ///< from the request to end to the drain
     std::chrono::seconds drain{10};
     std::chrono::seconds stats{10};
     bool logLimit = true;
     std::chrono::seconds answer{10};
+    bool strict = false;  ///< not ready while a flow of the file is refused
 };
 
 struct MetricsSettings {

@@ -190,7 +190,7 @@ void warnOfForeignLabels(const Configuration& configuration, const Lateral& late
 
 void warnOfMissingPeers(const Lateral& lateral, std::vector<std::string>& warnings) {
     const std::uint32_t others = lateral.instances - lateral.instancesHere();
-    if (lateral.peers.size() >= others) {
+    if (lateral.peers.size() + lateral.peerNames.size() >= others) {
         return;
     }
     const std::uint64_t unnamed = others - lateral.peers.size();

@@ -58,6 +58,12 @@ std::optional<Lateral> lateralOf(const Configuration& configuration,
                                  : streamOfThisHost(*configuration.instancePorts, ports, instance);
 }
 
+void dropLonelyStream(Configuration& part) {
+    if (part.lateral && part.lateral->peers.empty()) {
+        part.lateral.reset();
+    }
+}
+
 /// A flow whose prefix belongs to another instance than its label is declared on both. Only one of
 /// them gets the prefix.
 void addFlow(const Configuration& whole, const Flow& flow, std::vector<Configuration>& parts) {
@@ -98,7 +104,9 @@ std::vector<std::uint16_t> firstPorts(const Configuration& configuration) {
 std::vector<Configuration> instanceConfigurations(const Configuration& configuration,
                                                   const std::vector<std::uint16_t>& ports) {
     if (!isSteered(configuration)) {
-        return {configuration};
+        std::vector<Configuration> all{configuration};
+        dropLonelyStream(all.front());
+        return all;
     }
     Configuration common = configuration;
     common.flows.clear();
@@ -108,6 +116,7 @@ std::vector<Configuration> instanceConfigurations(const Configuration& configura
     for (std::size_t instance = 0; instance < ports.size(); ++instance) {
         parts[instance].downstream.port = ports[instance];
         parts[instance].lateral = lateralOf(configuration, ports, instance);
+        dropLonelyStream(parts[instance]);
     }
     for (const auto& [label, flow] : configuration.flows) {
         addFlow(configuration, flow, parts);

@@ -28,7 +28,8 @@ std::vector<std::uint16_t> firstPorts(const Configuration& configuration);
 /// datagrams it gets, and its part of the lateral stream. Without a [lateral] table of the file, an
 /// instance has a loopback address for the stream that depends on its port, so that two instances
 /// with the same index and different ports can run at the same time. A configuration that is not
-/// steered is returned as it is.
+/// steered is returned as it is, but no part has a stream without a peer: the forwarder would
+/// refuse it, and it starts once the first name of a peer is resolved.
 std::vector<Configuration> instanceConfigurations(const Configuration& configuration,
                                                   const std::vector<std::uint16_t>& ports);
 

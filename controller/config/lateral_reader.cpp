@@ -1,12 +1,16 @@
 #include "config/lateral_reader.h"
 
 #include <algorithm>
+#include <chrono>
+#include <cstdint>
 #include <string>
 #include <utility>
 #include <vector>
 
 #include "config/address_reader.h"
+#include "config/lateral_number_reader.h"
 #include "config/numeric_address.h"
+#include "config/peer_names_reader.h"
 
 namespace vesk::controller {
 
@@ -89,15 +93,40 @@ void readOwnAddresses(TableReader& table, std::uint32_t instances, Lateral& late
 
 /// The numbers of a host begin with a multiple of its instances: only then the lateral stream and
 /// the rules agree on the owner of a label.
-void checkMultiples(TableReader& table, std::uint32_t instances, const Lateral& lateral) {
-    const auto check = [&](std::string_view key, std::uint32_t number) {
-        if (table.has(key) && number % instances != 0) {
-            table.complain(
-                key, "must be a multiple of forwarder.instances, " + std::to_string(instances));
-        }
-    };
-    check("index", lateral.index);
-    check("instances", lateral.instances);
+void checkMultiple(TableReader& table, std::uint32_t instances, const LateralNumber& number) {
+    if (number.value % instances != 0) {
+        table.complain(number.key,
+                       "must be a multiple of forwarder.instances, " + std::to_string(instances));
+    }
+}
+
+/// The index and the number of all instances.
+void readIdentity(TableReader& table, std::uint32_t instancesHere, Lateral& lateral) {
+    const LateralNumber instances = readLateralInstances(table);
+    const LateralNumber index = readLateralIndex(table);
+    checkMultiple(table, instancesHere, index);
+    checkMultiple(table, instancesHere, instances);
+    if (index.known && instances.known && index.value >= instances.value) {
+        table.complain(index.key, "must be below the number of instances");
+    }
+    lateral.instances = instances.value;
+    lateral.index = index.value;
+}
+
+/// The other instances: their addresses, or their names.
+void readOthers(TableReader& table, Lateral& lateral) {
+    constexpr std::int64_t longestPause = 86400;
+    const std::optional<std::int64_t> pause = table.integer("resolve_seconds", 1, longestPause);
+    if (!table.has("peers_from")) {
+        readPeers(table, lateral);
+        return;
+    }
+    readPeerNames(table, lateral);
+    lateral.resolve = std::chrono::seconds(pause.value_or(lateral.resolve.count()));
+    if (table.has("peers")) {
+        table.require("peers");
+        table.complain("peers_from", "and peers are mutually exclusive");
+    }
 }
 
 void checkPort(TableReader& table, const Configuration& configuration, const Lateral& lateral) {
@@ -124,13 +153,8 @@ std::optional<Lateral> readLateral(TableReader& root, const Configuration& confi
     const std::uint32_t instances = configuration.forwarder.instances;
     readOwnAddresses(*table, instances, lateral);
     checkPort(*table, configuration, lateral);
-    lateral.instances = readNumber(*table, "instances", 1, greatestNumber);
-    lateral.index = readNumber(*table, "index", 0, greatestNumber);
-    checkMultiples(*table, instances, lateral);
-    if (table->has("index") && lateral.instances != 0 && lateral.index >= lateral.instances) {
-        table->complain("index", "must be below the number of instances");
-    }
-    readPeers(*table, lateral);
+    readIdentity(*table, instances, lateral);
+    readOthers(*table, lateral);
     table->refuseUnknown();
     return lateral;
 }

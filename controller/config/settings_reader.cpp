@@ -86,10 +86,12 @@ SupervisionSettings readSupervision(TableReader& root) {
     }
     readDuration(*table, "restart_pause_ms", 1, dayInMilliseconds, settings.restartPause);
     readDuration(*table, "restart_pause_max_ms", 1, dayInMilliseconds, settings.restartPauseMax);
+    readDuration(*table, "leave_seconds", 0, dayInSeconds, settings.leave);
     readDuration(*table, "drain_seconds", 0, dayInSeconds, settings.drain);
     readDuration(*table, "stats_seconds", 1, dayInSeconds, settings.stats);
     settings.logLimit = table->boolean("log_limit").value_or(settings.logLimit);
     readDuration(*table, "answer_seconds", 1, dayInSeconds, settings.answer);
+    settings.strict = table->boolean("strict").value_or(settings.strict);
     if (settings.restartPause > settings.restartPauseMax) {
         table->complain("restart_pause_max_ms", "is below restart_pause_ms");
     }

@@ -131,6 +131,20 @@ void addSteering(Families& families, const ControllerState& state) {
     }
 }
 
+void addPeers(Families& families, const ControllerState& state) {
+    if (state.peers.empty()) {
+        return;
+    }
+    MetricFamily family{"vesk_lateral_peer_resolved",
+                        "1 while the name of the lateral peer is resolved, otherwise 0.",
+                        MetricType::Gauge,
+                        {}};
+    for (const auto& [index, resolved] : state.peers) {
+        family.metric.push_back(gauge(resolved ? 1 : 0, {{"peer", std::to_string(index)}}));
+    }
+    families.push_back(std::move(family));
+}
+
 void addController(Families& families, const ControllerState& state) {
     addGauge(families, "vesk_build_info", "Always 1; the version is in its label.", 1,
              {{"version", VESK_VERSION}});
@@ -181,6 +195,7 @@ std::vector<prometheus::MetricFamily> describeMetrics(const Totals& totals,
     addController(families, state);
     addReloads(families, state);
     addReplacements(families, state);
+    addPeers(families, state);
     addSteering(families, state);
     addTable(families, MetricType::Counter, downstreamMetrics, totals.downstream);
     addTable(families, MetricType::Counter, upstreamMetrics, totals.upstream);

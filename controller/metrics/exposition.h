@@ -7,6 +7,7 @@
 #include <array>
 #include <cstddef>
 #include <cstdint>
+#include <map>
 #include <optional>
 #include <vector>
 
@@ -45,7 +46,10 @@ struct ControllerState : ChildState {
     std::array<std::uint64_t, reloadOutcomes> reloads{};            ///< by outcome
     std::array<std::uint64_t, replacementOutcomes> replacements{};  ///< by outcome
     std::optional<SteeringState> steering;  ///< none if the forwarder has the public port
-    bool lastReloadSuccessful = true;       ///< true before the first one
+    std::map<std::uint32_t, bool> peers;  ///< lateral peers with names, whether these are resolved
+    bool lastReloadSuccessful = true;     ///< true before the first one
+    bool leaving = false;                 ///< the controller has been told to end
+    bool strict = false;                  ///< a refused flow makes the service unready
 };
 
 /// One family for each metric. Gauges of the child's present state are 0 while no child runs. With

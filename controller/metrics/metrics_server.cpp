@@ -184,9 +184,27 @@ void MetricsServer::setStage(Stage stage, ChildId child) {
     children_.state(child).stage = stage;
 }
 
+void MetricsServer::setPeers(std::map<std::uint32_t, bool> resolved) {
+    const MutexLock lock(mutex_);
+    state_.peers = std::move(resolved);
+}
+
+void MetricsServer::setStrict(bool strict) {
+    const MutexLock lock(mutex_);
+    state_.strict = strict;
+}
+
+void MetricsServer::leave() {
+    const MutexLock lock(mutex_);
+    state_.leaving = true;
+}
+
 std::string MetricsServer::obstacle() const {
     const MutexLock lock(mutex_);
-    const std::string obstacle = firstObstacle(children_.states());
+    if (state_.leaving) {
+        return "the controller is about to end";
+    }
+    const std::string obstacle = firstObstacle(children_.states(), state_.strict);
     const bool steered = !state_.steering || state_.steering->active;
     return obstacle.empty() && !steered ? "the public port is not steered to the instances"
                                         : obstacle;

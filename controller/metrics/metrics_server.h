@@ -97,6 +97,14 @@ class MetricsServer {
     /// The stage that the child has reached.
     void setStage(Stage stage, ChildId child = 0);
 
+    /// Whether the name of each lateral peer is resolved, by index; empty if the file has no names.
+    void setPeers(std::map<std::uint32_t, bool> resolved);
+
+    /// Whether the service is unready while a flow of the file is refused.
+    void setStrict(bool strict);
+    /// The service is unready from now on, whatever the children do.
+    void leave();
+
     /// The present text of the metrics page.
     std::string page() const;
     /// Whether the health page answers 200.

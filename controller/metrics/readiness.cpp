@@ -2,7 +2,7 @@
 
 namespace vesk::controller {
 
-std::string_view notReadyBecause(const ChildState& state) {
+std::string_view notReadyBecause(const ChildState& state, bool strict) {
     if (state.stage == Stage::draining) {
         return "the forwarder is about to end";
     }
@@ -18,12 +18,15 @@ std::string_view notReadyBecause(const ChildState& state) {
     if (!state.lateralListening.value_or(true)) {
         return "the forwarder does not listen to other instances";
     }
+    if (strict && state.flowsActive < state.flowsDeclared) {
+        return "the forwarder refuses flows of the file";
+    }
     return "";
 }
 
-std::string firstObstacle(const std::vector<ChildState>& instances) {
+std::string firstObstacle(const std::vector<ChildState>& instances, bool strict) {
     for (std::size_t number = 0; number < instances.size(); ++number) {
-        if (const std::string_view obstacle = notReadyBecause(instances[number]);
+        if (const std::string_view obstacle = notReadyBecause(instances[number], strict);
             !obstacle.empty()) {
             return (instances.size() > 1 ? "instance " + std::to_string(number) + ": " : "") +
                    std::string(obstacle);

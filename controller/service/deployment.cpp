@@ -22,6 +22,12 @@ ConfigurationChanges Deployment::change(const Configuration& wanted) {
     return changes;
 }
 
+std::vector<Command> Deployment::changeLateral(const std::optional<Lateral>& wanted) {
+    LateralChanges changes = lateralChangesBetween(running_.lateral, wanted, false);
+    running_.lateral = std::move(changes.after);
+    return std::move(changes.commands);
+}
+
 void Deployment::note(const Outcome& outcome) {
     const Command& command = outcome.command;
     const bool refused = !outcome.errors.empty();

@@ -24,6 +24,10 @@ class Deployment {
     /// The commands for the running forwarder; what was refused before is tried again.
     ConfigurationChanges change(const Configuration& wanted);
 
+    /// The same for the lateral stream alone. Once a stream has been sent, these are commands for
+    /// changed addresses only: a stream that was refused is tried again by listenAgain().
+    std::vector<Command> changeLateral(const std::optional<Lateral>& wanted);
+
     /// Records the outcome of a command.
     void note(const Outcome& outcome);
 

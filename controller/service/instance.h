@@ -18,6 +18,7 @@
 #include "config/configuration.h"
 #include "kernel/kernel_watch.h"
 #include "metrics/metrics_server.h"
+#include "names/lateral_watch.h"
 #include "service/deadline.h"
 #include "service/deployment.h"
 #include "service/graceful_shutdown.h"
@@ -94,6 +95,8 @@ class Instance {
     void applyReload();
     /// Takes other addresses of the lateral stream and sends them to the forwarder, if one runs.
     void follow(const std::optional<Lateral>& lateral);
+    /// Whether a report since the last call suggests that a lateral peer is gone.
+    bool takeSuspicion();
     /// Whether a downstream address has been refused, and the old one kept, since the last call.
     bool takeAddressRefusal();
 
@@ -204,6 +207,8 @@ class Instance {
     std::optional<ForwarderSession> session_;
     std::optional<int> endStatus_;  // of a forwarder whose output has not been read to its end
     ReportClock reportClock_;
+    LateralWatch lateralWatch_;
+    bool peerSuspected_ = false;
     bool hung_ = false;  // the forwarder did not answer and was killed
     bool addressRefused_ = false;
     Deadline startAgainAt_;

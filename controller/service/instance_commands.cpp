@@ -63,6 +63,12 @@ void Instance::handleReport(const Report& report) {
     if (metrics_ != nullptr) {
         metrics_->update(report, deployment_.flowNames(), identity_.child);
     }
+    if (report.lateral) {
+        const DatagramCounters& counters = *report.lateral;
+        peerSuspected_ =
+            lateralWatch_.observe({counters.received, counters.sent, counters.dropped}) ||
+            peerSuspected_;
+    }
     const std::optional<std::string> warning = kernelWatch_.takeWarning();
     // It is about the host, so one instance reports it for all.
     if (warning && identity_.number == 0) {
@@ -71,6 +77,10 @@ void Instance::handleReport(const Report& report) {
     if (shutdown_.draining()) {
         carryOut(shutdown_.observe(trafficCounters(report), Clock::now()));
     }
+}
+
+bool Instance::takeSuspicion() {
+    return std::exchange(peerSuspected_, false);
 }
 
 /// The forwarder writes reports only at info level and above, so the level is raised if necessary.

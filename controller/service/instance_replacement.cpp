@@ -9,11 +9,19 @@
 
 namespace vesk::controller {
 
+/// A stream that is started is awaited like one that was refused, so that it is tried again.
 void Instance::follow(const std::optional<Lateral>& lateral) {
     wanted_.lateral = lateral;
-    if (session_) {
-        sendAll(deployment_.change(wanted_).commands);
+    if (!session_) {
+        return;
     }
+    const std::vector<Command> commands = deployment_.changeLateral(lateral);
+    const bool starts = std::ranges::any_of(
+        commands, [](const Command& command) { return command.word == "start_lateral"; });
+    if (starts && round_ == Round::none) {
+        round_ = Round::listen;
+    }
+    sendAll(commands);
 }
 
 std::string Instance::obstacleToReplace(const Instance& old) const {

@@ -46,7 +46,8 @@ int Supervisor::run() {
 // ---- One turn of the loop. ----
 
 int Supervisor::pollTimeout() const {
-    std::vector<Deadline> deadlines{aliveAt_, serveAgainAt_, steerAgainAt_, log_.countDueAt()};
+    std::vector<Deadline> deadlines{aliveAt_,    serveAgainAt_,  steerAgainAt_,
+                                    leaveUntil_, peers_.dueAt(), log_.countDueAt()};
     for (const Instance* const instance : allInstances()) {
         deadlines.push_back(instance->dueAt());
     }
@@ -73,6 +74,8 @@ void Supervisor::waitAndHandle() {
     for (const Instance* const instance : instances) {
         std::ranges::copy(instance->watched(), std::back_inserter(watched));
     }
+    const std::size_t asked = watched.size();
+    std::ranges::copy(peers_.watched(), std::back_inserter(watched));
     if (poll(watched.data(), watched.size(), pollTimeout()) < 0 && errno != EINTR) {
         throw std::system_error(errno, std::generic_category(), "poll");
     }
@@ -87,6 +90,7 @@ void Supervisor::waitAndHandle() {
     handleInstances();
     continueReplacement();
     handleTime();
+    handlePeers(std::span(watched).subspan(asked));
     for (Instance* const instance : allInstances()) {
         instance->write();
     }
@@ -147,6 +151,9 @@ void Supervisor::handleTime() {
     if (due(steerAgainAt_)) {
         checkSteering();
     }
+    if (due(leaveUntil_)) {
+        drain();
+    }
     for (Instance* const instance : allInstances()) {
         instance->handleTime();
     }
@@ -159,11 +166,39 @@ void Supervisor::answerWatchdog() {
 
 // ---- The end of the controller. ----
 
+/// Each further call ends the present step: the wait before the drain, or the drain.
 void Supervisor::terminate() {
     const bool first = !std::exchange(ending_, true);
+    if (first && wanted_.supervision.leave > std::chrono::seconds::zero()) {
+        leave();
+        return;
+    }
     if (first) {
         notification_.stopping("Draining");
+    } else if (leaveUntil_) {
+        log_.say(LogLevel::info, "leaving: the wait is ended by a signal");
     }
+    drain();
+}
+
+/// Forwards as before, so that those who send have time to see that the service is not ready.
+void Supervisor::leave() {
+    const std::string seconds = std::to_string(wanted_.supervision.leave.count());
+    leaveUntil_ = Clock::now() + wanted_.supervision.leave;
+    notification_.stopping("Leaving");
+    if (metrics_) {
+        metrics_->leave();
+    }
+    log_.say(LogLevel::info,
+             "leaving: is not ready, and forwards for " + seconds + " s before the drain");
+}
+
+void Supervisor::drain() {
+    if (wanted_.supervision.leave > std::chrono::seconds::zero() && !draining_) {
+        notification_.status("Draining");
+    }
+    leaveUntil_.reset();
+    const bool first = !std::exchange(draining_, true);
     bool drains = false;
     for (const auto& instance : instances_) {
         drains = instance->terminate(wanted_.supervision.drain) || drains;

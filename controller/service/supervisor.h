@@ -2,10 +2,13 @@
 // forwarder's instances and deadlines. Called by main.
 #pragma once
 
+#include <poll.h>
+
 #include <cstddef>
 #include <cstdint>
 #include <memory>
 #include <optional>
+#include <span>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -14,6 +17,7 @@
 #include "config/configuration.h"
 #include "config/problem.h"
 #include "metrics/metrics_server.h"
+#include "names/peer_lookup.h"
 #include "service/deadline.h"
 #include "service/instance.h"
 #include "service/log_output.h"
@@ -86,6 +90,11 @@ class Supervisor {
     std::vector<std::uint16_t> portsWithSpare() const;
     std::string nameOf(std::size_t instance) const;
 
+    // Lateral peers with names.
+    void handlePeers(std::span<const pollfd> watched);
+    void publishPeers();
+    void followPeers();
+
     // Readiness of the service.
     void finishRound();
     void sayRound();
@@ -102,6 +111,8 @@ class Supervisor {
     // The end of the controller.
     bool running() const { return !ending_; }
     void terminate();
+    void leave();
+    void drain();
     bool ended() const;
 
     const Options& options_;
@@ -115,6 +126,7 @@ class Supervisor {
     RestartPause servePause_;
     RestartPause steerPause_;
 
+    PeerLookup peers_;
     Steering steering_;
     std::vector<std::uint16_t> ports_;  // of the instances
     // Declared after what they use.
@@ -128,6 +140,8 @@ class Supervisor {
     std::optional<ReloadOutcome> reload_;  // of the last reload, until it is counted
     /// Of several instances: what all of them do at present.
     Instance::Round commonRound_ = Instance::Round::none;
+    Deadline leaveUntil_;  // the drain begins then
+    bool draining_ = false;
     Deadline serveAgainAt_;
     Deadline steerAgainAt_;
     Deadline aliveAt_;

@@ -18,6 +18,8 @@ bool Supervisor::begin() {
     if (isSteered(wanted_)) {
         steer();
     }
+    peers_.take(wanted_.lateral, std::nullopt);
+    publishPeers();
     std::vector<Configuration> parts = instanceConfigurations(wanted_, ports_);
     wanted_.flows.clear();
     for (std::size_t number = 0; number < parts.size(); ++number) {

@@ -14,6 +14,7 @@ bool Supervisor::beginMetrics() {
         return true;
     }
     metrics_ = std::make_unique<MetricsServer>(servedMetrics_.perFlow);
+    metrics_->setStrict(wanted_.supervision.strict);
     serveMetrics();
     return metrics_->serving() || !servedMetrics_.required;
 }
@@ -40,6 +41,9 @@ void Supervisor::serveMetrics() {
 /// A new address or port is used only if the pages are not being served yet.
 void Supervisor::reloadMetrics() {
     const MetricsSettings& wanted = wanted_.metrics;
+    if (metrics_) {
+        metrics_->setStrict(wanted_.supervision.strict);
+    }
     if (metrics_ && !metrics_->serving()) {
         servedMetrics_.address = wanted.address;
         servedMetrics_.port = wanted.port;

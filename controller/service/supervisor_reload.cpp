@@ -57,6 +57,8 @@ void Supervisor::applyReload(Configuration configuration) {
     for (const std::string& warning : limitWarnings(configuration)) {
         log_.say(LogLevel::warn, warning);
     }
+    peers_.take(configuration.lateral, wanted_.lateral);
+    publishPeers();
     shareOut(configuration);
     wanted_ = std::move(configuration);
     wanted_.flows.clear();

@@ -45,6 +45,7 @@ _FILES: Dict[str, Dict[str, str]] = {
         "/usr/share/doc/vesk-controller/changelog.Debian.gz": _FILE,
         "/usr/share/doc/vesk-controller/copyright": _FILE,
         "/usr/share/doc/vesk/controller.md": _FILE,
+        "/usr/share/doc/vesk/fleet.md": _FILE,
         "/usr/share/doc/vesk/instances.md": _FILE,
         "/usr/share/doc/vesk/metrics.md": _FILE,
         "/usr/share/doc/vesk/mistakes.md": _FILE,
@@ -118,6 +119,7 @@ def test_controller_depends_on_one_http_server(packages: Packages) -> None:
     depends = field(packages["vesk-controller"], "Depends")
     assert "libmicrohttpd12 (>=" in depends
     assert "libnftables1 (>=" in depends
+    assert "libc-ares2 (>=" in depends
     assert "libprometheus-cpp-core" in depends
     assert "libprometheus-cpp-pull" not in depends and "libcivetweb" not in depends
 

@@ -103,4 +103,36 @@ SETTINGS = FileSection("Other tables", [
                 "lateral.peers is empty: the lateral stream needs at least one peer"),
 ])
 
-SECTIONS = (SYNTAX, FLOWS, KEYS, SETTINGS)
+_NAMED = '[lateral]\naddress = "127.0.0.1"\nport = 4600\nindex = 0\ninstances = 2\n'
+_UNNUMBERED = ('[lateral]\naddress = "127.0.0.1"\nport = 4600\npeers_from = "vesk-{index}:4600"\n'
+               'instances = 2\n')
+
+FLEET = FileSection("Index and peers from elsewhere", [
+    FileMistake("variable of the index not set", _UNNUMBERED + 'index_from = "env:NO_INDEX"',
+                "lateral.index_from names the environment variable NO_INDEX, which is not set"),
+    FileMistake("variable of the index that is not a number", _UNNUMBERED + 'index_from = "env:PATH"',
+                "lateral.index_from names the environment variable PATH, which is not a number"),
+    FileMistake("unknown source of the index", _UNNUMBERED + 'index_from = "host"',
+                'lateral.index_from must be "hostname" or "env:NAME"'),
+    FileMistake("index given twice", _UNNUMBERED + 'index = 0\nindex_from = "env:NO_INDEX"',
+                "lateral.index_from and index are mutually exclusive"),
+    FileMistake("variable of the number not set", '[lateral]\naddress = "127.0.0.1"\nport = 4600\n'
+                'index = 0\npeers_from = "vesk-{index}:4600"\ninstances_from = "env:NO_NUMBER"',
+                "lateral.instances_from names the environment variable NO_NUMBER, which is not set"),
+    FileMistake("names of peers without {index}", _NAMED + 'peers_from = "vesk:4600"',
+                "lateral.peers_from must contain {index}, or be an array of names"),
+    FileMistake("name of a peer without a port", _NAMED + 'peers_from = "vesk-{index}"',
+                'lateral.peers_from must have names and ports like "vesk-0.example:8445"'),
+    FileMistake("name of a peer with another port", _NAMED + 'peers_from = "vesk-{index}:4601"',
+                "lateral.peers_from must have the port of lateral.port, 4600, which is the same on all "
+                "instances"),
+    FileMistake("too few names of peers", _NAMED + 'peers_from = ["vesk-0:4600"]',
+                "lateral.peers_from must contain 2 names, one for each of lateral.instances"),
+    FileMistake("peers and names of peers", _NAMED + 'peers = [ { index = 1, address = "127.0.0.2" } ]\n'
+                'peers_from = "vesk-{index}:4600"',
+                "lateral.peers_from and peers are mutually exclusive"),
+    FileMistake("peers never asked again", _NAMED + 'peers_from = "vesk-{index}:4600"\nresolve_seconds = 0',
+                "lateral.resolve_seconds must be an integer from 1 to 86400"),
+])
+
+SECTIONS = (SYNTAX, FLOWS, KEYS, SETTINGS, FLEET)

@@ -66,6 +66,27 @@ TEST_F(InstancesPageTest, OneInstanceThatIsDownIsNamed) {
     EXPECT_THAT(server_.page(), HasSubstr("\nvesk_instance_up{instance=\"1\"} 0\n"));
 }
 
+// The flows were accepted in part only: the fixture's children refuse one of three.
+TEST_F(InstancesPageTest, ARefusedFlowIsAnObstacleOnlyIfStrict) {
+    EXPECT_EQ(server_.obstacle(), "");
+    server_.setStrict(true);
+    EXPECT_EQ(server_.obstacle(), "instance 0: the forwarder refuses flows of the file");
+    server_.setFlows(3, 3, 0);
+    EXPECT_EQ(server_.obstacle(), "instance 1: the forwarder refuses flows of the file");
+    server_.setFlows(3, 3, second_);
+    EXPECT_EQ(server_.obstacle(), "");
+    server_.setFlows(3, 2, second_);
+    server_.setStrict(false);
+    EXPECT_EQ(server_.obstacle(), "");
+}
+
+TEST_F(InstancesPageTest, IsUnreadyButHealthyWhileTheControllerLeaves) {
+    server_.leave();
+    server_.setStage(Stage::settled, second_);
+    EXPECT_EQ(server_.obstacle(), "the controller is about to end");
+    EXPECT_TRUE(server_.healthy());
+}
+
 // A child that is set up to take over does not make its instance unready.
 TEST_F(InstancesPageTest, ANewChildIsShownOnceItHasTakenOver) {
     report(7, 0);
@@ -90,6 +111,14 @@ TEST_F(InstancesPageTest, ShowsTheSteering) {
     }
     server_.setSteering({false, {}});
     EXPECT_EQ(server_.obstacle(), "the public port is not steered to the instances");
+}
+
+TEST_F(InstancesPageTest, ShowsWhichNamesOfPeersAreResolved) {
+    EXPECT_THAT(server_.page(), Not(HasSubstr("vesk_lateral_peer_resolved")));
+    server_.setPeers({{0, true}, {12, false}});
+    EXPECT_THAT(server_.page(), HasSubstr("\nvesk_lateral_peer_resolved{peer=\"0\"} 1\n"));
+    EXPECT_THAT(server_.page(), HasSubstr("\nvesk_lateral_peer_resolved{peer=\"12\"} 0\n"));
+    EXPECT_EQ(server_.obstacle(), "");
 }
 
 TEST_F(InstancesPageTest, CountsReplacementsByOutcome) {

@@ -58,6 +58,7 @@ def probe(start_probe: Callable[..., Probe]) -> Probe:
     started.act("listening 1 1")
     started.act("instances 2")
     started.act("steering 1")
+    started.act("peer 1")
     started.tell(report(1))
     assert started.act("settle") == ["report"]
     return started

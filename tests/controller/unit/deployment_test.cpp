@@ -3,6 +3,8 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <utility>
+
 #include "commands/command_lines.h"
 #include "configuration_text.h"
 
@@ -195,6 +197,26 @@ TEST(Deployment, ForgetsARefusedFlowThatIsRemoved) {
     }
     EXPECT_EQ(deployment.declaredFlows(), 1U);
     EXPECT_EQ(deployment.acceptedFlows(), 1U);
+}
+
+TEST(Deployment, AChangedLateralAddressIsOneCommandWhateverWasRefused) {
+    const Configuration configuration = listeningWith(withLateral + flowA);
+    Deployment deployment = deployed(configuration, {"set", "start", "start_lateral"});
+    Lateral lateral = configuration.lateral.value();
+    EXPECT_THAT(deployment.changeLateral(lateral), IsEmpty());
+    lateral.peers.begin()->second = "127.0.0.9";
+    EXPECT_THAT(wordsOf(deployment.changeLateral(lateral)), ElementsAre("add_lateral_peer"));
+    EXPECT_THAT(deployment.changeLateral(lateral), IsEmpty());
+}
+
+TEST(Deployment, StartsTheLateralStreamWithTheFirstPeer) {
+    Configuration configuration = listeningWith(withLateral);
+    const std::optional<Lateral> lateral = std::exchange(configuration.lateral, std::nullopt);
+    Deployment deployment = deployed(configuration, {});
+    EXPECT_FALSE(deployment.lateralListening());
+    EXPECT_THAT(wordsOf(deployment.changeLateral(lateral)),
+                ElementsAre("add_lateral_peer", "start_lateral"));
+    EXPECT_EQ(deployment.lateralListening(), false);
 }
 
 TEST(Deployment, ForgetsARefusedLateralStreamThatIsRemoved) {

@@ -56,10 +56,12 @@ TEST(SettingsReader, ReadsTheControllersAndTheMetricsTables) {
     const Configuration configuration = listeningWith(R"([controller]
         restart_pause_ms = 1
         restart_pause_max_ms = 2
+        leave_seconds = 86400
         drain_seconds = 0
         stats_seconds = 3
         log_limit = false
         answer_seconds = 4
+        strict = true
         [metrics]
         enabled = false
         address = "127.0.0.2"
@@ -68,11 +70,19 @@ TEST(SettingsReader, ReadsTheControllersAndTheMetricsTables) {
         required = true)");
     EXPECT_EQ(configuration.supervision.restartPause, std::chrono::milliseconds(1));
     EXPECT_EQ(configuration.supervision.restartPauseMax, std::chrono::milliseconds(2));
+    EXPECT_EQ(configuration.supervision.leave, std::chrono::seconds(86400));
     EXPECT_EQ(configuration.supervision.drain, std::chrono::seconds(0));
+    EXPECT_TRUE(configuration.supervision.strict);
     EXPECT_EQ(configuration.supervision.stats, std::chrono::seconds(3));
     EXPECT_EQ(configuration.supervision.answer, std::chrono::seconds(4));
     EXPECT_FALSE(configuration.supervision.logLimit);
     EXPECT_EQ(configuration.metrics, (MetricsSettings{false, "127.0.0.2", 1, true, true}));
+}
+
+TEST(SettingsReader, EndsAtOnceAndIsNotStrictByDefault) {
+    const SupervisionSettings settings = listeningWith("").supervision;
+    EXPECT_EQ(settings.leave, std::chrono::seconds(0));
+    EXPECT_FALSE(settings.strict);
 }
 
 TEST(SettingsReader, AcceptsIpv6AddressesForTheMetrics) {
@@ -130,6 +140,9 @@ INSTANTIATE_TEST_SUITE_P(
         BadSetting{"[controller]\nstats_seconds = 0", "stats_seconds must be an integer"},
         BadSetting{"[controller]\nanswer_seconds = 0", "answer_seconds must be an integer"},
         BadSetting{"[controller]\ndrain_seconds = -1", "drain_seconds must be an integer"},
+        BadSetting{"[controller]\nleave_seconds = -1", "leave_seconds must be an integer"},
+        BadSetting{"[controller]\nleave_seconds = 86401", "leave_seconds must be an integer"},
+        BadSetting{"[controller]\nstrict = 1", "strict must be true or false"},
         BadSetting{"[controller]\nlog_limit = 0", "log_limit must be true or false"},
         BadSetting{"[controller]\ncolour = 1", "2: controller.colour is not a known key"},
         BadSetting{"[metrics]\naddress = \"localhost\"", "metrics.address must be a numeric"},

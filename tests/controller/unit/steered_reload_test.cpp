@@ -21,7 +21,7 @@ TEST(SteeredReloadTest, TakesWhatTheSteeringDoesNotDependOn) {
     Configuration wanted = steered();
     wanted.forwarder.logLevel = "error";
     wanted.forwarder.cleanupInterval = std::chrono::seconds(5);
-    wanted.lateral = Lateral{{"", 8445}, {"10.0.0.1", "10.0.0.2"}, 0, 4, {{2, "10.0.0.3"}}};
+    wanted.lateral = Lateral{{"", 8445}, {"10.0.0.1", "10.0.0.2"}, 0, 4, {{2, "10.0.0.3"}}, {}};
     EXPECT_THAT(keepSteering(steered(), wanted), IsEmpty());
     EXPECT_EQ(wanted.forwarder.logLevel, "error");
     EXPECT_EQ(wanted.forwarder.cleanupInterval, std::chrono::seconds(5));

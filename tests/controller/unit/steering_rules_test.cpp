@@ -26,15 +26,15 @@ std::string rulesFor(const std::string& host) {
 
 TEST(SteeringRules, TakeTheLabelFromTheFramingsPlace) {
     Configuration configuration = configurationOf(twoInstances);
-    const SteeringPlan plan = steeringPlan(configuration, {4502, 4503});
-    EXPECT_EQ(plan.host, "0.0.0.0");
-    EXPECT_EQ(plan.publicPort, 4500);
-    EXPECT_EQ(plan.firstPort, 4501);
-    EXPECT_EQ(plan.lastPort, 4503);
-    EXPECT_EQ(plan.ports, (std::vector<std::uint16_t>{4502, 4503}));
+    const SteeringPlan wanted = steeringPlan(configuration, {4502, 4503});
+    EXPECT_EQ(wanted.host, "0.0.0.0");
+    EXPECT_EQ(wanted.publicPort, 4500);
+    EXPECT_EQ(wanted.firstPort, 4501);
+    EXPECT_EQ(wanted.lastPort, 4503);
+    EXPECT_EQ(wanted.ports, (std::vector<std::uint16_t>{4502, 4503}));
     // 8 bytes of the UDP header and 16 of the HMAC.
-    EXPECT_THAT(steeringRules(plan), AllOf(HasSubstr("@th,192,16 & 1 map @instances"),
-                                           HasSubstr("udp length < 28 counter name too_short")));
+    EXPECT_THAT(steeringRules(wanted), AllOf(HasSubstr("@th,192,16 & 1 map @instances"),
+                                             HasSubstr("udp length < 28 counter name too_short")));
     configuration.forwarder.framing = "udpv1";
     EXPECT_THAT(steeringRules(steeringPlan(configuration, {4502, 4503})),
                 AllOf(HasSubstr("@th,336,16 & 1 map @instances"),

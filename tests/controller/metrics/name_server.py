@@ -1,0 +1,59 @@
+"""Debian's dnsmasq as the name server of a network namespace."""
+
+from __future__ import annotations
+
+import signal
+import subprocess
+from pathlib import Path
+from typing import Dict, List
+
+from network import Namespace
+
+
+class NameServer:
+    """Answers for names below "example" on 127.0.0.1 of the namespace."""
+
+    def __init__(self, namespace: Namespace, folder: Path, addresses: Dict[str, str]) -> None:
+        self._hosts = folder / "hosts"
+        self._resolver = folder / "resolv.conf"
+        self._resolver.write_text("nameserver 127.0.0.1\n", encoding="ascii")
+        self._write(addresses)
+        self._process = subprocess.Popen(
+            [*namespace.prefix, "dnsmasq", "--conf-file=/dev/null", "--no-daemon", "--log-facility=-",
+             "--pid-file=", "--user=root", "--no-resolv", "--no-hosts", f"--addn-hosts={self._hosts}",
+             "--local=/example/", "--listen-address=127.0.0.1", "--bind-interfaces"],
+            stderr=subprocess.PIPE, text=True)
+        self._wait_for("]: started", "]: read")
+
+    def prefix(self) -> List[str]:
+        """The command prefix that makes a command use this server."""
+        return ["unshare", "--mount", "sh", "-c",
+                'mount --bind "$0" /etc/resolv.conf && exec "$@"', str(self._resolver)]
+
+    def answer(self, addresses: Dict[str, str]) -> None:
+        """Changes all addresses."""
+        self._write(addresses)
+        self._process.send_signal(signal.SIGHUP)
+        self._wait_for("]: read")
+
+    def hang(self) -> None:
+        self._process.send_signal(signal.SIGSTOP)
+
+    def close(self) -> None:
+        self._process.kill()
+        self._process.wait(10)
+        assert self._process.stderr is not None
+        self._process.stderr.close()
+
+    def _write(self, addresses: Dict[str, str]) -> None:
+        self._hosts.write_text("".join(f"{address} {name}\n" for name, address in addresses.items()),
+                               encoding="ascii")
+
+    def _wait_for(self, *parts: str) -> None:
+        assert self._process.stderr is not None
+        for part in parts:
+            for line in self._process.stderr:
+                if part in line:
+                    break
+            else:
+                raise AssertionError(f"dnsmasq ended before it wrote {part!r}")
