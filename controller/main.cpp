@@ -1,8 +1,11 @@
 // vesk-controller: runs the forwarder with the flows of a configuration file.
 #include <csignal>
 #include <exception>
+#include <filesystem>
 #include <iostream>
+#include <optional>
 #include <string>
+#include <system_error>
 #include <utility>
 #include <variant>
 #include <vector>
@@ -11,6 +14,7 @@
 #include "commands/command_lines.h"
 #include "config/configuration_reader.h"
 #include "config/configuration_warnings.h"
+#include "config/fragments/fragment_folder.h"
 #include "config/instance_configurations.h"
 #include "config/new_key.h"
 #include "service/filter_right.h"
@@ -117,24 +121,53 @@ int makeKey(const std::filesystem::path& file) {
     return exit_status::unusableFile;
 }
 
-int run(const Options& options, LogOutput& log) {
-    const ReadingRules rules{options.allowReadableKeys};
+std::optional<Configuration> readFile(const Options& options, ReadingRules rules, LogOutput& log) {
     ConfigurationReading reading = readConfiguration(options.file, rules);
     for (const Problem& problem : reading.problems) {
         log.say(LogLevel::error, describe(problem, options.file.string()));
     }
-    if (!reading.configuration) {
+    return std::move(reading.configuration);
+}
+
+/// None if it is not usable. If nothing is started, that is so if any fragment has an error.
+std::optional<Configuration> read(FragmentFolder& fragments, const Options& options,
+                                  LogOutput& log) {
+    FolderReading reading = fragments.read(FilesToRead::all);
+    const bool starts = !options.check && !options.printRules && reading.configuration;
+    for (const FragmentErrors& errors : reading.errors) {
+        for (const std::string& line : errors.lines) {
+            log.say(LogLevel::error, line);
+        }
+        if (starts) {
+            log.say(LogLevel::error, errors.consequence);
+        }
+    }
+    return starts || reading.complete ? std::move(reading.configuration) : std::nullopt;
+}
+
+int run(const Options& options, LogOutput& log) {
+    const ReadingRules rules{options.allowReadableKeys};
+    std::optional<FragmentFolder> fragments;
+    if (std::error_code ignored; std::filesystem::is_directory(options.file, ignored)) {
+        fragments.emplace(options.file, rules);
+    }
+    std::optional<Configuration> configuration =
+        fragments ? read(*fragments, options, log) : readFile(options, rules, log);
+    if (!configuration) {
         return exit_status::unusableFile;
     }
     if (options.printRules) {
-        return print(options, *reading.configuration, log);
+        return print(options, *configuration, log);
     }
     raiseDescriptorLimit();
-    warn(limitWarnings(*reading.configuration), log);
+    warn(limitWarnings(*configuration), log);
     if (options.check) {
-        return print(options, *reading.configuration, log);
+        return print(options, *configuration, log);
     }
-    Supervisor supervisor(options, std::move(*reading.configuration), log);
+    Supervisor supervisor(options, std::move(*configuration), log);
+    if (fragments) {
+        supervisor.watchFragments(std::move(*fragments));
+    }
     return supervisor.run();
 }
 

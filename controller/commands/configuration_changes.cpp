@@ -37,6 +37,10 @@ struct FlowCommands {
 };
 
 void changeFlow(const Flow& before, const Flow& after, bool refused, FlowCommands& commands) {
+    // Of thousands of flows a reload changes a few, and commands take time to make.
+    if (!refused && before == after) {
+        return;
+    }
     Command set = setCommand(after);
     const Command old = setCommand(before);
     if (!refused && set.attributes == old.attributes) {

@@ -20,6 +20,7 @@ struct HostPort {
 
 /// The lines of the file, from 1, with the address and port to listen on.
 struct ListenLines {
+    std::string file;
     std::uint32_t address = 0;
     std::uint32_t port = 0;
 };
@@ -28,6 +29,7 @@ struct ListenLines {
 struct Signature {
     std::string keyDigits;
     std::string algorithm;
+    bool operator==(const Signature&) const = default;
 };
 
 /// One of a flow's four legs; only the two that leave the forwarder have a label and DSCP.
@@ -35,12 +37,14 @@ struct Leg {
     std::optional<Signature> signature;
     std::optional<std::uint32_t> label;
     std::optional<int> dscp;
+    bool operator==(const Leg&) const = default;
 };
 
 struct AuxiliaryFlows {
     std::uint16_t prefix = 0;
     std::uint32_t upstreamLabel = 0;
     std::optional<HostPort> upstream;
+    bool operator==(const AuxiliaryFlows&) const = default;
 };
 
 struct Flow {
@@ -57,6 +61,8 @@ struct Flow {
     std::optional<AuxiliaryFlows> auxiliary;
     /// Of an instance's part: another instance has the flow, too.
     bool onTwoInstances = false;
+
+    bool operator==(const Flow&) const = default;
 };
 
 /// The arguments and environment of the forwarder, and its log level.

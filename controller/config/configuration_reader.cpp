@@ -1,31 +1,20 @@
 #include "config/configuration_reader.h"
 
-#include <algorithm>
-#include <string>
 #include <utility>
 
+#include "config/document.h"
 #include "config/flow_reader.h"
 #include "config/instance_configurations.h"
 #include "config/instance_ports_reader.h"
-#include "config/lateral_reader.h"
 #include "config/protected_file.h"
-#include "config/settings_reader.h"
-#include "config/syntax_error.h"
-#include "config/table_reader.h"
+#include "config/root_reader.h"
 
 namespace vesk::controller {
 
 namespace {
 
-constexpr std::size_t maxFile = std::size_t{256} << 20U;
-
-Configuration readRoot(TableReader& root, KeySources& keys) {
-    Configuration configuration;
-    configuration.forwarder = readForwarder(root, keys.folder);
-    readDownstream(root, configuration);
-    configuration.lateral = readLateral(root, configuration);
-    configuration.supervision = readSupervision(root);
-    configuration.metrics = readMetrics(root);
+void readRoot(TableReader& root, KeySources& keys, Configuration& configuration) {
+    readSettings(root, keys.folder, configuration);
     if (std::optional<TableReader> flows = root.table("flows")) {
         configuration.flows = readFlows(*flows, keys);
         if (isSteered(configuration)) {
@@ -33,11 +22,6 @@ Configuration readRoot(TableReader& root, KeySources& keys) {
         }
     }
     root.refuseUnknown();
-    return configuration;
-}
-
-void sortByLine(Problems& problems) {
-    std::ranges::stable_sort(problems, {}, &Problem::line);
 }
 
 }  // namespace
@@ -45,28 +29,29 @@ void sortByLine(Problems& problems) {
 ConfigurationReading parseConfiguration(std::string_view text, const std::filesystem::path& file,
                                         bool readableByOthers, ReadingRules rules) {
     ConfigurationReading result;
-    try {
-        const toml::table table = toml::parse(text, file.string());
-        KeySources keys{file.parent_path(), rules.allowReadableKeys, std::nullopt};
-        TableReader root(table, "", result.problems);
-        Configuration configuration = readRoot(root, keys);
-        if (keys.firstInlineKey && readableByOthers && !rules.allowReadableKeys) {
-            result.problems.push_back({*keys.firstInlineKey,
-                                       "the file contains a key and is readable by others: run "
-                                       "chmod go-r on it, or use --allow-readable-keys"});
-        }
-        sortByLine(result.problems);
-        if (result.problems.empty()) {
-            result.configuration = std::move(configuration);
-        }
-    } catch (const toml::parse_error& error) {
-        result.problems.push_back(describeSyntaxError(text, error));
+    std::optional<Document> document = parseDocument(text, file, result.problems);
+    if (!document) {
+        return result;
+    }
+    KeySources keys{file.parent_path(),
+                    rules.allowReadableKeys,
+                    document->variables.wholeStrings,
+                    std::nullopt,
+                    {}};
+    TableReader root(document->table, "", result.problems);
+    Configuration configuration;
+    readRoot(root, keys, configuration);
+    configuration.downstreamLines.file = file.string();
+    refuseReadableKey(keys, readableByOthers, result.problems);
+    completeProblems(*document, result.problems);
+    if (result.problems.empty()) {
+        result.configuration = std::move(configuration);
     }
     return result;
 }
 
 ConfigurationReading readConfiguration(const std::filesystem::path& file, ReadingRules rules) {
-    const FileText read = readProtectedFile(file, maxFile);
+    const FileText read = readProtectedFile(file, maxConfigurationFile);
     if (!read.problem.empty()) {
         return {std::nullopt, {{0, read.problem}}};
     }

@@ -1,4 +1,4 @@
-// Reads the whole configuration file. Called by main, and by service/supervisor for each reload.
+// Reads the whole configuration file. Called by main, by service/supervisor for each reload.
 #pragma once
 
 #include <filesystem>

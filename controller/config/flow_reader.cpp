@@ -43,7 +43,9 @@ std::string readKeyOf(TableReader& leg, KeySources& keys) {
         leg.complain("key_file", "and key are mutually exclusive");
     }
     if (const std::optional<std::string> digits = leg.text("key")) {
-        keys.firstInlineKey = keys.firstInlineKey.value_or(leg.lineOf("key"));
+        if (!keys.fromVariables.contains(leg.raw().get("key"))) {
+            keys.firstInlineKey = keys.firstInlineKey.value_or(leg.lineOf("key"));
+        }
         const KeyReading key = readKey(*digits);
         if (!key.problem.empty()) {
             leg.complain("key", "is not usable: " + key.problem);
@@ -51,7 +53,9 @@ std::string readKeyOf(TableReader& leg, KeySources& keys) {
         return key.digits;
     }
     if (file && !leg.has("key")) {
-        const KeyReading key = readKeyFile(keys.folder / *file, keys.allowReadable);
+        const std::filesystem::path path = keys.folder / *file;
+        keys.files.push_back({path, stateOf(path)});
+        const KeyReading key = readKeyFile(path, keys.allowReadable);
         if (!key.problem.empty()) {
             leg.complain("key_file", "is not usable: " + key.problem);
         }
@@ -194,6 +198,14 @@ std::map<std::uint32_t, Flow> readFlows(TableReader& flows, KeySources& keys) {
         result.try_emplace(flow.label, std::move(flow));
     }
     return result;
+}
+
+void refuseReadableKey(const KeySources& keys, bool readableByOthers, Problems& problems) {
+    if (keys.firstInlineKey && readableByOthers && !keys.allowReadable) {
+        problems.push_back({*keys.firstInlineKey,
+                            "the file contains a key and is readable by others: run chmod go-r on "
+                            "it, or use --allow-readable-keys"});
+    }
 }
 
 }  // namespace vesk::controller

@@ -104,7 +104,8 @@ std::vector<std::uint16_t> firstPorts(const Configuration& configuration) {
 std::vector<Configuration> instanceConfigurations(const Configuration& configuration,
                                                   const std::vector<std::uint16_t>& ports) {
     if (!isSteered(configuration)) {
-        std::vector<Configuration> all{configuration};
+        // Not {configuration}, which copies all flows twice.
+        std::vector<Configuration> all(1, configuration);
         dropLonelyStream(all.front());
         return all;
     }

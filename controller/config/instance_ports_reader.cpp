@@ -2,9 +2,7 @@
 
 #include <array>
 #include <cstddef>
-#include <map>
 #include <string>
-#include <utility>
 
 #include "config/address_reader.h"
 #include "config/instance_configurations.h"
@@ -63,41 +61,6 @@ std::uint16_t readLateralPort(TableReader& table, const Configuration& configura
     return port;
 }
 
-/// The flow that uses a source first.
-struct User {
-    std::size_t instance = 0;
-    std::string place;
-};
-using Users = std::map<std::pair<std::string, std::uint16_t>, User>;
-
-/// A reply to a shared source arrives at one of the sockets, so they have to be in one process.
-void checkSharedSource(TableReader& table, const HostPort& source, const User& user, Users& users) {
-    const auto [first, added] = users.try_emplace({source.host, source.port}, user);
-    if (!added && first->second.instance != user.instance) {
-        table.complain("source", "is also that of " + first->second.place +
-                                     ", which belongs to another instance: instance (label >> 16) "
-                                     "mod forwarder.instances has the flow");
-    }
-}
-
-void checkSource(TableReader& table, const Flow& flow, const Configuration& configuration,
-                 Users& users) {
-    if (!flow.source) {
-        return;
-    }
-    if (contains(*configuration.instancePorts, flow.source->port)) {
-        table.complain("source", "has one of downstream.instance_ports");
-    }
-    const std::string& place = table.place();
-    checkSharedSource(table, *flow.source,
-                      {instanceOf(configuration, flow.label >> prefixBits), place}, users);
-    if (flow.auxiliary) {
-        checkSharedSource(table, *flow.source,
-                          {instanceOf(configuration, flow.auxiliary->prefix), place + ".auxiliary"},
-                          users);
-    }
-}
-
 /// The flow that was read from the table; none if it has no label.
 const Flow* flowOf(const toml::table& table, const Configuration& configuration) {
     const std::int64_t label = table["label"].value_exact<std::int64_t>().value_or(0);
@@ -125,13 +88,44 @@ std::optional<InstancePorts> readInstancePorts(TableReader& downstream,
     return ports;
 }
 
+// A reply to a shared source arrives at one of the sockets, so they have to be in one process.
+std::string SourceUsers::share(const HostPort& source, const User& user) {
+    const auto [first, added] = users_.try_emplace({source.host, source.port}, user);
+    if (added || first->second.instance == user.instance) {
+        return "";
+    }
+    return "is also that of " + first->second.place +
+           ", which belongs to another instance: instance (label >> 16) mod forwarder.instances "
+           "has the flow";
+}
+
+std::string SourceUsers::add(const Flow& flow, const std::string& place,
+                             const Configuration& settings) {
+    if (!flow.source) {
+        return "";
+    }
+    if (contains(*settings.instancePorts, flow.source->port)) {
+        return "has one of downstream.instance_ports";
+    }
+    std::string problem =
+        share(*flow.source, {instanceOf(settings, flow.label >> prefixBits), place});
+    if (problem.empty() && flow.auxiliary) {
+        problem = share(*flow.source,
+                        {instanceOf(settings, flow.auxiliary->prefix), place + ".auxiliary"});
+    }
+    return problem;
+}
+
 void checkSources(TableReader& flows, const Configuration& configuration) {
-    Users users;
+    SourceUsers users;
     for (const auto& [key, node] : flows.raw()) {
         if (const toml::table* const table = node.as_table()) {
             TableReader reader(*table, flows.placeOf(key.str()), flows.problems());
-            if (const Flow* const flow = flowOf(*table, configuration)) {
-                checkSource(reader, *flow, configuration, users);
+            const Flow* const flow = flowOf(*table, configuration);
+            const std::string problem =
+                flow == nullptr ? "" : users.add(*flow, reader.place(), configuration);
+            if (!problem.empty()) {
+                reader.complain("source", problem);
             }
         }
     }

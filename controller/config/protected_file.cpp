@@ -6,6 +6,7 @@
 
 #include <array>
 #include <cerrno>
+#include <cstdint>
 #include <utility>
 
 #include "base/unique_fd.h"
@@ -17,6 +18,10 @@ namespace {
 
 FileText refuse(std::string problem, bool found = true) {
     return {"", false, std::move(problem), found};
+}
+
+FileText tooLarge(std::size_t limit) {
+    return refuse("is larger than " + std::to_string(limit) + " bytes");
 }
 
 }  // namespace
@@ -34,6 +39,9 @@ FileText readProtectedFile(const std::filesystem::path& path, std::size_t limit)
     if (!S_ISREG(status.st_mode)) {
         return refuse("is not a regular file");
     }
+    if (static_cast<std::uintmax_t>(status.st_size) > limit) {
+        return tooLarge(limit);
+    }
     FileText result;
     result.found = true;
     result.readableByOthers = (status.st_mode & (S_IRGRP | S_IROTH)) != 0;
@@ -48,7 +56,7 @@ FileText readProtectedFile(const std::filesystem::path& path, std::size_t limit)
         }
         result.text.append(piece.data(), got < 0 ? 0 : static_cast<std::size_t>(got));
     }
-    return refuse("is larger than " + std::to_string(limit) + " bytes");
+    return tooLarge(limit);
 }
 
 }  // namespace vesk::controller

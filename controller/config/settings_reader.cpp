@@ -73,7 +73,7 @@ void readDownstream(TableReader& root, Configuration& configuration) {
         return;
     }
     configuration.downstream = readListen(*table);
-    configuration.downstreamLines = {table->lineOf("address"), table->lineOf("port")};
+    configuration.downstreamLines = {"", table->lineOf("address"), table->lineOf("port")};
     configuration.instancePorts = readInstancePorts(*table, configuration);
     table->refuseUnknown();
 }

@@ -7,19 +7,13 @@
 
 namespace vesk::controller {
 
-namespace {
-
-/// A quoted name may contain any character, and even a key. The result has no key and no line
-/// break.
-std::string printable(std::string_view name) {
+std::string printableName(std::string_view name) {
     std::string result = maskKeyDigits(name);
     std::replace_if(
         result.begin(), result.end(),
         [](char c) { return static_cast<unsigned char>(c) < 0x20 || c == 0x7f; }, '?');
     return result;
 }
-
-}  // namespace
 
 TableReader::TableReader(const toml::table& table, std::string place, Problems& problems)
     : table_(table), place_(std::move(place)), problems_(&problems) {}
@@ -30,7 +24,7 @@ std::uint32_t TableReader::lineOf(std::string_view key) const {
 }
 
 std::string TableReader::placeOf(std::string_view key) const {
-    return place_.empty() ? printable(key) : place_ + "." + printable(key);
+    return place_.empty() ? printableName(key) : place_ + "." + printableName(key);
 }
 
 void TableReader::complain(std::string_view key, std::string_view text) {

@@ -15,6 +15,9 @@
 
 namespace vesk::controller {
 
+/// The name without keys and line breaks: a quoted name may contain any character, and even a key.
+std::string printableName(std::string_view name);
+
 /// Each getter returns nothing if the key is missing, or if its value is not usable; then it also
 /// adds a problem. Table and problems must outlive the reader.
 class TableReader {

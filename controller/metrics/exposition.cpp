@@ -95,11 +95,26 @@ void addReloads(Families& families, const ControllerState& state) {
     addOutcomes<reloadOutcomes>(
         families, "vesk_reloads_total",
         "Reloads of the configuration, by outcome: done; file_refused, which changed "
-        "nothing; address_refused, which kept the old downstream address.",
+        "nothing or left out fragments; address_refused, which kept the old downstream address.",
         {"done", "file_refused", "address_refused"}, state.reloads);
     addGauge(families, "vesk_last_reload_successful",
              "1 unless the last reload's outcome was file_refused or address_refused.",
              state.lastReloadSuccessful ? 1 : 0);
+}
+
+void addFragments(Families& families, const ControllerState& state) {
+    if (state.fragmentErrors.empty()) {
+        return;
+    }
+    MetricFamily family{"vesk_fragment_errors",
+                        "1 while the fragment of the configuration has an error, otherwise 0. Its "
+                        "flows are those from before the error; the log has the reason.",
+                        MetricType::Gauge,
+                        {}};
+    for (const auto& [file, hasError] : state.fragmentErrors) {
+        family.metric.push_back(gauge(hasError ? 1 : 0, {{"fragment", file}}));
+    }
+    families.push_back(std::move(family));
 }
 
 void addReplacements(Families& families, const ControllerState& state) {
@@ -194,6 +209,7 @@ std::vector<prometheus::MetricFamily> describeMetrics(const Totals& totals,
     Families families;
     addController(families, state);
     addReloads(families, state);
+    addFragments(families, state);
     addReplacements(families, state);
     addPeers(families, state);
     addSteering(families, state);

@@ -9,6 +9,7 @@
 #include <cstdint>
 #include <map>
 #include <optional>
+#include <string>
 #include <vector>
 
 #include "metrics/child_state.h"
@@ -20,7 +21,7 @@ namespace vesk::controller {
 /// The outcome of a reload.
 enum class ReloadOutcome {
     done,            ///< all changes were sent to the child
-    fileRefused,     ///< the file is not usable; nothing changed
+    fileRefused,     ///< the file is not usable, and nothing changed; or a fragment is not
     addressRefused,  ///< the child cannot listen on the new downstream address; the rest was
                      ///< applied
 };
@@ -50,6 +51,7 @@ struct ControllerState : ChildState {
     bool lastReloadSuccessful = true;     ///< true before the first one
     bool leaving = false;                 ///< the controller has been told to end
     bool strict = false;                  ///< a refused flow makes the service unready
+    std::map<std::string, bool> fragmentErrors;  ///< by file name, if there are fragments
 };
 
 /// One family for each metric. Gauges of the child's present state are 0 while no child runs. With

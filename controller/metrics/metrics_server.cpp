@@ -7,6 +7,7 @@
 #include <stdexcept>
 #include <utility>
 
+#include "config/key_mask.h"
 #include "metrics/instance_exposition.h"
 #include "metrics/listening_socket.h"
 #include "metrics/readiness.h"
@@ -138,6 +139,16 @@ void MetricsServer::countReload(ReloadOutcome outcome) {
     const MutexLock lock(mutex_);
     ++state_.reloads[static_cast<std::size_t>(outcome)];
     state_.lastReloadSuccessful = outcome == ReloadOutcome::done;
+}
+
+void MetricsServer::setFragmentErrors(const std::map<std::string, bool>& errors) {
+    const MutexLock lock(mutex_);
+    state_.fragmentErrors.clear();
+    for (const auto& [file, hasError] : errors) {
+        // Masked names may be equal.
+        bool& shown = state_.fragmentErrors[maskKeyDigits(file)];
+        shown = shown || hasError;
+    }
 }
 
 void MetricsServer::setSteering(const SteeringState& steering) {

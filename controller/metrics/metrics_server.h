@@ -85,6 +85,8 @@ class MetricsServer {
     void count(LogEvent event, ChildId child = 0);
     /// Counts a reload that has ended.
     void countReload(ReloadOutcome outcome);
+    /// Whether each fragment of the configuration has an error, by file name.
+    void setFragmentErrors(const std::map<std::string, bool>& errors);
     /// Whether the packet filter steers datagrams to the instances, and what it has counted.
     void setSteering(const SteeringState& steering);
     /// Counts a replacement that has ended.

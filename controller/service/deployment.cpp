@@ -18,7 +18,7 @@ std::vector<Command> Deployment::begin(const Configuration& wanted) {
 
 ConfigurationChanges Deployment::change(const Configuration& wanted) {
     ConfigurationChanges changes = changesBetween(running_, wanted, refusals_);
-    take(changes.after);
+    take(std::move(changes.after));
     return changes;
 }
 

@@ -21,7 +21,8 @@ class Deployment {
     /// The commands for a new forwarder.
     std::vector<Command> begin(const Configuration& wanted);
 
-    /// The commands for the running forwarder; what was refused before is tried again.
+    /// The commands for the running forwarder; what was refused before is tried again. running() is
+    /// `after` of the result, which is empty.
     ConfigurationChanges change(const Configuration& wanted);
 
     /// The same for the lateral stream alone. Once a stream has been sent, these are commands for

@@ -41,6 +41,9 @@ std::array<pollfd, 2> Instance::watched() const {
 }
 
 Deadline Instance::dueAt() const {
+    if (roundComplete()) {
+        return Clock::now();
+    }
     return nearestOf(
         {startAgainAt_, listenAgainAt_, reportClock_.dueAt(), shutdown_.dueAt(), answerDue()});
 }

@@ -74,7 +74,8 @@ class Instance {
 
     /// The output and the input, if they must be polled; poll(2) ignores a descriptor of -1.
     std::array<pollfd, 2> watched() const;
-    /// When handleTime() must be called.
+    /// When the next turn is due: at once if the round is complete, which no event may show if
+    /// there was nothing to send.
     Deadline dueAt() const;
     /// Handles a piece of the output.
     void read();
@@ -163,6 +164,7 @@ class Instance {
     void handleReport(const Report& report);
     void askForReport();
     void askTheKernel();
+    bool roundComplete() const;
 
     void sendAll(const std::vector<Command>& commands);
 

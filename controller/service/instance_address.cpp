@@ -45,7 +45,7 @@ void Instance::keepAddress(const HostPort& old, std::string_view reason) {
                           cannotListen(startCommand(wanted_.downstream), reason) +
                               ". The forwarder continues to listen on " + old.host + ", port " +
                               std::to_string(old.port)};
-    log_.say(LogLevel::error, describe(problem, surroundings_.options.file.string()));
+    log_.say(LogLevel::error, describe(problem, lines.file));
     wanted_.downstream = old;
     addressRefused_ = true;
 }

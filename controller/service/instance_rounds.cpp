@@ -9,8 +9,12 @@
 
 namespace vesk::controller {
 
+bool Instance::roundComplete() const {
+    return round_ != Round::none && session_ && session_->unanswered() == 0;
+}
+
 Instance::Round Instance::finishRound() {
-    if (round_ == Round::none || !session_ || session_->unanswered() != 0) {
+    if (!roundComplete()) {
         return Round::none;
     }
     const Round finished = std::exchange(round_, Round::none);

@@ -19,7 +19,7 @@ struct Words {
 
 void declareOptions(CLI::App& app, Options& options, Words& words) {
     // Not marked as required, so that a wrong option is reported first.
-    app.add_option("FILE", words.file, "configuration file, in TOML");
+    app.add_option("FILE", words.file, "configuration file, in TOML, or a folder of such files");
     app.add_flag("--check", options.check,
                  "check the file, print the commands that would be sent, and exit");
     app.add_flag("--print-nft", options.printRules,

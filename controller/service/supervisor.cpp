@@ -48,6 +48,9 @@ int Supervisor::run() {
 int Supervisor::pollTimeout() const {
     std::vector<Deadline> deadlines{aliveAt_,    serveAgainAt_,  steerAgainAt_,
                                     leaveUntil_, peers_.dueAt(), log_.countDueAt()};
+    if (folderWatch_) {
+        deadlines.emplace_back(folderWatch_->dueAt());
+    }
     for (const Instance* const instance : allInstances()) {
         deadlines.push_back(instance->dueAt());
     }
@@ -68,7 +71,8 @@ int Supervisor::pollTimeout() const {
 
 void Supervisor::waitAndHandle() {
     std::vector<pollfd> watched{{signals_.descriptor(), POLLIN, 0},
-                                {log_.pending() ? log_.descriptor() : -1, POLLOUT, 0}};
+                                {log_.pending() ? log_.descriptor() : -1, POLLOUT, 0},
+                                {folderWatch_ ? folderWatch_->descriptor() : -1, POLLIN, 0}};
     const std::size_t first = watched.size();
     const std::vector<Instance*> instances = allInstances();
     for (const Instance* const instance : instances) {
@@ -86,6 +90,9 @@ void Supervisor::waitAndHandle() {
     }
     if (watched[0].revents != 0) {
         handleSignals();
+    }
+    if (watched[2].revents != 0) {
+        folderWatch_->readEvents();
     }
     handleInstances();
     continueReplacement();
@@ -153,6 +160,9 @@ void Supervisor::handleTime() {
     }
     if (due(leaveUntil_)) {
         drain();
+    }
+    if (folderWatch_ && folderWatch_->dueAt() <= Clock::now()) {
+        lookForChanges();
     }
     for (Instance* const instance : allInstances()) {
         instance->handleTime();

@@ -15,6 +15,8 @@
 
 #include "child/restart_pause.h"
 #include "config/configuration.h"
+#include "config/fragments/folder_watch.h"
+#include "config/fragments/fragment_folder.h"
 #include "config/problem.h"
 #include "metrics/metrics_server.h"
 #include "names/peer_lookup.h"
@@ -43,6 +45,9 @@ class Supervisor {
     /// `options` and `log` must outlive it. Blocks the signals that it waits for.
     Supervisor(const Options& options, Configuration configuration, LogOutput& log);
 
+    /// Applies the changes of this folder, from which the configuration was read, while it runs.
+    void watchFragments(FragmentFolder fragments);
+
     /// Runs until the forwarder has ended and is not started again; returns the exit status.
     int run();
 
@@ -70,9 +75,16 @@ class Supervisor {
 
     // Reload.
     void reload();
-    void refuseReload(const Problems& problems);
-    void applyReload(Configuration configuration);
+    void tellReloading();
+    void readFile();
+    void refuseReload();
+    void applyReload(Configuration configuration, ReloadOutcome outcome);
     void shareOut(const Configuration& configuration);
+
+    // A folder of fragments.
+    void lookForChanges();
+    void applyFragments(FolderReading reading);
+    void publishFragments();
 
     // Replacement.
     void beginReplacement();
@@ -125,6 +137,10 @@ class Supervisor {
     std::optional<InstanceSurroundings> surroundings_;
     RestartPause servePause_;
     RestartPause steerPause_;
+
+    // If the file is a folder.
+    std::optional<FragmentFolder> fragments_;
+    std::optional<FolderWatch> folderWatch_;
 
     PeerLookup peers_;
     Steering steering_;

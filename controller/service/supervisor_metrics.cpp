@@ -15,6 +15,7 @@ bool Supervisor::beginMetrics() {
     }
     metrics_ = std::make_unique<MetricsServer>(servedMetrics_.perFlow);
     metrics_->setStrict(wanted_.supervision.strict);
+    publishFragments();
     serveMetrics();
     return metrics_->serving() || !servedMetrics_.required;
 }

@@ -1,4 +1,5 @@
-// Reads the configuration file again on SIGHUP. The loop is in supervisor.cpp.
+// Reads the configuration file again on SIGHUP. The loop is in supervisor.cpp, a folder of
+// fragments in supervisor_fragments.cpp.
 #include <string>
 #include <utility>
 #include <vector>
@@ -22,34 +23,47 @@ void Supervisor::reload() {
         reloadWaits_ = true;
         return;
     }
+    tellReloading();
+    if (fragments_) {
+        folderWatch_->look();
+        applyFragments(fragments_->read(FilesToRead::all));
+    } else {
+        readFile();
+    }
+}
+
+void Supervisor::tellReloading() {
     if (ready_) {
         reloadTold_ = true;
         notification_.reloading();
     }
+}
+
+void Supervisor::readFile() {
     ConfigurationReading reading =
         readConfiguration(options_.file, ReadingRules{options_.allowReadableKeys});
     countReload();
-    if (!reading.configuration) {
-        refuseReload(reading.problems);
+    if (reading.configuration) {
+        applyReload(std::move(*reading.configuration), ReloadOutcome::done);
         return;
     }
-    applyReload(std::move(*reading.configuration));
-}
-
-void Supervisor::refuseReload(const Problems& problems) {
     const std::string file = options_.file.string();
-    for (const Problem& problem : problems) {
+    for (const Problem& problem : reading.problems) {
         log_.say(LogLevel::error, describe(problem, file));
     }
     log_.say(LogLevel::error,
              maskKeyDigits(file) + " is not usable: the running configuration is unchanged");
+    refuseReload();
+}
+
+void Supervisor::refuseReload() {
     reload_ = ReloadOutcome::fileRefused;
     countReload();
     tellReloaded("The last reload failed; " + summary());
 }
 
-void Supervisor::applyReload(Configuration configuration) {
-    reload_ = ReloadOutcome::done;
+void Supervisor::applyReload(Configuration configuration, ReloadOutcome outcome) {
+    reload_ = outcome;
     for (const std::string& key : keepSteering(wanted_, configuration)) {
         log_.say(LogLevel::warn, key + ": the change applies at the next start of the controller");
     }

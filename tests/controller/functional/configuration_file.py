@@ -31,12 +31,17 @@ class ConfigurationFile:
             f'peers = [ {{ index = {other}, address = "{LOOPBACK[other]}" }} ]')
 
     def write(self, mode: int = 0o600) -> Path:
+        self.write_text(self.settings() + self.text_of(self.flows), mode)
+        return self.path
+
+    def settings(self) -> str:
+        """All tables other than the flows."""
         tables = {"downstream": f'address = "{self.listen[0]}"\nport = {self.listen[1]}',
                   **self.tables}
-        text = "".join(f"[{name}]\n{lines}\n\n" for name, lines in tables.items())
-        text += "\n".join(self._table(name, flow) for name, flow in self.flows.items())
-        self.write_text(text, mode)
-        return self.path
+        return "".join(f"[{name}]\n{lines}\n\n" for name, lines in tables.items())
+
+    def text_of(self, flows: Dict[str, Flow]) -> str:
+        return "\n".join(self._table(name, flow) for name, flow in flows.items())
 
     def write_text(self, text: str, mode: int = 0o600) -> None:
         self.path.write_text(text, encoding="utf-8")

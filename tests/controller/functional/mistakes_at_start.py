@@ -142,8 +142,8 @@ CHECK = Section("`vesk-controller --check FILE`", False, [
 FILE_ITSELF = Section("The file itself", False, [
     Mistake("it does not exist", _file(Path.unlink),
             ("error controller: FILE: cannot be read: No such file or directory",), Traffic.NOTHING, 1),
-    Mistake("it is a directory", _file(_directory), ("error controller: FILE: is not a regular file",),
-            Traffic.NOTHING, 1),
+    Mistake("it is an empty directory", _file(_directory),
+            ("error controller: FILE: downstream is missing",), Traffic.NOTHING, 1),
     Mistake("it is not readable", _unreadable,
             ("error controller: FILE: cannot be read: Permission denied",), Traffic.NOTHING, 1),
     Mistake("it is empty", _file(lambda path: path.write_text("")),

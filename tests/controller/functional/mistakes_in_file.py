@@ -52,6 +52,10 @@ FLOWS = FileSection("Flows", [
     FileMistake("IPv6 address without brackets", _upstream('"::1:5000"'), _UPSTREAM),
     FileMistake("source of the other address family", _CAROL + 'source = "[::1]:5001"',
                 "flows.carol.source and upstream must have the same address family"),
+    FileMistake("variable that is not set", _upstream('"${CAROL_UPSTREAM}"'),
+                "flows.carol.upstream needs the environment variable CAROL_UPSTREAM, which is not set"),
+    FileMistake("variable without a closing brace", _upstream('"${CAROL_HOST:5000"'),
+                'flows.carol.upstream has "${CAROL_HOST" without "}" after it'),
     FileMistake("DSCP out of range", _CAROL + "to_peer = { dscp = 64 }",
                 "flows.carol.to_peer.dscp must be an integer from 0 to 63"),
 ])

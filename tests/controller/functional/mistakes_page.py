@@ -15,10 +15,12 @@ if __name__ == "__main__":
 # pylint: disable=wrong-import-position
 import mistakes_at_start
 import mistakes_in_file
+import mistakes_in_fragments
 import mistakes_while_it_runs
 from mistake import UNUSABLE, FileMistake, Mistake, Section
 
-SECTIONS = (*mistakes_at_start.SECTIONS, *mistakes_while_it_runs.SECTIONS)
+SECTIONS = (*mistakes_at_start.SECTIONS, *mistakes_in_fragments.SECTIONS,
+            *mistakes_while_it_runs.SECTIONS)
 
 INTRODUCTION = f"""\
 # Mistakes and their outcome

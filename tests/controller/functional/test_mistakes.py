@@ -9,6 +9,7 @@ import pytest
 
 import mistakes_at_start
 import mistakes_in_file
+import mistakes_in_fragments
 import mistakes_page
 import mistakes_while_it_runs
 from configuration_file import ConfigurationFile
@@ -38,7 +39,8 @@ def rows(sections: List[Section], while_it_runs: bool) -> List[Mistake]:
 
 
 PAGE = Path(__file__).resolve().parents[3] / "docs" / "mistakes.md"
-ALL = [*mistakes_at_start.SECTIONS, *mistakes_while_it_runs.SECTIONS]
+ALL = [*mistakes_at_start.SECTIONS, *mistakes_in_fragments.SECTIONS,
+       *mistakes_while_it_runs.SECTIONS]
 FILE = [row for section in mistakes_in_file.SECTIONS for row in section.rows]
 
 

@@ -51,6 +51,9 @@ _CASES: Dict[str, Case] = {
         {"vesk_up": "1x120", "vesk_last_report_timestamp_seconds": "0+10x120"}),
     "VeskFlowsRefused": case(steady(vesk_up=1, vesk_flows_active=6, vesk_flows_declared=7),
                              steady(vesk_up=0, vesk_flows_active=0, vesk_flows_declared=7)),
+    "VeskFragmentError": case({'vesk_fragment_errors{fragment="10-alice.toml"}': "1x120"},
+                              {'vesk_fragment_errors{fragment="10-alice.toml"}': "1x100 0x20"},
+                              fragment="10-alice.toml"),
     "VeskDatagramsRefused": case(
         {**rising("vesk_downstream_receive_errors_total", 6),
          **rising("vesk_downstream_received_datagrams_total", 100)},

@@ -6,11 +6,13 @@ import os
 import re
 import signal
 import socket
+from pathlib import Path
 from typing import Callable, Dict, Iterator, Tuple
 
 import pytest
 
 from configuration_file import ConfigurationFile
+from configuration_folder import ConfigurationFolder
 from controller_process import ControllerProcess
 from framework.flow import Flow
 from framework.lateral import LOOPBACK
@@ -89,6 +91,31 @@ def test_the_outcome_of_each_reload_is_shown(
     configuration.write()
     controller.reload()
     assert reloads() == expected(1, 1, 1, 1)
+
+
+def test_a_fragment_with_an_error_is_shown(tmp_path: Path, start_controller: StartController) -> None:
+    folder = ConfigurationFolder(tmp_path)
+    port = free_tcp_port()
+    folder.tables["metrics"] = f"port = {port}"
+    folder.write()
+    start_controller(file=folder).ready()
+
+    def shown() -> Dict[str, float]:
+        return {name: value for name, value in samples(port).items()
+                if name.startswith(("vesk_fragment_errors", "vesk_last_reload"))}
+
+    base = {'vesk_fragment_errors{fragment="00-base.toml"}': 0.0}
+    assert shown() == {"vesk_last_reload_successful": 1, **base}
+    file = folder.put("10-a.toml", "[")
+    wait_until(lambda: shown() == {"vesk_last_reload_successful": 0, **base,
+                                   'vesk_fragment_errors{fragment="10-a.toml"}': 1},
+               "the error is shown")
+    folder.put("10-a.toml", "")
+    wait_until(lambda: shown() == {"vesk_last_reload_successful": 1, **base,
+                                   'vesk_fragment_errors{fragment="10-a.toml"}': 0},
+               "it is no longer shown")
+    file.unlink()
+    wait_until(lambda: shown() == {"vesk_last_reload_successful": 1, **base}, "the fragment is gone")
 
 
 def test_ready_differs_from_healthy(

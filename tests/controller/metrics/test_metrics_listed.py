@@ -59,6 +59,7 @@ def probe(start_probe: Callable[..., Probe]) -> Probe:
     started.act("instances 2")
     started.act("steering 1")
     started.act("peer 1")
+    started.act("fragments 1")
     started.tell(report(1))
     assert started.act("settle") == ["report"]
     return started
@@ -152,9 +153,9 @@ def test_prometheus_answers_the_queries_of_dashboard_and_alerts(
         prometheus.wait_for_series(asked)
     fired = {rule.name for rule in alert_rules().values() if prometheus.query(rule.expression)}
     # The child is up, its flow is active and its report is new, but it refuses and drops many
-    # datagrams, and the kernel drops some at its sockets.
+    # datagrams, the kernel drops some at its sockets, and a fragment has an error.
     assert fired == {"VeskDatagramsRefused", "VeskDatagramsDropped", "VeskReceiveBufferFull",
-                     "VeskHostBufferErrors", "VeskConntrackFull"}
+                     "VeskHostBufferErrors", "VeskConntrackFull", "VeskFragmentError"}
 
 
 def test_the_dashboard_can_be_imported() -> None:
