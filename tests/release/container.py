@@ -79,8 +79,8 @@ class Container:
         layout.mkdir()
         with tarfile.open(archive) as packed:
             packed.extractall(layout)
-            tag = json.load(packed.extractfile("./index.json"))["manifests"][0]["annotations"][  # type: ignore[arg-type]
-                "org.opencontainers.image.ref.name"]
+        (entry,) = json.loads((layout / "index.json").read_text(encoding="utf-8"))["manifests"]
+        tag = entry["annotations"]["org.opencontainers.image.ref.name"]
         subprocess.run(["umoci", "unpack", "--image", f"{layout}:{tag}", str(self._bundle)], check=True)
 
     def start(self, *arguments: str) -> None:
