@@ -1,4 +1,5 @@
-"""Fixtures of the tests of a release. scripts/test-release makes one and names its folder in VESK_RELEASE."""
+"""Fixtures of the tests of a release. scripts/test-release makes one and names its folder in VESK_RELEASE.
+They have a network of their own, so nothing here can build an image."""
 
 from __future__ import annotations
 

@@ -81,17 +81,10 @@ def test_no_blob_is_left_over(image: ImageArchive) -> None:
     assert len(image.blobs) == 3, "manifest, configuration and layer"
 
 
-def test_second_build_has_the_same_digest(image: ImageArchive, release: Path, tmp_path: Path) -> None:
-    again = tmp_path / "again.tar"
-    # Another time zone, umask and temporary folder, as another person might have.
-    (tmp_path / "work").mkdir()
-    environment = {**os.environ, "TZ": "Asia/Tokyo", "TMPDIR": str(tmp_path / "work")}
-    (tmp_path / "work").chmod(0o755)
-    tmp_path.chmod(0o755)
-    subprocess.run([str(_ROOT / "scripts/build-image"), "--arch", image.config["architecture"],
-                    str(release), str(again)], env=environment, umask=0o027, check=True)
-    assert ImageArchive(again).digest == image.digest
-    assert again.read_bytes() == image.path.read_bytes()
+def test_second_build_has_the_same_digest(image: ImageArchive) -> None:
+    again = ImageArchive(Path(os.environ["VESK_SECOND_IMAGES"]) / image.path.name)
+    assert again.digest == image.digest
+    assert again.path.read_bytes() == image.path.read_bytes()
 
 
 def _git(*words: str) -> str:
