@@ -68,7 +68,8 @@ def test_each_purpose_includes_those_before_it(bare_host: Path) -> None:
     building = asked_for(bare_host, "build")
     packaging = asked_for(bare_host, "package")
     testing = asked_for(bare_host, "test")
-    assert {"g++", "cmake"} < building < packaging < testing
+    releasing = asked_for(bare_host, "release")
+    assert {"g++", "cmake"} < building < packaging < testing < releasing
     assert asked_for(bare_host) == testing
 
 
@@ -85,7 +86,7 @@ def test_packaging_installs_the_tools_that_find_a_programs_libraries(bare_host: 
 def test_unknown_purpose_is_refused(bare_host: Path) -> None:
     done = set_up(bare_host, "packages")
     assert done.returncode == 2
-    assert "scripts/setup [build|package|test]" in done.stderr
+    assert "scripts/setup [build|package|test|release]" in done.stderr
     assert not (bare_host / "asked").exists()
 
 

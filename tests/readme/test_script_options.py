@@ -11,10 +11,11 @@ import pytest
 ROOT = Path(__file__).resolve().parent.parent.parent
 SCRIPTS = [path.relative_to(ROOT) for path in sorted(
     [*(path for path in (ROOT / "scripts").iterdir() if os.access(path, os.X_OK)),
-     ROOT / "packaging/build-packages"])]
+     ROOT / "packaging/build-packages",
+     *(path for path in (ROOT / "packaging/cross").iterdir() if os.access(path, os.X_OK))])]
 
 # The first programs that the scripts call for their work, which must not be called here.
-WORKERS = ("cmake", "ctest", "apt-get", "dpkg-query", "sudo")
+WORKERS = ("cmake", "ctest", "apt-get", "dpkg-query", "sudo", "mmdebstrap", "mount", "minisign", "unshare")
 
 
 @pytest.fixture

@@ -20,9 +20,10 @@ from .udp import free_port
 Expected = Union[str, "re.Pattern[str]"]
 
 # Numbers of the system calls in which the threads of an idle forwarder wait. A thread that was
-# stopped while it slept goes on in restart_syscall.
+# stopped while it slept goes on in restart_syscall. An emulator of another architecture receives with recvmsg,
+# and the kernel shows the calls of the host.
 _WAITING_CALLS: Dict[str, Dict[str, Tuple[int, ...]]] = {
-    "x86_64": {"epoll_wait": (232, 281), "recvmmsg": (299,), "futex": (202,),
+    "x86_64": {"epoll_wait": (232, 281), "recvmmsg": (299, 47), "futex": (202,),
                "clock_nanosleep": (230, 35, 219), "read": (0,)},
     "aarch64": {"epoll_wait": (22,), "recvmmsg": (243,), "futex": (98,),
                 "clock_nanosleep": (115, 101, 128), "read": (63,)},
