@@ -92,7 +92,7 @@ def test_unknown_purpose_is_refused(bare_host: Path) -> None:
 
 def test_testing_installs_the_programs_without_which_tests_are_skipped(bare_host: Path) -> None:
     # The package systemd contains systemd-analyze.
-    assert {"curl", "systemd", "tshark", "iproute2", "strace"} <= asked_for(bare_host, "test")
+    assert {"curl", "python3-yaml", "systemd", "tshark", "iproute2", "strace"} <= asked_for(bare_host, "test")
 
 
 @pytest.mark.parametrize("user", ["0", "1000"])
