@@ -1,7 +1,6 @@
 #include "metrics/instance_figures.h"
 
 #include <algorithm>
-#include <ranges>
 
 namespace vesk::controller {
 
@@ -145,8 +144,9 @@ void countSharedFlowsOnce(ChildState& sum, const std::vector<InstanceFigures>& i
             flow->second = flow->second && activeHere;
         }
     }
-    sum.flowsActive +=
-        static_cast<std::uint64_t>(std::ranges::count(active | std::views::values, true));
+    for (const auto& [label, isActive] : active) {
+        sum.flowsActive += isActive ? 1 : 0;
+    }
 }
 
 }  // namespace

@@ -3,7 +3,6 @@
 #include <algorithm>
 #include <cstdint>
 #include <iterator>
-#include <ranges>
 #include <set>
 #include <string>
 #include <utility>
@@ -68,8 +67,9 @@ std::string Supervisor::summary() const {
     std::set<std::uint32_t> refused;
     std::string troubles;
     for (const auto& instance : instances_) {
-        std::ranges::copy(instance->deployment().running().flows | std::views::keys,
-                          std::inserter(declared, declared.end()));
+        for (const auto& [label, flow] : instance->deployment().running().flows) {
+            declared.insert(label);
+        }
         refused.insert(instance->deployment().refusals().flows.begin(),
                        instance->deployment().refusals().flows.end());
         const std::string trouble =
