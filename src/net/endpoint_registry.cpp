@@ -131,7 +131,7 @@ void EndpointRegistry::unfileDescriptors(const VeskEndpointDescriptor& endpoint)
     byFd_.erase(endpoint.wrsockfd);
     removals_.fetch_add(1, std::memory_order_release);
     if (const std::uint16_t port = endpoint.boundPort.load(std::memory_order_relaxed); port != 0) {
-        releasedPorts_.add(port, endpoint.rdsockfd, endpoint.wrsockfd);
+        releasedPorts_.add(port);
     }
 }
 

@@ -1,5 +1,5 @@
-// Ports of sockets that were released recently and may still be open. Part of the endpoint
-// registry; guarded by the endpoint manager's lock.
+// Ports of sockets that were released within the last second and may still be open. Part of the
+// endpoint registry; guarded by the endpoint manager's lock.
 #pragma once
 
 #include <chrono>
@@ -10,10 +10,10 @@ namespace vesk {
 
 class ReleasedPorts {
  public:
-    /// The port, in host byte order, of the socket with these descriptors.
-    void add(std::uint16_t port, int rdsockfd, int wrsockfd);
-    /// Whether a socket of the port was added within the last second and may still be open: its
-    /// descriptors are, or it was added within the last 50 milliseconds.
+    /// The port, in host byte order, of a socket that is about to be closed.
+    void add(std::uint16_t port);
+    /// Whether a socket of the port was added within the last second. Whether it is open cannot be
+    /// asked: close(2) frees the number of the descriptor before it releases the port.
     bool contains(std::uint16_t port) const;
 
  private:
@@ -21,14 +21,10 @@ class ReleasedPorts {
 
     struct Released {
         std::uint16_t port;
-        int rdsockfd;
-        int wrsockfd;
         Clock::time_point when;
     };
 
-    static bool mayBeOpen(const Released& released, Clock::time_point now);
-
-    /// Those that are closed are removed when another is added.
+    /// Old ones are removed when another is added.
     std::vector<Released> released_;
 };
 

@@ -23,9 +23,10 @@ constexpr useconds_t retryMicroseconds = 100;
 /// Binds the socket, and retries while a released port is still in use. 0 or a positive errno.
 int bindRetrying(int socket, const IPAddrInfo& local, const EndpointManager& manager) {
     const auto began = std::chrono::steady_clock::now();
+    const bool released = manager.portLeftRecently(local.port());
     while (bind(socket, local.addr(), local.addrLen()) != 0) {
         const int error = errno;
-        if (error != EADDRINUSE || !manager.portLeftRecently(local.port()) ||
+        if (error != EADDRINUSE || !released ||
             std::chrono::steady_clock::now() - began > patience) {
             return error;
         }

@@ -9,7 +9,7 @@ namespace vesk {
 class EndpointManager;
 
 /// Binds the read socket, and with it the write socket, to `up_src_addrinfo`. Does nothing if the
-/// flow has none. If the port is still held by an endpoint that has just left the tables, it
+/// flow has none. If an endpoint with the port has left the tables within the last second, it
 /// retries for up to 50 ms. False, after logging, if the bind fails.
 bool bindUpstreamSocket(VeskEndpointDescriptor& endpoint, const EndpointManager& manager);
 

@@ -1,13 +1,14 @@
 #include "net/upstream_binding.h"
 
 #include <gtest/gtest.h>
+#include <unistd.h>
 
+#include <chrono>
 #include <string>
 #include <thread>
 
 #include "net/endpoint_manager_fixture.h"
 #include "support/printed.h"
-#include "support/thread_state.h"
 #include "support/udp_socket.h"
 
 namespace vesk {
@@ -68,14 +69,11 @@ TEST_F(UpstreamBindingTest, FailsOnThePortOfAnotherFlow) {
     EXPECT_EQ(refusalOf(boundTo(6, "127.0.0.1", port)), refusal);
 }
 
-TEST_F(UpstreamBindingTest, RemembersReleasedPortsWhileTheyMayBeOpen) {
-    EndpointPtr endpoint = boundTo(5, "127.0.0.1", port);
-    ASSERT_TRUE(bindTo(endpoint));
+TEST_F(UpstreamBindingTest, RemembersReleasedPorts) {
+    ASSERT_TRUE(bindTo(boundTo(5, "127.0.0.1", port)));
     manager->removeLabel(5);
     EXPECT_TRUE(manager->portLeftRecently(port));
     EXPECT_FALSE(manager->portLeftRecently(port + 1));
-    endpoint.reset();
-    EXPECT_TRUE(eventually([this] { return !manager->portLeftRecently(port); }));
 }
 
 TEST_F(UpstreamBindingTest, FailsWhenTheOldEndpointIsNotReleased) {
@@ -85,25 +83,30 @@ TEST_F(UpstreamBindingTest, FailsWhenTheOldEndpointIsNotReleased) {
     EXPECT_EQ(refusalOf(boundTo(5, "0.0.0.0", port)), refusal);
 }
 
-/// The old endpoint is released while its successor waits. A slow machine may take longer than
-/// the successor waits, so there is more than one attempt.
+/// The old socket may be closed at any time: between an attempt and the decision to try again, or
+/// by a thread that has freed its number but not the port yet.
 TEST_F(UpstreamBindingTest, WaitsForAnOldEndpointToBeClosed) {
-    bool bound = false;
-    for (int attempt = 0; attempt < 50 && !bound; ++attempt) {
-        EndpointPtr old = boundTo(5, "127.0.0.1", port);
+    int judged = 0;
+    for (std::uint32_t label = 100; label < 400; ++label) {
+        const std::uint16_t own = freePort();
+        EndpointPtr old = boundTo(label, "127.0.0.1", own);
         ASSERT_TRUE(bindTo(old));
-        const EndpointPtr successor = boundTo(5, "127.0.0.1", port);
-        ThreadMark mark;
-        std::thread binding([&] {
-            mark.set();
-            bound = bindTo(successor);
-        });
-        EXPECT_TRUE(mark.eventuallyBlocks());
+        const EndpointPtr successor = boundTo(label, "127.0.0.1", own);
+        bool bound = false;
+        const auto began = std::chrono::steady_clock::now();
+        std::thread binding([&] { bound = bindTo(successor); });
+        usleep(static_cast<useconds_t>(label % 20) * 10);
         old.reset();
+        const auto took = std::chrono::steady_clock::now() - began;
         binding.join();
-        manager->removeLabel(5);
+        manager->removeLabel(label);
+        // On a busy machine the successor may have given up before.
+        if (took < std::chrono::milliseconds(20)) {
+            ASSERT_TRUE(bound) << label;
+            ++judged;
+        }
     }
-    EXPECT_TRUE(bound);
+    EXPECT_GT(judged, 0);
 }
 
 }  // namespace
