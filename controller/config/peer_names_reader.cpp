@@ -37,7 +37,7 @@ bool isName(std::string_view text) {
 
 /// "name:port", or what parseHostPort() accepts.
 std::optional<HostPort> parseNamePort(const std::string& text) {
-    if (const std::optional<HostPort> numeric = parseHostPort(text)) {
+    if (std::optional<HostPort> numeric = parseHostPort(text)) {
         return numeric;
     }
     const std::size_t colon = text.find(':');

@@ -57,6 +57,7 @@ class Replacer {
             problem_ = R"(has "${" without the name of a variable after it)";
         } else if (length == rest_.size() || rest_[length] != '}') {
             problem_ = "has \"${" + shownName(name) + "\" without \"}\" after it";
+            // NOLINTNEXTLINE(concurrency-mt-unsafe): no thread changes the environment.
         } else if (const char* const value = std::getenv(name.c_str())) {
             result_ += value;
             rest_.remove_prefix(length + 1);
@@ -102,7 +103,8 @@ void replaceIn(toml::node& node, const std::string& place, ReplacedVariables& re
 void replaceIn(toml::table& table, const std::string& place, ReplacedVariables& replaced) {
     for (auto&& [key, node] : table) {
         const std::string name = printableName(key.str());
-        replaceIn(node, place.empty() ? name : place + "." + name, replaced);
+        replaceIn(node, place.empty() ? name : std::string(place).append(".").append(name),
+                  replaced);
     }
 }
 

@@ -8,6 +8,7 @@
 #include <array>
 #include <chrono>
 #include <cstddef>
+#include <deque>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -109,7 +110,7 @@ class Instance {
     std::string obstacleToReplace(const Instance& old) const;
     /// The flows to be moved one by one to the forwarder that takes its place; none if no forwarder
     /// runs.
-    std::vector<SourceFlow> sourceFlows() const;
+    std::deque<SourceFlow> sourceFlows() const;
     /// The forwarder is not started again from now on when it ends: another instance has taken its
     /// place. Deletes the flows that share a source: their replies must arrive at the other one.
     void retire();

@@ -1,6 +1,7 @@
 // What an instance does while it is replaced by another one, or takes the place of one. The steps
 // are in supervisor_replacement.cpp.
 #include <algorithm>
+#include <deque>
 #include <string>
 
 #include "commands/command_lines.h"
@@ -39,8 +40,8 @@ std::string Instance::obstacleToReplace(const Instance& old) const {
     return deployment_.listensEverywhere() ? "" : "it does not listen";
 }
 
-std::vector<SourceFlow> Instance::sourceFlows() const {
-    std::vector<SourceFlow> found;
+std::deque<SourceFlow> Instance::sourceFlows() const {
+    std::deque<SourceFlow> found;
     if (!session_) {
         return found;
     }

@@ -1,7 +1,6 @@
 #include "service/source_move.h"
 
 #include <cerrno>
-#include <iterator>
 #include <utility>
 
 #include "config/label_text.h"
@@ -20,10 +19,8 @@ std::optional<HostPort> ownSource(const Flow& flow) {
     return flow.multiplex ? std::nullopt : flow.source;
 }
 
-SourceMove::SourceMove(std::vector<SourceFlow> flows, SourceMoveActions actions)
-    : actions_(std::move(actions)),
-      all_(flows.size()),
-      flows_(std::make_move_iterator(flows.begin()), std::make_move_iterator(flows.end())) {}
+SourceMove::SourceMove(std::deque<SourceFlow> flows, SourceMoveActions actions)
+    : actions_(std::move(actions)), all_(flows.size()), flows_(std::move(flows)) {}
 
 void SourceMove::goOn(Clock::time_point now) {
     while (!flows_.empty() && actions_.released()) {

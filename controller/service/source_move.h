@@ -11,7 +11,6 @@
 #include <functional>
 #include <optional>
 #include <string>
-#include <vector>
 
 #include "config/configuration.h"
 #include "service/deadline.h"
@@ -45,7 +44,7 @@ class SourceMove {
  public:
     using Clock = std::chrono::steady_clock;
 
-    SourceMove(std::vector<SourceFlow> flows, SourceMoveActions actions);
+    SourceMove(std::deque<SourceFlow> flows, SourceMoveActions actions);
 
     /// Takes all steps that are possible now.
     void goOn(Clock::time_point now);

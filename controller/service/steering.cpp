@@ -27,7 +27,7 @@ std::string Steering::begin(const Configuration& configuration,
     if (const int error = port_.held() ? 0 : port_.take(configuration.downstream)) {
         return cannotTake(configuration.downstream, error);
     }
-    const std::string problem = change(plan_.publicPort, steeringRules(plan_));
+    std::string problem = change(plan_.publicPort, steeringRules(plan_));
     active_ = problem.empty();
     return problem;
 }

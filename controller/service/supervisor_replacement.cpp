@@ -2,6 +2,7 @@
 // set up on a port that is not in use, the rules of the packet filter send the datagrams there, and
 // the old one drains and ends. The loop is in supervisor.cpp.
 #include <algorithm>
+#include <deque>
 #include <iterator>
 #include <string>
 #include <utility>
@@ -111,7 +112,7 @@ void Supervisor::judgeIncoming() {
 
 void Supervisor::takeOver() {
     std::vector<std::uint16_t> ports = portsWithSpare();
-    std::vector<SourceFlow> sources = instances_[replacement_->next]->sourceFlows();
+    std::deque<SourceFlow> sources = instances_[replacement_->next]->sourceFlows();
     std::vector<std::uint32_t> staying;
     std::ranges::transform(sources, std::back_inserter(staying), &SourceFlow::label);
     if (const std::string problem = steering_.move(ports, ports_[replacement_->next], staying);

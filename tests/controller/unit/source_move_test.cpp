@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 
 #include <cerrno>
+#include <deque>
 
 namespace vesk::controller {
 namespace {
@@ -34,7 +35,7 @@ class SourceMoveTest : public testing::Test {
                 [this](const std::string& text) { reports_.push_back(text); }};
     }
 
-    static std::vector<SourceFlow> twoFlows() {
+    static std::deque<SourceFlow> twoFlows() {
         return {{"alice", 1, {"127.0.0.9", 7001}}, {"bob", 2, {"127.0.0.9", 7002}}};
     }
 
