@@ -14,6 +14,8 @@
 #include <system_error>
 #include <utility>
 
+#include "child/process_descriptor.h"
+
 namespace vesk::controller {
 
 namespace {
@@ -150,13 +152,23 @@ ChildProcess::ChildProcess(const std::string& program, const std::vector<std::st
     output_ = std::move(output.reader);
 }
 
+ChildProcess::ChildProcess(ForwarderDescriptors running)
+    : input_(std::move(running.input)),
+      output_(std::move(running.output)),
+      process_(std::move(running.process)),
+      pid_(processOf(process_.get())) {
+    makeNonBlocking(input_.get());
+    makeNonBlocking(output_.get());
+}
+
 ChildProcess::ChildProcess(ChildProcess&& other) noexcept
     : input_(std::move(other.input_)),
       output_(std::move(other.output_)),
+      process_(std::move(other.process_)),
       pid_(std::exchange(other.pid_, -1)) {}
 
 ChildProcess::~ChildProcess() {
-    if (pid_ > 0) {
+    if (pid_ > 0 && !process_) {
         signal(SIGKILL);
         while (waitpid(pid_, nullptr, 0) == -1 && errno == EINTR) {
         }
@@ -164,12 +176,18 @@ ChildProcess::~ChildProcess() {
 }
 
 void ChildProcess::signal(int number) const {
-    if (pid_ > 0) {
+    if (process_) {
+        // The number of a process that is no child may be in use again.
+        signalProcess(process_.get(), number);
+    } else if (pid_ > 0) {
         kill(-pid_, number);
     }
 }
 
 std::optional<int> ChildProcess::reap() {
+    if (process_) {
+        return hasEnded(process_.get()) ? std::optional(unknownStatus) : std::nullopt;
+    }
     siginfo_t end{};
     if (pid_ <= 0 ||
         waitid(P_PID, static_cast<id_t>(pid_), &end, WEXITED | WNOHANG | WNOWAIT) != 0 ||
@@ -186,6 +204,9 @@ std::optional<int> ChildProcess::reap() {
 }
 
 std::string describeEnd(int waitStatus) {
+    if (waitStatus == unknownStatus) {
+        return "ended";
+    }
     if (WIFSIGNALED(waitStatus)) {
         const int number = WTERMSIG(waitStatus);
         const char* const name = sigdescr_np(number);
@@ -196,7 +217,7 @@ std::string describeEnd(int waitStatus) {
 }
 
 bool endedWell(int waitStatus) {
-    return WIFEXITED(waitStatus) && WEXITSTATUS(waitStatus) == 0;
+    return waitStatus == unknownStatus || (WIFEXITED(waitStatus) && WEXITSTATUS(waitStatus) == 0);
 }
 
 }  // namespace vesk::controller

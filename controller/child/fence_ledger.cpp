@@ -1,8 +1,8 @@
 #include "child/fence_ledger.h"
 
 #include <algorithm>
+#include <charconv>
 #include <map>
-#include <string_view>
 #include <utility>
 
 namespace vesk::controller {
@@ -31,6 +31,10 @@ const std::map<std::string_view, Beginnings> complaints{
       "Failed to create lateral stream receive thread: ", "Vesk Lateral listener failed to start"}},
 };
 
+constexpr std::string_view beginningOfWord = "fence-";
+constexpr std::string_view echo = "Got message: ";
+constexpr std::string_view unrecognised = "Unrecognised command '";
+
 bool complainsAbout(const Command& command, std::string_view text) {
     const auto row = complaints.find(command.word);
     return row != complaints.end() &&
@@ -40,7 +44,27 @@ bool complainsAbout(const Command& command, std::string_view text) {
 }  // namespace
 
 std::string FenceLedger::wordOf(std::uint64_t number) {
-    return "fence-" + std::to_string(number);
+    return std::string(beginningOfWord) + std::to_string(number);
+}
+
+/// Whether the text begins with a fence before the first one of this ledger.
+bool FenceLedger::isEarlier(std::string_view word) const {
+    std::uint64_t number = first_;
+    if (word.starts_with(beginningOfWord)) {
+        word.remove_prefix(beginningOfWord.size());
+        std::from_chars(word.data(), word.data() + word.size(), number);
+    }
+    return number < first_;
+}
+
+bool FenceLedger::isOfEarlierFence(const LogLine& line) {
+    const std::string_view text = line.text;
+    if (line.level == LogLevel::debug && text.starts_with(echo)) {
+        return isEarlier(text.substr(echo.size()));
+    }
+    emptyLineFollows_ = line.level == LogLevel::error && text.starts_with(unrecognised) &&
+                        isEarlier(text.substr(unrecognised.size()));
+    return emptyLineFollows_;
 }
 
 std::string FenceLedger::expect(Command command) {
@@ -54,14 +78,17 @@ FenceReading FenceLedger::read(const LogLine& line) {
         line.text.empty()) {
         return {true, std::nullopt};
     }
+    if (first_ > 1 && isOfEarlierFence(line)) {
+        return {true, std::nullopt};
+    }
     if (pending_.empty()) {
         return {};
     }
     const std::string word = wordOf(answered_ + 1);
-    if (line.level == LogLevel::debug && line.text == "Got message: " + word) {
+    if (line.level == LogLevel::debug && line.text == std::string(echo) + word) {
         return {true, std::nullopt};
     }
-    if (line.level == LogLevel::error && line.text == "Unrecognised command '" + word + "'") {
+    if (line.level == LogLevel::error && line.text == std::string(unrecognised) + word + "'") {
         ++answered_;
         emptyLineFollows_ = true;
         Outcome outcome = std::move(pending_.front());

@@ -12,6 +12,7 @@
 #include <deque>
 #include <optional>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "child/log_line.h"
@@ -34,6 +35,14 @@ struct FenceReading {
 
 class FenceLedger {
  public:
+    /// `first`: the number of the first fence. A forwarder that was taken over may still answer
+    /// those of an earlier ledger, which must have lower numbers.
+    explicit FenceLedger(std::uint64_t first = 1)
+        : first_(first), sent_(first - 1), answered_(first - 1) {}
+
+    /// A fence that no ledger waits for.
+    static constexpr std::string_view unawaited = "fence-0";
+
     /// Notes a command that is about to be sent, and returns the line to send after it.
     std::string expect(Command command);
 
@@ -50,11 +59,14 @@ class FenceLedger {
 
  private:
     static std::string wordOf(std::uint64_t number);
+    bool isEarlier(std::string_view word) const;
+    bool isOfEarlierFence(const LogLine& line);
     void noteComplaint(const LogLine& line);
 
     std::deque<Outcome> pending_;
-    std::uint64_t sent_ = 0;      // fences sent
-    std::uint64_t answered_ = 0;  // fences that have come back
+    std::uint64_t first_;
+    std::uint64_t sent_;      // the last fence that was sent
+    std::uint64_t answered_;  // the last fence that has come back
     bool emptyLineFollows_ = false;
 };
 

@@ -4,6 +4,8 @@
 
 #include <array>
 #include <cerrno>
+#include <cstdint>
+#include <utility>
 
 namespace vesk::controller {
 
@@ -12,12 +14,26 @@ namespace {
 /// The most that one call reads or writes, so that other events are handled in between.
 constexpr std::size_t pieceSize = std::size_t{1} << 16U;
 
+/// A number of a fence that no earlier controller has reached: the time passes faster than fences
+/// are sent.
+std::uint64_t laterThanAllBefore() {
+    const auto now = ForwarderSession::Clock::now().time_since_epoch();
+    return static_cast<std::uint64_t>(std::chrono::nanoseconds(now).count());
+}
+
 }  // namespace
 
 ForwarderSession::ForwarderSession(const std::string& program,
                                    const std::vector<std::string>& arguments,
                                    const std::vector<std::string>& variables)
     : process_(program, arguments, variables) {}
+
+/// The earlier controller may have left half a command in the input. The blank and the fence make a
+/// command of it that is refused.
+ForwarderSession::ForwarderSession(ForwarderDescriptors running)
+    : process_(std::move(running)), ledger_(laterThanAllBefore()) {
+    pending_.add(" " + std::string(FenceLedger::unawaited));
+}
 
 void ForwarderSession::send(const Command& command) {
     if (finishing_) {

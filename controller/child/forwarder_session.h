@@ -11,6 +11,7 @@
 #include "child/answer_watch.h"
 #include "child/child_process.h"
 #include "child/fence_ledger.h"
+#include "child/forwarder_descriptors.h"
 #include "child/line_splitter.h"
 #include "child/output_interpreter.h"
 #include "child/pending_lines.h"
@@ -25,6 +26,9 @@ class ForwarderSession {
     /// fails.
     ForwarderSession(const std::string& program, const std::vector<std::string>& arguments,
                      const std::vector<std::string>& variables = {});
+
+    /// Takes over a forwarder that an earlier controller has started.
+    explicit ForwarderSession(ForwarderDescriptors running);
 
     ForwarderSession(const ForwarderSession&) = delete;
     ForwarderSession& operator=(const ForwarderSession&) = delete;
@@ -56,6 +60,8 @@ class ForwarderSession {
     bool wantsToWrite() const { return process_.input() != -1 && !pending_.empty(); }
     int input() const { return process_.input(); }
     int output() const { return process_.output(); }
+    /// To be polled for the end of a forwarder that was taken over; -1 otherwise, see SIGCHLD.
+    int end() const { return process_.end(); }
     pid_t pid() const { return process_.pid(); }
 
     /// Whether the output has been read to its end.

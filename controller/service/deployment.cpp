@@ -16,6 +16,12 @@ std::vector<Command> Deployment::begin(const Configuration& wanted) {
     return allCommands(wanted);
 }
 
+void Deployment::assume(const Configuration& wanted) {
+    take(wanted);
+    noteStart(wanted.downstream, false);
+    lateralListening_ = wanted.lateral.has_value();
+}
+
 ConfigurationChanges Deployment::change(const Configuration& wanted) {
     ConfigurationChanges changes = changesBetween(running_, wanted, refusals_);
     take(std::move(changes.after));

@@ -21,6 +21,9 @@ class Deployment {
     /// The commands for a new forwarder.
     std::vector<Command> begin(const Configuration& wanted);
 
+    /// For a forwarder that was taken over: it is assumed to have all of this and to listen.
+    void assume(const Configuration& wanted);
+
     /// The commands for the running forwarder; what was refused before is tried again. running() is
     /// `after` of the result, which is empty.
     ConfigurationChanges change(const Configuration& wanted);

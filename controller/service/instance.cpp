@@ -34,10 +34,11 @@ Instance::Instance(const InstanceSurroundings& surroundings, InstanceIdentity id
 
 // ---- One turn of the loop. ----
 
-std::array<pollfd, 2> Instance::watched() const {
+std::array<pollfd, Instance::watchedDescriptors> Instance::watched() const {
     const bool reading = session_ && !session_->outputEnded();
     return {{{reading ? session_->output() : -1, POLLIN, 0},
-             {session_ && session_->wantsToWrite() ? session_->input() : -1, POLLOUT, 0}}};
+             {session_ && session_->wantsToWrite() ? session_->input() : -1, POLLOUT, 0},
+             {session_ && !endStatus_ ? session_->end() : -1, POLLIN, 0}}};
 }
 
 Deadline Instance::dueAt() const {
@@ -107,6 +108,9 @@ bool Instance::start() {
     }
     log_.say(LogLevel::info,
              "started " + maskKeyDigits(program) + ", process " + std::to_string(session_->pid()));
+    if (surroundings_.steered) {
+        kept_.emplace(surroundings_.notification, keptPlace(), *session_);
+    }
     round_ = Round::replay;
     reportClock_.reset();
     flowDescriptors_.clear();
@@ -154,7 +158,9 @@ void Instance::forwarderEnded() {
         text += " while handling the command for " + describe(*current);
     }
     log_.say(good ? LogLevel::info : LogLevel::error, text);
+    kept_.reset();
     session_.reset();
+    adopted_ = false;
     hung_ = false;
     reportClock_.stop();
     listenAgainAt_.reset();

@@ -24,6 +24,7 @@
 #include "service/deployment.h"
 #include "service/graceful_shutdown.h"
 #include "service/instance_log.h"
+#include "service/kept_forwarder.h"
 #include "service/log_output.h"
 #include "service/options.h"
 #include "service/report_clock.h"
@@ -39,6 +40,7 @@ struct InstanceSurroundings {
     LogOutput& log;
     MetricsServer* metrics;  ///< null if there are none
     std::size_t instances;   ///< their number
+    bool steered;            ///< their forwarders are kept with the service manager
 };
 
 /// Which of the instances it is, and for the metrics, which of their forwarders.
@@ -70,11 +72,19 @@ class Instance {
 
     /// Starts the forwarder. False, after logging, if it cannot be run.
     bool start();
+    /// Starts it after a pause.
+    void startLater() { pauseAfter(Clock::duration::zero()); }
+    /// Takes over a running forwarder instead. What it has declared is not known, so it is to be
+    /// replaced before the next reload.
+    void adopt(ForwarderDescriptors running);
+    bool isAdopted() const { return adopted_; }
 
     // One turn of the loop, in this order.
 
-    /// The output and the input, if they must be polled; poll(2) ignores a descriptor of -1.
-    std::array<pollfd, 2> watched() const;
+    /// The output, the input and the end of the forwarder, if they must be polled; poll(2) ignores
+    /// a descriptor of -1.
+    static constexpr std::size_t watchedDescriptors = 3;
+    std::array<pollfd, watchedDescriptors> watched() const;
     /// When the next turn is due: at once if the round is complete, which no event may show if
     /// there was nothing to send.
     Deadline dueAt() const;
@@ -150,6 +160,7 @@ class Instance {
     RestartPause firstPause() const;
     void pauseAfter(Clock::duration lived);
     void forwarderEnded();
+    KeptPlace keptPlace() const { return {identity_.number, wanted_.downstream.port}; }
     void tellStatus(std::string_view status) const;
 
     // Detection of a forwarder that hangs.
@@ -208,10 +219,12 @@ class Instance {
     Round round_ = Round::none;
     Deployment deployment_;
     std::optional<ForwarderSession> session_;
+    std::optional<KeptForwarder> kept_;
     std::optional<int> endStatus_;  // of a forwarder whose output has not been read to its end
     ReportClock reportClock_;
     LateralWatch lateralWatch_;
     bool peerSuspected_ = false;
+    bool adopted_ = false;
     bool hung_ = false;  // the forwarder did not answer and was killed
     bool addressRefused_ = false;
     Deadline startAgainAt_;

@@ -115,7 +115,7 @@ void Instance::take(Configuration wanted) {
 }
 
 void Instance::applyReload() {
-    if (!session_) {
+    if (!session_ || adopted_) {
         return;
     }
     const ConfigurationChanges changes = deployment_.change(wanted_);
@@ -164,6 +164,9 @@ void Instance::carryOut(const GracefulShutdown::Step& step) {
             break;
         case GracefulShutdown::Action::closeInput:
             reportClock_.stop();
+            if (kept_) {
+                kept_->removeInput();
+            }
             session_->finishInput();
             break;
         case GracefulShutdown::Action::terminate:

@@ -33,7 +33,8 @@ std::string Instance::obstacleToReplace(const Instance& old) const {
     const std::set<std::uint32_t>& now = deployment_.refusals().flows;
     const auto more =
         std::ranges::count_if(now, [&](std::uint32_t label) { return !before.contains(label); });
-    if (more > 0) {
+    // What an adopted one has accepted is not known.
+    if (more > 0 && !old.adopted_) {
         return "it refuses " + countOf(static_cast<std::size_t>(more), "flow") +
                " that the old one accepted";
     }

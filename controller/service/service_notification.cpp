@@ -1,21 +1,27 @@
 #include "service/service_notification.h"
 
 #include <sys/socket.h>
+#include <sys/time.h>
+#include <sys/uio.h>
 #include <sys/un.h>
 
 #include <unistd.h>
 
 #include <algorithm>
-#include <charconv>
+#include <array>
 #include <cstddef>
 #include <cstdint>
-#include <cstdlib>
+#include <cstring>
 #include <ctime>
 #include <utility>
+
+#include "service/environment.h"
 
 namespace vesk::controller {
 
 namespace {
+
+constexpr timeval longestWait{0, 100000};
 
 std::string monotonicMicroseconds() {
     timespec now{};
@@ -23,29 +29,10 @@ std::string monotonicMicroseconds() {
     return std::to_string(now.tv_sec * 1000000 + now.tv_nsec / 1000);
 }
 
-std::optional<std::string> variable(const char* name) {
-    // NOLINTNEXTLINE(concurrency-mt-unsafe): no thread changes the environment.
-    const char* const value = std::getenv(name);
-    return value != nullptr ? std::optional<std::string>(value) : std::nullopt;
-}
-
-/// None if the text is not a positive number.
-std::optional<std::int64_t> number(const std::optional<std::string>& text) {
-    std::int64_t value = 0;
-    if (!text) {
-        return std::nullopt;
-    }
-    const char* const end = text->data() + text->size();
-    const auto [stopped, error] = std::from_chars(text->data(), end, value);
-    return error == std::errc() && stopped == end && value > 0 ? std::optional(value)
-                                                               : std::nullopt;
-}
-
 /// Child processes inherit the variables; WATCHDOG_PID says which process is meant.
 std::optional<std::chrono::microseconds> askedInterval() {
-    const std::optional<std::string> process = variable("WATCHDOG_PID");
-    const std::optional<std::int64_t> interval = number(variable("WATCHDOG_USEC"));
-    if (!interval || (process && number(process) != getpid())) {
+    const std::optional<std::int64_t> interval = numberIn("WATCHDOG_USEC");
+    if (!interval || (variable("WATCHDOG_PID") && numberIn("WATCHDOG_PID") != getpid())) {
         return std::nullopt;
     }
     return std::chrono::microseconds(*interval);
@@ -59,6 +46,8 @@ ServiceNotification::ServiceNotification(std::optional<std::string> address,
     constexpr std::size_t room = sizeof(sockaddr_un::sun_path);
     if (address_ && !address_->empty() && address_->size() < room) {
         socket_.reset(socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0));
+        static_cast<void>(
+            setsockopt(socket_.get(), SOL_SOCKET, SO_SNDTIMEO, &longestWait, sizeof longestWait));
     }
 }
 
@@ -86,7 +75,17 @@ void ServiceNotification::status(std::string_view status) const {
     send("STATUS=" + std::string(status));
 }
 
-void ServiceNotification::send(std::string_view message) const {
+void ServiceNotification::store(const std::string& name, int descriptor) const {
+    send("FDSTORE=1\nFDNAME=" + name, descriptor);
+}
+
+void ServiceNotification::removeStored(const std::string& name) const {
+    send("FDSTOREREMOVE=1\nFDNAME=" + name);
+}
+
+/// Forwarding continues even if the service manager does not listen. It may be late for a moment,
+/// and a message about the store must not get lost then.
+void ServiceNotification::send(std::string message, int descriptor) const {
     if (!socket_) {
         return;
     }
@@ -96,11 +95,24 @@ void ServiceNotification::send(std::string_view message) const {
     if (target.sun_path[0] == '@') {
         target.sun_path[0] = '\0';
     }
-    const auto length = static_cast<socklen_t>(offsetof(sockaddr_un, sun_path) + address_->size());
-    // Forwarding continues even if the service manager does not listen.
-    static_cast<void>(sendto(socket_.get(), message.data(), message.size(),
-                             MSG_NOSIGNAL | MSG_DONTWAIT,
-                             reinterpret_cast<const sockaddr*>(&target), length));
+    iovec bytes{message.data(), message.size()};
+    alignas(cmsghdr) std::array<char, CMSG_SPACE(sizeof descriptor)> control{};
+    msghdr whole{};
+    whole.msg_name = &target;
+    whole.msg_namelen = static_cast<socklen_t>(offsetof(sockaddr_un, sun_path) + address_->size());
+    whole.msg_iov = &bytes;
+    whole.msg_iovlen = 1;
+    if (descriptor != -1) {
+        whole.msg_control = control.data();
+        whole.msg_controllen = control.size();
+        cmsghdr* const rights = CMSG_FIRSTHDR(&whole);
+        rights->cmsg_level = SOL_SOCKET;
+        rights->cmsg_type = SCM_RIGHTS;
+        rights->cmsg_len = CMSG_LEN(sizeof descriptor);
+        std::memcpy(CMSG_DATA(rights), &descriptor, sizeof descriptor);
+    }
+    const int wait = message.starts_with("FDSTORE") ? 0 : MSG_DONTWAIT;
+    static_cast<void>(sendmsg(socket_.get(), &whole, MSG_NOSIGNAL | wait));
 }
 
 }  // namespace vesk::controller

@@ -33,8 +33,14 @@ class ServiceNotification {
     std::optional<std::chrono::microseconds> watchdogInterval() const { return watchdogInterval_; }
     void alive() const;
 
+    /// Puts a copy of the descriptor into the service manager's store, from which the next process
+    /// of the service gets it. `name` contains no ':'.
+    void store(const std::string& name, int descriptor) const;
+    /// Closes the copies of that name.
+    void removeStored(const std::string& name) const;
+
  private:
-    void send(std::string_view message) const;
+    void send(std::string message, int descriptor = -1) const;
 
     std::optional<std::string> address_;
     std::optional<std::chrono::microseconds> watchdogInterval_;

@@ -4,6 +4,7 @@
 #include <system_error>
 
 #include "commands/command_lines.h"
+#include "config/instance_configurations.h"
 #include "service/listener_remedy.h"
 #include "service/steering_warnings.h"
 #include "steering/packet_filter.h"
@@ -21,11 +22,34 @@ std::string cannotTake(const HostPort& address, int error) {
 
 }  // namespace
 
+/// Empty; or why it is not held.
+std::string Steering::takePort(const HostPort& address) {
+    const int error = port_.held() ? 0 : port_.take(address);
+    return error == 0 ? "" : cannotTake(address, error);
+}
+
+SteeringMap Steering::left(const Configuration& configuration) {
+    const FilterAnswer answer = runFilterCommands(steeringMapQuery(configuration.downstream.port));
+    return parseSteeringMap(answer.output,
+                            steeringMark(steeringPlan(configuration, firstPorts(configuration))));
+}
+
+std::string Steering::goOn(const Configuration& configuration,
+                           const std::vector<std::uint16_t>& ports) {
+    plan_ = steeringPlan(configuration, ports);
+    std::string problem = takePort(configuration.downstream);
+    if (problem.empty()) {
+        problem = followAll();
+    }
+    active_ = problem.empty();
+    return problem;
+}
+
 std::string Steering::begin(const Configuration& configuration,
                             const std::vector<std::uint16_t>& ports) {
     plan_ = steeringPlan(configuration, ports);
-    if (const int error = port_.held() ? 0 : port_.take(configuration.downstream)) {
-        return cannotTake(configuration.downstream, error);
+    if (std::string problem = takePort(configuration.downstream); !problem.empty()) {
+        return problem;
     }
     std::string problem = change(plan_.publicPort, steeringRules(plan_));
     active_ = problem.empty();

@@ -10,6 +10,7 @@
 #include "config/configuration.h"
 #include "steering/public_port.h"
 #include "steering/steering_counters.h"
+#include "steering/steering_map.h"
 #include "steering/steering_rules.h"
 
 namespace vesk::controller {
@@ -26,6 +27,14 @@ class Steering {
     /// Takes the public port and creates the rules, in place of any that a crash has left behind.
     /// `ports` are those of the instances. Empty; or why that failed, and nothing is steered.
     std::string begin(const Configuration& configuration, const std::vector<std::uint16_t>& ports);
+
+    /// The same where a crash has left these rules behind with these ports. They stay, so that no
+    /// datagram is lost, except that labels no longer stay with another port.
+    std::string goOn(const Configuration& configuration, const std::vector<std::uint16_t>& ports);
+
+    /// Where the rules that a crash has left behind send the datagrams. Empty if there are none, or
+    /// other ones than begin() would create.
+    static SteeringMap left(const Configuration& configuration);
 
     /// Sends the datagrams to other ports from now on, but those of `staying` to this port until
     /// they follow. Empty; or why that failed, with nothing changed.
@@ -51,6 +60,7 @@ class Steering {
 
  private:
     static std::string change(std::uint16_t publicPort, const std::string& commands);
+    std::string takePort(const HostPort& address);
 
     PublicPort port_;
     SteeringPlan plan_;  // its ports are those of the start

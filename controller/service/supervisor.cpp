@@ -84,8 +84,12 @@ void Supervisor::waitAndHandle() {
         throw std::system_error(errno, std::generic_category(), "poll");
     }
     for (std::size_t i = 0; i < instances.size(); ++i) {
-        if (watched[first + 2 * i].revents != 0) {
+        const std::size_t output = first + Instance::watchedDescriptors * i;
+        if (watched[output].revents != 0) {
             instances[i]->read();
+        }
+        if (watched[output + 2].revents != 0) {
+            instances[i]->reap();
         }
     }
     if (watched[0].revents != 0) {
@@ -138,8 +142,8 @@ void Supervisor::handleInstances() {
         }
     }
     if (replacement_) {
-        for (Instance* const instance :
-             {replacement_->incoming.get(), replacement_->outgoing.get()}) {
+        for (Instance* const instance : {replacement_->incoming.get(), replacement_->outgoing.get(),
+                                         replacement_->leftOver.get()}) {
             if (instance != nullptr) {
                 instance->finishRound();
                 instance->handleEnd();
@@ -213,8 +217,12 @@ void Supervisor::drain() {
     for (const auto& instance : instances_) {
         drains = instance->terminate(wanted_.supervision.drain) || drains;
     }
-    if (!first && replacement_ && replacement_->outgoing) {
-        replacement_->outgoing->terminate(wanted_.supervision.drain);
+    if (!first && replacement_) {
+        for (Instance* const old : {replacement_->outgoing.get(), replacement_->leftOver.get()}) {
+            if (old != nullptr) {
+                old->terminate(wanted_.supervision.drain);
+            }
+        }
     }
     if (drains) {
         log_.say(LogLevel::info, "draining: ends after a second without traffic, or in " +

@@ -4,6 +4,7 @@
 
 #include <poll.h>
 
+#include <chrono>
 #include <cstddef>
 #include <cstdint>
 #include <memory>
@@ -20,10 +21,12 @@
 #include "config/problem.h"
 #include "metrics/metrics_server.h"
 #include "names/peer_lookup.h"
+#include "service/adoption.h"
 #include "service/deadline.h"
 #include "service/instance.h"
 #include "service/log_output.h"
 #include "service/options.h"
+#include "service/passed_descriptors.h"
 #include "service/service_notification.h"
 #include "service/signal_source.h"
 #include "service/source_move.h"
@@ -33,7 +36,10 @@ namespace vesk::controller {
 
 /// A replacement of all instances, one after the other.
 struct Replacement {
+    std::unique_ptr<Instance> leftOver;  ///< of a killed controller; must have ended before
+    bool onlyAdopted = false;
     std::size_t next = 0;                ///< the instance to be replaced
+    std::size_t done = 0;                ///< the number of those that have been replaced
     std::unique_ptr<Instance> incoming;  ///< the new one, until it takes over
     std::unique_ptr<Instance> outgoing;  ///< the old one after that, until it has ended
     std::optional<SourceMove> sources;   ///< before the old one drains
@@ -73,6 +79,13 @@ class Supervisor {
     void steer();
     void checkSteering();
 
+    // Forwarders of an earlier controller.
+    Adoption findForwarders();
+    bool startOrAdopt(Adoption adoption);
+    void tidyUp(RunningForwarder leftOver);
+    std::size_t adopted() const;
+    void replaceAdopted();
+
     // Reload.
     void reload();
     void tellReloading();
@@ -89,6 +102,7 @@ class Supervisor {
     // Replacement.
     void beginReplacement();
     void continueReplacement();
+    void replaceNext();
     bool startIncoming();
     void judgeIncoming();
     void takeOver();
@@ -97,6 +111,8 @@ class Supervisor {
     void endSourceMove();
     void drainOutgoing();
     void dropOutgoing();
+    void drop(std::unique_ptr<Instance>& instance);
+    std::chrono::seconds drainOfReplaced() const;
     void failReplacement(const std::string& reason);
     void endReplacement(ReplacementOutcome outcome);
     std::vector<std::uint16_t> portsWithSpare() const;
@@ -130,6 +146,7 @@ class Supervisor {
     const Options& options_;
     Configuration wanted_;  // without the flows, which the instances have
     LogOutput& log_;
+    std::vector<PassedDescriptor> passed_ = takePassedDescriptors();
     SignalSource signals_;
     ServiceNotification notification_ = ServiceNotification::fromEnvironment();
     MetricsSettings servedMetrics_;
@@ -149,6 +166,7 @@ class Supervisor {
     std::vector<std::unique_ptr<Instance>> instances_;
     std::optional<Replacement> replacement_;
 
+    bool rulesFit_ = false;  // those that an earlier controller has left
     bool ending_ = false;
     bool ready_ = false;        // the service manager has been told that the service is ready
     bool reloadTold_ = false;   // the service manager has been told of a reload, but not of its end

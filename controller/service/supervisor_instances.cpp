@@ -12,9 +12,9 @@ namespace vesk::controller {
 
 /// Makes and starts the instances. False, after logging, if one cannot be started.
 bool Supervisor::begin() {
-    ports_ = firstPorts(wanted_);
-    surroundings_.emplace(
-        InstanceSurroundings{options_, notification_, log_, metrics_.get(), ports_.size()});
+    Adoption adoption = findForwarders();
+    surroundings_.emplace(InstanceSurroundings{options_, notification_, log_, metrics_.get(),
+                                               ports_.size(), isSteered(wanted_)});
     if (isSteered(wanted_)) {
         steer();
     }
@@ -29,7 +29,7 @@ bool Supervisor::begin() {
         }
     }
     commonRound_ = Instance::Round::replay;
-    return std::ranges::all_of(instances_, [](const auto& instance) { return instance->start(); });
+    return startOrAdopt(std::move(adoption));
 }
 
 /// The figures of the first instance's first forwarder exist from the beginning.
@@ -43,21 +43,24 @@ std::unique_ptr<Instance> Supervisor::makeInstance(std::size_t number, Configura
 
 std::vector<Instance*> Supervisor::allInstances() const {
     std::vector<Instance*> all;
-    all.reserve(instances_.size() + 2);
+    all.reserve(instances_.size() + 3);
     for (const auto& instance : instances_) {
         all.push_back(instance.get());
     }
-    if (replacement_ && replacement_->incoming) {
-        all.push_back(replacement_->incoming.get());
-    }
-    if (replacement_ && replacement_->outgoing) {
-        all.push_back(replacement_->outgoing.get());
+    if (replacement_) {
+        for (const auto* const one :
+             {&replacement_->incoming, &replacement_->outgoing, &replacement_->leftOver}) {
+            if (*one) {
+                all.push_back(one->get());
+            }
+        }
     }
     return all;
 }
 
 void Supervisor::steer() {
-    const std::string problem = steering_.begin(wanted_, ports_);
+    const std::string problem = std::exchange(rulesFit_, false) ? steering_.goOn(wanted_, ports_)
+                                                                : steering_.begin(wanted_, ports_);
     publishSteering({});
     if (problem.empty()) {
         steerPause_ = {wanted_.supervision.restartPause, wanted_.supervision.restartPauseMax};

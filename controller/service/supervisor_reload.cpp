@@ -86,6 +86,7 @@ void Supervisor::applyReload(Configuration configuration, ReloadOutcome outcome)
     if (!sent) {
         tellReloaded("The forwarder will be started again");
     }
+    replaceAdopted();
 }
 
 /// Gives each instance its part.

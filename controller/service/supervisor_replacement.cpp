@@ -10,7 +10,6 @@
 #include "config/instance_configurations.h"
 #include "service/plural_text.h"
 #include "service/supervisor.h"
-#include "service/trial_listen.h"
 
 namespace vesk::controller {
 
@@ -55,16 +54,31 @@ void Supervisor::continueReplacement() {
     if (replacement_->outgoing && replacement_->outgoing->ended()) {
         dropOutgoing();
     }
+    if (replacement_->leftOver && replacement_->leftOver->ended()) {
+        drop(replacement_->leftOver);
+    }
     if (replacement_->outgoing) {
         moveSources();
+    }
+    if (replacement_->outgoing || replacement_->leftOver) {
         return;
     }
     if (!running()) {
         replacement_.reset();
     } else if (replacement_->incoming) {
         judgeIncoming();
-    } else if (replacement_->next == instances_.size()) {
-        log_.say(LogLevel::info, "replaced " + countOf(instances_.size(), "instance"));
+    } else if (steering_.active()) {
+        replaceNext();
+    }
+}
+
+void Supervisor::replaceNext() {
+    while (replacement_->onlyAdopted && replacement_->next < instances_.size() &&
+           !instances_[replacement_->next]->isAdopted()) {
+        ++replacement_->next;
+    }
+    if (replacement_->next == instances_.size()) {
+        log_.say(LogLevel::info, "replaced " + countOf(replacement_->done, "instance"));
         endReplacement(ReplacementOutcome::done);
     } else if (instances_[replacement_->next]->settled() && !startIncoming()) {
         failReplacement("its program cannot be run");
@@ -150,40 +164,20 @@ void Supervisor::takeOver() {
     }
 }
 
-SourceMoveActions Supervisor::sourceMoveActions() {
-    return {[this](std::uint32_t label) { replacement_->outgoing->release(label); },
-            [this] { return replacement_->outgoing->answered(); }, tryToListen,
-            [this](std::uint32_t label) { return steering_.follow(label); },
-            [this, name = nameOf(replacement_->next)](const std::string& text) {
-                log_.say(LogLevel::error, name + ": " + text);
-            }};
-}
-
-void Supervisor::moveSources() {
-    if (!replacement_->sources) {
-        return;
-    }
-    replacement_->sources->goOn(Clock::now());
-    if (replacement_->sources->done()) {
-        log_.say(LogLevel::info, nameOf(replacement_->next) + ": moved " +
-                                     countOf(replacement_->sources->flows(), "flow") +
-                                     " with a source to the new forwarder; the old one drains");
-        endSourceMove();
-        drainOutgoing();
-    }
-}
-
-/// The datagrams of flows that have not been moved go to the new forwarder, too.
-void Supervisor::endSourceMove() {
-    replacement_->sources.reset();
-    if (const std::string problem = steering_.followAll(); !problem.empty()) {
-        log_.say(LogLevel::error, problem);
-        steer();
-    }
-}
-
 void Supervisor::drainOutgoing() {
-    replacement_->outgoing->terminate(std::max(wanted_.supervision.drain, shortestDrain));
+    replacement_->outgoing->terminate(drainOfReplaced());
+}
+
+std::chrono::seconds Supervisor::drainOfReplaced() const {
+    return std::max(wanted_.supervision.drain, shortestDrain);
+}
+
+void Supervisor::drop(std::unique_ptr<Instance>& instance) {
+    const ChildId child = instance->identity().child;
+    instance.reset();
+    if (metrics_) {
+        metrics_->removeChild(child);
+    }
 }
 
 void Supervisor::dropOutgoing() {
@@ -195,36 +189,39 @@ void Supervisor::dropOutgoing() {
                      std::to_string(replacement_->sources->left()));
         endSourceMove();
     }
-    const ChildId child = replacement_->outgoing->identity().child;
-    replacement_->outgoing.reset();
-    if (metrics_) {
-        metrics_->removeChild(child);
-    }
+    drop(replacement_->outgoing);
     if (wanted_.lateral) {
         const std::size_t number = replacement_->next;
         instances_[number]->follow(instanceConfigurations(wanted_, ports_)[number].lateral);
     }
     ++replacement_->next;
+    ++replacement_->done;
 }
 
 void Supervisor::failReplacement(const std::string& reason) {
-    const std::size_t number = replacement_->next;
+    const std::size_t done = replacement_->done;
     log_.say(LogLevel::error,
-             nameOf(number) + " was not replaced: the new forwarder did not come up: " + reason +
-                 "; the old one continues" +
-                 (number > 0 ? "; replaced before it: " + countOf(number, "instance") : ""));
-    const ChildId child = replacement_->incoming->identity().child;
-    replacement_->incoming.reset();
-    if (metrics_) {
-        metrics_->removeChild(child);
+             nameOf(replacement_->next) + " was not replaced: the new forwarder did not come up: " +
+                 reason + "; the old one continues" +
+                 (done > 0 ? "; replaced before it: " + countOf(done, "instance") : ""));
+    drop(replacement_->incoming);
+    if (adopted() > 0) {
+        log_.say(LogLevel::error,
+                 countOf(adopted(), "instance") +
+                     " of an earlier controller may differ from the file: the next "
+                     "SIGHUP or SIGUSR2 tries the replacement again");
     }
     endReplacement(ReplacementOutcome::failed);
 }
 
 void Supervisor::endReplacement(ReplacementOutcome outcome) {
+    const bool ofAdopted = replacement_->onlyAdopted;
     replacement_.reset();
     if (metrics_) {
         metrics_->countReplacement(outcome);
+    }
+    if (ofAdopted) {
+        finishRound();
     }
     if (std::exchange(reloadWaits_, false)) {
         reload();

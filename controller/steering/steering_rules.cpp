@@ -76,6 +76,9 @@ std::string mapsAndCounters(const SteeringPlan& plan) {
            "        typeof " +
            prefixField(plan) +
            " : udp dport\n"
+           "        comment \"" +
+           steeringMark(plan) +
+           "\"\n"
            "        elements = { " +
            listOf(plan.ports) +
            " }\n"
@@ -167,6 +170,16 @@ SteeringPlan steeringPlan(const Configuration& configuration,
             configuration.instancePorts->last};
 }
 
+std::string steeringMark(const SteeringPlan& plan) {
+    // FNV-1a, which is the same in each version of the program.
+    constexpr std::uint64_t prime = 0x100000001b3;
+    std::uint64_t digest = 0xcbf29ce484222325;
+    for (const char byte : steeringChains(plan) + hookedChains(plan)) {
+        digest = (digest ^ static_cast<unsigned char>(byte)) * prime;
+    }
+    return "rules " + std::to_string(digest);
+}
+
 std::string steeringRules(const SteeringPlan& plan) {
     return steeringRemoval(plan.publicPort) + "table " + tableName(plan.publicPort) + " {\n" +
            mapsAndCounters(plan) + steeringChains(plan) + hookedChains(plan) + "}\n";
@@ -211,6 +224,10 @@ std::string steeringRemoval(std::uint16_t publicPort) {
     // Deleting a table that does not exist is an error.
     const std::string table = tableName(publicPort);
     return "table " + table + "\ndelete table " + table + "\n";
+}
+
+std::string steeringMapQuery(std::uint16_t publicPort) {
+    return "list map " + tableName(publicPort) + " instances\n";
 }
 
 std::string steeringCountersQuery(std::uint16_t publicPort) {

@@ -43,6 +43,12 @@ std::string steeringFollow(std::uint16_t publicPort, std::uint32_t label);
 
 /// Removes what steeringStay() and steeringFollow() have added.
 std::string steeringStayEnd(std::uint16_t publicPort);
+/// Lists the map of the instances' ports, to be read with steering/steering_map.
+std::string steeringMapQuery(std::uint16_t publicPort);
+
+/// Tells rules from others that differ in anything but the ports of the instances: a comment of the
+/// map.
+std::string steeringMark(const SteeringPlan& plan);
 
 /// Removes the table, if it exists.
 std::string steeringRemoval(std::uint16_t publicPort);

@@ -51,3 +51,11 @@ def test_exposure_stays_low(installed: Root, instance: Path) -> None:
     assert "Overall exposure level" in run(
         "systemd-analyze", "security", "--no-pager", "--offline=yes", f"--threshold={_EXPOSURE}",
         f"--root={installed.path}", instance.name)
+
+
+def test_the_drop_in_has_room_for_the_descriptors_of_all_forwarders(installed: Root) -> None:
+    settings = dict(line.split("=", 1) for line in (installed / _DROP_IN).read_text().splitlines()
+                    if "=" in line and not line.startswith("#"))
+    # At most 64 instances and one that replaces another, with three descriptors each.
+    assert int(settings["FileDescriptorStoreMax"]) >= 65 * 3
+    assert settings["KillMode"] == "process"

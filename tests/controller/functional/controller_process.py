@@ -65,7 +65,7 @@ class ControllerProcess:
 
     def __init__(self, configuration: ConfigurationFile, *arguments: str,
                  environment: Optional[Dict[str, str]] = None, read: bool = True,
-                 prefix: Sequence[str] = ()) -> None:
+                 prefix: Sequence[str] = (), descriptors: Sequence[int] = ()) -> None:
         self.configuration = configuration
         self.lines: List[str] = []
         self._changed = threading.Condition()
@@ -73,7 +73,7 @@ class ControllerProcess:
         self._process = subprocess.Popen(
             [*prefix, *command(configuration, *arguments)], cwd=configuration.folder,
             stdin=subprocess.DEVNULL, stdout=subprocess.DEVNULL, stderr=subprocess.PIPE,
-            env={**os.environ, **(environment or {})})
+            env={**os.environ, **(environment or {})}, pass_fds=descriptors)
         self._reader = threading.Thread(target=self._read, daemon=True)
         if read:
             self.start_reading()
@@ -152,6 +152,11 @@ class ControllerProcess:
         """Ends it with SIGTERM; returns the exit status."""
         self.signal(signal.SIGTERM)
         return self.wait_exit()
+
+    def kill(self) -> None:
+        """Does not wait for the end of its log, which its forwarders can have open, too."""
+        self._process.kill()
+        self._process.wait(scaled(5))
 
     def abandon(self) -> None:
         if self._process.poll() is None:

@@ -3,10 +3,12 @@
 from __future__ import annotations
 
 import subprocess
+from pathlib import Path
 from typing import Iterator, List
 
 import pytest
 
+from descriptor_store import DescriptorStore
 from generator import Generator
 from network import refusal
 
@@ -41,3 +43,11 @@ def start_generator() -> Iterator["type[Generator]"]:
     yield Started
     for generator in started:
         generator.end()
+
+
+@pytest.fixture
+def store(tmp_path: Path) -> Iterator[DescriptorStore]:
+    """A service manager, which lets go of its descriptors at the end."""
+    made = DescriptorStore(tmp_path)
+    yield made
+    made.close()

@@ -2,7 +2,9 @@
 
 from __future__ import annotations
 
+import contextlib
 import json
+import os
 import signal
 import subprocess
 from pathlib import Path
@@ -84,6 +86,18 @@ def forwarders(controller: ControllerProcess, expected: int) -> List[int]:
 def children(pid: int) -> List[int]:
     words = Path(f"/proc/{pid}/task/{pid}/children").read_text(encoding="ascii").split()
     return sorted(map(int, words))
+
+
+def all_forwarders() -> List[int]:
+    """The forwarders in this network, whichever process has started them."""
+    program = os.path.realpath(os.environ["VESK_BINARY"])
+    found = []
+    for process in Path("/proc").glob("[0-9]*"):
+        with contextlib.suppress(FileNotFoundError, ProcessLookupError, PermissionError):
+            if (os.readlink(process / "exe") == program and
+                    os.readlink(process / "ns/net") == os.readlink("/proc/self/ns/net")):
+                found.append(int(process.name))
+    return sorted(found)
 
 
 def listener(port: int, processes: List[int]) -> Optional[int]:

@@ -105,5 +105,21 @@ TEST(FenceLedger, DoesNotClaimOtherUnknownCommands) {
     EXPECT_EQ(ledger.pending(), 1U);
 }
 
+TEST(FenceLedger, ClaimsTheFencesOfAnEarlierOne) {
+    const LogLine empty{LogLevel::none, ""};
+    FenceLedger ledger(100);
+    EXPECT_TRUE(ledger.read(complaintAbout("fence-99")).ours);
+    EXPECT_TRUE(ledger.read(empty).ours);
+    EXPECT_FALSE(ledger.read(empty).ours);
+    EXPECT_EQ(ledger.expect(setOf("a")), "fence-100");
+    EXPECT_TRUE(ledger.read({LogLevel::debug, "Got message: fence-7"}).ours);
+    EXPECT_TRUE(ledger.read(complaintAbout(std::string(FenceLedger::unawaited))).ours);
+    EXPECT_FALSE(ledger.read(complaintAbout("fence-101")).ours);
+    EXPECT_FALSE(ledger.read(complaintAbout("fence-")).ours);
+    EXPECT_FALSE(ledger.read(complaintAbout("other-1")).ours);
+    EXPECT_EQ(ledger.pending(), 1U);
+    EXPECT_EQ(ledger.read(complaintAbout("fence-100")).outcome->command.subject, "flow a");
+}
+
 }  // namespace
 }  // namespace vesk::controller

@@ -3,8 +3,11 @@
 #include <gtest/gtest.h>
 #include <poll.h>
 #include <sys/wait.h>
+#include <unistd.h>
 
 #include <csignal>
+
+#include "child/process_descriptor.h"
 
 namespace vesk::controller {
 namespace {
@@ -103,6 +106,31 @@ TEST_F(ForwarderSessionTest, SurvivesTheEndOfItsChild) {
     session.write();
     EXPECT_FALSE(session.wantsToWrite());
     EXPECT_EQ(session.unanswered(), 1U);
+}
+
+TEST_F(ForwarderSessionTest, GoesOnWithAForwarderThatItHasNotStarted) {
+    ForwarderSession first("sh", {"-c", knowsNothing});
+    // Half a command, and the answer to one that nobody has read.
+    ASSERT_EQ(write(first.input(), "fence-1\nhalf a comm", 19), 19);
+    ForwarderSession second({UniqueFd(dup(first.input())), UniqueFd(dup(first.output())),
+                             processDescriptor(first.pid())});
+    EXPECT_EQ(second.pid(), first.pid());
+    EXPECT_EQ(second.reap(), std::nullopt);
+    second.send({"one", {}, "the first"});
+    serveUntil(second, [&] { return second.unanswered() == 0; });
+    ASSERT_EQ(outcomes.size(), 1U);
+    EXPECT_TRUE(outcomes[0].errors.empty());
+    ASSERT_EQ(lines.size(), 2U);
+    EXPECT_EQ(lines[0].text, "Unrecognised command 'half a comm fence-0'");
+    EXPECT_EQ(lines[1].text, "Unrecognised command 'one'");
+
+    second.signal(SIGKILL);
+    pollfd end{second.end(), POLLIN, 0};
+    ASSERT_EQ(poll(&end, 1, 10000), 1);
+    EXPECT_EQ(second.reap(), std::optional(unknownStatus));
+    EXPECT_EQ(describeEnd(unknownStatus), "ended");
+    EXPECT_TRUE(endedWell(unknownStatus));
+    serveUntil(second, [&] { return second.outputEnded(); });
 }
 
 }  // namespace

@@ -2,15 +2,11 @@
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
-#include <sys/socket.h>
-#include <sys/un.h>
 #include <unistd.h>
 
-#include <array>
-#include <cstddef>
 #include <cstdlib>
-#include <cstring>
 
+#include "notification_socket.h"
 #include "temporary_folder.h"
 
 namespace vesk::controller {
@@ -18,54 +14,30 @@ namespace {
 
 using testing::MatchesRegex;
 
-/// Plays the service manager.
-class Manager {
- public:
-    explicit Manager(const std::string& name) : socket_(socket(AF_UNIX, SOCK_DGRAM, 0)) {
-        sockaddr_un address{};
-        address.sun_family = AF_UNIX;
-        name.copy(address.sun_path, sizeof address.sun_path);
-        if (name.front() == '@') {
-            address.sun_path[0] = '\0';
-        }
-        const auto length = static_cast<socklen_t>(offsetof(sockaddr_un, sun_path) + name.size());
-        EXPECT_EQ(bind(socket_.get(), reinterpret_cast<sockaddr*>(&address), length), 0);
-    }
-
-    std::string received() const {
-        std::array<char, 1000> text{};
-        const ssize_t got = recv(socket_.get(), text.data(), text.size(), MSG_DONTWAIT);
-        return {text.data(), got < 0 ? 0 : static_cast<std::size_t>(got)};
-    }
-
- private:
-    UniqueFd socket_;
-};
-
 TEST(ServiceNotification, SendsEachState) {
     const TemporaryFolder folder;
     const std::string path = (folder.path() / "notify").string();
-    const Manager manager(path);
+    const NotificationSocket manager(path);
     const ServiceNotification notification{path};
     notification.ready("2 flows");
-    EXPECT_EQ(manager.received(), "READY=1\nSTATUS=2 flows");
+    EXPECT_EQ(manager.receive().text, "READY=1\nSTATUS=2 flows");
     notification.reloading();
-    EXPECT_THAT(manager.received(), MatchesRegex("RELOADING=1\nMONOTONIC_USEC=[0-9]+"));
+    EXPECT_THAT(manager.receive().text, MatchesRegex("RELOADING=1\nMONOTONIC_USEC=[0-9]+"));
     notification.stopping("Draining");
-    EXPECT_EQ(manager.received(), "STOPPING=1\nSTATUS=Draining");
+    EXPECT_EQ(manager.receive().text, "STOPPING=1\nSTATUS=Draining");
     notification.status("waits");
-    EXPECT_EQ(manager.received(), "STATUS=waits");
+    EXPECT_EQ(manager.receive().text, "STATUS=waits");
     notification.alive();
-    EXPECT_EQ(manager.received(), "WATCHDOG=1");
+    EXPECT_EQ(manager.receive().text, "WATCHDOG=1");
 }
 
 TEST(ServiceNotification, SupportsAbstractNames) {
     const std::string name = "@vesk-test-" + std::to_string(getpid());
-    const Manager manager(name);
+    const NotificationSocket manager(name);
     setenv("NOTIFY_SOCKET", name.c_str(), 1);
     ServiceNotification::fromEnvironment().status("abstract");
     unsetenv("NOTIFY_SOCKET");
-    EXPECT_EQ(manager.received(), "STATUS=abstract");
+    EXPECT_EQ(manager.receive().text, "STATUS=abstract");
 }
 
 TEST(ServiceNotification, ReadsTheWatchdogInterval) {
@@ -83,6 +55,20 @@ TEST(ServiceNotification, ReadsTheWatchdogInterval) {
     EXPECT_EQ(interval("3000000", std::to_string(getppid())), std::nullopt);
     EXPECT_EQ(interval("soon", std::to_string(getpid())), std::nullopt);
     EXPECT_EQ(ServiceNotification::fromEnvironment().watchdogInterval(), std::nullopt);
+}
+
+TEST(ServiceNotification, StoresDescriptors) {
+    const TemporaryFolder folder;
+    const NotificationSocket manager((folder.path() / "notify").string());
+    const ServiceNotification notification{manager.name()};
+    notification.store("ours", STDIN_FILENO);
+    const NotificationSocket::Message stored = manager.receive();
+    EXPECT_EQ(stored.text, "FDSTORE=1\nFDNAME=ours");
+    EXPECT_TRUE(stored.descriptor);
+    notification.removeStored("ours");
+    const NotificationSocket::Message removed = manager.receive();
+    EXPECT_EQ(removed.text, "FDSTOREREMOVE=1\nFDNAME=ours");
+    EXPECT_FALSE(removed.descriptor);
 }
 
 TEST(ServiceNotification, IgnoresAMissingServiceManager) {

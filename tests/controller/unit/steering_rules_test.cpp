@@ -8,6 +8,7 @@
 #include "configuration_text.h"
 #include "datapath/wire/layout.h"
 #include "steering/steering_counters.h"
+#include "steering/steering_map.h"
 
 namespace vesk::controller {
 namespace {
@@ -95,6 +96,39 @@ TEST(SteeringRules, LetLabelsStayAndFollowOneByOne) {
     EXPECT_EQ(steeringStayEnd(4500),
               "flush chain inet vesk_4500 stay\nflush map inet vesk_4500 staying\n"
               "flush set inet vesk_4500 moved\n");
+}
+
+TEST(SteeringMap, IsReadFromTheListingOfTheSameRules) {
+    const SteeringPlan plan{"0.0.0.0", 4500, 16, {4501, 4502}, 4501, 4503};
+    const std::string mark = steeringMark(plan);
+    EXPECT_THAT(steeringRules(plan), HasSubstr("comment \"" + mark + "\""));
+    const std::string listing =
+        "table inet vesk_4500 {\n\tmap instances {\n\t\ttypeof @th,192,16 : udp dport\n"
+        "\t\tcomment \"" +
+        mark + "\"\n\t\telements = { 0x0 : 4503,\n\t\t\t     0x1f : 4502 }\n\t}\n}\n";
+    EXPECT_EQ(parseSteeringMap(listing, mark), (SteeringMap{{0, 4503}, {0x1f, 4502}}));
+    EXPECT_TRUE(parseSteeringMap(listing, mark + "0").empty());
+    EXPECT_TRUE(parseSteeringMap(listing.substr(0, listing.find("elements")), mark).empty());
+    EXPECT_TRUE(parseSteeringMap("", mark).empty());
+}
+
+TEST(SteeringMap, HasAMarkThatOnlyThePortsInUseDoNotChange) {
+    const SteeringPlan plan{"0.0.0.0", 4500, 16, {4501, 4502}, 4501, 4503};
+    const auto markAfter = [&](auto change) {
+        SteeringPlan changed = plan;
+        change(changed);
+        return steeringMark(changed);
+    };
+    EXPECT_EQ(markAfter([](SteeringPlan& it) { it.ports = {4503, 4501}; }), steeringMark(plan));
+    for (const auto change : {+[](SteeringPlan& it) { it.host = "::"; },
+                              +[](SteeringPlan& it) { it.publicPort = 4499; },
+                              +[](SteeringPlan& it) { it.labelOffset = 34; },
+                              +[](SteeringPlan& it) {
+                                  it.ports = {1, 2, 3, 4};
+                              },
+                              +[](SteeringPlan& it) { it.lastPort = 4504; }}) {
+        EXPECT_NE(markAfter(change), steeringMark(plan));
+    }
 }
 
 TEST(SteeringCounters, AreReadFromTheListing) {
