@@ -86,6 +86,7 @@ def test_a_rolling_restart_loses_nothing(
     took = time.monotonic() - began
     assert generator.is_sending(), "the traffic ended too early for this check"
     counts = generator.check_nothing_lost()
+    assert counts["sent"] > 0.9 * _RATE * end.traffic_seconds, "this machine is too slow for this check"
     for host in range(1, SPARE + 1):
         assert fleet.balancer.sent(place.address, ipv4(host)) > 0
     print(f"{counts['sent']} requests, none lost; the restart took {took:.1f} s")
