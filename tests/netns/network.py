@@ -11,6 +11,7 @@ import os
 import shutil
 import subprocess
 from contextlib import contextmanager
+from pathlib import Path
 from typing import Iterator, List
 
 from framework.udp import UdpEnd
@@ -52,6 +53,15 @@ class Namespace:
 
     def ip(self, *words: str) -> None:
         self.run("ip", *words)
+
+    def nft(self, text: str) -> None:
+        """Changes the packet filter of this namespace in one transaction."""
+        subprocess.run([*self.prefix, "nft", "-f", "-"], input=text, text=True, check=True)
+
+    def set(self, name: str, value: str) -> None:
+        """Sets a kernel parameter of this namespace, such as "net/ipv4/ip_forward"."""
+        with self.inside():
+            Path(f"/proc/sys/{name}").write_text(value, encoding="ascii")
 
     @contextmanager
     def inside(self) -> Iterator[None]:

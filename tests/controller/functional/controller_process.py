@@ -61,17 +61,18 @@ def is_alive(pid: int) -> bool:
 
 
 class ControllerProcess:
-    """One controller with its forwarder."""
+    """One controller with its forwarder. `instead` replaces the command that VESK_CONTROLLER names."""
 
     def __init__(self, configuration: ConfigurationFile, *arguments: str,
                  environment: Optional[Dict[str, str]] = None, read: bool = True,
-                 prefix: Sequence[str] = (), descriptors: Sequence[int] = ()) -> None:
+                 prefix: Sequence[str] = (), instead: Sequence[str] = (),
+                 descriptors: Sequence[int] = ()) -> None:
         self.configuration = configuration
         self.lines: List[str] = []
         self._changed = threading.Condition()
         self._ended = False
         self._process = subprocess.Popen(
-            [*prefix, *command(configuration, *arguments)], cwd=configuration.folder,
+            [*prefix, *(instead or command(configuration, *arguments))], cwd=configuration.folder,
             stdin=subprocess.DEVNULL, stdout=subprocess.DEVNULL, stderr=subprocess.PIPE,
             env={**os.environ, **(environment or {})}, pass_fds=descriptors)
         self._reader = threading.Thread(target=self._read, daemon=True)

@@ -5,7 +5,6 @@ from __future__ import annotations
 import contextlib
 import http.client
 import itertools
-from pathlib import Path
 from typing import Callable, Dict, List, Optional, Union
 
 from configuration_file import ConfigurationFile
@@ -38,8 +37,7 @@ class Host:
 
     def set(self, name: str, value: str) -> None:
         """Sets a kernel parameter of the namespace."""
-        with self.namespace.inside():
-            Path(f"/proc/sys/{name}").write_text(value, encoding="ascii")
+        self.namespace.set(name, value)
 
     def flow(self, name: str, label: int) -> Flow:
         flow = Flow(label=label, **four_keys())

@@ -11,24 +11,26 @@ from network import Namespace
 
 
 class NameServer:
-    """Answers for names below "example" on 127.0.0.1 of the namespace."""
+    """Answers for names below "example" on an address of the namespace."""
 
-    def __init__(self, namespace: Namespace, folder: Path, addresses: Dict[str, str]) -> None:
+    def __init__(self, namespace: Namespace, folder: Path, addresses: Dict[str, str],
+                 listen: str = "127.0.0.1") -> None:
         self._hosts = folder / "hosts"
-        self._resolver = folder / "resolv.conf"
-        self._resolver.write_text("nameserver 127.0.0.1\n", encoding="ascii")
+        #: The resolver's file that names this server.
+        self.resolver = folder / "resolv.conf"
+        self.resolver.write_text(f"nameserver {listen}\n", encoding="ascii")
         self._write(addresses)
         self._process = subprocess.Popen(
             [*namespace.prefix, "dnsmasq", "--conf-file=/dev/null", "--no-daemon", "--log-facility=-",
              "--pid-file=", "--user=root", "--no-resolv", "--no-hosts", f"--addn-hosts={self._hosts}",
-             "--local=/example/", "--listen-address=127.0.0.1", "--bind-interfaces"],
+             "--local=/example/", f"--listen-address={listen}", "--bind-interfaces"],
             stderr=subprocess.PIPE, text=True)
         self._wait_for("]: started", "]: read")
 
     def prefix(self) -> List[str]:
         """The command prefix that makes a command use this server."""
         return ["unshare", "--mount", "sh", "-c",
-                'mount --bind "$0" /etc/resolv.conf && exec "$@"', str(self._resolver)]
+                'mount --bind "$0" /etc/resolv.conf && exec "$@"', str(self.resolver)]
 
     def answer(self, addresses: Dict[str, str]) -> None:
         """Changes all addresses."""

@@ -5,18 +5,20 @@ from __future__ import annotations
 import json
 import os
 import subprocess
-from typing import Dict, List
+from typing import Dict, List, Sequence
 
 from framework.timing import scaled
 
 PORT = 4500
-_UPSTREAM = 5000
+_DEFAULTS = {"--label-step": 65536, "--port": PORT, "--upstream-port": 5000}
 
 
 def _words(*more: object) -> List[str]:
-    upstream = () if "--upstream-port" in more else ("--upstream-port", _UPSTREAM)
-    return [os.environ["VESK_TRAFFIC"], "--label-step", "65536", "--port", str(PORT),
-            *map(str, (*upstream, *more))]
+    words = list(map(str, more))
+    for option, value in _DEFAULTS.items():
+        if option not in words:
+            words += [option, str(value)]
+    return [os.environ["VESK_TRAFFIC"], *words]
 
 
 def configuration_text(flows: int, *options: object) -> str:
@@ -28,13 +30,14 @@ def configuration_text(flows: int, *options: object) -> str:
 class Generator:
     """Sends at a fixed rate for some seconds and verifies every reply."""
 
-    def __init__(self, controller: int, flows: int, rate: int, seconds: float,
-                 *options: object) -> None:
+    def __init__(self, process: int, flows: int, rate: int, seconds: float,
+                 *options: object, prefix: Sequence[str] = ()) -> None:
         self._seconds = seconds
-        # One process id is required; the time that it uses is not looked at.
+        # The id of a process that outlives the traffic is required; the time that it uses is not looked at.
         self._process = subprocess.Popen(
-            _words("--flows", flows, "--rate", rate, "--duration", seconds, "--loss-timeout", 1,
-                   "--verify-every", 1, "--pid", controller, "--allow-loss", "--json", *options),
+            [*prefix, *_words("--flows", flows, "--rate", rate, "--duration", seconds,
+                              "--loss-timeout", 1, "--verify-every", 1, "--pid", process,
+                              "--allow-loss", "--json", *options)],
             stdout=subprocess.PIPE, stderr=subprocess.PIPE, text=True)
 
     def is_sending(self) -> bool:
