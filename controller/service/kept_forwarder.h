@@ -4,12 +4,12 @@
 #pragma once
 
 #include <array>
-#include <compare>
 #include <cstddef>
 #include <cstdint>
 #include <optional>
 #include <string>
 #include <string_view>
+#include <tuple>
 
 #include "child/forwarder_session.h"
 #include "service/service_notification.h"
@@ -25,7 +25,10 @@ inline constexpr std::array keptParts{KeptPart::process, KeptPart::output, KeptP
 struct KeptPlace {
     std::size_t number = 0;
     std::uint16_t port = 0;
-    std::strong_ordering operator<=>(const KeptPlace&) const = default;
+    bool operator==(const KeptPlace&) const = default;
+    bool operator<(const KeptPlace& other) const {
+        return std::tie(number, port) < std::tie(other.number, other.port);
+    }
 };
 
 struct KeptName {

@@ -21,7 +21,7 @@ constexpr std::int64_t most = 1 << 20;
 
 /// What precedes the next colon, which is removed with it.
 std::string takeName(std::string_view& names) {
-    const std::string name(names.substr(0, names.find(':')));
+    std::string name(names.substr(0, names.find(':')));
     names.remove_prefix(std::min(name.size() + 1, names.size()));
     return name;
 }

@@ -3,7 +3,6 @@
 from __future__ import annotations
 
 import re
-import subprocess
 from collections import defaultdict
 from pathlib import Path
 from typing import Callable, Dict, List, Tuple
@@ -12,6 +11,7 @@ import pytest
 
 from framework.batches import receive_all, stopped
 from framework.bench import Bench
+from framework.bind_mount import with_file_at
 from framework.fixtures import StartVesk
 from framework.flow import Flow, four_keys
 from framework.statistics import report, wait_for_report
@@ -32,12 +32,7 @@ def with_processors(count: int, folder: Path) -> List[str]:
     """The command prefix under which a process finds this number of processors."""
     online = folder / "online"
     online.write_text(f"0-{count - 1}\n", encoding="ascii")
-    prefix = ["unshare", "--mount", "sh", "-c", f'mount --bind "$0" {_ONLINE} && exec "$@"',
-              str(online)]
-    attempt = subprocess.run([*prefix, "true"], capture_output=True, check=False)
-    if attempt.returncode:
-        pytest.skip(f"mounts are not allowed here: {attempt.stderr.decode(errors='replace')}")
-    return prefix
+    return with_file_at(_ONLINE, online)
 
 
 @pytest.fixture

@@ -7,6 +7,7 @@ import subprocess
 from pathlib import Path
 from typing import Dict, List
 
+from framework.bind_mount import with_file_at
 from network import Namespace
 
 
@@ -29,8 +30,7 @@ class NameServer:
 
     def prefix(self) -> List[str]:
         """The command prefix that makes a command use this server."""
-        return ["unshare", "--mount", "sh", "-c",
-                'mount --bind "$0" /etc/resolv.conf && exec "$@"', str(self.resolver)]
+        return with_file_at("/etc/resolv.conf", self.resolver)
 
     def answer(self, addresses: Dict[str, str]) -> None:
         """Changes all addresses."""
