@@ -154,7 +154,8 @@ Adoption adoptForwarders(Descriptors passed, const Configuration& configuration,
     adoption.ports = steered.value_or(std::vector<std::uint16_t>(
         isSteered(configuration) ? configuration.forwarder.instances : 0));
     Descriptors refused;
-    for (auto& [place, set] : setsOf(std::move(passed), refused)) {
+    std::map<KeptPlace, Descriptors> sets = setsOf(std::move(passed), refused);
+    for (auto& [place, set] : sets) {
         if (!fits(place, configuration) || !isComplete(set)) {
             moveTo(refused, set);
             continue;

@@ -21,7 +21,8 @@ _ADDRESS = "10.0.0.1"
 def _check(folder: Path, environment: Dict[str, str], host: str = "host") -> "subprocess.CompletedProcess[str]":
     """Has the folder checked on a host of this name."""
     command = f"hostname {host} && exec {shlex.quote(_CONTROLLER)} --check {shlex.quote(str(folder))}"
-    return subprocess.run(["unshare", "--user", "--map-root-user", "--uts", "sh", "-c", command], text=True, timeout=60,
+    user = [] if os.geteuid() == 0 else ["--user", "--map-root-user"]
+    return subprocess.run(["unshare", *user, "--uts", "sh", "-c", command], text=True, timeout=60,
                           env={**os.environ, **environment}, stdout=subprocess.PIPE, stderr=subprocess.PIPE,
                           check=False)
 

@@ -57,7 +57,9 @@ TEST(PassedDescriptors, MayHaveNoNames) {
 }
 
 TEST(PassedDescriptors, AreOnlyThoseThatAreOpen) {
-    const auto check = [](std::vector<PassedDescriptor> passed) { return passed.size() == 1; };
+    const auto check = [](const std::vector<PassedDescriptor>& passed) {
+        return passed.size() == 1;
+    };
     EXPECT_EQ(withDescriptors(1, "4", "a:b:c:d", check), 0);
 }
 

@@ -119,16 +119,13 @@ TEST(SteeringMap, HasAMarkThatOnlyThePortsInUseDoNotChange) {
         change(changed);
         return steeringMark(changed);
     };
-    EXPECT_EQ(markAfter([](SteeringPlan& it) { it.ports = {4503, 4501}; }), steeringMark(plan));
-    for (const auto change : {+[](SteeringPlan& it) { it.host = "::"; },
-                              +[](SteeringPlan& it) { it.publicPort = 4499; },
-                              +[](SteeringPlan& it) { it.labelOffset = 34; },
-                              +[](SteeringPlan& it) {
-                                  it.ports = {1, 2, 3, 4};
-                              },
-                              +[](SteeringPlan& it) { it.lastPort = 4504; }}) {
-        EXPECT_NE(markAfter(change), steeringMark(plan));
-    }
+    const std::string mark = steeringMark(plan);
+    EXPECT_EQ(markAfter([](SteeringPlan& it) { it.ports = {4503, 4501}; }), mark);
+    EXPECT_NE(markAfter([](SteeringPlan& it) { it.host = "::"; }), mark);
+    EXPECT_NE(markAfter([](SteeringPlan& it) { it.publicPort = 4499; }), mark);
+    EXPECT_NE(markAfter([](SteeringPlan& it) { it.labelOffset = 34; }), mark);
+    EXPECT_NE(markAfter([](SteeringPlan& it) { it.ports = {1, 2, 3, 4}; }), mark);
+    EXPECT_NE(markAfter([](SteeringPlan& it) { it.lastPort = 4504; }), mark);
 }
 
 TEST(SteeringCounters, AreReadFromTheListing) {
