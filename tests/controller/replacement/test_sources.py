@@ -45,9 +45,8 @@ def test_others_lose_nothing_and_each_has_a_short_gap(configuration: Configurati
     _write(configuration)
     controller = start_controller()
     controller.wait_for(_READY)
-    seconds = scaled(5)
-    others = start_generator(controller.pid, FLOWS, _RATE_OF_OTHERS, seconds)
-    moved = start_generator(controller.pid, _SOURCES, _SOURCES * _RATE_OF_EACH, seconds, *_OPTIONS)
+    others = start_generator(controller.pid, FLOWS, _RATE_OF_OTHERS)
+    moved = start_generator(controller.pid, _SOURCES, _SOURCES * _RATE_OF_EACH, *_OPTIONS)
     wait_until(lambda: samples(METRICS)["vesk_flow_sockets"] == FLOWS + _SOURCES,
                "all flows have their sockets", 10)
     since = replace(controller)
@@ -56,7 +55,6 @@ def test_others_lose_nothing_and_each_has_a_short_gap(configuration: Configurati
             f"info controller: instance {instance}: moved {_SOURCES // INSTANCES} flows with a "
             "source to the new forwarder; the old one drains", since)
     controller.wait_for(DONE, since)
-    assert others.is_sending() and moved.is_sending(), "the traffic ended too early for this check"
     others.check_nothing_lost()
     counts = moved.result()
     assert not any(counts[name] for name in ("late", "wrong", "unexpected", "wrong_source")), counts
