@@ -98,7 +98,7 @@ def test_the_new_forwarder_gets_all_flows_if_the_old_one_ends(
         controller.wait_for(
             "error controller: instance 0: the old forwarder ended before all its flows with a source "
             f"had been moved; left: {left}", since)
-    assert re.search(r"map staying \{\s*typeof @th,192,32 : udp dport\s*\}",
-                     nft("list", "map", "inet", f"vesk_{PORT}", "staying"))
+    # Those of the next instance may be there already.
+    assert f": {PORT + 1}" not in nft("list", "map", "inet", f"vesk_{PORT}", "staying")
     controller.wait_for(DONE, since)
     assert controller.finish() == 0
