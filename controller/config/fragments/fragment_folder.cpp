@@ -5,7 +5,6 @@
 #include <system_error>
 #include <utility>
 
-#include "config/fragments/fragment_merge.h"
 #include "config/fragments/fragment_reader.h"
 #include "config/key_mask.h"
 #include "config/problem.h"
@@ -107,7 +106,7 @@ void FragmentFolder::merge(FolderReading& reading) {
     FragmentMerge merged(readable ? &owner->present() : nullptr, owner ? owner->file : problem_);
     reading.complete = true;
     for (auto& [name, entry] : entries_) {
-        judge(entry, merged.problemsWith(*entry.read, entry.file), reading);
+        judge(entry, merged, reading);
         if (entry.applied) {
             merged.add(*entry.applied, entry.file);
         }
@@ -120,9 +119,9 @@ void FragmentFolder::merge(FolderReading& reading) {
 }
 
 /// Decides whether the fragment applies as it was read.
-void FragmentFolder::judge(Entry& entry, const Problems& conflicts, FolderReading& reading) {
+void FragmentFolder::judge(Entry& entry, FragmentMerge& merged, FolderReading& reading) {
     Problems problems = entry.read->problems;
-    std::ranges::copy(conflicts, std::back_inserter(problems));
+    std::ranges::copy(merged.problemsWith(*entry.read, entry.file), std::back_inserter(problems));
     std::ranges::stable_sort(problems, {}, &Problem::line);
     std::vector<std::string> errors;
     for (const Problem& problem : problems) {
@@ -136,12 +135,19 @@ void FragmentFolder::judge(Entry& entry, const Problems& conflicts, FolderReadin
     } else {
         reading.complete = false;
         if (entry.readAgain || errors != entry.errors) {
-            reading.errors.push_back(
-                {errors, unusable(entry.file, entry.applied ? "its flows are unchanged"
-                                                            : "its flows are not served")});
+            reading.errors.push_back({errors, unusable(entry.file, consequenceOf(entry, merged))});
         }
     }
     entry.errors = std::move(errors);
+}
+
+std::string FragmentFolder::consequenceOf(const Entry& entry, const FragmentMerge& merged) {
+    if (!entry.applied) {
+        return "its flows are not served";
+    }
+    return merged.areFree(*entry.applied)
+               ? "its flows are unchanged"
+               : "its flows are unchanged, except those that an earlier fragment replaces";
 }
 
 /// At the start the settings of a fragment apply even if its flows have an error.

@@ -13,6 +13,7 @@
 #include "config/configuration_reader.h"
 #include "config/file_state.h"
 #include "config/fragments/fragment.h"
+#include "config/fragments/fragment_merge.h"
 
 namespace vesk::controller {
 
@@ -65,7 +66,8 @@ class FragmentFolder {
     FolderReading refuse(const std::string& problem, FilesToRead files);
     const Entry* settingsOwner() const;
     void merge(FolderReading& reading);
-    static void judge(Entry& entry, const Problems& conflicts, FolderReading& reading);
+    static void judge(Entry& entry, FragmentMerge& merged, FolderReading& reading);
+    static std::string consequenceOf(const Entry& entry, const FragmentMerge& merged);
     void applySettings(const Entry* owner, FolderReading& reading);
 
     std::filesystem::path folder_;
