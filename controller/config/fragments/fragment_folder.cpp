@@ -35,9 +35,15 @@ std::map<std::string, FileState> listFragments(const std::filesystem::path& fold
     return found;
 }
 
-bool keysChanged(const Fragment& fragment) {
-    return std::ranges::any_of(fragment.keyFiles,
-                               [](const KeyFile& it) { return stateOf(it.path) != it.state; });
+/// Whether any has changed. They are compared with their present state the next time.
+bool foldersChanged(std::map<std::string, FileState>& folders) {
+    bool changed = false;
+    for (auto& [path, state] : folders) {
+        const FileState present = stateOf(path);
+        changed = changed || state != present;
+        state = present;
+    }
+    return changed;
 }
 
 std::string unusable(const std::string& file, const std::string& consequence) {
@@ -75,6 +81,14 @@ FolderReading FragmentFolder::refuse(const std::string& problem, FilesToRead fil
     return reading;
 }
 
+bool FragmentFolder::keysChanged(Entry& entry, FilesToRead files) {
+    if (files == FilesToRead::changedFolders && !foldersChanged(entry.keyFolders)) {
+        return false;
+    }
+    return std::ranges::any_of(entry.read->keyFiles,
+                               [](const KeyFile& it) { return stateOf(it.path) != it.state; });
+}
+
 /// False if no file was read and none has vanished.
 bool FragmentFolder::readFiles(const std::map<std::string, FileState>& found, FilesToRead files) {
     bool changed =
@@ -82,11 +96,12 @@ bool FragmentFolder::readFiles(const std::map<std::string, FileState>& found, Fi
     for (const auto& [name, state] : found) {
         Entry& entry = entries_[name];
         entry.readAgain = !entry.read || files == FilesToRead::all || entry.state != state ||
-                          keysChanged(*entry.read);
+                          keysChanged(entry, files);
         if (entry.readAgain) {
             entry.file = (folder_ / name).string();
             entry.state = state;
             entry.read = std::make_shared<const Fragment>(readFragment(entry.file, rules_));
+            entry.keyFolders = entry.read->keyFolders;
             changed = true;
         }
     }
