@@ -116,7 +116,7 @@ def _files(package: Path) -> Dict[str, str]:
 def _dependencies(package: Path) -> Dict[str, str]:
     """The lowest version, or "", of each package that a package needs; of alternatives, of the first one."""
     first = (word.split("|")[0].split(maxsplit=1)
-             for word in _output("dpkg-deb", "--field", package, "Depends").decode().split(","))
+             for word in _output("dpkg-deb", "--field", package, "Depends").decode().strip().split(","))
     return {name: " ".join(version).strip(" ()") for name, *version in first}
 
 
