@@ -108,9 +108,13 @@ def _version(control: str) -> str:
 
 def _files(package: Path) -> Dict[str, str]:
     """The checksum of each file of a package, by its path on the host."""
+    found = {}
     with tarfile.open(fileobj=io.BytesIO(_output("dpkg-deb", "--fsys-tarfile", package))) as archive:
-        return {member.name[1:]: hashlib.sha256(archive.extractfile(member).read()).hexdigest()  # type: ignore[union-attr]
-                for member in archive if member.isfile()}
+        for member in archive:
+            file = archive.extractfile(member) if member.isfile() else None
+            if file is not None:
+                found[member.name[1:]] = hashlib.sha256(file.read()).hexdigest()
+    return found
 
 
 def _dependencies(package: Path) -> Dict[str, str]:
