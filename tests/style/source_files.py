@@ -8,7 +8,7 @@ import re
 from pathlib import Path, PurePosixPath
 from typing import Dict, Iterator, List, Optional
 
-FOLDERS = ("src", "controller", "tools", "bench", "dissector", "scripts", "tests")
+FOLDERS = ("src", "controller", "tools", "bench", "dissector", "scripts", "vectors", "tests")
 # Where the C++ files in a folder find headers, in addition to their own folder.
 HEADER_FOLDERS = {
     "src": ("src",),
