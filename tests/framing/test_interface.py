@@ -64,8 +64,8 @@ def test_symbols_file_of_the_package_lists_each_function() -> None:
 
 
 def compared(description: Path) -> "subprocess.CompletedProcess[str]":
-    return subprocess.run(["abidiff", "--headers-dir2", str(_HEADER.parent), str(description), str(_LIBRARY)],
-                          text=True, timeout=60, stdout=subprocess.PIPE, stderr=subprocess.STDOUT, check=False)
+    return subprocess.run(["abidiff", "--no-architecture", str(description), str(_LIBRARY)], text=True, timeout=60,
+                          stdout=subprocess.PIPE, stderr=subprocess.STDOUT, check=False)
 
 
 _NEEDS_ABIDIFF = pytest.mark.skipif(shutil.which("abidiff") is None, reason="abigail-tools is not installed")
@@ -81,7 +81,8 @@ def test_binary_interface_is_the_described_one() -> None:
 @pytest.mark.parametrize("before, after", [
     ("vesk_framing_relabel", "vesk_framing_rename"),
     ("<enumerator name='VESK_FRAMING_NO_ROOM' value='7'/>", "<enumerator name='VESK_FRAMING_NO_ROOM' value='77'/>"),
-    ("<data-member access='public' layout-offset-in-bits='32'>", "<data-member access='public' layout-offset-in-bits='64'>"),
+    ("layout-offset-in-bits='32'", "layout-offset-in-bits='64'"),
+    ("name='vesk_framing_content' size-in-bits='320'", "name='vesk_framing_content' size-in-bits='256'"),
 ])
 def test_another_interface_is_noticed(before: str, after: str, tmp_path: Path) -> None:
     text = _DESCRIPTION.read_text()
