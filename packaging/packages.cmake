@@ -90,6 +90,7 @@ set(CPACK_DEBIAN_FRAMING_PACKAGE_NAME libvesk-framing1)
 set(CPACK_DEBIAN_FRAMING_PACKAGE_SOURCE vesk)
 set(CPACK_DEBIAN_FRAMING_PACKAGE_SECTION libs)
 set(CPACK_DEBIAN_FRAMING_PACKAGE_CONTROL_EXTRA
+    ${debian}/libvesk-framing1/postinst ${debian}/libvesk-framing1/postrm
     ${debian}/libvesk-framing1/shlibs ${debian}/libvesk-framing1/symbols ${debian}/libvesk-framing1/triggers)
 set(CPACK_DEBIAN_FRAMING_DESCRIPTION "datagrams of the Vesk forwarder
 Makes, checks and relabels the datagrams that the Vesk forwarder accepts and

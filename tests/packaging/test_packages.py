@@ -162,6 +162,12 @@ def test_development_files_are_those_of_the_library(packages: Packages) -> None:
     assert field(packages["libvesk-framing-dev"], "Depends") == f"libvesk-framing1 (= {version})"
 
 
+def test_development_files_name_the_installed_folders(packages: Packages, tmp_path: Path) -> None:
+    run("dpkg-deb", "--extract", packages["libvesk-framing-dev"], tmp_path)
+    (description,) = tmp_path.rglob("vesk-framing.pc")
+    assert f"prefix=/usr\nlibdir=${{prefix}}/lib/{_MULTIARCH}\n" in description.read_text()
+
+
 @pytest.mark.parametrize("name", _COMPILED)
 def test_programs_are_stripped(packages: Packages, name: str, tmp_path: Path) -> None:
     run("dpkg-deb", "--extract", packages[name], tmp_path)
