@@ -141,7 +141,7 @@ def test_every_command_does_what_is_shown(shell: Shell, tree: Path, temporary: P
     build, *walk = blocks()
     assert "cmake --build" in build.commands and len(walk) >= 5
     for block in walk:
-        if "curl" in block.commands:
+        if "curl" in block.commands or "tshark" in block.commands:
             wait_until(lambda: has_figures(ports[METRICS_PORT]), "the metrics show traffic")
         if block.commands.startswith("head "):
             name = block.commands.split()[3]

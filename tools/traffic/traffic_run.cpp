@@ -54,7 +54,11 @@ TrafficRun::TrafficRun(const TrafficOptions& options, std::uint16_t forwarderPor
       pool_(*options.framing, plans, options.payload, poolSize(options), options.burst),
       ledger_(pool_.size(), nanoseconds(options.lossTimeout),
               [this](std::size_t number) { return pool_.flowOf(number); }),
-      ends_(options, forwarderPort, service, pool_, ledger_) {}
+      ends_(options, forwarderPort, service, pool_, ledger_) {
+    if (options.command.empty()) {
+        endRequest_.emplace();
+    }
+}
 
 TrafficResult TrafficRun::run() {
     TrafficResult result;
@@ -118,7 +122,8 @@ void TrafficRun::openFlows() {
 
 void TrafficRun::carry(Pacer& pacer, double seconds, std::uint64_t requests) {
     const std::int64_t end = nowNanoseconds() + nanoseconds(seconds);
-    for (std::int64_t now = nowNanoseconds(); now < end && requests > 0; now = nowNanoseconds()) {
+    for (std::int64_t now = nowNanoseconds(); now < end && requests > 0 && !hasToEnd(now);
+         now = nowNanoseconds()) {
         ledger_.expire(now);
         const std::size_t due =
             std::min<std::uint64_t>({pacer.due(now, ledger_.outstanding()), batchSize, requests});
@@ -127,6 +132,10 @@ void TrafficRun::carry(Pacer& pacer, double seconds, std::uint64_t requests) {
         requests -= sent;
         ends_.serve(options_.spin ? 0 : std::min(pacer.pause(nowNanoseconds()), end - now));
     }
+}
+
+bool TrafficRun::hasToEnd(std::int64_t now) {
+    return endRequest_ && endRequest_->arrived(now);
 }
 
 void TrafficRun::drain() {

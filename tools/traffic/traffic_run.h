@@ -8,6 +8,7 @@
 #include "lib/flow_plan.h"
 #include "lib/process_usage.h"
 #include "lib/udp_socket.h"
+#include "traffic/end_request.h"
 #include "traffic/options.h"
 #include "traffic/pacer.h"
 #include "traffic/request_ledger.h"
@@ -38,6 +39,7 @@ class TrafficRun {
     void awaitForwarder();
     void openFlows();
     void carry(Pacer& pacer, double seconds, std::uint64_t requests);
+    bool hasToEnd(std::int64_t now);
     void drain();
     Pacer makePacer() const;
     std::optional<ProcessUsage> measuredUsage() const;
@@ -47,6 +49,8 @@ class TrafficRun {
     DatagramPool pool_;
     RequestLedger ledger_;
     TrafficEnds ends_;
+    /// None if the run has a forwarder of its own: signals end it at once then.
+    std::optional<EndRequest> endRequest_;
 };
 
 }  // namespace vesk::bench

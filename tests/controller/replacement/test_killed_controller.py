@@ -15,7 +15,7 @@ from controller_process import ControllerProcess, is_alive
 from conversation import Conversation, ask_until_answered
 from descriptor_store import DescriptorStore
 from framework.flow import Flow, four_keys
-from framework.timing import scaled, wait_until
+from framework.timing import wait_until
 from framework.udp import UdpEnd
 from generator import Generator
 from instances import (DONE, FLOWS, INSTANCES, METRICS, PORT, RATE, READY, all_forwarders,
@@ -51,7 +51,7 @@ def test_a_killed_controller_stops_no_traffic(
     controller = start_controller(environment=store.environment)
     controller.wait_for(READY)
     store.wait_for(*_names((0, 4501), (1, 4502)))
-    generator = start_generator(os.getpid(), FLOWS, RATE, scaled(8))
+    generator = start_generator(os.getpid(), FLOWS, RATE)
 
     old = _kill(controller)
     controller = start_controller(**store.passed())
@@ -73,7 +73,6 @@ def test_a_killed_controller_stops_no_traffic(
     told = len(store.told)
     controller = start_controller(**store.passed())
     controller.wait_for(DONE)
-    assert generator.is_sending(), "the traffic ended too early for this check"
     assert "READY=1" in store.told[told:]
     assert samples(METRICS)['vesk_replacements_total{outcome="done"}'] == 1
     assert tables() == ["table inet vesk_4500"]
