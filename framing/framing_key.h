@@ -1,4 +1,4 @@
-// The keys of vesk_framing.h.
+// The keys of vesk_framing.h, and what its functions do with them. One thread at a time uses a key.
 #pragma once
 
 #include <cstdint>

@@ -1,33 +1,13 @@
 // The framing library. The first byte of the input chooses the framing version, the rest is the
 // datagram, in a buffer of exactly its size.
-#include <memory>
-
 #include "support/byte_reader.h"
 #include "support/keys.h"
+#include "support/library_key.h"
 #include "support/require.h"
 #include "vesk_framing.h"
 
 namespace vesk::fuzz {
 namespace {
-
-struct FreeLibraryKey {
-    void operator()(vesk_framing_key* key) const { vesk_framing_key_free(key); }
-};
-using LibraryKey = std::unique_ptr<vesk_framing_key, FreeLibraryKey>;
-
-LibraryKey libraryKey(const TestKey& key) {
-    vesk_framing_key* made = nullptr;
-    const auto digest = key.digest == "sha1" ? VESK_FRAMING_SHA1 : VESK_FRAMING_SHA256;
-    const auto result =
-        key.bytes.empty() ? vesk_framing_key_new_empty(&made)
-                          : vesk_framing_key_new(digest, key.bytes.data(), key.bytes.size(), &made);
-    require(result == VESK_FRAMING_OK, "a key can be made");
-    return LibraryKey(made);
-}
-
-vesk_framing_version libraryVersion(int version) {
-    return version == 1 ? VESK_FRAMING_UDPV1 : VESK_FRAMING_UDPV2;
-}
 
 /// The header bytes between the label and the payload.
 View furtherOf(int version, const Bytes& datagram, std::size_t headerLength) {

@@ -16,7 +16,7 @@ HEADER_FOLDERS = {
     "controller": ("controller", "src"),
     "tools": ("tools", "src"),
     "bench": ("bench", "tools", "src"),
-    "tests/support": ("tests", "src"),
+    "tests/support": ("tests", "framing", "src"),
     "tests/unit/tools": ("tools", "src"),
     "tests/unit/framing": ("framing", "tests/unit", "tests", "src"),
     "tests/unit": ("tests/unit", "tests", "src"),

@@ -10,7 +10,7 @@
 #include <cstdlib>
 #include <new>
 
-#include "framing/owned_key.h"
+#include "support/library_key.h"
 
 namespace vesk {
 namespace {
@@ -51,8 +51,8 @@ class FramingAllocationTest : public testing::TestWithParam<const char*> {
 
 TEST_P(FramingAllocationTest, IsNoneForDatagrams) {
     ASSERT_TRUE(replacesAllocator);
-    const OwnedKey first = ownedKey(key);
-    const OwnedKey second = ownedKey(other);
+    const LibraryKey first = libraryKey(key);
+    const LibraryKey second = libraryKey(other);
     const std::array<std::uint8_t, 2000> payload{};
     std::array<std::uint8_t, VESK_FRAMING_MAX_DATAGRAM> buffer{};
     for (const auto version : {VESK_FRAMING_UDPV1, VESK_FRAMING_UDPV2}) {
@@ -78,7 +78,7 @@ TEST_P(FramingAllocationTest, IsNoneForDatagrams) {
 
 /// The counter would notice an allocation.
 TEST_P(FramingAllocationTest, IsCountedForKeys) {
-    EXPECT_GT(allocationsOf([this] { ownedKey(key); }), 0);
+    EXPECT_GT(allocationsOf([this] { libraryKey(key); }), 0);
 }
 
 INSTANTIATE_TEST_SUITE_P(Digests, FramingAllocationTest, testing::Values("sha1", "sha256"));

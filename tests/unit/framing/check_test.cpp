@@ -2,7 +2,7 @@
 
 #include <vector>
 
-#include "framing/owned_key.h"
+#include "support/library_key.h"
 
 namespace vesk {
 namespace {
@@ -30,10 +30,10 @@ void expectZero(const vesk_framing_fields& fields) {
 
 CheckedDatagram check(int version, const Bytes& datagram, const TestKey& key,
                       const TestKey* other = nullptr) {
-    const OwnedKey first = ownedKey(key);
-    const OwnedKey second = other == nullptr ? nullptr : ownedKey(*other);
+    const LibraryKey first = libraryKey(key);
+    const LibraryKey second = other == nullptr ? nullptr : libraryKey(*other);
     CheckedDatagram checked{VESK_FRAMING_OK, staleFields()};
-    checked.result = vesk_framing_check(versionOf(version), datagram.data(), datagram.size(),
+    checked.result = vesk_framing_check(libraryVersion(version), datagram.data(), datagram.size(),
                                         first.get(), second.get(), &checked.fields);
     return checked;
 }
@@ -99,8 +99,8 @@ TEST_P(FramingCheckTest, LeavesNoFieldsOfADatagramThatItCannotRead) {
 
 TEST_P(FramingCheckTest, RefusesNullPointersAndUnknownVersions) {
     const Bytes datagram = framedDatagram(version, 7, payload, newKey);
-    const OwnedKey key = ownedKey(newKey);
-    const auto known = versionOf(version);
+    const LibraryKey key = libraryKey(newKey);
+    const auto known = libraryVersion(version);
     for (const auto& [framing, bytes, with] :
          std::vector<std::tuple<vesk_framing_version, const std::uint8_t*, vesk_framing_key*>>{
              {static_cast<vesk_framing_version>(0), datagram.data(), key.get()},
@@ -123,36 +123,38 @@ TEST_P(FramingCheckTest, RefusesNullPointersAndUnknownVersions) {
 TEST_P(FramingCheckTest, ParsesWithoutAKey) {
     const Bytes datagram = framedDatagram(version, 7, payload, newKey);
     vesk_framing_fields fields = staleFields();
-    EXPECT_EQ(vesk_framing_parse(versionOf(version), datagram.data(), datagram.size(), &fields),
-              VESK_FRAMING_OK);
+    EXPECT_EQ(
+        vesk_framing_parse(libraryVersion(version), datagram.data(), datagram.size(), &fields),
+        VESK_FRAMING_OK);
     EXPECT_EQ(fields.label, 7U);
     EXPECT_EQ(fields.match, VESK_FRAMING_MATCH_NONE);
     EXPECT_EQ(fields.payload_length, 5U);
-    EXPECT_EQ(vesk_framing_parse(versionOf(version), datagram.data(), datagram.size(), nullptr),
-              VESK_FRAMING_INVALID_ARGUMENT);
+    EXPECT_EQ(
+        vesk_framing_parse(libraryVersion(version), datagram.data(), datagram.size(), nullptr),
+        VESK_FRAMING_INVALID_ARGUMENT);
 }
 
 TEST_P(FramingCheckTest, RelabelsInPlaceWithoutACheck) {
     Bytes datagram = framedDatagram(version, 7, payload, strangeKey);
-    EXPECT_EQ(vesk_framing_relabel(versionOf(version), datagram.data(), datagram.size(), 8,
-                                   ownedKey(newKey).get()),
+    EXPECT_EQ(vesk_framing_relabel(libraryVersion(version), datagram.data(), datagram.size(), 8,
+                                   libraryKey(newKey).get()),
               VESK_FRAMING_OK);
     EXPECT_EQ(datagram, framedDatagram(version, 8, payload, newKey));
 }
 
 TEST_P(FramingCheckTest, LeavesADatagramThatItDoesNotRelabelUnchanged) {
-    const OwnedKey key = ownedKey(newKey);
+    const LibraryKey key = libraryKey(newKey);
     const Bytes before = framedDatagram(version, 7, payload, newKey);
     Bytes datagram = before;
-    EXPECT_EQ(vesk_framing_relabel(versionOf(version), datagram.data(), 19, 8, key.get()),
+    EXPECT_EQ(vesk_framing_relabel(libraryVersion(version), datagram.data(), 19, 8, key.get()),
               VESK_FRAMING_TOO_SHORT);
     EXPECT_EQ(
-        vesk_framing_relabel(versionOf(version), datagram.data(), datagram.size(), 8, nullptr),
+        vesk_framing_relabel(libraryVersion(version), datagram.data(), datagram.size(), 8, nullptr),
         VESK_FRAMING_INVALID_ARGUMENT);
     EXPECT_EQ(vesk_framing_relabel(static_cast<vesk_framing_version>(3), datagram.data(),
                                    datagram.size(), 8, key.get()),
               VESK_FRAMING_INVALID_ARGUMENT);
-    EXPECT_EQ(vesk_framing_relabel(versionOf(version), nullptr, 20, 8, key.get()),
+    EXPECT_EQ(vesk_framing_relabel(libraryVersion(version), nullptr, 20, 8, key.get()),
               VESK_FRAMING_INVALID_ARGUMENT);
     EXPECT_EQ(datagram, before);
 }
@@ -160,7 +162,7 @@ TEST_P(FramingCheckTest, LeavesADatagramThatItDoesNotRelabelUnchanged) {
 INSTANTIATE_TEST_SUITE_P(Versions, FramingCheckTest, testing::Values(1, 2));
 
 TEST(FramingKeyReuseTest, OneKeyMakesAndChecksManyDatagrams) {
-    const OwnedKey key = ownedKey(newKey);
+    const LibraryKey key = libraryKey(newKey);
     for (std::uint32_t label = 0; label < 100; ++label) {
         const Bytes payload(label);
         const vesk_framing_content content{label, nullptr, 0, payload.data(), payload.size()};

@@ -5,10 +5,10 @@
 #include <openssl/evp.h>
 #include <openssl/provider.h>
 
-#include "framing/owned_key.h"
 #include "framing/vector_agreement.h"
 #include "support/child_process.h"
 #include "support/fips_provider.h"
+#include "support/library_key.h"
 
 namespace vesk {
 namespace {
@@ -64,7 +64,7 @@ TEST(FramingFipsTest, AnEmptyKeyNeedsNoProvider) {
     checkInChild([] {
         addFipsProvider({});
         enterFipsMode();
-        EXPECT_NE(ownedKey({}), nullptr);
+        EXPECT_NE(libraryKey({}), nullptr);
     });
 }
 

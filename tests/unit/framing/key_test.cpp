@@ -4,7 +4,7 @@
 #include <set>
 #include <string>
 
-#include "framing/owned_key.h"
+#include "support/library_key.h"
 
 namespace vesk {
 namespace {
@@ -40,7 +40,7 @@ TEST(FramingKeyTest, RefusesUnknownDigestsAndNullPointers) {
 }
 
 TEST(FramingKeyTest, IsNullAfterAFailure) {
-    const OwnedKey other = ownedKey({});
+    const LibraryKey other = libraryKey({});
     vesk_framing_key* key = other.get();
     EXPECT_EQ(vesk_framing_key_new(VESK_FRAMING_SHA1, someBytes.data(), 0, &key),
               VESK_FRAMING_KEY_LENGTH);

@@ -5,7 +5,7 @@
 #include <limits>
 #include <span>
 
-#include "framing/owned_key.h"
+#include "support/library_key.h"
 
 namespace vesk {
 namespace {
@@ -27,7 +27,7 @@ MadeDatagram makeIn(std::size_t capacity, vesk_framing_version version,
     MadeDatagram made;
     made.buffer.assign(capacity, 0xee);
     made.length = 99;
-    made.result = vesk_framing_make(version, &content, ownedKey(makingKey).get(),
+    made.result = vesk_framing_make(version, &content, libraryKey(makingKey).get(),
                                     made.buffer.data(), capacity, &made.length);
     return made;
 }
@@ -91,7 +91,7 @@ TEST(FramingMakeTest, TakesFurtherHeaderBytesInUdpv1Only) {
 
 TEST(FramingMakeTest, TakesAPayloadThatOverlapsTheBuffer) {
     const Bytes payload = toBytes("a payload that is somewhere in the buffer already");
-    const OwnedKey key = ownedKey(makingKey);
+    const LibraryKey key = libraryKey(makingKey);
     const Bytes expected = framedV1(7, payload, makingKey, Bytes(4, 1));
     // At the front, in its place (42), and behind it.
     for (const std::size_t place : {0U, 41U, 42U, 43U, 80U}) {
@@ -109,7 +109,7 @@ TEST(FramingMakeTest, TakesAPayloadThatOverlapsTheBuffer) {
 }
 
 TEST(FramingMakeTest, RefusesNullPointersAndUnknownVersions) {
-    const OwnedKey key = ownedKey(makingKey);
+    const LibraryKey key = libraryKey(makingKey);
     const Bytes payload(1);
     const vesk_framing_content content = contentOf(payload);
     const vesk_framing_content noPayload{7, nullptr, 0, nullptr, 1};

@@ -4,7 +4,7 @@
 #include <map>
 #include <span>
 
-#include "framing/owned_key.h"
+#include "support/library_key.h"
 
 namespace vesk {
 
@@ -12,8 +12,8 @@ namespace {
 
 vesk_framing_result checked(int version, const Bytes& datagram, const TestKey& key,
                             vesk_framing_fields& fields) {
-    return vesk_framing_check(versionOf(version), datagram.data(), datagram.size(),
-                              ownedKey(key).get(), nullptr, &fields);
+    return vesk_framing_check(libraryVersion(version), datagram.data(), datagram.size(),
+                              libraryKey(key).get(), nullptr, &fields);
 }
 
 bool opens(const DatagramVector& vector) {
@@ -29,7 +29,7 @@ bool makes(const DatagramVector& vector) {
                                        vector.payload.data(), vector.payload.size()};
     Bytes made(vector.datagram.size(), 0xa5);
     std::size_t length = 0;
-    return vesk_framing_make(versionOf(vector.version), &content, ownedKey(vector.key).get(),
+    return vesk_framing_make(libraryVersion(vector.version), &content, libraryKey(vector.key).get(),
                              made.data(), made.size(), &length) == VESK_FRAMING_OK &&
            length == made.size() && made == vector.datagram &&
            std::ranges::equal(std::span(made).first(vector.hmac.size()), vector.hmac);
@@ -45,8 +45,8 @@ bool libraryAgrees(const RelabelVector& vector) {
     vesk_framing_fields fields{};
     Bytes datagram = vector.in;
     return checked(vector.version, datagram, vector.from, fields) == VESK_FRAMING_OK &&
-           vesk_framing_relabel(versionOf(vector.version), datagram.data(), datagram.size(),
-                                vector.label, ownedKey(vector.to).get()) == VESK_FRAMING_OK &&
+           vesk_framing_relabel(libraryVersion(vector.version), datagram.data(), datagram.size(),
+                                vector.label, libraryKey(vector.to).get()) == VESK_FRAMING_OK &&
            datagram == vector.out;
 }
 

@@ -5,8 +5,8 @@
 
 #include <vector>
 
-#include "framing/owned_key.h"
 #include "framing/vector_agreement.h"
+#include "support/library_key.h"
 
 namespace vesk {
 namespace {
@@ -38,7 +38,7 @@ TEST(FramingVectorsTest, EachRefusedDatagramIsRefusedForItsReason) {
 TEST(FramingVectorsTest, EachRefusedKeyIsRefused) {
     for (const Refusal& refusal : refusals("key")) {
         vesk_framing_key* key = nullptr;
-        EXPECT_EQ(vesk_framing_key_new(digestOf(refusal.key), refusal.key.bytes.data(),
+        EXPECT_EQ(vesk_framing_key_new(libraryDigest(refusal.key), refusal.key.bytes.data(),
                                        refusal.key.bytes.size(), &key),
                   VESK_FRAMING_KEY_LENGTH)
             << refusal.id;
