@@ -36,6 +36,14 @@ std::optional<HostPort> readHostPort(TableReader& table, std::string_view key) {
     return address;
 }
 
+void addKeyFile(const std::filesystem::path& path, KeySources& keys) {
+    const std::filesystem::path folder = path.parent_path();
+    if (!keys.folders.contains(folder.string())) {
+        keys.folders.emplace(folder.string(), stateOf(folder));
+    }
+    keys.files.push_back({path, stateOf(path)});
+}
+
 std::string readKeyOf(TableReader& leg, KeySources& keys) {
     // Read even if it is not used: a key that was not read is reported as unknown.
     const std::optional<std::string> file = leg.text("key_file");
@@ -54,7 +62,7 @@ std::string readKeyOf(TableReader& leg, KeySources& keys) {
     }
     if (file && !leg.has("key")) {
         const std::filesystem::path path = keys.folder / *file;
-        keys.files.push_back({path, stateOf(path)});
+        addKeyFile(path, keys);
         const KeyReading key = readKeyFile(path, keys.allowReadable);
         if (!key.problem.empty()) {
             leg.complain("key_file", "is not usable: " + key.problem);
@@ -176,6 +184,12 @@ void claim(Owners& owners, std::uint32_t number, const std::string& place, Table
 }
 
 }  // namespace
+
+KeySources keySourcesOf(const Document& document, const std::filesystem::path& file,
+                        bool allowReadable) {
+    return {
+        file.parent_path(), allowReadable, document.variables.wholeStrings, std::nullopt, {}, {}};
+}
 
 std::map<std::uint32_t, Flow> readFlows(TableReader& flows, KeySources& keys) {
     std::map<std::uint32_t, Flow> result;

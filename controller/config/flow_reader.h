@@ -12,6 +12,7 @@
 #include <vector>
 
 #include "config/configuration.h"
+#include "config/document.h"
 #include "config/file_state.h"
 #include "config/table_reader.h"
 
@@ -31,7 +32,12 @@ struct KeySources {
     std::set<const toml::node*> fromVariables;
     std::optional<std::uint32_t> firstInlineKey;  ///< its line in the configuration file
     std::vector<KeyFile> files;                   ///< all that are named
+    std::map<std::string, FileState> folders;     ///< of `files`, before the first was read
 };
+
+/// For the keys of this file, before any was read.
+KeySources keySourcesOf(const Document& document, const std::filesystem::path& file,
+                        bool allowReadable);
 
 /// All flows by label. A label or prefix that occurs twice is reported as a problem.
 std::map<std::uint32_t, Flow> readFlows(TableReader& flows, KeySources& keys);

@@ -105,7 +105,7 @@ def has_figures(port: str) -> bool:
 
 def comparable(output: str) -> List[str]:
     """Counts vary between runs, and a capture may begin in the middle of an exchange."""
-    return sorted(re.sub(r"\b[1-9]\d+\s*$", "N", line) for line in output.splitlines())
+    return sorted(re.sub(r"\s+[1-9]\d+\s*$", " N", line) for line in output.splitlines())
 
 
 # A package that asks a question gets no answer, and apt-get reads input that was typed ahead.

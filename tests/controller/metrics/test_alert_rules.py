@@ -54,6 +54,10 @@ _CASES: Dict[str, Case] = {
     "VeskFragmentError": case({'vesk_fragment_errors{fragment="10-alice.toml"}': "1x120"},
                               {'vesk_fragment_errors{fragment="10-alice.toml"}': "1x100 0x20"},
                               fragment="10-alice.toml"),
+    # One answer that is missing does not fire the alert.
+    "VeskPeerUnresolved": case({'vesk_lateral_peer_resolved{peer="2"}': "1x60 0x60",
+                                'vesk_lateral_peer_resolved{peer="1"}': "1x120"},
+                               {'vesk_lateral_peer_resolved{peer="2"}': "1x100 0x20"}, peer="2"),
     "VeskDatagramsRefused": case(
         {**rising("vesk_downstream_receive_errors_total", 6),
          **rising("vesk_downstream_received_datagrams_total", 100)},

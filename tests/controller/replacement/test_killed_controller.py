@@ -19,7 +19,7 @@ from framework.timing import wait_until
 from framework.udp import UdpEnd
 from generator import Generator
 from instances import (DONE, FLOWS, INSTANCES, METRICS, PORT, RATE, READY, all_forwarders,
-                       forwarders, nft, port_of_instances, replace, steer, tables,
+                       flow_of_each, forwarders, nft, port_of_instances, replace, tables,
                        write_for_generator)
 from page import samples
 from programs import script
@@ -88,14 +88,7 @@ def test_a_killed_controller_stops_no_traffic(
 @pytest.fixture
 def flows(configuration: ConfigurationFile, answer: Answer) -> "list[Flow]":
     """One flow of each of two instances."""
-    made = [Flow(label=instance << 16 | 1, **four_keys()) for instance in range(2)]
-    for instance, flow in enumerate(made):
-        answer(flow)
-        configuration.flows[f"flow{instance}"] = flow
-    steer(configuration, 2)
-    configuration.tables["controller"] = "stats_seconds = 1\ndrain_seconds = 0"
-    configuration.write()
-    return made
+    return flow_of_each(configuration, answer, controller="drain_seconds = 0")
 
 
 @pytest.fixture
