@@ -37,7 +37,7 @@ def bills(release: Path) -> List[Json]:
 
 def test_every_image_and_package_has_one(release: Path) -> None:
     subjects = _subjects(release)
-    assert len(subjects) == 8, "three packages and an image for each of two architectures"
+    assert len(subjects) == 12, "five packages and an image for each of two architectures"
     assert len([*release.glob("*.cdx.json")]) == len(subjects)
     for subject in subjects:
         (digest,) = _bill(subject)["metadata"]["component"]["hashes"]
@@ -98,7 +98,7 @@ def test_that_of_a_package_lists_its_files_and_needs(release: Path) -> None:
         needed = {item["name"]: item["properties"] for item in components if "properties" in item}
         assert needed == {name: [{"name": "debian:version", "value": version}]
                           for name, version in _dependencies(package).items()}
-        assert "libc6" in needed
+        assert needed
 
 
 def _version(control: str) -> str:
