@@ -21,7 +21,7 @@ double microseconds(double nanoseconds) {
     return nanoseconds / 1000;
 }
 
-std::vector<Figure> figures(const TrafficResult& result) {
+std::vector<Figure> figures(const TrafficOptions& options, const TrafficResult& result) {
     const double seconds = static_cast<double>(result.elapsed) / nanosecondsPerSecond;
     const auto forwarded = static_cast<double>(result.arrivals.upstream + result.arrivals.peers);
     const auto count = [](std::uint64_t value) { return static_cast<double>(value); };
@@ -51,6 +51,12 @@ std::vector<Figure> figures(const TrafficResult& result) {
         {"p999_us", "round trip p99.9", roundTrip(0.999), 1, "us"},
         {"longest_us", "round trip longest", roundTrip(1), 1, "us"},
     };
+    if (options.nextLabel != 0) {
+        figures.push_back(
+            {"next_sent", "requests sent after the move", count(result.requests.nextSent), 0, ""});
+        figures.push_back(
+            {"next_answered", "of these, answered", count(result.requests.nextAnswered), 0, ""});
+    }
     if (result.usage) {
         const auto cpu = static_cast<double>(result.usage->cpuNanoseconds);
         figures.push_back({"cpu_share", "processor share of the forwarder",
@@ -80,7 +86,7 @@ void printTable(std::ostream& out, const TrafficOptions& options, const TrafficR
     }
     out << (options.mergeSends ? ", sends merged" : "");
     out << (options.oneWay ? ", one way\n" : "\n");
-    for (const Figure& figure : figures(result)) {
+    for (const Figure& figure : figures(options, result)) {
         out << "  " << std::left << std::setw(34) << figure.title << std::right << std::fixed
             << std::setprecision(figure.decimals) << std::setw(14) << figure.value << ' '
             << figure.unit << '\n';
@@ -93,7 +99,7 @@ void printJson(std::ostream& out, const TrafficOptions& options, const TrafficRe
         << ", \"rate\": " << options.rate << ", \"window\": " << options.window
         << ", \"burst\": " << options.burst << std::boolalpha
         << ", \"merge_sends\": " << options.mergeSends << ", \"one_way\": " << options.oneWay;
-    for (const Figure& figure : figures(result)) {
+    for (const Figure& figure : figures(options, result)) {
         out << ", \"" << figure.key << "\": " << std::fixed << std::setprecision(figure.decimals)
             << figure.value;
     }
