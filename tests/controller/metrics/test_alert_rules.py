@@ -54,6 +54,11 @@ _CASES: Dict[str, Case] = {
     "VeskFragmentError": case({'vesk_fragment_errors{fragment="10-alice.toml"}': "1x120"},
                               {'vesk_fragment_errors{fragment="10-alice.toml"}': "1x100 0x20"},
                               fragment="10-alice.toml"),
+    # The time of the test begins at 0.
+    "VeskRotationLong": case(
+        {'vesk_rotation_start_timestamp_seconds{flow="alice",label="0x1"}': "-604000x120"},
+        {'vesk_rotation_start_timestamp_seconds{flow="alice",label="0x1"}': "-603000x120"},
+        flow="alice", label="0x1"),
     "VeskDatagramsRefused": case(
         {**rising("vesk_downstream_receive_errors_total", 6),
          **rising("vesk_downstream_received_datagrams_total", 100)},
