@@ -113,8 +113,8 @@ class Instance {
     bool takeSuspicion();
     /// What the reports since the last call show about labels of flows that have a `next`.
     std::optional<ObservedTraffic> takeRotationTraffic() { return rotationTraffic_.read(); }
-    /// Deletes the flow, if there is one, now and for each new forwarder.
-    void deleteFlow(std::uint32_t label);
+    /// Deletes those of these flows that it has, now and for each new forwarder.
+    void deleteFlows(const std::vector<std::uint32_t>& labels);
     /// Whether a downstream address has been refused, and the old one kept, since the last call.
     bool takeAddressRefusal();
 

@@ -135,11 +135,15 @@ void Instance::applyReload() {
     sendAll(changes.commands);
 }
 
-void Instance::deleteFlow(std::uint32_t label) {
-    wanted_.flows.erase(label);
+void Instance::deleteFlows(const std::vector<std::uint32_t>& labels) {
+    for (const std::uint32_t label : labels) {
+        wanted_.flows.erase(label);
+        if (session_) {
+            sendAll(deployment_.remove(label));
+        }
+    }
     rotationTraffic_.take(wanted_.flows);
     if (session_) {
-        sendAll(deployment_.remove(label));
         publishFlows();
     }
 }

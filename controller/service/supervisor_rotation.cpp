@@ -1,6 +1,8 @@
 // Deletes the old labels of flows whose peers have moved to the next label. The loop is in
 // supervisor.cpp, the decision in rotations.cpp.
 #include <chrono>
+#include <cstddef>
+#include <cstdint>
 #include <optional>
 #include <string>
 #include <vector>
@@ -74,16 +76,21 @@ void Supervisor::observeRotations(const Instance& instance, const ObservedTraffi
 }
 
 void Supervisor::deleteSilentLabels() {
+    std::vector<std::uint32_t> labels;
     for (const SilentLabel& silent : rotations_.takeSilent()) {
-        for (const auto& instance : instances_) {
-            instance->deleteFlow(silent.flow.label);
-        }
+        labels.push_back(silent.flow.label);
         log_.say(LogLevel::warn,
                  "flow " + silent.flow.name + ": deletes its old label " +
                      labelInBothForms(silent.flow.label) + ", which was silent for " +
                      std::to_string(silent.silence.count()) +
                      " s. Make next the flow itself in the file: after a restart of the "
                      "controller the old label and its keys are valid again");
+    }
+    if (labels.empty()) {
+        return;
+    }
+    for (const auto& instance : instances_) {
+        instance->deleteFlows(labels);
     }
 }
 

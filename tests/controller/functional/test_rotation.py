@@ -15,9 +15,9 @@ from controller_fixtures import StartController
 from controller_process import ControllerProcess, run_once
 from conversation import Conversation, ask, ask_until_answered
 from framework.flow import Flow
-from framework.framing import Key
+from framework.framing import UDPV2, Key
 from framework.timing import scaled, wait_until
-from framework.udp import Address, UdpEnd
+from framework.udp import Address, UdpEnd, UpstreamService, free_port
 from moving_traffic import MovingTraffic, figure, page
 from steered_traffic import all_ready, refusal
 
@@ -190,6 +190,31 @@ def test_a_reload_during_a_rotation_leaves_both_labels_alone(
         for conversation in (old, new):
             conversation.wait_for_answers(20)
     assert (old.lost, new.lost) == (0, 0)
+
+
+def test_both_labels_share_the_source_of_a_multiplexed_flow(
+        configuration: ConfigurationFile, start_controller: StartController, peer: UdpEnd) -> None:
+    flows = [Flow(label=label, down_in=Key(b"from the peer %d" % label)) for label in (1, 2)]
+    configuration.secrets |= {flow.down_in.secret.hex() for flow in flows if flow.down_in}
+    by_up_label = {flow.up_label: flow for flow in flows}
+
+    def answer(datagram: bytes) -> bytes:
+        return by_up_label[UDPV2.parse(datagram).label].echo(datagram)
+
+    def legs(flow: Flow) -> str:
+        assert flow.down_in is not None
+        return (f"label = {flow.label}\nfrom_peer = {{ key = \"{flow.down_in.secret.hex()}\" }}\n"
+                f"to_upstream = {{ label = {flow.up_label} }}\nto_peer = {{ label = {flow.down_label} }}")
+
+    with UpstreamService(answer) as service:
+        configuration.tables["flows.alice"] = (
+            f'upstream = "127.0.0.1:{service.address[1]}"\nsource = "127.0.0.1:{free_port()}"\n'
+            f"multiplex = true\n{legs(flows[0])}")
+        configuration.tables["flows.alice.next"] = legs(flows[1])
+        configuration.write()
+        start_controller().ready()
+        for flow in [*flows, *flows]:
+            ask_until_answered(peer, flow, configuration.listen)
 
 
 def test_check_shows_the_commands_for_both_labels(
