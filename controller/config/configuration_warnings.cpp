@@ -1,7 +1,5 @@
 #include "config/configuration_warnings.h"
 
-#include <arpa/inet.h>
-
 #include <algorithm>
 #include <array>
 #include <charconv>

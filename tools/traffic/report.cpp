@@ -21,10 +21,32 @@ double microseconds(double nanoseconds) {
     return nanoseconds / 1000;
 }
 
+double count(std::uint64_t value) {
+    return static_cast<double>(value);
+}
+
+void addMove(const RequestCounts& requests, std::vector<Figure>& figures) {
+    figures.push_back(
+        {"next_sent", "requests sent after the move", count(requests.nextSent), 0, ""});
+    figures.push_back({"next_answered", "of these, answered", count(requests.nextAnswered), 0, ""});
+}
+
+void addProcess(const TrafficResult& result, const ProcessUsage& usage,
+                std::vector<Figure>& figures) {
+    const auto forwarded = count(result.arrivals.upstream + result.arrivals.peers);
+    const auto cpu = static_cast<double>(usage.cpuNanoseconds);
+    figures.push_back({"cpu_share", "processor share of the forwarder",
+                       100 * cpu / static_cast<double>(result.elapsed), 1, "%"});
+    figures.push_back({"cpu_us_per_datagram", "processor time per datagram",
+                       forwarded > 0 ? microseconds(cpu) / forwarded : 0, 3, "us"});
+    figures.push_back({"waits_per_datagram", "waits of its threads per datagram",
+                       forwarded > 0 ? count(usage.waits) / forwarded : 0, 3, ""});
+    figures.push_back(
+        {"resident_kib", "memory of the forwarder", count(usage.residentBytes) / 1024, 0, "KiB"});
+}
+
 std::vector<Figure> figures(const TrafficOptions& options, const TrafficResult& result) {
     const double seconds = static_cast<double>(result.elapsed) / nanosecondsPerSecond;
-    const auto forwarded = static_cast<double>(result.arrivals.upstream + result.arrivals.peers);
-    const auto count = [](std::uint64_t value) { return static_cast<double>(value); };
     const auto roundTrip = [&](double fraction) {
         return microseconds(result.roundTrips.percentile(fraction));
     };
@@ -52,21 +74,10 @@ std::vector<Figure> figures(const TrafficOptions& options, const TrafficResult& 
         {"longest_us", "round trip longest", roundTrip(1), 1, "us"},
     };
     if (options.nextLabel != 0) {
-        figures.push_back(
-            {"next_sent", "requests sent after the move", count(result.requests.nextSent), 0, ""});
-        figures.push_back(
-            {"next_answered", "of these, answered", count(result.requests.nextAnswered), 0, ""});
+        addMove(result.requests, figures);
     }
     if (result.usage) {
-        const auto cpu = static_cast<double>(result.usage->cpuNanoseconds);
-        figures.push_back({"cpu_share", "processor share of the forwarder",
-                           100 * cpu / static_cast<double>(result.elapsed), 1, "%"});
-        figures.push_back({"cpu_us_per_datagram", "processor time per datagram",
-                           forwarded > 0 ? microseconds(cpu) / forwarded : 0, 3, "us"});
-        figures.push_back({"waits_per_datagram", "waits of its threads per datagram",
-                           forwarded > 0 ? count(result.usage->waits) / forwarded : 0, 3, ""});
-        figures.push_back({"resident_kib", "memory of the forwarder",
-                           count(result.usage->residentBytes) / 1024, 0, "KiB"});
+        addProcess(result, *result.usage, figures);
     }
     return figures;
 }
