@@ -33,11 +33,7 @@ ConfigurationReading parseConfiguration(std::string_view text, const std::filesy
     if (!document) {
         return result;
     }
-    KeySources keys{file.parent_path(),
-                    rules.allowReadableKeys,
-                    document->variables.wholeStrings,
-                    std::nullopt,
-                    {}};
+    KeySources keys = keySourcesOf(*document, file, rules.allowReadableKeys);
     TableReader root(document->table, "", result.problems);
     Configuration configuration;
     readRoot(root, keys, configuration);

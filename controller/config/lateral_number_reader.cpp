@@ -31,15 +31,17 @@ bool areDigits(std::string_view text) {
            std::ranges::all_of(text, [](char digit) { return digit >= '0' && digit <= '9'; });
 }
 
-/// None if it is out of range.
-std::optional<std::uint32_t> numberOf(std::string_view digits, std::int64_t least) {
+/// None, after a problem that begins with `which` was added, if it is out of range.
+std::optional<std::uint32_t> numberOf(TableReader& table, const NumberKey& key,
+                                      std::string_view digits, const std::string& which) {
     std::uint32_t number = 0;
     const auto [end, error] = std::from_chars(digits.data(), digits.data() + digits.size(), number);
-    return error == std::errc() && number >= least ? std::optional(number) : std::nullopt;
-}
-
-std::string rangeOf(std::int64_t least) {
-    return std::to_string(least) + " to " + std::to_string(greatestNumber);
+    if (error == std::errc() && number >= key.least) {
+        return number;
+    }
+    table.complain(key.source, which + "not from " + std::to_string(key.least) + " to " +
+                                   std::to_string(greatestNumber));
+    return std::nullopt;
 }
 
 std::optional<std::uint32_t> numberOfVariable(TableReader& table, const NumberKey& key,
@@ -59,11 +61,7 @@ std::optional<std::uint32_t> numberOfVariable(TableReader& table, const NumberKe
         table.complain(key.source, which + "not a number");
         return std::nullopt;
     }
-    const std::optional<std::uint32_t> number = numberOf(value, key.least);
-    if (!number) {
-        table.complain(key.source, which + "not from " + rangeOf(key.least));
-    }
-    return number;
+    return numberOf(table, key, value, which);
 }
 
 std::optional<std::uint32_t> numberOfHost(TableReader& table, const NumberKey& key) {
@@ -76,11 +74,7 @@ std::optional<std::uint32_t> numberOfHost(TableReader& table, const NumberKey& k
         table.complain(key.source, which + "has none");
         return std::nullopt;
     }
-    const std::optional<std::uint32_t> number = numberOf(ordinal, key.least);
-    if (!number) {
-        table.complain(key.source, which + "has one that is not from " + rangeOf(key.least));
-    }
-    return number;
+    return numberOf(table, key, ordinal, which + "has one that is ");
 }
 
 std::optional<std::uint32_t> numberOfSource(TableReader& table, const NumberKey& key) {

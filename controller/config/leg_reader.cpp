@@ -15,6 +15,14 @@ constexpr std::int64_t greatestPrefix = std::numeric_limits<std::uint16_t>::max(
 constexpr std::int64_t greatestDscp = 63;
 constexpr std::array<std::string_view, 2> algorithms{"sha256", "sha1"};
 
+void addKeyFile(const std::filesystem::path& path, KeySources& keys) {
+    const std::filesystem::path folder = path.parent_path();
+    if (!keys.folders.contains(folder.string())) {
+        keys.folders.emplace(folder.string(), stateOf(folder));
+    }
+    keys.files.push_back({path, stateOf(path)});
+}
+
 std::string readKeyOf(TableReader& leg, KeySources& keys) {
     // Read even if it is not used: a key that was not read is reported as unknown.
     const std::optional<std::string> file = leg.text("key_file");
@@ -33,7 +41,7 @@ std::string readKeyOf(TableReader& leg, KeySources& keys) {
     }
     if (file && !leg.has("key")) {
         const std::filesystem::path path = keys.folder / *file;
-        keys.files.push_back({path, stateOf(path)});
+        addKeyFile(path, keys);
         const KeyReading key = readKeyFile(path, keys.allowReadable);
         if (!key.problem.empty()) {
             leg.complain("key_file", "is not usable: " + key.problem);
@@ -60,6 +68,12 @@ bool sameFamily(const HostPort& one, const HostPort& other) {
 }
 
 }  // namespace
+
+KeySources keySourcesOf(const Document& document, const std::filesystem::path& file,
+                        bool allowReadable) {
+    return {
+        file.parent_path(), allowReadable, document.variables.wholeStrings, std::nullopt, {}, {}};
+}
 
 std::optional<std::uint32_t> readLabel(TableReader& table, std::string_view key) {
     const std::optional<std::int64_t> label = table.integer(key, 1, greatestLabel);

@@ -6,12 +6,15 @@
 
 #include <cstdint>
 #include <filesystem>
+#include <map>
 #include <optional>
 #include <set>
+#include <string>
 #include <string_view>
 #include <vector>
 
 #include "config/configuration.h"
+#include "config/document.h"
 #include "config/file_state.h"
 #include "config/table_reader.h"
 
@@ -31,7 +34,12 @@ struct KeySources {
     std::set<const toml::node*> fromVariables;
     std::optional<std::uint32_t> firstInlineKey;  ///< its line in the configuration file
     std::vector<KeyFile> files;                   ///< all that are named
+    std::map<std::string, FileState> folders;     ///< of `files`, before the first was read
 };
+
+/// For the keys of this file, before any was read.
+KeySources keySourcesOf(const Document& document, const std::filesystem::path& file,
+                        bool allowReadable);
 
 /// Of a leg, seen from the forwarder.
 enum class Direction { arriving, leaving };

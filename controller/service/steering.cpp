@@ -3,6 +3,7 @@
 #include <cerrno>
 #include <system_error>
 
+#include "base/unique_fd.h"
 #include "commands/command_lines.h"
 #include "config/instance_configurations.h"
 #include "service/listener_remedy.h"
@@ -32,6 +33,15 @@ SteeringMap Steering::left(const Configuration& configuration) {
     const FilterAnswer answer = runFilterCommands(steeringMapQuery(configuration.downstream.port));
     return parseSteeringMap(answer.output,
                             steeringMark(steeringPlan(configuration, firstPorts(configuration))));
+}
+
+std::optional<std::string> Steering::removeLeft(std::uint16_t publicPort) {
+    UniqueFd claim;
+    if (claimTable(publicPort, claim) != 0 ||
+        !runFilterCommands(steeringMapQuery(publicPort)).error.empty()) {
+        return std::nullopt;
+    }
+    return runFilterCommands(steeringRemoval(publicPort)).error;
 }
 
 std::string Steering::goOn(const Configuration& configuration,

@@ -36,6 +36,11 @@ class Steering {
     /// other ones than begin() would create.
     static SteeringMap left(const Configuration& configuration);
 
+    /// Removes rules for this port that a crash has left behind; the rules of a controller that
+    /// runs stay. None if there are none, or none that this process may see; otherwise empty, or
+    /// why they could not be removed.
+    static std::optional<std::string> removeLeft(std::uint16_t publicPort);
+
     /// Sends the datagrams to other ports from now on, but those of `staying` to this port until
     /// they follow. Empty; or why that failed, with nothing changed.
     std::string move(const std::vector<std::uint16_t>& ports, std::uint16_t formerPort,

@@ -79,6 +79,7 @@ class Supervisor {
     bool areSeveral() const { return instances_.size() > 1; }
     void steer();
     void checkSteering();
+    void removeLeftRules();
 
     // Forwarders of an earlier controller.
     Adoption findForwarders();

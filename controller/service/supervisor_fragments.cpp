@@ -20,7 +20,7 @@ void Supervisor::watchFragments(FragmentFolder fragments) {
 }
 
 void Supervisor::lookForChanges() {
-    folderWatch_->look();
+    const bool thorough = folderWatch_->look();
     if (!running()) {
         return;
     }
@@ -28,7 +28,8 @@ void Supervisor::lookForChanges() {
         reloadWaits_ = true;
         return;
     }
-    FolderReading reading = fragments_->read(FilesToRead::changed);
+    FolderReading reading =
+        fragments_->read(thorough ? FilesToRead::changed : FilesToRead::changedFolders);
     if (reading.changed) {
         tellReloading();
         applyFragments(std::move(reading));

@@ -1,6 +1,8 @@
 // Makes the supervisor's instances and steers the public port to them. The loop is in
 // supervisor.cpp.
 #include <algorithm>
+#include <cstdint>
+#include <optional>
 #include <string>
 #include <utility>
 
@@ -17,6 +19,8 @@ bool Supervisor::begin() {
                                                ports_.size(), isSteered(wanted_)});
     if (isSteered(wanted_)) {
         steer();
+    } else {
+        removeLeftRules();
     }
     peers_.take(wanted_.lateral, std::nullopt);
     publishPeers();
@@ -31,6 +35,26 @@ bool Supervisor::begin() {
     }
     commonRound_ = Instance::Round::replay;
     return startOrAdopt(std::move(adoption));
+}
+
+/// An earlier controller of this port had several instances and was killed. Its rules would send
+/// the datagrams to ports on which nobody listens.
+void Supervisor::removeLeftRules() {
+    const std::uint16_t port = wanted_.downstream.port;
+    const std::optional<std::string> problem = Steering::removeLeft(port);
+    if (!problem) {
+        return;
+    }
+    const std::string rules =
+        "the rules of the packet filter that an earlier controller has left for port " +
+        std::to_string(port);
+    if (problem->empty()) {
+        log_.say(LogLevel::info, "removed " + rules);
+    } else {
+        log_.say(LogLevel::warn,
+                 rules + " cannot be removed and may steer its datagrams away: " + *problem +
+                     "; run nft delete table inet vesk_" + std::to_string(port));
+    }
 }
 
 /// The figures of the first instance's first forwarder exist from the beginning.

@@ -13,8 +13,6 @@
 
 namespace vesk::controller {
 
-namespace {
-
 /// Binds a socket to an abstract name, which the kernel releases with the process. Each network
 /// namespace has its own names, as it has its own tables. 0 and the socket, or the negative error
 /// number.
@@ -35,8 +33,6 @@ int claimTable(std::uint16_t port, UniqueFd& claim) {
     claim = std::move(opened);
     return 0;
 }
-
-}  // namespace
 
 int PublicPort::take(const HostPort& address) {
     const bool samePort = held() && address.port == port_;

@@ -9,6 +9,10 @@
 
 namespace vesk::controller {
 
+/// Claims the name of the table of a port for as long as the socket is open. 0; or the negative
+/// error number, -EBUSY if another controller has it.
+int claimTable(std::uint16_t port, UniqueFd& claim);
+
 /// A socket that is bound to the public port and never read: what arrives is steered to the
 /// instances before it. Also a claim to the name of the table of the packet filter, which two
 /// controllers with one port on different addresses would share.

@@ -8,6 +8,7 @@
 
 #include "app/arguments.h"
 #include "app/core_dumps.h"
+#include "app/descriptor_table.h"
 #include "app/environment.h"
 #include "app/shut_down.h"
 #include "app/start_threads.h"
@@ -50,6 +51,7 @@ int runForwarder(std::span<const char* const> texts) {
     std::signal(SIGPIPE, SIG_IGN);
     loadTimeZone();
     allowCoreDumps();
+    reserveDescriptorTable();
     const std::optional<Arguments> arguments = parseArguments(texts);
     if (!arguments) {
         return failureStatus;

@@ -24,7 +24,6 @@ from peers import Place
 from probe import Probe
 
 _FLOWS = 64
-_SECONDS = 6
 _KILLED = 1
 # vesk-traffic counts the labels up, and the slot follows from the upper 16 bits: half of the others have slot 2 and
 # half have slot 0.
@@ -62,8 +61,8 @@ def test_a_spare_takes_a_slot_over(fleet: Fleet, probe: Probe, configuration: Co
     probe.start()
     probe.wait_for_arrivals(20)
     prefix = fleet.peers.prefix
-    slot = start_generator(fleet.peers.process, _FLOWS, _SLOT_RATE, _SECONDS, *_SLOT.counted, prefix=prefix)
-    others = start_generator(fleet.peers.process, _FLOWS, _OTHERS_RATE, _SECONDS, *_OTHERS.counted, prefix=prefix)
+    slot = start_generator(fleet.peers.process, _FLOWS, _SLOT_RATE, *_SLOT.counted, prefix=prefix)
+    others = start_generator(fleet.peers.process, _FLOWS, _OTHERS_RATE, *_OTHERS.counted, prefix=prefix)
     fleet.wait_for_datagrams(_SLOT, _OTHERS)
 
     forwarder = instances[_KILLED].forwarder()
@@ -78,7 +77,6 @@ def test_a_spare_takes_a_slot_over(fleet: Fleet, probe: Probe, configuration: Co
         instance.wait_for(added(_KILLED, SPARE))
     fleet.balancer.wait_for(*(ipv4(host) for host in range(1, SPARE + 1) if host != _KILLED + 1))
     probe.wait_for_arrivals(50)
-    assert slot.is_sending() and others.is_sending(), "the traffic ended too early for this check"
 
     others.check_nothing_lost()
     of_slot = slot.result()

@@ -203,6 +203,14 @@ def test_a_core_limit_that_cannot_be_raised_is_reported(start_vesk: StartVesk,
         "info Initial OpenSSL FIPS mode is inactive."]
 
 
+def test_the_descriptor_table_does_not_grow_later(vesk: VeskProcess) -> None:
+    """The kernel would hold up the receive thread whose socket makes the table grow."""
+    soft, _ = resource.prlimit(vesk.pid, resource.RLIMIT_NOFILE)
+    status = Path(f"/proc/{vesk.pid}/status").read_text(encoding="ascii")
+    found = re.search(r"^FDSize:\s+(\d+)$", status, re.MULTILINE)
+    assert found and int(found[1]) >= min(soft, 1 << 17)
+
+
 # Failures of the start ------------------------------------------------------------------
 
 def test_a_missing_message_channel_ends_the_start(start_vesk: StartVesk, tmp_path: Path) -> None:

@@ -2,13 +2,17 @@
 
 from __future__ import annotations
 
+import json
+import signal
 import subprocess
 from itertools import groupby
+from pathlib import Path
 from typing import List, Tuple
 
 import pytest
 
-from framework.traffic import figures, run_generator
+from framework.timing import scaled, wait_until
+from framework.traffic import figures, generator, run_generator
 from framework.unchanged_relay import Message, UnchangedRelay, label_of
 from framework.vesk_process import binary
 
@@ -118,3 +122,28 @@ def test_impossible_bursts_are_refused(options: tuple, said: str) -> None:
 
 def test_the_command_may_follow_the_algorithm() -> None:
     figures("--requests", 10, "--algorithm", "sha1", "--", "env", "-u", "NONE", binary())
+
+
+@pytest.mark.parametrize("number", [signal.SIGINT, signal.SIGTERM])
+def test_a_signal_ends_the_measured_time(number: signal.Signals) -> None:
+    """What was sent before is still awaited and reported."""
+    with UnchangedRelay() as relay:
+        words = ["--unchanged", "--port", relay.port, "--upstream-port", relay.upstream_port, "--rate", 1000,
+                 "--duration", 60, "--json"]
+        with subprocess.Popen([generator(), *map(str, words)], stdout=subprocess.PIPE) as process:
+            wait_until(lambda: len(relay.requests) > 1000, "the measured time has begun")
+            process.send_signal(number)
+            printed, _ = process.communicate(timeout=scaled(10))
+        assert process.returncode == 0
+    report = json.loads(printed)
+    assert report["answered"] == report["sent"] > 0
+    assert report["seconds"] < 50
+
+
+def test_a_signal_ends_a_run_with_a_forwarder_of_its_own_at_once() -> None:
+    with subprocess.Popen([generator(), "--duration", "60", "--", binary()], stdout=subprocess.PIPE) as process:
+        wait_until(Path(f"/proc/{process.pid}/task/{process.pid}/children").read_text, "the forwarder has started")
+        process.terminate()
+        printed, _ = process.communicate(timeout=scaled(10))
+    assert process.returncode == -signal.SIGTERM
+    assert not printed

@@ -114,10 +114,11 @@ def narrow(request: pytest.FixtureRequest, network: Network, steer: Steer) -> It
         steered.nft("delete", "table", "inet", "tracking")
 
 
+# Only UDP: the kernel does not track the messages of neighbour discovery either, which come at any time.
 TRACKING = """table inet tracking {
     chain input {
         type filter hook input priority filter; policy accept;
-        ct state untracked counter
+        meta l4proto udp ct state untracked counter
         udp dport 4500-4600 ct state != untracked counter
     }
 }

@@ -41,6 +41,7 @@ _FILES: Dict[str, Dict[str, str]] = {
         "/usr/bin/vesk-controller": _PROGRAM,
         "/usr/share/bash-completion/completions/vesk-controller": _FILE,
         "/usr/lib/systemd/system/vesk-controller@.service": _FILE,
+        "/usr/share/vesk/systemd/folder.conf": _FILE,
         "/usr/share/vesk/systemd/steering.conf": _FILE,
         "/usr/share/doc/vesk-controller/changelog.Debian.gz": _FILE,
         "/usr/share/doc/vesk-controller/copyright": _FILE,

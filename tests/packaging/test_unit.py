@@ -10,7 +10,7 @@ import pytest
 from debian import Root, run
 
 _UNIT = "usr/lib/systemd/system/vesk-controller@.service"
-_DROP_IN = "usr/share/vesk/systemd/steering.conf"
+_DROP_INS = "usr/share/vesk/systemd"
 
 # In tenths; systemd rates up to 29 as OK. The rest is caused by sockets and by reading /proc/sys.
 _EXPOSURE = 15
@@ -29,22 +29,33 @@ def instance(installed: Root) -> Path:
     return path
 
 
-def test_systemd_accepts_every_line(installed: Root, instance: Path) -> None:
+def verified(installed: Root, instance: Path) -> str:
+    """What systemd-analyze says."""
     # Manual pages are checked by another test, and units of the system are not in this root.
-    said = run("systemd-analyze", "verify", "--man=no", "--recursive-errors=no",
+    return run("systemd-analyze", "verify", "--man=no", "--recursive-errors=no",
                f"--root={installed.path}", instance.name)
-    assert said == ""
 
 
-def test_systemd_accepts_the_drop_in_for_several_instances(installed: Root,
-                                                           instance: Path) -> None:
-    folder = instance.with_name("vesk-controller@example.service.d")
-    assert not folder.exists()
-    folder.mkdir()
-    (folder / "steering.conf").write_text((installed / _DROP_IN).read_text())
-    said = run("systemd-analyze", "verify", "--man=no", "--recursive-errors=no",
-               f"--root={installed.path}", instance.name)
-    assert said == ""
+def test_systemd_accepts_every_line(installed: Root, instance: Path) -> None:
+    assert verified(installed, instance) == ""
+
+
+def drop_in(instance: Path, text: str) -> None:
+    folder = instance.with_name(f"{instance.name}.d")
+    folder.mkdir(exist_ok=True)
+    (folder / "drop-in.conf").write_text(text)
+
+
+@pytest.mark.parametrize("name", ["steering.conf", "folder.conf"])
+def test_systemd_accepts_the_drop_in(installed: Root, instance: Path, name: str) -> None:
+    drop_in(instance, (installed / _DROP_INS / name).read_text())
+    assert verified(installed, instance) == ""
+
+
+def test_a_drop_in_is_verified_too(installed: Root, instance: Path) -> None:
+    drop_in(instance, (installed / _DROP_INS / "folder.conf").read_text() + "NoSuchSetting=1\n")
+    with pytest.raises(AssertionError, match="NoSuchSetting"):
+        verified(installed, instance)
 
 
 def test_exposure_stays_low(installed: Root, instance: Path) -> None:
@@ -54,7 +65,7 @@ def test_exposure_stays_low(installed: Root, instance: Path) -> None:
 
 
 def test_the_drop_in_has_room_for_the_descriptors_of_all_forwarders(installed: Root) -> None:
-    settings = dict(line.split("=", 1) for line in (installed / _DROP_IN).read_text().splitlines()
+    settings = dict(line.split("=", 1) for line in (installed / _DROP_INS / "steering.conf").read_text().splitlines()
                     if "=" in line and not line.startswith("#"))
     # At most 64 instances and one that replaces another, with three descriptors each.
     assert int(settings["FileDescriptorStoreMax"]) >= 65 * 3

@@ -25,14 +25,14 @@ double count(std::uint64_t value) {
     return static_cast<double>(value);
 }
 
-void addMove(const RequestCounts& requests, std::vector<Figure>& figures) {
+void addMoveFigures(const RequestCounts& requests, std::vector<Figure>& figures) {
     figures.push_back(
         {"next_sent", "requests sent after the move", count(requests.nextSent), 0, ""});
     figures.push_back({"next_answered", "of these, answered", count(requests.nextAnswered), 0, ""});
 }
 
-void addProcess(const TrafficResult& result, const ProcessUsage& usage,
-                std::vector<Figure>& figures) {
+void addProcessFigures(const TrafficResult& result, const ProcessUsage& usage,
+                       std::vector<Figure>& figures) {
     const auto forwarded = count(result.arrivals.upstream + result.arrivals.peers);
     const auto cpu = static_cast<double>(usage.cpuNanoseconds);
     figures.push_back({"cpu_share", "processor share of the forwarder",
@@ -74,10 +74,10 @@ std::vector<Figure> figures(const TrafficOptions& options, const TrafficResult& 
         {"longest_us", "round trip longest", roundTrip(1), 1, "us"},
     };
     if (options.nextLabel != 0) {
-        addMove(result.requests, figures);
+        addMoveFigures(result.requests, figures);
     }
     if (result.usage) {
-        addProcess(result, *result.usage, figures);
+        addProcessFigures(result, *result.usage, figures);
     }
     return figures;
 }

@@ -55,7 +55,11 @@ TrafficRun::TrafficRun(const TrafficOptions& options, std::uint16_t forwarderPor
             options.nextLabel != 0 ? 2 : 1),
       ledger_(pool_.size(), nanoseconds(options.lossTimeout),
               [this](std::size_t number) { return pool_.flowOf(number); }),
-      ends_(options, forwarderPort, service, pool_, ledger_) {}
+      ends_(options, forwarderPort, service, pool_, ledger_) {
+    if (options.command.empty()) {
+        endRequest_.emplace();
+    }
+}
 
 TrafficResult TrafficRun::run() {
     TrafficResult result;
@@ -131,7 +135,8 @@ void TrafficRun::carryMeasured(Pacer& pacer) {
 std::uint64_t TrafficRun::carry(Pacer& pacer, double seconds, std::uint64_t requests) {
     const std::uint64_t wanted = requests;
     const std::int64_t end = nowNanoseconds() + nanoseconds(seconds);
-    for (std::int64_t now = nowNanoseconds(); now < end && requests > 0; now = nowNanoseconds()) {
+    for (std::int64_t now = nowNanoseconds(); now < end && requests > 0 && !hasToEnd(now);
+         now = nowNanoseconds()) {
         ledger_.expire(now);
         const std::size_t due =
             std::min<std::uint64_t>({pacer.due(now, ledger_.outstanding()), batchSize, requests});
@@ -141,6 +146,10 @@ std::uint64_t TrafficRun::carry(Pacer& pacer, double seconds, std::uint64_t requ
         ends_.serve(options_.spin ? 0 : std::min(pacer.pause(nowNanoseconds()), end - now));
     }
     return wanted - requests;
+}
+
+bool TrafficRun::hasToEnd(std::int64_t now) {
+    return endRequest_ && endRequest_->arrived(now);
 }
 
 void TrafficRun::drain() {

@@ -8,6 +8,7 @@
 #include "lib/flow_plan.h"
 #include "lib/process_usage.h"
 #include "lib/udp_socket.h"
+#include "traffic/end_request.h"
 #include "traffic/options.h"
 #include "traffic/pacer.h"
 #include "traffic/request_ledger.h"
@@ -40,6 +41,7 @@ class TrafficRun {
     /// Returns how many requests were sent.
     std::uint64_t carry(Pacer& pacer, double seconds, std::uint64_t requests);
     void carryMeasured(Pacer& pacer);
+    bool hasToEnd(std::int64_t now);
     void drain();
     Pacer makePacer() const;
     std::optional<ProcessUsage> measuredUsage() const;
@@ -49,6 +51,8 @@ class TrafficRun {
     DatagramPool pool_;
     RequestLedger ledger_;
     TrafficEnds ends_;
+    /// None if the run has a forwarder of its own: signals end it at once then.
+    std::optional<EndRequest> endRequest_;
 };
 
 }  // namespace vesk::bench

@@ -55,9 +55,9 @@ void FolderWatch::readEvents() {
     }
 }
 
-void FolderWatch::look() {
-    timer_.look(Clock::now());
+bool FolderWatch::look() {
     follow();
+    return timer_.look(Clock::now());
 }
 
 }  // namespace vesk::controller

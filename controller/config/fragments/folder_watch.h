@@ -25,8 +25,9 @@ class FolderWatch {
 
     /// When the folder has to be looked at.
     Clock::time_point dueAt() const { return timer_.dueAt(); }
-    /// To be called before it is looked at. Another folder may have its path now.
-    void look();
+    /// To be called before it is looked at. Another folder may have its path now. True if the look
+    /// has to be thorough: after events, or a minute after the last one that was.
+    bool look();
 
  private:
     void follow();

@@ -3,11 +3,13 @@
 #pragma once
 
 #include <cstdint>
+#include <map>
 #include <optional>
 #include <string>
 #include <vector>
 
 #include "config/configuration.h"
+#include "config/file_state.h"
 #include "config/flow_reader.h"
 #include "config/problem.h"
 
@@ -37,6 +39,7 @@ struct Fragment {
     std::optional<Configuration> settings;
     std::vector<FragmentFlow> flows;  ///< if they have no problem
     std::vector<KeyFile> keyFiles;
+    std::map<std::string, FileState> keyFolders;  ///< the folders of `keyFiles`
     Problems problems;
 };
 

@@ -5,7 +5,6 @@
 #include <system_error>
 #include <utility>
 
-#include "config/fragments/fragment_merge.h"
 #include "config/fragments/fragment_reader.h"
 #include "config/key_mask.h"
 #include "config/problem.h"
@@ -36,9 +35,15 @@ std::map<std::string, FileState> listFragments(const std::filesystem::path& fold
     return found;
 }
 
-bool keysChanged(const Fragment& fragment) {
-    return std::ranges::any_of(fragment.keyFiles,
-                               [](const KeyFile& it) { return stateOf(it.path) != it.state; });
+/// Whether any has changed. They are compared with their present state the next time.
+bool foldersChanged(std::map<std::string, FileState>& folders) {
+    bool changed = false;
+    for (auto& [path, state] : folders) {
+        const FileState present = stateOf(path);
+        changed = changed || state != present;
+        state = present;
+    }
+    return changed;
 }
 
 std::string unusable(const std::string& file, const std::string& consequence) {
@@ -76,6 +81,14 @@ FolderReading FragmentFolder::refuse(const std::string& problem, FilesToRead fil
     return reading;
 }
 
+bool FragmentFolder::keysChanged(Entry& entry, FilesToRead files) {
+    if (files == FilesToRead::changedFolders && !foldersChanged(entry.keyFolders)) {
+        return false;
+    }
+    return std::ranges::any_of(entry.read->keyFiles,
+                               [](const KeyFile& it) { return stateOf(it.path) != it.state; });
+}
+
 /// False if no file was read and none has vanished.
 bool FragmentFolder::readFiles(const std::map<std::string, FileState>& found, FilesToRead files) {
     bool changed =
@@ -83,11 +96,12 @@ bool FragmentFolder::readFiles(const std::map<std::string, FileState>& found, Fi
     for (const auto& [name, state] : found) {
         Entry& entry = entries_[name];
         entry.readAgain = !entry.read || files == FilesToRead::all || entry.state != state ||
-                          keysChanged(*entry.read);
+                          keysChanged(entry, files);
         if (entry.readAgain) {
             entry.file = (folder_ / name).string();
             entry.state = state;
             entry.read = std::make_shared<const Fragment>(readFragment(entry.file, rules_));
+            entry.keyFolders = entry.read->keyFolders;
             changed = true;
         }
     }
@@ -107,7 +121,7 @@ void FragmentFolder::merge(FolderReading& reading) {
     FragmentMerge merged(readable ? &owner->present() : nullptr, owner ? owner->file : problem_);
     reading.complete = true;
     for (auto& [name, entry] : entries_) {
-        judge(entry, merged.problemsWith(*entry.read, entry.file), reading);
+        judge(entry, merged, reading);
         if (entry.applied) {
             merged.add(*entry.applied, entry.file);
         }
@@ -120,9 +134,9 @@ void FragmentFolder::merge(FolderReading& reading) {
 }
 
 /// Decides whether the fragment applies as it was read.
-void FragmentFolder::judge(Entry& entry, const Problems& conflicts, FolderReading& reading) {
+void FragmentFolder::judge(Entry& entry, FragmentMerge& merged, FolderReading& reading) {
     Problems problems = entry.read->problems;
-    std::ranges::copy(conflicts, std::back_inserter(problems));
+    std::ranges::copy(merged.problemsWith(*entry.read, entry.file), std::back_inserter(problems));
     std::ranges::stable_sort(problems, {}, &Problem::line);
     std::vector<std::string> errors;
     for (const Problem& problem : problems) {
@@ -136,12 +150,19 @@ void FragmentFolder::judge(Entry& entry, const Problems& conflicts, FolderReadin
     } else {
         reading.complete = false;
         if (entry.readAgain || errors != entry.errors) {
-            reading.errors.push_back(
-                {errors, unusable(entry.file, entry.applied ? "its flows are unchanged"
-                                                            : "its flows are not served")});
+            reading.errors.push_back({errors, unusable(entry.file, consequenceOf(entry, merged))});
         }
     }
     entry.errors = std::move(errors);
+}
+
+std::string FragmentFolder::consequenceOf(const Entry& entry, const FragmentMerge& merged) {
+    if (!entry.applied) {
+        return "its flows are not served";
+    }
+    return merged.areFree(*entry.applied)
+               ? "its flows are unchanged"
+               : "its flows are unchanged, except those that an earlier fragment replaces";
 }
 
 /// At the start the settings of a fragment apply even if its flows have an error.

@@ -13,10 +13,17 @@
 #include "config/configuration_reader.h"
 #include "config/file_state.h"
 #include "config/fragments/fragment.h"
+#include "config/fragments/fragment_merge.h"
 
 namespace vesk::controller {
 
-enum class FilesToRead { changed, all };
+enum class FilesToRead {
+    /// As `changed`, but key files are compared only if their folder has changed, as it does when
+    /// one is replaced by a rename. Comparing 50,000 key files takes 75 ms.
+    changedFolders,
+    changed,  ///< fragments that differ from what was read, or of which a key file does
+    all
+};
 
 /// The errors of a fragment that is not usable, or of the folder, as lines for the log.
 struct FragmentErrors {
@@ -50,8 +57,9 @@ class FragmentFolder {
     struct Entry {
         std::string file;
         FileState state;
-        std::shared_ptr<const Fragment> read;     // as the file is now
-        std::shared_ptr<const Fragment> applied;  // as it was when it last had no error
+        std::shared_ptr<const Fragment> read;         // as the file is now
+        std::shared_ptr<const Fragment> applied;      // as it was when it last had no error
+        std::map<std::string, FileState> keyFolders;  // when they were last compared
         std::vector<std::string> errors;
         bool readAgain = false;
 
@@ -61,11 +69,13 @@ class FragmentFolder {
         }
     };
 
+    static bool keysChanged(Entry& entry, FilesToRead files);
     bool readFiles(const std::map<std::string, FileState>& found, FilesToRead files);
     FolderReading refuse(const std::string& problem, FilesToRead files);
     const Entry* settingsOwner() const;
     void merge(FolderReading& reading);
-    static void judge(Entry& entry, const Problems& conflicts, FolderReading& reading);
+    static void judge(Entry& entry, FragmentMerge& merged, FolderReading& reading);
+    static std::string consequenceOf(const Entry& entry, const FragmentMerge& merged);
     void applySettings(const Entry* owner, FolderReading& reading);
 
     std::filesystem::path folder_;

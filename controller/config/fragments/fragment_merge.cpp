@@ -94,6 +94,11 @@ bool FragmentMerge::isFree(const FragmentFlow& flow) const {
            !prefixes_.contains(prefixOf(flow));
 }
 
+bool FragmentMerge::areFree(const Fragment& fragment) const {
+    return std::ranges::all_of(fragment.flows,
+                               [this](const FragmentFlow& flow) { return isFree(flow); });
+}
+
 void FragmentMerge::add(const Fragment& fragment, const std::string& file) {
     bool hasFlow = false;  // to which a `next` belongs
     for (const FragmentFlow& flow : fragment.flows) {

@@ -24,6 +24,9 @@ class FragmentMerge {
     /// What contradicts the fragments that were added before.
     Problems problemsWith(const Fragment& fragment, const std::string& file);
 
+    /// Whether add() would add all flows.
+    bool areFree(const Fragment& fragment) const;
+
     /// Adds the flows, except for those that contradict the ones before.
     void add(const Fragment& fragment, const std::string& file);
 

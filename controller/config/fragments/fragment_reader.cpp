@@ -101,11 +101,7 @@ Fragment readFragment(const std::filesystem::path& file, ReadingRules rules) {
     if (!document) {
         return fragment;
     }
-    KeySources keys{file.parent_path(),
-                    rules.allowReadableKeys,
-                    document->variables.wholeStrings,
-                    std::nullopt,
-                    {}};
+    KeySources keys = keySourcesOf(*document, file, rules.allowReadableKeys);
     TableReader root(document->table, "", fragment.problems);
     listTables(document->table, fragment);
     readFlowTables(root, keys, fragment);
@@ -114,6 +110,7 @@ Fragment readFragment(const std::filesystem::path& file, ReadingRules rules) {
     judgeSettings(*document, fragment);
     completeProblems(*document, fragment.problems);
     fragment.keyFiles = std::move(keys.files);
+    fragment.keyFolders = std::move(keys.folders);
     return fragment;
 }
 

@@ -40,6 +40,8 @@ class Mistake:
     says: Tuple[str, ...]
     traffic: Traffic
     status: Optional[int] = None  # None: the controller continues to run
+    #: What is prepared before the start, for a mistake while it runs.
+    prepare: Callable[["Trial"], None] = lambda trial: None
 
 
 @dataclass(frozen=True)

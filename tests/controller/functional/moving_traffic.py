@@ -69,7 +69,7 @@ class MovingTraffic:
 
     def start(self) -> "subprocess.Popen[str]":
         return subprocess.Popen(self._command(
-            "--json", "--rate", 500, "--warm-up", 0, "--duration", 6 + scaled(2), "--next-after", 1,
+            "--json", "--rate", 500, "--warm-up", 0, "--duration", 60, "--next-after", 1,
             "--loss-timeout", 5, "--verify-every", 1), stdout=subprocess.PIPE, text=True)
 
     def received(self, name: str, generation: str, label: int) -> float:

@@ -40,6 +40,24 @@ def nft(*words: str) -> str:
     return subprocess.run(["nft", *words], check=True, capture_output=True, text=True).stdout
 
 
+class OwnedTable:
+    """A table of the packet filter that only its maker can remove."""
+
+    def __init__(self, command: str) -> None:
+        self._maker = subprocess.Popen(["nft", "-i"], stdin=subprocess.PIPE, stdout=subprocess.DEVNULL, text=True)
+        assert self._maker.stdin is not None
+        self._maker.stdin.write(f"{command}\n")
+        self._maker.stdin.flush()
+        wait_until(lambda: nft("list", "tables") != "", "the table was made")
+
+    def __enter__(self) -> "OwnedTable":
+        return self
+
+    def __exit__(self, *_: object) -> None:
+        # The kernel removes the table with its maker.
+        self._maker.communicate(timeout=scaled(10))
+
+
 class SteeredTraffic:
     """The file of a controller with so many instances and flows, and both ends of its traffic.
 
@@ -65,6 +83,18 @@ class SteeredTraffic:
             "controller": "stats_seconds = 1",
             "metrics": f"port = {self.metrics_port}"}
         file.write()
+
+    def listen(self, address: str) -> None:
+        """Writes a file with another address."""
+        self.file.listen = (address, PUBLIC)
+        self.file.tables["downstream"] = self.file.tables["downstream"].replace('"::"', f'"{address}"')
+        self.file.write()
+
+    def no_longer_steered(self) -> None:
+        """Writes a file without instances."""
+        del self.file.tables["downstream"]
+        self.file.tables["forwarder"] = f'framing = "{self.flows[0].framing.name}"'
+        self.file.write()
 
     def _answer(self, data: bytes) -> Optional[bytes]:
         framing = self.flows[0].framing

@@ -4,6 +4,7 @@ from __future__ import annotations
 
 import os
 import re
+import shutil
 import signal
 import time
 from pathlib import Path
@@ -120,6 +121,25 @@ def test_a_swapped_link_changes_a_key(configuration: ConfigurationFolder, start:
     controller.wait_for("info controller: reload: 1 command to send: flow alice", since)
     ask_until_answered(peer, flow, configuration.listen)
     assert sum("reload: " in line for line in controller.lines) == 1
+
+
+def test_the_folder_itself_may_be_a_swapped_link(configuration: ConfigurationFolder, start: StartFolder,
+                                                 peer: UdpEnd, alice: Flow, bob: Flow) -> None:
+    """As deploy/etcd/fragments swaps it."""
+    first = configuration.folder / ".first"
+    configuration.put_flows("10-alice.toml", alice=alice)
+    configuration.path.rename(first)
+    configuration.path.symlink_to(first.name)
+    controller = start()
+    second = configuration.folder / ".second"
+    shutil.copytree(first, second)
+    (second / "20-bob.toml").write_text(configuration.text_of({"bob": bob}), encoding="utf-8")
+    (second / "20-bob.toml").chmod(0o600)
+    (configuration.folder / "link").symlink_to(second.name)
+    os.replace(configuration.folder / "link", configuration.path)
+    shutil.rmtree(first)
+    controller.wait_for("info controller: reload: 1 command to send: flow bob")
+    ask_until_answered(peer, bob, configuration.listen)
 
 
 def test_the_others_are_served_if_fragments_are_broken_at_the_start(

@@ -72,6 +72,7 @@ def test_traffic_moves_to_other_labels_and_keys_without_loss(
                     and "0 commands to send" not in line]
         assert "vesk_rotation" not in page(traffic.metrics)
         assert generator.poll() is None, "the traffic has ended too early"
+        generator.terminate()
         said, _ = generator.communicate(timeout=scaled(20))
     assert generator.returncode == 0, said
     report = json.loads(said)

@@ -11,7 +11,7 @@ from configuration_file import ConfigurationFile
 from controller_fixtures import StartController
 from framework.framing import UDPV1, UDPV2, Framing
 from framework.udp import UdpEnd
-from steered_traffic import PUBLIC, TABLE, SteeredTraffic, all_ready, nft, refusal
+from steered_traffic import PUBLIC, TABLE, OwnedTable, SteeredTraffic, all_ready, nft, refusal
 
 FLOWS = 4000
 HOSTS = ("127.0.0.1", "::1")
@@ -57,8 +57,9 @@ def test_every_datagram_is_at_its_owner_and_every_reply_comes_from_the_public_po
     if instances > 1:
         each = len(HOSTS) * FLOWS // instances
         traffic.wait_for_figures("downstream_received_datagrams_total", [each] * instances)
+        # A reply is counted after it was sent, so the report may be older than the last reply.
+        traffic.wait_for_figures("upstream_sent_replies_total", [each] * instances)
         assert traffic.figures("lateral_received_datagrams_total") == [0] * instances
-        assert traffic.figures("upstream_sent_replies_total") == [each] * instances
     assert controller.finish() == 0
     assert nft("list", "tables") == ""
 
@@ -101,6 +102,58 @@ def test_rules_that_a_crash_has_left_behind_are_replaced(
         traffic.exchange(peer, (host, PUBLIC), traffic.flows)
     assert second.finish() == 0
     assert nft("list", "tables") == ""
+
+
+def test_rules_that_a_crash_has_left_behind_are_removed_without_instances(
+        start_controller: StartController, make_traffic: MakeTraffic, host: str) -> None:
+    traffic = make_traffic()
+    all_ready(start_controller(), 2).abandon()
+    assert nft("list", "tables") == f"table {TABLE}\n"
+    traffic.no_longer_steered()
+    controller = start_controller().ready()
+    assert (f"info controller: removed the rules of the packet filter that an earlier controller has left for "
+            f"port {PUBLIC}") in controller.lines
+    assert nft("list", "tables") == ""
+    with UdpEnd(host) as peer:
+        traffic.exchange(peer, (host, PUBLIC), traffic.flows)
+
+
+def test_rules_that_cannot_be_removed_are_reported(
+        start_controller: StartController, make_traffic: MakeTraffic) -> None:
+    make_traffic().no_longer_steered()
+    with OwnedTable(f"add table {TABLE} {{ flags owner; map instances {{ typeof udp dport : udp dport; }}; }}"):
+        controller = start_controller().ready()
+        controller.wait_for(re.compile(
+            rf"warn controller: the rules of the packet filter that an earlier controller has left for port {PUBLIC} "
+            rf"cannot be removed and may steer its datagrams away: .+; run nft delete table {TABLE}"))
+        assert nft("list", "tables") == f"table {TABLE}\n"
+
+
+def test_rules_stay_without_the_right_to_remove_them(
+        start_controller: StartController, make_traffic: MakeTraffic) -> None:
+    traffic = make_traffic()
+    all_ready(start_controller(), 2).abandon()
+    traffic.no_longer_steered()
+    controller = start_controller(prefix=["setpriv", "--bounding-set", "-net_admin"]).ready()
+    assert not [line for line in controller.lines if "packet filter" in line]
+    assert controller.finish() == 0
+    assert nft("list", "tables") == f"table {TABLE}\n"
+    nft("delete", "table", *TABLE.split())
+
+
+def test_the_rules_of_a_controller_that_runs_are_not_removed(
+        start_controller: StartController, make_traffic: MakeTraffic,
+        tmp_path_factory: pytest.TempPathFactory) -> None:
+    traffic = make_traffic()
+    traffic.listen("127.0.0.1")
+    steering = all_ready(start_controller(), 2)
+    other = ConfigurationFile(tmp_path_factory.mktemp("other"))
+    other.listen = ("127.0.0.2", PUBLIC)
+    other.write()
+    start_controller(file=other).ready()
+    with UdpEnd("127.0.0.1") as peer:
+        traffic.exchange(peer, ("127.0.0.1", PUBLIC), traffic.flows)
+    assert steering.finish() == 0
 
 
 def test_no_other_table_is_touched(start_controller: StartController,

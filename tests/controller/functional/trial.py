@@ -152,6 +152,7 @@ class Trial:
         program.symlink_to(os.path.abspath(self.names["PROGRAM"]))
         self.names["PROGRAM"] = str(program)
         self.arguments = ["--program", str(program)]
+        row.prepare(self)
         self.start().ready()
         with contextlib.ExitStack() as stack:
             alice, bob = (stack.enter_context(Conversation(flow, self.peers_send_to))

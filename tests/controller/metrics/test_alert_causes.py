@@ -19,6 +19,7 @@ from framework.udp import Address, UdpEnd, free_port
 
 from alert_rules import alert_rules
 from monitored_host import Host
+from name_server import NameServer
 
 # VeskNotListening ------------------------------------------------------------------------
 
@@ -50,6 +51,43 @@ def test_the_port_of_the_lateral_stream_is_taken(configuration: ConfigurationFil
     assert (now["vesk_listening"], now["vesk_lateral_listening"]) == (1, 0)
     taken.close()
     host.wait_for(lambda now: now["vesk_lateral_listening"] == 1, "it listens")
+
+
+# VeskPeerUnresolved ----------------------------------------------------------------------
+
+_RESOLVED = 'vesk_lateral_peer_resolved{peer="%d"}'
+
+
+@pytest.fixture
+def name_server(configuration: ConfigurationFile, host: Host, tmp_path: Path) -> Iterator[NameServer]:
+    """Knows the first of two peers, whose names the file has."""
+    port = free_port()
+    configuration.tables["lateral"] = (
+        f'address = "{LOOPBACK[0]}"\nport = {port}\nindex = 0\ninstances = 3\n'
+        f'peers_from = "p{{index}}.example:{port}"\nresolve_seconds = 1')
+    server = NameServer(host.namespace, tmp_path, {"p1.example": LOOPBACK[1]})
+    yield server
+    server.close()
+
+
+def test_the_name_servers_do_not_have_the_name_of_a_peer(host: Host, name_server: NameServer) -> None:
+    host.start(*name_server.prefix())
+    host.wait_for(lambda now: (now[_RESOLVED % 1], now[_RESOLVED % 2]) == (1, 0), "one is resolved")
+    name_server.answer({"p1.example": LOOPBACK[1], "p2.example": LOOPBACK[1]})
+    host.wait_for(lambda now: now[_RESOLVED % 2] == 1, "both are resolved")
+
+
+def test_the_name_server_has_no_address_of_the_family(host: Host, name_server: NameServer) -> None:
+    name_server.answer({"p1.example": LOOPBACK[1], "p2.example": "::1"})
+    host.start(*name_server.prefix())
+    host.wait_for(lambda now: (now[_RESOLVED % 1], now[_RESOLVED % 2]) == (1, 0), "one is resolved")
+
+
+def test_the_name_servers_do_not_answer(host: Host, name_server: NameServer) -> None:
+    name_server.hang()
+    host.start(*name_server.prefix())
+    now = host.metrics()
+    assert (now[_RESOLVED % 1], now[_RESOLVED % 2]) == (0, 0)
 
 
 # VeskReceiveQueueLong --------------------------------------------------------------------

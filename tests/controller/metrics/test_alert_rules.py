@@ -59,6 +59,10 @@ _CASES: Dict[str, Case] = {
         {'vesk_rotation_start_timestamp_seconds{flow="alice",label="0x1"}': "-604000x120"},
         {'vesk_rotation_start_timestamp_seconds{flow="alice",label="0x1"}': "-603000x120"},
         flow="alice", label="0x1"),
+    # One answer that is missing does not fire the alert.
+    "VeskPeerUnresolved": case({'vesk_lateral_peer_resolved{peer="2"}': "1x60 0x60",
+                                'vesk_lateral_peer_resolved{peer="1"}': "1x120"},
+                               {'vesk_lateral_peer_resolved{peer="2"}': "1x100 0x20"}, peer="2"),
     "VeskDatagramsRefused": case(
         {**rising("vesk_downstream_receive_errors_total", 6),
          **rising("vesk_downstream_received_datagrams_total", 100)},

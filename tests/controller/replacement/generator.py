@@ -10,6 +10,8 @@ from typing import Dict, List, Sequence
 from framework.timing import scaled
 
 PORT = 4500
+# In seconds; a limit for a test that does not end the traffic.
+_LONGEST = 100
 _DEFAULTS = {"--label-step": 65536, "--port": PORT, "--upstream-port": 5000}
 
 
@@ -28,36 +30,33 @@ def configuration_text(flows: int, *options: object) -> str:
 
 
 class Generator:
-    """Sends at a fixed rate for some seconds and verifies every reply."""
+    """Sends at a fixed rate until its result is asked for, and verifies every reply."""
 
-    def __init__(self, process: int, flows: int, rate: int, seconds: float,
-                 *options: object, prefix: Sequence[str] = ()) -> None:
-        self._seconds = seconds
+    def __init__(self, process: int, flows: int, rate: int, *options: object,
+                 prefix: Sequence[str] = ()) -> None:
         # The id of a process that outlives the traffic is required; the time that it uses is not looked at.
         self._process = subprocess.Popen(
-            [*prefix, *_words("--flows", flows, "--rate", rate, "--duration", seconds,
+            [*prefix, *_words("--flows", flows, "--rate", rate, "--duration", _LONGEST,
                               "--loss-timeout", 1, "--verify-every", 1, "--pid", process,
                               "--allow-loss", "--json", *options)],
             stdout=subprocess.PIPE, stderr=subprocess.PIPE, text=True)
 
-    def is_sending(self) -> bool:
-        return self._process.poll() is None
-
     def result(self) -> Dict[str, float]:
-        """Waits for its end."""
-        printed, said = self._process.communicate(timeout=self._seconds + scaled(20))
+        """Ends the traffic."""
+        assert self._process.poll() is None, "the traffic ended too early for this check"
+        self._process.terminate()
+        printed, said = self._process.communicate(timeout=scaled(20))
         assert printed, said
         counts: Dict[str, float] = json.loads(printed)
         assert counts["sent"] > 0
         return counts
 
     def check_nothing_lost(self) -> Dict[str, float]:
-        """Waits for its end; returns its counts."""
+        """Ends the traffic; returns its counts."""
         counts = self.result()
         assert not any(counts[name] for name in ("lost", "late", "wrong", "unexpected")), counts
         return counts
 
     def end(self) -> None:
-        if self.is_sending():
-            self._process.kill()
+        self._process.kill()
         self._process.communicate()

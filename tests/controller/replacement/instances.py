@@ -11,7 +11,9 @@ from pathlib import Path
 from typing import Dict, List, Optional
 
 from configuration_file import ConfigurationFile
+from controller_fixtures import Answer
 from controller_process import ControllerProcess
+from framework.flow import Flow, four_keys
 from framework.timing import SANITIZER, wait_until
 from generator import PORT, configuration_text
 
@@ -38,6 +40,20 @@ def steer(file: ConfigurationFile, instances: int) -> None:
     file.tables["forwarder"] = f"instances = {instances}"
     file.tables["downstream"] = downstream(instances)
     file.tables["metrics"] = f"port = {METRICS}"
+
+
+def flow_of_each(file: ConfigurationFile, answer: Answer, first: int = 0,
+                 controller: str = "") -> List[Flow]:
+    """Writes the file of two instances with one flow of each. The upper 16 bits of the labels count
+    from `first`, which is even."""
+    flows = [Flow(label=(first + instance) << 16 | 1, **four_keys()) for instance in range(2)]
+    for instance, flow in enumerate(flows):
+        answer(flow)
+        file.flows[f"flow{instance}"] = flow
+    steer(file, 2)
+    file.tables["controller"] = f"stats_seconds = 1\n{controller}"
+    file.write()
+    return flows
 
 
 def write_for_generator(file: ConfigurationFile, controller: str = "", *options: object,

@@ -46,7 +46,7 @@ def test_a_broken_program_changes_nothing(configuration: ConfigurationFile,
     write_for_generator(configuration, "answer_seconds = 1")
     controller = start_controller("--program", program)
     controller.wait_for(READY)
-    generator = start_generator(controller.pid, FLOWS, RATE, 15)
+    generator = start_generator(controller.pid, FLOWS, RATE)
     for text, reason in _BROKEN.items():
         script(configuration.folder, text)
         _fail(controller, reason)
@@ -57,7 +57,6 @@ def test_a_broken_program_changes_nothing(configuration: ConfigurationFile,
     # A program that works takes over afterwards.
     script(configuration.folder, _forwarder())
     controller.wait_for(DONE, replace(controller))
-    assert generator.is_sending(), "the traffic ended too early for this check"
     generator.check_nothing_lost()
     assert controller.finish() == 0
 
@@ -85,9 +84,8 @@ def test_a_controller_killed_in_the_middle_can_be_started_again(
     controller.wait_for(READY)
     assert tables() == ["table inet vesk_4500"]
     assert port_of_instances() == {0: 4501, 1: 4502}
-    generator = start_generator(controller.pid, FLOWS, RATE, 6)
+    generator = start_generator(controller.pid, FLOWS, RATE)
     controller.wait_for(DONE, replace(controller))
-    assert generator.is_sending(), "the traffic ended too early for this check"
     generator.check_nothing_lost()
     assert controller.finish() == 0
     assert not tables()

@@ -13,25 +13,19 @@ from configuration_file import ConfigurationFile
 from controller_fixtures import Answer, StartController
 from controller_process import ControllerProcess
 from conversation import Conversation, ask_until_answered
-from framework.flow import Flow, four_keys
+from framework.flow import Flow
 from framework.timing import scaled, wait_until
 from framework.udp import UdpEnd
 from generator import PORT
-from instances import METRICS, forwarders, listener, nft, port_of_instances, steer, tables
+from instances import (METRICS, flow_of_each, forwarders, listener, nft, port_of_instances,
+                       tables)
 from page import fetch, samples
 
 
 @pytest.fixture
 def flows(configuration: ConfigurationFile, answer: Answer) -> "list[Flow]":
     """One flow of each of two instances."""
-    made = [Flow(label=(instance + 2) << 16 | 1, **four_keys()) for instance in range(2)]
-    for instance, flow in enumerate(made):
-        answer(flow)
-        configuration.flows[f"flow{instance}"] = flow
-    steer(configuration, 2)
-    configuration.tables["controller"] = "stats_seconds = 1"
-    configuration.write()
-    return made
+    return flow_of_each(configuration, answer, first=2)
 
 
 @pytest.fixture

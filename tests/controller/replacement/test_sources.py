@@ -45,9 +45,8 @@ def test_others_lose_nothing_and_each_has_a_short_gap(configuration: Configurati
     _write(configuration)
     controller = start_controller()
     controller.wait_for(_READY)
-    seconds = scaled(5)
-    others = start_generator(controller.pid, FLOWS, _RATE_OF_OTHERS, seconds)
-    moved = start_generator(controller.pid, _SOURCES, _SOURCES * _RATE_OF_EACH, seconds, *_OPTIONS)
+    others = start_generator(controller.pid, FLOWS, _RATE_OF_OTHERS)
+    moved = start_generator(controller.pid, _SOURCES, _SOURCES * _RATE_OF_EACH, *_OPTIONS)
     wait_until(lambda: samples(METRICS)["vesk_flow_sockets"] == FLOWS + _SOURCES,
                "all flows have their sockets", 10)
     since = replace(controller)
@@ -56,7 +55,6 @@ def test_others_lose_nothing_and_each_has_a_short_gap(configuration: Configurati
             f"info controller: instance {instance}: moved {_SOURCES // INSTANCES} flows with a "
             "source to the new forwarder; the old one drains", since)
     controller.wait_for(DONE, since)
-    assert others.is_sending() and moved.is_sending(), "the traffic ended too early for this check"
     others.check_nothing_lost()
     counts = moved.result()
     assert not any(counts[name] for name in ("late", "wrong", "unexpected", "wrong_source")), counts
@@ -100,7 +98,7 @@ def test_the_new_forwarder_gets_all_flows_if_the_old_one_ends(
         controller.wait_for(
             "error controller: instance 0: the old forwarder ended before all its flows with a source "
             f"had been moved; left: {left}", since)
-    assert re.search(r"map staying \{\s*typeof @th,192,32 : udp dport\s*\}",
-                     nft("list", "map", "inet", f"vesk_{PORT}", "staying"))
+    # Those of the next instance may be there already.
+    assert f": {PORT + 1}" not in nft("list", "map", "inet", f"vesk_{PORT}", "staying")
     controller.wait_for(DONE, since)
     assert controller.finish() == 0

@@ -21,6 +21,22 @@ TEST(ChangeTimer, LooksFromTimeToTimeWithoutEvents) {
     EXPECT_EQ(timer.dueAt(), opened + milliseconds(500) + ChangeTimer::period);
 }
 
+TEST(ChangeTimer, LooksThoroughlyAfterEventsAndOnceAMinute) {
+    Clock::time_point now{};
+    ChangeTimer timer(now);
+    EXPECT_TRUE(timer.look(now));
+    for (now += ChangeTimer::period; now < Clock::time_point{} + ChangeTimer::thoroughPeriod;
+         now += ChangeTimer::period) {
+        EXPECT_FALSE(timer.look(now));
+    }
+    EXPECT_TRUE(timer.look(now));
+    EXPECT_FALSE(timer.look(now + ChangeTimer::period));
+    timer.event(now + ChangeTimer::period);
+    EXPECT_TRUE(timer.look(now + ChangeTimer::period));
+    EXPECT_FALSE(timer.look(now + ChangeTimer::thoroughPeriod));
+    EXPECT_TRUE(timer.look(now + ChangeTimer::period + ChangeTimer::thoroughPeriod));
+}
+
 TEST(ChangeTimer, TakesEventsCloseTogetherAsOneChange) {
     const Clock::time_point opened{};
     ChangeTimer timer(opened);

@@ -129,6 +129,28 @@ TEST_F(FragmentFolderTest, NoticesAChangedKeyFileOfAnotherFolder) {
                 ElementsAre(Pair("00-base.toml", false), Pair("10-a.toml", true)));
 }
 
+TEST_F(FragmentFolderTest, ComparesKeyFilesOfAnotherFolderIfTheFolderHasChanged) {
+    const TemporaryFolder keys;
+    keys.write("a.key", "00");
+    const std::string key = keys.path() / "a.key";
+    write("00-base.toml", std::string(listening));
+    write("10-a.toml", flowTable("a", 1, "from_peer = { key_file = \"" + key + "\" }\n"));
+    read();
+    // Overwritten in place: the folder is the same.
+    keys.write("a.key", "1122");
+    read(FilesToRead::changedFolders);
+    EXPECT_FALSE(reading.changed);
+    read();
+    EXPECT_EQ(reading.configuration->flows.at(1).fromPeer.signature->keyDigits, "1122");
+    keys.write("a.new", "334455");
+    std::filesystem::rename(keys.path() / "a.new", key);
+    read(FilesToRead::changedFolders);
+    EXPECT_EQ(reading.configuration->flows.at(1).fromPeer.signature->keyDigits, "334455");
+    keys.write("unused.key", "00");
+    read(FilesToRead::changedFolders);
+    EXPECT_FALSE(reading.changed);
+}
+
 TEST_F(FragmentFolderTest, ReportsFilesThatCannotBeRead) {
     write("00-base.toml", std::string(listening));
     std::filesystem::create_symlink("nowhere", folder.path() / "10-a.toml");

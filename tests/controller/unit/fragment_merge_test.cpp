@@ -43,6 +43,9 @@ TEST_F(FragmentMergeTest, GivesALabelToTheFirstFragment) {
     EXPECT_EQ(reading.configuration->flows.at(1).name, "a");
     EXPECT_THAT(errors(), ElementsAre("20-b.toml:2: flows.b.label is already used by flows.a in "
                                       "10-a.toml:2"));
+    EXPECT_EQ(withoutFolder(reading.errors.back().consequence),
+              "20-b.toml is not usable: its flows are unchanged, except those that an earlier "
+              "fragment replaces");
     remove("10-a.toml");
     EXPECT_THAT(read(), ElementsAre(1U, 2U));
     EXPECT_EQ(reading.configuration->flows.at(1).name, "b");

@@ -107,14 +107,25 @@ class Follower:
     def log(self) -> str:
         return self._log.read_text(encoding="utf-8", errors="replace")
 
+    @property
+    def current(self) -> Path:
+        """The folder that the controller reads."""
+        return self.folder / "current"
+
+    def leave(self, name: str, text: str) -> None:
+        """Makes the only file that an earlier run of the script has left."""
+        (self.folder / ".before").mkdir()
+        (self.folder / ".before" / name).write_text(text, encoding="utf-8")
+        self.current.symlink_to(".before")
+
     def files(self) -> List[str]:
-        return sorted(it.name for it in self.folder.iterdir())
+        return sorted(it.name for it in self.current.iterdir())
 
     def wait_for_line(self, line: str) -> None:
         wait_until(lambda: f"{line}\n" in self.log(), f"the script has written: {line}", 10)
 
     def wait_for(self, name: str, text: Optional[str], seconds: float = 10.0) -> None:
         """Until the file has this text and a newline, or until there is no such file."""
-        path = self.folder / name
+        path = self.current / name
         wait_until(lambda: (path.read_text() if path.exists() else None) == (None if text is None else text + "\n"),
                    f"{name} is {text!r}\n{self.log()}", seconds)

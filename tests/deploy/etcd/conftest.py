@@ -13,9 +13,7 @@ from framework import own_network
 
 
 def pytest_configure() -> None:
-    reason = own_network.enter()
-    if reason:
-        raise pytest.UsageError(f"the tests need a network namespace of their own: {reason}")
+    own_network.require()
 
 
 @pytest.fixture(scope="session")

@@ -14,6 +14,8 @@ import socket
 import struct
 from typing import Optional
 
+import pytest
+
 _CLONE_NEWNET = 0x40000000
 _SIOCGIFFLAGS = 0x8913
 _SIOCSIFFLAGS = 0x8914
@@ -33,3 +35,10 @@ def enter() -> Optional[str]:
         name, flags = _INTERFACE_FLAGS.unpack(fcntl.ioctl(control, _SIOCGIFFLAGS, request))
         fcntl.ioctl(control, _SIOCSIFFLAGS, _INTERFACE_FLAGS.pack(name, flags | _IFF_UP))
     return None
+
+
+def require() -> None:
+    """Does the same, for tests that use fixed ports. Ends pytest if it is not allowed."""
+    reason = enter()
+    if reason:
+        raise pytest.UsageError(f"the tests need a network namespace of their own: {reason}")
