@@ -1,5 +1,6 @@
-# The Debian packages vesk, vesk-controller and vesk-tools, one for each component: build the target
-# "package", or run packaging/build-packages, which also makes the build reproducible.
+# The Debian packages, one for each component: vesk, vesk-controller, vesk-tools, libvesk-framing1 and
+# libvesk-framing-dev. Build the target "package", or run packaging/build-packages, which also makes the build
+# reproducible.
 
 # Without the first one CPack makes packages that depend on no library.
 find_program(DPKG_SHLIBDEPS dpkg-shlibdeps)
@@ -17,6 +18,9 @@ if(VESK_BUILD_CONTROLLER)
 endif()
 if(VESK_BUILD_TOOLS)
     list(APPEND CPACK_COMPONENTS_ALL tools)
+endif()
+if(VESK_BUILD_FRAMING)
+    list(APPEND CPACK_COMPONENTS_ALL framing framing_dev)
 endif()
 set(CPACK_DEB_COMPONENT_INSTALL ON)
 set(CPACK_INSTALL_DEFAULT_DIRECTORY_PERMISSIONS
@@ -79,6 +83,36 @@ measures rates, round trips and processor time.
 
 The dissector shows the framing of Vesk's datagrams in Wireshark and tshark,
 and whether each HMAC is good.")
+
+# The symbols file has the name of the package and the versions since which it has each function. The trigger makes
+# the system's cache of libraries.
+set(CPACK_DEBIAN_FRAMING_PACKAGE_NAME libvesk-framing1)
+set(CPACK_DEBIAN_FRAMING_PACKAGE_SOURCE vesk)
+set(CPACK_DEBIAN_FRAMING_PACKAGE_SECTION libs)
+set(CPACK_DEBIAN_FRAMING_PACKAGE_CONTROL_EXTRA
+    ${debian}/libvesk-framing1/postinst ${debian}/libvesk-framing1/postrm
+    ${debian}/libvesk-framing1/shlibs ${debian}/libvesk-framing1/symbols ${debian}/libvesk-framing1/triggers)
+set(CPACK_DEBIAN_FRAMING_DESCRIPTION "datagrams of the Vesk forwarder
+Makes, checks and relabels the datagrams that the Vesk forwarder accepts and
+sends, for peers and upstream services: the framings UDPv1 and UDPv2, with
+HMAC-SHA-256 or HMAC-SHA-1.
+
+This package contains the shared library.")
+
+set(CPACK_DEBIAN_FRAMING_DEV_PACKAGE_NAME libvesk-framing-dev)
+set(CPACK_DEBIAN_FRAMING_DEV_PACKAGE_SOURCE vesk)
+set(CPACK_DEBIAN_FRAMING_DEV_PACKAGE_SECTION libdevel)
+set(CPACK_DEBIAN_FRAMING_DEV_PACKAGE_DEPENDS "libvesk-framing1 (= ${version})")
+set(CPACK_DEBIAN_FRAMING_DEV_PACKAGE_SHLIBDEPS OFF)
+set(CPACK_DEBIAN_FRAMING_DEV_DEBUGINFO_PACKAGE OFF)
+set(CPACK_DEBIAN_FRAMING_DEV_DESCRIPTION "datagrams of the Vesk forwarder (development files)
+Makes, checks and relabels the datagrams that the Vesk forwarder accepts and
+sends, for peers and upstream services: the framings UDPv1 and UDPv2, with
+HMAC-SHA-256 or HMAC-SHA-1.
+
+This package contains the headers for C and C++, files for pkg-config and
+CMake, a manual page, and test vectors of the wire format for programs that
+implement it themselves.")
 
 # Each package has its own changelog and licence, as Debian requires.
 add_custom_command(OUTPUT changelog.Debian.gz

@@ -24,7 +24,8 @@ from urllib.parse import quote
 
 Json = Dict[str, Any]
 
-OURS = ("vesk", "vesk-controller", "vesk-tools")
+OURS = ("vesk", "vesk-controller", "vesk-tools", "libvesk-framing1", "libvesk-framing-dev")
+LIBRARIES = OURS[3:]
 HEADERS = {"vesk-controller": ("libcli11-dev",), "vesk-tools": ("libcli11-dev",)}
 
 
@@ -48,7 +49,8 @@ def purl(control: Dict[str, str]) -> str:
 
 
 def component(control: Dict[str, str]) -> Json:
-    return {"type": "application" if control["Package"] in OURS else "library", "bom-ref": purl(control),
+    is_program = control["Package"] in OURS and control["Package"] not in LIBRARIES
+    return {"type": "application" if is_program else "library", "bom-ref": purl(control),
             "name": control["Package"], "version": control["Version"], "purl": purl(control)}
 
 

@@ -58,6 +58,13 @@ def framing():
         add(target, "one_byte", b"\0")
 
 
+def framing_library():
+    """The datagrams of the forwarder's own targets, behind a byte that chooses the version."""
+    for (target, name), content in list(inputs.items()):
+        if target in ("framing_v1", "framing_v2"):
+            add("framing_library", f"{target}_{name}", target[-1].encode() + content)
+
+
 def ipv4_address():
     return socket_address_bytes("127.0.0.1", 4500)
 
@@ -264,6 +271,7 @@ def upstream():
 
 def make_all():
     framing()
+    framing_library()
     lateral_header()
     control_messages()
     merged_datagrams()

@@ -40,7 +40,8 @@ def contents(package: Path) -> Dict[str, Entry]:
     found = {}
     for line in run("dpkg-deb", "--contents", package).splitlines():
         mode, owner, _size, _date, _time, path = line.split(maxsplit=5)
-        found[path.removeprefix(".").rstrip("/")] = Entry(mode, owner)
+        name, _, _target = path.partition(" -> ")
+        found[name.removeprefix(".").rstrip("/")] = Entry(mode, owner)
     found.pop("", None)
     return found
 

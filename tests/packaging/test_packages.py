@@ -16,6 +16,7 @@ from debian import build_packages, contents, field, run
 
 _FILE = "-rw-r--r--"
 _PROGRAM = "-rwxr-xr-x"
+_LINK = "lrwxrwxrwx"
 
 _MULTIARCH = run("dpkg-architecture", "--query", "DEB_HOST_MULTIARCH").strip()
 
@@ -65,15 +66,41 @@ _FILES: Dict[str, Dict[str, str]] = {
         "/usr/share/man/man1/vesk-traffic.1.gz": _FILE,
     } | {f"/usr/lib/{_MULTIARCH}/wireshark/plugins/vesk/{path.name}": _FILE
          for path in (Path(__file__).parents[2] / "dissector").glob("*.lua")},
+    "libvesk-framing1": {
+        f"/usr/lib/{_MULTIARCH}/libvesk-framing.so.1": _LINK,
+        f"/usr/lib/{_MULTIARCH}/libvesk-framing.so.1.0.0": _FILE,
+        "/usr/share/doc/libvesk-framing1/changelog.Debian.gz": _FILE,
+        "/usr/share/doc/libvesk-framing1/copyright": _FILE,
+    },
+    "libvesk-framing-dev": {
+        "/usr/include/vesk_framing.h": _FILE,
+        "/usr/include/vesk_framing.hpp": _FILE,
+        f"/usr/lib/{_MULTIARCH}/cmake/vesk-framing/vesk-framing-config-version.cmake": _FILE,
+        f"/usr/lib/{_MULTIARCH}/cmake/vesk-framing/vesk-framing-config.cmake": _FILE,
+        f"/usr/lib/{_MULTIARCH}/cmake/vesk-framing/vesk-framing-targets-relwithdebinfo.cmake": _FILE,
+        f"/usr/lib/{_MULTIARCH}/cmake/vesk-framing/vesk-framing-targets.cmake": _FILE,
+        f"/usr/lib/{_MULTIARCH}/libvesk-framing.so": _LINK,
+        f"/usr/lib/{_MULTIARCH}/pkgconfig/vesk-framing.pc": _FILE,
+        "/usr/share/doc/libvesk-framing-dev/changelog.Debian.gz": _FILE,
+        "/usr/share/doc/libvesk-framing-dev/copyright": _FILE,
+        "/usr/share/doc/vesk/framing.md": _FILE,
+        "/usr/share/doc/vesk/vectors.md": _FILE,
+        "/usr/share/man/man3/vesk-framing.3.gz": _FILE,
+    } | {f"/usr/share/vesk/vectors/{path.name}": _FILE
+         for path in (Path(__file__).parents[2] / "vectors").glob("*.json")},
 }
 
 _CONFIGURATION = {
     "vesk": ["/etc/sysctl.d/20-vesk.conf"],
     "vesk-controller": ["/etc/vesk/example.toml"],
     "vesk-tools": [],
+    "libvesk-framing1": [],
+    "libvesk-framing-dev": [],
 }
 
 _NAMES = sorted(_FILES)
+# Those with a program or a library.
+_COMPILED = sorted(set(_NAMES) - {"libvesk-framing-dev"})
 
 
 def test_there_is_a_package_for_each_component(packages: Packages) -> None:
@@ -103,9 +130,10 @@ def test_package_describes_itself(packages: Packages, name: str) -> None:
     package = packages[name]
     assert field(package, "Maintainer") == "Vesk developers <vesk@example.org>"
     assert field(package, "Priority") == "optional"
-    assert field(package, "Section") in ("net", "admin")
+    assert field(package, "Section") in ("net", "admin", "libs", "libdevel")
     assert len(field(package, "Description").splitlines()) > 3
-    assert "libc6 (>=" in field(package, "Depends"), "shared libraries are detected automatically"
+    # Shared libraries are detected automatically.
+    assert ("libc6 (>=" in field(package, "Depends")) == (name in _COMPILED)
     changelog = Path(__file__).parents[2] / "packaging/debian/changelog"
     newest = re.match(r"vesk \((\S+)\)", changelog.read_text())
     assert newest is not None and field(package, "Version") == newest[1]
@@ -125,10 +153,27 @@ def test_controller_depends_on_one_http_server(packages: Packages) -> None:
     assert "libprometheus-cpp-pull" not in depends and "libcivetweb" not in depends
 
 
-@pytest.mark.parametrize("name", _NAMES)
+def test_framing_library_depends_on_libcrypto_and_the_language_only(packages: Packages) -> None:
+    depends = {word.split(" ")[0] for word in field(packages["libvesk-framing1"], "Depends").split(", ")}
+    assert depends == {"libc6", "libgcc-s1", "libssl3", "libstdc++6"}
+
+
+def test_development_files_are_those_of_the_library(packages: Packages) -> None:
+    version = field(packages["libvesk-framing1"], "Version")
+    assert field(packages["libvesk-framing-dev"], "Depends") == f"libvesk-framing1 (= {version})"
+
+
+def test_development_files_name_the_installed_folders(packages: Packages, tmp_path: Path) -> None:
+    run("dpkg-deb", "--extract", packages["libvesk-framing-dev"], tmp_path)
+    (description,) = tmp_path.rglob("vesk-framing.pc")
+    assert f"prefix=/usr\nlibdir=${{prefix}}/lib/{_MULTIARCH}\n" in description.read_text()
+
+
+@pytest.mark.parametrize("name", _COMPILED)
 def test_programs_are_stripped(packages: Packages, name: str, tmp_path: Path) -> None:
     run("dpkg-deb", "--extract", packages[name], tmp_path)
-    programs = [path for path in tmp_path.rglob("*") if path.parent.name == "bin"]
+    programs = [path for path in tmp_path.rglob("*")
+                if path.parent.name == "bin" or ".so." in path.name and not path.is_symlink()]
     assert programs
     for program in programs:
         sections = run("readelf", "--wide", "--section-headers", program)
@@ -138,7 +183,7 @@ def test_programs_are_stripped(packages: Packages, name: str, tmp_path: Path) ->
 def test_symbols_are_in_separate_files(packages: Packages) -> None:
     folder = packages["vesk"].parent
     assert {path.name.split("_")[0] for path in folder.glob("*.ddeb")} == {
-        f"{name}-dbgsym" for name in _NAMES}
+        f"{name}-dbgsym" for name in _COMPILED}
 
 
 def test_lintian_reports_nothing(packages: Packages) -> None:

@@ -12,7 +12,7 @@ import sys
 import tempfile
 from pathlib import Path
 
-OPTIONS = ("CONTROLLER", "TOOLS", "BENCH", "TESTS")
+OPTIONS = ("CONTROLLER", "TOOLS", "FRAMING", "BENCH", "TESTS")
 ALLOWED_PACKAGES = {"OpenSSL", "Threads"}
 _PACKAGE = re.compile(r"^\s*(?:find_package|find_dependency)\((\w[\w+-]*)", re.MULTILINE)
 _LINKS = re.compile(r"^build vesk: CXX_EXECUTABLE_LINKER.*?LINK_LIBRARIES = ([^\n]*)", re.MULTILINE | re.DOTALL)
@@ -21,7 +21,7 @@ _LINKS = re.compile(r"^build vesk: CXX_EXECUTABLE_LINKER.*?LINK_LIBRARIES = ([^\
 def other_packages(root: Path) -> "set[str]":
     """Every package that any part of the project searches for."""
     found = set()
-    for folder in ("cmake", "src", "tools", "bench", "controller", "man", "packaging", "tests"):
+    for folder in ("cmake", "src", "framing", "tools", "bench", "controller", "man", "packaging", "tests"):
         for path in [*(root / folder).rglob("CMakeLists.txt"), *(root / folder).rglob("*.cmake")]:
             found.update(_PACKAGE.findall(path.read_text(encoding="utf-8")))
     return found - ALLOWED_PACKAGES - {"PkgConfig"}

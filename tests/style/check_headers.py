@@ -36,12 +36,13 @@ def fault_of(root: Path, compiler: str, header: str) -> Optional[str]:
 def main() -> int:
     root, compiler = Path(sys.argv[1]), sys.argv[2]
     files = source_files(root)
-    headers = [path for path in files if path.endswith(".h")]
-    alone = [path for path in headers if path.removesuffix(".h") + ".cpp" not in files]
+    headers = [path for path in files if path.endswith((".h", ".hpp"))]
+    sources = {path: str(Path(path).with_suffix(".cpp")) for path in headers}
+    # A header for users of a library has the name of the library's own, which its source file includes.
+    alone = [path for path in headers if path.endswith(".hpp") or sources[path] not in files]
     faults: List[Optional[str]] = [
-        f"{path.removesuffix('.h')}.cpp does not include its own header first"
-        for path in headers
-        if path not in alone and not included_first(root, path, path.removesuffix(".h") + ".cpp")]
+        f"{sources[path]} does not include its own header first"
+        for path in headers if path not in alone and not included_first(root, path, sources[path])]
     with ThreadPoolExecutor(os.cpu_count()) as pool:
         faults += pool.map(lambda path: fault_of(root, compiler, path), alone)
     found = [fault for fault in faults if fault]

@@ -25,13 +25,13 @@ LONG_TESTS = (
 )
 
 # The line that opens a function, or a block within one, which is no longer than its function.
-NOT_A_FUNCTION = r"(?!(namespace|class|struct|enum|union|extern|return)\b)"
+NOT_A_FUNCTION = r"(?!(namespace|class|struct|enum|union|typedef|extern|return)\b)"
 OPENING = re.compile(rf"^( {{0,4}}){NOT_A_FUNCTION}[^ #/].*[^{{]\{{$")
 
 
 def sources(root: Path, folders: List[str]) -> Dict[Path, List[str]]:
     files = [file for folder in folders for file in sorted((root / folder).rglob("*"))
-             if file.suffix in (".cpp", ".h")]
+             if file.suffix in (".cpp", ".h", ".hpp")]
     return {file.relative_to(root): file.read_text(encoding="utf-8").splitlines() for file in files}
 
 

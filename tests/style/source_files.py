@@ -8,18 +8,21 @@ import re
 from pathlib import Path, PurePosixPath
 from typing import Dict, Iterator, List, Optional
 
-FOLDERS = ("src", "controller", "tools", "bench", "dissector", "scripts", "tests")
+FOLDERS = ("src", "framing", "controller", "tools", "bench", "dissector", "scripts", "vectors", "tests")
 # Where the C++ files in a folder find headers, in addition to their own folder.
 HEADER_FOLDERS = {
     "src": ("src",),
+    "framing": ("framing", "src"),
     "controller": ("controller", "src"),
     "tools": ("tools", "src"),
     "bench": ("bench", "tools", "src"),
-    "tests/support": ("tests", "src"),
+    "tests/support": ("tests", "framing", "src"),
     "tests/unit/tools": ("tools", "src"),
+    "tests/unit/framing": ("framing", "tests/unit", "tests", "src"),
     "tests/unit": ("tests/unit", "tests", "src"),
-    "tests/fuzz": ("tests/fuzz", "tests", "src"),
+    "tests/fuzz": ("tests/fuzz", "tests", "framing", "src"),
     "tests/model": ("tests/unit", "tests", "src"),
+    "tests/framing": ("framing",),
     "tests": ("controller", "src"),
 }
 # Where Python files find modules, in addition to their own folder.
@@ -42,7 +45,7 @@ def _files_below(folder: Path) -> Iterator[Path]:
 
 
 def _kind(path: Path) -> str:
-    if path.suffix in (".h", ".cpp", ".lua", ".py"):
+    if path.suffix in (".h", ".hpp", ".cpp", ".lua", ".py"):
         return path.suffix
     if path.suffix == "" and path.read_bytes()[:64].split(b"\n")[0].endswith(b"python3"):
         return ".py"
@@ -50,7 +53,7 @@ def _kind(path: Path) -> str:
 
 
 def is_cpp(path: str) -> bool:
-    return path.endswith((".h", ".cpp"))
+    return path.endswith((".h", ".hpp", ".cpp"))
 
 
 class Uses:

@@ -97,7 +97,7 @@ class Framing:
             position += 2
         (label,) = struct.unpack_from("!I", datagram, position)
         position += 4
-        if not position <= payload_at <= len(datagram):
+        if self.has_header_length and not position <= payload_at < len(datagram):
             raise ValueError(f"header length {payload_at} of {len(datagram)} bytes")
         return Datagram(datagram[:self.hmac_length], label,
                         datagram[position:payload_at], datagram[payload_at:])

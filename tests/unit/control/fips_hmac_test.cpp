@@ -2,11 +2,9 @@
 // the library stays enabled.
 
 #include <gtest/gtest.h>
-#include <openssl/core.h>
 #include <openssl/core_dispatch.h>
 #include <openssl/provider.h>
 
-#include <array>
 #include <cstdlib>
 #include <string_view>
 #include <vector>
@@ -16,29 +14,12 @@
 #include "flow/hmac_info.h"
 #include "support/bytes.h"
 #include "support/child_process.h"
+#include "support/fips_provider.h"
 
 namespace vesk {
 namespace {
 
-/// What the FIPS provider of these tests offers; the last one has no name.
-std::vector<OSSL_ALGORITHM> approvedDigests{{}};
-
-const OSSL_ALGORITHM* offer(void* /*provider*/, int operation, int* noCache) {
-    *noCache = 0;
-    return operation == OSSL_OP_DIGEST ? approvedDigests.data() : nullptr;
-}
-
-int initFipsProvider(const OSSL_CORE_HANDLE*, const OSSL_DISPATCH*, const OSSL_DISPATCH** out,
-                     void** context) {
-    static const std::array<OSSL_DISPATCH, 2> functions{
-        {{OSSL_FUNC_PROVIDER_QUERY_OPERATION, reinterpret_cast<void (*)()>(offer)}, {0, nullptr}}};
-    *out = functions.data();
-    *context = nullptr;
-    return 1;
-}
-
-void startFipsModeWithoutDigests() {
-    OSSL_PROVIDER_add_builtin(nullptr, "fips", initFipsProvider);
+void enableFipsMode() {
     setenv("__TORLEXA_OPENSSL_FIPS", "", 1);
     int active = 0;
     if (OSSL_PROVIDER_load(nullptr, "fips") == nullptr || !initFipsMode(&active) || active != 1) {
@@ -46,19 +27,15 @@ void startFipsModeWithoutDigests() {
     }
 }
 
+void startFipsModeWithoutDigests() {
+    addFipsProvider({});
+    enableFipsMode();
+}
+
 /// The FIPS provider then offers the implementations of the default provider.
 void startFipsMode() {
-    OSSL_PROVIDER* const standard = OSSL_PROVIDER_load(nullptr, "default");
-    int noCache = 0;
-    const OSSL_ALGORITHM* digest =
-        OSSL_PROVIDER_query_operation(standard, OSSL_OP_DIGEST, &noCache);
-    approvedDigests.clear();
-    for (; digest->algorithm_names != nullptr; ++digest) {
-        approvedDigests.push_back(
-            {digest->algorithm_names, "provider=fips,fips=yes", digest->implementation, nullptr});
-    }
-    approvedDigests.push_back({});
-    startFipsModeWithoutDigests();
+    addFipsProvider({OSSL_OP_DIGEST});
+    enableFipsMode();
 }
 
 enum class Way { none, states, context, wrongTag };
