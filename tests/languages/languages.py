@@ -4,8 +4,6 @@ programs."""
 from __future__ import annotations
 
 import os
-import shutil
-import subprocess
 import sys
 from dataclasses import dataclass, field
 from pathlib import Path
@@ -13,7 +11,7 @@ from typing import Callable, Dict, List
 
 import pytest
 
-ROOT = Path(__file__).resolve().parents[2]
+from tools import ROOT, need, run
 
 
 @dataclass(frozen=True)
@@ -41,23 +39,27 @@ def _python(_: Path) -> Commands:
                     {"PYTHONPATH": str(folder / "src")})
 
 
+def _go(folder: Path) -> Commands:
+    run(ROOT / "languages/go", "go", "build", "-o", str(folder), "./examples/echo", "./examples/peer")
+    return Commands([str(folder / "echo")], [str(folder / "peer")])
+
+
+def _javascript(_: Path) -> Commands:
+    examples = ROOT / "languages/javascript/examples"
+    return Commands(["node", str(examples / "echo.js")], ["node", str(examples / "peer.js")])
+
+
 LANGUAGES = [
     Language("python", sys.executable, _python),
+    Language("go", "go", _go),
+    Language("javascript", "node", _javascript),
 ]
-
-
-def build(folder: Path, *words: str) -> None:
-    """Runs a command that builds a program, in the language's folder. Fails if the command does."""
-    done = subprocess.run(words, cwd=folder, text=True, stdout=subprocess.PIPE, stderr=subprocess.STDOUT,
-                          timeout=300, check=False)
-    assert done.returncode == 0, f"{words} ended with {done.returncode}:\n{done.stdout}"
 
 
 @pytest.fixture(scope="module", params=LANGUAGES, ids=lambda language: language.name)
 def commands(request: pytest.FixtureRequest, tmp_path_factory: pytest.TempPathFactory) -> Commands:
     """The programs of each language in turn."""
     language: Language = request.param
-    if shutil.which(language.tool) is None:
-        pytest.skip(f"{language.tool} is not installed")
+    need(language.tool)
     prepared = language.prepare(tmp_path_factory.mktemp(language.name))
     return Commands(prepared.echo, prepared.peer, {**os.environ, **prepared.environment})
