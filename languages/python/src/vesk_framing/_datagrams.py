@@ -86,7 +86,14 @@ _FORMS: Final = {Framing.UDPV1: (32, 2), Framing.UDPV2: (16, 0)}
 
 
 def header_length(framing: Framing, further_length: int = 0) -> int:
-    """The offset of the payload behind this many further header bytes."""
+    """The offset of the payload behind this many further header bytes.
+
+    Raises ValueError if the number is negative, and in UDPv2 if there are any.
+    """
+    if further_length < 0:
+        raise ValueError(f"a length is not negative: {further_length}")
+    if framing is Framing.UDPV2 and further_length:
+        raise ValueError("UDPv2 has no further header bytes")
     hmac_length, length_field = _FORMS[framing]
     return hmac_length + length_field + _LABEL_LENGTH + further_length
 
@@ -100,15 +107,13 @@ def make(framing: Framing, label: int, payload: bytes, key: Key, *, further: byt
     _require_label(label)
     if framing is Framing.UDPV1 and not payload:
         raise ValueError("a payload in UDPv1 has at least one byte")
-    if framing is Framing.UDPV2 and further:
-        raise ValueError("UDPv2 has no further header bytes")
     offset = header_length(framing, len(further))
     if offset + len(payload) > MAX_DATAGRAM:
         raise ValueError(f"a datagram has at most {MAX_DATAGRAM:,} bytes, not {offset + len(payload):,}")
     header = label.to_bytes(_LABEL_LENGTH, "big") + further
     if framing is Framing.UDPV1:
         header = offset.to_bytes(2, "big") + header
-    return _hmac(framing, header, payload, key) + header + payload
+    return b"".join((_hmac(framing, header, payload, key), header, payload))
 
 
 def parse(framing: Framing, datagram: bytes) -> Datagram:
@@ -116,11 +121,12 @@ def parse(framing: Framing, datagram: bytes) -> Datagram:
 
     Raises Refused with a reason other than HMAC.
     """
+    datagram = bytes(datagram)
     offset = _payload_offset(framing, datagram)
     label_at = sum(_FORMS[framing])
     further_at = label_at + _LABEL_LENGTH
-    return Datagram(int.from_bytes(datagram[label_at:further_at], "big"), bytes(datagram[offset:]),
-                    bytes(datagram[further_at:offset]), Match.NONE)
+    return Datagram(int.from_bytes(datagram[label_at:further_at], "big"), datagram[offset:],
+                    datagram[further_at:offset], Match.NONE)
 
 
 def check(framing: Framing, datagram: bytes, key: Key, old_key: Key | None = None) -> Datagram:
@@ -128,6 +134,7 @@ def check(framing: Framing, datagram: bytes, key: Key, old_key: Key | None = Non
 
     While keys are changed, `old_key` is the second key that is accepted. Raises Refused.
     """
+    datagram = bytes(datagram)
     found = parse(framing, datagram)
     if _is_signed(framing, datagram, len(found.payload), key):
         return Datagram(found.label, found.payload, found.further, Match.KEY)
@@ -143,6 +150,7 @@ def relabel(framing: Framing, datagram: bytes, label: int, key: Key) -> bytes:
     ValueError if the label does not fit into 32 bits.
     """
     _require_label(label)
+    datagram = bytes(datagram)
     offset = _payload_offset(framing, datagram)
     hmac_length, length_field = _FORMS[framing]
     label_at = hmac_length + length_field
@@ -157,8 +165,6 @@ def largest_payload(framing: Framing, mtu: int, ip: IpVersion = IpVersion.IPV4, 
     The MTU includes the IP header, which is taken to have no options. The result is never more than fits into 2,048
     bytes. Raises ValueError if not even the shortest payload fits, and in UDPv2 for further header bytes.
     """
-    if framing is Framing.UDPV2 and further_length:
-        raise ValueError("UDPv2 has no further header bytes")
     ip_header = 20 if ip is IpVersion.IPV4 else 40
     found = min(mtu - ip_header - _UDP_HEADER, MAX_DATAGRAM) - header_length(framing, further_length)
     if found < (1 if framing is Framing.UDPV1 else 0):
