@@ -72,7 +72,7 @@ export class Key {
   }
 }
 
-export function make(framing, { label, payload = new Uint8Array(0), further = new Uint8Array(0) }, key) {
+export function make(framing, { label, payload = new Uint8Array(0), further = new Uint8Array(0) } = {}, key) {
   const layout = requireLayout(framing);
   requireKey(key);
   requireLabel(label);

@@ -76,6 +76,7 @@ test('wrong arguments are refused', () => {
     framing: () => make('udpv3', { label: 7 }, key),
     'name of a property of all objects': () => parse('constructor', datagram),
     'further header bytes in UDPv2': () => make('udpv2', { label: 7, further: hello }, key),
+    'no content': () => make('udpv2', undefined, key),
     'no label': () => make('udpv2', {}, key),
     'negative label': () => make('udpv2', { label: -1 }, key),
     'label of 33 bits': () => make('udpv2', { label: 2 ** 32 }, key),

@@ -19,7 +19,8 @@ def _go() -> None:
 
 
 def test_own_tests_pass() -> None:
-    run(_MODULE, "go", "test", "./...")
+    # Go would reuse a result after the vectors have changed, because they are outside of the module.
+    run(_MODULE, "go", "test", "-count=1", "./...")
 
 
 def test_source_is_formatted() -> None:
