@@ -14,17 +14,18 @@ const longest: 2048 = MAX_DATAGRAM;
 const payload: number = largestPayload('udpv2', 6, longest) + largestPayload(framing, 4, 1500, 2);
 relabel(framing, datagram, payload, Key.empty());
 
-const parsed: Fields | Refusal = parse(framing, datagram);
-const found: CheckedFields | Refusal = check(framing, datagram, key);
+const parsed = parse(framing, datagram);
+const found = check(framing, datagram, key);
+const results: [Fields | Refusal, CheckedFields | Refusal] = [parsed, found];
 check(framing, datagram, key, null);
 check(framing, datagram, key, key);
 
 // @ts-expect-error: the datagram may be refused, and then has no payload.
 found.payload;
 if (found.ok) {
-  const match: 'key' | 'old_key' = found.match;
+  const isOld: boolean = found.match === 'old_key';
   const parts: [number, Uint8Array, Uint8Array] = [found.label, found.further, found.payload];
-  console.log(match, parts);
+  console.log(isOld, parts, results);
   // @ts-expect-error: an accepted datagram has no reason.
   found.reason;
 } else {
