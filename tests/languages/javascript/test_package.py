@@ -28,10 +28,12 @@ def test_types_fit_their_use() -> None:
     run(_PACKAGE, "tsc", "--noEmit", "--project", ".")
 
 
-def test_package_lists_the_files_that_it_needs() -> None:
+def test_package_has_the_version_of_the_project_and_lists_its_files() -> None:
     package = json.loads((_PACKAGE / "package.json").read_text())
     assert sorted(package["files"]) == sorted(file.name for file in _PACKAGE.glob("*.*s"))
     assert "dependencies" not in package
+    project = re.search(r"project\(vesk VERSION (\S+)", (ROOT / "CMakeLists.txt").read_text())
+    assert project is not None and package["version"] == project[1]
     imported = {name for file in _PACKAGE.glob("*.js") for name in re.findall(r"from '(.*)'", file.read_text())}
     assert imported == {"node:crypto", "./layout.js"}
 

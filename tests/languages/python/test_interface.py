@@ -4,7 +4,9 @@ from __future__ import annotations
 
 import hmac
 import pickle
+import re
 import threading
+from pathlib import Path
 from typing import List
 
 import pytest
@@ -13,6 +15,7 @@ import vesk_framing
 from vesk_framing import (MAX_DATAGRAM, Datagram, Digest, Framing, IpVersion, Key, Match, Reason, Refused, check,
                           header_length, largest_payload, make, parse, relabel)
 
+_PAGE = Path(__file__).resolve().parents[3] / "languages/python/README.md"
 _NEW, _OLD, _OTHER = Key(b"new key"), Key(b"old key", Digest.SHA1), Key(b"other key")
 _EITHER = pytest.mark.parametrize("framing", Framing)
 
@@ -170,3 +173,10 @@ def test_threads_can_share_a_key() -> None:
 
 def test_every_public_name_exists() -> None:
     assert [name for name in vesk_framing.__all__ if not hasattr(vesk_framing, name)] == []
+
+
+def test_example_and_table_of_the_page_are_right() -> None:
+    page = _PAGE.read_text(encoding="utf-8")
+    (code,) = re.findall(r"(?ms)^```python\n(.*?)^```$", page)
+    exec(code, {})
+    assert [name for name in vesk_framing.__all__ if f"`{name}" not in page and f"{name}." not in page] == []
