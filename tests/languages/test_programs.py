@@ -1,4 +1,4 @@
-"""The programs of each language count what is wrong. The test itself is at their other end, so that it can send that."""
+"""The programs of each language count what is wrong. The test itself is at their other end and sends it."""
 
 from __future__ import annotations
 
