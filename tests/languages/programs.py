@@ -8,7 +8,7 @@ import subprocess
 from dataclasses import dataclass
 from pathlib import Path
 from types import TracebackType
-from typing import Dict, List, Optional, Type
+from typing import Dict, List, Optional, Self, Type
 
 from framework.framing import Framing, Key
 from languages import Commands
@@ -72,7 +72,7 @@ class Program:
         found: Counts = json.loads(lines[0])
         return found
 
-    def __enter__(self) -> "Program":
+    def __enter__(self) -> Self:
         return self
 
     def __exit__(self, kind: Optional[Type[BaseException]], error: Optional[BaseException],

@@ -1,4 +1,4 @@
-"""The programs of each language count what is wrong. The test itself is at their other end, so that it can send that."""
+"""The programs of each language count what is wrong. The test itself is at their other end and sends it."""
 
 from __future__ import annotations
 
@@ -14,7 +14,7 @@ from languages import Commands
 from programs import Counts, Echo, Ends, Peer
 
 _SIGNING, _CHECKING, _OLD = Key(b"signing", "sha1"), Key(b"checking"), Key(b"old", "sha1")
-_EITHER = pytest.mark.parametrize("framing", [UDPV1, UDPV2], ids=lambda framing: framing.name)
+_EITHER = pytest.mark.parametrize("framing", [UDPV1, UDPV2], ids=["udpv1", "udpv2"])
 # UDPv1 carries them to the other end and back.
 _FURTHER = {UDPV1: b"\xaa\xbb", UDPV2: b""}
 _LARGEST = {UDPV1: 1500 - 28 - 38 - 2, UDPV2: 1500 - 28 - 20}

@@ -1,4 +1,4 @@
-"""An upstream service that answers each datagram with its payload. SIGTERM ends it; then it prints what it has counted."""
+"""An upstream service that answers each datagram with its payload. SIGTERM ends it; its last line shows its counts."""
 
 from __future__ import annotations
 

@@ -34,9 +34,9 @@ def run(*words: object, folder: Path = FOLDER) -> str:
 def wheel(tmp_path_factory: pytest.TempPathFactory) -> Path:
     for module in ("build", "setuptools", "wheel"):
         require(module)
-    # The build writes into the folder of the source.
+    # The build writes into the folder of the source, and a copy must not have what an earlier one left there.
     source = tmp_path_factory.mktemp("source") / "python"
-    shutil.copytree(FOLDER, source)
+    shutil.copytree(FOLDER, source, ignore=shutil.ignore_patterns("build", "dist", "*.egg-info", "__pycache__"))
     run("-m", "build", "--wheel", "--no-isolation", "--outdir", source / "dist", folder=source)
     (found,) = (source / "dist").iterdir()
     return found
@@ -50,6 +50,7 @@ def project_version() -> str:
 
 def test_wheel_is_named_after_the_version_of_the_project(wheel: Path) -> None:
     assert wheel.name == f"vesk_framing-{project_version()}-py3-none-any.whl"
+    assert wheel.name in (FOLDER / "README.md").read_text(encoding="utf-8")
 
 
 def test_wheel_holds_the_modules_and_the_marker_of_types(wheel: Path) -> None:
@@ -57,7 +58,7 @@ def test_wheel_holds_the_modules_and_the_marker_of_types(wheel: Path) -> None:
     with zipfile.ZipFile(wheel) as archive:
         contents = {name: archive.read(name) for name in archive.namelist() if ".dist-info/" not in name}
     source = FOLDER / "src"
-    assert contents == {str(path.relative_to(source)): path.read_bytes() for path in source.rglob("*")
+    assert contents == {str(path.relative_to(source)): path.read_bytes() for path in source.glob("vesk_framing/**/*")
                         if path.is_file() and "__pycache__" not in path.parts}
     assert "vesk_framing/py.typed" in contents
 

@@ -56,7 +56,7 @@ def test_every_vector_agrees(kind: str) -> None:
 
 
 def changed(kind: str, vector: Json) -> Dict[str, Json]:
-    """The vector with one bit changed at the ends and in the middle of each of its fields of bytes, and in its label."""
+    """The vector with one bit changed at the ends and in the middle of each field of bytes, and in its label."""
     found: Dict[str, Json] = {}
     for name in _FIELDS[kind]:
         content = bytes.fromhex(vector[name])
