@@ -40,7 +40,10 @@ void addAuxiliary(Command& command, const AuxiliaryFlows& auxiliary) {
 }
 
 Command flowCommand(const char* word, const Flow& flow) {
-    return {word, {{"label", labelText(flow.label)}}, "flow " + flow.name, flow.label};
+    return {word,
+            {{"label", labelText(flow.label)}},
+            (flow.isNext ? "next of flow " : "flow ") + flow.name,
+            flow.label};
 }
 
 std::string trueOrFalse(bool value) {

@@ -37,6 +37,7 @@ struct Leg {
     std::optional<Signature> signature;
     std::optional<std::uint32_t> label;
     std::optional<int> dscp;
+    bool inheritedKey = false;  ///< of a `next`: the key is that of its flow
     bool operator==(const Leg&) const = default;
 };
 
@@ -47,6 +48,16 @@ struct AuxiliaryFlows {
     bool operator==(const AuxiliaryFlows&) const = default;
 };
 
+/// The label to which a flow's peers move.
+struct NextLabel {
+    std::uint32_t label = 0;
+    /// How long the flow's own label has to be silent before it is deleted; none:
+    /// SupervisionSettings::rotate.
+    std::optional<std::chrono::seconds> rotate;
+    bool operator==(const NextLabel&) const = default;
+};
+
+/// A label with its attributes. A flow of the file that has a `next` is two of these.
 struct Flow {
     std::string name;  ///< for display: a key entered as a name is masked
     std::uint32_t label = 0;
@@ -59,6 +70,8 @@ struct Flow {
     Leg fromUpstream;
     Leg toPeer;
     std::optional<AuxiliaryFlows> auxiliary;
+    std::optional<NextLabel> next;
+    bool isNext = false;  ///< it is the `next` of the flow with this name
     /// Of an instance's part: another instance has the flow, too.
     bool onTwoInstances = false;
 
@@ -114,6 +127,8 @@ struct SupervisionSettings {
     std::chrono::seconds stats{10};
     bool logLimit = true;
     std::chrono::seconds answer{10};
+    /// How long an old label has to be silent before it is deleted; 0: never.
+    std::chrono::seconds rotate{3600};
     bool strict = false;  ///< not ready while a flow of the file is refused
 };
 

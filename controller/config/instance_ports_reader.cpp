@@ -118,14 +118,20 @@ std::string SourceUsers::add(const Flow& flow, const std::string& place,
 
 void checkSources(TableReader& flows, const Configuration& configuration) {
     SourceUsers users;
+    const auto check = [&](const toml::table& table, const std::string& place) {
+        TableReader reader(table, place, flows.problems());
+        const Flow* const flow = flowOf(table, configuration);
+        const std::string problem = flow == nullptr ? "" : users.add(*flow, place, configuration);
+        if (!problem.empty()) {
+            reader.complain("source", problem);
+        }
+    };
     for (const auto& [key, node] : flows.raw()) {
         if (const toml::table* const table = node.as_table()) {
-            TableReader reader(*table, flows.placeOf(key.str()), flows.problems());
-            const Flow* const flow = flowOf(*table, configuration);
-            const std::string problem =
-                flow == nullptr ? "" : users.add(*flow, reader.place(), configuration);
-            if (!problem.empty()) {
-                reader.complain("source", problem);
+            const std::string place = flows.placeOf(key.str());
+            check(*table, place);
+            if (const toml::table* const next = (*table)["next"].as_table()) {
+                check(*next, place + ".next");
             }
         }
     }

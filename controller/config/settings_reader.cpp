@@ -5,6 +5,7 @@
 
 #include "config/address_reader.h"
 #include "config/instance_ports_reader.h"
+#include "config/next_reader.h"
 
 namespace vesk::controller {
 
@@ -91,6 +92,7 @@ SupervisionSettings readSupervision(TableReader& root) {
     readDuration(*table, "stats_seconds", 1, dayInSeconds, settings.stats);
     settings.logLimit = table->boolean("log_limit").value_or(settings.logLimit);
     readDuration(*table, "answer_seconds", 1, dayInSeconds, settings.answer);
+    readDuration(*table, "rotate_seconds", 0, longestRotation, settings.rotate);
     settings.strict = table->boolean("strict").value_or(settings.strict);
     if (settings.restartPause > settings.restartPauseMax) {
         table->complain("restart_pause_max_ms", "is below restart_pause_ms");

@@ -210,6 +210,7 @@ std::vector<prometheus::MetricFamily> describeMetrics(const Totals& totals,
     addController(families, state);
     addReloads(families, state);
     addFragments(families, state);
+    addRotations(families, state.rotations);
     addReplacements(families, state);
     addPeers(families, state);
     addSteering(families, state);

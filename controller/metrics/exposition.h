@@ -14,6 +14,7 @@
 
 #include "metrics/child_state.h"
 #include "metrics/report_totals.h"
+#include "metrics/rotation_exposition.h"
 #include "steering/steering_counters.h"
 
 namespace vesk::controller {
@@ -51,6 +52,7 @@ struct ControllerState : ChildState {
     bool lastReloadSuccessful = true;     ///< true before the first one
     bool leaving = false;                 ///< the controller has been told to end
     bool strict = false;                  ///< a refused flow makes the service unready
+    std::vector<RotationFigures> rotations;      ///< of flows that have a `next`
     std::map<std::string, bool> fragmentErrors;  ///< by file name, if there are fragments
 };
 

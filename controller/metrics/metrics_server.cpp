@@ -156,6 +156,11 @@ void MetricsServer::setSteering(const SteeringState& steering) {
     state_.steering = steering;
 }
 
+void MetricsServer::setRotations(std::vector<RotationFigures> rotations) {
+    const MutexLock lock(mutex_);
+    state_.rotations = std::move(rotations);
+}
+
 void MetricsServer::countReplacement(ReplacementOutcome outcome) {
     const MutexLock lock(mutex_);
     ++state_.replacements[static_cast<std::size_t>(outcome)];

@@ -89,6 +89,8 @@ class MetricsServer {
     void setFragmentErrors(const std::map<std::string, bool>& errors);
     /// Whether the packet filter steers datagrams to the instances, and what it has counted.
     void setSteering(const SteeringState& steering);
+    /// The flows that have a `next`.
+    void setRotations(std::vector<RotationFigures> rotations);
     /// Counts a replacement that has ended.
     void countReplacement(ReplacementOutcome outcome);
 

@@ -6,21 +6,8 @@ namespace vesk::controller {
 
 namespace {
 
-std::uint64_t increase(std::uint64_t before, std::uint64_t now) {
+std::uint64_t difference(std::uint64_t before, std::uint64_t now) {
     return now < before ? now : now - before;
-}
-
-// If one counter fell, the socket is new, and all its counters began at 0.
-DatagramCounters increase(const DatagramCounters& before, const DatagramCounters& now) {
-    const bool anew = std::any_of(datagramFields.begin(), datagramFields.end(),
-                                  [&](const auto field) { return now.*field < before.*field; });
-    DatagramCounters result = now;
-    if (!anew) {
-        for (const auto field : datagramFields) {
-            result.*field -= before.*field;
-        }
-    }
-    return result;
 }
 
 void accumulate(DatagramCounters& total, const DatagramCounters& before,
@@ -45,6 +32,19 @@ bool hasSocket(const Report& report, std::uint32_t label) {
 }
 
 }  // namespace
+
+DatagramCounters increase(const DatagramCounters& before, const DatagramCounters& now) {
+    // A counter that fell shows that the socket is new.
+    const bool anew = std::any_of(datagramFields.begin(), datagramFields.end(),
+                                  [&](const auto field) { return now.*field < before.*field; });
+    DatagramCounters result = now;
+    if (!anew) {
+        for (const auto field : datagramFields) {
+            result.*field -= before.*field;
+        }
+    }
+    return result;
+}
 
 void ReportTotals::add(const Report& report,
                        const std::map<std::uint32_t, std::string>& flowNames) {
@@ -83,9 +83,9 @@ void ReportTotals::addFlowSockets(const std::map<std::uint32_t, FlowSocket>& soc
 void ReportTotals::addPoll(const Report& report) {
     const PollCounters before = last_.poll.value_or(PollCounters());
     const PollCounters now = report.poll.value_or(PollCounters());
-    totals_.readEvents += increase(before.readEvents, now.readEvents);
-    totals_.writeEvents += increase(before.writeEvents, now.writeEvents);
-    totals_.errorEvents += increase(before.errorEvents, now.errorEvents);
+    totals_.readEvents += difference(before.readEvents, now.readEvents);
+    totals_.writeEvents += difference(before.writeEvents, now.writeEvents);
+    totals_.errorEvents += difference(before.errorEvents, now.errorEvents);
     totals_.armedSockets = now.armedSockets;
 }
 
@@ -96,10 +96,10 @@ void ReportTotals::addWorkers(const Report& report) {
     for (std::size_t i = 0; i < report.workers.size(); ++i) {
         const WorkerCounters& now = report.workers[i];
         WorkerTotals& total = totals_.workers[i];
-        total.wakeUps += increase(before[i].wakeUps, now.wakeUps);
+        total.wakeUps += difference(before[i].wakeUps, now.wakeUps);
         // This counter has 32 bits and wraps; the difference is still correct.
         total.queuedSockets += now.queuedSockets - before[i].queuedSockets;
-        total.received += increase(before[i].received, now.received);
+        total.received += difference(before[i].received, now.received);
     }
 }
 

@@ -21,6 +21,9 @@
 
 namespace vesk::controller {
 
+/// What one socket has counted more; everything if `now` is of a new socket, which begins at 0.
+DatagramCounters increase(const DatagramCounters& before, const DatagramCounters& now);
+
 struct WorkerTotals {
     std::uint64_t wakeUps = 0;
     std::uint64_t queuedSockets = 0;

@@ -28,6 +28,18 @@ ConfigurationChanges Deployment::change(const Configuration& wanted) {
     return changes;
 }
 
+std::vector<Command> Deployment::remove(std::uint32_t label) {
+    const auto flow = running_.flows.find(label);
+    if (flow == running_.flows.end()) {
+        return {};
+    }
+    std::vector<Command> commands{delCommand(flow->second)};
+    running_.flows.erase(flow);
+    refusals_.flows.erase(label);
+    names_.erase(label);
+    return commands;
+}
+
 std::vector<Command> Deployment::changeLateral(const std::optional<Lateral>& wanted) {
     LateralChanges changes = lateralChangesBetween(running_.lateral, wanted, false);
     running_.lateral = std::move(changes.after);

@@ -28,6 +28,9 @@ class Deployment {
     /// `after` of the result, which is empty.
     ConfigurationChanges change(const Configuration& wanted);
 
+    /// The command that deletes the flow; none if it is not declared.
+    std::vector<Command> remove(std::uint32_t label);
+
     /// The same for the lateral stream alone. Once a stream has been sent, these are commands for
     /// changed addresses only: a stream that was refused is tried again by listenAgain().
     std::vector<Command> changeLateral(const std::optional<Lateral>& wanted);

@@ -30,7 +30,9 @@ Instance::Instance(const InstanceSurroundings& surroundings, InstanceIdentity id
       wanted_(std::move(wanted)),
       kernelWatch_("/proc", surroundings.instances),
       restartPause_(firstPause()),
-      listenPause_(restartPause_) {}
+      listenPause_(restartPause_) {
+    rotationTraffic_.take(wanted_.flows);
+}
 
 // ---- One turn of the loop. ----
 
@@ -114,6 +116,7 @@ bool Instance::start() {
     round_ = Round::replay;
     reportClock_.reset();
     flowDescriptors_.clear();
+    rotationTraffic_.restart();
     publishStage(Stage::settingUp);
     sendAll(deployment_.begin(wanted_));
     if (metrics_ != nullptr) {

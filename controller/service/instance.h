@@ -8,6 +8,7 @@
 #include <array>
 #include <chrono>
 #include <cstddef>
+#include <cstdint>
 #include <deque>
 #include <optional>
 #include <string>
@@ -28,6 +29,7 @@
 #include "service/log_output.h"
 #include "service/options.h"
 #include "service/report_clock.h"
+#include "service/rotation_traffic.h"
 #include "service/service_notification.h"
 #include "service/source_move.h"
 
@@ -109,6 +111,10 @@ class Instance {
     void follow(const std::optional<Lateral>& lateral);
     /// Whether a report since the last call suggests that a lateral peer is gone.
     bool takeSuspicion();
+    /// What the reports since the last call show about labels of flows that have a `next`.
+    std::optional<ObservedTraffic> takeRotationTraffic() { return rotationTraffic_.read(); }
+    /// Deletes those of these flows that it has, now and for each new forwarder.
+    void deleteFlows(const std::vector<std::uint32_t>& labels);
     /// Whether a downstream address has been refused, and the old one kept, since the last call.
     bool takeAddressRefusal();
 
@@ -222,6 +228,7 @@ class Instance {
     std::optional<KeptForwarder> kept_;
     std::optional<int> endStatus_;  // of a forwarder whose output has not been read to its end
     ReportClock reportClock_;
+    RotationTraffic rotationTraffic_;
     LateralWatch lateralWatch_;
     bool peerSuspected_ = false;
     bool adopted_ = false;

@@ -63,6 +63,7 @@ void Instance::handleReport(const Report& report) {
     if (metrics_ != nullptr) {
         metrics_->update(report, deployment_.flowNames(), identity_.child);
     }
+    rotationTraffic_.observe(report);
     if (report.lateral) {
         const DatagramCounters& counters = *report.lateral;
         peerSuspected_ =
@@ -110,6 +111,7 @@ void Instance::sendAll(const std::vector<Command>& commands) {
 
 void Instance::take(Configuration wanted) {
     wanted_ = std::move(wanted);
+    rotationTraffic_.take(wanted_.flows);
     restartPause_ = firstPause();
     tryNewAddress();
 }
@@ -131,6 +133,19 @@ void Instance::applyReload() {
     publishStage(Stage::settingUp);
     reportClock_.stop();
     sendAll(changes.commands);
+}
+
+void Instance::deleteFlows(const std::vector<std::uint32_t>& labels) {
+    for (const std::uint32_t label : labels) {
+        wanted_.flows.erase(label);
+        if (session_) {
+            sendAll(deployment_.remove(label));
+        }
+    }
+    rotationTraffic_.take(wanted_.flows);
+    if (session_) {
+        publishFlows();
+    }
 }
 
 // ---- The end of the controller. ----

@@ -100,6 +100,7 @@ void Supervisor::waitAndHandle() {
     }
     handleInstances();
     continueReplacement();
+    watchRotations();
     handleTime();
     handlePeers(std::span(watched).subspan(asked));
     for (Instance* const instance : allInstances()) {

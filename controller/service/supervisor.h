@@ -27,6 +27,7 @@
 #include "service/log_output.h"
 #include "service/options.h"
 #include "service/passed_descriptors.h"
+#include "service/rotations.h"
 #include "service/service_notification.h"
 #include "service/signal_source.h"
 #include "service/source_move.h"
@@ -95,6 +96,13 @@ class Supervisor {
     void applyReload(Configuration configuration, ReloadOutcome outcome);
     void shareOut(const Configuration& configuration);
 
+    // Flows that change their label.
+    void takeRotations(Configuration& configuration);
+    void watchRotations();
+    void observeRotations(const Instance& instance, const ObservedTraffic& traffic);
+    void deleteSilentLabels();
+    void publishRotations();
+
     // A folder of fragments.
     void lookForChanges();
     void applyFragments(FolderReading reading);
@@ -160,6 +168,7 @@ class Supervisor {
     std::optional<FragmentFolder> fragments_;
     std::optional<FolderWatch> folderWatch_;
 
+    Rotations rotations_;
     PeerLookup peers_;
     Steering steering_;
     std::vector<std::uint16_t> ports_;  // of the instances

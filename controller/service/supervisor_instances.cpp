@@ -24,6 +24,7 @@ bool Supervisor::begin() {
     }
     peers_.take(wanted_.lateral, std::nullopt);
     publishPeers();
+    takeRotations(wanted_);
     std::vector<Configuration> parts = instanceConfigurations(wanted_, ports_);
     wanted_.flows.clear();
     for (std::size_t number = 0; number < parts.size(); ++number) {

@@ -73,6 +73,7 @@ void Supervisor::applyReload(Configuration configuration, ReloadOutcome outcome)
     }
     peers_.take(configuration.lateral, wanted_.lateral);
     publishPeers();
+    takeRotations(configuration);
     shareOut(configuration);
     wanted_ = std::move(configuration);
     wanted_.flows.clear();

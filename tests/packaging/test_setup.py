@@ -95,6 +95,15 @@ def test_testing_installs_the_programs_without_which_tests_are_skipped(bare_host
     assert {"curl", "python3-yaml", "systemd", "tshark", "iproute2", "strace"} <= asked_for(bare_host, "test")
 
 
+@pytest.mark.parametrize("version, requested", [("v16.20.2", True), ("v18.0.0", False), ("v20.20.2", False)])
+def test_testing_leaves_a_recent_node_in_place(bare_host: Path, version: str, requested: bool) -> None:
+    assert "nodejs" in asked_for(bare_host, "test")
+    add_program(bare_host, "node", f"echo {version}")
+    packages = asked_for(bare_host, "test")
+    assert ("nodejs" in packages) == requested
+    assert {"golang-go", "node-typescript"} <= packages
+
+
 @pytest.mark.parametrize("user", ["0", "1000"])
 def test_only_the_packages_and_the_time_are_printed(bare_host: Path,
                                                     user: str) -> None:

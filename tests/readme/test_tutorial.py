@@ -8,76 +8,32 @@ import shutil
 import subprocess
 import urllib.error
 import urllib.request
-from dataclasses import dataclass
 from pathlib import Path
-from typing import Dict, Iterator, List
+from typing import Dict, List
 
 import pytest
 
 from shell import DEADLINE_SECONDS, Shell, free_ports, wait_until
+# The fixtures too.
+from walkthrough import ROOT, Block, blocks_of, own_files, shell, temporary, tree, with_ports
 
-ROOT = Path(__file__).resolve().parent.parent.parent
-BUILD = Path(os.environ["VESK_BUILD"]).resolve()
-
-BLOCK = re.compile(r"^```sh\n(.*?)^```\n(?:\n```\n(.*?)^```\n)?", re.MULTILINE | re.DOTALL)
 TRAFFIC_SECONDS = {"written": "--duration 60", "enough": "--duration 10"}
 METRICS_PORT = "9477"
 KEY = re.compile(r"\b[0-9a-f]{64}\b")
 SENT = re.compile(r"^vesk_upstream_sent_datagrams_total [1-9]", re.MULTILINE)
 
 
-@dataclass(frozen=True)
-class Block:
-    """The commands to type and the expected output, which is empty if the page shows none."""
-
-    commands: str
-    output: str
-
-
 def blocks() -> List[Block]:
     text = (ROOT / "docs/tutorial.md").read_text(encoding="utf-8")
     section = text.split("\n## First five minutes\n")[1].split("\n## ")[0]
-    return [Block(*found) for found in BLOCK.findall(section)]
+    return blocks_of(section)
 
 
 def adapted(text: str, ports: Dict[str, str]) -> str:
     """The same for this build, with other ports and shorter waits."""
-    text = re.sub(rf"\b({'|'.join(ports)})\b", lambda found: ports[found[0]], text)
+    text = with_ports(text, ports)
     text = text.replace("[controller]\n", f"[metrics]\nport = {ports[METRICS_PORT]}\n\n[controller]\n")
     return text.replace(TRAFFIC_SECONDS["written"], TRAFFIC_SECONDS["enough"])
-
-
-@pytest.fixture
-def tree(tmp_path: Path) -> Path:
-    """A built source tree with only the parts that the tutorial needs."""
-    folder = tmp_path / "tree"
-    (folder / "build").mkdir(parents=True)
-    (folder / "build" / "release").symlink_to(BUILD)
-    (folder / "dissector").symlink_to(ROOT / "dissector")
-    return folder
-
-
-@pytest.fixture
-def temporary(tmp_path: Path) -> Path:
-    """The folder that replaces /tmp in the tutorial."""
-    folder = tmp_path / "temporary"
-    folder.mkdir()
-    return folder
-
-
-@pytest.fixture
-def shell(tmp_path: Path, tree: Path, temporary: Path) -> Iterator[Shell]:
-    home = tmp_path / "home"
-    home.mkdir()
-    started = Shell(tree, temporary, home)
-    yield started
-    started.end()
-
-
-def own_files(folder: Path) -> Dict[Path, int]:
-    """The mode of each regular file. Symbolic links are not followed."""
-    return {path: path.stat().st_mode & 0o777 for path in folder.rglob("*")
-            if path.is_file() and not path.is_symlink()}
 
 
 def require(program: str) -> None:

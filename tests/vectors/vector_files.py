@@ -6,7 +6,7 @@ import json
 from pathlib import Path
 from typing import Any, Dict, List
 
-FOLDER = Path(__file__).parents[2] / "vectors"
+FOLDER = Path(__file__).resolve().parents[2] / "vectors"
 
 Json = Dict[str, Any]
 

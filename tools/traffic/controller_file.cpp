@@ -1,6 +1,7 @@
 #include "traffic/controller_file.h"
 
 #include <cstddef>
+#include <string>
 #include <string_view>
 
 #include "lib/authentication.h"
@@ -27,28 +28,38 @@ std::string labelEntry(std::uint32_t label) {
     return "label = " + std::to_string(label);
 }
 
-void printFlow(std::ostream& out, const FlowPlan& plan) {
-    out << labelEntry(plan.label) << "\nupstream = \"127.0.0.1:" << plan.upPort << "\"\n";
-    if (!plan.source.empty()) {
-        out << "source = \"" << plan.source << ":" << plan.sourcePort << "\"\n";
-    }
+void printLegs(std::ostream& out, const FlowPlan& plan) {
     printLeg(out, "from_peer", plan.downIn);
     printLeg(out, "to_upstream", plan.upOut, labelEntry(plan.upLabel));
     printLeg(out, "from_upstream", plan.upIn);
     printLeg(out, "to_peer", plan.downOut, labelEntry(plan.downLabel));
 }
 
+void printFlow(std::ostream& out, const FlowPlan& plan) {
+    out << labelEntry(plan.label) << "\nupstream = \"127.0.0.1:" << plan.upPort << "\"\n";
+    if (!plan.source.empty()) {
+        out << "source = \"" << plan.source << ":" << plan.sourcePort << "\"\n";
+    }
+    printLegs(out, plan);
+}
+
 }  // namespace
 
-void printControllerFile(std::ostream& out, const FramingLayout& framing,
-                         const std::vector<FlowPlan>& plans, const std::string& address,
-                         std::uint16_t port) {
-    out << "[forwarder]\nframing = \"" << framing.name << "\"\n\n[downstream]\naddress = \""
-        << address << "\"\nport = " << port << "\n";
-    std::size_t number = 0;
-    for (const FlowPlan& plan : plans) {
-        out << "\n[flows.flow" << ++number << "]\n";
-        printFlow(out, plan);
+void printControllerFile(std::ostream& out, const TrafficOptions& options,
+                         const std::vector<FlowPlan>& plans) {
+    out << "[forwarder]\nframing = \"" << options.framing->name
+        << "\"\n\n[downstream]\naddress = \"" << options.address << "\"\nport = " << options.port
+        << "\n";
+    const std::size_t flows = options.flows.flows;
+    for (std::size_t number = 0; number < flows; ++number) {
+        const std::string name = "flows.flow" + std::to_string(number + 1);
+        out << "\n[" << name << "]\n";
+        printFlow(out, plans[number]);
+        if (plans.size() > flows) {
+            const FlowPlan& next = plans[flows + number];
+            out << "\n[" << name << ".next]\n" << labelEntry(next.label) << "\n";
+            printLegs(out, next);
+        }
     }
 }
 

@@ -2,19 +2,17 @@
 // main for --print-toml.
 #pragma once
 
-#include <cstdint>
 #include <ostream>
-#include <string>
 #include <vector>
 
 #include "lib/flow_plan.h"
-#include "lib/framing.h"
+#include "traffic/options.h"
 
 namespace vesk::bench {
 
-/// Writes the whole file, keys included; flows are named flow1, flow2 and so on.
-void printControllerFile(std::ostream& out, const FramingLayout& framing,
-                         const std::vector<FlowPlan>& plans, const std::string& address,
-                         std::uint16_t port);
+/// Writes the whole file, keys included; flows are named flow1, flow2 and so on. `plans` are those
+/// of the options.
+void printControllerFile(std::ostream& out, const TrafficOptions& options,
+                         const std::vector<FlowPlan>& plans);
 
 }  // namespace vesk::bench

@@ -7,8 +7,14 @@
 namespace vesk::bench {
 
 DatagramPool::DatagramPool(const FramingLayout& layout, const std::vector<FlowPlan>& plans,
-                           std::size_t payloadSize, std::size_t size, std::size_t burst)
-    : layout_(layout), plans_(plans), payloadSize_(payloadSize), size_(size), burst_(burst) {
+                           std::size_t payloadSize, std::size_t size, std::size_t burst,
+                           std::size_t generations)
+    : layout_(layout),
+      plans_(plans),
+      payloadSize_(payloadSize),
+      size_(size),
+      burst_(burst),
+      generations_(generations) {
     fill(requests_, false, 1);
     fill(replies_, true, 2);
 }
@@ -26,13 +32,13 @@ std::optional<std::size_t> DatagramPool::numberIn(std::span<const std::byte> dat
         return std::nullopt;
     }
     const std::size_t number = readNumber(datagram.subspan(layout_.headerSize));
-    return number < size_ ? std::optional(number) : std::nullopt;
+    return number < numbers() ? std::optional(number) : std::nullopt;
 }
 
 void DatagramPool::fill(std::vector<std::byte>& images, bool replies, std::uint64_t seed) {
-    images.resize(size_ * datagramSize());
+    images.resize(numbers() * datagramSize());
     std::mt19937_64 random(seed);
-    for (std::size_t number = 0; number < size_; ++number) {
+    for (std::size_t number = 0; number < numbers(); ++number) {
         const auto datagram = std::span(images).subspan(number * datagramSize(), datagramSize());
         const FlowPlan& plan = planOf(number);
         writeHeaderLength(layout_, datagram);

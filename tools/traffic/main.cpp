@@ -65,9 +65,9 @@ bool endedWell(ChildProcess& forwarder) {
 }
 
 void printFlows(const TrafficOptions& options) {
-    const std::vector<FlowPlan> plans = makeFlowPlans(options.flows);
+    const std::vector<FlowPlan> plans = plansOf(options);
     if (options.printToml) {
-        printControllerFile(std::cout, *options.framing, plans, options.address, options.port);
+        printControllerFile(std::cout, options, plans);
         return;
     }
     for (const std::string& line : commandsFor(plans, options.address, options.port)) {
@@ -82,7 +82,7 @@ int run(TrafficOptions options) {
     }
     UdpSocket service(options.flows.upPort);
     options.flows.upPort = service.port();
-    const std::vector<FlowPlan> plans = makeFlowPlans(options.flows);
+    const std::vector<FlowPlan> plans = plansOf(options);
 
     const std::uint16_t port = options.port != 0 ? options.port : freeUdpPort();
     std::unique_ptr<ChildProcess> forwarder;

@@ -2,6 +2,7 @@
 
 #include <CLI/CLI.hpp>
 #include <algorithm>
+#include <iterator>
 
 #include "lib/datagram_batch.h"
 
@@ -46,6 +47,21 @@ void addTraffic(CLI::App& app, TrafficOptions& options, Names& names) {
     app.add_flag("--one-way", options.oneWay, "requests only, no replies");
     app.add_flag("--unchanged", options.flows.unchanged,
                  "expect datagrams as they were sent, for a forwarder without labels and keys");
+}
+
+void addMove(CLI::App& app, TrafficOptions& options) {
+    CLI::Option* const label =
+        app.add_option("--next-label", options.nextLabel,
+                       "move to other labels and keys during the measured time; this is the first "
+                       "flow's")
+            ->check(CLI::Range(1U, 0x1fff0000U));
+    app.add_option("--next-seed", options.nextSeed,
+                   "seed of the keys after the move (default: the one after --seed)")
+        ->needs(label);
+    app.add_option("--next-after", options.nextAfter,
+                   "seconds of the measured time before the move (default: half of it)")
+        ->check(CLI::Range(0.0, 864000.0))
+        ->needs(label);
 }
 
 void addPace(CLI::App& app, TrafficOptions& options) {
@@ -105,6 +121,28 @@ void addForwarder(CLI::App& app, TrafficOptions& options) {
     app.add_option("command", options.command, "after \"--\": the forwarder to start and measure");
 }
 
+/// The label after those of all flows, of which the first has this one.
+std::uint64_t endOfLabels(const FlowPlanOptions& flows, std::uint32_t first) {
+    return first + flows.flows * std::uint64_t{flows.labelStep};
+}
+
+void checkMove(const TrafficOptions& options) {
+    const FlowPlanOptions& flows = options.flows;
+    if (endOfLabels(flows, options.nextLabel) > firstForeignLabel) {
+        throw CLI::ValidationError("--next-label: the labels of so many flows are too high");
+    }
+    if (options.nextLabel < endOfLabels(flows, flows.labelBase) &&
+        flows.labelBase < endOfLabels(flows, options.nextLabel)) {
+        throw CLI::ValidationError("--next-label: the labels overlap those before the move");
+    }
+    if (options.nextAfter >= options.duration) {
+        throw CLI::ValidationError("--next-after: is not within the measured time");
+    }
+    if (!flows.source.empty()) {
+        throw CLI::ValidationError("--next-label excludes --check-source");
+    }
+}
+
 void check(const TrafficOptions& options) {
     if (options.command.empty() && options.port == 0) {
         throw CLI::ValidationError("give either --port or a command that starts a forwarder");
@@ -113,7 +151,7 @@ void check(const TrafficOptions& options) {
         throw CLI::ValidationError("--port requires --upstream-port");
     }
     const FlowPlanOptions& flows = options.flows;
-    if (flows.labelBase + flows.flows * std::uint64_t{flows.labelStep} > firstForeignLabel) {
+    if (endOfLabels(flows, flows.labelBase) > firstForeignLabel) {
         throw CLI::ValidationError("--label-step: the labels of so many flows are too high");
     }
     if (options.rate == 0 && options.burst > options.window) {
@@ -122,9 +160,23 @@ void check(const TrafficOptions& options) {
     if (!options.flows.source.empty() && options.flows.flows > mostSources) {
         throw CLI::ValidationError("--check-source: too many flows, not enough ports");
     }
+    if (options.nextLabel != 0) {
+        checkMove(options);
+    }
 }
 
 }  // namespace
+
+std::vector<FlowPlan> plansOf(const TrafficOptions& options) {
+    std::vector<FlowPlan> plans = makeFlowPlans(options.flows);
+    if (options.nextLabel != 0) {
+        FlowPlanOptions next = options.flows;
+        next.labelBase = options.nextLabel;
+        next.seed = options.nextSeed;
+        std::ranges::move(makeFlowPlans(next), std::back_inserter(plans));
+    }
+    return plans;
+}
 
 std::variant<TrafficOptions, int> parseTrafficOptions(int argc, char** argv) {
     CLI::App app(
@@ -133,11 +185,18 @@ std::variant<TrafficOptions, int> parseTrafficOptions(int argc, char** argv) {
     TrafficOptions options;
     Names names;
     addTraffic(app, options, names);
+    addMove(app, options);
     addPace(app, options);
     addForwarder(app, options);
     app.set_version_flag("--version", "vesk-traffic " VESK_VERSION, "print the version and end");
     try {
         app.parse(argc, argv);
+        if (app.count("--next-seed") == 0) {
+            options.nextSeed = options.flows.seed + 1;
+        }
+        if (app.count("--next-after") == 0) {
+            options.nextAfter = options.duration / 2;
+        }
         check(options);
     } catch (const CLI::ParseError& error) {
         return app.exit(error);

@@ -20,6 +20,10 @@ struct TrafficOptions {
     std::size_t payload = 512;
     std::size_t peers = 0;  // sockets that share the flows; 0: the default
     bool oneWay = false;
+    /// The flows move to other labels and keys during the measured time; 0: they do not.
+    std::uint32_t nextLabel = 0;  // of the first flow
+    std::uint64_t nextSeed = 0;
+    double nextAfter = 0;  // seconds of the measured time
 
     double rate = 0;                 // requests per second; 0: keep `window` of them outstanding
     std::size_t window = 256;        // requests
@@ -44,6 +48,9 @@ struct TrafficOptions {
     bool json = false;
     bool allowLoss = false;
 };
+
+/// The labels and keys of all flows; if they move, the next ones of all flows follow.
+std::vector<FlowPlan> plansOf(const TrafficOptions& options);
 
 /// The options, or the exit status if the process must end: after --help, --version or, with a
 /// message, invalid arguments.

@@ -21,10 +21,32 @@ double microseconds(double nanoseconds) {
     return nanoseconds / 1000;
 }
 
-std::vector<Figure> figures(const TrafficResult& result) {
+double count(std::uint64_t value) {
+    return static_cast<double>(value);
+}
+
+void addMoveFigures(const RequestCounts& requests, std::vector<Figure>& figures) {
+    figures.push_back(
+        {"next_sent", "requests sent after the move", count(requests.nextSent), 0, ""});
+    figures.push_back({"next_answered", "of these, answered", count(requests.nextAnswered), 0, ""});
+}
+
+void addProcessFigures(const TrafficResult& result, const ProcessUsage& usage,
+                       std::vector<Figure>& figures) {
+    const auto forwarded = count(result.arrivals.upstream + result.arrivals.peers);
+    const auto cpu = static_cast<double>(usage.cpuNanoseconds);
+    figures.push_back({"cpu_share", "processor share of the forwarder",
+                       100 * cpu / static_cast<double>(result.elapsed), 1, "%"});
+    figures.push_back({"cpu_us_per_datagram", "processor time per datagram",
+                       forwarded > 0 ? microseconds(cpu) / forwarded : 0, 3, "us"});
+    figures.push_back({"waits_per_datagram", "waits of its threads per datagram",
+                       forwarded > 0 ? count(usage.waits) / forwarded : 0, 3, ""});
+    figures.push_back(
+        {"resident_kib", "memory of the forwarder", count(usage.residentBytes) / 1024, 0, "KiB"});
+}
+
+std::vector<Figure> figures(const TrafficOptions& options, const TrafficResult& result) {
     const double seconds = static_cast<double>(result.elapsed) / nanosecondsPerSecond;
-    const auto forwarded = static_cast<double>(result.arrivals.upstream + result.arrivals.peers);
-    const auto count = [](std::uint64_t value) { return static_cast<double>(value); };
     const auto roundTrip = [&](double fraction) {
         return microseconds(result.roundTrips.percentile(fraction));
     };
@@ -51,16 +73,11 @@ std::vector<Figure> figures(const TrafficResult& result) {
         {"p999_us", "round trip p99.9", roundTrip(0.999), 1, "us"},
         {"longest_us", "round trip longest", roundTrip(1), 1, "us"},
     };
+    if (options.nextLabel != 0) {
+        addMoveFigures(result.requests, figures);
+    }
     if (result.usage) {
-        const auto cpu = static_cast<double>(result.usage->cpuNanoseconds);
-        figures.push_back({"cpu_share", "processor share of the forwarder",
-                           100 * cpu / static_cast<double>(result.elapsed), 1, "%"});
-        figures.push_back({"cpu_us_per_datagram", "processor time per datagram",
-                           forwarded > 0 ? microseconds(cpu) / forwarded : 0, 3, "us"});
-        figures.push_back({"waits_per_datagram", "waits of its threads per datagram",
-                           forwarded > 0 ? count(result.usage->waits) / forwarded : 0, 3, ""});
-        figures.push_back({"resident_kib", "memory of the forwarder",
-                           count(result.usage->residentBytes) / 1024, 0, "KiB"});
+        addProcessFigures(result, *result.usage, figures);
     }
     return figures;
 }
@@ -80,7 +97,7 @@ void printTable(std::ostream& out, const TrafficOptions& options, const TrafficR
     }
     out << (options.mergeSends ? ", sends merged" : "");
     out << (options.oneWay ? ", one way\n" : "\n");
-    for (const Figure& figure : figures(result)) {
+    for (const Figure& figure : figures(options, result)) {
         out << "  " << std::left << std::setw(34) << figure.title << std::right << std::fixed
             << std::setprecision(figure.decimals) << std::setw(14) << figure.value << ' '
             << figure.unit << '\n';
@@ -93,7 +110,7 @@ void printJson(std::ostream& out, const TrafficOptions& options, const TrafficRe
         << ", \"rate\": " << options.rate << ", \"window\": " << options.window
         << ", \"burst\": " << options.burst << std::boolalpha
         << ", \"merge_sends\": " << options.mergeSends << ", \"one_way\": " << options.oneWay;
-    for (const Figure& figure : figures(result)) {
+    for (const Figure& figure : figures(options, result)) {
         out << ", \"" << figure.key << "\": " << std::fixed << std::setprecision(figure.decimals)
             << figure.value;
     }

@@ -6,15 +6,19 @@ namespace vesk::bench {
 
 void RequestLedger::sent(std::size_t count, std::int64_t now) {
     for (std::size_t i = 0; i < count; ++i) {
-        requests_[nextNumber()] = {now, State::open, measuring_};
+        requests_[next_ % requests_.size()] = {now, State::open, measuring_, generation_};
         ++next_;
     }
     outstanding_ += count;
     counts_.sent += measuring_ ? count : 0;
+    counts_.nextSent += measuring_ ? count * generation_ : 0;
 }
 
 bool RequestLedger::answered(std::size_t number, std::int64_t now) {
-    Request& request = requests_[number];
+    Request& request = requests_[number % requests_.size()];
+    if (request.generation != number / requests_.size()) {
+        return false;
+    }
     if (request.state != State::open) {
         const bool late = request.state == State::lost;
         request.state = State::answered;
@@ -25,6 +29,7 @@ bool RequestLedger::answered(std::size_t number, std::int64_t now) {
     --outstanding_;
     if (request.measured) {
         ++counts_.answered;
+        counts_.nextAnswered += request.generation;
         roundTrips_.add(now - request.sentAt);
     }
     return true;

@@ -45,9 +45,10 @@ std::size_t TrafficEnds::sendRequests(std::size_t count) {
     while (sent < count) {
         const std::size_t first = ledger_.nextNumber();
         const std::size_t peer = peerOf(first);
+        const std::size_t end = (first / pool_.size() + 1) * pool_.size();
         std::size_t added = 0;
-        for (std::size_t number = first; sent + added < count && !toSend_.full() &&
-                                         number < pool_.size() && peerOf(number) == peer;
+        for (std::size_t number = first;
+             sent + added < count && !toSend_.full() && number < end && peerOf(number) == peer;
              ++number, ++added) {
             if (options_.checkSource) {
                 toSend_.add(pool_.request(number), forwarder_);

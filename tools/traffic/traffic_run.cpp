@@ -51,7 +51,8 @@ TrafficRun::TrafficRun(const TrafficOptions& options, std::uint16_t forwarderPor
                        pid_t measuredPid, UdpSocket& service, const std::vector<FlowPlan>& plans)
     : options_(options),
       measuredPid_(measuredPid),
-      pool_(*options.framing, plans, options.payload, poolSize(options), options.burst),
+      pool_(*options.framing, plans, options.payload, poolSize(options), options.burst,
+            options.nextLabel != 0 ? 2 : 1),
       ledger_(pool_.size(), nanoseconds(options.lossTimeout),
               [this](std::size_t number) { return pool_.flowOf(number); }),
       ends_(options, forwarderPort, service, pool_, ledger_) {
@@ -76,7 +77,7 @@ TrafficResult TrafficRun::run() {
     const std::uint64_t mergedBefore = ends_.mergedSends();
     const auto usageBefore = measuredUsage();
     const std::int64_t start = nowNanoseconds();
-    carry(pacer, options_.duration, options_.requests > 0 ? options_.requests : unlimited);
+    carryMeasured(pacer);
     if (usageBefore) {
         result.usage = difference(*measuredUsage(), *usageBefore);
     }
@@ -120,7 +121,19 @@ void TrafficRun::openFlows() {
     drain();
 }
 
-void TrafficRun::carry(Pacer& pacer, double seconds, std::uint64_t requests) {
+void TrafficRun::carryMeasured(Pacer& pacer) {
+    const std::uint64_t requests = options_.requests > 0 ? options_.requests : unlimited;
+    if (options_.nextLabel == 0) {
+        carry(pacer, options_.duration, requests);
+        return;
+    }
+    const std::uint64_t sent = carry(pacer, options_.nextAfter, requests);
+    ledger_.moveOn();
+    carry(pacer, options_.duration - options_.nextAfter, requests - sent);
+}
+
+std::uint64_t TrafficRun::carry(Pacer& pacer, double seconds, std::uint64_t requests) {
+    const std::uint64_t wanted = requests;
     const std::int64_t end = nowNanoseconds() + nanoseconds(seconds);
     for (std::int64_t now = nowNanoseconds(); now < end && requests > 0 && !hasToEnd(now);
          now = nowNanoseconds()) {
@@ -132,6 +145,7 @@ void TrafficRun::carry(Pacer& pacer, double seconds, std::uint64_t requests) {
         requests -= sent;
         ends_.serve(options_.spin ? 0 : std::min(pacer.pause(nowNanoseconds()), end - now));
     }
+    return wanted - requests;
 }
 
 bool TrafficRun::hasToEnd(std::int64_t now) {

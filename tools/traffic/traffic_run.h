@@ -38,7 +38,9 @@ class TrafficRun {
  private:
     void awaitForwarder();
     void openFlows();
-    void carry(Pacer& pacer, double seconds, std::uint64_t requests);
+    /// Returns how many requests were sent.
+    std::uint64_t carry(Pacer& pacer, double seconds, std::uint64_t requests);
+    void carryMeasured(Pacer& pacer);
     bool hasToEnd(std::int64_t now);
     void drain();
     Pacer makePacer() const;

@@ -15,9 +15,9 @@
 
 namespace vesk::controller {
 
-/// A flow, and the lines of its file that a problem may name.
+/// A flow, and the lines of its file that a problem may name. The `next` of a flow follows it.
 struct FragmentFlow {
-    std::string key;    ///< its name in the file
+    std::string key;    ///< its name in the file; empty for a `next`
     std::string place;  ///< "flows.alice", without keys
     std::uint32_t line = 0;
     std::uint32_t labelLine = 0;

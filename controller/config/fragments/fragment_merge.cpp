@@ -100,12 +100,17 @@ bool FragmentMerge::areFree(const Fragment& fragment) const {
 }
 
 void FragmentMerge::add(const Fragment& fragment, const std::string& file) {
+    bool hasFlow = false;  // to which a `next` belongs
     for (const FragmentFlow& flow : fragment.flows) {
-        if (!isFree(flow)) {
+        if (!isFree(flow) || (flow.flow.isNext && !hasFlow)) {
+            hasFlow = false;
             continue;
         }
+        hasFlow = true;
         const Claim claim{&flow, &file};
-        names_.emplace(flow.key, claim);
+        if (!flow.flow.isNext) {
+            names_.emplace(flow.key, claim);
+        }
         labels_.emplace(flow.flow.label, claim);
         if (prefixOf(flow) != 0) {
             prefixes_.emplace(prefixOf(flow), claim);

@@ -40,19 +40,29 @@ void readTables(TableReader& root, const std::filesystem::path& file, Fragment& 
     }
 }
 
+/// Moves the flow that was read from the table to the fragment. None of this label, if the flow has
+/// a problem.
+void moveFlow(const TableReader& table, std::string_view name, std::uint32_t line,
+              std::map<std::uint32_t, Flow>& read, Fragment& fragment) {
+    const auto label = table.raw()["label"].value_exact<std::int64_t>().value_or(0);
+    const auto flow = read.find(static_cast<std::uint32_t>(label));
+    if (flow != read.end()) {
+        fragment.flows.push_back({std::string(name), table.place(), line, table.lineOf("label"),
+                                  table.lineOf("auxiliary"), table.lineOf("source"),
+                                  std::move(flow->second)});
+        read.erase(flow);
+    }
+}
+
 void addFlow(TableReader& flows, std::string_view key, std::map<std::uint32_t, Flow>& read,
              Fragment& fragment) {
     std::optional<TableReader> table = flows.table(key);
     if (!table) {
         return;
     }
-    const auto label = table->raw()["label"].value_exact<std::int64_t>().value_or(0);
-    const auto flow = read.find(static_cast<std::uint32_t>(label));
-    if (flow != read.end()) {
-        fragment.flows.push_back({std::string(key), table->place(), flows.lineOf(key),
-                                  table->lineOf("label"), table->lineOf("auxiliary"),
-                                  table->lineOf("source"), std::move(flow->second)});
-        read.erase(flow);
+    moveFlow(*table, key, flows.lineOf(key), read, fragment);
+    if (table->raw()["next"].is_table()) {
+        moveFlow(*table->table("next"), "", table->lineOf("next"), read, fragment);
     }
 }
 

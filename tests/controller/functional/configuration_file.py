@@ -19,6 +19,8 @@ class ConfigurationFile:
         self.path = folder / "vesk.toml"
         self.listen: Address = ("127.0.0.1", free_port())
         self.flows: Dict[str, Flow] = {}
+        #: The label and the peer's legs to which a flow of this name changes.
+        self.next: Dict[str, Flow] = {}
         self.tables: Dict[str, str] = {"metrics": "enabled = false"}
         self.secrets: Set[str] = set()
 
@@ -54,9 +56,17 @@ class ConfigurationFile:
                  f"from_peer = {{ {self._signature(flow.down_in)} }}",
                  f"to_upstream = {{ {self._signature(flow.up_out)} label = {flow.up_label} }}",
                  f"from_upstream = {{ {self._signature(flow.up_in)} }}",
-                 f"to_peer = {{ {self._signature(flow.down_out)} label = {flow.down_label} }}"]
+                 self._to_peer(flow)]
+        if name in self.next:
+            following = self.next[name]
+            lines += [f"[flows.{name}.next]", f"label = {following.label:#x}",
+                      f"from_peer = {{ {self._signature(following.down_in)} }}",
+                      self._to_peer(following)]
         # A comma may not end an inline table.
         return "\n".join(line.replace(", }", " }") for line in lines) + "\n"
+
+    def _to_peer(self, flow: Flow) -> str:
+        return f"to_peer = {{ {self._signature(flow.down_out)} label = {flow.down_label} }}"
 
     def _signature(self, key: Optional[Key]) -> str:
         if key is None:

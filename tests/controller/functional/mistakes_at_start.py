@@ -119,6 +119,13 @@ def _short_key(trial: Trial) -> None:
                  'from_peer = { key = "abcd" }')
 
 
+def _unchanged_key(trial: Trial) -> None:
+    key = "1234567890abcdef1234567890abcdef"
+    trial.append(f'[flows.carol]\nlabel = 3\nupstream = "127.0.0.1:5000"\n'
+                 f'from_peer = {{ key = "{key}" }}\n'
+                 f'next = {{ label = 4, from_peer = {{ key = "{key}" }} }}')
+
+
 def _checked(make: Make) -> Make:
     def checked(trial: Trial) -> None:
         make(trial)
@@ -133,6 +140,9 @@ CHECK = Section("`vesk-controller --check FILE`", False, [
     Mistake("a short key: `from_peer = { key = \"abcd\" }`", _checked(_short_key),
             ("warn controller: 1 key is shorter than 16 bytes and can be guessed: "
              "flows.carol.from_peer",), Traffic.NOTHING, 0),
+    Mistake("the old key again: `next = { ..., from_peer = { key = ... } }`", _checked(_unchanged_key),
+            ("warn controller: 1 key in next equals that of the flow, so the old key stays valid: "
+             "flows.carol.next.from_peer",), Traffic.NOTHING, 0),
     Mistake("standard output is on a full disk",
             _checked(_prefix("sh", "-c", 'exec "$@" >/dev/full', "sh")),
             ("error controller: the commands cannot be written to standard output",),

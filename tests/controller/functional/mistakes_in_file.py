@@ -84,6 +84,33 @@ KEYS = FileSection("Keys", [
                 'flows.carol.from_peer.algorithm must be one of "sha256", "sha1"'),
 ])
 
+_PEERS_KEY = _from_peer('key = "1234567890abcdef1234567890abcdef"') + "\n"
+
+NEXT = FileSection("The next label and keys of a flow", [
+    FileMistake("label of another flow", _CAROL + "next = { label = 2 }",
+                "flows.carol.next.label is already used by flows.bob"),
+    FileMistake("the same label", _CAROL + "next = { label = 3 }",
+                "flows.carol.next.label is already used by flows.carol"),
+    FileMistake("label missing", _CAROL + "next = {}", "flows.carol.next.label is missing"),
+    FileMistake("key of the peer missing", _PEERS_KEY + "next = { label = 4 }",
+                "flows.carol.next.from_peer has no key, but the flow has one, which is not inherited"),
+    FileMistake("key that is not usable", _CAROL + 'next = { label = 4, to_peer = { key = "abc" } }',
+                "flows.carol.next.to_peer.key is not usable: the key has an odd number of hex digits"),
+    FileMistake("another upstream service", _CAROL + 'next = { label = 4, upstream = "127.0.0.1:1" }',
+                "flows.carol.next.upstream is not a known key"),
+    FileMistake("the same source", _CAROL + 'source = "127.0.0.1:5001"\nnext = { label = 4 }',
+                "flows.carol.next.source is needed and must differ from that of the flow: only with "
+                "multiplex two labels can share it"),
+    FileMistake("the same upstream label of a multiplexed flow",
+                _CAROL + "multiplex = true\nnext = { label = 4 }",
+                "flows.carol.next.to_upstream needs a label that differs from that of the flow: with "
+                "multiplex the label of a reply selects its flow"),
+    FileMistake("auxiliary prefix missing",
+                _CAROL + "auxiliary = { prefix = 9, upstream_label = 1 }\nnext = { label = 4 }",
+                "flows.carol.next.auxiliary is missing: a prefix belongs to one label, so that of the "
+                "flow is not inherited"),
+])
+
 SETTINGS = FileSection("Other tables", [
     FileMistake("misspelled table", "[flow.carol]", "flow is not a known key"),
     FileMistake("misspelled setting", "enabeld = false", "metrics.enabeld is not a known key",
@@ -139,4 +166,4 @@ FLEET = FileSection("Index and peers from elsewhere", [
                 "lateral.resolve_seconds must be an integer from 1 to 86400"),
 ])
 
-SECTIONS = (SYNTAX, FLOWS, KEYS, SETTINGS, FLEET)
+SECTIONS = (SYNTAX, FLOWS, KEYS, NEXT, SETTINGS, FLEET)

@@ -217,5 +217,23 @@ TEST(ExpositionTest, LargeNumbersAreExact) {
                 HasSubstr("vesk_downstream_received_datagrams_total 9007199254740992\n"));
 }
 
+TEST(ExpositionTest, ShowsBothGenerationsOfARotation) {
+    ControllerState state = running();
+    EXPECT_THAT(text({}, state), Not(HasSubstr("vesk_rotation")));
+    state.rotations = {{"alice", 0x10001, 0x10002,
+                        std::chrono::system_clock::time_point(std::chrono::milliseconds(1500)),
+                        false, 7, 8}};
+    const std::string page = text({}, state);
+    const std::string received =
+        "\nvesk_rotation_received_datagrams_total{flow=\"alice\",generation=";
+    EXPECT_THAT(page, HasSubstr(received + "\"current\",label=\"0x10001\"} 7\n"));
+    EXPECT_THAT(page, HasSubstr(received + "\"next\",label=\"0x10002\"} 8\n"));
+    const std::string flow = "{flow=\"alice\",label=\"0x10001\"} ";
+    EXPECT_THAT(page, HasSubstr("\nvesk_rotation_start_timestamp_seconds" + flow + "1.5\n"));
+    EXPECT_THAT(page, HasSubstr("\nvesk_rotation_old_label_deleted" + flow + "0\n"));
+    state.rotations.front().deleted = true;
+    EXPECT_THAT(text({}, state), HasSubstr("\nvesk_rotation_old_label_deleted" + flow + "1\n"));
+}
+
 }  // namespace
 }  // namespace vesk::controller

@@ -7,9 +7,10 @@
 // `@listening DOWNSTREAM LATERAL` (0 or 1 each), `@kernel N` (each figure of the kernel is N) and
 // `@event` (one log event of each kind), `@instances N` (N instances in all), `@steering N`
 // (each counter of the steering is N), `@fragments N` (a fragment has an error if N is 1) and
-// `@peer RESOLVED` (0 or 1, of peer 0) stand for calls of the controller; each other line is a line
-// of the child's log. It writes `report` for each report, `line TEXT` for each line outside of
-// reports, and `done` for each line that begins with @.
+// `@peer RESOLVED` (0 or 1, of peer 0), `@rotation RECEIVED NEXT` (of a flow, since the epoch)
+// stand for calls of the controller; each other line is a line of the child's log. It writes
+// `report` for each report, `line TEXT` for each line outside of reports, and `done` for each line
+// that begins with @.
 #include <cstdint>
 #include <iostream>
 #include <map>
@@ -89,6 +90,8 @@ void act(vesk::controller::MetricsServer& server, const std::string& line) {
         addInstances(server, first);
     } else if (word == "@fragments") {
         server.setFragmentErrors({{"10-alice.toml", first != 0}});
+    } else if (word == "@rotation") {
+        server.setRotations({{"alice", 0x10001, 0x10002, {}, false, first, second}});
     } else if (word == "@steering") {
         server.setSteering({true, {first, first, first, first}});
     } else if (word == "@peer") {

@@ -54,6 +54,11 @@ _CASES: Dict[str, Case] = {
     "VeskFragmentError": case({'vesk_fragment_errors{fragment="10-alice.toml"}': "1x120"},
                               {'vesk_fragment_errors{fragment="10-alice.toml"}': "1x100 0x20"},
                               fragment="10-alice.toml"),
+    # The time of the test begins at 0.
+    "VeskRotationLong": case(
+        {'vesk_rotation_start_timestamp_seconds{flow="alice",label="0x1"}': "-604000x120"},
+        {'vesk_rotation_start_timestamp_seconds{flow="alice",label="0x1"}': "-603000x120"},
+        flow="alice", label="0x1"),
     # One answer that is missing does not fire the alert.
     "VeskPeerUnresolved": case({'vesk_lateral_peer_resolved{peer="2"}': "1x60 0x60",
                                 'vesk_lateral_peer_resolved{peer="1"}': "1x120"},

@@ -59,6 +59,7 @@ def probe(start_probe: Callable[..., Probe]) -> Probe:
     started.act("instances 2")
     started.act("steering 1")
     started.act("peer 1")
+    started.act("rotation 1 1")
     started.act("fragments 1")
     started.tell(report(1))
     assert started.act("settle") == ["report"]
@@ -153,9 +154,10 @@ def test_prometheus_answers_the_queries_of_dashboard_and_alerts(
         prometheus.wait_for_series(asked)
     fired = {rule.name for rule in alert_rules().values() if prometheus.query(rule.expression)}
     # The child is up, its flow is active and its report is new, but it refuses and drops many
-    # datagrams, the kernel drops some at its sockets, and a fragment has an error.
+    # datagrams, the kernel drops some at its sockets, a fragment has an error, and a rotation is old.
     assert fired == {"VeskDatagramsRefused", "VeskDatagramsDropped", "VeskReceiveBufferFull",
-                     "VeskHostBufferErrors", "VeskConntrackFull", "VeskFragmentError"}
+                     "VeskHostBufferErrors", "VeskConntrackFull", "VeskFragmentError",
+                     "VeskRotationLong"}
 
 
 def test_the_dashboard_can_be_imported() -> None:

@@ -168,5 +168,28 @@ TEST(ConfigurationChanges, StartARefusedLateralStreamAgain) {
     EXPECT_THAT(result.waiting, IsEmpty());
 }
 
+TEST(ConfigurationChanges, OfANextLabelLeaveBothLabelsAlone) {
+    const std::string old =
+        flow("a", 1, "from_peer = { key = \"01\" }\nto_upstream = { key = \"0a\" }");
+    const std::string both =
+        old + "next = { label = 2, from_peer = { key = \"02\" }, to_upstream = { dscp = 1 } }\n";
+    EXPECT_THAT(linesBetween(old, both),
+                ElementsAre("set label 0x2 up_ip 127.0.0.1 up_port 1 down_in_key 02 "
+                            "down_in_algo sha256 up_out_key 0a up_out_algo sha256 up_out_dscp_v4 1 "
+                            "up_out_dscp_v6 1"));
+    // The file in which next is the flow itself deletes the old label, and only that.
+    EXPECT_THAT(linesBetween(both,
+                             "[flows.a]\nlabel = 2\nupstream = \"127.0.0.1:1\"\n"
+                             "from_peer = { key = \"02\" }\n"
+                             "to_upstream = { key = \"0a\", dscp = 1 }\n"),
+                ElementsAre("del label 0x1"));
+    EXPECT_THAT(linesBetween(both, old), ElementsAre("del label 0x2"));
+}
+
+TEST(ConfigurationChanges, NameTheNextOfAFlow) {
+    EXPECT_EQ(listSubjects(changes("", flow("a", 1, "next = { label = 2 }")).commands),
+              "flow a, next of flow a");
+}
+
 }  // namespace
 }  // namespace vesk::controller

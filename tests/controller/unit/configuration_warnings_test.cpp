@@ -136,5 +136,60 @@ TEST(ConfigurationWarnings, DoNotShowANameThatMayBeAKey) {
                 AllOf(isOneWarningWith("1 flow has no key"), showsNowhere("7e7e")));
 }
 
+const std::string nextKeys =
+    "from_peer = { key = \"0a0a0a0a0a0a0a0a0a0a0a0a0a0a0a0a\" }\n"
+    "to_upstream = { key = \"0b0b0b0b0b0b0b0b0b0b0b0b0b0b0b0b\" }\n";
+
+TEST(ConfigurationWarnings, NameKeysThatANextDoesNotChange) {
+    // What next does not give is inherited, and no mistake.
+    EXPECT_THAT(
+        warningsBesides(warnedFlow("a", 1,
+                                   nextKeys + "next = { label = 2, from_peer = "
+                                              "{ key = \"1a1a1a1a1a1a1a1a1a1a1a1a1a1a1a1a\" } }")),
+        hasNoWarning());
+    EXPECT_THAT(
+        warningsBesides(
+            warnedFlow("a", 1,
+                       nextKeys + "[flows.a.next]\nlabel = 2\nfrom_peer = "
+                                  "{ key = \"0A0A0A0A0A0A0A0A0A0A0A0A0A0A0A0A\" }\nto_upstream = "
+                                  "{ key = \"0b0b0b0b0b0b0b0b0b0b0b0b0b0b0b0b\" }")),
+        AllOf(isOneWarningWith("2 keys in next equal that of the flow, so the old key stays valid",
+                               "flows.a.next.from_peer, flows.a.next.to_upstream"),
+              showsNowhere("0a0a")));
+    EXPECT_THAT(
+        warningsBesides(warnedFlow("a", 1,
+                                   nextKeys + "next = { label = 2, from_peer = "
+                                              "{ key = \"0b0b0b0b0b0b0b0b0b0b0b0b0b0b0b0b\" } }")),
+        isOneWarningWith("1 key is used for several",
+                         "flows.a.to_upstream and flows.a.next.from_peer"));
+}
+
+TEST(ConfigurationWarnings, NameANextWithoutAnyKey) {
+    EXPECT_THAT(warningsOf(warnedFlow("a", 1, "next = { label = 2 }") + std::string(everywhere)),
+                isOneWarningWith("2 flows have no key", "a, next of a"));
+}
+
+TEST(ConfigurationWarnings, NameFlowsWhoseOldLabelMayLookSilent) {
+    const std::string settings =
+        "[forwarder]\ncleanup_interval = 9\n[controller]\nstats_seconds = 10\n";
+    EXPECT_THAT(warningsBesides(settings + warnedFlow("a", 1, "next = { label = 2 }") +
+                                warnedFlow("b", 3, "next = { label = 4, rotate_seconds = 0 }")),
+                isOneWarningWith("forwarder.cleanup_interval is below controller.stats_seconds, so "
+                                 "1 flow with a next may look silent and lose the old label too "
+                                 "early: a"));
+    EXPECT_THAT(warningsBesides("[forwarder]\ncleanup_interval = 10\n" +
+                                warnedFlow("a", 1, "next = { label = 2 }")),
+                hasNoWarning());
+}
+
+TEST(ConfigurationWarnings, NameANextThatBelongsToAnotherInstance) {
+    EXPECT_THAT(
+        warningsBesides("[lateral]\naddress = \"127.0.0.1\"\nport = 4600\nindex = 0\n"
+                        "instances = 2\npeers = [{ index = 1, address = \"127.0.0.2\" }]\n" +
+                        warnedFlow("a", 1, "next = { label = 0x10001 }")),
+        isOneWarningWith("1 label or prefix belongs to another instance",
+                         "flows.a.next (label 0x10001, instance 1)"));
+}
+
 }  // namespace
 }  // namespace vesk::controller

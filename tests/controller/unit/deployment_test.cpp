@@ -236,5 +236,14 @@ TEST(Deployment, ForgetsRefusalsWithTheForwarder) {
     EXPECT_FALSE(deployment.refusals().downstream);
 }
 
+TEST(Deployment, DeletesOneFlow) {
+    Deployment deployment = deployed(listeningWith(flowA + flowB), {"set"});
+    ASSERT_EQ(deployment.remove(1).size(), 1U);
+    EXPECT_THAT(deployment.refusals().flows, ElementsAre(2U));
+    EXPECT_THAT(deployment.flowNames(), ElementsAre(Pair(2U, "b")));
+    EXPECT_EQ(toLine(deployment.remove(2).front()), "del label 0x2");
+    EXPECT_THAT(deployment.remove(2), IsEmpty());
+}
+
 }  // namespace
 }  // namespace vesk::controller

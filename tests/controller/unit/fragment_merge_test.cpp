@@ -100,5 +100,30 @@ TEST_F(FragmentMergeTest, ChecksSourcesOfSeveralInstances) {
                     "30-c.toml:4: flows.c.source has one of downstream.instance_ports"));
 }
 
+TEST_F(FragmentMergeTest, TakesTheNextOfAFlow) {
+    write("00-base.toml", std::string(listening));
+    write("10-a.toml", flowTable("a", 1, "next = { label = 2 }\n"));
+    write("20-b.toml", flowTable("b", 3, "next = { label = 4 }\n"));
+    EXPECT_THAT(read(), ElementsAre(1U, 2U, 3U, 4U));
+    EXPECT_TRUE(reading.complete);
+    EXPECT_TRUE(reading.configuration->flows.at(4).isNext);
+
+    write("30-c.toml", flowTable("c", 5, "next = { label = 4 }\n") + flowTable("d", 2));
+    EXPECT_THAT(read(), ElementsAre(1U, 2U, 3U, 4U));
+    EXPECT_THAT(errors(), ElementsAre("30-c.toml:4: flows.c.next.label is already used by "
+                                      "flows.b.next in 20-b.toml:4",
+                                      "30-c.toml:6: flows.d.label is already used by flows.a.next "
+                                      "in 10-a.toml:4"));
+}
+
+TEST_F(FragmentMergeTest, DropsTheNextWithItsFlow) {
+    write("00-base.toml", std::string(listening));
+    write("20-a.toml", flowTable("a", 1, "next = { label = 2 }\n"));
+    read();
+    write("10-b.toml", flowTable("b", 1));
+    EXPECT_THAT(read(), ElementsAre(1U));
+    EXPECT_EQ(reading.configuration->flows.at(1).name, "b");
+}
+
 }  // namespace
 }  // namespace vesk::controller

@@ -192,5 +192,26 @@ TEST(Instances, RefuseASourceThatIsOneOfTheirPortsOrShared) {
         HasSubstr("flows.a.source is also that of flows.a"));
 }
 
+TEST(InstanceConfigurations, HaveANextByItsOwnLabel) {
+    const std::vector<Configuration> parts = partsOf(file(
+        "instance_ports = [4501, 4503]\n" + flow("a", "0x20001", "next = { label = 0x10001 }")));
+    EXPECT_THAT(parts[0].flows, ElementsAre(Key(0x20001U)));
+    EXPECT_THAT(parts[1].flows, ElementsAre(Key(0x10001U)));
+    EXPECT_TRUE(parts[1].flows.at(0x10001).isNext);
+}
+
+TEST(Instances, RefuseANextOfAnotherInstanceThatSharesTheSource) {
+    const std::string shared = "multiplex = true\nsource = \"127.0.0.1:7000\"\n";
+    EXPECT_THAT(problemsOf(file("instance_ports = [4501, 4503]\n" +
+                                flow("a", "0x20001",
+                                     shared + "next = { label = 0x10001, "
+                                              "to_upstream = { label = 9 } }"))),
+                HasSubstr("flows.a.next.source is also that of flows.a, which belongs to another"));
+    EXPECT_THAT(
+        problemsOf(file("instance_ports = [4501, 4503]\n" +
+                        flow("a", "1", "next = { label = 2, source = \"127.0.0.1:4502\" }"))),
+        HasSubstr("flows.a.next.source has one of downstream.instance_ports"));
+}
+
 }  // namespace
 }  // namespace vesk::controller

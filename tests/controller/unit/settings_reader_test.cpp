@@ -61,6 +61,7 @@ TEST(SettingsReader, ReadsTheControllersAndTheMetricsTables) {
         stats_seconds = 3
         log_limit = false
         answer_seconds = 4
+        rotate_seconds = 31536000
         strict = true
         [metrics]
         enabled = false
@@ -75,6 +76,7 @@ TEST(SettingsReader, ReadsTheControllersAndTheMetricsTables) {
     EXPECT_TRUE(configuration.supervision.strict);
     EXPECT_EQ(configuration.supervision.stats, std::chrono::seconds(3));
     EXPECT_EQ(configuration.supervision.answer, std::chrono::seconds(4));
+    EXPECT_EQ(configuration.supervision.rotate, std::chrono::seconds(31536000));
     EXPECT_FALSE(configuration.supervision.logLimit);
     EXPECT_EQ(configuration.metrics, (MetricsSettings{false, "127.0.0.2", 1, true, true}));
 }
@@ -83,6 +85,7 @@ TEST(SettingsReader, EndsAtOnceAndIsNotStrictByDefault) {
     const SupervisionSettings settings = listeningWith("").supervision;
     EXPECT_EQ(settings.leave, std::chrono::seconds(0));
     EXPECT_FALSE(settings.strict);
+    EXPECT_EQ(settings.rotate, std::chrono::hours(1));
 }
 
 TEST(SettingsReader, AcceptsIpv6AddressesForTheMetrics) {
@@ -137,6 +140,8 @@ INSTANTIATE_TEST_SUITE_P(
         BadSetting{"[forwarder]\ncolour = 1", "2: forwarder.colour is not a known key"},
         BadSetting{"[controller]\nrestart_pause_ms = 0", "restart_pause_ms must be an integer"},
         BadSetting{"[controller]\nrestart_pause_ms = 40000", "restart_pause_max_ms is below"},
+        BadSetting{"[controller]\nrotate_seconds = 31536001",
+                   "rotate_seconds must be an integer from 0 to 31536000"},
         BadSetting{"[controller]\nstats_seconds = 0", "stats_seconds must be an integer"},
         BadSetting{"[controller]\nanswer_seconds = 0", "answer_seconds must be an integer"},
         BadSetting{"[controller]\ndrain_seconds = -1", "drain_seconds must be an integer"},

@@ -44,5 +44,28 @@ TEST(DatagramPoolTest, EachDatagramIsNumberedAndSignedForItsFlow) {
     }
 }
 
+TEST(DatagramPoolTest, AGenerationFollowsAnotherWithTheSameFlows) {
+    auto plans = threeFlows();
+    FlowPlanOptions next;
+    next.flows = 3;
+    next.labelBase = 0x20000;
+    next.seed = 2;
+    for (const FlowPlan& plan : makeFlowPlans(next)) {
+        plans.push_back(plan);
+    }
+    const DatagramPool pool(udpV2, plans, 100, 6, 1, 2);
+    EXPECT_EQ(pool.size(), 6U);
+    ASSERT_EQ(pool.numbers(), 12U);
+    for (std::size_t number = 0; number < pool.numbers(); ++number) {
+        const FlowPlan& plan = plans[number / 6 * 3 + number % 3];
+        EXPECT_EQ(pool.flowOf(number), number % 3);
+        EXPECT_EQ(pool.planOf(number).label, plan.label);
+        EXPECT_EQ(pool.numberIn(pool.reply(number)), number);
+        EXPECT_EQ(readLabel(udpV2, pool.request(number)), plan.label);
+        OneCallHmac requests(plan.downIn);
+        EXPECT_TRUE(checkDatagram(requests, udpV2, pool.request(number), udpV2.headerSize));
+    }
+}
+
 }  // namespace
 }  // namespace vesk::bench

@@ -1,0 +1,3 @@
+module vesk.example/framing
+
+go 1.19
