@@ -11,8 +11,10 @@ from typing import List, Tuple
 
 import pytest
 
+from framework.faults import faulty_start
 from framework.timing import scaled, wait_until
 from framework.traffic import figures, generator, run_generator
+from framework.udp import free_port
 from framework.unchanged_relay import Message, UnchangedRelay, label_of
 from framework.vesk_process import binary
 
@@ -147,3 +149,10 @@ def test_a_signal_ends_a_run_with_a_forwarder_of_its_own_at_once() -> None:
         printed, _ = process.communicate(timeout=scaled(10))
     assert process.returncode == -signal.SIGTERM
     assert not printed
+
+
+def test_a_wait_that_fails_ends_the_run(tmp_path: Path) -> None:
+    done = run_generator("--port", free_port(), "--upstream-port", free_port(),
+                         before=faulty_start(tmp_path / "trace", "epoll_pwait2:error=ENOSYS"))
+    assert done.returncode == 2
+    assert done.stderr == "vesk-traffic: epoll_pwait2: Function not implemented\n"

@@ -3,6 +3,7 @@
 from __future__ import annotations
 
 import gzip
+import hashlib
 import io
 import json
 import os
@@ -29,6 +30,7 @@ class ImageArchive:
             self.config = self._json(archive, self._blob(self.manifest["config"]["digest"]))
             (layer,) = self.manifest["layers"]
             self.blobs = {member.name for member in archive if member.isfile() and "/blobs/" in member.name}
+            self.checksums = {f"sha256:{hashlib.sha256(self._read(archive, name)).hexdigest()}" for name in self.blobs}
             self._layer = tarfile.open(fileobj=io.BytesIO(gzip.decompress(
                 self._read(archive, self._blob(layer["digest"])))))
 

@@ -3,12 +3,15 @@
 from __future__ import annotations
 
 import hashlib
+import io
 import json
 import os
 import re
 import subprocess
+import tarfile
 from pathlib import Path
 from typing import Any, Dict, List
+from urllib.parse import unquote
 
 import pytest
 
@@ -77,19 +80,49 @@ def test_references_name_components_once(bills: List[Json]) -> None:
 @pytest.mark.parametrize("arch", ["amd64", "arm64"])
 def test_that_of_an_image_lists_its_packages(release: Path, arch: str) -> None:
     image = ImageArchive(find_image(release, arch))
-    inside = {name.rsplit("/", 1)[1] for name in image.names() if "status.d/" in name}
-    components = _bill(image.path)["components"]
-    assert {item["name"] for item in components} == inside | {"libcli11-dev"}
-    for item in components:
-        assert item["version"] and f"@{item['version'].split('+')[0].split(':')[0]}" in item["purl"]
+    inside = {name.rsplit("/", 1)[1]: _version(image.file(name).decode())
+              for name in image.names() if "status.d/" in name}
+    components = {item["name"]: item for item in _bill(image.path)["components"]}
+    # The library of headers is in no package of the image.
+    assert components.pop("libcli11-dev")["version"]
+    assert {name: item["version"] for name, item in components.items()} == inside
+    for item in components.values():
+        assert unquote(re.split("[@?]", item["purl"])[1]) == item["version"]
 
 
 def test_that_of_a_package_lists_its_files_and_needs(release: Path) -> None:
     for package in release.glob("*.deb"):
         components = _bill(package)["components"]
-        listed = subprocess.run(["dpkg-deb", "--contents", str(package)], stdout=subprocess.PIPE, text=True,
-                                check=True).stdout.splitlines()
-        files = {line.split(maxsplit=5)[5][1:] for line in listed if line.startswith("-")}
-        assert {item["name"] for item in components if item["type"] == "file"} == files
-        needed = "libvesk-framing1" if package.name.startswith("libvesk-framing-dev_") else "libc6"
-        assert needed in {item["name"] for item in components if item["type"] == "library"}
+        assert {item["name"]: item["hashes"] for item in components if item["type"] == "file"} == {
+            name: [{"alg": "SHA-256", "content": digest}] for name, digest in _files(package).items()}
+        needed = {item["name"]: item["properties"] for item in components if "properties" in item}
+        assert needed == {name: [{"name": "debian:version", "value": version}]
+                          for name, version in _dependencies(package).items()}
+        assert needed
+
+
+def _version(control: str) -> str:
+    (found,) = re.findall(r"(?m)^Version: (.*)$", control)
+    return str(found)
+
+
+def _files(package: Path) -> Dict[str, str]:
+    """The checksum of each file of a package, by its path on the host."""
+    found = {}
+    with tarfile.open(fileobj=io.BytesIO(_output("dpkg-deb", "--fsys-tarfile", package))) as archive:
+        for member in archive:
+            file = archive.extractfile(member) if member.isfile() else None
+            if file is not None:
+                found[member.name[1:]] = hashlib.sha256(file.read()).hexdigest()
+    return found
+
+
+def _dependencies(package: Path) -> Dict[str, str]:
+    """The lowest version, or "", of each package that a package needs; of alternatives, of the first one."""
+    first = (word.split("|")[0].split(maxsplit=1)
+             for word in _output("dpkg-deb", "--field", package, "Depends").decode().strip().split(","))
+    return {name: " ".join(version).strip(" ()") for name, *version in first}
+
+
+def _output(*words: object) -> bytes:
+    return subprocess.run([str(word) for word in words], stdout=subprocess.PIPE, check=True).stdout

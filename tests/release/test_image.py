@@ -81,6 +81,11 @@ def test_no_blob_is_left_over(image: ImageArchive) -> None:
     assert len(image.blobs) == 3, "manifest, configuration and layer"
 
 
+def test_each_blob_is_named_by_its_checksum(image: ImageArchive) -> None:
+    assert image.digest in image.checksums
+    assert {f"sha256:{name.rpartition('/')[2]}" for name in image.blobs} == image.checksums
+
+
 def test_second_build_has_the_same_digest(image: ImageArchive) -> None:
     again = ImageArchive(Path(os.environ["VESK_SECOND_IMAGES"]) / image.path.name)
     assert again.digest == image.digest

@@ -71,6 +71,10 @@ void TrafficEnds::serve(std::int64_t patience) {
     std::array<epoll_event, batchSize> ready;
     const timespec timeout{patience / nanosecondsPerSecond, patience % nanosecondsPerSecond};
     const int count = ::epoll_pwait2(watched_.get(), ready.data(), ready.size(), &timeout, nullptr);
+    // A signal may end the measured time.
+    if (count < 0 && errno != EINTR) {
+        throw std::system_error(errno, std::generic_category(), "epoll_pwait2");
+    }
     for (int i = 0; i < count; ++i) {
         const std::uint32_t name = ready[static_cast<std::size_t>(i)].data.u32;
         if (name == serviceName) {

@@ -99,10 +99,11 @@ class Follower:
             os.killpg(self._process.pid, signal.SIGTERM)
             self._process.wait()
 
-    def start(self) -> None:
+    def start(self, *prefix: str) -> None:
+        """Starts the script, by the prefix if there is one."""
         with self._log.open("wb") as log:
-            self._process = subprocess.Popen([str(_SCRIPT), PREFIX.rstrip("/"), str(self.folder)], stdout=log,
-                                             stderr=log, env=self._environment, start_new_session=True)
+            self._process = subprocess.Popen([*prefix, str(_SCRIPT), PREFIX.rstrip("/"), str(self.folder)],
+                                             stdout=log, stderr=log, env=self._environment, start_new_session=True)
 
     def log(self) -> str:
         return self._log.read_text(encoding="utf-8", errors="replace")

@@ -30,6 +30,15 @@ def test_the_folder_is_filled_at_the_start_and_follows_changes(cluster: Cluster,
     assert follower.files() == ["alice.key", "bob.toml"]
 
 
+def test_a_change_arrives_if_the_script_was_started_in_the_background(cluster: Cluster, follower: Follower) -> None:
+    """By a shell, which lets it ignore SIGINT."""
+    cluster.put("alice.toml", "before")
+    follower.start("env", "--ignore-signal=INT")
+    follower.wait_for("alice.toml", "before")
+    cluster.put("alice.toml", "after")
+    follower.wait_for("alice.toml", "after")
+
+
 def test_a_file_is_replaced_not_rewritten(cluster: Cluster, follower: Follower) -> None:
     cluster.put("alice.toml", "first")
     follower.start()
