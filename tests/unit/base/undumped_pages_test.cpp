@@ -35,12 +35,12 @@ std::string flagsOf(const void* place) {
 
 /// Whether a page that is excluded without UndumpedPages is shown as excluded.
 bool exclusionIsShown() {
-    constexpr std::size_t size = 4096;
+    constexpr std::size_t pageSize = 4096;
     void* const page =
-        mmap(nullptr, size, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
-    EXPECT_EQ(madvise(page, size, MADV_DONTDUMP), 0);
+        mmap(nullptr, pageSize, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+    EXPECT_EQ(madvise(page, pageSize, MADV_DONTDUMP), 0);
     const bool shown = flagsOf(page).find(" dd") != std::string::npos;
-    munmap(page, size);
+    munmap(page, pageSize);
     return shown;
 }
 
