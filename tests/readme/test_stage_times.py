@@ -45,18 +45,18 @@ def ends(process: int) -> bool:
 def test_every_stage_has_a_row(tmp_path: Path) -> None:
     done = run_all_tests(tmp_path, "exit 0")
     assert (done.returncode, done.stderr) == (0, "")
-    assert list(table(done.stdout)) == ["setup", "release build", "asan build", "release tests",
-                                        "tsan build", "asan tests", "tsan tests", "all"]
+    assert list(table(done.stdout)) == ["setup", "release build", "sanitizer builds", "release tests",
+                                        "asan tests", "tsan tests", "all"]
 
 
 def test_processor_time_includes_the_children_of_the_stage(tmp_path: Path) -> None:
     rows = table(run_all_tests(tmp_path, "exit 0", COMPUTE).stdout)
     processor = {name: row[0] for name, row in rows.items()}
-    assert processor["asan build"] >= 0.2, rows
-    assert processor["all"] >= processor["asan build"]
-    assert rows["asan build"][1] >= 0.2, rows
-    others = set(processor) - {"asan build", "all"}
-    assert all(processor[name] < processor["asan build"] for name in others), rows
+    assert processor["sanitizer builds"] >= 0.2, rows
+    assert processor["all"] >= processor["sanitizer builds"]
+    assert rows["sanitizer builds"][1] >= 0.2, rows
+    others = set(processor) - {"sanitizer builds", "all"}
+    assert all(processor[name] < processor["sanitizer builds"] for name in others), rows
 
 
 def test_the_table_ends_with_a_failed_stage(tmp_path: Path) -> None:
@@ -64,7 +64,7 @@ def test_the_table_ends_with_a_failed_stage(tmp_path: Path) -> None:
     assert done.returncode == 8
     rows = list(table(done.stdout))
     # The build beside the tests may have been ended before it began.
-    assert [row for row in rows if row != "asan build"] == ["setup", "release build", "release tests", "all"]
+    assert [row for row in rows if row != "sanitizer builds"] == ["setup", "release build", "release tests", "all"]
 
 
 def test_a_failed_test_ends_the_build_beside_it(tmp_path: Path) -> None:
@@ -78,4 +78,4 @@ def test_a_failed_test_ends_the_build_beside_it(tmp_path: Path) -> None:
 def test_a_build_that_fails_beside_tests_fails_the_run(tmp_path: Path) -> None:
     done = run_all_tests(tmp_path, "exit 0", """case "$*" in --build*asan*) exit 3 ;; esac""")
     assert done.returncode == 3
-    assert list(table(done.stdout)) == ["setup", "release build", "asan build", "release tests", "all"]
+    assert list(table(done.stdout)) == ["setup", "release build", "sanitizer builds", "release tests", "all"]
